@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace zu3host {
+
+/** Sound on this platform: 48 kHz, two channels, 16 bits, little-endian, interleaved. */
+inline constexpr uint32_t pcm_rate = 48000;
+inline constexpr uint32_t pcm_channels = 2;
+inline constexpr uint32_t pcm_frame_bytes = 4; /**< one sample of both channels */
+
+/** Whether any audio capture is started in this process. */
+bool audio_capture_running();
+
+/**
+ * A reader of the process's audio capture with a position of its own. Sound is gathered while at least one audio
+ * capture is started; the reader begins where it was made. Where nothing is heard it reads silence, at the
+ * rate of the clock. A reader that comes late loses the oldest, which is counted in the statistics. One thread at a
+ * time uses a reader.
+ */
+class PcmReader {
+public:
+    virtual ~PcmReader() = default;
+
+    /** Bytes that can be read now, a multiple of pcm_frame_bytes. */
+    virtual size_t level() = 0;
+    /** Moves up to `size` bytes out; returns their number. Does not wait. */
+    virtual size_t read(void* dst, size_t size) = 0;
+    /** When the next byte to be read was heard, microseconds of the monotonic clock. */
+    virtual int64_t time_of_next_us() = 0;
+};
+
+std::unique_ptr<PcmReader> make_pcm_reader();
+
+} // namespace zu3host

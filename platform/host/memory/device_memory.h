@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace zu3host {
+
+/**
+ * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that an address
+ * fits the u32 fields of the contract. Physical numbers are unique in the process and never reused. Thread-safe.
+ */
+struct MemoryBlock {
+    uint64_t phys; /**< physical address of the first byte, 4096-aligned */
+    uint8_t* virt; /**< where the block is mapped; below 4 GiB */
+    uint32_t size; /**< bytes, as asked for */
+    int fd;        /**< the block's own descriptor, close-on-exec; stays the block's */
+};
+
+/** Allocates `size` zeroed bytes; nothing when there is no memory or no room below 4 GiB. */
+std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size);
+/** Unmaps and closes the block that starts at `phys`; false when there is none. */
+bool free_block(uint64_t phys);
+/** The block that contains a physical address. */
+std::optional<MemoryBlock> block_of_phys(uint64_t phys);
+/** The block that contains a virtual address. */
+std::optional<MemoryBlock> block_of_virt(uint64_t virt);
+
+} // namespace zu3host

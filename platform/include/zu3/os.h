@@ -1,0 +1,129 @@
+/**
+ * Operating-system services of the middleware: mutexes, tasks, delays, system time, address conversion and
+ * IOMMU memory. Ids are s32 with -1 meaning none. All functions may be called from any thread.
+ */
+#ifndef ZU3_OS_H
+#define ZU3_OS_H
+
+#include "zu3/types.h"
+
+ZU_EXTERN_C_BEGIN
+
+/** Given to ZU_OS_CreateMutex. */
+typedef struct {
+    const char* pName; /**< NUL-terminated, read during the call only */
+    u32 u32Reserved;   /**< 0 */
+} ZU_OS_MutexAttr_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_MutexAttr_t, 8);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_MutexAttr_t, u32Reserved, 4);
+
+/** Entry of a task; the task ends when it returns. */
+typedef void (*ZU_OS_TaskEntry)(void* pArg);
+
+/** Given to ZU_OS_CreateTask. */
+typedef struct {
+    ZU_OS_TaskEntry pfnEntry;
+    void* pArg;         /**< handed to the entry as it stands; owned by the task once the creation succeeded */
+    u32 u32Priority;    /**< scheduling class, 4 = the middleware's default for media tasks */
+    u8 bAutoStart;      /**< 1 = runnable at once */
+    u8 au8Reserved[3];  /**< 0 */
+    void* pStack;       /**< stack block, owned by the creator and valid until ZU_OS_DeleteTask returned */
+    u32 u32StackSize;   /**< its size in bytes */
+    const char* pName;  /**< NUL-terminated, read during the call only */
+} ZU_OS_TaskAttr_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_TaskAttr_t, 28);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, u32Priority, 8);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, bAutoStart, 12);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, pStack, 16);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, u32StackSize, 20);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, pName, 24);
+
+/** Creates an unlocked, non-recursive mutex; writes its id, which is 0 or more. */
+u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId);
+/** Waits up to `u32TimeoutMs` milliseconds; 0 only when the caller holds the mutex afterwards. */
+u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs);
+/** Only the thread that obtained the mutex releases it. */
+u32 ZU_OS_ReleaseMutex(s32 s32MutexId);
+u32 ZU_OS_DeleteMutex(s32 s32MutexId);
+
+/** Creates a task and writes its id, which is 1 or more. The entry may run before this returns. */
+u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId);
+/**
+ * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never runs. When
+ * it has returned, the task executes nothing more and its stack may be freed. Not for the calling task itself.
+ */
+u32 ZU_OS_DeleteTask(s32 s32TaskId);
+/** Blocks the calling thread for `u32Ms` milliseconds. */
+u32 ZU_OS_DelayTask(u32 u32Ms);
+
+/** Writes the system time in milliseconds, an opaque start for ZU_OS_TimerDiffTimeFromNow. */
+u32 ZU_OS_GetSystemTime(u32* pu32StartMs);
+/** Writes the milliseconds passed since `u32StartMs`, modulo 2^32. */
+u32 ZU_OS_TimerDiffTimeFromNow(u32 u32StartMs, u32* pu32ElapsedMs);
+
+/** Physical to virtual address through the uncached mapping; writes the address on success. */
+u32 ZU_OS_Pa2NonCachedVa(u64 u64PhyAddr, u64* pu64VirtAddr);
+/** Physical to virtual address through the cached mapping; writes the address on success. */
+u32 ZU_OS_Pa2CachedVa(u64 u64PhyAddr, u64* pu64VirtAddr);
+/** Virtual to physical address, for an address of either mapping. */
+u32 ZU_OS_Va2Pa(u64 u64VirtAddr, u64* pu64PhyAddr);
+/** Writes the data cache back over a virtual range of `u32Size` bytes. */
+u32 ZU_OS_DcacheFlush(u64 u64VirtAddr, u32 u32Size);
+/** Drains the write buffers between CPU and memory. */
+u32 ZU_OS_FlushMemory(void);
+
+/** IOMMU allocation: the caller fills everything but the address. */
+typedef struct {
+    char acTag[32];      /**< NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
+    u32 u32Size;         /**< bytes */
+    u32 u32Flags;        /**< 3 = a block that both capture and CPU reach */
+    u8 bSecure;          /**< 0 */
+    u8 au8Reserved[7];   /**< 0 */
+    u64 u64PhyAddr;      /**< out: physical address of the block */
+} ZU_OS_IommuAlloc_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuAlloc_t, 56);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u32Size, 32);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u32Flags, 36);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, bSecure, 40);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u64PhyAddr, 48);
+
+typedef struct {
+    u64 u64PhyAddr;  /**< as ZU_OS_AllocateIommuMemory wrote it */
+    u32 u32Size;     /**< the size that was allocated, bytes */
+    u32 u32Reserved; /**< 0 */
+} ZU_OS_IommuFree_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuFree_t, 16);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuFree_t, u32Size, 8);
+
+/** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD and _PUT_BUFFD. */
+typedef struct {
+    u64 u64PhyAddr;  /**< GET: physical address inside the block whose descriptor is wanted */
+    s32 s32Fd;       /**< GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
+    u32 u32Reserved; /**< 0 */
+} ZU_OS_IommuBufFd_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufFd_t, 16);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuBufFd_t, s32Fd, 8);
+
+/** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO. */
+typedef struct {
+    u64 u64PhyAddr;      /**< in: a physical address inside the block */
+    u64 u64StartPhyAddr; /**< out: physical start of the block that contains it */
+    u64 u64Reserved;     /**< 0 */
+} ZU_OS_IommuBufInfo_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufInfo_t, 24);
+ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuBufInfo_t, u64StartPhyAddr, 8);
+
+typedef enum {
+    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD = 0,   /**< ZU_OS_IommuBufFd_t; each GET is undone by one PUT */
+    E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD = 1,   /**< ZU_OS_IommuBufFd_t */
+    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO = 2 /**< ZU_OS_IommuBufInfo_t */
+} ZU_OS_IommuOperationType_e;
+
+/** Allocates a physically contiguous block, 4096-aligned and zeroed; writes its physical address. */
+u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc);
+u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree);
+u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord);
+
+ZU_EXTERN_C_END
+
+#endif

@@ -1,0 +1,34 @@
+/** System initialisation and the device's fixed memory layout. */
+#ifndef ZU3_SYS_H
+#define ZU3_SYS_H
+
+#include "zu3/types.h"
+
+ZU_EXTERN_C_BEGIN
+
+enum {
+    /** Memory-layout region of the transport-stream multiplexer's output buffer. */
+    ZU_SYS_MMAP_ID_TSMUX_OUTPUT = 306
+};
+
+/** One region of the memory layout, filled by ZU_SYS_GetMmapLayout. */
+typedef struct {
+    u8 au8Reserved0[8];
+    u64 phyMiuBaseAddr; /**< base address that phyMemAddr is relative to */
+    u64 phyMemAddr;     /**< address of the region relative to phyMiuBaseAddr */
+    u32 u32RegionSize;  /**< bytes; 0 = the device has no such region */
+    u8 au8Reserved1[44];
+} ZU_SYS_MmapLayout_t;
+ZU_ASSERT_DEVICE_SIZE(ZU_SYS_MmapLayout_t, 72);
+ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, phyMiuBaseAddr, 8);
+ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, phyMemAddr, 16);
+ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, u32RegionSize, 24);
+
+/** Brings the middleware up; once per process, before any module is initialised. `u32Flags` is 0. */
+u32 ZU_SYS_Init(u32 u32Flags);
+/** Describes region `u32Id`; a region that the device lacks fails or has a size of 0. */
+u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout);
+
+ZU_EXTERN_C_END
+
+#endif
