@@ -1,0 +1,165 @@
+/**
+ * Covers the X display of DISPLAY with moving content whose fixed parts a test can check.
+ *
+ *   moving_screen [--fps N] [--seconds N] [--noise] [--static]
+ *
+ *   --fps N      pictures per second, 30 unless said
+ *   --seconds N  end after so long; unless said, when the display dies or the program is killed
+ *   --noise      random pixels everywhere, new ones in every picture: what costs an encoder most
+ *   --static     draw one picture and leave it
+ *
+ * Fixed in every picture, in pixels from the top left corner (what a small display has no room for is cut
+ * off):
+ *
+ *   x  64..191, y 64..191   pure red   (255, 0, 0)
+ *   x 256..383, y 64..191   pure white (255, 255, 255)
+ *   x 448..575, y 64..191   pure black (0, 0, 0)
+ *   x  64..575, y 224..239  the picture's number: 32 squares of 16 x 16, lowest bit at the left, white = 1;
+ * on black from x 48, y 208 to x 591, y 255
+ *
+ * Prints "ready" once the first picture is on the screen. Exit code 1 when the display cannot be reached.
+ */
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string_view>
+
+#include "x_screen.h"
+
+namespace {
+
+struct Options {
+    int fps = 30;
+    int seconds = 0;
+    bool noise = false;
+    bool still = false;
+};
+
+bool parse(int argc, char** argv, Options& options)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "--noise")
+            options.noise = true;
+        else if (argument == "--static")
+            options.still = true;
+        else if (argument == "--fps" && i + 1 < argc)
+            options.fps = atoi(argv[++i]);
+        else if (argument == "--seconds" && i + 1 < argc)
+            options.seconds = atoi(argv[++i]);
+        else
+            return false;
+    }
+    return options.fps > 0 && options.seconds >= 0;
+}
+
+class MovingScreen {
+public:
+    MovingScreen(XScreen& screen, bool noise)
+        : screen_(screen), picture_(screen.new_pixmap(screen.width, screen.height))
+    {
+        if (noise)
+            for (xcb_pixmap_t& pixmap : noise_)
+                pixmap = new_noise();
+    }
+
+    /** Draws picture `number` out of sight and shows it at once, so that no capture sees half of it. */
+    void show(uint32_t number)
+    {
+        if (noise_[0])
+            draw_noise(number);
+        else
+            draw_shapes(number);
+        draw_fixed(number);
+        screen_.copy(picture_, screen_.window, 0, 0, {0, 0, screen_.width, screen_.height});
+    }
+
+private:
+    static constexpr uint16_t noise_margin = 256;
+
+    xcb_pixmap_t new_noise()
+    {
+        const auto width = static_cast<uint16_t>(screen_.width + noise_margin);
+        const auto height = static_cast<uint16_t>(screen_.height + noise_margin);
+        std::vector<uint32_t> pixels(size_t{width} * height);
+        std::generate(pixels.begin(), pixels.end(),
+                      [this] { return static_cast<uint32_t>(random_()) & 0xffffff; });
+        const xcb_pixmap_t pixmap = screen_.new_pixmap(width, height);
+        screen_.put(pixmap, pixels, width);
+        return pixmap;
+    }
+
+    // The server holds the noise already: a picture costs a copy there from a random place.
+    void draw_noise(uint32_t number)
+    {
+        screen_.copy(noise_[number % std::size(noise_)], picture_,
+                     static_cast<int16_t>(random_() % noise_margin),
+                     static_cast<int16_t>(random_() % noise_margin), {0, 0, screen_.width, screen_.height});
+    }
+
+    void draw_shapes(uint32_t number)
+    {
+        screen_.fill(picture_, 0x304050, {0, 0, screen_.width, screen_.height});
+        const int bar_pitch = 120;
+        const int phase = static_cast<int>(number * 4 % bar_pitch);
+        for (int x = phase - bar_pitch, i = 0; x < screen_.width; x += bar_pitch, ++i)
+            screen_.fill(
+                picture_, 0x208040u + static_cast<uint32_t>(i) * 0x0f1b2du % 0x606060u,
+                {static_cast<int16_t>(x), 272, 60, static_cast<uint16_t>(std::max(screen_.height - 272, 1))});
+        const int range = std::max(screen_.width - 96, 1);
+        const int travelled = static_cast<int>(number * 7 % static_cast<uint32_t>(2 * range));
+        const auto x = static_cast<int16_t>(travelled < range ? travelled : 2 * range - travelled);
+        screen_.fill(picture_, 0xe0c020, {x, static_cast<int16_t>(screen_.height / 2 + 64), 96, 96});
+    }
+
+    void draw_fixed(uint32_t number)
+    {
+        screen_.fill(picture_, 0xff0000, {64, 64, 128, 128});
+        screen_.fill(picture_, 0xffffff, {256, 64, 128, 128});
+        screen_.fill(picture_, 0x000000, {448, 64, 128, 128});
+        screen_.fill(picture_, 0x000000, {48, 208, 544, 48});
+        for (int bit = 0; bit < 32; ++bit)
+            if (number >> bit & 1)
+                screen_.fill(picture_, 0xffffff, {static_cast<int16_t>(64 + 16 * bit), 224, 16, 16});
+    }
+
+    XScreen& screen_;
+    xcb_pixmap_t picture_;
+    std::minstd_rand random_{20};
+    xcb_pixmap_t noise_[4] = {};
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!parse(argc, argv, options)) {
+        fprintf(stderr, "usage: moving_screen [--fps N] [--seconds N] [--noise] [--static]\n");
+        return 2;
+    }
+    XScreen screen;
+    if (!screen.alive()) {
+        fprintf(stderr, "moving_screen: the display of DISPLAY cannot be reached\n");
+        return 1;
+    }
+    MovingScreen content(screen, options.noise);
+    content.show(0);
+    screen.finish();
+    puts("ready");
+    fflush(stdout);
+
+    const int64_t start = XScreen::now_ns();
+    const int64_t end = options.seconds ? start + options.seconds * int64_t{1'000'000'000} : INT64_MAX;
+    if (options.still) {
+        screen.wait_until(end);
+        return 0;
+    }
+    for (uint32_t number = 1;; ++number) {
+        const int64_t due = start + number * int64_t{1'000'000'000} / options.fps;
+        if (due >= end || !screen.wait_until(due))
+            return 0;
+        content.show(number);
+        screen.flush();
+    }
+}
