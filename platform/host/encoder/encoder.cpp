@@ -1,0 +1,191 @@
+#include "encoder/encoder.h"
+
+#include "capture/picture_leases.h"
+#include "log/host_log.h"
+#include "statistics/counters.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace zu3host {
+namespace {
+
+// A stop must not wait for a callback that is blocked until the stop has returned.
+constexpr std::chrono::milliseconds time_to_drain{150};
+
+bool inject_is_allowed()
+{
+    const char* wish = std::getenv("ZU3_INJECT");
+    return !wish || std::strcmp(wish, "0") != 0;
+}
+
+} // namespace
+
+Encoder::Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
+                 std::unique_ptr<X264Encoder> x264)
+    : callback_(params.pfnCallback), user_data_(params.pUserData), settings_(settings),
+      x264_(std::move(x264)), lent_(settings.layout.picture_bytes()),
+      size_while_open_(std::in_place, settings.size)
+{
+}
+
+Encoder::~Encoder()
+{
+    close();
+}
+
+Encoder::Picture Encoder::Queue::pop()
+{
+    const Picture picture = pictures_[first_];
+    first_ = (first_ + 1) % capacity;
+    --used_;
+    return picture;
+}
+
+uint32_t Encoder::start(uint32_t handle)
+{
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::Running)
+        return ZU_OK;
+    if (state_ == State::Draining || state_ == State::Closed)
+        return ZU_FAILURE;
+    handle_ = handle;
+    ++session_;
+    key_due_ = true;
+    state_ = State::Running;
+    changed_.notify_all();
+    return ZU_OK;
+}
+
+void Encoder::stop()
+{
+    std::unique_lock lock(mutex_);
+    if (state_ == State::Running)
+        state_ = State::Draining;
+    if (state_ == State::Draining && std::this_thread::get_id() != thread_id_)
+        changed_.wait_for(lock, time_to_drain,
+                          [this] { return state_ != State::Draining || (queue_.empty() && !busy_); });
+    if (state_ != State::Draining && state_ != State::Opened)
+        return;
+    state_ = State::Stopped;
+    drop_queue();
+    changed_.notify_all();
+}
+
+uint32_t Encoder::close()
+{
+    if (std::this_thread::get_id() == thread_id_) {
+        HOST_LOGE("An encoder cannot be closed out of its own callback");
+        return ZU_FAILURE;
+    }
+    stop();
+    {
+        const std::lock_guard lock(mutex_);
+        state_ = State::Closed;
+        changed_.notify_all();
+    }
+    const std::lock_guard lock(close_mutex_);
+    if (thread_.joinable())
+        thread_.join();
+    size_while_open_.reset();
+    return ZU_OK;
+}
+
+uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
+{
+    const std::lock_guard lock(mutex_);
+    uint8_t* data = lent_.lend();
+    if (!data)
+        return lent_.all_in_use() ? ZU_BUSY : ZU_FAILURE;
+    buffer.pu8Data = data;
+    buffer.u32DataSize = static_cast<uint32_t>(settings_.layout.picture_bytes());
+    return ZU_OK;
+}
+
+uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
+{
+    const std::lock_guard lock(mutex_);
+    const uint32_t result = admit(buffer);
+    if (result != ZU_OK) {
+        count(counters().pictures_refused);
+        return result;
+    }
+    changed_.notify_all();
+    return ZU_OK;
+}
+
+uint32_t Encoder::admit(const ZU_VENC_InputBuffer_t& buffer)
+{
+    if (!address_is_known(buffer))
+        return ZU_INVALID_ARGUMENT;
+    const Picture picture{buffer.pu8Data, buffer.u64Pts, buffer.u32InBufIndex, buffer.bRequestIFrame != 0,
+                          buffer.bEntireInject != 0};
+    if (!picture.injected)
+        lent_.complete();
+    const bool accepting = state_ == State::Opened || state_ == State::Running;
+    if (!accepting || queue_.full()) {
+        if (!picture.injected)
+            lent_.release(picture.data);
+        return accepting ? ZU_BUSY : ZU_FAILURE;
+    }
+    if (picture.injected)
+        lease_picture(picture.data);
+    queue_.push(picture);
+    return ZU_OK;
+}
+
+bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
+{
+    const size_t bytes = settings_.layout.picture_bytes();
+    const bool known =
+        buffer.bEntireInject ? region_.contains(buffer.pu8Data, bytes) : lent_.is_lent(buffer.pu8Data);
+    if (known && buffer.u32DataSize >= bytes)
+        return true;
+    if (!std::exchange(warned_of_address_, true))
+        HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s", buffer.u32DataSize,
+                  static_cast<const void*>(buffer.pu8Data), bytes,
+                  buffer.bEntireInject ? "its inject buffer" : "the buffer that it lent");
+    return false;
+}
+
+void Encoder::give_back(const Picture& picture)
+{
+    if (picture.injected)
+        return_picture(picture.data);
+    else
+        lent_.release(picture.data);
+}
+
+void Encoder::drop_queue()
+{
+    while (!queue_.empty()) {
+        give_back(queue_.pop());
+        count(counters().pictures_refused);
+    }
+}
+
+uint32_t Encoder::offer_inject_region(ZU_VENC_EntireInjectBuf_t& region)
+{
+    region = {};
+    if (!settings_.inject || !inject_is_allowed())
+        return ZU_OK;
+    const std::lock_guard lock(mutex_);
+    // Without memory for it the pictures are copied, which is no failure.
+    region_.allocate(settings_.layout.picture_bytes());
+    region.u32VirtAddr = region_.address();
+    region.u32Size = region_.size();
+    return ZU_OK;
+}
+
+uint32_t Encoder::set_bitrate(uint32_t bitrate)
+{
+    if (bitrate == 0)
+        return ZU_INVALID_ARGUMENT;
+    const std::lock_guard lock(mutex_);
+    new_rate_ = EncoderRate::of(bitrate);
+    return ZU_OK;
+}
+
+} // namespace zu3host

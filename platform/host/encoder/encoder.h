@@ -1,0 +1,131 @@
+#pragma once
+
+#include "encoder/encoder_settings.h"
+#include "encoder/input_memory.h"
+#include "encoder/open_encoder_scopes.h"
+#include "encoder/x264_encoder.h"
+#include "zu3/venc.h"
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace zu3host {
+
+/**
+ * An open encoder: takes pictures on any thread, encodes them on a thread of its own and hands the frames to
+ * the callback there. It never waits for whoever delivers pictures, and who delivers never waits for it: a
+ * full queue refuses. Every call may come from any thread, also out of the callback, except close(). Results
+ * are ZU_* codes.
+ */
+class Encoder {
+public:
+    /** Opens x264 and starts the thread; null when either fails, which is logged. */
+    static std::shared_ptr<Encoder> open(const ZU_VENC_OpenParams_t& params);
+    /** Closes. */
+    ~Encoder();
+
+    /**
+     * Encodes from now on, what was taken before the first start included; begins with a key frame. `handle`
+     * is what the callback is told.
+     */
+    uint32_t start(uint32_t handle);
+    /**
+     * Takes no more pictures, lets those in the queue be encoded if that is soon done, and drops the rest. No
+     * callback begins after it returned; one may still be running.
+     */
+    void stop();
+    /** Stops and joins the thread, so waits for a callback that is running; ZU_FAILURE out of the callback
+     * itself. */
+    uint32_t close();
+
+    /** Lends an input buffer; ZU_BUSY when none is free. */
+    uint32_t lend(ZU_VENC_InputBuffer_t& buffer);
+    /**
+     * Takes a filled picture: the lent buffer, or one in the inject region, which is leased until it is
+     * encoded.
+     * @return ZU_INVALID_ARGUMENT for any other address or too few bytes, ZU_FAILURE when stopped, ZU_BUSY
+     * when the queue is full; in every case the picture is not encoded and counted as refused
+     */
+    uint32_t take(const ZU_VENC_InputBuffer_t& buffer);
+    /** Describes the inject region, allocated at the first call; address 0 where none is offered. */
+    uint32_t offer_inject_region(ZU_VENC_EntireInjectBuf_t& region);
+    /** From the next picture on; `bitrate` in units of 1024 bit/s, not 0. */
+    uint32_t set_bitrate(uint32_t bitrate);
+
+private:
+    struct Picture {
+        uint8_t* data;
+        uint64_t pts;
+        uint32_t index;
+        bool as_key;
+        bool injected;
+    };
+    /** A first-in first-out row of pictures in place. */
+    class Queue {
+    public:
+        static constexpr size_t capacity = LentBuffers::count;
+        bool empty() const { return used_ == 0; }
+        bool full() const { return used_ == capacity; }
+        size_t size() const { return used_; }
+        void push(const Picture& picture) { pictures_[(first_ + used_++) % capacity] = picture; }
+        Picture pop();
+
+    private:
+        std::array<Picture, capacity> pictures_{};
+        size_t first_ = 0;
+        size_t used_ = 0;
+    };
+    /** What the thread does next. */
+    struct Work {
+        Picture picture;
+        std::optional<EncoderRate> rate;
+        uint32_t session;
+        uint32_t handle;
+    };
+    enum class State { Opened, Running, Draining, Stopped, Closed };
+
+    Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
+            std::unique_ptr<X264Encoder> x264);
+
+    uint32_t admit(const ZU_VENC_InputBuffer_t& buffer);
+    bool address_is_known(const ZU_VENC_InputBuffer_t& buffer);
+    void give_back(const Picture& picture);
+    void drop_queue();
+
+    void run();
+    std::optional<Work> next_work();
+    std::optional<AccessUnit> encode(const Work& work);
+    void deliver(const Work& work, const AccessUnit& unit);
+    bool may_deliver(uint32_t session);
+
+    const ZU_VENC_Callback callback_;
+    void* const user_data_;
+    const EncoderSettings settings_;
+    const std::unique_ptr<X264Encoder> x264_; // used on the thread only
+
+    std::mutex mutex_; // guards all below; a leaf but for the picture leases and the block table
+    std::condition_variable changed_;
+    State state_ = State::Opened;
+    uint32_t handle_ = 0;
+    uint32_t session_ = 0; // counts starts: a frame of an earlier one is not handed out in a later one
+    bool busy_ = false;    // the thread is between a picture and the end of its callback
+    bool key_due_ = true;
+    bool warned_of_address_ = false;
+    bool warned_of_x264_ = false;
+    std::optional<EncoderRate> new_rate_;
+    LentBuffers lent_;
+    InjectRegion region_;
+    Queue queue_;
+
+    std::optional<OpenSize> size_while_open_;
+    std::thread::id thread_id_; // set before any other thread knows the encoder
+    std::mutex close_mutex_; // held by the one who joins
+    std::thread thread_;
+};
+
+} // namespace zu3host

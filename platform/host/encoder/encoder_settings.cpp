@@ -1,0 +1,101 @@
+#include "encoder/encoder_settings.h"
+
+#include "log/host_log.h"
+
+#include <algorithm>
+#include <array>
+
+namespace zu3host {
+namespace {
+
+constexpr uint64_t most_bits_of_any_level = 240'000'000; // MaxBR of level 6 and above, Main profile
+constexpr uint32_t default_frame_rate = 30;
+
+// Ten times level_idc; 9 x 10 + 11 would be unreadable, so level 1b goes by 101.
+constexpr std::array known_levels{100u, 101u, 110u, 120u, 130u, 200u, 210u, 220u, 300u,
+                                  310u, 320u, 400u, 410u, 420u, 500u, 510u, 520u};
+constexpr std::array known_profiles{66u, 77u, 100u};
+
+bool size_is_possible(uint32_t width, uint32_t height)
+{
+    if (width < min_encoder_size || height < min_encoder_size || width > max_encoder_width ||
+        height > max_encoder_height) {
+        HOST_LOGE("The encoder cannot encode %ux%u: sizes reach from %ux%u to %ux%u", width, height,
+                  min_encoder_size, min_encoder_size, max_encoder_width, max_encoder_height);
+        return false;
+    }
+    if (width % 2 != 0 || height % 2 != 0) {
+        HOST_LOGE("The encoder cannot encode %ux%u: width and height must be even", width, height);
+        return false;
+    }
+    return true;
+}
+
+bool format_is_possible(const ZU_VENC_OpenParams_t& params)
+{
+    if (params.eCodecType != E_ZU_VENC_CODEC_H264) {
+        HOST_LOGE("The encoder knows no codec %u: only 1 (H.264) is there", params.eCodecType);
+        return false;
+    }
+    if (params.eColorFormat != E_ZU_VENC_COLOR_COPY && params.eColorFormat != E_ZU_VENC_COLOR_INJECT) {
+        HOST_LOGE("The encoder knows no colour format %u: only 0 and 6 (both NV12) are there",
+                  params.eColorFormat);
+        return false;
+    }
+    return true;
+}
+
+bool stream_is_possible(const ZU_VENC_OpenParams_t& params)
+{
+    if (params.u32FrameRate > max_encoder_frame_rate) {
+        HOST_LOGE("The encoder cannot encode %u pictures per second: at most %u", params.u32FrameRate,
+                  max_encoder_frame_rate);
+        return false;
+    }
+    if (params.u32Profile != 0 && std::ranges::count(known_profiles, params.u32Profile) == 0) {
+        HOST_LOGE("The encoder knows no profile_idc %u: only 66, 77 and 100", params.u32Profile);
+        return false;
+    }
+    if (params.u32Level != 0 && std::ranges::count(known_levels, params.u32Level) == 0) {
+        HOST_LOGE("The encoder knows no level %u: levels are ten times level_idc, 100 to 520",
+                  params.u32Level);
+        return false;
+    }
+    return true;
+}
+
+bool callback_is_there(const ZU_VENC_OpenParams_t& params)
+{
+    if (params.pfnCallback && (params.u32EventMask & ZU_VENC_EVENT_FRAME))
+        return true;
+    HOST_LOGE("The encoder needs a callback and a wish for encoded frames in its event mask");
+    return false;
+}
+
+} // namespace
+
+EncoderRate EncoderRate::of(uint32_t bitrate)
+{
+    const uint64_t bits = uint64_t{bitrate} * 1024;
+    if (bits == 0 || bits > most_bits_of_any_level)
+        return {.as_needed = true, .kilobits = 0};
+    return {.as_needed = false, .kilobits = static_cast<int>(std::max<uint64_t>(bits / 1000, 1))};
+}
+
+std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params)
+{
+    if (!format_is_possible(params) || !size_is_possible(params.u32Width, params.u32Height) ||
+        !stream_is_possible(params) || !callback_is_there(params))
+        return std::nullopt;
+    return EncoderSettings{
+        .size = {params.u32Width, params.u32Height},
+        .layout = PictureLayout::of(params.u32Width, params.u32Height),
+        .frame_rate = params.u32FrameRate == 0 ? default_frame_rate : params.u32FrameRate,
+        .rate = EncoderRate::of(params.u32Bitrate),
+        .profile = params.u32Profile,
+        .level = params.u32Level,
+        .inject = params.eColorFormat == E_ZU_VENC_COLOR_INJECT,
+    };
+}
+
+} // namespace zu3host

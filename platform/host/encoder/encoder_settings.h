@@ -1,0 +1,45 @@
+#pragma once
+
+#include "common/picture_layout.h"
+#include "encoder/open_encoders.h"
+#include "zu3/venc.h"
+
+#include <cstdint>
+#include <optional>
+
+namespace zu3host {
+
+/** The sizes and rates of an encoder; UHD counts in full, also with its lines rounded up to 32. */
+inline constexpr uint32_t min_encoder_size = 64;
+inline constexpr uint32_t max_encoder_width = 3840;
+inline constexpr uint32_t max_encoder_height = 2176;
+inline constexpr uint32_t max_encoder_frame_rate = 120;
+
+/** How many bits the stream may have. */
+struct EncoderRate {
+    bool as_needed; /**< constant quality under a ceiling instead of a rate */
+    int kilobits;   /**< 1000 bit/s, at least 1; of no meaning with as_needed */
+    bool operator==(const EncoderRate&) const = default;
+
+    /**
+     * `bitrate` is in units of 1024 bit/s. 0, and what no level of ISO/IEC 14496-10 Annex A allows, leave the
+     * choice to the encoder.
+     */
+    static EncoderRate of(uint32_t bitrate);
+};
+
+/** What an encoder was opened with, checked: every value lies in the range that the encoder handles. */
+struct EncoderSettings {
+    PictureSize size;
+    PictureLayout layout;
+    uint32_t frame_rate; /**< 1 to max_encoder_frame_rate */
+    EncoderRate rate;
+    uint32_t profile; /**< profile_idc 66, 77 or 100; 0 = the encoder's choice */
+    uint32_t level;   /**< ten times level_idc, 101 = level 1b; 0 = the encoder's choice */
+    bool inject;      /**< pictures may come in the entire inject buffer */
+};
+
+/** Checks the record; what cannot be done is logged as a sentence, and nothing is returned. */
+std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params);
+
+} // namespace zu3host

@@ -1,0 +1,68 @@
+#include "encoder/open_encoders.h"
+
+#include "common/picture_layout.h"
+#include "encoder/open_encoder_scopes.h"
+
+#include <algorithm>
+#include <mutex>
+#include <ranges>
+#include <vector>
+
+namespace zu3host {
+namespace {
+
+// Never destroyed: an encoder may still be open when the process ends.
+struct Sizes {
+    std::mutex mutex;
+    std::vector<const PictureSize*> open; // oldest first
+};
+
+Sizes& sizes()
+{
+    static Sizes& instance = *new Sizes;
+    return instance;
+}
+
+thread_local std::optional<uint64_t> frame_time;
+
+} // namespace
+
+OpenSize::OpenSize(PictureSize size) : size_(size)
+{
+    const std::lock_guard lock(sizes().mutex);
+    sizes().open.push_back(&size_);
+}
+
+OpenSize::~OpenSize()
+{
+    const std::lock_guard lock(sizes().mutex);
+    std::erase(sizes().open, &size_);
+}
+
+std::optional<PictureSize> exact_size_of_open_encoder(uint32_t width16, uint32_t height32)
+{
+    const std::lock_guard lock(sizes().mutex);
+    for (const PictureSize* size : std::views::reverse(sizes().open)) {
+        const PictureLayout layout = PictureLayout::of(size->width, size->height);
+        if (layout.stride == width16 && layout.lines == height32)
+            return *size;
+    }
+    return std::nullopt;
+}
+
+FrameTimeInCallback::FrameTimeInCallback(uint64_t pts)
+{
+    frame_time = pts;
+}
+
+FrameTimeInCallback::~FrameTimeInCallback()
+{
+    frame_time.reset();
+}
+
+std::optional<uint64_t> time_of_frame_in_callback()
+{
+    return frame_time;
+}
+
+} // namespace zu3host

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "encoder/x264_parameters.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace zu3host {
+
+/** One encoded access unit, ISO/IEC 14496-10 Annex B; the bytes are x264's and live until its next call. */
+struct AccessUnit {
+    uint8_t* data;
+    uint32_t size;
+    bool key; /**< an IDR picture */
+};
+
+/** An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a time. */
+class X264Encoder {
+public:
+    /** Opens one; null when x264 refuses, which is then logged. */
+    static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
+
+    /** Encodes the NV12 picture at `picture`, which is no longer needed when this returns. */
+    std::optional<AccessUnit> encode(uint8_t* picture, bool as_key);
+    /**
+     * Takes a new rate from the next picture on. Between a rate and "as needed" x264 cannot change its
+     * control, so a new encoder takes over, which begins with an IDR picture. False = the old rate stays.
+     */
+    bool set_rate(EncoderRate rate);
+
+private:
+    struct Closer {
+        void operator()(x264_t* encoder) const { x264_encoder_close(encoder); }
+    };
+    using Handle = std::unique_ptr<x264_t, Closer>;
+
+    explicit X264Encoder(const EncoderSettings& settings) : settings_(settings) {}
+    bool reopen();
+
+    EncoderSettings settings_;
+    X264Log log_; // before encoder_: x264 may still log while it is closed
+    Handle encoder_;
+    int64_t next_pts_ = 0;
+};
+
+} // namespace zu3host

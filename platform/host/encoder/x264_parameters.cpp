@@ -1,0 +1,135 @@
+#include "encoder/x264_parameters.h"
+
+#include "log/host_log.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+namespace zu3host {
+namespace {
+
+constexpr unsigned most_messages = 8; // some of x264's warnings come with every picture
+
+// Good enough that text on a screen stays sharp; the ceiling is what the writer of a recording can move.
+constexpr float quality_as_needed = 23.0f;
+constexpr int ceiling_kilobits = 4500;
+
+constexpr uint32_t seconds_between_key_frames = 2; // what a player has to decode after a seek
+
+constexpr int smpte_170m = 6; // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
+
+const char* preset()
+{
+    const char* name = std::getenv("ZU3_X264_PRESET");
+    if (!name)
+        return "veryfast";
+    for (const char* const* known = x264_preset_names; *known; ++known)
+        if (std::strcmp(*known, name) == 0)
+            return *known;
+    HOST_LOGW("ZU3_X264_PRESET names no preset of x264 (\"%s\"); taking \"veryfast\"", name);
+    return "veryfast";
+}
+
+std::optional<int> number_from_environment(const char* name, int least, int most)
+{
+    const char* text = std::getenv(name);
+    if (!text)
+        return std::nullopt;
+    int value = 0;
+    const char* end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, value);
+    if (error == std::errc{} && stop == end && value >= least && value <= most)
+        return value;
+    HOST_LOGW("%s is no number from %d to %d (\"%s\"); it is ignored", name, least, most, text);
+    return std::nullopt;
+}
+
+void set_colours(x264_param_t& parameters)
+{
+    parameters.vui.b_fullrange = 0;
+    parameters.vui.i_colorprim = smpte_170m;
+    parameters.vui.i_transfer = smpte_170m;
+    parameters.vui.i_colmatrix = smpte_170m;
+}
+
+void set_stream_form(x264_param_t& parameters)
+{
+    parameters.b_annexb = 1;
+    parameters.b_aud = 1;
+    parameters.b_repeat_headers = 1;
+    parameters.b_open_gop = 0;
+    parameters.i_nal_hrd =
+        X264_NAL_HRD_NONE; // a rate that changes in mid-stream would make its promise false
+}
+
+void set_timing(x264_param_t& parameters, uint32_t frame_rate)
+{
+    parameters.b_vfr_input = 0;
+    parameters.i_fps_num = frame_rate;
+    parameters.i_fps_den = 1;
+    parameters.i_timebase_num = 1;
+    parameters.i_timebase_den = frame_rate;
+    const int distance = static_cast<int>(seconds_between_key_frames * frame_rate);
+    parameters.i_keyint_max = number_from_environment("ZU3_X264_KEYINT", 1, 1 << 20).value_or(distance);
+}
+
+void set_profile_and_level(x264_param_t& parameters, uint32_t profile, uint32_t level)
+{
+    x264_param_apply_profile(&parameters, profile == 66 ? "baseline" : profile == 77 ? "main" : "high");
+    if (level != 0)
+        parameters.i_level_idc = level == 101 ? 9 : static_cast<int>(level / 10); // 9 is x264's level 1b
+}
+
+android_LogPriority priority_of(int x264_level)
+{
+    if (x264_level <= X264_LOG_ERROR)
+        return ANDROID_LOG_ERROR;
+    return x264_level == X264_LOG_WARNING ? ANDROID_LOG_WARN : ANDROID_LOG_DEBUG;
+}
+
+} // namespace
+
+void X264Log::write(void* self, int level, const char* format, va_list arguments)
+{
+    if (static_cast<X264Log*>(self)->written_.fetch_add(1, std::memory_order_relaxed) >= most_messages)
+        return;
+    char line[256];
+    std::vsnprintf(line, sizeof(line), format, arguments);
+    line[std::strcspn(line, "\n")] = '\0';
+    __android_log_print(priority_of(level), "zu3", "x264: %s", line);
+}
+
+x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
+{
+    x264_param_t parameters;
+    x264_param_default_preset(&parameters, preset(), "zerolatency");
+    parameters.pf_log = &X264Log::write;
+    parameters.p_log_private = &log;
+    parameters.i_log_level = X264_LOG_WARNING;
+    parameters.i_csp = X264_CSP_NV12;
+    parameters.i_width = static_cast<int>(settings.size.width);
+    parameters.i_height = static_cast<int>(settings.size.height);
+    if (const auto threads = number_from_environment("ZU3_X264_THREADS", 1, 16))
+        parameters.i_threads = *threads;
+    set_colours(parameters);
+    set_stream_form(parameters);
+    set_timing(parameters, settings.frame_rate);
+    set_rate(parameters, settings.rate);
+    set_profile_and_level(parameters, settings.profile, settings.level);
+    return parameters;
+}
+
+void set_rate(x264_param_t& parameters, EncoderRate rate)
+{
+    const int ceiling = rate.as_needed ? ceiling_kilobits : rate.kilobits;
+    parameters.rc.i_rc_method = rate.as_needed ? X264_RC_CRF : X264_RC_ABR;
+    parameters.rc.f_rf_constant = quality_as_needed;
+    parameters.rc.i_bitrate = rate.kilobits;
+    parameters.rc.i_vbv_max_bitrate = ceiling;
+    parameters.rc.i_vbv_buffer_size = ceiling; // one second
+}
+
+} // namespace zu3host
