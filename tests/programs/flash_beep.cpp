@@ -188,6 +188,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "flash_beep: the sound server cannot be reached\n");
         return 1;
     }
+    screen.show();
     screen.finish();
     puts("ready");
     fflush(stdout);

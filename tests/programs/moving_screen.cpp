@@ -1,12 +1,13 @@
 /**
  * Covers the X display of DISPLAY with moving content whose fixed parts a test can check.
  *
- *   moving_screen [--fps N] [--seconds N] [--noise] [--static]
+ *   moving_screen [--fps N] [--seconds N] [--noise] [--static] | --check
  *
  *   --fps N      pictures per second, 30 unless said
  *   --seconds N  end after so long; unless said, when the display dies or the program is killed
  *   --noise      random pixels everywhere, new ones in every picture: what costs an encoder most
  *   --static     draw one picture and leave it
+ *   --check      draw nothing, only try whether the display can be reached
  *
  * Fixed in every picture, in pixels from the top left corner (what a small display has no room for is cut
  * off):
@@ -33,6 +34,7 @@ struct Options {
     int seconds = 0;
     bool noise = false;
     bool still = false;
+    bool check = false;
 };
 
 bool parse(int argc, char** argv, Options& options)
@@ -43,6 +45,8 @@ bool parse(int argc, char** argv, Options& options)
             options.noise = true;
         else if (argument == "--static")
             options.still = true;
+        else if (argument == "--check")
+            options.check = true;
         else if (argument == "--fps" && i + 1 < argc)
             options.fps = atoi(argv[++i]);
         else if (argument == "--seconds" && i + 1 < argc)
@@ -135,7 +139,7 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parse(argc, argv, options)) {
-        fprintf(stderr, "usage: moving_screen [--fps N] [--seconds N] [--noise] [--static]\n");
+        fprintf(stderr, "usage: moving_screen [--fps N] [--seconds N] [--noise] [--static] | --check\n");
         return 2;
     }
     XScreen screen;
@@ -143,7 +147,10 @@ int main(int argc, char** argv)
         fprintf(stderr, "moving_screen: the display of DISPLAY cannot be reached\n");
         return 1;
     }
+    if (options.check)
+        return 0;
     MovingScreen content(screen, options.noise);
+    screen.show();
     content.show(0);
     screen.finish();
     puts("ready");

@@ -35,8 +35,10 @@ public:
         gc_ = xcb_generate_id(x());
         const uint32_t no_exposures = 0;
         xcb_create_gc(x(), gc_, window, XCB_GC_GRAPHICS_EXPOSURES, &no_exposures);
-        xcb_map_window(x(), window);
     }
+
+    /** Shows the window. */
+    void show() { xcb_map_window(x(), window); }
 
     /** False once the display cannot be reached or has gone away. */
     bool alive() const { return xcb_connection_has_error(x()) == 0; }

@@ -1,0 +1,58 @@
+#!/bin/sh
+# Installs what is missing of the Debian packages that this project needs; costs nothing when nothing is missing.
+#
+#   scripts/install_dependencies.sh GROUP...
+#
+#   build    what the library, the host layer, the client and the test programs are built with
+#   display  a display without a screen, for a machine that has none
+#   test     what the tests and the cross build need besides
+set -eu
+
+packages_of() {
+    case "$1" in
+    build)
+        echo g++ ninja-build pkg-config libx264-dev libyuv-dev libbitstream-dev libxcb1-dev libxcb-shm0-dev \
+            libxcb-xfixes0-dev libxcb-randr0-dev libxcb-damage0-dev libpulse-dev libvo-aacenc-dev libcli11-dev \
+            libpng-dev googletest
+        # A cmake from elsewhere serves as well, when it is new enough.
+        cmake --version 2>/dev/null | awk '/^cmake version/ { split($3, v, "."); found = v[1] * 1000 + v[2] >= 3025 }
+            END { exit !found }' || echo cmake
+        ;;
+    display) echo xvfb ;;
+    test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps pulseaudio pulseaudio-utils python3 binutils \
+        abigail-tools ;;
+    *)
+        echo "install_dependencies.sh: there is no group '$1', only build, display and test" >&2
+        exit 2
+        ;;
+    esac
+}
+
+wanted=
+for group in "$@"; do
+    group_packages=$(packages_of "$group")
+    wanted="$wanted $group_packages"
+done
+
+missing=
+for package in $wanted; do
+    case "$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null)" in
+    *"ok installed") ;;
+    *) missing="$missing $package" ;;
+    esac
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "These packages are missing and need root to install:$missing" >&2
+    exit 1
+fi
+echo "Installing$missing"
+export DEBIAN_FRONTEND=noninteractive
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+# A fresh machine has no package lists, an old one has stale ones.
+{ apt-get -qq update && apt-get -qq -y --no-install-recommends install $missing; } >"$log" 2>&1 || {
+    cat "$log" >&2
+    exit 1
+}

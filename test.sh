@@ -1,0 +1,64 @@
+#!/bin/sh
+# Installs what is missing, builds every preset and runs every test.
+#
+#   ./test.sh [--long]    --long runs the long forms of the tests as well
+set -eu
+export LC_ALL=C.UTF-8
+cd "$(dirname "$0")"
+
+configuration=
+case "${1:-}" in
+"") ;;
+--long) configuration="-C Long" ;;
+*)
+    echo "usage: ./test.sh [--long]" >&2
+    exit 2
+    ;;
+esac
+
+jobs=$(nproc)
+failed=
+begin=$(date +%s)
+
+# GCC 12's ThreadSanitizer does not know the address spaces of newer kernels; without randomisation it does.
+fixed_addresses="setarch $(uname -m) -R"
+$fixed_addresses true 2>/dev/null || fixed_addresses=
+
+build() {
+    mkdir -p "build/$1"
+    log=build/$1/build.log
+    { cmake --preset "$1" && cmake --build "build/$1" -j "$jobs"; } >"$log" 2>&1 && return
+    grep -E -A 20 'error|FAILED|Error' "$log" | head -n 60 >&2
+    echo "The whole log is $log" >&2
+    return 1
+}
+
+run_tests() {
+    launcher=
+    [ "$1" = tsan ] && launcher=$fixed_addresses
+    # shellcheck disable=SC2086
+    $launcher ctest --test-dir "build/$1" $configuration -j "$jobs" --output-on-failure --no-tests=error --timeout 300
+}
+
+# check PRESET
+check() {
+    echo "== $1"
+    preset_begin=$(date +%s)
+    if ! build "$1"; then
+        failed="$failed $1(build)"
+    elif ! run_tests "$1"; then
+        failed="$failed $1(tests)"
+    fi
+    echo "== $1: $(($(date +%s) - preset_begin)) s"
+}
+
+scripts/install_dependencies.sh build display test
+for preset in release asan tsan armhf; do
+    check "$preset"
+done
+
+if [ -n "$failed" ]; then
+    echo "RED after $(($(date +%s) - begin)) s:$failed"
+    exit 1
+fi
+echo "GREEN after $(($(date +%s) - begin)) s: release asan tsan armhf"
