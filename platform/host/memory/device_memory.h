@@ -24,5 +24,10 @@ bool free_block(uint64_t phys);
 std::optional<MemoryBlock> block_of_phys(uint64_t phys);
 /** The block that contains a virtual address. */
 std::optional<MemoryBlock> block_of_virt(uint64_t virt);
+/**
+ * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes it. -1 and errno
+ * when there is no such block (ENXIO) or no descriptor left.
+ */
+int duplicate_descriptor(uint64_t phys);
 
 } // namespace zu3host

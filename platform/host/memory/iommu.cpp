@@ -1,0 +1,150 @@
+#include "common/file_descriptor.h"
+#include "log/host_log.h"
+#include "memory/device_memory.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+
+#pragma GCC visibility push(default)
+#include <zu3/os.h>
+#pragma GCC visibility pop
+
+namespace {
+
+using zu3host::FileDescriptor;
+using zu3host::MemoryBlock;
+
+/** What identifies a file, whatever descriptor leads to it. */
+struct FileIdentity {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const FileIdentity&) const = default;
+};
+
+std::optional<FileIdentity> identity_of(int fd)
+{
+    struct stat status;
+    if (fstat(fd, &status) != 0)
+        return std::nullopt;
+    return FileIdentity{status.st_dev, status.st_ino};
+}
+
+struct Iommu {
+    std::mutex mutex;
+    std::set<u64> blocks; /**< physical starts of what was allocated here, and not by another module */
+    std::map<int, FileIdentity> handed_out;
+};
+
+// Never destroyed: a thread may still give a descriptor back while the process exits.
+Iommu& iommu()
+{
+    static Iommu& only = *new Iommu;
+    return only;
+}
+
+u32 get_descriptor(ZU_OS_IommuBufFd_t& record)
+{
+    FileDescriptor copy(zu3host::duplicate_descriptor(record.u64PhyAddr));
+    const auto identity = copy ? identity_of(copy.get()) : std::nullopt;
+    if (!identity) {
+        HOST_LOGE("No descriptor for the device memory at 0x%llx: %s.",
+                  static_cast<unsigned long long>(record.u64PhyAddr),
+                  errno == ENXIO ? "no block contains this address" : strerror(errno));
+        return ZU_FAILURE;
+    }
+    Iommu& all = iommu();
+    const std::lock_guard lock(all.mutex);
+    all.handed_out.insert_or_assign(copy.get(), *identity);
+    record.s32Fd = copy.release();
+    return ZU_OK;
+}
+
+// The descriptor alone says what is given back: some callers no longer know the address, and the block may be
+// gone.
+u32 put_descriptor(const ZU_OS_IommuBufFd_t& record)
+{
+    Iommu& all = iommu();
+    const std::lock_guard lock(all.mutex);
+    const auto found = all.handed_out.find(record.s32Fd);
+    if (found == all.handed_out.end()) {
+        HOST_LOGE("Descriptor %d was given back as a block's, but was not handed out.", record.s32Fd);
+        return ZU_INVALID_ARGUMENT;
+    }
+    const bool unchanged = identity_of(record.s32Fd) == found->second;
+    all.handed_out.erase(found);
+    if (!unchanged) {
+        HOST_LOGE("Descriptor %d of a block was closed by somebody else before it was given back.",
+                  record.s32Fd);
+        return ZU_FAILURE;
+    }
+    const FileDescriptor closed_here(record.s32Fd);
+    return ZU_OK;
+}
+
+u32 describe_block(ZU_OS_IommuBufInfo_t& record)
+{
+    const auto block = zu3host::block_of_phys(record.u64PhyAddr);
+    if (!block)
+        return ZU_INVALID_ARGUMENT;
+    record.u64StartPhyAddr = block->phys;
+    return ZU_OK;
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+
+u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc)
+{
+    if (!pstAlloc || pstAlloc->u32Size == 0)
+        return ZU_INVALID_ARGUMENT;
+    const std::string tag(pstAlloc->acTag, strnlen(pstAlloc->acTag, sizeof pstAlloc->acTag));
+    const auto block = zu3host::allocate_block(tag.c_str(), pstAlloc->u32Size);
+    if (!block)
+        return ZU_FAILURE;
+    Iommu& all = iommu();
+    const std::lock_guard lock(all.mutex);
+    all.blocks.insert(block->phys);
+    pstAlloc->u64PhyAddr = block->phys;
+    return ZU_OK;
+}
+
+u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree)
+{
+    if (!pstFree)
+        return ZU_INVALID_ARGUMENT;
+    Iommu& all = iommu();
+    const std::lock_guard lock(all.mutex);
+    const auto block = zu3host::block_of_phys(pstFree->u64PhyAddr);
+    if (!all.blocks.contains(pstFree->u64PhyAddr) || !block || block->size != pstFree->u32Size) {
+        HOST_LOGE("No IOMMU block of %u bytes starts at 0x%llx; nothing was freed.", pstFree->u32Size,
+                  static_cast<unsigned long long>(pstFree->u64PhyAddr));
+        return ZU_INVALID_ARGUMENT;
+    }
+    all.blocks.erase(pstFree->u64PhyAddr);
+    zu3host::free_block(pstFree->u64PhyAddr);
+    return ZU_OK;
+}
+
+u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord)
+{
+    if (!pRecord)
+        return ZU_INVALID_ARGUMENT;
+    switch (eOperation) {
+    case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD:
+        return get_descriptor(*static_cast<ZU_OS_IommuBufFd_t*>(pRecord));
+    case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
+        return put_descriptor(*static_cast<const ZU_OS_IommuBufFd_t*>(pRecord));
+    case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO:
+        return describe_block(*static_cast<ZU_OS_IommuBufInfo_t*>(pRecord));
+    }
+    return ZU_INVALID_ARGUMENT;
+}
+
+#pragma GCC visibility pop
