@@ -1,0 +1,96 @@
+#include "log/log_filter.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+/** One call's lines, cut where they do not fit. A pipe takes as many bytes without mixing in another
+ * writer's. */
+class LineBuffer {
+public:
+    void put(std::string_view text) { size_ += text.copy(bytes_.data() + size_, bytes_.size() - size_); }
+    void end_line()
+    {
+        if (size_ == bytes_.size())
+            --size_;
+        bytes_[size_++] = '\n';
+    }
+    std::string_view text() const { return {bytes_.data(), size_}; }
+
+private:
+    std::array<char, 4096> bytes_;
+    size_t size_ = 0;
+};
+
+// Read once: the environment is not to be touched while other threads run.
+const zu3host::LogFilter& filter()
+{
+    static const zu3host::LogFilter& only = *new zu3host::LogFilter(std::getenv("ANDROID_LOG_TAGS"));
+    return only;
+}
+
+/** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. */
+void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message)
+{
+    message = message.substr(0, message.find_last_not_of('\n') + 1);
+    while (true) {
+        const size_t length = std::min(message.find('\n'), message.size());
+        out.put(prefix);
+        out.put(message.substr(0, length));
+        out.end_line();
+        if (length == message.size())
+            return;
+        message.remove_prefix(length + 1);
+    }
+}
+
+int write_to_stderr(std::string_view text)
+{
+    ssize_t written = 0;
+    do
+        written = write(STDERR_FILENO, text.data(), text.size());
+    while (written < 0 && errno == EINTR);
+    return written < 0 ? -errno : static_cast<int>(written);
+}
+
+/** What snprintf left in a buffer of `capacity` bytes, given its result. */
+std::string_view formatted(const char* buffer, size_t capacity, int result)
+{
+    return {buffer, result < 0 ? 0 : std::min(static_cast<size_t>(result), capacity - 1)};
+}
+
+} // namespace
+
+__attribute__((visibility("default"))) int __android_log_print(int prio, const char* tag, const char* fmt,
+                                                               ...)
+{
+    if (!tag)
+        tag = "";
+    if (!filter().shows(prio, tag))
+        return 0;
+    // A caller's errno is not the log's to change: messages stand between a failure and what is made of it.
+    const int kept_errno = errno;
+    std::array<char, 128> prefix;
+    const int prefix_length =
+        std::snprintf(prefix.data(), prefix.size(), "%c/%-8s(%5d): ", zu3host::priority_letter(prio), tag,
+                      static_cast<int>(getpid()));
+    std::array<char, 3584> message;
+    va_list arguments;
+    va_start(arguments, fmt);
+    errno = kept_errno;
+    const int length = std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    va_end(arguments);
+
+    LineBuffer out;
+    put_lines(out, formatted(prefix.data(), prefix.size(), prefix_length),
+              formatted(message.data(), message.size(), length));
+    const int result = write_to_stderr(out.text());
+    errno = kept_errno;
+    return result;
+}

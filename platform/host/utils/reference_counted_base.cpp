@@ -1,0 +1,60 @@
+#include <atomic>
+
+#pragma GCC visibility push(default)
+#include <utils/RefBase.h>
+#pragma GCC visibility pop
+
+namespace android {
+
+// Until the first reference is taken the count stands at a value that references alone never reach. So
+// exactly one of several threads finds itself the first, and an object that gets back to nothing is told from
+// a new one.
+constexpr int32_t no_reference_yet = 1 << 28;
+
+class RefBase::weakref_type {
+public:
+    std::atomic<int32_t> strong{no_reference_yet};
+};
+
+RefBase::RefBase() : mRefs(new weakref_type) {}
+
+RefBase::~RefBase()
+{
+    delete mRefs;
+}
+
+void RefBase::incStrong(const void*) const
+{
+    if (mRefs->strong.fetch_add(1, std::memory_order_relaxed) != no_reference_yet)
+        return;
+    mRefs->strong.fetch_sub(no_reference_yet, std::memory_order_relaxed);
+    const_cast<RefBase*>(this)->onFirstRef();
+}
+
+void RefBase::decStrong(const void* id) const
+{
+    if (mRefs->strong.fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
+    const_cast<RefBase*>(this)->onLastStrongRef(id);
+    delete this;
+}
+
+int32_t RefBase::getStrongCount() const
+{
+    const int32_t count = mRefs->strong.load(std::memory_order_relaxed);
+    return count >= no_reference_yet ? count - no_reference_yet : count;
+}
+
+void RefBase::onFirstRef() {}
+
+void RefBase::onLastStrongRef(const void*) {}
+
+// Without weak pointers nobody tries to revive an object, and none outlives its last strong reference.
+bool RefBase::onIncStrongAttempted(uint32_t, const void*)
+{
+    return false;
+}
+
+void RefBase::onLastWeakRef(const void*) {}
+
+} // namespace android
