@@ -1,0 +1,70 @@
+#include "statistics/counters.h"
+
+#include <algorithm>
+#include <cstring>
+
+#pragma GCC visibility push(default)
+#include "zu3_host/statistics.h"
+#pragma GCC visibility pop
+
+namespace zu3host {
+
+Counters& counters()
+{
+    static Counters all;
+    return all;
+}
+
+} // namespace zu3host
+
+namespace {
+
+template <typename T> T value_of(const std::atomic<T>& counter)
+{
+    return counter.load(std::memory_order_relaxed);
+}
+
+zu3_host_statistics_t snapshot(const zu3host::Counters& live)
+{
+    return {
+        .pictures_due = value_of(live.pictures_due),
+        .pictures_captured = value_of(live.pictures_captured),
+        .pictures_dropped_late = value_of(live.pictures_dropped_late),
+        .pictures_dropped_no_buffer = value_of(live.pictures_dropped_no_buffer),
+        .pictures_dropped_no_display = value_of(live.pictures_dropped_no_display),
+        .pictures_encoded = value_of(live.pictures_encoded),
+        .pictures_refused = value_of(live.pictures_refused),
+        .bytes_encoded = value_of(live.bytes_encoded),
+        .access_units_multiplexed = value_of(live.access_units_multiplexed),
+        .multiplexer_busy = value_of(live.multiplexer_busy),
+        .bytes_multiplexed = value_of(live.bytes_multiplexed),
+        .bytes_copied_out = value_of(live.bytes_copied_out),
+        .bytes_written = value_of(live.bytes_written),
+        .write_failures = value_of(live.write_failures),
+        .last_write_errno = value_of(live.last_write_errno),
+        .sound_level = value_of(live.sound_level),
+        .audio_bytes_lost = value_of(live.audio_bytes_lost),
+        .display_lost = value_of(live.display_lost),
+        .sound_lost = value_of(live.sound_lost),
+        .audio_frames_encoded = value_of(live.audio_frames_encoded),
+    };
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+
+uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint32_t size)
+{
+    const zu3_host_statistics_t now = snapshot(zu3host::counters());
+    if (statistics)
+        std::memcpy(statistics, &now, std::min<size_t>(size, sizeof now));
+    return sizeof now;
+}
+
+const char* zu3_host_platform(void)
+{
+    return "Linux host layer: X11 screen or test card, H.264 by x264, sound by PulseAudio, AAC by vo-aacenc";
+}
+
+#pragma GCC visibility pop

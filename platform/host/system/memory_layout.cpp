@@ -1,0 +1,51 @@
+#include "log/host_log.h"
+#include "memory/device_memory.h"
+
+#include <mutex>
+
+#pragma GCC visibility push(default)
+#include <zu3/sys.h>
+#pragma GCC visibility pop
+
+namespace {
+
+// At the highest rate that a recording is written with, this is some ten seconds of a stalled disk.
+constexpr u32 tsmux_output_bytes = 8u << 20;
+
+// Addresses of a layout are told as a base and what lies above it.
+constexpr u64 base_mask = ~u64{0xFFFFFFFF};
+
+/** The one output buffer of the process; tried again at the next query when there was no memory for it. */
+std::optional<zu3host::MemoryBlock> tsmux_output()
+{
+    static std::mutex mutex;
+    static std::optional<zu3host::MemoryBlock> block;
+    const std::lock_guard lock(mutex);
+    if (!block)
+        block = zu3host::allocate_block("tsmux_output", tsmux_output_bytes);
+    return block;
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+
+u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout)
+{
+    if (!pstLayout)
+        return ZU_INVALID_ARGUMENT;
+    *pstLayout = {};
+    if (u32Id != ZU_SYS_MMAP_ID_TSMUX_OUTPUT) {
+        HOST_LOGE("The memory layout has no region %u.", u32Id);
+        return ZU_INVALID_ARGUMENT;
+    }
+    const auto block = tsmux_output();
+    if (!block)
+        return ZU_FAILURE;
+    pstLayout->phyMiuBaseAddr = block->phys & base_mask;
+    pstLayout->phyMemAddr = block->phys & ~base_mask;
+    pstLayout->u32RegionSize = block->size;
+    return ZU_OK;
+}
+
+#pragma GCC visibility pop
