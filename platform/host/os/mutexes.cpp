@@ -1,0 +1,73 @@
+#include "common/handle_table.h"
+#include "log/host_log.h"
+#include "os/timed_mutex.h"
+
+#pragma GCC visibility push(default)
+#include <zu3/os.h>
+#pragma GCC visibility pop
+
+namespace {
+
+using zu3host::HandleTable;
+using zu3host::TimedMutex;
+
+// Never destroyed: threads may still hold mutexes while the process exits. Ids only count up, so that an old
+// one is never another mutex; -1 is a handle that counting does not reach.
+HandleTable<TimedMutex>& mutexes()
+{
+    static auto& all = *new HandleTable<TimedMutex>(0);
+    return all;
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+
+u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId)
+{
+    if (!pstAttr || !ps32MutexId)
+        return ZU_INVALID_ARGUMENT;
+    *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
+    return ZU_OK;
+}
+
+u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs)
+{
+    const auto mutex = mutexes().find(static_cast<u32>(s32MutexId));
+    if (!mutex)
+        return ZU_INVALID_ARGUMENT;
+    switch (mutex->obtain(std::chrono::milliseconds(u32TimeoutMs))) {
+    case TimedMutex::Result::obtained:
+        return ZU_OK;
+    case TimedMutex::Result::timed_out:
+        return ZU_FAILURE;
+    case TimedMutex::Result::retired:
+        return ZU_INVALID_ARGUMENT;
+    }
+    return ZU_FAILURE;
+}
+
+u32 ZU_OS_ReleaseMutex(s32 s32MutexId)
+{
+    const auto mutex = mutexes().find(static_cast<u32>(s32MutexId));
+    if (!mutex) {
+        HOST_LOGW("Mutex %d was released, but does not exist.", s32MutexId);
+        return ZU_INVALID_ARGUMENT;
+    }
+    if (!mutex->release()) {
+        HOST_LOGE("Mutex %d was released by a thread that does not hold it.", s32MutexId);
+        return ZU_FAILURE;
+    }
+    return ZU_OK;
+}
+
+u32 ZU_OS_DeleteMutex(s32 s32MutexId)
+{
+    const auto mutex = mutexes().remove(static_cast<u32>(s32MutexId));
+    if (!mutex)
+        return ZU_INVALID_ARGUMENT;
+    mutex->retire();
+    return ZU_OK;
+}
+
+#pragma GCC visibility pop

@@ -1,0 +1,92 @@
+#include "os/task.h"
+
+#include <algorithm>
+
+namespace zu3host {
+
+namespace {
+
+// The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual 8 MiB
+// would count in full wherever address space or locked memory is limited.
+constexpr size_t least_stack_bytes = 256 * 1024;
+
+class ThreadAttributes {
+public:
+    explicit ThreadAttributes(size_t stack_bytes)
+    {
+        pthread_attr_init(&attributes_);
+        pthread_attr_setstacksize(&attributes_, std::max(stack_bytes, least_stack_bytes));
+    }
+    ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
+    ThreadAttributes(const ThreadAttributes&) = delete;
+    ThreadAttributes& operator=(const ThreadAttributes&) = delete;
+    const pthread_attr_t* get() const { return &attributes_; }
+
+private:
+    pthread_attr_t attributes_;
+};
+
+} // namespace
+
+int Task::start(size_t stack_bytes)
+{
+    const ThreadAttributes attributes(stack_bytes);
+    const SignalsBlocked guard;
+    auto kept = std::make_unique<std::shared_ptr<Task>>(shared_from_this());
+    // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task without
+    // it.
+    const std::lock_guard lock(mutex_);
+    const int error = pthread_create(&thread_, attributes.get(), run_thread, kept.get());
+    if (error == 0)
+        static_cast<void>(kept.release()); // the thread's from here on
+    return error;
+}
+
+void* Task::run_thread(void* kept_task)
+{
+    const std::unique_ptr<std::shared_ptr<Task>> kept(static_cast<std::shared_ptr<Task>*>(kept_task));
+    (*kept)->run();
+    return nullptr;
+}
+
+void Task::run()
+{
+    name_this_thread(name_);
+    if (!may_begin())
+        return;
+    entry_(argument_);
+    const std::lock_guard lock(mutex_);
+    state_ = State::returned;
+    returned_.notify_all();
+}
+
+bool Task::may_begin()
+{
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::cancelled)
+        return false;
+    state_ = State::running;
+    return true;
+}
+
+Task::End Task::stop(std::chrono::milliseconds limit)
+{
+    std::unique_lock lock(mutex_);
+    if (state_ == State::created)
+        state_ = State::cancelled;
+    const bool ends = returned_.wait_for(lock, limit, [this] { return state_ != State::running; });
+    lock.unlock();
+    if (ends)
+        pthread_join(thread_, nullptr);
+    else
+        pthread_detach(thread_);
+    return ends ? End::finished : End::still_running;
+}
+
+bool Task::runs_on_this_thread() const
+{
+    const std::lock_guard lock(mutex_);
+    return state_ == State::running && pthread_equal(thread_, pthread_self());
+}
+
+} // namespace zu3host

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "os/thread_start.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace zu3host {
+
+/** A task as a thread. Made through start(); ended by exactly one call of stop(). */
+class Task : public std::enable_shared_from_this<Task> {
+public:
+    using Entry = void (*)(void*);
+    enum class End {
+        finished,      /**< nothing of the task runs any more */
+        still_running, /**< the entry did not return within the limit; the thread is left to itself */
+    };
+
+    Task(const char* name, Entry entry, void* argument)
+        : name_(thread_name(name)), entry_(entry), argument_(argument)
+    {
+    }
+
+    /** Starts the thread with a stack of at least `stack_bytes`; an errno, 0 = started. */
+    int start(size_t stack_bytes);
+    /** Keeps an entry that has not begun from ever running, and waits up to `limit` for one that runs. */
+    End stop(std::chrono::milliseconds limit);
+
+    bool runs_on_this_thread() const;
+    const char* name() const { return name_.data(); }
+
+private:
+    enum class State { created, running, returned, cancelled };
+
+    static void* run_thread(void* kept_task);
+    void run();
+    bool may_begin();
+
+    const ThreadName name_;
+    const Entry entry_;
+    void* const argument_;
+    mutable std::mutex mutex_;
+    std::condition_variable returned_;
+    State state_ = State::created;
+    pthread_t thread_{};
+};
+
+} // namespace zu3host
