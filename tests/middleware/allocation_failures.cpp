@@ -1,0 +1,148 @@
+#include "middleware/allocation_failures.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <unordered_set>
+
+namespace middleware {
+
+namespace {
+
+std::atomic<bool> counting = false;
+std::atomic<int> asked = 0;
+std::atomic<int> failing = 0;
+std::atomic<bool> failing_later = false;
+
+struct Blocks {
+    std::mutex mutex;
+    std::unordered_set<void*> live;
+};
+
+Blocks& blocks()
+{
+    static Blocks* const the_blocks =
+        new Blocks; // never destroyed: the library's static objects may free at exit
+    return *the_blocks;
+}
+
+bool is_to_fail()
+{
+    if (!counting)
+        return false;
+    const int number = ++asked;
+    return failing != 0 && (number == failing || (failing_later && number > failing));
+}
+
+void* remembered(void* block)
+{
+    if (block) {
+        const std::lock_guard lock(blocks().mutex);
+        blocks().live.insert(block);
+    }
+    return block;
+}
+
+void forget(void* block)
+{
+    const std::lock_guard lock(blocks().mutex);
+    blocks().live.erase(block);
+}
+
+} // namespace
+
+AllocationWindow::AllocationWindow(int fail_number, bool and_later)
+{
+    asked = 0;
+    failing = fail_number;
+    failing_later = and_later;
+    counting = true;
+}
+
+AllocationWindow::~AllocationWindow()
+{
+    counting = false;
+}
+
+int AllocationWindow::count() const
+{
+    return asked;
+}
+
+bool AllocationWindow::failed() const
+{
+    return failing != 0 && asked >= failing;
+}
+
+size_t library_allocations_left()
+{
+    const std::lock_guard lock(blocks().mutex);
+    return blocks().live.size();
+}
+
+void forget_library_allocations()
+{
+    const std::lock_guard lock(blocks().mutex);
+    blocks().live.clear();
+}
+
+} // namespace middleware
+
+// The names that the linker's --wrap gives the library's references; operator new's mangled name holds the
+// type of size_t.
+#if __SIZEOF_SIZE_T__ == 8
+#define WRAPPED_NEW(kind, tail) __wrap__Zn##kind##m##tail
+#else
+#define WRAPPED_NEW(kind, tail) __wrap__Zn##kind##j##tail
+#endif
+
+extern "C" {
+
+void* __wrap_malloc(size_t size)
+{
+    return middleware::is_to_fail() ? nullptr : middleware::remembered(std::malloc(size));
+}
+
+void* __wrap_calloc(size_t count, size_t size)
+{
+    return middleware::is_to_fail() ? nullptr : middleware::remembered(std::calloc(count, size));
+}
+
+void* __wrap_realloc(void* block, size_t size)
+{
+    if (middleware::is_to_fail())
+        return nullptr;
+    middleware::forget(block);
+    return middleware::remembered(std::realloc(block, size));
+}
+
+void __wrap_free(void* block)
+{
+    middleware::forget(block);
+    std::free(block);
+}
+
+// A plain new cannot report a failure without exceptions, so it is counted only.
+void* WRAPPED_NEW(w, )(size_t size)
+{
+    middleware::is_to_fail();
+    return ::operator new(size);
+}
+
+void* WRAPPED_NEW(a, )(size_t size)
+{
+    middleware::is_to_fail();
+    return ::operator new[](size);
+}
+
+void* WRAPPED_NEW(w, RKSt9nothrow_t)(size_t size, const std::nothrow_t&)
+{
+    return middleware::is_to_fail() ? nullptr : ::operator new(size, std::nothrow);
+}
+
+void* WRAPPED_NEW(a, RKSt9nothrow_t)(size_t size, const std::nothrow_t&)
+{
+    return middleware::is_to_fail() ? nullptr : ::operator new[](size, std::nothrow);
+}
+}

@@ -1,0 +1,32 @@
+/**
+ * Counts the library's own allocations, and lets one fail. The library's objects are linked into one object
+ * with their malloc, calloc, realloc, free and operator new bound to this file; nobody else's are.
+ */
+#pragma once
+
+#include <cstddef>
+
+namespace middleware {
+
+/** While it lives, allocations of the library are counted. One at a time; any thread's allocations count. */
+class AllocationWindow {
+public:
+    /** `fail_number`: the n-th allocation in the window fails, 0 = none; `and_later`: so do all that follow.
+     */
+    explicit AllocationWindow(int fail_number = 0, bool and_later = false);
+    ~AllocationWindow();
+    AllocationWindow(const AllocationWindow&) = delete;
+    AllocationWindow& operator=(const AllocationWindow&) = delete;
+
+    /** Allocations asked for in the window so far. */
+    int count() const;
+    /** Whether the one that was to fail was asked for. */
+    bool failed() const;
+};
+
+/** Blocks from the library's malloc, calloc and realloc that it has not freed. */
+size_t library_allocations_left();
+/** Starts that count anew. */
+void forget_library_allocations();
+
+} // namespace middleware

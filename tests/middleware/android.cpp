@@ -1,0 +1,125 @@
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <regex>
+
+#include "android/log.h"
+#include "middleware/state.h"
+#include "srglworker/SrGlWorker.h"
+
+using namespace middleware;
+
+namespace {
+
+std::atomic<int> objects_alive = 0;
+
+std::string without_line_number(const LogLine& line)
+{
+    static const std::regex prefix("^(\\[[^\\]]*\\])\\[[0-9]+\\]");
+    const char letter = "??VDIWEFS"[std::clamp(line.priority, 0, 8)];
+    std::string result = std::string(1, letter) + " " + std::regex_replace(line.text, prefix, "$1");
+    while (result.ends_with('\n'))
+        result.pop_back();
+    return result;
+}
+
+} // namespace
+
+namespace middleware {
+
+std::vector<LogLine> Middleware::log_lines() const
+{
+    const Lock lock(state().mutex);
+    return state().log;
+}
+
+std::vector<std::string> Middleware::logs() const
+{
+    std::vector<std::string> result;
+    for (const LogLine& line : log_lines())
+        result.push_back(without_line_number(line));
+    return result;
+}
+
+std::vector<std::string> Middleware::take_logs()
+{
+    std::vector<std::string> result = logs();
+    const Lock lock(state().mutex);
+    state().log.clear();
+    return result;
+}
+
+int renderer_objects_left()
+{
+    return objects_alive;
+}
+
+} // namespace middleware
+
+extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...)
+{
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof(line), format, arguments);
+    va_end(arguments);
+    return static_cast<int>(
+        perform(false, "__android_log_print", "", text(priority, ", ", line), [&](Context&) {
+            state().log.push_back({priority, tag, line});
+            if (std::string_view(tag) != "screenrecord")
+                problem(text("a log line has the tag ", tag));
+            return 1;
+        }));
+}
+
+namespace android {
+
+class RefBase::weakref_type {
+public:
+    std::atomic<int32_t> strong = 0;
+};
+
+RefBase::RefBase() : mRefs(new weakref_type)
+{
+    objects_alive++;
+}
+
+RefBase::~RefBase()
+{
+    if (mRefs->strong != 0) {
+        const Lock lock(state().mutex);
+        problem("a reference-counted object is destroyed while somebody refers to it");
+    }
+    delete mRefs;
+    objects_alive--;
+}
+
+void RefBase::incStrong(const void*) const
+{
+    if (mRefs->strong.fetch_add(1) == 0)
+        const_cast<RefBase*>(this)->onFirstRef();
+}
+
+void RefBase::decStrong(const void* id) const
+{
+    if (mRefs->strong.fetch_sub(1) != 1)
+        return;
+    const_cast<RefBase*>(this)->onLastStrongRef(id);
+    delete this;
+}
+
+int32_t RefBase::getStrongCount() const
+{
+    return mRefs->strong;
+}
+
+void RefBase::onFirstRef() {}
+void RefBase::onLastStrongRef(const void*) {}
+bool RefBase::onIncStrongAttempted(uint32_t, const void*)
+{
+    return true;
+}
+void RefBase::onLastWeakRef(const void*) {}
+
+} // namespace android

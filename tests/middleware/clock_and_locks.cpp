@@ -1,0 +1,336 @@
+#include <algorithm>
+
+#include "middleware/state.h"
+#include "utils/Timers.h"
+
+namespace middleware {
+
+thread_local u32 late_callback_depth = 0;
+thread_local bool middleware_thread = false;
+
+namespace {
+
+constexpr s64 ns_per_ms = 1'000'000;
+
+bool waits(std::thread::id thread)
+{
+    const auto& waiters = state().waiters;
+    return std::any_of(waiters.begin(), waiters.end(),
+                       [&](const Waiter* w) { return w->thread == thread && !w->woken; });
+}
+
+/** Whether a task, a callback thread or the holder of a mutex runs, or will as soon as its machine lets it.
+ */
+bool somebody_runs()
+{
+    const State& s = state();
+    for (const auto& [id, task] : s.tasks) {
+        const bool started = task.runner != std::thread::id();
+        if (task.state == TaskState::running && (!started || !waits(task.runner)))
+            return true;
+    }
+    for (const std::thread::id thread : s.callback_threads) {
+        if (!waits(thread))
+            return true;
+    }
+    return std::any_of(s.mutexes.begin(), s.mutexes.end(),
+                       [](const auto& entry) { return entry.second.held && !waits(entry.second.owner); });
+}
+
+bool a_client_waits()
+{
+    const auto& waiters = state().waiters;
+    return std::any_of(waiters.begin(), waiters.end(),
+                       [](const Waiter* w) { return w->client && !w->woken; });
+}
+
+void delay(Lock& lock, s64 ms, bool client, const std::string& what)
+{
+    Waiter waiter{std::this_thread::get_id(), state().now_ns + ms * ns_per_ms, client};
+    wait(lock, waiter, what);
+}
+
+void wait_until_idle(Lock& lock)
+{
+    const std::chrono::seconds patience(real_patience_seconds);
+    if (!state().changed.wait_for(lock, patience, [] { return !somebody_runs(); }))
+        problem("a task or callback thread neither ended nor waited");
+}
+
+bool leads_to(s32 from, s32 to, std::set<s32>& seen)
+{
+    if (from == to)
+        return true;
+    if (!seen.insert(from).second)
+        return false;
+    const std::set<s32> next = state().lock_order[from];
+    return std::any_of(next.begin(), next.end(), [&](s32 id) { return leads_to(id, to, seen); });
+}
+
+/** Notes that the calling thread waits for `wanted` while it holds others. */
+void note_order(s32 wanted)
+{
+    State& s = state();
+    for (const auto& [id, mutex] : s.mutexes) {
+        if (id == wanted || !mutex.held || mutex.owner != std::this_thread::get_id())
+            continue;
+        std::set<s32> seen;
+        if (leads_to(wanted, id, seen) && !s.lock_order[id].contains(wanted))
+            problem(text("mutexes ", mutex.name, " and ", s.mutexes[wanted].name,
+                         " are obtained in both orders"));
+        s.lock_order[id].insert(wanted);
+    }
+}
+
+Mutex* live_mutex(s32 id, const char* function)
+{
+    const auto found = state().mutexes.find(id);
+    if (found != state().mutexes.end())
+        return &found->second;
+    const bool dead = state().dead_mutexes.contains(id);
+    if (late_callback_depth == 0)
+        problem(text(function, " is called on ", dead ? "deleted" : "unknown", " mutex ", id));
+    return nullptr;
+}
+
+u32 obtain(Context& context, s32 id, u32 timeout_ms)
+{
+    Mutex* const mutex = live_mutex(id, "ZU_OS_ObtainMutex");
+    if (!mutex)
+        return ZU_INVALID_ARGUMENT;
+    const std::thread::id self = std::this_thread::get_id();
+    note_order(id);
+    if (!mutex->held) {
+        mutex->held = true;
+        mutex->owner = self;
+        return ZU_OK;
+    }
+    if (mutex->owner == self)
+        problem(text("mutex ", mutex->name, " is waited for by the thread that holds it"));
+    Waiter waiter{self, state().now_ns + s64{timeout_ms} * ns_per_ms, !middleware_thread};
+    mutex->queue.push_back(&waiter);
+    wait(context.lock, waiter, "ZU_OS_ObtainMutex");
+    if (const auto still = state().mutexes.find(id); still != state().mutexes.end())
+        still->second.queue.remove(&waiter);
+    return waiter.expired ? ZU_FAILURE : ZU_OK;
+}
+
+/** Hands the mutex to who waits longest, so that nobody can overtake. */
+void hand_on(Mutex& mutex)
+{
+    mutex.held = false;
+    while (!mutex.queue.empty()) {
+        Waiter* const next = mutex.queue.front();
+        mutex.queue.pop_front();
+        if (next->woken)
+            continue;
+        mutex.held = true;
+        mutex.owner = next->thread;
+        wake(*next);
+        return;
+    }
+}
+
+u32 release(s32 id)
+{
+    Mutex* const mutex = live_mutex(id, "ZU_OS_ReleaseMutex");
+    if (!mutex)
+        return ZU_INVALID_ARGUMENT;
+    if (!mutex->held || mutex->owner != std::this_thread::get_id()) {
+        problem(text("mutex ", mutex->name, " is released by a thread that does not hold it"));
+        return ZU_FAILURE;
+    }
+    hand_on(*mutex);
+    let_time_pass();
+    return ZU_OK;
+}
+
+u32 delete_mutex(s32 id)
+{
+    State& s = state();
+    Mutex* const mutex = live_mutex(id, "ZU_OS_DeleteMutex");
+    if (!mutex)
+        return ZU_INVALID_ARGUMENT;
+    if (mutex->held)
+        problem(text("mutex ", mutex->name, " is deleted while it is held"));
+    for (Waiter* const waiter : mutex->queue) {
+        if (waiter->woken)
+            continue;
+        problem(text("mutex ", mutex->name, " is deleted while a thread waits for it"));
+        waiter->expired = true;
+        wake(*waiter);
+    }
+    s.mutexes.erase(id);
+    s.dead_mutexes.insert(id);
+    let_time_pass();
+    return ZU_OK;
+}
+
+} // namespace
+
+void wake(Waiter& waiter)
+{
+    waiter.woken = true;
+    state().changed.notify_all();
+}
+
+void let_time_pass()
+{
+    State& s = state();
+    s.changed.notify_all(); // for those who wait until everybody waits
+    if (somebody_runs() || !(s.run_freely || a_client_waits()))
+        return;
+    s64 earliest = never;
+    for (const Waiter* waiter : s.waiters)
+        earliest = waiter->woken ? earliest : std::min(earliest, waiter->deadline_ns);
+    if (earliest == never)
+        return;
+    s.now_ns = std::max(s.now_ns, earliest);
+    for (Waiter* waiter : s.waiters) {
+        if (!waiter->woken && waiter->deadline_ns <= s.now_ns) {
+            waiter->expired = true;
+            wake(*waiter);
+        }
+    }
+}
+
+void wait(Lock& lock, Waiter& waiter, const std::string& what)
+{
+    State& s = state();
+    s.waiters.push_back(&waiter);
+    let_time_pass();
+    const std::chrono::seconds patience(real_patience_seconds);
+    if (!s.changed.wait_for(lock, patience, [&] { return waiter.woken; })) {
+        problem(text(what, " waited for a minute of real time: nobody can go on"));
+        waiter.expired = true;
+        waiter.woken = true;
+    }
+    s.waiters.remove(&waiter);
+}
+
+void Gate::wait()
+{
+    Lock lock(state().mutex);
+    arrived_++;
+    if (open_)
+        return;
+    Waiter waiter{std::this_thread::get_id(), never, false};
+    waiters_.push_back(&waiter);
+    middleware::wait(lock, waiter, "a gate");
+    waiters_.remove(&waiter);
+}
+
+bool Gate::wait_for_arrivals(int count)
+{
+    Lock lock(state().mutex);
+    return state().changed.wait_for(lock, std::chrono::seconds(real_patience_seconds),
+                                    [&] { return arrived_ >= count; });
+}
+
+void Gate::open()
+{
+    const Lock lock(state().mutex);
+    open_ = true;
+    for (Waiter* const waiter : waiters_)
+        wake(*waiter);
+}
+
+s64 Middleware::now_us() const
+{
+    const Lock lock(state().mutex);
+    return state().now_ns / 1000;
+}
+
+s64 Middleware::now_ms() const
+{
+    return now_us() / 1000;
+}
+
+void Middleware::set_now_us(s64 us)
+{
+    const Lock lock(state().mutex);
+    state().now_ns = us * 1000;
+}
+
+void Middleware::advance(s64 ms)
+{
+    Lock lock(state().mutex);
+    delay(lock, ms, true, "advance");
+    wait_until_idle(lock);
+}
+
+void Middleware::settle()
+{
+    Lock lock(state().mutex);
+    wait_until_idle(lock);
+}
+
+void Middleware::run_freely(bool on)
+{
+    const Lock lock(state().mutex);
+    state().run_freely = on;
+    let_time_pass();
+}
+
+} // namespace middleware
+
+using namespace middleware;
+
+extern "C" {
+
+u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
+{
+    return call("ZU_OS_CreateMutex", text("name=", attributes->pName), [&](Context& context) {
+        keep("ZU_OS_CreateMutex", ZU_OS_MutexAttr_t{kept_string(attributes->pName), attributes->u32Reserved});
+        *id = state().next_mutex++; // from 0 on, which is a good id
+        state().mutexes[*id].name = attributes->pName;
+        context.note = text("m", *id);
+        return ZU_OK;
+    });
+}
+
+u32 ZU_OS_ObtainMutex(s32 id, u32 timeout_ms)
+{
+    return call("ZU_OS_ObtainMutex", text("m", id, ", ", timeout_ms),
+                [&](Context& context) { return obtain(context, id, timeout_ms); });
+}
+
+u32 ZU_OS_ReleaseMutex(s32 id)
+{
+    return ending_call("ZU_OS_ReleaseMutex", text("m", id), [&](Context&) { return release(id); });
+}
+
+u32 ZU_OS_DeleteMutex(s32 id)
+{
+    return ending_call("ZU_OS_DeleteMutex", text("m", id), [&](Context&) { return delete_mutex(id); });
+}
+
+u32 ZU_OS_DelayTask(u32 ms)
+{
+    return call("ZU_OS_DelayTask", text(ms), [&](Context& context) {
+        delay(context.lock, ms, !middleware_thread, "ZU_OS_DelayTask");
+        return ZU_OK;
+    });
+}
+
+u32 ZU_OS_GetSystemTime(u32* start_ms)
+{
+    return call("ZU_OS_GetSystemTime", "", [&](Context&) {
+        *start_ms = static_cast<u32>(state().now_ns / ns_per_ms);
+        return ZU_OK;
+    });
+}
+
+u32 ZU_OS_TimerDiffTimeFromNow(u32 start_ms, u32* elapsed_ms)
+{
+    return call("ZU_OS_TimerDiffTimeFromNow", "", [&](Context&) {
+        *elapsed_ms = static_cast<u32>(state().now_ns / ns_per_ms) - start_ms;
+        return ZU_OK;
+    });
+}
+
+nsecs_t systemTime(int clock)
+{
+    return perform(false, "systemTime", "", text(clock), [&](Context&) { return state().now_ns; });
+}
+}
