@@ -79,7 +79,7 @@ def picture(path, index=0):
 
 def picture_numbers(path):
     """The number of each picture, from the strip in which moving_screen writes it."""
-    strip = decode(path, None, "gray", "crop=512:1:64:232")
+    strip = decode(path, None, "gray", "format=gray,crop=512:1:64:232")
     return [sum(1 << bit for bit in range(32) if strip[line + 16 * bit + 8] > 127) for line in range(0, len(strip), 512)]
 
 

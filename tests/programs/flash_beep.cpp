@@ -5,13 +5,14 @@
  *   flash_beep [--seconds N]     60 unless said
  *
  * Sound is written ahead, its place in time is the stream's own clock, and the flash is drawn when that clock
- * reaches the beep's first sample. Prints "ready" once the stream plays. Exit code 1 when display or sound
+ * reaches the beep's first sample. Prints "ready" once both are under way. Exit code 1 when display or sound
  * server cannot be reached or went away.
  */
 #include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 #include <pulse/pulseaudio.h>
 
@@ -22,6 +23,9 @@ namespace {
 constexpr uint32_t sample_rate = 48000;
 constexpr uint32_t beep_samples = sample_rate / 10;
 constexpr int64_t second_ns = 1'000'000'000;
+// A sink may have rendered two seconds ahead before it learns of our latency; until they are over its clock
+// is wrong.
+constexpr int64_t rendered_ahead_ns = 5 * second_ns / 2;
 
 /** A mono stream that beeps in the first tenth of each of its seconds. */
 class BeepStream {
@@ -95,8 +99,8 @@ private:
         pa_stream_set_write_callback(stream_, write_samples, this);
         // Without pre-buffering the clock runs through an underrun, and each sample keeps its place in time.
         const pa_buffer_attr buffer{UINT32_MAX, sample_rate * 2 / 10, 0, UINT32_MAX, UINT32_MAX};
-        const int flags =
-            PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE;
+        const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                          PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_NOT_MONOTONIC;
         return pa_stream_connect_playback(stream_, nullptr, &buffer, static_cast<pa_stream_flags_t>(flags),
                                           nullptr, nullptr) == 0;
     }
@@ -147,17 +151,18 @@ bool flash(XScreen& screen, BeepStream& beeps, int seconds)
 {
     const xcb_rectangle_t all{0, 0, screen.width, screen.height};
     const int64_t end = XScreen::now_ns() + seconds * second_ns;
-    for (int64_t last = 0; XScreen::now_ns() < end;) {
-        const int64_t origin = beeps.origin_ns();
-        const int64_t number = (XScreen::now_ns() - origin) / second_ns + 1;
-        const int64_t due = origin + number * second_ns;
-        // The clock is asked again shortly before the flash: it is the later the surer.
-        const bool soon = origin > 0 && due - XScreen::now_ns() < 20'000'000 && number != last;
-        if (origin < 0 || !screen.wait_until(soon ? due : XScreen::now_ns() + 10'000'000))
+    int64_t origin = 0;
+    while (XScreen::now_ns() < end) {
+        const int64_t before = std::exchange(origin, beeps.origin_ns());
+        // The clock may jump after an underrun, and is the surer the later it is asked.
+        const bool settled = origin > 0 && std::abs(origin - before) < 2'000'000;
+        const int64_t now = XScreen::now_ns();
+        const int64_t due = now + second_ns - (now - origin) % second_ns;
+        const bool soon = settled && due - now < 20'000'000;
+        if (origin < 0 || !screen.wait_until(soon ? due : now + 10'000'000))
             return false;
         if (!soon)
             continue;
-        last = number;
         screen.fill(screen.window, 0xffffff, all);
         screen.flush();
         if (!screen.wait_until(due + second_ns / 10))
@@ -190,6 +195,8 @@ int main(int argc, char** argv)
     }
     screen.show();
     screen.finish();
+    if (!screen.wait_until(XScreen::now_ns() + rendered_ahead_ns))
+        return 1;
     puts("ready");
     fflush(stdout);
     return flash(screen, beeps, seconds) ? 0 : 1;
