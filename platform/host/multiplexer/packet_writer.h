@@ -1,0 +1,64 @@
+#pragma once
+
+#include "multiplexer/packet_ring.h"
+#include "multiplexer/program_tables.h"
+#include "multiplexer/stream_clock.h"
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+namespace zu3host {
+
+inline constexpr size_t ts_payload_bytes = 184; /**< of a packet without an adaptation field */
+inline constexpr size_t pes_header_bytes = 14;  /**< with a PTS and nothing else */
+
+/** One elementary stream and its place in the sequence of its packets. */
+struct PacketStream {
+    uint16_t pid = 0;
+    uint8_t stream_id = 0; /**< of its PES packets */
+    uint8_t continuity = 0;
+};
+
+/** A PES packet (2.4.3.6) on its way into transport packets: a header of its own before bytes of the
+ * caller's. */
+class PesPacket {
+public:
+    /** @param bounded whether PES_packet_length is given; only pictures may leave it open */
+    PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data, bool bounded);
+    size_t left() const { return header_.size() + data_.size() - position_; }
+    bool at_start() const { return position_ == 0; }
+    void read(uint8_t* dst, size_t size);
+
+private:
+    std::array<uint8_t, pes_header_bytes> header_;
+    std::span<const uint8_t> data_;
+    size_t position_ = 0;
+};
+
+/** Writes transport packets straight into the ring and moves the stream's clock by each. Not thread-safe. */
+class PacketWriter {
+public:
+    PacketWriter(PacketRing& ring, StreamClock& clock) : ring_(ring), clock_(clock) {}
+
+    size_t free_packets() const { return ring_.free_packets(); }
+    void write_null();
+    void write_table(const TablePacket& table, uint8_t& continuity);
+    /** A packet that carries nothing but the time. */
+    void write_pcr(const PacketStream& stream);
+
+    struct Marks {
+        bool pcr;
+        bool random_access;
+    };
+    /** The next packet of a PES packet; marks go into its adaptation field. */
+    void write_pes(PesPacket& pes, PacketStream& stream, Marks marks);
+
+private:
+    uint8_t* begin();
+
+    PacketRing& ring_;
+    StreamClock& clock_;
+};
+
+} // namespace zu3host

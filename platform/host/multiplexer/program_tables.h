@@ -1,0 +1,29 @@
+#pragma once
+
+#include "multiplexer/packet_ring.h"
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace zu3host {
+
+/** One line of the program map (ISO/IEC 13818-1, 2.4.4.8). */
+struct ProgramStream {
+    uint8_t stream_type; /**< table 2-34: 0x1B = H.264, 0x0F = AAC with ADTS */
+    uint16_t pid;
+};
+
+using TablePacket = std::array<uint8_t, ts_packet_bytes>;
+
+/** The stream's program association and map, a packet each, with a continuity counter of 0. */
+struct ProgramTables {
+    TablePacket association;
+    TablePacket map;
+};
+
+/** Tables of the one program, number 1, of at most eight streams; version 0, since they never change. */
+ProgramTables make_program_tables(uint16_t map_pid, uint16_t pcr_pid,
+                                  const std::vector<ProgramStream>& streams);
+
+} // namespace zu3host

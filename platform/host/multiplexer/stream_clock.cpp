@@ -1,0 +1,41 @@
+#include "multiplexer/stream_clock.h"
+
+#include "multiplexer/packet_ring.h"
+
+#include <algorithm>
+
+namespace zu3host {
+
+namespace {
+
+constexpr uint64_t packet_bits_in_ticks = ts_packet_bytes * 8 * system_clock_hz;
+/** Packets at a variable rate are a microsecond apart at least, so that no two carry the same time. */
+constexpr uint64_t least_packet_ticks = 27;
+
+} // namespace
+
+StreamClock::StreamClock(uint64_t start, uint64_t bits_per_second)
+    : now_(start), bits_per_second_(bits_per_second), whole_ticks_(least_packet_ticks)
+{
+    if (bits_per_second == 0)
+        return;
+    whole_ticks_ = packet_bits_in_ticks / bits_per_second;
+    remainder_ = packet_bits_in_ticks % bits_per_second;
+}
+
+void StreamClock::packet_sent()
+{
+    now_ += whole_ticks_;
+    carried_ += remainder_;
+    if (carried_ < bits_per_second_ || bits_per_second_ == 0)
+        return;
+    carried_ -= bits_per_second_;
+    ++now_;
+}
+
+void StreamClock::wait_until(uint64_t moment)
+{
+    now_ = std::max(now_, moment);
+}
+
+} // namespace zu3host

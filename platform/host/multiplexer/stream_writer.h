@@ -1,0 +1,80 @@
+#pragma once
+
+#include "multiplexer/packet_writer.h"
+#include "multiplexer/sound_queue.h"
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace zu3host {
+
+/** One access unit with its presentation time on the stream's clock, 90 kHz. */
+struct PictureUnit {
+    std::span<const uint8_t> data;
+    int64_t pts;
+    bool random_access; /**< decoding can start here: tables go before it */
+};
+
+/**
+ * The order of the stream: pictures, and between them whatever falls due on the stream's clock - program
+ * clock references at most 40 ms apart, tables at most 100 ms apart, sound shortly before it is heard, null
+ * packets at a constant rate. Not thread-safe.
+ */
+class StreamWriter {
+public:
+    /** Idle steps want this much room, so that whatever is due fits. */
+    static constexpr size_t idle_room = 10;
+
+    /** @param bits_per_second constant rate of the 188-byte packets; 0 = variable */
+    StreamWriter(PacketRing& ring, uint64_t start, uint64_t bits_per_second);
+    StreamWriter(const StreamWriter&) = delete;
+    StreamWriter& operator=(const StreamWriter&) = delete;
+
+    uint64_t now() const { return clock_.now(); }
+    bool constant_rate() const { return clock_.constant_rate(); }
+
+    /** What the tables say; before the first packet. Time references go with pictures(), also without
+     * pictures. */
+    void set_program(uint16_t map_pid, const std::vector<ProgramStream>& streams);
+    PacketStream& pictures() { return pictures_; }
+    PacketStream& sound() { return sound_; }
+    /** How long before it is heard sound goes out, ticks of 27 MHz. */
+    void set_sound_lead(uint64_t ticks) { sound_lead_ = ticks; }
+
+    /** Moves the stream to `moment`, with what falls due until then. @return false when the ring filled up
+     * first */
+    bool advance(uint64_t moment, SoundQueue* queue);
+    /** Packets that a picture of `bytes` takes at most, with tables and time references, without sound. */
+    size_t greatest_picture_packets(size_t bytes) const;
+    /**
+     * Writes a picture whole, at a variable rate spread up to `end`. free_packets() of the ring must not be
+     * below greatest_picture_packets().
+     */
+    void write_picture(const PictureUnit& picture, uint64_t end, SoundQueue* queue);
+    /** Writes sound that is heard until `pts` at once, whatever its time; as far as there is room. */
+    void flush_sound(SoundQueue& queue, int64_t pts);
+
+private:
+    bool write_due(SoundQueue* queue, size_t reserved);
+    void write_tables();
+    void write_time();
+    void write_sound(SoundQueue& queue);
+    void step(uint64_t moment, SoundQueue* queue, size_t reserved);
+    bool sound_fits(const SoundQueue* queue, size_t reserved) const;
+    uint64_t sound_due(const SoundQueue& queue) const;
+    uint64_t time_period() const;
+
+    StreamClock clock_;
+    PacketWriter packets_;
+    ProgramTables tables_ = {};
+    uint8_t association_continuity_ = 15;
+    uint8_t map_continuity_ = 15;
+    PacketStream pictures_ = {0, 0, 15};
+    PacketStream sound_ = {0, 0, 15};
+    uint64_t sound_lead_ = 0;
+    uint64_t tables_due_;
+    uint64_t time_due_;
+};
+
+} // namespace zu3host

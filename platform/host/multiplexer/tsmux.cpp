@@ -1,0 +1,181 @@
+#include "zu3/tsmux.h"
+
+#include "common/handle_table.h"
+#include "log/host_log.h"
+#include "multiplexer/multiplexer.h"
+
+#include <atomic>
+#include <new>
+
+namespace zu3host {
+
+namespace {
+
+std::atomic<bool> initialised{false};
+
+HandleTable<Multiplexer>& multiplexers()
+{
+    static HandleTable<Multiplexer> table(0x600);
+    return table;
+}
+
+/** Calls a function of an open multiplexer. */
+template <typename Function> uint32_t with_multiplexer(uint32_t handle, Function&& function)
+{
+    const auto multiplexer = multiplexers().find(handle);
+    if (!multiplexer)
+        return ZU_INVALID_ARGUMENT;
+    try {
+        return function(*multiplexer);
+    } catch (const std::bad_alloc&) {
+        HOST_LOGE("There is no memory for the multiplexer.");
+        return ZU_FAILURE;
+    }
+}
+
+uint32_t open(const ZU_TSMUX_OpenParams_t& params, uint32_t& handle)
+{
+    try {
+        auto multiplexer = Multiplexer::open(params);
+        if (!multiplexer)
+            return ZU_FAILURE;
+        handle = multiplexers().add(std::move(multiplexer));
+        return ZU_OK;
+    } catch (const std::bad_alloc&) {
+        HOST_LOGE("There is no memory for another multiplexer.");
+        return ZU_FAILURE;
+    }
+}
+
+uint32_t set_attribute(Multiplexer& multiplexer, uint32_t type, const void* value)
+{
+    switch (type) {
+    case E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL:
+        return multiplexer.set_interleaving(*static_cast<const ZU_TSMUX_AvInterleaving_t*>(value));
+    case E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP:
+        return multiplexer.set_ignore_remain(*static_cast<const u8*>(value) != 0);
+    case E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL:
+        return multiplexer.set_continuity(*static_cast<const ZU_TSMUX_PtsContinuity_t*>(value));
+    default:
+        HOST_LOGE("The multiplexer has no attribute 0x%x.", type);
+        return ZU_INVALID_ARGUMENT;
+    }
+}
+
+} // namespace
+
+} // namespace zu3host
+
+using namespace zu3host;
+
+#pragma GCC visibility push(default)
+
+u32 ZU_TSMUX_Init(const ZU_TSMUX_InitParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return initialised.exchange(true) ? ZU_ALREADY_INITIALISED : ZU_OK;
+}
+
+u32 ZU_TSMUX_DeInit(void)
+{
+    return initialised.exchange(false) ? ZU_OK : ZU_FAILURE;
+}
+
+u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle)
+{
+    if (!pstParams || !pu32Handle)
+        return ZU_INVALID_ARGUMENT;
+    if (!initialised) {
+        HOST_LOGE("The multiplexer module is not initialised.");
+        return ZU_FAILURE;
+    }
+    return open(*pstParams, *pu32Handle);
+}
+
+u32 ZU_TSMUX_Close(u32 u32Handle)
+{
+    const auto multiplexer = multiplexers().remove(u32Handle);
+    if (!multiplexer)
+        return ZU_INVALID_ARGUMENT;
+    multiplexer->close();
+    return ZU_OK;
+}
+
+u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams, u64* pu64CallbackId)
+{
+    if (!pstParams || !pstParams->pfnCallback || !pu64CallbackId)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) -> u32 {
+        const u64 id = multiplexer.callback().set(*pstParams);
+        if (id == 0) {
+            HOST_LOGE("The multiplexer has a callback already.");
+            return ZU_FAILURE;
+        }
+        *pu64CallbackId = id;
+        return ZU_OK;
+    });
+}
+
+u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) -> u32 {
+        return multiplexer.callback().remove(pstParams->u64CallbackId) ? ZU_OK : ZU_INVALID_ARGUMENT;
+    });
+}
+
+u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
+{
+    if (!pValue)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(
+        u32Handle, [&](Multiplexer& multiplexer) { return set_attribute(multiplexer, u32Type, pValue); });
+}
+
+u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
+                               u64* pu64MuxSrcId)
+{
+    if (!pstParams || !pu64MuxSrcId)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(
+        u32Handle, [&](Multiplexer& multiplexer) { return multiplexer.attach(*pstParams, *pu64MuxSrcId); });
+}
+
+u32 ZU_TSMUX_DetachMediaSource(u32 u32Handle, u64 u64MuxSrcId)
+{
+    return with_multiplexer(u32Handle,
+                            [&](Multiplexer& multiplexer) { return multiplexer.detach(u64MuxSrcId); });
+}
+
+u32 ZU_TSMUX_Start(u32 u32Handle, const ZU_TSMUX_StartParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(u32Handle, [](Multiplexer& multiplexer) { return multiplexer.start(); });
+}
+
+u32 ZU_TSMUX_Stop(u32 u32Handle)
+{
+    return with_multiplexer(u32Handle, [](Multiplexer& multiplexer) { return multiplexer.stop(); });
+}
+
+u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t* pstData)
+{
+    if (!pstData)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(u32Handle,
+                            [&](Multiplexer& multiplexer) { return multiplexer.push(u32Handle, *pstData); });
+}
+
+u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied)
+{
+    if (!pDst || !pu32Copied)
+        return ZU_INVALID_ARGUMENT;
+    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) {
+        return multiplexer.copy_out(static_cast<u8*>(pDst), u32MaxSize, *pu32Copied);
+    });
+}
+
+#pragma GCC visibility pop
