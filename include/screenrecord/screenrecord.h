@@ -1,6 +1,7 @@
 /**
- * screenrecord: captures the composed screen, encodes it as H.264 (ISO/IEC 14496-10) and either multiplexes it
- * into an MPEG transport-stream file (ISO/IEC 13818-1) or hands out the encoded frames, screenshots or raw PCM.
+ * screenrecord: captures the composed screen, encodes it as H.264 (ISO/IEC 14496-10) and either multiplexes
+ * it into an MPEG transport-stream file (ISO/IEC 13818-1) or hands out the encoded frames, screenshots or raw
+ * PCM.
  *
  * Five interfaces share two recording slots:
  *
@@ -31,8 +32,8 @@
 #ifdef __cplusplus
 
 /**
- * Brings the library up: initialises the middleware's modules and reads their capabilities. Needed once before
- * the other SCREENRECORD_ functions; further calls do nothing.
+ * Brings the library up: initialises the middleware's modules and reads their capabilities. Needed once
+ * before the other SCREENRECORD_ functions; further calls do nothing.
  * @return 1 on success, 0 when a module could not be initialised (those that were are released again)
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Init(void);
@@ -55,36 +56,41 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu
 /**
  * Chooses the video of an open slot and opens the encoder and its source. Before SCREENRECORD_SetTsMux.
  * @param pu32Handle    slot, 0 or 1
- * @param pu8SrcName    "cap" for the screen, else the name of a raw NV12 file (lines of the width rounded up to
- *                      16, the height rounded up to 32 lines, chroma behind them), which is played once
+ * @param pu8SrcName    "cap" for the screen, else the name of a raw NV12 file (lines of the width rounded up
+ * to 16, the height rounded up to 32 lines, chroma behind them), which is played once
  * @param pu8VencType   codec: NULL, "", "auto", "default" or "h264"
  * @param pu32Width     pixels, NULL or 0 = 640; at most what the encoder can
  * @param pu32Height    lines, NULL or 0 = 480; at most what the encoder can
  * @param pu32FrameRate frames per second, NULL or 0 = 30; at most what the encoder can
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name closes the slot
+ * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name closes the
+ * slot
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t* pu8SrcName, uint8_t* pu8VencType,
-                                                   uint32_t* pu32Width, uint32_t* pu32Height,
-                                                   uint32_t* pu32FrameRate);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t* pu8SrcName,
+                                                   uint8_t* pu8VencType, uint32_t* pu32Width,
+                                                   uint32_t* pu32Height, uint32_t* pu32FrameRate);
 
 /**
  * Chooses the audio of an open slot and opens its source. Before SCREENRECORD_SetTsMux.
  * @param pu32Handle   slot, 0 or 1
  * @param pu8SrcName   "cap" for what the device plays, else a file name (opened, but not read)
- * @param pu8AencType  codec: NULL, "", "auto", "default" or "aac"; "mp3" with "cap" only, and then without capture
+ * @param pu8AencType  codec: NULL, "", "auto", "default" or "aac"; "mp3" with "cap" only, and then without
+ * capture
  * @param pu32BitWidth bits per sample, NULL or 0 = 16; stored only
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name closes the slot
+ * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name closes the
+ * slot
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t* pu8SrcName, uint8_t* pu8AencType,
-                                                   uint32_t* pu32BitWidth);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t* pu8SrcName,
+                                                   uint8_t* pu8AencType, uint32_t* pu32BitWidth);
 
 /**
- * Opens the multiplexer of a slot whose video or audio is configured; the last step before SCREENRECORD_Start.
+ * Opens the multiplexer of a slot whose video or audio is configured; the last step before
+ * SCREENRECORD_Start.
  * @param pu32Handle        slot, 0 or 1
- * @param pu32TsPacketSize  192 for packets behind a 4-byte arrival time stamp, any other value 188; NULL = 192
+ * @param pu32TsPacketSize  192 for packets behind a 4-byte arrival time stamp, any other value 188; NULL =
+ * 192
  * @param pu32CbrBitrateMb  constant rate in units of 1048576 bit/s; NULL or 0 = as much as the content needs
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a missing source closes
- *         the slot
+ * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a missing source
+ * closes the slot
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetTsMux(uint32_t* pu32Handle, uint32_t* pu32TsPacketSize,
                                                    uint32_t* pu32CbrBitrateMb);
@@ -97,7 +103,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetTsMux(uint32_t* pu32Handle, uint32_
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Start(uint32_t* pu32Handle);
 
 /**
- * Stops capture and encoder of a slot. The multiplexer goes on writing what it holds until the slot is closed.
+ * Stops capture and encoder of a slot. The multiplexer goes on writing what it holds until the slot is
+ * closed.
  * @param pu32Handle slot, 0 or 1
  * @return 1 on success (also when nothing ran), 0 on failure
  */
@@ -106,8 +113,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle);
 /**
  * Stops a slot, writes what is left, closes everything that it holds and its file. Harmless on a closed slot.
  * @param pu32Handle slot, 0 or 1
- * @return 1 when the stop and the file's close succeeded, else 0; the slot is closed in either case, unless the
- *         handle is bad or the library not initialised
+ * @return 1 when the stop and the file's close succeeded, else 0; the slot is closed in either case, unless
+ * the handle is bad or the library not initialised
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Close(uint32_t* pu32Handle);
 
@@ -118,8 +125,8 @@ class WatermarkParams;
 extern "C" {
 
 /**
- * Sets or changes the watermark of the capture-encode interface; after video_capenc_open, also while it runs. It
- * is drawn only where the capture writes into the encoder's own buffer; video_capenc_stop removes it.
+ * Sets or changes the watermark of the capture-encode interface; after video_capenc_open, also while it runs.
+ * It is drawn only where the capture writes into the encoder's own buffer; video_capenc_stop removes it.
  * @param watermark copied (see srglworker/SrGlWorker.h); its picture is shared, not copied
  * @return 0 on success, -1 on failure
  */
@@ -128,20 +135,23 @@ SCREENRECORD_EXPORT int video_capenc_setWatermark(const android::WatermarkParams
 #endif
 
 /**
- * Records screen and sound into a transport-stream file on slot 0: Init, Open, SetAudio, SetVideo, SetTsMux, Start.
+ * Records screen and sound into a transport-stream file on slot 0: Init, Open, SetAudio, SetVideo, SetTsMux,
+ * Start.
  * @param u32Width       pixels, 0 = 640
  * @param u32Height      lines, 0 = 480
  * @param u32FrameRate   frames per second, 0 = 30
  * @param u32CbrBitrateMb constant rate in units of 1048576 bit/s, 0 = as much as the content needs
  * @param u32TsPacketSize 192, any other value 188
- * @param u32RecordTime  the recording ends by itself once more than so many whole seconds have passed; 0 = never
+ * @param u32RecordTime  the recording ends by itself once more than so many whole seconds have passed; 0 =
+ * never
  * @param u8VencType     0 = H.264; nothing else is accepted
  * @param pu8FileName    NUL-terminated output file name
  * @return 0 when the recording runs, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t startScreenRecord(uint32_t u32Width, uint32_t u32Height, uint32_t u32FrameRate,
                                               uint32_t u32CbrBitrateMb, uint32_t u32TsPacketSize,
-                                              uint32_t u32RecordTime, uint8_t u8VencType, uint8_t* pu8FileName);
+                                              uint32_t u32RecordTime, uint8_t u8VencType,
+                                              uint8_t* pu8FileName);
 
 /**
  * Stops and closes slot 0, whoever opened it; also harmless after the time limit has done so.
@@ -156,9 +166,9 @@ typedef struct CapEnc_OpenParams {
     uint32_t frameRate;     /**< frames per second */
     uint32_t outputBitrate; /**< bit/s */
     uint32_t profile;       /**< 1 = Baseline, 2 = Main; others leave it to the encoder */
-    uint32_t level;         /**< one bit a level: 0x1 = 1, 0x2 = 1b, 0x4 = 1.1 ... 0x1000 = 4.1; others leave it to the
-                                 encoder */
-    uint32_t osd;           /**< low byte not 0 = with the on-screen-display layer */
+    uint32_t level; /**< one bit a level: 0x1 = 1, 0x2 = 1b, 0x4 = 1.1 ... 0x1000 = 4.1; others leave it to
+                       the encoder */
+    uint32_t osd;   /**< low byte not 0 = with the on-screen-display layer */
 } CapEnc_OpenParams;
 
 /** What video_capenc_getES says of the frame that it took. */
@@ -178,12 +188,14 @@ SCREENRECORD_EXPORT int32_t video_capenc_open(CapEnc_OpenParams* params);
 
 /**
  * Starts the opened pipeline.
- * @param startTimeUs pictures captured before this time are dropped; microseconds of the monotonic clock, 0 = none
+ * @param startTimeUs pictures captured before this time are dropped; microseconds of the monotonic clock, 0 =
+ * none
  * @return 0 on success, -1 on failure (stopped and closed, except when only the watermark renderer refused)
  */
 SCREENRECORD_EXPORT int32_t video_capenc_start(int64_t startTimeUs);
 
-/** Stops the pipeline and removes its watermark; frames that wait can still be taken. @return 0, -1 on failure */
+/** Stops the pipeline and removes its watermark; frames that wait can still be taken. @return 0, -1 on
+ * failure */
 SCREENRECORD_EXPORT int32_t video_capenc_stop(void);
 
 /** Closes the pipeline from any state and frees its buffers. @return 0, -1 on failure */
@@ -195,16 +207,18 @@ SCREENRECORD_EXPORT int32_t video_capenc_pause(void);
 /** Ends a pause; the next frame handed out is a key frame. @return 0 */
 SCREENRECORD_EXPORT int32_t video_capenc_resume(void);
 
-/** Changes the bit rate of the open encoder. @param u32BitRate bit/s @return 0, -1 without encoder or when refused */
+/** Changes the bit rate of the open encoder. @param u32BitRate bit/s @return 0, -1 without encoder or when
+ * refused */
 SCREENRECORD_EXPORT int32_t video_capenc_setBitRate(uint32_t u32BitRate);
 
 /**
- * Takes the oldest waiting frame, one whole access unit (ISO/IEC 14496-10, Annex B); does not wait for one. At
- * most three frames wait; a caller that falls behind loses frames up to the next key frame.
+ * Takes the oldest waiting frame, one whole access unit (ISO/IEC 14496-10, Annex B); does not wait for one.
+ * At most three frames wait; a caller that falls behind loses frames up to the next key frame.
  * @param buffer     receives the frame; not NULL
  * @param bufferSize its size in bytes; video_capenc_getMaxEsSize() is always enough
  * @param info       not NULL; u64DataSize is 0 when no frame was waiting
- * @return 0; -1 when the frame did not fit and was dropped, or the lock was not obtained (u64DataSize is 0 then)
+ * @return 0; -1 when the frame did not fit and was dropped, or the lock was not obtained (u64DataSize is 0
+ * then)
  */
 SCREENRECORD_EXPORT int32_t video_capenc_getES(uint8_t* buffer, uint64_t bufferSize, CapEnc_EsInfo* info);
 
@@ -233,7 +247,8 @@ typedef struct Cap_OpenParams {
 
 /** One frame buffer, as video_cap_getCaptureBuffers describes it. Entries beyond planeCount are untouched. */
 typedef struct Cap_Buffer {
-    int32_t fd[3];       /**< descriptor to map each plane by; it stays the library's and is valid until the close */
+    int32_t
+        fd[3]; /**< descriptor to map each plane by; it stays the library's and is valid until the close */
     uint32_t offset[3];  /**< byte of the descriptor's memory where the plane starts */
     uint64_t size[3];    /**< bytes of the plane (of the whole buffer where there is one plane) */
     uint32_t planeCount; /**< 1, or 2 for NV12 */
@@ -247,8 +262,8 @@ typedef struct Cap_Buffer {
 /**
  * Opens still-frame capture on slot 0, whose capture must be closed, and allocates the buffers.
  * @param params not NULL
- * @return 0 on success, also when the buffers could not be allocated (video_cap_getCaptureBuffers then fails);
- *         -1 on failure. After a format that does not exist the device stays open: call video_cap_close.
+ * @return 0 on success, also when the buffers could not be allocated (video_cap_getCaptureBuffers then
+ * fails); -1 on failure. After a format that does not exist the device stays open: call video_cap_close.
  */
 SCREENRECORD_EXPORT int32_t video_cap_open(Cap_OpenParams* params);
 
@@ -260,10 +275,12 @@ SCREENRECORD_EXPORT int32_t video_cap_open(Cap_OpenParams* params);
  */
 SCREENRECORD_EXPORT int32_t video_cap_getCaptureBuffers(Cap_Buffer* buffers, uint32_t count);
 
-/** Captures what is on the screen now into buffer `index`; returns when it is there. @return 0, -1 on failure */
+/** Captures what is on the screen now into buffer `index`; returns when it is there. @return 0, -1 on failure
+ */
 SCREENRECORD_EXPORT int32_t video_cap_captureScreen(int32_t index);
 
-/** Frees the buffers and closes the device. Their mappings stay valid, their descriptor does not. @return 0 or -1 */
+/** Frees the buffers and closes the device. Their mappings stay valid, their descriptor does not. @return 0
+ * or -1 */
 SCREENRECORD_EXPORT int32_t video_cap_close(void);
 
 /** What audio_cap_getInfo says. */
@@ -290,8 +307,8 @@ SCREENRECORD_EXPORT uint64_t audio_cap_getLostSize(void);
  * Reads PCM once a whole buffer's worth is waiting; does not wait for it.
  * @param buffer  receives the samples; not NULL
  * @param bufSize its size in bytes
- * @param pSize   receives the bytes delivered, 0 when less than `bufSize` is waiting; untouched when the device
- *                fails to read
+ * @param pSize   receives the bytes delivered, 0 when less than `bufSize` is waiting; untouched when the
+ * device fails to read
  * @return 0; -1 when PCM capture is not open or its level is unknown
  */
 SCREENRECORD_EXPORT int32_t audio_cap_getPCM(uint8_t* buffer, uint64_t bufSize, uint64_t* pSize);

@@ -19,7 +19,8 @@ typedef enum {
 } android_LogPriority;
 
 /** Writes one formatted line to the log; from any thread. */
-int __android_log_print(int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+int __android_log_print(int prio, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,6 @@
 /**
- * The watermark renderer `libSrGlWorker`: draws an RGBA picture from shared memory into captured NV12 pictures.
+ * The watermark renderer `libSrGlWorker`: draws an RGBA picture from shared memory into captured NV12
+ * pictures.
  */
 #ifndef SRGLWORKER_SRGLWORKER_H
 #define SRGLWORKER_SRGLWORKER_H
@@ -13,20 +14,21 @@
 namespace android {
 
 /**
- * A watermark: an RGBA picture in shared memory and where it goes. A NULL memory, a width or height of 0 or an
- * opacity of 0 shows nothing, which is how a watermark is removed.
+ * A watermark: an RGBA picture in shared memory and where it goes. A NULL memory, a width or height of 0 or
+ * an opacity of 0 shows nothing, which is how a watermark is removed.
  */
 class WatermarkParams : public RefBase {
 public:
-    sp<IMemory> spMemory;      /**< the picture: u32Height lines of u32Stride bytes from u32Offset on */
-    uint32_t u32BytesPerPixel = 4; /**< 4 = R, G, B, A, one byte each, alpha not premultiplied; nothing else is drawn */
-    int32_t s32X = 0;          /**< left edge in the captured picture, pixels; may be negative or odd */
-    int32_t s32Y = 0;          /**< top edge, lines; may be negative or odd */
-    uint32_t u32Width = 0;     /**< pixels of the watermark, drawn one to one */
-    uint32_t u32Height = 0;    /**< lines */
-    uint32_t u32Stride = 0;    /**< bytes per line, 0 = u32Width x 4 */
-    uint32_t u32Offset = 0;    /**< byte of the memory where the first line starts */
-    uint32_t u32Opacity = 0;   /**< 0 (invisible) to 255 (as the picture's alpha says); more counts as 255 */
+    sp<IMemory> spMemory; /**< the picture: u32Height lines of u32Stride bytes from u32Offset on */
+    uint32_t u32BytesPerPixel =
+        4;            /**< 4 = R, G, B, A, one byte each, alpha not premultiplied; nothing else is drawn */
+    int32_t s32X = 0; /**< left edge in the captured picture, pixels; may be negative or odd */
+    int32_t s32Y = 0; /**< top edge, lines; may be negative or odd */
+    uint32_t u32Width = 0;   /**< pixels of the watermark, drawn one to one */
+    uint32_t u32Height = 0;  /**< lines */
+    uint32_t u32Stride = 0;  /**< bytes per line, 0 = u32Width x 4 */
+    uint32_t u32Offset = 0;  /**< byte of the memory where the first line starts */
+    uint32_t u32Opacity = 0; /**< 0 (invisible) to 255 (as the picture's alpha says); more counts as 255 */
     uint32_t au32Reserved[3] = {0, 0, 0};
 
     WatermarkParams() = default;
@@ -34,32 +36,35 @@ public:
     WatermarkParams(const WatermarkParams& other)
         : RefBase(), spMemory(other.spMemory), u32BytesPerPixel(other.u32BytesPerPixel), s32X(other.s32X),
           s32Y(other.s32Y), u32Width(other.u32Width), u32Height(other.u32Height), u32Stride(other.u32Stride),
-          u32Offset(other.u32Offset), u32Opacity(other.u32Opacity),
-          au32Reserved{other.au32Reserved[0], other.au32Reserved[1], other.au32Reserved[2]}
+          u32Offset(other.u32Offset),
+          u32Opacity(other.u32Opacity), au32Reserved{other.au32Reserved[0], other.au32Reserved[1],
+                                                     other.au32Reserved[2]}
     {
     }
     ~WatermarkParams() override = default;
     WatermarkParams& operator=(const WatermarkParams&) = delete;
 };
-static_assert(sizeof(void*) != 4 || sizeof(WatermarkParams) == 56, "WatermarkParams differs from the device's size");
+static_assert(sizeof(void*) != 4 || sizeof(WatermarkParams) == 56,
+              "WatermarkParams differs from the device's size");
 
 /** A picture that the renderer draws into. */
 struct qrl_native_buffer_t {
-    uint32_t version;   /**< 0x201 */
-    uint32_t flags;     /**< 2 */
-    uint32_t format;    /**< 0x23, HAL_PIXEL_FORMAT_YCbCr_420_888: NV12 here */
-    uint32_t width;     /**< pixels */
-    uint32_t height;    /**< lines */
-    uint32_t pitch;     /**< bytes per line of both planes */
-    void* addr;         /**< virtual address of the buffer that contains the picture */
-    uint32_t reserved0; /**< 0 */
-    uint64_t phys;      /**< physical start of that buffer */
-    int32_t fd[2];      /**< descriptor of the buffer, one a plane */
-    uint32_t reserved1; /**< 0 */
-    uint32_t offset[2]; /**< bytes from the buffer's start to the luma and to the chroma plane */
+    uint32_t version;      /**< 0x201 */
+    uint32_t flags;        /**< 2 */
+    uint32_t format;       /**< 0x23, HAL_PIXEL_FORMAT_YCbCr_420_888: NV12 here */
+    uint32_t width;        /**< pixels */
+    uint32_t height;       /**< lines */
+    uint32_t pitch;        /**< bytes per line of both planes */
+    void* addr;            /**< virtual address of the buffer that contains the picture */
+    uint32_t reserved0;    /**< 0 */
+    uint64_t phys;         /**< physical start of that buffer */
+    int32_t fd[2];         /**< descriptor of the buffer, one a plane */
+    uint32_t reserved1;    /**< 0 */
+    uint32_t offset[2];    /**< bytes from the buffer's start to the luma and to the chroma plane */
     uint32_t reserved2[3]; /**< 0 */
 };
-static_assert(sizeof(void*) != 4 || sizeof(qrl_native_buffer_t) == 72, "qrl_native_buffer_t differs from the device's size");
+static_assert(sizeof(void*) != 4 || sizeof(qrl_native_buffer_t) == 72,
+              "qrl_native_buffer_t differs from the device's size");
 
 namespace vexa_screenrecord {
 

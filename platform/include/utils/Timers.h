@@ -6,10 +6,7 @@
 
 typedef int64_t nsecs_t;
 
-enum {
-    SYSTEM_TIME_REALTIME = 0,
-    SYSTEM_TIME_MONOTONIC = 1
-};
+enum { SYSTEM_TIME_REALTIME = 0, SYSTEM_TIME_MONOTONIC = 1 };
 
 #ifdef __cplusplus
 extern "C" {

@@ -23,7 +23,8 @@ ZU_ASSERT_DEVICE_SIZE(ZU_ACAP_OpenParams_t, 8);
 
 typedef u32 ZU_ACAP_CallbackEvent_e; /**< audio capture events; the library acts on none of them */
 
-typedef u32 (*ZU_ACAP_Callback)(s32 s32Handle, ZU_ACAP_CallbackEvent_e eEvent, void* pEventData, void* pUserData);
+typedef u32 (*ZU_ACAP_Callback)(s32 s32Handle, ZU_ACAP_CallbackEvent_e eEvent, void* pEventData,
+                                void* pUserData);
 
 typedef struct {
     u64 u64CallbackId;            /**< 0 */

@@ -54,11 +54,11 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, u64PhyAddr, 40);
 
 /** Given to ZU_CAP_CaptureStart and ZU_CAP_CaptureOne; zero except where said. */
 typedef struct {
-    u32 u32CapturePath;    /**< 0 */
-    u32 u32Osd;            /**< 1 = the on-screen-display layer is part of the picture */
-    u8 au8Reserved0[168];  /**< 0 */
+    u32 u32CapturePath;   /**< 0 */
+    u32 u32Osd;           /**< 1 = the on-screen-display layer is part of the picture */
+    u8 au8Reserved0[168]; /**< 0 */
     ZU_CAP_Output_t stOutput;
-    u8 au8Reserved1[32];   /**< 0 */
+    u8 au8Reserved1[32]; /**< 0 */
 } ZU_CAP_CaptureParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_CaptureParams_t, 296);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CaptureParams_t, u32Osd, 4);
@@ -68,8 +68,8 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CaptureParams_t, stOutput, 176);
 typedef struct {
     u32 u32BufIndex; /**< capture buffer that holds the picture */
     u32 u32Reserved0;
-    u64 phyYAddr;    /**< physical address of the luma plane (or of the only plane) */
-    u64 phyCAddr;    /**< physical address of the chroma plane, 0 = none */
+    u64 phyYAddr; /**< physical address of the luma plane (or of the only plane) */
+    u64 phyCAddr; /**< physical address of the chroma plane, 0 = none */
     u64 u64Reserved1;
 } ZU_CAP_FrameInfo_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_FrameInfo_t, 32);
@@ -81,11 +81,11 @@ typedef u32 (*ZU_CAP_Callback)(s32 s32Handle, u32 u32Event, ZU_CAP_FrameInfo_t* 
 
 /** Exchanged with ZU_CAP_RegisterCallback and ZU_CAP_UnRegisterCallback. */
 typedef struct {
-    u64 u64CallbackId;          /**< 0 when registering; the id that was returned when removing */
+    u64 u64CallbackId; /**< 0 when registering; the id that was returned when removing */
     ZU_CAP_Callback pfnCallback;
-    u32 u32EventMask;           /**< 1 = captured pictures */
-    void* pUserData;            /**< handed to the callback as it stands */
-    u32 u32Reserved;            /**< 0 */
+    u32 u32EventMask; /**< 1 = captured pictures */
+    void* pUserData;  /**< handed to the callback as it stands */
+    u32 u32Reserved;  /**< 0 */
 } ZU_CAP_CallbackParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_CallbackParams_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CallbackParams_t, pfnCallback, 8);
@@ -107,7 +107,8 @@ u32 ZU_CAP_UnRegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstP
 u32 ZU_CAP_CaptureStart(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams);
 /** Stops delivering. A callback that is running may still be running when this returns. */
 u32 ZU_CAP_CaptureStop(u32 u32Handle);
-/** Captures one picture into stOutput.u64PhyAddr; returns when it is there. The device need not be started. */
+/** Captures one picture into stOutput.u64PhyAddr; returns when it is there. The device need not be started.
+ */
 u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams, ZU_CAP_FrameInfo_t* pstFrame);
 /** Gives a capture buffer back to the device. */
 u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex);

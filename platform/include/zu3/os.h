@@ -23,13 +23,13 @@ typedef void (*ZU_OS_TaskEntry)(void* pArg);
 /** Given to ZU_OS_CreateTask. */
 typedef struct {
     ZU_OS_TaskEntry pfnEntry;
-    void* pArg;         /**< handed to the entry as it stands; owned by the task once the creation succeeded */
-    u32 u32Priority;    /**< scheduling class, 4 = the middleware's default for media tasks */
-    u8 bAutoStart;      /**< 1 = runnable at once */
-    u8 au8Reserved[3];  /**< 0 */
-    void* pStack;       /**< stack block, owned by the creator and valid until ZU_OS_DeleteTask returned */
-    u32 u32StackSize;   /**< its size in bytes */
-    const char* pName;  /**< NUL-terminated, read during the call only */
+    void* pArg;        /**< handed to the entry as it stands; owned by the task once the creation succeeded */
+    u32 u32Priority;   /**< scheduling class, 4 = the middleware's default for media tasks */
+    u8 bAutoStart;     /**< 1 = runnable at once */
+    u8 au8Reserved[3]; /**< 0 */
+    void* pStack;      /**< stack block, owned by the creator and valid until ZU_OS_DeleteTask returned */
+    u32 u32StackSize;  /**< its size in bytes */
+    const char* pName; /**< NUL-terminated, read during the call only */
 } ZU_OS_TaskAttr_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_TaskAttr_t, 28);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, u32Priority, 8);
@@ -49,8 +49,9 @@ u32 ZU_OS_DeleteMutex(s32 s32MutexId);
 /** Creates a task and writes its id, which is 1 or more. The entry may run before this returns. */
 u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId);
 /**
- * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never runs. When
- * it has returned, the task executes nothing more and its stack may be freed. Not for the calling task itself.
+ * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never runs.
+ * When it has returned, the task executes nothing more and its stack may be freed. Not for the calling task
+ * itself.
  */
 u32 ZU_OS_DeleteTask(s32 s32TaskId);
 /** Blocks the calling thread for `u32Ms` milliseconds. */
@@ -74,12 +75,12 @@ u32 ZU_OS_FlushMemory(void);
 
 /** IOMMU allocation: the caller fills everything but the address. */
 typedef struct {
-    char acTag[32];      /**< NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
-    u32 u32Size;         /**< bytes */
-    u32 u32Flags;        /**< 3 = a block that both capture and CPU reach */
-    u8 bSecure;          /**< 0 */
-    u8 au8Reserved[7];   /**< 0 */
-    u64 u64PhyAddr;      /**< out: physical address of the block */
+    char acTag[32];    /**< NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
+    u32 u32Size;       /**< bytes */
+    u32 u32Flags;      /**< 3 = a block that both capture and CPU reach */
+    u8 bSecure;        /**< 0 */
+    u8 au8Reserved[7]; /**< 0 */
+    u64 u64PhyAddr;    /**< out: physical address of the block */
 } ZU_OS_IommuAlloc_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuAlloc_t, 56);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u32Size, 32);
@@ -97,8 +98,8 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuFree_t, u32Size, 8);
 
 /** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD and _PUT_BUFFD. */
 typedef struct {
-    u64 u64PhyAddr;  /**< GET: physical address inside the block whose descriptor is wanted */
-    s32 s32Fd;       /**< GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
+    u64 u64PhyAddr; /**< GET: physical address inside the block whose descriptor is wanted */
+    s32 s32Fd; /**< GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
     u32 u32Reserved; /**< 0 */
 } ZU_OS_IommuBufFd_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufFd_t, 16);

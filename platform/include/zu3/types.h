@@ -37,7 +37,8 @@ enum {
 #define ZU_EXTERN_C_BEGIN extern "C" {
 #define ZU_EXTERN_C_END }
 #else
-#define ZU_ASSERT_DEVICE_SIZE(type, bytes) _Static_assert(sizeof(void*) != 4 || sizeof(type) == (bytes), #type)
+#define ZU_ASSERT_DEVICE_SIZE(type, bytes)                                                                   \
+    _Static_assert(sizeof(void*) != 4 || sizeof(type) == (bytes), #type)
 #define ZU_ASSERT_DEVICE_OFFSET(type, field, bytes)                                                          \
     _Static_assert(sizeof(void*) != 4 || offsetof(type, field) == (bytes), #type)
 #define ZU_EXTERN_C_BEGIN

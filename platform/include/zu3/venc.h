@@ -1,6 +1,6 @@
 /**
- * Video encoder. Pictures go in through lent buffers (query, fill, complete) or, where the encoder offers one,
- * out of its entire inject buffer; encoded frames come out on the encoder's own callback thread.
+ * Video encoder. Pictures go in through lent buffers (query, fill, complete) or, where the encoder offers
+ * one, out of its entire inject buffer; encoded frames come out on the encoder's own callback thread.
  */
 #ifndef ZU3_VENC_H
 #define ZU3_VENC_H
@@ -34,19 +34,20 @@ typedef enum {
 } ZU_VENC_ColorFormat_e;
 
 typedef enum {
-    E_ZU_VENC_FRAME_TYPE_KEY = 0xFF /**< u8FrameType of a key frame; such a record has no input-buffer index */
+    E_ZU_VENC_FRAME_TYPE_KEY =
+        0xFF /**< u8FrameType of a key frame; such a record has no input-buffer index */
 } ZU_VENC_FrameType_e;
 
 enum {
-    ZU_VENC_EVENT_FRAME = 1,   /**< callback event: an encoded frame; as a mask, the wish for it */
-    ZU_VENC_ATTR_BITRATE = 1   /**< ZU_VENC_SetAttr: one u32, bit rate in units of 1024 bit/s */
+    ZU_VENC_EVENT_FRAME = 1, /**< callback event: an encoded frame; as a mask, the wish for it */
+    ZU_VENC_ATTR_BITRATE = 1 /**< ZU_VENC_SetAttr: one u32, bit rate in units of 1024 bit/s */
 };
 
 /** An encoded frame; the record and its bytes are valid during the callback only. */
 typedef struct {
-    u8* pu8Data;       /**< the bytes; NULL with size 0 = the encoder dropped the picture */
-    u32 u32DataSize;   /**< their number */
-    u8 u8FrameType;    /**< ZU_VENC_FrameType_e; other values are not key frames */
+    u8* pu8Data;     /**< the bytes; NULL with size 0 = the encoder dropped the picture */
+    u32 u32DataSize; /**< their number */
+    u8 u8FrameType;  /**< ZU_VENC_FrameType_e; other values are not key frames */
     u8 au8Reserved0[7];
     u64 u64Pts;        /**< microseconds; all ones = none */
     u32 u32InBufIndex; /**< u32InBufIndex of the input the frame was made from */
@@ -58,25 +59,26 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u8FrameType, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u64Pts, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u32InBufIndex, 24);
 
-/** Called once per encoded frame on the encoder's thread; a result other than 0 is the callee's own report. */
+/** Called once per encoded frame on the encoder's thread; a result other than 0 is the callee's own report.
+ */
 typedef u32 (*ZU_VENC_Callback)(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void* pUserData);
 
 typedef struct {
-    const char* pu8Name;    /**< "venc0" */
-    u32 eColorFormat;       /**< ZU_VENC_ColorFormat_e */
-    u32 u32Width;           /**< pixels */
-    u32 u32Height;          /**< lines */
-    u32 u32FrameRate;       /**< pictures per second */
-    u32 u32Bitrate;         /**< in units of 1024 bit/s */
-    u32 u32Reserved0;       /**< 0 */
-    u32 u32Reserved1;       /**< 0 */
-    u32 u32Profile;         /**< profile_idc (66 Baseline, 77 Main), 0 = the encoder's choice */
-    u32 u32Level;           /**< ten times level_idc (310 = level 3.1, 101 = level 1b), 0 = the encoder's choice */
-    u32 eCodecType;         /**< ZU_VENC_CodecType_e */
+    const char* pu8Name; /**< "venc0" */
+    u32 eColorFormat;    /**< ZU_VENC_ColorFormat_e */
+    u32 u32Width;        /**< pixels */
+    u32 u32Height;       /**< lines */
+    u32 u32FrameRate;    /**< pictures per second */
+    u32 u32Bitrate;      /**< in units of 1024 bit/s */
+    u32 u32Reserved0;    /**< 0 */
+    u32 u32Reserved1;    /**< 0 */
+    u32 u32Profile;      /**< profile_idc (66 Baseline, 77 Main), 0 = the encoder's choice */
+    u32 u32Level;   /**< ten times level_idc (310 = level 3.1, 101 = level 1b), 0 = the encoder's choice */
+    u32 eCodecType; /**< ZU_VENC_CodecType_e */
     ZU_VENC_Callback pfnCallback;
-    u32 u32EventMask;       /**< ZU_VENC_EVENT_FRAME */
-    void* pUserData;        /**< handed to the callback as it stands */
-    u32 u32Reserved2;       /**< 0 */
+    u32 u32EventMask; /**< ZU_VENC_EVENT_FRAME */
+    void* pUserData;  /**< handed to the callback as it stands */
+    u32 u32Reserved2; /**< 0 */
 } ZU_VENC_OpenParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_OpenParams_t, 60);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_OpenParams_t, eColorFormat, 4);

@@ -1,0 +1,19 @@
+/** The one connection of a capture to the display, and the one registration of the captured-frame handler. */
+#ifndef SCREENRECORD_CAPTURE_DISPLAY_CONNECTION_H
+#define SCREENRECORD_CAPTURE_DISPLAY_CONNECTION_H
+
+#include <zu3/cap.h>
+
+/** The display that a capture is connected to, 0 = none. Control calls only. */
+extern u32 _u32DispHandle;
+
+/** Connects a capture to the main display; a display that is connected already is left alone. ZU_OK or a
+ * code. */
+u32 _SCREENRECORD_ConnectDisp(s32 s32Handle);
+/** Registers the captured-frame handler with a capture. 1 on success, 0 on failure. */
+u32 _SCREENRECORD_RegisterCallback(s32 s32Handle);
+/** Removes the registration. 1 on success and when nothing is registered, 0 on failure (it stays as it was).
+ */
+u32 _SCREENRECORD_UnRegisterCallback(s32 s32Handle);
+
+#endif

@@ -1,0 +1,161 @@
+#include "capture/watermark.h"
+
+#include <new>
+
+#include <screenrecord/screenrecord.h>
+
+#include "capenc/capture_encode.h"
+#include "core/control_lock.h"
+#include "core/recording_table.h"
+
+using android::sp;
+using android::WatermarkParams;
+using android::vexa_screenrecord::SrGlWorker;
+
+SCREENRECORD_InjectBufFd_s _stInjectBufFd;
+SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
+
+namespace {
+
+/** The reference that keeps the worker; control calls only. Released when the library is unloaded. */
+sp<SrGlWorker> _spSrGlWorker;
+/** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
+ * release. */
+CrossThread<SrGlWorker*> _pPublishedWorker;
+
+/** This interface's error lines carry no line number, and some no function name. */
+#define WATERMARK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, SR_TAG, __VA_ARGS__)
+
+/** Finds the inject buffer's block and gets a descriptor of it. */
+bool DescribeInjectBuffer(SCREENRECORD_Caller_s stCaller)
+{
+    _stInjectBufInfo.u64PhyAddr = 0;
+    _stInjectBufInfo.u64StartPhyAddr = 0;
+    _stInjectBufFd.u64PhyAddr = 0;
+    _stInjectBufFd.s32Fd = SCREENRECORD_NO_ID;
+
+    ZU_OS_IommuBufInfo_t stInfo = {};
+    if (ZU_OS_Va2Pa(_stEntireInjectBuf.u32VirtAddr, &stInfo.u64PhyAddr) != ZU_OK) {
+        WATERMARK_LOGE("%s ZU_OS_Va2Pa failed with external memory", stCaller.pName);
+        return false;
+    }
+    _stInjectBufInfo.u64PhyAddr = stInfo.u64PhyAddr;
+    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO, &stInfo) != ZU_OK) {
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed", stCaller.pName);
+        return false;
+    }
+    const unsigned long long ullPhyAddr = _stInjectBufInfo.u64PhyAddr;
+    _stInjectBufInfo.u64StartPhyAddr = stInfo.u64StartPhyAddr;
+    _stInjectBufFd.u64PhyAddr = ullPhyAddr;
+    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx",
+              stCaller.pName, ullPhyAddr, static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
+
+    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
+    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd) != ZU_OK) {
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", stCaller.pName);
+        return false;
+    }
+    _stInjectBufFd.s32Fd = stFd.s32Fd;
+    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s get buffer fd OK, fd:%d, physic: 0x%llx", stCaller.pName,
+              stFd.s32Fd, ullPhyAddr);
+    return true;
+}
+
+bool IsInInjectBuffer(u64 u64PhyAddr)
+{
+    const u64 u64Start = _stInjectBufFd.u64PhyAddr;
+    const u64 u64End = u64Start + _stEntireInjectBuf.u32Size;
+    return u64Start <= u64PhyAddr && u64PhyAddr < u64End;
+}
+
+android::qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame)
+{
+    const SCREENRECORD_SrcInfo_s& stSrcInfo = _astSlotCtrl[0].stSrcInfo;
+    android::qrl_native_buffer_t stBuffer = {};
+    stBuffer.version = 0x201;
+    stBuffer.flags = 2;
+    stBuffer.format = 0x23; // HAL_PIXEL_FORMAT_YCbCr_420_888
+    stBuffer.width = stSrcInfo.u32Width;
+    stBuffer.height = stSrcInfo.u32Height;
+    stBuffer.pitch = stSrcInfo.u32Width;
+    stBuffer.addr = reinterpret_cast<void*>(static_cast<uintptr_t>(_stEntireInjectBuf.u32VirtAddr.Get()));
+    stBuffer.phys = _stInjectBufInfo.u64StartPhyAddr;
+    stBuffer.fd[0] = _stInjectBufFd.s32Fd;
+    stBuffer.fd[1] = stBuffer.fd[0];
+    stBuffer.offset[0] = static_cast<u32>(stFrame.phyYAddr - stBuffer.phys);
+    stBuffer.offset[1] = static_cast<u32>(stFrame.phyCAddr - stBuffer.phys);
+    return stBuffer;
+}
+
+} // namespace
+
+int video_capenc_setWatermark(const WatermarkParams& watermark)
+{
+    const ControlLock lock(_controlMutex);
+    const sp<WatermarkParams> spCopy = new (std::nothrow) WatermarkParams(watermark);
+    if (!spCopy) {
+        WATERMARK_LOGE("%s no memory for the watermark", __func__);
+        return -1;
+    }
+    if (!_spSrGlWorker) {
+        if (_bUseEntireInjectBuf == 0) {
+            WATERMARK_LOGE("%s watermark flow is supported in external memory case only now", __func__);
+            return -1;
+        }
+        if (!DescribeInjectBuffer(SR_HERE))
+            return -1;
+        _spSrGlWorker = SrGlWorker::newWorker();
+        if (!_spSrGlWorker) {
+            WATERMARK_LOGE("newWorker failed");
+            return -1;
+        }
+        _pPublishedWorker = _spSrGlWorker.get();
+    }
+    if (_spSrGlWorker->setWatermark(spCopy) != 0) {
+        WATERMARK_LOGE("setWatermark failed");
+        return -1;
+    }
+    return 0;
+}
+
+bool _SCREENRECORD_PrepareWatermark()
+{
+    if (!_spSrGlWorker || _spSrGlWorker->prepare() == 0)
+        return true;
+    WATERMARK_LOGE("prepare failed");
+    return false;
+}
+
+void _SCREENRECORD_ReleaseWatermark()
+{
+    if (!_spSrGlWorker)
+        return;
+    _pPublishedWorker = nullptr;
+    for (SCREENRECORD_SlotCtrl_s& stSlot : _astSlotCtrl)
+        stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VCAP].callbackGate.Drain();
+    _spSrGlWorker->reset();
+    _spSrGlWorker.clear();
+}
+
+void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
+{
+    SrGlWorker* pWorker = _pPublishedWorker;
+    if (pWorker == nullptr || _stInjectBufFd.s32Fd < 1 || !IsInInjectBuffer(stFrame.phyYAddr) ||
+        !IsInInjectBuffer(stFrame.phyCAddr))
+        return;
+    const android::qrl_native_buffer_t stBuffer = DescribePicture(stFrame);
+    SR_LOG_AS(
+        ANDROID_LOG_DEBUG, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
+        "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "
+        "phys:0x%llx, fd[0]:%d, fd[1]:%d, offset[0]:0x%x, offset[1]:0x%x",
+        stBuffer.version, stBuffer.flags, stBuffer.format, stBuffer.width, stBuffer.height, stBuffer.pitch,
+        stBuffer.addr, static_cast<unsigned long long>(stBuffer.phys), stBuffer.fd[0], stBuffer.fd[1],
+        stBuffer.offset[0], stBuffer.offset[1]);
+    const sp<SrGlWorker::VideoBuffer> spBuffer = SrGlWorker::VideoBuffer::newBuffer(stBuffer);
+    if (!spBuffer)
+        SR_LOG_AS(ANDROID_LOG_ERROR, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
+                  "VideoBuffer::newBuffer failed");
+    else if (pWorker->render(spBuffer) != 0)
+        SR_LOG_AS(ANDROID_LOG_ERROR, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
+                  "SrGlWorker::onRender failed");
+}

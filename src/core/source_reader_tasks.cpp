@@ -1,0 +1,65 @@
+#include <utils/Timers.h>
+#include <zu3/fs.h>
+
+#include "core/worker_tasks.h"
+
+namespace {
+
+enum {
+    READER_PASS_MS = 28,
+    ENCODER_BUSY_MS = 100,
+};
+
+/** Fills one encoder input buffer from the source file. False at the end of the file. */
+bool FeedEncoder(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
+{
+    SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(run.SlotId(), E_SCREENRECORD_MODULE_VENC);
+    ZU_VENC_InputBuffer_t stBuffer = {};
+    if (ZU_VENC_QueryBuffer(pstVenc->u32Handle, &stBuffer) != ZU_OK || stBuffer.pu8Data == nullptr ||
+        stBuffer.u32DataSize == 0) {
+        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+        return true;
+    }
+    const s32 s32Read = ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
+    if (s32Read <= 0) {
+        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Read end of file!\n");
+        return false;
+    }
+    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Read data Size: %d\n", s32Read);
+
+    const u32 u32Index = (pstVenc->u32InBufIndex + 1) & 15;
+    pstVenc->u32InBufIndex = u32Index;
+    stBuffer.u32InBufIndex = u32Index;
+    stBuffer.u64Pts = static_cast<u64>(systemTime(SYSTEM_TIME_MONOTONIC) / 1000);
+    if (ZU_VENC_WriteBufferComplete(pstVenc->u32Handle, &stBuffer) != ZU_OK) {
+        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Failed to ZU_VENC_WriteBufferComplete(...)!\n");
+        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+    }
+    return true;
+}
+
+} // namespace
+
+void _SCREENRECORD_VreaderTaskHandler(void* pArg)
+{
+    WorkerRun run(pArg, E_SCREENRECORD_MODULE_VIDEO_SRC_READER);
+    if (!run.May())
+        return;
+    while (!run.ExitRequested()) {
+        if (run.Task()->bRunning == 1 && !FeedEncoder(run, SR_HERE))
+            break;
+        ZU_OS_DelayTask(READER_PASS_MS);
+    }
+    run.End(SR_HERE);
+}
+
+/** Audio from a file is fed nowhere: the task only exists, as long as its source is open. */
+void _SCREENRECORD_AreaderTaskHandler(void* pArg)
+{
+    WorkerRun run(pArg, E_SCREENRECORD_MODULE_AUDIO_SRC_READER);
+    if (!run.May())
+        return;
+    while (!run.ExitRequested())
+        ZU_OS_DelayTask(READER_PASS_MS);
+    run.End(SR_HERE);
+}
