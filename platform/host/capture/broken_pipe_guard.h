@@ -1,0 +1,45 @@
+#pragma once
+
+#include <csignal>
+#include <ctime>
+#include <pthread.h>
+
+namespace zu3host {
+
+/**
+ * While it lives, a write of this thread to a connection that the other end has closed raises no SIGPIPE. For
+ * the client's threads: those of the host layer block the signal anyway.
+ */
+class BrokenPipeGuard {
+public:
+    BrokenPipeGuard()
+    {
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        was_pending_ = pending();
+        pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+    }
+    ~BrokenPipeGuard()
+    {
+        constexpr timespec at_once{};
+        if (!was_pending_ && pending())
+            sigtimedwait(&pipe_, nullptr, &at_once);
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    BrokenPipeGuard(const BrokenPipeGuard&) = delete;
+    BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
+
+private:
+    static bool pending()
+    {
+        sigset_t set;
+        sigpending(&set);
+        return sigismember(&set, SIGPIPE);
+    }
+
+    sigset_t pipe_;
+    sigset_t before_;
+    bool was_pending_;
+};
+
+} // namespace zu3host

@@ -1,0 +1,114 @@
+#include "capture/capture_device.h"
+#include "common/handle_table.h"
+#include "log/host_log.h"
+
+#include <new>
+
+namespace {
+
+using zu3host::CaptureDevice;
+
+zu3host::HandleTable<CaptureDevice>& devices()
+{
+    // Never destroyed: a device that is still open at the process's end may have a thread.
+    static auto* table = new zu3host::HandleTable<CaptureDevice>(0xCA900001);
+    return *table;
+}
+
+/** What `call` answers for an open device; nothing is thrown into the client. */
+template <typename F> u32 with_device(u32 handle, F call)
+{
+    const std::shared_ptr<CaptureDevice> device = devices().find(handle);
+    if (!device)
+        return ZU_INVALID_ARGUMENT;
+    try {
+        return call(*device);
+    } catch (const std::bad_alloc&) {
+        HOST_LOGE("The capture has run out of memory.");
+        return ZU_FAILURE;
+    }
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+
+u32 ZU_CAP_DeInit(void)
+{
+    return ZU_OK; // the module holds nothing that is not some open device's
+}
+
+u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle)
+{
+    if (!pstParams || !pu32Handle || pstParams->u8CapturePath != 0)
+        return ZU_INVALID_ARGUMENT;
+    *pu32Handle = devices().add(std::make_shared<CaptureDevice>());
+    return ZU_OK;
+}
+
+u32 ZU_CAP_Close(u32 u32Handle)
+{
+    // Found before it is removed: a close out of the callback is refused and leaves the device open.
+    const std::shared_ptr<CaptureDevice> device = devices().find(u32Handle);
+    if (!device)
+        return ZU_INVALID_ARGUMENT;
+    const uint32_t result = device->close();
+    if (result == ZU_OK)
+        devices().remove(u32Handle);
+    return result;
+}
+
+u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle, const ZU_CAP_ConnectParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_device(u32Handle, [=](CaptureDevice& device) { return device.connect(u32DispHandle); });
+}
+
+u32 ZU_CAP_DisconnectInput(u32 u32Handle, u32 u32DispHandle)
+{
+    return with_device(u32Handle, [=](CaptureDevice& device) { return device.disconnect(u32DispHandle); });
+}
+
+u32 ZU_CAP_RegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams, u64* pu64CallbackId)
+{
+    if (!pstParams || !pu64CallbackId)
+        return ZU_INVALID_ARGUMENT;
+    return with_device(
+        u32Handle, [=](CaptureDevice& device) { return device.set_callback(*pstParams, *pu64CallbackId); });
+}
+
+u32 ZU_CAP_UnRegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_device(
+        u32Handle, [=](CaptureDevice& device) { return device.remove_callback(pstParams->u64CallbackId); });
+}
+
+u32 ZU_CAP_CaptureStart(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_device(u32Handle, [=](CaptureDevice& device) { return device.start(u32Handle, *pstParams); });
+}
+
+u32 ZU_CAP_CaptureStop(u32 u32Handle)
+{
+    return with_device(u32Handle, [](CaptureDevice& device) { return device.stop(); });
+}
+
+u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams, ZU_CAP_FrameInfo_t* pstFrame)
+{
+    if (!pstParams || !pstFrame)
+        return ZU_INVALID_ARGUMENT;
+    return with_device(u32Handle,
+                       [=](CaptureDevice& device) { return device.capture_one(*pstParams, *pstFrame); });
+}
+
+u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex)
+{
+    return with_device(u32Handle, [=](CaptureDevice& device) { return device.give_back(u32BufIndex); });
+}
+
+#pragma GCC visibility pop

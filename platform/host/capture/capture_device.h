@@ -1,0 +1,89 @@
+#pragma once
+
+#include "capture/bgra_scaler.h"
+#include "capture/capture_run.h"
+#include "capture/capture_schedule.h"
+#include "capture/picture_source.h"
+#include "zu3/cap.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in one pass
+ * into a free slot and hands it to the callback, with no lock held. Results are ZU_* codes; any call may come
+ * from any thread, also out of the callback, except close().
+ */
+class CaptureDevice {
+public:
+    CaptureDevice() = default;
+    /** Closes. */
+    ~CaptureDevice();
+    CaptureDevice(const CaptureDevice&) = delete;
+    CaptureDevice& operator=(const CaptureDevice&) = delete;
+
+    uint32_t connect(uint32_t display);
+    uint32_t disconnect(uint32_t display);
+
+    uint32_t set_callback(const ZU_CAP_CallbackParams_t& params, uint64_t& id);
+    uint32_t remove_callback(uint64_t id);
+
+    /** `handle` is what the callback is told. */
+    uint32_t start(uint32_t handle, const ZU_CAP_CaptureParams_t& params);
+    /**
+     * Returns once nothing is written into a picture any more. A callback that is running is not waited for:
+     * it may need what only the caller can give.
+     */
+    uint32_t stop();
+    /** Stops and waits for a callback that is running; ZU_FAILURE out of the callback itself. */
+    uint32_t close();
+
+    uint32_t capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP_FrameInfo_t& frame);
+    uint32_t give_back(uint32_t index);
+
+private:
+    struct Listener {
+        uint64_t id = 0; // 0 = none
+        ZU_CAP_Callback call = nullptr;
+        void* user = nullptr;
+    };
+    enum class Written { Done, NoDisplay, Stopped };
+
+    std::shared_ptr<PicturePool> make_pool(const ZU_CAP_Output_t& output);
+    bool thread_runs();
+
+    void run_thread();
+    std::shared_ptr<CaptureRun> next_run();
+    void stream(CaptureRun& run);
+    bool wait_until_due(const CaptureRun& run, CaptureSchedule::Time due);
+    void capture_picture(CaptureRun& run, uint64_t number);
+    Written write_picture(CaptureRun& run, uint64_t number, uint32_t index);
+    void deliver(CaptureRun& run, uint32_t index);
+
+    std::mutex
+        source_mutex_; // held while a picture is grabbed and converted; taken before mutex_ where both are
+    std::unique_ptr<PictureSource> source_;
+    BgraScaler scaler_;
+    uint32_t stills_ = 0;
+
+    std::mutex mutex_; // guards all below
+    std::condition_variable changed_;
+    Listener listener_;
+    uint64_t next_listener_ = 1;
+    uint32_t handle_ = 0;
+    std::shared_ptr<CaptureRun> run_; // null while stopped
+    std::vector<std::shared_ptr<PicturePool>>
+        pools_; // the newest last, older ones while a picture of them is out
+    uint32_t next_index_ = 0;
+    uint32_t stills_out_ = 0;
+    bool closing_ = false;
+    std::thread thread_;
+};
+
+} // namespace zu3host

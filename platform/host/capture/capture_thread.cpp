@@ -1,0 +1,112 @@
+#include "capture/capture_device.h"
+
+#include "capture/nv12_picture.h"
+#include "statistics/counters.h"
+
+namespace zu3host {
+
+namespace {
+
+constexpr uint32_t picture_event = 1;
+
+void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count(outcome, by);
+}
+
+} // namespace
+
+void CaptureDevice::run_thread()
+{
+    while (const std::shared_ptr<CaptureRun> run = next_run())
+        stream(*run);
+}
+
+std::shared_ptr<CaptureRun> CaptureDevice::next_run()
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closing_ || run_; });
+    return closing_ ? nullptr : run_;
+}
+
+void CaptureDevice::stream(CaptureRun& run)
+{
+    CaptureSchedule schedule(std::chrono::steady_clock::now(), run.rate);
+    while (wait_until_due(run, schedule.due())) {
+        if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
+            count_due(counters().pictures_dropped_late, late);
+        capture_picture(run, schedule.number());
+        schedule.advance();
+    }
+}
+
+bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time due)
+{
+    std::unique_lock lock(mutex_);
+    return !changed_.wait_until(lock, due, [&run] { return run.stop.stop_requested(); });
+}
+
+void CaptureDevice::capture_picture(CaptureRun& run, uint64_t number)
+{
+    const std::optional<uint32_t> index = run.pool->take();
+    if (!index)
+        return count_due(counters().pictures_dropped_no_buffer);
+    const Written written = write_picture(run, number, *index);
+    if (written == Written::Done)
+        return deliver(run, *index);
+    run.pool->give_back(*index);
+    if (written == Written::NoDisplay)
+        count_due(counters().pictures_dropped_no_display);
+}
+
+CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number, uint32_t index)
+{
+    const std::lock_guard lock(source_mutex_);
+    const std::stop_token stop = run.stop.get_token();
+    if (stop.stop_requested())
+        return Written::Stopped;
+    const auto image =
+        source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop}) : std::nullopt;
+    if (!image)
+        return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
+
+    PicturePool& pool = *run.pool;
+    PicturePool::Contents& contents = pool.contents(index);
+    uint8_t* picture = pool.picture(index);
+    const Placement placement = place_display(image->size, run.out, run.visible);
+    // Where a renderer draws into the pictures, it may have drawn into a border that is seen.
+    const bool border_seen = placement.image != run.visible;
+    if (contents.bordered_for != placement || (border_seen && pool.is_shared()))
+        blacken_border(placement, picture, pool.layout());
+    contents.bordered_for = placement;
+    write_nv12(scaler_.scaled(*image, placement.image), placement, picture, pool.layout());
+    return Written::Done;
+}
+
+void CaptureDevice::deliver(CaptureRun& run, uint32_t index)
+{
+    Listener listener;
+    uint32_t handle = 0;
+    {
+        // What stops or unregisters takes the same lock: no callback begins after either.
+        const std::lock_guard lock(mutex_);
+        if (!run.stop.stop_requested())
+            listener = listener_;
+        handle = handle_;
+    }
+    if (!listener.call) {
+        run.pool->give_back(index);
+        return;
+    }
+    count_due(counters().pictures_captured);
+    const uint64_t phys = run.pool->phys(index);
+    ZU_CAP_FrameInfo_t frame{.u32BufIndex = index,
+                             .u32Reserved0 = 0,
+                             .phyYAddr = phys,
+                             .phyCAddr = phys + run.pool->layout().luma_bytes(),
+                             .u64Reserved1 = 0};
+    listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
+}
+
+} // namespace zu3host

@@ -1,0 +1,115 @@
+#include "capture/picture_pool.h"
+
+#include "capture/picture_leases.h"
+#include "log/host_log.h"
+#include "memory/device_memory.h"
+
+#include <algorithm>
+
+namespace zu3host {
+
+namespace {
+
+constexpr uint32_t own_slots = 4;
+
+constexpr size_t aligned(size_t bytes)
+{
+    return (bytes + picture_alignment - 1) / picture_alignment * picture_alignment;
+}
+
+/** Room for a chroma plane that is sized on 64 lines, which is how those who copy pictures may count them. */
+size_t own_slot_bytes(PictureLayout layout)
+{
+    const size_t chroma_lines = ((size_t{layout.lines} + 63) & ~size_t{63}) / 2;
+    return aligned(layout.luma_bytes() + chroma_lines * layout.stride);
+}
+
+} // namespace
+
+PicturePool::PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes,
+                         uint32_t count, uint32_t first_index, bool owned)
+    : layout_(layout), base_(base), phys_(phys), slot_bytes_(slot_bytes), first_index_(first_index),
+      owned_(owned), contents_(count), out_(count)
+{
+}
+
+std::shared_ptr<PicturePool> PicturePool::own(PictureLayout layout, uint32_t first_index)
+{
+    const size_t slot_bytes = own_slot_bytes(layout);
+    const auto block = allocate_block("capture", static_cast<uint32_t>(slot_bytes * own_slots));
+    if (!block) {
+        HOST_LOGE("There is no memory for the capture's %u pictures of %zu bytes.", own_slots, slot_bytes);
+        return nullptr;
+    }
+    return std::shared_ptr<PicturePool>(
+        new PicturePool(layout, block->virt, block->phys, slot_bytes, own_slots, first_index, true));
+}
+
+std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64_t address, uint32_t size,
+                                                    uint32_t first_index)
+{
+    constexpr uint64_t most_slots = 64;
+    const auto block = block_of_virt(address);
+    if (!block) {
+        HOST_LOGE("The capture is to write to address 0x%llx, which is not in the device's memory.",
+                  static_cast<unsigned long long>(address));
+        return nullptr;
+    }
+    // The address may have been rounded up after the size was taken, so the block's end counts as well.
+    const uint64_t offset = address - reinterpret_cast<uintptr_t>(block->virt);
+    const uint64_t usable = std::min<uint64_t>(size, block->size - offset);
+    const size_t slot_bytes = aligned(layout.picture_bytes());
+    // The last slot needs no more than the picture itself.
+    const uint64_t slots = (usable + slot_bytes - layout.picture_bytes()) / slot_bytes;
+    if (!slots) {
+        HOST_LOGE("The capture's output buffer has %llu bytes, and a picture needs %zu.",
+                  static_cast<unsigned long long>(usable), layout.picture_bytes());
+        return nullptr;
+    }
+    const auto count = static_cast<uint32_t>(std::min(slots, most_slots));
+    return std::shared_ptr<PicturePool>(new PicturePool(layout, block->virt + offset, block->phys + offset,
+                                                        slot_bytes, count, first_index, false));
+}
+
+PicturePool::~PicturePool()
+{
+    for (uint32_t slot = 0; slot < count(); ++slot)
+        give_back(first_index_ + slot);
+    if (owned_)
+        free_block(phys_);
+}
+
+std::optional<uint32_t> PicturePool::take()
+{
+    const std::lock_guard lock(mutex_);
+    for (uint32_t slot = 0; slot < out_.size(); ++slot) {
+        const uint32_t index = first_index_ + slot;
+        if (out_[slot] || (is_shared() && picture_is_leased(picture(index))))
+            continue;
+        if (is_shared())
+            lease_picture(picture(index));
+        out_[slot] = true;
+        return index;
+    }
+    return std::nullopt;
+}
+
+bool PicturePool::give_back(uint32_t index)
+{
+    const std::lock_guard lock(mutex_);
+    const uint32_t slot = index - first_index_;
+    if (slot >= out_.size() || !out_[slot])
+        return false;
+    out_[slot] = false;
+    if (is_shared())
+        return_picture(picture(index));
+    return true;
+}
+
+bool PicturePool::any_out()
+{
+    const std::lock_guard lock(mutex_);
+    return std::find(out_.begin(), out_.end(), true) != out_.end();
+}
+
+} // namespace zu3host

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "capture/placement.h"
+#include "common/picture_layout.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * The pictures that a capture writes: slots of one piece of device memory, either of its own or the encoder's
+ * entire inject buffer. Always the first free slot is taken, so that a capture whose pictures come back at
+ * once lives in the memory, and in the cache, of one. Thread-safe; a slot's contents belong to who holds it.
+ */
+class PicturePool {
+public:
+    /** Of a slot; only its holder touches it. */
+    struct Contents {
+        std::optional<Placement> bordered_for; /**< the placement whose border is black */
+        uint64_t serial = 0;                   /**< of the image that it holds, 0 = none */
+    };
+
+    /** A handful of slots of its own; null without memory. Indices count up from `first_index`. */
+    static std::shared_ptr<PicturePool> own(PictureLayout layout, uint32_t first_index);
+    /** The slots that fit in `size` bytes at `address`; null, with a log line, where none fits or it is no
+     * memory. */
+    static std::shared_ptr<PicturePool> in_region(PictureLayout layout, uint64_t address, uint32_t size,
+                                                  uint32_t first_index);
+    ~PicturePool();
+    PicturePool(const PicturePool&) = delete;
+    PicturePool& operator=(const PicturePool&) = delete;
+
+    PictureLayout layout() const { return layout_; }
+    /** Whether others write into the pictures too: a renderer, where they lie in the inject buffer. */
+    bool is_shared() const { return !owned_; }
+    uint32_t count() const { return static_cast<uint32_t>(out_.size()); }
+
+    /** Takes a slot that is neither out nor leased; nothing when there is none. */
+    std::optional<uint32_t> take();
+    /** Puts a slot back; false for an index that is not out. */
+    bool give_back(uint32_t index);
+    bool any_out();
+
+    /** Of a slot that is out. */
+    uint8_t* picture(uint32_t index) const { return base_ + slot_bytes_ * (index - first_index_); }
+    uint64_t phys(uint32_t index) const { return phys_ + slot_bytes_ * (index - first_index_); }
+    Contents& contents(uint32_t index) { return contents_[index - first_index_]; }
+
+private:
+    PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes, uint32_t count,
+                uint32_t first_index, bool owned);
+
+    const PictureLayout layout_;
+    uint8_t* const base_;
+    const uint64_t phys_;
+    const size_t slot_bytes_;
+    const uint32_t first_index_;
+    const bool owned_;
+    std::vector<Contents> contents_;
+
+    std::mutex mutex_;
+    std::vector<bool> out_;
+};
+
+} // namespace zu3host

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "encoder/open_encoders.h"
+
+#include <cstdint>
+
+namespace zu3host {
+
+/** Where in a picture the screen's image goes. Offsets are even, so that they hold for the chroma plane too.
+ */
+struct Placement {
+    uint32_t x;
+    uint32_t y;
+    PictureSize image; /**< size after scaling */
+    bool operator==(const Placement&) const = default;
+};
+
+/** `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as large. */
+Placement fit_into(PictureSize source, PictureSize box);
+
+/**
+ * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its top left.
+ * A display whose own layout is that of the picture and which lies inside the visible part is taken as it is,
+ * at the top left: that is how a recording of exactly the display's size arrives here, where only rounded
+ * sizes do.
+ */
+Placement place_display(PictureSize display, PictureSize out, PictureSize visible);
+
+} // namespace zu3host

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "capture/x11_connection.h"
+#include "encoder/open_encoders.h"
+
+#include <cstdint>
+#include <memory>
+#include <xcb/shm.h>
+
+namespace zu3host {
+
+/**
+ * The pixels of the root window, fetched again and again: into memory shared with the server, or through the
+ * connection where the server cannot share. One thread at a time.
+ */
+class X11Image {
+public:
+    enum class Result { Fetched, Refused, Unanswered };
+
+    /** Null when no shared memory can be made; the fallback always can. */
+    static std::unique_ptr<X11Image> shared(X11Connection& connection, PictureSize size,
+                                            const std::stop_token& stop);
+    static std::unique_ptr<X11Image> plain(X11Connection& connection, PictureSize size);
+    ~X11Image();
+    X11Image(const X11Image&) = delete;
+    X11Image& operator=(const X11Image&) = delete;
+
+    /** Asks for the pixels; to be followed by collect(). */
+    void request();
+    /** Waits for them. Refused: the window is no longer as large as the image. */
+    Result collect(const std::stop_token& stop);
+
+    PictureSize size() const { return size_; }
+    uint32_t stride() const { return size_.width * 4; }
+    /** The pixels of the last fetch, which may be drawn on; null before the first. */
+    uint8_t* pixels() const { return pixels_; }
+
+private:
+    X11Image(X11Connection& connection, PictureSize size) : connection_(connection), size_(size) {}
+    bool share(const std::stop_token& stop);
+    size_t bytes() const { return size_t{stride()} * size_.height; }
+    void keep_plain(XcbOwned<xcb_get_image_reply_t> reply);
+
+    X11Connection& connection_;
+    PictureSize size_;
+    unsigned sequence_ = 0;
+    uint8_t* pixels_ = nullptr;
+    xcb_shm_seg_t segment_ = 0;             // of the shared kind
+    XcbOwned<xcb_get_image_reply_t> reply_; // of the other kind: holds the pixels
+};
+
+/** Whether the screen's pixels are what BgraImage describes; logged when not. */
+bool has_bgrx_pixels(const X11Connection& connection);
+
+} // namespace zu3host

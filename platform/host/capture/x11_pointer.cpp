@@ -1,0 +1,97 @@
+#include "capture/x11_pointer.h"
+
+#include "log/host_log.h"
+
+#include <algorithm>
+#include <libyuv/planar_functions.h>
+
+namespace zu3host {
+
+X11Pointer::X11Pointer(X11Connection& connection, const std::stop_token& stop) : connection_(connection)
+{
+    xcb_connection_t* xcb = connection.xcb();
+    if (connection.has(&xcb_xfixes_id)) {
+        // The server serves the extension's requests only to who has asked for its version.
+        const auto asked = xcb_xfixes_query_version(xcb, 4, 0);
+        available_ = connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence, stop).reply != nullptr;
+    }
+    if (!available_) {
+        HOST_LOGW(
+            "The X server of DISPLAY=\"%s\" has no XFIXES extension: the pointer will not be in the picture.",
+            connection.display().c_str());
+        return;
+    }
+    first_event_ = xcb_get_extension_data(xcb, &xcb_xfixes_id)->first_event;
+    xcb_xfixes_select_cursor_input(xcb, connection.screen().root,
+                                   XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
+}
+
+bool X11Pointer::see(const xcb_generic_event_t& event)
+{
+    if (!available_ || (event.response_type & 0x7F) != first_event_ + XCB_XFIXES_CURSOR_NOTIFY)
+        return false;
+    image_stale_ = true;
+    return true;
+}
+
+void X11Pointer::request()
+{
+    if (!available_)
+        return;
+    position_sequence_ = xcb_query_pointer(connection_.xcb(), connection_.screen().root).sequence;
+    image_asked_ = image_stale_;
+    image_stale_ = false; // an event that comes from here on is about a change after the image
+    if (image_asked_)
+        image_sequence_ = xcb_xfixes_get_cursor_image(connection_.xcb()).sequence;
+}
+
+void X11Pointer::collect(const std::stop_token& stop)
+{
+    if (!available_)
+        return;
+    const auto position = connection_.wait<xcb_query_pointer_reply_t>(position_sequence_, stop);
+    if (position.reply) {
+        const xcb_query_pointer_reply_t& now = *position.reply;
+        const bool moved = (now.same_screen != 0) != on_screen_ || now.root_x != x_ || now.root_y != y_;
+        on_screen_ = now.same_screen;
+        x_ = now.root_x;
+        y_ = now.root_y;
+        changes_ += moved;
+    }
+    if (image_asked_)
+        take_image(connection_.wait<xcb_xfixes_get_cursor_image_reply_t>(image_sequence_, stop).reply);
+}
+
+void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)
+{
+    // An error instead of an image means that the pointer is hidden.
+    const bool complete =
+        image && xcb_xfixes_get_cursor_image_cursor_image_length(image.get()) >= image->width * image->height;
+    image_ = complete ? std::move(image) : nullptr;
+    ++changes_;
+}
+
+void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size) const
+{
+    if (!on_screen_ || !image_)
+        return;
+    const int32_t width = image_->width;
+    const int32_t height = image_->height;
+    const int32_t x = x_ - image_->xhot;
+    const int32_t y = y_ - image_->yhot;
+    const int32_t left = std::max(x, 0);
+    const int32_t top = std::max(y, 0);
+    const int32_t right = std::min(x + width, static_cast<int32_t>(size.width));
+    const int32_t bottom = std::min(y + height, static_cast<int32_t>(size.height));
+    if (left >= right || top >= bottom)
+        return;
+    const uint32_t* cursor = xcb_xfixes_get_cursor_image_cursor_image(image_.get());
+    const auto* shown = reinterpret_cast<const uint8_t*>(cursor + (top - y) * width + (left - x));
+    uint8_t* under =
+        pixels + size_t{stride} * static_cast<uint32_t>(top) + size_t{4} * static_cast<uint32_t>(left);
+    // Both take colours multiplied by their alpha.
+    libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under, static_cast<int>(stride),
+                      right - left, bottom - top);
+}
+
+} // namespace zu3host

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "capture/x11_connection.h"
+#include "encoder/open_encoders.h"
+
+#include <cstdint>
+#include <xcb/xfixes.h>
+
+namespace zu3host {
+
+/** The pointer of an X11 screen: where it is and what it looks like. One thread at a time. */
+class X11Pointer {
+public:
+    /** Without the XFIXES extension there is never a pointer to draw, which is logged. */
+    X11Pointer(X11Connection& connection, const std::stop_token& stop);
+
+    /** Takes note of an event; false when it does not concern the pointer. */
+    bool see(const xcb_generic_event_t& event);
+    /** Asks where the pointer is, and what it looks like if that changed; to be followed by collect(). */
+    void request();
+    /** Waits for the answers. */
+    void collect(const std::stop_token& stop);
+    /** Draws it where it was at the last collect(). */
+    void draw(uint8_t* pixels, uint32_t stride, PictureSize size) const;
+
+    /** Counts up whenever collect() found the pointer elsewhere or looking otherwise. */
+    uint64_t changes() const { return changes_; }
+
+private:
+    void take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image);
+
+    X11Connection& connection_;
+    bool available_ = false;
+    uint8_t first_event_ = 0;
+    bool image_stale_ = true;
+    bool image_asked_ = false;
+    unsigned position_sequence_ = 0;
+    unsigned image_sequence_ = 0;
+    XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image_; // null: nothing to draw
+    bool on_screen_ = false;
+    int32_t x_ = 0;
+    int32_t y_ = 0;
+    uint64_t changes_ = 0;
+};
+
+} // namespace zu3host

@@ -1,0 +1,121 @@
+#include "capture/x11_source.h"
+
+#include "log/host_log.h"
+#include "statistics/counters.h"
+
+namespace zu3host {
+
+std::unique_ptr<X11Source> X11Source::open()
+{
+    std::unique_ptr<X11Connection> connection = X11Connection::open();
+    if (!connection || !has_bgrx_pixels(*connection))
+        return nullptr;
+    return std::unique_ptr<X11Source>(new X11Source(std::move(connection)));
+}
+
+X11Source::X11Source(std::unique_ptr<X11Connection> connection)
+    : connection_(std::move(connection)), pointer_(*connection_, {})
+{
+    // The root window is reconfigured when the screen is resized.
+    const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK, &events);
+    connection_->on_event([this](const xcb_generic_event_t& event) { see(event); });
+}
+
+X11Source::~X11Source()
+{
+    image_.reset(); // detaches over the connection
+}
+
+void X11Source::see(const xcb_generic_event_t& event)
+{
+    if (pointer_.see(event))
+        return;
+    if ((event.response_type & 0x7F) == XCB_CONFIGURE_NOTIFY)
+        size_stale_ = true;
+}
+
+std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
+{
+    constexpr int attempts = 3; // the screen may be resized between the question for its size and the fetch
+    connection_->take_events();
+    for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
+        if ((size_stale_ || !image_) && !make_image(request.stop))
+            break;
+        const X11Image::Result result = fetch(request);
+        if (result == X11Image::Result::Fetched)
+            return BgraImage{image_->pixels(), image_->stride(), image_->size(), serial_};
+        if (result == X11Image::Result::Unanswered)
+            break;
+        size_stale_ = true;
+        if (attempt + 1 == attempts)
+            note_refusal();
+    }
+    if (connection_->lost())
+        note_loss();
+    return std::nullopt;
+}
+
+bool X11Source::make_image(const std::stop_token& stop)
+{
+    size_stale_ = false;
+    const auto asked = xcb_get_geometry(connection_->xcb(), connection_->screen().root);
+    const auto geometry = connection_->wait<xcb_get_geometry_reply_t>(asked.sequence, stop);
+    if (!geometry.reply) {
+        size_stale_ = true;
+        return false;
+    }
+    const PictureSize size{geometry.reply->width, geometry.reply->height};
+    if (image_ && image_->size() == size)
+        return true;
+    image_ = X11Image::shared(*connection_, size, stop);
+    if (image_ || stop.stop_requested() || connection_->lost())
+        return image_ != nullptr;
+    if (!told_of_plain_)
+        HOST_LOGW(
+            "The X server of DISPLAY=\"%s\" cannot share memory with this program (MIT-SHM 1.2 on the same "
+            "machine): pictures come through the connection, which is slower.",
+            connection_->display().c_str());
+    told_of_plain_ = true;
+    image_ = X11Image::plain(*connection_, size);
+    return true;
+}
+
+X11Image::Result X11Source::fetch(const GrabRequest& request)
+{
+    // Both questions travel together: one round trip a picture.
+    image_->request();
+    if (request.pointer)
+        pointer_.request();
+    const X11Image::Result result = image_->collect(request.stop);
+    if (request.pointer)
+        pointer_.collect(request.stop);
+    if (result != X11Image::Result::Fetched)
+        return result;
+    if (request.pointer)
+        pointer_.draw(image_->pixels(), image_->stride(), image_->size());
+    ++serial_;
+    return result;
+}
+
+void X11Source::note_refusal()
+{
+    if (!told_of_refusal_)
+        HOST_LOGW("The X server of DISPLAY=\"%s\" refuses to hand out the screen's pixels.",
+                  connection_->display().c_str());
+    told_of_refusal_ = true;
+}
+
+void X11Source::note_loss()
+{
+    if (told_of_loss_)
+        return;
+    told_of_loss_ = true;
+    HOST_LOGE(
+        "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the "
+        "recording again when the display is back.",
+        connection_->display().c_str());
+    counters().display_lost.store(1, std::memory_order_relaxed);
+}
+
+} // namespace zu3host

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "capture/picture_source.h"
+#include "capture/x11_connection.h"
+#include "capture/x11_image.h"
+#include "capture/x11_pointer.h"
+
+#include <memory>
+
+namespace zu3host {
+
+/**
+ * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that changes. When
+ * the server goes away it says so once in the log and in the statistics, and has no pictures from then on.
+ */
+class X11Source : public PictureSource {
+public:
+    /** Null, with a log line, when the display cannot be reached or its pixels cannot be read. */
+    static std::unique_ptr<X11Source> open();
+    ~X11Source() override;
+
+    std::optional<BgraImage> grab(const GrabRequest& request) override;
+
+private:
+    explicit X11Source(std::unique_ptr<X11Connection> connection);
+    void see(const xcb_generic_event_t& event);
+    bool make_image(const std::stop_token& stop);
+    X11Image::Result fetch(const GrabRequest& request);
+    void note_loss();
+    void note_refusal();
+
+    std::unique_ptr<X11Connection> connection_;
+    X11Pointer pointer_;
+    std::unique_ptr<X11Image> image_;
+    bool size_stale_ = true;
+    bool told_of_plain_ = false;
+    bool told_of_refusal_ = false;
+    bool told_of_loss_ = false;
+    uint64_t serial_ = 0;
+};
+
+} // namespace zu3host
