@@ -124,7 +124,7 @@ private:
 
     std::optional<OpenSize> size_while_open_;
     std::thread::id thread_id_; // set before any other thread knows the encoder
-    std::mutex close_mutex_; // held by the one who joins
+    std::mutex close_mutex_;    // held by the one who joins
     std::thread thread_;
 };
 

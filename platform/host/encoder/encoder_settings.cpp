@@ -9,6 +9,8 @@ namespace zu3host {
 namespace {
 
 constexpr uint64_t most_bits_of_any_level = 240'000'000; // MaxBR of level 6 and above, Main profile
+// What the writer of a recording can move with its tables, headers and sound.
+constexpr int recording_ceiling_kilobits = 4500;
 constexpr uint32_t default_frame_rate = 30;
 
 // Ten times level_idc; 9 x 10 + 11 would be unreadable, so level 1b goes by 101.
@@ -78,7 +80,7 @@ EncoderRate EncoderRate::of(uint32_t bitrate)
 {
     const uint64_t bits = uint64_t{bitrate} * 1024;
     if (bits == 0 || bits > most_bits_of_any_level)
-        return {.as_needed = true, .kilobits = 0};
+        return {.as_needed = true, .kilobits = recording_ceiling_kilobits};
     return {.as_needed = false, .kilobits = static_cast<int>(std::max<uint64_t>(bits / 1000, 1))};
 }
 

@@ -18,7 +18,7 @@ inline constexpr uint32_t max_encoder_frame_rate = 120;
 /** How many bits the stream may have. */
 struct EncoderRate {
     bool as_needed; /**< constant quality under a ceiling instead of a rate */
-    int kilobits;   /**< 1000 bit/s, at least 1; of no meaning with as_needed */
+    int kilobits;   /**< the rate or the ceiling, 1000 bit/s, at least 1 */
     bool operator==(const EncoderRate&) const = default;
 
     /**

@@ -63,8 +63,8 @@ std::optional<Encoder::Work> Encoder::next_work()
 
 std::optional<AccessUnit> Encoder::encode(const Work& work)
 {
-    if (work.rate && !x264_->set_rate(*work.rate))
-        HOST_LOGE("x264 refused the new bit rate; the old one stays");
+    if (work.rate)
+        x264_->set_rate(*work.rate);
     const auto unit = x264_->encode(work.picture.data, work.picture.as_key);
     const std::lock_guard lock(mutex_);
     give_back(work.picture);

@@ -11,4 +11,7 @@ namespace zu3host {
  */
 void set_rate_ceiling(uint64_t bits_per_second);
 
+/** What was set last. From any thread. */
+uint64_t rate_ceiling();
+
 } // namespace zu3host

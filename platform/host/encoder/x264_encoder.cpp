@@ -1,19 +1,34 @@
 #include "encoder/x264_encoder.h"
 
+#include "encoder/rate_ceiling.h"
 #include "log/host_log.h"
 #include "os/thread_start.h"
 
+#include <algorithm>
+
 namespace zu3host {
+namespace {
+
+EncoderRate under_process_ceiling(EncoderRate rate)
+{
+    const uint64_t most = rate_ceiling() / 1000;
+    if (rate.as_needed && rate_ceiling() != 0 && most < static_cast<uint64_t>(rate.kilobits))
+        rate.kilobits = std::max(static_cast<int>(most), 1);
+    return rate;
+}
+
+} // namespace
 
 std::unique_ptr<X264Encoder> X264Encoder::open(const EncoderSettings& settings)
 {
     std::unique_ptr<X264Encoder> encoder(new X264Encoder(settings));
-    return encoder->reopen() ? std::move(encoder) : nullptr;
+    return encoder->reopen(under_process_ceiling(settings.rate)) ? std::move(encoder) : nullptr;
 }
 
-bool X264Encoder::reopen()
+bool X264Encoder::reopen(EncoderRate rate)
 {
     x264_param_t parameters = x264_parameters_of(settings_, log_);
+    zu3host::set_rate(parameters, rate);
     const SignalsBlocked for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
@@ -22,11 +37,35 @@ bool X264Encoder::reopen()
         return false;
     }
     encoder_ = std::move(encoder);
+    applied_ = rate;
     return true;
+}
+
+bool X264Encoder::reconfigure(EncoderRate rate)
+{
+    x264_param_t parameters;
+    x264_encoder_parameters(encoder_.get(), &parameters);
+    zu3host::set_rate(parameters, rate);
+    if (x264_encoder_reconfig(encoder_.get(), &parameters) != 0)
+        return false;
+    applied_ = rate;
+    return true;
+}
+
+void X264Encoder::follow_rate()
+{
+    const EncoderRate wanted = under_process_ceiling(settings_.rate);
+    if (wanted == applied_)
+        return;
+    if (wanted.as_needed == applied_.as_needed ? reconfigure(wanted) : reopen(wanted))
+        return;
+    HOST_LOGE("x264 refused a new bit rate; the old one stays");
+    settings_.rate = applied_;
 }
 
 std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key)
 {
+    follow_rate();
     x264_picture_t in;
     x264_picture_init(&in);
     const int stride = static_cast<int>(settings_.layout.stride);
@@ -45,24 +84,6 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key)
         return std::nullopt;
     // The payloads of one call follow each other without a gap.
     return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), out.i_type == X264_TYPE_IDR};
-}
-
-bool X264Encoder::set_rate(EncoderRate rate)
-{
-    const EncoderRate old = settings_.rate;
-    settings_.rate = rate;
-    bool done = false;
-    if (old.as_needed != rate.as_needed) {
-        done = reopen();
-    } else {
-        x264_param_t parameters;
-        x264_encoder_parameters(encoder_.get(), &parameters);
-        zu3host::set_rate(parameters, rate);
-        done = x264_encoder_reconfig(encoder_.get(), &parameters) == 0;
-    }
-    if (!done)
-        settings_.rate = old;
-    return done;
 }
 
 } // namespace zu3host

@@ -24,10 +24,11 @@ public:
     /** Encodes the NV12 picture at `picture`, which is no longer needed when this returns. */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key);
     /**
-     * Takes a new rate from the next picture on. Between a rate and "as needed" x264 cannot change its
-     * control, so a new encoder takes over, which begins with an IDR picture. False = the old rate stays.
+     * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate and "as
+     * needed" x264 cannot change its control, so a new encoder takes over, which begins with an IDR picture.
+     * Where x264 refuses, which is logged, the old rate stays.
      */
-    bool set_rate(EncoderRate rate);
+    void set_rate(EncoderRate rate) { settings_.rate = rate; }
 
 private:
     struct Closer {
@@ -36,10 +37,13 @@ private:
     using Handle = std::unique_ptr<x264_t, Closer>;
 
     explicit X264Encoder(const EncoderSettings& settings) : settings_(settings) {}
-    bool reopen();
+    void follow_rate();
+    bool reopen(EncoderRate rate);
+    bool reconfigure(EncoderRate rate);
 
-    EncoderSettings settings_;
-    X264Log log_; // before encoder_: x264 may still log while it is closed
+    EncoderSettings settings_; // with the rate that is wanted
+    EncoderRate applied_{};    // the rate that encoder_ has, which the process's ceiling may lower
+    X264Log log_;              // before encoder_: x264 may still log while it is closed
     Handle encoder_;
     int64_t next_pts_ = 0;
 };

@@ -2,20 +2,31 @@
 
 #include "log/host_log.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <thread>
 
 namespace zu3host {
 namespace {
 
 constexpr unsigned most_messages = 8; // some of x264's warnings come with every picture
 
-// Good enough that text on a screen stays sharp; the ceiling is what the writer of a recording can move.
-constexpr float quality_as_needed = 23.0f;
-constexpr int ceiling_kilobits = 4500;
+constexpr float quality_as_needed = 23.0f; // x264's own default, at which text on a screen stays sharp
+
+// How much may be spent ahead of the rate. With a rate that was asked for little, since that is also how fast
+// x264 follows a new one; but enough for a few pictures.
+constexpr double seconds_ahead_of_rate = 0.25;
+constexpr double seconds_ahead_of_ceiling = 0.5;
+constexpr double least_pictures_ahead = 4;
+
+// Slices cost bits and computing time, so there are only as many threads as the pictures need: a core of 2015
+// encodes more than twice this many pixels in a second with the default preset.
+constexpr uint64_t pixels_per_thread_and_second = 30'000'000;
+constexpr uint64_t most_threads = 4;
 
 constexpr uint32_t seconds_between_key_frames = 2; // what a player has to decode after a seek
 
@@ -45,6 +56,13 @@ std::optional<int> number_from_environment(const char* name, int least, int most
         return value;
     HOST_LOGW("%s is no number from %d to %d (\"%s\"); it is ignored", name, least, most, text);
     return std::nullopt;
+}
+
+int threads_for(const EncoderSettings& settings)
+{
+    const uint64_t pixels = uint64_t{settings.size.width} * settings.size.height * settings.frame_rate;
+    const uint64_t cores = std::clamp<uint64_t>(std::thread::hardware_concurrency(), 1, most_threads);
+    return static_cast<int>(std::min(pixels / pixels_per_thread_and_second + 1, cores));
 }
 
 void set_colours(x264_param_t& parameters)
@@ -112,8 +130,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     parameters.i_csp = X264_CSP_NV12;
     parameters.i_width = static_cast<int>(settings.size.width);
     parameters.i_height = static_cast<int>(settings.size.height);
-    if (const auto threads = number_from_environment("ZU3_X264_THREADS", 1, 16))
-        parameters.i_threads = *threads;
+    parameters.i_threads = number_from_environment("ZU3_X264_THREADS", 1, 16).value_or(threads_for(settings));
     set_colours(parameters);
     set_stream_form(parameters);
     set_timing(parameters, settings.frame_rate);
@@ -124,12 +141,13 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
 
 void set_rate(x264_param_t& parameters, EncoderRate rate)
 {
-    const int ceiling = rate.as_needed ? ceiling_kilobits : rate.kilobits;
     parameters.rc.i_rc_method = rate.as_needed ? X264_RC_CRF : X264_RC_ABR;
     parameters.rc.f_rf_constant = quality_as_needed;
     parameters.rc.i_bitrate = rate.kilobits;
-    parameters.rc.i_vbv_max_bitrate = ceiling;
-    parameters.rc.i_vbv_buffer_size = ceiling; // one second
+    parameters.rc.i_vbv_max_bitrate = rate.kilobits;
+    const double seconds = std::max(rate.as_needed ? seconds_ahead_of_ceiling : seconds_ahead_of_rate,
+                                    least_pictures_ahead * parameters.i_fps_den / parameters.i_fps_num);
+    parameters.rc.i_vbv_buffer_size = std::max(static_cast<int>(rate.kilobits * seconds), 1);
 }
 
 } // namespace zu3host

@@ -28,7 +28,8 @@ private:
  */
 x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log);
 
-/** Sets the rate control alone; also for x264_encoder_reconfig where `as_needed` did not change. */
+/** Sets the rate control alone, of parameters that have their frame rate; also for x264_encoder_reconfig
+ * where `as_needed` did not change. */
 void set_rate(x264_param_t& parameters, EncoderRate rate);
 
 } // namespace zu3host
