@@ -2,7 +2,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <regex>
 
 #include "android/log.h"
 #include "middleware/state.h"
@@ -14,14 +13,18 @@ namespace {
 
 std::atomic<int> objects_alive = 0;
 
+/** "[SCREENRECORD_Open][123]text" without "[123]", which changes with every edit of the library. */
 std::string without_line_number(const LogLine& line)
 {
-    static const std::regex prefix("^(\\[[^\\]]*\\])\\[[0-9]+\\]");
     const char letter = "??VDIWEFS"[std::clamp(line.priority, 0, 8)];
-    std::string result = std::string(1, letter) + " " + std::regex_replace(line.text, prefix, "$1");
+    std::string result = line.text;
+    const size_t number = result.find("][") + 1;
+    const size_t end = result.find(']', number);
+    if (result.starts_with('[') && number != 0 && end != std::string::npos)
+        result.erase(number, end + 1 - number);
     while (result.ends_with('\n'))
         result.pop_back();
-    return result;
+    return std::string(1, letter) + " " + result;
 }
 
 } // namespace
