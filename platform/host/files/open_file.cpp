@@ -1,0 +1,178 @@
+#include "files/open_file.h"
+
+#include "log/host_log.h"
+#include "statistics/counters.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace zu3host {
+
+namespace {
+
+// The umask decides as for any program, but a recording of somebody's screen is never for everybody to
+// change.
+constexpr mode_t new_file_mode = 0664;
+
+// The most that one read or write of Linux moves.
+constexpr size_t greatest_transfer = 0x7ffff000;
+
+bool is_regular(int fd)
+{
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool is_directory(int fd)
+{
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/** Opens without waiting; afterwards reads and writes wait as usual. */
+FileDescriptor open_now(const char* name, int flags)
+{
+    FileDescriptor fd(::open(name, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, new_file_mode));
+    if (!fd)
+        return fd;
+    if (is_directory(fd.get())) {
+        errno = EISDIR;
+        return {};
+    }
+    fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
+    return fd;
+}
+
+/** Repeats a transfer until `size` bytes are through; returns the bytes, and errno in `error` when it ended
+ * early. */
+template <typename Step> size_t transfer_all(size_t size, int& error, Step step)
+{
+    size_t done = 0;
+    error = 0;
+    while (done < size) {
+        const ssize_t moved = step(done, std::min(size - done, greatest_transfer));
+        if (moved > 0)
+            done += static_cast<size_t>(moved);
+        else if (moved == 0)
+            break;
+        else if (errno != EINTR) {
+            error = errno;
+            break;
+        }
+    }
+    return done;
+}
+
+} // namespace
+
+std::optional<int> open_flags_of_mode(const char* mode)
+{
+    std::string_view text = mode ? mode : "";
+    if (text.empty())
+        return std::nullopt;
+    const char first = text[0];
+    text.remove_prefix(1);
+    if (text.find_first_not_of("b+") != std::string_view::npos || text.size() > 2)
+        return std::nullopt;
+    const bool both = text.find('+') != std::string_view::npos;
+    switch (first) {
+    case 'r':
+        return both ? O_RDWR : O_RDONLY;
+    case 'w':
+        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    case 'a':
+        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+    default:
+        return std::nullopt;
+    }
+}
+
+std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
+{
+    FileDescriptor fd = open_now(name, flags);
+    if (!fd) {
+        HOST_LOGE("Cannot open \"%s\": %s.", name, strerror(errno));
+        return nullptr;
+    }
+    return std::make_shared<OpenFile>(name, std::move(fd));
+}
+
+int64_t OpenFile::read(void* dst, size_t size)
+{
+    int error = 0;
+    const size_t done = transfer_all(size, error, [&](size_t at, size_t bytes) {
+        return ::read(fd_.get(), static_cast<char*>(dst) + at, bytes);
+    });
+    if (error == 0)
+        return static_cast<int64_t>(done);
+    if (!failure_logged_)
+        HOST_LOGE("Cannot read \"%s\": %s.", name_.c_str(), strerror(error));
+    failure_logged_ = true;
+    return done > 0 ? static_cast<int64_t>(done) : -1;
+}
+
+uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t count_of_items)
+{
+    written_ = true;
+    int error = 0;
+    const size_t size = item_bytes * count_of_items;
+    const size_t done = transfer_all(size, error, [&](size_t at, size_t bytes) {
+        return ::write(fd_.get(), static_cast<const char*>(src) + at, bytes);
+    });
+    const uint64_t whole = done / item_bytes;
+    if (done < size) {
+        count_failure(error ? error : EIO);
+        cut_partial_item(done % item_bytes);
+    }
+    count(counters().bytes_written, whole * item_bytes);
+    return whole;
+}
+
+void OpenFile::count_failure(int error)
+{
+    count(counters().write_failures);
+    counters().last_write_errno.store(error, std::memory_order_relaxed);
+    if (!failure_logged_)
+        HOST_LOGE("Cannot write to \"%s\": %s. What does not fit is missing from the file.", name_.c_str(),
+                  strerror(error));
+    failure_logged_ = true;
+}
+
+void OpenFile::cut_partial_item(uint64_t partial_bytes)
+{
+    const off_t position = lseek(fd_.get(), 0, SEEK_CUR);
+    struct stat status;
+    // In the middle of a file, and where there is nothing to cut, the part has to stay.
+    if (partial_bytes == 0 || position < 0 || fstat(fd_.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_size != position)
+        return;
+    const off_t end_of_whole_items = position - static_cast<off_t>(partial_bytes);
+    if (ftruncate(fd_.get(), end_of_whole_items) == 0)
+        lseek(fd_.get(), end_of_whole_items, SEEK_SET);
+}
+
+bool OpenFile::seek(int64_t offset, int whence)
+{
+    return lseek(fd_.get(), offset, whence) >= 0;
+}
+
+bool OpenFile::close()
+{
+    // What the medium does not take shows here or never. Only this file is waited for, not all that other
+    // programs have left to write; where a file has no medium, as in a pipe, there is nothing to wait for.
+    int error = 0;
+    if (written_ && is_regular(fd_.get()) && fdatasync(fd_.get()) != 0)
+        error = errno;
+    // Linux has released the descriptor whatever close reports.
+    if (::close(fd_.release()) != 0 && errno != EINTR)
+        error = errno;
+    if (error != 0)
+        HOST_LOGE("\"%s\" may not be whole on its medium: %s.", name_.c_str(), strerror(error));
+    return error == 0;
+}
+
+} // namespace zu3host

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "common/file_descriptor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zu3host {
+
+/** How a file is opened, from a stdio mode: the flags of open(2); nothing for a text that is no mode. */
+std::optional<int> open_flags_of_mode(const char* mode);
+
+/** An ordinary file without a buffer of its own: what a write took is with the kernel. One thread at a time.
+ */
+class OpenFile {
+public:
+    /** Null, and a line in the log, when it cannot be opened. Does not wait for the other end of a pipe. */
+    static std::shared_ptr<OpenFile> open(const char* name, int flags);
+    OpenFile(std::string name, FileDescriptor fd) : name_(std::move(name)), fd_(std::move(fd)) {}
+
+    /** Fills `size` bytes unless the file ends before; bytes read, -1 on an error before the first. */
+    int64_t read(void* dst, size_t size);
+    /**
+     * Writes `count` items of `item_bytes`; the items written whole. Behind a failure no part of an item is
+     * left at the end of an ordinary file. Only the first failure of a file is logged, every one is counted.
+     */
+    uint64_t write_items(const void* src, uint64_t item_bytes, uint64_t count);
+    bool seek(int64_t offset, int whence);
+    /** Waits until the medium has what was written, then closes; false when the system tells of a loss. */
+    bool close();
+
+private:
+    void count_failure(int error);
+    void cut_partial_item(uint64_t partial_bytes);
+
+    std::string name_;
+    FileDescriptor fd_;
+    bool written_ = false;
+    bool failure_logged_ = false;
+};
+
+} // namespace zu3host

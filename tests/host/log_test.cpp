@@ -1,0 +1,106 @@
+#include "common/file_descriptor.h"
+#include "log/log_filter.h"
+
+#include <android/log.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using zu3host::FileDescriptor;
+using zu3host::LogFilter;
+
+// Read by the log at its first line, so set before any test.
+const int environment_set = setenv("ANDROID_LOG_TAGS", "loud:V *:E", 1);
+
+// Catches a priority that is off by one, a rule for the wrong tag, and an expression that silences
+// everything.
+TEST(LogFilter, FollowsLogcatsExpressions)
+{
+    const struct {
+        const char* expression;
+        const char* tag;
+        int least_shown; // SILENT = not even fatal lines
+    } cases[] = {
+        {nullptr, "a", ANDROID_LOG_WARN},         {"", "a", ANDROID_LOG_WARN},
+        {"*:V", "a", ANDROID_LOG_VERBOSE},        {"*:S", "a", ANDROID_LOG_SILENT},
+        {"a:D", "a", ANDROID_LOG_DEBUG},          {"a:D", "ab", ANDROID_LOG_WARN},
+        {"a:D", "A", ANDROID_LOG_WARN},           {"a:i *:S", "a", ANDROID_LOG_INFO},
+        {"*:S,a:E\tb:F", "a", ANDROID_LOG_ERROR}, {"*:S,a:E\tb:F", "b", ANDROID_LOG_FATAL},
+        {"a:D a:E", "a", ANDROID_LOG_ERROR},      {"a", "a", ANDROID_LOG_VERBOSE},
+        {"a:X *:Q :E a:", "a", ANDROID_LOG_WARN},
+    };
+    for (const auto& each : cases) {
+        const LogFilter filter(each.expression);
+        for (int priority = ANDROID_LOG_VERBOSE; priority <= ANDROID_LOG_FATAL; ++priority)
+            EXPECT_EQ(filter.shows(priority, each.tag), priority >= each.least_shown)
+                << (each.expression ? each.expression : "null") << " for " << each.tag << " at " << priority;
+    }
+}
+
+// Catches a format that log readers do not know, lines without a prefix, and a filter that is not asked.
+TEST(Log, PrintsLogcatsBriefFormat)
+{
+    const std::string pid = std::to_string(getpid());
+    const std::string process = "(" + std::string(5 - std::min<size_t>(5, pid.size()), ' ') + pid + "): ";
+    testing::internal::CaptureStderr();
+    __android_log_print(ANDROID_LOG_ERROR, "screenrecord", "[%s][%d]text\n", "f", 7);
+    __android_log_print(ANDROID_LOG_DEBUG, "loud", "two\nlines\n\n");
+    __android_log_print(ANDROID_LOG_WARN, "quiet", "nothing of this");
+    const std::string expected = "E/screenrecord" + process + "[f][7]text\nD/loud    " + process +
+                                 "two\nD/loud    " + process + "lines\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+}
+
+/** Standard error into a pipe that keeps every write apart. */
+class StderrPackets {
+public:
+    StderrPackets() : before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
+        reader_ = FileDescriptor(ends[0]);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+    }
+    ~StderrPackets() { end(); }
+    void end() { dup2(before_.get(), STDERR_FILENO); }
+    std::string next()
+    {
+        std::string packet(8192, '\0');
+        const ssize_t size = read(reader_.get(), packet.data(), packet.size());
+        packet.resize(size < 0 ? 0 : static_cast<size_t>(size));
+        return packet;
+    }
+
+private:
+    FileDescriptor before_;
+    FileDescriptor reader_;
+};
+
+// Catches a line that is written in pieces, which those of other threads would get into, and one that
+// overruns.
+TEST(Log, WritesALineAtOnceWhateverItsLength)
+{
+    StderrPackets packets;
+    const std::string endless(100000, 'x');
+    std::thread other([] { __android_log_print(ANDROID_LOG_ERROR, "b", "%s", "short"); });
+    other.join();
+    __android_log_print(ANDROID_LOG_ERROR, "a", "%s", endless.c_str());
+    __android_log_print(ANDROID_LOG_ERROR, "a", "%s", std::string(100000, '\n').append("x").c_str());
+    const std::string first = packets.next(), second = packets.next(), third = packets.next();
+    packets.end();
+    EXPECT_TRUE(first.starts_with("E/b ") && first.ends_with(": short\n")) << first;
+    EXPECT_TRUE(second.starts_with("E/a ") && second.ends_with("xxx\n")) << second;
+    EXPECT_GT(second.size(), 3000u);
+    EXPECT_LE(second.size(), 4096u);
+    EXPECT_LE(third.size(), 4096u);
+}
+
+} // namespace

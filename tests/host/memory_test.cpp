@@ -1,0 +1,212 @@
+#include "common/file_descriptor.h"
+#include "memory/device_memory.h"
+
+#include <zu3/os.h>
+#include <zu3/sys.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+using zu3host::FileDescriptor;
+using zu3host::MemoryBlock;
+
+bool is_open(int fd)
+{
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+/** Whether the kernel can read a byte there, without a fault of ours. */
+bool is_readable(const uint8_t* byte)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return false;
+    const FileDescriptor reader(ends[0]), writer(ends[1]);
+    return write(writer.get(), byte, 1) == 1;
+}
+
+ZU_OS_IommuAlloc_t allocate(u32 size)
+{
+    ZU_OS_IommuAlloc_t record{};
+    std::memset(record.acTag, 'x', sizeof record.acTag); // no NUL: the tag must not be read past its end
+    record.u32Size = size;
+    record.u32Flags = 3;
+    EXPECT_EQ(ZU_OS_AllocateIommuMemory(&record), ZU_OK);
+    return record;
+}
+
+u32 release(const ZU_OS_IommuAlloc_t& block)
+{
+    const ZU_OS_IommuFree_t record{block.u64PhyAddr, block.u32Size, 0};
+    return ZU_OS_FreeIommuMemory(&record);
+}
+
+u32 get_descriptor(u64 phys, s32& fd)
+{
+    ZU_OS_IommuBufFd_t record{phys, -1, 0};
+    const u32 result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &record);
+    fd = record.s32Fd;
+    return result;
+}
+
+u32 put_descriptor(s32 fd)
+{
+    ZU_OS_IommuBufFd_t record{0, fd, 0};
+    return ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &record);
+}
+
+// Catches an address that a 32-bit field would cut, old data in new memory, an overrun that goes unnoticed, a
+// lookup that is off by one, and a file whose size a client could change under us.
+TEST(DeviceMemory, IsLowZeroedGuardedSealedAndFoundByEachByte)
+{
+    for (const uint32_t size : {1u, 4096u, 4097u, 8u << 20}) {
+        const auto block = zu3host::allocate_block("test", size);
+        ASSERT_TRUE(block) << size;
+        const auto start = reinterpret_cast<uintptr_t>(block->virt);
+        EXPECT_EQ(block->phys % 4096, 0u);
+        EXPECT_LE(start + size, uint64_t{1} << 32);
+        EXPECT_TRUE(std::all_of(block->virt, block->virt + size, [](uint8_t each) { return each == 0; }));
+        EXPECT_FALSE(is_readable(block->virt + (size + 4095) / 4096 * 4096));
+        EXPECT_EQ(zu3host::block_of_phys(block->phys + size - 1)->phys, block->phys);
+        EXPECT_EQ(zu3host::block_of_virt(start + size - 1)->phys, block->phys);
+        EXPECT_FALSE(zu3host::block_of_phys(block->phys + size));
+        EXPECT_FALSE(zu3host::block_of_virt(start + size));
+        EXPECT_FALSE(zu3host::block_of_virt(start - 1));
+        EXPECT_TRUE(fcntl(block->fd, F_GETFD) & FD_CLOEXEC);
+        EXPECT_NE(ftruncate(block->fd, 0), 0);
+        EXPECT_NE(ftruncate(block->fd, off_t{1} << 30), 0);
+        EXPECT_TRUE(zu3host::free_block(block->phys));
+        EXPECT_FALSE(is_readable(block->virt));
+        EXPECT_FALSE(is_open(block->fd));
+        EXPECT_FALSE(zu3host::free_block(block->phys));
+        EXPECT_NE(zu3host::allocate_block("again", size)->phys, block->phys) << "a number was used twice";
+    }
+}
+
+// Catches a request that does not fit and takes memory or descriptors with it.
+TEST(DeviceMemory, WhatDoesNotFitLeavesNothingBehind)
+{
+    const FileDescriptor before(dup(STDERR_FILENO));
+    EXPECT_FALSE(zu3host::allocate_block("zero", 0));
+    EXPECT_FALSE(zu3host::allocate_block("all", 0xFFFFFFFF));
+    const FileDescriptor after(dup(STDERR_FILENO));
+    EXPECT_EQ(after.get(), before.get() + 1);
+}
+
+// Catches a conversion that forgets the offset or answers for an address of nobody.
+TEST(AddressConversion, GoesBothWaysInsideABlockOnly)
+{
+    const auto block = allocate(10000);
+    u64 virt = 0, uncached = 0, phys = 0;
+    ASSERT_EQ(ZU_OS_Pa2CachedVa(block.u64PhyAddr + 5000, &virt), ZU_OK);
+    ASSERT_EQ(ZU_OS_Pa2NonCachedVa(block.u64PhyAddr + 5000, &uncached), ZU_OK);
+    ASSERT_EQ(ZU_OS_Va2Pa(virt, &phys), ZU_OK);
+    EXPECT_EQ(virt, uncached);
+    EXPECT_EQ(phys, block.u64PhyAddr + 5000);
+    EXPECT_EQ(ZU_OS_DcacheFlush(virt, 5000), ZU_OK);
+    EXPECT_NE(ZU_OS_DcacheFlush(virt, 5001), ZU_OK);
+    EXPECT_EQ(release(block), ZU_OK);
+    EXPECT_NE(ZU_OS_Pa2CachedVa(block.u64PhyAddr + 5000, &virt), ZU_OK);
+    EXPECT_NE(ZU_OS_Va2Pa(virt, &phys), ZU_OK);
+}
+
+// Catches a descriptor of another block, one that a child would inherit, and one that dies with the block.
+TEST(Iommu, HandsOutDescriptorsOfTheSameMemory)
+{
+    const auto block = allocate(3 * 4096);
+    s32 fd = -1, second = -1;
+    ASSERT_EQ(get_descriptor(block.u64PhyAddr + 4096, fd), ZU_OK);
+    ASSERT_EQ(get_descriptor(block.u64PhyAddr, second), ZU_OK);
+    EXPECT_NE(fd, second);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    u64 virt = 0;
+    ASSERT_EQ(ZU_OS_Pa2CachedVa(block.u64PhyAddr + 4096, &virt), ZU_OK);
+    std::memcpy(reinterpret_cast<void*>(static_cast<uintptr_t>(virt)), "seen", 4);
+    ZU_OS_IommuBufInfo_t info{block.u64PhyAddr + 5000, 0, 0};
+    EXPECT_EQ(ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO, &info), ZU_OK);
+    EXPECT_EQ(info.u64StartPhyAddr, block.u64PhyAddr);
+
+    EXPECT_EQ(release(block), ZU_OK);
+    void* const mapped = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 4096);
+    ASSERT_NE(mapped, MAP_FAILED);
+    EXPECT_EQ(std::memcmp(mapped, "seen", 4), 0);
+    munmap(mapped, 4096);
+    EXPECT_EQ(put_descriptor(fd), ZU_OK);
+    EXPECT_FALSE(is_open(fd));
+    EXPECT_EQ(put_descriptor(second), ZU_OK);
+    EXPECT_NE(get_descriptor(block.u64PhyAddr, fd), ZU_OK);
+}
+
+// Catches a give-back that closes somebody else's descriptor, or takes descriptor 0 for none.
+TEST(Iommu, TakesBackOnlyWhatItHandedOut)
+{
+    const auto block = allocate(4096);
+    const FileDescriptor foreign(dup(STDERR_FILENO));
+    EXPECT_NE(put_descriptor(foreign.get()), ZU_OK);
+    EXPECT_TRUE(is_open(foreign.get()));
+    EXPECT_NE(put_descriptor(-1), ZU_OK);
+
+    s32 fd = -1;
+    ASSERT_EQ(get_descriptor(block.u64PhyAddr, fd), ZU_OK);
+    ASSERT_EQ(dup2(foreign.get(), fd), fd); // closed by its user, its number taken by another file
+    EXPECT_NE(put_descriptor(fd), ZU_OK);
+    EXPECT_TRUE(is_open(fd));
+    close(fd);
+
+    const FileDescriptor standard_input(fcntl(STDIN_FILENO, F_DUPFD, 3));
+    close(STDIN_FILENO);
+    ASSERT_EQ(get_descriptor(block.u64PhyAddr, fd), ZU_OK);
+    EXPECT_EQ(fd, 0);
+    EXPECT_EQ(put_descriptor(fd), ZU_OK);
+    EXPECT_NE(put_descriptor(fd), ZU_OK);
+    if (standard_input)
+        dup2(standard_input.get(), STDIN_FILENO);
+    EXPECT_EQ(release(block), ZU_OK);
+}
+
+// Catches a free that trusts a wrong record, or takes another module's block away.
+TEST(Iommu, FreesOnlyWhatWasAllocatedThere)
+{
+    auto block = allocate(8192);
+    const auto others = zu3host::allocate_block("others", 8192);
+    struct {
+        u64 phys;
+        u32 size;
+    } const wrong[] = {
+        {block.u64PhyAddr + 4096, 8192}, {block.u64PhyAddr, 4096}, {others->phys, 8192}, {0, 8192}};
+    for (const auto& each : wrong) {
+        const ZU_OS_IommuFree_t record{each.phys, each.size, 0};
+        EXPECT_NE(ZU_OS_FreeIommuMemory(&record), ZU_OK) << std::hex << each.phys;
+    }
+    EXPECT_EQ(release(block), ZU_OK);
+    EXPECT_NE(release(block), ZU_OK);
+    EXPECT_TRUE(zu3host::free_block(others->phys));
+    block.u32Size = 0;
+    EXPECT_NE(ZU_OS_AllocateIommuMemory(&block), ZU_OK);
+}
+
+// Catches a second buffer at the second query, and an address that is not the buffer's.
+TEST(MemoryLayout, HasOneOutputRegionForTheProcess)
+{
+    ZU_SYS_MmapLayout_t first{}, second{}, other{};
+    ASSERT_EQ(ZU_SYS_GetMmapLayout(ZU_SYS_MMAP_ID_TSMUX_OUTPUT, &first), ZU_OK);
+    ASSERT_EQ(ZU_SYS_GetMmapLayout(ZU_SYS_MMAP_ID_TSMUX_OUTPUT, &second), ZU_OK);
+    EXPECT_EQ(std::memcmp(&first, &second, sizeof first), 0);
+    const auto block = zu3host::block_of_phys(first.phyMiuBaseAddr + first.phyMemAddr);
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block->phys, first.phyMiuBaseAddr + first.phyMemAddr);
+    EXPECT_EQ(block->size, first.u32RegionSize);
+    other.u32RegionSize = 1;
+    EXPECT_NE(ZU_SYS_GetMmapLayout(1, &other), ZU_OK);
+    EXPECT_EQ(other.u32RegionSize, 0u);
+}
+
+} // namespace

@@ -1,0 +1,224 @@
+#include <zu3/os.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <pthread.h>
+#include <thread>
+
+namespace {
+
+constexpr u32 long_wait_ms = 20000;
+
+s32 make_mutex()
+{
+    const ZU_OS_MutexAttr_t attributes{.pName = "test", .u32Reserved = 0};
+    s32 id = -1;
+    EXPECT_EQ(ZU_OS_CreateMutex(&attributes, &id), ZU_OK);
+    return id;
+}
+
+s32 make_task(ZU_OS_TaskEntry entry, void* argument, const char* name = "test")
+{
+    static char stack[4096];
+    const ZU_OS_TaskAttr_t attributes{.pfnEntry = entry,
+                                      .pArg = argument,
+                                      .u32Priority = 4,
+                                      .bAutoStart = 1,
+                                      .au8Reserved = {},
+                                      .pStack = stack,
+                                      .u32StackSize = sizeof stack,
+                                      .pName = name};
+    s32 id = -1;
+    EXPECT_EQ(ZU_OS_CreateTask(&attributes, &id), ZU_OK);
+    EXPECT_GE(id, 1);
+    return id;
+}
+
+template <typename F> auto on_another_thread(F run)
+{
+    return std::async(std::launch::async, run).get();
+}
+
+// Catches a mutex that lets two in, that anybody can release, that waits past its limit, or an id that lives
+// on.
+TEST(Mutex, BelongsToItsHolderUntilReleased)
+{
+    const s32 id = make_mutex();
+    ASSERT_GE(id, 0);
+    ASSERT_EQ(ZU_OS_ObtainMutex(id, 0), ZU_OK);
+    EXPECT_NE(ZU_OS_ObtainMutex(id, 0), ZU_OK);
+    EXPECT_NE(on_another_thread([id] { return ZU_OS_ObtainMutex(id, 30); }), ZU_OK);
+    EXPECT_NE(on_another_thread([id] { return ZU_OS_ReleaseMutex(id); }), ZU_OK);
+    auto waiter = std::async(std::launch::async, [id] {
+        const u32 result = ZU_OS_ObtainMutex(id, long_wait_ms);
+        return result == ZU_OK ? ZU_OS_ReleaseMutex(id) : result;
+    });
+    EXPECT_EQ(ZU_OS_ReleaseMutex(id), ZU_OK);
+    EXPECT_EQ(waiter.get(), ZU_OK);
+    EXPECT_NE(ZU_OS_ReleaseMutex(id), ZU_OK);
+    EXPECT_EQ(ZU_OS_DeleteMutex(id), ZU_OK);
+    EXPECT_NE(make_mutex(), id);
+    for (const s32 gone : {id, s32{-1}, s32{1000000}}) {
+        EXPECT_EQ(ZU_OS_ObtainMutex(gone, 0), ZU_INVALID_ARGUMENT);
+        EXPECT_EQ(ZU_OS_ReleaseMutex(gone), ZU_INVALID_ARGUMENT);
+        EXPECT_EQ(ZU_OS_DeleteMutex(gone), ZU_INVALID_ARGUMENT);
+    }
+}
+
+// Catches a deletion that leaves waiters to run into their limit, or pulls the mutex away under them.
+TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
+{
+    const s32 id = make_mutex();
+    ASSERT_EQ(ZU_OS_ObtainMutex(id, 0), ZU_OK);
+    const auto start = std::chrono::steady_clock::now();
+    auto wait = [id] { return ZU_OS_ObtainMutex(id, long_wait_ms); };
+    auto first = std::async(std::launch::async, wait);
+    auto second = std::async(std::launch::async, wait);
+    EXPECT_EQ(ZU_OS_DeleteMutex(id), ZU_OK);
+    EXPECT_NE(first.get(), ZU_OK);
+    EXPECT_NE(second.get(), ZU_OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(long_wait_ms / 2));
+}
+
+// Catches a mutex that does not exclude, or that gives no order to what it guards (under ThreadSanitizer).
+TEST(Mutex, GuardsAPlainValue)
+{
+    const s32 id = make_mutex();
+    int value = 0;
+    auto add = [&] {
+        for (int i = 0; i < 2000; ++i) {
+            ASSERT_EQ(ZU_OS_ObtainMutex(id, long_wait_ms), ZU_OK);
+            ++value;
+            ASSERT_EQ(ZU_OS_ReleaseMutex(id), ZU_OK);
+        }
+    };
+    std::thread other(add);
+    add();
+    other.join();
+    EXPECT_EQ(value, 4000);
+    ZU_OS_DeleteMutex(id);
+}
+
+struct Seen {
+    char name[16] = {};
+    bool interrupt_blocked = false;
+    bool fault_blocked = true;
+    std::promise<void> done;
+};
+
+// Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name that Linux
+// refuses.
+TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
+{
+    Seen seen;
+    const s32 id = make_task(
+        [](void* argument) {
+            auto& out = *static_cast<Seen*>(argument);
+            volatile char room[100 * 1024];
+            room[0] = 1;
+            room[sizeof room - 1] = 1;
+            pthread_getname_np(pthread_self(), out.name, sizeof out.name);
+            sigset_t mask;
+            pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+            out.interrupt_blocked = sigismember(&mask, SIGINT) && sigismember(&mask, SIGTERM);
+            out.fault_blocked = sigismember(&mask, SIGSEGV);
+            out.done.set_value();
+        },
+        &seen, "a name of more than fifteen");
+    seen.done.get_future().wait();
+    EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
+    EXPECT_STREQ(seen.name, "a name of more ");
+    EXPECT_TRUE(seen.interrupt_blocked);
+    EXPECT_FALSE(seen.fault_blocked);
+    EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_INVALID_ARGUMENT);
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    EXPECT_FALSE(sigismember(&mask, SIGINT)) << "the creator's own mask was changed";
+}
+
+// Catches an entry that begins, or goes on, after the deletion said that the task is gone.
+TEST(Task, RunsNothingAfterItsDeletion)
+{
+    static std::atomic<int> begun, ended;
+    begun = ended = 0;
+    for (int i = 0; i < 300; ++i) {
+        const s32 id = make_task(
+            [](void*) {
+                ++begun;
+                std::this_thread::yield();
+                ++ended;
+            },
+            nullptr);
+        ASSERT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
+        const int begun_then = begun;
+        ASSERT_EQ(ended, begun_then);
+        std::this_thread::yield();
+        ASSERT_EQ(begun, begun_then);
+    }
+}
+
+struct Held {
+    std::promise<void> running, may_end, ended;
+};
+
+// Catches a deletion that hangs on a task that never ends, or claims that it is gone.
+TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
+{
+    Held held;
+    const s32 id = make_task(
+        [](void* argument) {
+            auto& each = *static_cast<Held*>(argument);
+            each.running.set_value();
+            each.may_end.get_future().wait();
+            each.ended.set_value_at_thread_exit();
+        },
+        &held);
+    held.running.get_future().wait();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_FAILURE);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    held.may_end.set_value();
+    held.ended.get_future().wait();
+}
+
+struct Itself {
+    std::promise<s32> id;
+    std::promise<u32> result;
+};
+
+// Catches a task that waits for its own end.
+TEST(Task, CannotDeleteItself)
+{
+    Itself itself;
+    const s32 id = make_task(
+        [](void* argument) {
+            auto& each = *static_cast<Itself*>(argument);
+            each.result.set_value(ZU_OS_DeleteTask(each.id.get_future().get()));
+        },
+        &itself);
+    itself.id.set_value(id);
+    EXPECT_EQ(itself.result.get_future().get(), ZU_FAILURE);
+    EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
+}
+
+// Catches a delay that is cut short, and a difference that does not wrap with the 32-bit clock.
+TEST(SystemTime, MeasuresDelaysModulo32Bits)
+{
+    u32 start = 0;
+    u32 elapsed = 0;
+    ASSERT_EQ(ZU_OS_GetSystemTime(&start), ZU_OK);
+    EXPECT_EQ(ZU_OS_DelayTask(30), ZU_OK);
+    ASSERT_EQ(ZU_OS_TimerDiffTimeFromNow(start, &elapsed), ZU_OK);
+    EXPECT_GE(elapsed, 29u);
+    EXPECT_LT(elapsed, 10000u);
+    ASSERT_EQ(ZU_OS_TimerDiffTimeFromNow(start - 0x80000000u, &elapsed), ZU_OK);
+    EXPECT_GE(elapsed, 0x80000000u);
+    EXPECT_LT(elapsed, 0x80000000u + 10000u);
+}
+
+} // namespace
