@@ -1,0 +1,33 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "option_values.h"
+
+namespace client {
+
+/** What a display says of itself. */
+struct DisplayInfo {
+    std::string name;
+    Size size;
+    double refresh_hz = 0;      /**< 0 = it does not say */
+    bool shared_memory = false; /**< pictures can be fetched through shared memory */
+};
+
+/** Asks the X server `name` ("" = DISPLAY); nothing when it cannot be reached or does not answer within 3 s.
+ */
+std::optional<DisplayInfo> probe_display(const std::string& name);
+
+/** What the capture will show: DISPLAY, or the platform's test card where ZU3_DISPLAY asks for it. Throws
+ * Failure. */
+DisplayInfo display_to_capture();
+
+/** Names of the displays of this machine whose socket exists, and of DISPLAY. */
+std::vector<std::string> known_displays();
+
+/** Whether ZU3_DISPLAY asks for the test card. */
+bool test_card_asked();
+
+} // namespace client

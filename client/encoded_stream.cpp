@@ -1,0 +1,78 @@
+#include "encoded_stream.h"
+
+#include <algorithm>
+
+#include "exit_code.h"
+#include "screenrecord/screenrecord.h"
+#include "watermark.h"
+
+namespace client {
+namespace {
+
+// A tenth of a bit a pixel shows text sharply while a screen is used as screens are.
+uint32_t sensible_bit_rate(Size size, uint32_t fps)
+{
+    const double rate = double(size.width) * size.height * fps / 10;
+    return static_cast<uint32_t>(std::clamp(rate, 300e3, 20e6));
+}
+
+} // namespace
+
+EncodedStream::EncodedStream(const StreamOptions& options, Size size)
+    : bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
+      buffer_(video_capenc_getMaxEsSize())
+{
+    CapEnc_OpenParams params = {.width = size.width,
+                                .height = size.height,
+                                .frameRate = options.fps,
+                                .outputBitrate = bit_rate_,
+                                .profile = options.profile,
+                                .level = options.level,
+                                .osd = options.osd};
+    if (video_capenc_open(&params) != 0) {
+        video_capenc_close();
+        throw Failure(
+            "cannot stream: the library refused to open capture and encoder with this size, rate, profile "
+            "and level; --verbose shows its reasons");
+    }
+    size_ = {params.width, params.height};
+    try {
+        start(options.watermark);
+    } catch (const Failure&) {
+        video_capenc_close();
+        throw;
+    }
+}
+
+void EncodedStream::start(const WatermarkOptions& watermark)
+{
+    if (!watermark.image.empty())
+        set_watermark(watermark);
+    if (video_capenc_start(0) != 0)
+        throw Failure("cannot stream: the library refused to start; --verbose shows its reasons");
+    running_ = true;
+}
+
+EncodedStream::~EncodedStream()
+{
+    stop();
+    video_capenc_close();
+}
+
+bool EncodedStream::take(EncodedFrame& frame)
+{
+    CapEnc_EsInfo info = {};
+    if (video_capenc_getES(buffer_.data(), buffer_.size(), &info) != 0 || info.u64DataSize == 0)
+        return false;
+    frame = {.bytes = {buffer_.data(), info.u64DataSize}, .pts_us = info.u64Pts, .key = info.bKeyFrame != 0};
+    return true;
+}
+
+void EncodedStream::stop()
+{
+    if (running_)
+        video_capenc_stop();
+    running_ = false;
+}
+
+} // namespace client

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "command_line.h"
+
+namespace client {
+
+/** One frame as the library hands it out; the bytes stay until the next one is taken. */
+struct EncodedFrame {
+    std::span<const uint8_t> bytes;
+    uint64_t pts_us = 0; /**< of the monotonic clock */
+    bool key = false;
+};
+
+/** The library's capture-encode pipeline, from its opening to its close. */
+class EncodedStream {
+public:
+    /** Opens it, sets the watermark and starts it; throws Failure. @param size what was asked for, not
+     * rounded */
+    EncodedStream(const StreamOptions& options, Size size);
+    EncodedStream(const EncodedStream&) = delete;
+    EncodedStream& operator=(const EncodedStream&) = delete;
+    ~EncodedStream();
+
+    /** Size of the encoded pictures. */
+    Size size() const { return size_; }
+    uint32_t bit_rate() const { return bit_rate_; }
+
+    /** Takes the oldest waiting frame; false when none is waiting. */
+    bool take(EncodedFrame& frame);
+    /** Ends capture; frames that wait can still be taken. */
+    void stop();
+
+private:
+    void start(const WatermarkOptions& watermark);
+
+    Size size_;
+    uint32_t bit_rate_;
+    bool running_ = false;
+    std::vector<uint8_t> buffer_;
+};
+
+} // namespace client

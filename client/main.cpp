@@ -1,0 +1,61 @@
+#include <cstdlib>
+#include <exception>
+#include <unistd.h>
+
+#include "commands.h"
+#include "messages.h"
+
+namespace {
+
+using namespace client;
+
+template <typename Options> const CommonOptions* common(const Options& options)
+{
+    if constexpr (std::is_base_of_v<CommonOptions, Options>)
+        return &options;
+    return nullptr;
+}
+
+// Before any thread exists: the environment is not to be changed afterwards.
+void prepare_environment(const CommonOptions* options)
+{
+    // The library logs every module that an ordinary recording does not use as an error. What went wrong is
+    // said by us; the library's own reasons are a --verbose away.
+    if (!options || !options->verbose)
+        setenv("ANDROID_LOG_TAGS", "screenrecord:S", 0);
+    if (options && !options->display.empty())
+        setenv("DISPLAY", options->display.c_str(), 1);
+}
+
+template <typename Options> ExitCode run_command(const Options& options)
+{
+    try {
+        StopSignals signals;
+        ProgramOutput output;
+        prepare_environment(common(options));
+        Surroundings surroundings{signals, output};
+        return run(options, surroundings);
+    } catch (const Failure& failure) {
+        say(failure.what());
+        return failure.code();
+    } catch (const std::exception& error) {
+        say(std::string("cannot go on: ") + error.what());
+        return ExitCode::failed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Invocation invocation = read_command_line(argc, argv);
+    const int code = std::visit(
+        [](const auto& options) {
+            if constexpr (std::is_same_v<std::decay_t<decltype(options)>, int>)
+                return options;
+            else
+                return static_cast<int>(run_command(options));
+        },
+        invocation);
+    return code;
+}

@@ -1,0 +1,72 @@
+#include "messages.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace client {
+namespace {
+
+bool status_line_shown = false;
+
+// One write a message: lines of several processes, or of the library's log, do not end up inside one another.
+void write_error(const std::string& text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (n <= 0)
+            return;
+        done += static_cast<size_t>(n);
+    }
+}
+
+constexpr const char* back_to_empty_line = "\r\033[K";
+
+} // namespace
+
+void say(const std::string& sentence)
+{
+    print_error_line("screenrecord: " + sentence);
+}
+
+void print_error_line(const std::string& line)
+{
+    write_error((status_line_shown ? back_to_empty_line : "") + line + "\n");
+    status_line_shown = false;
+}
+
+void show_status_line(const std::string& line)
+{
+    write_error(back_to_empty_line + line);
+    status_line_shown = true;
+}
+
+void clear_status_line()
+{
+    if (status_line_shown)
+        write_error(back_to_empty_line);
+    status_line_shown = false;
+}
+
+std::string format_text(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    va_end(arguments);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+std::string error_text(int error)
+{
+    return std::strerror(error);
+}
+
+} // namespace client

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+namespace client {
+
+/** Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line shown
+ * there. */
+void say(const std::string& sentence);
+
+/** Prints `line` as it is on standard error, in place of a status line shown there. */
+void print_error_line(const std::string& line);
+
+/** Shows `line` as the terminal's refreshed line; it stays until the next one or the next message. */
+void show_status_line(const std::string& line);
+
+/** Removes the refreshed line, if one is shown. */
+void clear_status_line();
+
+/** The text that printf would make. */
+[[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);
+
+/** What the system says of `error`, an errno value. */
+std::string error_text(int error);
+
+} // namespace client

@@ -1,0 +1,106 @@
+#include "option_values.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+
+#include "messages.h"
+
+namespace client {
+namespace {
+
+template <typename Number> std::optional<Number> parse_whole(std::string_view text)
+{
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || text.empty())
+        return std::nullopt;
+    return value;
+}
+
+uint32_t even(double value)
+{
+    return static_cast<uint32_t>(value) & ~1u;
+}
+
+} // namespace
+
+std::optional<uint32_t> parse_number(std::string_view text)
+{
+    return parse_whole<uint32_t>(text);
+}
+
+std::optional<Size> parse_size(std::string_view text)
+{
+    const size_t cross = text.find('x');
+    if (cross == std::string_view::npos)
+        return std::nullopt;
+    const auto width = parse_number(text.substr(0, cross));
+    const auto height = parse_number(text.substr(cross + 1));
+    if (!width || !height)
+        return std::nullopt;
+    return Size{*width, *height};
+}
+
+std::string size_problem(Size size)
+{
+    if (size.width % 2 != 0 || size.height % 2 != 0)
+        return "width and height must be even, because colour is kept for blocks of 2x2 pixels";
+    if (size.width < smallest_size.width || size.height < smallest_size.height ||
+        size.width > greatest_size.width || size.height > greatest_size.height)
+        return "sizes go from 64x64 to 3840x2160";
+    return {};
+}
+
+Size size_for_display(Size display)
+{
+    const double scale = std::min({1.0, double(greatest_size.width) / std::max(1u, display.width),
+                                   double(greatest_size.height) / std::max(1u, display.height)});
+    return {std::max(smallest_size.width, even(display.width * scale)),
+            std::max(smallest_size.height, even(display.height * scale))};
+}
+
+std::optional<uint32_t> parse_bit_rate(std::string_view text)
+{
+    double unit = 1;
+    if (text.ends_with('k') || text.ends_with('K'))
+        unit = 1e3;
+    else if (text.ends_with('M'))
+        unit = 1e6;
+    if (unit > 1)
+        text.remove_suffix(1);
+    double number = 0;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(number))
+        return std::nullopt;
+    const double rate = std::round(number * unit);
+    if (rate < 1 || rate > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(rate);
+}
+
+std::optional<Position> parse_position(std::string_view text)
+{
+    const size_t comma = text.find(',');
+    if (comma == std::string_view::npos)
+        return std::nullopt;
+    const auto x = parse_whole<int32_t>(text.substr(0, comma));
+    const auto y = parse_whole<int32_t>(text.substr(comma + 1));
+    if (!x || !y)
+        return std::nullopt;
+    return Position{*x, *y};
+}
+
+std::optional<uint32_t> parse_level(std::string_view text)
+{
+    static constexpr std::array<std::string_view, 13> names = {"1",   "1b", "1.1", "1.2", "1.3", "2",  "2.1",
+                                                               "2.2", "3",  "3.1", "3.2", "4",   "4.1"};
+    const auto found = std::find(names.begin(), names.end(), text);
+    if (found == names.end())
+        return std::nullopt;
+    return 1u << (found - names.begin());
+}
+
+} // namespace client

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace client {
+
+/** A picture size in pixels. */
+struct Size {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    bool operator==(const Size&) const = default;
+};
+
+/** A place in a picture, pixels from its top left corner; may lie outside. */
+struct Position {
+    int32_t x = 0;
+    int32_t y = 0;
+    bool operator==(const Position&) const = default;
+};
+
+inline constexpr Size smallest_size{64, 64};
+inline constexpr Size greatest_size{3840, 2160};
+
+/** "WxH", decimal; nothing for anything else. Whether it can be captured is said by size_problem(). */
+std::optional<Size> parse_size(std::string_view text);
+
+/** Why a picture of this size cannot be captured, as the end of a sentence; empty when it can. */
+std::string size_problem(Size size);
+
+/** The size to capture when none was asked for: the display's own, made even and scaled down where it must.
+ */
+Size size_for_display(Size display);
+
+/** Bits per second: a number with an optional fraction and suffix k (1000) or M (1000000). */
+std::optional<uint32_t> parse_bit_rate(std::string_view text);
+
+/** The lowest rate that the encoder is asked for, bits per second. */
+inline constexpr uint32_t lowest_bit_rate = 10000;
+
+/** "X,Y", each with an optional sign. */
+std::optional<Position> parse_position(std::string_view text);
+
+/** A whole number from 0 to 4294967295, nothing around it. */
+std::optional<uint32_t> parse_number(std::string_view text);
+
+/** The level codes of CapEnc_OpenParams for "1", "1b", "1.1" ... "4.1". */
+std::optional<uint32_t> parse_level(std::string_view text);
+
+} // namespace client

@@ -1,0 +1,122 @@
+#include "output_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+
+#include "exit_code.h"
+#include "messages.h"
+
+namespace client {
+namespace {
+
+[[noreturn]] void fail(const std::string& path, const std::string& reason)
+{
+    throw Failure("cannot write to " + path + ": " + reason);
+}
+
+std::string folder_of(const std::string& path)
+{
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    return folder.empty() ? "." : folder.string();
+}
+
+void check_existing(const std::string& path, const struct stat& found, bool overwrite)
+{
+    if (S_ISDIR(found.st_mode))
+        fail(path, "it is a folder");
+    if (S_ISREG(found.st_mode) && !overwrite)
+        fail(path, "it exists already; -y overwrites it");
+    if (access(path.c_str(), W_OK) != 0)
+        fail(path, error_text(errno));
+}
+
+} // namespace
+
+bool is_standard_output(const std::string& path)
+{
+    return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
+}
+
+void check_output_path(const std::string& path, bool overwrite)
+{
+    struct stat found = {};
+    if (stat(path.c_str(), &found) == 0)
+        return check_existing(path, found, overwrite);
+    if (errno != ENOENT)
+        fail(path, error_text(errno));
+    const std::string folder = folder_of(path);
+    if (stat(folder.c_str(), &found) != 0)
+        fail(path, "there is no folder " + folder);
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+        fail(path, "the folder " + folder + " is not writable: " + error_text(errno));
+}
+
+OutputFile::OutputFile(std::string path, bool overwrite) : path_(std::move(path))
+{
+    check_output_path(path_, overwrite);
+    fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    created_ = static_cast<bool>(fd_);
+    if (!fd_ && errno == EEXIST)
+        fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NONBLOCK));
+    if (!fd_)
+        fail(path_, error_text(errno));
+}
+
+OutputFile::~OutputFile()
+{
+    if (fd_ && created_ && size() == 0)
+        unlink(path_.c_str());
+}
+
+uint64_t OutputFile::size() const
+{
+    struct stat now = {};
+    return fstat(fd_.get(), &now) == 0 && S_ISREG(now.st_mode) ? static_cast<uint64_t>(now.st_size) : 0;
+}
+
+bool OutputFile::regular() const
+{
+    struct stat now = {};
+    return fstat(fd_.get(), &now) == 0 && S_ISREG(now.st_mode);
+}
+
+WholeFile::WholeFile(std::string path, unsigned mode) : path_(std::move(path))
+{
+    beside_ = path_ + format_text(".%d.part", static_cast<int>(getpid()));
+    fd_ = UniqueFd(open(beside_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
+    if (!fd_) {
+        beside_.clear();
+        fail(path_, error_text(errno));
+    }
+}
+
+WholeFile::~WholeFile()
+{
+    if (!beside_.empty())
+        unlink(beside_.c_str());
+}
+
+void WholeFile::write(const void* data, size_t size)
+{
+    const char* next = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd_.get(), next, size);
+        if (n < 0)
+            fail(path_, error_text(errno));
+        next += n;
+        size -= static_cast<size_t>(n);
+    }
+}
+
+void WholeFile::put_in_place(bool overwrite)
+{
+    const unsigned flags = overwrite ? 0 : RENAME_NOREPLACE;
+    if (renameat2(AT_FDCWD, beside_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
+        fail(path_, errno == EEXIST ? "it exists already; -y overwrites it" : error_text(errno));
+    beside_.clear();
+}
+
+} // namespace client

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "unique_fd.h"
+
+namespace client {
+
+/** "-" and the names that mean the same. */
+bool is_standard_output(const std::string& path);
+
+/**
+ * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that cannot be
+ * written, a file that exists without `overwrite`. Creates nothing.
+ */
+void check_output_path(const std::string& path, bool overwrite);
+
+/**
+ * An output file under its final name, filled as time goes by. Created by us, or emptied where `overwrite`
+ * allows it; one that we created and that is still empty at the end is removed again.
+ */
+class OutputFile {
+public:
+    /** Throws Failure as check_output_path() does, and when the file cannot be created. */
+    OutputFile(std::string path, bool overwrite);
+    OutputFile(OutputFile&& other) noexcept = default;
+    ~OutputFile();
+
+    int fd() const { return fd_.get(); }
+    const std::string& path() const { return path_; }
+    /** Bytes in the file now; 0 for what is no regular file. */
+    uint64_t size() const;
+    /** Whether it is an ordinary file, as against a device. */
+    bool regular() const;
+
+private:
+    std::string path_;
+    UniqueFd fd_;
+    bool created_ = false;
+};
+
+/**
+ * Puts a whole file in place at once: written beside it, then renamed, so that no reader ever sees half of it
+ * and a failure leaves what was there before.
+ */
+class WholeFile {
+public:
+    /** Throws Failure when nothing can be created beside `path`. @param mode permission bits, before the
+     * umask */
+    explicit WholeFile(std::string path, unsigned mode = 0666);
+    WholeFile(const WholeFile&) = delete;
+    WholeFile& operator=(const WholeFile&) = delete;
+    ~WholeFile();
+
+    /** Writes all of it; throws Failure. */
+    void write(const void* data, size_t size);
+    /** Gives it its name, in place of a file of that name only with `overwrite`; throws Failure. */
+    void put_in_place(bool overwrite);
+
+private:
+    std::string path_;
+    std::string beside_;
+    UniqueFd fd_;
+};
+
+} // namespace client

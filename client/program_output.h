@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+#include "unique_fd.h"
+
+namespace client {
+
+/**
+ * Standard output, kept for what the program itself delivers: the path of a finished file, or the stream. The
+ * library prints notices with printf, which this sends to standard error from then on.
+ */
+class ProgramOutput {
+public:
+    ProgramOutput();
+
+    int fd() const { return fd_.get(); }
+    void print_line(const std::string& line) const;
+
+private:
+    UniqueFd fd_;
+};
+
+} // namespace client

@@ -1,0 +1,194 @@
+#include <filesystem>
+
+#include "commands.h"
+#include "display_info.h"
+#include "messages.h"
+#include "record_watch.h"
+#include "recording.h"
+#include "status_report.h"
+
+namespace client {
+namespace {
+
+/** Pictures in a source file of `bytes`; the last one may be incomplete. */
+uint64_t pictures_in(const std::string& source, Size size)
+{
+    std::error_code error;
+    const uint64_t bytes = std::filesystem::file_size(source, error);
+    if (error)
+        throw Failure("cannot read " + source + ": " + error.message());
+    const uint64_t width = (size.width + 15) & ~15u, height = (size.height + 31) & ~31u;
+    const uint64_t picture = width * height * 3 / 2;
+    const std::string needed =
+        format_text("%ux%u takes %llu bytes (%llu lines of %llu)", size.width, size.height,
+                    static_cast<unsigned long long>(picture), static_cast<unsigned long long>(height),
+                    static_cast<unsigned long long>(width));
+    if (bytes < picture)
+        throw Failure("cannot encode " + source + ": it holds no whole picture; one of " + needed);
+    if (bytes % picture != 0)
+        say(source + " is not a whole number of pictures, so its size may not be what -s says: one of " +
+            needed);
+    return (bytes + picture - 1) / picture;
+}
+
+Size chosen_size(const RecordOptions& options)
+{
+    if (!options.source.empty())
+        return *options.size;
+    const DisplayInfo display = display_to_capture();
+    return options.size ? *options.size : size_for_display(display.size);
+}
+
+RecordingSettings settings_for(const RecordOptions& options)
+{
+    return {.file = options.output,
+            .source = options.source,
+            .size = chosen_size(options),
+            .fps = options.fps,
+            .constant_mbit = options.constant_mbit,
+            .packet_size = options.packet_size,
+            .slot = options.slot,
+            .audio = options.audio,
+            .one_call = options.one_call};
+}
+
+void say_settings(const RecordingSettings& s)
+{
+    const std::string rate =
+        s.constant_mbit ? format_text("constant %u x 1048576 bit/s", s.constant_mbit) : "rate by content";
+    say(format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
+                    s.source.empty() ? "screen" : s.source.c_str(), s.size.width, s.size.height, s.fps,
+                    rate.c_str(), s.packet_size, s.audio ? "AAC sound" : "no sound", s.slot,
+                    s.one_call ? ", one call" : "", s.file.c_str()));
+}
+
+/** Says when every picture of a source file is encoded, or nothing has moved for two seconds. */
+class SourceEnd {
+public:
+    explicit SourceEnd(uint64_t pictures)
+        : pictures_(pictures), before_(read_statistics()), last_progress_(Clock::now())
+    {
+        // Where nothing is counted, the time that the reader takes at least, and then the file's growth, must
+        // do.
+        if (!before_)
+            last_progress_ += std::chrono::milliseconds(28) * static_cast<int64_t>(pictures);
+    }
+
+    bool reached(uint64_t file_bytes)
+    {
+        const uint64_t now = done();
+        if (now != last_ || file_bytes != last_bytes_) {
+            last_ = now;
+            last_bytes_ = file_bytes;
+            last_progress_ = std::max(last_progress_, Clock::now());
+        }
+        return (before_ && now >= pictures_) || Clock::now() - last_progress_ > std::chrono::seconds(2);
+    }
+
+    /** What is missing, as a sentence. */
+    std::optional<std::string> problem() const
+    {
+        if (!before_ || last_ >= pictures_)
+            return std::nullopt;
+        return format_text("cannot encode the whole source: the encoder took %llu of %llu pictures",
+                           static_cast<unsigned long long>(last_),
+                           static_cast<unsigned long long>(pictures_));
+    }
+
+private:
+    uint64_t done() const
+    {
+        const auto now = read_statistics();
+        return now && before_ ? now->pictures_encoded + now->pictures_refused - before_->pictures_encoded -
+                                    before_->pictures_refused
+                              : 0;
+    }
+
+    uint64_t pictures_;
+    std::optional<zu3_host_statistics_t> before_;
+    TimePoint last_progress_;
+    uint64_t last_ = 0;
+    uint64_t last_bytes_ = 0;
+};
+
+class RecordRun {
+public:
+    RecordRun(const RecordOptions& options, Surroundings& surroundings)
+        : options_(options), surroundings_(surroundings), settings_(settings_for(options))
+    {
+        if (!options.source.empty())
+            source_pictures_ = pictures_in(options.source, settings_.size);
+    }
+
+    ExitCode run()
+    {
+        if (options_.verbose)
+            say_settings(settings_);
+        check_output_path(options_.output, options_.overwrite);
+        StatusReport report(options_.json, options_.status_file);
+        OutputFile file(options_.output, options_.overwrite);
+        RecordWatch watch(file);
+        RecordProgress progress;
+        record(file, watch, progress, report);
+        report.finish(progress.measure(file.size()));
+        return conclude(file);
+    }
+
+private:
+    void record(const OutputFile& file, RecordWatch& watch, RecordProgress& progress, StatusReport& report)
+    {
+        if (source_pictures_ > 0)
+            source_end_.emplace(source_pictures_);
+        Recording recording(settings_);
+        const TimePoint end = options_.time
+                                  ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
+                                  : TimePoint::max();
+        while (!at_end(end, watch, file))
+            if (report.due())
+                report.update(progress.measure(file.size()));
+        if (!recording.finish() && !problem_)
+            problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
+        if (!problem_) // the last batch is written by the close
+            problem_ = watch.problem();
+    }
+
+    bool at_end(TimePoint end, RecordWatch& watch, const OutputFile& file)
+    {
+        const TimePoint next = Clock::now() + std::chrono::milliseconds(source_end_ ? 20 : 100);
+        if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
+            return true;
+        problem_ = watch.problem();
+        if (problem_ || !source_end_ || !source_end_->reached(file.size()))
+            return problem_.has_value();
+        problem_ = source_end_->problem();
+        return true;
+    }
+
+    ExitCode conclude(const OutputFile& file)
+    {
+        if (problem_)
+            say(*problem_);
+        if (file.regular() && file.size() == 0) {
+            say("cannot record: nothing reached " + file.path());
+            return ExitCode::failed;
+        }
+        surroundings_.output.print_line(file.path());
+        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    const RecordOptions& options_;
+    Surroundings& surroundings_;
+    RecordingSettings settings_;
+    uint64_t source_pictures_ = 0;
+    std::optional<SourceEnd> source_end_;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode run(const RecordOptions& options, Surroundings& surroundings)
+{
+    return RecordRun(options, surroundings).run();
+}
+
+} // namespace client

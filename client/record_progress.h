@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "signals.h"
+#include "statistics.h"
+
+namespace client {
+
+/** How a recording stands. What the platform does not count is missing. */
+struct Progress {
+    double elapsed_seconds = 0;
+    std::optional<uint64_t> frames;  /**< encoded */
+    std::optional<uint64_t> dropped; /**< pictures left out by capture or encoder */
+    std::optional<double> fps;       /**< frames per second, of the last second or so */
+    uint64_t file_bytes = 0;
+    double bits_per_second = 0;        /**< growth of the file, of the last seconds */
+    std::optional<double> sound_level; /**< 0 to 1, loudest sample of late */
+};
+
+/** Measures a recording from its start; what was counted before belongs to others. */
+class RecordProgress {
+public:
+    RecordProgress();
+
+    /** @param file_bytes size of the output file now */
+    Progress measure(uint64_t file_bytes);
+
+private:
+    struct Sample {
+        TimePoint at;
+        uint64_t frames = 0;
+        uint64_t file_bytes = 0;
+    };
+    double per_second(const Sample& now, uint64_t Sample::*value) const;
+    void keep(const Sample& now);
+
+    static constexpr unsigned kept = 4; /**< samples a second apart that rates are measured over */
+    std::optional<zu3_host_statistics_t> before_;
+    Sample samples_[kept];
+    unsigned sample_count_ = 0;
+    TimePoint start_;
+};
+
+} // namespace client

@@ -1,0 +1,67 @@
+#include "record_watch.h"
+
+#include <cstdlib>
+#include <sys/statvfs.h>
+
+#include "messages.h"
+
+namespace client {
+namespace {
+
+constexpr uint64_t writer_batch_bytes = 128 * 1024;
+
+std::string display_name()
+{
+    const char* name = std::getenv("DISPLAY");
+    return name ? name : "";
+}
+
+uint64_t free_bytes(int fd)
+{
+    struct statvfs volume = {};
+    return fstatvfs(fd, &volume) == 0 ? uint64_t{volume.f_bavail} * volume.f_frsize : UINT64_MAX;
+}
+
+} // namespace
+
+RecordWatch::RecordWatch(const OutputFile& file)
+    : file_(file), before_(read_statistics()), last_growth_(Clock::now())
+{
+}
+
+std::optional<std::string> RecordWatch::write_problem(const zu3_host_statistics_t& now) const
+{
+    if (now.write_failures == before_->write_failures)
+        return std::nullopt;
+    return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
+}
+
+// Where nothing is counted: a file that stands still on a full disk.
+std::optional<std::string> RecordWatch::growth_problem()
+{
+    const uint64_t size = file_.size();
+    const bool room = !file_.regular() || free_bytes(file_.fd()) > writer_batch_bytes;
+    if (size != last_size_ || room) {
+        last_size_ = size;
+        last_growth_ = Clock::now();
+    }
+    if (Clock::now() - last_growth_ < std::chrono::milliseconds(800))
+        return std::nullopt;
+    return "cannot write to " + file_.path() + " any more: the disk is full";
+}
+
+std::optional<std::string> RecordWatch::problem()
+{
+    const auto now = read_statistics();
+    if (!now || !before_)
+        return growth_problem();
+    if (now->sound_lost && !before_->sound_lost && !sound_loss_said_) {
+        say("the sound server went away: the recording goes on without sound");
+        sound_loss_said_ = true;
+    }
+    if (now->display_lost && !before_->display_lost)
+        return "cannot record the display " + display_name() + " (DISPLAY) any more: it went away";
+    return write_problem(*now);
+}
+
+} // namespace client

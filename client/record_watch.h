@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "output_file.h"
+#include "signals.h"
+#include "statistics.h"
+
+namespace client {
+
+/**
+ * Looks for what ends a recording before its time. The library does not report it: it ignores what its writes
+ * return, and a display that goes away only stops its pictures.
+ */
+class RecordWatch {
+public:
+    /** Made before the recording starts; `file` outlives it. */
+    explicit RecordWatch(const OutputFile& file);
+
+    /** Why the recording cannot go on, as a sentence; nothing while it can. Says once that the sound is gone.
+     */
+    std::optional<std::string> problem();
+
+private:
+    std::optional<std::string> write_problem(const zu3_host_statistics_t& now) const;
+    std::optional<std::string> growth_problem();
+
+    const OutputFile& file_;
+    std::optional<zu3_host_statistics_t> before_;
+    bool sound_loss_said_ = false;
+    uint64_t last_size_ = 0;
+    TimePoint last_growth_;
+};
+
+} // namespace client

@@ -1,0 +1,115 @@
+#include "recording.h"
+
+#include <poll.h>
+
+#include "exit_code.h"
+#include "screenrecord/screenrecord.h"
+#include "statistics.h"
+
+namespace client {
+namespace {
+
+// The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told to end is
+// lost.
+constexpr uint64_t last_pass_bytes = 60 * 1024;
+
+uint64_t bytes_behind()
+{
+    const auto now = read_statistics();
+    return now && now->bytes_multiplexed > now->bytes_copied_out
+               ? now->bytes_multiplexed - now->bytes_copied_out
+               : 0;
+}
+
+void wait_for_writer()
+{
+    const TimePoint limit = Clock::now() + std::chrono::seconds(3);
+    while (bytes_behind() >= last_pass_bytes && Clock::now() < limit)
+        poll(nullptr, 0, 10);
+}
+
+uint8_t* bytes(std::string& text)
+{
+    return reinterpret_cast<uint8_t*>(text.data());
+}
+
+void require(uint32_t succeeded, const char* what)
+{
+    if (!succeeded)
+        throw Failure(std::string("cannot record: the library refused to ") + what +
+                      "; --verbose shows its reasons");
+}
+
+// "cap" means the screen; a file of that name needs a path.
+std::string source_name(const std::string& source)
+{
+    if (source.empty())
+        return "cap";
+    return source == "cap" ? "./cap" : source;
+}
+
+} // namespace
+
+Recording::Recording(const RecordingSettings& settings) : slot_(settings.slot), one_call_(settings.one_call)
+{
+    try {
+        if (one_call_)
+            open_in_one_call(settings);
+        else
+            open_step_by_step(settings);
+        open_ = true;
+    } catch (const Failure&) {
+        close();
+        SCREENRECORD_DeInit();
+        throw;
+    }
+}
+
+Recording::~Recording()
+{
+    if (open_)
+        finish();
+    SCREENRECORD_DeInit();
+}
+
+void Recording::open_step_by_step(const RecordingSettings& settings)
+{
+    std::string file = settings.file;
+    std::string source = source_name(settings.source);
+    std::string screen_sound = "cap";
+    uint32_t width = settings.size.width, height = settings.size.height, fps = settings.fps;
+    uint32_t packet_size = settings.packet_size, rate = settings.constant_mbit;
+
+    require(SCREENRECORD_Init(), "initialise");
+    require(SCREENRECORD_Open(&slot_, bytes(file)), "open the output file");
+    if (settings.audio)
+        require(SCREENRECORD_SetAudio(&slot_, bytes(screen_sound), nullptr, nullptr), "open the sound");
+    require(SCREENRECORD_SetVideo(&slot_, bytes(source), nullptr, &width, &height, &fps),
+            "open the video with this size and rate");
+    require(SCREENRECORD_SetTsMux(&slot_, &packet_size, &rate), "open the multiplexer");
+    require(SCREENRECORD_Start(&slot_), "start");
+}
+
+// The library's own time limit counts whole seconds and then one more, so the end is ours to time.
+void Recording::open_in_one_call(const RecordingSettings& settings)
+{
+    std::string file = settings.file;
+    const int32_t result = startScreenRecord(settings.size.width, settings.size.height, settings.fps,
+                                             settings.constant_mbit, settings.packet_size, 0, 0, bytes(file));
+    require(result == 0, "start");
+}
+
+bool Recording::finish()
+{
+    const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
+    wait_for_writer();
+    return close() && stopped;
+}
+
+bool Recording::close()
+{
+    open_ = false;
+    return one_call_ ? stopScreenRecord() == 0 : SCREENRECORD_Close(&slot_) == 1;
+}
+
+} // namespace client

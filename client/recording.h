@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "option_values.h"
+#include "signals.h"
+
+namespace client {
+
+/** Everything that a recording is opened with. */
+struct RecordingSettings {
+    std::string file;
+    std::string source; /**< raw picture file, empty = the screen */
+    Size size;
+    uint32_t fps = 30;
+    uint32_t constant_mbit = 0;
+    uint32_t packet_size = 188;
+    uint32_t slot = 0;
+    bool audio = true;
+    bool one_call = false;
+};
+
+/** One recording of the library, from its opening to its close; also closed when something fails half-way. */
+class Recording {
+public:
+    /** Opens and starts it; throws Failure. */
+    explicit Recording(const RecordingSettings& settings);
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+    ~Recording();
+
+    /**
+     * Stops capture, waits until the writer has caught up with what is multiplexed (3 s at most), closes the
+     * file.
+     * @return whether the library says that all of it succeeded
+     */
+    bool finish();
+
+private:
+    void open_step_by_step(const RecordingSettings& settings);
+    void open_in_one_call(const RecordingSettings& settings);
+    bool close();
+
+    uint32_t slot_;
+    bool one_call_;
+    bool open_ = false;
+};
+
+} // namespace client

@@ -1,0 +1,88 @@
+#include "sound_sources.h"
+
+#include <memory>
+#include <pulse/pulseaudio.h>
+
+#include "signals.h"
+
+namespace client {
+namespace {
+
+/** A connection to the sound server, run by this thread and only until a time limit. */
+class SoundServer {
+public:
+    explicit SoundServer(TimePoint limit)
+        : limit_(limit), loop_(pa_mainloop_new(), pa_mainloop_free),
+          context_(pa_context_new(pa_mainloop_get_api(loop_.get()), "screenrecord"), pa_context_unref)
+    {
+    }
+    ~SoundServer() { pa_context_disconnect(context_.get()); }
+
+    bool connect()
+    {
+        if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+            return false;
+        run_until([&] { return ready() || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_.get())); });
+        return ready();
+    }
+
+    /** Runs until the answer is complete; false when it did not come in time. */
+    bool complete(pa_operation* asked)
+    {
+        const std::unique_ptr<pa_operation, decltype(&pa_operation_unref)> operation(asked,
+                                                                                     pa_operation_unref);
+        if (operation)
+            run_until([&] { return pa_operation_get_state(operation.get()) != PA_OPERATION_RUNNING; });
+        return operation && pa_operation_get_state(operation.get()) == PA_OPERATION_DONE;
+    }
+
+    pa_context* context() { return context_.get(); }
+
+private:
+    bool ready() const { return pa_context_get_state(context_.get()) == PA_CONTEXT_READY; }
+
+    template <typename Condition> void run_until(Condition reached)
+    {
+        while (!reached() && Clock::now() < limit_)
+            if (pa_mainloop_prepare(loop_.get(), poll_timeout(limit_) * 1000) < 0 ||
+                pa_mainloop_poll(loop_.get()) < 0 || pa_mainloop_dispatch(loop_.get()) < 0)
+                return;
+    }
+
+    TimePoint limit_;
+    std::unique_ptr<pa_mainloop, decltype(&pa_mainloop_free)> loop_;
+    std::unique_ptr<pa_context, decltype(&pa_context_unref)> context_;
+};
+
+void add_source(pa_context*, const pa_source_info* info, int end, void* list)
+{
+    if (end == 0 && info)
+        static_cast<std::vector<SoundSource>*>(list)->push_back({.name = info->name,
+                                                                 .description = info->description,
+                                                                 .sample_rate = info->sample_spec.rate,
+                                                                 .channels = info->sample_spec.channels});
+}
+
+void take_default_output(pa_context*, const pa_server_info* info, void* name)
+{
+    if (info && info->default_sink_name)
+        *static_cast<std::string*>(name) = info->default_sink_name;
+}
+
+} // namespace
+
+std::optional<std::vector<SoundSource>> list_sound_sources()
+{
+    SoundServer server(Clock::now() + std::chrono::seconds(3));
+    std::vector<SoundSource> sources;
+    std::string output;
+    if (!server.connect() ||
+        !server.complete(pa_context_get_source_info_list(server.context(), add_source, &sources)) ||
+        !server.complete(pa_context_get_server_info(server.context(), take_default_output, &output)))
+        return std::nullopt;
+    for (SoundSource& source : sources)
+        source.recorded = source.name == output + ".monitor";
+    return sources;
+}
+
+} // namespace client

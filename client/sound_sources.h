@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace client {
+
+/** A source of the sound server. */
+struct SoundSource {
+    std::string name;
+    std::string description;
+    uint32_t sample_rate = 0; /**< samples per second and channel */
+    uint32_t channels = 0;
+    bool recorded = false; /**< what recordings hear: the monitor of the default output */
+};
+
+/** The sources of the sound server; nothing when none answers within 3 s. */
+std::optional<std::vector<SoundSource>> list_sound_sources();
+
+} // namespace client

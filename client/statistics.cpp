@@ -1,0 +1,26 @@
+#include "statistics.h"
+
+#include <dlfcn.h>
+
+namespace client {
+
+// Looked up by name: the program also runs on a platform that counts nothing.
+std::optional<zu3_host_statistics_t> read_statistics()
+{
+    using Read = uint32_t (*)(zu3_host_statistics_t*, uint32_t);
+    static const auto read = reinterpret_cast<Read>(dlsym(RTLD_DEFAULT, "zu3_host_statistics"));
+    if (!read)
+        return std::nullopt;
+    zu3_host_statistics_t statistics = {};
+    read(&statistics, sizeof statistics);
+    return statistics;
+}
+
+const char* platform_sentence()
+{
+    using Name = const char* (*)();
+    static const auto name = reinterpret_cast<Name>(dlsym(RTLD_DEFAULT, "zu3_host_platform"));
+    return name ? name() : nullptr;
+}
+
+} // namespace client

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+#include <zu3_host/statistics.h>
+
+namespace client {
+
+/** What the platform counts, or nothing where it does not. Fields that an older platform lacks are 0. */
+std::optional<zu3_host_statistics_t> read_statistics();
+
+/** One sentence on the platform, NULL where it has none. */
+const char* platform_sentence();
+
+/** Pictures that capture left out, for whatever reason. */
+inline uint64_t dropped_pictures(const zu3_host_statistics_t& s)
+{
+    return s.pictures_dropped_late + s.pictures_dropped_no_buffer + s.pictures_dropped_no_display;
+}
+
+} // namespace client

@@ -1,0 +1,124 @@
+#include "status_report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "exit_code.h"
+#include "messages.h"
+#include "output_file.h"
+
+namespace client {
+namespace {
+
+bool colours_wanted()
+{
+    const char* no_colour = std::getenv("NO_COLOR");
+    const char* terminal = std::getenv("TERM");
+    return (!no_colour || !*no_colour) && terminal && std::strcmp(terminal, "dumb") != 0;
+}
+
+size_t terminal_columns()
+{
+    winsize size = {};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+std::string count_or_null(const std::optional<uint64_t>& value)
+{
+    return value ? std::to_string(*value) : "null";
+}
+
+std::string number_or_null(const std::optional<double>& value)
+{
+    return value ? format_text("%.3f", *value) : "null";
+}
+
+std::string sound_text(double level)
+{
+    return level > 0 ? format_text("  sound %.0f dB", 20 * std::log10(level)) : "  sound silent";
+}
+
+} // namespace
+
+std::string progress_as_json(const Progress& p, const char* state)
+{
+    return format_text("{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
+                       "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s}",
+                       state, p.elapsed_seconds, count_or_null(p.frames).c_str(),
+                       number_or_null(p.fps).c_str(), count_or_null(p.dropped).c_str(),
+                       static_cast<unsigned long long>(p.file_bytes), p.bits_per_second,
+                       number_or_null(p.sound_level).c_str());
+}
+
+std::string progress_as_line(const Progress& p, bool colour)
+{
+    const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
+    std::string line = format_text("%s %02lu:%02lu:%02lu", colour ? "\033[31m●\033[0m" : "REC",
+                                   seconds / 3600, seconds / 60 % 60, seconds % 60);
+    if (p.frames && p.fps && p.dropped)
+        line +=
+            format_text("  %llu frames  %.1f fps  %llu dropped", static_cast<unsigned long long>(*p.frames),
+                        *p.fps, static_cast<unsigned long long>(*p.dropped));
+    line += format_text("  %.1f MB  %.2f Mbit/s", static_cast<double>(p.file_bytes) / 1e6,
+                        p.bits_per_second / 1e6);
+    return p.sound_level ? line + sound_text(*p.sound_level) : line;
+}
+
+StatusReport::StatusReport(bool json, std::string status_file)
+    : json_(json), terminal_(!json && isatty(STDERR_FILENO) == 1), colour_(colours_wanted()),
+      status_file_(std::move(status_file)), next_(Clock::now() + std::chrono::seconds(1))
+{
+    if (!status_file_.empty())
+        write_status_file(progress_as_json({}, "starting"));
+}
+
+StatusReport::~StatusReport()
+{
+    clear_status_line();
+}
+
+void StatusReport::write_status_file(const std::string& object)
+{
+    WholeFile file(status_file_, 0600);
+    file.write((object + "\n").data(), object.size() + 1);
+    file.put_in_place(true);
+}
+
+void StatusReport::update(const Progress& progress)
+{
+    next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
+    if (terminal_) // the escape sequences of the mark take no room
+        show_status_line(
+            progress_as_line(progress, colour_).substr(0, terminal_columns() + (colour_ ? 10 : -1)));
+    const std::string object = progress_as_json(progress, "recording");
+    if (json_)
+        print_error_line(object);
+    if (status_file_.empty())
+        return;
+    try {
+        write_status_file(object);
+    } catch (const Failure& failure) { // a recording does not end because nobody can watch it
+        say(failure.what());
+        status_file_.clear();
+    }
+}
+
+void StatusReport::finish(const Progress& progress)
+{
+    clear_status_line();
+    const std::string object = progress_as_json(progress, "finished");
+    if (json_)
+        print_error_line(object);
+    try {
+        if (!status_file_.empty())
+            write_status_file(object);
+    } catch (const Failure& failure) {
+        say(failure.what());
+    }
+}
+
+} // namespace client

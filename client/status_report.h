@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+
+#include "record_progress.h"
+
+namespace client {
+
+/** The progress as one JSON object, without a line end; what is not known is null. */
+std::string progress_as_json(const Progress& progress, const char* state);
+
+/** The progress as a line for people; `colour` puts escape sequences around its mark. */
+std::string progress_as_line(const Progress& progress, bool colour);
+
+/**
+ * Shows progress where it was asked for: one refreshed line on a terminal, or one JSON object a second on
+ * standard error, and the same object in a file. Nothing else ever reaches standard error from here.
+ */
+class StatusReport {
+public:
+    /** @param status_file empty = none. Throws Failure when it cannot be written. */
+    StatusReport(bool json, std::string status_file);
+    ~StatusReport();
+
+    /** When the next update is due; further ones before that are left out. */
+    bool due() const { return Clock::now() >= next_; }
+    void update(const Progress& progress);
+    /** The last one; the refreshed line goes away. */
+    void finish(const Progress& progress);
+
+private:
+    void write_status_file(const std::string& object);
+
+    bool json_;
+    bool terminal_;
+    bool colour_;
+    std::string status_file_;
+    TimePoint next_;
+};
+
+} // namespace client

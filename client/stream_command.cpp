@@ -1,0 +1,260 @@
+#include <poll.h>
+
+#include "byte_sink.h"
+#include "commands.h"
+#include "display_info.h"
+#include "encoded_stream.h"
+#include "frame_clock.h"
+#include "messages.h"
+#include "screenrecord/screenrecord.h"
+#include "statistics.h"
+#include "stream_control.h"
+#include "watermark.h"
+
+namespace client {
+namespace {
+
+using std::chrono::milliseconds;
+
+/** How long the last frame may wait for a slow reader once the end has come. */
+constexpr milliseconds patience_at_the_end(2000);
+
+uint64_t left_out_by_capture()
+{
+    const auto now = read_statistics();
+    return now ? dropped_pictures(*now) + now->pictures_refused : 0;
+}
+
+bool display_lost()
+{
+    const auto now = read_statistics();
+    return now && now->display_lost;
+}
+
+std::string requested_path(const StreamOptions& options)
+{
+    if (!is_standard_output(options.output))
+        check_output_path(options.output, options.overwrite);
+    return options.output;
+}
+
+/** Takes frames from the library as they come and hands them on, until the end. */
+class StreamRun {
+public:
+    StreamRun(const StreamOptions& options, Surroundings& surroundings)
+        : options_(options), surroundings_(surroundings), path_(requested_path(options)),
+          size_(options.size ? (display_to_capture(), *options.size)
+                             : size_for_display(display_to_capture().size)),
+          sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
+          stream_(options, size_), control_(options.control), schedule_(options.fps), lost_(options.fps)
+    {
+        if (options.time)
+            deadline_ =
+                Clock::now() + time_limit() + std::chrono::seconds(5); // until the first frame is there
+    }
+
+    ExitCode run()
+    {
+        say_settings();
+        while (!ended_)
+            if (sink_.pending() || !take_frame())
+                wait();
+        finish();
+        return conclude();
+    }
+
+private:
+    Clock::duration time_limit() const { return std::chrono::duration_cast<Clock::duration>(*options_.time); }
+
+    void say_settings() const
+    {
+        if (options_.verbose)
+            say(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width, stream_.size().height,
+                            options_.fps, stream_.bit_rate()));
+        else if (options_.size && stream_.size() != *options_.size)
+            say(format_text("the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",
+                            stream_.size().width, stream_.size().height));
+    }
+
+    bool take_frame()
+    {
+        EncodedFrame frame;
+        if (!stream_.take(frame))
+            return false;
+        const TimePoint now = Clock::now();
+        schedule_.frame_taken(frame.pts_us, now);
+        if (frames_ == 0)
+            begin(frame, now);
+        if (options_.time && std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit()) {
+            ended_ = true;
+            return true;
+        }
+        deliver(frame);
+        return true;
+    }
+
+    void begin(const EncodedFrame& first, TimePoint now)
+    {
+        first_pts_us_ = first.pts_us;
+        left_out_before_ = left_out_by_capture();
+        if (options_.time) // for a stream that is paused at its end; otherwise the time stamps say when it is
+                           // over
+            deadline_ = now + time_limit() + milliseconds(150);
+    }
+
+    void deliver(const EncodedFrame& frame)
+    {
+        ++frames_;
+        key_frames_ += frame.key;
+        last_pts_us_ = frame.pts_us;
+        lost_.frame_taken(frame.pts_us);
+        look_at(sink_.put(frame.bytes));
+        reader_was_slow_ = reader_was_slow_ || sink_.pending();
+    }
+
+    void look_at(ByteSink::State state)
+    {
+        reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
+        if (state == ByteSink::State::failed)
+            problem_ = "cannot write to " + path_ + " any more: " + error_text(sink_.error());
+        ended_ = ended_ || reader_gone_ || problem_.has_value();
+    }
+
+    void wait()
+    {
+        const TimePoint now = Clock::now();
+        const TimePoint look = sink_.pending() ? now + milliseconds(100) : schedule_.next_look(now);
+        pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
+                           {control_.fd(), POLLIN, 0},
+                           {sink_.pending() ? sink_.fd() : -1, POLLOUT, 0}};
+        if (poll(waited, 3, poll_timeout(std::min(look, deadline_))) > 0) {
+            if (waited[1].revents)
+                control_.read_lines([this](const std::string& line) { obey(line); });
+            if (waited[2].revents)
+                look_at(sink_.pump());
+        }
+        check_end();
+    }
+
+    void check_end()
+    {
+        const TimePoint now = Clock::now();
+        ended_ = ended_ || surroundings_.signals.raised() || now >= deadline_;
+        if (now < next_check_)
+            return;
+        next_check_ = now + milliseconds(200);
+        if (!display_lost())
+            return;
+        const char* name = std::getenv("DISPLAY");
+        problem_ = std::string("cannot stream the display ") + (name ? name : "") +
+                   " (DISPLAY) any more: it went away";
+        ended_ = true;
+    }
+
+    void obey(const std::string& line)
+    {
+        try {
+            std::visit([this](const auto& command) { carry_out(command); }, control::parse(line));
+            print_error_line("ok");
+        } catch (const Failure& failure) {
+            print_error_line(std::string("error: ") + failure.what());
+        }
+    }
+
+    void carry_out(const control::Unknown& unknown) { throw Failure(unknown.reason); }
+    void carry_out(const WatermarkOptions& watermark) { set_watermark(watermark); }
+    void carry_out(const control::Stop&) { ended_ = true; }
+    void carry_out(const control::BitRate& rate)
+    {
+        if (video_capenc_setBitRate(rate.bits_per_second) != 0)
+            throw Failure("the encoder refused this rate");
+    }
+    // What these leave out is left out on purpose.
+    void carry_out(const control::KeyFrame&)
+    {
+        lost_.break_stretch();
+        video_capenc_requestKeyFrame();
+    }
+    void carry_out(const control::Pause&)
+    {
+        lost_.break_stretch();
+        video_capenc_pause();
+    }
+    void carry_out(const control::Resume&)
+    {
+        lost_.break_stretch();
+        video_capenc_resume();
+    }
+
+    void finish()
+    {
+        stream_.stop();
+        const TimePoint limit = Clock::now() + patience_at_the_end;
+        look_at(sink_.finish(limit));
+        while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
+            look_at(sink_.finish(limit));
+    }
+
+    ExitCode conclude()
+    {
+        say_losses();
+        if (problem_)
+            say(*problem_);
+        if (sink_.delivered() == 0) {
+            say("cannot stream: no frame came");
+            return ExitCode::failed;
+        }
+        if (options_.verbose)
+            say(format_text("%llu frames, %llu of them key frames, %llu bytes",
+                            static_cast<unsigned long long>(frames_),
+                            static_cast<unsigned long long>(key_frames_),
+                            static_cast<unsigned long long>(sink_.delivered())));
+        if (!sink_.path().empty())
+            surroundings_.output.print_line(sink_.path());
+        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    // Time stamps of key frames may be a frame late, so a distance of one says nothing.
+    void say_losses() const
+    {
+        const uint64_t by_capture = left_out_by_capture() - left_out_before_;
+        const uint64_t missing = lost_.count();
+        if (missing < by_capture + 2)
+            return;
+        say(format_text("%llu frames are missing from the stream: %s",
+                        static_cast<unsigned long long>(missing - by_capture),
+                        reader_was_slow_
+                            ? "its reader was too slow, so it was taken up again at later key frames"
+                            : "this machine was too busy to take them in time"));
+    }
+
+    const StreamOptions& options_;
+    Surroundings& surroundings_;
+    const std::string path_;
+    const Size size_;
+    ByteSink sink_;
+    EncodedStream stream_;
+    ControlInput control_;
+    PollSchedule schedule_;
+    LostFrames lost_;
+    TimePoint deadline_ = TimePoint::max();
+    TimePoint next_check_;
+    uint64_t frames_ = 0;
+    uint64_t key_frames_ = 0;
+    uint64_t first_pts_us_ = 0;
+    uint64_t last_pts_us_ = 0;
+    uint64_t left_out_before_ = 0;
+    bool reader_was_slow_ = false;
+    bool reader_gone_ = false;
+    bool ended_ = false;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode run(const StreamOptions& options, Surroundings& surroundings)
+{
+    return StreamRun(options, surroundings).run();
+}
+
+} // namespace client

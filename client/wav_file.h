@@ -1,0 +1,27 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace client {
+
+/** Samples as a WAV file holds them: little-endian, channels interleaved. */
+struct PcmFormat {
+    uint32_t channels = 2;
+    uint32_t sample_rate = 48000; /**< per second and channel */
+    uint32_t bits = 16;
+
+    constexpr uint32_t frame_bytes() const { return channels * bits / 8; }
+    constexpr uint64_t bytes_per_second() const { return uint64_t{sample_rate} * frame_bytes(); }
+};
+
+inline constexpr size_t wav_header_bytes = 44;
+
+/**
+ * The header of a WAV file (RIFF, PCM) with `data_bytes` of samples. A size field holds 32 bits: for more
+ * than that it says its greatest value, which players take as "up to the end of the file".
+ */
+std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64_t data_bytes);
+
+} // namespace client
