@@ -196,7 +196,7 @@ uint32_t Multiplexer::detach(uint64_t source_id)
     sound_id_ = 0;
     if (sound_) {
         sound_->queue().clear();
-        sound_->stop_listening();
+        sound_->listen(nullptr);
     }
     return ZU_OK;
 }
@@ -234,9 +234,9 @@ uint32_t Multiplexer::start()
     const std::lock_guard lock(mutex_);
     if (closed_)
         return ZU_INVALID_ARGUMENT;
+    if (!running_ && sound_ && sound_id_ != 0)
+        sound_->listen(make_pcm_reader());
     running_ = true;
-    if (sound_ && sound_id_ != 0)
-        sound_->listen();
     return ZU_OK;
 }
 
@@ -248,7 +248,7 @@ uint32_t Multiplexer::stop()
     running_ = false;
     if (sound_) {
         sound_->queue().clear();
-        sound_->stop_listening();
+        sound_->listen(nullptr);
     }
     return ZU_OK;
 }

@@ -27,10 +27,9 @@ std::unique_ptr<SoundTrack> SoundTrack::open()
     return encoder ? std::unique_ptr<SoundTrack>(new SoundTrack(std::move(encoder))) : nullptr;
 }
 
-void SoundTrack::listen()
+void SoundTrack::listen(std::unique_ptr<PcmReader> reader)
 {
-    if (!reader_)
-        reader_ = make_pcm_reader();
+    reader_ = std::move(reader);
     aligned_ = false;
 }
 

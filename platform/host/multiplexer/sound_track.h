@@ -20,9 +20,9 @@ public:
     /** @return null when there is no AAC encoder */
     static std::unique_ptr<SoundTrack> open();
 
-    /** Starts listening to the audio capture, whether it is started already or not. */
-    void listen();
-    void stop_listening() { reader_.reset(); }
+    /** What is heard comes from here, whether audio capture is started already or not; null = from nowhere.
+     */
+    void listen(std::unique_ptr<PcmReader> reader);
     bool begun() const { return begun_; }
     /** The track begins at this moment of the monotonic clock, which is presented at `pts` (90 kHz). */
     void begin(int64_t start_us, int64_t pts);

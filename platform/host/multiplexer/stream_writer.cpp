@@ -8,10 +8,16 @@ namespace zu3host {
 
 namespace {
 
-constexpr uint64_t tables_period = system_ticks_of_ms(85);
+constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
+/**
+ * At a variable rate a reader takes the packets between two time references for evenly spread, however few
+ * there are. Tables therefore follow straight behind a reference, at the latest one before 100 ms are over,
+ * the packets' apparent places (two of three at most into the next 36 ms) included.
+ */
+constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(40);
 /** Null packets would pay for the time at a constant rate anyway; a variable rate pays 188 bytes for each. */
 constexpr uint64_t constant_rate_time_period = system_ticks_of_ms(25);
-constexpr uint64_t variable_rate_time_period = system_ticks_of_ms(38);
+constexpr uint64_t variable_rate_time_period = system_ticks_of_ms(36);
 
 constexpr size_t packets_of(size_t bytes)
 {
@@ -51,17 +57,25 @@ bool StreamWriter::sound_fits(const SoundQueue* queue, size_t reserved) const
     return queue && !queue->empty() && packets_.free_packets() >= reserved + sound_packets(*queue);
 }
 
+bool StreamWriter::tables_due() const
+{
+    return tables_due_ <= clock_.now() && (clock_.constant_rate() || after_time_);
+}
+
 void StreamWriter::write_tables()
 {
     packets_.write_table(tables_.association, association_continuity_);
     packets_.write_table(tables_.map, map_continuity_);
-    tables_due_ = clock_.now() + tables_period;
+    after_time_ = false;
+    tables_due_ =
+        clock_.now() + (clock_.constant_rate() ? constant_rate_tables_period : variable_rate_tables_period);
 }
 
 void StreamWriter::write_time()
 {
     time_due_ = clock_.now() + time_period();
     packets_.write_pcr(pictures_);
+    after_time_ = true;
 }
 
 void StreamWriter::write_sound(SoundQueue& queue)
@@ -69,6 +83,7 @@ void StreamWriter::write_sound(SoundQueue& queue)
     PesPacket pes(sound_.stream_id, queue.front_pts(), queue.front(), true);
     while (pes.left() != 0)
         packets_.write_pes(pes, sound_, {false, false});
+    after_time_ = false;
     queue.pop();
     count(counters().audio_frames_encoded);
     count(counters().access_units_multiplexed);
@@ -77,7 +92,7 @@ void StreamWriter::write_sound(SoundQueue& queue)
 bool StreamWriter::write_due(SoundQueue* queue, size_t reserved)
 {
     const uint64_t now = clock_.now();
-    if (tables_due_ <= now)
+    if (tables_due())
         write_tables();
     else if (time_due_ <= now)
         write_time();
@@ -90,7 +105,7 @@ bool StreamWriter::write_due(SoundQueue* queue, size_t reserved)
 
 void StreamWriter::step(uint64_t moment, SoundQueue* queue, size_t reserved)
 {
-    uint64_t due = std::min(tables_due_, time_due_);
+    uint64_t due = tables_due() ? clock_.now() : time_due_;
     if (sound_fits(queue, reserved))
         due = std::min(due, sound_due(*queue));
     clock_.wait_until(std::min(due, moment));
@@ -116,15 +131,22 @@ size_t StreamWriter::greatest_picture_packets(size_t bytes) const
     if (!clock_.constant_rate())
         return payload + payload / 20 + 16;
     const uint64_t packet_ticks = clock_.packet_ticks() + 1;
-    const double others = static_cast<double>(packet_ticks) * 2 / tables_period +
+    const double others = static_cast<double>(packet_ticks) * 2 / constant_rate_tables_period +
                           static_cast<double>(packet_ticks) / constant_rate_time_period;
     return static_cast<size_t>(static_cast<double>(payload + 8) / (1 - others)) + 1;
+}
+
+void StreamWriter::write_tables_before_picture()
+{
+    if (!clock_.constant_rate() && !after_time_)
+        write_time();
+    write_tables();
 }
 
 void StreamWriter::write_picture(const PictureUnit& picture, uint64_t end, SoundQueue* queue)
 {
     if (picture.random_access)
-        write_tables();
+        write_tables_before_picture();
     PesPacket pes(pictures_.stream_id, picture.pts, picture.data, false);
     const uint64_t span = end - std::min(end, clock_.now());
     const uint64_t spacing = clock_.constant_rate() ? 0 : span / packets_of(pes.left() + 16);
@@ -134,6 +156,7 @@ void StreamWriter::write_picture(const PictureUnit& picture, uint64_t end, Sound
         if (with_time)
             time_due_ = clock_.now() + time_period();
         packets_.write_pes(pes, pictures_, {with_time, pes.at_start() && picture.random_access});
+        after_time_ = with_time;
         while (clock_.constant_rate() && write_due(queue, greatest_picture_packets(pes.left())))
             ;
         while (!clock_.constant_rate() && clock_.now() < next) {
@@ -147,7 +170,7 @@ void StreamWriter::write_picture(const PictureUnit& picture, uint64_t end, Sound
 void StreamWriter::flush_sound(SoundQueue& queue, int64_t pts)
 {
     while (!queue.empty() && queue.front_pts() <= pts && packets_.free_packets() >= idle_room) {
-        if (tables_due_ <= clock_.now() || time_due_ <= clock_.now())
+        if (tables_due() || time_due_ <= clock_.now())
             write_due(nullptr, 0);
         else
             write_sound(queue);

@@ -58,12 +58,14 @@ public:
 private:
     bool write_due(SoundQueue* queue, size_t reserved);
     void write_tables();
+    void write_tables_before_picture();
     void write_time();
     void write_sound(SoundQueue& queue);
     void step(uint64_t moment, SoundQueue* queue, size_t reserved);
     bool sound_fits(const SoundQueue* queue, size_t reserved) const;
     uint64_t sound_due(const SoundQueue& queue) const;
     uint64_t time_period() const;
+    bool tables_due() const;
 
     StreamClock clock_;
     PacketWriter packets_;
@@ -75,6 +77,7 @@ private:
     uint64_t sound_lead_ = 0;
     uint64_t tables_due_;
     uint64_t time_due_;
+    bool after_time_ = true; /**< whether the packet written last carries the time; tables go first of all */
 };
 
 } // namespace zu3host

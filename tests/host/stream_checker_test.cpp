@@ -1,0 +1,198 @@
+// The packet checker on streams in which one thing was broken. It must say so, and find nothing in the whole
+// ones.
+#include "multiplexer_fixture.h"
+
+#include <functional>
+
+namespace zu3host {
+namespace {
+
+using transport_stream::check;
+using transport_stream::Report;
+
+constexpr uint32_t rate = 2 * 1048576;
+constexpr size_t packet_bytes = 188;
+
+uint16_t pid_of(const uint8_t* packet)
+{
+    return static_cast<uint16_t>((packet[1] & 0x1f) << 8 | packet[2]);
+}
+
+bool has_time(const uint8_t* packet)
+{
+    return (packet[3] & 0x20) && packet[4] >= 7 && (packet[5] & 0x10);
+}
+
+void add_to_time(uint8_t* packet, int64_t ticks_90khz)
+{
+    uint64_t base = 0;
+    for (int i = 6; i < 10; ++i)
+        base = base << 8 | packet[i];
+    base = (base << 1 | packet[10] >> 7) + static_cast<uint64_t>(ticks_90khz);
+    for (int i = 9; i >= 6; --i)
+        packet[i] = static_cast<uint8_t>(base >> (1 + 8 * (9 - i)));
+    packet[10] = static_cast<uint8_t>((packet[10] & 0x7f) | (base & 1) << 7);
+}
+
+uint8_t* payload(uint8_t* packet)
+{
+    return packet + 4 + (packet[3] & 0x20 ? 1 + packet[4] : 0);
+}
+
+/** A packet with the n-th property, counted from the middle of the stream. */
+uint8_t* nth(Bytes& stream, size_t n, const std::function<bool(const uint8_t*)>& wanted)
+{
+    for (size_t at = stream.size() / packet_bytes / 2 * packet_bytes; at < stream.size();
+         at += packet_bytes) {
+        if (wanted(stream.data() + at) && n-- == 0)
+            return stream.data() + at;
+    }
+    ADD_FAILURE() << "there is no such packet";
+    return stream.data();
+}
+
+uint8_t* of_pid(Bytes& stream, uint16_t pid, bool unit_start, size_t n = 0)
+{
+    return nth(stream, n,
+               [=](const uint8_t* p) { return pid_of(p) == pid && bool(p[1] & 0x40) == unit_start; });
+}
+
+void erase_packet(Bytes& stream, const uint8_t* packet)
+{
+    const auto at = stream.begin() + (packet - stream.data());
+    stream.erase(at, at + packet_bytes);
+}
+
+/** Makes null packets of those of a PID, `count` of them from the middle on. */
+void blank(Bytes& stream, uint16_t pid, size_t count)
+{
+    while (count-- > 0) {
+        uint8_t* const packet = nth(stream, 0, [=](const uint8_t* p) { return pid_of(p) == pid; });
+        packet[1] = 0x1f;
+        packet[2] = 0xff;
+        packet[3] = 0x10;
+    }
+}
+
+struct Defect {
+    const char* name;
+    const char* kind; /**< what the checker calls it */
+    void (*plant)(Bytes&);
+};
+
+const Defect defects[] = {
+    {"a counter that skips", "continuity", [](Bytes& s) { of_pid(s, picture_pid, false)[3] ^= 4; }},
+    {"a lost packet", "continuity", [](Bytes& s) { erase_packet(s, of_pid(s, picture_pid, false)); }},
+    {"a packet sent three times", "continuity",
+     [](Bytes& s) {
+         const auto at = of_pid(s, picture_pid, false) - s.data();
+         const Bytes copy(s.begin() + at, s.begin() + at + packet_bytes);
+         for (int i = 0; i < 2; ++i)
+             s.insert(s.begin() + at, copy.begin(), copy.end());
+     }},
+    {"a damaged association table", "crc", [](Bytes& s) { of_pid(s, 0, true)[5 + 9] ^= 2; }},
+    {"a damaged program map", "crc", [](Bytes& s) { of_pid(s, 0x1000, true)[5 + 13] ^= 1; }},
+    {"600 ms without an association table", "table_repetition", [](Bytes& s) { blank(s, 0, 7); }},
+    {"200 ms without a program map", "table_repetition", [](Bytes& s) { blank(s, 0x1000, 2); }},
+    {"no association table at all", "pat",
+     [](Bytes& s) {
+         for (size_t at = 0; at < s.size(); at += packet_bytes) {
+             if (pid_of(&s[at]) == 0)
+                 s[at + 1] = 0x1f, s[at + 2] = 0xff;
+         }
+     }},
+    {"time that jumps ahead", "pcr_discontinuity",
+     [](Bytes& s) {
+         for (size_t at = s.size() / packet_bytes / 2 * packet_bytes; at < s.size(); at += packet_bytes) {
+             if (pid_of(&s[at]) == picture_pid && has_time(&s[at]))
+                 add_to_time(&s[at], 10 * 90000);
+         }
+     }},
+    {"150 ms without a time reference", "pcr_interval",
+     [](Bytes& s) {
+         for (int i = 0; i < 7; ++i)
+             nth(s, 0, [](const uint8_t* p) { return has_time(p); })[5] &= 0xef;
+     }},
+    {"a time reference 2 us off", "pcr_accuracy",
+     [](Bytes& s) { nth(s, 0, [](const uint8_t* p) { return has_time(p) && p[11] < 200; })[11] += 54; }},
+    {"a rate 3% off", "rate",
+     [](Bytes& s) {
+         for (size_t at = 0, n = 0; at < s.size(); at += packet_bytes, ++n) {
+             if (n % 25 == 0 && pid_of(&s[at]) == 0x1fff)
+                 s.erase(s.begin() + static_cast<ptrdiff_t>(at),
+                         s.begin() + static_cast<ptrdiff_t>(at + packet_bytes));
+         }
+     }},
+    {"a PTS that runs backwards", "pts_order",
+     [](Bytes& s) { payload(of_pid(s, picture_pid, true))[12] -= 60; }},
+    {"a PTS that has passed", "pts_late", [](Bytes& s) { payload(of_pid(s, picture_pid, true))[11] -= 8; }},
+    {"a PES packet without a PTS", "pts_missing",
+     [](Bytes& s) { payload(of_pid(s, sound_pid, true))[7] = 0; }},
+    {"sound that jumps", "sound_gap", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[12] += 4; }},
+    {"a lost sync byte", "sync", [](Bytes& s) { of_pid(s, picture_pid, false)[0] = 0x46; }},
+    {"an error mark", "transport_error", [](Bytes& s) { of_pid(s, picture_pid, false)[1] |= 0x80; }},
+    {"a wrong PES start code", "pes", [](Bytes& s) { payload(of_pid(s, picture_pid, true))[2] = 2; }},
+    {"a wrong PES length", "pes", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[5] += 1; }},
+    {"a stream that is not there", "missing_pid",
+     [](Bytes& s) {
+         for (size_t at = 0; at < s.size(); at += packet_bytes) {
+             if (pid_of(&s[at]) == sound_pid)
+                 s[at + 1] = 0x1f, s[at + 2] = 0xff;
+         }
+     }},
+    {"a stream that nobody announced", "unknown_pid",
+     [](Bytes& s) { of_pid(s, sound_pid, false)[2] = 0x33; }},
+    {"a scrambled packet", "scrambled", [](Bytes& s) { of_pid(s, sound_pid, false)[3] |= 0x80; }},
+    {"a beginning without an IDR picture", "first_unit",
+     [](Bytes& s) {
+         for (size_t at = 0; at < s.size(); at += packet_bytes) {
+             if (pid_of(&s[at]) != picture_pid || !(s[at + 1] & 0x40))
+                 continue;
+             payload(&s[at])[14 + 23] = 0x41;
+             return;
+         }
+     }},
+    {"a picture without a delimiter", "access_unit",
+     [](Bytes& s) { payload(of_pid(s, picture_pid, true))[14 + 4] = 0x0c; }},
+    {"an end inside a packet", "size", [](Bytes& s) { s.pop_back(); }},
+};
+
+class StreamChecker : public MultiplexerModule {
+protected:
+    static Bytes make_stream(uint32_t packet_size)
+    {
+        const Region region(1 << 20);
+        Recording recording(open_params(region, packet_size, rate), true, true);
+        EXPECT_EQ(recording.start(), ZU_OK);
+        UnitMaker units;
+        for (uint64_t i = 0; i < 120; ++i) {
+            EXPECT_EQ(recording.push_captured(units.make(i % 30 == 0, 4000), i * 33333), ZU_OK);
+            recording.copy();
+        }
+        recording.drain();
+        return recording.output;
+    }
+};
+
+TEST_F(StreamChecker, FindsEachPlantedDefect)
+{
+    const Bytes whole = make_stream(188);
+    ASSERT_EQ(text_of(check(whole, {188, rate, false, false}).findings), "");
+    for (const Defect& defect : defects) {
+        Bytes broken = whole;
+        defect.plant(broken);
+        const Report report = check(broken, {188, rate, false, false});
+        EXPECT_TRUE(report.has(defect.kind)) << defect.name << ", but found:\n" << text_of(report.findings);
+    }
+}
+
+TEST_F(StreamChecker, FindsArrivalTimesThatStandStill)
+{
+    Bytes stream = make_stream(192);
+    ASSERT_EQ(text_of(check(stream, {0, rate, false, false}).findings), "");
+    std::copy_n(stream.begin() + 192 * 40, 4, stream.begin() + 192 * 41);
+    EXPECT_TRUE(check(stream, {0, rate, false, false}).has("arrival_time"));
+}
+
+} // namespace
+} // namespace zu3host
