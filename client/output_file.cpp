@@ -17,6 +17,11 @@ namespace {
     throw Failure("cannot write to " + path + ": " + reason);
 }
 
+[[noreturn]] void fail_for_existing(const std::string& path)
+{
+    throw Failure("cannot write to " + path + ": it exists already; -y overwrites it", ExitCode::usage);
+}
+
 std::string folder_of(const std::string& path)
 {
     const std::filesystem::path folder = std::filesystem::path(path).parent_path();
@@ -28,7 +33,7 @@ void check_existing(const std::string& path, const struct stat& found, bool over
     if (S_ISDIR(found.st_mode))
         fail(path, "it is a folder");
     if (S_ISREG(found.st_mode) && !overwrite)
-        fail(path, "it exists already; -y overwrites it");
+        fail_for_existing(path);
     if (access(path.c_str(), W_OK) != 0)
         fail(path, error_text(errno));
 }
@@ -115,7 +120,7 @@ void WholeFile::put_in_place(bool overwrite)
 {
     const unsigned flags = overwrite ? 0 : RENAME_NOREPLACE;
     if (renameat2(AT_FDCWD, beside_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
-        fail(path_, errno == EEXIST ? "it exists already; -y overwrites it" : error_text(errno));
+        errno == EEXIST ? fail_for_existing(path_) : fail(path_, error_text(errno));
     beside_.clear();
 }
 

@@ -1,0 +1,122 @@
+// What the client computes by itself from words, sizes and times; the commands are judged end to end.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "frame_clock.h"
+#include "option_values.h"
+#include "stream_control.h"
+#include "wav_file.h"
+
+namespace {
+
+using namespace client;
+
+// Catches a size that is cut off, overflows or is accepted with something behind it.
+TEST(OptionValues, SizesAreWholeOrNothing)
+{
+    EXPECT_EQ(parse_size("1280x720"), (Size{1280, 720}));
+    for (const char* wrong : {"", "x", "1280", "1280x", "x720", "1280x720x1", "1280X720", " 1280x720",
+                              "1280x720 ", "-1280x720", "+2x2", "1280x-720", "4294967297x64", "1e3x64"})
+        EXPECT_FALSE(parse_size(wrong)) << wrong;
+}
+
+// Catches a limit that is off by one.
+TEST(OptionValues, SizesHaveLimits)
+{
+    for (const Size good : {Size{64, 64}, Size{3840, 2160}, Size{1366, 768}})
+        EXPECT_EQ(size_problem(good), "");
+    for (const Size bad :
+         {Size{62, 64}, Size{64, 62}, Size{3842, 2160}, Size{3840, 2162}, Size{65, 64}, Size{64, 65}})
+        EXPECT_NE(size_problem(bad), "") << bad.width << "x" << bad.height;
+}
+
+// Catches a display whose own size cannot be recorded: odd, too large in one direction, tiny.
+TEST(OptionValues, EveryDisplayHasASizeToRecord)
+{
+    const Size cases[][2] = {{{1365, 767}, {1364, 766}},   {{5120, 1440}, {3840, 1080}},
+                             {{2160, 3840}, {1214, 2160}}, {{1, 1}, {64, 64}},
+                             {{7680, 4320}, {3840, 2160}}, {{1920, 1080}, {1920, 1080}}};
+    for (const auto& [display, expected] : cases) {
+        EXPECT_EQ(size_for_display(display), expected) << display.width << "x" << display.height;
+        EXPECT_EQ(size_problem(size_for_display(display)), "");
+    }
+}
+
+// Catches suffixes of 1024, lost fractions, overflow of 32 bits, and words that only begin like a number.
+TEST(OptionValues, BitRates)
+{
+    EXPECT_EQ(parse_bit_rate("800000"), 800000u);
+    EXPECT_EQ(parse_bit_rate("500k"), 500000u);
+    EXPECT_EQ(parse_bit_rate("2.5M"), 2500000u);
+    for (const char* wrong : {"", "k", "M", "0", "-1M", "5000M", "1e6", "2.5MM", "nan", "inf", "3 M"})
+        EXPECT_FALSE(parse_bit_rate(wrong)) << wrong;
+}
+
+// Catches a table that is shifted: the library takes one bit a level.
+TEST(OptionValues, Levels)
+{
+    EXPECT_EQ(parse_level("1"), 0x1u);
+    EXPECT_EQ(parse_level("1b"), 0x2u);
+    EXPECT_EQ(parse_level("3.1"), 0x200u);
+    EXPECT_EQ(parse_level("4.1"), 0x1000u);
+    EXPECT_FALSE(parse_level("4.2"));
+}
+
+// Catches numbers taken for a part of the file's name, and the other way round.
+TEST(StreamControl, WatermarkLines)
+{
+    const auto watermark = [](const char* line) { return std::get<WatermarkOptions>(control::parse(line)); };
+    EXPECT_EQ(watermark("watermark none").image, "");
+    EXPECT_EQ(watermark("watermark my logo.png").image, "my logo.png");
+    EXPECT_EQ(watermark("watermark none 1,2").image, "none");
+    const WatermarkOptions placed = watermark("watermark a 7.png -5,10 128");
+    EXPECT_EQ(placed.image, "a 7.png");
+    EXPECT_EQ(placed.at, (Position{-5, 10}));
+    EXPECT_EQ(placed.opacity, 128u);
+    for (const char* wrong :
+         {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k", "bitrate 1M now", "stop it"})
+        EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(wrong))) << wrong;
+}
+
+uint32_t word(const std::array<uint8_t, wav_header_bytes>& header, size_t at)
+{
+    return header[at] | header[at + 1] << 8 | header[at + 2] << 16 | uint32_t{header[at + 3]} << 24;
+}
+
+// Catches sizes that count the wrong bytes, and a wrap to a tiny size beyond 4 GiB.
+TEST(WavHeader, SizesFollowTheSamples)
+{
+    const auto header = wav_header({}, 192000);
+    EXPECT_EQ(std::memcmp(header.data(), "RIFF", 4), 0);
+    EXPECT_EQ(word(header, 4), 192036u);
+    EXPECT_EQ(word(header, 24), 48000u);
+    EXPECT_EQ(word(header, 28), 192000u);
+    EXPECT_EQ(word(header, 32), 4u | 16u << 16);
+    EXPECT_EQ(word(header, 40), 192000u);
+    const auto huge = wav_header({}, uint64_t{5} << 30);
+    EXPECT_EQ(word(huge, 4), UINT32_MAX);
+    EXPECT_EQ(word(huge, 40), UINT32_MAX);
+}
+
+// Catches losses that jitter makes up, losses that are missed, and a pause that is taken for a loss.
+TEST(LostFrames, CountsByTimeStamps)
+{
+    LostFrames lost(30);
+    const auto take = [&lost](int frame, int jitter_us = 0) {
+        lost.frame_taken(static_cast<uint64_t>(1'000'000 + frame * 1'000'000 / 30 + jitter_us));
+    };
+    for (int frame = 0; frame < 300; ++frame)
+        take(frame, frame % 3 * 5000);
+    EXPECT_EQ(lost.count(), 0u);
+    take(310);
+    EXPECT_EQ(lost.count(), 10u);
+    lost.break_stretch();
+    take(400);
+    take(401);
+    EXPECT_EQ(lost.count(), 10u);
+    take(404);
+    EXPECT_EQ(lost.count(), 12u);
+}
+
+} // namespace
