@@ -8,12 +8,12 @@
 namespace zu3host {
 namespace {
 
-constexpr uint64_t most_bits_of_any_level = 240'000'000; // MaxBR of level 6 and above, Main profile
+constexpr uint64_t most_bits_of_any_level = 240'000'000; // MaxBR of levels 5.1 and 5.2
 // What the writer of a recording can move with its tables, headers and sound.
 constexpr int recording_ceiling_kilobits = 4500;
 constexpr uint32_t default_frame_rate = 30;
 
-// Ten times level_idc; 9 x 10 + 11 would be unreadable, so level 1b goes by 101.
+// Ten times level_idc, and 101 for level 1b.
 constexpr std::array known_levels{100u, 101u, 110u, 120u, 130u, 200u, 210u, 220u, 300u,
                                   310u, 320u, 400u, 410u, 420u, 500u, 510u, 520u};
 constexpr std::array known_profiles{66u, 77u, 100u};

@@ -22,8 +22,8 @@ struct EncoderRate {
     bool operator==(const EncoderRate&) const = default;
 
     /**
-     * `bitrate` is in units of 1024 bit/s. 0, and what no level of ISO/IEC 14496-10 Annex A allows, leave the
-     * choice to the encoder.
+     * `bitrate` is in units of 1024 bit/s. 0, and more than 240 Mbit/s, which no level up to 5.2 allows
+     * (ISO/IEC 14496-10 table A-1), leave the choice to the encoder.
      */
     static EncoderRate of(uint32_t bitrate);
 };
