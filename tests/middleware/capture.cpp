@@ -35,7 +35,8 @@ u32 give_back(u32 handle, u32 buffer)
         return ZU_INVALID_ARGUMENT;
     const auto held = device->pictures.find(buffer);
     if (held == device->pictures.end()) {
-        problem(text("picture ", buffer, " is given back but was not out"));
+        if (late_callback_depth == 0)
+            problem(text("picture ", buffer, " is given back but was not out"));
         return ZU_INVALID_ARGUMENT;
     }
     if (--held->second == 0)

@@ -6,7 +6,7 @@
 namespace middleware {
 
 thread_local u32 late_callback_depth = 0;
-thread_local bool middleware_thread = false;
+thread_local bool task_thread = false;
 
 namespace {
 
@@ -107,7 +107,7 @@ u32 obtain(Context& context, s32 id, u32 timeout_ms)
     }
     if (mutex->owner == self)
         problem(text("mutex ", mutex->name, " is waited for by the thread that holds it"));
-    Waiter waiter{self, state().now_ns + s64{timeout_ms} * ns_per_ms, !middleware_thread};
+    Waiter waiter{self, state().now_ns + s64{timeout_ms} * ns_per_ms, !task_thread};
     mutex->queue.push_back(&waiter);
     wait(context.lock, waiter, "ZU_OS_ObtainMutex");
     if (const auto still = state().mutexes.find(id); still != state().mutexes.end())
@@ -308,7 +308,7 @@ u32 ZU_OS_DeleteMutex(s32 id)
 u32 ZU_OS_DelayTask(u32 ms)
 {
     return call("ZU_OS_DelayTask", text(ms), [&](Context& context) {
-        delay(context.lock, ms, !middleware_thread, "ZU_OS_DelayTask");
+        delay(context.lock, ms, !task_thread, "ZU_OS_DelayTask");
         return ZU_OK;
     });
 }

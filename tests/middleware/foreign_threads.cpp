@@ -125,7 +125,6 @@ std::future<u32> Middleware::fire_on_thread(std::function<u32()> work)
     auto started = std::make_shared<std::promise<void>>();
     std::future<void> registered = started->get_future();
     std::future<u32> result = std::async(std::launch::async, [started, work = std::move(work)] {
-        middleware_thread = true;
         const std::thread::id self = std::this_thread::get_id();
         {
             const Lock lock(state().mutex);

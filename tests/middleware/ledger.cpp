@@ -123,7 +123,8 @@ u32 remove_registration(Context& context, u32 handle, Kind kind, u64 id, const s
         state().excused_registrations.insert(device->registration);
         return ZU_OK;
     }
-    if (id != 0 && id != device->registration) {
+    // A module is stopped at its own failed start and again when its slot closes: removing twice is no fault.
+    if (id != 0 && device->registration != 0 && id != device->registration) {
         if (!state().excused_registrations.contains(id))
             problem(text(function, " names registration ", hex(id), ", which ", name_of(kind, handle),
                          " does not have"));

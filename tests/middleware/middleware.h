@@ -20,7 +20,9 @@
  * Time: nothing takes real time. The clock moves only while a thread that is no task waits in the middleware
  * (a delay, a mutex, the deletion of a task, or advance() itself) and every task, callback thread and holder
  * of a mutex waits too; then it jumps to the earliest deadline. So advance(1000) lets a task with a period of
- * 100 ms run exactly ten times, and a delay on the test's own thread returns at once.
+ * 100 ms run exactly ten times, and a delay on the test's own thread or in a callback returns at once. A
+ * thread that waits outside the middleware (for a std::mutex of the library, say) is not known to wait and
+ * does not move the clock.
  *
  * Names in scripts are function names; ZU_OS_IommuOperation, ZU_TSMUX_SetAttr and ZU_VENC_SetAttr also answer
  * to "ZU_OS_IommuOperation:GET_BUFFD", "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks run with no lock of the

@@ -38,7 +38,7 @@ struct ScriptEntry {
 struct Waiter {
     std::thread::id thread;
     s64 deadline_ns;
-    bool client; // no task and no callback thread: lets time pass
+    bool client; // no task: lets time pass
     bool woken = false;
     bool expired = false;
 };
@@ -159,8 +159,8 @@ State& state();
 /** Set while the calling thread runs a callback of a device that was closed: its calls on dead handles are
  * not its fault. */
 extern thread_local u32 late_callback_depth;
-/** Set on tasks and callback threads: their waits do not let time pass. */
-extern thread_local bool middleware_thread;
+/** Set on tasks: their waits alone do not let time pass. */
+extern thread_local bool task_thread;
 
 inline void put(std::ostringstream& out, std::string_view value)
 {

@@ -20,7 +20,7 @@ void run_entry(s32 id)
     entry(argument);
     lock.lock();
     for (const auto& [mutex_id, mutex] : s.mutexes) {
-        if (mutex.held && mutex.owner == task.runner && middleware_thread)
+        if (mutex.held && mutex.owner == task.runner && task_thread)
             problem(text("task ", task.name, " ended while it held mutex ", mutex.name));
     }
     task.state = TaskState::finished;
@@ -34,7 +34,7 @@ void start(s32 id, Task& task)
 {
     task.state = TaskState::running;
     task.thread = std::thread([id] {
-        middleware_thread = true;
+        task_thread = true;
         run_entry(id);
     });
 }
@@ -93,7 +93,7 @@ u32 remove(Context& context, s32 id)
         return ZU_FAILURE;
     }
     if (task.state == TaskState::running) {
-        Waiter waiter{std::this_thread::get_id(), never, !middleware_thread};
+        Waiter waiter{std::this_thread::get_id(), never, !task_thread};
         task.joiners.push_back(&waiter);
         wait(context.lock, waiter, "ZU_OS_DeleteTask of " + task.name);
         task.joiners.remove(&waiter);

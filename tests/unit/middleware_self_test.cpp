@@ -2,7 +2,10 @@
 #include <algorithm>
 #include <atomic>
 
+#include <screenrecord/screenrecord.h>
+
 #include "android/log.h"
+#include "middleware/allocation_failures.h"
 #include "middleware/middleware.h"
 #include "utils/Timers.h"
 
@@ -222,6 +225,23 @@ TEST_F(MiddlewareTest, AMutexHeldByAStuckThreadTimesOutAndIsHandedOnOnceItIsFree
     ZU_OS_ReleaseMutex(m);
     stuck.get();
     ZU_OS_DeleteMutex(m);
+}
+
+TEST_F(MiddlewareTest, AnAllocationOfTheLibraryFailsAndNobodyElses)
+{
+    u32 slot = 0;
+    u8 name[] = "out.ts";
+    ASSERT_EQ(SCREENRECORD_Init(), 1u);
+    {
+        const middleware::AllocationWindow window(1);
+        EXPECT_NE(std::make_unique<char[]>(16), nullptr);
+        EXPECT_EQ(window.count(), 0);
+        EXPECT_EQ(SCREENRECORD_Open(&slot, name), 0u);
+        EXPECT_TRUE(window.failed());
+    }
+    EXPECT_EQ(SCREENRECORD_Open(&slot, name), 1u);
+    EXPECT_GT(middleware::library_allocations_left(), 0u); // the name
+    EXPECT_EQ(SCREENRECORD_DeInit(), 1u);
 }
 
 } // namespace
