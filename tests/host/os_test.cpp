@@ -8,6 +8,7 @@
 #include <cstring>
 #include <future>
 #include <pthread.h>
+#include <sched.h>
 #include <thread>
 
 namespace {
@@ -79,6 +80,7 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
     auto wait = [id] { return ZU_OS_ObtainMutex(id, long_wait_ms); };
     auto first = std::async(std::launch::async, wait);
     auto second = std::async(std::launch::async, wait);
+    EXPECT_NE(ZU_OS_ObtainMutex(id, 100), ZU_OK); // time for both to be waiting
     EXPECT_EQ(ZU_OS_DeleteMutex(id), ZU_OK);
     EXPECT_NE(first.get(), ZU_OK);
     EXPECT_NE(second.get(), ZU_OK);
@@ -141,9 +143,29 @@ TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
     EXPECT_FALSE(sigismember(&mask, SIGINT)) << "the creator's own mask was changed";
 }
 
-// Catches an entry that begins, or goes on, after the deletion said that the task is gone.
+/** Keeps this thread, and those that it starts, on one processor: a new thread does not run before its
+ * creator waits. */
+class OneProcessor {
+public:
+    OneProcessor()
+    {
+        sched_getaffinity(0, sizeof before_, &before_);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        sched_setaffinity(0, sizeof one, &one);
+    }
+    ~OneProcessor() { sched_setaffinity(0, sizeof before_, &before_); }
+
+private:
+    cpu_set_t before_;
+};
+
+// Catches an entry that goes on after the deletion said that the task is gone, and deletions that let every
+// entry begin first.
 TEST(Task, RunsNothingAfterItsDeletion)
 {
+    const OneProcessor pinned;
     static std::atomic<int> begun, ended;
     begun = ended = 0;
     for (int i = 0; i < 300; ++i) {
@@ -160,6 +182,7 @@ TEST(Task, RunsNothingAfterItsDeletion)
         std::this_thread::yield();
         ASSERT_EQ(begun, begun_then);
     }
+    EXPECT_LT(begun, 300);
 }
 
 struct Held {
@@ -169,13 +192,13 @@ struct Held {
 // Catches a deletion that hangs on a task that never ends, or claims that it is gone.
 TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 {
-    Held held;
+    static Held& held = *new Held; // outlives the task, which nobody joins
     const s32 id = make_task(
         [](void* argument) {
             auto& each = *static_cast<Held*>(argument);
             each.running.set_value();
             each.may_end.get_future().wait();
-            each.ended.set_value_at_thread_exit();
+            each.ended.set_value();
         },
         &held);
     held.running.get_future().wait();
