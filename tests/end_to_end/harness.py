@@ -11,7 +11,8 @@ import tempfile
 import time
 import unittest
 
-BUILD = os.environ.get("SCREENRECORD_BUILD_DIR", os.path.abspath("build/release"))
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BUILD = os.path.abspath(os.environ.get("SCREENRECORD_BUILD_DIR", os.path.join(SOURCE, "build", "release")))
 SANITIZED = os.environ.get("SCREENRECORD_SANITIZED", "") != ""
 # Time that things may take which are not what a test measures; instrumented programs are slower.
 PATIENCE = 60 if SANITIZED else 20

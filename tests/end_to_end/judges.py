@@ -36,9 +36,13 @@ def packets(path, kind="v"):
             for p in found["packets"]]
 
 
-def decoder_messages(path):
-    """All that ffmpeg's decoder says of a file; nothing when it is well."""
-    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"],
+def decoder_messages(path, *options):
+    """
+    All that ffmpeg's decoder says of a file; nothing when it is well. Time is counted as the file does: on the grid of
+    the frame rate, which ffmpeg takes otherwise, two pictures that a busy machine took late can fall together.
+    """
+    options = options or ("-enc_time_base", "-1")
+    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, *options, "-f", "null", "-"],
                             capture_output=True, check=False)
     return (result.stdout + result.stderr).decode() + (f"exit {result.returncode}" if result.returncode else "")
 
@@ -109,7 +113,7 @@ def access_units(data):
 
 
 def is_idr(unit):
-    return re.search(rb"\0\0\1[\x05\x25\x45\x65]", unit) is not None
+    return re.search(rb"\x00\x00\x01[\x05\x25\x45\x65]", unit) is not None
 
 
 def measured_rate(path, packet_size):

@@ -5,9 +5,8 @@ import re
 import subprocess
 import unittest
 
-from harness import BUILD
+from harness import BUILD, SOURCE
 
-SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 LIBRARY = os.path.join(BUILD, "lib", "libscreenrecord.so")
 RUNTIME = ("libc.so.6", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6", "ld-linux-x86-64.so.2")
 CONTRACT_LIBRARIES = ("libzu3.so", "libSrGlWorker.so")
@@ -34,7 +33,7 @@ def contract_names():
     for folder, _, files in os.walk(os.path.join(SOURCE, "platform", "include")):
         for name in files:
             text = re.sub(r"/\*.*?\*/|//[^\n]*", "", read(folder, name), flags=re.S)
-            functions |= set(re.findall(r"^(?:u32|int|nsecs_t)\s+(\w+)\(", text, flags=re.M))
+            functions |= set(re.findall(r"^(?:u32|s32|int|nsecs_t)\s+(\w+)\(", text, flags=re.M))
             classes |= set(re.findall(r"^\s*class (\w+)\b[^;]*\{", text, flags=re.M))
     return functions, classes
 
