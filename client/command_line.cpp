@@ -78,6 +78,14 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
     return all.doctor;
 }
 
+std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error)
+{
+    const std::vector<std::string> unknown = app.remaining();
+    if (app.get_subcommands().empty() && !unknown.empty())
+        return "there is no command '" + unknown.front() + "'";
+    return error.what();
+}
+
 } // namespace
 
 Invocation read_command_line(int argc, char** argv)
@@ -93,7 +101,7 @@ Invocation read_command_line(int argc, char** argv)
         std::cout.flush();
         return static_cast<int>(ExitCode::complete);
     } catch (const CLI::ParseError& error) {
-        say(std::string(error.what()) + "; see 'screenrecord --help'");
+        say(what_is_wrong(app, error) + "; see 'screenrecord --help'");
         return static_cast<int>(ExitCode::usage);
     }
 }

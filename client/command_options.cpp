@@ -182,7 +182,8 @@ void define_record(CLI::App& command, RecordOptions& options)
                     "188, or 192 with an arrival time before each packet")
         ->check(CLI::IsMember({188u, 192u}))
         ->capture_default_str();
-    command.add_flag("--no-audio{false}", options.audio, "record no sound");
+    command.add_flag_callback(
+        "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
     command.add_option("--slot", options.slot, "recording slot of the library")
         ->check(CLI::IsMember({0u, 1u}))

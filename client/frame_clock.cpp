@@ -35,6 +35,11 @@ void LostFrames::frame_taken(uint64_t pts_us)
     ++frames_;
 }
 
+void LostFrames::nothing_taken_until(uint64_t time_us)
+{
+    last_pts_us_ = std::max(last_pts_us_, time_us);
+}
+
 void LostFrames::break_stretch()
 {
     finished_ += in_stretch();

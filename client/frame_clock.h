@@ -32,6 +32,8 @@ public:
     explicit LostFrames(uint32_t fps) : fps_(fps) {}
 
     void frame_taken(uint64_t pts_us);
+    /** Until this time of the same clock nothing more was taken: whatever was due is lost. */
+    void nothing_taken_until(uint64_t time_us);
     /** What is left out from here to the next frame is not lost. */
     void break_stretch();
     uint64_t count() const { return finished_ + in_stretch(); }

@@ -85,12 +85,18 @@ private:
         schedule_.frame_taken(frame.pts_us, now);
         if (frames_ == 0)
             begin(frame, now);
-        if (options_.time && std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit()) {
-            ended_ = true;
-            return true;
-        }
-        deliver(frame);
+        ended_ = ended_ || is_behind_the_end(frame);
+        if (!is_behind_the_end(frame))
+            deliver(frame);
         return true;
+    }
+
+    // By time stamps, which also count what is missing, and by number: key frames bear the time of the latest
+    // picture instead of their own, and with the first of them so late the end would be, too.
+    bool is_behind_the_end(const EncodedFrame& frame) const
+    {
+        return options_.time && (std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit() ||
+                                 static_cast<double>(frames_) >= options_.time->count() * options_.fps);
     }
 
     void begin(const EncodedFrame& first, TimePoint now)
@@ -189,6 +195,10 @@ private:
     void finish()
     {
         stream_.stop();
+        if (sink_.pending())
+            lost_.nothing_taken_until(static_cast<uint64_t>(
+                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+                    .count()));
         const TimePoint limit = Clock::now() + patience_at_the_end;
         look_at(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
