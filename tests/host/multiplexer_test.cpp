@@ -1,8 +1,10 @@
 // The multiplexer through its contract. A packet checker of its own judges what comes out.
+#include "encoder/rate_ceiling.h"
 #include "multiplexer_fixture.h"
 #include "statistics/counters.h"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 namespace zu3host {
@@ -177,6 +179,26 @@ TEST_F(MultiplexerModule, TwoOnOneRegionStayApart)
     }
 }
 
+// Catches an encoder that goes on filling a constant rate beyond its limit, or is held down by one that is
+// over.
+TEST_F(MultiplexerModule, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
+{
+    const Region region(1 << 18);
+    {
+        const Recording wide(open_params(region, 188, 2 * mebibit));
+        const uint64_t silent = rate_ceiling();
+        EXPECT_GT(silent, 3 * mebibit / 2);
+        EXPECT_LT(silent, 2 * mebibit);
+        {
+            const Recording narrow(open_params(region, 188, mebibit), true, true);
+            EXPECT_GT(rate_ceiling(), mebibit / 2);
+            EXPECT_LT(rate_ceiling(), mebibit - 141000);
+        }
+        EXPECT_EQ(rate_ceiling(), silent);
+    }
+    EXPECT_EQ(rate_ceiling(), 0u);
+}
+
 struct TimesCase {
     std::vector<uint64_t> pushed_us;
     std::vector<int64_t> expected_ticks; /**< after the first */
@@ -287,6 +309,23 @@ TEST_F(MultiplexerModule, StatesDecideWhatIsTaken)
     EXPECT_TRUE(check(recording.output, {}).good());
 }
 
+// Catches a recording of sound alone that stays empty, since no picture moves its clock.
+TEST_F(MultiplexerModule, SoundAloneMakesAStream)
+{
+    const Region region(1 << 18);
+    Recording recording(open_params(region), false, true);
+    ASSERT_EQ(recording.start(), ZU_OK);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (recording.output.size() < 60 * 188 && std::chrono::steady_clock::now() < deadline) {
+        if (recording.copy() == 0)
+            std::this_thread::yield();
+    }
+    const Report report = check(recording.output, {});
+    EXPECT_EQ(text_of(report.findings), "");
+    ASSERT_EQ(report.streams.size(), 1u);
+    EXPECT_GT(report.streams[0].access_units, 10u);
+}
+
 // Catches a data race, a lock held while the callback runs (it calls back into the multiplexer), and a close
 // that pulls the memory away under a push.
 TEST_F(MultiplexerModule, SurvivesPushCopyAndCloseOnThreeThreads)
@@ -325,7 +364,10 @@ TEST_F(MultiplexerModule, SurvivesPushCopyAndCloseOnThreeThreads)
         while (taken < 20)
             std::this_thread::yield();
         const ZU_TSMUX_CallbackParams_t removal{id, nullptr, 0, nullptr, 0};
+        const ZU_TSMUX_CallbackParams_t other{id + 1, nullptr, 0, nullptr, 0};
+        EXPECT_NE(ZU_TSMUX_UnRegisterCallback(recording.handle, &other), ZU_OK);
         EXPECT_EQ(ZU_TSMUX_UnRegisterCallback(recording.handle, &removal), ZU_OK);
+        EXPECT_EQ(ZU_TSMUX_UnRegisterCallback(recording.handle, &removal), ZU_OK); // each stop removes it
         EXPECT_EQ(ZU_TSMUX_Stop(recording.handle), ZU_OK);
         pusher.join();
         EXPECT_EQ(ZU_TSMUX_Close(recording.handle), ZU_OK);

@@ -17,7 +17,7 @@ uint64_t EventCallback::set(const ZU_TSMUX_CallbackParams_t& params)
 bool EventCallback::remove(uint64_t id)
 {
     std::unique_lock lock(mutex_);
-    if (!callback_.pfnCallback || callback_.u64CallbackId != id)
+    if (callback_.pfnCallback && callback_.u64CallbackId != id)
         return false;
     wait_for_callers(lock);
     return true;

@@ -18,7 +18,7 @@ class EventCallback {
 public:
     /** @return an id, 0 when there is a callback already */
     uint64_t set(const ZU_TSMUX_CallbackParams_t& params);
-    /** @return false when no callback has this id */
+    /** @return false when there is a callback, and it has another id */
     bool remove(uint64_t id);
     void remove_any();
     void call(uint32_t handle, uint32_t event);

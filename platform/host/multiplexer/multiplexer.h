@@ -47,7 +47,6 @@ private:
     void update_budget();
     uint32_t push_locked(const ZU_TSMUX_MediaData_t& data);
     uint32_t write_picture(const ZU_TSMUX_MediaData_t& data);
-    void begin_sound(int64_t capture_us);
     void pump();
     void pump_sound_only();
     void finish_sound();

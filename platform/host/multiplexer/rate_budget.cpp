@@ -8,9 +8,6 @@
 
 namespace zu3host {
 
-// Stands in where a program links the multiplexer without an encoder.
-__attribute__((weak)) void set_rate_ceiling(uint64_t) {}
-
 namespace {
 
 /** An AAC frame of 341 bytes fills two packets, 46.875 times a second. */
