@@ -98,6 +98,10 @@ void check_record(const RecordOptions& options)
     if (options.source.ends_with(".ts"))
         refuse("--source",
                "a name that ends in .ts is taken for a transport stream, not for raw NV12 pictures");
+    if (options.slot != 0 && options.source.empty() && !options.one_call)
+        refuse("--slot",
+               "cannot record the screen on slot 1: the library hands captured pictures to slot 0 only; "
+               "slot 1 encodes a --source");
     if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
         refuse("--one-call",
                "always records the screen with sound on slot 0: the interface has no such choice, so "
@@ -185,7 +189,7 @@ void define_record(CLI::App& command, RecordOptions& options)
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
-    command.add_option("--slot", options.slot, "recording slot of the library")
+    command.add_option("--slot", options.slot, "recording slot of the library; 1 goes with --source only")
         ->check(CLI::IsMember({0u, 1u}))
         ->capture_default_str();
     command

@@ -39,7 +39,7 @@ void print_error_line(const std::string& line)
 
 void show_status_line(const std::string& line)
 {
-    write_error(back_to_empty_line + line);
+    write_error(back_to_empty_line + line + "\r"); // what others write begins at its begin
     status_line_shown = true;
 }
 

@@ -117,19 +117,10 @@ private:
         if (waited[1].revents)
             look_at(sink_.pump());
         ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
-        if (Clock::now() >= next_second_)
-            every_second();
-    }
-
-    void every_second()
-    {
-        next_second_ = Clock::now() + milliseconds(900);
+        if (Clock::now() < next_header_)
+            return;
+        next_header_ = Clock::now() + milliseconds(900);
         update_header();
-        const auto now = read_statistics();
-        if (!sound_loss_said_ && now && before_ && now->sound_lost && !before_->sound_lost) {
-            say("the sound server went away: the recording goes on silently");
-            sound_loss_said_ = true;
-        }
     }
 
     /** Comes with the first samples, so that a file without any stays empty and is removed. */
@@ -172,8 +163,10 @@ private:
             say(format_text("%.2f seconds of sound are missing: they were not taken in time",
                             static_cast<double>(now->audio_bytes_lost - before_->audio_bytes_lost) /
                                 static_cast<double>(sound_.format().bytes_per_second())));
-        if (taken_ == 0) {
+        if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
             say("cannot record sound: none came");
+            if (wav_ && ftruncate(sink_.fd(), 0) != 0) // a header alone is no file; an empty one is removed
+                say("cannot empty " + options_.output + ": " + error_text(errno));
             return ExitCode::failed;
         }
         if (wav_)
@@ -188,12 +181,11 @@ private:
     const uint64_t wanted_;
     const std::optional<zu3_host_statistics_t> before_;
     TimePoint deadline_ = TimePoint::max();
-    TimePoint next_second_ = Clock::now() + milliseconds(900);
+    TimePoint next_header_ = Clock::now() + milliseconds(900);
     uint64_t taken_ = 0;
     std::array<uint8_t, wav_header_bytes> header_{};
     bool wav_ = false;
     bool reader_gone_ = false;
-    bool sound_loss_said_ = false;
     bool ended_ = false;
     std::optional<std::string> problem_;
 };

@@ -55,10 +55,6 @@ std::optional<std::string> RecordWatch::problem()
     const auto now = read_statistics();
     if (!now || !before_)
         return growth_problem();
-    if (now->sound_lost && !before_->sound_lost && !sound_loss_said_) {
-        say("the sound server went away: the recording goes on without sound");
-        sound_loss_said_ = true;
-    }
     if (now->display_lost && !before_->display_lost)
         return "cannot record the display " + display_name() + " (DISPLAY) any more: it went away";
     return write_problem(*now);

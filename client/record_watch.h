@@ -19,7 +19,9 @@ public:
     /** Made before the recording starts; `file` outlives it. */
     explicit RecordWatch(const OutputFile& file);
 
-    /** Why the recording cannot go on, as a sentence; nothing while it can. Says once that the sound is gone.
+    /**
+     * Why the recording cannot go on, as a sentence; nothing while it can. A sound server that goes
+     * away is no such reason: the platform says so in its log, and silence is recorded.
      */
     std::optional<std::string> problem();
 
@@ -29,7 +31,6 @@ private:
 
     const OutputFile& file_;
     std::optional<zu3_host_statistics_t> before_;
-    bool sound_loss_said_ = false;
     uint64_t last_size_ = 0;
     TimePoint last_growth_;
 };
