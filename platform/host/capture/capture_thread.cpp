@@ -75,11 +75,14 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     PicturePool::Contents& contents = pool.contents(index);
     uint8_t* picture = pool.picture(index);
     const Placement placement = place_display(image->size, run.out, run.visible);
+    // A slot of the capture's own still holds what it was given.
+    if (!pool.is_shared() && contents.serial == image->serial && contents.bordered_for == placement)
+        return Written::Done;
     // Where a renderer draws into the pictures, it may have drawn into a border that is seen.
     const bool border_seen = placement.image != run.visible;
     if (contents.bordered_for != placement || (border_seen && pool.is_shared()))
         blacken_border(placement, picture, pool.layout());
-    contents.bordered_for = placement;
+    contents = {placement, image->serial};
     write_nv12(scaler_.scaled(*image, placement.image), placement, picture, pool.layout());
     return Written::Done;
 }

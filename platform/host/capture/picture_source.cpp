@@ -4,10 +4,17 @@
 #include "capture/x11_source.h"
 #include "log/host_log.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <string_view>
 
 namespace zu3host {
+
+uint64_t next_image_serial()
+{
+    static std::atomic<uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 std::unique_ptr<PictureSource> open_picture_source()
 {

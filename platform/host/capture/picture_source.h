@@ -14,7 +14,7 @@ struct BgraImage {
     const uint8_t* pixels;
     uint32_t stride; /**< bytes per line */
     PictureSize size;
-    uint64_t serial; /**< of one source: images with the same number have the same pixels; never 0 */
+    uint64_t serial; /**< images of the process with the same number have the same pixels; never 0 */
 };
 
 struct GrabRequest {
@@ -31,6 +31,9 @@ public:
     /** What is on the display now; nothing when it cannot be had, the reason of which is logged once. */
     virtual std::optional<BgraImage> grab(const GrabRequest& request) = 0;
 };
+
+/** The next serial of an image. */
+uint64_t next_image_serial();
 
 /** The source that ZU3_DISPLAY names, X11 where it is not set. Null with a log line when there is none. */
 std::unique_ptr<PictureSource> open_picture_source();

@@ -26,7 +26,8 @@ std::optional<BgraImage> TestCard::grab(const GrabRequest& request)
     if (request.wanted != size_)
         draw_background(request.wanted);
     draw_moving(request.number);
-    return BgraImage{reinterpret_cast<const uint8_t*>(pixels_.data()), size_.width * 4, size_, ++serial_};
+    return BgraImage{reinterpret_cast<const uint8_t*>(pixels_.data()), size_.width * 4, size_,
+                     next_image_serial()};
 }
 
 void TestCard::draw_background(PictureSize size)

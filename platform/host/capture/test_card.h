@@ -31,7 +31,6 @@ private:
     PictureSize size_{0, 0};
     std::vector<uint32_t> pixels_;
     uint32_t square_x_ = 0;
-    uint64_t serial_ = 0;
 };
 
 } // namespace zu3host

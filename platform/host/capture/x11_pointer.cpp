@@ -58,8 +58,13 @@ void X11Pointer::collect(const std::stop_token& stop)
         y_ = now.root_y;
         changes_ += moved;
     }
-    if (image_asked_)
-        take_image(connection_.wait<xcb_xfixes_get_cursor_image_reply_t>(image_sequence_, stop).reply);
+    if (!image_asked_)
+        return;
+    auto image = connection_.wait<xcb_xfixes_get_cursor_image_reply_t>(image_sequence_, stop);
+    if (image.reply || image.error)
+        take_image(std::move(image.reply));
+    else
+        image_stale_ = true; // a stop came in between: asked for again after the next start
 }
 
 void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)

@@ -14,6 +14,7 @@ public:
     /** Without the XFIXES extension there is never a pointer to draw, which is logged. */
     X11Pointer(X11Connection& connection, const std::stop_token& stop);
 
+    bool available() const { return available_; }
     /** Takes note of an event; false when it does not concern the pointer. */
     bool see(const xcb_generic_event_t& event);
     /** Asks where the pointer is, and what it looks like if that changed; to be followed by collect(). */

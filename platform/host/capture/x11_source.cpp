@@ -14,7 +14,7 @@ std::unique_ptr<X11Source> X11Source::open()
 }
 
 X11Source::X11Source(std::unique_ptr<X11Connection> connection)
-    : connection_(std::move(connection)), pointer_(*connection_, {})
+    : connection_(std::move(connection)), pointer_(*connection_, {}), damage_(*connection_, {})
 {
     // The root window is reconfigured when the screen is resized.
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
@@ -29,7 +29,7 @@ X11Source::~X11Source()
 
 void X11Source::see(const xcb_generic_event_t& event)
 {
-    if (pointer_.see(event))
+    if (pointer_.see(event) || damage_.see(event))
         return;
     if ((event.response_type & 0x7F) == XCB_CONFIGURE_NOTIFY)
         size_stale_ = true;
@@ -39,12 +39,15 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
 {
     constexpr int attempts = 3; // the screen may be resized between the question for its size and the fetch
     connection_->take_events();
+    pointer_known_ = false;
+    if (still_shows(request))
+        return image();
     for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
         if ((size_stale_ || !image_) && !make_image(request.stop))
             break;
         const X11Image::Result result = fetch(request);
         if (result == X11Image::Result::Fetched)
-            return BgraImage{image_->pixels(), image_->stride(), image_->size(), serial_};
+            return image();
         if (result == X11Image::Result::Unanswered)
             break;
         size_stale_ = true;
@@ -81,20 +84,41 @@ bool X11Source::make_image(const std::stop_token& stop)
     return true;
 }
 
+bool X11Source::still_shows(const GrabRequest& request)
+{
+    // Should a driver draw without telling, it is seen a second later.
+    constexpr auto longest = std::chrono::seconds(1);
+    const auto unchanged = [this] { return !damage_.any() && !size_stale_ && !connection_->lost(); };
+    if (!damage_.available() || !pointer_.available() || !request.pointer || !pointer_drawn_ ||
+        !unchanged() || std::chrono::steady_clock::now() - fetched_ > longest)
+        return false;
+    // The answer about the pointer comes behind every event about what was drawn before it.
+    pointer_.request();
+    pointer_.collect(request.stop);
+    pointer_known_ = true;
+    return unchanged() && pointer_.changes() == pointer_at_ && !request.stop.stop_requested();
+}
+
 X11Image::Result X11Source::fetch(const GrabRequest& request)
 {
-    // Both questions travel together: one round trip a picture.
+    const bool ask_pointer = request.pointer && !pointer_known_;
+    // All questions travel together: one round trip a picture.
+    damage_.forget();
     image_->request();
-    if (request.pointer)
+    if (ask_pointer)
         pointer_.request();
+    pointer_drawn_ = false;
     const X11Image::Result result = image_->collect(request.stop);
-    if (request.pointer)
+    if (ask_pointer)
         pointer_.collect(request.stop);
     if (result != X11Image::Result::Fetched)
         return result;
     if (request.pointer)
         pointer_.draw(image_->pixels(), image_->stride(), image_->size());
-    ++serial_;
+    pointer_drawn_ = request.pointer;
+    pointer_at_ = pointer_.changes();
+    fetched_ = std::chrono::steady_clock::now();
+    serial_ = next_image_serial();
     return result;
 }
 

@@ -2,9 +2,11 @@
 
 #include "capture/picture_source.h"
 #include "capture/x11_connection.h"
+#include "capture/x11_damage.h"
 #include "capture/x11_image.h"
 #include "capture/x11_pointer.h"
 
+#include <chrono>
 #include <memory>
 
 namespace zu3host {
@@ -25,18 +27,25 @@ private:
     explicit X11Source(std::unique_ptr<X11Connection> connection);
     void see(const xcb_generic_event_t& event);
     bool make_image(const std::stop_token& stop);
+    bool still_shows(const GrabRequest& request);
     X11Image::Result fetch(const GrabRequest& request);
+    BgraImage image() const { return {image_->pixels(), image_->stride(), image_->size(), serial_}; }
     void note_loss();
     void note_refusal();
 
     std::unique_ptr<X11Connection> connection_;
     X11Pointer pointer_;
+    X11Damage damage_;
     std::unique_ptr<X11Image> image_;
     bool size_stale_ = true;
     bool told_of_plain_ = false;
     bool told_of_refusal_ = false;
     bool told_of_loss_ = false;
     uint64_t serial_ = 0;
+    bool pointer_known_ = false; // asked for within this grab
+    bool pointer_drawn_ = false; // into the image
+    uint64_t pointer_at_ = 0;    // its changes() then
+    std::chrono::steady_clock::time_point fetched_{};
 };
 
 } // namespace zu3host
