@@ -403,6 +403,17 @@ TEST(CaptureScreen, FollowsScreenAndPointer)
         expect_near(capture.at(frame, 1298, 698), black, "outside the red");
         expect_near(capture.at(frame, 1374, 767), black, "padding");
     });
+    // A still screen is not fetched again, so what is drawn on it next must be noticed.
+    for (const uint32_t colour : {0xFFFFFFu, 0xFF0000u}) {
+        for (int still = 0; still < 4; ++still)
+            capture.look([](const ZU_CAP_FrameInfo_t&) {});
+        screen.fill(colour, {600, 300, 2, 2});
+        capture.look([](const ZU_CAP_FrameInfo_t&) {}); // may have been grabbed before
+        capture.look([&](const ZU_CAP_FrameInfo_t& frame) {
+            expect_near(capture.at(frame, 601, 301), colour == 0xFFFFFF ? white : red,
+                        "drawn on a still screen");
+        });
+    }
     for (const int16_t x : {100, 300}) {
         screen.show_pointer(x, 200);
         capture.look([&](const ZU_CAP_FrameInfo_t&) {}); // may have been grabbed before
@@ -464,6 +475,31 @@ TEST(CaptureScreen, TakesExactStills)
     ASSERT_EQ(capture.still(owner.block, E_ZU_CAP_FORMAT_BGRA, {322, 100}, 0, owner.block.size), ZU_OK);
     EXPECT_EQ(pixel(0, 50), 0xFF000000u) << "letterboxed";
     EXPECT_EQ(pixel(200, 80) & 0xFFF8FFFF, 0xFFF80000u) << "scaled";
+}
+
+// Catches a stop that waits for an X server that does not answer, and a frozen one taken for a lost one at
+// once.
+TEST(CaptureScreen, StopsWhileTheDisplayIsFrozen)
+{
+    VirtualScreen screen(320, 256);
+    ASSERT_TRUE(screen.ready());
+    const uint32_t lost = counters().display_lost;
+    Capture capture;
+    ASSERT_EQ(capture.connect(), ZU_OK);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(capture.start(320, 256, 100), ZU_OK);
+        capture.look([](const ZU_CAP_FrameInfo_t&) {});
+        screen.freeze();
+        const uint64_t captured = counters().pictures_captured;
+        const auto quiet = std::chrono::steady_clock::now() + 100ms;
+        EXPECT_TRUE(capture.wait_until([&] { return std::chrono::steady_clock::now() > quiet; }));
+        EXPECT_LE(counters().pictures_captured - captured, 1u);
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_EQ(ZU_CAP_CaptureStop(capture.handle), ZU_OK);
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
+        screen.thaw();
+    }
+    EXPECT_EQ(counters().display_lost, lost);
 }
 
 // Catches an exit, a signal, a spin or a hang when the X server dies in mid-capture.

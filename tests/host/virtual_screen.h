@@ -59,6 +59,9 @@ public:
         waitpid(pid_, nullptr, 0);
         pid_ = 0;
     }
+    /** Has the server answer nothing, until it is thawed. */
+    void freeze() { kill(pid_, SIGSTOP); }
+    void thaw() { kill(pid_, SIGCONT); }
     /** Fills a rectangle with a colour 0xRRGGBB; it is on the screen when this returns, as after all below.
      */
     void fill(uint32_t colour, xcb_rectangle_t rectangle)
