@@ -1,0 +1,46 @@
+#pragma once
+
+#include "audio/sound_source.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace zu3host {
+
+/** One run of audio capture, from the first start to the last stop. Thread-safe. */
+class CaptureSession {
+public:
+    using Clock = int64_t (*)();
+    using OpenSource = std::function<std::unique_ptr<SoundSource>(SharedTimeline&)>;
+
+    /** Starts to listen; `clock` tells microseconds of the monotonic clock. */
+    CaptureSession(const OpenSource& open, Clock clock, int64_t capacity = SoundTimeline::usual_capacity);
+
+    /** Ends listening for good. What was heard until now can still be read. */
+    void finish();
+
+    /** The frame at which a reader that comes now begins. */
+    int64_t end();
+    /** What a read took. */
+    struct Taken {
+        int64_t frames; /**< frames copied */
+        int64_t lost;   /**< frames before them that are not kept any more */
+    };
+    /** Frames from `position` on that can be read or are lost already; 0 and `finished` after the end of all.
+     */
+    Taken waiting(int64_t position, bool& finished);
+    Taken read(int64_t position, int64_t frames, void* dst);
+    int64_t time_us(int64_t frame);
+
+private:
+    void advance();
+    Taken from(int64_t position) const;
+
+    const Clock clock_;
+    SharedTimeline shared_;
+    bool finished_ = false;               // under the timeline's lock
+    std::unique_ptr<SoundSource> source_; // the pointer under the timeline's lock
+};
+
+} // namespace zu3host

@@ -1,0 +1,163 @@
+#include "audio/pulse_connection.h"
+
+#include "audio/monotonic_time.h"
+#include "audio/pcm_reader.h"
+
+namespace zu3host {
+
+namespace {
+
+/** Sound comes in pieces of 20 ms: soon enough for what is recorded, seldom enough to cost nothing. */
+constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
+/** No output plays so far ahead, and none is heard so late: such a timing is an error of the server. */
+constexpr pa_usec_t greatest_latency = 5'000'000;
+
+PulseConnection& connection(void* self)
+{
+    return *static_cast<PulseConnection*>(self);
+}
+
+void forget(pa_operation* operation)
+{
+    if (operation)
+        pa_operation_unref(operation);
+}
+
+} // namespace
+
+PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
+    : listener_(listener), context_(pa_context_new(pa_mainloop_get_api(loop), "screenrecord"))
+{
+    if (!context_) {
+        fail("no memory for a connection");
+        return;
+    }
+    pa_context_set_state_callback(context_, context_changed, this);
+    pa_context_set_subscribe_callback(context_, server_changed, this);
+    if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+        fail_as_context_says();
+}
+
+PulseConnection::~PulseConnection()
+{
+    close_stream();
+    if (!context_)
+        return;
+    pa_context_set_state_callback(context_, nullptr, nullptr);
+    pa_context_set_subscribe_callback(context_, nullptr, nullptr);
+    pa_context_disconnect(context_);
+    pa_context_unref(context_);
+}
+
+void PulseConnection::context_changed(pa_context* context, void* self)
+{
+    const pa_context_state_t state = pa_context_get_state(context);
+    if (state == PA_CONTEXT_READY) {
+        forget(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
+        connection(self).ask_for_default();
+    } else if (!PA_CONTEXT_IS_GOOD(state)) {
+        connection(self).fail_as_context_says();
+    }
+}
+
+void PulseConnection::server_changed(pa_context*, pa_subscription_event_type_t, uint32_t, void* self)
+{
+    connection(self).ask_for_default();
+}
+
+void PulseConnection::ask_for_default()
+{
+    forget(pa_context_get_server_info(context_, server_described, this));
+}
+
+void PulseConnection::server_described(pa_context*, const pa_server_info* info, void* self)
+{
+    if (info)
+        connection(self).follow(info->default_sink_name);
+}
+
+void PulseConnection::follow(const char* sink)
+{
+    if (!sink || !*sink) {
+        fail("it has no output");
+        return;
+    }
+    if (failed() || (stream_ && sink_ == sink))
+        return;
+    sink_ = sink;
+    open_stream();
+}
+
+void PulseConnection::open_stream()
+{
+    close_stream();
+    const pa_sample_spec format{PA_SAMPLE_S16LE, pcm_rate, pcm_channels};
+    stream_ = pa_stream_new(context_, "recording", &format, nullptr);
+    if (!stream_) {
+        fail_as_context_says();
+        return;
+    }
+    pa_stream_set_state_callback(stream_, stream_changed, this);
+    pa_stream_set_read_callback(stream_, stream_readable, this);
+    const pa_buffer_attr buffer{UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX, piece_bytes};
+    const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE |
+                      PA_STREAM_NOT_MONOTONIC;
+    if (pa_stream_connect_record(stream_, "@DEFAULT_MONITOR@", &buffer,
+                                 static_cast<pa_stream_flags_t>(flags)) < 0)
+        fail_as_context_says();
+}
+
+void PulseConnection::close_stream()
+{
+    if (!stream_)
+        return;
+    pa_stream_set_state_callback(stream_, nullptr, nullptr);
+    pa_stream_set_read_callback(stream_, nullptr, nullptr);
+    pa_stream_disconnect(stream_);
+    pa_stream_unref(stream_);
+    stream_ = nullptr;
+}
+
+void PulseConnection::stream_changed(pa_stream* stream, void* self)
+{
+    const pa_stream_state_t state = pa_stream_get_state(stream);
+    if (state == PA_STREAM_READY)
+        connection(self).listener_.connected();
+    else if (!PA_STREAM_IS_GOOD(state))
+        connection(self).fail_as_context_says();
+}
+
+void PulseConnection::stream_readable(pa_stream*, size_t, void* self)
+{
+    connection(self).read_all();
+}
+
+void PulseConnection::read_all()
+{
+    const void* data = nullptr;
+    size_t bytes = 0;
+    while (pa_stream_peek(stream_, &data, &bytes) == 0 && bytes > 0) {
+        pa_usec_t latency = 0;
+        int in_future = 0; // a monitor delivers what its output has still to play
+        // Until the server has told its timing, which takes one question and answer, no piece has a place.
+        if (pa_stream_get_latency(stream_, &latency, &in_future) == 0 && latency < greatest_latency) {
+            const auto distance = static_cast<int64_t>(latency);
+            listener_.heard(static_cast<const int16_t*>(data), static_cast<int64_t>(bytes / pcm_frame_bytes),
+                            monotonic_us() + (in_future ? distance : -distance));
+        }
+        pa_stream_drop(stream_);
+    }
+}
+
+void PulseConnection::fail(const char* why)
+{
+    if (failure_.empty())
+        failure_ = why;
+}
+
+void PulseConnection::fail_as_context_says()
+{
+    fail(pa_strerror(pa_context_errno(context_)));
+}
+
+} // namespace zu3host

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <pulse/pulseaudio.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace zu3host {
+
+/** Hears what a PulseConnection delivers; called on the thread that runs the main loop. */
+class PulseListener {
+public:
+    /** From now on sound arrives, unless the connection fails. Again when another output became the default.
+     */
+    virtual void connected() = 0;
+    /**
+     * @param samples `frames` frames of 48 kHz stereo, or null where the server lost them
+     * @param heard_us when the first one was heard, monotonic clock
+     */
+    virtual void heard(const int16_t* samples, int64_t frames, int64_t heard_us) = 0;
+
+protected:
+    ~PulseListener() = default;
+};
+
+/**
+ * One connection to the sound server, which records the monitor of the default output, also when the default
+ * changes. Never starts a server. To be used on the thread that runs the main loop.
+ */
+class PulseConnection {
+public:
+    PulseConnection(pa_mainloop* loop, PulseListener& listener);
+    PulseConnection(const PulseConnection&) = delete;
+    PulseConnection& operator=(const PulseConnection&) = delete;
+    ~PulseConnection();
+
+    /** Whether it came to an end, or never came about; it does not recover. */
+    bool failed() const { return !failure_.empty(); }
+    /** Why, in the server's words; empty while it has not failed. */
+    const std::string& failure() const { return failure_; }
+
+private:
+    static void context_changed(pa_context* context, void* self);
+    static void server_changed(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
+                               void* self);
+    static void server_described(pa_context* context, const pa_server_info* info, void* self);
+    static void stream_changed(pa_stream* stream, void* self);
+    static void stream_readable(pa_stream* stream, size_t bytes, void* self);
+    void ask_for_default();
+    void follow(const char* sink);
+    void open_stream();
+    void close_stream();
+    void read_all();
+    void fail(const char* why);
+    void fail_as_context_says();
+
+    PulseListener& listener_;
+    pa_context* context_;
+    pa_stream* stream_ = nullptr;
+    std::string sink_; /**< the default output that the stream was opened for */
+    std::string failure_;
+};
+
+} // namespace zu3host

@@ -1,0 +1,143 @@
+#include "audio/pulse_source.h"
+
+#include "audio/monotonic_time.h"
+#include "audio/pulse_connection.h"
+#include "audio/sound_placement.h"
+#include "log/host_log.h"
+#include "os/thread_start.h"
+#include "statistics/counters.h"
+
+#include <atomic>
+#include <new>
+#include <thread>
+
+namespace zu3host {
+
+namespace {
+
+/** A server that was silent for so long hears nothing, or sleeps: silence takes the place of its sound. */
+constexpr int64_t patience_us = 300'000;
+constexpr int64_t retry_us = 3'000'000;
+/** After a loss a server may be back at once, e.g. with another output. */
+constexpr int64_t first_retry_us = 250'000;
+
+struct FreeMainloop {
+    void operator()(pa_mainloop* loop) const { pa_mainloop_free(loop); }
+};
+
+class PulseSource final : public SoundSource, private PulseListener {
+public:
+    explicit PulseSource(SharedTimeline& shared) : shared_(shared), loop_(pa_mainloop_new())
+    {
+        if (!loop_)
+            throw std::bad_alloc();
+        thread_ = start_thread("zu3-sound", [this] { run(); });
+    }
+    ~PulseSource() override
+    {
+        stopping_.store(true, std::memory_order_release);
+        pa_mainloop_wakeup(loop_.get());
+        thread_.join();
+    }
+
+    void advance(SoundTimeline& timeline, int64_t now_us) override
+    {
+        timeline.append_silence_until(live_ ? now_us - patience_us : now_us);
+    }
+
+private:
+    void connected() override
+    {
+        if (reported_)
+            HOST_LOGI("The sound server is there; what the desktop plays is heard.");
+        reported_ = false;
+        was_connected_ = true;
+        set_live(true);
+    }
+    void heard(const int16_t* samples, int64_t frames, int64_t heard_us) override
+    {
+        const std::lock_guard lock(shared_.mutex);
+        placement_.place(shared_.timeline, samples, frames, heard_us);
+    }
+
+    bool stopping() const { return stopping_.load(std::memory_order_acquire); }
+    void run();
+    bool listen();
+    bool pass(int64_t us);
+    void set_live(bool live);
+    void report(const std::string& failure);
+
+    SharedTimeline& shared_;
+    bool live_ = false;          // under the timeline's lock
+    SoundPlacement placement_;   // under the timeline's lock
+    bool was_connected_ = false; // of the thread, as is what follows
+    bool reported_ = false;
+    std::unique_ptr<pa_mainloop, FreeMainloop> loop_;
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
+};
+
+void PulseSource::run()
+{
+    bool usable = true;
+    while (usable && !stopping()) {
+        was_connected_ = false;
+        usable = listen() && pass(was_connected_ ? first_retry_us : retry_us);
+    }
+    if (!usable)
+        HOST_LOGE("The main loop of the sound server's library failed; silence is heard.");
+}
+
+/** Until the connection fails; false when the main loop itself is broken. */
+bool PulseSource::listen()
+{
+    PulseConnection connection(loop_.get(), *this);
+    bool usable = true;
+    while (usable && !stopping() && !connection.failed())
+        usable = pa_mainloop_iterate(loop_.get(), 1, nullptr) >= 0;
+    set_live(false);
+    if (connection.failed() && !stopping())
+        report(connection.failure());
+    return usable;
+}
+
+/** Waits; false when the main loop is broken. */
+bool PulseSource::pass(int64_t us)
+{
+    const int64_t until = monotonic_us() + us;
+    for (int64_t left = us; left > 0 && !stopping(); left = until - monotonic_us()) {
+        if (pa_mainloop_prepare(loop_.get(), static_cast<int>(left)) < 0 || pa_mainloop_poll(loop_.get()) < 0)
+            return false;
+        pa_mainloop_dispatch(loop_.get());
+    }
+    return true;
+}
+
+void PulseSource::set_live(bool live)
+{
+    const std::lock_guard lock(shared_.mutex);
+    live_ = live;
+    placement_.restart();
+}
+
+void PulseSource::report(const std::string& failure)
+{
+    if (was_connected_)
+        counters().sound_lost.store(1, std::memory_order_relaxed);
+    if (!reported_ && was_connected_)
+        HOST_LOGW("The sound server went away (%s); silence is heard until it is back.", failure.c_str());
+    else if (!reported_)
+        HOST_LOGW(
+            "No sound server can be heard (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
+            failure.c_str());
+    reported_ = true;
+}
+
+} // namespace
+
+std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared)
+{
+    return std::make_unique<PulseSource>(shared);
+}
+
+} // namespace zu3host

@@ -1,0 +1,82 @@
+#include "audio/sound_source.h"
+
+#include "audio/pulse_source.h"
+#include "log/host_log.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <string_view>
+
+namespace zu3host {
+
+namespace {
+
+class Silence final : public SoundSource {
+public:
+    void advance(SoundTimeline& timeline, int64_t now_us) override { timeline.append_silence_until(now_us); }
+};
+
+/** 440 Hz repeats after 1200 frames (11 periods), so that a table holds it exactly. */
+class Tone final : public SoundSource {
+public:
+    Tone()
+    {
+        constexpr double pi = 3.14159265358979323846;
+        for (size_t n = 0; n < frames; ++n) {
+            const double sample = amplitude * std::sin(2 * pi * periods * static_cast<double>(n) / frames);
+            samples_[n * pcm_channels] = samples_[n * pcm_channels + 1] =
+                static_cast<int16_t>(std::lround(sample));
+        }
+    }
+
+    void advance(SoundTimeline& timeline, int64_t now_us) override
+    {
+        // What is not kept is not computed.
+        const int64_t until = timeline.frame_at(now_us);
+        timeline.append(nullptr, until - timeline.capacity() - timeline.end());
+        while (timeline.end() < until) {
+            const int64_t place = timeline.end() % frames;
+            timeline.append(samples_.data() + place * pcm_channels,
+                            std::min(frames - place, until - timeline.end()));
+        }
+    }
+
+private:
+    static constexpr int64_t frames = 1200;
+    static constexpr int periods = 11;
+    static_assert(pcm_rate * periods == 440 * frames);
+    static constexpr double amplitude = 16000;
+
+    std::array<int16_t, frames * pcm_channels> samples_;
+};
+
+} // namespace
+
+std::unique_ptr<SoundSource> open_tone()
+{
+    return std::make_unique<Tone>();
+}
+
+std::unique_ptr<SoundSource> open_silence()
+{
+    return std::make_unique<Silence>();
+}
+
+std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
+{
+    const char* const setting = std::getenv("ZU3_AUDIO");
+    const std::string_view name = setting && *setting ? setting : "pulse";
+    if (name == "pulse")
+        return open_pulse_source(shared);
+    if (name == "tone")
+        return open_tone();
+    if (name != "silence")
+        HOST_LOGE(
+            "ZU3_AUDIO=%.40s is no source of sound, there are pulse, tone and silence; silence is heard.",
+            setting);
+    return open_silence();
+}
+
+} // namespace zu3host

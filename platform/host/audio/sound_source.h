@@ -1,0 +1,30 @@
+#pragma once
+
+#include "audio/sound_timeline.h"
+
+#include <memory>
+
+namespace zu3host {
+
+/** Where a capture's sound comes from. Made when the capture starts, destroyed when it stops. */
+class SoundSource {
+public:
+    virtual ~SoundSource() = default;
+
+    /**
+     * Completes the timeline as far as it has to be at `now_us`; any thread, with the timeline's lock held.
+     */
+    virtual void advance(SoundTimeline& timeline, int64_t now_us) = 0;
+};
+
+/**
+ * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse. Does not wait for a server:
+ * silence is heard until one answers. `shared` must outlive the source.
+ */
+std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
+
+/** 440 Hz on both channels, without a seam. */
+std::unique_ptr<SoundSource> open_tone();
+std::unique_ptr<SoundSource> open_silence();
+
+} // namespace zu3host
