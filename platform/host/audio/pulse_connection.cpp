@@ -100,8 +100,7 @@ void PulseConnection::open_stream()
     pa_stream_set_state_callback(stream_, stream_changed, this);
     pa_stream_set_read_callback(stream_, stream_readable, this);
     const pa_buffer_attr buffer{UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX, piece_bytes};
-    const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE |
-                      PA_STREAM_NOT_MONOTONIC;
+    const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE;
     if (pa_stream_connect_record(stream_, "@DEFAULT_MONITOR@", &buffer,
                                  static_cast<pa_stream_flags_t>(flags)) < 0)
         fail_as_context_says();
@@ -137,16 +136,30 @@ void PulseConnection::read_all()
     const void* data = nullptr;
     size_t bytes = 0;
     while (pa_stream_peek(stream_, &data, &bytes) == 0 && bytes > 0) {
-        pa_usec_t latency = 0;
-        int in_future = 0; // a monitor delivers what its output has still to play
         // Until the server has told its timing, which takes one question and answer, no piece has a place.
-        if (pa_stream_get_latency(stream_, &latency, &in_future) == 0 && latency < greatest_latency) {
-            const auto distance = static_cast<int64_t>(latency);
+        if (const auto heard_us = time_of_next_us())
             listener_.heard(static_cast<const int16_t*>(data), static_cast<int64_t>(bytes / pcm_frame_bytes),
-                            monotonic_us() + (in_future ? distance : -distance));
-        }
+                            *heard_us);
         pa_stream_drop(stream_);
     }
+}
+
+// From the server's own words: at `timestamp` the byte at write_index was the next to be written, source_usec
+// after it was taken from the output's data and sink_usec before the output plays it. The library's
+// interpolated time is no use here: it never lies before the stream's beginning, and an output that has
+// rendered ahead plays later.
+std::optional<int64_t> PulseConnection::time_of_next_us() const
+{
+    const pa_timing_info* const timing = pa_stream_get_timing_info(stream_);
+    if (!timing || timing->write_index_corrupt || timing->read_index_corrupt)
+        return std::nullopt;
+    const pa_usec_t age = pa_timeval_age(&timing->timestamp);
+    if (age > greatest_latency || timing->sink_usec > greatest_latency ||
+        timing->source_usec > greatest_latency)
+        return std::nullopt;
+    const int64_t frames = (timing->read_index - timing->write_index) / int64_t{pcm_frame_bytes};
+    return monotonic_us() - static_cast<int64_t>(age) - static_cast<int64_t>(timing->source_usec) +
+           static_cast<int64_t>(timing->sink_usec) + frames * 1000 / (pcm_rate / 1000);
 }
 
 void PulseConnection::fail(const char* why)

@@ -3,7 +3,7 @@
 #include <pulse/pulseaudio.h>
 
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 
 namespace zu3host {
@@ -52,6 +52,7 @@ private:
     void open_stream();
     void close_stream();
     void read_all();
+    std::optional<int64_t> time_of_next_us() const;
     void fail(const char* why);
     void fail_as_context_says();
 

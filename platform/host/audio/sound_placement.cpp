@@ -9,8 +9,10 @@ namespace {
 
 /** Over so much sound the server's time is averaged. */
 constexpr int64_t averaged_frames = int64_t{2} * pcm_rate;
-/** Nearer than that the server's time is left alone: 1 ms. */
-constexpr double tolerated_error = pcm_rate / 1000.0;
+/** Up to 5 ms the server's time is left alone, and what it delivers untouched ... */
+constexpr double tolerated_error = pcm_rate / 200.0;
+/** ... and what is corrected is corrected down to 1 ms. */
+constexpr double corrected_error = pcm_rate / 1000.0;
 /** Farther than that the row is broken rather than stretched: 50 ms. */
 constexpr double greatest_error = pcm_rate / 20.0;
 /** One frame in so many, a quarter of a percent, is the fastest correction. */
@@ -49,6 +51,7 @@ void SoundPlacement::align(SoundTimeline& timeline, const int16_t* samples, int6
     expected_ = timeline.end();
     mean_error_ = 0;
     frames_averaged_ = 0;
+    correcting_ = false;
     frames_since_correction_ = 0;
 }
 
@@ -64,8 +67,8 @@ void SoundPlacement::smooth(int64_t error, int64_t frames)
 int64_t SoundPlacement::correction(int64_t frames)
 {
     frames_since_correction_ += frames;
-    if (frames < 3 || std::abs(mean_error_) < tolerated_error ||
-        frames_since_correction_ < frames_per_correction)
+    correcting_ = std::abs(mean_error_) > (correcting_ ? corrected_error : tolerated_error);
+    if (!correcting_ || frames < 3 || frames_since_correction_ < frames_per_correction)
         return 0;
     frames_since_correction_ = 0;
     const int64_t by = mean_error_ > 0 ? 1 : -1;

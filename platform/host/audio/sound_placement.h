@@ -33,6 +33,7 @@ private:
     double mean_error_ = 0;           /**< frames by which pieces were heard later than they are placed */
     int64_t frames_averaged_ = 0;
     int64_t frames_since_correction_ = 0;
+    bool correcting_ = false;
     std::vector<int16_t> stretched_;
 };
 
