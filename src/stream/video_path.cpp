@@ -2,6 +2,7 @@
 
 #include <screenrecord/screenrecord.h>
 
+#include "capenc/capture_encode.h"
 #include "capture/display_connection.h"
 #include "core/control_lock.h"
 #include "core/modules.h"
@@ -99,6 +100,10 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         return ZU_FAILURE;
     }
     pstTask->u32Handle = u32Handle;
+    // The pictures go to slot 0's encoder, and this one lends buffers: the inject buffer of an earlier capture-encode
+    // session went with its encoder.
+    if (pstSlot == &_astSlotCtrl[0])
+        _bUseEntireInjectBuf = 0;
     return ZU_OK;
 }
 

@@ -113,6 +113,7 @@ u32 ZU_TSMUX_DeInit(void);
 u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle);
 u32 ZU_TSMUX_Close(u32 u32Handle);
 u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams, u64* pu64CallbackId);
+/** Removes the multiplexer's callback; succeeds when there is none (any more). */
 u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams);
 u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue);
 u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
