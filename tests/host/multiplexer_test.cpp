@@ -62,6 +62,9 @@ TEST_P(Streams, AreGoodAndCarryEverythingThatWasPushed)
     EXPECT_EQ(text_of(report.findings), "");
     EXPECT_LE(report.greatest_time_interval, 0.040);
     EXPECT_LT(report.first_time, 0.2);
+    if (wanted.rate != 0) {
+        EXPECT_NEAR(report.rate, wanted.rate, wanted.rate * 1e-6);
+    }
     EXPECT_TRUE(report.bytes.at(picture_pid) == units.sent);
     ASSERT_EQ(report.streams.size(), wanted.sound ? 2u : 1u);
     EXPECT_EQ(report.streams[0].access_units, 200u);
