@@ -1,0 +1,93 @@
+#include "renderer/video_buffer.h"
+#include "renderer/watermark.h"
+
+#include "log/host_log.h"
+
+#include <exception>
+#include <mutex>
+#include <new>
+
+namespace zu3host {
+
+namespace {
+
+/** Holds the watermark of the moment: a picture that is being drawn keeps the one that it began with. */
+class Worker final : public android::vexa_screenrecord::SrGlWorker {
+public:
+    std::shared_ptr<const Watermark> watermark() const
+    {
+        const std::lock_guard lock(mutex_);
+        return watermark_;
+    }
+    void replace(std::shared_ptr<const Watermark> watermark)
+    {
+        const std::lock_guard lock(mutex_);
+        watermark_.swap(watermark);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<const Watermark> watermark_; // under the mutex
+};
+
+} // namespace
+
+} // namespace zu3host
+
+namespace android::vexa_screenrecord {
+
+using zu3host::Watermark;
+using zu3host::Worker;
+
+namespace {
+
+constexpr int refused = -1;
+
+} // namespace
+
+sp<SrGlWorker> SrGlWorker::newWorker()
+{
+    return new (std::nothrow) Worker;
+}
+
+// A processor needs no preparation.
+int SrGlWorker::prepare()
+{
+    return 0;
+}
+
+int SrGlWorker::setWatermark(sp<WatermarkParams> params)
+{
+    if (!params)
+        return refused;
+    std::shared_ptr<const Watermark> watermark;
+    try {
+        if (!Watermark::shows_nothing(*params) && !(watermark = Watermark::from(*params)))
+            return refused;
+    } catch (const std::exception& failure) {
+        HOST_LOGE("A watermark of %u x %u cannot be kept: %s.", params->u32Width, params->u32Height,
+                  failure.what());
+        return refused;
+    }
+    static_cast<Worker*>(this)->replace(std::move(watermark));
+    return 0;
+}
+
+int SrGlWorker::render(sp<VideoBuffer> buffer)
+{
+    if (!buffer)
+        return refused;
+    if (const auto watermark = static_cast<Worker*>(this)->watermark()) {
+        const auto& picture = static_cast<const zu3host::Nv12Buffer&>(*buffer);
+        watermark->draw(picture.luma, picture.chroma);
+    }
+    return 0;
+}
+
+int SrGlWorker::reset()
+{
+    static_cast<Worker*>(this)->replace(nullptr);
+    return 0;
+}
+
+} // namespace android::vexa_screenrecord
