@@ -58,7 +58,7 @@ u32 get_descriptor(Context& context, ZU_OS_IommuBufFd_t& record)
 {
     if (block_of(record.u64PhyAddr) == 0)
         return ZU_INVALID_ARGUMENT;
-    record.s32Fd = state().next_descriptor++;
+    record.s32Fd = Middleware::instance().settings.first_fd + state().next_descriptor++;
     state().descriptors.insert(record.s32Fd);
     context.note = text("fd=", record.s32Fd);
     return ZU_OK;

@@ -140,7 +140,7 @@ struct State {
     std::vector<LowMapping> low_memory;
     u64 next_block = 0;
     std::set<s32> descriptors;
-    s32 next_descriptor = 0;
+    s32 next_descriptor = 0; // counted from the settings' first_fd
     InjectBuffer inject = {};
     u8* output_region = nullptr;
 

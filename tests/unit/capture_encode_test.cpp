@@ -1,0 +1,261 @@
+/** The capture-encode interface and its watermark: control calls, conversions, failures. */
+#include <capenc/capture_encode.h>
+#include <capture/watermark.h>
+
+#include "library_test.h"
+
+namespace {
+
+using android::WatermarkParams;
+
+class CaptureEncode : public LibraryTest {
+protected:
+    CapEnc_OpenParams params = {1000, 700, 25, 1048576, 2, 0x200, 0x101};
+
+    s32 open() { return video_capenc_open(&params); }
+};
+
+TEST_F(CaptureEncode, OpenToCloseCallByCall)
+{
+    ASSERT_EQ(open(), 0);
+    EXPECT_EQ(params.width, 1008u);
+    EXPECT_EQ(params.height, 704u);
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_SYS_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0", "ZU_AUDIO_GetCaps()=0",
+         "ZU_ACAP_GetCaps()=0", "ZU_CAP_Open(path=0)=0 h=0x11",
+         "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0", "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
+         "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
+         "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1)=0 h=0x21",
+         "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
+    ASSERT_EQ(video_capenc_start(5), 0);
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_CAP_CaptureStart(0x11, path=0 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
+                  "fd=-1 virt=0 phys=0x0)=0",
+                  "ZU_OS_CreateMutex(name=Tscode: 4)=0 m0", "ZU_VENC_Start(0x21, 0)=0"});
+    EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VENC).u64StartTimeUs, 5);
+    ASSERT_EQ(video_capenc_setBitRate(1048576), 0);
+    ASSERT_EQ(video_capenc_setBitRate(1000), 0);
+    EXPECT_CALLS(mw.take_calls(), {"ZU_VENC_SetAttr(0x21, 0x1, 1024)=0", "ZU_VENC_SetAttr(0x21, 0x1, 0)=0"});
+    ASSERT_EQ(video_capenc_stop(), 0);
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_CAP_CaptureStop(0x11)=0", "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1)=0",
+                  "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m0)=0"});
+    ASSERT_EQ(video_capenc_close(), 0);
+    EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0", "ZU_VENC_Close(0x21)=0"});
+    EXPECT_EQ(video_capenc_setBitRate(1048576), -1);
+}
+
+TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
+{
+    const std::pair<u32, u32> levels[] = {{1, 100},      {2, 101},     {4, 110},     {8, 120},
+                                          {0x10, 130},   {0x20, 200},  {0x40, 210},  {0x80, 220},
+                                          {0x100, 300},  {0x200, 310}, {0x400, 320}, {0x800, 400},
+                                          {0x1000, 410}, {3, 0},       {0x2000, 0},  {0, 0}};
+    const std::pair<u32, u32> profiles[] = {{1, 66}, {2, 77}, {3, 0}, {0, 0}};
+    for (const auto& [code, value] : levels) {
+        params.level = code;
+        params.profile = profiles[code % 4].first;
+        forget();
+        ASSERT_EQ(open(), 0);
+        const auto record = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open");
+        EXPECT_EQ(record.u32Level, value) << code;
+        EXPECT_EQ(record.u32Profile, profiles[code % 4].second);
+        EXPECT_EQ(errors().size(), size_t(record.u32Level == 0) + (record.u32Profile == 0));
+        video_capenc_close();
+    }
+}
+
+TEST_F(CaptureEncode, AnInjectBufferIsUsedWhenAPictureFits)
+{
+    params.width = params.height = 64;
+    const u32 needed = 64 * 64 * 3 / 2;
+    for (const u32 size : {needed - 1, needed}) {
+        const auto buffer = mw.offer_inject_buffer(size);
+        ASSERT_EQ(open(), 0);
+        EXPECT_EQ(_bUseEntireInjectBuf, size == needed);
+        ASSERT_EQ(video_capenc_start(0), 0);
+        const auto output = mw.last<ZU_CAP_CaptureParams_t>("ZU_CAP_CaptureStart").stOutput;
+        const u64 aligned = (reinterpret_cast<uintptr_t>(buffer.address) + 4095) & ~u64{4095};
+        EXPECT_EQ(output.u64VirtAddr, size == needed ? aligned : 0);
+        EXPECT_EQ(output.u32OutSize, size == needed ? size : 2 * needed);
+        video_capenc_close();
+    }
+}
+
+TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
+{
+    ASSERT_EQ(open(), 0);
+    forget();
+    EXPECT_EQ(open(), -1);
+    EXPECT_CALLS(errors(), {error_of("video_capenc_open", " Vcap not closed,Please close vcap!handle =11")});
+    video_capenc_close();
+
+    params = {4000, 2176, 30, 1, 1, 1, 0};
+    forget();
+    EXPECT_EQ(open(), -1);
+    EXPECT_CALLS(errors(),
+                 {error_of("_SCREENRECORD_OpenVenc_NoTs", "Out of Venc Support size, 3840x2160@120)"),
+                  error_of("video_capenc_open", " _SCREENRECORD_OpenVenc Failed!")});
+    for (const u32 size : {0x7FFFFFFFu, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
+        params = {size, size, 30, 1, 1, 1, 0};
+        EXPECT_EQ(open(), -1) << "a size that cannot be rounded is not a small one";
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).u32Handle, 0u);
+    }
+    params = {0, 0, 0, 0, 1, 1, 0};
+    ASSERT_EQ(open(), 0);
+    const auto record = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open");
+    EXPECT_EQ(record.u32Width + record.u32Height + record.u32FrameRate + record.u32Bitrate, 0u)
+        << "defaults are the slot's";
+    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32Width, 640u);
+}
+
+TEST_F(CaptureEncode, AFailingCallOfOpenIsToldAndCloseReleasesTheRest)
+{
+    struct Failure {
+        const char* call;
+        std::vector<std::string> errors;
+    };
+    const std::string vcap = error_of("video_capenc_open", " _SCREENRECORD_OpenVcap Failed!");
+    const std::string venc = error_of("video_capenc_open", " _SCREENRECORD_OpenVenc Failed!");
+    const Failure failures[] = {
+        {"ZU_CAP_Open", {error_of("_SCREENRECORD_OpenVcap", "Failed to ZU_CAP_Open(0x3)!"), vcap}},
+        {"ZU_VENC_Open", {error_of("_SCREENRECORD_OpenVenc_NoTs", "Fail to call ZU_VENC_Open()"), venc}},
+        {"ZU_VENC_QueryEntireInjectBuffer",
+         {error_of("_SCREENRECORD_OpenVenc_NoTs", "Failed to ZU_VENC_QueryBuffer(...)!"), venc}},
+    };
+    for (const Failure& f : failures) {
+        SCOPED_TRACE(f.call);
+        forget();
+        mw.fail(f.call);
+        EXPECT_EQ(open(), -1);
+        EXPECT_CALLS(errors(), f.errors);
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).u32Handle, 0u);
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VENC).u32Handle, 0u);
+    }
+    // Buffers that failed opens left are used by the next: three are never exceeded.
+    EXPECT_EQ(middleware::library_allocations_left(), 3u);
+    ASSERT_EQ(open(), 0);
+    EXPECT_EQ(middleware::library_allocations_left(), 3u);
+    video_capenc_close();
+    EXPECT_EQ(middleware::library_allocations_left(), 0u);
+    for (int number = 1; number <= 3; number++) {
+        forget();
+        const middleware::AllocationWindow window(number);
+        EXPECT_EQ(open(), -1);
+        EXPECT_CALLS(errors(), {error_of("video_capenc_open", "malloc 2097152 failed")});
+        video_capenc_close();
+    }
+}
+
+TEST_F(CaptureEncode, AFailingCallOfStartStopsAndCloses)
+{
+    const std::pair<const char*, const char*> failures[] = {
+        {"ZU_CAP_CaptureStart", "Error 0x3: failed to Start Vcap"},
+        {"ZU_OS_CreateMutex", "Error 0x3: failed to Start VENC"},
+        {"ZU_VENC_Start", "Error 0x3: failed to Start VENC"},
+    };
+    for (const auto& [call, error] : failures) {
+        ASSERT_EQ(open(), 0);
+        forget();
+        mw.fail(call);
+        EXPECT_EQ(video_capenc_start(0), -1);
+        EXPECT_EQ(errors().back(), error_of("video_capenc_start", error));
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).u32Handle, 0u);
+        EXPECT_EQ(middleware::library_allocations_left(), 0u);
+        EXPECT_CALLS(mw.ledger_problems(), {});
+    }
+}
+
+TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
+{
+    const auto buffer = mw.offer_inject_buffer(1008 * 704 * 2);
+    mw.settings.first_fd = 4;
+    ASSERT_EQ(open(), 0);
+    forget();
+    ASSERT_EQ(video_capenc_setWatermark(WatermarkParams()), 0);
+    const std::vector<std::string> calls = mw.take_calls();
+    ASSERT_EQ(calls.size(), 5u);
+    EXPECT_TRUE(calls[0].starts_with("ZU_OS_Va2Pa("));
+    EXPECT_TRUE(calls[1].starts_with("ZU_OS_IommuOperation(GET_BUFFINFO"));
+    EXPECT_TRUE(calls[2].starts_with("ZU_OS_IommuOperation(GET_BUFFD"));
+    EXPECT_TRUE(calls[3].starts_with("SrGlWorker::newWorker"));
+    EXPECT_TRUE(calls[4].starts_with("SrGlWorker::setWatermark"));
+    EXPECT_EQ(_stInjectBufFd.s32Fd, 4);
+    EXPECT_EQ(_stInjectBufFd.u64PhyAddr, buffer.physical);
+    EXPECT_EQ(_stInjectBufInfo.u64StartPhyAddr, buffer.block_physical);
+
+    ASSERT_EQ(video_capenc_setWatermark(WatermarkParams()), 0);
+    EXPECT_EQ(mw.take_calls().size(), 1u) << "a worker that exists is only given the new one";
+    ASSERT_EQ(video_capenc_start(0), 0);
+    EXPECT_TRUE(mw.take_calls().front().starts_with("SrGlWorker::prepare"));
+    ASSERT_EQ(video_capenc_stop(), 0);
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
+    mw.take_calls();
+    ASSERT_EQ(video_capenc_start(0), 0);
+    EXPECT_EQ(mw.count("SrGlWorker::prepare"), 0) << "the stop released it";
+    video_capenc_close();
+    EXPECT_EQ(mw.calls_of({"ZU_OS_IommuOperation(PUT_BUFFD"}).size(), 1u);
+    EXPECT_EQ(_stInjectBufFd.s32Fd, -1);
+}
+
+TEST_F(CaptureEncode, EveryFailureOfTheWatermarkIsToldAndLeavesTheRest)
+{
+    ASSERT_EQ(open(), 0);
+    forget();
+    EXPECT_EQ(video_capenc_setWatermark(WatermarkParams()), -1);
+    EXPECT_EQ(errors().front(),
+              "E video_capenc_setWatermark watermark flow is supported in external memory case only now");
+    video_capenc_close();
+    mw.offer_inject_buffer(1008 * 704 * 2);
+    mw.settings.first_fd = 4;
+    const std::pair<const char*, const char*> failures[] = {
+        {"ZU_OS_Va2Pa", "E video_capenc_setWatermark ZU_OS_Va2Pa failed with external memory"},
+        {"ZU_OS_IommuOperation:GET_BUFFINFO",
+         "E video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed"},
+        {"ZU_OS_IommuOperation:GET_BUFFD",
+         "E video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed"},
+        {"SrGlWorker::newWorker", "E newWorker failed"},
+        {"SrGlWorker::setWatermark", "E setWatermark failed"},
+    };
+    for (const auto& [call, error] : failures) {
+        SCOPED_TRACE(call);
+        ASSERT_EQ(open(), 0);
+        forget();
+        mw.fail(call, {.result = std::string_view(call) == "SrGlWorker::newWorker" ? 0 : 1});
+        EXPECT_EQ(video_capenc_setWatermark(WatermarkParams()), -1);
+        EXPECT_EQ(errors().front(), error);
+        EXPECT_EQ(_stInjectBufFd.s32Fd >= 0, std::string_view(call).starts_with("SrGl"));
+        mw.take_logs();
+        mw.fail("SrGlWorker::prepare", {.result = 1});
+        const bool worker_exists = std::string_view(call) == "SrGlWorker::setWatermark";
+        EXPECT_EQ(video_capenc_start(0), worker_exists ? -1 : 0);
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).bRunning, worker_exists ? 0 : 1)
+            << "a worker that is not ready starts and closes nothing";
+        mw.clear_script();
+        video_capenc_stop();
+        video_capenc_close();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+    }
+}
+
+/** A capture stop that cannot be waited for must still not pull the worker away under a picture. */
+TEST_F(CaptureEncode, TheWorkerIsReleasedOnlyWhenNoPictureIsBeingDrawn)
+{
+    const auto buffer = mw.offer_inject_buffer(1008 * 704 * 2);
+    mw.settings.first_fd = 4;
+    ASSERT_EQ(open(), 0);
+    ASSERT_EQ(video_capenc_setWatermark(WatermarkParams()), 0);
+    ASSERT_EQ(video_capenc_start(0), 0);
+    middleware::Gate drawing;
+    mw.inside("SrGlWorker::render", [&] { drawing.wait(); });
+    std::future<u32> picture = mw.fire_on_thread(
+        [&] { return mw.fire_picture({.luma = buffer.physical, .chroma = buffer.physical}); });
+    ASSERT_TRUE(drawing.wait_for_arrivals());
+    mw.inside("ZU_CAP_DisconnectInput", [&] { drawing.open(); });
+    EXPECT_EQ(video_capenc_stop(), 0);
+    picture.get();
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
+}
+
+} // namespace

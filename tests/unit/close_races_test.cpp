@@ -1,0 +1,138 @@
+/** The middleware's threads against a close: once it has returned, nothing late touches anything. */
+#include "library_test.h"
+
+namespace {
+
+using CloseRaces = LibraryTest;
+
+/** What a late callback could change. */
+struct Traces {
+    size_t pushed, inputs, given_back;
+    u32 input_index, last_index;
+    u64 first_pts;
+    bool operator==(const Traces&) const = default;
+};
+
+TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
+{
+    u8 picture[16] = {};
+    mw.map_physical(0x5000, picture, sizeof(picture));
+    ASSERT_TRUE(steps::record(0));
+    mw.settings.encoder_input_size = sizeof(picture);
+    mw.fire_picture({.luma = 0x5000});
+    mw.fire_encoded_frame({.bytes = {1}, .pts = 5});
+    ASSERT_EQ(steps::close(0), 1u);
+    const auto traces = [&] {
+        const SCREENRECORD_TaskCtrl_s& venc = task(0, E_SCREENRECORD_MODULE_VENC);
+        return Traces{
+            mw.pushed().size(), mw.encoder_inputs().size(), size_t(mw.count("ZU_CAP_ProcessBufDone")),
+            venc.u32InBufIndex, venc.u32LastInBufIndex,     venc.u64FirstPts};
+    };
+    const Traces before = traces();
+    EXPECT_EQ(mw.fire_picture({.luma = 0x5000}), 1u);
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 9, .input_index = 7}), ZU_FAILURE);
+    EXPECT_EQ(mw.fire_acap_event(1), ZU_FAILURE);
+    mw.fire_tsmux_event(1);
+    EXPECT_EQ(traces(), before);
+}
+
+TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
+{
+    const char* steps_of_close[] = {"ZU_CAP_CaptureStop",
+                                    "ZU_CAP_UnRegisterCallback",
+                                    "ZU_CAP_DisconnectInput",
+                                    "ZU_VENC_Stop",
+                                    "ZU_OS_DeleteMutex",
+                                    "ZU_CAP_Close",
+                                    "ZU_ACAP_Close",
+                                    "ZU_TSMUX_SetAttr:0x200",
+                                    "ZU_VENC_Close",
+                                    "ZU_TSMUX_DetachMediaSource",
+                                    "ZU_TSMUX_UnRegisterCallback",
+                                    "ZU_TSMUX_Stop",
+                                    "ZU_TSMUX_Close",
+                                    "ZU_FS_Fclose"};
+    u8 picture[16] = {};
+    mw.settings.encoder_input_size = sizeof(picture);
+    for (const char* step : steps_of_close) {
+        for (const bool behind : {false, true}) {
+            SCOPED_TRACE(std::string(behind ? "behind " : "inside ") + step);
+            mw.map_physical(0x5000, picture, sizeof(picture));
+            ASSERT_TRUE(steps::record(0));
+            const auto fire = [&] {
+                mw.fire_on_thread([&] { return mw.fire_picture({.luma = 0x5000}); }).get();
+                mw.fire_on_thread([&] { return mw.fire_encoded_frame({.bytes = {1}, .pts = 5}); }).get();
+            };
+            behind ? mw.after(step, fire) : mw.inside(step, fire);
+            EXPECT_EQ(steps::close(0), 1u);
+            EXPECT_FALSE(mw.script_pending());
+            SCREENRECORD_DeInit();
+            EXPECT_CALLS(mw.ledger_problems(), {});
+        }
+    }
+}
+
+/** A callback that is held up inside the middleware while the slot closes: the close waits for it to leave.
+ */
+TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
+{
+    u8 picture[16] = {};
+    mw.settings.encoder_input_size = sizeof(picture);
+    mw.map_physical(0x5000, picture, sizeof(picture));
+    for (const char* inside :
+         {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData"}) {
+        SCOPED_TRACE(inside);
+        ASSERT_TRUE(steps::record(0));
+        middleware::Gate held;
+        mw.inside(inside, [&] { held.wait(); });
+        std::future<u32> callback = mw.fire_on_thread([&] {
+            return std::string_view(inside) == "ZU_TSMUX_PushMediaData"
+                       ? mw.fire_encoded_frame({.bytes = {1}, .pts = 5})
+                       : mw.fire_picture({.luma = 0x5000});
+        });
+        ASSERT_TRUE(held.wait_for_arrivals());
+        mw.inside("ZU_VENC_Stop", [&] { held.open(); }); // the close has begun by then
+        EXPECT_EQ(steps::close(0), 1u);
+        callback.get();
+        SCREENRECORD_DeInit();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+    }
+}
+
+/** All callbacks live while a slot starts and stops; ThreadSanitizer is the judge. */
+TEST_F(CloseRaces, StartAndStopUnderFire)
+{
+    std::vector<u8> picture(640 * 480 * 2);
+    mw.map_physical(0x5000, picture.data(), static_cast<u32>(picture.size()));
+    mw.run_freely(true);
+    mw.tolerate_problem("nobody ever registered"); // between a close and the next registration
+    std::atomic<bool> stop{false};
+    ASSERT_TRUE(steps::record(0));
+    std::future<u32> capture = mw.fire_on_thread([&] {
+        while (!stop) {
+            mw.fire_picture({.luma = 0x5000});
+            ZU_OS_DelayTask(1); // lets the virtual time pass
+        }
+        return 0u;
+    });
+    std::future<u32> encoder = mw.fire_on_thread([&] {
+        while (!stop) {
+            mw.fire_encoded_frame({.bytes = {1, 2, 3}, .pts = 5, .input_index = 3});
+            mw.fire_tsmux_event(1);
+            ZU_OS_DelayTask(1);
+        }
+        return 0u;
+    });
+    for (int round = 0; round < 500; round++) {
+        ASSERT_EQ(steps::close(0), 1u) << round;
+        ASSERT_TRUE(steps::record(0)) << round;
+        mw.take_calls();
+        mw.take_logs();
+    }
+    stop = true;
+    capture.get();
+    encoder.get();
+    mw.run_freely(false);
+}
+
+} // namespace

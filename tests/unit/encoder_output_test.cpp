@@ -1,0 +1,170 @@
+/** From the encoder's callback into the multiplexer: time stamps, refusals, busy answers. */
+#include <thread>
+
+#include "library_test.h"
+
+namespace {
+
+using middleware::EncodedFrame;
+
+class EncoderOutput : public LibraryTest {
+protected:
+    void SetUp() override
+    {
+        LibraryTest::SetUp();
+        ASSERT_TRUE(steps::record(0));
+        mw.take_logs();
+    }
+    SCREENRECORD_TaskCtrl_s& venc() { return task(0, E_SCREENRECORD_MODULE_VENC); }
+};
+
+constexpr u64 none = ~u64{0};
+
+TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
+{
+    struct Frame {
+        u8 type;
+        u64 pts;
+        bool pushed;
+        u64 relative;
+        u32 last_index; /**< input index noted afterwards, frame i carries i + 1 */
+    };
+    const Frame frames[] = {
+        {1, none, false, 0, 1},      {1, 1000, true, 0, 2},    {1, 4000, true, 3000, 3},
+        {0xFF, 5000, true, none, 3}, {1, none, true, none, 5}, {0, 900, true, u64{0} - 100, 6},
+        {0xFF, none, true, none, 6},
+    };
+    u32 index = 0, pushed = 0;
+    for (const Frame& f : frames) {
+        SCOPED_TRACE(index);
+        index++;
+        EXPECT_EQ(mw.fire_encoded_frame(
+                      {.bytes = {1, 2, u8(index)}, .type = f.type, .pts = f.pts, .input_index = index}),
+                  ZU_OK);
+        pushed += f.pushed;
+        ASSERT_EQ(mw.pushed().size(), pushed);
+        if (f.pushed) {
+            EXPECT_EQ(mw.pushed().back().pts, f.relative);
+            EXPECT_EQ(mw.pushed().back().bytes, (middleware::Bytes{1, 2, u8(index)}));
+            EXPECT_EQ(mw.pushed().back().source, venc().u64MuxSrcId);
+        }
+        EXPECT_EQ(venc().u32LastInBufIndex, f.last_index);
+    }
+    EXPECT_TRUE(mw.take_logs().empty());
+
+    // A stop and start keep the origin; a new recording has its own.
+    steps::stop(0);
+    steps::start(0);
+    mw.fire_encoded_frame({.bytes = {1}, .pts = 11000});
+    EXPECT_EQ(mw.pushed().back().pts, 10000u);
+    steps::close(0);
+    ASSERT_TRUE(steps::record(0));
+    mw.fire_encoded_frame({.bytes = {1}, .pts = 50000});
+    EXPECT_EQ(mw.pushed().back().pts, 0u);
+}
+
+TEST_F(EncoderOutput, AKeyFrameAsTheFirstSetsTheOriginAndCarriesNoTime)
+{
+    mw.fire_encoded_frame({.bytes = {1}, .type = 0xFF, .pts = 1000});
+    mw.fire_encoded_frame({.bytes = {1}, .pts = 4000});
+    EXPECT_EQ(mw.pushed()[0].pts, none);
+    EXPECT_EQ(mw.pushed()[1].pts, 3000u);
+}
+
+TEST_F(EncoderOutput, WhatIsRefusedAndHow)
+{
+    struct Case {
+        const char* name;
+        EncodedFrame frame;
+        u32 result;
+        std::vector<std::string> logs;
+    };
+    const std::string at = "[_SCREENRECORD_VencCbHandler]";
+    const Case cases[] = {
+        {"no record", {.bytes = {1}, .null_record = true}, ZU_INVALID_ARGUMENT, {}},
+        {"other event", {.bytes = {1}, .pts = 1, .event = 2}, ZU_OK, {"E " + at + "eEvent Error!"}},
+        {"dropped by the encoder", {.pts = 1}, ZU_OK, {"D " + at + "[ZU DEMO TRANSCODE] Drop Frame"}},
+        {"size without data", {.pts = 1, .size = 5}, ZU_INVALID_ARGUMENT, {"E " + at + "Invalid pu8Data"}},
+        {"data without size",
+         {.bytes = {1}, .pts = 1, .size = 0},
+         ZU_INVALID_ARGUMENT,
+         {"E " + at + "Invalid pu8Data"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(mw.fire_encoded_frame(c.frame), c.result);
+        EXPECT_CALLS(mw.take_logs(), c.logs);
+        EXPECT_EQ(mw.pushed().size(), 0u);
+    }
+    ZU_VENC_FrameInfo_t frame = {};
+    const auto callback = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").pfnCallback;
+    for (const s32 unknown : {0, 0x99})
+        EXPECT_EQ(callback(unknown, ZU_VENC_EVENT_FRAME, &frame, nullptr), ZU_FAILURE);
+    EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!",
+                                  "E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!"});
+    mw.fail("ZU_TSMUX_PushMediaData", {.result = 7});
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), 7u);
+    EXPECT_CALLS(mw.take_logs(), {"E " + at + "Error 0x7: failed to ZU_TSMUX_PushMediaData(VencCbHandler)"});
+}
+
+TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
+{
+    for (int i = 0; i < 3; i++)
+        mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY}); // each answers one call
+    const s64 before = mw.now_ms();
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_OK);
+    EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 4);
+    EXPECT_EQ(mw.now_ms() - before, 600);
+    EXPECT_TRUE(mw.take_logs().empty());
+}
+
+TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
+{
+    mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY, .forever = true});
+    std::future<u32> stopped;
+    mw.inside("ZU_TSMUX_PushMediaData",
+              [&] {
+                  stopped = std::async(std::launch::async, [] { return steps::stop(0); });
+                  while (venc().bTaskExit == 0) // ends with the stop, which waits for this callback
+                      std::this_thread::yield();
+              },
+              {.nth = 3});
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_BUSY);
+    EXPECT_EQ(stopped.get(), 1u);
+    EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 3);
+
+    ASSERT_EQ(steps::start(0), 1u);
+    mw.clear_script();
+    mw.take_calls();
+    // While the encoder's record is being deleted, a frame is taken and not pushed.
+    u32 result = 99;
+    mw.inside("ZU_OS_DeleteMutex", [&] { result = mw.fire_encoded_frame({.bytes = {1}, .pts = 2}); });
+    EXPECT_EQ(steps::stop(0), 1u);
+    EXPECT_EQ(result, ZU_OK);
+    EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 0);
+}
+
+TEST_F(EncoderOutput, AMutexThatIsNotObtainedIsNotReleased)
+{
+    mw.take_calls();
+    mw.fail("ZU_OS_ObtainMutex");
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_OK);
+    EXPECT_EQ(mw.pushed().size(), 1u) << "the frame goes on all the same";
+    EXPECT_EQ(mw.calls_of({"ZU_OS_ReleaseMutex"}).size(), 0u);
+}
+
+TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
+{
+    testing::internal::CaptureStdout();
+    for (const u32 event : {1u, 2u, 3u})
+        EXPECT_EQ(mw.fire_tsmux_event(event), ZU_OK);
+    char expected[120];
+    snprintf(expected, sizeof(expected),
+             "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x%llx\n\033[0m",
+             static_cast<unsigned long long>(task(0, E_SCREENRECORD_MODULE_TSMUX).u64CallbackId));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
+    EXPECT_EQ(mw.fire_acap_event(1), ZU_FAILURE);
+    EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_AcapCbHandler]Invalid Event!"});
+}
+
+} // namespace

@@ -1,0 +1,264 @@
+/** The workers of a recording: what they move, how they end, and that nobody waits for one that has not run.
+ */
+#include <chrono>
+
+#include <core/control_lock.h>
+#include <core/worker_tasks.h>
+
+#include "library_test.h"
+
+namespace {
+
+class WorkerTasks : public LibraryTest {
+protected:
+    void TearDown() override
+    {
+        mw.run_tasks();
+        LibraryTest::TearDown();
+    }
+
+    middleware::Bytes written() { return mw.file("out.ts").bytes; }
+};
+
+TEST_F(WorkerTasks, WriterBatchesMoreThan64KiBAndWritesTheRestAtTheEnd)
+{
+    ASSERT_TRUE(steps::record(0));
+    middleware::Bytes stream;
+    for (int pass = 0; pass < 3; pass++) {
+        const middleware::Bytes part(0x8000, static_cast<u8>(pass + 1));
+        stream.insert(stream.end(), part.begin(), part.end());
+        mw.queue_output(part);
+        mw.advance(100);
+        EXPECT_EQ(mw.file("out.ts").writes.size(), pass == 2 ? 1u : 0u)
+            << "two halves are just the threshold";
+    }
+    const middleware::Bytes rest(0x10000, 9);
+    stream.insert(stream.end(), rest.begin(), rest.end());
+    mw.queue_output(rest); // comes between the writer's last pass and the close
+    EXPECT_EQ(steps::close(0), 1u);
+    EXPECT_EQ(written(), stream);
+    const std::vector<std::pair<u32, u32>> writes = {{0x18000, 1}, {0x10000, 1}};
+    EXPECT_EQ(mw.file("out.ts").writes, writes) << "each batch is one item";
+}
+
+TEST_F(WorkerTasks, AFailedCopyEndsTheWriterWithoutItsBatch)
+{
+    ASSERT_TRUE(steps::record(0));
+    mw.queue_output(middleware::Bytes(100));
+    mw.advance(100);
+    mw.take_logs();
+    mw.fail("ZU_TSMUX_CopyOutputStream", {.result = 5});
+    mw.advance(100);
+    EXPECT_CALLS(errors(), {error_of("_SCREENRECORD_TsmuxTaskHandler",
+                                     "Error 0x5: failed to ZU_TSMUX_CopyOutputStream()")});
+    EXPECT_EQ(steps::close(0), 1u);
+    EXPECT_TRUE(written().empty());
+}
+
+TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
+{
+    ASSERT_EQ(steps::one_call(10), 0);
+    mw.advance(10900);
+    EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_TSMUX).bRunning, 1);
+    mw.take_logs();
+    mw.advance(100);
+    EXPECT_TRUE(slot_is_closed(0));
+    EXPECT_EQ(mw.count("ZU_FS_Fclose"), 1);
+    const std::vector<std::string> logs = mw.take_logs();
+    EXPECT_EQ(logs.front(),
+              "D [_SCREENRECORD_TsmuxTaskHandler]_SCREENRECORD_TsmuxTaskHandler() Out of limitsec stop "
+              "record _u32RecordTime = 10");
+    EXPECT_EQ(logs.back(), "D [_SCREENRECORD_TsmuxTaskHandler]Exit _SCREENRECORD_TsmuxTaskHandler() ");
+    EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 0) << "the writer does not delete itself";
+    EXPECT_EQ(steps::stop(0), 1u);
+    EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 1) << "the next control call does";
+    EXPECT_CALLS(mw.calls_of({"ZU_OS_DeleteMutex"}), {"ZU_OS_DeleteMutex(m1)=0", "ZU_OS_DeleteMutex(m0)=0"});
+}
+
+TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
+{
+    const std::function<void()> nexts[] = {
+        [] { steps::open(0, "next.ts"); },
+        [] { stopScreenRecord(); },
+        [] { SCREENRECORD_DeInit(); },
+        [] { audio_cap_open(); },
+    };
+    for (const auto& next : nexts) {
+        ASSERT_EQ(steps::one_call(1), 0);
+        mw.advance(3000);
+        EXPECT_TRUE(slot_is_closed(0));
+        next();
+        EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 1);
+        close_all();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+        EXPECT_EQ(middleware::library_allocations_left(), 0u);
+        mw.take_calls();
+    }
+}
+
+/** A client's call at the very moment of the limit: one of the two closes, the other finds it done. */
+TEST_F(WorkerTasks, ClientAndWriterMayCloseTheSlotAtTheSameMoment)
+{
+    struct Case {
+        const char* name;
+        std::function<s64()> call;
+        s64 answer;
+    };
+    const Case cases[] = {
+        {"stop", [] { return s64{steps::stop(0)}; }, 1},
+        {"close", [] { return s64{steps::close(0)}; }, 1},
+        {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
+        {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
+    };
+    // The client comes while the writer is inside this call of its own stop and close.
+    const char* moments[] = {"ZU_CAP_CaptureStop", "ZU_VENC_Stop",  "ZU_OS_DeleteMutex", "ZU_CAP_Close",
+                             "ZU_VENC_Close",      "ZU_TSMUX_Stop", "ZU_TSMUX_Close",    "ZU_FS_Fclose"};
+    for (const Case& c : cases) {
+        for (const char* moment : moments) {
+            SCOPED_TRACE(std::string(c.name) + " during " + moment);
+            ASSERT_EQ(steps::one_call(1), 0);
+            std::future<u32> client;
+            std::atomic<s64> answer{-100};
+            mw.inside(moment, [&] {
+                client = mw.fire_on_thread([&] {
+                    answer = c.call();
+                    return 0u;
+                });
+            });
+            mw.advance(3000);
+            client.get();
+            EXPECT_EQ(answer, c.answer);
+            EXPECT_EQ(mw.calls_of({"ZU_FS_Fclose"}).size(), 1u);
+            close_all();
+            EXPECT_CALLS(mw.ledger_problems(), {});
+            mw.take_calls();
+        }
+    }
+}
+
+TEST_F(WorkerTasks, AWriterAtItsLimitGivesWayToAClientAndTriesAgain)
+{
+    ASSERT_EQ(steps::one_call(1), 0);
+    {
+        const ControlLock client(_controlMutex);
+        mw.advance(5000);
+        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_TSMUX).bRunning, 1);
+    }
+    mw.advance(100);
+    EXPECT_TRUE(slot_is_closed(0));
+}
+
+TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
+{
+    mw.add_file("a.nv12", middleware::Bytes(16));
+    mw.hold_tasks();
+    ASSERT_TRUE(steps::record(1, "a.nv12", "a.nv12"));
+    const s64 before = mw.now_ms();
+    EXPECT_EQ(steps::close(1), 1u);
+    EXPECT_EQ(mw.now_ms(), before) << "nobody waited";
+    EXPECT_EQ(middleware::library_allocations_left(), 0u) << "the argument blocks of tasks that never ran";
+    EXPECT_EQ(mw.file("out.ts").writes.size(), 0u);
+}
+
+/** A deletion and a task's first steps, in whichever order the threads happen to run. */
+TEST_F(WorkerTasks, StartsAndStopsInAThousandOrdersNeverStall)
+{
+    mw.add_file("a.nv12", middleware::Bytes(16));
+    for (int round = 0; round < 1000; round++) {
+        ASSERT_TRUE(steps::record(1, "a.nv12", "a.nv12"));
+        const s64 before = mw.now_ms();
+        EXPECT_EQ(steps::close(1), 1u);
+        EXPECT_LE(mw.now_ms() - before, 500);
+        mw.take_calls();
+        mw.take_logs();
+    }
+}
+
+TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
+{
+    mw.add_file("a.nv12", middleware::Bytes(640 * 480 * 3 / 2 * 2));
+    ASSERT_TRUE(steps::configure(1, "a.nv12"));
+    middleware::Gate hang;
+    mw.inside("ZU_FS_Fread", [&] { hang.wait(); });
+    ASSERT_EQ(steps::start(1), 1u);
+    mw.advance(28);
+    ASSERT_TRUE(hang.wait_for_arrivals());
+    const s64 before = mw.now_ms();
+    mw.inside("ZU_OS_DeleteTask", [&] { hang.open(); }); // a device would kill it here
+    EXPECT_EQ(steps::stop(1), 1u);
+    EXPECT_GE(mw.now_ms() - before, 5000);
+    EXPECT_EQ(task(1, E_SCREENRECORD_MODULE_VIDEO_SRC_READER).s32MutexId, -1);
+}
+
+TEST_F(WorkerTasks, CreateAndDeleteStandAlone)
+{
+    SCREENRECORD_Init();
+    steps::open(0);
+    SCREENRECORD_TaskCtrl_s& venc = task(0, E_SCREENRECORD_MODULE_VENC);
+    EXPECT_EQ(_SCREENRECORD_CreateTask(nullptr, 0, 0, nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_DeleteTask(nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_CreateTask(&venc, 0, 0, nullptr), ZU_OK);
+    EXPECT_EQ(venc.s32TaskId, -1);
+    EXPECT_EQ(_SCREENRECORD_DeleteTask(&venc), ZU_OK);
+    EXPECT_EQ(_SCREENRECORD_DeleteTask(&venc), ZU_OK) << "safe without task and mutex";
+
+    SCREENRECORD_TaskCtrl_s& reader = task(0, E_SCREENRECORD_MODULE_AUDIO_SRC_READER);
+    ASSERT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_OK);
+    const s32 id = reader.s32TaskId;
+    mw.take_logs();
+    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_FAILURE);
+    EXPECT_CALLS(errors(), {error_of("_SCREENRECORD_CreateTask", "Task has already running!!!")});
+    EXPECT_EQ(reader.s32TaskId, id);
+    EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
+}
+
+TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
+{
+    const u32 size = mw.settings.encoder_input_size = 1000;
+    middleware::Bytes source(size * 20 + 300);
+    for (size_t i = 0; i < source.size(); i++)
+        source[i] = static_cast<u8>(i / size + 1);
+    mw.add_file("a.nv12", source);
+    ASSERT_TRUE(steps::configure(1, "a.nv12"));
+    mw.set_now_us(5'000'000);
+    ASSERT_EQ(steps::start(1), 1u);
+    mw.take_logs();
+    mw.advance(28 * 40);
+    const auto inputs = mw.encoder_inputs();
+    ASSERT_EQ(inputs.size(), 21u);
+    for (u32 i = 0; i < inputs.size(); i++) {
+        EXPECT_EQ(inputs[i].u32InBufIndex, (i + 1) % 16);
+        EXPECT_EQ(inputs[i].u32DataSize, size) << "also behind a short last read";
+        EXPECT_EQ(inputs[i].bEntireInject + inputs[i].bRequestIFrame, 0);
+        EXPECT_GE(inputs[i].u64Pts, 5'000'000u + 28'000 * i);
+    }
+    EXPECT_EQ(mw.last_encoder_input()[299], 21);
+    const std::vector<std::string> logs = mw.take_logs();
+    EXPECT_EQ(logs[0], "D [_SCREENRECORD_VreaderTaskHandler]Read data Size: 1000");
+    EXPECT_EQ(logs[20], "D [_SCREENRECORD_VreaderTaskHandler]Read data Size: 300");
+    EXPECT_EQ(logs[21], "D [_SCREENRECORD_VreaderTaskHandler]Read end of file!");
+    EXPECT_EQ(logs[22], "D [_SCREENRECORD_VreaderTaskHandler]Exit _SCREENRECORD_VreaderTaskHandler() ");
+}
+
+TEST_F(WorkerTasks, ReaderWaitsForAnEncoderThatLendsNothing)
+{
+    mw.settings.encoder_input_size = 1000;
+    mw.add_file("a.nv12", middleware::Bytes(2000));
+    ASSERT_TRUE(steps::configure(1, "a.nv12"));
+    mw.fail("ZU_VENC_QueryBuffer");
+    mw.fail("ZU_VENC_WriteBufferComplete");
+    ASSERT_EQ(steps::start(1), 1u);
+    const auto queries = [&] { return mw.count("ZU_VENC_QueryBuffer"); };
+    for (int ms = 0; queries() == 0 && ms < 100; ms++)
+        mw.advance(1);
+    for (int query = 1; query <= 2; query++) {
+        mw.advance(126);
+        EXPECT_EQ(queries(), query) << "100 ms behind each failure, and the 28 ms of a pass";
+        mw.advance(2);
+        EXPECT_EQ(queries(), query + 1);
+    }
+    EXPECT_EQ(mw.encoder_inputs().back().u32InBufIndex, 2u)
+        << "the picture that was not taken is lost, and counted";
+}
+
+} // namespace
