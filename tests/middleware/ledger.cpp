@@ -89,7 +89,8 @@ u32 add_device(Kind kind)
 {
     State& s = state();
     u32& next = s.next_handle.try_emplace(kind, kinds.at(kind).second).first->second;
-    // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from other kinds higher up.
+    // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from other kinds
+    // higher up.
     const u32 handle = next++;
     if ((next & 0xF) == 0)
         next += 0x100 - 0xF;
