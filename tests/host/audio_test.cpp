@@ -304,11 +304,12 @@ TEST(SoundPlacement, FollowsADriftingClockWithoutASeam)
             Samples tail(961 * 2);
             const int64_t shown = std::min<int64_t>(timeline.end(), 961);
             timeline.copy(timeline.end() - shown, shown, tail.data());
+            bool seam = false;
             for (int64_t n = 1; n < shown; ++n) {
                 const int step = tail[2 * n] - tail[2 * n - 2];
-                ASSERT_TRUE(c.untouched ? step == 1 || step == -29999 : step <= 2)
-                    << c.ppm << " ppm, piece " << piece << ": " << step;
+                seam = seam || !(c.untouched ? step == 1 || step == -29999 : step <= 2);
             }
+            ASSERT_FALSE(seam) << c.ppm << " ppm, piece " << piece;
         }
         EXPECT_LT(greatest, 7500) << c.ppm << " ppm: a beat of 10 ms beside the picture is too much";
     }
@@ -363,16 +364,19 @@ protected:
 
 TEST_F(Pulse, WithoutAServerThereIsSilenceAtOnce)
 {
-    const size_t before = threads();
-    {
+    size_t before = 0;
+    for (int run = 0; run < 2;
+         ++run) { // the first leaves behind what a sanitizer starts with the first thread
         Capture capture(nullptr);
         const int64_t asked = monotonic_us();
         capture.start();
         EXPECT_LT(monotonic_us() - asked, 200'000) << "the server is not waited for";
         EXPECT_EQ(peak(capture.gather(9600)), 0);
         EXPECT_EQ(counters().sound_lost, 0u);
+        EXPECT_EQ(ZU_ACAP_Stop(capture.handle), ZU_OK);
+        before = run == 0 ? threads() : before;
     }
-    EXPECT_EQ(threads(), before);
+    EXPECT_TRUE(wait_until([&] { return threads() <= before; })) << "no thread is left";
 }
 
 TEST_F(Pulse, HearsWhatIsPlayedWhole)

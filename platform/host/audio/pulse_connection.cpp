@@ -17,12 +17,6 @@ PulseConnection& connection(void* self)
     return *static_cast<PulseConnection*>(self);
 }
 
-void forget(pa_operation* operation)
-{
-    if (operation)
-        pa_operation_unref(operation);
-}
-
 } // namespace
 
 PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
@@ -33,7 +27,6 @@ PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
         return;
     }
     pa_context_set_state_callback(context_, context_changed, this);
-    pa_context_set_subscribe_callback(context_, server_changed, this);
     if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
         fail_as_context_says();
 }
@@ -44,7 +37,6 @@ PulseConnection::~PulseConnection()
     if (!context_)
         return;
     pa_context_set_state_callback(context_, nullptr, nullptr);
-    pa_context_set_subscribe_callback(context_, nullptr, nullptr);
     pa_context_disconnect(context_);
     pa_context_unref(context_);
 }
@@ -52,45 +44,14 @@ PulseConnection::~PulseConnection()
 void PulseConnection::context_changed(pa_context* context, void* self)
 {
     const pa_context_state_t state = pa_context_get_state(context);
-    if (state == PA_CONTEXT_READY) {
-        forget(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
-        connection(self).ask_for_default();
-    } else if (!PA_CONTEXT_IS_GOOD(state)) {
+    if (state == PA_CONTEXT_READY)
+        connection(self).open_stream();
+    else if (!PA_CONTEXT_IS_GOOD(state))
         connection(self).fail_as_context_says();
-    }
-}
-
-void PulseConnection::server_changed(pa_context*, pa_subscription_event_type_t, uint32_t, void* self)
-{
-    connection(self).ask_for_default();
-}
-
-void PulseConnection::ask_for_default()
-{
-    forget(pa_context_get_server_info(context_, server_described, this));
-}
-
-void PulseConnection::server_described(pa_context*, const pa_server_info* info, void* self)
-{
-    if (info)
-        connection(self).follow(info->default_sink_name);
-}
-
-void PulseConnection::follow(const char* sink)
-{
-    if (!sink || !*sink) {
-        fail("it has no output");
-        return;
-    }
-    if (failed() || (stream_ && sink_ == sink))
-        return;
-    sink_ = sink;
-    open_stream();
 }
 
 void PulseConnection::open_stream()
 {
-    close_stream();
     const pa_sample_spec format{PA_SAMPLE_S16LE, pcm_rate, pcm_channels};
     stream_ = pa_stream_new(context_, "recording", &format, nullptr);
     if (!stream_) {
@@ -101,6 +62,7 @@ void PulseConnection::open_stream()
     pa_stream_set_read_callback(stream_, stream_readable, this);
     const pa_buffer_attr buffer{UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX, piece_bytes};
     const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE;
+    // The server moves a stream of this name along when another output becomes the default.
     if (pa_stream_connect_record(stream_, "@DEFAULT_MONITOR@", &buffer,
                                  static_cast<pa_stream_flags_t>(flags)) < 0)
         fail_as_context_says();

@@ -11,8 +11,7 @@ namespace zu3host {
 /** Hears what a PulseConnection delivers; called on the thread that runs the main loop. */
 class PulseListener {
 public:
-    /** From now on sound arrives, unless the connection fails. Again when another output became the default.
-     */
+    /** From now on sound arrives, unless the connection fails. */
     virtual void connected() = 0;
     /**
      * @param samples `frames` frames of 48 kHz stereo, or null where the server lost them
@@ -42,13 +41,8 @@ public:
 
 private:
     static void context_changed(pa_context* context, void* self);
-    static void server_changed(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
-                               void* self);
-    static void server_described(pa_context* context, const pa_server_info* info, void* self);
     static void stream_changed(pa_stream* stream, void* self);
     static void stream_readable(pa_stream* stream, size_t bytes, void* self);
-    void ask_for_default();
-    void follow(const char* sink);
     void open_stream();
     void close_stream();
     void read_all();
@@ -59,7 +53,6 @@ private:
     PulseListener& listener_;
     pa_context* context_;
     pa_stream* stream_ = nullptr;
-    std::string sink_; /**< the default output that the stream was opened for */
     std::string failure_;
 };
 
