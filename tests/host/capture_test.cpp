@@ -1,5 +1,6 @@
 #include "capture/capture_schedule.h"
 #include "capture/picture_leases.h"
+#include "capture/picture_time.h"
 #include "capture/placement.h"
 #include "common/picture_layout.h"
 #include "encoder/open_encoder_scopes.h"
@@ -233,16 +234,19 @@ TEST_F(TestCardCapture, ShowsColoursAndCountsPictures)
     capture.look([&](const ZU_CAP_FrameInfo_t& frame) { EXPECT_GT(capture.number(frame), first); });
 }
 
-// Catches a queue that grows behind a slow callback, and drops that the statistics do not show.
+// Catches a queue that grows behind a slow callback, drops that the statistics do not show, and times that
+// are off the rate's grid.
 TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
 {
     Capture capture;
     ASSERT_EQ(capture.connect(), ZU_OK);
-    ASSERT_EQ(capture.start(640, 480, 50), ZU_OK);
+    ASSERT_EQ(capture.start(640, 480, 60), ZU_OK);
     uint32_t number = 0;
+    uint64_t due = 0;
     uint64_t late = 0, captured = 0;
     capture.look([&](const ZU_CAP_FrameInfo_t& frame) {
         number = capture.number(frame);
+        due = due_time_of_picture_in_callback().value();
         late = counters().pictures_dropped_late;
         captured = counters().pictures_captured;
         std::this_thread::sleep_for(170ms); // what the library does to it when the encoder is busy
@@ -251,7 +255,12 @@ TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
         EXPECT_GE(counters().pictures_dropped_late - late, 7u);
         EXPECT_EQ(capture.number(frame) - number,
                   counters().pictures_dropped_late - late + counters().pictures_captured - captured);
+        EXPECT_NEAR(static_cast<double>(due_time_of_picture_in_callback().value() - due),
+                    (capture.number(frame) - number) * 1e6 / 60, 1.0);
+        EXPECT_LE(due_time_of_picture_in_callback().value(),
+                  static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / 1us));
     });
+    EXPECT_FALSE(due_time_of_picture_in_callback()) << "on another thread";
     capture.close();
     EXPECT_EQ(counters().pictures_due, counters().pictures_captured + counters().pictures_dropped_late +
                                            counters().pictures_dropped_no_buffer +

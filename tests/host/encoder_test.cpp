@@ -1,5 +1,6 @@
 // The encoder through its contract: what comes out for what goes in, and what it refuses.
 #include "capture/picture_leases.h"
+#include "capture/picture_time_scope.h"
 #include "common/picture_layout.h"
 #include "encoder/open_encoders.h"
 #include "encoder/rate_ceiling.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -16,6 +18,8 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -261,12 +265,16 @@ TEST(EncoderStream, DecodesToThePicturesThatWentIn)
     }
 }
 
-// Catches a key request that comes a picture late, and records of one picture that carry another's values.
+// Catches a key request that comes a picture late, records of one picture that carry another's values, and
+// captured pictures that are not timed by when they were due.
 TEST(EncoderStream, HonoursAKeyRequestInThatVeryPictureAndGivesItsValuesBack)
 {
     TestEncoder encoder(params_of(64, 64));
     encoder.start();
     for (uint32_t number = 1; number <= 6; ++number) {
+        std::optional<DueTimeInCallback> captured;
+        if (number >= 3)
+            captured.emplace(std::chrono::steady_clock::time_point(number * 900us + 1ns));
         ASSERT_EQ(encoder.feed(number, number == 4), u32{ZU_OK});
         ASSERT_TRUE(encoder.receiver.wait_for_frames(number));
     }
@@ -274,7 +282,7 @@ TEST(EncoderStream, HonoursAKeyRequestInThatVeryPictureAndGivesItsValuesBack)
         const Frame& frame = encoder.receiver.frames[number - 1];
         EXPECT_EQ(frame.key, number == 1 || number == 4);
         EXPECT_EQ(frame.pts, number * 1000u);
-        EXPECT_EQ(frame.time_in_callback, number * 1000u);
+        EXPECT_EQ(frame.time_in_callback, number * (number >= 3 ? 900u : 1000u));
         EXPECT_EQ(frame.index, frame.key ? UINT32_MAX : number);
     }
     EXPECT_FALSE(time_of_frame_in_callback());
@@ -431,6 +439,11 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
         {"said to be injected", [](auto& b) { b.bEntireInject = 1; }},
     };
     uint64_t refused = counters().pictures_refused;
+    ZU_VENC_InputBuffer_t nothing{}; // follows a failed query, so it is counted, but no mistake to be told of
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ZU_VENC_WriteBufferComplete(encoder.handle, &nothing), u32{ZU_INVALID_ARGUMENT});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(counters().pictures_refused, ++refused);
     for (const Case& wrong : cases) {
         ZU_VENC_InputBuffer_t buffer = lent;
         wrong.spoil(buffer);
@@ -444,6 +457,31 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
     ZU_VENC_EntireInjectBuf_t region{1, 1, {}};
     EXPECT_EQ(ZU_VENC_QueryEntireInjectBuffer(encoder.handle, &region), u32{ZU_OK});
     EXPECT_EQ(region.u32VirtAddr, 0u); // opened for copies
+}
+
+// Catches a full queue that costs pictures at once although it is about to have room, copied or injected.
+TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
+{
+    constexpr uint32_t pictures = 100;
+    for (const bool injected : {false, true}) {
+        ZU_VENC_OpenParams_t params = params_of(64, 64);
+        params.eColorFormat = injected ? u32{E_ZU_VENC_COLOR_INJECT} : params.eColorFormat;
+        TestEncoder encoder(params);
+        ZU_VENC_EntireInjectBuf_t region{};
+        ASSERT_EQ(ZU_VENC_QueryEntireInjectBuffer(encoder.handle, &region), u32{ZU_OK});
+        encoder.start();
+        ZU_VENC_InputBuffer_t buffer{};
+        buffer.pu8Data = reinterpret_cast<uint8_t*>(uintptr_t{region.u32VirtAddr});
+        buffer.u32DataSize = static_cast<u32>(encoder.layout.picture_bytes());
+        buffer.bEntireInject = injected;
+        uint32_t taken = 0, refused = 0;
+        while (taken < pictures && refused < pictures) {
+            const bool lent = injected || ZU_VENC_QueryBuffer(encoder.handle, &buffer) == ZU_OK;
+            const bool accepted = lent && ZU_VENC_WriteBufferComplete(encoder.handle, &buffer) == ZU_OK;
+            ++(accepted ? taken : refused);
+        }
+        EXPECT_LT(refused, pictures / 10) << "more than a busy machine explains";
+    }
 }
 
 // Catches a region too small to work with, a picture that capture may overwrite too early, and a lease never
@@ -508,6 +546,34 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     ASSERT_TRUE(encoder.receiver.wait_for_frames(2));
     EXPECT_TRUE(encoder.receiver.frames[1].key); // the first after a restart
     EXPECT_EQ(encoder.receiver.frames[1].pts, 6000u);
+}
+
+// Catches one who waits for room, or who holds up the end, while the encoder stops.
+TEST(EncoderStop, WakesWhoWaitsForRoom)
+{
+    auto shortest = std::chrono::steady_clock::duration::max();
+    for (int round = 0; round < 3; ++round) { // a busy machine may hold up one of them
+        TestEncoder encoder(params_of(64, 64));
+        encoder.start();
+        encoder.receiver.block();
+        ASSERT_EQ(encoder.feed(0), u32{ZU_OK});
+        ASSERT_TRUE(encoder.receiver.wait_until_held());
+        for (uint32_t number = 1; number <= 4; ++number)
+            ASSERT_EQ(encoder.feed(number), u32{ZU_OK});
+        std::atomic<bool> asking{false};
+        std::thread waiting([&] {
+            const auto before = std::chrono::steady_clock::now();
+            asking = true;
+            asking.notify_one();
+            ZU_VENC_InputBuffer_t none{};
+            EXPECT_EQ(ZU_VENC_QueryBuffer(encoder.handle, &none), u32{ZU_BUSY});
+            shortest = std::min(shortest, std::chrono::steady_clock::now() - before);
+        });
+        asking.wait(false);
+        EXPECT_EQ(ZU_VENC_Stop(encoder.handle), u32{ZU_OK});
+        waiting.join();
+    }
+    EXPECT_LT(shortest, 60ms);
 }
 
 // Catches the end of a recording being lost, and pictures of a start that comes after the capture's.

@@ -62,9 +62,9 @@ private:
     std::shared_ptr<CaptureRun> next_run();
     void stream(CaptureRun& run);
     bool wait_until_due(const CaptureRun& run, CaptureSchedule::Time due);
-    void capture_picture(CaptureRun& run, uint64_t number);
+    void capture_picture(CaptureRun& run, const CaptureSchedule& schedule);
     Written write_picture(CaptureRun& run, uint64_t number, uint32_t index);
-    void deliver(CaptureRun& run, uint32_t index);
+    void deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due);
 
     std::mutex
         source_mutex_; // held while a picture is grabbed and converted; taken before mutex_ where both are

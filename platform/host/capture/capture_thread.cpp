@@ -1,6 +1,7 @@
 #include "capture/capture_device.h"
 
 #include "capture/nv12_picture.h"
+#include "capture/picture_time_scope.h"
 #include "statistics/counters.h"
 
 namespace zu3host {
@@ -36,7 +37,7 @@ void CaptureDevice::stream(CaptureRun& run)
     while (wait_until_due(run, schedule.due())) {
         if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
             count_due(counters().pictures_dropped_late, late);
-        capture_picture(run, schedule.number());
+        capture_picture(run, schedule);
         schedule.advance();
     }
 }
@@ -47,14 +48,14 @@ bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time 
     return !changed_.wait_until(lock, due, [&run] { return run.stop.stop_requested(); });
 }
 
-void CaptureDevice::capture_picture(CaptureRun& run, uint64_t number)
+void CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
     const std::optional<uint32_t> index = run.pool->take();
     if (!index)
         return count_due(counters().pictures_dropped_no_buffer);
-    const Written written = write_picture(run, number, *index);
+    const Written written = write_picture(run, schedule.number(), *index);
     if (written == Written::Done)
-        return deliver(run, *index);
+        return deliver(run, *index, schedule.due());
     run.pool->give_back(*index);
     if (written == Written::NoDisplay)
         count_due(counters().pictures_dropped_no_display);
@@ -87,7 +88,7 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     return Written::Done;
 }
 
-void CaptureDevice::deliver(CaptureRun& run, uint32_t index)
+void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due)
 {
     Listener listener;
     uint32_t handle = 0;
@@ -109,6 +110,7 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index)
                              .phyYAddr = phys,
                              .phyCAddr = phys + run.pool->layout().luma_bytes(),
                              .u64Reserved1 = 0};
+    const DueTimeInCallback due_time(due);
     listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
 }
 

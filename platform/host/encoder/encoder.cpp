@@ -1,6 +1,7 @@
 #include "encoder/encoder.h"
 
 #include "capture/picture_leases.h"
+#include "capture/picture_time.h"
 #include "log/host_log.h"
 #include "statistics/counters.h"
 
@@ -14,6 +15,10 @@ namespace {
 
 // A stop must not wait for a callback that is blocked until the stop has returned.
 constexpr std::chrono::milliseconds time_to_drain{150};
+
+// A refusal makes a capture pause for 200 ms; waiting costs it the one or two pictures that get late
+// meanwhile.
+constexpr std::chrono::milliseconds time_to_make_room{80};
 
 bool inject_is_allowed()
 {
@@ -62,8 +67,10 @@ uint32_t Encoder::start(uint32_t handle)
 void Encoder::stop()
 {
     std::unique_lock lock(mutex_);
-    if (state_ == State::Running)
+    if (state_ == State::Running) {
         state_ = State::Draining;
+        changed_.notify_all();
+    }
     if (state_ == State::Draining && std::this_thread::get_id() != thread_id_)
         changed_.wait_for(lock, time_to_drain,
                           [this] { return state_ != State::Draining || (queue_.empty() && !busy_); });
@@ -95,19 +102,28 @@ uint32_t Encoder::close()
 
 uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
 {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    wait_for_room(lock, [this] { return lent_.any_to_lend(); });
+    if (!lent_.any_to_lend())
+        return ZU_BUSY;
     uint8_t* data = lent_.lend();
     if (!data)
-        return lent_.all_in_use() ? ZU_BUSY : ZU_FAILURE;
+        return ZU_FAILURE;
     buffer.pu8Data = data;
     buffer.u32DataSize = static_cast<uint32_t>(settings_.layout.picture_bytes());
     return ZU_OK;
 }
 
+template <typename HasRoom> void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)
+{
+    if (std::this_thread::get_id() != thread_id_)
+        changed_.wait_for(lock, time_to_make_room, [&] { return !accepting() || has_room(); });
+}
+
 uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
 {
-    const std::lock_guard lock(mutex_);
-    const uint32_t result = admit(buffer);
+    std::unique_lock lock(mutex_);
+    const uint32_t result = admit(lock, buffer);
     if (result != ZU_OK) {
         count(counters().pictures_refused);
         return result;
@@ -116,22 +132,28 @@ uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
     return ZU_OK;
 }
 
-uint32_t Encoder::admit(const ZU_VENC_InputBuffer_t& buffer)
+uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer)
 {
     if (!address_is_known(buffer))
         return ZU_INVALID_ARGUMENT;
-    const Picture picture{buffer.pu8Data, buffer.u64Pts, buffer.u32InBufIndex, buffer.bRequestIFrame != 0,
-                          buffer.bEntireInject != 0};
-    if (!picture.injected)
-        lent_.complete();
-    const bool accepting = state_ == State::Opened || state_ == State::Running;
-    if (!accepting || queue_.full()) {
-        if (!picture.injected)
-            lent_.release(picture.data);
-        return accepting ? ZU_BUSY : ZU_FAILURE;
-    }
+    const Picture picture{
+        .data = buffer.pu8Data,
+        .pts = buffer.u64Pts,
+        .time = due_time_of_picture_in_callback().value_or(buffer.u64Pts),
+        .index = buffer.u32InBufIndex,
+        .as_key = buffer.bRequestIFrame != 0,
+        .injected = buffer.bEntireInject != 0,
+    };
+    // From here on it is the encoder's: nobody else may write into it, not even while there is no room.
     if (picture.injected)
         lease_picture(picture.data);
+    else
+        lent_.complete();
+    wait_for_room(lock, [this] { return !queue_.full(); });
+    if (!accepting() || queue_.full()) {
+        give_back(picture);
+        return accepting() ? ZU_BUSY : ZU_FAILURE;
+    }
     queue_.push(picture);
     return ZU_OK;
 }
@@ -143,7 +165,9 @@ bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
         buffer.bEntireInject ? region_.contains(buffer.pu8Data, bytes) : lent_.is_lent(buffer.pu8Data);
     if (known && buffer.u32DataSize >= bytes)
         return true;
-    if (!std::exchange(warned_of_address_, true))
+    // What follows a failed query carries no picture, which is no mistake of the caller's.
+    const bool nothing = !buffer.pu8Data && buffer.u32DataSize == 0;
+    if (!nothing && !std::exchange(warned_of_address_, true))
         HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s", buffer.u32DataSize,
                   static_cast<const void*>(buffer.pu8Data), bytes,
                   buffer.bEntireInject ? "its inject buffer" : "the buffer that it lent");

@@ -18,9 +18,9 @@ namespace zu3host {
 
 /**
  * An open encoder: takes pictures on any thread, encodes them on a thread of its own and hands the frames to
- * the callback there. It never waits for whoever delivers pictures, and who delivers never waits for it: a
- * full queue refuses. Every call may come from any thread, also out of the callback, except close(). Results
- * are ZU_* codes.
+ * the callback there. It never waits for whoever delivers pictures. Who delivers waits a while where it has
+ * no room, since to be refused costs a capture several pictures; then it refuses. Every call may come from
+ * any thread, also out of the callback, except close(). Results are ZU_* codes.
  */
 class Encoder {
 public:
@@ -43,13 +43,14 @@ public:
      * itself. */
     uint32_t close();
 
-    /** Lends an input buffer; ZU_BUSY when none is free. */
+    /** Lends an input buffer; waits for one, and ZU_BUSY when none has become free. */
     uint32_t lend(ZU_VENC_InputBuffer_t& buffer);
     /**
      * Takes a filled picture: the lent buffer, or one in the inject region, which is leased until it is
-     * encoded.
+     * encoded. Waits for a place in the queue. Called within a capture's callback, the picture's time is when
+     * that picture was due, else the buffer's own.
      * @return ZU_INVALID_ARGUMENT for any other address or too few bytes, ZU_FAILURE when stopped, ZU_BUSY
-     * when the queue is full; in every case the picture is not encoded and counted as refused
+     * when the queue stays full; in every case the picture is not encoded and counted as refused
      */
     uint32_t take(const ZU_VENC_InputBuffer_t& buffer);
     /** Describes the inject region, allocated at the first call; address 0 where none is offered. */
@@ -60,7 +61,8 @@ public:
 private:
     struct Picture {
         uint8_t* data;
-        uint64_t pts;
+        uint64_t pts;  // of the frame's record
+        uint64_t time; // what time_of_frame_in_callback() gives
         uint32_t index;
         bool as_key;
         bool injected;
@@ -92,7 +94,10 @@ private:
     Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
             std::unique_ptr<X264Encoder> x264);
 
-    uint32_t admit(const ZU_VENC_InputBuffer_t& buffer);
+    uint32_t admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer);
+    /** Waits, bounded, for room; no longer than pictures are taken, and not on the thread that makes room. */
+    template <typename HasRoom> void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
+    bool accepting() const { return state_ == State::Opened || state_ == State::Running; }
     bool address_is_known(const ZU_VENC_InputBuffer_t& buffer);
     void give_back(const Picture& picture);
     void drop_queue();

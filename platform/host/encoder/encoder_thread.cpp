@@ -68,6 +68,7 @@ std::optional<AccessUnit> Encoder::encode(const Work& work)
     const auto unit = x264_->encode(work.picture.data, work.picture.as_key);
     const std::lock_guard lock(mutex_);
     give_back(work.picture);
+    changed_.notify_all();
     if (unit)
         return unit;
     key_due_ |= work.picture.as_key;
@@ -86,7 +87,7 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
     count(counters().pictures_encoded);
     count(counters().bytes_encoded, unit.size);
     ZU_VENC_FrameInfo_t frame = frame_record(unit, work.picture.pts, work.picture.index);
-    const FrameTimeInCallback frame_time(work.picture.pts);
+    const FrameTimeInCallback frame_time(work.picture.time);
     callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
 }
 

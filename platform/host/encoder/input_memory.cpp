@@ -15,9 +15,9 @@ constexpr size_t rounded_up(size_t bytes)
 
 } // namespace
 
-bool LentBuffers::all_in_use() const
+bool LentBuffers::any_to_lend() const
 {
-    return std::ranges::all_of(buffers_, &Buffer::in_use);
+    return lent_ || !std::ranges::all_of(buffers_, &Buffer::in_use);
 }
 
 uint8_t* LentBuffers::lend()

@@ -22,7 +22,8 @@ public:
 
     explicit LentBuffers(size_t bytes) : bytes_(bytes) {}
 
-    bool all_in_use() const;
+    /** Whether one is lent already or free. */
+    bool any_to_lend() const;
     /** The buffer that is lent already, else a free one; null when none is free or memory is short. */
     uint8_t* lend();
     bool is_lent(const uint8_t* data) const { return data && data == lent_; }
