@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <unordered_set>
@@ -14,6 +15,7 @@ std::atomic<bool> counting = false;
 std::atomic<int> asked = 0;
 std::atomic<int> failing = 0;
 std::atomic<bool> failing_later = false;
+std::atomic<size_t> copied = 0;
 
 struct Blocks {
     std::mutex mutex;
@@ -55,6 +57,7 @@ void forget(void* block)
 AllocationWindow::AllocationWindow(int fail_number, bool and_later)
 {
     asked = 0;
+    copied = 0;
     failing = fail_number;
     failing_later = and_later;
     counting = true;
@@ -68,6 +71,11 @@ AllocationWindow::~AllocationWindow()
 int AllocationWindow::count() const
 {
     return asked;
+}
+
+size_t AllocationWindow::copied_bytes() const
+{
+    return copied;
 }
 
 bool AllocationWindow::failed() const
@@ -98,6 +106,14 @@ void forget_library_allocations()
 #endif
 
 extern "C" {
+
+/** Only the library's copies come here, and only those that are not compiled into a few moves. */
+void* __wrap_memcpy(void* to, const void* from, size_t size)
+{
+    if (middleware::counting)
+        middleware::copied += size;
+    return std::memcpy(to, from, size);
+}
 
 void* __wrap_malloc(size_t size)
 {

@@ -20,6 +20,9 @@ public:
 
     /** Allocations asked for in the window so far. */
     int count() const;
+    /** Bytes that the library copied in the window; not counted under AddressSanitizer, which copies itself.
+     */
+    size_t copied_bytes() const;
     /** Whether the one that was to fail was asked for. */
     bool failed() const;
 };

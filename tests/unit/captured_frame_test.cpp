@@ -151,7 +151,7 @@ TEST_F(CapturedFrame, InInjectModeTheEncoderIsPointedAtThePicture)
     EXPECT_EQ(mw.count("ZU_VENC_QueryBuffer"), 0);
 }
 
-TEST_F(CapturedFrame, ARunningPipelineAllocatesNothing)
+TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMost)
 {
     for (const u32 inject : {0u, 4 * frame_size}) {
         capture_encode(inject);
@@ -165,6 +165,10 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothing)
             EXPECT_EQ(video_capenc_getES(frame.data(), frame.size(), &info), 0);
         }
         EXPECT_EQ(window.count(), 0);
+#ifndef __SANITIZE_ADDRESS__
+        const size_t frames = 2 * 50 * 3; // an encoded frame is copied into the ring and out of it
+        EXPECT_EQ(window.copied_bytes() - frames, inject ? 0u : 50u * frame_size);
+#endif
         video_capenc_stop();
         video_capenc_close();
     }
