@@ -38,6 +38,7 @@ protected:
     /** Forgets what was called and logged so far. */
     void forget()
     {
+        mw.settle(); // a task's first pass belongs to what is forgotten
         mw.take_calls();
         mw.take_logs();
     }
