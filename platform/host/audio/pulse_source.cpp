@@ -15,8 +15,13 @@ namespace zu3host {
 
 namespace {
 
-/** A server that was silent for so long hears nothing, or sleeps: silence takes the place of its sound. */
+/**
+ * A server that says nothing for so long hears nothing, or sleeps: silence takes the place of its sound. In
+ * the middle of sound it is more likely a machine so busy that server or listener were kept waiting, and what
+ * comes then is worth the wait.
+ */
 constexpr int64_t patience_us = 300'000;
+constexpr int64_t patience_in_sound_us = 1'000'000;
 constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */
 constexpr int64_t first_retry_us = 250'000;
@@ -42,7 +47,8 @@ public:
 
     void advance(SoundTimeline& timeline, int64_t now_us) override
     {
-        timeline.append_silence_until(live_ ? now_us - patience_us : now_us);
+        const int64_t patience = placement_.continues(timeline) ? patience_in_sound_us : patience_us;
+        timeline.append_silence_until(live_ ? now_us - patience : now_us);
     }
 
 private:

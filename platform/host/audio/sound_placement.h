@@ -17,6 +17,8 @@ class SoundPlacement {
 public:
     /** The next piece starts a new row, wherever it was heard. */
     void restart() { expected_.reset(); }
+    /** Whether the row has begun and nothing else was put behind it. */
+    bool continues(const SoundTimeline& timeline) const { return expected_ == timeline.end(); }
     /**
      * @param samples `frames` frames, or null for a hole
      * @param heard_us the moment of the first frame as the server sees it
