@@ -52,8 +52,8 @@ class RawSound(EndToEndTest):
         second = samples[2 * RATE:3 * RATE:8]
         strongest = max((400 + step for step in range(81)), key=lambda frequency: power(second, frequency, RATE / 8))
         self.assertAlmostEqual(strongest, 440, delta=1)
-        # A gap or a repetition of samples shows as a step of the tone's phase.
-        found = phases(samples, 440)
+        # A gap or a repetition of samples shows as a step of the tone's phase; the first sound may begin in a block.
+        found = phases(samples[RATE // 50:], 440)
         steps = [abs((b - a + math.pi) % (2 * math.pi) - math.pi) for a, b in zip(found, found[1:])]
         self.assertLess(max(steps), 0.1, f"at block {steps.index(max(steps))} of {len(steps)}")
 
