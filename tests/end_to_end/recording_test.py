@@ -57,10 +57,10 @@ class TenSeconds(EndToEndTest, PlayableMixin):
             self.assertEqual(judges.colour_faults(judges.picture(self.path("a.ts"), index)), [])
 
     def test_shows_the_pictures_in_their_order(self):
-        # The screen moves at the same rate as the recording: a neighbour is the next, the same, or the next but one.
+        # Catches pictures that overtake one another, and a buffer that is shown again instead of a new one.
         numbers = judges.picture_numbers(self.path("a.ts"))
-        steps = [b - a for a, b in zip(numbers, numbers[1:])]
-        self.assertTrue(all(0 <= step <= 3 for step in steps), numbers)
+        self.assertEqual(numbers, sorted(numbers))
+        self.assertGreater(len(set(numbers)), 270)
         self.assertTrue(285 <= numbers[-1] - numbers[0] <= 310, numbers)
 
 
