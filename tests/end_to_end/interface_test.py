@@ -34,6 +34,14 @@ class TimeLimitAlone(EndToEndTest):
         self.assertEqual(judges.decoder_messages(self.path("a.ts")), "")
 
 
+class WatermarkChanges(ShortEndToEndTest):
+    def test_a_thousand_while_running(self):
+        # Catches a watermark that is drawn while it is replaced; ThreadSanitizer's build is the judge.
+        self.environment["ZU3_DISPLAY"] = "testcard"
+        said = self.run_program(judges.program("watermark_changes"), 1000, seconds=PATIENCE)
+        self.assertIn(" 0 refused", said)
+
+
 class Cycles(ShortEndToEndTest):
     COUNT = 40
 
