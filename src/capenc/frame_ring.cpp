@@ -223,20 +223,8 @@ u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameI
         return ZU_FAILURE;
     const std::lock_guard<std::mutex> ringLock(_ringMutex);
 
-    if (u32Event != ZU_VENC_EVENT_FRAME) {
-        SR_LOGE("eEvent Error!\n");
-        return ZU_OK;
-    }
-    if (pstFrame->u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY)
-        pstVenc->u32LastInBufIndex = pstFrame->u32InBufIndex;
-    if (pstFrame->pu8Data == nullptr && pstFrame->u32DataSize == 0) {
-        SR_LOGD("[ZU DEMO TRANSCODE] Drop Frame\n");
-        return ZU_OK;
-    }
-    if (pstFrame->pu8Data == nullptr || pstFrame->u32DataSize == 0) {
-        SR_LOGE("Invalid pu8Data\n");
-        return ZU_INVALID_ARGUMENT;
-    }
+    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc, SR_HERE))
+        return *answer;
     pstFrame->u64Pts = CaptureTimeOf(*pstFrame, SR_HERE);
     if (NoteFirstPts(pstVenc, pstFrame->u64Pts, SR_HERE))
         TakeIntoRing(*pstFrame, SR_HERE);

@@ -1,20 +1,19 @@
 #ifndef SCREENRECORD_CORE_NAME_COPY_H
 #define SCREENRECORD_CORE_NAME_COPY_H
 
-#include <cstdlib>
-#include <cstring>
+#include "core/log.h"
 
 #include <zu3/types.h>
 
-/** A heap copy of a NUL-terminated name, the caller's to free; NULL when there is no memory. */
-inline char* _SCREENRECORD_CopyName(const u8* pu8Name)
-{
-    const char* pName = reinterpret_cast<const char*>(pu8Name);
-    const size_t size = strlen(pName) + 1;
-    char* pCopy = static_cast<char*>(malloc(size));
-    if (pCopy != nullptr)
-        memcpy(pCopy, pName, size);
-    return pCopy;
-}
+/** A heap copy of a NUL-terminated name, the caller's to free; NULL when there is no memory, which is logged.
+ */
+char* _SCREENRECORD_CopyName(const u8* pu8Name, SCREENRECORD_Caller_s stCaller);
+
+/**
+ * Replaces a slot's copy of a source name by one of `pu8Name`.
+ * @return false when there is no name (the old copy stays) or no memory (the slot has none then); either is
+ * logged
+ */
+bool _SCREENRECORD_TakeSourceName(const u8* pu8Name, char** ppu8Copy, SCREENRECORD_Caller_s stCaller);
 
 #endif

@@ -24,11 +24,9 @@ u32 SCREENRECORD_Open(u32* pu32Handle, u8* pu8DstName)
                                 static_cast<SCREENRECORD_ZuModule_e>(u32Module));
     _SCREENRECORD_ClearSrcInfo(&stSlot.stSrcInfo);
 
-    stSlot.stSrcInfo.pu8DstName = _SCREENRECORD_CopyName(pu8DstName);
-    if (stSlot.stSrcInfo.pu8DstName == nullptr) {
-        SR_LOGE("[DEMO TRANSCODE] FAILED malloc memory!\n");
+    stSlot.stSrcInfo.pu8DstName = _SCREENRECORD_CopyName(pu8DstName, SR_HERE);
+    if (stSlot.stSrcInfo.pu8DstName == nullptr)
         return 0;
-    }
     if (strcmp(stSlot.stSrcInfo.pu8DstName, "wifi") == 0) {
         SR_LOGE("no support!!\n");
         SCREENRECORD_Close(pu32Handle);

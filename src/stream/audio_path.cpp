@@ -111,18 +111,10 @@ u32 SCREENRECORD_SetAudio(u32* pu32Handle, u8* pu8SrcName, u8* pu8AencType, u32*
     const ControlLock lock(_controlMutex);
     if (!_SCREENRECORD_CheckIdleSlot(pu32Handle, SR_HERE))
         return 0;
-    if (pu8SrcName == nullptr) {
-        SR_LOGE("Error: invalid Source name\n");
-        return 0;
-    }
     SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    free(stSrcInfo.pu8AudioSrcName);
-    stSrcInfo.pu8AudioSrcName = _SCREENRECORD_CopyName(pu8SrcName);
-    if (stSrcInfo.pu8AudioSrcName == nullptr) {
-        SR_LOGE("[DEMO TRANSCODE] FAILED malloc memory!\n");
+    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8AudioSrcName, SR_HERE))
         return 0;
-    }
     if (!TakeSource(stSrcInfo, pu8AencType, SR_HERE)) {
         SCREENRECORD_Close(pu32Handle);
         return 0;

@@ -2,8 +2,6 @@
 
 #include <zu3/tsmux.h>
 
-#include "core/recording_table.h"
-
 namespace {
 
 enum { MULTIPLEXER_BUSY_MS = 200 };
@@ -46,6 +44,26 @@ u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
 
 } // namespace
 
+std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
+                                             SCREENRECORD_TaskCtrl_s* pstVenc, SCREENRECORD_Caller_s stCaller)
+{
+    if (u32Event != ZU_VENC_EVENT_FRAME) {
+        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "eEvent Error!\n");
+        return ZU_OK;
+    }
+    if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY)
+        pstVenc->u32LastInBufIndex = stFrame.u32InBufIndex;
+    if (stFrame.pu8Data == nullptr && stFrame.u32DataSize == 0) {
+        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "[ZU DEMO TRANSCODE] Drop Frame\n");
+        return ZU_OK;
+    }
+    if (stFrame.pu8Data == nullptr || stFrame.u32DataSize == 0) {
+        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Invalid pu8Data\n");
+        return ZU_INVALID_ARGUMENT;
+    }
+    return std::nullopt;
+}
+
 u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void*)
 {
     if (pstFrame == nullptr)
@@ -59,20 +77,8 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
     const MiddlewareLock lock(
         pstVenc->s32MutexId); // without it the frame still goes on: there is one encoder thread
 
-    if (u32Event != ZU_VENC_EVENT_FRAME) {
-        SR_LOGE("eEvent Error!\n");
-        return ZU_OK;
-    }
-    if (pstFrame->u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY)
-        pstVenc->u32LastInBufIndex = pstFrame->u32InBufIndex;
-    if (pstFrame->pu8Data == nullptr && pstFrame->u32DataSize == 0) {
-        SR_LOGD("[ZU DEMO TRANSCODE] Drop Frame\n");
-        return ZU_OK;
-    }
-    if (pstFrame->pu8Data == nullptr || pstFrame->u32DataSize == 0) {
-        SR_LOGE("Invalid pu8Data\n");
-        return ZU_INVALID_ARGUMENT;
-    }
+    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc, SR_HERE))
+        return *answer;
     if (!EstablishOrigin(pstVenc, *pstFrame))
         return ZU_OK;
 

@@ -100,8 +100,8 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         return ZU_FAILURE;
     }
     pstTask->u32Handle = u32Handle;
-    // The pictures go to slot 0's encoder, and this one lends buffers: the inject buffer of an earlier capture-encode
-    // session went with its encoder.
+    // The pictures go to slot 0's encoder, and this one lends buffers: the inject buffer of an earlier
+    // capture-encode session went with its encoder.
     if (pstSlot == &_astSlotCtrl[0])
         _bUseEntireInjectBuf = 0;
     return ZU_OK;
@@ -163,18 +163,10 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
     const ControlLock lock(_controlMutex);
     if (!_SCREENRECORD_CheckIdleSlot(pu32Handle, SR_HERE))
         return 0;
-    if (pu8SrcName == nullptr) {
-        SR_LOGE("Error: invalid Source name\n");
-        return 0;
-    }
     SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    free(stSrcInfo.pu8VideoSrcName);
-    stSrcInfo.pu8VideoSrcName = _SCREENRECORD_CopyName(pu8SrcName);
-    if (stSrcInfo.pu8VideoSrcName == nullptr) {
-        SR_LOGE("[DEMO TRANSCODE] FAILED malloc memory!\n");
+    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName, SR_HERE))
         return 0;
-    }
     if (!TakeSource(stSrcInfo, pu8VencType)) {
         SR_LOGE("Error: invalid Venc Type\n");
         SCREENRECORD_Close(pu32Handle);
