@@ -5,7 +5,7 @@ import struct
 import unittest
 
 import judges
-from harness import ShortEndToEndTest
+from harness import SANITIZED, ShortEndToEndTest
 
 
 def luma_of(pixels):
@@ -68,6 +68,11 @@ class Shots(ShortEndToEndTest):
             self.assert_within(nv12[at:at + 2], wanted, 1.6)
             at = 2 * (y * self.width + x)
             self.assert_within((yuyv[at + 1], yuyv[at + 3]), wanted, 1.6)
+
+    def test_many_into_four_buffers(self):
+        # Catches a descriptor or a picture that each capture leaves behind.
+        if not SANITIZED:  # a sanitizer's own memory grows
+            self.run_program(judges.program("still_captures"), 100)
 
     def test_numbered_files(self):
         self.run_program(judges.program("screenrecord"), "shot", "-o", "n.png", "-n", "3", "--interval", "50")
