@@ -106,6 +106,8 @@ TEST_F(CloseRaces, StartAndStopUnderFire)
     mw.map_physical(0x5000, picture.data(), static_cast<u32>(picture.size()));
     mw.run_freely(true);
     mw.tolerate_problem("nobody ever registered"); // between a close and the next registration
+    // Once the handle is withdrawn a picture cannot be given back any more; it goes with its device.
+    mw.tolerate_problem("was never given back");
     std::atomic<bool> stop{false};
     ASSERT_TRUE(steps::record(0));
     std::future<u32> capture = mw.fire_on_thread([&] {
