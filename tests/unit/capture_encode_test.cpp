@@ -1,4 +1,6 @@
 /** The capture-encode interface and its watermark: control calls, conversions, failures. */
+#include <thread>
+
 #include <capenc/capture_encode.h>
 #include <capture/watermark.h>
 
@@ -252,8 +254,15 @@ TEST_F(CaptureEncode, TheWorkerIsReleasedOnlyWhenNoPictureIsBeingDrawn)
     std::future<u32> picture = mw.fire_on_thread(
         [&] { return mw.fire_picture({.luma = buffer.physical, .chroma = buffer.physical}); });
     ASSERT_TRUE(drawing.wait_for_arrivals());
-    mw.inside("ZU_CAP_DisconnectInput", [&] { drawing.open(); });
-    EXPECT_EQ(video_capenc_stop(), 0);
+    std::future<s32> stopped = std::async(std::launch::async, [] { return video_capenc_stop(); });
+    while (mw.count("ZU_CAP_DisconnectInput") == 0)
+        std::this_thread::yield();
+    for (int i = 0; i < 10000; i++) { // time enough for a stop that does not wait
+        ASSERT_EQ(mw.count("SrGlWorker::reset"), 0);
+        std::this_thread::yield();
+    }
+    drawing.open();
+    EXPECT_EQ(stopped.get(), 0);
     picture.get();
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
