@@ -23,9 +23,9 @@ std::optional<int> priority_of(std::string_view text)
 
 } // namespace
 
-LogFilter::LogFilter(const char* specification)
+LogFilter::LogFilter(const char* expressions)
 {
-    std::string_view rest = specification ? specification : "";
+    std::string_view rest = expressions ? expressions : "";
     while (true) {
         const size_t start = rest.find_first_not_of(separators);
         if (start == std::string_view::npos)

@@ -15,8 +15,8 @@ namespace zu3host {
  */
 class LogFilter {
 public:
-    /** Words that are no expression are left out; `specification` may be null. */
-    explicit LogFilter(const char* specification);
+    /** Words that are no expression are left out; `expressions` may be null. */
+    explicit LogFilter(const char* expressions);
 
     bool shows(int priority, std::string_view tag) const;
 
