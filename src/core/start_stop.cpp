@@ -79,22 +79,24 @@ u32 StartTsmux(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, SCREENRECORD_Cal
     return u32Result;
 }
 
+/** `pKind`: "VIDEO" or "AUDIO", for the log. */
+u32 StartReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, ZU_OS_TaskEntry pfnEntry, const char* pKind,
+                SCREENRECORD_Caller_s stCaller)
+{
+    const u32 u32Result =
+        _SCREENRECORD_CreateTask(pstTask, u32SlotId, SCREENRECORD_READER_STACK_SIZE, pfnEntry);
+    if (u32Result != ZU_OK)
+        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Failed to Create %s Src Reader Handler Task(...)!\n", pKind);
+    return u32Result;
+}
+
 u32 StartByModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, SCREENRECORD_Caller_s stCaller)
 {
-    u32 u32Result = ZU_OK;
     switch (pstTask->eModule) {
     case E_SCREENRECORD_MODULE_VIDEO_SRC_READER:
-        u32Result = _SCREENRECORD_CreateTask(pstTask, u32SlotId, SCREENRECORD_READER_STACK_SIZE,
-                                             _SCREENRECORD_VreaderTaskHandler);
-        if (u32Result != ZU_OK)
-            SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Failed to Create VIDEO Src Reader Handler Task(...)!\n");
-        return u32Result;
+        return StartReader(pstTask, u32SlotId, _SCREENRECORD_VreaderTaskHandler, "VIDEO", stCaller);
     case E_SCREENRECORD_MODULE_AUDIO_SRC_READER:
-        u32Result = _SCREENRECORD_CreateTask(pstTask, u32SlotId, SCREENRECORD_READER_STACK_SIZE,
-                                             _SCREENRECORD_AreaderTaskHandler);
-        if (u32Result != ZU_OK)
-            SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Failed to Create AUDIO Src Reader Handler Task(...)!\n");
-        return u32Result;
+        return StartReader(pstTask, u32SlotId, _SCREENRECORD_AreaderTaskHandler, "AUDIO", stCaller);
     case E_SCREENRECORD_MODULE_VCAP:
         return StartCapture(pstTask, stCaller);
     case E_SCREENRECORD_MODULE_ACAP:
