@@ -46,8 +46,11 @@ void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo)
 void _SCREENRECORD_ClearTable()
 {
     for (SCREENRECORD_SlotCtrl_s& stSlot : _astSlotCtrl) {
-        for (SCREENRECORD_TaskCtrl_s& stTask : stSlot.astTaskCtrl)
-            _SCREENRECORD_ResetTask(&stTask, E_SCREENRECORD_MODULE_VIDEO_SRC_READER);
+        // Each record knows its module also before the slot's first open: a source that is configured without
+        // one is then closed as what it is.
+        for (u32 u32Module = 0; u32Module < E_SCREENRECORD_MODULE_MAX; u32Module++)
+            _SCREENRECORD_ResetTask(&stSlot.astTaskCtrl[u32Module],
+                                    static_cast<SCREENRECORD_ZuModule_e>(u32Module));
         _SCREENRECORD_ClearSrcInfo(&stSlot.stSrcInfo);
         stSlot.u32SlotId = 0;
         stSlot.u64CapBufTotalSize = 0;
