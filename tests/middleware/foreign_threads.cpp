@@ -66,14 +66,22 @@ u32 Middleware::fire_picture(const middleware::Picture& picture)
 {
     Lock lock(state().mutex);
     const Target target = target_of(Kind::capture, picture.handle);
-    if (target.capture && !target.late)
-        state().devices.at(target.handle).pictures[picture.buffer]++;
-    lock.unlock();
-    if (!target.capture)
+    if (!target.capture) {
+        lock.unlock();
         return nobody("pictures");
+    }
+    Device& device = state().devices.at(target.handle);
+    if (!target.late)
+        device.pictures[picture.buffer]++;
+    device.pictures_on_their_way++;
+    lock.unlock();
     ZU_CAP_FrameInfo_t frame = {picture.buffer, 0, picture.luma, picture.chroma, 0};
     const LateCallback late(target.late);
-    return target.capture(static_cast<s32>(target.handle), picture.event, &frame, target.user_data);
+    const u32 answer =
+        target.capture(static_cast<s32>(target.handle), picture.event, &frame, target.user_data);
+    lock.lock();
+    device.pictures_on_their_way--;
+    return answer;
 }
 
 u32 Middleware::fire_encoded_frame(const EncodedFrame& frame)

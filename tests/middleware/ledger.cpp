@@ -50,7 +50,8 @@ void note_attachments(const Device& device, const std::string& name)
             problem(text(name, " is closed while media source ", hex(id), " is attached"));
     }
     for (const auto& [buffer, count] : device.pictures)
-        problem(text(name, " is closed and picture ", buffer, " was never given back"));
+        if (device.pictures_on_their_way == 0)
+            problem(text(name, " is closed and picture ", buffer, " was never given back"));
 }
 
 } // namespace

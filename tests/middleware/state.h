@@ -78,6 +78,7 @@ struct Device {
     std::map<u64, ZU_TSMUX_MediaSourceParams_t> sources = {};
     std::map<u8*, std::unique_ptr<u8[]>> lent = {};
     std::map<u32, int> pictures = {}; // capture buffers that the library holds
+    int pictures_on_their_way = 0;    // callbacks that have not returned: a close need not wait for them
 };
 
 struct Mapping {
