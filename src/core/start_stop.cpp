@@ -9,10 +9,12 @@
 
 namespace {
 
-/** Rounds up to a multiple of `u32Alignment`, a power of two. */
-u64 AlignUp(u64 u64Address, u32 u32Alignment)
+/** Rounds up to a multiple of `u32Alignment`, a power of two; 0 = the encoder did not say, so none is needed.
+ */
+u64 AlignUp(u32 u32Address, u32 u32Alignment)
 {
-    return ((u64Address - 1) | (static_cast<u64>(u32Alignment) - 1)) + 1;
+    const u64 u64Mask = u32Alignment != 0 ? u32Alignment - 1 : 0;
+    return (u32Address + u64Mask) & ~u64Mask;
 }
 
 u32 StartCapture(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
