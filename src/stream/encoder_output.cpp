@@ -22,7 +22,10 @@ u64 RelativePts(const SCREENRECORD_TaskCtrl_s* pstVenc, const ZU_VENC_FrameInfo_
 {
     if (stFrame.u64Pts == SCREENRECORD_NO_PTS || stFrame.u8FrameType == E_ZU_VENC_FRAME_TYPE_KEY)
         return SCREENRECORD_NO_PTS;
-    return stFrame.u64Pts - pstVenc->u64FirstPts;
+    u64 u64Relative = 0;
+    // Modulo 2^64 on purpose: a frame from before the origin keeps its distance from the others.
+    static_cast<void>(__builtin_sub_overflow(stFrame.u64Pts, pstVenc->u64FirstPts.Get(), &u64Relative));
+    return u64Relative;
 }
 
 /**
