@@ -18,10 +18,10 @@ std::string without_line_number(const LogLine& line)
 {
     const char letter = "??VDIWEFS"[std::clamp(line.priority, 0, 8)];
     std::string result = line.text;
-    const size_t number = result.find("][") + 1;
-    const size_t end = result.find(']', number);
-    if (result.starts_with('[') && number != 0 && end != std::string::npos)
-        result.erase(number, end + 1 - number);
+    const size_t bracket = result.find("][");
+    const size_t end = bracket == std::string::npos ? bracket : result.find(']', bracket + 1);
+    if (result.starts_with('[') && end != std::string::npos)
+        result.erase(bracket + 1, end - bracket);
     while (result.ends_with('\n'))
         result.pop_back();
     return std::string(1, letter) + " " + result;
