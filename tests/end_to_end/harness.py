@@ -174,13 +174,16 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def start_sound(cls):
-        """A sound server of its own, with one sink that nobody hears."""
+        """A sound server of its own, with two sinks that nobody hears, of which the first is in use."""
         socket = cls.path("pulse-socket")
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(socket)  # of a server that was killed
         server = cls.start("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
                            "--disable-shm=yes", "-L", "module-null-sink sink_name=test rate=48000",
+                           "-L", "module-null-sink sink_name=second rate=48000",
                            "-L", f"module-native-protocol-unix socket={socket} auth-anonymous=1")
         cls.environment["PULSE_SERVER"] = "unix:" + socket
-        del cls.environment["ZU3_AUDIO"]
+        cls.environment.pop("ZU3_AUDIO", None)
         wait_until(lambda: os.path.exists(socket) or server.process.poll() is not None, "the sound server's socket")
         # The sink renders two seconds ahead before it learns that somebody wants less; a listener makes it learn.
         listener = cls.start("parec", "-d", "test.monitor", "--raw", "--rate=8000", "--channels=1", "--latency-msec=10")

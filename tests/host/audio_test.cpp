@@ -1,18 +1,16 @@
-// Audio capture: exact samples and levels, sound in its place in time, and a sound server that comes and
-// goes.
+// Audio capture without a server: exact samples and levels, and sound in its place in time.
 #include "audio/capture_session.h"
 #include "audio/monotonic_time.h"
 #include "audio/session_reader.h"
 #include "audio/sound_placement.h"
-#include "host/sound_server.h"
 #include "statistics/counters.h"
 #include "zu3/acap.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <complex>
-#include <filesystem>
+#include <cmath>
+#include <numbers>
 #include <random>
 #include <thread>
 
@@ -35,45 +33,18 @@ template <typename Condition> bool wait_until(Condition condition)
     return true;
 }
 
-size_t threads()
-{
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
-/** The phase of a tone in each 10 ms of one channel's samples; a gap or a repetition shows as a step. */
-double greatest_step(const Samples& stereo, double frequency)
-{
-    constexpr size_t block = 480;
-    double greatest = 0, before = 0;
-    for (size_t start = 0; start + block <= stereo.size() / 2; start += block) {
-        std::complex<double> sum = 0;
-        for (size_t n = start; n < start + block; ++n)
-            sum += std::polar<double>(stereo[2 * n],
-                                      -2 * std::numbers::pi * frequency * static_cast<double>(n) / 48000);
-        if (start > 0)
-            greatest =
-                std::max(greatest, std::abs(std::remainder(std::arg(sum) - before, 2 * std::numbers::pi)));
-        before = std::arg(sum);
-    }
-    return greatest;
-}
-
-double power(const Samples& stereo, double frequency)
-{
-    std::complex<double> sum = 0;
-    for (size_t n = 0; n < stereo.size() / 2; ++n)
-        sum += std::polar<double>(stereo[2 * n],
-                                  -2 * std::numbers::pi * frequency * static_cast<double>(n) / 48000);
-    return std::abs(sum);
-}
-
 int peak(const Samples& samples)
 {
     int greatest = 0;
     for (const int16_t sample : samples)
         greatest = std::max(greatest, std::abs(int{sample}));
     return greatest;
+}
+
+/** Sample n of the tone that stands for sound. */
+double tone(size_t n)
+{
+    return 16000 * std::sin(2 * std::numbers::pi * 440 * static_cast<double>(n) / 48000);
 }
 
 /** An audio capture through the contract. */
@@ -119,17 +90,9 @@ public:
         EXPECT_TRUE(whole);
         return all;
     }
-    /** Reads until 50 ms that are loud, or silent, throughout were heard. */
-    bool wait_for(bool loud) const
-    {
-        return wait_until([&] { return (peak(gather(2400)) > 1000) == loud; });
-    }
 
     u32 handle = 0;
 };
-
-// --- what needs no server
-// -------------------------------------------------------------------------------------
 
 TEST(Tone, IsExactAndItsLevelFollowsTheClock)
 {
@@ -147,14 +110,12 @@ TEST(Tone, IsExactAndItsLevelFollowsTheClock)
 
     const Samples samples = capture.read(48000);
     ASSERT_EQ(samples.size(), 24000u);
-    const auto wanted = [](size_t n) {
-        return std::lround(16000 * std::sin(2 * std::numbers::pi * 440 * static_cast<double>(n) / 48000));
-    };
     size_t first = 0; // the reader was made a moment after the tone began
-    while (first < 1200 && !(wanted(first) == samples[0] && wanted(first + 1) == samples[2]))
+    while (first < 1200 &&
+           !(std::lround(tone(first)) == samples[0] && std::lround(tone(first + 1)) == samples[2]))
         ++first;
     for (size_t n = 0; n < samples.size() / 2; ++n) {
-        ASSERT_NEAR(samples[2 * n], wanted(first + n), 1) << n;
+        ASSERT_NEAR(samples[2 * n], tone(first + n), 1) << n;
         ASSERT_EQ(samples[2 * n], samples[2 * n + 1]) << n;
     }
     EXPECT_NEAR(counters().sound_level, 16000, 2);
@@ -174,9 +135,11 @@ TEST(AudioCapture, ScalesByTheVolumeAndTakesWholeFrames)
     EXPECT_EQ(counters().sound_level, 0u);
 }
 
-TEST(AudioCapture, RefusesWhatItCannotDo)
+TEST(AudioCapture, IsSilentWithoutASourceAndRefusesWhatItCannotDo)
 {
-    Capture capture("silence");
+    Capture capture("gramophone"); // is silent
+    capture.start();
+    EXPECT_EQ(peak(capture.gather(4800)), 0);
     u32 value = 0;
     ZU_ACAP_ReadResult_t result{};
     const ZU_ACAP_ReadRequest_t nowhere{nullptr, 4};
@@ -187,13 +150,6 @@ TEST(AudioCapture, RefusesWhatItCannotDo)
                              ZU_ACAP_Read(capture.handle, &nowhere, &result), ZU_ACAP_Start(0, &start),
                              ZU_ACAP_Stop(capture.handle + 1), ZU_ACAP_Close(0)})
         EXPECT_EQ(answer, ZU_INVALID_ARGUMENT);
-}
-
-TEST(AudioCapture, AnUnknownSourceIsSilence)
-{
-    Capture capture("gramophone");
-    capture.start();
-    EXPECT_EQ(peak(capture.gather(4800)), 0);
 }
 
 TEST(AudioCapture, ReadersOutliveTheCaptureAndFindTheNext)
@@ -208,8 +164,7 @@ TEST(AudioCapture, ReadersOutliveTheCaptureAndFindTheNext)
         second.start();
         ASSERT_TRUE(wait_until([&] { return reader->level() >= 400; }));
         ASSERT_EQ(reader->read(samples.data(), 400), 400u);
-        EXPECT_NEAR(samples[2], 16000 * std::sin(2 * std::numbers::pi * 440 / 48000), 1)
-            << "from the start on";
+        EXPECT_NEAR(samples[2], tone(1), 1) << "from the start on";
         EXPECT_EQ(ZU_ACAP_Stop(first.handle), ZU_OK);
         EXPECT_TRUE(audio_capture_running());
         ASSERT_TRUE(wait_until([&] { return reader->level() >= 400; })) << "the second still runs";
@@ -220,9 +175,6 @@ TEST(AudioCapture, ReadersOutliveTheCaptureAndFindTheNext)
         EXPECT_EQ(reader->read(samples.data(), std::min<size_t>(left, 96000)), std::min<size_t>(left, 96000));
     }
 }
-
-// --- sessions by a clock of the test's
-// ------------------------------------------------------------------------
 
 int64_t test_clock = 0;
 std::shared_ptr<CaptureSession> test_session;
@@ -249,15 +201,12 @@ TEST(SessionReader, LateOnesLoseTheOldestAndDisturbNoOther)
     EXPECT_EQ(counters().audio_bytes_lost, lost + 9'600 * 4);
     EXPECT_EQ(late.time_of_next_us(), 1'200'000);
     EXPECT_EQ(late.read(samples.data(), 8), 8u);
-    EXPECT_NEAR(samples[2], 16000 * std::sin(2 * std::numbers::pi * 440 * 9601 / 48000), 1);
+    EXPECT_NEAR(samples[2], tone(9601), 1);
 
     test_clock += 3'600'000'000; // an hour later, e.g. after the machine slept
     EXPECT_EQ(late.level(), 48'000u * 4);
     test_session.reset();
 }
-
-// --- pieces from a server, in their place
-// ---------------------------------------------------------------------
 
 /** A server whose clock runs `ppm` fast, seen with a jitter; frame n carries n, so that seams show. */
 class PieceStream {
@@ -350,97 +299,6 @@ TEST(SoundPlacement, FillsWhatIsMissingAndDropsWhatComesTooLate)
     for (int piece = 0; piece < 50; ++piece)
         stream.deliver(timeline, placement);
     EXPECT_EQ(at(timeline.end() - 1), (timeline.end() - 1) % 30000 + 1);
-}
-
-// --- a server of the test's own
-// -------------------------------------------------------------------------------
-
-class Pulse : public testing::Test {
-protected:
-    void SetUp() override { counters().sound_lost = 0; }
-
-    SoundServerPlace place_;
-};
-
-TEST_F(Pulse, WithoutAServerThereIsSilenceAtOnce)
-{
-    size_t before = 0;
-    for (int run = 0; run < 2;
-         ++run) { // the first leaves behind what a sanitizer starts with the first thread
-        Capture capture(nullptr);
-        const int64_t asked = monotonic_us();
-        capture.start();
-        EXPECT_LT(monotonic_us() - asked, 200'000) << "the server is not waited for";
-        EXPECT_EQ(peak(capture.gather(9600)), 0);
-        EXPECT_EQ(counters().sound_lost, 0u);
-        EXPECT_EQ(ZU_ACAP_Stop(capture.handle), ZU_OK);
-        before = run == 0 ? threads() : before;
-    }
-    EXPECT_TRUE(wait_until([&] { return threads() <= before; })) << "no thread is left";
-}
-
-TEST_F(Pulse, HearsWhatIsPlayedWhole)
-{
-    const Program server(place_.server());
-    const Program player(place_.player(440, "first"));
-    Capture capture(nullptr);
-    capture.start(); // perhaps before the server is up
-    ASSERT_TRUE(capture.wait_for(true));
-    capture.gather(48000); // the sink's own start
-    // A server that is kept waiting for half a second, as on a busy machine, delivers all of it later.
-    server.signal(SIGSTOP);
-    const int64_t stopped = monotonic_us();
-    ASSERT_TRUE(wait_until([&] { return monotonic_us() - stopped > 500'000; }));
-    server.signal(SIGCONT);
-    const Samples samples = capture.gather(3 * 48000);
-    EXPECT_LT(greatest_step(samples, 440), 0.1);
-
-    double strongest = 0;
-    for (double frequency = 400; frequency <= 480; frequency += 0.5)
-        strongest = power(samples, frequency) > power(samples, strongest) ? frequency : strongest;
-    EXPECT_NEAR(strongest, 440, 1);
-    EXPECT_NEAR(counters().sound_level, 12000, 400);
-}
-
-TEST_F(Pulse, SilenceFollowsAServerThatStopsOrDies)
-{
-    Program server(place_.server());
-    const Program player(place_.player(440, "first"));
-    Capture capture("pulse");
-    capture.start();
-    ASSERT_TRUE(capture.wait_for(true));
-
-    server.signal(SIGSTOP);
-    EXPECT_TRUE(capture.wait_for(false)) << "a server that hangs";
-    server.signal(SIGCONT);
-    EXPECT_TRUE(capture.wait_for(true)) << "and comes back to life";
-
-    server.kill();
-    EXPECT_TRUE(wait_until([&] { return capture.read(38400), counters().sound_lost == 1; }));
-    EXPECT_TRUE(capture.wait_for(false));
-    const int64_t from = monotonic_us();
-    capture.gather(24000);
-    EXPECT_NEAR(static_cast<double>(monotonic_us() - from), 500'000, 300'000) << "at the clock's rate";
-
-    const Program next_server(place_.server());
-    const Program next_player(place_.player(440, "first"));
-    EXPECT_TRUE(capture.wait_for(true)) << "the next server is found";
-}
-
-TEST_F(Pulse, FollowsTheDefaultOutput)
-{
-    std::vector<std::string> words = place_.server();
-    words.insert(words.end(), {"-L", "module-null-sink sink_name=second rate=48000"});
-    const Program server(words);
-    Capture capture("pulse");
-    capture.start();
-    const Program low(place_.player(440, "first")), high(place_.player(1000, "second"));
-    ASSERT_TRUE(capture.wait_for(true));
-    // An output's players follow the default as well, so that the other tone may be there too.
-    const auto hears = [&](double frequency) { return power(capture.gather(4800), frequency) > 4800 * 3000; };
-    EXPECT_TRUE(wait_until([&] { return hears(440) && !hears(1000); }));
-    const Program choice({"pactl", "set-default-sink", "second"});
-    EXPECT_TRUE(wait_until([&] { return hears(1000); }));
 }
 
 } // namespace

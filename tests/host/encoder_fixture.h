@@ -1,0 +1,176 @@
+#pragma once
+
+#include "capture/picture_leases.h"
+#include "capture/picture_time_scope.h"
+#include "common/picture_layout.h"
+#include "encoder/open_encoders.h"
+#include "encoder/rate_ceiling.h"
+#include "statistics/counters.h"
+#include "zu3/venc.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace zu3host {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+
+struct Frame {
+    Bytes bytes;
+    bool key;
+    uint64_t pts;
+    uint32_t index;
+    std::optional<uint64_t> time_in_callback;
+};
+
+/** Keeps what the encoder's callback gets; can hold a callback back. */
+class Receiver {
+public:
+    static u32 receive(s32, u32 event, ZU_VENC_FrameInfo_t* frame, void* receiver)
+    {
+        auto& self = *static_cast<Receiver*>(receiver);
+        std::unique_lock lock(self.mutex_);
+        EXPECT_EQ(event, u32{ZU_VENC_EVENT_FRAME});
+        self.frames.push_back({Bytes(frame->pu8Data, frame->pu8Data + frame->u32DataSize),
+                               frame->u8FrameType == 0xFF, frame->u64Pts, frame->u32InBufIndex,
+                               time_of_frame_in_callback()});
+        self.held_ = self.blocked_;
+        self.changed_.notify_all();
+        self.changed_.wait(lock, [&] { return !self.blocked_; });
+        self.held_ = false;
+        return 0;
+    }
+    void block(bool blocked)
+    {
+        const std::lock_guard lock(mutex_);
+        blocked_ = blocked;
+        changed_.notify_all();
+    }
+    bool wait_for_frames(size_t count)
+    {
+        return wait_for([&] { return frames.size() >= count; });
+    }
+    bool wait_until_held()
+    {
+        return wait_for([&] { return held_; });
+    }
+    size_t frame_count()
+    {
+        const std::lock_guard lock(mutex_);
+        return frames.size();
+    }
+
+    std::vector<Frame> frames;
+
+private:
+    template <typename Condition> bool wait_for(Condition condition)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 60s, condition); // a sanitizer on a busy machine is slow
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool blocked_ = false, held_ = false;
+};
+
+inline ZU_VENC_OpenParams_t params_of(uint32_t width, uint32_t height, u32 format = E_ZU_VENC_COLOR_COPY)
+{
+    ZU_VENC_OpenParams_t params{};
+    params.eColorFormat = format;
+    params.u32Width = width;
+    params.u32Height = height;
+    params.u32FrameRate = 30;
+    params.u32Bitrate = 1048576;
+    params.eCodecType = E_ZU_VENC_CODEC_H264;
+    params.pfnCallback = &Receiver::receive;
+    params.u32EventMask = ZU_VENC_EVENT_FRAME;
+    return params;
+}
+
+/** A texture that moves by three pixels a picture, with some noise of its own in each. */
+inline void draw(uint8_t* picture, PictureLayout layout, uint32_t number)
+{
+    uint32_t random = number * 2654435761u + 1;
+    for (uint32_t i = 0; i < layout.luma_bytes(); ++i) {
+        const uint32_t x = i % layout.stride + 3 * number, y = i / layout.stride;
+        random = random * 1664525u + 1013904223u;
+        picture[i] = static_cast<uint8_t>(100 + (x / 8 * 37 + y / 8 * 59) % 64 + (random >> 28));
+    }
+    std::fill(picture + layout.luma_bytes(), picture + layout.picture_bytes(), uint8_t{128});
+}
+
+/** An encoder that is closed at the end of its test. */
+class TestEncoder {
+public:
+    explicit TestEncoder(ZU_VENC_OpenParams_t params)
+        : layout(PictureLayout::of(params.u32Width, params.u32Height))
+    {
+        params.pUserData = &receiver;
+        EXPECT_EQ(ZU_VENC_Open(&params, &handle), ZU_OK);
+    }
+    ~TestEncoder()
+    {
+        receiver.block(false);
+        EXPECT_EQ(ZU_VENC_Close(handle), ZU_OK);
+        EXPECT_EQ(ZU_VENC_Stop(handle), ZU_INVALID_ARGUMENT);
+    }
+    void start()
+    {
+        const ZU_VENC_StartParams_t params{};
+        ASSERT_EQ(ZU_VENC_Start(handle, &params), ZU_OK);
+    }
+    ZU_VENC_InputBuffer_t lend()
+    {
+        ZU_VENC_InputBuffer_t buffer{};
+        EXPECT_EQ(ZU_VENC_QueryBuffer(handle, &buffer), ZU_OK);
+        EXPECT_EQ(buffer.u32DataSize, layout.picture_bytes());
+        return buffer;
+    }
+    /** Hands picture `number` over, stamped 1000 times its number. */
+    u32 feed(uint32_t number, bool as_key = false)
+    {
+        ZU_VENC_InputBuffer_t buffer = lend();
+        draw(buffer.pu8Data, layout, number);
+        buffer.u64Pts = number * 1000;
+        buffer.u32InBufIndex = number % 16;
+        buffer.bRequestIFrame = as_key;
+        return ZU_VENC_WriteBufferComplete(handle, &buffer);
+    }
+    /** Feeds pictures, each when the one before is encoded; their bits per second at 30 pictures per second.
+     */
+    double encode(uint32_t count)
+    {
+        double bytes = 0;
+        for (uint32_t i = 0; i < count; ++i) {
+            const size_t before = receiver.frame_count();
+            EXPECT_EQ(feed(static_cast<uint32_t>(before)), ZU_OK);
+            EXPECT_TRUE(receiver.wait_for_frames(before + 1));
+            bytes += static_cast<double>(receiver.frames.back().bytes.size());
+        }
+        return bytes * 8 * 30 / count;
+    }
+    /** Holds a frame's callback and fills the queue behind it. */
+    void fill()
+    {
+        receiver.block(true);
+        ASSERT_EQ(feed(0), ZU_OK);
+        ASSERT_TRUE(receiver.wait_until_held());
+        for (uint32_t number = 1; number <= 4; ++number)
+            ASSERT_EQ(feed(number), ZU_OK);
+    }
+
+    Receiver receiver; // outlives the encoder, whose thread calls it
+    PictureLayout layout;
+    u32 handle = 0;
+};
+
+} // namespace zu3host
