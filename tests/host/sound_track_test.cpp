@@ -1,4 +1,4 @@
-// Sound in recordings: where it lies against the pictures, and whether others can play what comes out.
+// Sound in recordings: where it lies against the pictures.
 #include "multiplexer/sound_track.h"
 #include "multiplexer_fixture.h"
 
@@ -140,79 +140,6 @@ TEST(SoundTrack, PresentsWhatWasHeardWhenItWasHeard)
         const int64_t burst_us = heard.pieces_us.back() + 200000;
         const double presented = presented_burst(*track, directory.path, burst_us + second_us);
         EXPECT_NEAR(presented, static_cast<double>(burst_us - heard.start_us), 1000) << heard.name;
-    }
-}
-
-std::vector<Bytes> split_access_units(const Bytes& stream)
-{
-    std::vector<Bytes> units;
-    size_t begin = 0;
-    for (size_t at = 4; at + 4 < stream.size(); ++at) {
-        const bool delimiter = stream[at] == 0 && stream[at + 1] == 0 && stream[at + 2] == 0 &&
-                               stream[at + 3] == 1 && (stream[at + 4] & 0x1f) == 9;
-        if (!delimiter)
-            continue;
-        units.emplace_back(stream.begin() + static_cast<ptrdiff_t>(begin),
-                           stream.begin() + static_cast<ptrdiff_t>(at));
-        begin = at;
-    }
-    units.emplace_back(stream.begin() + static_cast<ptrdiff_t>(begin), stream.end());
-    return units;
-}
-
-std::string output_of(const std::string& command)
-{
-    std::string text;
-    FILE* const pipe = popen(command.c_str(), "r");
-    char part[256];
-    while (pipe && std::fgets(part, sizeof part, pipe))
-        text += part;
-    EXPECT_TRUE(pipe && pclose(pipe) == 0) << command;
-    return text;
-}
-
-class Players : public MultiplexerModule {};
-
-// Catches a stream that our own checker likes and no player does.
-TEST_F(Players, FindAndDecodeEveryPictureAndTheSound)
-{
-    const Directory directory;
-    const std::string source = directory.path + "/source.264";
-    output_of("ffmpeg -v error -f lavfi -i testsrc2=s=320x240:r=25:d=4 -c:v libx264 -bf 0 -pix_fmt yuv420p "
-              "-b:v 600k "
-              "-maxrate 700k -bufsize 300k -x264-params aud=1:repeat-headers=1:keyint=25 " +
-              source);
-    std::ifstream file(source, std::ios::binary);
-    const Bytes stream{std::istreambuf_iterator<char>(file), {}};
-    for (const uint32_t packet_size : {188u, 192u}) {
-        for (const uint32_t rate : {0u, 1048576u}) {
-            const Region region(1 << 20);
-            Recording recording(open_params(region, packet_size, rate), true, true);
-            ASSERT_EQ(recording.start(), ZU_OK);
-            uint64_t now = 77000000;
-            for (const Bytes& unit : split_access_units(stream)) {
-                ASSERT_EQ(recording.push_captured(unit, now), ZU_OK);
-                recording.copy();
-                now += 40000;
-            }
-            ASSERT_EQ(ZU_TSMUX_DetachMediaSource(recording.handle, recording.pictures_id), ZU_OK);
-            recording.drain();
-            EXPECT_EQ(
-                text_of(
-                    transport_stream::check(recording.output, {packet_size, rate, false, false}).findings),
-                "");
-            const std::string name = directory.path + "/recording.ts";
-            std::ofstream(name, std::ios::binary)
-                .write(reinterpret_cast<const char*>(recording.output.data()),
-                       static_cast<std::streamsize>(recording.output.size()));
-            EXPECT_EQ(
-                output_of("ffprobe -v error -count_frames -show_entries stream=codec_name,nb_read_frames,"
-                          "r_frame_rate,channels,sample_rate -of csv=p=0 " +
-                          name + " 2>&1 | grep -v '^$' | sort -u"),
-                "aac,48000,2,0/0,185\nh264,25/1,100\n")
-                << packet_size << " " << rate;
-            EXPECT_EQ(output_of("ffmpeg -v warning -i " + name + " -f null - 2>&1"), "");
-        }
     }
 }
 

@@ -63,15 +63,25 @@ void erase_packet(Bytes& stream, const uint8_t* packet)
     stream.erase(at, at + packet_bytes);
 }
 
+void make_null(uint8_t* packet)
+{
+    packet[1] = 0x1f, packet[2] = 0xff, packet[3] = 0x10;
+}
+
+/** Changes every packet from `first` on that has a property. */
+template <typename Wanted, typename Change>
+void change_all(Bytes& stream, size_t first, Wanted wanted, Change change)
+{
+    for (size_t at = first * packet_bytes; at < stream.size(); at += packet_bytes)
+        if (wanted(&stream[at]))
+            change(&stream[at]);
+}
+
 /** Makes null packets of those of a PID, `count` of them from the middle on. */
 void blank(Bytes& stream, uint16_t pid, size_t count)
 {
-    while (count-- > 0) {
-        uint8_t* const packet = nth(stream, 0, [=](const uint8_t* p) { return pid_of(p) == pid; });
-        packet[1] = 0x1f;
-        packet[2] = 0xff;
-        packet[3] = 0x10;
-    }
+    while (count-- > 0)
+        make_null(nth(stream, 0, [=](const uint8_t* p) { return pid_of(p) == pid; }));
 }
 
 struct Defect {
@@ -96,17 +106,12 @@ const Defect defects[] = {
     {"200 ms without a program map", "table_repetition", [](Bytes& s) { blank(s, 0x1000, 2); }},
     {"no association table at all", "pat",
      [](Bytes& s) {
-         for (size_t at = 0; at < s.size(); at += packet_bytes) {
-             if (pid_of(&s[at]) == 0)
-                 s[at + 1] = 0x1f, s[at + 2] = 0xff;
-         }
+         change_all(
+             s, 0, [](const uint8_t* p) { return pid_of(p) == 0; }, make_null);
      }},
     {"time that jumps ahead", "pcr_discontinuity",
      [](Bytes& s) {
-         for (size_t at = s.size() / packet_bytes / 2 * packet_bytes; at < s.size(); at += packet_bytes) {
-             if (pid_of(&s[at]) == picture_pid && has_time(&s[at]))
-                 add_to_time(&s[at], 10 * 90000);
-         }
+         change_all(s, s.size() / packet_bytes / 2, has_time, [](uint8_t* p) { add_to_time(p, 10 * 90000); });
      }},
     {"150 ms without a time reference", "pcr_interval",
      [](Bytes& s) {
@@ -135,22 +140,17 @@ const Defect defects[] = {
     {"a wrong PES length", "pes", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[5] += 1; }},
     {"a stream that is not there", "missing_pid",
      [](Bytes& s) {
-         for (size_t at = 0; at < s.size(); at += packet_bytes) {
-             if (pid_of(&s[at]) == sound_pid)
-                 s[at + 1] = 0x1f, s[at + 2] = 0xff;
-         }
+         change_all(
+             s, 0, [](const uint8_t* p) { return pid_of(p) == sound_pid; }, make_null);
      }},
     {"a stream that nobody announced", "unknown_pid",
      [](Bytes& s) { of_pid(s, sound_pid, false)[2] = 0x33; }},
     {"a scrambled packet", "scrambled", [](Bytes& s) { of_pid(s, sound_pid, false)[3] |= 0x80; }},
     {"a beginning without an IDR picture", "first_unit",
      [](Bytes& s) {
-         for (size_t at = 0; at < s.size(); at += packet_bytes) {
-             if (pid_of(&s[at]) != picture_pid || !(s[at + 1] & 0x40))
-                 continue;
-             payload(&s[at])[14 + 23] = 0x41;
-             return;
-         }
+         change_all(
+             s, 0, [](const uint8_t* p) { return pid_of(p) == picture_pid && (p[1] & 0x40); },
+             [](uint8_t* p) { payload(p)[14 + 23] = 0x41; });
      }},
     {"a picture without a delimiter", "access_unit",
      [](Bytes& s) { payload(of_pid(s, picture_pid, true))[14 + 4] = 0x0c; }},
