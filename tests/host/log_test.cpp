@@ -58,44 +58,27 @@ TEST(Log, PrintsLogcatsBriefFormat)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
 }
 
-/** Standard error into a pipe that keeps every write apart. */
-class StderrPackets {
-public:
-    StderrPackets() : before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
-    {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
-        reader_ = FileDescriptor(ends[0]);
-        dup2(ends[1], STDERR_FILENO);
-        close(ends[1]);
-    }
-    ~StderrPackets() { end(); }
-    void end() { dup2(before_.get(), STDERR_FILENO); }
-    std::string next()
-    {
-        std::string packet(8192, '\0');
-        const ssize_t size = read(reader_.get(), packet.data(), packet.size());
-        packet.resize(size < 0 ? 0 : static_cast<size_t>(size));
-        return packet;
-    }
-
-private:
-    FileDescriptor before_;
-    FileDescriptor reader_;
-};
-
 // Catches a line that is written in pieces, which those of other threads would get into, and one that
 // overruns.
 TEST(Log, WritesALineAtOnceWhateverItsLength)
 {
-    StderrPackets packets;
+    const FileDescriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps every write apart
+    const FileDescriptor reader(ends[0]), writer(ends[1]);
+    dup2(writer.get(), STDERR_FILENO);
     const std::string endless(100000, 'x');
     std::thread other([] { __android_log_print(ANDROID_LOG_ERROR, "b", "%s", "short"); });
     other.join();
     __android_log_print(ANDROID_LOG_ERROR, "a", "%s", endless.c_str());
     __android_log_print(ANDROID_LOG_ERROR, "a", "%s", std::string(100000, '\n').append("x").c_str());
-    const std::string first = packets.next(), second = packets.next(), third = packets.next();
-    packets.end();
+    dup2(before.get(), STDERR_FILENO);
+    std::string lines[3];
+    for (std::string& line : lines) {
+        line.resize(8192);
+        line.resize(static_cast<size_t>(read(reader.get(), line.data(), line.size())));
+    }
+    const auto& [first, second, third] = lines;
     EXPECT_TRUE(first.starts_with("E/b ") && first.ends_with(": short\n")) << first;
     EXPECT_TRUE(second.starts_with("E/a ") && second.ends_with("xxx\n")) << second;
     EXPECT_GT(second.size(), 3000u);

@@ -1,18 +1,13 @@
 #pragma once
 
+#include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
-
-extern char** environ;
 
 /** A virtual X server of its own for a test, which DISPLAY names while it lives, and a client to draw with.
  */
@@ -20,20 +15,16 @@ class VirtualScreen {
 public:
     VirtualScreen(uint16_t width, uint16_t height)
     {
-        int number[2];
-        if (pipe(number) != 0)
+        const std::string size = std::to_string(width) + "x" + std::to_string(height);
+        // The shell tells its process id and becomes the server, which tells the display's number.
+        const std::string command =
+            "echo $$; exec Xvfb -displayfd 1 -screen 0 " + size + "x24 -nolisten tcp -noreset 2>/dev/null";
+        int number = 0;
+        server_ = popen(command.c_str(), "re");
+        if (!server_ || fscanf(server_, "%d %d", &pid_, &number) != 2)
             return;
-        const std::string size = std::to_string(width) + "x" + std::to_string(height) + "x24";
-        const std::string fd = std::to_string(number[1]);
-        const char* arguments[] = {"Xvfb",       "-displayfd", fd.c_str(), "-screen",  "0",
-                                   size.c_str(), "-nolisten",  "tcp",      "-noreset", nullptr};
-        if (posix_spawnp(&pid_, "Xvfb", nullptr, nullptr, const_cast<char**>(arguments), environ) != 0)
-            pid_ = 0;
-        close(number[1]);
-        const std::string display = ":" + first_line(number[0]);
-        close(number[0]);
-        setenv("DISPLAY", display.c_str(), 1);
-        client_ = xcb_connect(display.c_str(), nullptr);
+        setenv("DISPLAY", (":" + std::to_string(number)).c_str(), 1);
+        client_ = xcb_connect(nullptr, nullptr);
         if (!ready())
             return;
         root_ = xcb_setup_roots_iterator(xcb_get_setup(client_)).data->root;
@@ -49,15 +40,15 @@ public:
     VirtualScreen(const VirtualScreen&) = delete;
     VirtualScreen& operator=(const VirtualScreen&) = delete;
 
-    bool ready() const { return pid_ && !xcb_connection_has_error(client_); }
+    bool ready() const { return client_ && !xcb_connection_has_error(client_); }
 
     void kill_server()
     {
-        if (pid_ <= 0)
+        if (!server_)
             return;
         kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = 0;
+        pclose(server_);
+        server_ = nullptr;
     }
     /** Has the server answer nothing, until it is thawed. */
     void freeze() { kill(pid_, SIGSTOP); }
@@ -103,18 +94,10 @@ public:
     }
 
 private:
-    static std::string first_line(int fd)
-    {
-        constexpr int limit_ms = 20000;
-        std::string line;
-        pollfd readable{fd, POLLIN, 0};
-        for (char c = 0; poll(&readable, 1, limit_ms) > 0 && read(fd, &c, 1) == 1 && c != '\n';)
-            line += c;
-        return line;
-    }
     void finish() { std::free(xcb_get_input_focus_reply(client_, xcb_get_input_focus(client_), nullptr)); }
 
-    pid_t pid_ = 0;
+    FILE* server_ = nullptr;
+    int pid_ = 0;
     xcb_connection_t* client_ = nullptr;
     xcb_window_t root_ = 0;
     xcb_gcontext_t gc_ = 0;
