@@ -42,6 +42,28 @@ class WatermarkChanges(ShortEndToEndTest):
         self.assertIn(" 0 refused", said)
 
 
+class CallbackRaces(ShortEndToEndTest):
+    PROCESSES, COUNT = 5, 100 if SANITIZED else 20
+
+    def test_everything_calls_back_while_it_is_started_and_stopped(self):
+        # Catches what two threads touch at once; the sanitizers are the judges.
+        self.start_display("320x240")
+        self.environment |= {"ZU3_AUDIO": "tone", "ANDROID_LOG_TAGS": "*:S"}
+        running = []
+        for number in range(self.PROCESSES):
+            os.mkdir(self.path(f"races{number}"))
+            running.append(self.start(judges.program("callback_races"), self.path(f"races{number}"), self.COUNT))
+        for races in running:
+            self.assert_exit(races, 0, PATIENCE + self.COUNT)
+            print(races.output().strip())
+
+
+class ManyCallbackRaces(LongEndToEndTest):
+    PROCESSES, COUNT = 5, 1000
+    test_everything_calls_back_while_it_is_started_and_stopped = (
+        CallbackRaces.test_everything_calls_back_while_it_is_started_and_stopped)
+
+
 class Cycles(ShortEndToEndTest):
     COUNT = 40
 

@@ -1,0 +1,206 @@
+/**
+ * Starts and stops everything that calls back, COUNT times, while other threads never cease to call in: for
+ * ThreadSanitizer, and for what hangs or refuses afterwards.
+ *
+ *   callback_races FOLDER COUNT [SEED]
+ *
+ * Each cycle records screen and sound on slot 1 and, on slot 0, by turns, the same, the capture-encode
+ * pipeline, or still pictures, the last two with PCM. Four threads take frames and PCM, change the watermark,
+ * and tune the encoder all the time, also while it is opened, stopped and closed. Prints the cycles and what
+ * came of them; exit code 0 when every start and stop succeeded and something came of everything. A call that
+ * hangs ends it by SIGALRM.
+ */
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "common/picture_layout.h"
+#include <screenrecord/screenrecord.h>
+#include <srglworker/SrGlWorker.h>
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr uint32_t width = 160, height = 96, rate = 120;
+constexpr unsigned hang_seconds = 60;
+
+struct Came {
+    std::atomic<long> frames{0}, pcm_bytes{0}, watermarks{0}, tunings{0}, stills{0}, recordings{0};
+};
+
+class Logo : public android::IMemory {
+public:
+    void* pointer() const override { return const_cast<uint8_t*>(bytes_.data()); }
+    size_t size() const override { return bytes_.size(); }
+
+private:
+    std::vector<uint8_t> bytes_ = std::vector<uint8_t>(32 * 32 * 4, 0x90);
+};
+
+/** Threads that do not know, or care, what is open. */
+class Intruders {
+public:
+    explicit Intruders(Came& came) : came_(came)
+    {
+        add([this, frame = std::vector<uint8_t>(video_capenc_getMaxEsSize())](unsigned) mutable {
+            CapEnc_EsInfo info = {};
+            came_.frames +=
+                video_capenc_getES(frame.data(), frame.size(), &info) == 0 && info.u64DataSize != 0;
+        });
+        add([this, samples = std::vector<uint8_t>(1024)](unsigned) mutable {
+            uint64_t size = 0;
+            if (audio_cap_getPCM(samples.data(), samples.size(), &size) == 0)
+                came_.pcm_bytes += static_cast<long>(size);
+        });
+        add([this, logo = android::sp<android::IMemory>(new Logo)](unsigned turn) {
+            const android::sp<android::WatermarkParams> watermark(new android::WatermarkParams);
+            watermark->spMemory = turn % 5 == 0 ? android::sp<android::IMemory>() : logo;
+            watermark->u32Width = watermark->u32Height = 32;
+            watermark->s32X = static_cast<int32_t>(turn % 200) - 20;
+            came_.watermarks += video_capenc_setWatermark(*watermark) == 0;
+        });
+        add([this](unsigned turn) {
+            came_.tunings += video_capenc_setBitRate(500'000 + turn % 7 * 100'000) == 0;
+            video_capenc_requestKeyFrame();
+            turn % 8 == 0 ? video_capenc_pause() : video_capenc_resume();
+        });
+    }
+    ~Intruders()
+    {
+        done_ = true;
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+
+private:
+    template <typename Call> void add(Call call)
+    {
+        threads_.emplace_back([this, call]() mutable {
+            for (unsigned turn = 0; !done_; ++turn) {
+                call(turn);
+                std::this_thread::sleep_for(milliseconds(1)); // the locks are the main thread's as well
+            }
+        });
+    }
+
+    Came& came_;
+    std::atomic<bool> done_{false};
+    std::vector<std::thread> threads_;
+};
+
+class Cycles {
+public:
+    Cycles(const std::string& folder, Came& came, uint32_t seed) : folder_(folder), came_(came), random_(seed)
+    {
+        const auto layout = zu3host::PictureLayout::of(width, height);
+        std::ofstream(folder_ + "/raw.nv12", std::ios::binary)
+            << std::string(layout.picture_bytes() * 20, 'x');
+    }
+
+    /** One cycle; which step failed, or null. */
+    const char* run(int number)
+    {
+        if (!record(1, folder_ + "/raw.nv12"))
+            return "a start on slot 1";
+        const char* failed = nullptr;
+        switch (number % 3) {
+        case 0:
+            failed =
+                record(0, "cap") && (live(), SCREENRECORD_Close(slot(0))) ? nullptr : "a recording on slot 0";
+            ++came_.recordings;
+            break;
+        case 1:
+            failed = with_pcm([this] { return encode(); }) ? nullptr : "capture-encode with PCM";
+            break;
+        case 2:
+            failed = with_pcm([this] { return take_stills(); }) ? nullptr : "stills with PCM";
+            break;
+        }
+        ++came_.recordings;
+        if (number % 2 && !SCREENRECORD_Stop(slot(1)))
+            return "a stop on slot 1";
+        return SCREENRECORD_Close(slot(1)) ? failed : "a close on slot 1";
+    }
+
+private:
+    uint32_t* slot(uint32_t number) { return &(slots_[number] = number); }
+    static uint8_t* bytes(std::string& text) { return reinterpret_cast<uint8_t*>(text.data()); }
+
+    /** Long enough for callbacks in most cycles, and for none in some. */
+    void live() { std::this_thread::sleep_for(milliseconds(random_() % 4 * 10)); }
+
+    bool record(uint32_t number, std::string pictures)
+    {
+        std::string file = folder_ + "/slot" + std::to_string(number) + ".ts", sound = "cap";
+        uint32_t columns = width, lines = height, frames = rate, packet = 188;
+        return SCREENRECORD_Open(slot(number), bytes(file)) &&
+               SCREENRECORD_SetAudio(slot(number), bytes(sound), nullptr, nullptr) &&
+               SCREENRECORD_SetVideo(slot(number), bytes(pictures), nullptr, &columns, &lines, &frames) &&
+               SCREENRECORD_SetTsMux(slot(number), &packet, nullptr) && SCREENRECORD_Start(slot(number));
+    }
+    template <typename Pictures> bool with_pcm(Pictures pictures)
+    {
+        const bool sound = audio_cap_open() == 0 && audio_cap_start() == 0;
+        const bool done = pictures();
+        return (random_() % 2 || audio_cap_stop() == 0) && audio_cap_close() == 0 && sound && done;
+    }
+    bool encode()
+    {
+        CapEnc_OpenParams params = {width, height, rate, 1'000'000, 1, 0x200, 0};
+        const bool started = video_capenc_open(&params) == 0 && video_capenc_start(0) == 0;
+        live();
+        const bool stopped = random_() % 2 || video_capenc_stop() == 0;
+        return video_capenc_close() == 0 && started && stopped;
+    }
+    bool take_stills()
+    {
+        Cap_OpenParams params = {width, height, E_CAP_OUTPUT_FMT_BGRA, 1, 2};
+        bool taken = video_cap_open(&params) == 0;
+        for (int i = 0; i < 2; ++i)
+            taken = taken && video_cap_captureScreen(i) == 0;
+        came_.stills += 2 * taken;
+        return video_cap_close() == 0 && taken;
+    }
+
+    const std::string folder_;
+    Came& came_;
+    std::minstd_rand random_;
+    uint32_t slots_[2] = {};
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 3)
+        return fprintf(stderr, "usage: callback_races FOLDER COUNT [SEED]\n"), 2;
+    const int count = atoi(argv[2]);
+    const auto seed =
+        argc > 3 ? static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)) : std::random_device()();
+    fprintf(stderr, "seed %u\n", seed);
+    if (!SCREENRECORD_Init())
+        return fprintf(stderr, "SCREENRECORD_Init failed\n"), 1;
+    Came came;
+    {
+        const Intruders intruders(came);
+        Cycles cycles(argv[1], came, seed);
+        for (int number = 0; number < count; ++number) {
+            alarm(hang_seconds);
+            if (const char* failed = cycles.run(number))
+                return fprintf(stderr, "%s failed in cycle %d\n", failed, number), _exit(1), 1;
+        }
+    }
+    printf(
+        "%d cycles: %ld recordings, %ld frames, %ld bytes of PCM, %ld watermarks, %ld tunings, %ld stills\n",
+        count, came.recordings.load(), came.frames.load(), came.pcm_bytes.load(), came.watermarks.load(),
+        came.tunings.load(), came.stills.load());
+    return !SCREENRECORD_DeInit() || !came.frames || !came.pcm_bytes || !came.watermarks || !came.stills;
+}
