@@ -28,8 +28,25 @@ std::string folder_of(const std::string& path)
     return folder.empty() ? "." : folder.string();
 }
 
+/** Whether the last part of a path may be a symbolic link: only where nobody but the kernel makes them. */
+bool link_is_trusted(const std::string& path)
+{
+    return path.starts_with("/proc/") || path.starts_with("/dev/fd/");
+}
+
+/** A new file that only its owner may read, whatever the umask; none where anything of that name is. */
+UniqueFd create_private(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (fd)
+        fchmod(fd.get(), 0600);
+    return fd;
+}
+
 void check_existing(const std::string& path, const struct stat& found, bool overwrite)
 {
+    if (S_ISLNK(found.st_mode))
+        fail(path, "it is a symbolic link, which somebody may have planted; remove it or name its target");
     if (S_ISDIR(found.st_mode))
         fail(path, "it is a folder");
     if (S_ISREG(found.st_mode) && !overwrite)
@@ -48,7 +65,7 @@ bool is_standard_output(const std::string& path)
 void check_output_path(const std::string& path, bool overwrite)
 {
     struct stat found = {};
-    if (stat(path.c_str(), &found) == 0)
+    if ((link_is_trusted(path) ? stat : lstat)(path.c_str(), &found) == 0)
         return check_existing(path, found, overwrite);
     if (errno != ENOENT)
         fail(path, error_text(errno));
@@ -62,11 +79,23 @@ void check_output_path(const std::string& path, bool overwrite)
 OutputFile::OutputFile(std::string path, bool overwrite) : path_(std::move(path))
 {
     check_output_path(path_, overwrite);
-    fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    fd_ = create_private(path_);
     created_ = static_cast<bool>(fd_);
     if (!fd_ && errno == EEXIST)
-        fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NONBLOCK));
+        open_existing(overwrite);
     if (!fd_)
+        fail(path_, error_text(errno));
+}
+
+void OutputFile::open_existing(bool overwrite)
+{
+    const int links = link_is_trusted(path_) ? 0 : O_NOFOLLOW;
+    fd_ = UniqueFd(open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | links));
+    if (!fd_ || !regular())
+        return;
+    if (!overwrite) // it came after the check
+        fail_for_existing(path_);
+    if (ftruncate(fd_.get(), 0) != 0)
         fail(path_, error_text(errno));
 }
 
@@ -88,10 +117,11 @@ bool OutputFile::regular() const
     return fstat(fd_.get(), &now) == 0 && S_ISREG(now.st_mode);
 }
 
-WholeFile::WholeFile(std::string path, unsigned mode) : path_(std::move(path))
+WholeFile::WholeFile(std::string path) : path_(std::move(path))
 {
     beside_ = path_ + format_text(".%d.part", static_cast<int>(getpid()));
-    fd_ = UniqueFd(open(beside_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
+    unlink(beside_.c_str()); // what a killed process of this number, or somebody who guessed it, left there
+    fd_ = create_private(beside_);
     if (!fd_) {
         beside_.clear();
         fail(path_, error_text(errno));

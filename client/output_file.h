@@ -12,13 +12,13 @@ bool is_standard_output(const std::string& path);
 
 /**
  * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that cannot be
- * written, a file that exists without `overwrite`. Creates nothing.
+ * written, a symbolic link, a file that exists without `overwrite`. Creates nothing.
  */
 void check_output_path(const std::string& path, bool overwrite);
 
 /**
- * An output file under its final name, filled as time goes by. Created by us, or emptied where `overwrite`
- * allows it; one that we created and that is still empty at the end is removed again.
+ * An output file under its final name, filled as time goes by, for its owner alone. Created by us, or emptied
+ * where `overwrite` allows it; one that we created and that is still empty at the end is removed again.
  */
 class OutputFile {
 public:
@@ -35,6 +35,8 @@ public:
     bool regular() const;
 
 private:
+    void open_existing(bool overwrite);
+
     std::string path_;
     UniqueFd fd_;
     bool created_ = false;
@@ -46,9 +48,8 @@ private:
  */
 class WholeFile {
 public:
-    /** Throws Failure when nothing can be created beside `path`. @param mode permission bits, before the
-     * umask */
-    explicit WholeFile(std::string path, unsigned mode = 0666);
+    /** Throws Failure when nothing can be created beside `path`. Only its owner may read it. */
+    explicit WholeFile(std::string path);
     WholeFile(const WholeFile&) = delete;
     WholeFile& operator=(const WholeFile&) = delete;
     ~WholeFile();

@@ -83,7 +83,7 @@ StatusReport::~StatusReport()
 
 void StatusReport::write_status_file(const std::string& object)
 {
-    WholeFile file(status_file_, 0600);
+    WholeFile file(status_file_);
     file.write((object + "\n").data(), object.size() + 1);
     file.put_in_place(true);
 }

@@ -148,11 +148,11 @@ class EndToEndTest(unittest.TestCase):
         self.assertEqual(running.wait(seconds), code, running.errors())
 
     @classmethod
-    def start_display(cls, size="1280x720"):
+    def start_display(cls, size="1280x720", *options):
         """A display of its own for the class; the started server."""
         reader, writer = os.pipe()
         server = cls.start("Xvfb", "-displayfd", writer, "-screen", "0", size + "x24", "-nolisten", "tcp",
-                           "-noreset", pass_fds=[writer])
+                           "-noreset", *options, pass_fds=[writer])
         os.close(writer)
         with os.fdopen(reader) as numbers:
             if not select.select([numbers], [], [], PATIENCE)[0]:

@@ -57,21 +57,33 @@ TEST_F(Files, ReadBackWhatWasWrittenBeyondFourGigabytes)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches data kept back in the process, a file that children inherit, and one that all the world may change.
+// Catches data kept back in the process, a file that children inherit or others may read, and a planted link
+// that has somebody's file overwritten, or made.
 TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
 {
-    const mode_t before = umask(0);
-    const int next_fd = dup(STDERR_FILENO);
-    close(next_fd);
-    const u32 file = ZU_FS_Fopen(path("out").c_str(), "wb");
-    umask(before);
-    EXPECT_TRUE(fcntl(next_fd, F_GETFD) & FD_CLOEXEC);
-    EXPECT_EQ(ZU_FS_Fwrite("abc", 3, 1, file), 1);
-    struct stat status {};
-    ASSERT_EQ(stat(path("out").c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, 3);
-    EXPECT_EQ(status.st_mode & 0777, 0664u);
-    EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
+    for (const mode_t mask : {0u, 0777u}) {
+        const mode_t before = umask(mask);
+        const int next_fd = dup(STDERR_FILENO);
+        close(next_fd);
+        const u32 file = ZU_FS_Fopen(path("out").c_str(), "wb");
+        umask(before);
+        EXPECT_TRUE(fcntl(next_fd, F_GETFD) & FD_CLOEXEC);
+        EXPECT_EQ(ZU_FS_Fwrite("abc", 3, 1, file), 1);
+        struct stat status {};
+        ASSERT_EQ(stat(path("out").c_str(), &status), 0);
+        EXPECT_EQ(status.st_size, 3);
+        EXPECT_EQ(status.st_mode & 0777, 0600u);
+        EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
+        for (const char* target : {"out", "nobody's"}) {
+            std::filesystem::remove(path("link"));
+            std::filesystem::create_symlink(path(target), path("link"));
+            for (const char* mode : {"wb", "ab", "r+b"})
+                EXPECT_EQ(ZU_FS_Fopen(path("link").c_str(), mode), 0u) << target << mode;
+        }
+        EXPECT_EQ(std::filesystem::file_size(path("out")), 3u);
+        EXPECT_FALSE(std::filesystem::exists(path("nobody's")));
+        std::filesystem::remove(path("out"));
+    }
 }
 
 /** Lets no file of this process grow beyond `bytes`, as a disk that fills up. */

@@ -2,6 +2,7 @@
 
 #include "audio/monotonic_time.h"
 #include "audio/pcm_reader.h"
+#include "audio/pulse_memory.h"
 
 namespace zu3host {
 
@@ -26,6 +27,7 @@ PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
         fail("no memory for a connection");
         return;
     }
+    keep_pulse_memory_from_children();
     pa_context_set_state_callback(context_, context_changed, this);
     if (pa_context_connect(context_, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
         fail_as_context_says();
@@ -82,9 +84,10 @@ void PulseConnection::close_stream()
 void PulseConnection::stream_changed(pa_stream* stream, void* self)
 {
     const pa_stream_state_t state = pa_stream_get_state(stream);
-    if (state == PA_STREAM_READY)
+    if (state == PA_STREAM_READY) {
+        keep_pulse_memory_from_children();
         connection(self).listener_.connected();
-    else if (!PA_STREAM_IS_GOOD(state))
+    } else if (!PA_STREAM_IS_GOOD(state))
         connection(self).fail_as_context_says();
 }
 

@@ -14,9 +14,8 @@ namespace zu3host {
 
 namespace {
 
-// The umask decides as for any program, but a recording of somebody's screen is never for everybody to
-// change.
-constexpr mode_t new_file_mode = 0664;
+// A recording of somebody's screen is for nobody else to read, whatever the umask.
+constexpr mode_t new_file_mode = 0600;
 
 // The most that one read or write of Linux moves.
 constexpr size_t greatest_transfer = 0x7ffff000;
@@ -33,10 +32,32 @@ bool is_directory(int fd)
     return fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+/** Whether the last part of a name may be a symbolic link: only where nobody but the kernel makes them. */
+bool link_is_trusted(std::string_view name)
+{
+    return name.starts_with("/proc/") || name.starts_with("/dev/fd/") || name.starts_with("/dev/std");
+}
+
+/** Opens a file, or makes one; -1 and errno. A link that somebody planted where a file is to be written is
+ * refused. */
+FileDescriptor open_or_create(const char* name, int flags)
+{
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (writes && !link_is_trusted(name) ? O_NOFOLLOW : 0);
+    if (flags & O_CREAT) {
+        FileDescriptor fresh(::open(name, flags | O_EXCL, new_file_mode));
+        if (fresh)
+            fchmod(fresh.get(), new_file_mode); // the umask may have taken even the owner's rights
+        if (fresh || errno != EEXIST)
+            return fresh;
+    }
+    return FileDescriptor(::open(name, flags & ~O_CREAT));
+}
+
 /** Opens without waiting; afterwards reads and writes wait as usual. */
 FileDescriptor open_now(const char* name, int flags)
 {
-    FileDescriptor fd(::open(name, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, new_file_mode));
+    FileDescriptor fd = open_or_create(name, flags);
     if (!fd)
         return fd;
     if (is_directory(fd.get())) {
@@ -95,7 +116,9 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
 {
     FileDescriptor fd = open_now(name, flags);
     if (!fd) {
-        HOST_LOGE("Cannot open \"%s\": %s.", name, strerror(errno));
+        HOST_LOGE("Cannot open \"%s\": %s.", name,
+                  errno == ELOOP ? "it is a symbolic link, which is not followed for writing"
+                                 : strerror(errno));
         return nullptr;
     }
     return std::make_shared<OpenFile>(name, std::move(fd));
@@ -162,8 +185,8 @@ bool OpenFile::seek(int64_t offset, int whence)
 
 bool OpenFile::close()
 {
-    // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a close is
-    // to be over in a moment. What the medium does not take shows at the next use of the file.
+    // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
+    // close is to be over in a moment. What the medium does not take shows at the next use of the file.
     int error = 0;
     if (written_ && is_regular(fd_.get()))
         sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
