@@ -116,20 +116,6 @@ def is_idr(unit):
     return re.search(rb"\x00\x00\x01[\x05\x25\x45\x65]", unit) is not None
 
 
-def measured_rate(path, packet_size):
-    """Bits per second between the first and the last PCR (ISO/IEC 13818-1, 2.4.3.5), counted in 188-byte packets."""
-    with open(path, "rb") as file:
-        data = file.read()
-    references = []
-    for number in range(len(data) // packet_size):
-        packet = data[(number + 1) * packet_size - 188:(number + 1) * packet_size]
-        if packet[3] & 0x20 and packet[4] >= 7 and packet[5] & 0x10:
-            base = int.from_bytes(packet[6:11], "big") >> 7
-            references.append((number, base * 300 + (int.from_bytes(packet[10:12], "big") & 0x1FF)))
-    (first, begin), (last, end) = references[0], references[-1]
-    return (last - first) * 188 * 8 * 27e6 / (end - begin)
-
-
 def dump_screen(display):
     """What xwd sees: a picture in the order blue, green, red, unused, and its size."""
     dump = _run(["xwd", "-root", "-silent", "-display", display])

@@ -1,0 +1,77 @@
+"""The form of recorded transport streams, as three readers that do not know of each other see it."""
+
+import os
+import re
+import subprocess
+import unittest
+
+import judges
+from harness import EndToEndTest, LongEndToEndTest
+
+
+def count_with_ffprobe(path):
+    """The pictures that ffmpeg decodes, without a word of complaint."""
+    said = subprocess.run(["ffprobe", "-v", "error", "-count_frames", "-select_streams", "v", "-show_entries",
+                           "stream=nb_read_frames", "-of", "csv=p=0", path], capture_output=True, check=True, text=True)
+    if said.stderr:
+        raise AssertionError(f"{path}: {said.stderr}")
+    return int(said.stdout.split()[0].strip(","))
+
+
+def count_with_gstreamer(path):
+    """The access units that GStreamer's demultiplexer and parser find."""
+    said = subprocess.run(["gst-launch-1.0", "-v", "filesrc", "location=" + path, "!", "tsdemux", "!", "h264parse", "!",
+                           "video/x-h264,alignment=au", "!", "fakesink", "silent=false", "sync=false"],
+                          capture_output=True, check=True, text=True)
+    return len(re.findall(r"last-message = chain\b", said.stdout))
+
+
+def count_with_checker(path):
+    said = subprocess.run([judges.program("ts_check"), path], capture_output=True, check=False, text=True).stdout
+    return int(re.search(r"type 0x1b: \d+ packets, (\d+) access units", said)[1])
+
+
+class ThreeReaders(EndToEndTest):
+    """Both packet sizes and kinds of rate at once, with sound, long enough for every period in the stream."""
+
+    SECONDS = 20
+    FORMS = [(188, None), (192, None), (188, 2), (192, 2)]
+    FPS = int(os.environ.get("SCREENRECORD_STREAM_FPS", "30"))
+
+    @classmethod
+    def prepare(cls):
+        cls.environment["ZU3_AUDIO"] = "tone"
+        cls.start_display("640x360")
+        cls.start_screen("--fps", "60")
+
+    def test_agree_and_find_no_error(self):
+        running = []
+        for packet_size, rate in self.FORMS:
+            name = f"{packet_size}.{rate}.ts"
+            options = ["--rate", rate] if rate else []
+            running.append((name, packet_size, rate, self.client(
+                "record", "-r", self.FPS, "-t", self.SECONDS, "--packet-size", packet_size, *options, "-o", name)))
+        for name, packet_size, rate, recording in running:
+            self.assert_exit(recording, 0, self.SECONDS + 20)
+            with self.subTest(name):
+                path = self.path(name)
+                options = ["--rate", str(rate * 1048576)] if rate else []
+                # Priorities 1 and 2 of TR 101 290; PCR and tables at most 100 ms apart, at a constant rate PCR at most
+                # 40 ms apart and within 500 ns.
+                self.assertEqual(judges.check_packets(path, "--packet-size", str(packet_size), *options), "")
+                counts = [count(path) for count in (count_with_checker, count_with_ffprobe, count_with_gstreamer)]
+                print(f"{name}: {counts[0]} pictures in {self.SECONDS} s")
+                self.assertEqual(counts, counts[:1] * 3)
+                self.assertGreater(counts[0], self.SECONDS * self.FPS * 0.9)
+                self.assertEqual(judges.streams(path)["audio"]["codec_name"], "aac")
+
+
+class ThreeReadersForTenMinutes(LongEndToEndTest):
+    SECONDS = int(os.environ.get("SCREENRECORD_STREAM_SECONDS", "600"))
+    FORMS, FPS = ThreeReaders.FORMS, ThreeReaders.FPS
+    prepare = classmethod(ThreeReaders.prepare.__func__)
+    test_agree_and_find_no_error = ThreeReaders.test_agree_and_find_no_error
+
+
+if __name__ == "__main__":
+    unittest.main()
