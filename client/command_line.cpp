@@ -23,7 +23,7 @@ constexpr const char* exit_codes =
     "  0  complete\n"
     "  1  failed, no usable file was made\n"
     "  2  the command line is wrong\n"
-    "  3  ended early (disk full, display gone) with a usable file\n\n"
+    "  3  ended early (disk full, display gone) with a usable file, or without all of its sound\n\n"
     "Environment:\n"
     "  DISPLAY           the X display that is captured\n"
     "  ZU3_DISPLAY       x11 or testcard (a moving test card, no display needed)\n"

@@ -171,7 +171,8 @@ private:
         }
         if (wav_)
             surroundings_.output.print_line(sink_.path());
-        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+        const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
+        return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
     }
 
     const PcmOptions& options_;

@@ -150,6 +150,8 @@ private:
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the last batch is written by the close
             problem_ = watch.problem();
+        if (!problem_ && watch.lost_sound())
+            problem_ = "the sound server went away for a while: " + file.path() + " is silent there";
     }
 
     bool at_end(TimePoint end, RecordWatch& watch, const OutputFile& file)

@@ -50,6 +50,12 @@ std::optional<std::string> RecordWatch::growth_problem()
     return "cannot write to " + file_.path() + " any more: the disk is full";
 }
 
+bool RecordWatch::lost_sound() const
+{
+    const auto now = read_statistics();
+    return now && before_ && now->sound_lost && !before_->sound_lost;
+}
+
 std::optional<std::string> RecordWatch::problem()
 {
     const auto now = read_statistics();

@@ -24,6 +24,8 @@ public:
      * away is no such reason: the platform says so in its log, and silence is recorded.
      */
     std::optional<std::string> problem();
+    /** Whether the sound server went away since the recording was started. */
+    bool lost_sound() const;
 
 private:
     std::optional<std::string> write_problem(const zu3_host_statistics_t& now) const;

@@ -235,7 +235,7 @@ class DisplayKilled(ShortEndToEndTest, PlayableMixin):
         recording = self.client("record", "-o", "a.ts")
         wait_until(lambda: size_of(self.path("a.ts")) > 0, "the first batch")
         server.kill()
-        self.assert_exit(recording, 3, 10 if SANITIZED else 2)
+        self.assert_exit(recording, 3, 10 if SANITIZED else 1)
         self.assertIn("DISPLAY", recording.errors())
         self.assert_plays(self.path("a.ts"))
 
@@ -260,7 +260,7 @@ class FullDisk(ShortEndToEndTest, PlayableMixin):
         path = os.path.join(folder, "a.ts")
         recording = self.client("record", "-o", path)
         wait_until(lambda: os.statvfs(folder).f_bavail == 0, "the disk to be full")
-        self.assert_exit(recording, 3, 10 if SANITIZED else 1.5)
+        self.assert_exit(recording, 3, 10 if SANITIZED else 1)
         self.assertRegex(recording.errors(), "(?i)space|full")
         self.assert_plays_as_far_as_written(path)
 

@@ -12,7 +12,7 @@ import unittest
 import wave
 
 import judges
-from harness import EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
+from harness import SANITIZED, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
 
 RATE = 48000
 
@@ -193,7 +193,7 @@ class SoundServerChanges(ShortEndToEndTest):
         wait_until(lambda: self.hears(440) and not self.hears(1000), "the next server's default output")
         self.run_program("pactl", "set-default-sink", "second")
         wait_until(lambda: self.hears(1000), "another default output")
-        self.assertEqual(self.raw.stop(), 0, self.raw.errors())
+        self.assertEqual(self.raw.stop(), 3, self.raw.errors())
 
 
 class SoundServers(ShortEndToEndTest):
@@ -222,8 +222,9 @@ class SoundServers(ShortEndToEndTest):
         path = self.path("dies.ts")
         wait_until(lambda: os.path.exists(path) and os.path.getsize(path) > 0, "the first batch")
         server.kill()
-        pass_time(1.5)
-        self.assertEqual(recording.stop(), 0, recording.errors())
+        wait_until(lambda: "sound server went away" in recording.errors(), "word of it", 10 if SANITIZED else 1)
+        pass_time(0.5)
+        self.assertEqual(recording.stop(), 3, recording.errors())
         self.assert_has_sound_and_picture(path)
 
 
