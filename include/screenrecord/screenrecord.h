@@ -20,7 +20,8 @@
  *
  * Why a call failed is said in the Android log under the tag "screenrecord".
  *
- * Functions with plain names can be called from C; the SCREENRECORD_ functions are C++ functions.
+ * All of it can be used from C and from C++, but for video_capenc_setWatermark, which takes a C++ object. The
+ * SCREENRECORD_ functions have C++ names in the library; C finds them by those.
  */
 #ifndef SCREENRECORD_SCREENRECORD_H
 #define SCREENRECORD_SCREENRECORD_H
@@ -29,20 +30,25 @@
 
 #define SCREENRECORD_EXPORT __attribute__((visibility("default")))
 
+/** The name that a C++ compiler gives to a function, for the C compiler, which would not make it. */
 #ifdef __cplusplus
+#define SCREENRECORD_CXX_NAME(name)
+#else
+#define SCREENRECORD_CXX_NAME(name) __asm__(name)
+#endif
 
 /**
  * Brings the library up: initialises the middleware's modules and reads their capabilities. Needed once
  * before the other SCREENRECORD_ functions; further calls do nothing.
  * @return 1 on success, 0 when a module could not be initialised (those that were are released again)
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_Init(void);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_Init(void) SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_Initv");
 
 /**
  * Closes both slots and releases the modules that SCREENRECORD_Init initialised. Always ends uninitialised.
  * @return 1 when both slots closed well, else 0 (also when the library was not initialised)
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_DeInit(void);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_DeInit(void) SCREENRECORD_CXX_NAME("_Z19SCREENRECORD_DeInitv");
 
 /**
  * Opens a slot: resets it and creates the output file, truncating one that exists. The slot must be closed; a
@@ -51,7 +57,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_DeInit(void);
  * @param pu8DstName NUL-terminated file name, copied; "wifi" is refused
  * @return 1 on success, 0 on failure (the slot is closed)
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu8DstName);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu8DstName)
+    SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_OpenPjPh");
 
 /**
  * Chooses the video of an open slot and opens the encoder and its source. Before SCREENRECORD_SetTsMux.
@@ -67,7 +74,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t* pu8SrcName,
                                                    uint8_t* pu8VencType, uint32_t* pu32Width,
-                                                   uint32_t* pu32Height, uint32_t* pu32FrameRate);
+                                                   uint32_t* pu32Height, uint32_t* pu32FrameRate)
+    SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetVideoPjPhS0_S_S_S_");
 
 /**
  * Chooses the audio of an open slot and opens its source. Before SCREENRECORD_SetTsMux.
@@ -80,7 +88,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t
  * slot
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t* pu8SrcName,
-                                                   uint8_t* pu8AencType, uint32_t* pu32BitWidth);
+                                                   uint8_t* pu8AencType, uint32_t* pu32BitWidth)
+    SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetAudioPjPhS0_S_");
 
 /**
  * Opens the multiplexer of a slot whose video or audio is configured; the last step before
@@ -93,14 +102,16 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t
  * closes the slot
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetTsMux(uint32_t* pu32Handle, uint32_t* pu32TsPacketSize,
-                                                   uint32_t* pu32CbrBitrateMb);
+                                                   uint32_t* pu32CbrBitrateMb)
+    SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetTsMuxPjS_S_");
 
 /**
  * Starts a configured slot. On a running slot it starts what does not run yet and succeeds.
  * @param pu32Handle slot, 0 or 1
  * @return 1 when the slot records, 0 on failure; a module that cannot be started closes the slot
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_Start(uint32_t* pu32Handle);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_Start(uint32_t* pu32Handle)
+    SCREENRECORD_CXX_NAME("_Z18SCREENRECORD_StartPj");
 
 /**
  * Stops capture and encoder of a slot. The multiplexer goes on writing what it holds until the slot is
@@ -108,7 +119,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Start(uint32_t* pu32Handle);
  * @param pu32Handle slot, 0 or 1
  * @return 1 on success (also when nothing ran), 0 on failure
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle)
+    SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_StopPj");
 
 /**
  * Stops a slot, writes what is left, closes everything that it holds and its file. Harmless on a closed slot.
@@ -116,7 +128,10 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle);
  * @return 1 when the stop and the file's close succeeded, else 0; the slot is closed in either case, unless
  * the handle is bad or the library not initialised
  */
-SCREENRECORD_EXPORT uint32_t SCREENRECORD_Close(uint32_t* pu32Handle);
+SCREENRECORD_EXPORT uint32_t SCREENRECORD_Close(uint32_t* pu32Handle)
+    SCREENRECORD_CXX_NAME("_Z18SCREENRECORD_ClosePj");
+
+#ifdef __cplusplus
 
 namespace android {
 class WatermarkParams;
