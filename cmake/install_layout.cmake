@@ -1,0 +1,14 @@
+# Where things are installed. Everything that names a place names it relative to where itself is, so that the installed
+# tree can be moved.
+#
+#   runtime      the libraries
+#   client       the program, its manual page and completions
+#   development  the public header, pkg-config and CMake files, examples
+#   contract     the headers of the platform contract, for those who bring a platform of their own
+include(GNUInstallDirs)
+set(PACKAGE_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/screenrecord)
+set(PACKAGE_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# Apart from other headers: some of them stand in for Android's of the same name.
+set(CONTRACT_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/screenrecord-contract)
+file(RELATIVE_PATH LIBDIR_FROM_BINDIR ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH PREFIX_FROM_PKGCONFIGDIR ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
