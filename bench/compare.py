@@ -1,117 +1,154 @@
 #!/usr/bin/env python3
-"""Records one moving screen with this client, with ffmpeg and with GStreamer, by turns, and compares what it costs.
+"""
+Records one screen with this client, with ffmpeg, with GStreamer and with the floor, by turns, and compares what they cost.
 
-    bench/compare.py [--build DIR] [--size WxH] [--fps N] [--seconds N] [--rounds N] [--static]
+    bench/compare.py [--rounds N] [--seconds N] [--only CASE,...] [--json FILE] [--plot FILE.svg] [--build DIR]
 
-All encode with x264 at the same settings: veryfast, zerolatency, constant quality under the same ceiling, a key frame
-every two seconds, one thread, no sound. Prints the median CPU seconds (the recorder's own, from its resource usage) and
-peak resident memory of each, and the ratios within a round, whose median says more than that of the times: a machine's
-speed drifts. A recording with fewer than 99% of its frames is said so. A recorder that is not installed is left out.
+All encode with x264 at the same settings, which is checked from what x264 writes into the streams: veryfast, zerolatency,
+the same rate control, a key frame every two seconds, one thread, no sound. The floor is bench_floor: shared-memory image,
+one colour conversion, x264 and nothing else. Ratios are taken within a round, since a machine's speed drifts, and their
+median is compared with what is wanted. The report ends with PASS or FAIL a line; the exit code is 1 when a line fails.
+docs/performance.md says what each case is and what to beware of.
 """
 
 import argparse
+import contextlib
+import json
 import os
-import shutil
-import signal
 import statistics
-import subprocess
 import sys
 import tempfile
 
+import plot
+import recorders
+from measuring import BusyLoops, Display, latencies, record
+from recorders import FLOOR, OURS, PEERS
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+MOVING, STILL, STAMPED = ["--fps", "60"], ["--static"], ["--fps", "50", "--stamps", "500"]
+
+# name: size, pictures per second, what the screen shows, busy loops beside it, who records
+CASES = {
+    "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
+    "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
+    "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS]),
+    "latency": ("1280x720", 30, STAMPED, 0, [OURS, *PEERS]),
+    "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
+    "busy60": ("1920x1080", 60, MOVING, 6, [OURS, *PEERS]),
+}
+
+LESS, MORE = "at most", "at least"
+# What is wanted: words, case, figure, against whom ("peers" is the best of them), limit, aim
+WANTED = [
+    ("CPU, 720p", "720p", "cpu", "peers", LESS, 0.85, 0.80),
+    ("CPU, 1080p", "1080p", "cpu", "peers", LESS, 0.85, 0.80),
+    ("CPU against the floor, 720p", "720p", "cpu", FLOOR, LESS, 1.10, 1.04),
+    ("CPU against the floor, 1080p", "1080p", "cpu", FLOOR, LESS, 1.10, 1.04),
+    ("CPU, still screen, all pictures encoded", "still", "cpu", "peers", LESS, 0.65, 0.55),
+    ("resident memory, 720p", "720p", "memory", "peers", LESS, 0.95, 0.85),
+    ("resident memory, 1080p", "1080p", "memory", "peers", LESS, 1.00, 0.92),
+    ("latency, median", "latency", "median", "peers", LESS, 0.85, 0.78),
+    ("latency, 99th percentile", "latency", "p99", "peers", LESS, 1.00, 0.80),
+    ("frames, 1080p30, two busy loops", "busy30", "share", None, MORE, 0.99, 1.00),
+    ("frames per second, 1080p60, six busy loops", "busy60", "fps", "peers", MORE, 1.20, 1.40),
+    ("X server's CPU against the floor's, 720p", "720p", "server", FLOOR, LESS, 1.10, 1.00),
+    ("X server's CPU against the floor's, 1080p", "1080p", "server", FLOOR, LESS, 1.10, 1.00),
+    ("size of the file, 720p", "720p", "size", "peers", LESS, 1.05, 1.00),
+    ("size of the file, 1080p", "1080p", "size", "peers", LESS, 1.05, 1.00),
+]
 
 
-def start_display(programs, size, static):
-    """An X server of our own with something moving on it; returns its name and what is to be ended."""
-    reader, writer = os.pipe()
-    server = subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", f"{size}x24", "-nolisten", "tcp"],
-                              pass_fds=[writer], stderr=subprocess.DEVNULL)
-    os.close(writer)
-    with os.fdopen(reader) as numbers:
-        display = ":" + numbers.readline().strip()
-    options = ["--static"] if static else ["--fps", "60"]
-    screen = subprocess.Popen([f"{programs}/moving_screen", *options], env={**os.environ, "DISPLAY": display},
-                              stdout=subprocess.PIPE)
-    screen.stdout.read(1)  # it says when it shows
-    return display, [screen, server]
+def measure(case, name, options, display, folder):
+    """One recorder's turn in one round."""
+    size, fps, screen, loops, _ = CASES[case]
+    task = recorders.Task(f"{options.build}/bin", size, fps, options.seconds)
+    environment = recorders.environment(task)
+    if screen is STAMPED:
+        values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))
+        return {"median": statistics.median(values), "p99": values[int(0.99 * (len(values) - 1))], "frames": len(values)}
+    path = f"{folder}/{case}-{name}.{'h264' if name == FLOOR else 'ts'}"
+    # Under load GStreamer slips: its time is up before it has its pictures.
+    end_after = options.seconds if loops and name == "gstreamer" else None
+    with BusyLoops(loops) if loops else contextlib.nullcontext():
+        found = record(recorders.recording(name, task, path), environment, path, display, end_after)
+    found["share"] = min(found["frames"] / task.frames, 1)
+    if not loops and found["share"] < 1:
+        print(f"  {case}, {name}: {found['frames']} of {task.frames} frames")
+    return found
 
 
-def commands(programs, options, path):
-    """Command line and environment of each recorder; all of them end by themselves or at SIGINT."""
-    width, height = options.size.split("x")
-    fps, keyint = str(options.fps), str(2 * options.fps)
-    x264 = "ref=1:vbv-maxrate=4500:vbv-bufsize=2250:threads=1:sliced-threads=0"
-    caps = f"video/x-raw,format=I420,framerate={fps}/1"
-    return {
-        "screenrecord": ([f"{programs}/screenrecord", "record", "-y", "--no-audio", "-s", options.size, "-r", fps, "-t",
-                          str(options.seconds), "-o", path], {"ZU3_X264_THREADS": "1", "ZU3_X264_KEYINT": keyint}),
-        "ffmpeg": (["ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "x11grab", "-framerate", fps, "-video_size",
-                    options.size, "-i", os.environ.get("BENCH_DISPLAY", ""), "-t", str(options.seconds), "-c:v", "libx264",
-                    "-preset", "veryfast", "-tune", "zerolatency", "-crf", "23", "-g", keyint, "-pix_fmt", "yuv420p",
-                    "-x264-params", x264, "-f", "mpegts", path], {}),
-        "gstreamer": (["gst-launch-1.0", "-q", "-e", "ximagesrc", "use-damage=false",
-                       f"num-buffers={options.seconds * options.fps}", "!", f"video/x-raw,framerate={fps}/1", "!",
-                       "videoconvert", "!", caps, "!", "x264enc", "speed-preset=veryfast", "tune=zerolatency",
-                       "pass=quant", "quantizer=23", f"key-int-max={keyint}", "threads=1", "sliced-threads=false", "!",
-                       "mpegtsmux", "!", "filesink", f"location={path}"], {}),
-    }
+def measure_case(case, options, folder):
+    """All rounds of a case: a list of {recorder: figures}."""
+    size, _, screen, _, names = CASES[case]
+    names = [name for name in names if recorders.installed(name)]
+    rounds = []
+    for number in range(options.rounds):
+        turn = number % len(names)
+        with Display(f"{options.build}/bin", size, screen) as display:
+            rounds.append({name: measure(case, name, options, display, folder) for name in names[turn:] + names[:turn]})
+    if screen is not STAMPED:
+        kinds = {"floor": "h264"}
+        settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names}
+        for key, values in recorders.differences(settings).items():
+            print(f"  {case}: x264's {key} differs: {values}")
+    return rounds
 
 
-def frames_in(path):
-    found = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v", "-count_packets", "-show_entries",
-                            "stream=nb_read_packets", "-of", "csv=p=0", path], capture_output=True, text=True, check=False)
-    return int(found.stdout.split()[0].strip(",")) if found.stdout.strip() else 0
+def compare(wanted, rounds):
+    """The median of the ratios within each round; without an opponent the worst round's figure itself."""
+    _, _, figure, against, sense, _, _ = wanted
+    if against is None:
+        return min(one[OURS][figure] for one in rounds)
+    opponents = PEERS if against == "peers" else [against]
+    best = min if sense == LESS else max
+    ratios = [one[OURS][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
+    return statistics.median(ratios)
 
 
-def record(command, environment, path, wanted):
-    """Runs one recorder to its end; its CPU seconds, peak KiB, file size and frames."""
-    process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.DEVNULL)
-    _, status, usage = os.wait4(process.pid, 0)
-    if status != 0:
-        sys.exit(f"compare.py: {command[0]} failed with status {status}")
-    frames = frames_in(path)
-    if frames < 0.99 * wanted:
-        print(f"  {os.path.basename(command[0])}: only {frames} of {wanted} frames")
-    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss, os.path.getsize(path), frames
+def report(results):
+    """Prints what was measured and how it compares; the lines as a list for the file and the plot."""
+    for case, rounds in results.items():
+        print(f"{case}: {CASES[case][0]} at {CASES[case][1]} per second, {len(rounds)} rounds, medians")
+        for name in CASES[case][4]:
+            if name in rounds[0]:
+                figures = {key: statistics.median(one[name][key] for one in rounds) for key in rounds[0][name]}
+                print(f"  {name:13}" + "".join(f"  {key} {value:.2f}" for key, value in figures.items()))
+    lines = []
+    for wanted in WANTED:
+        words, case, _, _, sense, limit, aim = wanted
+        if case not in results:
+            continue
+        ratio = compare(wanted, results[case])
+        reached = [ratio <= value if sense == LESS else ratio >= value for value in (limit, aim)]
+        verdict = "PASS, aim reached" if all(reached) else "PASS" if reached[0] else "FAIL"
+        lines.append({"what": words, "ratio": ratio, "sense": sense, "limit": limit, "aim": aim, "verdict": verdict})
+        print(f"{words:45} {ratio:5.2f}  {sense} {limit:.2f}, aim {aim:.2f}  {verdict}")
+    return lines
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", default=f"{ROOT}/build/release")
-    parser.add_argument("--size", default="1280x720")
-    parser.add_argument("--fps", type=int, default=30)
     parser.add_argument("--seconds", type=int, default=8)
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--static", action="store_true")
+    parser.add_argument("--only", type=lambda text: text.split(","), default=list(CASES))
+    parser.add_argument("--json")
+    parser.add_argument("--plot")
     options = parser.parse_args()
-    programs = f"{options.build}/bin"
-
-    display, processes = start_display(programs, options.size, options.static)
-    os.environ["DISPLAY"] = os.environ["BENCH_DISPLAY"] = display
-    results = {}
-    try:
-        with tempfile.TemporaryDirectory() as folder:
-            for _ in range(options.rounds):
-                for name, (command, environment) in commands(programs, options, f"{folder}/a.ts").items():
-                    if shutil.which(command[0]):
-                        measured = record(command, environment, f"{folder}/a.ts", options.seconds * options.fps)
-                        results.setdefault(name, []).append(measured)
-    finally:
-        for process in processes:
-            process.send_signal(signal.SIGTERM)
-            process.wait()
-
-    peers = [name for name in results if name != "screenrecord"]
-    print(f"{options.size} at {options.fps} per second, {options.seconds} s, {options.rounds} rounds"
-          + (", still screen" if options.static else ", moving screen"))
-    for name, rounds in results.items():
-        cpu, memory, size, frames = (statistics.median(column) for column in zip(*rounds))
-        print(f"  {name:13} {cpu:6.2f} CPU s  {memory / 1024:6.1f} MiB  {size / 1024:7.0f} KiB  {frames:.0f} frames")
-    for index, what in ((0, "CPU"), (1, "memory")):
-        ratios = [ours[index] / min(results[peer][i][index] for peer in peers)
-                  for i, ours in enumerate(results["screenrecord"])] if peers else []
-        if ratios:
-            print(f"  {what} against the better peer: {statistics.median(ratios):.2f}")
+    if unknown := set(options.only) - set(CASES):
+        parser.error(f"no such case: {', '.join(unknown)}; there are {', '.join(CASES)}")
+    if missing := [name for name in PEERS if not recorders.installed(name)]:
+        parser.error(f"{' and '.join(missing)} must be installed to be compared with")
+    with tempfile.TemporaryDirectory() as folder:
+        results = {case: measure_case(case, options, folder) for case in options.only}
+    lines = report(results)
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump({"seconds": options.seconds, "cases": results, "lines": lines}, file, indent=1)
+    if options.plot:
+        with open(options.plot, "w", encoding="utf-8") as file:
+            file.write(plot.draw(results, lines))
+    sys.exit(any(line["verdict"] == "FAIL" for line in lines))
 
 
 if __name__ == "__main__":

@@ -1,9 +1,11 @@
 /**
  * Covers the X display of DISPLAY with moving content whose fixed parts a test can check.
  *
- *   moving_screen [--fps N] [--seconds N] [--noise] [--static] | --check
+ *   moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | --check
  *
  *   --fps N      pictures per second, 30 unless said
+ *   --stamps N   show the time instead of the picture's number, drawn N times a second, a multiple of the
+ * fps: of the monotonic clock in units of 100 us, its lowest 32 bits
  *   --seconds N  end after so long; unless said, when the display dies or the program is killed
  *   --noise      random pixels everywhere, new ones in every picture: what costs an encoder most
  *   --static     draw one picture and leave it
@@ -31,6 +33,7 @@ namespace {
 
 struct Options {
     int fps = 30;
+    int stamps = 0;
     int seconds = 0;
     bool noise = false;
     bool still = false;
@@ -49,12 +52,15 @@ bool parse(int argc, char** argv, Options& options)
             options.check = true;
         else if (argument == "--fps" && i + 1 < argc)
             options.fps = atoi(argv[++i]);
+        else if (argument == "--stamps" && i + 1 < argc)
+            options.stamps = atoi(argv[++i]);
         else if (argument == "--seconds" && i + 1 < argc)
             options.seconds = atoi(argv[++i]);
         else
             return false;
     }
-    return options.fps > 0 && options.seconds >= 0;
+    return options.fps > 0 && options.seconds >= 0 && options.stamps >= 0 &&
+           options.stamps % options.fps == 0;
 }
 
 class MovingScreen {
@@ -68,14 +74,22 @@ public:
     }
 
     /** Draws picture `number` out of sight and shows it at once, so that no capture sees half of it. */
-    void show(uint32_t number)
+    void show(uint32_t number, uint32_t shown_number)
     {
         if (noise_[0])
             draw_noise(number);
         else
             draw_shapes(number);
-        draw_fixed(number);
+        draw_patches();
+        draw_number(shown_number);
         screen_.copy(picture_, screen_.window, 0, 0, {0, 0, screen_.width, screen_.height});
+    }
+
+    /** Shows another number in the picture that is on the screen. */
+    void show_number(uint32_t number)
+    {
+        draw_number(number);
+        screen_.copy(picture_, screen_.window, 64, 224, {64, 224, 512, 16});
     }
 
 private:
@@ -116,11 +130,15 @@ private:
         screen_.fill(picture_, 0xe0c020, {x, static_cast<int16_t>(screen_.height / 2 + 64), 96, 96});
     }
 
-    void draw_fixed(uint32_t number)
+    void draw_patches()
     {
         screen_.fill(picture_, 0xff0000, {64, 64, 128, 128});
         screen_.fill(picture_, 0xffffff, {256, 64, 128, 128});
         screen_.fill(picture_, 0x000000, {448, 64, 128, 128});
+    }
+
+    void draw_number(uint32_t number)
+    {
         screen_.fill(picture_, 0x000000, {48, 208, 544, 48});
         for (int bit = 0; bit < 32; ++bit)
             if (number >> bit & 1)
@@ -139,7 +157,8 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parse(argc, argv, options)) {
-        fprintf(stderr, "usage: moving_screen [--fps N] [--seconds N] [--noise] [--static] | --check\n");
+        fprintf(stderr, "usage: moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | "
+                        "--check\n");
         return 2;
     }
     XScreen screen;
@@ -151,7 +170,7 @@ int main(int argc, char** argv)
         return 0;
     MovingScreen content(screen, options.noise);
     screen.show();
-    content.show(0);
+    content.show(0, 0);
     screen.finish();
     puts("ready");
     fflush(stdout);
@@ -162,11 +181,17 @@ int main(int argc, char** argv)
         screen.wait_until(end);
         return 0;
     }
+    const int rate = options.stamps ? options.stamps : options.fps;
+    const auto per_picture = static_cast<uint32_t>(rate / options.fps);
     for (uint32_t number = 1;; ++number) {
-        const int64_t due = start + number * int64_t{1'000'000'000} / options.fps;
+        const int64_t due = start + number * int64_t{1'000'000'000} / rate;
         if (due >= end || !screen.wait_until(due))
             return 0;
-        content.show(number);
+        const auto shown = options.stamps ? static_cast<uint32_t>(XScreen::now_ns() / 100'000) : number;
+        if (number % per_picture == 0)
+            content.show(number / per_picture, shown);
+        else
+            content.show_number(shown);
         screen.flush();
     }
 }

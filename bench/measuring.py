@@ -1,0 +1,136 @@
+"""Starts displays, load and recorders, and takes what they cost."""
+
+import glob
+import os
+import signal
+import subprocess
+import time
+
+
+class Display:
+    """An X server of its own with something moving on it; DISPLAY while it is open."""
+
+    def __init__(self, programs, size, screen_options):
+        reader, writer = os.pipe()
+        self.server = subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", f"{size}x24", "-nolisten", "tcp"],
+                                       pass_fds=[writer], stderr=subprocess.DEVNULL)
+        os.close(writer)
+        with os.fdopen(reader) as numbers:
+            os.environ["DISPLAY"] = ":" + numbers.readline().strip()
+        self.screen = subprocess.Popen([f"{programs}/moving_screen", *screen_options], stdout=subprocess.PIPE)
+        self.screen.stdout.read(1)  # it says when it shows
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for process in (self.screen, self.server):
+            process.terminate()
+            process.wait()
+
+    def cpu_seconds(self):
+        """What the server has used; finer than the clock ticks of its resource usage."""
+        total = 0
+        for path in glob.glob(f"/proc/{self.server.pid}/task/*/schedstat"):
+            with open(path, encoding="ascii") as file:
+                total += int(file.read().split()[0])
+        return total / 1e9
+
+
+class BusyLoops:
+    """Programs that take all the CPU they get."""
+
+    def __init__(self, count):
+        self.loops = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(count)]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for loop in self.loops:
+            loop.kill()
+            loop.wait()
+
+
+def record(command, environment, path, display, end_after=None):
+    """Runs one recorder to its end, or to SIGINT; what it cost, or an exception when it failed."""
+    server = display.cpu_seconds()
+    process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.DEVNULL)
+    if end_after:
+        time.sleep(end_after)
+        process.send_signal(signal.SIGINT)
+    _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode not in (0, 255 if end_after else 0):
+        raise RuntimeError(f"{command[0]} failed with status {process.returncode}")
+    times = packet_times(path)
+    return {"cpu": usage.ru_utime + usage.ru_stime, "memory": usage.ru_maxrss / 1024,
+            "server": display.cpu_seconds() - server, "size": os.path.getsize(path) / 1024, "frames": len(times),
+            "fps": (len(times) - 1) / (times[-1] - times[0]) if len(times) > 1 and times[-1] > times[0] else 0}
+
+
+def packet_times(path):
+    """Presentation times of the access units in a file; of a bare elementary stream all 0."""
+    found = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "packet=pts_time", "-of",
+                            "csv=p=0", path], capture_output=True, text=True, check=True)
+    times = [line.strip(",") for line in found.stdout.split()]
+    return [float(text) if text not in ("", "N/A") else 0.0 for text in times]
+
+
+def latencies(command, environment, task, folder):
+    """
+    Milliseconds from a stamp being drawn on the screen to the last byte of the access unit that shows it.
+
+    The screen shows the time, drawn anew every two milliseconds; the stream is read from a pipe, the moment of each read
+    is kept, and the pictures are decoded when all is over.
+    """
+    path = f"{folder}/latency.h264"
+    process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.PIPE)
+    arrivals, stream = read_stream(process, task)
+    with open(path, "wb") as file:
+        file.write(stream)
+    stamps = shown_stamps(path)
+    ends = unit_ends(stream)
+    if abs(len(stamps) - len(ends)) > 1 or len(ends) < 0.9 * task.frames:
+        raise RuntimeError(f"{command[0]}: {len(ends)} access units and {len(stamps)} pictures of {task.frames}")
+    values, reads = [], iter(arrivals)
+    offset, moment = next(reads)
+    for end, stamp in list(zip(ends, stamps))[task.fps:]:  # the first second is its start
+        while offset < end:
+            offset, moment = next(reads)
+        values.append((moment // 100_000 - stamp) % 2**32 / 10)
+    return values
+
+
+def read_stream(process, task):
+    """All that the process writes until the task's frames are there: (bytes so far, moment in ns) per read, and the bytes."""
+    arrivals, stream = [], bytearray()
+    end = time.monotonic() + task.seconds + 2
+    descriptor = process.stdout.fileno()
+    while time.monotonic() < end:
+        data = os.read(descriptor, 1 << 20)
+        if not data:
+            break
+        stream += data
+        arrivals.append((len(stream), time.monotonic_ns()))
+    process.send_signal(signal.SIGINT)
+    process.stdout.close()
+    process.wait()
+    return arrivals, bytes(stream)
+
+
+def unit_ends(stream):
+    """Where each access unit ends: before the delimiter (NAL unit type 9) of the next; of the last it is not known."""
+    starts, at = [], stream.find(b"\0\0\1\x09")
+    while at >= 0:
+        starts.append(at - (1 if at and stream[at - 1] == 0 else 0))
+        at = stream.find(b"\0\0\1\x09", at + 4)
+    return starts[1:]
+
+
+def shown_stamps(path):
+    """The time that each picture shows, in units of 100 us: 32 squares of 16 x 16 pixels, lowest bit first."""
+    pixels = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-fps_mode", "passthrough", "-vf",
+                             "crop=512:16:64:224,scale=32:1:flags=area,format=gray", "-f", "rawvideo", "-"],
+                            capture_output=True, check=True).stdout
+    return [sum(1 << bit for bit in range(32) if pixels[start + bit] > 128) for start in range(0, len(pixels) - 31, 32)]

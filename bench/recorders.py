@@ -1,0 +1,97 @@
+"""The recorders that are compared, and the command line of each, all of them at the same settings of x264."""
+
+import os
+import shutil
+import subprocess
+
+OURS, FLOOR = "screenrecord", "floor"
+PEERS = ["ffmpeg", "gstreamer"]
+
+# What x264 writes about itself into a stream, but for what says the same in other words.
+SAME_IN_OTHER_WORDS = {"threads", "lookahead_threads", "vbv_maxrate", "vbv_bufsize", "nal_hrd", "fps", "timebase"}
+
+
+class Task:
+    """What is to be recorded: size, pictures per second, seconds."""
+
+    def __init__(self, programs, size, fps, seconds):
+        self.programs, self.size, self.fps, self.seconds = programs, size, fps, seconds
+        self.frames = fps * seconds
+        self.keyint = 2 * fps
+
+
+def environment(task):
+    return {"ZU3_X264_PRESET": "veryfast", "ZU3_X264_THREADS": "1", "ZU3_X264_KEYINT": str(task.keyint)}
+
+
+def recording(name, task, path):
+    """Command line of a recording into a file: constant quality 23 under 4.5 Mbit/s, as the host layer chooses it."""
+    fps, seconds = str(task.fps), str(task.seconds)
+    if name == OURS:
+        return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-s", task.size, "-r", fps, "-t", seconds,
+                "-o", path]
+    if name == FLOOR:
+        return [f"{task.programs}/bench_floor", fps, seconds, path, "crf=23", "vbv-maxrate=4500", "vbv-bufsize=2250",
+                f"keyint={task.keyint}", "threads=1", "sliced-threads=0", "aud=1"]
+    if name == "ffmpeg":
+        return [*ffmpeg_input(task), "-t", seconds, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
+                "-crf", "23", "-f", "mpegts", path]
+    return [*gstreamer_input(task), *gstreamer_encoder(task, "pass=qual", "quantizer=23", "bitrate=4500",
+                                                       "vbv-buf-capacity=500"),
+            "!", "mpegtsmux", "!", "filesink", f"location={path}"]
+
+
+def streaming(name, task):
+    """Command line of an elementary stream at 4 Mbit/s, a quarter of a second ahead, to standard output."""
+    if name == OURS:
+        return [f"{task.programs}/screenrecord", "stream", "-s", task.size, "-r", str(task.fps), "-b", "4M", "-o", "-"]
+    if name == "ffmpeg":
+        return [*ffmpeg_input(task), "-fps_mode", "passthrough",
+                *ffmpeg_encoder(task, "vbv-maxrate=4000:vbv-bufsize=1000"), "-b:v", "4000k", "-f", "h264",
+                "-flush_packets", "1", "pipe:1"]
+    return [*gstreamer_input(task), *gstreamer_encoder(task, "pass=cbr", "bitrate=4000", "vbv-buf-capacity=250"),
+            "!", "video/x-h264,stream-format=byte-stream", "!", "fdsink", "fd=1", "sync=false"]
+
+
+def ffmpeg_input(task):
+    return ["ffmpeg", "-nostdin", "-v", "error", "-y", "-probesize", "32", "-analyzeduration", "0", "-fflags", "nobuffer",
+            "-f", "x11grab", "-framerate", str(task.fps), "-video_size", task.size, "-i", os.environ["DISPLAY"]]
+
+
+def ffmpeg_encoder(task, rate):
+    return ["-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency", "-g", str(task.keyint), "-pix_fmt", "yuv420p",
+            "-x264-params", f"{rate}:threads=1:sliced-threads=0:aud=1"]
+
+
+def gstreamer_input(task):
+    # With damage motion costs half as much again; without I420 it may encode 4:4:4.
+    return ["gst-launch-1.0", "-q", "-e", "ximagesrc", "use-damage=false", f"num-buffers={task.frames}", "!",
+            f"video/x-raw,framerate={task.fps}/1", "!", "videoconvert", "!",
+            f"video/x-raw,format=I420,framerate={task.fps}/1"]
+
+
+def gstreamer_encoder(task, *rate):
+    return ["!", "x264enc", "speed-preset=veryfast", "tune=zerolatency", *rate, f"key-int-max={task.keyint}", "threads=1",
+            "sliced-threads=false", "aud=true"]
+
+
+def installed(name):
+    return name in (OURS, FLOOR) or shutil.which({"ffmpeg": "ffmpeg", "gstreamer": "gst-launch-1.0"}[name])
+
+
+def x264_settings(path):
+    """What x264 says in the stream that it was told, as a dictionary."""
+    stream = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-c", "copy", "-frames:v", "2", "-f", "h264", "-"],
+                            capture_output=True, check=True).stdout
+    start = stream.find(b"options: ")
+    if start < 0:
+        return {}
+    words = stream[start + 9:stream.find(b"\0", start)].decode("ascii", "replace").rstrip("\x80").split()
+    return dict(word.split("=", 1) for word in words if "=" in word)
+
+
+def differences(settings):
+    """Per setting that is not the same in all recorders' streams, what each says."""
+    keys = {key for one in settings.values() for key in one} - SAME_IN_OTHER_WORDS
+    return {key: {name: one.get(key) for name, one in settings.items()} for key in sorted(keys)
+            if len({one.get(key) for one in settings.values()}) > 1}
