@@ -61,7 +61,7 @@ WANTED = [
 def measure(case, name, options, display, folder):
     """One recorder's turn in one round."""
     size, fps, screen, loops, _ = CASES[case]
-    task = recorders.Task(f"{options.build}/bin", size, fps, options.seconds)
+    task = recorders.Task(f"{options.build}/bin", size, fps, options.seconds, bool(loops))
     environment = recorders.environment(task)
     if screen is STAMPED:
         values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))

@@ -12,10 +12,10 @@ SAME_IN_OTHER_WORDS = {"threads", "lookahead_threads", "vbv_maxrate", "vbv_bufsi
 
 
 class Task:
-    """What is to be recorded: size, pictures per second, seconds."""
+    """What is to be recorded: size, pictures per second, seconds, and whether the machine is loaded beside it."""
 
-    def __init__(self, programs, size, fps, seconds):
-        self.programs, self.size, self.fps, self.seconds = programs, size, fps, seconds
+    def __init__(self, programs, size, fps, seconds, loaded=False):
+        self.programs, self.size, self.fps, self.seconds, self.loaded = programs, size, fps, seconds, loaded
         self.frames = fps * seconds
         self.keyint = 2 * fps
 
@@ -34,7 +34,9 @@ def recording(name, task, path):
         return [f"{task.programs}/bench_floor", fps, seconds, path, "crf=23", "vbv-maxrate=4500", "vbv-bufsize=2250",
                 f"keyint={task.keyint}", "threads=1", "sliced-threads=0", "aud=1"]
     if name == "ffmpeg":
-        return [*ffmpeg_input(task), "-t", seconds, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
+        # Where pictures are left out, the number wanted would take it longer.
+        end = ["-t", seconds] if task.loaded else ["-frames:v", str(task.frames)]
+        return [*ffmpeg_input(task), *end, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
                 "-crf", "23", "-f", "mpegts", path]
     return [*gstreamer_input(task), *gstreamer_encoder(task, "pass=qual", "quantizer=23", "bitrate=4500",
                                                        "vbv-buf-capacity=500"),
