@@ -10,7 +10,8 @@ namespace zu3host {
 
 namespace {
 
-constexpr uint32_t own_slots = 4;
+// An encoder may read as many as it lends buffers, out of the capture's memory, while one is written.
+constexpr uint32_t own_slots = 5;
 
 constexpr size_t aligned(size_t bytes)
 {
@@ -84,7 +85,7 @@ std::optional<uint32_t> PicturePool::take()
     const std::lock_guard lock(mutex_);
     for (uint32_t slot = 0; slot < out_.size(); ++slot) {
         const uint32_t index = first_index_ + slot;
-        if (out_[slot] || (is_shared() && picture_is_leased(picture(index))))
+        if (out_[slot] || picture_is_leased(picture(index)))
             continue;
         if (is_shared())
             lease_picture(picture(index));

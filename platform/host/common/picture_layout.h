@@ -13,6 +13,7 @@ namespace zu3host {
 struct PictureLayout {
     uint32_t stride; /**< bytes per line of both planes */
     uint32_t lines;  /**< luma lines; the chroma plane has half as many */
+    bool operator==(const PictureLayout&) const = default;
 
     static constexpr PictureLayout of(uint32_t width, uint32_t height)
     {

@@ -1,5 +1,6 @@
 #include "encoder/encoder.h"
 
+#include "capture/captured_picture.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
 #include "log/host_log.h"
@@ -31,7 +32,7 @@ bool inject_is_allowed()
 Encoder::Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
                  std::unique_ptr<X264Encoder> x264)
     : callback_(params.pfnCallback), user_data_(params.pUserData), settings_(settings),
-      x264_(std::move(x264)), lent_(settings.layout.picture_bytes()),
+      x264_(std::move(x264)), lent_(settings.layout),
       size_while_open_(std::in_place, settings.size)
 {
 }
@@ -106,7 +107,7 @@ uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
     wait_for_room(lock, [this] { return lent_.any_to_lend(); });
     if (!lent_.any_to_lend())
         return ZU_BUSY;
-    uint8_t* data = lent_.lend();
+    uint8_t* data = lent_.lend(captured_picture_in_callback());
     if (!data)
         return ZU_FAILURE;
     buffer.pu8Data = data;

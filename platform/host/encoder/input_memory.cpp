@@ -1,6 +1,6 @@
 #include "encoder/input_memory.h"
 
-#include "common/picture_layout.h"
+#include "capture/picture_leases.h"
 #include "log/host_log.h"
 
 #include <algorithm>
@@ -15,36 +15,60 @@ constexpr size_t rounded_up(size_t bytes)
 
 } // namespace
 
+LentBuffers::~LentBuffers()
+{
+    for (Buffer& buffer : buffers_)
+        empty(buffer);
+}
+
 bool LentBuffers::any_to_lend() const
 {
-    return lent_ || !std::ranges::all_of(buffers_, &Buffer::in_use);
+    return lent_ || std::ranges::count(buffers_, nullptr, &Buffer::data) > 0;
 }
 
-uint8_t* LentBuffers::lend()
+uint8_t* LentBuffers::lend(const CapturedPicture* captured)
 {
-    if (lent_)
-        return lent_;
-    const auto found = std::ranges::find(buffers_, false, &Buffer::in_use);
-    if (found == buffers_.end())
+    const bool usable = captured && captured->layout == layout_;
+    if (!lent_) {
+        const auto found = std::ranges::find(buffers_, nullptr, &Buffer::data);
+        lent_ = found == buffers_.end() ? nullptr : &*found;
+    } else if (lent_->borrowed || usable) {
+        empty(*lent_); // the picture of an earlier callback is nobody's to write into
+    }
+    if (!lent_)
         return nullptr;
-    if (!found->memory)
-        found->memory.reset(static_cast<uint8_t*>(std::aligned_alloc(picture_alignment, rounded_up(bytes_))));
-    if (!found->memory)
-        return nullptr;
-    found->in_use = true;
-    return lent_ = found->memory.get();
+    if (usable) {
+        lease_picture(captured->data);
+        lent_->borrowed = captured->memory;
+    }
+    lent_->data = usable ? captured->data : own_memory(*lent_);
+    uint8_t* const data = lent_->data;
+    if (!data)
+        lent_ = nullptr;
+    return data;
 }
 
-void LentBuffers::complete()
+uint8_t* LentBuffers::own_memory(Buffer& buffer)
 {
-    lent_ = nullptr;
+    if (!buffer.own)
+        buffer.own.reset(static_cast<uint8_t*>(
+            std::aligned_alloc(picture_alignment, rounded_up(layout_.picture_bytes()))));
+    return buffer.own.get();
+}
+
+void LentBuffers::empty(Buffer& buffer)
+{
+    if (buffer.borrowed)
+        return_picture(buffer.data);
+    buffer.borrowed.reset();
+    buffer.data = nullptr;
 }
 
 void LentBuffers::release(const uint8_t* data)
 {
-    for (Buffer& buffer : buffers_)
-        if (buffer.memory.get() == data)
-            buffer.in_use = false;
+    const auto found = std::ranges::find(buffers_, data, &Buffer::data);
+    if (found != buffers_.end())
+        empty(*found);
 }
 
 InjectRegion::~InjectRegion()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/captured_picture.h"
 #include "memory/device_memory.h"
 #include "zu3/types.h"
 
@@ -13,22 +14,30 @@
 namespace zu3host {
 
 /**
- * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a time. Each
- * gets its memory when it is first needed. Not thread-safe.
+ * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a time. Within
+ * a capture's callback that is the captured picture itself, so that the copy onto itself costs nothing and
+ * the picture needs no second place; otherwise memory of the encoder's own, made when it is first needed. Not
+ * thread-safe.
  */
 class LentBuffers {
 public:
     static constexpr size_t count = 4;
 
-    explicit LentBuffers(size_t bytes) : bytes_(bytes) {}
+    explicit LentBuffers(PictureLayout layout) : layout_(layout) {}
+    ~LentBuffers();
+    LentBuffers(const LentBuffers&) = delete;
+    LentBuffers& operator=(const LentBuffers&) = delete;
 
     /** Whether one is lent already or free. */
     bool any_to_lend() const;
-    /** The buffer that is lent already, else a free one; null when none is free or memory is short. */
-    uint8_t* lend();
-    bool is_lent(const uint8_t* data) const { return data && data == lent_; }
+    /**
+     * The buffer that is lent already, else a free one; null when none is free or memory is short. Of a
+     * captured picture, which may be null, the memory is leased and held until release().
+     */
+    uint8_t* lend(const CapturedPicture* captured);
+    bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
     /** The lent buffer is filled: it is in use until release(). */
-    void complete();
+    void complete() { lent_ = nullptr; }
     void release(const uint8_t* data);
 
 private:
@@ -36,13 +45,16 @@ private:
         void operator()(uint8_t* memory) const { std::free(memory); }
     };
     struct Buffer {
-        std::unique_ptr<uint8_t, Free> memory;
-        bool in_use = false;
+        uint8_t* data = nullptr;              // null = free
+        std::shared_ptr<const void> borrowed; // the memory of a captured picture
+        std::unique_ptr<uint8_t, Free> own;
     };
+    uint8_t* own_memory(Buffer& buffer);
+    void empty(Buffer& buffer);
 
-    size_t bytes_;
+    PictureLayout layout_;
     std::array<Buffer, count> buffers_;
-    uint8_t* lent_ = nullptr;
+    Buffer* lent_ = nullptr;
 };
 
 /** An encoder's entire inject buffer: one block of device memory with room for several pictures. */
