@@ -1,6 +1,8 @@
 #include "command_options.h"
 
+#include <algorithm>
 #include <CLI/CLI.hpp>
+#include <functional>
 
 #include "messages.h"
 #include "output_file.h"
@@ -12,6 +14,50 @@ namespace {
 [[noreturn]] void refuse(const std::string& option, const std::string& reason)
 {
     throw CLI::ValidationError(option, reason);
+}
+
+/** An option whose text `take` understands, or refuses with the end of a sentence on it. */
+CLI::Option* define_value(CLI::App& command, const char* names, const char* type, const char* text,
+                          std::function<std::string(const std::string&)> take)
+{
+    const std::string long_name = std::string(names).substr(std::string(names).find("--"));
+    return command
+        .add_option_function<std::string>(
+            names,
+            [take = std::move(take), long_name](const std::string& given) {
+                const std::string problem = take(given);
+                if (!problem.empty())
+                    refuse(long_name, "'" + given + "' " + problem);
+            },
+            text)
+        ->type_name(type);
+}
+
+CLI::Option* define_number(CLI::App& command, const char* names, const char* type, const char* text,
+                           uint32_t low, uint32_t high, std::function<void(uint32_t)> set)
+{
+    return define_value(command, names, type, text,
+                        [low, high, set = std::move(set)](const std::string& given) {
+                            const auto number = parse_number(given);
+                            if (!number || *number < low || *number > high)
+                                return format_text("is no whole number from %u to %u", low, high);
+                            set(*number);
+                            return std::string();
+                        });
+}
+
+/** @param choices as help shows them: "a|b|c" */
+CLI::Option* define_choice(CLI::App& command, const char* names, const char* choices, const char* text,
+                           std::function<void(const std::string&)> set)
+{
+    return define_value(command, names, choices, text,
+                        [choices, set = std::move(set)](const std::string& given) {
+                            const std::vector<std::string> words = choices_of(choices);
+                            if (std::find(words.begin(), words.end(), given) == words.end())
+                                return "is not " + listed(words, "or");
+                            set(given);
+                            return std::string();
+                        });
 }
 
 void define_output(CLI::App& command, CommonOptions& options, const char* type, const char* text)
@@ -29,79 +75,67 @@ void define_display(CLI::App& command, CommonOptions& options)
 
 void define_time(CLI::App& command, CommonOptions& options)
 {
-    command
-        .add_option_function<double>(
-            "-t,--time",
-            [&options](double seconds) {
-                if (!(seconds > 0) || seconds > 1e7)
-                    refuse("-t", "must be more than 0 and at most 10000000 seconds");
-                options.time = Seconds(seconds);
-            },
-            "end after so many seconds; else at SIGINT (Ctrl-C), SIGTERM or SIGHUP")
-        ->type_name("SECONDS");
+    define_value(command, "-t,--time", "SECONDS",
+                 "end after so many seconds; else at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+                 [&options](const std::string& given) {
+                     options.time = parse_seconds(given);
+                     return options.time ? "" : "is no number of seconds above 0 and up to 10000000";
+                 });
 }
 
 void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
 {
-    command
-        .add_option_function<std::string>(
-            "-s,--size",
-            [&size](const std::string& given) {
-                size = parse_size(given);
-                if (!size)
-                    refuse("-s", "'" + given + "' is no size such as 1280x720");
-                const std::string problem = size_problem(*size);
-                if (!problem.empty())
-                    refuse("-s", "cannot capture " + given + ": " + problem);
-            },
-            text)
-        ->type_name("WxH");
+    define_value(command, "-s,--size", "WxH", text, [&size](const std::string& given) -> std::string {
+        size = parse_size(given);
+        if (!size)
+            return "is no size such as 1280x720";
+        const std::string problem = size_problem(*size);
+        return problem.empty() ? "" : "cannot be captured: " + problem;
+    });
 }
 
 void define_fps(CLI::App& command, uint32_t& fps)
 {
-    command.add_option("-r,--fps", fps, "pictures per second, 1 to 120")
-        ->check(CLI::Range(1u, 120u))
-        ->capture_default_str()
-        ->type_name("FPS");
+    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; else 30", 1, 120,
+                  [&fps](uint32_t given) { fps = given; });
 }
 
 void define_rate(CLI::App& command, RecordOptions& options)
 {
-    command
-        .add_option_function<std::string>(
-            "--rate",
-            [&options](const std::string& given) {
-                const auto rate = parse_number(given);
-                if (!rate || *rate < 1)
-                    refuse("--rate", "'" + given + "' is no whole number from 1 to 4");
-                if (*rate > 4)
-                    refuse("--rate",
-                           "cannot write at " + given +
-                               " Mbit/s: the library's writer moves at most 64 KiB every 100 ms, which is "
-                               "5.24 Mbit/s with everything, so 4 is the greatest constant rate that it "
-                               "keeps up with");
-                options.constant_mbit = *rate;
-            },
-            "constant rate, 1 to 4 in units of 1048576 bit/s; else as much as the content needs")
-        ->type_name("MBIT");
+    define_value(command, "--rate", "MBIT",
+                 "constant rate, 1 to 4 in units of 1048576 bit/s; else as much as the content needs",
+                 [&options](const std::string& given) -> std::string {
+                     const auto rate = parse_number(given);
+                     if (!rate || *rate < 1)
+                         return "is no whole number from 1 to 4";
+                     options.constant_mbit = *rate;
+                     return *rate <= 4
+                                ? ""
+                                : "is more than 4 Mbit/s, the greatest constant rate that the library's "
+                                  "writer keeps up with: it moves at most 64 KiB every 100 ms, which is "
+                                  "5.24 Mbit/s with everything";
+                 });
 }
 
 void check_record(const RecordOptions& options)
 {
     if (options.output == "wifi")
-        refuse("-o", "the name 'wifi' is reserved; './wifi' is a file");
+        refuse("--output", "the name 'wifi' is reserved, but './wifi' is a file");
     if (is_standard_output(options.output))
-        refuse("-o", "a recording needs a file; 'screenrecord stream -o -' writes to standard output");
+        refuse("--output", "'" + options.output +
+                               "' is no file, which a recording needs; 'screenrecord stream -o -' writes to "
+                               "standard output");
     if (!options.source.empty() && !options.size)
-        refuse("--source", "needs -s, the size of the pictures in the file");
+        refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
     if (options.source.ends_with(".ts"))
-        refuse("--source",
-               "a name that ends in .ts is taken for a transport stream, not for raw NV12 pictures");
+        refuse("--source", "'" + options.source +
+                               "' ends in .ts, so the library takes it for a transport stream, not for raw "
+                               "NV12 pictures; give it another name");
     if (options.slot != 0 && options.source.empty() && !options.one_call)
-        refuse("--slot",
-               "cannot record the screen on slot 1: the library hands captured pictures to slot 0 only; "
-               "slot 1 encodes a --source");
+        refuse(
+            "--slot",
+            "1 cannot record the screen, whose pictures the library hands to slot 0 only; slot 1 encodes a "
+            "--source");
     if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
         refuse("--one-call",
                "always records the screen with sound on slot 0: the interface has no such choice, so "
@@ -119,33 +153,19 @@ uint32_t format_code(const std::string& name)
 
 void define_encoder(CLI::App& command, StreamOptions& options)
 {
-    command
-        .add_option_function<std::string>(
-            "-b,--bitrate",
-            [&options](const std::string& given) {
-                options.bit_rate = parse_bit_rate(given);
-                if (!options.bit_rate || *options.bit_rate < lowest_bit_rate)
-                    refuse("-b", "'" + given + "' is no rate of at least 10k, such as 800k or 2.5M");
-            },
-            "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate")
-        ->type_name("RATE");
-    command
-        .add_option_function<std::string>(
-            "--profile",
-            [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; },
-            "H.264 profile")
-        ->check(CLI::IsMember({"baseline", "main"}));
-    command
-        .add_option_function<std::string>(
-            "--level",
-            [&options](const std::string& name) {
-                const auto level = parse_level(name);
-                if (!level)
-                    refuse("--level", "'" + name + "' is none of 1 1b 1.1 1.2 1.3 2 2.1 2.2 3 3.1 3.2 4 4.1");
-                options.level = *level;
-            },
-            "H.264 level, 1 to 4.1")
-        ->type_name("LEVEL");
+    define_value(command, "-b,--bitrate", "RATE",
+                 "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate",
+                 [&options](const std::string& given) {
+                     options.bit_rate = parse_bit_rate(given);
+                     return options.bit_rate && *options.bit_rate >= lowest_bit_rate
+                                ? ""
+                                : "is no rate of at least 10k, such as 800k or 2.5M";
+                 });
+    define_choice(command, "--profile", "baseline|main", "H.264 profile; else the encoder's choice",
+                  [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
+    define_choice(command, "--level", "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1",
+                  "H.264 level; else the encoder's choice",
+                  [&options](const std::string& name) { options.level = *parse_level(name); });
 }
 
 void define_watermark(CLI::App& command, WatermarkOptions& options)
@@ -153,22 +173,15 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
     auto* image =
         command.add_option("--watermark", options.image, "picture to draw into the stream, with its alpha")
             ->type_name("IMAGE.png");
-    command
-        .add_option_function<std::string>(
-            "--at",
-            [&options](const std::string& given) {
-                const auto at = parse_position(given);
-                if (!at)
-                    refuse("--at", "'" + given + "' is no position such as 16,16");
-                options.at = *at;
-            },
-            "its top left corner in the stream's picture, default 16,16")
-        ->type_name("X,Y")
+    define_value(command, "--at", "X,Y", "its top left corner in the stream's picture; else 16,16",
+                 [&options](const std::string& given) {
+                     const auto at = parse_position(given);
+                     options.at = at.value_or(options.at);
+                     return at ? "" : "is no position such as 16,16";
+                 })
         ->needs(image);
-    command.add_option("--opacity", options.opacity, "0 (invisible) to 255 (as the picture's alpha says)")
-        ->check(CLI::Range(0u, 255u))
-        ->capture_default_str()
-        ->type_name("N")
+    define_number(command, "--opacity", "N", "0 (invisible) to 255 (as the picture's alpha says); else 255",
+                  0, 255, [&options](uint32_t given) { options.opacity = given; })
         ->needs(image);
 }
 
@@ -181,17 +194,15 @@ void define_record(CLI::App& command, RecordOptions& options)
     define_fps(command, options.fps);
     define_time(command, options);
     define_rate(command, options);
-    command
-        .add_option("--packet-size", options.packet_size,
-                    "188, or 192 with an arrival time before each packet")
-        ->check(CLI::IsMember({188u, 192u}))
-        ->capture_default_str();
+    define_choice(command, "--packet-size", "188|192",
+                  "192 puts an arrival time before each packet of 188 bytes; else 188",
+                  [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
-    command.add_option("--slot", options.slot, "recording slot of the library; 1 goes with --source only")
-        ->check(CLI::IsMember({0u, 1u}))
-        ->capture_default_str();
+    define_choice(command, "--slot", "0|1",
+                  "recording slot of the library; 1 goes with --source only; else 0",
+                  [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
     command
         .add_option(
             "--source", options.source,
@@ -216,14 +227,11 @@ void define_stream(CLI::App& command, StreamOptions& options)
     command.add_flag("--osd", options.osd, "with the on-screen-display layer");
     define_time(command, options);
     define_watermark(command, options.watermark);
-    command
-        .add_option_function<std::string>(
-            "--control", [&options](const std::string&) { options.control = true; },
-            "take commands from standard input, one a line: bitrate RATE, keyframe, pause, resume, watermark "
-            "FILE "
-            "[X,Y [OPACITY]], watermark none, stop; answered on standard error. On a terminal always")
-        ->check(CLI::IsMember({"-"}))
-        ->type_name("-");
+    define_choice(command, "--control", "-",
+                  "take commands from standard input, one a line: bitrate RATE, keyframe, pause, resume, "
+                  "watermark FILE [X,Y [OPACITY]], watermark none, stop; answered on standard error. On a "
+                  "terminal always",
+                  [&options](const std::string&) { options.control = true; });
     define_display(command, options);
 }
 
@@ -232,27 +240,17 @@ void define_shot(CLI::App& command, ShotOptions& options)
     define_output(command, options, "FILE.png",
                   "picture to write; a name ending in .raw gets the captured bytes as they are");
     define_size(command, options.size, "picture size; else the display's own");
-    command
-        .add_option_function<std::string>(
-            "--format", [&options](const std::string& name) { options.format = format_code(name); },
-            "what is captured, before it is converted to PNG")
-        ->check(CLI::IsMember({"bgra", "rgb565", "yuyv", "nv12"}));
-    auto* count = command
-                      .add_option_function<uint32_t>(
-                          "-n,--count",
-                          [&options](uint32_t given) {
-                              options.count = given;
-                              options.numbered = true;
-                          },
-                          "take so many and number the files: shot-001.png ...")
-                      ->check(CLI::Range(1u, 999999u))
-                      ->type_name("COUNT");
-    command
-        .add_option_function<uint32_t>(
-            "--interval", [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); },
-            "milliseconds from one to the next, default 1000")
-        ->check(CLI::Range(0u, 86400000u))
-        ->type_name("MS")
+    define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
+                  "what is captured, before it is converted to PNG; else bgra",
+                  [&options](const std::string& name) { options.format = format_code(name); });
+    auto* count =
+        define_number(command, "-n,--count", "COUNT", "take so many and number the files: shot-001.png ...",
+                      1, 999999, [&options](uint32_t given) {
+                          options.count = given;
+                          options.numbered = true;
+                      });
+    define_number(command, "--interval", "MS", "milliseconds from one to the next; else 1000", 0, 86400000,
+                  [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
         ->needs(count);
     command.add_flag("--osd", options.osd, "with the on-screen-display layer");
     define_display(command, options);

@@ -4,6 +4,8 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <numeric>
+#include <utility>
 
 #include "messages.h"
 
@@ -59,6 +61,57 @@ Size size_for_display(Size display)
                                    double(greatest_size.height) / std::max(1u, display.height)});
     return {std::max(smallest_size.width, even(display.width * scale)),
             std::max(smallest_size.height, even(display.height * scale))};
+}
+
+std::optional<std::chrono::duration<double>> parse_seconds(std::string_view text)
+{
+    double seconds = 0;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0) || seconds > 1e7)
+        return std::nullopt;
+    return std::chrono::duration<double>(seconds);
+}
+
+std::vector<std::string> choices_of(std::string_view text)
+{
+    std::vector<std::string> words;
+    while (true) {
+        const size_t end = text.find('|');
+        words.emplace_back(text.substr(0, end));
+        if (end == std::string_view::npos)
+            return words;
+        text.remove_prefix(end + 1);
+    }
+}
+
+std::string listed(const std::vector<std::string>& words, const char* last)
+{
+    std::string list;
+    for (size_t i = 0; i < words.size(); ++i)
+        list += (i == 0 ? "" : i + 1 < words.size() ? ", " : format_text(" %s ", last)) + words[i];
+    return list;
+}
+
+std::optional<std::string> nearest_word(const std::string& typed, const std::vector<std::string>& words)
+{
+    const auto distance = [&typed](
+                              const std::string& word) { // Levenshtein's, a swap of neighbours counts two
+        std::vector<size_t> row(word.size() + 1);
+        std::iota(row.begin(), row.end(), size_t{0});
+        for (size_t i = 1; i <= typed.size(); ++i) {
+            size_t diagonal = std::exchange(row[0], i);
+            for (size_t j = 1; j <= word.size(); ++j)
+                diagonal = std::exchange(
+                    row[j], std::min({row[j] + 1, row[j - 1] + 1, diagonal + (typed[i - 1] != word[j - 1])}));
+        }
+        return row.back();
+    };
+    const auto nearest = std::min_element(
+        words.begin(), words.end(), [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
+    if (nearest == words.end() || distance(*nearest) > 2)
+        return std::nullopt;
+    return *nearest;
 }
 
 std::optional<uint32_t> parse_bit_rate(std::string_view text)

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace client {
 
@@ -42,6 +44,18 @@ inline constexpr uint32_t lowest_bit_rate = 10000;
 
 /** "X,Y", each with an optional sign. */
 std::optional<Position> parse_position(std::string_view text);
+
+/** Seconds, with an optional fraction, more than 0 and at most 10000000. */
+std::optional<std::chrono::duration<double>> parse_seconds(std::string_view text);
+
+/** "a|b|c" as its words. */
+std::vector<std::string> choices_of(std::string_view text);
+
+/** Words as people list them: "a, b or c", with `last` before the last one. */
+std::string listed(const std::vector<std::string>& words, const char* last);
+
+/** The word of `words` that somebody may have meant by `typed`; nothing when none is near. */
+std::optional<std::string> nearest_word(const std::string& typed, const std::vector<std::string>& words);
 
 /** A whole number from 0 to 4294967295, nothing around it. */
 std::optional<uint32_t> parse_number(std::string_view text);

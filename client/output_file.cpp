@@ -64,6 +64,8 @@ bool is_standard_output(const std::string& path)
 
 void check_output_path(const std::string& path, bool overwrite)
 {
+    if (path.empty())
+        throw Failure("cannot write to '': a file needs a name", ExitCode::usage);
     struct stat found = {};
     if ((link_is_trusted(path) ? stat : lstat)(path.c_str(), &found) == 0)
         return check_existing(path, found, overwrite);

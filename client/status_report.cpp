@@ -72,8 +72,10 @@ StatusReport::StatusReport(bool json, std::string status_file)
     : json_(json), terminal_(!json && isatty(STDERR_FILENO) == 1), colour_(colours_wanted()),
       status_file_(std::move(status_file)), next_(Clock::now() + std::chrono::seconds(1))
 {
-    if (!status_file_.empty())
-        write_status_file(progress_as_json({}, "starting"));
+    if (status_file_.empty())
+        return;
+    check_output_path(status_file_, true);
+    write_status_file(progress_as_json({}, "starting"));
 }
 
 StatusReport::~StatusReport()

@@ -128,6 +128,30 @@ class Refusals(ShortEndToEndTest):
         with open(existing, encoding="utf-8") as file:
             self.assertEqual(file.read(), "precious")
 
+    def test_twenty_wrong_commands(self):
+        # Catches a refusal that is silent, is more than a sentence, or leaves out what was wrong or would be right.
+        cases = [
+            ("", "command is missing", "record, stream"), ("recrod", "'recrod'", "perhaps record"),
+            ("-o a.ts", "'-o'", "record, stream"), ("record", "--output", "FILE.ts"),
+            ("record -o", "--output", "FILE.ts"), ("record a.ts", "'a.ts'", "--output"),
+            ("record -o a.ts --fsp 3", "'--fsp'", "--fps"), ("record -o a.ts -r 0", "'0'", "1 to 120"),
+            ("record -o a.ts -t soon", "'soon'", "seconds above 0"), ("record -o a.ts -s 9x9", "'9x9'", "even"),
+            ("record -o a.ts --rate 5", "'5'", "4 Mbit/s"), ("record -o a.ts --slot 2", "'2'", "0 or 1"),
+            ("record -o a.ts --slot 1", "slot 0 only", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
+            ("record -o -", "'-'", "screenrecord stream"), ("record -o wifi", "'wifi'", "./wifi"),
+            ("record -o a.ts --source x", "'x'", "--size"), ("stream -o a -b 5", "'5'", "at least 10k"),
+            ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
+            ("shot -o a.png --format gif", "'gif'", "bgra"), ("devices now", "'now'", "no option of devices"),
+        ]
+        for words, wrong, right in cases:
+            with self.subTest(words):
+                refused = self.client(*words.split())
+                self.assert_exit(refused, 2)
+                self.assertRegex(refused.errors(), r"\Ascreenrecord: [^\n]+; see 'screenrecord [^\n]*--help'\n\Z")
+                self.assertIn(wrong, refused.errors())
+                self.assertIn(right, refused.errors())
+                self.assertEqual(refused.output(), "")
+
     def test_overwrites_when_told_to(self):
         path = self.path("old.ts")
         with open(path, "w", encoding="utf-8") as file:

@@ -1,0 +1,91 @@
+#include "documentation/outline.h"
+#include "program_description.h"
+
+namespace client {
+namespace {
+
+/** Text as roff takes it: no dash that becomes a hyphen, no line that begins with a request. */
+std::string roff(const std::string& text)
+{
+    std::string made;
+    for (const char c : text) {
+        if (c == '\\')
+            made += "\\e";
+        else if (c == '-')
+            made += "\\-";
+        else if (c == '\'')
+            made += "\\(aq";
+        else
+            made += c;
+    }
+    return made.starts_with('.') ? "\\&" + made : made;
+}
+
+std::string option_entry(const OptionOutline& option)
+{
+    std::string made = ".TP\n";
+    if (!option.letter.empty())
+        made += "\\fB\\-" + option.letter + "\\fR, ";
+    made += "\\fB\\-\\-" + roff(option.name) + "\\fR";
+    if (!option.value.empty())
+        made += (option.choices.empty() ? " \\fI" : " \\fB") + roff(option.value) + "\\fR";
+    return made + "\n" + roff(option.text) + (option.required ? " (required)" : "") + "\n";
+}
+
+std::string command_entry(const CommandOutline& command)
+{
+    std::string made = ".SS " +
+                       (command.name.empty() ? "Before a command" : roff("screenrecord " + command.name)) +
+                       "\n" + roff(command.text) + "\n";
+    for (const OptionOutline& option : command.options)
+        made += option_entry(option);
+    return made;
+}
+
+constexpr const char* head =
+    ".TH SCREENRECORD 1 \"\" \"screenrecord " SCREENRECORD_VERSION "\" \"User Commands\"\n"
+    ".SH NAME\nscreenrecord \\- record the screen, its sound, streams and screenshots\n"
+    ".SH SYNOPSIS\n"
+    ".B screenrecord\n\\fICOMMAND\\fR [\\fIOPTIONS\\fR]\n"
+    ".SH DESCRIPTION\n"
+    "Captures what an X display shows, encodes it as H.264, and writes a file that any player opens, or "
+    "hands the "
+    "stream on.\n"
+    "While it records, a terminal shows one line: time, frames, frames per second, dropped frames, size of "
+    "the "
+    "file, bit rate and sound level.\n"
+    "The path of the finished file, or the stream, is all that goes to standard output.\n"
+    ".SH COMMANDS AND OPTIONS\n";
+
+constexpr const char* tail =
+    ".SH STATUS\n"
+    "With \\fB\\-\\-json\\fR, an object a second:\n"
+    "\\fBstate\\fR (starting, recording, finished), \\fBelapsed\\fR (seconds), \\fBframes\\fR, \\fBfps\\fR, "
+    "\\fBdropped\\fR, \\fBfile_bytes\\fR, \\fBbits_per_second\\fR and \\fBsound_level\\fR (0 to 1); null for "
+    "what the platform does not count.\n"
+    "The file of \\fB\\-\\-status\\-file\\fR is replaced as a whole each time, and only its owner may read "
+    "it.\n"
+    ".SH EXAMPLES\n"
+    ".TP\n.B screenrecord record \\-o meeting.ts\nthe whole screen, with sound, until Ctrl\\-C\n"
+    ".TP\n.B screenrecord record \\-o clip.ts \\-s 1280x720 \\-r 60 \\-t 10\nten seconds at 60 frames per "
+    "second\n"
+    ".TP\n.B screenrecord stream \\-o \\- \\-b 2M | ffplay \\-\nwatch it as it is encoded\n"
+    ".TP\n.B screenrecord shot \\-o now.png\na screenshot\n"
+    ".SH SEE ALSO\n.BR Xorg (1),\n.BR pulseaudio (1),\n.BR ffplay (1)\n";
+
+} // namespace
+
+std::string manual_page()
+{
+    std::string made = head;
+    for (const CommandOutline& command : outline())
+        made += command_entry(command);
+    for (const Section& section : sections()) {
+        made += ".SH " + roff(section.title) + "\n";
+        for (const Term& term : section.terms)
+            made += ".TP\n.B " + roff(term.name) + "\n" + roff(term.text) + "\n";
+    }
+    return made + tail;
+}
+
+} // namespace client

@@ -1,0 +1,50 @@
+#include "documentation/outline.h"
+
+#include <CLI/CLI.hpp>
+
+#include "program_description.h"
+
+namespace client {
+namespace {
+
+// A value that help writes in capitals stands for something; small letters and digits are the words
+// themselves.
+OptionOutline outline_of(const CLI::Option& option)
+{
+    OptionOutline made;
+    made.name = option.get_lnames().front();
+    made.required = option.get_required();
+    made.text = option.get_description();
+    if (!option.get_snames().empty())
+        made.letter = option.get_snames().front();
+    if (option.get_type_size() == 0)
+        return made;
+    made.value = option.get_type_name();
+    made.takes_file = made.value.starts_with("FILE") || made.value.starts_with("IMAGE");
+    if (!std::isupper(static_cast<unsigned char>(made.value.front())))
+        made.choices = choices_of(made.value);
+    return made;
+}
+
+CommandOutline outline_of(const CLI::App& app, const std::string& name)
+{
+    CommandOutline made{.name = name, .text = app.get_description(), .options = {}};
+    for (const CLI::Option* option : app.get_options())
+        made.options.push_back(outline_of(*option));
+    return made;
+}
+
+} // namespace
+
+std::vector<CommandOutline> outline()
+{
+    CLI::App app;
+    AllOptions all;
+    describe_program(app, all);
+    std::vector<CommandOutline> made{outline_of(app, "")};
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        made.push_back(outline_of(*command, command->get_name()));
+    return made;
+}
+
+} // namespace client
