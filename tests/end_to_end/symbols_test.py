@@ -3,6 +3,7 @@
 import os
 import re
 import subprocess
+import tempfile
 import unittest
 
 from harness import BUILD, SOURCE
@@ -66,6 +67,22 @@ class Symbols(unittest.TestCase):
         listing = subprocess.run(["readelf", "-d", LIBRARY], capture_output=True, check=True, text=True).stdout
         needed = set(re.findall(r"NEEDED\D*\[([^\]]+)\]", listing))
         self.assertLessEqual(needed, set(RUNTIME + CONTRACT_LIBRARIES))
+
+    def test_interface_is_the_saved_one(self):
+        """Whoever was built on an earlier version still fits: names, arguments, records, the values of enumerations."""
+        saved = read("src", "screenrecord.abi")
+        canaries = {
+            "as saved": (saved, False),
+            "a function that is gone": (saved.replace("video_cap_close", "video_cap_clone"), True),
+            "a record with a field elsewhere": (saved.replace("layout-offset-in-bits='128'", "layout-offset-in-bits='192'", 1), True),
+        }
+        for name, (description, differs) in canaries.items():
+            with self.subTest(name), tempfile.NamedTemporaryFile("w", suffix=".abi") as file:
+                file.write(description)
+                file.flush()
+                compare = ["abidiff", "--harmless", "--exported-interfaces-only"]
+                result = subprocess.run([*compare, file.name, LIBRARY], capture_output=True, text=True)
+                self.assertEqual(result.returncode != 0, differs, result.stdout + result.stderr)
 
     @staticmethod
     def runtime_libraries():

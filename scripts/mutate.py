@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""Breaks the library in one place at a time and sees whether the unit tests notice.
+
+    scripts/mutate.py [--count 100] [--seed N] [--jobs N]
+
+Each mutant has one condition flipped, one call dropped, two statements swapped or a number changed. Prints those that
+no test noticed: each is a missing test, or a line without an effect. Works in a copy of the last commit.
+"""
+
+import argparse
+import os
+import random
+import re
+import shutil
+import subprocess
+import tempfile
+
+SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+FLIPS = [("==", "!="), ("!=", "=="), ("<=", "<"), (">=", ">"), (" < ", " >= "), (" > ", " <= "), ("&&", "||"), ("||", "&&")]
+LOGGING = re.compile(r"LOG|static_assert|^\s*(//|\*|/\*|#)")
+
+
+def flips(lines, index):
+    """Each operator of a condition on the line, turned round."""
+    if not re.search(r"\b(if|while|for|return)\b|\?|= .*(==|!=|<|>|&&|\|\|)", lines[index]):
+        return
+    for old, new in FLIPS:
+        for match in re.finditer(re.escape(old), lines[index]):
+            if old in (" < ", " > ") and "template" in lines[index]:
+                continue
+            yield "flip", {index: lines[index][: match.start()] + new + lines[index][match.end() :]}
+
+
+def drops(lines, index):
+    """The line without its call or its assignment."""
+    if re.match(r"\s+[\w:>.\[\]*-]+(\(.*\)| = .*);\s*$", lines[index]) and not re.match(r"\s+return\b", lines[index]):
+        yield "drop", {index: "    ;\n"}
+
+
+def swaps(lines, index):
+    """The line and the next one in the other order."""
+    statement = r"(\s+)[\w:>.\[\]*-]+(\(.*\)| = .*);\s*$"
+    here, there = re.match(statement, lines[index]), index + 1 < len(lines) and re.match(statement, lines[index + 1])
+    if here and there and here[1] == there[1]:
+        yield "swap", {index: lines[index + 1], index + 1: lines[index]}
+
+
+def numbers(lines, index):
+    """A small number one greater."""
+    for match in re.finditer(r"(?<![\w.])([1-9]\d{0,4})(?![\w.])", lines[index]):
+        yield "number", {index: lines[index][: match.start()] + str(int(match[1]) + 1) + lines[index][match.end() :]}
+
+
+def mutants(folder):
+    """All of them, as (file, kind, lines to replace)."""
+    found = []
+    for path in subprocess.run(["git", "ls-files", "src"], cwd=folder, capture_output=True, text=True, check=True).stdout.split():
+        if not path.endswith(".cpp"):
+            continue
+        with open(os.path.join(folder, path), encoding="utf-8") as file:
+            lines = file.readlines()
+        for index, line in enumerate(lines):
+            if LOGGING.search(line):
+                continue
+            for change in (flips, drops, swaps, numbers):
+                found += [(path, kind, edit) for kind, edit in change(lines, index)]
+    return found
+
+
+class Copy:
+    """A copy of the last commit with a build of its own."""
+
+    def __init__(self, jobs):
+        self.folder = os.path.join(tempfile.mkdtemp(prefix="mutants-"), "copy")
+        self.build = os.path.join(self.folder, "build")
+        self.jobs = jobs
+        subprocess.run(["git", "clone", "-q", SOURCE, self.folder], check=True)
+        options = ["-DSCREENRECORD_HOST=OFF", "-DCMAKE_BUILD_TYPE=", "-DCMAKE_CXX_FLAGS=-O1"]
+        subprocess.run(["cmake", "-S", self.folder, "-B", self.build, "-G", "Ninja", *options], check=True, capture_output=True)
+
+    def compiles(self):
+        make = ["cmake", "--build", self.build, "-j", str(self.jobs), "--target", "unit_tests"]
+        return subprocess.run(make, capture_output=True).returncode == 0
+
+    def passes(self):
+        environment = dict(os.environ, RANDOM_CALLS="20000", RANDOM_CALLS_SEED="1")
+        try:
+            tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast"]
+            return subprocess.run(tests, env=environment, capture_output=True, timeout=90).returncode == 0
+        except subprocess.TimeoutExpired:
+            return False
+
+    def survives(self, path, edit):
+        """None for what does not compile."""
+        full = os.path.join(self.folder, path)
+        with open(full, encoding="utf-8") as file:
+            lines = file.readlines()
+        try:
+            with open(full, "w", encoding="utf-8") as file:
+                file.writelines(edit.get(index, line) for index, line in enumerate(lines))
+            return self.passes() if self.compiles() else None
+        finally:
+            with open(full, "w", encoding="utf-8") as file:
+                file.writelines(lines)
+
+    def remove(self):
+        shutil.rmtree(os.path.dirname(self.folder))
+
+
+def main():
+    options = argparse.ArgumentParser()
+    options.add_argument("--count", type=int, default=100)
+    options.add_argument("--seed", type=int, default=random.randrange(1 << 32))
+    options.add_argument("--jobs", type=int, default=os.cpu_count())
+    options = options.parse_args()
+    copy = Copy(options.jobs)
+    try:
+        if not (copy.compiles() and copy.passes()):
+            raise SystemExit("The tests do not pass as they are.")
+        candidates = mutants(copy.folder)
+        print(f"seed {options.seed}, {len(candidates)} candidates", flush=True)
+        random.Random(options.seed).shuffle(candidates)
+        tried = noticed = 0
+        for path, kind, edit in candidates:
+            if tried == options.count:
+                break
+            outcome = copy.survives(path, edit)
+            if outcome is None:
+                continue
+            tried += 1
+            noticed += not outcome
+            if outcome:
+                print(f"not noticed: {path}:{min(edit) + 1} ({kind}) {edit[min(edit)].strip()}", flush=True)
+        print(f"{noticed} of {tried} noticed")
+    finally:
+        copy.remove()
+
+
+if __name__ == "__main__":
+    main()
