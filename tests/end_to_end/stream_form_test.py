@@ -34,6 +34,7 @@ def count_with_checker(path):
 class ThreeReaders(EndToEndTest):
     """Both packet sizes and kinds of rate at once, with sound, long enough for every period in the stream."""
 
+    maxDiff = None
     SECONDS = 20
     FORMS = [(188, None), (192, None), (188, 2), (192, 2)]
     FPS = int(os.environ.get("SCREENRECORD_STREAM_FPS", "30"))
@@ -68,6 +69,7 @@ class ThreeReaders(EndToEndTest):
 
 class ThreeReadersForTenMinutes(LongEndToEndTest):
     SECONDS = int(os.environ.get("SCREENRECORD_STREAM_SECONDS", "600"))
+    maxDiff = None
     FORMS, FPS = ThreeReaders.FORMS, ThreeReaders.FPS
     prepare = classmethod(ThreeReaders.prepare.__func__)
     test_agree_and_find_no_error = ThreeReaders.test_agree_and_find_no_error
