@@ -30,6 +30,8 @@ Finding examine_platform()
 
 Finding examine_display()
 {
+    if (test_card_asked())
+        return {Finding::Kind::good, "ZU3_DISPLAY asks for the test card, so no display is needed."};
     try {
         const DisplayInfo display = display_to_capture();
         std::string sentence = format_text("The display %s answers, with %ux%u", display.name.c_str(),
@@ -64,6 +66,10 @@ Finding examine_shared_memory()
 
 Finding examine_sound()
 {
+    const char* chosen = std::getenv("ZU3_AUDIO");
+    if (chosen && (std::string(chosen) == "tone" || std::string(chosen) == "silence"))
+        return {Finding::Kind::good,
+                "ZU3_AUDIO asks for " + std::string(chosen) + ", so no sound server is needed."};
     const auto sources = list_sound_sources();
     if (!sources)
         return {Finding::Kind::limited,

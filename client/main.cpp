@@ -20,9 +20,8 @@ template <typename Options> const CommonOptions* common(const Options& options)
 void prepare_environment(const CommonOptions* options)
 {
     // The library logs every module that an ordinary recording does not use as an error. What went wrong is
-    // said by us; the library's own reasons are a --verbose away.
-    if (!options || !options->verbose)
-        setenv("ANDROID_LOG_TAGS", "screenrecord:S", 0);
+    // said by us; the library's own reasons are a --verbose away, and what the platform has chosen.
+    setenv("ANDROID_LOG_TAGS", options && options->verbose ? "zu3:I" : "screenrecord:S", 0);
     if (options && !options->display.empty())
         setenv("DISPLAY", options->display.c_str(), 1);
 }

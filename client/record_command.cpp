@@ -159,6 +159,10 @@ private:
         const TimePoint next = Clock::now() + std::chrono::milliseconds(source_end_ ? 20 : 100);
         if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
             return true;
+        if (surroundings_.signals.take_pause_request() == PauseRequest::pause)
+            say("cannot pause: the library can end a recording but not hold it, since its stop gives the "
+                "screen "
+                "back for good; this one goes on, and 'screenrecord stream' is what can pause");
         problem_ = watch.problem();
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();

@@ -18,7 +18,7 @@ bool is_ignored(int signal_number)
     return sigaction(signal_number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-sigset_t stop_set()
+sigset_t waited_set()
 {
     sigset_t set;
     sigemptyset(&set);
@@ -28,6 +28,8 @@ sigset_t stop_set()
     sigaddset(&set, SIGTERM);
     if (!is_ignored(SIGHUP)) // nohup asks to outlive the terminal
         sigaddset(&set, SIGHUP);
+    sigaddset(&set, SIGUSR1);
+    sigaddset(&set, SIGUSR2);
     return set;
 }
 
@@ -41,7 +43,7 @@ int poll_timeout(TimePoint until)
 
 StopSignals::StopSignals()
 {
-    const sigset_t set = stop_set();
+    const sigset_t set = waited_set();
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0)
         throw Failure("cannot block signals");
     fd_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
@@ -55,8 +57,14 @@ StopSignals::StopSignals()
 bool StopSignals::raised()
 {
     signalfd_siginfo info;
-    while (read(fd_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
-        raised_ = true;
+    while (read(fd_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGUSR1)
+            pause_request_ = PauseRequest::pause;
+        else if (info.ssi_signo == SIGUSR2)
+            pause_request_ = PauseRequest::resume;
+        else
+            raised_ = true;
+    }
     return raised_;
 }
 

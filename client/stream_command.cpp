@@ -146,6 +146,11 @@ private:
     {
         const TimePoint now = Clock::now();
         ended_ = ended_ || surroundings_.signals.raised() || now >= deadline_;
+        const PauseRequest request = surroundings_.signals.take_pause_request();
+        if (request == PauseRequest::pause)
+            carry_out(control::Pause{});
+        else if (request == PauseRequest::resume)
+            carry_out(control::Resume{});
         if (now < next_check_)
             return;
         next_check_ = now + milliseconds(200);

@@ -171,6 +171,8 @@ class Signals(ShortEndToEndTest, PlayableMixin):
         for name, recording in running.items():
             with self.subTest(name):
                 wait_until(lambda name=name: size_of(self.path(name + ".ts")) > 0, "the first batch")
+                recording.process.send_signal(signal.SIGUSR1)  # asks for a pause, which there is none of
+                wait_until(lambda recording=recording: "cannot pause" in recording.errors(), "the refusal")
                 self.assertEqual(recording.stop(getattr(signal, "SIG" + name)), 0, recording.errors())
                 self.assertEqual(recording.output().strip(), name + ".ts")
                 self.assert_plays(self.path(name + ".ts"))
