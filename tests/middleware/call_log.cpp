@@ -99,7 +99,7 @@ Ticket begin_call(const std::string& function, const std::string& variant, std::
     State& s = state();
     const Lock lock(s.mutex);
     Ticket ticket{s.calls_forgotten + s.calls.size()};
-    s.calls.push_back({function, std::move(arguments), ""});
+    s.calls.push_back({function, variant, std::move(arguments), ""});
     bool answered = false;
     for (auto entry = s.script.begin(); entry != s.script.end();) {
         if (!matches(*entry, function, variant) || (!entry->hook && answered) || !is_due(*entry)) {
@@ -150,6 +150,15 @@ std::vector<std::string> Middleware::calls_of(std::initializer_list<std::string_
         return std::any_of(prefixes.begin(), prefixes.end(),
                            [&](std::string_view prefix) { return line_of(call).starts_with(prefix); });
     });
+}
+
+std::vector<std::string> Middleware::call_names() const
+{
+    const Lock lock(state().mutex);
+    std::vector<std::string> result;
+    for (const Call& call : state().calls)
+        result.push_back(call.variant.empty() ? call.function : call.function + ":" + call.variant);
+    return result;
 }
 
 int Middleware::count(std::string_view function) const

@@ -128,11 +128,12 @@ u32 Middleware::fire_acap_event(u32 event, u32 handle)
     return target.audio(static_cast<s32>(target.handle), event, nullptr, target.user_data);
 }
 
-std::future<u32> Middleware::fire_on_thread(std::function<u32()> work)
+std::future<u32> Middleware::fire_on_thread(std::function<u32()> work, bool lets_time_pass)
 {
     auto started = std::make_shared<std::promise<void>>();
     std::future<void> registered = started->get_future();
-    std::future<u32> result = std::async(std::launch::async, [started, work = std::move(work)] {
+    std::future<u32> result = std::async(std::launch::async, [=, work = std::move(work)] {
+        task_thread = !lets_time_pass;
         const std::thread::id self = std::this_thread::get_id();
         {
             const Lock lock(state().mutex);

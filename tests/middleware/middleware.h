@@ -151,6 +151,8 @@ public:
     std::vector<std::string> take_calls();
     /** Every call; "..." where it has not returned yet. */
     std::vector<std::string> all_calls() const;
+    /** Every call by the name that scripts know it by, with its variant where it has one. */
+    std::vector<std::string> call_names() const;
     /** Calls that begin with one of the prefixes; the noise too, where a prefix asks for it. */
     std::vector<std::string> calls_of(std::initializer_list<std::string_view> prefixes) const;
     int count(std::string_view function) const;
@@ -217,8 +219,11 @@ public:
     u32 fire_encoded_frame(const EncodedFrame& frame);
     u32 fire_tsmux_event(u32 event, u32 handle = 0);
     u32 fire_acap_event(u32 event, u32 handle = 0);
-    /** Runs `work` (one of the above) on a thread of the middleware; the future joins it. */
-    std::future<u32> fire_on_thread(std::function<u32()> work);
+    /**
+     * Runs `work` (one of the above) on a thread of the middleware; the future joins it. With
+     * `lets_time_pass` false its waits alone do not move the clock, as a task's do not.
+     */
+    std::future<u32> fire_on_thread(std::function<u32()> work, bool lets_time_pass = true);
 
     // --- memory and files ----------------------------------------------------------------------------------
     /** Makes `size` bytes at `pointer` reachable by address conversion. */

@@ -22,6 +22,7 @@ constexpr int real_patience_seconds = 60; // for a thread that must come soon, o
 
 struct Call {
     std::string function;
+    std::string variant;
     std::string arguments;
     std::string outcome; // "=0 h=0x11", empty while it runs
 };

@@ -1,0 +1,199 @@
+/** What the fault injection puts to the test: a client's ways through the library, in and out. */
+#pragma once
+
+#include <srglworker/SrGlWorker.h>
+
+#include "library_test.h"
+
+/** A call of the client's; one that is not needed may fail without ending the way in. */
+struct Step {
+    std::string name;
+    std::function<bool()> call;
+    bool needed = true;
+};
+
+struct Scenario {
+    const char* name;
+    char kind; /**< of its expectations */
+    std::vector<Step> in, out;
+    int passes = 1; /**< how often it does the same */
+};
+
+/** Builds the scenarios around a double that it prepares for them. */
+class FaultScenarios : public LibraryTest {
+protected:
+    static constexpr u32 width = 64, height = 64, picture_size = width * height * 3 / 2;
+    static constexpr u64 luma = 0x500000;
+
+    /** A fresh double around the library as the run before left it. */
+    void prepare()
+    {
+        callbacks_.clear();
+        busy_ = false;
+        mw.reset();
+        _bSysInited = 0;
+        for (const char* name : {"a.nv12", "a.aac"})
+            mw.add_file(name, middleware::Bytes(3 * picture_size));
+        mw.settings.encoder_input_size = picture_size;
+        mw.settings.first_fd = 3;
+        mw.map_physical(luma, picture_.data(), picture_size);
+        // A task's first steps belong to its creation: so the order of all calls is always the same.
+        mw.after("ZU_OS_CreateTask", [this] { mw.settle(); }, {.forever = true});
+        // Interleaving is switched off wherever an encoder is open, also while no multiplexer is.
+        mw.tolerate_problem("ZU_TSMUX_SetAttr is called on unknown handle 0x0");
+    }
+
+    bool media(bool pictures, u64 at = luma)
+    {
+        if (pictures)
+            mw.fire_picture({.luma = at, .chroma = at + width * height});
+        for (const u8 type : {0xFF, 1}) {
+            const auto frame = [=, this] {
+                return mw.fire_encoded_frame({.bytes = {1, 2, 3}, .type = type, .pts = 1, .input_index = 1});
+            };
+            if (busy_) { // stays inside until the close
+                callbacks_.push_back(mw.fire_on_thread(frame, false));
+                mw.settle();
+            } else {
+                frame();
+            }
+        }
+        return true;
+    }
+
+    Step recorded_media(bool pictures)
+    {
+        return {"media", [=, this] {
+                    mw.queue_output(middleware::Bytes(0x11000)); // more than a batch
+                    media(pictures);
+                    mw.advance(250);
+                    return true;
+                }};
+    }
+
+    static Step deinit()
+    {
+        return {"SCREENRECORD_DeInit", [] {
+                    const u32 was_up = _bModuleInited;
+                    return SCREENRECORD_DeInit() == was_up;
+                }};
+    }
+
+    std::vector<Step> way_in(u32 slot, const char* video, const char* audio, bool pictures)
+    {
+        return {{"SCREENRECORD_Init", [] { return SCREENRECORD_Init() == 1; }},
+                {"SCREENRECORD_Open", [=] { return steps::open(slot) == 1; }},
+                {"SCREENRECORD_SetAudio", [=] { return steps::set_audio(slot, audio) == 1; }},
+                {"SCREENRECORD_SetVideo", [=] { return steps::set_video(slot, video) == 1; }},
+                {"SCREENRECORD_SetTsMux", [=] { return steps::set_mux(slot) == 1; }},
+                {"SCREENRECORD_Start", [=] { return steps::start(slot) == 1; }},
+                recorded_media(pictures)};
+    }
+
+    Scenario recording(const char* name, u32 slot, char kind)
+    {
+        const bool file = kind == 'f';
+        const Step close = {"SCREENRECORD_Close", [=] { return !_bModuleInited || steps::close(slot) == 1; }};
+        return {name,
+                kind,
+                way_in(slot, file ? "a.nv12" : "cap", file ? "a.aac" : "cap", slot == 0 && !file),
+                {close, deinit()}};
+    }
+
+    Scenario one_call()
+    {
+        const Step stop = {"stopScreenRecord", [] { return !_bModuleInited || stopScreenRecord() == 0; }};
+        return {"one-call",
+                'r',
+                {{"startScreenRecord", [] { return steps::one_call(3600) == 0; }}, recorded_media(true)},
+                {stop, deinit()}};
+    }
+
+    Scenario open_again()
+    {
+        Scenario scenario = recording("open again after close", 0, 'r');
+        std::vector<Step> again = scenario.in;
+        again.front() = scenario.out.front(); // closed instead of initialised
+        scenario.in.insert(scenario.in.end(), again.begin(), again.end());
+        scenario.passes = 2;
+        return scenario;
+    }
+
+    Scenario capture_encode(const char* name, char kind)
+    {
+        static u8 frame[16];
+        static CapEnc_EsInfo info;
+        const bool inject = kind == 'i';
+        const auto pictures = [=, this] { return media(true, inject ? inject_.physical : luma); };
+        const auto open = [=, this] {
+            if (inject)
+                inject_ = mw.offer_inject_buffer(2 * picture_size);
+            CapEnc_OpenParams params = {width, height, 30, 1000000, 1, 0x200, 0};
+            return video_capenc_open(&params) == 0;
+        };
+        // In copy mode the watermark is refused, and that is the right answer.
+        const auto watermark = [=] { return video_capenc_setWatermark({}) == (inject ? 0 : -1); };
+        const auto take = [=] { return video_capenc_getES(frame, sizeof(frame), &info) == 0; };
+        return {name,
+                kind,
+                {{"video_capenc_open", open},
+                 {"video_capenc_setWatermark", watermark},
+                 {"video_capenc_start", [] { return video_capenc_start(0) == 0; }},
+                 {"media", pictures},
+                 {"video_capenc_getES", take, false},
+                 {"video_capenc_setBitRate", [] { return video_capenc_setBitRate(2000000) == 0; }, false},
+                 {"video_capenc_requestKeyFrame", [] { return video_capenc_requestKeyFrame() == 0; }, false}},
+                {{"video_capenc_stop", [] { return video_capenc_stop() == 0; }},
+                 {"video_capenc_close", [] { return video_capenc_close() == 0; }},
+                 deinit()}};
+    }
+
+    static Scenario stills()
+    {
+        static Cap_OpenParams params = {width, height, 2, 0, 2};
+        static Cap_Buffer buffers[2];
+        return {"stills",
+                's',
+                {{"video_cap_open", [] { return video_cap_open(&params) == 0; }},
+                 {"video_cap_getCaptureBuffers", [] { return video_cap_getCaptureBuffers(buffers, 2) == 0; }},
+                 {"video_cap_captureScreen", [] { return video_cap_captureScreen(1) == 0; }}},
+                {{"video_cap_close", [] { return video_cap_close() == 0; }}, deinit()}};
+    }
+
+    Scenario pcm()
+    {
+        static u8 buffer[64];
+        static u64 size;
+        const auto read = [this] {
+            mw.queue_audio(middleware::Bytes(sizeof(buffer)));
+            return audio_cap_getPCM(buffer, sizeof(buffer), &size) == 0;
+        };
+        return {"PCM",
+                'p',
+                {{"audio_cap_open", [] { return audio_cap_open() == 0; }},
+                 {"audio_cap_start", [] { return audio_cap_start() == 0; }},
+                 {"audio_cap_getPCM", read, false},
+                 {"audio_cap_stop", [] { return audio_cap_stop() == 0; }, false}},
+                {{"audio_cap_close", [] { return audio_cap_close() == 0; }}, deinit()}};
+    }
+
+    std::vector<Scenario> scenarios()
+    {
+        return {one_call(),
+                recording("step by step, slot 0", 0, 'r'),
+                recording("step by step, slot 1", 1, 'r'),
+                recording("file source", 1, 'f'),
+                capture_encode("capture-encode, inject, watermark", 'i'),
+                capture_encode("capture-encode, copy, watermark", 'c'),
+                stills(),
+                pcm(),
+                open_again()};
+    }
+
+    std::vector<std::future<u32>> callbacks_; /**< that are still inside */
+    bool busy_ = false;                       /**< the multiplexer will never take a frame */
+
+private:
+    middleware::Bytes picture_ = middleware::Bytes(picture_size);
+    middleware::InjectBuffer inject_ = {};
+};
