@@ -99,6 +99,106 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
     }
 }
 
+// Where programs run many times slower, fewer of the same trials.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
+constexpr int limit_trials = 1000;
+#else
+constexpr int limit_trials = 10000;
+#endif
+
+struct ClientCall {
+    const char* name;
+    std::function<s64()> call;
+    s64 answer;
+};
+
+/** One recording at its time limit, and a client's call that meets it; `phase` counts middleware calls. */
+class TimeLimitTrial {
+public:
+    TimeLimitTrial(middleware::Middleware& mw, const ClientCall& client, int phase, bool behind, u32 output)
+        : mw_(mw), client_(client), phase_(phase), behind_(behind)
+    {
+        EXPECT_EQ(steps::one_call(1), 0);
+        mw_.settle();
+        mw_.queue_output(middleware::Bytes(output, 7));
+        mw_.set_now_us(mw_.now_us() + 1'950'000); // the next pass but one finds the limit passed
+    }
+
+    /** The client comes while the writer is at that phase of its pass and its close. */
+    void client_meets_writer()
+    {
+        std::future<u32> client;
+        at_phase([&] {
+            client = mw_.fire_on_thread([&] {
+                answer_ = client_.call();
+                return 0u;
+            });
+        });
+        mw_.advance(300);
+        mw_.clear_script();
+        if (client.valid())
+            client.get();
+        else
+            answer_ = client_.call();
+    }
+    /** The limit passes while the client is at that phase of its call. */
+    void writer_meets_client()
+    {
+        at_phase([] { ZU_OS_DelayTask(200); });
+        answer_ = client_.call();
+    }
+
+    void judge()
+    {
+        mw_.clear_script();
+        mw_.advance(300);
+        // An open comes either behind the writer's close or to a slot that still records.
+        const auto opened = mw_.count("ZU_FS_Fopen") - 1;
+        const bool refused = client_.answer != opened && std::string_view(client_.name) == "open";
+        EXPECT_EQ(answer_, refused ? 0 : client_.answer);
+        EXPECT_EQ(mw_.count("ZU_FS_Fclose"), 1);
+    }
+
+private:
+    void at_phase(const std::function<void()>& hook)
+    {
+        behind_ ? mw_.after("*", hook, {.nth = phase_}) : mw_.inside("*", hook, {.nth = phase_});
+    }
+
+    middleware::Middleware& mw_;
+    const ClientCall& client_;
+    const int phase_;
+    const bool behind_;
+    std::atomic<s64> answer_ = -100;
+};
+
+TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
+{
+    const ClientCall clients[] = {
+        {"stop", [] { return s64{steps::stop(0)}; }, 1},
+        {"close", [] { return s64{steps::close(0)}; }, 1},
+        {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
+        {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
+    };
+    const u32 outputs[] = {0, 188, 0x10000, 0x18000}; // nothing, less than a batch, just one, more
+    int trials = 0;
+    for (int number = 0; number < limit_trials && !HasFailure(); number++) {
+        const ClientCall& client = clients[number % 4];
+        const bool behind = number / 4 % 2, client_first = number / 8 % 2;
+        const int phase = number / 16 % 60 + 1; // a close makes fewer than 60 calls: some come after it
+        SCOPED_TRACE(std::string(client.name) + (client_first ? " before" : " after") + " the limit, phase " +
+                     std::to_string(phase) + (behind ? " behind" : ""));
+        TimeLimitTrial trial(mw, client, phase, behind, outputs[number / 16 / 60 % 4]);
+        client_first ? trial.writer_meets_client() : trial.client_meets_writer();
+        trial.judge();
+        close_all();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+        mw.reset();
+        trials++;
+    }
+    printf("time limit against a client: %d trials\n", trials);
+}
+
 /** All callbacks live while a slot starts and stops; ThreadSanitizer is the judge. */
 TEST_F(CloseRaces, StartAndStopUnderFire)
 {
