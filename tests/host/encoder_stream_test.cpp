@@ -52,8 +52,11 @@ TEST(EncoderStream, SaysProfileAndLevelInTheSps)
         u32 profile, level;
         int profile_idc, level_idc;
         bool level_1b; // constraint_set3_flag
-    } cases[] = {
-        {66, 310, 66, 31, false}, {77, 410, 77, 41, false}, {66, 101, 66, 11, true}, {0, 0, 100, 10, false}};
+    } cases[] = {{66, 310, 66, 31, false},
+                 {77, 410, 77, 41, false},
+                 {66, 101, 66, 11, true},
+                 {100, 410, 100, 41, false},
+                 {0, 0, 77, 10, false}};
     for (const auto& wish : cases) {
         ZU_VENC_OpenParams_t params = params_of(64, 64);
         params.u32Bitrate = 40; // a rate that every level allows

@@ -15,7 +15,10 @@ namespace {
 
 constexpr unsigned most_messages = 8; // some of x264's warnings come with every picture
 
-constexpr float quality_as_needed = 23.0f; // x264's own default, at which text on a screen stays sharp
+// Constant quality at which text on a screen stays sharp: x264's own default where it has a preset's
+// settings, and what takes about as many bits with the settings for screens.
+constexpr float quality_of_presets = 23.0f;
+constexpr float quality_of_screens = 22.0f;
 
 // How much may be spent ahead of the rate. With a rate that was asked for little, since that is also how fast
 // x264 follows a new one; but enough for a few pictures.
@@ -32,16 +35,37 @@ constexpr uint32_t seconds_between_key_frames = 2; // what a player has to decod
 
 constexpr int smpte_170m = 6; // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
 
-const char* preset()
+/** The preset that the environment asks for; null where it leaves the choice to us. */
+const char* preset_from_environment()
 {
     const char* name = std::getenv("ZU3_X264_PRESET");
     if (!name)
-        return "veryfast";
+        return nullptr;
     for (const char* const* known = x264_preset_names; *known; ++known)
         if (std::strcmp(*known, name) == 0)
             return *known;
-    HOST_LOGW("ZU3_X264_PRESET names no preset of x264 (\"%s\"); taking \"veryfast\"", name);
-    return "veryfast";
+    HOST_LOGW("ZU3_X264_PRESET names no preset of x264 (\"%s\"); it is ignored", name);
+    return nullptr;
+}
+
+/**
+ * What differs from preset veryfast for what screens show. Measured with bench_settings, see
+ * docs/performance.md: no worse pictures at the same number of bits for two thirds of the computing time.
+ */
+void set_for_screens(x264_param_t& parameters, uint32_t profile)
+{
+    // What moves on a screen moves by whole pixels, so none are computed between them, but a scrolled page or
+    // a dragged window moves far at once.
+    parameters.analyse.i_subpel_refine = 0;
+    parameters.analyse.i_me_method = X264_ME_UMH;
+    parameters.analyse.i_me_range = 24;
+    // Letters are smaller than a transform of 8x8; without it a stream is of profile Main.
+    parameters.analyse.b_transform_8x8 = profile == 100;
+    // What is in the picture stays there: bits that make it sharp at first are not lost soon after.
+    parameters.rc.f_qcompress = 0.8f;
+    // Flat areas next to text are flat: there is little to be taken from the text for them.
+    parameters.rc.f_aq_strength = 0.65f;
+    parameters.i_deblocking_filter_alphac0 = 1;
 }
 
 std::optional<int> number_from_environment(const char* name, int least, int most)
@@ -123,7 +147,11 @@ void X264Log::write(void* self, int level, const char* format, va_list arguments
 x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
 {
     x264_param_t parameters;
-    x264_param_default_preset(&parameters, preset(), "zerolatency");
+    const char* preset = preset_from_environment();
+    x264_param_default_preset(&parameters, preset ? preset : "veryfast", "zerolatency");
+    if (!preset)
+        set_for_screens(parameters, settings.profile);
+    parameters.rc.f_rf_constant = preset ? quality_of_presets : quality_of_screens;
     parameters.pf_log = &X264Log::write;
     parameters.p_log_private = &log;
     parameters.i_log_level = X264_LOG_WARNING;
@@ -136,13 +164,15 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     set_timing(parameters, settings.frame_rate);
     set_rate(parameters, settings.rate);
     set_profile_and_level(parameters, settings.profile, settings.level);
+    HOST_LOGI("The encoder takes x264's %s, %d thread%s, a key frame every %d pictures",
+              preset ? preset : "settings for screens (docs/performance.md)", parameters.i_threads,
+              parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
     return parameters;
 }
 
 void set_rate(x264_param_t& parameters, EncoderRate rate)
 {
     parameters.rc.i_rc_method = rate.as_needed ? X264_RC_CRF : X264_RC_ABR;
-    parameters.rc.f_rf_constant = quality_as_needed;
     parameters.rc.i_bitrate = rate.kilobits;
     parameters.rc.i_vbv_max_bitrate = rate.kilobits;
     const double seconds = std::max(rate.as_needed ? seconds_ahead_of_ceiling : seconds_ahead_of_rate,

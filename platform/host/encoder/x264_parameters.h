@@ -23,8 +23,8 @@ private:
  * x264's parameters for these settings: no picture is held back, every IDR is preceded by SPS and PPS and
  * every access unit by a delimiter. `log` must live as long as the encoder that is opened with them.
  *
- * The environment overrides for measurements: ZU3_X264_PRESET (a preset's name, default "veryfast"),
- * ZU3_X264_THREADS (1 to 16) and ZU3_X264_KEYINT (pictures from key frame to key frame).
+ * The environment overrides for measurements: ZU3_X264_PRESET (a preset's name, default settings of our own
+ * for screens), ZU3_X264_THREADS (1 to 16) and ZU3_X264_KEYINT (pictures from key frame to key frame).
  */
 x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log);
 

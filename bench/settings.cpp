@@ -1,0 +1,225 @@
+/**
+ * Compares settings of x264 on scenes of a screen: computing time, and picture at the same number of bits.
+ *
+ *   bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
+ *
+ * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. The reference encodes at constant
+ * quality 23; for each candidate the quality is sought at which a scene takes as many bits (within 0.2
+ * percent), so that the pictures can be compared. Prints per scene the CPU time against the reference's and
+ * the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as a key tells x264 which macroblocks
+ * did not change. --picture writes the middle picture of the scene and encodes nothing.
+ */
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <sstream>
+
+#include <libyuv/convert_from_argb.h>
+#include <x264.h>
+
+#include "screen_scenes.h"
+
+namespace {
+
+constexpr int pictures = 90;
+constexpr int fps = 30;
+constexpr size_t luma_bytes = size_t{ScreenScene::width} * ScreenScene::height;
+constexpr int mb_columns = ScreenScene::width / 16;
+constexpr int mb_lines = ScreenScene::height / 16;
+
+struct Picture {
+    std::vector<uint8_t> nv12;
+    std::vector<uint8_t> constant; // per macroblock, as x264 wants to be told
+};
+using Scene = std::vector<Picture>;
+
+struct Result {
+    double cpu = 0; // seconds
+    double bits = 0;
+    double psnr = 0; // dB
+    double ssim = 0; // dB: -10 log10(1 - SSIM)
+};
+
+double cpu_now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+bool same_block(const Picture& one, const Picture& other, int column, int line)
+{
+    const auto same_rows = [&](size_t start, int rows) {
+        for (int row = 0; row < rows; ++row)
+            if (std::memcmp(&one.nv12[start + static_cast<size_t>(row * ScreenScene::width)],
+                            &other.nv12[start + static_cast<size_t>(row * ScreenScene::width)], 16) != 0)
+                return false;
+        return true;
+    };
+    const auto x = static_cast<size_t>(column * 16);
+    return same_rows(static_cast<size_t>(line * 16 * ScreenScene::width) + x, 16) &&
+           same_rows(luma_bytes + static_cast<size_t>(line * 8 * ScreenScene::width) + x, 8);
+}
+
+Scene draw_scene(const std::string& name)
+{
+    ScreenScene source(name);
+    Scene scene;
+    for (int number = 0; number < pictures; ++number) {
+        Picture picture{std::vector<uint8_t>(luma_bytes * 3 / 2),
+                        std::vector<uint8_t>(mb_columns * mb_lines)};
+        const auto* pixels = reinterpret_cast<const uint8_t*>(source.draw(number));
+        libyuv::ARGBToNV12(pixels, ScreenScene::width * 4, picture.nv12.data(), ScreenScene::width,
+                           picture.nv12.data() + luma_bytes, ScreenScene::width, ScreenScene::width,
+                           ScreenScene::height);
+        if (number > 0)
+            for (int i = 0; i < mb_columns * mb_lines; ++i)
+                picture.constant[static_cast<size_t>(i)] =
+                    same_block(picture, scene.back(), i % mb_columns, i / mb_columns) ? X264_MBINFO_CONSTANT
+                                                                                      : 0;
+        scene.push_back(std::move(picture));
+    }
+    return scene;
+}
+
+x264_param_t parameters_of(const std::string& settings, double quality)
+{
+    std::istringstream words(settings);
+    std::string preset, word;
+    std::getline(words, preset, ',');
+    x264_param_t parameters;
+    if (x264_param_default_preset(&parameters, preset.c_str(), "zerolatency") != 0)
+        exit((fprintf(stderr, "bench_settings: no preset %s\n", preset.c_str()), 2));
+    // x264 only measures pictures for those who would be told.
+    parameters.i_log_level = X264_LOG_INFO;
+    parameters.pf_log = [](void*, int, const char*, va_list) {};
+    parameters.i_csp = X264_CSP_NV12;
+    parameters.i_width = ScreenScene::width;
+    parameters.i_height = ScreenScene::height;
+    parameters.i_fps_num = fps;
+    parameters.i_threads = 1;
+    parameters.i_keyint_max = 2 * fps;
+    while (std::getline(words, word, ',')) {
+        const size_t equals = word.find('=');
+        const std::string key = word.substr(0, equals), value = word.substr(equals + 1);
+        if (key == "mbinfo")
+            parameters.analyse.b_mb_info = 1;
+        else if (x264_param_parse(&parameters, key.c_str(), value.c_str()) != 0)
+            exit((fprintf(stderr, "bench_settings: x264 does not know %s\n", word.c_str()), 2));
+    }
+    parameters.rc.i_rc_method = X264_RC_CRF;
+    parameters.rc.f_rf_constant = static_cast<float>(quality);
+    return parameters;
+}
+
+/** Encodes a scene; the picture is only measured where `measured`, which would cost time otherwise. */
+Result encode(Scene& scene, const std::string& settings, double quality, bool measured)
+{
+    x264_param_t parameters = parameters_of(settings, quality);
+    parameters.analyse.b_psnr = parameters.analyse.b_ssim = measured;
+    const bool told = parameters.analyse.b_mb_info != 0;
+    x264_t* const encoder = x264_encoder_open(&parameters);
+    Result result;
+    const double before = cpu_now();
+    int64_t number = 0;
+    for (Picture& picture : scene) {
+        x264_picture_t in, out;
+        x264_picture_init(&in);
+        in.img = {X264_CSP_NV12,
+                  2,
+                  {ScreenScene::width, ScreenScene::width},
+                  {picture.nv12.data(), picture.nv12.data() + luma_bytes}};
+        in.i_pts = number++;
+        if (told)
+            in.prop.mb_info = picture.constant.data();
+        x264_nal_t* nals = nullptr;
+        int count = 0;
+        result.bits += 8.0 * x264_encoder_encode(encoder, &nals, &count, &in, &out);
+        // Below a fully right picture, about 50 dB, differences are nothing that is seen.
+        result.psnr += std::min(out.prop.f_psnr_avg, 60.0) / pictures;
+        result.ssim += out.prop.f_ssim / pictures;
+    }
+    result.cpu = cpu_now() - before;
+    result.ssim = -10 * std::log10(std::max(1 - result.ssim, 1e-9));
+    x264_encoder_close(encoder);
+    return result;
+}
+
+double quality_for(Scene& scene, const std::string& settings, double bits)
+{
+    double low = 5, high = 51;
+    for (int step = 0; step < 14; ++step) {
+        const double middle = (low + high) / 2;
+        const double found = encode(scene, settings, middle, false).bits;
+        if (std::abs(found / bits - 1) < 0.002)
+            return middle;
+        (found > bits ? low : high) = middle;
+    }
+    return high;
+}
+
+/** The least of three times: what is more is the neighbours'. */
+double cpu_of(Scene& scene, const std::string& settings, double quality)
+{
+    double least = 1e9;
+    for (int turn = 0; turn < 3; ++turn)
+        least = std::min(least, encode(scene, settings, quality, false).cpu);
+    return least;
+}
+
+int write_picture(const std::string& name, const char* path)
+{
+    ScreenScene scene(name);
+    FILE* const file = fopen(path, "wb");
+    if (!file)
+        return 1;
+    fprintf(file, "P6 %d %d 255\n", ScreenScene::width, ScreenScene::height);
+    const uint32_t* pixels = scene.draw(pictures / 2);
+    for (size_t i = 0; i < luma_bytes; ++i)
+        for (int shift = 16; shift >= 0; shift -= 8)
+            fputc(static_cast<int>(pixels[i] >> shift & 255), file);
+    return fclose(file);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string> scenes(ScreenScene::names.begin(), ScreenScene::names.end()), settings;
+    const char* picture = nullptr;
+    for (int i = 1; i < argc; ++i)
+        if (!strcmp(argv[i], "--scene") && i + 1 < argc)
+            scenes = {argv[++i]};
+        else if (!strcmp(argv[i], "--picture") && i + 1 < argc)
+            picture = argv[++i];
+        else
+            settings.emplace_back(argv[i]);
+    if (picture)
+        return write_picture(scenes[0], picture);
+    std::map<std::string, double> total; // CPU over all scenes, against the reference's
+    for (const std::string& name : scenes) {
+        Scene scene = draw_scene(name);
+        const Result reference = encode(scene, settings.at(0), 23, true);
+        const double reference_cpu = cpu_of(scene, settings[0], 23);
+        printf("%s: %s %.0f kbit/s, %.2f dB, SSIM %.2f dB, %.2f ms a picture\n", name.c_str(),
+               settings[0].c_str(), reference.bits * fps / pictures / 1000, reference.psnr, reference.ssim,
+               reference_cpu / pictures * 1e3);
+        for (size_t i = 1; i < settings.size(); ++i) {
+            const double quality = quality_for(scene, settings[i], reference.bits);
+            const Result found = encode(scene, settings[i], quality, true);
+            const double cpu = cpu_of(scene, settings[i], quality) / reference_cpu;
+            total[settings[i]] += cpu / static_cast<double>(scenes.size());
+            printf("  CPU %.2f  bits %.3f  PSNR %+.2f  SSIM %+.2f  crf %.2f  %s\n", cpu,
+                   found.bits / reference.bits, found.psnr - reference.psnr, found.ssim - reference.ssim,
+                   quality, settings[i].c_str());
+        }
+        fflush(stdout);
+    }
+    for (const auto& [name, cpu] : total)
+        printf("mean CPU %.2f  %s\n", cpu, name.c_str());
+    return 0;
+}
