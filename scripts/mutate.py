@@ -41,7 +41,7 @@ def swaps(lines, index):
     """The line and the next one in the other order."""
     statement = r"(\s+)[\w:>.\[\]*-]+(\(.*\)| = .*);\s*$"
     here, there = re.match(statement, lines[index]), index + 1 < len(lines) and re.match(statement, lines[index + 1])
-    if here and there and here[1] == there[1]:
+    if here and there and here[1] == there[1] and not LOGGING.search(lines[index + 1]):
         yield "swap", {index: lines[index + 1], index + 1: lines[index]}
 
 
