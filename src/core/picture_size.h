@@ -35,12 +35,17 @@ inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
     return _SCREENRECORD_AlignUp(u32Height, 32);
 }
 
-/** Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. */
+/**
+ * Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. A picture
+ * that 64 bits cannot count gives the greatest size there is, which nobody takes.
+ */
 inline u64 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
 {
-    const u64 u64Width = u32CaptureWidth;
     const u64 u64ChromaBase = (static_cast<u64>(u32CaptureHeight) + 63) & ~63ull;
-    return u64Width * u32CaptureHeight + u64ChromaBase * u64Width / 2;
+    const u64 u64Lines = u32CaptureHeight + u64ChromaBase / 2;
+    u64 u64Size = 0;
+    return __builtin_mul_overflow(u64Lines, static_cast<u64>(u32CaptureWidth), &u64Size) ? UINT64_MAX
+                                                                                         : u64Size;
 }
 
 #endif
