@@ -74,7 +74,8 @@ bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s
     stParams.u16Pid1 = 0x0100;
     stParams.u16Pid2 = 0x0100;
     stParams.u16Pid3 = 0x0101;
-    stParams.u32CbrBitrate = stSrcInfo.u32CbrBitrateMb << 20;
+    // The record's rate is modulo 2^32, so the excess is cut off here and not by the shift.
+    stParams.u32CbrBitrate = static_cast<u32>(static_cast<u64>(stSrcInfo.u32CbrBitrateMb) << 20);
     stParams.u32OutBufVa = static_cast<u32>(stBuffer.u64VirtAddr);
     stParams.u32OutBufSize = stBuffer.u32Size;
     u32 u32Handle = pstTask->u32Handle;
