@@ -147,6 +147,7 @@ u32 ZU_ACAP_Read(u32 handle, const ZU_ACAP_ReadRequest_t* request, ZU_ACAP_ReadR
         result->u32Size = static_cast<u32>(end - audio.begin());
         std::copy(audio.begin(), end, static_cast<u8*>(request->pBuffer));
         audio.erase(audio.begin(), end);
+        result->u32Size = Middleware::instance().settings.claimed_read.value_or(result->u32Size);
         context.note = text("read=", result->u32Size);
         return ZU_OK;
     });

@@ -142,8 +142,8 @@ u32 ZU_VENC_QueryEntireInjectBuffer(u32 handle, ZU_VENC_EntireInjectBuf_t* buffe
             return ZU_INVALID_ARGUMENT;
         const InjectBuffer& inject = state().inject;
         buffer->u32VirtAddr = static_cast<u32>(reinterpret_cast<uintptr_t>(inject.address));
-        buffer->u32Size = inject.size;
-        context.note = text("size=", inject.size);
+        buffer->u32Size = Middleware::instance().settings.claimed_inject_size.value_or(inject.size);
+        context.note = text("size=", buffer->u32Size);
         return ZU_OK;
     });
 }

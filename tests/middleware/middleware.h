@@ -249,6 +249,8 @@ public:
         u32 encoder_inputs_free = 4;
         u32 output_region_size = 0x200000;   /**< memory-layout region 306; 0 = the device lacks it */
         std::optional<u32> audio_level = {}; /**< none = what is queued */
+        /** What a device claims, true or not, of the bytes that it read, copied out, or offers for injection. */
+        std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
         s32 first_fd = 0;                    /**< the first IOMMU descriptor; 0 is a good one */
     } settings;
 

