@@ -86,10 +86,9 @@ TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
         mw.offer_inject_buffer(4096);
         const u64 rounded_height = rounded(height, 32), rounded_width = rounded(width, 16);
         const u64 needed = rounded_width / 16 * rounded_height * 24;
-        for (const u32 offered : {needed - 1, needed}) {
+        for (const u64 offered : {needed == 0 ? 0 : needed - 1, needed}) {
             mw.settings.claimed_inject_size = static_cast<u32>(offered);
             params.width = width, params.height = height;
-            // No picture here has more bytes than this: a size of 0 stands for the default's.
             ASSERT_EQ(video_capenc_open(&params), bytes != 0 ? 0 : -1);
             EXPECT_EQ(mw.count("ZU_VENC_Open"), bytes != 0);
             if (bytes != 0) {
