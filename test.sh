@@ -53,7 +53,7 @@ check() {
 }
 
 scripts/install_dependencies.sh build display test
-for preset in release asan tsan armhf; do
+for preset in release asan tsan armhf clang; do
     check "$preset"
 done
 
@@ -61,4 +61,4 @@ if [ -n "$failed" ]; then
     echo "RED after $(($(date +%s) - begin)) s:$failed"
     exit 1
 fi
-echo "GREEN after $(($(date +%s) - begin)) s: release asan tsan armhf"
+echo "GREEN after $(($(date +%s) - begin)) s: release asan tsan armhf clang"
