@@ -32,7 +32,8 @@ CASES = {
     "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
     "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
     "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS]),
-    "latency": ("1280x720", 30, STAMPED, 0, [OURS, *PEERS]),
+    # A size that the encoder of elementary streams does not round up, so that all encode as many lines.
+    "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS]),
     "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
     "busy60": ("1920x1080", 60, MOVING, 6, [OURS, *PEERS]),
 }

@@ -5,8 +5,9 @@
 namespace client {
 namespace {
 
-constexpr std::chrono::milliseconds look_interval(2);
-constexpr std::chrono::milliseconds idle_look_interval(4);
+// A look costs some ten microseconds, and what comes between two of them waits for the second.
+constexpr std::chrono::microseconds shortest_look_interval(300);
+constexpr std::chrono::microseconds longest_look_interval(4000);
 
 } // namespace
 
@@ -22,9 +23,10 @@ void PollSchedule::frame_taken(uint64_t pts_us, TimePoint now)
 
 TimePoint PollSchedule::next_look(TimePoint now) const
 {
-    const bool overdue = now > expected_ + interval_;
-    const TimePoint soon = now + (overdue ? idle_look_interval : look_interval);
-    return std::min(std::max(soon, expected_ - std::chrono::milliseconds(1)), now + interval_);
+    // The later a frame is, the less a part of its delay matters.
+    const auto overdue = std::chrono::duration_cast<std::chrono::microseconds>(now - expected_);
+    const TimePoint soon = now + std::clamp(overdue / 4, shortest_look_interval, longest_look_interval);
+    return std::min(std::max(soon, expected_ - shortest_look_interval), now + interval_);
 }
 
 void LostFrames::frame_taken(uint64_t pts_us)

@@ -41,6 +41,13 @@ int poll_timeout(TimePoint until)
     return static_cast<int>(std::clamp<int64_t>(left, 0, 3'600'000));
 }
 
+timespec time_left(TimePoint until)
+{
+    using namespace std::chrono;
+    const auto left = std::clamp<nanoseconds>(until - Clock::now(), 0ns, 3600s);
+    return {duration_cast<seconds>(left).count(), (left % 1s).count()};
+}
+
 StopSignals::StopSignals()
 {
     const sigset_t set = waited_set();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <utility>
 
 #include "unique_fd.h"
@@ -12,6 +13,8 @@ using TimePoint = Clock::time_point;
 
 /** Milliseconds to hand to poll() so that it returns at or after `until`; 0 when that has passed. */
 int poll_timeout(TimePoint until);
+/** The same for ppoll(), which can wait for less than a millisecond. */
+timespec time_left(TimePoint until);
 
 /** What SIGUSR1 and SIGUSR2 ask for. */
 enum class PauseRequest { none, pause, resume };

@@ -133,7 +133,8 @@ private:
         pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
                            {control_.fd(), POLLIN, 0},
                            {sink_.pending() ? sink_.fd() : -1, POLLOUT, 0}};
-        if (poll(waited, 3, poll_timeout(std::min(look, deadline_))) > 0) {
+        const timespec timeout = time_left(std::min(look, deadline_));
+        if (ppoll(waited, 3, &timeout, nullptr) > 0) {
             if (waited[1].revents)
                 control_.read_lines([this](const std::string& line) { obey(line); });
             if (waited[2].revents)

@@ -2,6 +2,7 @@
 #include "capture/picture_leases.h"
 #include "capture/picture_pool.h"
 #include "encoder/input_memory.h"
+#include "encoder_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -68,6 +69,25 @@ TEST(EncoderLending, LeavesTheCaptureAPictureWhenEverythingIsLent)
         pool->give_back(index);
     }
     EXPECT_TRUE(pool->take().has_value());
+}
+
+// Catches a still screen being searched for changes, and a picture taken for unchanged that is not: what
+// differs only becomes a large frame where x264 looks for it.
+TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    CapturedPicture picture = picture_of(pool, *pool->take());
+    TestEncoder encoder(params_of(64, 64));
+    encoder.start();
+    for (const uint64_t serial : {1, 1, 2, 0, 0}) {
+        picture.serial = serial;
+        const CapturedPictureInCallback in_callback(picture);
+        encoder.encode(1); // draws another picture every time
+    }
+    const auto size = [&](size_t frame) { return encoder.receiver.frames[frame].bytes.size(); };
+    EXPECT_LT(size(1), 40u);
+    for (const size_t changed : {2, 3, 4})
+        EXPECT_GT(size(changed), 80u) << changed;
 }
 
 } // namespace

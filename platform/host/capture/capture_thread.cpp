@@ -112,9 +112,10 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
                              .phyCAddr = phys + run.pool->layout().luma_bytes(),
                              .u64Reserved1 = 0};
     const DueTimeInCallback due_time(due);
-    const CapturedPicture picture =
-        run.pool->is_shared() ? CapturedPicture{}
-                              : CapturedPicture{run.pool->picture(index), run.pool->layout(), run.pool};
+    const CapturedPicture picture = run.pool->is_shared()
+                                        ? CapturedPicture{}
+                                        : CapturedPicture{run.pool->picture(index), run.pool->layout(),
+                                                          run.pool, run.pool->contents(index).serial};
     const CapturedPictureInCallback in_callback(picture);
     listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
 }

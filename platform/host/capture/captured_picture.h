@@ -12,6 +12,7 @@ struct CapturedPicture {
     uint8_t* data = nullptr;
     PictureLayout layout{};
     std::shared_ptr<const void> memory;
+    uint64_t serial = 0; /**< pictures with the same number, unless it is 0, look the same */
 };
 
 /**

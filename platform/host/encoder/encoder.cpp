@@ -32,8 +32,7 @@ bool inject_is_allowed()
 Encoder::Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
                  std::unique_ptr<X264Encoder> x264)
     : callback_(params.pfnCallback), user_data_(params.pUserData), settings_(settings),
-      x264_(std::move(x264)), lent_(settings.layout),
-      size_while_open_(std::in_place, settings.size)
+      x264_(std::move(x264)), lent_(settings.layout), size_while_open_(std::in_place, settings.size)
 {
 }
 
@@ -137,19 +136,20 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
 {
     if (!address_is_known(buffer))
         return ZU_INVALID_ARGUMENT;
-    const Picture picture{
+    Picture picture{
         .data = buffer.pu8Data,
         .pts = buffer.u64Pts,
         .time = due_time_of_picture_in_callback().value_or(buffer.u64Pts),
         .index = buffer.u32InBufIndex,
         .as_key = buffer.bRequestIFrame != 0,
         .injected = buffer.bEntireInject != 0,
+        .serial = 0,
     };
     // From here on it is the encoder's: nobody else may write into it, not even while there is no room.
     if (picture.injected)
         lease_picture(picture.data);
     else
-        lent_.complete();
+        picture.serial = lent_.complete();
     wait_for_room(lock, [this] { return !queue_.full(); });
     if (!accepting() || queue_.full()) {
         give_back(picture);

@@ -66,6 +66,7 @@ private:
         uint32_t index;
         bool as_key;
         bool injected;
+        uint64_t serial; // pictures with the same one look the same; 0 = not known
     };
     /** A first-in first-out row of pictures in place. */
     class Queue {
@@ -112,6 +113,7 @@ private:
     void* const user_data_;
     const EncoderSettings settings_;
     const std::unique_ptr<X264Encoder> x264_; // used on the thread only
+    uint64_t encoded_serial_ = 0;             // of the picture that x264 has encoded last; on the thread only
 
     std::mutex mutex_; // guards all below; a leaf but for the picture leases and the block table
     std::condition_variable changed_;

@@ -65,7 +65,10 @@ std::optional<AccessUnit> Encoder::encode(const Work& work)
 {
     if (work.rate)
         x264_->set_rate(*work.rate);
-    const auto unit = x264_->encode(work.picture.data, work.picture.as_key);
+    const Picture& picture = work.picture;
+    const bool unchanged = picture.serial != 0 && picture.serial == encoded_serial_;
+    const auto unit = x264_->encode(picture.data, picture.as_key, unchanged);
+    encoded_serial_ = unit ? picture.serial : 0;
     const std::lock_guard lock(mutex_);
     give_back(work.picture);
     changed_.notify_all();

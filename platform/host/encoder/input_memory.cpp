@@ -4,6 +4,7 @@
 #include "log/host_log.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zu3host {
 namespace {
@@ -40,12 +41,18 @@ uint8_t* LentBuffers::lend(const CapturedPicture* captured)
     if (usable) {
         lease_picture(captured->data);
         lent_->borrowed = captured->memory;
+        lent_->serial = captured->serial;
     }
     lent_->data = usable ? captured->data : own_memory(*lent_);
     uint8_t* const data = lent_->data;
     if (!data)
         lent_ = nullptr;
     return data;
+}
+
+uint64_t LentBuffers::complete()
+{
+    return std::exchange(lent_, nullptr)->serial;
 }
 
 uint8_t* LentBuffers::own_memory(Buffer& buffer)
@@ -62,6 +69,7 @@ void LentBuffers::empty(Buffer& buffer)
         return_picture(buffer.data);
     buffer.borrowed.reset();
     buffer.data = nullptr;
+    buffer.serial = 0;
 }
 
 void LentBuffers::release(const uint8_t* data)

@@ -36,8 +36,8 @@ public:
      */
     uint8_t* lend(const CapturedPicture* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
-    /** The lent buffer is filled: it is in use until release(). */
-    void complete() { lent_ = nullptr; }
+    /** The lent buffer is filled: it is in use until release(). The captured picture's serial, else 0. */
+    uint64_t complete();
     void release(const uint8_t* data);
 
 private:
@@ -47,6 +47,7 @@ private:
     struct Buffer {
         uint8_t* data = nullptr;              // null = free
         std::shared_ptr<const void> borrowed; // the memory of a captured picture
+        uint64_t serial = 0;                  // of the captured picture
         std::unique_ptr<uint8_t, Free> own;
     };
     uint8_t* own_memory(Buffer& buffer);

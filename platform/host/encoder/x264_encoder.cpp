@@ -29,6 +29,9 @@ bool X264Encoder::reopen(EncoderRate rate)
 {
     x264_param_t parameters = x264_parameters_of(settings_, log_);
     zu3host::set_rate(parameters, rate);
+    parameters.analyse.b_mb_info = 1;
+    constant_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
+                     X264_MBINFO_CONSTANT);
     const SignalsBlocked for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
@@ -63,7 +66,7 @@ void X264Encoder::follow_rate()
     settings_.rate = applied_;
 }
 
-std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key)
+std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key, bool unchanged)
 {
     follow_rate();
     x264_picture_t in;
@@ -76,6 +79,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key)
     in.img.i_stride[0] = in.img.i_stride[1] = stride;
     in.i_type = as_key ? X264_TYPE_IDR : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
+    in.prop.mb_info = unchanged ? constant_.data() : nullptr;
     x264_picture_t out;
     x264_nal_t* nals = nullptr;
     int count = 0;

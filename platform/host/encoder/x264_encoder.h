@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace zu3host {
 
@@ -21,8 +22,11 @@ public:
     /** Opens one; null when x264 refuses, which is then logged. */
     static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
 
-    /** Encodes the NV12 picture at `picture`, which is no longer needed when this returns. */
-    std::optional<AccessUnit> encode(uint8_t* picture, bool as_key);
+    /**
+     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. Of one that is
+     * `unchanged` from the last, x264 does not look for what changed.
+     */
+    std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, bool unchanged);
     /**
      * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate and "as
      * needed" x264 cannot change its control, so a new encoder takes over, which begins with an IDR picture.
@@ -46,6 +50,7 @@ private:
     X264Log log_;              // before encoder_: x264 may still log while it is closed
     Handle encoder_;
     int64_t next_pts_ = 0;
+    std::vector<uint8_t> constant_; // a flag per macroblock, all of them set
 };
 
 } // namespace zu3host
