@@ -120,45 +120,14 @@ void* __wrap_malloc(size_t size)
     return middleware::is_to_fail() ? nullptr : middleware::remembered(std::malloc(size));
 }
 
-void* __wrap_calloc(size_t count, size_t size)
-{
-    return middleware::is_to_fail() ? nullptr : middleware::remembered(std::calloc(count, size));
-}
-
-void* __wrap_realloc(void* block, size_t size)
-{
-    if (middleware::is_to_fail())
-        return nullptr;
-    middleware::forget(block);
-    return middleware::remembered(std::realloc(block, size));
-}
-
 void __wrap_free(void* block)
 {
     middleware::forget(block);
     std::free(block);
 }
 
-// A plain new cannot report a failure without exceptions, so it is counted only.
-void* WRAPPED_NEW(w, )(size_t size)
-{
-    middleware::is_to_fail();
-    return ::operator new(size);
-}
-
-void* WRAPPED_NEW(a, )(size_t size)
-{
-    middleware::is_to_fail();
-    return ::operator new[](size);
-}
-
 void* WRAPPED_NEW(w, RKSt9nothrow_t)(size_t size, const std::nothrow_t&)
 {
     return middleware::is_to_fail() ? nullptr : ::operator new(size, std::nothrow);
-}
-
-void* WRAPPED_NEW(a, RKSt9nothrow_t)(size_t size, const std::nothrow_t&)
-{
-    return middleware::is_to_fail() ? nullptr : ::operator new[](size, std::nothrow);
 }
 }

@@ -31,16 +31,11 @@ std::string without_line_number(const LogLine& line)
 
 namespace middleware {
 
-std::vector<LogLine> Middleware::log_lines() const
-{
-    const Lock lock(state().mutex);
-    return state().log;
-}
-
 std::vector<std::string> Middleware::logs() const
 {
+    const Lock lock(state().mutex);
     std::vector<std::string> result;
-    for (const LogLine& line : log_lines())
+    for (const LogLine& line : state().log)
         result.push_back(without_line_number(line));
     return result;
 }

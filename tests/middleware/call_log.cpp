@@ -69,7 +69,7 @@ bool is_due(ScriptEntry& entry)
 void add_hook(const std::string& name, std::function<void()> hook, When when, bool after)
 {
     const Lock lock(state().mutex);
-    state().script.push_back({name, {{}, when.nth, when.forever, {}}, std::move(hook), after});
+    state().script.push_back({name, {{}, when.nth, when.forever}, std::move(hook), after});
 }
 
 } // namespace
@@ -89,11 +89,6 @@ std::string hex(u64 value)
     return out.str();
 }
 
-const char* kept_string(const char* string)
-{
-    return string ? state().strings.insert(string).first->c_str() : nullptr;
-}
-
 Ticket begin_call(const std::string& function, const std::string& variant, std::string arguments)
 {
     State& s = state();
@@ -111,7 +106,6 @@ Ticket begin_call(const std::string& function, const std::string& variant, std::
             (entry->after ? ticket.after : ticket.before).push_back(entry->hook);
         } else {
             answered = true;
-            ticket.instead = entry->answer.instead;
             ticket.result = entry->answer.result.value_or(own_failure(function));
         }
         entry = entry->answer.forever ? std::next(entry) : s.script.erase(entry);
@@ -137,11 +131,6 @@ std::vector<std::string> Middleware::take_calls()
     std::vector<std::string> result = lines(is_quiet);
     forget_calls();
     return result;
-}
-
-std::vector<std::string> Middleware::all_calls() const
-{
-    return lines([](const Call&) { return true; });
 }
 
 std::vector<std::string> Middleware::calls_of(std::initializer_list<std::string_view> prefixes) const

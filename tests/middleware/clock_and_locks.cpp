@@ -281,7 +281,6 @@ extern "C" {
 u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
 {
     return call("ZU_OS_CreateMutex", text("name=", attributes->pName), [&](Context& context) {
-        keep("ZU_OS_CreateMutex", ZU_OS_MutexAttr_t{kept_string(attributes->pName), attributes->u32Reserved});
         *id = state().next_mutex++; // from 0 on, which is a good id
         state().mutexes[*id].name = attributes->pName;
         context.note = text("m", *id);

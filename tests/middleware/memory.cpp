@@ -7,6 +7,10 @@ namespace middleware {
 
 namespace {
 
+/** Memory-layout region 306: above 4 GiB, so that a cut address is seen. */
+constexpr u64 output_region_base = 0x1'0000'0000;
+constexpr u64 output_region_offset = 0x0200'0000;
+constexpr u32 output_region_size = 0x200000;
 constexpr u32 inject_offset = 8192; // of the inject buffer in its block
 constexpr u64 inject_block_physical = 0x1'9000'0000;
 constexpr u64 first_block_physical = 0x2'8000'0000;
@@ -158,13 +162,6 @@ InjectBuffer Middleware::offer_inject_buffer(u32 size)
     return s.inject;
 }
 
-u8* Middleware::iommu_memory(u64 physical) const
-{
-    const Lock lock(state().mutex);
-    const auto found = state().blocks.find(physical);
-    return found == state().blocks.end() ? nullptr : static_cast<u8*>(found->second.memory.get());
-}
-
 } // namespace middleware
 
 using namespace middleware;
@@ -220,10 +217,8 @@ u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* request)
 u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* request)
 {
     return ending_call("ZU_OS_FreeIommuMemory",
-                       text("phys=", hex(request->u64PhyAddr), " size=", request->u32Size), [&](Context&) {
-                           keep("ZU_OS_FreeIommuMemory", *request);
-                           return free_block(*request);
-                       });
+                       text("phys=", hex(request->u64PhyAddr), " size=", request->u32Size),
+                       [&](Context&) { return free_block(*request); });
 }
 
 u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e operation, void* record)
@@ -239,13 +234,10 @@ u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e operation, void* record)
         perform(put, "ZU_OS_IommuOperation", name, std::move(arguments), [&](Context& context) -> u32 {
             switch (operation) {
             case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD:
-                keep("ZU_OS_IommuOperation:GET_BUFFD", *static_cast<const ZU_OS_IommuBufFd_t*>(record));
                 return get_descriptor(context, *static_cast<ZU_OS_IommuBufFd_t*>(record));
             case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
-                keep("ZU_OS_IommuOperation:PUT_BUFFD", *static_cast<const ZU_OS_IommuBufFd_t*>(record));
                 return put_descriptor(*static_cast<const ZU_OS_IommuBufFd_t*>(record));
             case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO:
-                keep("ZU_OS_IommuOperation:GET_BUFFINFO", *static_cast<const ZU_OS_IommuBufInfo_t*>(record));
                 return describe_block(context, *static_cast<ZU_OS_IommuBufInfo_t*>(record));
             }
             return ZU_INVALID_ARGUMENT;
@@ -263,14 +255,12 @@ u32 ZU_SYS_GetMmapLayout(u32 id, ZU_SYS_MmapLayout_t* layout)
         if (id != ZU_SYS_MMAP_ID_TSMUX_OUTPUT)
             return ZU_FAILURE;
         State& s = state();
-        const u32 size = Middleware::instance().settings.output_region_size;
-        layout->phyMiuBaseAddr = Middleware::output_region_base;
-        layout->phyMemAddr = Middleware::output_region_offset;
-        layout->u32RegionSize = size;
-        if (size != 0 && !s.output_region) {
-            s.output_region = new_low_memory(size);
-            s.physical[Middleware::output_region_base + Middleware::output_region_offset] = {s.output_region,
-                                                                                             size};
+        layout->phyMiuBaseAddr = output_region_base;
+        layout->phyMemAddr = output_region_offset;
+        layout->u32RegionSize = output_region_size;
+        if (!s.output_region) {
+            s.output_region = new_low_memory(output_region_size);
+            s.physical[output_region_base + output_region_offset] = {s.output_region, output_region_size};
         }
         return ZU_OK;
     });

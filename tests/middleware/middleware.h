@@ -59,10 +59,9 @@ using Bytes = std::vector<u8>;
 
 /** What a scripted call answers instead, and when. */
 struct Answer {
-    std::optional<s64> result = {};    /**< none = the function's own failure value (3; 0 or -1 for files) */
-    int nth = 1;                       /**< 1 = the next call of that name, counted from the scripting on */
-    bool forever = false;              /**< from the n-th on */
-    std::function<s64()> instead = {}; /**< runs instead of the call; its value is the result */
+    std::optional<s64> result = {}; /**< none = the function's own failure value (3; 0 or -1 for files) */
+    int nth = 1;                    /**< 1 = the next call of that name, counted from the scripting on */
+    bool forever = false;           /**< from the n-th on */
 };
 
 /** When a hook runs: at the n-th call of the name from now on, once or for ever. */
@@ -149,8 +148,6 @@ public:
     std::vector<std::string> calls() const;
     /** The same, and forgets all calls. */
     std::vector<std::string> take_calls();
-    /** Every call; "..." where it has not returned yet. */
-    std::vector<std::string> all_calls() const;
     /** Every call by the name that scripts know it by, with its variant where it has one. */
     std::vector<std::string> call_names() const;
     /** Calls that begin with one of the prefixes; the noise too, where a prefix asks for it. */
@@ -170,7 +167,6 @@ public:
     Bytes last_bytes(const std::string& function) const;
 
     // --- Android's log -------------------------------------------------------------------------------------
-    std::vector<LogLine> log_lines() const;
     /** "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end. */
     std::vector<std::string> logs() const;
     std::vector<std::string> take_logs();
@@ -207,12 +203,9 @@ public:
     void settle();
     /** Lets time pass as soon as all tasks wait, also when no other thread does. */
     void run_freely(bool on);
-    /** From now on tasks are created but not run before release_task() or run_task_here(). */
+    /** From now on tasks are created but not run. */
     void hold_tasks();
     void run_tasks();
-    void release_task(const std::string& name);
-    /** Runs the entry of a held task on the calling thread. */
-    void run_task_here(const std::string& name);
 
     // --- the middleware's own threads; also after the device was closed ------------------------------------
     u32 fire_picture(const Picture& picture);
@@ -229,8 +222,6 @@ public:
     /** Makes `size` bytes at `pointer` reachable by address conversion. */
     void map_physical(u64 physical, void* pointer, u32 size);
     InjectBuffer offer_inject_buffer(u32 size);
-    /** The memory of an IOMMU block that the library allocated, nullptr if there is none. */
-    u8* iommu_memory(u64 physical) const;
     void add_file(const std::string& name, Bytes bytes);
     File file(const std::string& name) const;
 
@@ -246,17 +237,12 @@ public:
     struct Settings {
         ZU_VENC_Caps_t encoder = {3840, 2160, 120, 1, 4096, {}};
         u32 encoder_input_size = 640 * 480 * 3 / 2;
-        u32 encoder_inputs_free = 4;
-        u32 output_region_size = 0x200000;   /**< memory-layout region 306; 0 = the device lacks it */
         std::optional<u32> audio_level = {}; /**< none = what is queued */
-        /** What a device claims, true or not, of the bytes that it read, copied out, or offers for injection. */
+        /** What a device claims, true or not, of the bytes that it read, copied out, or offers for injection.
+         */
         std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
-        s32 first_fd = 0;                    /**< the first IOMMU descriptor; 0 is a good one */
+        s32 first_fd = 0; /**< the first IOMMU descriptor; 0 is a good one */
     } settings;
-
-    /** Memory-layout region 306: above 4 GiB, so that a cut address is seen. */
-    static constexpr u64 output_region_base = 0x1'0000'0000;
-    static constexpr u64 output_region_offset = 0x0200'0000;
 
 private:
     Middleware() = default;

@@ -115,7 +115,6 @@ struct State {
     size_t calls_forgotten = 0;
     std::vector<LogLine> log;
     std::map<std::string, Bytes> records;
-    std::set<std::string> strings; // copies of the strings that records point to
     std::list<ScriptEntry> script;
     std::vector<std::string> problems, expected, tolerated;
 
@@ -196,8 +195,6 @@ template <class Record> void keep(const std::string& function, const Record& rec
     const u8* bytes = reinterpret_cast<const u8*>(&record);
     state().records[function].assign(bytes, bytes + sizeof(Record));
 }
-/** A copy of a string that lives until the next reset, for kept records. */
-const char* kept_string(const char* string);
 
 /** What the effect of a call gets: the state's lock held, and room for what the log should show behind the
  * result. */
@@ -210,7 +207,6 @@ struct Context {
 struct Ticket {
     size_t number;
     std::optional<s64> result = {};
-    std::function<s64()> instead = {};
     std::vector<std::function<void()>> before = {}, after = {};
 };
 
@@ -228,9 +224,7 @@ s64 perform(bool ends, const std::string& function, const std::string& variant, 
         hook();
     s64 result = 0;
     std::string note;
-    if (ticket.instead) {
-        result = ticket.instead();
-    } else if (ticket.result && !ends) {
+    if (ticket.result && !ends) {
         result = *ticket.result;
     } else {
         Context context{Lock(state().mutex), ticket.result.has_value()};

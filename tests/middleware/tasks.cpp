@@ -51,22 +51,9 @@ void touch_stack(const ZU_OS_TaskAttr_t& attributes)
     stack[attributes.u32StackSize - 1] = 0;
 }
 
-s32 id_of(const std::string& name)
-{
-    for (const auto& [id, task] : state().tasks) {
-        if (task.name == name && task.state == TaskState::held)
-            return id;
-    }
-    problem("no held task " + name);
-    return 0;
-}
-
 u32 create(Context& context, const ZU_OS_TaskAttr_t& attributes, s32* id)
 {
     State& s = state();
-    ZU_OS_TaskAttr_t copy = attributes;
-    copy.pName = kept_string(attributes.pName);
-    keep("ZU_OS_CreateTask", copy);
     touch_stack(attributes);
     *id = s.next_task++;
     context.note = text("t", *id);
@@ -146,25 +133,6 @@ void Middleware::run_tasks()
 {
     const Lock lock(state().mutex);
     state().tasks_held = false;
-}
-
-void Middleware::release_task(const std::string& name)
-{
-    const Lock lock(state().mutex);
-    if (const s32 id = id_of(name))
-        start(id, state().tasks.at(id));
-}
-
-void Middleware::run_task_here(const std::string& name)
-{
-    Lock lock(state().mutex);
-    const s32 id = id_of(name);
-    if (id == 0)
-        return;
-    state().tasks.at(id).state = TaskState::running;
-    state().tasks.at(id).runner = std::this_thread::get_id();
-    lock.unlock();
-    run_entry(id);
 }
 
 } // namespace middleware

@@ -1,7 +1,5 @@
 /** From a captured picture to the encoder's input: the drop rules, both ways of handing over, the watermark.
  */
-#include <algorithm>
-
 #include <capenc/capture_encode.h>
 #include <capenc/frame_ring.h>
 #include <srglworker/SrGlWorker.h>
@@ -69,25 +67,6 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
     for (int i = 0; i < 16; i++)
         mw.fire_picture({.luma = luma});
     EXPECT_EQ(venc().u32InBufIndex, 1u) << "sixteen pictures later";
-}
-
-TEST_F(CapturedFrame, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
-{
-    constexpr u8 not_the_picture = 0xEE;
-    middleware::Bytes memory = picture_;
-    memory.resize(4 * frame_size, not_the_picture); // what lies behind the picture
-    mw.map_physical(luma, memory.data(), frame_size);
-    for (const u32 lent : {1u, frame_size - 1, frame_size, frame_size + 1, 3 * frame_size}) {
-        mw.settings.encoder_input_size = lent;
-        record_small();
-        mw.fire_picture({.luma = luma}); // AddressSanitizer watches the encoder's buffer
-        const middleware::Bytes got = mw.last_encoder_input();
-        ASSERT_EQ(got.size(), lent);
-        const auto end = got.begin() + std::min(lent, frame_size);
-        EXPECT_TRUE(std::equal(got.begin(), end, picture_.begin()));
-        EXPECT_EQ(std::count(end, got.end(), not_the_picture), 0);
-        steps::close(0);
-    }
 }
 
 TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)

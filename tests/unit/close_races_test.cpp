@@ -38,36 +38,31 @@ TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
 
 TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
 {
-    const char* steps_of_close[] = {"ZU_CAP_CaptureStop",
-                                    "ZU_CAP_UnRegisterCallback",
-                                    "ZU_CAP_DisconnectInput",
-                                    "ZU_VENC_Stop",
-                                    "ZU_OS_DeleteMutex",
-                                    "ZU_CAP_Close",
-                                    "ZU_ACAP_Close",
-                                    "ZU_TSMUX_SetAttr:0x200",
-                                    "ZU_VENC_Close",
-                                    "ZU_TSMUX_DetachMediaSource",
-                                    "ZU_TSMUX_UnRegisterCallback",
-                                    "ZU_TSMUX_Stop",
-                                    "ZU_TSMUX_Close",
-                                    "ZU_FS_Fclose"};
     u8 picture[16] = {};
-    mw.settings.encoder_input_size = sizeof(picture);
-    for (const char* step : steps_of_close) {
+    bool came = true;
+    for (int step = 1; came; step++) {
         for (const bool behind : {false, true}) {
-            SCOPED_TRACE(std::string(behind ? "behind " : "inside ") + step);
+            SCOPED_TRACE((behind ? "behind step " : "inside step ") + std::to_string(step));
             mw.map_physical(0x5000, picture, sizeof(picture));
+            mw.settings.encoder_input_size = sizeof(picture);
             ASSERT_TRUE(steps::record(0));
+            mw.settle();
+            came = false;
+            std::vector<std::future<u32>> callbacks;
             const auto fire = [&] {
-                mw.fire_on_thread([&] { return mw.fire_picture({.luma = 0x5000}); }).get();
-                mw.fire_on_thread([&] { return mw.fire_encoded_frame({.bytes = {1}, .pts = 5}); }).get();
+                came = true;
+                callbacks.push_back(mw.fire_on_thread([&] { return mw.fire_picture({.luma = 0x5000}); }));
+                callbacks.push_back(
+                    mw.fire_on_thread([&] { return mw.fire_encoded_frame({.bytes = {1}, .pts = 5}); }));
             };
-            behind ? mw.after(step, fire) : mw.inside(step, fire);
+            behind ? mw.after("*", fire, {.nth = step}) : mw.inside("*", fire, {.nth = step});
             EXPECT_EQ(steps::close(0), 1u);
-            EXPECT_FALSE(mw.script_pending());
+            mw.clear_script();
+            for (std::future<u32>& callback : callbacks)
+                callback.get();
             SCREENRECORD_DeInit();
             EXPECT_CALLS(mw.ledger_problems(), {});
+            mw.reset();
         }
     }
 }

@@ -14,9 +14,9 @@ namespace {
 using middleware::Bytes;
 
 constexpr u32 mib2 = 2 * 1024 * 1024;
-constexpr u32 boundaries[] = {0,        1,          15,         16,         17,        4095,
-                              4096,     4097,       65535,      65536,      mib2 - 1,  mib2,
-                              mib2 + 1, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFFF};
+constexpr u32 boundaries[] = {65537, 0,        1,          15,         16,         17,
+                              4095,  4096,     4097,       65535,      65536,      mib2 - 1,
+                              mib2,  mib2 + 1, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFFF};
 /** Those that a test can have real bytes for. */
 constexpr u32 real_sizes[] = {1, 15, 16, 17, 4095, 4096, 4097, 65535, 65536, mib2 - 1, mib2, mib2 + 1};
 constexpr u64 luma = 0x500000;

@@ -2,7 +2,6 @@
  */
 #include <chrono>
 
-#include <core/control_lock.h>
 #include <core/worker_tasks.h>
 
 #include "library_test.h"
@@ -94,58 +93,6 @@ TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
         EXPECT_EQ(middleware::library_allocations_left(), 0u);
         mw.take_calls();
     }
-}
-
-/** A client's call at the very moment of the limit: one of the two closes, the other finds it done. */
-TEST_F(WorkerTasks, ClientAndWriterMayCloseTheSlotAtTheSameMoment)
-{
-    struct Case {
-        const char* name;
-        std::function<s64()> call;
-        s64 answer;
-    };
-    const Case cases[] = {
-        {"stop", [] { return s64{steps::stop(0)}; }, 1},
-        {"close", [] { return s64{steps::close(0)}; }, 1},
-        {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
-        {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
-    };
-    // The client comes while the writer is inside this call of its own stop and close.
-    const char* moments[] = {"ZU_CAP_CaptureStop", "ZU_VENC_Stop",  "ZU_OS_DeleteMutex", "ZU_CAP_Close",
-                             "ZU_VENC_Close",      "ZU_TSMUX_Stop", "ZU_TSMUX_Close",    "ZU_FS_Fclose"};
-    for (const Case& c : cases) {
-        for (const char* moment : moments) {
-            SCOPED_TRACE(std::string(c.name) + " during " + moment);
-            ASSERT_EQ(steps::one_call(1), 0);
-            std::future<u32> client;
-            std::atomic<s64> answer{-100};
-            mw.inside(moment, [&] {
-                client = mw.fire_on_thread([&] {
-                    answer = c.call();
-                    return 0u;
-                });
-            });
-            mw.advance(3000);
-            client.get();
-            EXPECT_EQ(answer, c.answer);
-            EXPECT_EQ(mw.calls_of({"ZU_FS_Fclose"}).size(), 1u);
-            close_all();
-            EXPECT_CALLS(mw.ledger_problems(), {});
-            mw.take_calls();
-        }
-    }
-}
-
-TEST_F(WorkerTasks, AWriterAtItsLimitGivesWayToAClientAndTriesAgain)
-{
-    ASSERT_EQ(steps::one_call(1), 0);
-    {
-        const ControlLock client(_controlMutex);
-        mw.advance(5000);
-        EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_TSMUX).bRunning, 1);
-    }
-    mw.advance(100);
-    EXPECT_TRUE(slot_is_closed(0));
 }
 
 TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
