@@ -94,12 +94,7 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
     }
 }
 
-// Where programs run many times slower, fewer of the same trials.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int limit_trials = 1000;
-#else
-constexpr int limit_trials = 10000;
-#endif
+constexpr int limit_trials = runs_slowly ? 1000 : 10000;
 
 struct ClientCall {
     const char* name;

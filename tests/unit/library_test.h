@@ -6,6 +6,15 @@
 #include "middleware/middleware.h"
 #include "recording_steps.h"
 
+/** Where programs run many times slower, the same trials are made with fewer numbers. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
+constexpr bool runs_slowly = true;
+#elif defined(__has_feature)
+constexpr bool runs_slowly = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool runs_slowly = false;
+#endif
+
 /** Starts each test with the library as it is at load, and ends it with everything closed and nothing left.
  */
 class LibraryTest : public middleware::MiddlewareTest {
