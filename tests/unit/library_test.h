@@ -6,13 +6,24 @@
 #include "middleware/middleware.h"
 #include "recording_steps.h"
 
+#if defined(__has_feature) // clang's way to say it
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
+
 /** Where programs run many times slower, the same trials are made with fewer numbers. */
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr bool runs_slowly = true;
-#elif defined(__has_feature)
-constexpr bool runs_slowly = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
 #else
 constexpr bool runs_slowly = false;
+#endif
+
+/** AddressSanitizer copies by itself. */
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool copies_are_counted = false;
+#else
+constexpr bool copies_are_counted = true;
 #endif
 
 /** Starts each test with the library as it is at load, and ends it with everything closed and nothing left.
