@@ -2,7 +2,8 @@
 """
 Records one screen with this client, with ffmpeg, with GStreamer and with the floor, by turns, and compares what they cost.
 
-    bench/compare.py [--rounds N] [--seconds N] [--only CASE,...] [--json FILE] [--plot FILE.svg] [--build DIR]
+    bench/compare.py [--rounds N] [--seconds N] [--only CASE,...] [--json FILE] [--plot FILE.svg] [--markdown FILE]
+                     [--build DIR]
 
 All encode with x264 at the same settings, which is checked from what x264 writes into the streams: veryfast, zerolatency,
 the same rate control, a key frame every two seconds, one thread, no sound. The floor is bench_floor: shared-memory image,
@@ -22,24 +23,25 @@ import tempfile
 import plot
 import recorders
 from measuring import BusyLoops, Display, latencies, record
-from recorders import FLOOR, OURS, PEERS
+from recorders import DEFAULT, FLOOR, OURS, PEERS
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-MOVING, STILL, STAMPED = ["--fps", "60"], ["--static"], ["--fps", "50", "--stamps", "500"]
+MOVING, STILL, STAMPED = ["--fps", "60"], ["--static"], ["--fps", "50", "--stamps", "1000"]
 
 # name: size, pictures per second, what the screen shows, busy loops beside it, who records
 CASES = {
-    "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
-    "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR]),
-    "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS]),
+    "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
+    "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
+    "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS, DEFAULT]),
     # A size that the encoder of elementary streams does not round up, so that all encode as many lines.
-    "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS]),
+    "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS, DEFAULT]),
     "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
     "busy60": ("1920x1080", 60, MOVING, 6, [OURS, *PEERS]),
 }
 
+COSTS = {"cpu": "CPU s", "memory": "MiB", "server": "X server's CPU s", "size": "KiB", "frames": "pictures"}
 LESS, MORE = "at most", "at least"
-# What is wanted: words, case, figure, against whom ("peers" is the best of them), limit, aim
+# What is wanted at the peers' settings: words, case, figure, against whom ("peers" is the best of them), limit, aim
 WANTED = [
     ("CPU, 720p", "720p", "cpu", "peers", LESS, 0.85, 0.80),
     ("CPU, 1080p", "1080p", "cpu", "peers", LESS, 0.85, 0.80),
@@ -57,13 +59,25 @@ WANTED = [
     ("size of the file, 720p", "720p", "size", "peers", LESS, 1.05, 1.00),
     ("size of the file, 1080p", "1080p", "size", "peers", LESS, 1.05, 1.00),
 ]
+# The same of what the client does when it is left to choose.
+BY_DEFAULT = [("by default: " + one[0], *one[1:]) for one in WANTED
+              if one[3] == "peers" and one[2] != "size" and DEFAULT in CASES[one[1]][4]]
 
 
 def measure(case, name, options, display, folder):
-    """One recorder's turn in one round."""
+    """One recorder's turn in one round; again when pictures are missing, which nothing but a busy machine explains."""
+    for _ in range(3):
+        found = measure_once(case, name, options, display, folder)
+        if CASES[case][3] or found.get("share", 1) >= 0.99:
+            return found
+        print(f"  {case}, {name}: only {found['frames']} frames, measured again", flush=True)
+    sys.exit(f"compare.py: {name} leaves pictures out at {case}: is the machine busy with something else?")
+
+
+def measure_once(case, name, options, display, folder):
     size, fps, screen, loops, _ = CASES[case]
     task = recorders.Task(f"{options.build}/bin", size, fps, options.seconds, bool(loops))
-    environment = recorders.environment(task)
+    environment = recorders.environment(name, task)
     if screen is STAMPED:
         values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))
         return {"median": statistics.median(values), "p99": values[int(0.99 * (len(values) - 1))], "frames": len(values)}
@@ -73,8 +87,6 @@ def measure(case, name, options, display, folder):
     with BusyLoops(loops) if loops else contextlib.nullcontext():
         found = record(recorders.recording(name, task, path), environment, path, display, end_after)
     found["share"] = min(found["frames"] / task.frames, 1)
-    if not loops and found["share"] < 1:
-        print(f"  {case}, {name}: {found['frames']} of {task.frames} frames")
     return found
 
 
@@ -89,20 +101,21 @@ def measure_case(case, options, folder):
             rounds.append({name: measure(case, name, options, display, folder) for name in names[turn:] + names[:turn]})
     if screen is not STAMPED:
         kinds = {"floor": "h264"}
-        settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names}
+        settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names
+                    if name != DEFAULT}
         for key, values in recorders.differences(settings).items():
             print(f"  {case}: x264's {key} differs: {values}")
     return rounds
 
 
-def compare(wanted, rounds):
+def compare(wanted, rounds, who):
     """The median of the ratios within each round; without an opponent the worst round's figure itself."""
     _, _, figure, against, sense, _, _ = wanted
     if against is None:
-        return min(one[OURS][figure] for one in rounds)
+        return min(one[who][figure] for one in rounds)
     opponents = PEERS if against == "peers" else [against]
     best = min if sense == LESS else max
-    ratios = [one[OURS][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
+    ratios = [one[who][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
     return statistics.median(ratios)
 
 
@@ -115,16 +128,26 @@ def report(results):
                 figures = {key: statistics.median(one[name][key] for one in rounds) for key in rounds[0][name]}
                 print(f"  {name:13}" + "".join(f"  {key} {value:.2f}" for key, value in figures.items()))
     lines = []
-    for wanted in WANTED:
+    for wanted, who in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
         words, case, _, _, sense, limit, aim = wanted
         if case not in results:
             continue
-        ratio = compare(wanted, results[case])
+        ratio = compare(wanted, results[case], who)
         reached = [ratio <= value if sense == LESS else ratio >= value for value in (limit, aim)]
         verdict = "PASS, aim reached" if all(reached) else "PASS" if reached[0] else "FAIL"
         lines.append({"what": words, "ratio": ratio, "sense": sense, "limit": limit, "aim": aim, "verdict": verdict})
-        print(f"{words:45} {ratio:5.2f}  {sense} {limit:.2f}, aim {aim:.2f}  {verdict}")
+        print(f"{words:52} {ratio:5.2f}  {sense} {limit:.2f}, aim {aim:.2f}  {verdict}")
     return lines
+
+
+def markdown(results, lines):
+    """The report as docs/performance.md shows it."""
+    ratios = [f"| {one['what']} | {one['sense']} {one['limit']:.2f} | {one['aim']:.2f} | {one['ratio']:.2f} | "
+              f"{one['verdict']} |" for one in lines]
+    costs = [f"| {case} | {name} | {' | '.join(f'{statistics.median(one[name][key] for one in rounds):.2f}' for key in COSTS)} |"
+             for case, rounds in results.items() if CASES[case][2] is not STAMPED for name in CASES[case][4]]
+    return "\n".join(["| | at most/least | aim | measured | |", "|---|---|---|---|---|", *ratios, "",
+                      f"| case | recorder | {' | '.join(COSTS.values())} |", "|---|---|" + "---|" * len(COSTS), *costs, ""])
 
 
 def main():
@@ -135,6 +158,7 @@ def main():
     parser.add_argument("--only", type=lambda text: text.split(","), default=list(CASES))
     parser.add_argument("--json")
     parser.add_argument("--plot")
+    parser.add_argument("--markdown")
     options = parser.parse_args()
     if unknown := set(options.only) - set(CASES):
         parser.error(f"no such case: {', '.join(unknown)}; there are {', '.join(CASES)}")
@@ -149,6 +173,9 @@ def main():
     if options.plot:
         with open(options.plot, "w", encoding="utf-8") as file:
             file.write(plot.draw(results, lines))
+    if options.markdown:
+        with open(options.markdown, "w", encoding="utf-8") as file:
+            file.write(markdown(results, lines))
     sys.exit(any(line["verdict"] == "FAIL" for line in lines))
 
 

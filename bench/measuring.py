@@ -85,7 +85,8 @@ def latencies(command, environment, task, folder):
     is kept, and the pictures are decoded when all is over.
     """
     path = f"{folder}/latency.h264"
-    process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.PIPE)
+    # What they say about a pipe that is closed on them is no news.
+    process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     arrivals, stream = read_stream(process, task)
     with open(path, "wb") as file:
         file.write(stream)
@@ -105,7 +106,7 @@ def latencies(command, environment, task, folder):
 def read_stream(process, task):
     """All that the process writes until the task's frames are there: (bytes so far, moment in ns) per read, and the bytes."""
     arrivals, stream = [], bytearray()
-    end = time.monotonic() + task.seconds + 2
+    end = time.monotonic() + task.seconds + 1
     descriptor = process.stdout.fileno()
     while time.monotonic() < end:
         data = os.read(descriptor, 1 << 20)

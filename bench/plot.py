@@ -2,7 +2,7 @@
 
 from html import escape
 
-WIDTH, LABEL, BAR, ROW, TOP = 900, 330, 400, 30, 60
+WIDTH, LABEL, BAR, ROW, TOP = 960, 380, 400, 30, 60
 COLOURS = {"FAIL": "#c0392b", "PASS": "#2e86c1", "PASS, aim reached": "#1e8449"}
 
 
@@ -25,7 +25,7 @@ def row(number, one, scale):
         line(LABEL + one["limit"] * scale, y, ROW - 4, "#222"),
         line(LABEL + one["aim"] * scale, y, ROW - 4, "#222", "3 3"),
         text(LABEL + 6, y + 17, f"{one['ratio']:.2f}", colour="#fff"),
-        text(LABEL + BAR + 15, y + 16, wanted),
+        text(LABEL + BAR + 15, y + 16, wanted, size=12),
     ])
 
 

@@ -5,6 +5,7 @@ import shutil
 import subprocess
 
 OURS, FLOOR = "screenrecord", "floor"
+DEFAULT = "default"  # this client with the settings that it takes by itself
 PEERS = ["ffmpeg", "gstreamer"]
 
 # What x264 writes about itself into a stream, but for what says the same in other words.
@@ -20,14 +21,16 @@ class Task:
         self.keyint = 2 * fps
 
 
-def environment(task):
+def environment(name, task):
+    if name == DEFAULT:
+        return {}
     return {"ZU3_X264_PRESET": "veryfast", "ZU3_X264_THREADS": "1", "ZU3_X264_KEYINT": str(task.keyint)}
 
 
 def recording(name, task, path):
     """Command line of a recording into a file: constant quality 23 under 4.5 Mbit/s, as the host layer chooses it."""
     fps, seconds = str(task.fps), str(task.seconds)
-    if name == OURS:
+    if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-s", task.size, "-r", fps, "-t", seconds,
                 "-o", path]
     if name == FLOOR:
@@ -45,7 +48,7 @@ def recording(name, task, path):
 
 def streaming(name, task):
     """Command line of an elementary stream at 4 Mbit/s, a quarter of a second ahead, to standard output."""
-    if name == OURS:
+    if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "stream", "-s", task.size, "-r", str(task.fps), "-b", "4M", "-o", "-"]
     if name == "ffmpeg":
         return [*ffmpeg_input(task), "-fps_mode", "passthrough",
@@ -78,7 +81,7 @@ def gstreamer_encoder(task, *rate):
 
 
 def installed(name):
-    return name in (OURS, FLOOR) or shutil.which({"ffmpeg": "ffmpeg", "gstreamer": "gst-launch-1.0"}[name])
+    return name in (OURS, DEFAULT, FLOOR) or shutil.which({"ffmpeg": "ffmpeg", "gstreamer": "gst-launch-1.0"}[name])
 
 
 def x264_settings(path):
