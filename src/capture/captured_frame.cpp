@@ -46,7 +46,8 @@ void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VEN
         SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "venc query buffer is null\n");
     }
     // A failed query has lent nothing, whatever it left in the record.
-    if (bLent && stInput.pu8Data != nullptr)
+    // An encoder that lends the captured picture itself has it already.
+    if (bLent && stInput.pu8Data != nullptr && stInput.pu8Data != pu8Picture)
         memcpy(stInput.pu8Data, pu8Picture,
                stInput.u32DataSize < u32PictureSize ? stInput.u32DataSize : u32PictureSize);
 }
