@@ -153,8 +153,9 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
         }
         EXPECT_EQ(window.count(), 0);
         const size_t frames = 2 * 50 * 3; // an encoded frame is copied into the ring and out of it
-        if (copies_are_counted)
+        if (copies_are_counted) {
             EXPECT_EQ(window.copied_bytes() - frames, inject ? 0u : 50u * frame_size);
+        }
         video_capenc_stop();
         video_capenc_close();
     }
