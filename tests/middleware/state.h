@@ -116,7 +116,7 @@ struct State {
     std::vector<LogLine> log;
     std::map<std::string, Bytes> records;
     std::list<ScriptEntry> script;
-    std::vector<std::string> problems, expected, tolerated;
+    std::vector<std::string> problems, tolerated;
 
     s64 now_ns = 0;
     bool run_freely = false;

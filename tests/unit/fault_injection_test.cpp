@@ -71,7 +71,10 @@ protected:
             if (step.call())
                 continue;
             outcome.failing.insert(step.name);
-            if ((outcome.in_failed = step.needed))
+            outcome.in_failed = step.needed;
+            const bool is_an_open = step.name.ends_with("cap_open") || step.name == "video_capenc_open";
+            EXPECT_TRUE(!is_an_open || slot_is_closed(0)) << step.name << " left something open";
+            if (step.needed)
                 break;
         }
         outcome.closing = mw.call_names().size();

@@ -1,5 +1,4 @@
 // The double must find what it says it finds: a checker that is silent makes every other test worthless.
-#include <algorithm>
 #include <atomic>
 
 #include <screenrecord/screenrecord.h>
@@ -40,61 +39,42 @@ s32 new_task(const char* name, ZU_OS_TaskEntry entry, void* argument)
     return id;
 }
 
-/** Every wrong use that the ledger or the lock checker must name, and the words that it must name it with. */
+/** Wrong uses that the ledger or the lock checker must name, and the words that it must name each with. */
 struct Misuse {
-    const char* words;
+    std::vector<const char*> words;
     void (*commit)(Middleware& mw);
 };
 
 const Misuse misuses[] = {
-    {"capture 0x11 is left open", [](Middleware&) { open_capture(); }},
-    {"ZU_CAP_Close is called on dead or wrong handle",
+    {{"is closed while its callback is registered", "picture 5 was never given back",
+      "ZU_CAP_Close is called on dead or wrong handle", "capture 0x12 is left open"},
      [](Middleware&) {
          const u32 handle = open_capture();
-         ZU_CAP_Close(handle);
-         ZU_CAP_Close(handle);
-     }},
-    {"ZU_VENC_Stop is called on unknown handle 0x0", [](Middleware&) { ZU_VENC_Stop(0); }},
-    {"is closed while its callback is registered",
-     [](Middleware&) {
-         const u32 handle = open_capture();
-         const ZU_CAP_CallbackParams_t params = {};
-         u64 id = 0;
-         ZU_CAP_RegisterCallback(handle, &params, &id);
-         ZU_CAP_Close(handle);
-     }},
-    {"picture 5 was never given back",
-     [](Middleware&) {
-         const u32 handle = open_capture();
+         const ZU_CAP_CallbackParams_t registration = {};
          const ZU_CAP_CaptureParams_t params = {};
          ZU_CAP_FrameInfo_t frame = {};
+         u64 id = 0;
+         ZU_CAP_RegisterCallback(handle, &registration, &id);
          ZU_CAP_CaptureOne(handle, &params, &frame);
          ZU_CAP_Close(handle);
+         ZU_CAP_Close(handle);
+         open_capture();
      }},
-    {"file out.ts is left open", [](Middleware&) { ZU_FS_Fopen("out.ts", "wb"); }},
-    {"descriptor 0 is given back but was not out",
-     [](Middleware&) {
-         ZU_OS_IommuBufFd_t record = {};
-         ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &record);
-     }},
-    {"IOMMU block 0x280000000 is left",
-     [](Middleware&) {
-         ZU_OS_IommuAlloc_t request = {"vdec_fb", 4096, 3, 0, {}, 0};
-         ZU_OS_AllocateIommuMemory(&request);
-     }},
-    {"ZU_VENC is left initialised",
+    {{"ZU_VENC_Stop is called on unknown handle 0x0", "file out.ts is left open",
+      "descriptor 0 is given back but was not out", "IOMMU block 0x280000000 is left",
+      "ZU_VENC is left initialised"},
      [](Middleware&) {
          const ZU_VENC_InitParams_t params = {};
+         ZU_OS_IommuBufFd_t record = {};
+         ZU_OS_IommuAlloc_t request = {"vdec_fb", 4096, 3, 0, {}, 0};
+         ZU_VENC_Stop(0);
+         ZU_FS_Fopen("out.ts", "wb");
+         ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &record);
+         ZU_OS_AllocateIommuMemory(&request);
          ZU_VENC_Init(&params);
      }},
-    {"task idle is left",
+    {{"task idle is left", "mutexes b and a are obtained in both orders"},
      [](Middleware& mw) {
-         mw.hold_tasks();
-         new_task(
-             "idle", [](void*) {}, nullptr);
-     }},
-    {"mutexes b and a are obtained in both orders",
-     [](Middleware&) {
          const s32 a = new_mutex("a"), b = new_mutex("b");
          for (const auto& [first, second] : {std::pair(a, b), std::pair(b, a)}) {
              ZU_OS_ObtainMutex(first, 5000);
@@ -104,34 +84,21 @@ const Misuse misuses[] = {
          }
          ZU_OS_DeleteMutex(a);
          ZU_OS_DeleteMutex(b);
+         mw.hold_tasks();
+         new_task("idle", nullptr, nullptr);
      }},
-    {"mutex m is waited for by the thread that holds it",
+    {{"mutex m is waited for by the thread that holds it",
+      "mutex m is released by a thread that does not hold it", "mutex m is deleted while it is held",
+      "task t ended while it held mutex n"},
      [](Middleware&) {
          const s32 m = new_mutex("m");
          ZU_OS_ObtainMutex(m, 5000);
          EXPECT_NE(ZU_OS_ObtainMutex(m, 5000), 0u);
-         ZU_OS_ReleaseMutex(m);
-         ZU_OS_DeleteMutex(m);
-     }},
-    {"mutex m is released by a thread that does not hold it",
-     [](Middleware&) {
-         const s32 m = new_mutex("m");
-         ZU_OS_ObtainMutex(m, 5000);
          std::thread([m] { ZU_OS_ReleaseMutex(m); }).join();
-         ZU_OS_ReleaseMutex(m);
          ZU_OS_DeleteMutex(m);
-     }},
-    {"mutex m is deleted while it is held",
-     [](Middleware&) {
-         const s32 m = new_mutex("m");
-         ZU_OS_ObtainMutex(m, 5000);
-         ZU_OS_DeleteMutex(m);
-     }},
-    {"task t ended while it held mutex m",
-     [](Middleware&) {
-         s32 m = new_mutex("m");
-         ZU_OS_DeleteTask(new_task(
-             "t", [](void* id) { ZU_OS_ObtainMutex(*static_cast<s32*>(id), 5000); }, &m));
+         s32 n = new_mutex("n");
+         const auto hold = [](void* id) { ZU_OS_ObtainMutex(*static_cast<s32*>(id), 5000); };
+         ZU_OS_DeleteTask(new_task("t", hold, &n));
      }},
 };
 
@@ -139,20 +106,11 @@ TEST_F(MiddlewareTest, EveryMisuseIsNamed)
 {
     for (const Misuse& misuse : misuses) {
         misuse.commit(mw);
-        const std::vector<std::string> problems = mw.ledger_problems();
-        const bool named = std::any_of(problems.begin(), problems.end(), [&](const std::string& sentence) {
-            return sentence.find(misuse.words) != std::string::npos;
-        });
-        EXPECT_TRUE(named) << misuse.words << ", not among:\n" << middleware::joined(problems);
+        const std::string problems = middleware::joined(mw.ledger_problems());
+        for (const char* words : misuse.words)
+            EXPECT_NE(problems.find(words), std::string::npos) << words << ", not among:\n" << problems;
         mw.reset();
     }
-}
-
-TEST_F(MiddlewareTest, AnExpectedProblemThatDoesNotHappenIsOne)
-{
-    mw.expect_problem("is left open");
-    EXPECT_CALLS(mw.ledger_problems(), {"expected, but not there: is left open"});
-    mw.reset();
 }
 
 TEST_F(MiddlewareTest, TheScriptAnswersAtTheCallThatItNamesAndNowhereElse)
