@@ -26,7 +26,7 @@ class Package(EndToEndTest):
         cls.flags = cls.run_program("pkg-config", "--cflags", "--libs", "screenrecord").split()
         cls.first = cls.start_first_program()
         shutil.copytree(cls.path("tree/share/doc/screenrecord/examples"), cls.path("examples"))
-        cls.run_program("cmake", "-S", "examples", "-B", "built", "-DCMAKE_CXX_FLAGS=-Werror",
+        cls.run_program("cmake", "-G", "Ninja", "-S", "examples", "-B", "built", "-DCMAKE_CXX_FLAGS=-Werror",
                         "-DCMAKE_C_FLAGS=-Werror", "-DCMAKE_PREFIX_PATH=" + cls.path("tree"))
         cls.run_program("cmake", "--build", "built", seconds=60)
         cls.service = cls.start("built/recording_service", ".", "1")
