@@ -22,7 +22,7 @@ LOGGING = re.compile(r"LOG|static_assert|^\s*(//|\*|/\*|#)")
 
 def flips(lines, index):
     """Each operator of a condition on the line, turned round."""
-    if not re.search(r"\b(if|while|for|return)\b|\?|= .*(==|!=|<|>|&&|\|\|)", lines[index]):
+    if '"' in lines[index] or not re.search(r"\b(if|while|for|return)\b|\?|= .*(==|!=|<|>|&&|\|\|)", lines[index]):
         return
     for old, new in FLIPS:
         for match in re.finditer(re.escape(old), lines[index]):
@@ -38,8 +38,8 @@ def drops(lines, index):
 
 
 def swaps(lines, index):
-    """The line and the next one in the other order."""
-    statement = r"(\s+)[\w:>.\[\]*-]+(\(.*\)| = .*);\s*$"
+    """A call and the next one in the other order; assignments in a row rarely need theirs."""
+    statement = r"(\s+)[\w:>.\[\]*-]+(\(.*\));\s*$"
     here, there = re.match(statement, lines[index]), index + 1 < len(lines) and re.match(statement, lines[index + 1])
     if here and there and here[1] == there[1] and not LOGGING.search(lines[index + 1]):
         yield "swap", {index: lines[index + 1], index + 1: lines[index]}
@@ -47,6 +47,8 @@ def swaps(lines, index):
 
 def numbers(lines, index):
     """A small number one greater."""
+    if '"' in lines[index]:
+        return
     for match in re.finditer(r"(?<![\w.])([1-9]\d{0,4})(?![\w.])", lines[index]):
         yield "number", {index: lines[index][: match.start()] + str(int(match[1]) + 1) + lines[index][match.end() :]}
 
