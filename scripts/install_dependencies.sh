@@ -21,7 +21,7 @@ packages_of() {
     display) echo xvfb ;;
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps pulseaudio pulseaudio-utils python3 binutils \
         abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-bad zsh fish groff-base \
-        clang ;;
+        clang libclang-rt-dev ;;
     *)
         echo "install_dependencies.sh: there is no group '$1', only build, display and test" >&2
         exit 2

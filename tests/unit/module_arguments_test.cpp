@@ -10,6 +10,7 @@ class ModuleArguments : public LibraryTest {};
 
 TEST_F(ModuleArguments, NoRecordAndNoSuchModuleAreRefusedUntouched)
 {
+    _bSysInited = 1;
     SCREENRECORD_SlotCtrl_s* slot = &_astSlotCtrl[0];
     SCREENRECORD_TaskCtrl_s unknown;
     unknown.eModule = E_SCREENRECORD_MODULE_MAX;
@@ -22,6 +23,7 @@ TEST_F(ModuleArguments, NoRecordAndNoSuchModuleAreRefusedUntouched)
         {"OpenSrcReader, no slot", _SCREENRECORD_OpenSrcReader(nullptr, &encoder)},
         {"OpenSrcReader, no record", _SCREENRECORD_OpenSrcReader(slot, nullptr)},
         {"OpenSrcReader, no reader", _SCREENRECORD_OpenSrcReader(slot, &encoder)},
+        {"InitModule, unknown", _SCREENRECORD_InitModule(E_SCREENRECORD_MODULE_MAX)},
         {"StartModule", _SCREENRECORD_StartModule(nullptr, 0)},
         {"StartModule, unknown", _SCREENRECORD_StartModule(&unknown, 0)},
         {"StopModule", _SCREENRECORD_StopModule(nullptr)},
@@ -54,6 +56,16 @@ TEST_F(ModuleArguments, TheBitWidthAndTheSizeAreTakenWhereTheyAreGiven)
         EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32FrameRate, 30u);
         EXPECT_EQ(SCREENRECORD_Close(&slot), 1u);
     }
+}
+
+TEST_F(ModuleArguments, AnotherCodecThatIsAcceptedIsAnnouncedAsAnother)
+{
+    ASSERT_EQ(SCREENRECORD_Init(), 1u);
+    ASSERT_EQ(steps::open(0), 1u);
+    ASSERT_EQ(steps::set_video(0, "cap", "mpeg4"), 1u);
+    ASSERT_EQ(steps::set_mux(0), 1u);
+    EXPECT_CALLS(mw.calls_of({"ZU_TSMUX_AttachMediaSource"}),
+                 {"ZU_TSMUX_AttachMediaSource(0x41, type=0x3 pid=0x101 stream=0xe0)=0 id=0x100000051"});
 }
 
 } // namespace
