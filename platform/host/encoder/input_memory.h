@@ -15,9 +15,8 @@ namespace zu3host {
 
 /**
  * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a time. Within
- * a capture's callback that is the captured picture itself, so that nothing is copied and
- * the picture needs no second place; otherwise memory of the encoder's own, made when it is first needed. Not
- * thread-safe.
+ * a capture's callback that is the captured picture itself, so that nothing is copied and the picture needs no
+ * second place; otherwise memory of the encoder's own, made when it is first needed. Not thread-safe.
  */
 class LentBuffers {
 public:
