@@ -211,6 +211,9 @@ protected:
     }
 
 public:
+    /** Judges a run with one fault, which the table knows as `known`. */
+    void judge_single(const Scenario& scenario, const Outcome& clean, const Outcome& outcome,
+                      const Fault& fault, const Fault& known, bool for_ever, Count& counted);
     void try_single_faults(const Scenario& scenario, const Outcome& clean, Count& counted);
     void try_second_faults(const Scenario& scenario, const Outcome& clean, Count& counted);
     void try_allocations(const Scenario& scenario, const Outcome& clean, Count& counted);
@@ -251,6 +254,19 @@ protected:
     static inline Count total_;
 };
 
+void FaultInjection::judge_single(const Scenario& scenario, const Outcome& clean, const Outcome& outcome,
+                                  const Fault& fault, const Fault& known, bool for_ever, Count& counted)
+{
+    std::vector<std::string> breaches;
+    const Expectation once = as_seen(scenario, faults::expected_of(scenario.kind, known));
+    if (for_ever)
+        judge_loosely(outcome, once, as_seen(scenario, faults::allowed_of(scenario.kind, known)), breaches);
+    else
+        judge(outcome, once, breaches);
+    judge_afterwards(scenario, clean, {fault}, breaches);
+    count(counted, text_of(scenario, {fault}, for_ever), breaches);
+}
+
 void FaultInjection::try_single_faults(const Scenario& scenario, const Outcome& clean, Count& counted)
 {
     int number = 0;
@@ -262,15 +278,7 @@ void FaultInjection::try_single_faults(const Scenario& scenario, const Outcome& 
                     continue;
                 const Outcome outcome = run_with(scenario, {fault}, for_ever);
                 const Fault known = {fault.call, in_pass(scenario, clean, fault), result};
-                std::vector<std::string> breaches;
-                const Expectation once = as_seen(scenario, faults::expected_of(scenario.kind, known));
-                if (for_ever)
-                    judge_loosely(outcome, once, as_seen(scenario, faults::allowed_of(scenario.kind, known)),
-                                  breaches);
-                else
-                    judge(outcome, once, breaches);
-                judge_afterwards(scenario, clean, {fault}, breaches);
-                count(counted, text_of(scenario, {fault}, for_ever), breaches);
+                judge_single(scenario, clean, outcome, fault, known, for_ever, counted);
             }
         }
     }
@@ -332,15 +340,7 @@ void FaultInjection::try_allocations(const Scenario& scenario, const Outcome& cl
             if (!failed)
                 break;
             const Fault fault = {"malloc", (number - 1) % per_pass + 1, 0};
-            std::vector<std::string> breaches;
-            const Expectation once = as_seen(scenario, faults::expected_of(scenario.kind, fault));
-            if (for_ever)
-                judge_loosely(outcome, once, as_seen(scenario, faults::allowed_of(scenario.kind, fault)),
-                              breaches);
-            else
-                judge(outcome, once, breaches);
-            judge_afterwards(scenario, clean, {fault}, breaches);
-            count(counted, text_of(scenario, {fault}, for_ever), breaches);
+            judge_single(scenario, clean, outcome, fault, fault, for_ever, counted);
         }
     }
 }
