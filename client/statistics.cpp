@@ -16,6 +16,13 @@ std::optional<zu3_host_statistics_t> read_statistics()
     return statistics;
 }
 
+int frame_event()
+{
+    using Event = int (*)();
+    static const auto event = reinterpret_cast<Event>(dlsym(RTLD_DEFAULT, "zu3_host_frame_event"));
+    return event ? event() : -1;
+}
+
 const char* platform_sentence()
 {
     using Name = const char* (*)();

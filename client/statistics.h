@@ -1,12 +1,17 @@
 #pragma once
 
 #include <optional>
+#include <zu3_host/frame_event.h>
 #include <zu3_host/statistics.h>
 
 namespace client {
 
 /** What the platform counts, or nothing where it does not. Fields that an older platform lacks are 0. */
 std::optional<zu3_host_statistics_t> read_statistics();
+
+/** A descriptor that becomes readable with each encoded frame, -1 where the platform has none; see
+ * frame_event.h. */
+int frame_event();
 
 /** One sentence on the platform, NULL where it has none. */
 const char* platform_sentence();

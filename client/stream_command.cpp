@@ -1,10 +1,11 @@
 #include <poll.h>
+#include <sys/eventfd.h>
 
 #include "byte_sink.h"
 #include "commands.h"
 #include "display_info.h"
 #include "encoded_stream.h"
-#include "frame_clock.h"
+#include "lost_frames.h"
 #include "messages.h"
 #include "screenrecord/screenrecord.h"
 #include "statistics.h"
@@ -18,6 +19,11 @@ using std::chrono::milliseconds;
 
 /** How long the last frame may wait for a slow reader once the end has come. */
 constexpr milliseconds patience_at_the_end(2000);
+
+// How often to look round by the clock: with frames that tell of themselves, and without, where a look's
+// distance adds to the latency of what comes between two.
+constexpr milliseconds look_interval(100);
+constexpr milliseconds look_interval_for_frames(1);
 
 uint64_t left_out_by_capture()
 {
@@ -46,7 +52,7 @@ public:
           size_(options.size ? (display_to_capture(), *options.size)
                              : size_for_display(display_to_capture().size)),
           sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
-          stream_(options, size_), control_(options.control), schedule_(options.fps), lost_(options.fps)
+          stream_(options, size_), control_(options.control), lost_(options.fps)
     {
         if (options.time)
             deadline_ =
@@ -81,10 +87,8 @@ private:
         EncodedFrame frame;
         if (!stream_.take(frame))
             return false;
-        const TimePoint now = Clock::now();
-        schedule_.frame_taken(frame.pts_us, now);
         if (frames_ == 0)
-            begin(frame, now);
+            begin(frame, Clock::now());
         ended_ = ended_ || is_behind_the_end(frame);
         if (!is_behind_the_end(frame))
             deliver(frame);
@@ -128,17 +132,21 @@ private:
 
     void wait()
     {
-        const TimePoint now = Clock::now();
-        const TimePoint look = sink_.pending() ? now + milliseconds(100) : schedule_.next_look(now);
+        const bool pending = sink_.pending();
+        const TimePoint look =
+            Clock::now() + (pending || event_ >= 0 ? look_interval : look_interval_for_frames);
         pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
                            {control_.fd(), POLLIN, 0},
-                           {sink_.pending() ? sink_.fd() : -1, POLLOUT, 0}};
+                           {pending ? sink_.fd() : -1, POLLOUT, 0},
+                           {pending ? -1 : event_, POLLIN, 0}};
         const timespec timeout = time_left(std::min(look, deadline_));
-        if (ppoll(waited, 3, &timeout, nullptr) > 0) {
+        if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
             if (waited[1].revents)
                 control_.read_lines([this](const std::string& line) { obey(line); });
             if (waited[2].revents)
                 look_at(sink_.pump());
+            if (eventfd_t frames = 0; waited[3].revents)
+                eventfd_read(event_, &frames);
         }
         check_end();
     }
@@ -251,7 +259,7 @@ private:
     ByteSink sink_;
     EncodedStream stream_;
     ControlInput control_;
-    PollSchedule schedule_;
+    const int event_ = frame_event();
     LostFrames lost_;
     TimePoint deadline_ = TimePoint::max();
     TimePoint next_check_;

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "frame_clock.h"
+#include "lost_frames.h"
 #include "option_values.h"
 #include "stream_control.h"
 #include "wav_file.h"

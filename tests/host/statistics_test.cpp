@@ -1,7 +1,12 @@
 #include "statistics/counters.h"
+#include "statistics/frame_event.h"
+#include "zu3_host/frame_event.h"
 #include "zu3_host/statistics.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 
 namespace {
 
@@ -17,6 +22,29 @@ TEST(Statistics, FillNoMoreThanTheReaderHasRoomFor)
     EXPECT_EQ(zu3_host_statistics(&record, sizeof record + 100), sizeof record);
     EXPECT_EQ(record.audio_frames_encoded, 22u);
     EXPECT_EQ(zu3_host_statistics(nullptr, 0), sizeof record);
+}
+
+// Catches an event that stays quiet, never becomes quiet again, or blocks who reads it once too often.
+TEST(FrameEvent, TellsOfFramesUntilItIsRead)
+{
+    zu3host::signal_frame(); // nobody has asked yet
+    const int event = zu3_host_frame_event();
+    ASSERT_GE(event, 0);
+    ASSERT_EQ(zu3_host_frame_event(), event);
+    EXPECT_TRUE(fcntl(event, F_GETFD) & FD_CLOEXEC);
+    const auto readable = [event] {
+        pollfd asked{event, POLLIN, 0};
+        return poll(&asked, 1, 0) == 1;
+    };
+    EXPECT_FALSE(readable());
+    zu3host::signal_frame();
+    zu3host::signal_frame();
+    EXPECT_TRUE(readable());
+    eventfd_t frames = 0;
+    EXPECT_EQ(eventfd_read(event, &frames), 0);
+    EXPECT_EQ(frames, 2u);
+    EXPECT_FALSE(readable());
+    EXPECT_NE(eventfd_read(event, &frames), 0);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "log/host_log.h"
 #include "os/thread_start.h"
 #include "statistics/counters.h"
+#include "statistics/frame_event.h"
 
 #include <utility>
 
@@ -92,6 +93,7 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
     ZU_VENC_FrameInfo_t frame = frame_record(unit, work.picture.pts, work.picture.index);
     const FrameTimeInCallback frame_time(work.picture.time);
     callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
+    signal_frame();
 }
 
 bool Encoder::may_deliver(uint32_t session)

@@ -2,26 +2,7 @@
 
 #include <cstdint>
 
-#include "signals.h"
-
 namespace client {
-
-/** When to look for the next frame: the interface has no way to wait for one. */
-class PollSchedule {
-public:
-    explicit PollSchedule(uint32_t fps) : interval_(std::chrono::microseconds(1'000'000 / fps)) {}
-
-    /** A frame captured at `pts_us` of the monotonic clock was there at `now`. */
-    void frame_taken(uint64_t pts_us, TimePoint now);
-    /** When to look again; never more than a frame interval away. */
-    TimePoint next_look(TimePoint now) const;
-
-private:
-    using Delay = std::chrono::microseconds;
-    Delay interval_;
-    Delay least_delay_{0}; /**< from capture to hand-over, of the quickest frames of late */
-    TimePoint expected_;
-};
 
 /**
  * Counts frames that were never handed over, by the distance of the time stamps from end to end of a stretch.
