@@ -92,6 +92,17 @@ def measure_once(case, name, options, display, folder):
     return found
 
 
+def measure_round(case, names, options, display, folder):
+    """
+    Everybody's turn. Where latency is measured a second one in reverse order, and the mean of both: the machine's speed
+    drifts by a tenth within a round, which is more than what is compared, and there is nothing else to average over.
+    """
+    turns = {name: [] for name in names}
+    for name in names + names[::-1] if CASES[case][2] is STAMPED else names:
+        turns[name].append(measure(case, name, options, display, folder))
+    return {name: {key: statistics.mean(one[key] for one in found) for key in found[0]} for name, found in turns.items()}
+
+
 def measure_case(case, options, folder):
     """All rounds of a case: a list of {recorder: figures}."""
     size, _, screen, _, names = CASES[case]
@@ -100,7 +111,7 @@ def measure_case(case, options, folder):
     for number in range(options.rounds):
         turn = number % len(names)
         with Display(f"{options.build}/bin", size, screen) as display:
-            rounds.append({name: measure(case, name, options, display, folder) for name in names[turn:] + names[:turn]})
+            rounds.append(measure_round(case, names[turn:] + names[:turn], options, display, folder))
     if screen is not STAMPED:
         kinds = {"floor": "h264"}
         settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names
