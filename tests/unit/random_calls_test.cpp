@@ -10,10 +10,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-long number_from(const char* variable, long otherwise)
+long long number_from(const char* variable, long long otherwise)
 {
     const char* text = std::getenv(variable);
-    return text ? std::atol(text) : otherwise;
+    return text ? std::atoll(text) : otherwise;
 }
 
 class RandomCalls : public LibraryTest {};
@@ -21,7 +21,7 @@ class RandomCalls : public LibraryTest {};
 TEST_F(RandomCalls, EveryAnswerIsTheModels)
 {
     const auto seed = static_cast<u32>(number_from("RANDOM_CALLS_SEED", std::random_device{}()));
-    const long wanted = number_from("RANDOM_CALLS", RANDOM_CALLS_COUNT);
+    const long long wanted = number_from("RANDOM_CALLS", RANDOM_CALLS_COUNT);
     printf("seed %u\n", seed);
     std::mt19937 generator(seed);
     RandomCallCounts counts;
