@@ -11,19 +11,9 @@
  * hangs ends it by SIGALRM.
  */
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include <unistd.h>
-
-#include "common/picture_layout.h"
-#include <screenrecord/screenrecord.h>
-#include <srglworker/SrGlWorker.h>
+#include "programs/support.h"
 
 namespace {
 
@@ -34,15 +24,6 @@ constexpr unsigned hang_seconds = 60;
 
 struct Came {
     std::atomic<long> frames{0}, pcm_bytes{0}, watermarks{0}, tunings{0}, stills{0}, recordings{0};
-};
-
-class Logo : public android::IMemory {
-public:
-    void* pointer() const override { return const_cast<uint8_t*>(bytes_.data()); }
-    size_t size() const override { return bytes_.size(); }
-
-private:
-    std::vector<uint8_t> bytes_ = std::vector<uint8_t>(32 * 32 * 4, 0x90);
 };
 
 /** Threads that do not know, or care, what is open. */
@@ -60,7 +41,7 @@ public:
             if (audio_cap_getPCM(samples.data(), samples.size(), &size) == 0)
                 came_.pcm_bytes += static_cast<long>(size);
         });
-        add([this, logo = android::sp<android::IMemory>(new Logo)](unsigned turn) {
+        add([this, logo = android::sp<android::IMemory>(new Pixels(32 * 32 * 4))](unsigned turn) {
             const android::sp<android::WatermarkParams> watermark(new android::WatermarkParams);
             watermark->spMemory = turn % 5 == 0 ? android::sp<android::IMemory>() : logo;
             watermark->u32Width = watermark->u32Height = 32;
@@ -100,51 +81,40 @@ class Cycles {
 public:
     Cycles(const std::string& folder, Came& came, uint32_t seed) : folder_(folder), came_(came), random_(seed)
     {
-        const auto layout = zu3host::PictureLayout::of(width, height);
-        std::ofstream(folder_ + "/raw.nv12", std::ios::binary)
-            << std::string(layout.picture_bytes() * 20, 'x');
+        write_raw_file(folder_ + "/raw.nv12", width, height, 20);
     }
 
-    /** One cycle; which step failed, or null. */
-    const char* run(int number)
+    void run(int number)
     {
-        if (!record(1, folder_ + "/raw.nv12"))
-            return "a start on slot 1";
-        const char* failed = nullptr;
+        const std::string in_cycle = " in cycle " + std::to_string(number);
+        Recording screen(0), raw(1);
+        must(record(raw, "/slot1.ts", folder_ + "/raw.nv12"), "a start on slot 1" + in_cycle);
         switch (number % 3) {
         case 0:
-            failed =
-                record(0, "cap") && (live(), SCREENRECORD_Close(slot(0))) ? nullptr : "a recording on slot 0";
+            must(record(screen, "/slot0.ts", "cap"), "a start on slot 0" + in_cycle);
+            live();
+            must(screen.close(), "a close on slot 0" + in_cycle);
             ++came_.recordings;
             break;
         case 1:
-            failed = with_pcm([this] { return encode(); }) ? nullptr : "capture-encode with PCM";
+            must(with_pcm([this] { return encode(); }), "capture-encode with PCM" + in_cycle);
             break;
         case 2:
-            failed = with_pcm([this] { return take_stills(); }) ? nullptr : "stills with PCM";
+            must(with_pcm([this] { return take_stills(); }), "stills with PCM" + in_cycle);
             break;
         }
         ++came_.recordings;
-        if (number % 2 && !SCREENRECORD_Stop(slot(1)))
-            return "a stop on slot 1";
-        return SCREENRECORD_Close(slot(1)) ? failed : "a close on slot 1";
+        must(number % 2 == 0 || raw.stop(), "a stop on slot 1" + in_cycle);
+        must(raw.close(), "a close on slot 1" + in_cycle);
     }
 
 private:
-    uint32_t* slot(uint32_t number) { return &(slots_[number] = number); }
-    static uint8_t* bytes(std::string& text) { return reinterpret_cast<uint8_t*>(text.data()); }
-
     /** Long enough for callbacks in most cycles, and for none in some. */
     void live() { std::this_thread::sleep_for(milliseconds(random_() % 4 * 10)); }
 
-    bool record(uint32_t number, std::string pictures)
+    bool record(Recording& recording, const char* name, const std::string& pictures)
     {
-        std::string file = folder_ + "/slot" + std::to_string(number) + ".ts", sound = "cap";
-        uint32_t columns = width, lines = height, frames = rate, packet = 188;
-        return SCREENRECORD_Open(slot(number), bytes(file)) &&
-               SCREENRECORD_SetAudio(slot(number), bytes(sound), nullptr, nullptr) &&
-               SCREENRECORD_SetVideo(slot(number), bytes(pictures), nullptr, &columns, &lines, &frames) &&
-               SCREENRECORD_SetTsMux(slot(number), &packet, nullptr) && SCREENRECORD_Start(slot(number));
+        return recording.open(folder_ + name, pictures, width, height, rate, "cap") && recording.start();
     }
     template <typename Pictures> bool with_pcm(Pictures pictures)
     {
@@ -173,7 +143,6 @@ private:
     const std::string folder_;
     Came& came_;
     std::minstd_rand random_;
-    uint32_t slots_[2] = {};
 };
 
 } // namespace
@@ -183,19 +152,15 @@ int main(int argc, char** argv)
     if (argc < 3)
         return fprintf(stderr, "usage: callback_races FOLDER COUNT [SEED]\n"), 2;
     const int count = atoi(argv[2]);
-    const auto seed =
-        argc > 3 ? static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)) : std::random_device()();
-    fprintf(stderr, "seed %u\n", seed);
-    if (!SCREENRECORD_Init())
-        return fprintf(stderr, "SCREENRECORD_Init failed\n"), 1;
+    const uint32_t seed = seed_from(argc, argv, 3);
+    must(SCREENRECORD_Init(), "SCREENRECORD_Init");
     Came came;
     {
         const Intruders intruders(came);
         Cycles cycles(argv[1], came, seed);
         for (int number = 0; number < count; ++number) {
             alarm(hang_seconds);
-            if (const char* failed = cycles.run(number))
-                return fprintf(stderr, "%s failed in cycle %d\n", failed, number), _exit(1), 1;
+            cycles.run(number);
         }
     }
     printf(

@@ -4,31 +4,7 @@
  *   still_captures [COUNT]     default 100; exit code 0 when every capture succeeded and, from the fourth to
  * the last, neither a descriptor was added nor more than 256 KiB of memory
  */
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
-#include <unistd.h>
-
-#include <screenrecord/screenrecord.h>
-
-namespace {
-
-long resident_kib()
-{
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages >> pages;
-    return pages * sysconf(_SC_PAGESIZE) / 1024;
-}
-
-long descriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
-} // namespace
+#include "programs/support.h"
 
 int main(int argc, char** argv)
 {

@@ -6,24 +6,9 @@
  *
  * ThreadSanitizer is its judge: the renderer draws on the capture's thread.
  */
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
-
-#include <screenrecord/screenrecord.h>
-#include <srglworker/SrGlWorker.h>
+#include "programs/support.h"
 
 namespace {
-
-class Picture : public android::IMemory {
-public:
-    explicit Picture(size_t size) : bytes_(size, 0x80) {}
-    void* pointer() const override { return const_cast<uint8_t*>(bytes_.data()); }
-    size_t size() const override { return bytes_.size(); }
-
-private:
-    std::vector<uint8_t> bytes_;
-};
 
 /** Change number `i`: moving, over the edges, fading, of another size, and none at all. */
 void describe(android::WatermarkParams& watermark, int i)
@@ -34,7 +19,7 @@ void describe(android::WatermarkParams& watermark, int i)
     watermark.s32Y = i % 500 - 15;
     watermark.u32Opacity = i % 256;
     if (i % 10 != 9)
-        watermark.spMemory = new Picture(watermark.u32Width * watermark.u32Height * 4);
+        watermark.spMemory = new Pixels(watermark.u32Width * watermark.u32Height * 4);
 }
 
 } // namespace
