@@ -1,6 +1,5 @@
 #include "middleware/allocation_failures.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -11,48 +10,19 @@ namespace middleware {
 
 namespace {
 
-std::atomic<bool> counting = false;
-std::atomic<int> asked = 0;
-std::atomic<int> failing = 0;
-std::atomic<bool> failing_later = false;
-std::atomic<size_t> copied = 0;
+std::mutex blocks_mutex;
+/** Never destroyed: the library's static objects may free at exit. */
+std::unordered_set<void*>& blocks = *new std::unordered_set<void*>;
 
-struct Blocks {
-    std::mutex mutex;
-    std::unordered_set<void*> live;
-};
+} // namespace
 
-Blocks& blocks()
-{
-    static Blocks* const the_blocks =
-        new Blocks; // never destroyed: the library's static objects may free at exit
-    return *the_blocks;
-}
-
-bool is_to_fail()
+bool AllocationWindow::is_to_fail()
 {
     if (!counting)
         return false;
     const int number = ++asked;
     return failing != 0 && (number == failing || (failing_later && number > failing));
 }
-
-void* remembered(void* block)
-{
-    if (block) {
-        const std::lock_guard lock(blocks().mutex);
-        blocks().live.insert(block);
-    }
-    return block;
-}
-
-void forget(void* block)
-{
-    const std::lock_guard lock(blocks().mutex);
-    blocks().live.erase(block);
-}
-
-} // namespace
 
 AllocationWindow::AllocationWindow(int fail_number, bool and_later)
 {
@@ -63,36 +33,16 @@ AllocationWindow::AllocationWindow(int fail_number, bool and_later)
     counting = true;
 }
 
-AllocationWindow::~AllocationWindow()
-{
-    counting = false;
-}
-
-int AllocationWindow::count() const
-{
-    return asked;
-}
-
-size_t AllocationWindow::copied_bytes() const
-{
-    return copied;
-}
-
-bool AllocationWindow::failed() const
-{
-    return failing != 0 && asked >= failing;
-}
-
 size_t library_allocations_left()
 {
-    const std::lock_guard lock(blocks().mutex);
-    return blocks().live.size();
+    const std::lock_guard lock(blocks_mutex);
+    return blocks.size();
 }
 
 void forget_library_allocations()
 {
-    const std::lock_guard lock(blocks().mutex);
-    blocks().live.clear();
+    const std::lock_guard lock(blocks_mutex);
+    blocks.clear();
 }
 
 } // namespace middleware
@@ -105,29 +55,35 @@ void forget_library_allocations()
 #define WRAPPED_NEW(kind, tail) __wrap__Zn##kind##j##tail
 #endif
 
+using namespace middleware;
+
 extern "C" {
 
 /** Only the library's copies come here, and only those that are not compiled into a few moves. */
 void* __wrap_memcpy(void* to, const void* from, size_t size)
 {
-    if (middleware::counting)
-        middleware::copied += size;
+    AllocationWindow::note_copy(size);
     return std::memcpy(to, from, size);
 }
 
 void* __wrap_malloc(size_t size)
 {
-    return middleware::is_to_fail() ? nullptr : middleware::remembered(std::malloc(size));
+    void* const block = AllocationWindow::is_to_fail() ? nullptr : std::malloc(size);
+    const std::lock_guard lock(blocks_mutex);
+    if (block)
+        blocks.insert(block);
+    return block;
 }
 
 void __wrap_free(void* block)
 {
-    middleware::forget(block);
+    const std::lock_guard lock(blocks_mutex);
+    blocks.erase(block);
     std::free(block);
 }
 
 void* WRAPPED_NEW(w, RKSt9nothrow_t)(size_t size, const std::nothrow_t&)
 {
-    return middleware::is_to_fail() ? nullptr : ::operator new(size, std::nothrow);
+    return AllocationWindow::is_to_fail() ? nullptr : ::operator new(size, std::nothrow);
 }
 }

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "android/log.h"
-#include "middleware/state.h"
+#include "middleware/contract_call.h"
 #include "srglworker/SrGlWorker.h"
 
 using namespace middleware;
@@ -14,46 +14,23 @@ namespace {
 std::atomic<int> objects_alive = 0;
 
 /** "[SCREENRECORD_Open][123]text" without "[123]", which changes with every edit of the library. */
-std::string without_line_number(const LogLine& line)
+std::string without_line_number(std::string line)
 {
-    const char letter = "??VDIWEFS"[std::clamp(line.priority, 0, 8)];
-    std::string result = line.text;
-    const size_t bracket = result.find("][");
-    const size_t end = bracket == std::string::npos ? bracket : result.find(']', bracket + 1);
-    if (result.starts_with('[') && end != std::string::npos)
-        result.erase(bracket + 1, end - bracket);
-    while (result.ends_with('\n'))
-        result.pop_back();
-    return std::string(1, letter) + " " + result;
+    const size_t bracket = line.find("][");
+    const size_t end = bracket == std::string::npos ? bracket : line.find(']', bracket + 1);
+    if (line.starts_with('[') && end != std::string::npos)
+        line.erase(bracket + 1, end - bracket);
+    while (line.ends_with('\n'))
+        line.pop_back();
+    return line;
 }
 
 } // namespace
 
-namespace middleware {
-
-std::vector<std::string> Middleware::logs() const
-{
-    const Lock lock(state().mutex);
-    std::vector<std::string> result;
-    for (const LogLine& line : state().log)
-        result.push_back(without_line_number(line));
-    return result;
-}
-
-std::vector<std::string> Middleware::take_logs()
-{
-    std::vector<std::string> result = logs();
-    const Lock lock(state().mutex);
-    state().log.clear();
-    return result;
-}
-
-int renderer_objects_left()
+int middleware::renderer_objects_left()
 {
     return objects_alive;
 }
-
-} // namespace middleware
 
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...)
 {
@@ -62,13 +39,13 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     va_start(arguments, format);
     std::vsnprintf(line, sizeof(line), format, arguments);
     va_end(arguments);
-    return static_cast<int>(
-        perform(false, "__android_log_print", "", text(priority, ", ", line), [&](Context&) {
-            state().log.push_back({priority, tag, line});
-            if (std::string_view(tag) != "screenrecord")
-                problem(text("a log line has the tag ", tag));
-            return 1;
-        }));
+    return call(__func__, text(priority, ", ", line), [&](Context&) {
+        const char letter = "??VDIWEFS"[std::clamp(priority, 0, 8)];
+        state().log.push_back(std::string(1, letter) + " " + without_line_number(line));
+        if (std::string_view(tag) != "screenrecord")
+            problem(text("a log line has the tag ", tag));
+        return 1;
+    });
 }
 
 namespace android {
@@ -95,21 +72,13 @@ RefBase::~RefBase()
 
 void RefBase::incStrong(const void*) const
 {
-    if (mRefs->strong.fetch_add(1) == 0)
-        const_cast<RefBase*>(this)->onFirstRef();
+    mRefs->strong++;
 }
 
-void RefBase::decStrong(const void* id) const
+void RefBase::decStrong(const void*) const
 {
-    if (mRefs->strong.fetch_sub(1) != 1)
-        return;
-    const_cast<RefBase*>(this)->onLastStrongRef(id);
-    delete this;
-}
-
-int32_t RefBase::getStrongCount() const
-{
-    return mRefs->strong;
+    if (--mRefs->strong == 0)
+        delete this;
 }
 
 void RefBase::onFirstRef() {}

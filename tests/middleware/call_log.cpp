@@ -1,25 +1,16 @@
 #include <algorithm>
 
-#include "middleware/state.h"
+#include "middleware/contract_call.h"
+#include "middleware/contract_results.h"
 
 namespace middleware {
 
 namespace {
 
-// What says little about the order of work, and what a device cannot refuse.
+// What says little about the order of work.
 const std::set<std::string> noise = {"__android_log_print",       "systemTime",      "ZU_OS_ObtainMutex",
                                      "ZU_OS_ReleaseMutex",        "ZU_OS_DelayTask", "ZU_OS_GetSystemTime",
                                      "ZU_OS_TimerDiffTimeFromNow"};
-const std::set<std::string> cannot_fail = {"__android_log_print", "systemTime", "ZU_OS_ReleaseMutex",
-                                           "ZU_OS_DelayTask"};
-
-s64 own_failure(const std::string& function)
-{
-    if (function == "ZU_FS_Fread" || function == "ZU_FS_Fwrite")
-        return -1;
-    const bool answers_object = function == "ZU_FS_Fopen" || function.find("::new") != std::string::npos;
-    return answers_object ? 0 : ZU_FAILURE;
-}
 
 std::string line_of(const Call& call)
 {
@@ -28,59 +19,21 @@ std::string line_of(const Call& call)
 
 template <class Wanted> std::vector<std::string> lines(Wanted wanted)
 {
-    const Lock lock(state().mutex);
     std::vector<std::string> result;
-    for (const Call& call : state().calls) {
+    for (const Call& call : state().calls)
         if (wanted(call))
             result.push_back(line_of(call));
-    }
     return result;
 }
 
-bool is_quiet(const Call& call)
-{
-    return !noise.contains(call.function);
-}
-
-void forget_calls()
-{
-    const Lock lock(state().mutex);
-    state().calls_forgotten += state().calls.size();
-    state().calls.clear();
-}
-
-bool matches(const ScriptEntry& entry, const std::string& function, const std::string& variant)
+bool matches(const ScriptEntry& entry, const std::string& function, const std::string& full_name)
 {
     if (entry.name == "*")
-        return !cannot_fail.contains(function);
-    return entry.name == function || (!variant.empty() && entry.name == function + ":" + variant);
-}
-
-/** Takes one call off the entry's count; whether the entry acts on this call. */
-bool is_due(ScriptEntry& entry)
-{
-    if (entry.answer.nth > 1) {
-        entry.answer.nth--;
-        return false;
-    }
-    return true;
-}
-
-void add_hook(const std::string& name, std::function<void()> hook, When when, bool after)
-{
-    const Lock lock(state().mutex);
-    state().script.push_back({name, {{}, when.nth, when.forever}, std::move(hook), after});
+        return function != "ZU_OS_ReleaseMutex" && !contract_results(function).empty();
+    return entry.name == function || entry.name == full_name;
 }
 
 } // namespace
-
-std::string joined(const std::vector<std::string>& lines)
-{
-    std::string result;
-    for (const std::string& line : lines)
-        result += line + "\n";
-    return result;
-}
 
 std::string hex(u64 value)
 {
@@ -94,19 +47,19 @@ Ticket begin_call(const std::string& function, const std::string& variant, std::
     State& s = state();
     const Lock lock(s.mutex);
     Ticket ticket{s.calls_forgotten + s.calls.size()};
-    s.calls.push_back({function, variant, std::move(arguments), ""});
+    const std::string full_name = variant.empty() ? function : function + ":" + variant;
+    s.calls.push_back({function, full_name, std::move(arguments)});
     bool answered = false;
     for (auto entry = s.script.begin(); entry != s.script.end();) {
-        if (!matches(*entry, function, variant) || (!entry->hook && answered) || !is_due(*entry)) {
+        if (!matches(*entry, function, full_name) || (!entry->hook && answered) || entry->answer.nth-- > 1) {
             ++entry;
             continue;
         }
-        entry->used = true;
         if (entry->hook) {
-            (entry->after ? ticket.after : ticket.before).push_back(entry->hook);
+            (entry->behind ? ticket.behind : ticket.before).push_back(entry->hook);
         } else {
             answered = true;
-            ticket.result = entry->answer.result.value_or(own_failure(function));
+            ticket.result = entry->answer.result.value_or(contract_results(function).front());
         }
         entry = entry->answer.forever ? std::next(entry) : s.script.erase(entry);
     }
@@ -121,23 +74,21 @@ void end_call(const Ticket& ticket, s64 result, const std::string& note)
         s.calls[ticket.number - s.calls_forgotten].outcome = text("=", result, note.empty() ? "" : " ", note);
 }
 
-std::vector<std::string> Middleware::calls() const
-{
-    return lines(is_quiet);
-}
-
 std::vector<std::string> Middleware::take_calls()
 {
-    std::vector<std::string> result = lines(is_quiet);
-    forget_calls();
+    const Lock lock(state().mutex);
+    std::vector<std::string> result = lines([](const Call& call) { return !noise.contains(call.function); });
+    state().calls_forgotten += state().calls.size();
+    state().calls.clear();
     return result;
 }
 
 std::vector<std::string> Middleware::calls_of(std::initializer_list<std::string_view> prefixes) const
 {
+    const Lock lock(state().mutex);
     return lines([&](const Call& call) {
-        return std::any_of(prefixes.begin(), prefixes.end(),
-                           [&](std::string_view prefix) { return line_of(call).starts_with(prefix); });
+        return std::ranges::any_of(
+            prefixes, [line = line_of(call)](std::string_view prefix) { return line.starts_with(prefix); });
     });
 }
 
@@ -146,54 +97,14 @@ std::vector<std::string> Middleware::call_names() const
     const Lock lock(state().mutex);
     std::vector<std::string> result;
     for (const Call& call : state().calls)
-        result.push_back(call.variant.empty() ? call.function : call.function + ":" + call.variant);
+        result.push_back(call.full_name);
     return result;
 }
 
 int Middleware::count(std::string_view function) const
 {
-    return static_cast<int>(lines([&](const Call& call) { return call.function == function; }).size());
-}
-
-Bytes Middleware::last_bytes(const std::string& function) const
-{
     const Lock lock(state().mutex);
-    const auto found = state().records.find(function);
-    return found == state().records.end() ? Bytes() : found->second;
-}
-
-void Middleware::fail(const std::string& name, Answer answer)
-{
-    const Lock lock(state().mutex);
-    state().script.push_back({name, std::move(answer), {}});
-}
-
-void Middleware::fail_call_number(int n, std::optional<s64> result)
-{
-    fail("*", {.result = result, .nth = n});
-}
-
-void Middleware::inside(const std::string& name, std::function<void()> hook, When when)
-{
-    add_hook(name, std::move(hook), when, false);
-}
-
-void Middleware::after(const std::string& name, std::function<void()> hook, When when)
-{
-    add_hook(name, std::move(hook), when, true);
-}
-
-bool Middleware::script_pending() const
-{
-    const Lock lock(state().mutex);
-    const auto& script = state().script;
-    return std::any_of(script.begin(), script.end(), [](const ScriptEntry& e) { return !e.hook && !e.used; });
-}
-
-void Middleware::clear_script()
-{
-    const Lock lock(state().mutex);
-    state().script.clear();
+    return static_cast<int>(std::ranges::count(state().calls, function, &Call::function));
 }
 
 } // namespace middleware

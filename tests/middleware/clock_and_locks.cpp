@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "middleware/state.h"
+#include "middleware/contract_call.h"
 #include "utils/Timers.h"
 
 namespace middleware {
@@ -14,9 +14,8 @@ constexpr s64 ns_per_ms = 1'000'000;
 
 bool waits(std::thread::id thread)
 {
-    const auto& waiters = state().waiters;
-    return std::any_of(waiters.begin(), waiters.end(),
-                       [&](const Waiter* w) { return w->thread == thread && !w->woken; });
+    return std::ranges::any_of(state().waiters,
+                               [&](const Waiter* w) { return w->thread == thread && !w->woken; });
 }
 
 /** Whether a task, a callback thread or the holder of a mutex runs, or will as soon as its machine lets it.
@@ -24,24 +23,12 @@ bool waits(std::thread::id thread)
 bool somebody_runs()
 {
     const State& s = state();
-    for (const auto& [id, task] : s.tasks) {
-        const bool started = task.runner != std::thread::id();
-        if (task.state == TaskState::running && (!started || !waits(task.runner)))
-            return true;
-    }
-    for (const std::thread::id thread : s.callback_threads) {
-        if (!waits(thread))
-            return true;
-    }
-    return std::any_of(s.mutexes.begin(), s.mutexes.end(),
-                       [](const auto& entry) { return entry.second.held && !waits(entry.second.owner); });
-}
-
-bool a_client_waits()
-{
-    const auto& waiters = state().waiters;
-    return std::any_of(waiters.begin(), waiters.end(),
-                       [](const Waiter* w) { return w->client && !w->woken; });
+    const auto runs = [](const auto& entry) { // a task that has not begun has no thread that could wait
+        return entry.second.state == TaskState::running && !waits(entry.second.runner);
+    };
+    const auto holds = [](const auto& entry) { return entry.second.held() && !waits(entry.second.owner); };
+    return std::ranges::any_of(s.tasks, runs) || std::ranges::any_of(s.mutexes, holds) ||
+           !std::ranges::all_of(s.callback_threads, waits);
 }
 
 void delay(Lock& lock, s64 ms, bool client, const std::string& what)
@@ -52,8 +39,7 @@ void delay(Lock& lock, s64 ms, bool client, const std::string& what)
 
 void wait_until_idle(Lock& lock)
 {
-    const std::chrono::seconds patience(real_patience_seconds);
-    if (!state().changed.wait_for(lock, patience, [] { return !somebody_runs(); }))
+    if (!state().changed.wait_for(lock, real_patience, [] { return !somebody_runs(); }))
         problem("a task or callback thread neither ended nor waited");
 }
 
@@ -63,8 +49,7 @@ bool leads_to(s32 from, s32 to, std::set<s32>& seen)
         return true;
     if (!seen.insert(from).second)
         return false;
-    const std::set<s32> next = state().lock_order[from];
-    return std::any_of(next.begin(), next.end(), [&](s32 id) { return leads_to(id, to, seen); });
+    return std::ranges::any_of(state().lock_order[from], [&](s32 id) { return leads_to(id, to, seen); });
 }
 
 /** Notes that the calling thread waits for `wanted` while it holds others. */
@@ -72,7 +57,7 @@ void note_order(s32 wanted)
 {
     State& s = state();
     for (const auto& [id, mutex] : s.mutexes) {
-        if (id == wanted || !mutex.held || mutex.owner != std::this_thread::get_id())
+        if (id == wanted || mutex.owner != std::this_thread::get_id())
             continue;
         std::set<s32> seen;
         if (leads_to(wanted, id, seen) && !s.lock_order[id].contains(wanted))
@@ -87,9 +72,8 @@ Mutex* live_mutex(s32 id, const char* function)
     const auto found = state().mutexes.find(id);
     if (found != state().mutexes.end())
         return &found->second;
-    const bool dead = state().dead_mutexes.contains(id);
     if (late_callback_depth == 0)
-        problem(text(function, " is called on ", dead ? "deleted" : "unknown", " mutex ", id));
+        problem(text(function, " is called on unknown or deleted mutex ", id));
     return nullptr;
 }
 
@@ -100,8 +84,7 @@ u32 obtain(Context& context, s32 id, u32 timeout_ms)
         return ZU_INVALID_ARGUMENT;
     const std::thread::id self = std::this_thread::get_id();
     note_order(id);
-    if (!mutex->held) {
-        mutex->held = true;
+    if (!mutex->held()) {
         mutex->owner = self;
         return ZU_OK;
     }
@@ -115,43 +98,32 @@ u32 obtain(Context& context, s32 id, u32 timeout_ms)
     return waiter.expired ? ZU_FAILURE : ZU_OK;
 }
 
-/** Hands the mutex to who waits longest, so that nobody can overtake. */
-void hand_on(Mutex& mutex)
-{
-    mutex.held = false;
-    while (!mutex.queue.empty()) {
-        Waiter* const next = mutex.queue.front();
-        mutex.queue.pop_front();
-        if (next->woken)
-            continue;
-        mutex.held = true;
-        mutex.owner = next->thread;
-        wake(*next);
-        return;
-    }
-}
-
 u32 release(s32 id)
 {
     Mutex* const mutex = live_mutex(id, "ZU_OS_ReleaseMutex");
     if (!mutex)
         return ZU_INVALID_ARGUMENT;
-    if (!mutex->held || mutex->owner != std::this_thread::get_id()) {
+    if (mutex->owner != std::this_thread::get_id()) {
         problem(text("mutex ", mutex->name, " is released by a thread that does not hold it"));
         return ZU_FAILURE;
     }
-    hand_on(*mutex);
+    // Handed to who waits longest, so that nobody can overtake.
+    mutex->owner = {};
+    std::erase_if(mutex->queue, [](const Waiter* waiter) { return waiter->woken; });
+    if (!mutex->queue.empty()) {
+        mutex->owner = mutex->queue.front()->thread;
+        wake(*mutex->queue.front());
+    }
     let_time_pass();
     return ZU_OK;
 }
 
 u32 delete_mutex(s32 id)
 {
-    State& s = state();
     Mutex* const mutex = live_mutex(id, "ZU_OS_DeleteMutex");
     if (!mutex)
         return ZU_INVALID_ARGUMENT;
-    if (mutex->held)
+    if (mutex->held())
         problem(text("mutex ", mutex->name, " is deleted while it is held"));
     for (Waiter* const waiter : mutex->queue) {
         if (waiter->woken)
@@ -160,8 +132,7 @@ u32 delete_mutex(s32 id)
         waiter->expired = true;
         wake(*waiter);
     }
-    s.mutexes.erase(id);
-    s.dead_mutexes.insert(id);
+    state().mutexes.erase(id);
     let_time_pass();
     return ZU_OK;
 }
@@ -178,7 +149,8 @@ void let_time_pass()
 {
     State& s = state();
     s.changed.notify_all(); // for those who wait until everybody waits
-    if (somebody_runs() || !(s.run_freely || a_client_waits()))
+    const auto is_client = [](const Waiter* waiter) { return waiter->client && !waiter->woken; };
+    if (somebody_runs() || !(s.run_freely || std::ranges::any_of(s.waiters, is_client)))
         return;
     s64 earliest = never;
     for (const Waiter* waiter : s.waiters)
@@ -199,8 +171,7 @@ void wait(Lock& lock, Waiter& waiter, const std::string& what)
     State& s = state();
     s.waiters.push_back(&waiter);
     let_time_pass();
-    const std::chrono::seconds patience(real_patience_seconds);
-    if (!s.changed.wait_for(lock, patience, [&] { return waiter.woken; })) {
+    if (!s.changed.wait_for(lock, real_patience, [&] { return waiter.woken; })) {
         problem(text(what, " waited for a minute of real time: nobody can go on"));
         waiter.expired = true;
         waiter.woken = true;
@@ -211,7 +182,7 @@ void wait(Lock& lock, Waiter& waiter, const std::string& what)
 void Gate::wait()
 {
     Lock lock(state().mutex);
-    arrived_++;
+    arrived_ = true;
     if (open_)
         return;
     Waiter waiter{std::this_thread::get_id(), never, false};
@@ -220,11 +191,10 @@ void Gate::wait()
     waiters_.remove(&waiter);
 }
 
-bool Gate::wait_for_arrivals(int count)
+bool Gate::wait_for_arrival()
 {
     Lock lock(state().mutex);
-    return state().changed.wait_for(lock, std::chrono::seconds(real_patience_seconds),
-                                    [&] { return arrived_ >= count; });
+    return state().changed.wait_for(lock, real_patience, [&] { return arrived_; });
 }
 
 void Gate::open()
@@ -235,33 +205,10 @@ void Gate::open()
         wake(*waiter);
 }
 
-s64 Middleware::now_us() const
-{
-    const Lock lock(state().mutex);
-    return state().now_ns / 1000;
-}
-
-s64 Middleware::now_ms() const
-{
-    return now_us() / 1000;
-}
-
-void Middleware::set_now_us(s64 us)
-{
-    const Lock lock(state().mutex);
-    state().now_ns = us * 1000;
-}
-
 void Middleware::advance(s64 ms)
 {
     Lock lock(state().mutex);
     delay(lock, ms, true, "advance");
-    wait_until_idle(lock);
-}
-
-void Middleware::settle()
-{
-    Lock lock(state().mutex);
     wait_until_idle(lock);
 }
 
@@ -280,7 +227,7 @@ extern "C" {
 
 u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
 {
-    return call("ZU_OS_CreateMutex", text("name=", attributes->pName), [&](Context& context) {
+    return call(__func__, text("name=", attributes->pName), [&](Context& context) {
         *id = state().next_mutex++; // from 0 on, which is a good id
         state().mutexes[*id].name = attributes->pName;
         context.note = text("m", *id);
@@ -290,23 +237,23 @@ u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
 
 u32 ZU_OS_ObtainMutex(s32 id, u32 timeout_ms)
 {
-    return call("ZU_OS_ObtainMutex", text("m", id, ", ", timeout_ms),
+    return call(__func__, text("m", id, ", ", timeout_ms),
                 [&](Context& context) { return obtain(context, id, timeout_ms); });
 }
 
 u32 ZU_OS_ReleaseMutex(s32 id)
 {
-    return ending_call("ZU_OS_ReleaseMutex", text("m", id), [&](Context&) { return release(id); });
+    return ending_call(__func__, text("m", id), [&](Context&) { return release(id); });
 }
 
 u32 ZU_OS_DeleteMutex(s32 id)
 {
-    return ending_call("ZU_OS_DeleteMutex", text("m", id), [&](Context&) { return delete_mutex(id); });
+    return ending_call(__func__, text("m", id), [&](Context&) { return delete_mutex(id); });
 }
 
 u32 ZU_OS_DelayTask(u32 ms)
 {
-    return call("ZU_OS_DelayTask", text(ms), [&](Context& context) {
+    return call(__func__, text(ms), [&](Context& context) {
         delay(context.lock, ms, !task_thread, "ZU_OS_DelayTask");
         return ZU_OK;
     });
@@ -314,7 +261,7 @@ u32 ZU_OS_DelayTask(u32 ms)
 
 u32 ZU_OS_GetSystemTime(u32* start_ms)
 {
-    return call("ZU_OS_GetSystemTime", "", [&](Context&) {
+    return call(__func__, "", [&](Context&) {
         *start_ms = static_cast<u32>(state().now_ns / ns_per_ms);
         return ZU_OK;
     });
@@ -322,7 +269,7 @@ u32 ZU_OS_GetSystemTime(u32* start_ms)
 
 u32 ZU_OS_TimerDiffTimeFromNow(u32 start_ms, u32* elapsed_ms)
 {
-    return call("ZU_OS_TimerDiffTimeFromNow", "", [&](Context&) {
+    return call(__func__, "", [&](Context&) {
         *elapsed_ms = static_cast<u32>(state().now_ns / ns_per_ms) - start_ms;
         return ZU_OK;
     });
@@ -330,6 +277,6 @@ u32 ZU_OS_TimerDiffTimeFromNow(u32 start_ms, u32* elapsed_ms)
 
 nsecs_t systemTime(int clock)
 {
-    return perform(false, "systemTime", "", text(clock), [&](Context&) { return state().now_ns; });
+    return call(__func__, text(clock), [](Context&) { return state().now_ns; });
 }
 }

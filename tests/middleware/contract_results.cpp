@@ -14,22 +14,22 @@ const std::vector<s64> with_empty_success = {ZU_FAILURE, ZU_INVALID_ARGUMENT, mo
 const std::vector<s64> initialisation = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure,
                                          ZU_ALREADY_INITIALISED};
 const std::vector<s64> null = {0};             // a handle or an object
-const std::vector<s64> end_or_error = {0, -1}; // a count
+const std::vector<s64> error_or_end = {-1, 0}; // a count
 const std::vector<s64> refusals = {1, -1};     // an int, 0 = success
 
 const std::map<std::string, std::vector<s64>> exceptions = {
     {"ZU_ACAP_Init", initialisation},
     {"ZU_VENC_Init", initialisation},
     {"ZU_TSMUX_Init", initialisation},
-    {"ZU_TSMUX_PushMediaData", {ZU_BUSY, ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure}},
+    {"ZU_TSMUX_PushMediaData", {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure, ZU_BUSY}},
     {"ZU_SYS_GetMmapLayout", with_empty_success},
     {"ZU_VENC_QueryEntireInjectBuffer", with_empty_success},
     {"ZU_TSMUX_CopyOutputStream", with_empty_success},
     {"ZU_ACAP_GetAttr", with_empty_success},
     {"ZU_ACAP_Read", with_empty_success},
     {"ZU_FS_Fopen", null},
-    {"ZU_FS_Fread", end_or_error},
-    {"ZU_FS_Fwrite", end_or_error},
+    {"ZU_FS_Fread", error_or_end},
+    {"ZU_FS_Fwrite", error_or_end},
     {"SrGlWorker::newWorker", null},
     {"VideoBuffer::newBuffer", null},
     {"SrGlWorker::prepare", refusals},

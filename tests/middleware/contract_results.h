@@ -10,7 +10,8 @@
 namespace middleware {
 
 /**
- * The answers of `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") that differ from doing what was asked.
+ * The answers of `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") that differ from doing what was asked,
+ * the plain failure first.
  * A success is among them where the contract lets it come with nothing: no region, no buffer, no bytes.
  * Empty for calls that cannot fail.
  */

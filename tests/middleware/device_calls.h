@@ -1,53 +1,37 @@
-/** The calls that all kinds of devices have alike. */
+/** The frames of calls on devices. */
 #pragma once
 
-#include "middleware/state.h"
+#include <algorithm>
+
+#include "middleware/contract_call.h"
 
 namespace middleware {
-
-template <class Params> u32 init_call(const std::string& module, const Params& params)
-{
-    return call(module + "_Init", text(params.u8Reserved),
-                [&](Context& context) { return initialise(module, context); });
-}
-
-inline u32 deinit_call(const std::string& module)
-{
-    return ending_call(module + "_DeInit", "",
-                       [&](Context& context) { return deinitialise(module, context); });
-}
-
-template <class Caps> u32 caps_call(const char* function, Caps* caps, const Caps& value)
-{
-    return call(function, "", [&](Context&) {
-        *caps = value;
-        return ZU_OK;
-    });
-}
 
 /** Opens a device; `open` fills in what is its kind's. */
 template <class Open>
 u32 open_call(const char* function, Kind kind, std::string arguments, u32* handle, Open open)
 {
     return call(function, std::move(arguments), [&](Context& context) {
-        *handle = add_device(kind);
-        open(state().devices.at(*handle));
+        State& s = state();
+        // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from other kinds
+        // higher up.
+        u32& next = s.next_handle.try_emplace(kind, facts(kind).first_handle).first->second;
+        *handle = s.last_of_kind[kind] = next++;
+        if ((next & 0xF) == 0)
+            next += 0x100 - 0xF;
+        s.devices[*handle].kind = kind;
+        open(s.devices[*handle]);
         context.note = "h=" + hex(*handle);
         return ZU_OK;
     });
 }
 
-inline u32 close_call(const char* function, Kind kind, u32 handle)
-{
-    return ending_call(function, hex(handle),
-                       [&](Context& context) { return close_device(context, handle, kind, function); });
-}
-
 /** A call on a device that must be alive; `effect` gets it. `more` follows the handle in the log. */
 template <class Effect>
-u32 device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect)
+u32 device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect,
+                bool ends = false)
 {
-    return call(function, hex(handle) + more, [&](Context& context) -> u32 {
+    return perform(ends, function, "", hex(handle) + more, [&](Context& context) -> u32 {
         Device* const device = live_device(handle, kind, function);
         return device ? static_cast<u32>(effect(context, *device)) : u32{ZU_INVALID_ARGUMENT};
     });
@@ -58,25 +42,30 @@ inline u32 device_call(const char* function, Kind kind, u32 handle, const std::s
     return device_call(function, kind, handle, more, [](Context&, Device&) { return ZU_OK; });
 }
 
-template <class Params, class Callback>
-u32 register_call(const char* function, Kind kind, u32 handle, const Params& params,
-                  Callback Device::*callback, u64* id)
+/** One that ends something, also where it is scripted to fail. */
+template <class Effect>
+u32 ending_device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect)
 {
-    return device_call(function, kind, handle, text(", mask=", params.u32EventMask),
-                       [&](Context& context, Device& device) {
-                           device.*callback = params.pfnCallback;
-                           device.user_data = params.pUserData;
-                           device.registration = *id = new_registration();
-                           context.note = "id=" + hex(*id);
-                           return ZU_OK;
-                       });
+    return device_call(function, kind, handle, more, effect, true);
 }
 
-inline u32 unregister_call(const char* function, Kind kind, u32 handle, u64 id)
+/** Sets an attribute; scripts know the call also by the attribute's type. */
+inline u32 attribute_call(const char* function, Kind kind, u32 handle, u32 type, const std::string& value)
 {
-    return ending_call(function, text(hex(handle), ", id=", hex(id)), [&](Context& context) {
-        return remove_registration(context, handle, kind, id, function);
-    });
+    return perform(false, function, hex(type), text(hex(handle), ", ", hex(type), ", ", value),
+                   [&](Context&) {
+                       // Interleaving is also switched off where no multiplexer was opened yet.
+                       const bool none = kind == Kind::multiplexer && handle == 0;
+                       return !none && live_device(handle, kind, function) ? ZU_OK : ZU_INVALID_ARGUMENT;
+                   });
+}
+
+/** The callback as its device calls it, on whatever it registered. */
+template <class Record> Callback bound(u32 (*function)(s32, u32, Record*, void*), u32 handle, void* user_data)
+{
+    return [=](u32 event, void* record) {
+        return function(static_cast<s32>(handle), event, static_cast<Record*>(record), user_data);
+    };
 }
 
 /** Moves bytes from a queue to a destination; what is told of their number may be set to a lie. */

@@ -12,7 +12,7 @@
  *         mw.inside("ZU_CAP_CaptureStop", [&] { mw.fire_picture({.luma = 0x100}); });
  *         EXPECT_EQ(video_capenc_open(&params), -1);
  *         EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Open(path=0)=0 h=0x11", "..."});
- *         EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").u32Width, 640u);
+ *         EXPECT_EQ(mw.last().encoder.u32Width, 640u);
  *         EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_OpenVenc_NoTs]Fail to call ZU_VENC_Open()"});
  *         mw.tolerate_problem("task Tscode:6 is left");         // only where a leftover may be
  *     }                                                         // TearDown fails on every other problem
@@ -31,61 +31,37 @@
  */
 #pragma once
 
-#include <cstring>
-#include <deque>
-#include <functional>
+#include <algorithm>
 #include <future>
 #include <gtest/gtest.h>
 #include <initializer_list>
-#include <list>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
 
-#include "zu3/acap.h"
-#include "zu3/cap.h"
-#include "zu3/caps.h"
-#include "zu3/disp.h"
-#include "zu3/fs.h"
-#include "zu3/os.h"
-#include "zu3/sys.h"
-#include "zu3/tsmux.h"
-#include "zu3/venc.h"
+#include "middleware/state.h"
 
 namespace middleware {
 
-using Bytes = std::vector<u8>;
+/** A point where threads stop until the test lets them go; while they wait there they count as waiting. */
+class Gate {
+public:
+    /** Called from a hook: waits until the gate is open. */
+    void wait();
+    /** Waits until a thread has arrived; false after a minute. */
+    bool wait_for_arrival();
+    void open();
 
-/** What a scripted call answers instead, and when. */
-struct Answer {
-    std::optional<s64> result = {}; /**< none = the function's own failure value (3; 0 or -1 for files) */
-    int nth = 1;                    /**< 1 = the next call of that name, counted from the scripting on */
-    bool forever = false;           /**< from the n-th on */
+private:
+    bool arrived_ = false, open_ = false;
+    std::list<Waiter*> waiters_ = {};
 };
 
-/** When a hook runs: at the n-th call of the name from now on, once or for ever. */
-struct When {
-    int nth = 1;
-    bool forever = false;
-};
-
-struct LogLine {
-    int priority;
-    std::string tag;
-    std::string text;
-};
-
-/** A captured picture as the capture device reports it; handle 0 = the capture registered last. */
+/** A captured picture as the capture device reports it. */
 struct Picture {
     u32 buffer = 0;
     u64 luma = 0; /**< physical addresses */
     u64 chroma = 0;
-    u32 event = 1;
-    u32 handle = 0;
 };
 
-/** An encoded frame; handle 0 = the encoder opened last. The bytes live during the callback only. */
+/** An encoded frame. The bytes live during the callback only. */
 struct EncodedFrame {
     Bytes bytes = {};
     u8 type = 1;
@@ -95,45 +71,6 @@ struct EncodedFrame {
     std::optional<u32> size =
         {};                   /**< a size that is not that of the bytes; with no bytes the pointer is NULL */
     bool null_record = false; /**< the record pointer itself is NULL */
-    u32 handle = 0;
-};
-
-/** What ZU_TSMUX_PushMediaData took (answer 0). */
-struct PushedFrame {
-    u64 source;
-    Bytes bytes;
-    u64 pts;
-};
-
-struct File {
-    Bytes bytes = {};
-    std::vector<std::pair<u32, u32>> writes = {}; /**< size and count of every ZU_FS_Fwrite */
-    int opened = 0;                               /**< how often */
-};
-
-/** The encoder's entire inject buffer, offered by Middleware::offer_inject_buffer. */
-struct InjectBuffer {
-    u8* address; /**< below 4 GiB */
-    u32 size;
-    u64 physical;       /**< of address */
-    u64 block_physical; /**< start of the block that contains it, 8192 bytes earlier */
-};
-
-struct Waiter;
-
-/** A point where threads stop until the test lets them go; while they wait there they count as waiting. */
-class Gate {
-public:
-    /** Called from a hook: waits until the gate is open. */
-    void wait();
-    /** Waits until `count` threads have arrived; false after a minute. */
-    bool wait_for_arrivals(int count = 1);
-    void open();
-
-private:
-    int arrived_ = 0;
-    bool open_ = false;
-    std::list<Waiter*> waiters_ = {};
 };
 
 class Middleware {
@@ -144,72 +81,60 @@ public:
     void reset();
 
     // --- the log of calls ----------------------------------------------------------------------------------
-    /** Calls so far, without mutex obtaining and releasing, delays, clocks and log lines. */
-    std::vector<std::string> calls() const;
-    /** The same, and forgets all calls. */
+    /** Calls so far, without mutex obtaining and releasing, delays, clocks and log lines; forgets all calls.
+     */
     std::vector<std::string> take_calls();
     /** Every call by the name that scripts know it by, with its variant where it has one. */
     std::vector<std::string> call_names() const;
     /** Calls that begin with one of the prefixes; the noise too, where a prefix asks for it. */
     std::vector<std::string> calls_of(std::initializer_list<std::string_view> prefixes) const;
     int count(std::string_view function) const;
-    /** The record given last to `function` ("ZU_TSMUX_SetAttr:0x200" for an attribute's value); zeros if
-     * none. */
-    template <class Record> Record last(const std::string& function) const
-    {
-        Record record = {};
-        const Bytes bytes = last_bytes(function);
-        EXPECT_EQ(bytes.size(), sizeof(Record)) << "no such record of " << function;
-        if (bytes.size() == sizeof(Record))
-            std::memcpy(&record, bytes.data(), sizeof(Record));
-        return record;
-    }
-    Bytes last_bytes(const std::string& function) const;
+    /** The records given last to the calls that open or start. */
+    LastParams last() const { return Locked()->last; }
 
     // --- Android's log -------------------------------------------------------------------------------------
-    /** "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end. */
-    std::vector<std::string> logs() const;
-    std::vector<std::string> take_logs();
+    /** "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end; forgets
+     * them. */
+    std::vector<std::string> take_logs() { return std::exchange(Locked()->log, {}); }
 
     // --- the script ----------------------------------------------------------------------------------------
-    void fail(const std::string& name, Answer answer = {});
-    /** Lets the n-th call of all from now on fail; calls that cannot fail (clocks, delays, releases, log) do
-     * not count. */
-    void fail_call_number(int n, std::optional<s64> result = {});
-    /** Runs `hook` inside the call before it has any effect. */
-    void inside(const std::string& name, std::function<void()> hook, When when = {});
-    /** Runs `hook` inside the call after its effect, before it returns. */
-    void after(const std::string& name, std::function<void()> hook, When when = {});
-    /** Whether some scripted answer was not asked for yet. */
-    bool script_pending() const;
+    /** The name "*" is that of all calls but those that cannot fail: clocks, delays, releases, log. */
+    void fail(const std::string& name, Answer answer = {}) { Locked()->script.push_back({name, answer}); }
+    /** Runs `hook` inside the call. */
+    void inside(const std::string& name, std::function<void()> hook, When when = {})
+    {
+        Locked()->script.push_back({name, {{}, when.nth, when.forever}, std::move(hook), when.behind});
+    }
+    /** Whether an answer that comes once was not asked for yet. */
+    bool script_pending() const
+    {
+        return std::ranges::any_of(Locked()->script, [](const ScriptEntry& entry) { return !entry.hook; });
+    }
     /** Forgets all answers and hooks. */
-    void clear_script();
+    void clear_script() { Locked()->script.clear(); }
 
     // --- the ledger ----------------------------------------------------------------------------------------
     /** A sentence for every wrong use so far and for everything that is left; without what is tolerated. */
     std::vector<std::string> ledger_problems() const;
     /** Such a problem may be there; a part of the sentence is enough. */
-    void tolerate_problem(const std::string& part);
+    void tolerate_problem(const std::string& part) { Locked()->tolerated.push_back(part); }
 
     // --- time and tasks ------------------------------------------------------------------------------------
-    s64 now_ms() const;
-    s64 now_us() const;
-    void set_now_us(s64 us);
+    s64 now_ms() const { return Locked()->now_ns / 1'000'000; }
+    void set_now_us(s64 us) { Locked()->now_ns = us * 1000; }
     /** Lets `ms` pass, waking whoever waits in its order, and returns when everybody waits again. */
     void advance(s64 ms);
     /** Waits until every task and callback thread waits in the middleware or has ended. */
-    void settle();
+    void settle() { advance(0); }
     /** Lets time pass as soon as all tasks wait, also when no other thread does. */
     void run_freely(bool on);
     /** From now on tasks are created but not run. */
-    void hold_tasks();
-    void run_tasks();
+    void hold_tasks() { Locked()->tasks_held = true; }
 
-    // --- the middleware's own threads; also after the device was closed ------------------------------------
+    // --- the middleware's own threads: the device opened last calls in, also after it was closed -----------
     u32 fire_picture(const Picture& picture);
     u32 fire_encoded_frame(const EncodedFrame& frame);
-    u32 fire_tsmux_event(u32 event, u32 handle = 0);
-    u32 fire_acap_event(u32 event, u32 handle = 0);
+    u32 fire_event(Kind kind, u32 event);
     /**
      * Runs `work` (one of the above) on a thread of the middleware; the future joins it. With
      * `lets_time_pass` false its waits alone do not move the clock, as a task's do not.
@@ -218,18 +143,24 @@ public:
 
     // --- memory and files ----------------------------------------------------------------------------------
     /** Makes `size` bytes at `pointer` reachable by address conversion. */
-    void map_physical(u64 physical, void* pointer, u32 size);
+    void map_physical(u64 physical, void* pointer, u32 size)
+    {
+        Locked()->physical[physical] = {static_cast<u8*>(pointer), size};
+    }
     InjectBuffer offer_inject_buffer(u32 size);
-    void add_file(const std::string& name, Bytes bytes);
-    File file(const std::string& name) const;
+    void add_file(const std::string& name, const Bytes& bytes) { Locked()->files[name] = bytes; }
+    Bytes file(const std::string& name) const { return Locked()->files.at(name); }
 
     // --- what devices took and give ------------------------------------------------------------------------
-    void queue_output(const Bytes& bytes); /**< what ZU_TSMUX_CopyOutputStream hands out */
-    void queue_audio(const Bytes& bytes);  /**< what ZU_ACAP_Read hands out */
-    std::vector<PushedFrame> pushed() const;
-    std::vector<ZU_VENC_InputBuffer_t>
-    encoder_inputs() const;           /**< as completed; pu8Data is NULL for lent ones */
-    Bytes last_encoder_input() const; /**< bytes of the lent buffer completed last */
+    /** What ZU_TSMUX_CopyOutputStream hands out. */
+    void queue_output(const Bytes& bytes) { std::ranges::copy(bytes, std::back_inserter(Locked()->output)); }
+    /** What ZU_ACAP_Read hands out. */
+    void queue_audio(const Bytes& bytes) { std::ranges::copy(bytes, std::back_inserter(Locked()->audio)); }
+    std::vector<PushedFrame> pushed() const { return Locked()->pushed; }
+    /** As completed; pu8Data is NULL for lent ones. */
+    std::vector<ZU_VENC_InputBuffer_t> encoder_inputs() const { return Locked()->inputs; }
+    /** Bytes of the lent buffer completed last. */
+    Bytes last_encoder_input() const { return Locked()->last_input; }
 
     /** How the devices are; set before the library runs. */
     struct Settings {
@@ -247,7 +178,13 @@ private:
 };
 
 /** The lines as one text, which GoogleTest compares line by line. */
-std::string joined(const std::vector<std::string>& lines);
+template <class Lines> std::string joined(const Lines& lines)
+{
+    std::string result;
+    for (const std::string& line : lines)
+        result += line + "\n";
+    return result;
+}
 
 /** Compares two lists of lines; a failure shows a line-by-line difference. */
 inline void expect_lines(const char* file, int line, const std::vector<std::string>& actual,

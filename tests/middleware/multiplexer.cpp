@@ -1,41 +1,10 @@
-#include <algorithm>
-
 #include "middleware/device_calls.h"
 
 using namespace middleware;
 
-namespace middleware {
-
-void Middleware::queue_output(const Bytes& bytes)
-{
-    const Lock lock(state().mutex);
-    state().output.insert(state().output.end(), bytes.begin(), bytes.end());
-}
-
-std::vector<PushedFrame> Middleware::pushed() const
-{
-    const Lock lock(state().mutex);
-    return state().pushed;
-}
-
-} // namespace middleware
-
 namespace {
 
 constexpr u64 first_source = 0x1'0000'0051; // beyond 32 bits, so that a cut id is seen
-
-u32 push(Device& device, const ZU_TSMUX_MediaData_t& data)
-{
-    if (!device.sources.contains(data.u64MuxSrcId)) {
-        if (late_callback_depth == 0)
-            problem(
-                text("data is pushed to media source ", hex(data.u64MuxSrcId), ", which is not attached"));
-        return ZU_INVALID_ARGUMENT;
-    }
-    state().pushed.push_back(
-        {data.u64MuxSrcId, Bytes(data.pu8Data, data.pu8Data + data.u32DataSize), data.u64Pts});
-    return ZU_OK;
-}
 
 std::string attribute(u32 type, const void* value)
 {
@@ -54,59 +23,27 @@ std::string attribute(u32 type, const void* value)
 
 extern "C" {
 
-u32 ZU_TSMUX_Init(const ZU_TSMUX_InitParams_t* params)
-{
-    return init_call("ZU_TSMUX", *params);
-}
-
-u32 ZU_TSMUX_DeInit(void)
-{
-    return deinit_call("ZU_TSMUX");
-}
-
 u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* p, u32* handle)
 {
-    return open_call("ZU_TSMUX_Open", Kind::multiplexer,
+    return open_call(__func__, Kind::multiplexer,
                      text("packet=", p->u32TsPacketSize, " cbr=", p->bCbrEnable, " rate=", p->u32CbrBitrate,
                           " size=", p->u32OutBufSize),
                      handle, [&](Device&) {
-                         keep("ZU_TSMUX_Open", *p);
-                         if (reinterpret_cast<uintptr_t>(state().output_region) != p->u32OutBufVa)
+                         state().last.multiplexer = *p;
+                         if (reinterpret_cast<uintptr_t>(state().output_region.data()) != p->u32OutBufVa)
                              problem(
                                  "ZU_TSMUX_Open is given an output buffer that is not the memory layout's");
                      });
 }
 
-u32 ZU_TSMUX_Close(u32 handle)
-{
-    return close_call("ZU_TSMUX_Close", Kind::multiplexer, handle);
-}
-
-u32 ZU_TSMUX_RegisterCallback(u32 handle, const ZU_TSMUX_CallbackParams_t* params, u64* id)
-{
-    return register_call("ZU_TSMUX_RegisterCallback", Kind::multiplexer, handle, *params,
-                         &Device::multiplexer_callback, id);
-}
-
-u32 ZU_TSMUX_UnRegisterCallback(u32 handle, const ZU_TSMUX_CallbackParams_t* params)
-{
-    return unregister_call("ZU_TSMUX_UnRegisterCallback", Kind::multiplexer, handle, params->u64CallbackId);
-}
-
 u32 ZU_TSMUX_SetAttr(u32 handle, u32 type, const void* value)
 {
-    return static_cast<u32>(perform(
-        false, "ZU_TSMUX_SetAttr", hex(type),
-        text(hex(handle), ", ", hex(type), ", ", attribute(type, value)), [&](Context&) {
-            // Interleaving is also switched off where no multiplexer was opened yet.
-            const bool good = handle != 0 && live_device(handle, Kind::multiplexer, "ZU_TSMUX_SetAttr");
-            return good ? ZU_OK : ZU_INVALID_ARGUMENT;
-        }));
+    return attribute_call(__func__, Kind::multiplexer, handle, type, attribute(type, value));
 }
 
 u32 ZU_TSMUX_AttachMediaSource(u32 handle, const ZU_TSMUX_MediaSourceParams_t* params, u64* source)
 {
-    return device_call("ZU_TSMUX_AttachMediaSource", Kind::multiplexer, handle,
+    return device_call(__func__, Kind::multiplexer, handle,
                        text(", type=", hex(params->eStreamType), " pid=", hex(params->u16Pid),
                             " stream=", hex(params->u8StreamId)),
                        [&](Context& context, Device& device) {
@@ -119,42 +56,39 @@ u32 ZU_TSMUX_AttachMediaSource(u32 handle, const ZU_TSMUX_MediaSourceParams_t* p
 
 u32 ZU_TSMUX_DetachMediaSource(u32 handle, u64 source)
 {
-    return ending_call("ZU_TSMUX_DetachMediaSource", text(hex(handle), ", ", hex(source)), [&](Context&) {
-        Device* const device = live_device(handle, Kind::multiplexer, "ZU_TSMUX_DetachMediaSource");
-        if (device && device->sources.erase(source) == 1)
-            return ZU_OK;
-        if (device)
+    return ending_device_call(
+        __func__, Kind::multiplexer, handle, ", " + hex(source), [&](Context&, Device& device) {
+            if (device.sources.erase(source) == 1)
+                return ZU_OK;
             problem(text("media source ", hex(source), " is detached but was not attached"));
-        return ZU_INVALID_ARGUMENT;
-    });
-}
-
-u32 ZU_TSMUX_Start(u32 handle, const ZU_TSMUX_StartParams_t* params)
-{
-    return device_call("ZU_TSMUX_Start", Kind::multiplexer, handle, text(", ", params->u8Reserved));
-}
-
-u32 ZU_TSMUX_Stop(u32 handle)
-{
-    return device_call("ZU_TSMUX_Stop", Kind::multiplexer, handle);
+            return ZU_INVALID_ARGUMENT;
+        });
 }
 
 u32 ZU_TSMUX_PushMediaData(u32 handle, const ZU_TSMUX_MediaData_t* data)
 {
     const std::string pts = data->u64Pts == ~u64{0} ? "none" : text(data->u64Pts);
-    return device_call("ZU_TSMUX_PushMediaData", Kind::multiplexer, handle,
+    return device_call(__func__, Kind::multiplexer, handle,
                        text(", ", hex(data->u64MuxSrcId), " size=", data->u32DataSize, " pts=", pts),
-                       [&](Context&, Device& device) { return push(device, *data); });
+                       [&](Context&, Device& device) {
+                           if (!device.sources.contains(data->u64MuxSrcId)) {
+                               if (late_callback_depth == 0)
+                                   problem(text("data is pushed to media source ", hex(data->u64MuxSrcId),
+                                                ", which is not attached"));
+                               return ZU_INVALID_ARGUMENT;
+                           }
+                           const Bytes bytes(data->pu8Data, data->pu8Data + data->u32DataSize);
+                           state().pushed.push_back({data->u64MuxSrcId, bytes, data->u64Pts});
+                           return ZU_OK;
+                       });
 }
 
 u32 ZU_TSMUX_CopyOutputStream(u32 handle, void* destination, u32 size, u32* copied)
 {
-    return device_call("ZU_TSMUX_CopyOutputStream", Kind::multiplexer, handle, text(", ", size),
-                       [&](Context& context, Device&) {
-                           *copied = move_out(state().output, destination, size,
-                                              Middleware::instance().settings.claimed_copy);
-                           context.note = text("copied=", *copied);
-                           return ZU_OK;
-                       });
+    return device_call(__func__, Kind::multiplexer, handle, text(", ", size), [&](Context& context, Device&) {
+        *copied = move_out(state().output, destination, size, Middleware::instance().settings.claimed_copy);
+        context.note = text("copied=", *copied);
+        return ZU_OK;
+    });
 }
 }

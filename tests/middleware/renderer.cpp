@@ -1,36 +1,32 @@
-#include "middleware/state.h"
+#include "middleware/contract_call.h"
 #include "srglworker/SrGlWorker.h"
 
 using namespace middleware;
 using android::sp;
-using android::WatermarkParams;
 using android::vexa_screenrecord::SrGlWorker;
 
 namespace {
 
-class Worker : public SrGlWorker {
-public:
-    sp<WatermarkParams> watermark;
-};
-
+class Worker : public SrGlWorker {};
 class DrawnPicture : public SrGlWorker::VideoBuffer {};
 
 int answer(const std::string& function, const std::string& arguments)
 {
-    return static_cast<int>(perform(false, function, "", arguments, [](Context&) { return ZU_OK; }));
+    return call(function, arguments, [](Context&) { return 0; });
+}
+
+/** A new object, or none where the call is scripted to fail. */
+template <class Object> Object* made(const std::string& function, const std::string& arguments)
+{
+    return call(function, arguments, [](Context&) { return true; }) ? new Object : nullptr;
 }
 
 std::string describe(const android::qrl_native_buffer_t& b)
 {
     return text("version=", hex(b.version), " flags=", b.flags, " format=", hex(b.format), " ", b.width, "x",
-                b.height, " pitch=", b.pitch, " phys=", hex(b.phys), " fd=", b.fd[0], ",", b.fd[1],
-                " offset=", b.offset[0], ",", b.offset[1]);
-}
-
-std::string describe(const sp<WatermarkParams>& p)
-{
-    return p ? text(p->u32Width, "x", p->u32Height, " at ", p->s32X, ",", p->s32Y, " opacity=", p->u32Opacity)
-             : "null";
+                b.height, " pitch=", b.pitch, " addr=", hex(reinterpret_cast<uintptr_t>(b.addr)),
+                " phys=", hex(b.phys), " fd=", b.fd[0], ",", b.fd[1], " offset=", b.offset[0], ",",
+                b.offset[1]);
 }
 
 } // namespace
@@ -39,8 +35,7 @@ namespace android::vexa_screenrecord {
 
 sp<SrGlWorker> SrGlWorker::newWorker()
 {
-    const s64 made = perform(false, "SrGlWorker::newWorker", "", "", [](Context&) { return 1; });
-    return made ? sp<SrGlWorker>(new Worker) : sp<SrGlWorker>();
+    return made<Worker>("SrGlWorker::newWorker", "");
 }
 
 int SrGlWorker::prepare()
@@ -48,15 +43,10 @@ int SrGlWorker::prepare()
     return answer("SrGlWorker::prepare", "");
 }
 
-int SrGlWorker::setWatermark(sp<WatermarkParams> params)
+int SrGlWorker::setWatermark(sp<WatermarkParams> p)
 {
-    const int result = answer("SrGlWorker::setWatermark", describe(params));
-    if (result != 0)
-        return result;
-    // The old one goes without the lock: its memory's destructor is the test's.
-    const Lock lock(state().mutex);
-    std::swap(static_cast<Worker*>(this)->watermark, params);
-    return 0;
+    return answer("SrGlWorker::setWatermark", text(p->u32Width, "x", p->u32Height, " at ", p->s32X, ",",
+                                                   p->s32Y, " opacity=", p->u32Opacity));
 }
 
 int SrGlWorker::render(sp<VideoBuffer> buffer)
@@ -66,20 +56,12 @@ int SrGlWorker::render(sp<VideoBuffer> buffer)
 
 int SrGlWorker::reset()
 {
-    sp<WatermarkParams> old;
-    const int result = answer("SrGlWorker::reset", "");
-    const Lock lock(state().mutex);
-    std::swap(static_cast<Worker*>(this)->watermark, old);
-    return result;
+    return answer("SrGlWorker::reset", "");
 }
 
 sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const qrl_native_buffer_t& buffer)
 {
-    const s64 made = perform(false, "VideoBuffer::newBuffer", "", describe(buffer), [&](Context&) {
-        keep("VideoBuffer::newBuffer", buffer);
-        return 1;
-    });
-    return made ? sp<VideoBuffer>(new DrawnPicture) : sp<VideoBuffer>();
+    return made<DrawnPicture>("VideoBuffer::newBuffer", describe(buffer));
 }
 
 } // namespace android::vexa_screenrecord

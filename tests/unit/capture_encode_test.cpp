@@ -57,7 +57,7 @@ TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
         params.profile = profiles[code % 4].first;
         forget();
         ASSERT_EQ(open(), 0);
-        const auto record = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open");
+        const auto record = mw.last().encoder;
         EXPECT_EQ(record.u32Level, value) << code;
         EXPECT_EQ(record.u32Profile, profiles[code % 4].second);
         EXPECT_EQ(errors().size(), size_t(record.u32Level == 0) + (record.u32Profile == 0));
@@ -81,7 +81,7 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
                   error_of("video_capenc_open", " _SCREENRECORD_OpenVenc Failed!")});
     params = {0, 0, 0, 0, 1, 1, 0};
     ASSERT_EQ(open(), 0);
-    const auto record = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open");
+    const auto record = mw.last().encoder;
     EXPECT_EQ(record.u32Width + record.u32Height + record.u32FrameRate + record.u32Bitrate, 0u)
         << "defaults are the slot's";
     EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32Width, 640u);
@@ -165,7 +165,7 @@ TEST_F(CaptureEncode, TheWorkerIsReleasedOnlyWhenNoPictureIsBeingDrawn)
     mw.inside("SrGlWorker::render", [&] { drawing.wait(); });
     std::future<u32> picture = mw.fire_on_thread(
         [&] { return mw.fire_picture({.luma = buffer.physical, .chroma = buffer.physical}); });
-    ASSERT_TRUE(drawing.wait_for_arrivals());
+    ASSERT_TRUE(drawing.wait_for_arrival());
     std::future<s32> stopped = std::async(std::launch::async, [] { return video_capenc_stop(); });
     while (mw.count("ZU_CAP_DisconnectInput") == 0)
         std::this_thread::yield();

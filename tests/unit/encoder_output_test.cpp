@@ -91,7 +91,7 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
         EXPECT_EQ(mw.pushed().size(), 0u);
     }
     ZU_VENC_FrameInfo_t frame = {};
-    const auto callback = mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").pfnCallback;
+    const auto callback = mw.last().encoder.pfnCallback;
     for (const s32 unknown : {0, 0x99})
         EXPECT_EQ(callback(unknown, ZU_VENC_EVENT_FRAME, &frame, nullptr), ZU_FAILURE);
     EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!",
@@ -139,13 +139,13 @@ TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
 {
     testing::internal::CaptureStdout();
     for (const u32 event : {1u, 2u, 3u})
-        EXPECT_EQ(mw.fire_tsmux_event(event), ZU_OK);
+        EXPECT_EQ(mw.fire_event(middleware::Kind::multiplexer, event), ZU_OK);
     char expected[120];
     snprintf(expected, sizeof(expected),
              "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x%llx\n\033[0m",
              static_cast<unsigned long long>(task(0, E_SCREENRECORD_MODULE_TSMUX).u64CallbackId));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
-    EXPECT_EQ(mw.fire_acap_event(1), ZU_FAILURE);
+    EXPECT_EQ(mw.fire_event(middleware::Kind::audio, 1), ZU_FAILURE);
     EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_AcapCbHandler]Invalid Event!"});
 }
 

@@ -166,7 +166,7 @@ protected:
 
     static std::string joined(const std::set<std::string>& names)
     {
-        return middleware::joined({names.begin(), names.end()});
+        return middleware::joined(names);
     }
 
     /** What is left, and whether the scenario runs as it did before anything failed. */

@@ -38,7 +38,7 @@ protected:
         mw.settings.first_fd = 3;
         mw.map_physical(luma, picture_.data(), picture_size);
         // A task's first steps belong to its creation: so the order of all calls is always the same.
-        mw.after("ZU_OS_CreateTask", [this] { mw.settle(); }, {.forever = true});
+        mw.inside("ZU_OS_CreateTask", [this] { mw.settle(); }, {.forever = true, .behind = true});
     }
 
     bool media(bool pictures, u64 at = luma)

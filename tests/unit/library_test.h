@@ -1,5 +1,8 @@
 #pragma once
 
+#include <algorithm>
+#include <atomic>
+
 #include <core/recording_table.h>
 
 #include "middleware/allocation_failures.h"
@@ -11,6 +14,13 @@
 #define __SANITIZE_ADDRESS__ 1
 #endif
 #endif
+
+using middleware::Bytes;
+
+constexpr auto VREADER = E_SCREENRECORD_MODULE_VIDEO_SRC_READER,
+               AREADER = E_SCREENRECORD_MODULE_AUDIO_SRC_READER, VCAP = E_SCREENRECORD_MODULE_VCAP,
+               ACAP = E_SCREENRECORD_MODULE_ACAP, VENC = E_SCREENRECORD_MODULE_VENC,
+               TSMUX = E_SCREENRECORD_MODULE_TSMUX;
 
 /** Where programs run many times slower, the same trials are made with fewer numbers. */
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
@@ -33,7 +43,6 @@ protected:
     void SetUp() override
     {
         MiddlewareTest::SetUp();
-        middleware::forget_library_allocations();
         _bSysInited = 0;
         _u32RecordTime = 0;
     }
@@ -41,18 +50,8 @@ protected:
     void TearDown() override
     {
         mw.clear_script();
-        close_all();
-        EXPECT_EQ(middleware::library_allocations_left(), 0u);
+        steps::close_all();
         MiddlewareTest::TearDown();
-    }
-
-    void close_all()
-    {
-        video_capenc_stop();
-        video_capenc_close();
-        video_cap_close();
-        audio_cap_close();
-        SCREENRECORD_DeInit();
     }
 
     /** Forgets what was called and logged so far. */
@@ -67,11 +66,29 @@ protected:
      */
     std::vector<std::string> errors()
     {
-        std::vector<std::string> result;
-        for (const std::string& line : mw.take_logs())
-            if (line.starts_with("E ") && line.find("handle is NULL") == std::string::npos)
-                result.push_back(line);
-        return result;
+        std::vector<std::string> lines = mw.take_logs();
+        std::erase_if(lines, [](const std::string& line) {
+            return !line.starts_with("E ") || line.find("handle is NULL") != std::string::npos;
+        });
+        return lines;
+    }
+
+    /** Runs `client` while each of `works` is done every millisecond on a thread of the middleware. */
+    void under_fire(std::initializer_list<std::function<void()>> works, const std::function<void()>& client)
+    {
+        mw.run_freely(true);
+        std::atomic<bool> stop = false;
+        std::vector<std::future<u32>> threads;
+        for (const auto& work : works)
+            threads.push_back(mw.fire_on_thread([&stop, work] {
+                for (; !stop; ZU_OS_DelayTask(1)) // lets the virtual time pass
+                    work();
+                return 0u;
+            }));
+        client();
+        stop = true;
+        threads.clear(); // joins them
+        mw.run_freely(false);
     }
 
     static SCREENRECORD_TaskCtrl_s& task(u32 slot, SCREENRECORD_ZuModule_e module)
@@ -80,11 +97,13 @@ protected:
     }
     static bool slot_is_closed(u32 slot)
     {
-        for (const SCREENRECORD_TaskCtrl_s& task : _astSlotCtrl[slot].astTaskCtrl)
-            if (task.u32Handle != 0 || task.bRunning != 0 || task.s32TaskId != -1 || task.s32MutexId != -1 ||
-                task.u32SrcFile != 0 || task.u32OutFile != 0 || task.pTaskStack != nullptr)
-                return false;
-        return _astSlotCtrl[slot].stSrcInfo.pu8DstName == nullptr;
+        const auto is_used = [](const SCREENRECORD_TaskCtrl_s& task) {
+            return task.u32Handle != 0 || task.bRunning != 0 || task.s32TaskId != -1 ||
+                   task.s32MutexId != -1 || task.u32SrcFile != 0 || task.u32OutFile != 0 ||
+                   task.pTaskStack != nullptr;
+        };
+        return std::ranges::none_of(_astSlotCtrl[slot].astTaskCtrl, is_used) &&
+               _astSlotCtrl[slot].stSrcInfo.pu8DstName == nullptr;
     }
 };
 

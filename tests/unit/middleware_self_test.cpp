@@ -173,7 +173,7 @@ TEST_F(MiddlewareTest, AMutexHeldByAStuckThreadTimesOutAndIsHandedOnOnceItIsFree
         ZU_FS_Sync();
         return ZU_OS_ReleaseMutex(m);
     });
-    ASSERT_TRUE(gate.wait_for_arrivals());
+    ASSERT_TRUE(gate.wait_for_arrival());
     const s64 start = mw.now_ms();
     EXPECT_NE(ZU_OS_ObtainMutex(m, 5000), 0u);
     EXPECT_EQ(mw.now_ms() - start, 5000);

@@ -1,22 +1,13 @@
 #include "random_calls.h"
 
-#include <algorithm>
-#include <future>
-
 #include <core/control_lock.h>
 
 #include "library_test.h"
-#include "middleware/state.h"
-#include "random_operations.h"
 
 namespace {
 
-using middleware::Bytes;
-using middleware::Middleware;
-
 constexpr u64 PICTURE = 0x500000; /**< physical address of the picture that the capture reports */
 constexpr u32 PICTURE_SIZE = 640 * 512 * 3 / 2;
-constexpr u32 TSMUX = E_SCREENRECORD_MODULE_TSMUX;
 
 /** Hands out the bytes that decide everything; zeros once they are used up. */
 class Dice {
@@ -45,12 +36,11 @@ public:
         _u32RecordTime = 0;
         mw_.settings.first_fd = 3;
         mw_.add_file("a.nv12", Bytes(1000));
-        mw_.map_physical(PICTURE, picture(), PICTURE_SIZE);
+        mw_.map_physical(PICTURE, picture_.data(), PICTURE_SIZE);
         mw_.offer_inject_buffer(320 * 256 * 3 / 2);
         // What a call that fails leaves by its nature, and pictures that come with no encoder behind them.
         for (const char* tolerated :
-             {"ZU_TSMUX_SetAttr is called on unknown handle 0x0", "nobody ever registered",
-              "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
+             {"nobody ever registered", "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
               "ZU_VENC_WriteBufferComplete is called on unknown handle 0x0"})
             mw_.tolerate_problem(tolerated);
     }
@@ -62,58 +52,45 @@ public:
         for (int number = 0; number < most && !dice_.used_up() && problem_.empty(); number++)
             step();
         mw_.clear_script();
-        close_everything();
+        for (int turn = 0; turn < 2; turn++) // a clean-up call that failed may have left its module
+            steps::close_all();
         for (const std::string& sentence : mw_.ledger_problems())
             problem_ += sentence + "\n";
         return problem_.empty() ? "" : problem_ + history_;
     }
 
 private:
-    static u8* picture()
-    {
-        static std::vector<u8> memory(PICTURE_SIZE);
-        return memory.data();
-    }
-
-    static void close_everything()
-    {
-        for (int turn = 0; turn < 2; turn++) { // a clean-up call that failed may have left its module
-            video_capenc_stop();
-            video_capenc_close();
-            video_cap_close();
-            audio_cap_close();
-            SCREENRECORD_DeInit();
-        }
-    }
-
     void step()
     {
         Choice choice;
         const Operation& operation = choose(choice);
         const u8 fault = dice_.roll(16);
         StateModel next = model_;
-        const bool answer = (next.*operation.answer)(choice);
+        const bool answer = operation.answer(next, choice);
         counts_.calls++;
         counts_.refused += !answer;
         counts_.recording += model_.slots[0].running[TSMUX] || model_.slots[1].running[TSMUX];
-        history_ += std::string(operation.name) + " slot " + std::to_string(choice.slot) + " variant " +
-                    std::to_string(choice.variant) + " flaw " + std::to_string(choice.flaw) + " fault " +
-                    std::to_string(fault) + "\n";
+        history_ += middleware::text(operation.name, " slot ", choice.slot, " variant ", choice.variant,
+                                     " flaw ", choice.flaw, " fault ", fault, "\n");
 
-        const u32 limit = _u32RecordTime;
+        const u32 limit_before = limit();
         mw_.take_logs();
         const bool faulted = call(operation, choice, fault, answer);
         if (dice_.roll(4) == 0)
             let_something_happen();
-        finish_limit_closes();
-        note_limit_closes(next, limit, faulted);
+        mw_.settle();
+        while (!_controlMutex.try_lock()) // a writer that closes its slot needs time to pass
+            mw_.advance(1);
+        _controlMutex.unlock();
+        note_limit_closes(next, std::min(limit_before, limit()), faulted);
         const StateModel actual = StateModel::of_library();
         if (!faulted && !(next == actual))
             problem_ += "after " + std::string(operation.name) + "\n is " + actual.text() + "\n not " +
                         next.text() + "\n";
         model_ = actual;
-        note_starts();
-        compare_with_ledger();
+        for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++)
+            if (!model_.slots[index].running[TSMUX])
+                timer_from_[index] = mw_.now_ms();
     }
 
     /** Prefers what the state allows, and what changes it but ends nothing: a sequence of refusals says
@@ -129,7 +106,7 @@ private:
             const Operation& operation = OPERATIONS[(first + offset) % count];
             choice.flaw = flaw >= 1 && flaw <= operation.flaws ? flaw : 0;
             StateModel trial = model_;
-            const bool succeeds = (trial.*operation.answer)(choice);
+            const bool succeeds = operation.answer(trial, choice);
             if (!operation.may(model_, choice))
                 continue;
             if (care == 0 || choice.flaw != 0 || (succeeds && says_much(trial, care)))
@@ -155,7 +132,7 @@ private:
         std::optional<middleware::AllocationWindow> window;
         const bool refuses = fault == 1 || fault == 4;
         if (refuses)
-            mw_.fail_call_number(1 + dice_.roll(4) * dice_.roll(8));
+            mw_.fail("*", {.nth = 1 + dice_.roll(4) * dice_.roll(8)});
         if (fault == 2)
             window.emplace(1 + dice_.roll(4), dice_.roll(2) == 1);
         if (fault == 3)
@@ -166,8 +143,7 @@ private:
         const bool faulted = (refuses && !mw_.script_pending()) || (window && window->failed());
         counts_.faults += faulted;
         mw_.clear_script();
-        for (std::future<u32>& callback : callbacks)
-            callback.get();
+        callbacks.clear(); // joins them
         if (!faulted && result != answer)
             problem_ += middleware::joined(mw_.take_logs()) + std::string(operation.name) +
                         (result ? " succeeded\n" : " failed\n");
@@ -180,9 +156,9 @@ private:
         if (kind == 0)
             return mw_.fire_picture({.luma = size % 7 ? PICTURE : 0x100, .chroma = PICTURE + 640 * 512});
         if (kind == 1)
-            return mw_.fire_tsmux_event(size % 4);
+            return mw_.fire_event(middleware::Kind::multiplexer, size % 4);
         if (kind == 2)
-            return mw_.fire_acap_event(1);
+            return mw_.fire_event(middleware::Kind::audio, 1);
         return mw_.fire_encoded_frame({.bytes = Bytes(size, static_cast<u8>(size)),
                                        .type = static_cast<u8>(size % 3 ? 1 : 0xFF),
                                        .pts = size,
@@ -200,75 +176,27 @@ private:
             mw_.advance(100 * (1 + dice_.roll(20)));
     }
 
-    /** A writer that closes its slot needs time to pass; the next call would only wait for its lock. */
-    void finish_limit_closes()
-    {
-        mw_.settle();
-        while (!_controlMutex.try_lock())
-            mw_.advance(1);
-        _controlMutex.unlock();
-    }
-
-    /** Whatever is open is in the library's table, at any moment: what is not there will never be closed. */
-    void compare_with_ledger()
-    {
-        size_t devices = 0, files = 0, tasks = 0, mutexes = 0;
-        for (const SCREENRECORD_SlotCtrl_s& slot : _astSlotCtrl)
-            for (const SCREENRECORD_TaskCtrl_s& task : slot.astTaskCtrl) {
-                devices += task.u32SrcFile == 0 && task.u32Handle != 0;
-                files += (task.u32SrcFile != 0) + (task.u32OutFile != 0);
-                tasks += task.s32TaskId != SCREENRECORD_NO_ID;
-                mutexes += task.s32MutexId != SCREENRECORD_NO_ID;
-            }
-        const middleware::State& ledger = middleware::state();
-        const middleware::Lock lock(ledger.mutex);
-        const auto alive =
-            static_cast<size_t>(std::count_if(ledger.devices.begin(), ledger.devices.end(),
-                                              [](const auto& device) { return device.second.alive; }));
-        // A writer that closed its slot is reclaimed, with its mutex, by the slot's next control call.
-        const size_t retired = std::min(ledger.tasks.size() - tasks, limit_closes_);
-        const std::array held = {devices, files, tasks + retired, mutexes + retired, size_t{model_.block}};
-        const std::array open = {alive, ledger.open_files.size(), ledger.tasks.size(), ledger.mutexes.size(),
-                                 ledger.blocks.size()};
-        if (held != open)
-            problem_ += "the table does not hold what is open: devices, files, tasks, mutexes, blocks " +
-                        testing::PrintToString(held) + " " + testing::PrintToString(open) + "\n";
-    }
+    /** In seconds; without one, more than any sequence takes. */
+    static u32 limit() { return _u32RecordTime != 0 ? _u32RecordTime.Get() : ~0u; }
 
     /** The writer closes its slot when more whole seconds than the limit have passed; never earlier. */
-    void note_limit_closes(StateModel& next, u32 limit_before, bool faulted)
+    void note_limit_closes(StateModel& next, u32 least, bool faulted)
     {
-        const u32 limit_now = _u32RecordTime, limit = limit_now ? limit_now : limit_before;
         for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++) {
             const ModelSlot actual = StateModel::of_library().slots[index];
             if (!next.slots[index].running[TSMUX] || !actual.idle())
                 continue;
-            if (!faulted && (limit == 0 ||
-                             mw_.now_ms() - timer_from_[index] < 1000 * (s64{limit_least(limit_before)} + 1)))
+            if (!faulted && mw_.now_ms() - timer_from_[index] < 1000 * (s64{least} + 1))
                 problem_ += "slot " + std::to_string(index) + " closed itself early\n";
             next.close_slot(next.slots[index]);
-            limit_closes_++;
         }
     }
 
-    static u32 limit_least(u32 before)
-    {
-        const u32 now = _u32RecordTime;
-        return before == 0 ? now : now == 0 ? before : std::min(now, before);
-    }
-
-    void note_starts()
-    {
-        for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++)
-            if (!model_.slots[index].running[TSMUX])
-                timer_from_[index] = mw_.now_ms();
-    }
-
-    Middleware& mw_ = Middleware::instance();
+    static inline Bytes picture_ = Bytes(PICTURE_SIZE);
+    middleware::Middleware& mw_ = middleware::Middleware::instance();
     Dice dice_;
     RandomCallCounts& counts_;
     StateModel model_ = StateModel::of_library();
-    size_t limit_closes_ = 0;
     s64 timer_from_[SCREENRECORD_SLOT_COUNT] = {};
     std::string problem_, history_;
 };

@@ -1,49 +1,48 @@
-#include "random_operations.h"
-
 #include <srglworker/SrGlWorker.h>
 
 #include "library_test.h"
+#include "state_model.h"
 
 namespace {
 
-constexpr u32 VCAP = E_SCREENRECORD_MODULE_VCAP, ACAP = E_SCREENRECORD_MODULE_ACAP,
-              VENC = E_SCREENRECORD_MODULE_VENC, TSMUX = E_SCREENRECORD_MODULE_TSMUX;
-using middleware::Bytes;
+using Model = StateModel;
 
-u32 set_video(const Choice& c)
+// --- the calls --------------------------------------------------------------------------------------------
+
+bool set_video(Choice& c)
 {
     const char* source = c.flaw == 4 ? "missing.nv12" : c.variant % 2 ? "a.nv12" : "cap";
     static const char* const codecs[] = {nullptr, "", "auto", "default", "h264"};
     const u32 width = c.flaw == 3 ? 4000 : c.variant % 3 * 160;
     return steps::set_video(c.slot, c.flaw == 1 ? nullptr : source,
-                            c.flaw == 2 ? "h265" : codecs[c.variant % 5], width, c.variant % 4 * 120);
+                            c.flaw == 2 ? "h265" : codecs[c.variant % 5], width, c.variant % 4 * 120) == 1;
 }
 
-u32 set_audio(const Choice& c)
+bool set_audio(Choice& c)
 {
     const int kind = c.variant % 4;
     const char* source = c.flaw == 3 ? "missing" : kind == 1 || c.flaw == 4 ? "a.nv12" : "cap";
     const char* codec = c.flaw == 2 ? "ac3" : (kind == 3 && c.flaw != 3) || c.flaw == 4 ? "mp3" : "aac";
-    return steps::set_audio(c.slot, c.flaw == 1 ? nullptr : source, codec);
+    return steps::set_audio(c.slot, c.flaw == 1 ? nullptr : source, codec) == 1;
 }
 
-s32 one_call(const Choice& c)
+bool one_call(Choice& c)
 {
     const u32 width = c.flaw == 3 ? 4000 : c.variant % 3 * 160;
     return startScreenRecord(width, 0, 0, c.variant % 2, 188, c.variant % 5, c.flaw == 2 ? 7 : 0,
-                             c.flaw == 1 ? nullptr : steps::text("one.ts"));
+                             c.flaw == 1 ? nullptr : steps::text("one.ts")) == 0;
 }
 
-s32 encode_open(const Choice& c)
+bool encode_open(Choice& c)
 {
     CapEnc_OpenParams params = {
         c.variant % 2 ? 320u : 640u, c.variant % 2 ? 240u : 480u, 30, 1000000, 1, 2, 0};
     if (c.flaw != 0)
         params.width = params.height = c.flaw == 1 ? 60000 : 4000;
-    return video_capenc_open(&params);
+    return video_capenc_open(&params) == 0;
 }
 
-s32 stills_open(const Choice& c)
+bool stills_open(Choice& c)
 {
     Cap_OpenParams params = {64, 64, c.variant % 4u, 0, 1 + c.variant % 3};
     if (c.flaw == 1)
@@ -52,29 +51,29 @@ s32 stills_open(const Choice& c)
         params.colorfmt = 9;
     if (c.flaw == 3)
         params.width = params.height = 60000;
-    return video_cap_open(&params);
+    return video_cap_open(&params) == 0;
 }
 
-s32 stills_describe(const Choice& c)
+bool stills_describe(Choice& c)
 {
     Cap_Buffer buffers[3] = {};
-    return video_cap_getCaptureBuffers(buffers, c.flaw ? 99 : StateModel::of_library().buffers);
+    return video_cap_getCaptureBuffers(buffers, c.flaw ? 99 : StateModel::of_library().buffers) == 0;
 }
 
-s32 stills_capture(const Choice& c)
+bool stills_capture(Choice& c)
 {
-    return video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0);
+    return video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0) == 0;
 }
 
-s32 sound_read(const Choice&)
+bool sound_read(Choice&)
 {
     u8 sound[64];
     u64 size = 0;
-    return audio_cap_getPCM(sound, sizeof(sound), &size);
+    return audio_cap_getPCM(sound, sizeof(sound), &size) == 0;
 }
 
 /** Takes a frame. Each that the encoder delivered consists of one value, so a mixture is seen. */
-bool take_frame(const Choice& c)
+bool take_frame(Choice& c)
 {
     Bytes buffer(c.flaw ? 50 : 4096, 0xEE);
     const u64 offered = buffer.size() - 16;
@@ -90,105 +89,289 @@ bool take_frame(const Choice& c)
     return true; // a frame that does not fit is lost with an error, as it should
 }
 
-bool always(const StateModel&, const Choice&)
+// --- what the model answers -------------------------------------------------------------------------------
+
+bool init_model(Model& m)
 {
+    m.sound_initialised = true;
+    if (!m.initialised) {
+        for (ModelSlot& slot : m.slots)
+            m.close_slot(slot);
+        m.block = false;
+        m.buffers = 0;
+        m.capable = true;
+    }
+    return m.initialised = true;
+}
+
+bool deinit_model(Model& m, const Choice&)
+{
+    m.sound_initialised = false;
+    if (!m.initialised)
+        return false;
+    for (ModelSlot& slot : m.slots)
+        m.close_slot(slot);
+    m.initialised = false;
     return true;
 }
 
-bool other_slot_captures(const StateModel& m, u32 slot)
+bool open_model(Model& m, const Choice& c)
 {
-    return slot < SCREENRECORD_SLOT_COUNT && m.slots[1 - slot].open[VCAP];
+    ModelSlot* const slot = m.configurable(c);
+    if (!slot || c.flaw == 1) // no name
+        return false;
+    m.close_slot(*slot);
+    return slot->file = c.flaw == 0;
 }
 
-bool all_is_closed(const StateModel& m)
+bool set_video_model(Model& m, const Choice& c)
 {
-    return m.slots[0].idle() && m.slots[1].idle() && !m.block;
+    ModelSlot* const slot = m.configurable(c);
+    if (!slot || c.flaw == 1)
+        return false;
+    if (c.flaw == 4 && m.capable) { // the encoder was opened before the source failed
+        m.descriptor = false;       // whichever slot's encoder is closed
+        m.inject = m.inject && c.slot != 0;
+    }
+    if (c.flaw != 0 || !m.capable) {
+        m.close_slot(*slot);
+        return false;
+    }
+    slot->open[VENC] = slot->open[c.variant % 2 ? VREADER : VCAP] = slot->video = true;
+    m.inject = m.inject && c.slot != 0;
+    return true;
 }
 
-bool slot_is_idle(const StateModel& m, const Choice& c)
+bool set_audio_model(Model& m, const Choice& c)
+{
+    ModelSlot* const slot = m.configurable(c);
+    if (!slot || c.flaw == 1)
+        return false;
+    const int kind = c.variant % 4; // 1 = a file, 3 = MP3, which is not captured
+    if (c.flaw != 0 || (kind % 2 == 0 && slot->open[ACAP])) {
+        m.close_slot(*slot);
+        return false;
+    }
+    if (kind != 3)
+        slot->open[kind == 1 ? AREADER : ACAP] = true;
+    return slot->audio = true;
+}
+
+bool set_mux_model(Model& m, const Choice& c)
+{
+    ModelSlot* const slot = m.configurable(c);
+    return slot && (slot->video || slot->audio) && (slot->open[TSMUX] = true);
+}
+
+bool start_model(Model& m, const Choice& c)
+{
+    ModelSlot* const slot = m.usable(c);
+    if (!slot || !(slot->video || slot->audio) || !slot->open[TSMUX] || !slot->file)
+        return false;
+    slot->start({VREADER, AREADER, VCAP, ACAP, VENC, TSMUX});
+    return true;
+}
+
+bool stop_model(Model& m, const Choice& c)
+{
+    ModelSlot* const slot = m.usable(c);
+    if (!slot)
+        return false;
+    const bool writes = slot->running[TSMUX];
+    slot->running = {};
+    slot->running[TSMUX] = writes;
+    return true;
+}
+
+bool close_model(Model& m, const Choice& c)
+{
+    if (!m.usable(c))
+        return false;
+    m.close_slot(m.slots[c.slot]);
+    return true;
+}
+
+bool one_call_model(Model& m, const Choice& c)
+{
+    init_model(m);
+    ModelSlot& slot = m.slots[0];
+    if (slot.busy() || c.flaw != 0 || !m.capable)
+        return false;
+    m.inject = false;
+    slot.file = slot.video = slot.audio = true;
+    for (const u32 module : {VCAP, ACAP, VENC, TSMUX})
+        slot.open[module] = slot.running[module] = true;
+    return true;
+}
+
+bool encode_open_model(Model& m, const Choice& c)
+{
+    ModelSlot& slot = m.slots[0];
+    if (slot.open[VCAP])
+        return false;
+    m.close_module(slot, VCAP);
+    m.capable = true;
+    if (c.flaw == 1) // a picture that no memory holds
+        return false;
+    if (slot.open[VENC]) {
+        slot.open[VCAP] = true;
+        return false;
+    }
+    if (c.flaw != 0) // more than the encoder can
+        return false;
+    m.close_module(slot, VENC);
+    slot.open[VCAP] = slot.open[VENC] = true;
+    m.inject = c.variant % 2;
+    return true;
+}
+
+bool stills_open_model(Model& m, const Choice& c)
+{
+    if (c.flaw == 1 || m.slots[0].open[VCAP])
+        return false;
+    m.slots[0].open[VCAP] = true;
+    m.slots[0].running[VCAP] = false;
+    if (c.flaw == 2) // no such format
+        return false;
+    m.block = c.flaw == 0;
+    if (m.block)
+        m.buffers = 1u + c.variant % 3;
+    return true; // also without buffers
+}
+
+bool sound_open_model(Model& m, const Choice&)
+{
+    if (m.slots[0].open[ACAP])
+        return false;
+    m.sound_initialised = true;
+    m.slots[0].running[ACAP] = false;
+    return m.slots[0].open[ACAP] = true;
+}
+
+/** Starts those modules of slot 0 that are open. */
+template <u32... modules> bool start_modules(Model& m, const Choice&)
+{
+    m.slots[0].start({modules...});
+    return true;
+}
+
+template <u32... modules> bool close_modules(Model& m, const Choice&)
+{
+    for (const u32 module : {modules...})
+        if (m.slots[0].open[module])
+            m.close_module(m.slots[0], module);
+    return true;
+}
+
+/** Succeeds, and moves nothing. */
+constexpr auto no_move = [](Model&, const Choice&) { return true; };
+
+// --- what may be called -----------------------------------------------------------------------------------
+
+constexpr auto always = [](const Model&, const Choice&) { return true; };
+
+bool slot_is_idle(const Model& m, const Choice& c)
 {
     return c.slot >= SCREENRECORD_SLOT_COUNT || m.slots[c.slot].busy() || m.slots[c.slot].idle();
 }
 
-bool may_init(const StateModel& m, const Choice&)
+template <u32... modules> bool slot_has_not(const Model& m, const Choice& c)
 {
-    return m.initialised || (all_is_closed(m) && !m.sound_initialised);
+    return c.slot >= SCREENRECORD_SLOT_COUNT || !(m.slots[c.slot].open[modules] || ...);
 }
 
-bool may_set_video(const StateModel& m, const Choice& c)
+bool may_init(const Model& m, const Choice&)
 {
-    if (c.slot >= SCREENRECORD_SLOT_COUNT)
-        return true;
-    const ModelSlot& slot = m.slots[c.slot];
-    return !slot.open[VENC] && !slot.open[VCAP] && !slot.open[E_SCREENRECORD_MODULE_VIDEO_SRC_READER] &&
-           !other_slot_captures(m, c.slot);
+    const bool all_is_closed = m.slots[0].idle() && m.slots[1].idle() && !m.block;
+    return m.initialised || (all_is_closed && !m.sound_initialised);
+}
+
+bool may_set_video(const Model& m, const Choice& c)
+{
+    const bool other_captures = c.slot < SCREENRECORD_SLOT_COUNT && m.slots[1 - c.slot].open[VCAP];
+    return slot_has_not<VENC, VCAP, VREADER>(m, c) && !other_captures;
 }
 
 } // namespace
 
 const std::vector<Operation> OPERATIONS = {
-    {"Init", 0, may_init, &StateModel::init, [](Choice&) { return SCREENRECORD_Init() == 1; }},
-    {"DeInit", 0, [](const StateModel& m, const Choice&) { return m.initialised || !m.slots[0].open[ACAP]; },
-     &StateModel::deinit, [](Choice&) { return SCREENRECORD_DeInit() == 1; }},
-    {"Open", 2, slot_is_idle, &StateModel::open,
+    {"Init", 0, may_init, [](Model& m, const Choice&) { return init_model(m); },
+     [](Choice&) { return SCREENRECORD_Init() == 1; }},
+    {"DeInit", 0, [](const Model& m, const Choice&) { return m.initialised || !m.slots[0].open[ACAP]; },
+     deinit_model, [](Choice&) { return SCREENRECORD_DeInit() == 1; }},
+    {"Open", 2, slot_is_idle, open_model,
      [](Choice& c) {
          return steps::open(c.slot, c.flaw == 1 ? nullptr : c.flaw == 2 ? "wifi" : "out.ts") == 1;
      }},
-    {"SetVideo", 4, may_set_video, &StateModel::set_video, [](Choice& c) { return set_video(c) == 1; }},
-    {"SetAudio", 4,
-     [](const StateModel& m, const Choice& c) {
-         return c.slot >= SCREENRECORD_SLOT_COUNT ||
-                !m.slots[c.slot].open[E_SCREENRECORD_MODULE_AUDIO_SRC_READER];
-     },
-     &StateModel::set_audio, [](Choice& c) { return set_audio(c) == 1; }},
-    {"SetTsMux", 0,
-     [](const StateModel& m, const Choice& c) {
-         return c.slot >= SCREENRECORD_SLOT_COUNT || !m.slots[c.slot].open[TSMUX];
-     },
-     &StateModel::set_mux, [](Choice& c) { return steps::set_mux(c.slot, 188, c.variant % 3) == 1; }},
-    {"Start", 0, always, &StateModel::start, [](Choice& c) { return SCREENRECORD_Start(&c.slot) == 1; }},
-    {"Stop", 0, always, &StateModel::stop, [](Choice& c) { return SCREENRECORD_Stop(&c.slot) == 1; }},
-    {"Close", 0, always, &StateModel::close, [](Choice& c) { return SCREENRECORD_Close(&c.slot) == 1; }},
+    {"SetVideo", 4, may_set_video, set_video_model, set_video},
+    {"SetAudio", 4, slot_has_not<AREADER>, set_audio_model, set_audio},
+    {"SetTsMux", 0, slot_has_not<TSMUX>, set_mux_model,
+     [](Choice& c) { return steps::set_mux(c.slot, 188, c.variant % 3) == 1; }},
+    {"Start", 0, always, start_model, [](Choice& c) { return SCREENRECORD_Start(&c.slot) == 1; }},
+    {"Stop", 0, always, stop_model, [](Choice& c) { return SCREENRECORD_Stop(&c.slot) == 1; }},
+    {"Close", 0, always, close_model, [](Choice& c) { return SCREENRECORD_Close(&c.slot) == 1; }},
     {"startScreenRecord", 3,
-     [](const StateModel& m, const Choice& c) {
+     [](const Model& m, const Choice& c) {
          return may_init(m, c) && slot_is_idle(m, {0}) && !m.slots[1].open[VCAP];
      },
-     &StateModel::one_call, [](Choice& c) { return one_call(c) == 0; }},
-    {"stopScreenRecord", 0, always, &StateModel::one_call_stop,
+     one_call_model, one_call},
+    {"stopScreenRecord", 0, always, [](Model& m, const Choice&) { return close_model(m, {0}); },
      [](Choice&) { return stopScreenRecord() == 0; }},
     {"capenc_open", 2,
-     [](const StateModel& m, const Choice&) { return !m.slots[0].open[TSMUX] && !m.slots[1].open[VCAP]; },
-     &StateModel::encode_open, [](Choice& c) { return encode_open(c) == 0; }},
-    {"capenc_start", 0, always, &StateModel::encode_start,
+     [](const Model& m, const Choice&) { return !m.slots[0].open[TSMUX] && !m.slots[1].open[VCAP]; },
+     encode_open_model, encode_open},
+    {"capenc_start", 0, always, start_modules<VCAP, VENC>,
      [](Choice&) { return video_capenc_start(0) == 0; }},
-    {"capenc_stop", 0, always, &StateModel::encode_stop, [](Choice&) { return video_capenc_stop() == 0; }},
-    {"capenc_close", 0, always, &StateModel::encode_close, [](Choice&) { return video_capenc_close() == 0; }},
-    {"capenc_pause", 0, always, &StateModel::succeeds, [](Choice&) { return video_capenc_pause() == 0; }},
-    {"capenc_resume", 0, always, &StateModel::succeeds, [](Choice&) { return video_capenc_resume() == 0; }},
-    {"capenc_setBitRate", 0, always, &StateModel::set_bit_rate,
+    {"capenc_stop", 0, always,
+     [](Model& m, const Choice&) {
+         m.slots[0].running[VCAP] = m.slots[0].running[VENC] = m.watermark = false;
+         return true;
+     },
+     [](Choice&) { return video_capenc_stop() == 0; }},
+    {"capenc_close", 0, always, close_modules<VCAP, VENC>, [](Choice&) { return video_capenc_close() == 0; }},
+    {"capenc_pause", 0, always, no_move, [](Choice&) { return video_capenc_pause() == 0; }},
+    {"capenc_resume", 0, always, no_move, [](Choice&) { return video_capenc_resume() == 0; }},
+    {"capenc_setBitRate", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[VENC]; },
      [](Choice&) { return video_capenc_setBitRate(2000000) == 0; }},
     {"capenc_setWatermark", 0,
-     [](const StateModel& m, const Choice&) {
+     [](const Model& m, const Choice&) {
          return m.slots[0].open[VENC] && m.inject && (m.watermark || !m.descriptor);
      },
-     &StateModel::set_watermark,
+     [](Model& m, const Choice&) {
+         m.descriptor = m.descriptor || !m.watermark;
+         return m.watermark = m.inject;
+     },
      [](Choice&) { return video_capenc_setWatermark(android::WatermarkParams()) == 0; }},
-    {"capenc_getES", 1, always, &StateModel::succeeds, [](Choice& c) { return take_frame(c); }},
-    {"capenc_requestKeyFrame", 0, always, &StateModel::succeeds,
+    {"capenc_getES", 1, always, no_move, take_frame},
+    {"capenc_requestKeyFrame", 0, always, no_move,
      [](Choice&) { return video_capenc_requestKeyFrame() == 0 && video_capenc_getMaxEsSize() == 2097152; }},
-    {"cap_open", 3, [](const StateModel& m, const Choice&) { return !m.block && !m.slots[1].open[VCAP]; },
-     &StateModel::stills_open, [](Choice& c) { return stills_open(c) == 0; }},
-    {"cap_getCaptureBuffers", 1, always, &StateModel::stills_describe,
-     [](Choice& c) { return stills_describe(c) == 0; }},
-    {"cap_captureScreen", 1, always, &StateModel::stills_capture,
-     [](Choice& c) { return stills_capture(c) == 0; }},
-    {"cap_close", 0, always, &StateModel::stills_close, [](Choice&) { return video_cap_close() == 0; }},
-    {"audio_cap_open", 0, always, &StateModel::sound_open, [](Choice&) { return audio_cap_open() == 0; }},
-    {"audio_cap_start", 0, always, &StateModel::sound_start, [](Choice&) { return audio_cap_start() == 0; }},
-    {"audio_cap_stop", 0, always, &StateModel::sound_stop, [](Choice&) { return audio_cap_stop() == 0; }},
-    {"audio_cap_close", 0, always, &StateModel::sound_close, [](Choice&) { return audio_cap_close() == 0; }},
-    {"audio_cap_getPCM", 0, always, &StateModel::sound_read, [](Choice& c) { return sound_read(c) == 0; }},
-    {"audio_cap_getInfo", 0, always, &StateModel::succeeds,
+    {"cap_open", 3, [](const Model& m, const Choice&) { return !m.block && !m.slots[1].open[VCAP]; },
+     stills_open_model, stills_open},
+    {"cap_getCaptureBuffers", 1, always, [](Model& m, const Choice& c) { return m.block && c.flaw == 0; },
+     stills_describe},
+    {"cap_captureScreen", 1, always,
+     [](Model& m, const Choice& c) {
+         return c.flaw == 0 && m.block && m.slots[0].open[VCAP] && m.buffers != 0;
+     },
+     stills_capture},
+    {"cap_close", 0, always,
+     [](Model& m, const Choice& c) {
+         m.block = false;
+         return close_modules<VCAP>(m, c);
+     },
+     [](Choice&) { return video_cap_close() == 0; }},
+    {"audio_cap_open", 0, always, sound_open_model, [](Choice&) { return audio_cap_open() == 0; }},
+    {"audio_cap_start", 0, always, start_modules<ACAP>, [](Choice&) { return audio_cap_start() == 0; }},
+    {"audio_cap_stop", 0, always,
+     [](Model& m, const Choice&) {
+         m.slots[0].running[ACAP] = false;
+         return true;
+     },
+     [](Choice&) { return audio_cap_stop() == 0; }},
+    {"audio_cap_close", 0, always, close_modules<ACAP>, [](Choice&) { return audio_cap_close() == 0; }},
+    {"audio_cap_getPCM", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[ACAP]; },
+     sound_read},
+    {"audio_cap_getInfo", 0, always, no_move,
      [](Choice&) {
          AudioCap_Info info = {};
          return audio_cap_getInfo(&info) == 0 && info.u32Channels == 2 && audio_cap_getLostSize() == 0;

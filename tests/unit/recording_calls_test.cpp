@@ -125,7 +125,7 @@ TEST_F(RecordingCalls, PacketSizeAndRateMayBeLeftOut)
         ASSERT_TRUE(steps::open(0) && steps::set_video(0));
         mw.take_calls();
         ASSERT_EQ(SCREENRECORD_SetTsMux(&slot, given ? &size : nullptr, given ? &rate : nullptr), 1u);
-        const auto params = mw.last<ZU_TSMUX_OpenParams_t>("ZU_TSMUX_Open");
+        const auto params = mw.last().multiplexer;
         EXPECT_EQ(params.u32TsPacketSize, 192u);
         EXPECT_EQ(params.u32CbrBitrate, given ? 8388608u : 0u);
         EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32TsPacketSize, given ? 192u : 0u);
@@ -197,7 +197,7 @@ TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
                                        : error_of("SCREENRECORD_SetAudio", "Error: invalid AENC Type!"));
         EXPECT_CALLS(errors(), expected);
         if (c.video && c.accepted) {
-            EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").eCodecType, c.codec);
+            EXPECT_EQ(mw.last().encoder.eCodecType, c.codec);
         }
         const bool sound = !c.video && c.accepted && c.codec == 0; // MP3 opens no capture
         EXPECT_EQ(mw.count("ZU_ACAP_Open"), sound);
@@ -223,7 +223,7 @@ TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
         ASSERT_EQ(steps::open(0), 1u);
         EXPECT_EQ(steps::set_video(0, c.name, "h264"), 1u);
         EXPECT_EQ(mw.count("ZU_CAP_Open"), 0);
-        EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").eCodecType, c.codec_is_looked_at ? 1u : 0u);
+        EXPECT_EQ(mw.last().encoder.eCodecType, c.codec_is_looked_at ? 1u : 0u);
         steps::close(0);
     }
     ASSERT_EQ(steps::open(0), 1u);
@@ -263,7 +263,7 @@ TEST_F(RecordingCalls, SizesUpToTheEncodersLimitsAreTakenAndRoundedForTheCapture
             continue;
         }
         ASSERT_TRUE(steps::set_mux(0) && steps::start(0));
-        const auto output = mw.last<ZU_CAP_CaptureParams_t>("ZU_CAP_CaptureStart").stOutput;
+        const auto output = mw.last().capture.stOutput;
         EXPECT_EQ(output.u32OutWidth, c.capture_width);
         EXPECT_EQ(output.u32OutHeight, c.capture_height);
         EXPECT_EQ(output.u32OutSize, c.size);
@@ -274,7 +274,7 @@ TEST_F(RecordingCalls, SizesUpToTheEncodersLimitsAreTakenAndRoundedForTheCapture
 TEST_F(RecordingCalls, OneCallRunsTheWholeSequenceOnSlotZero)
 {
     ASSERT_EQ(steps::one_call(0), 0);
-    EXPECT_EQ(mw.last<ZU_VENC_OpenParams_t>("ZU_VENC_Open").u32Width, 640u);
+    EXPECT_EQ(mw.last().encoder.u32Width, 640u);
     EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).bRunning, 1);
     EXPECT_EQ(steps::one_call(7), -1);
     EXPECT_EQ(errors().back(), error_of("startScreenRecord", "SCREENRECORD_Open Fail"));

@@ -58,6 +58,30 @@ inline u32 record(u32 slot, const char* video = "cap", const char* audio = "cap"
     return configure(slot, video, audio) && start(slot);
 }
 
+/** Pictures alone, of that size. */
+inline u32 record_pictures(u32 slot, u32 width, u32 height)
+{
+    return SCREENRECORD_Init() && open(slot) && set_video(slot, "cap", nullptr, width, height) &&
+           set_mux(slot) && start(slot);
+}
+
+/** Closes whatever is open, through every interface. */
+inline void close_all()
+{
+    video_capenc_stop();
+    video_capenc_close();
+    video_cap_close();
+    audio_cap_close();
+    SCREENRECORD_DeInit();
+}
+
+/** Opens and starts capture-encode. */
+inline bool capture_encode(u32 width = 640, u32 height = 480)
+{
+    CapEnc_OpenParams params = {width, height, 30, 1000000, 1, 0x200, 0};
+    return video_capenc_open(&params) == 0 && video_capenc_start(0) == 0;
+}
+
 inline s32 one_call(u32 limit_seconds = 0)
 {
     return startScreenRecord(0, 0, 0, 0, 188, limit_seconds, 0, text("out.ts"));

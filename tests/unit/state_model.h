@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <string>
+#include <vector>
 
 #include <core/recording_table.h>
 
@@ -10,10 +13,15 @@ struct ModelSlot {
     bool video = false, audio = false;
     std::array<bool, E_SCREENRECORD_MODULE_MAX> open = {}, running = {};
 
-    bool busy() const;
+    bool busy() const { return std::ranges::count(running, true) != 0; }
     /** Nothing is open: what is opened now replaces nothing. */
-    bool idle() const;
-    void stop();
+    bool idle() const { return *this == ModelSlot(); }
+    /** Starts those of the modules that are open. */
+    void start(std::initializer_list<u32> modules)
+    {
+        for (const u32 module : modules)
+            running[module] = running[module] || open[module];
+    }
     bool operator==(const ModelSlot&) const = default;
 };
 
@@ -24,10 +32,7 @@ struct Choice {
     u8 flaw = 0;    /**< 0 = good arguments, else which bad one */
 };
 
-/**
- * The library as a state machine. Each function moves the state as the call of that name does where the
- * middleware refuses nothing, and says whether the call succeeds.
- */
+/** The library as a state machine where the middleware refuses nothing; the operations move it. */
 class StateModel {
 public:
     bool initialised = false;
@@ -44,41 +49,37 @@ public:
     /** What the library's own table says, for comparison and after a fault. */
     static StateModel of_library();
 
-    bool init(const Choice&);
-    bool deinit(const Choice&);
-    bool open(const Choice&);
-    bool set_video(const Choice&);
-    bool set_audio(const Choice&);
-    bool set_mux(const Choice&);
-    bool start(const Choice&);
-    bool stop(const Choice&);
-    bool close(const Choice&);
-    bool one_call(const Choice&);
-    bool one_call_stop(const Choice&);
-    bool encode_open(const Choice&);
-    bool encode_start(const Choice&);
-    bool encode_stop(const Choice&);
-    bool encode_close(const Choice&);
-    bool set_bit_rate(const Choice&);
-    bool set_watermark(const Choice&);
-    bool stills_open(const Choice&);
-    bool stills_describe(const Choice&);
-    bool stills_capture(const Choice&);
-    bool stills_close(const Choice&);
-    bool sound_open(const Choice&);
-    bool sound_start(const Choice&);
-    bool sound_stop(const Choice&);
-    bool sound_close(const Choice&);
-    bool sound_read(const Choice&);
-    bool succeeds(const Choice&) { return true; }
-
     bool operator==(const StateModel&) const = default;
     std::string text() const;
-    void close_slot(ModelSlot& slot);
     int open_modules() const;
-
-private:
-    bool slot_is_usable(const Choice& choice) const;
-    bool slot_is_configurable(const Choice& choice) const;
+    /** The slot that a call names, NULL where it names none or nothing was initialised. */
+    ModelSlot* usable(const Choice& choice)
+    {
+        return choice.slot < SCREENRECORD_SLOT_COUNT && initialised ? &slots[choice.slot] : nullptr;
+    }
+    /** The same where it does not run either. */
+    ModelSlot* configurable(const Choice& choice)
+    {
+        ModelSlot* const slot = usable(choice);
+        return slot && !slot->busy() ? slot : nullptr;
+    }
     void close_module(ModelSlot& slot, u32 module);
+    void close_slot(ModelSlot& slot);
 };
+
+/**
+ * An operation: the call, the model's answer to it, and when it may be made. Where a step would open a device
+ * over one that is open, the interface asks the client for a close first; such calls are not made. The
+ * middleware has one capture connection, so two slots do not capture at a time.
+ */
+struct Operation {
+    const char* name;
+    u32 flaws; /**< kinds of bad arguments */
+    bool (*may)(const StateModel&, const Choice&);
+    /** Moves the model as the call moves the library, and says whether the call succeeds. */
+    bool (*answer)(StateModel&, const Choice&);
+    bool (*call)(Choice&);
+};
+
+/** All exported functions. */
+extern const std::vector<Operation> OPERATIONS;

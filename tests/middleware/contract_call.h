@@ -1,0 +1,92 @@
+/** The frame that every contract function uses, and what the parts of the double do for one another. */
+#pragma once
+
+#include "middleware/middleware.h"
+
+namespace middleware {
+
+/** Set while the calling thread runs a callback of a device that was closed: its calls on dead handles are
+ * not its fault. */
+extern thread_local u32 late_callback_depth;
+/** Set on tasks: their waits alone do not let time pass. */
+extern thread_local bool task_thread;
+
+/** Adds a sentence to the problems; the state's lock is held. */
+void problem(std::string sentence);
+
+/** What the effect of a call gets: the state's lock held, and room for what the log should show behind the
+ * result. */
+struct Context {
+    Lock lock;
+    bool refused; // a call that ends something is scripted to fail
+    std::string note = {};
+};
+
+struct Ticket {
+    size_t number;
+    std::optional<s64> result = {};
+    std::vector<std::function<void()>> before = {}, behind = {};
+};
+
+Ticket begin_call(const std::string& function, const std::string& variant, std::string arguments);
+void end_call(const Ticket& ticket, s64 result, const std::string& note);
+
+/** Frame of every contract function: log, hooks, script, effect. `ends` = the effect runs also when it is to
+ * fail. */
+template <class Effect>
+auto perform(bool ends, const std::string& function, const std::string& variant, std::string arguments,
+             Effect&& effect)
+{
+    using Effected = decltype(effect(std::declval<Context&>()));
+    using Result = std::conditional_t<std::is_enum_v<Effected>, u32, Effected>;
+    const Ticket ticket = begin_call(function, variant, std::move(arguments));
+    for (const auto& hook : ticket.before)
+        hook();
+    s64 result = ticket.result.value_or(0);
+    std::string note;
+    if (ends || !ticket.result) {
+        Context context{Lock(state().mutex), ticket.result.has_value()};
+        result = ticket.result.value_or(effect(context));
+        note = std::move(context.note);
+    }
+    for (const auto& hook : ticket.behind)
+        hook();
+    end_call(ticket, result, note);
+    return static_cast<Result>(result);
+}
+template <class Effect> auto call(const std::string& function, std::string arguments, Effect&& effect)
+{
+    return perform(false, function, "", std::move(arguments), effect);
+}
+inline u32 call(const std::string& function, std::string arguments = "")
+{
+    return call(function, std::move(arguments), [](Context&) { return ZU_OK; });
+}
+template <class Effect> auto ending_call(const std::string& function, std::string arguments, Effect&& effect)
+{
+    return perform(true, function, "", std::move(arguments), effect);
+}
+
+/** Blocks the calling thread until another one wakes `waiter`, or virtual time passes its deadline. */
+void wait(Lock& lock, Waiter& waiter, const std::string& what);
+void wake(Waiter& waiter);
+/** Moves the clock if nobody can run; called whenever somebody stopped running. */
+void let_time_pass();
+
+/** A kind of device: its name, its first handle and the module that it belongs to. */
+struct KindFacts {
+    std::string name;
+    u32 first_handle;
+    std::string module;
+};
+const KindFacts& facts(Kind kind);
+std::string name_of(Kind kind, u32 handle);
+
+/** A live device of that kind, or nullptr after noting who called it dead. */
+Device* live_device(u32 handle, Kind kind, const std::string& function);
+
+void end_all_tasks(Lock& lock);
+std::span<u8> new_low_memory(size_t size);
+int renderer_objects_left();
+
+} // namespace middleware
