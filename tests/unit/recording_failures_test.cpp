@@ -1,41 +1,40 @@
-/** What a recording's control calls refuse, and in which order. */
+/** What a recording's control calls and the modules' functions refuse, and in which order. */
+#include <core/modules.h>
+#include <core/worker_tasks.h>
+#include <stream/sources.h>
+
 #include "library_test.h"
 
 namespace {
 
 using RecordingFailures = LibraryTest;
 
-constexpr const char* busy = "Some modules are Transcoding now, please stop transcoding first! ";
-
 TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
 {
-    using Operation = u32 (*)(u32*);
     struct Case {
         const char* name;
-        Operation call;
+        u32 (*call)(u32* slot);
         bool refuses_running;
         const char* last_check; /**< the argument check behind the common ones, none = no argument */
     };
     const Case cases[] = {
-        {"SCREENRECORD_Open", [](u32* slot) { return SCREENRECORD_Open(slot, nullptr); }, true,
+        {"Open", [](u32* slot) { return SCREENRECORD_Open(slot, nullptr); }, true,
          "Error: invalid destination file name"},
-        {"SCREENRECORD_SetVideo",
+        {"SetVideo",
          [](u32* slot) { return SCREENRECORD_SetVideo(slot, nullptr, nullptr, nullptr, nullptr, nullptr); },
          true, "Error: invalid Source name"},
-        {"SCREENRECORD_SetAudio",
-         [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); }, true,
+        {"SetAudio", [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); }, true,
          "Error: invalid Source name"},
-        {"SCREENRECORD_SetTsMux", [](u32* slot) { return SCREENRECORD_SetTsMux(slot, nullptr, nullptr); },
-         true, "Need to Assign one source!"},
-        {"SCREENRECORD_Start", [](u32* slot) { return SCREENRECORD_Start(slot); }, false,
+        {"SetTsMux", [](u32* slot) { return SCREENRECORD_SetTsMux(slot, nullptr, nullptr); }, true,
          "Need to Assign one source!"},
-        {"SCREENRECORD_Stop", [](u32* slot) { return SCREENRECORD_Stop(slot); }, false, nullptr},
-        {"SCREENRECORD_Close", [](u32* slot) { return SCREENRECORD_Close(slot); }, false, nullptr},
+        {"Start", SCREENRECORD_Start, false, "Need to Assign one source!"},
+        {"Stop", SCREENRECORD_Stop, false, nullptr},
+        {"Close", SCREENRECORD_Close, false, nullptr},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         u32 slot = 0, none = 2;
-        const std::string at = "[" + std::string(c.name) + "]";
+        const std::string at = "[SCREENRECORD_" + std::string(c.name) + "]";
         forget();
         EXPECT_EQ(c.call(nullptr), 0u);
         EXPECT_EQ(c.call(&none), 0u);
@@ -53,8 +52,9 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
             ASSERT_TRUE(steps::record(0));
             forget();
             EXPECT_EQ(c.call(&slot), 0u);
-            EXPECT_CALLS(mw.take_logs(), {"D " + at + busy});
-            EXPECT_EQ(task(0, E_SCREENRECORD_MODULE_VCAP).bRunning, 1);
+            EXPECT_CALLS(mw.take_logs(),
+                         {"D " + at + "Some modules are Transcoding now, please stop transcoding first! "});
+            EXPECT_EQ(task(0, VCAP).bRunning, 1);
             steps::close(0);
         }
         SCREENRECORD_DeInit();
@@ -63,19 +63,17 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
 
 TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
 {
-    SCREENRECORD_Init();
-    forget();
+    ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
     EXPECT_EQ(steps::start(0), 0u);
-    steps::open(0);
     steps::set_video(0);
     EXPECT_EQ(steps::start(0), 0u);
     steps::set_mux(0);
-    const u32 file = task(0, E_SCREENRECORD_MODULE_TSMUX).u32OutFile.Exchange(0);
+    const u32 file = task(0, TSMUX).u32OutFile.Exchange(0);
     EXPECT_EQ(steps::start(0), 0u);
-    EXPECT_CALLS(errors(), {error_of("SCREENRECORD_Start", "Need to Assign one source!"),
-                            error_of("SCREENRECORD_Start", "[DEMO TRANCODE] Please Set Mux First!"),
-                            error_of("SCREENRECORD_Start", "[DEMO TRANCODE] Please Open Transcode First!")});
-    task(0, E_SCREENRECORD_MODULE_TSMUX).u32OutFile = file;
+    EXPECT_CALLS(errors(), {"E [SCREENRECORD_Start]Need to Assign one source!",
+                            "E [SCREENRECORD_Start][DEMO TRANCODE] Please Set Mux First!",
+                            "E [SCREENRECORD_Start][DEMO TRANCODE] Please Open Transcode First!"});
+    task(0, TSMUX).u32OutFile = file;
 }
 
 TEST_F(RecordingFailures, ADestinationCalledWifiIsNoFile)
@@ -83,7 +81,7 @@ TEST_F(RecordingFailures, ADestinationCalledWifiIsNoFile)
     SCREENRECORD_Init();
     forget();
     EXPECT_EQ(steps::open(0, "wifi"), 0u);
-    EXPECT_CALLS(errors(), {error_of("SCREENRECORD_Open", "no support!!")});
+    EXPECT_CALLS(errors(), {"E [SCREENRECORD_Open]no support!!"});
     EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
     for (const char* name : {"Wifi", "wifi2"}) {
         EXPECT_EQ(steps::open(0, name), 1u) << name;
@@ -99,10 +97,35 @@ TEST_F(RecordingFailures, ARegionWithoutAddressIsRefused)
     mw.fail("ZU_OS_Pa2NonCachedVa");
     mw.fail("ZU_OS_Pa2CachedVa");
     EXPECT_EQ(steps::set_mux(0), 0u);
-    EXPECT_CALLS(errors(),
-                 {error_of("_SCREENRECORD_OpenTsmux", "phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000"),
-                  error_of("_SCREENRECORD_OpenTsmux", "Error: failed to ZU_OS_PA2CachedVA(0x2000000)"),
-                  error_of("SCREENRECORD_SetTsMux", "[DEMO TRANSCODE] Open Tsmux Failed!")});
+    EXPECT_CALLS(errors(), {"E [_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000",
+                            "E [_SCREENRECORD_OpenTsmux]Error: failed to ZU_OS_PA2CachedVA(0x2000000)",
+                            "E [SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"});
+}
+
+TEST_F(RecordingFailures, NoRecordAndNoSuchModuleAreRefusedUntouched)
+{
+    _bSysInited = 1;
+    SCREENRECORD_SlotCtrl_s* slot = &_astSlotCtrl[0];
+    SCREENRECORD_TaskCtrl_s unknown;
+    unknown.eModule = E_SCREENRECORD_MODULE_MAX;
+    unknown.u32Handle = 1;
+    SCREENRECORD_TaskCtrl_s encoder;
+    encoder.eModule = VENC;
+    EXPECT_EQ(_SCREENRECORD_OpenVenc(slot, nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_OpenVcap(slot, nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_OpenSrcReader(nullptr, &encoder), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_OpenSrcReader(slot, nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_OpenSrcReader(slot, &encoder), ZU_INVALID_ARGUMENT) << "no reader";
+    EXPECT_EQ(_SCREENRECORD_InitModule(E_SCREENRECORD_MODULE_MAX), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_StartModule(nullptr, 0), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_StartModule(&unknown, 0), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_StopModule(&unknown), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(_SCREENRECORD_CreateTask(nullptr, 0, 0, nullptr), ZU_INVALID_ARGUMENT);
+    for (auto* of_a_record : {_SCREENRECORD_StopModule, _SCREENRECORD_CloseSrcReader, _SCREENRECORD_CloseVcap,
+                              _SCREENRECORD_CloseAcap, _SCREENRECORD_CloseVenc, _SCREENRECORD_CloseTsmux,
+                              _SCREENRECORD_DeleteTask})
+        EXPECT_EQ(of_a_record(nullptr), ZU_INVALID_ARGUMENT);
+    EXPECT_CALLS(mw.take_calls(), {});
 }
 
 } // namespace
