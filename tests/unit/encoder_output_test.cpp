@@ -15,7 +15,6 @@ protected:
         ASSERT_TRUE(steps::record(0));
         mw.take_logs();
     }
-    SCREENRECORD_TaskCtrl_s& venc() { return task(0, E_SCREENRECORD_MODULE_VENC); }
 };
 
 constexpr u64 none = ~u64{0};
@@ -45,10 +44,10 @@ TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
         ASSERT_EQ(mw.pushed().size(), pushed);
         if (f.pushed) {
             EXPECT_EQ(mw.pushed().back().pts, f.relative);
-            EXPECT_EQ(mw.pushed().back().bytes, (middleware::Bytes{1, 2, u8(index)}));
-            EXPECT_EQ(mw.pushed().back().source, venc().u64MuxSrcId);
+            EXPECT_EQ(mw.pushed().back().bytes, (Bytes{1, 2, u8(index)}));
+            EXPECT_EQ(mw.pushed().back().source, task(0, VENC).u64MuxSrcId);
         }
-        EXPECT_EQ(venc().u32LastInBufIndex, f.last_index);
+        EXPECT_EQ(task(0, VENC).u32LastInBufIndex, f.last_index);
     }
     EXPECT_TRUE(mw.take_logs().empty());
 
@@ -73,16 +72,13 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
         u32 result;
         std::vector<std::string> logs;
     };
-    const std::string at = "[_SCREENRECORD_VencCbHandler]";
+    const std::string at = "[_SCREENRECORD_VencCbHandler]", invalid = "E " + at + "Invalid pu8Data";
     const Case cases[] = {
         {"no record", {.bytes = {1}, .null_record = true}, ZU_INVALID_ARGUMENT, {}},
         {"other event", {.bytes = {1}, .pts = 1, .event = 2}, ZU_OK, {"E " + at + "eEvent Error!"}},
         {"dropped by the encoder", {.pts = 1}, ZU_OK, {"D " + at + "[ZU DEMO TRANSCODE] Drop Frame"}},
-        {"size without data", {.pts = 1, .size = 5}, ZU_INVALID_ARGUMENT, {"E " + at + "Invalid pu8Data"}},
-        {"data without size",
-         {.bytes = {1}, .pts = 1, .size = 0},
-         ZU_INVALID_ARGUMENT,
-         {"E " + at + "Invalid pu8Data"}},
+        {"size without data", {.pts = 1, .size = 5}, ZU_INVALID_ARGUMENT, {invalid}},
+        {"data without size", {.bytes = {1}, .pts = 1, .size = 0}, ZU_INVALID_ARGUMENT, {invalid}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -116,7 +112,7 @@ TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
     mw.inside("ZU_TSMUX_PushMediaData",
               [&] {
                   stopped = std::async(std::launch::async, [] { return steps::stop(0); });
-                  while (venc().bTaskExit == 0) // ends with the stop, which waits for this callback
+                  while (task(0, VENC).bTaskExit == 0) // ends with the stop, which waits for this callback
                       std::this_thread::yield();
               },
               {.nth = 3});
@@ -140,11 +136,8 @@ TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
     testing::internal::CaptureStdout();
     for (const u32 event : {1u, 2u, 3u})
         EXPECT_EQ(mw.fire_event(middleware::Kind::multiplexer, event), ZU_OK);
-    char expected[120];
-    snprintf(expected, sizeof(expected),
-             "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x%llx\n\033[0m",
-             static_cast<unsigned long long>(task(0, E_SCREENRECORD_MODULE_TSMUX).u64CallbackId));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x1000000c3\n\033[0m");
     EXPECT_EQ(mw.fire_event(middleware::Kind::audio, 1), ZU_FAILURE);
     EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_AcapCbHandler]Invalid Event!"});
 }
