@@ -1,7 +1,6 @@
 #include "fault_expectations.h"
 
-#include <cstdio>
-#include <sstream>
+#include "middleware/state.h"
 
 namespace faults {
 
@@ -12,7 +11,7 @@ struct Row {
     const char* call; /**< "name=7" is for that result alone, and comes before the others of the name */
     int nth;          /**< 0 = whichever, -1 = what only several faults of it lead to */
     const char* failing;
-    const char* errors; /**< '|' between them; %x and %d stand for the result, ~ for SCREENRECORD_ */
+    const char* errors; /**< '|' between them; 0x%x and %d stand for the result, ~ for SCREENRECORD_ */
 };
 
 // Ends that several faults have in common.
@@ -172,9 +171,7 @@ void replace_all(std::string& text, const std::string& from, const std::string& 
 
 std::vector<std::string> split(std::string text, s64 result)
 {
-    char hexadecimal[20];
-    snprintf(hexadecimal, sizeof(hexadecimal), "%x", static_cast<u32>(result));
-    replace_all(text, "%x", hexadecimal);
+    replace_all(text, "0x%x", middleware::hex(static_cast<u32>(result)));
     replace_all(text, "%d", std::to_string(result));
     replace_all(text, "~", "SCREENRECORD_");
     std::vector<std::string> parts;
@@ -186,38 +183,25 @@ std::vector<std::string> split(std::string text, s64 result)
 
 bool is_for(const Row& row, char kind, const Fault& fault)
 {
-    return std::string(row.kinds).find(kind) != std::string::npos &&
+    return std::string_view(row.kinds).find(kind) != std::string_view::npos &&
            (row.call == fault.call || row.call == fault.call + "=" + std::to_string(fault.result));
-}
-
-void add(Expectation& e, const Row& row, s64 result)
-{
-    for (const std::string& step : split(row.failing, result))
-        e.failing.insert(step);
-    for (std::string& line : split(row.errors, result))
-        e.errors.push_back(std::move(line));
 }
 
 } // namespace
 
-Expectation expected_of(char kind, const Fault& fault)
+Expectation expected_of(char kind, const Fault& fault, bool wherever)
 {
     Expectation e;
     for (const Row& row : rows) {
-        if (!is_for(row, kind, fault) || (row.nth != 0 && row.nth != fault.nth))
+        if (!is_for(row, kind, fault) || (!wherever && row.nth != 0 && row.nth != fault.nth))
             continue;
-        add(e, row, fault.result);
-        break;
+        for (const std::string& step : split(row.failing, fault.result))
+            e.failing.insert(step);
+        for (std::string& line : split(row.errors, fault.result))
+            e.errors.push_back(std::move(line));
+        if (!wherever)
+            break;
     }
-    return e;
-}
-
-Expectation allowed_of(char kind, const Fault& fault)
-{
-    Expectation e;
-    for (const Row& row : rows)
-        if (is_for(row, kind, fault))
-            add(e, row, fault.result);
     return e;
 }
 

@@ -21,10 +21,9 @@ struct Expectation {
 };
 
 /** Of a fault that comes once, in a scenario of that kind: 'r' recording the screen, 'f' recording files,
- * 'c' and 'i' capture-encode with copied and injected pictures, 's' stills, 'p' PCM. */
-Expectation expected_of(char kind, const Fault& fault);
-/** Of the same call's faults wherever in the scenario they come. */
-Expectation allowed_of(char kind, const Fault& fault);
+ * 'c' and 'i' capture-encode with copied and injected pictures, 's' stills, 'p' PCM. `wherever`: of all
+ * faults of that call, wherever in the scenario they come. */
+Expectation expected_of(char kind, const Fault& fault, bool wherever = false);
 
 bool matches(const std::string& pattern, const std::string& text);
 

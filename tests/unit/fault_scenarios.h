@@ -33,7 +33,7 @@ protected:
         mw.reset();
         _bSysInited = 0;
         for (const char* name : {"a.nv12", "a.aac"})
-            mw.add_file(name, middleware::Bytes(3 * picture_size));
+            mw.add_file(name, Bytes(3 * picture_size));
         mw.settings.encoder_input_size = picture_size;
         mw.settings.first_fd = 3;
         mw.map_physical(luma, picture_.data(), picture_size);
@@ -62,7 +62,7 @@ protected:
     Step recorded_media(bool pictures)
     {
         return {"media", [=, this] {
-                    mw.queue_output(middleware::Bytes(0x11000)); // more than a batch
+                    mw.queue_output(Bytes(0x11000)); // more than a batch
                     media(pictures);
                     mw.advance(250);
                     return true;
@@ -70,44 +70,35 @@ protected:
     }
 
     /** Of a client that never said Init, whose DeInit answers that it was not needed. */
-    static Step deinit()
-    {
-        return {"SCREENRECORD_DeInit", [] { return SCREENRECORD_DeInit() == 0; }};
-    }
+    static inline const Step deinit = {"SCREENRECORD_DeInit", [] { return SCREENRECORD_DeInit() == 0; }};
     /** Where Init failed there must be nothing left to undo. */
-    static Step deinit_after_init()
-    {
-        return {"SCREENRECORD_DeInit", [] { return !_bModuleInited || SCREENRECORD_DeInit() == 1; }};
-    }
-
-    std::vector<Step> way_in(u32 slot, const char* video, const char* audio, bool pictures)
-    {
-        return {{"SCREENRECORD_Init", [] { return SCREENRECORD_Init() == 1; }},
-                {"SCREENRECORD_Open", [=] { return steps::open(slot) == 1; }},
-                {"SCREENRECORD_SetAudio", [=] { return steps::set_audio(slot, audio) == 1; }},
-                {"SCREENRECORD_SetVideo", [=] { return steps::set_video(slot, video) == 1; }},
-                {"SCREENRECORD_SetTsMux", [=] { return steps::set_mux(slot) == 1; }},
-                {"SCREENRECORD_Start", [=] { return steps::start(slot) == 1; }},
-                recorded_media(pictures)};
-    }
+    static inline const Step deinit_after_init = {
+        "SCREENRECORD_DeInit", [] { return !_bModuleInited || SCREENRECORD_DeInit() == 1; }};
 
     Scenario recording(const char* name, u32 slot, char kind)
     {
         const bool file = kind == 'f';
-        const Step close = {"SCREENRECORD_Close", [=] { return !_bModuleInited || steps::close(slot) == 1; }};
+        const char *const video = file ? "a.nv12" : "cap", *const audio = file ? "a.aac" : "cap";
         return {name,
                 kind,
-                way_in(slot, file ? "a.nv12" : "cap", file ? "a.aac" : "cap", slot == 0 && !file),
-                {close, deinit_after_init()}};
+                {{"SCREENRECORD_Init", [] { return SCREENRECORD_Init() == 1; }},
+                 {"SCREENRECORD_Open", [=] { return steps::open(slot) == 1; }},
+                 {"SCREENRECORD_SetAudio", [=] { return steps::set_audio(slot, audio) == 1; }},
+                 {"SCREENRECORD_SetVideo", [=] { return steps::set_video(slot, video) == 1; }},
+                 {"SCREENRECORD_SetTsMux", [=] { return steps::set_mux(slot) == 1; }},
+                 {"SCREENRECORD_Start", [=] { return steps::start(slot) == 1; }},
+                 recorded_media(slot == 0 && !file)},
+                {{"SCREENRECORD_Close", [=] { return !_bModuleInited || steps::close(slot) == 1; }},
+                 deinit_after_init}};
     }
 
     Scenario one_call()
     {
-        const Step stop = {"stopScreenRecord", [] { return !_bModuleInited || stopScreenRecord() == 0; }};
         return {"one-call",
                 'r',
                 {{"startScreenRecord", [] { return steps::one_call(3600) == 0; }}, recorded_media(true)},
-                {stop, deinit_after_init()}};
+                {{"stopScreenRecord", [] { return !_bModuleInited || stopScreenRecord() == 0; }},
+                 deinit_after_init}};
     }
 
     Scenario open_again()
@@ -146,7 +137,7 @@ protected:
                  {"video_capenc_requestKeyFrame", [] { return video_capenc_requestKeyFrame() == 0; }, false}},
                 {{"video_capenc_stop", [] { return video_capenc_stop() == 0; }},
                  {"video_capenc_close", [] { return video_capenc_close() == 0; }},
-                 deinit()}};
+                 deinit}};
     }
 
     static Scenario stills()
@@ -158,7 +149,7 @@ protected:
                 {{"video_cap_open", [] { return video_cap_open(&params) == 0; }},
                  {"video_cap_getCaptureBuffers", [] { return video_cap_getCaptureBuffers(buffers, 2) == 0; }},
                  {"video_cap_captureScreen", [] { return video_cap_captureScreen(1) == 0; }}},
-                {{"video_cap_close", [] { return video_cap_close() == 0; }}, deinit()}};
+                {{"video_cap_close", [] { return video_cap_close() == 0; }}, deinit}};
     }
 
     Scenario pcm()
@@ -166,7 +157,7 @@ protected:
         static u8 buffer[64];
         static u64 size;
         const auto read = [this] {
-            mw.queue_audio(middleware::Bytes(sizeof(buffer)));
+            mw.queue_audio(Bytes(sizeof(buffer)));
             return audio_cap_getPCM(buffer, sizeof(buffer), &size) == 0;
         };
         return {"PCM",
@@ -175,7 +166,7 @@ protected:
                  {"audio_cap_start", [] { return audio_cap_start() == 0; }},
                  {"audio_cap_getPCM", read, false},
                  {"audio_cap_stop", [] { return audio_cap_stop() == 0; }, false}},
-                {{"audio_cap_close", [] { return audio_cap_close() == 0; }}, deinit()}};
+                {{"audio_cap_close", [] { return audio_cap_close() == 0; }}, deinit}};
     }
 
     std::vector<Scenario> scenarios()
@@ -195,6 +186,6 @@ protected:
     bool busy_ = false;                       /**< the multiplexer will never take a frame */
 
 private:
-    middleware::Bytes picture_ = middleware::Bytes(picture_size);
+    Bytes picture_ = Bytes(picture_size);
     middleware::InjectBuffer inject_ = {};
 };

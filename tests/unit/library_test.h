@@ -106,9 +106,3 @@ protected:
                _astSlotCtrl[slot].stSrcInfo.pu8DstName == nullptr;
     }
 };
-
-/** The error line of a function of the library, as the log shows it. */
-inline std::string error_of(const char* function, const std::string& text)
-{
-    return "E [" + std::string(function) + "]" + text;
-}
