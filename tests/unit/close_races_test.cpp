@@ -8,7 +8,6 @@ protected:
     void record()
     {
         mw.map_physical(at, picture_.data(), static_cast<u32>(picture_.size()));
-        mw.settings.encoder_input_size = 16;
         ASSERT_TRUE(steps::record(0));
     }
 
@@ -70,7 +69,8 @@ TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
 TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
 {
     for (const char* inside :
-         {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData"}) {
+         {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData",
+          "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData"}) { // twice: a gate tells epochs apart
         SCOPED_TRACE(inside);
         record();
         middleware::Gate held;
@@ -82,8 +82,11 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
         });
         ASSERT_TRUE(held.wait_for_arrival());
         mw.inside("ZU_VENC_Stop", [&] { held.open(); }); // the close has begun by then
+        const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(steps::close(0), 1u);
         callback.get();
+        const auto waited = std::chrono::steady_clock::now() - begin;
+        EXPECT_LT(waited, std::chrono::seconds(4)) << "it was not told that the callback left";
         SCREENRECORD_DeInit();
         EXPECT_CALLS(mw.ledger_problems(), {});
     }
