@@ -96,8 +96,8 @@ protected:
     {
         return {"one-call",
                 'r',
-                {{"startScreenRecord", [] { return steps::one_call(3600) == 0; }}, recorded_media(true)},
-                {{"stopScreenRecord", [] { return !_bModuleInited || stopScreenRecord() == 0; }},
+                {{"startScreenRecord", [] { return ok(steps::one_call(3600)); }}, recorded_media(true)},
+                {{"stopScreenRecord", [] { return !_bModuleInited || ok(stopScreenRecord()); }},
                  deinit_after_init}};
     }
 
@@ -121,22 +121,22 @@ protected:
             if (inject)
                 inject_ = mw.offer_inject_buffer(2 * picture_size);
             CapEnc_OpenParams params = {width, height, 30, 1000000, 1, 0x200, 0};
-            return video_capenc_open(&params) == 0;
+            return ok(video_capenc_open(&params));
         };
         // In copy mode the watermark is refused, and that is the right answer.
         const auto watermark = [=] { return video_capenc_setWatermark({}) == (inject ? 0 : -1); };
-        const auto take = [=] { return video_capenc_getES(frame, sizeof(frame), &info) == 0; };
+        const auto take = [=] { return ok(video_capenc_getES(frame, sizeof(frame), &info)); };
         return {name,
                 kind,
                 {{"video_capenc_open", open},
                  {"video_capenc_setWatermark", watermark},
-                 {"video_capenc_start", [] { return video_capenc_start(0) == 0; }},
+                 {"video_capenc_start", [] { return ok(video_capenc_start(0)); }},
                  {"media", pictures},
                  {"video_capenc_getES", take, false},
-                 {"video_capenc_setBitRate", [] { return video_capenc_setBitRate(2000000) == 0; }, false},
-                 {"video_capenc_requestKeyFrame", [] { return video_capenc_requestKeyFrame() == 0; }, false}},
-                {{"video_capenc_stop", [] { return video_capenc_stop() == 0; }},
-                 {"video_capenc_close", [] { return video_capenc_close() == 0; }},
+                 {"video_capenc_setBitRate", [] { return ok(video_capenc_setBitRate(2000000)); }, false},
+                 {"video_capenc_requestKeyFrame", [] { return ok(video_capenc_requestKeyFrame()); }, false}},
+                {{"video_capenc_stop", [] { return ok(video_capenc_stop()); }},
+                 {"video_capenc_close", [] { return ok(video_capenc_close()); }},
                  deinit}};
     }
 
@@ -146,10 +146,10 @@ protected:
         static Cap_Buffer buffers[2];
         return {"stills",
                 's',
-                {{"video_cap_open", [] { return video_cap_open(&params) == 0; }},
-                 {"video_cap_getCaptureBuffers", [] { return video_cap_getCaptureBuffers(buffers, 2) == 0; }},
-                 {"video_cap_captureScreen", [] { return video_cap_captureScreen(1) == 0; }}},
-                {{"video_cap_close", [] { return video_cap_close() == 0; }}, deinit}};
+                {{"video_cap_open", [] { return ok(video_cap_open(&params)); }},
+                 {"video_cap_getCaptureBuffers", [] { return ok(video_cap_getCaptureBuffers(buffers, 2)); }},
+                 {"video_cap_captureScreen", [] { return ok(video_cap_captureScreen(1)); }}},
+                {{"video_cap_close", [] { return ok(video_cap_close()); }}, deinit}};
     }
 
     Scenario pcm()
@@ -158,15 +158,15 @@ protected:
         static u64 size;
         const auto read = [this] {
             mw.queue_audio(Bytes(sizeof(buffer)));
-            return audio_cap_getPCM(buffer, sizeof(buffer), &size) == 0;
+            return ok(audio_cap_getPCM(buffer, sizeof(buffer), &size));
         };
         return {"PCM",
                 'p',
-                {{"audio_cap_open", [] { return audio_cap_open() == 0; }},
-                 {"audio_cap_start", [] { return audio_cap_start() == 0; }},
+                {{"audio_cap_open", [] { return ok(audio_cap_open()); }},
+                 {"audio_cap_start", [] { return ok(audio_cap_start()); }},
                  {"audio_cap_getPCM", read, false},
-                 {"audio_cap_stop", [] { return audio_cap_stop() == 0; }, false}},
-                {{"audio_cap_close", [] { return audio_cap_close() == 0; }}, deinit}};
+                 {"audio_cap_stop", [] { return ok(audio_cap_stop()); }, false}},
+                {{"audio_cap_close", [] { return ok(audio_cap_close()); }}, deinit}};
     }
 
     std::vector<Scenario> scenarios()

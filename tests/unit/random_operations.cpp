@@ -29,8 +29,8 @@ bool set_audio(Choice& c)
 bool one_call(Choice& c)
 {
     const u32 width = c.flaw == 3 ? 4000 : c.variant % 3 * 160;
-    return startScreenRecord(width, 0, 0, c.variant % 2, 188, c.variant % 5, c.flaw == 2 ? 7 : 0,
-                             c.flaw == 1 ? nullptr : steps::text("one.ts")) == 0;
+    return ok(startScreenRecord(width, 0, 0, c.variant % 2, 188, c.variant % 5, c.flaw == 2 ? 7 : 0,
+                                c.flaw == 1 ? nullptr : steps::text("one.ts")));
 }
 
 bool encode_open(Choice& c)
@@ -39,7 +39,7 @@ bool encode_open(Choice& c)
         c.variant % 2 ? 320u : 640u, c.variant % 2 ? 240u : 480u, 30, 1000000, 1, 2, 0};
     if (c.flaw != 0)
         params.width = params.height = c.flaw == 1 ? 60000 : 4000;
-    return video_capenc_open(&params) == 0;
+    return ok(video_capenc_open(&params));
 }
 
 bool stills_open(Choice& c)
@@ -51,25 +51,25 @@ bool stills_open(Choice& c)
         params.colorfmt = 9;
     if (c.flaw == 3)
         params.width = params.height = 60000;
-    return video_cap_open(&params) == 0;
+    return ok(video_cap_open(&params));
 }
 
 bool stills_describe(Choice& c)
 {
     Cap_Buffer buffers[3] = {};
-    return video_cap_getCaptureBuffers(buffers, c.flaw ? 99 : StateModel::of_library().buffers) == 0;
+    return ok(video_cap_getCaptureBuffers(buffers, c.flaw ? 99 : StateModel::of_library().buffers));
 }
 
 bool stills_capture(Choice& c)
 {
-    return video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0) == 0;
+    return ok(video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0));
 }
 
 bool sound_read(Choice&)
 {
     u8 sound[64];
     u64 size = 0;
-    return audio_cap_getPCM(sound, sizeof(sound), &size) == 0;
+    return ok(audio_cap_getPCM(sound, sizeof(sound), &size));
 }
 
 /** Takes a frame. Each that the encoder delivered consists of one value, so a mixture is seen. */
@@ -78,7 +78,7 @@ bool take_frame(Choice& c)
     Bytes buffer(c.flaw ? 50 : 4096, 0xEE);
     const u64 offered = buffer.size() - 16;
     CapEnc_EsInfo info = {};
-    const bool taken = video_capenc_getES(buffer.data(), offered, &info) == 0;
+    const bool taken = ok(video_capenc_getES(buffer.data(), offered, &info));
     const u64 size = taken ? info.u64DataSize : 0;
     EXPECT_LE(size, offered);
     for (u64 index = 0; index < buffer.size(); index++)
@@ -316,23 +316,22 @@ const std::vector<Operation> OPERATIONS = {
      },
      one_call_model, one_call},
     {"stopScreenRecord", 0, always, [](Model& m, const Choice&) { return close_model(m, {0}); },
-     [](Choice&) { return stopScreenRecord() == 0; }},
+     [](Choice&) { return ok(stopScreenRecord()); }},
     {"capenc_open", 2,
      [](const Model& m, const Choice&) { return !m.slots[0].open[TSMUX] && !m.slots[1].open[VCAP]; },
      encode_open_model, encode_open},
-    {"capenc_start", 0, always, start_modules<VCAP, VENC>,
-     [](Choice&) { return video_capenc_start(0) == 0; }},
+    {"capenc_start", 0, always, start_modules<VCAP, VENC>, [](Choice&) { return ok(video_capenc_start(0)); }},
     {"capenc_stop", 0, always,
      [](Model& m, const Choice&) {
          m.slots[0].running[VCAP] = m.slots[0].running[VENC] = m.watermark = false;
          return true;
      },
-     [](Choice&) { return video_capenc_stop() == 0; }},
-    {"capenc_close", 0, always, close_modules<VCAP, VENC>, [](Choice&) { return video_capenc_close() == 0; }},
-    {"capenc_pause", 0, always, no_move, [](Choice&) { return video_capenc_pause() == 0; }},
-    {"capenc_resume", 0, always, no_move, [](Choice&) { return video_capenc_resume() == 0; }},
+     [](Choice&) { return ok(video_capenc_stop()); }},
+    {"capenc_close", 0, always, close_modules<VCAP, VENC>, [](Choice&) { return ok(video_capenc_close()); }},
+    {"capenc_pause", 0, always, no_move, [](Choice&) { return ok(video_capenc_pause()); }},
+    {"capenc_resume", 0, always, no_move, [](Choice&) { return ok(video_capenc_resume()); }},
     {"capenc_setBitRate", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[VENC]; },
-     [](Choice&) { return video_capenc_setBitRate(2000000) == 0; }},
+     [](Choice&) { return ok(video_capenc_setBitRate(2000000)); }},
     {"capenc_setWatermark", 0,
      [](const Model& m, const Choice&) {
          return m.slots[0].open[VENC] && m.inject && (m.watermark || !m.descriptor);
@@ -341,10 +340,10 @@ const std::vector<Operation> OPERATIONS = {
          m.descriptor = m.descriptor || !m.watermark;
          return m.watermark = m.inject;
      },
-     [](Choice&) { return video_capenc_setWatermark(android::WatermarkParams()) == 0; }},
+     [](Choice&) { return ok(video_capenc_setWatermark(android::WatermarkParams())); }},
     {"capenc_getES", 1, always, no_move, take_frame},
     {"capenc_requestKeyFrame", 0, always, no_move,
-     [](Choice&) { return video_capenc_requestKeyFrame() == 0 && video_capenc_getMaxEsSize() == 2097152; }},
+     [](Choice&) { return ok(video_capenc_requestKeyFrame()) && video_capenc_getMaxEsSize() == 2097152; }},
     {"cap_open", 3, [](const Model& m, const Choice&) { return !m.block && !m.slots[1].open[VCAP]; },
      stills_open_model, stills_open},
     {"cap_getCaptureBuffers", 1, always, [](Model& m, const Choice& c) { return m.block && c.flaw == 0; },
@@ -359,21 +358,21 @@ const std::vector<Operation> OPERATIONS = {
          m.block = false;
          return close_modules<VCAP>(m, c);
      },
-     [](Choice&) { return video_cap_close() == 0; }},
-    {"audio_cap_open", 0, always, sound_open_model, [](Choice&) { return audio_cap_open() == 0; }},
-    {"audio_cap_start", 0, always, start_modules<ACAP>, [](Choice&) { return audio_cap_start() == 0; }},
+     [](Choice&) { return ok(video_cap_close()); }},
+    {"audio_cap_open", 0, always, sound_open_model, [](Choice&) { return ok(audio_cap_open()); }},
+    {"audio_cap_start", 0, always, start_modules<ACAP>, [](Choice&) { return ok(audio_cap_start()); }},
     {"audio_cap_stop", 0, always,
      [](Model& m, const Choice&) {
          m.slots[0].running[ACAP] = false;
          return true;
      },
-     [](Choice&) { return audio_cap_stop() == 0; }},
-    {"audio_cap_close", 0, always, close_modules<ACAP>, [](Choice&) { return audio_cap_close() == 0; }},
+     [](Choice&) { return ok(audio_cap_stop()); }},
+    {"audio_cap_close", 0, always, close_modules<ACAP>, [](Choice&) { return ok(audio_cap_close()); }},
     {"audio_cap_getPCM", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[ACAP]; },
      sound_read},
     {"audio_cap_getInfo", 0, always, no_move,
      [](Choice&) {
          AudioCap_Info info = {};
-         return audio_cap_getInfo(&info) == 0 && info.u32Channels == 2 && audio_cap_getLostSize() == 0;
+         return ok(audio_cap_getInfo(&info)) && info.u32Channels == 2 && audio_cap_getLostSize() == 0;
      }},
 };

@@ -1,8 +1,15 @@
 #pragma once
 
-#include <string>
+#include <gtest/gtest.h>
 
 #include <screenrecord/screenrecord.h>
+
+/** Whether a call succeeded that answers 0 or -1 and nothing else. */
+inline bool ok(s32 answer)
+{
+    EXPECT_TRUE(answer == 0 || answer == -1) << answer;
+    return answer == 0;
+}
 
 /** The steps of a recording, as a client takes them; each returns what the library returned. */
 namespace steps {
