@@ -19,9 +19,9 @@ packages_of() {
             END { exit !found }' || echo cmake
         ;;
     display) echo xvfb ;;
-    test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps pulseaudio pulseaudio-utils python3 binutils \
-        abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-bad zsh fish groff-base \
-        clang libclang-rt-dev ;;
+    test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool pulseaudio \
+        pulseaudio-utils python3 binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
+        gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev ;;
     *)
         echo "install_dependencies.sh: there is no group '$1', only build, display and test" >&2
         exit 2

@@ -1,14 +1,11 @@
 """The manual page and the completions, against what --help says."""
 
 import functools
-import os
 import re
-import unittest
 
-import judges
 from harness import BUILD, EndToEndTest
 
-MADE = os.path.join(BUILD, "documentation")
+MADE = BUILD / "documentation"
 COMMANDS = ("", "record", "stream", "shot", "pcm", "devices", "doctor")
 
 
@@ -21,7 +18,7 @@ class Documentation(EndToEndTest):
 
     @functools.cache
     def help_of(self, command):
-        said = self.run_program(judges.program("screenrecord"), *command.split(), "--help")
+        said = self.run_program("screenrecord", *command.split(), "--help")
         return options_in("\n".join(re.findall(r"^  (?:-\w,)?(--\S+)", said, flags=re.M)))
 
     def assert_same_as_help(self, options_of):
@@ -31,15 +28,15 @@ class Documentation(EndToEndTest):
 
     def typed_in_bash(self, *words):
         return self.run_program("bash", "-c", 'source "$0" || exit; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
-                                '_screenrecord; printf "%s\\n" "${COMPREPLY[@]}"', MADE + "/screenrecord", *words)
+                                '_screenrecord; printf "%s\\n" "${COMPREPLY[@]}"', MADE / "screenrecord", *words)
 
     def test_manual_page(self):
-        with open(MADE + "/screenrecord.1", encoding="utf-8") as file:
-            sections = re.split(r"\n\.S[SH] ", re.sub(r"\\f[BIR]", "", file.read().replace("\\-", "-")))
+        text = (MADE / "screenrecord.1").read_text("utf-8").replace("\\-", "-")
+        sections = re.split(r"\n\.S[SH] ", re.sub(r"\\f[BIR]", "", text))
         page = {section.partition("\n")[0]: options_in("\n".join(re.findall(r"^\.TP\n(.*)", section, flags=re.M)))
                 for section in sections}
         self.assert_same_as_help(lambda command: page[f"screenrecord {command}" if command else "Before a command"])
-        warnings = self.start("groff", "-ww", "-man", "-Tutf8", "-z", MADE + "/screenrecord.1")
+        warnings = self.start("groff", "-ww", "-man", "-Tutf8", "-z", MADE / "screenrecord.1")
         self.assert_exit(warnings, 0)
         self.assertEqual(warnings.errors(), "")
 
@@ -55,14 +52,10 @@ class Documentation(EndToEndTest):
         script = ('_arguments() { print -l -- "$@" }; _describe() { }; CURRENT=$(($# + 1)); words=(screenrecord "$@"); '
                   'source "$0"')
         self.assert_same_as_help(lambda command: options_in(re.sub(
-            r"\[.*?\](?=:|$|\n)", "", self.run_program("zsh", "-fc", script, MADE + "/_screenrecord",
+            r"\[.*?\](?=:|$|\n)", "", self.run_program("zsh", "-fc", script, MADE / "_screenrecord",
                                                         *([command] if command else []), ""))))
 
     def test_fish(self):
         script = f"source {MADE}/screenrecord.fish; complete -C "
         self.assert_same_as_help(lambda command: {line.partition("\t")[0][2:] for line in self.run_program(
             "fish", "--no-config", "-c", script + f"'screenrecord {command}{' ' * bool(command)}--'").splitlines()})
-
-
-if __name__ == "__main__":
-    unittest.main()

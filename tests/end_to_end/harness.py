@@ -3,7 +3,7 @@
 import contextlib
 import ctypes
 import os
-import select
+import pathlib
 import shutil
 import signal
 import subprocess
@@ -11,30 +11,25 @@ import tempfile
 import time
 import unittest
 
-SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-BUILD = os.path.abspath(os.environ.get("SCREENRECORD_BUILD_DIR", os.path.join(SOURCE, "build", "release")))
+SOURCE = pathlib.Path(__file__).absolute().parents[2]
+BUILD = pathlib.Path(os.environ.get("SCREENRECORD_BUILD_DIR", SOURCE / "build" / "release")).absolute()
 SANITIZED = os.environ.get("SCREENRECORD_SANITIZED", "") != ""
 # Time that things may take which are not what a test measures; instrumented programs are slower.
 PATIENCE = 60 if SANITIZED else 20
+# What a client has to notice within a second, which an instrumented one on a busy machine cannot promise.
+SOON = 10 if SANITIZED else 1
 SANITIZER_EXIT = 99
 SANITIZER_REPORTS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
 
 
-def program(name):
-    return os.path.join(BUILD, "bin", name)
-
-
-def _end_with_parent():
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG: a killed test leaves nothing behind
+def size_of(path):
+    return os.path.getsize(path) if os.path.exists(path) else 0
 
 
 def wait_until(condition, what, seconds=PATIENCE):
-    """Waits until the condition holds and returns its value; raises when it does not in time."""
+    """Waits until the condition holds; raises when it does not in time."""
     deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not condition():
         if time.monotonic() > deadline:
             raise AssertionError(f"waited {seconds} s in vain for {what}")
         time.sleep(0.01)
@@ -48,24 +43,27 @@ def pass_time(seconds):
 class Running:
     """A started program; its output is kept in files, so that no pipe can fill up."""
 
-    def __init__(self, arguments, environment, folder, **options):
-        self.out = tempfile.NamedTemporaryFile(dir=folder, prefix="out.")
-        self.err = tempfile.NamedTemporaryFile(dir=folder, prefix="err.")
-        options.setdefault("stdout", self.out)
-        options.setdefault("stdin", subprocess.DEVNULL)
-        prepare = options.pop("prepare", lambda: None)
+    def __init__(self, arguments, environment, folder, prepare=lambda: None, **options):
+        self.out, self.err = (tempfile.NamedTemporaryFile(dir=folder, prefix=prefix) for prefix in ("out.", "err."))
         self.arguments = arguments
         self.process = subprocess.Popen(
-            arguments, env=environment, cwd=folder, stderr=self.err,
-            preexec_fn=lambda: (_end_with_parent(), prepare()), **options)
+            arguments, env=environment, cwd=folder,
+            # PR_SET_PDEATHSIG: a killed test leaves nothing behind.
+            preexec_fn=lambda: (ctypes.CDLL(None).prctl(1, signal.SIGKILL), prepare()),
+            **{"stdin": subprocess.DEVNULL, "stdout": self.out, "stderr": self.err} | options)
 
     def output(self):
-        with open(self.out.name, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return pathlib.Path(self.out.name).read_text(encoding="utf-8", errors="replace")
 
     def errors(self):
-        with open(self.err.name, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return pathlib.Path(self.err.name).read_text(encoding="utf-8", errors="replace")
+
+    def first_line(self):
+        """What it says when it is ready."""
+        wait_until(lambda: "\n" in self.output() or self.process.poll() is not None, self.arguments)
+        if "\n" not in self.output():
+            raise AssertionError(f"{self.arguments} ended: {self.errors()}")
+        return self.output().partition("\n")[0]
 
     def wait(self, seconds=PATIENCE):
         """The exit code; a sanitizer's report fails the test wherever it stands."""
@@ -78,17 +76,12 @@ class Running:
             raise AssertionError(f"{self.arguments}:\n{self.errors()}")
         return code
 
-    def stop(self, number=signal.SIGTERM, seconds=PATIENCE):
-        self.process.send_signal(number)
-        return self.wait(seconds)
-
     def kill(self):
         self.process.kill()
         self.process.wait()
 
     def close(self):
-        if self.process.poll() is None:
-            self.kill()
+        self.kill()
         self.out.close()
         self.err.close()
 
@@ -102,15 +95,15 @@ class EndToEndTest(unittest.TestCase):
         cls.addClassCleanup(cls.stack.close)
         cls.folder = tempfile.mkdtemp(prefix="screenrecord-test.")
         cls.stack.callback(shutil.rmtree, cls.folder, ignore_errors=True)
-        os.mkdir(os.path.join(cls.folder, "home"), 0o700)
+        cls.path("home").mkdir(0o700)
         cls.environment = {
-            "PATH": os.environ["PATH"],
-            "HOME": cls.path("home"),
-            "XDG_RUNTIME_DIR": cls.path("home"),
+            "PATH": f'{BUILD}/bin:{os.environ["PATH"]}',
+            "HOME": str(cls.path("home")),
+            "XDG_RUNTIME_DIR": str(cls.path("home")),
             "TMPDIR": cls.folder,
             "LC_ALL": "C",
             "ZU3_AUDIO": "silence",
-            "PULSE_SERVER": "unix:" + cls.path("no-such-server"),
+            "PULSE_SERVER": f"unix:{cls.path('no-such-server')}",
             "ASAN_OPTIONS": f"exitcode={SANITIZER_EXIT}",
             "TSAN_OPTIONS": f"exitcode={SANITIZER_EXIT}:halt_on_error=1",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
@@ -123,17 +116,18 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def path(cls, name):
-        return os.path.join(cls.folder, name)
+        return pathlib.Path(cls.folder, name)
 
     @classmethod
     def start(cls, *arguments, environment=None, **options):
+        """Starts a program, one of the built ones or of the system's."""
         running = Running([str(a) for a in arguments], {**cls.environment, **(environment or {})}, cls.folder, **options)
         cls.stack.callback(running.close)
         return running
 
     @classmethod
     def client(cls, *arguments, **options):
-        return cls.start(program("screenrecord"), *arguments, **options)
+        return cls.start("screenrecord", *arguments, **options)
 
     @classmethod
     def run_program(cls, *arguments, seconds=PATIENCE, **options):
@@ -147,47 +141,37 @@ class EndToEndTest(unittest.TestCase):
     def assert_exit(self, running, code, seconds=PATIENCE):
         self.assertEqual(running.wait(seconds), code, running.errors())
 
+    def assert_stops(self, running, code=0, number=signal.SIGTERM, seconds=PATIENCE):
+        running.process.send_signal(number)
+        self.assert_exit(running, code, seconds)
+
     @classmethod
     def start_display(cls, size="1280x720", *options):
         """A display of its own for the class; the started server."""
-        reader, writer = os.pipe()
-        server = cls.start("Xvfb", "-displayfd", writer, "-screen", "0", size + "x24", "-nolisten", "tcp",
-                           "-noreset", *options, pass_fds=[writer])
-        os.close(writer)
-        with os.fdopen(reader) as numbers:
-            if not select.select([numbers], [], [], PATIENCE)[0]:
-                raise AssertionError("Xvfb did not start: " + server.errors())
-            number = numbers.readline().strip()
-        if not number:
-            raise AssertionError("Xvfb ended: " + server.errors())
-        cls.environment["DISPLAY"] = ":" + number
+        server = cls.start("Xvfb", "-displayfd", 1, "-screen", 0, size + "x24", "-nolisten", "tcp", "-noreset", *options)
+        cls.environment["DISPLAY"] = ":" + server.first_line()
         return server
 
     @classmethod
     def start_screen(cls, *options, name="moving_screen"):
         """A program that draws; returns when its first picture is on the screen."""
-        screen = cls.start(program(name), *options)
-        wait_until(lambda: screen.output() or screen.process.poll() is not None, name)
-        if screen.output() != "ready\n":
-            raise AssertionError(f"{name} failed: " + screen.errors())
-        return screen
+        cls.start(name, *options).first_line()
 
     @classmethod
     def start_sound(cls):
         """A sound server of its own, with two sinks that nobody hears, of which the first is in use."""
         socket = cls.path("pulse-socket")
-        with contextlib.suppress(FileNotFoundError):
-            os.remove(socket)  # of a server that was killed
+        socket.unlink(missing_ok=True)  # of a server that was killed
         server = cls.start("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
                            "--disable-shm=yes", "-L", "module-null-sink sink_name=test rate=48000",
                            "-L", "module-null-sink sink_name=second rate=48000",
                            "-L", f"module-native-protocol-unix socket={socket} auth-anonymous=1")
-        cls.environment["PULSE_SERVER"] = "unix:" + socket
+        cls.environment["PULSE_SERVER"] = f"unix:{socket}"
         cls.environment.pop("ZU3_AUDIO", None)
-        wait_until(lambda: os.path.exists(socket) or server.process.poll() is not None, "the sound server's socket")
+        wait_until(lambda: socket.exists() or server.process.poll() is not None, "the sound server's socket")
         # The sink renders two seconds ahead before it learns that somebody wants less; a listener makes it learn.
         listener = cls.start("parec", "-d", "test.monitor", "--raw", "--rate=8000", "--channels=1", "--latency-msec=10")
-        wait_until(lambda: os.path.getsize(listener.out.name) > 0, "the sink's first sound")
+        wait_until(lambda: size_of(listener.out.name) > 0, "the sink's first sound")
         return server
 
 

@@ -2,21 +2,20 @@
 
 import json
 import math
-import os
+import pathlib
 import re
 import struct
 import subprocess
-import zlib
 
-from harness import program
+from harness import BUILD
 
 RED, WHITE, BLACK = (255, 0, 0), (255, 255, 255), (0, 0, 0)
 # Where moving_screen shows what, from the top left corner: x, y of a square of 128 pixels.
 PATCHES = {(64, 64): RED, (256, 64): WHITE, (448, 64): BLACK}
 
 
-def _run(arguments):
-    result = subprocess.run(arguments, stdin=subprocess.DEVNULL, capture_output=True, check=False)
+def _run(*arguments, given=b""):
+    result = subprocess.run(arguments, input=given, capture_output=True, check=False)
     if result.returncode != 0:
         raise AssertionError(f"{arguments}: {result.stderr.decode()}")
     return result.stdout
@@ -24,94 +23,91 @@ def _run(arguments):
 
 def streams(path):
     """The streams by type, as ffprobe describes them."""
-    found = json.loads(_run(["ffprobe", "-v", "error", "-show_streams", "-of", "json", path]))
+    found = json.loads(_run("ffprobe", "-v", "error", "-show_streams", "-of", "json", path))
     return {stream["codec_type"]: stream for stream in found["streams"]}
 
 
 def packets(path, kind="v"):
     """(time in seconds or None, bytes, is key frame) of each packet of a stream."""
-    found = json.loads(_run(["ffprobe", "-v", "error", "-select_streams", kind, "-show_entries",
-                             "packet=pts_time,size,flags", "-of", "json", path]))
+    found = json.loads(_run("ffprobe", "-v", "error", "-select_streams", kind, "-show_entries",
+                            "packet=pts_time,size,flags", "-of", "json", path))
     return [(float(p["pts_time"]) if "pts_time" in p else None, int(p["size"]), "K" in p["flags"])
             for p in found["packets"]]
 
 
-def decoder_messages(path, *options):
+def decoder_messages(path):
     """
     All that ffmpeg's decoder says of a file; nothing when it is well. Time is counted as the file does: on the grid of
     the frame rate, which ffmpeg takes otherwise, two pictures that a busy machine took late can fall together.
     """
-    options = options or ("-enc_time_base", "-1")
-    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, *options, "-f", "null", "-"],
-                            capture_output=True, check=False)
+    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, "-enc_time_base", "-1",
+                             "-f", "null", "-"], capture_output=True, check=False)
     return (result.stdout + result.stderr).decode() + (f"exit {result.returncode}" if result.returncode else "")
 
 
 def check_packets(path, *options):
     """Runs the transport-stream checker; what it objects to."""
-    result = subprocess.run([program("ts_check"), *options, path], capture_output=True, check=False)
-    if result.returncode == 0:
-        return ""
+    result = subprocess.run([BUILD / "bin/ts_check", *options, path], capture_output=True, check=False)
     said = (result.stdout + result.stderr).decode()
-    return "\n".join(line for line in said.splitlines() if line.startswith("error")) or said
+    objections = "\n".join(line for line in said.splitlines() if line.startswith("error"))
+    return (objections or said) if result.returncode else ""
 
 
-class Picture:
-    """Decoded pixels, three bytes each."""
-
-    def __init__(self, width, height, data):
-        self.width, self.height, self.data = width, height, data
-
-    def pixel(self, x, y):
-        at = 3 * (y * self.width + x)
-        return tuple(self.data[at:at + 3])
-
-    def number(self):
-        """The picture's number as moving_screen writes it."""
-        return sum(1 << bit for bit in range(32) if self.pixel(64 + 16 * bit + 8, 232)[0] > 127)
+def whole_packets(path):
+    """Whether a file is a row of whole packets, each with its sync byte."""
+    data = pathlib.Path(path).read_bytes()
+    return len(data) % 188 == 0 and set(data[::188]) == {0x47}
 
 
-def decode(path, index=None, pixel_format="rgb24", filters=""):
+def faults(path):
+    """What keeps a recording from being played: packets that are cut, words of the decoder, no key frame in front."""
+    return (decoder_messages(path) + " cut packets" * (not whole_packets(path)) +
+            " no key frame first" * (not packets(path)[0][2]))
+
+
+def decode(path, index=None, pixel_format="rgb24", filters="null"):
     """Raw bytes of one decoded picture, or of all."""
-    chain = ([f"select=eq(n\\,{index})"] if index is not None else []) + ([filters] if filters else [])
-    one = ["-frames:v", "1"] if index is not None else []
-    return _run(["ffmpeg", "-nostdin", "-v", "error", "-i", path, "-vsync", "passthrough",
-                 *(["-vf", ",".join(chain)] if chain else []), *one, "-pix_fmt", pixel_format, "-f", "rawvideo", "-"])
+    one = [] if index is None else ["-frames:v", "1"]
+    chain = filters if index is None else f"select=eq(n\\,{index}),{filters}"
+    return _run("ffmpeg", "-nostdin", "-v", "error", "-i", path, "-vsync", "passthrough", "-vf", chain, *one,
+                "-pix_fmt", pixel_format, "-f", "rawvideo", "-")
 
 
-def picture(path, index=0):
-    video = streams(path)["video"]
-    return Picture(video["width"], video["height"], decode(path, index))
+def decode_sound(path):
+    """Its sound as one channel of samples."""
+    sound = _run("ffmpeg", "-nostdin", "-v", "error", "-i", path, "-vn", "-ac", "1", "-ar", "48000", "-f", "s16le", "-")
+    return struct.unpack(f"<{len(sound) // 2}h", sound)
+
+
+def pixel(pixels, width, x, y):
+    """One of three bytes a pixel."""
+    at = 3 * (y * width + x)
+    return tuple(pixels[at:at + 3])
+
+
+def number_in(strip):
+    """The picture's number as moving_screen writes it, in the brightness of 512 pixels from (64, 232) on."""
+    return sum((strip[16 * bit + 8] > 127) << bit for bit in range(32))
 
 
 def picture_numbers(path):
-    """The number of each picture, from the strip in which moving_screen writes it."""
-    strip = decode(path, None, "gray", "format=gray,crop=512:1:64:232")
-    return [sum(1 << bit for bit in range(32) if strip[line + 16 * bit + 8] > 127) for line in range(0, len(strip), 512)]
+    """The number of each picture."""
+    strips = decode(path, None, "gray", "format=gray,crop=512:1:64:232")
+    return [number_in(strips[at:at + 512]) for at in range(0, len(strips), 512)]
 
 
-def colour_faults(image, tolerance=3):
-    """The patches whose inside is not their colour within so many levels."""
-    faults = []
-    for (left, top), colour in PATCHES.items():
-        for x in range(left + 8, left + 120, 8):
-            for y in range(top + 8, top + 120, 8):
-                pixel = image.pixel(x, y)
-                if max(abs(a - b) for a, b in zip(pixel, colour)) > tolerance:
-                    faults.append(((x, y), pixel, colour))
-    return faults
-
-
-def first_is_key_frame(path):
-    return packets(path)[0][2]
+def colour_faults(path, index, tolerance=3):
+    """The pixels inside the patches that are not their colour within so many levels."""
+    pixels, width = decode(path, index), streams(path)["video"]["width"]
+    shown = {(x, y): (pixel(pixels, width, x, y), colour) for (left, top), colour in PATCHES.items()
+             for x in range(left + 8, left + 120, 8) for y in range(top + 8, top + 120, 8)}
+    return {place: colours for place, colours in shown.items()
+            if max(abs(a - b) for a, b in zip(*colours)) > tolerance}
 
 
 def access_units(data):
-    """Splits an Annex B stream at its access-unit delimiters."""
-    starts, at = [], data.find(b"\0\0\1\x09")
-    while at >= 0:
-        starts.append(at - 1 if at and data[at - 1] == 0 else at)
-        at = data.find(b"\0\0\1\x09", at + 4)
+    """Splits an Annex B stream at its access-unit delimiters; something else in front is the first unit's."""
+    starts = [0] + [match.start() for match in re.finditer(rb"\x00?\x00\x00\x01\x09", data)][1:]
     return [data[a:b] for a, b in zip(starts, starts[1:] + [len(data)])]
 
 
@@ -121,7 +117,7 @@ def is_idr(unit):
 
 def dump_screen(display):
     """What xwd sees: a picture in the order blue, green, red, unused, and its size."""
-    dump = _run(["xwd", "-root", "-silent", "-display", display])
+    dump = _run("xwd", "-root", "-silent", "-display", display)
     header = struct.unpack(">25I", dump[:100])
     width, height, stride, colours = header[4], header[5], header[12], header[19]
     start = header[0] + colours * 12
@@ -129,15 +125,11 @@ def dump_screen(display):
     return width, height, dump[start:start + stride * height]
 
 
-def write_png(path, width, height, rgba):
-    lines = b"".join(b"\0" + rgba[4 * width * y:4 * width * (y + 1)] for y in range(height))
-
-    def chunk(kind, body):
-        return struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
-
-    with open(path, "wb") as file:
-        file.write(b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 6, 0, 0, 0)) +
-                   chunk(b"IDAT", zlib.compress(lines)) + chunk(b"IEND", b""))
+def overlaid(screen, width, height, logo, left, top):
+    """The planes of a picture as dump_screen gives it, with another over it."""
+    return _run("ffmpeg", "-v", "error", "-f", "rawvideo", "-pix_fmt", "bgr0", "-s", f"{width}x{height}", "-i", "-",
+                "-i", logo, "-filter_complex", f"overlay={left}:{top}:format=rgb", "-pix_fmt", "yuv420p", "-f", "rawvideo",
+                "-", given=screen)
 
 
 def psnr(a, b):
@@ -145,11 +137,3 @@ def psnr(a, b):
     assert len(a) == len(b) and a
     error = sum((x - y) ** 2 for x, y in zip(a, b)) / len(a)
     return math.inf if error == 0 else 10 * math.log10(255 * 255 / error)
-
-
-def whole_packets(path, packet_size=188):
-    """Whether a file is a row of whole packets, each with its sync byte."""
-    with open(path, "rb") as file:
-        data = file.read()
-    sync = data[packet_size - 188::packet_size]
-    return os.path.getsize(path) % packet_size == 0 and sync == b"\x47" * (len(data) // packet_size)

@@ -3,15 +3,9 @@
 import os
 import re
 import shutil
-import signal
 
 import judges
 from harness import BUILD, SOURCE, EndToEndTest, wait_until
-
-
-def read(*path):
-    with open(os.path.join(SOURCE, *path), encoding="utf-8") as file:
-        return file.read()
 
 
 class Package(EndToEndTest):
@@ -19,31 +13,26 @@ class Package(EndToEndTest):
     def prepare(cls):
         # Moved after the installation: nothing in it may name the place where it was made.
         cls.run_program("cmake", "--install", BUILD, "--prefix", cls.path("made"))
-        os.rename(cls.path("made"), cls.path("tree"))
+        cls.path("made").rename(cls.path("tree"))
         cls.start_display("640x480")
         cls.start_screen()
-        cls.environment["PKG_CONFIG_PATH"] = cls.path("tree/lib/pkgconfig")
+        cls.environment["PKG_CONFIG_PATH"] = str(cls.path("tree/lib/pkgconfig"))
         cls.flags = cls.run_program("pkg-config", "--cflags", "--libs", "screenrecord").split()
-        cls.first = cls.start_first_program()
+        text = re.search(r"## A first program\n\n```c\n(.*?)```", (SOURCE / "README.md").read_text("utf-8"), flags=re.S)[1]
+        cls.compile("first.cpp", text, "g++")
+        cls.compile("first.c", text, "gcc", "-std=c11")
+        cls.first = cls.start("./first.c.program", environment={"LD_LIBRARY_PATH": str(cls.path("tree/lib"))})
         shutil.copytree(cls.path("tree/share/doc/screenrecord/examples"), cls.path("examples"))
         cls.run_program("cmake", "-G", "Ninja", "-S", "examples", "-B", "built", "-DCMAKE_CXX_FLAGS=-Werror",
-                        "-DCMAKE_C_FLAGS=-Werror", "-DCMAKE_PREFIX_PATH=" + cls.path("tree"))
+                        "-DCMAKE_C_FLAGS=-Werror", f'-DCMAKE_PREFIX_PATH={cls.path("tree")}')
         cls.run_program("cmake", "--build", "built", seconds=60)
         cls.service = cls.start("built/recording_service", ".", "1")
         cls.stream = cls.start("built/pull_stream", "2")
 
     @classmethod
     def compile(cls, name, text, *compiler):
-        with open(cls.path(name), "w", encoding="utf-8") as file:
-            file.write(text)
+        cls.path(name).write_text(text, encoding="utf-8")
         cls.run_program(*compiler, "-Wall", "-Wextra", "-Werror", name, *cls.flags, "-o", name + ".program")
-
-    @classmethod
-    def start_first_program(cls):
-        text = re.search(r"## A first program\n\n```c\n(.*?)```", read("README.md"), flags=re.S)[1]
-        cls.compile("first.cpp", text, "g++")
-        cls.compile("first.c", text, "gcc", "-std=c11")
-        return cls.start("./first.c.program", environment={"LD_LIBRARY_PATH": cls.path("tree/lib")})
 
     def assert_plays(self, path, pictures):
         self.assertEqual(judges.decoder_messages(path), "")
@@ -56,14 +45,14 @@ class Package(EndToEndTest):
 
     def test_every_function_links_from_c(self):
         # Catches a header that is no C, and a name in it that C does not find in the library.
-        header = read("include/screenrecord/screenrecord.h")
+        header = (SOURCE / "include/screenrecord/screenrecord.h").read_text("utf-8")
         names = set(re.findall(r"SCREENRECORD_EXPORT \w+ (\w+)\(", header)) - {"video_capenc_setWatermark"}
         self.compile("all.c", "#include <screenrecord/screenrecord.h>\nvoid* const all[] = {(void*)" +
                      ", (void*)".join(sorted(names)) + "};\nint main(void) { return 0; }\n", "gcc", "-std=c11")
 
     def test_recording_service(self):
         wait_until(lambda: self.service.output().count("\n") >= 2, "two files")
-        self.assertEqual(self.service.stop(signal.SIGTERM), 0, self.service.errors())
+        self.assert_stops(self.service)
         names = self.service.output().split()
         self.assertEqual(names, [f"./recording-{n + 1}.ts" for n in range(len(names))])
         for name in names[:2]:
@@ -84,6 +73,6 @@ class Package(EndToEndTest):
         program = self.path("tree/bin/screenrecord")
         self.assertTrue(self.run_program(program, "--version").startswith("screenrecord "))
         loaded = self.run_program("ldd", program)
-        self.assertEqual(loaded.count(self.path("tree/bin/../lib/")), 3, loaded)
+        self.assertEqual(loaded.count(f"{program.parent}/../lib/"), 3, loaded)
         self.run_program("cmake", "--install", BUILD, "--prefix", self.path("apart"), "--component", "contract")
         self.assertEqual(os.listdir(self.path("apart/include")), ["screenrecord-contract"])

@@ -3,10 +3,9 @@
 import os
 import re
 import subprocess
-import unittest
 
 import judges
-from harness import EndToEndTest, LongEndToEndTest
+from harness import BUILD, EndToEndTest, LongEndToEndTest
 
 
 def count_with_ffprobe(path):
@@ -20,14 +19,14 @@ def count_with_ffprobe(path):
 
 def count_with_gstreamer(path):
     """The access units that GStreamer's demultiplexer and parser find."""
-    said = subprocess.run(["gst-launch-1.0", "-v", "filesrc", "location=" + path, "!", "tsdemux", "!", "h264parse", "!",
+    said = subprocess.run(["gst-launch-1.0", "-v", "filesrc", f"location={path}", "!", "tsdemux", "!", "h264parse", "!",
                            "video/x-h264,alignment=au", "!", "fakesink", "silent=false", "sync=false"],
                           capture_output=True, check=True, text=True)
     return len(re.findall(r"last-message = chain\b", said.stdout))
 
 
 def count_with_checker(path):
-    said = subprocess.run([judges.program("ts_check"), path], capture_output=True, check=False, text=True).stdout
+    said = subprocess.run([BUILD / "bin/ts_check", path], capture_output=True, check=False, text=True).stdout
     return int(re.search(r"type 0x1b: \d+ packets, (\d+) access units", said)[1])
 
 
@@ -39,41 +38,28 @@ class ThreeReaders(EndToEndTest):
     FORMS = [(188, None), (192, None), (188, 2), (192, 2)]
     FPS = int(os.environ.get("SCREENRECORD_STREAM_FPS", "30"))
 
-    @classmethod
-    def prepare(cls):
-        cls.environment["ZU3_AUDIO"] = "tone"
-        cls.start_display("640x360")
-        cls.start_screen("--fps", "60")
-
     def test_agree_and_find_no_error(self):
-        running = []
-        for packet_size, rate in self.FORMS:
-            name = f"{packet_size}.{rate}.ts"
-            options = ["--rate", rate] if rate else []
-            running.append((name, packet_size, rate, self.client(
-                "record", "-r", self.FPS, "-t", self.SECONDS, "--packet-size", packet_size, *options, "-o", name)))
-        for name, packet_size, rate, recording in running:
+        self.environment["ZU3_AUDIO"] = "tone"
+        self.start_display("640x360")
+        self.start_screen("--fps", "60")
+        running = {(packet_size, rate): self.client(
+            "record", "-r", self.FPS, "-t", self.SECONDS, "--packet-size", packet_size,
+            *(["--rate", rate] if rate else []), "-o", f"{packet_size}.{rate}.ts")
+            for packet_size, rate in self.FORMS}
+        for (packet_size, rate), recording in running.items():
             self.assert_exit(recording, 0, self.SECONDS + 20)
-            with self.subTest(name):
-                path = self.path(name)
+            with self.subTest(packet_size=packet_size, rate=rate):
+                path = self.path(f"{packet_size}.{rate}.ts")
                 options = ["--rate", str(rate * 1048576)] if rate else []
                 # Priorities 1 and 2 of TR 101 290; PCR and tables at most 100 ms apart, at a constant rate PCR at most
                 # 40 ms apart and within 500 ns.
                 self.assertEqual(judges.check_packets(path, "--packet-size", str(packet_size), *options), "")
                 counts = [count(path) for count in (count_with_checker, count_with_ffprobe, count_with_gstreamer)]
-                print(f"{name}: {counts[0]} pictures in {self.SECONDS} s")
+                print(f"{path.name}: {counts[0]} pictures in {self.SECONDS} s")
                 self.assertEqual(counts, counts[:1] * 3)
                 self.assertGreater(counts[0], self.SECONDS * self.FPS * 0.9)
                 self.assertEqual(judges.streams(path)["audio"]["codec_name"], "aac")
 
 
-class ThreeReadersForTenMinutes(LongEndToEndTest):
+class ThreeReadersForTenMinutes(LongEndToEndTest, ThreeReaders):
     SECONDS = int(os.environ.get("SCREENRECORD_STREAM_SECONDS", "600"))
-    maxDiff = None
-    FORMS, FPS = ThreeReaders.FORMS, ThreeReaders.FPS
-    prepare = classmethod(ThreeReaders.prepare.__func__)
-    test_agree_and_find_no_error = ThreeReaders.test_agree_and_find_no_error
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,0 +1,105 @@
+"""The captured display: what is drawn on it, its pointer, its size, and a server that is not there, hangs or dies."""
+
+import signal
+
+import judges
+from harness import SOON, ShortEndToEndTest, pass_time, size_of, wait_until
+from judges import BLACK, RED, WHITE
+from stream_test import LiveStream
+
+
+class Screen(ShortEndToEndTest):
+    @classmethod
+    def prepare(cls):
+        # Its pointer is the server's own black X: the image of one whose maker is gone is refused to some.
+        cls.start_display("320x256", "-retro")
+
+    def fill(self, colour):
+        self.run_program("xsetroot", "-solid", "#{:02x}{:02x}{:02x}".format(*colour))
+
+    def move_pointer(self, x, y):
+        """The pointer's arms meet there."""
+        self.run_program("xdotool", "mousemove", x, y)
+
+    def resize(self, size):
+        self.run_program("xrandr", "--fb", size, "--output", "screen", "--off")
+
+    def assert_near(self, pixels, places, what):
+        for (x, y), colour in places.items():
+            shown = judges.pixel(pixels, 320, x, y)
+            self.assertLess(max(abs(a - b) for a, b in zip(shown, colour)), 50, (what, (x, y), shown))
+
+    def test_recording_follows_screen_and_pointer(self):
+        # Catches a pointer that is missing or off its place, what is drawn on a still screen, which is not fetched
+        # again, and a screen whose change of size is lost.
+        stream = LiveStream(self, "-r", "30", "-b", "8M")
+        looks = {}
+
+        def look(what, places):
+            # So many pictures later those are through that were on their way.
+            at = len(stream.arrivals) + 12
+            stream.wait_for(at + 1)
+            looks[at] = (what, places)
+
+        self.move_pointer(300, 200)
+        for colour in (BLACK, WHITE, RED, WHITE):
+            self.fill(colour)
+            look("drawn on a still screen", {(2, 2): colour, (160, 128): colour})
+        for x, other in ((100, 200), (200, 100)):
+            self.move_pointer(x, 100)
+            look("the pointer", {(x, 100): BLACK, (x - 4, 96): BLACK, (x + 5, 105): BLACK, (x, 93): WHITE, (x - 7, 100): WHITE,
+                                 (x - 10, 90): WHITE, (x + 11, 111): WHITE, (other, 100): WHITE})
+        self.resize("120x256")
+        self.fill(RED)
+        look("a smaller screen", {(90, 128): BLACK, (104, 128): RED, (216, 128): RED, (230, 128): BLACK})
+        self.resize("320x256")
+        self.fill(WHITE)
+        look("the first size again", {(2, 2): WHITE, (317, 253): WHITE})
+        stream.end(self.path("a.h264"))
+        pixels = judges.decode(self.path("a.h264"))
+        for at, (what, places) in looks.items():
+            self.assert_near(pixels[at * 320 * 256 * 3:], places, what)
+
+    def test_stills_have_the_pointer_when_asked(self):
+        # Catches stills with another pointer or shape than was asked for; their formats are looked at elsewhere.
+        self.fill(RED)
+        self.move_pointer(100, 100)
+        for options, places in ((), {(100, 100): RED, (319, 255): RED}), (
+                ("--osd",), {(100, 100): BLACK, (95, 95): BLACK, (106, 106): BLACK, (110, 110): RED}), (
+                ("-s", "320x128"), {(0, 64): BLACK, (70, 64): BLACK, (160, 64): RED}):
+            self.run_program("screenrecord", "shot", "-y", "-o", "a.png", *options)
+            self.assert_near(judges.decode(self.path("a.png"), 0), places, options)
+
+    def test_is_not_there(self):
+        # Catches a capture of the wrong thing, and a refusal that does not say what to do.
+        for choice, name, said in (("", "", "not set"), ("x11", ":987", 'DISPLAY=":987"'),
+                                   ("television", ":987", 'ZU3_DISPLAY="television"')):
+            stills = self.start("still_captures", 10, environment={"ZU3_DISPLAY": choice, "DISPLAY": name})
+            self.assert_exit(stills, 1)
+            self.assertIn(said, stills.errors())
+
+
+class DisplayFails(ShortEndToEndTest):
+    def setUp(self):
+        self.server = self.start_display("640x360")
+        self.start_screen("--noise")
+        self.stills = self.start("still_captures", 20000, environment={"ANDROID_LOG_TAGS": "*:S"})
+        self.file = self.path(self.id() + ".ts")
+        self.recording = self.client("record", "-o", self.file)
+        wait_until(lambda: size_of(self.file) > 0, "the first batch")
+
+    def test_dies(self):
+        # Catches an exit, a signal, a spin or a hang, and a word of it that is missing or said for each picture.
+        self.server.kill()
+        self.assert_exit(self.recording, 3, SOON)
+        self.assertRegex(self.recording.errors(), r"DISPLAY\S+ went away")
+        self.assertEqual(self.recording.errors().count('" went away'), 1, self.recording.errors())
+        self.assertEqual(judges.faults(self.file), "")
+        self.assert_exit(self.stills, 1)
+
+    def test_hangs(self):
+        # Catches a stop that waits for a server that does not answer, and one that hangs taken for one that is gone.
+        self.server.process.send_signal(signal.SIGSTOP)
+        pass_time(0.2)
+        self.assert_stops(self.recording, seconds=SOON)
+        self.assertNotIn("went away", self.recording.errors())
