@@ -5,22 +5,19 @@
 #include "common/picture_layout.h"
 #include "encoder/open_encoders.h"
 #include "encoder/rate_ceiling.h"
+#include "helpers.h"
 #include "statistics/counters.h"
 #include "zu3/venc.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
 namespace zu3host {
 
-using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 
 struct Frame {
@@ -37,31 +34,28 @@ public:
     static u32 receive(s32, u32 event, ZU_VENC_FrameInfo_t* frame, void* receiver)
     {
         auto& self = *static_cast<Receiver*>(receiver);
-        std::unique_lock lock(self.mutex_);
         EXPECT_EQ(event, u32{ZU_VENC_EVENT_FRAME});
-        self.frames.push_back({Bytes(frame->pu8Data, frame->pu8Data + frame->u32DataSize),
-                               frame->u8FrameType == 0xFF, frame->u64Pts, frame->u32InBufIndex,
-                               time_of_frame_in_callback()});
-        self.held_ = self.blocked_;
-        self.changed_.notify_all();
-        self.changed_.wait(lock, [&] { return !self.blocked_; });
+        {
+            const std::lock_guard lock(self.mutex_);
+            self.frames.push_back({Bytes(frame->pu8Data, frame->pu8Data + frame->u32DataSize),
+                                   frame->u8FrameType == 0xFF, frame->u64Pts, frame->u32InBufIndex,
+                                   time_of_frame_in_callback()});
+        }
+        self.held_ = self.blocked_.load();
+        self.blocked_.wait(true);
         self.held_ = false;
         return 0;
     }
     void block(bool blocked)
     {
-        const std::lock_guard lock(mutex_);
         blocked_ = blocked;
-        changed_.notify_all();
+        blocked_.notify_all();
     }
     bool wait_for_frames(size_t count)
     {
-        return wait_for([&] { return frames.size() >= count; });
+        return wait_until([&] { return frame_count() >= count; });
     }
-    bool wait_until_held()
-    {
-        return wait_for([&] { return held_; });
-    }
+    bool is_held() const { return held_; }
     size_t frame_count()
     {
         const std::lock_guard lock(mutex_);
@@ -71,15 +65,8 @@ public:
     std::vector<Frame> frames;
 
 private:
-    template <typename Condition> bool wait_for(Condition condition)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 60s, condition); // a sanitizer on a busy machine is slow
-    }
-
     std::mutex mutex_;
-    std::condition_variable changed_;
-    bool blocked_ = false, held_ = false;
+    std::atomic<bool> blocked_{false}, held_{false};
 };
 
 inline ZU_VENC_OpenParams_t params_of(uint32_t width, uint32_t height, u32 format = E_ZU_VENC_COLOR_COPY)
@@ -121,13 +108,15 @@ public:
     {
         receiver.block(false);
         EXPECT_EQ(ZU_VENC_Close(handle), ZU_OK);
-        EXPECT_EQ(ZU_VENC_Stop(handle), ZU_INVALID_ARGUMENT);
+        EXPECT_EQ(stop(), ZU_INVALID_ARGUMENT);
     }
     void start()
     {
         const ZU_VENC_StartParams_t params{};
         ASSERT_EQ(ZU_VENC_Start(handle, &params), ZU_OK);
     }
+    u32 stop() { return ZU_VENC_Stop(handle); }
+    u32 take(const ZU_VENC_InputBuffer_t& buffer) { return ZU_VENC_WriteBufferComplete(handle, &buffer); }
     ZU_VENC_InputBuffer_t lend()
     {
         ZU_VENC_InputBuffer_t buffer{};
@@ -143,7 +132,18 @@ public:
         buffer.u64Pts = number * 1000;
         buffer.u32InBufIndex = number % 16;
         buffer.bRequestIFrame = as_key;
-        return ZU_VENC_WriteBufferComplete(handle, &buffer);
+        return take(buffer);
+    }
+    ZU_VENC_EntireInjectBuf_t inject_region()
+    {
+        ZU_VENC_EntireInjectBuf_t region{1, 1, {}};
+        EXPECT_EQ(ZU_VENC_QueryEntireInjectBuffer(handle, &region), ZU_OK);
+        return region;
+    }
+    /** Hands a picture over that lies in the inject region. */
+    u32 inject(uint8_t* data)
+    {
+        return take({data, static_cast<u32>(layout.picture_bytes()), 1, 0, {}, 1, 1, 0});
     }
     /** Feeds pictures, each when the one before is encoded; their bits per second at 30 pictures per second.
      */
@@ -163,7 +163,7 @@ public:
     {
         receiver.block(true);
         ASSERT_EQ(feed(0), ZU_OK);
-        ASSERT_TRUE(receiver.wait_until_held());
+        ASSERT_TRUE(wait_until([&] { return receiver.is_held(); }));
         for (uint32_t number = 1; number <= 4; ++number)
             ASSERT_EQ(feed(number), ZU_OK);
     }

@@ -1,10 +1,14 @@
-// What the encoder takes and refuses, and what becomes of it when it stops.
+// What the encoder lends, takes and refuses, and what becomes of it when it stops.
+#include "capture/picture_pool.h"
+#include "encoder/input_memory.h"
 #include "encoder_fixture.h"
 
-#include <atomic>
 #include <cstdlib>
+#include <future>
+#include <set>
 
-namespace zu3host {
+using namespace zu3host;
+
 namespace {
 
 using Params = ZU_VENC_OpenParams_t;
@@ -13,23 +17,24 @@ using Buffer = ZU_VENC_InputBuffer_t;
 // Catches sizes and values that x264 would choke on later, or that would overflow a size computation.
 TEST(EncoderOpen, RefusesWhatItCannotEncode)
 {
-    void (*const spoil[])(Params&) = {
-        [](Params& p) { p.eCodecType = 0; },        [](Params& p) { p.eColorFormat = 5; },
-        [](Params& p) { p.u32Width = 0; },          [](Params& p) { p.u32Height = 0; },
-        [](Params& p) { p.u32Width = 641; },        [](Params& p) { p.u32Height = 361; },
-        [](Params& p) { p.u32Width = 62; },         [](Params& p) { p.u32Width = 3842; },
-        [](Params& p) { p.u32Height = 2178; },      [](Params& p) { p.u32Width = 0xFFFFFFF0; },
-        [](Params& p) { p.u32FrameRate = 121; },    [](Params& p) { p.u32Profile = 88; },
-        [](Params& p) { p.u32Level = 99; },         [](Params& p) { p.u32EventMask = 2; },
-        [](Params& p) { p.pfnCallback = nullptr; },
+    const std::pair<u32 Params::*, u32> spoil[] = {
+        {&Params::eCodecType, 0},     {&Params::eColorFormat, 5}, {&Params::u32Width, 0},
+        {&Params::u32Height, 0},      {&Params::u32Width, 641},   {&Params::u32Height, 361},
+        {&Params::u32Width, 62},      {&Params::u32Width, 3842},  {&Params::u32Height, 2178},
+        {&Params::u32FrameRate, 121}, {&Params::u32Profile, 88},  {&Params::u32Level, 99},
+        {&Params::u32EventMask, 2},   {&Params::u32Width, ~15u},
     };
-    for (const auto& change : spoil) {
+    for (const auto& [field, value] : spoil) {
         Params params = params_of(640, 360);
-        change(params);
+        params.*field = value;
         u32 handle = 0;
-        EXPECT_NE(ZU_VENC_Open(&params, &handle), ZU_OK) << "case " << &change - spoil;
+        EXPECT_NE(ZU_VENC_Open(&params, &handle), ZU_OK) << "field with " << value;
         EXPECT_EQ(handle, 0u);
     }
+    Params silent = params_of(640, 360);
+    silent.pfnCallback = nullptr;
+    u32 handle = 0;
+    EXPECT_NE(ZU_VENC_Open(&silent, &handle), ZU_OK);
     Params greatest = params_of(3840, 2176);
     greatest.u32FrameRate = 0; // its own choice
     TestEncoder encoder(greatest);
@@ -72,51 +77,35 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
         Buffer buffer = lent;
         change(buffer);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(ZU_VENC_WriteBufferComplete(encoder.handle, &buffer), ZU_INVALID_ARGUMENT);
+        EXPECT_EQ(encoder.take(buffer), ZU_INVALID_ARGUMENT);
         // Nothing at all follows a failed query, which is no mistake to be told of; others are told of once.
         EXPECT_EQ(testing::internal::GetCapturedStderr() == "", &change - spoil != 1) << &change - spoil;
         EXPECT_EQ(counters().pictures_refused, ++refused) << &change - spoil;
     }
-    EXPECT_EQ(ZU_VENC_WriteBufferComplete(encoder.handle, &lent), ZU_OK);
-    EXPECT_EQ(ZU_VENC_WriteBufferComplete(encoder.handle, &lent), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(encoder.take(lent), ZU_OK);
+    EXPECT_EQ(encoder.take(lent), ZU_INVALID_ARGUMENT);
     ASSERT_TRUE(encoder.receiver.wait_for_frames(1));
-    ZU_VENC_EntireInjectBuf_t region{1, 1, {}};
-    EXPECT_EQ(ZU_VENC_QueryEntireInjectBuffer(encoder.handle, &region), ZU_OK);
-    EXPECT_EQ(region.u32VirtAddr, 0u); // opened for copies
+    EXPECT_EQ(encoder.inject_region().u32VirtAddr, 0u); // opened for copies
 }
 
-/** An encoder's inject region, and how a picture goes in out of it. */
-struct Injection {
-    explicit Injection(TestEncoder& into)
-        : encoder(into), bytes(static_cast<u32>(into.layout.picture_bytes()))
-    {
-        EXPECT_EQ(ZU_VENC_QueryEntireInjectBuffer(encoder.handle, &region), ZU_OK);
-        start = reinterpret_cast<uint8_t*>(uintptr_t{region.u32VirtAddr});
-    }
-    u32 operator()(uint8_t* data) const
-    {
-        const Buffer buffer{data, bytes, 1, 0, {}, 1, 1, 0};
-        return ZU_VENC_WriteBufferComplete(encoder.handle, &buffer);
-    }
-    TestEncoder& encoder;
-    u32 bytes;
-    ZU_VENC_EntireInjectBuf_t region{};
-    uint8_t* start = nullptr;
-};
+uint8_t* start_of(const ZU_VENC_EntireInjectBuf_t& region)
+{
+    return reinterpret_cast<uint8_t*>(uintptr_t{region.u32VirtAddr});
+}
 
 // Catches a full queue that costs pictures at once although it is about to have room, copied or injected.
 TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
 {
     for (const bool injected : {false, true}) {
         TestEncoder encoder(params_of(64, 64, injected ? E_ZU_VENC_COLOR_INJECT : E_ZU_VENC_COLOR_COPY));
-        const Injection inject(encoder);
+        uint8_t* const place = start_of(encoder.inject_region());
         encoder.start();
         uint32_t taken = 0, refused = 0;
         while (taken < 100 && refused < 100) {
             Buffer lent{};
-            const bool accepted = injected ? inject(inject.start) == ZU_OK
-                                           : ZU_VENC_QueryBuffer(encoder.handle, &lent) == ZU_OK &&
-                                                 ZU_VENC_WriteBufferComplete(encoder.handle, &lent) == ZU_OK;
+            const bool accepted =
+                injected ? encoder.inject(place) == ZU_OK
+                         : ZU_VENC_QueryBuffer(encoder.handle, &lent) == ZU_OK && encoder.take(lent) == ZU_OK;
             ++(accepted ? taken : refused);
         }
         EXPECT_LT(refused, 10u) << "more than a busy machine explains";
@@ -129,26 +118,27 @@ TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
 {
     TestEncoder encoder(params_of(320, 256, E_ZU_VENC_COLOR_INJECT));
     setenv("ZU3_INJECT", "0", 1);
-    EXPECT_EQ(Injection(encoder).start, nullptr);
+    EXPECT_EQ(encoder.inject_region().u32VirtAddr, 0u);
     unsetenv("ZU3_INJECT");
-    const Injection inject(encoder);
-    uint8_t* const start = inject.start;
-    ASSERT_EQ(inject.region.u32VirtAddr % picture_alignment, 0u);
-    ASSERT_GE(inject.region.u32Size, 320u * 256 * 3 / 2 * 4);
+    const auto region = encoder.inject_region();
+    uint8_t* const start = start_of(region);
+    const size_t bytes = encoder.layout.picture_bytes();
+    ASSERT_EQ(region.u32VirtAddr % picture_alignment, 0u);
+    ASSERT_GE(region.u32Size, 320u * 256 * 3 / 2 * 4);
     encoder.start();
-    EXPECT_EQ(inject(start + inject.region.u32Size - inject.bytes + 1), ZU_INVALID_ARGUMENT);
-    EXPECT_EQ(inject(start - 1), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(encoder.inject(start + region.u32Size - bytes + 1), ZU_INVALID_ARGUMENT);
+    EXPECT_EQ(encoder.inject(start - 1), ZU_INVALID_ARGUMENT);
     encoder.receiver.block(true);
-    ASSERT_EQ(inject(start), ZU_OK);
-    ASSERT_TRUE(encoder.receiver.wait_until_held());
+    ASSERT_EQ(encoder.inject(start), ZU_OK);
+    ASSERT_TRUE(wait_until([&] { return encoder.receiver.is_held(); }));
     EXPECT_FALSE(picture_is_leased(start)); // encoded: x264 no longer needs it while its frame is handed out
     for (uint32_t number = 1; number <= 4; ++number)
-        EXPECT_EQ(inject(start + size_t{number} * inject.bytes / 2), ZU_OK);
-    EXPECT_EQ(inject(start), ZU_BUSY); // the queue is full
+        EXPECT_EQ(encoder.inject(start + number * bytes / 2), ZU_OK);
+    EXPECT_EQ(encoder.inject(start), ZU_BUSY); // the queue is full
     EXPECT_FALSE(picture_is_leased(start));
-    EXPECT_TRUE(picture_is_leased(start + inject.bytes));
-    EXPECT_EQ(ZU_VENC_Stop(encoder.handle), ZU_OK);
-    EXPECT_FALSE(picture_is_leased(start + inject.bytes));
+    EXPECT_TRUE(picture_is_leased(start + bytes));
+    EXPECT_EQ(encoder.stop(), ZU_OK);
+    EXPECT_FALSE(picture_is_leased(start + bytes));
 }
 
 // Catches a stop that waits for a callback which waits for the stop, and a callback that begins after it.
@@ -159,7 +149,7 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     encoder.fill();
     const uint64_t refused = counters().pictures_refused;
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(ZU_VENC_Stop(encoder.handle), ZU_OK);
+    EXPECT_EQ(encoder.stop(), ZU_OK);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s); // far below the deadline of a blocked callback
     EXPECT_EQ(counters().pictures_refused, refused + 4);
     EXPECT_EQ(encoder.feed(5), ZU_FAILURE);
@@ -180,18 +170,12 @@ TEST(EncoderStop, WakesWhoWaitsForRoom)
         TestEncoder encoder(params_of(64, 64));
         encoder.start();
         encoder.fill();
-        std::atomic<bool> asking{false};
-        std::thread waiting([&] {
-            const auto before = std::chrono::steady_clock::now();
-            asking = true;
-            asking.notify_one();
-            Buffer none{};
-            EXPECT_EQ(ZU_VENC_QueryBuffer(encoder.handle, &none), ZU_BUSY);
-            shortest = std::min(shortest, std::chrono::steady_clock::now() - before);
-        });
-        asking.wait(false);
-        EXPECT_EQ(ZU_VENC_Stop(encoder.handle), ZU_OK);
-        waiting.join();
+        const auto before = std::chrono::steady_clock::now();
+        auto stopped = std::async(std::launch::async, [&] { return encoder.stop(); });
+        Buffer none{};
+        EXPECT_EQ(ZU_VENC_QueryBuffer(encoder.handle, &none), ZU_BUSY);
+        shortest = std::min(shortest, std::chrono::steady_clock::now() - before);
+        EXPECT_EQ(stopped.get(), ZU_OK);
     }
     EXPECT_LT(shortest, 60ms);
 }
@@ -207,7 +191,7 @@ TEST(EncoderStop, LetsWhatItTookBeEncodedFirst)
     EXPECT_EQ(encoder.receiver.frame_count(), 0u);
     encoder.start();
     ASSERT_TRUE(encoder.receiver.wait_for_frames(1));
-    EXPECT_EQ(ZU_VENC_Stop(encoder.handle), ZU_OK);
+    EXPECT_EQ(encoder.stop(), ZU_OK);
     ASSERT_EQ(encoder.receiver.frame_count(), 4u);
     for (const Frame& frame : encoder.receiver.frames)
         bytes += frame.bytes.size();
@@ -215,5 +199,76 @@ TEST(EncoderStop, LetsWhatItTookBeEncodedFirst)
     EXPECT_EQ(counters().bytes_encoded, bytes);
 }
 
+constexpr PictureLayout layout = PictureLayout::of(64, 64);
+
+CapturedPicture picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t index)
+{
+    return {pool->picture(index), pool->layout(), pool};
+}
+
+// Catches a picture that is captured into while the encoder reads it, memory that goes under it, and a
+// capture that can fill an encoder's queue and then has no picture to write into.
+TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
+{
+    auto pool = PicturePool::own(layout, 0);
+    const std::weak_ptr<PicturePool> memory = pool;
+    LentBuffers buffers(layout);
+    std::set<uint8_t*> lent;
+    while (buffers.any_to_lend()) {
+        const uint32_t index = pool->take().value();
+        const CapturedPicture picture = picture_of(pool, index);
+        ASSERT_EQ(buffers.lend(&picture), picture.data);
+        EXPECT_TRUE(buffers.is_lent(picture.data));
+        buffers.complete();
+        EXPECT_TRUE(pool->give_back(index));
+        EXPECT_TRUE(lent.insert(picture.data).second) << "captured into while it is lent";
+    }
+    EXPECT_FALSE(lent.contains(pool->picture(pool->take().value())));
+    pool.reset();
+    EXPECT_FALSE(memory.expired());
+    for (uint8_t* const data : lent) {
+        buffers.release(data);
+        EXPECT_FALSE(picture_is_leased(data));
+    }
+    EXPECT_TRUE(memory.expired());
+}
+
+// Catches a reader of a file, or the next callback, that writes into a captured picture which was lent before
+// and never handed in; and a picture of another layout being taken for one of the encoder's.
+TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    const CapturedPicture first = picture_of(pool, *pool->take());
+    const CapturedPicture second = picture_of(pool, *pool->take());
+    CapturedPicture other = second;
+    other.layout.lines *= 2;
+    LentBuffers buffers(layout);
+    ASSERT_EQ(buffers.lend(&first), first.data);
+    uint8_t* const own = buffers.lend(nullptr);
+    EXPECT_NE(own, first.data);
+    EXPECT_FALSE(picture_is_leased(first.data));
+    EXPECT_EQ(buffers.lend(&second), second.data);
+    EXPECT_EQ(buffers.lend(&other), own);
+    EXPECT_FALSE(picture_is_leased(second.data));
+}
+
+// Catches a still screen being searched for changes, and a picture taken for unchanged that is not: what
+// differs only becomes a large frame where x264 looks for it.
+TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    CapturedPicture picture = picture_of(pool, *pool->take());
+    TestEncoder encoder(params_of(64, 64));
+    encoder.start();
+    for (const uint64_t serial : {1, 1, 2, 0, 0}) {
+        picture.serial = serial;
+        const CapturedPictureInCallback in_callback(picture);
+        encoder.encode(1); // draws another picture every time
+    }
+    const auto size = [&](size_t frame) { return encoder.receiver.frames[frame].bytes.size(); };
+    EXPECT_LT(size(1), 40u);
+    for (const size_t changed : {2, 3, 4})
+        EXPECT_GT(size(changed), 80u) << changed;
+}
+
 } // namespace
-} // namespace zu3host

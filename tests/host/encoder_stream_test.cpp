@@ -2,16 +2,18 @@
 // in, recordings of a screen show.
 #include "encoder_fixture.h"
 
-namespace zu3host {
+using namespace zu3host;
+
 namespace {
 
-std::vector<int> nal_types(const Bytes& unit)
+/** Types and contents of a frame's NAL units. */
+std::vector<std::pair<int, const uint8_t*>> nal_units(const Bytes& frame)
 {
-    std::vector<int> types;
-    for (size_t i = 0; i + 3 < unit.size(); ++i)
-        if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1)
-            types.push_back(unit[i + 3] & 31);
-    return types;
+    std::vector<std::pair<int, const uint8_t*>> units;
+    for (size_t i = 0; i + 3 < frame.size(); ++i)
+        if (frame[i] == 0 && frame[i + 1] == 0 && frame[i + 2] == 1)
+            units.emplace_back(frame[i + 3] & 31, &frame[i + 4]);
+    return units;
 }
 
 // Catches a delimiter, parameter sets or a key frame that is missing, late or not flagged, records of one
@@ -30,11 +32,11 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
         const Frame& frame = encoder.receiver.frames.back();
         if (frame.key)
             keys.push_back(number);
-        const std::vector<int> types = nal_types(frame.bytes);
-        ASSERT_GE(types.size(), frame.key ? 4u : 2u);
-        EXPECT_EQ(types[0], 9);
-        EXPECT_EQ(types[1] == 7 && types[2] == 8, frame.key);
-        EXPECT_EQ(std::count(types.begin(), types.end(), 5) > 0, frame.key);
+        const auto units = nal_units(frame.bytes);
+        ASSERT_GE(units.size(), frame.key ? 4u : 2u);
+        EXPECT_EQ(units[0].first, 9);
+        EXPECT_EQ(units[1].first == 7 && units[2].first == 8, frame.key);
+        EXPECT_EQ(units.back().first == 5, frame.key);
         EXPECT_EQ(frame.pts, number * 1000u);
         EXPECT_EQ(frame.time_in_callback, number * (number >= 3 ? 900u : 1000u));
         EXPECT_EQ(frame.index, frame.key ? UINT32_MAX : number % 16);
@@ -65,19 +67,18 @@ TEST(EncoderStream, SaysProfileAndLevelInTheSps)
         TestEncoder encoder(params);
         encoder.start();
         encoder.encode(1);
-        const Bytes& unit = encoder.receiver.frames[0].bytes;
-        const Bytes start{0, 0, 1, 0x67};
-        const auto sps = std::search(unit.begin(), unit.end(), start.begin(), start.end());
-        ASSERT_LT(sps + 7, unit.end());
-        EXPECT_EQ(sps[4], wish.profile_idc);
-        EXPECT_EQ((sps[5] & 0x10) != 0, wish.level_1b);
-        EXPECT_EQ(sps[6], wish.level_idc);
+        const auto [type, sps] = nal_units(encoder.receiver.frames[0].bytes).at(1);
+        EXPECT_EQ(type, 7);
+        EXPECT_EQ(sps[0], wish.profile_idc);
+        EXPECT_EQ((sps[1] & 0x10) != 0, wish.level_1b);
+        EXPECT_EQ(sps[2], wish.level_idc);
     }
 }
 
-// Catches a rate in the wrong unit, a change that is not followed, and a stream of constant rate that comes
-// ever later because its pictures need more than the multiplexer's ceiling.
-TEST(EncoderStream, FollowsTheBitRateAndTheCeiling)
+// Catches a stream of constant rate that comes ever later because its pictures need more than the
+// multiplexer's ceiling, and a change of rate control that does not begin anew. That rates are followed,
+// whole streams show.
+TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
 {
     constexpr uint32_t second = 30;
     TestEncoder encoder(params_of(320, 240));
@@ -93,8 +94,7 @@ TEST(EncoderStream, FollowsTheBitRateAndTheCeiling)
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 0), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE + 1, 500), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 500), ZU_OK);
-    encoder.encode(second);
-    EXPECT_NEAR(encoder.encode(4 * second), 500 * 1024, 0.2 * 500 * 1024);
+    encoder.encode(1);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 1048576),
               ZU_OK); // another rate control: the stream goes on with a key frame
     encoder.encode(1);
@@ -104,4 +104,3 @@ TEST(EncoderStream, FollowsTheBitRateAndTheCeiling)
 }
 
 } // namespace
-} // namespace zu3host

@@ -1,13 +1,12 @@
 #pragma once
 
 #include "encoder/open_encoder_scopes.h"
-#include "memory/device_memory.h"
+#include "helpers.h"
 #include "transport_stream/checker.h"
 #include "zu3/tsmux.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <vector>
 
@@ -19,50 +18,38 @@ constexpr uint64_t no_pts = ~uint64_t{0};
 constexpr uint16_t picture_pid = 0x101;
 constexpr uint16_t sound_pid = 0x102;
 
-/** Device memory that a test's multiplexers are pointed at. */
-class Region {
-public:
-    explicit Region(uint32_t size) : block_(*allocate_block("test region", size)) {}
-    ~Region() { free_block(block_.phys); }
-    Region(const Region&) = delete;
-    Region& operator=(const Region&) = delete;
-    uint32_t address() const { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(block_.virt)); }
-    uint32_t size() const { return block_.size; }
-
-private:
-    MemoryBlock block_;
+struct Form {
+    uint32_t packet_size = 188;
+    uint32_t rate = 0; /**< 0 = variable */
+    bool pictures = true;
+    bool sound = false;
+    uint32_t region = 1 << 18; /**< bytes of the output buffer */
 };
 
-inline ZU_TSMUX_OpenParams_t open_params(const Region& region, uint32_t packet_size = 188, uint32_t rate = 0)
-{
-    ZU_TSMUX_OpenParams_t params{};
-    params.u32TsPacketSize = packet_size;
-    params.u8Reserved1 = 1;
-    params.bCbrEnable = rate != 0;
-    params.u16Pid0 = 0x1000;
-    params.u16Pid1 = 0x100;
-    params.u16Pid2 = 0x100;
-    params.u16Pid3 = picture_pid;
-    params.u32CbrBitrate = rate;
-    params.u32OutBufVa = region.address();
-    params.u32OutBufSize = region.size();
-    return params;
-}
-
-/** An open multiplexer with pictures attached, driven through the contract as a recording drives it. */
+/** An open multiplexer, driven through the contract as a recording drives it. */
 class Recording {
 public:
-    explicit Recording(const ZU_TSMUX_OpenParams_t& params, bool pictures = true, bool sound = false)
+    explicit Recording(const Form& form = {}) : region_(form.region)
     {
+        const ZU_TSMUX_InitParams_t init{};
+        ZU_TSMUX_Init(&init);
+        params.u32TsPacketSize = form.packet_size;
+        params.u8Reserved1 = 1;
+        params.bCbrEnable = form.rate != 0;
+        params.u16Pid0 = 0x1000;
+        params.u16Pid1 = 0x100;
+        params.u16Pid2 = 0x100;
+        params.u16Pid3 = picture_pid;
+        params.u32CbrBitrate = form.rate;
+        params.u32OutBufVa = static_cast<u32>(reinterpret_cast<uintptr_t>(region_.virt));
+        params.u32OutBufSize = region_.size;
         EXPECT_EQ(ZU_TSMUX_Open(&params, &handle), ZU_OK);
         const ZU_TSMUX_PtsContinuity_t continuity{1, 0, 180000, 90000};
         EXPECT_EQ(ZU_TSMUX_SetAttr(handle, E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL, &continuity), ZU_OK);
-        if (pictures) {
-            EXPECT_EQ(attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0, &pictures_id), ZU_OK);
-        }
-        if (sound) {
-            EXPECT_EQ(attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &sound_id), ZU_OK);
-        }
+        u64 sound_id = 0;
+        EXPECT_TRUE(!form.pictures ||
+                    attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0, &pictures_id) == ZU_OK);
+        EXPECT_TRUE(!form.sound || attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &sound_id) == ZU_OK);
     }
     ~Recording() { ZU_TSMUX_Close(handle); }
     Recording(const Recording&) = delete;
@@ -70,13 +57,14 @@ public:
 
     u32 attach(u32 type, u16 pid, u8 stream_id, u64* id)
     {
-        const ZU_TSMUX_MediaSourceParams_t params{0, type, pid, stream_id, 0};
-        return ZU_TSMUX_AttachMediaSource(handle, &params, id);
+        const ZU_TSMUX_MediaSourceParams_t source{0, type, pid, stream_id, 0};
+        return ZU_TSMUX_AttachMediaSource(handle, &source, id);
     }
+    u32 detach_pictures() { return ZU_TSMUX_DetachMediaSource(handle, pictures_id); }
     u32 start()
     {
-        const ZU_TSMUX_StartParams_t params{};
-        return ZU_TSMUX_Start(handle, &params);
+        const ZU_TSMUX_StartParams_t none{};
+        return ZU_TSMUX_Start(handle, &none);
     }
     u32 push(const Bytes& unit, uint64_t pts)
     {
@@ -84,11 +72,20 @@ public:
                                   pts};
         return ZU_TSMUX_PushMediaData(handle, &data);
     }
-    /** Pushes as the encoder does, inside its callback for a picture captured at `us`. */
-    u32 push_captured(const Bytes& unit, uint64_t us)
+    /**
+     * Pushes as the encoder does, inside its callback for a picture captured at `us`, and copies `piece`
+     * bytes out whenever there is no room; how often that was.
+     */
+    unsigned push_captured(const Bytes& unit, uint64_t us, u32 piece = 0x10000)
     {
         const FrameTimeInCallback time(us);
-        return push(unit, no_pts);
+        for (unsigned busy = 0;; ++busy) {
+            const u32 result = push(unit, no_pts);
+            if (result != ZU_BUSY || copy(piece) == 0) {
+                EXPECT_EQ(result, ZU_OK);
+                return busy;
+            }
+        }
     }
     /** Appends at most `max` bytes of the stream to `output`. */
     u32 copy(u32 max = 0x10000)
@@ -106,10 +103,13 @@ public:
             ;
     }
 
+    ZU_TSMUX_OpenParams_t params{};
     u32 handle = 0;
     u64 pictures_id = 0;
-    u64 sound_id = 0;
     Bytes output;
+
+private:
+    DeviceBlock region_;
 };
 
 /** Access units that begin as real ones do; what follows is noise without start codes. */
@@ -117,19 +117,19 @@ class UnitMaker {
 public:
     Bytes make(bool idr, size_t size)
     {
-        static constexpr uint8_t idr_head[] = {0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x67, 0x64, 0x20,
-                                               0, 0, 0, 1, 0x68, 0xee, 0, 0, 0, 1, 0x65, 0x88};
-        static constexpr uint8_t other_head[] = {0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x41, 0x9a};
-        Bytes unit = idr ? Bytes(std::begin(idr_head), std::end(idr_head))
-                         : Bytes(std::begin(other_head), std::end(other_head));
+        static const Bytes idr_head{0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x67, 0x64, 0x20,
+                                    0, 0, 0, 1, 0x68, 0xee, 0, 0, 0, 1, 0x65, 0x88};
+        static const Bytes other_head{0, 0, 0, 1, 0x09, 0xf0, 0, 0, 0, 1, 0x41, 0x9a};
+        Bytes unit = idr ? idr_head : other_head;
         while (unit.size() < size)
             unit.push_back(static_cast<uint8_t>(noise_() % 254 + 2));
         sent.insert(sent.end(), unit.begin(), unit.end());
         return unit;
     }
-    size_t random_size(size_t least, size_t most)
+    /** One of 20 to so many bytes. */
+    Bytes make_any(bool idr, size_t most)
     {
-        return std::uniform_int_distribution<size_t>(least, most)(noise_);
+        return make(idr, std::uniform_int_distribution<size_t>(20, most)(noise_));
     }
     Bytes sent; /**< all of them, in order */
 
@@ -140,21 +140,9 @@ private:
 inline std::string text_of(const transport_stream::Findings& findings)
 {
     std::string text;
-    for (size_t i = 0; i < findings.size() && i < 20; ++i)
-        text +=
-            findings[i].kind + " at " + std::to_string(findings[i].packet) + ": " + findings[i].what + "\n";
-    return text;
+    for (const auto& finding : findings)
+        text += finding.kind + " at " + std::to_string(finding.packet) + ": " + finding.what + "\n";
+    return text.substr(0, 2000);
 }
-
-/** Stands for the process's life in a test program. */
-class MultiplexerModule : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        const ZU_TSMUX_InitParams_t params{};
-        ZU_TSMUX_Init(&params);
-    }
-    static void TearDownTestSuite() { ZU_TSMUX_DeInit(); }
-};
 
 } // namespace zu3host

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <functional>
 #include <future>
 #include <pthread.h>
 #include <sched.h>
@@ -23,10 +23,13 @@ s32 make_mutex()
     return id;
 }
 
-s32 make_task(ZU_OS_TaskEntry entry, void* argument, const char* name = "test")
+/** A task that runs `body`, which outlives it. */
+s32 make_task(const std::function<void()>& body, const char* name = "test")
 {
     static char stack[4096];
-    const ZU_OS_TaskAttr_t attributes{entry, argument, 4, 1, {}, stack, sizeof stack, name};
+    const auto entry = [](void* each) { (*static_cast<const std::function<void()>*>(each))(); };
+    const ZU_OS_TaskAttr_t attributes{
+        entry, const_cast<std::function<void()>*>(&body), 4, 1, {}, stack, sizeof stack, name};
     s32 id = -1;
     EXPECT_EQ(ZU_OS_CreateTask(&attributes, &id), ZU_OK);
     EXPECT_GE(id, 1);
@@ -77,101 +80,74 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(long_wait_ms / 2));
 }
 
-struct Seen {
-    char name[16] = {};
-    bool interrupt_blocked = false;
-    bool fault_blocked = true;
-    std::promise<void> done;
-};
-
 // Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name that Linux
 // refuses.
 TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
 {
-    Seen seen;
-    const s32 id = make_task(
-        [](void* argument) {
-            auto& out = *static_cast<Seen*>(argument);
-            volatile char room[100 * 1024];
-            room[0] = 1;
-            room[sizeof room - 1] = 1;
-            pthread_getname_np(pthread_self(), out.name, sizeof out.name);
-            sigset_t mask;
-            pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-            out.interrupt_blocked = sigismember(&mask, SIGINT) && sigismember(&mask, SIGTERM);
-            out.fault_blocked = sigismember(&mask, SIGSEGV);
-            out.done.set_value();
-        },
-        &seen, "a name of more than fifteen");
-    seen.done.get_future().wait();
+    char name[16] = {};
+    sigset_t mask, own_mask;
+    std::promise<void> done;
+    const std::function<void()> body = [&] {
+        volatile char room[100 * 1024];
+        room[0] = 1;
+        room[sizeof room - 1] = 1;
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        done.set_value();
+    };
+    const s32 id = make_task(body, "a name of more than fifteen");
+    done.get_future().wait();
     EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
-    EXPECT_STREQ(seen.name, "a name of more ");
-    EXPECT_TRUE(seen.interrupt_blocked);
-    EXPECT_FALSE(seen.fault_blocked);
+    EXPECT_STREQ(name, "a name of more ");
+    EXPECT_TRUE(sigismember(&mask, SIGINT) && sigismember(&mask, SIGTERM));
+    EXPECT_FALSE(sigismember(&mask, SIGSEGV));
     EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_INVALID_ARGUMENT);
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    EXPECT_FALSE(sigismember(&mask, SIGINT)) << "the creator's own mask was changed";
+    pthread_sigmask(SIG_SETMASK, nullptr, &own_mask);
+    EXPECT_FALSE(sigismember(&own_mask, SIGINT)) << "the creator's own mask was changed";
 }
-
-/** Keeps this thread, and those that it starts, on one processor: a new thread does not run before its
- * creator waits. */
-class OneProcessor {
-public:
-    OneProcessor()
-    {
-        sched_getaffinity(0, sizeof before_, &before_);
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(sched_getcpu(), &one);
-        sched_setaffinity(0, sizeof one, &one);
-    }
-    ~OneProcessor() { sched_setaffinity(0, sizeof before_, &before_); }
-
-private:
-    cpu_set_t before_;
-};
 
 // Catches an entry that goes on after the deletion said that the task is gone, and deletions that let every
 // entry begin first.
 TEST(Task, RunsNothingAfterItsDeletion)
 {
-    const OneProcessor pinned;
-    static std::atomic<int> begun, ended;
-    begun = ended = 0;
+    // On one processor a new thread does not run before its creator waits.
+    cpu_set_t all, one;
+    sched_getaffinity(0, sizeof all, &all);
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    sched_setaffinity(0, sizeof one, &one);
+    std::atomic<int> begun{0}, ended{0};
+    const std::function<void()> body = [&] {
+        ++begun;
+        std::this_thread::yield();
+        ++ended;
+    };
     for (int i = 0; i < 300; ++i) {
-        const s32 id = make_task(
-            [](void*) {
-                ++begun;
-                std::this_thread::yield();
-                ++ended;
-            },
-            nullptr);
+        const s32 id = make_task(body);
         ASSERT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
         const int begun_then = begun;
         ASSERT_EQ(ended, begun_then);
         std::this_thread::yield();
         ASSERT_EQ(begun, begun_then);
     }
+    sched_setaffinity(0, sizeof all, &all);
     EXPECT_LT(begun, 300);
 }
 
 struct Held {
     std::promise<void> running, may_end, ended;
+    const std::function<void()> body = [this] {
+        running.set_value();
+        may_end.get_future().wait();
+        ended.set_value();
+    };
 };
 
 // Catches a deletion that hangs on a task that never ends, or claims that it is gone.
 TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 {
     static Held& held = *new Held; // outlives the task, which nobody joins
-    const s32 id = make_task(
-        [](void* argument) {
-            auto& each = *static_cast<Held*>(argument);
-            each.running.set_value();
-            each.may_end.get_future().wait();
-            each.ended.set_value();
-        },
-        &held);
+    const s32 id = make_task(held.body);
     held.running.get_future().wait();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_FAILURE);
@@ -183,13 +159,10 @@ TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 // Catches a task that waits for its own end.
 TEST(Task, CannotDeleteItself)
 {
-    static std::promise<s32> own_id;
+    std::promise<s32> own_id;
     std::promise<u32> result;
-    const s32 id = make_task(
-        [](void* answer) {
-            static_cast<std::promise<u32>*>(answer)->set_value(ZU_OS_DeleteTask(own_id.get_future().get()));
-        },
-        &result);
+    const std::function<void()> body = [&] { result.set_value(ZU_OS_DeleteTask(own_id.get_future().get())); };
+    const s32 id = make_task(body);
     own_id.set_value(id);
     EXPECT_EQ(result.get_future().get(), ZU_FAILURE);
     EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
@@ -198,8 +171,7 @@ TEST(Task, CannotDeleteItself)
 // Catches a delay that is cut short, and a difference that does not wrap with the 32-bit clock.
 TEST(SystemTime, MeasuresDelaysModulo32Bits)
 {
-    u32 start = 0;
-    u32 elapsed = 0;
+    u32 start = 0, elapsed = 0;
     ASSERT_EQ(ZU_OS_GetSystemTime(&start), ZU_OK);
     EXPECT_EQ(ZU_OS_DelayTask(30), ZU_OK);
     ASSERT_EQ(ZU_OS_TimerDiffTimeFromNow(start, &elapsed), ZU_OK);

@@ -8,6 +8,7 @@
 #include <random>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <valarray>
 #include <vector>
 
 using namespace android;
@@ -27,51 +28,46 @@ private:
     Bytes bytes_;
 };
 
-struct Rgb {
-    double r = 0, g = 0, b = 0;
-};
+using Rgb = std::valarray<double>;
 
-/** An NV12 picture whose planes have a guard before and behind them. */
+constexpr size_t width = 64, height = 48;
+using Field = std::vector<Rgb>; // of that many pixels
+
+/** Random colours, in each square of four the same: what is behind a chroma sample has one colour. */
+Field random_field()
+{
+    std::mt19937 random(1);
+    Field colours(width * height, Rgb(3));
+    for (size_t i = 0; i < colours.size(); ++i) {
+        const size_t first = i % width / 2 * 2 + i / width / 2 * 2 * width;
+        for (double& part : colours[i])
+            part = random() % 256;
+        colours[i] = colours[first];
+    }
+    return colours;
+}
+
+/** An NV12 picture of a field, whose planes have a guard before and behind them. */
 struct Picture {
-    static constexpr int guard = 64;
+    static constexpr size_t guard = 64;
 
-    Picture(int w, int h, int line)
-        : width(w), height(h), pitch(line), bytes(guard * 3 + line * h * 3 / 2, 7), written(bytes.size())
+    Picture(size_t line, const Field& colours) : pitch(line), bytes(guard * 3 + line * height * 3 / 2, 7)
     {
-        std::mt19937 random(1);
-        // Blocks of one colour: what is behind a chroma sample has one colour.
-        for (int y = 0; y < height / 2; ++y) {
-            for (int x = 0; x < width / 2; ++x) {
-                const Rgb colour{double(random() % 256), double(random() % 256), double(random() % 256)};
-                for (int i = 0; i < 4; ++i)
-                    put_luma(2 * x + i % 2, 2 * y + i / 2, colour);
-                put_chroma(x, y, colour);
-                background.push_back(colour);
+        for (size_t i = 0; i < colours.size(); ++i) {
+            const size_t x = i % width, y = i / width;
+            put(guard + y * pitch + x, 16, {66, 129, 25}, colours[i]);
+            if (x % 2 == 0 && y % 2 == 0) {
+                const Rgb sum = colours[i] + colours[i + 1] + colours[i + width] + colours[i + width + 1];
+                put(chroma() + y / 2 * pitch + x, 128, {-38, -74, 112}, sum / 4.0);
+                put(chroma() + y / 2 * pitch + x + 1, 128, {112, -94, -18}, sum / 4.0);
             }
         }
     }
-    size_t luma_place(int x, int y) const { return static_cast<size_t>(guard + y * pitch + x); }
-    size_t chroma_place(int x, int y, int which) const
+    size_t chroma() const { return 2 * guard + pitch * height; }
+    void put(size_t place, double offset, const Rgb& weights, const Rgb& colour)
     {
-        return static_cast<size_t>(2 * guard + pitch * height + y * pitch + 2 * x + which);
+        bytes[place] = static_cast<uint8_t>(std::lround(offset + (weights * colour).sum() / 256));
     }
-    uint8_t luma(int x, int y) const { return bytes[luma_place(x, y)]; }
-    uint8_t chroma(int x, int y, int which) const { return bytes[chroma_place(x, y, which)]; }
-    void put(size_t place, double value)
-    {
-        bytes[place] = static_cast<uint8_t>(std::lround(value));
-        written[place] = true;
-    }
-    void put_luma(int x, int y, Rgb c)
-    {
-        put(luma_place(x, y), 16 + (66 * c.r + 129 * c.g + 25 * c.b) / 256);
-    }
-    void put_chroma(int x, int y, Rgb c)
-    {
-        put(chroma_place(x, y, 0), 128 + (112 * c.b - 74 * c.g - 38 * c.r) / 256);
-        put(chroma_place(x, y, 1), 128 + (112 * c.r - 94 * c.g - 18 * c.b) / 256);
-    }
-    Rgb behind(int x, int y) const { return background[static_cast<size_t>(y / 2 * (width / 2) + x / 2)]; }
 
     qrl_native_buffer_t describe()
     {
@@ -79,80 +75,60 @@ struct Picture {
         buffer.version = 0x201;
         buffer.flags = 2;
         buffer.format = 0x23;
-        buffer.width = static_cast<uint32_t>(width);
-        buffer.height = static_cast<uint32_t>(height);
+        buffer.width = width;
+        buffer.height = height;
         buffer.pitch = static_cast<uint32_t>(pitch);
         buffer.addr = bytes.data();
         buffer.fd[0] = buffer.fd[1] = -1;
         buffer.offset[0] = guard;
-        buffer.offset[1] = static_cast<uint32_t>(2 * guard + pitch * height);
+        buffer.offset[1] = static_cast<uint32_t>(chroma());
         return buffer;
     }
 
-    int width, height, pitch;
+    size_t pitch;
     Bytes bytes;
-    std::vector<bool> written;
-    std::vector<Rgb> background;
 };
 
 /** A logo of random pixels, a third of them each transparent, opaque and in between. */
-sp<WatermarkParams> logo(int x, int y, uint32_t width, uint32_t height, uint32_t opacity = 255,
+sp<WatermarkParams> logo(int x, int y, uint32_t columns, uint32_t lines, uint32_t opacity = 255,
                          uint32_t padding = 0, uint32_t offset = 0)
 {
-    Bytes pixels(offset + (width * 4 + padding) * height, 99);
+    const uint32_t stride = columns * 4 + padding;
+    Bytes pixels(offset + stride * lines, 99);
     std::mt19937 random(2);
-    for (uint32_t row = 0; row < height; ++row) {
-        for (uint32_t i = 0; i < width; ++i) {
-            uint8_t* const at = pixels.data() + offset + row * (width * 4 + padding) + i * 4;
-            const uint32_t kind = random() % 3;
-            for (int byte = 0; byte < 4; ++byte)
-                at[byte] = static_cast<uint8_t>(random());
-            at[3] = kind == 0 ? 0 : kind == 1 ? 255 : at[3];
-        }
+    for (uint32_t i = 0; i < columns * lines; ++i) {
+        uint8_t* const at = pixels.data() + offset + i / columns * stride + i % columns * 4;
+        std::generate_n(at, 4, [&] { return static_cast<uint8_t>(random()); });
+        at[3] = i % 3 == 0 ? 0 : i % 3 == 1 ? 255 : at[3];
     }
     const sp<WatermarkParams> params = new WatermarkParams;
     params->spMemory = sp<IMemory>(new Memory(pixels));
     params->s32X = x;
     params->s32Y = y;
-    params->u32Width = width;
-    params->u32Height = height;
-    params->u32Stride = padding == 0 ? 0 : width * 4 + padding;
+    params->u32Width = columns;
+    params->u32Height = lines;
+    params->u32Stride = padding == 0 ? 0 : stride;
     params->u32Offset = offset;
     params->u32Opacity = opacity;
     return params;
 }
 
-/** The same by the book: composed in RGB, then converted; chroma from the mean of its four pixels. */
-void compose(Picture& picture, const WatermarkParams& params)
+/** The same by the book, in RGB; marks where the logo is. */
+void compose(const WatermarkParams& params, Field& colours, Field& marks)
 {
     const uint32_t stride = params.u32Stride ? params.u32Stride : params.u32Width * 4;
-    const auto composed = [&](int x, int y, bool& touched) {
-        const int64_t column = int64_t{x} - params.s32X, row = int64_t{y} - params.s32Y;
-        const Rgb behind = picture.behind(x, y);
-        if (column < 0 || row < 0 || column >= params.u32Width || row >= params.u32Height)
-            return behind;
+    for (uint32_t i = 0; i < params.u32Width * params.u32Height; ++i) {
+        const uint32_t column = i % params.u32Width, row = i / params.u32Width;
+        const int64_t x = int64_t{params.s32X} + column, y = int64_t{params.s32Y} + row;
+        if (x < 0 || y < 0 || x >= int64_t{width} || y >= int64_t{height})
+            continue;
         const auto* at = static_cast<const uint8_t*>(params.spMemory->pointer()) + params.u32Offset +
                          row * stride + column * 4;
         const double alpha = at[3] / 255.0 * std::min(params.u32Opacity, 255u) / 255.0;
-        touched = touched || alpha > 0;
-        return Rgb{behind.r + (at[0] - behind.r) * alpha, behind.g + (at[1] - behind.g) * alpha,
-                   behind.b + (at[2] - behind.b) * alpha};
-    };
-    for (int y = 0; y < picture.height; y += 2) {
-        for (int x = 0; x < picture.width; x += 2) {
-            Rgb sum;
-            bool any = false;
-            for (int i = 0; i < 4; ++i) {
-                bool touched = false;
-                const Rgb colour = composed(x + i % 2, y + i / 2, touched);
-                sum = {sum.r + colour.r / 4, sum.g + colour.g / 4, sum.b + colour.b / 4};
-                if (touched)
-                    picture.put_luma(x + i % 2, y + i / 2, colour);
-                any = any || touched;
-            }
-            if (any)
-                picture.put_chroma(x / 2, y / 2, sum);
-        }
+        Rgb& colour = colours[static_cast<size_t>(y) * width + static_cast<size_t>(x)];
+        colour += (Rgb{double(at[0]), double(at[1]), double(at[2])} - colour) * alpha;
+        if (alpha > 0)
+            marks[static_cast<size_t>(&colour - colours.data())] = Rgb{255, 0, 0};
     }
 }
 
@@ -164,11 +140,7 @@ int render(const sp<SrGlWorker>& worker, Picture& picture)
 
 TEST(Renderer, DrawsAsAComposerInRgbWould)
 {
-    struct Case {
-        const char* what;
-        sp<WatermarkParams> params;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, sp<WatermarkParams>> cases[] = {
         {"even place", logo(10, 8, 20, 12)},
         {"odd column", logo(11, 8, 20, 12)},
         {"odd line, odd size", logo(10, 9, 21, 13)},
@@ -186,18 +158,21 @@ TEST(Renderer, DrawsAsAComposerInRgbWould)
         {"beside the picture", logo(64, 0, 20, 12)},
         {"far away", logo(INT32_MIN, INT32_MAX, 20, 12)},
     };
-    for (const Case& c : cases) {
+    const Field behind = random_field(), black(behind.size(), Rgb(3));
+    for (const auto& [what, params] : cases) {
+        SCOPED_TRACE(what);
         const auto worker = SrGlWorker::newWorker();
-        Picture drawn(64, 48, 80), wanted(64, 48, 80);
-        ASSERT_EQ(worker->setWatermark(c.params), 0) << c.what;
+        Field wanted = behind, marks = black;
+        compose(*params, wanted, marks);
+        Picture drawn(80, behind);
+        ASSERT_EQ(worker->setWatermark(params), 0);
         ASSERT_EQ(worker->prepare(), 0);
-        ASSERT_EQ(render(worker, drawn), 0) << c.what;
-        std::fill(wanted.written.begin(), wanted.written.end(), false);
-        compose(wanted, *c.params);
+        ASSERT_EQ(render(worker, drawn), 0);
+        const Picture composed(80, wanted), marked(80, marks), unmarked(80, black);
         for (size_t i = 0; i < drawn.bytes.size(); ++i) {
             // One level: what is behind was rounded when it became NV12. Where no logo is, none.
-            const int allowed = wanted.written[i] ? 1 : 0;
-            ASSERT_NEAR(drawn.bytes[i], wanted.bytes[i], allowed) << c.what << ", byte " << i;
+            const int allowed = marked.bytes[i] != unmarked.bytes[i];
+            ASSERT_NEAR(drawn.bytes[i], composed.bytes[i], allowed) << "byte " << i;
         }
     }
 }
@@ -205,11 +180,11 @@ TEST(Renderer, DrawsAsAComposerInRgbWould)
 // Catches memory that is read beyond its end, a refusal that takes the old logo away, and one that stays.
 TEST(Renderer, ShowsTheLastLogoThatWasPossible)
 {
-    const Picture blank(64, 48, 64);
+    const Picture blank(64, random_field());
     const auto worker = SrGlWorker::newWorker();
     const auto good = logo(4, 4, 20, 12);
     const auto shown = [&] {
-        Picture picture(64, 48, 64);
+        Picture picture = blank;
         EXPECT_EQ(render(worker, picture), 0);
         return picture.bytes;
     };
@@ -249,7 +224,7 @@ TEST(Renderer, ShowsTheLastLogoThatWasPossible)
 
 TEST(Renderer, RefusesPicturesThatAreNotAsDescribed)
 {
-    Picture picture(64, 48, 64);
+    Picture picture(64, random_field());
     const int fd = memfd_create("picture", MFD_CLOEXEC);
     ASSERT_EQ(ftruncate(fd, static_cast<off_t>(2 * Picture::guard + 64 * 72)), 0);
     const auto accepts = [&](void (*change)(qrl_native_buffer_t&)) {

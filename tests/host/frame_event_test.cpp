@@ -1,7 +1,5 @@
-#include "statistics/counters.h"
 #include "statistics/frame_event.h"
 #include "zu3_host/frame_event.h"
-#include "zu3_host/statistics.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,20 +7,6 @@
 #include <sys/eventfd.h>
 
 namespace {
-
-// Catches a record that is filled past the size its reader knows, and fields that are mixed up.
-TEST(Statistics, FillNoMoreThanTheReaderHasRoomFor)
-{
-    zu3host::count(zu3host::counters().pictures_due, 11);
-    zu3host::count(zu3host::counters().audio_frames_encoded, 22);
-    zu3_host_statistics_t record{};
-    EXPECT_EQ(zu3_host_statistics(&record, 8), sizeof record);
-    EXPECT_EQ(record.pictures_due, 11u);
-    EXPECT_EQ(record.audio_frames_encoded, 0u);
-    EXPECT_EQ(zu3_host_statistics(&record, sizeof record + 100), sizeof record);
-    EXPECT_EQ(record.audio_frames_encoded, 22u);
-    EXPECT_EQ(zu3_host_statistics(nullptr, 0), sizeof record);
-}
 
 // Catches an event that stays quiet, never becomes quiet again, or blocks who reads it once too often.
 TEST(FrameEvent, TellsOfFramesUntilItIsRead)

@@ -1,0 +1,246 @@
+// The capture device on its test card: when pictures come, what they may overwrite, and how it stops.
+#include "capture/capture_schedule.h"
+#include "capture/picture_leases.h"
+#include "capture/picture_time.h"
+#include "capture/placement.h"
+#include "common/picture_layout.h"
+#include "helpers.h"
+#include "statistics/counters.h"
+#include "zu3/cap.h"
+#include "zu3/disp.h"
+#include "zu3_host/statistics.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <gtest/gtest.h>
+#include <vector>
+
+using namespace zu3host;
+
+namespace {
+
+/** A capture device whose pictures a test looks at one by one, in the callback. */
+class TestCardCapture : public testing::Test {
+protected:
+    using Frame = ZU_CAP_FrameInfo_t;
+    using Look = std::function<void(const Frame&)>;
+
+    void SetUp() override
+    {
+        setenv("ZU3_DISPLAY", "testcard", 1);
+        char name[64] = "ZU_DISP_HD0";
+        const ZU_DISP_GetHandleParams_t display_name{name};
+        const ZU_CAP_OpenParams_t open{};
+        const ZU_CAP_ConnectParams_t connect{};
+        uint32_t display = 0;
+        ASSERT_EQ(ZU_CAP_Open(&open, &handle), ZU_OK);
+        ASSERT_EQ(ZU_DISP_GetHandle(&display_name, &display), ZU_OK);
+        ASSERT_EQ(ZU_CAP_ConnectInput(handle, display, &connect), ZU_OK);
+    }
+    void TearDown() override { ZU_CAP_Close(handle); }
+
+    uint32_t start(uint32_t width, uint32_t height, uint32_t rate, const MemoryBlock& region = {})
+    {
+        const ZU_CAP_CallbackParams_t callback{0, &TestCardCapture::picture, 1, this, 0};
+        uint64_t id = 0;
+        EXPECT_EQ(ZU_CAP_RegisterCallback(handle, &callback, &id), ZU_OK);
+        ZU_CAP_CaptureParams_t params{};
+        params.stOutput.u32OutWidth = width;
+        params.stOutput.u32OutHeight = height;
+        params.stOutput.u32OutFrameRate = rate;
+        params.stOutput.eOutFormat = E_ZU_CAP_FORMAT_NV12;
+        params.stOutput.u64VirtAddr = reinterpret_cast<uintptr_t>(region.virt);
+        params.stOutput.u32OutSize = region.size;
+        return ZU_CAP_CaptureStart(handle, &params);
+    }
+    /** Has the next picture looked at in its callback before it is given back. */
+    void look(const Look& at)
+    {
+        look_ = &at;
+        ASSERT_TRUE(wait_until([this] { return !look_.load(); })) << "no picture came";
+    }
+
+    uint32_t handle = 0;
+
+private:
+    static u32 picture(s32 handle, u32, Frame* frame, void* user)
+    {
+        auto& self = *static_cast<TestCardCapture*>(user);
+        const Look* const look = self.look_;
+        if (look)
+            (*look)(*frame);
+        EXPECT_EQ(ZU_CAP_ProcessBufDone(static_cast<u32>(handle), frame->u32BufIndex), ZU_OK);
+        if (look)
+            self.look_ = nullptr;
+        return 1;
+    }
+
+    std::atomic<const Look*> look_{nullptr};
+};
+
+// Catches a screen that is recorded blurred where it fits exactly, distorted, or outside of what is seen.
+TEST(CapturePlacement, KeepsShapeAndOneToOne)
+{
+    const struct {
+        PictureSize display, out, visible;
+        Placement placed;
+    } cases[] = {
+        {{1280, 720}, {1280, 736}, {1280, 720}, {0, 0, {1280, 720}}},
+        {{1365, 767}, {1376, 768}, {1365, 767}, {0, 0, {1365, 767}}},
+        {{1280, 720}, {1280, 736}, {1280, 736}, {0, 0, {1280, 720}}},
+        {{1366, 768}, {1376, 768}, {1360, 768}, {0, 2, {1360, 764}}},
+        {{1366, 768}, {1280, 736}, {1280, 720}, {0, 0, {1280, 720}}},
+        {{640, 480}, {1280, 736}, {1280, 720}, {160, 0, {960, 720}}},
+        {{1280, 1024}, {1920, 1088}, {1920, 1080}, {284, 0, {1350, 1080}}},
+        {{720, 1280}, {640, 480}, {640, 480}, {184, 0, {270, 480}}},
+        {{8000, 16}, {64, 64}, {50, 50}, {0, 24, {50, 2}}},
+        {{7680, 4320}, {1920, 1088}, {1920, 1080}, {0, 0, {1920, 1080}}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(place_display(c.display, c.out, c.visible), c.placed) << "case " << &c - cases;
+}
+
+// Catches drift, bursts after a pause, and pictures that are counted twice or not at all.
+TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
+{
+    const CaptureSchedule::Time start{};
+    CaptureSchedule schedule(start, 30);
+    EXPECT_EQ(schedule.due(), start);
+    schedule.advance();
+    EXPECT_EQ(schedule.due() - start, 33'333'333ns);
+    EXPECT_EQ(schedule.pass_over_late(start + 66'000'000ns), 0u) << "late by less than an interval";
+    EXPECT_EQ(schedule.pass_over_late(start + 250'000'000ns), 6u);
+    EXPECT_EQ(schedule.number(), 7u);
+    EXPECT_EQ(schedule.pass_over_late(start + 24h), 24 * 3600 * 30 - 7u);
+    EXPECT_EQ(schedule.due() - start, 24h);
+}
+
+// Catches a queue that grows behind a slow callback, drops that the statistics do not show, times that are
+// off the rate's grid, and a record of statistics that is filled past the size its reader knows.
+TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
+{
+    ASSERT_EQ(start(640, 480, 60), ZU_OK);
+    uint64_t due = 0, late = 0, captured = 0;
+    look([&](const Frame&) {
+        due = due_time_of_picture_in_callback().value();
+        late = counters().pictures_dropped_late;
+        captured = counters().pictures_captured;
+        std::this_thread::sleep_for(170ms); // what the library does to it when the encoder is busy
+    });
+    look([&](const Frame&) {
+        late = counters().pictures_dropped_late - late;
+        captured = counters().pictures_captured - captured;
+        EXPECT_GE(late, 7u);
+        const uint64_t now_due = due_time_of_picture_in_callback().value();
+        EXPECT_NEAR(static_cast<double>(now_due - due), static_cast<double>(late + captured) * 1e6 / 60, 1.0);
+        EXPECT_LE(now_due, static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / 1us));
+    });
+    EXPECT_FALSE(due_time_of_picture_in_callback()) << "on another thread";
+    EXPECT_EQ(ZU_CAP_Close(handle), ZU_OK);
+    zu3_host_statistics_t told{}, begun{};
+    EXPECT_EQ(zu3_host_statistics(&told, sizeof told + 100), sizeof told);
+    EXPECT_EQ(told.pictures_due, told.pictures_captured + told.pictures_dropped_late +
+                                     told.pictures_dropped_no_buffer + told.pictures_dropped_no_display);
+    EXPECT_EQ(told.pictures_dropped_late, counters().pictures_dropped_late);
+    EXPECT_EQ(zu3_host_statistics(&begun, 8), sizeof told);
+    EXPECT_EQ(begun.pictures_due, told.pictures_due);
+    EXPECT_EQ(begun.pictures_captured, 0u);
+}
+
+// Catches pictures that are overwritten while the encoder reads them.
+TEST_F(TestCardCapture, LeavesLeasedPicturesAlone)
+{
+    constexpr auto layout = PictureLayout::of(320, 240);
+    const DeviceBlock region(3 * layout.picture_bytes() + 2 * picture_alignment);
+    ASSERT_EQ(start(layout.stride, layout.lines, 200, region), ZU_OK);
+    std::vector<std::pair<uint8_t*, std::vector<uint8_t>>> leased; // and what they show, which moves
+    for (int i = 0; i < 3; ++i)
+        look([&](const Frame& frame) {
+            uint8_t* const picture = region.virt + (frame.phyYAddr - region.phys);
+            leased.emplace_back(picture, std::vector(picture, picture + layout.picture_bytes()));
+            lease_picture(picture);
+        });
+    const uint64_t dropped = counters().pictures_dropped_no_buffer;
+    EXPECT_TRUE(wait_until([&] { return counters().pictures_dropped_no_buffer > dropped + 3; }));
+    for (const auto& [picture, shown] : leased)
+        EXPECT_TRUE(std::equal(shown.begin(), shown.end(), picture));
+    return_picture(leased[1].first);
+    look([&](const Frame& frame) {
+        EXPECT_EQ(region.virt + (frame.phyYAddr - region.phys), leased[1].first);
+    });
+    EXPECT_EQ(ZU_CAP_Close(handle), ZU_OK);
+    return_picture(leased[0].first);
+    return_picture(leased[2].first);
+    for (const auto& [picture, shown] : leased)
+        EXPECT_FALSE(picture_is_leased(picture)) << "a lease is left";
+}
+
+// Catches a stop that waits for a callback which waits for the one who stops, and callbacks after a close.
+TEST_F(TestCardCapture, StopsWhileACallbackIsHeld)
+{
+    for (int round = 0; round < 2; ++round) { // a start after it works again
+        std::promise<void> held;
+        ASSERT_EQ(start(320, 256, 100), ZU_OK);
+        EXPECT_NE(start(320, 256, 100), ZU_OK) << "started twice";
+        auto stopped = std::async(std::launch::async, [&] {
+            held.get_future().wait_for(20s);
+            return ZU_CAP_CaptureStop(handle);
+        });
+        look([&](const Frame&) {
+            EXPECT_NE(ZU_CAP_Close(handle), ZU_OK) << "a thread cannot join itself";
+            held.set_value();
+            EXPECT_EQ(stopped.wait_for(20s), std::future_status::ready);
+        });
+        EXPECT_EQ(stopped.get(), ZU_OK);
+    }
+}
+
+// Catches writes past a buffer that a caller sized too small, and sizes that overflow.
+TEST_F(TestCardCapture, RefusesImpossibleStills)
+{
+    const DeviceBlock memory(65536);
+    const struct {
+        uint32_t format;
+        PictureSize size;
+        uint32_t pitch, bytes;
+        bool possible;
+    } cases[] = {
+        {E_ZU_CAP_FORMAT_BGRA, {100, 100}, 400, 40000, true},
+        {E_ZU_CAP_FORMAT_BGRA, {100, 100}, 400, 39999, false},
+        {E_ZU_CAP_FORMAT_BGRA, {100, 100}, 399, 40000, false},
+        {E_ZU_CAP_FORMAT_BGRA, {128, 129}, 512, 1u << 20, false},
+        {E_ZU_CAP_FORMAT_YUYV, {101, 99}, 202, 202 * 99, true},
+        {E_ZU_CAP_FORMAT_RGB565, {101, 99}, 202, 202 * 99, true},
+        {E_ZU_CAP_FORMAT_NV12, {101, 99}, 151, 151 * 99, true},
+        {E_ZU_CAP_FORMAT_NV12, {101, 99}, 151, 151 * 99 - 1, false},
+        {3, {100, 100}, 400, 65536, false},
+        {E_ZU_CAP_FORMAT_BGRA, {0, 100}, 400, 65536, false},
+        {E_ZU_CAP_FORMAT_BGRA, {0x40000001, 1}, 4, 65536, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::memset(memory.virt, 0xAB, memory.size);
+        ZU_CAP_CaptureParams_t params{};
+        params.stOutput.u32OutWidth = c.size.width;
+        params.stOutput.u32OutHeight = c.size.height;
+        params.stOutput.u32OutSize = c.bytes;
+        params.stOutput.eOutFormat = c.format;
+        params.stOutput.u32Pitch = c.pitch;
+        params.stOutput.u64PhyAddr = memory.phys;
+        ZU_CAP_FrameInfo_t frame{};
+        ASSERT_EQ(ZU_CAP_CaptureOne(handle, &params, &frame) == ZU_OK, c.possible);
+        if (c.possible) {
+            EXPECT_EQ(ZU_CAP_ProcessBufDone(handle, frame.u32BufIndex), ZU_OK);
+            EXPECT_NE(memory.virt[0], 0xAB);
+        }
+        EXPECT_NE(ZU_CAP_ProcessBufDone(handle, frame.u32BufIndex), ZU_OK) << "given back twice";
+        EXPECT_TRUE(std::all_of(memory.virt + (c.possible ? c.bytes : 0), memory.virt + memory.size,
+                                [](uint8_t each) { return each == 0xAB; }));
+    }
+}
+
+} // namespace

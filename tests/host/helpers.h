@@ -1,0 +1,35 @@
+#pragma once
+
+#include "memory/device_memory.h"
+
+#include <chrono>
+#include <thread>
+
+namespace zu3host {
+
+using namespace std::chrono_literals;
+
+/** Waits until a condition holds; false when it does not in time. A sanitizer on a busy machine is slow. */
+template <typename Condition> bool wait_until(Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+/** Device memory that a test owns. */
+struct DeviceBlock : MemoryBlock {
+    explicit DeviceBlock(size_t bytes)
+        : MemoryBlock(allocate_block("test", static_cast<uint32_t>(bytes)).value())
+    {
+    }
+    ~DeviceBlock() { free_block(phys); }
+    DeviceBlock(const DeviceBlock&) = delete;
+    DeviceBlock& operator=(const DeviceBlock&) = delete;
+};
+
+} // namespace zu3host
