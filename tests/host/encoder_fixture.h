@@ -3,6 +3,7 @@
 #include "capture/picture_leases.h"
 #include "capture/picture_time_scope.h"
 #include "common/picture_layout.h"
+#include "encoder/input_memory.h"
 #include "encoder/open_encoders.h"
 #include "encoder/rate_ceiling.h"
 #include "helpers.h"
@@ -164,7 +165,7 @@ public:
         receiver.block(true);
         ASSERT_EQ(feed(0), ZU_OK);
         ASSERT_TRUE(wait_until([&] { return receiver.is_held(); }));
-        for (uint32_t number = 1; number <= 4; ++number)
+        for (uint32_t number = 1; number <= LentBuffers::count; ++number)
             ASSERT_EQ(feed(number), ZU_OK);
     }
 

@@ -132,7 +132,7 @@ TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
     ASSERT_EQ(encoder.inject(start), ZU_OK);
     ASSERT_TRUE(wait_until([&] { return encoder.receiver.is_held(); }));
     EXPECT_FALSE(picture_is_leased(start)); // encoded: x264 no longer needs it while its frame is handed out
-    for (uint32_t number = 1; number <= 4; ++number)
+    for (uint32_t number = 1; number <= LentBuffers::count; ++number)
         EXPECT_EQ(encoder.inject(start + number * bytes / 2), ZU_OK);
     EXPECT_EQ(encoder.inject(start), ZU_BUSY); // the queue is full
     EXPECT_FALSE(picture_is_leased(start));
@@ -151,9 +151,9 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(encoder.stop(), ZU_OK);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s); // far below the deadline of a blocked callback
-    EXPECT_EQ(counters().pictures_refused, refused + 4);
+    EXPECT_EQ(counters().pictures_refused, refused + LentBuffers::count);
     EXPECT_EQ(encoder.feed(5), ZU_FAILURE);
-    EXPECT_EQ(counters().pictures_refused, refused + 5);
+    EXPECT_EQ(counters().pictures_refused, refused + LentBuffers::count + 1);
     encoder.receiver.block(false);
     encoder.start();
     ASSERT_EQ(encoder.feed(6), ZU_OK);

@@ -11,7 +11,7 @@ namespace zu3host {
 namespace {
 
 // An encoder may read as many as it lends buffers, out of the capture's memory, while one is written.
-constexpr uint32_t own_slots = 5;
+constexpr uint32_t own_slots = 9;
 
 constexpr size_t aligned(size_t bytes)
 {

@@ -15,12 +15,16 @@ namespace zu3host {
 
 /**
  * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a time. Within
- * a capture's callback that is the captured picture itself, so that nothing is copied and the picture needs no
- * second place; otherwise memory of the encoder's own, made when it is first needed. Not thread-safe.
+ * a capture's callback that is the captured picture itself, so that nothing is copied and the picture needs
+ * no second place; otherwise memory of the encoder's own, made when it is first needed. Not thread-safe.
  */
 class LentBuffers {
 public:
-    static constexpr size_t count = 4;
+    /**
+     * A busy machine may leave an encoder without a core for a quarter of a second, eight pictures at 30 per
+     * second. Only buffers that are needed take memory.
+     */
+    static constexpr size_t count = 8;
 
     explicit LentBuffers(PictureLayout layout) : layout_(layout) {}
     ~LentBuffers();
