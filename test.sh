@@ -59,11 +59,15 @@ finish_tests() {
     running=
 }
 
-scripts/install_dependencies.sh build display test
+scripts/install_dependencies.sh build
+# What only the tests and the other presets need is fetched while the first one is built.
+scripts/install_dependencies.sh display test &
+installing=$!
 presets="release asan tsan armhf clang armhf-clang"
 for preset in $presets; do
     built=true
     build "$preset" || built=false
+    [ "$preset" != release ] || wait "$installing"
     finish_tests
     if ! $built; then
         failed="$failed $preset(build)"
