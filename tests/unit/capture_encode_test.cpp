@@ -38,7 +38,10 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
          "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
          "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1)=0 h=0x21",
          "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
+    task(0, VENC).u32InBufIndex = task(0, VENC).u32LastInBufIndex = 7; // as an earlier run leaves them
     ASSERT_EQ(video_capenc_start(5), 0);
+    EXPECT_EQ(task(0, VENC).u32InBufIndex, 0u);
+    EXPECT_EQ(task(0, VENC).u32LastInBufIndex, 0u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_CAP_CaptureStart(0x11, path=0 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
                   "fd=-1 virt=0 phys=0x0)=0",
