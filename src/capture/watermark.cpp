@@ -19,6 +19,8 @@ namespace {
 
 /** The reference that keeps the worker; control calls only. Released when the library is unloaded. */
 sp<SrGlWorker> _spSrGlWorker;
+/** A worker that a callback had not left when it was to be released; goes with a later release. */
+sp<SrGlWorker> _spBusyWorker;
 /** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
  * release. */
 CrossThread<SrGlWorker*> _pPublishedWorker;
@@ -68,7 +70,7 @@ bool IsInInjectBuffer(u64 u64PhyAddr)
     return u64Start <= u64PhyAddr && u64PhyAddr < u64End;
 }
 
-android::qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame)
+android::qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = _astSlotCtrl[0].stSrcInfo;
     android::qrl_native_buffer_t stBuffer = {};
@@ -80,8 +82,8 @@ android::qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame)
     stBuffer.pitch = stSrcInfo.u32Width;
     stBuffer.addr = reinterpret_cast<void*>(static_cast<uintptr_t>(_stEntireInjectBuf.u32VirtAddr.Get()));
     stBuffer.phys = _stInjectBufInfo.u64StartPhyAddr;
-    stBuffer.fd[0] = _stInjectBufFd.s32Fd;
-    stBuffer.fd[1] = stBuffer.fd[0];
+    stBuffer.fd[0] = s32Fd;
+    stBuffer.fd[1] = s32Fd;
     stBuffer.offset[0] = static_cast<u32>(stFrame.phyYAddr - stBuffer.phys);
     stBuffer.offset[1] = static_cast<u32>(stFrame.phyCAddr - stBuffer.phys);
     return stBuffer;
@@ -128,22 +130,33 @@ bool _SCREENRECORD_PrepareWatermark()
 
 void _SCREENRECORD_ReleaseWatermark()
 {
-    if (!_spSrGlWorker)
+    if (!_spSrGlWorker && !_spBusyWorker)
         return;
     _pPublishedWorker = nullptr;
+    bool bLeft = true;
     for (SCREENRECORD_SlotCtrl_s& stSlot : _astSlotCtrl)
-        stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VCAP].callbackGate.Drain();
-    _spSrGlWorker->reset();
-    _spSrGlWorker.clear();
+        bLeft &= stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VCAP].callbackGate.Drain();
+    if (!bLeft) {
+        if (_spSrGlWorker)
+            _spBusyWorker = _spSrGlWorker;
+        _spSrGlWorker.clear();
+        return;
+    }
+    for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker})
+        if (*pspWorker) {
+            (*pspWorker)->reset();
+            pspWorker->clear();
+        }
 }
 
 void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
 {
     SrGlWorker* pWorker = _pPublishedWorker;
-    if (pWorker == nullptr || _stInjectBufFd.s32Fd < 1 || !IsInInjectBuffer(stFrame.phyYAddr) ||
+    const s32 s32Fd = _stInjectBufFd.s32Fd;
+    if (pWorker == nullptr || s32Fd < 1 || !IsInInjectBuffer(stFrame.phyYAddr) ||
         !IsInInjectBuffer(stFrame.phyCAddr))
         return;
-    const android::qrl_native_buffer_t stBuffer = DescribePicture(stFrame);
+    const android::qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
     SR_LOG_AS(
         ANDROID_LOG_DEBUG, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
         "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "

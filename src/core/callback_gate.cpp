@@ -27,12 +27,24 @@ void CallbackGate::Leave(u32 u32Ticket)
     m_left.notify_all();
 }
 
-void CallbackGate::Drain()
+bool CallbackGate::AwaitEmpty(std::unique_lock<std::mutex>& lock, u32 u32Parity,
+                              std::chrono::steady_clock::time_point deadline)
 {
-    const u32 u32Old = m_u32Epoch.fetch_add(1) & 1;
+    return m_left.wait_until(lock, deadline, [&] { return m_au32Inside[u32Parity].load() == 0; });
+}
+
+bool CallbackGate::Drain()
+{
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(SCREENRECORD_LOCK_TIMEOUT_MS);
     std::unique_lock<std::mutex> lock(m_mutex);
-    const bool bEmpty = m_left.wait_for(lock, std::chrono::milliseconds(SCREENRECORD_LOCK_TIMEOUT_MS),
-                                        [&] { return m_au32Inside[u32Old].load() == 0; });
-    if (!bEmpty)
-        SR_LOGE("A callback has not returned after %d ms\n", SCREENRECORD_LOCK_TIMEOUT_MS);
+    const u32 u32Current = m_u32Epoch.load() & 1;
+    // Who outstayed an earlier drain is counted under the other parity, which the next epoch takes over.
+    if (AwaitEmpty(lock, u32Current ^ 1, deadline)) {
+        m_u32Epoch.fetch_add(1);
+        if (AwaitEmpty(lock, u32Current, deadline))
+            return true;
+    }
+    SR_LOGE("A callback has not returned after %d ms\n", SCREENRECORD_LOCK_TIMEOUT_MS);
+    return false;
 }

@@ -2,6 +2,7 @@
 #define SCREENRECORD_CORE_CALLBACK_GATE_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <zu3/types.h>
@@ -23,11 +24,16 @@ public:
     /** Counts the calling thread in; what it returns goes back into Leave. */
     u32 Enter();
     void Leave(u32 u32Ticket);
-    /** Waits, up to 5000 ms, until every thread that entered before this call has left. One drain at a time.
+    /**
+     * Waits, up to 5000 ms, until every thread that entered before this call has left. One drain at a time.
+     * @return false, which is logged, when one has not
      */
-    void Drain();
+    bool Drain();
 
 private:
+    bool AwaitEmpty(std::unique_lock<std::mutex>& lock, u32 u32Parity,
+                    std::chrono::steady_clock::time_point deadline);
+
     std::atomic<u32> m_u32Epoch{0};
     std::atomic<u32> m_au32Inside[2] = {0, 0};
     std::mutex m_mutex;

@@ -58,6 +58,20 @@ void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCalle
                     "Failed to _SCREENRECORD_CloseTsmux()");
 }
 
+/** Gives back the inject buffer's descriptor, whichever slot's encoder is closed, once no picture is drawn by
+ * it. */
+void PutInjectDescriptor(SCREENRECORD_Caller_s stCaller)
+{
+    const s32 s32Fd = _stInjectBufFd.s32Fd.Exchange(SCREENRECORD_NO_ID);
+    if (s32Fd < 0)
+        return;
+    _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC)->callbackGate.Drain();
+    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = _stInjectBufFd.u64PhyAddr, .s32Fd = s32Fd, .u32Reserved = 0};
+    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &stFd) != ZU_OK)
+        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s put buffer fd failed, fd:%d, physic: 0x%llx",
+                  stCaller.pName, s32Fd, static_cast<unsigned long long>(stFd.u64PhyAddr));
+}
+
 } // namespace
 
 u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask)
@@ -110,14 +124,7 @@ u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask)
         return ZU_INVALID_ARGUMENT;
     StopBeforeClose(pstTask, SR_HERE);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
-    const s32 s32Fd = _stInjectBufFd.s32Fd;
-    if (s32Fd >= 0) {
-        ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = _stInjectBufFd.u64PhyAddr, .s32Fd = s32Fd, .u32Reserved = 0};
-        if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &stFd) != ZU_OK)
-            SR_LOGD("%s put buffer fd failed, fd:%d, physic: 0x%llx", __func__, s32Fd,
-                    static_cast<unsigned long long>(stFd.u64PhyAddr));
-        _stInjectBufFd.s32Fd = SCREENRECORD_NO_ID;
-    }
+    PutInjectDescriptor(SR_HERE);
     if (u32Handle != 0 && ZU_VENC_Close(u32Handle) != ZU_OK)
         SR_LOGE("ZU_VENC_Close Failed\n");
     return ZU_OK;

@@ -10,20 +10,22 @@ enum {
     ENCODER_BUSY_MS = 100,
 };
 
-/** Fills one encoder input buffer from the source file. False at the end of the file. */
-bool FeedEncoder(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
+enum class Feeding { DONE, ENCODER_BUSY, END_OF_FILE };
+
+/** Fills one encoder input buffer from the source file; a close of the encoder waits until it is done. */
+Feeding FillInputBuffer(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
 {
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(run.SlotId(), E_SCREENRECORD_MODULE_VENC);
+    const GatePass pass(pstVenc->callbackGate);
+    const u32 u32Venc = pstVenc->u32Handle;
     ZU_VENC_InputBuffer_t stBuffer = {};
-    if (ZU_VENC_QueryBuffer(pstVenc->u32Handle, &stBuffer) != ZU_OK || stBuffer.pu8Data == nullptr ||
-        stBuffer.u32DataSize == 0) {
-        ZU_OS_DelayTask(ENCODER_BUSY_MS);
-        return true;
-    }
+    if (u32Venc == 0 || ZU_VENC_QueryBuffer(u32Venc, &stBuffer) != ZU_OK || stBuffer.pu8Data == nullptr ||
+        stBuffer.u32DataSize == 0)
+        return Feeding::ENCODER_BUSY;
     const s32 s32Read = ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
     if (s32Read <= 0) {
         SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Read end of file!\n");
-        return false;
+        return Feeding::END_OF_FILE;
     }
     SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Read data Size: %d\n", s32Read);
 
@@ -31,11 +33,20 @@ bool FeedEncoder(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
     pstVenc->u32InBufIndex = u32Index;
     stBuffer.u32InBufIndex = u32Index;
     stBuffer.u64Pts = static_cast<u64>(systemTime(SYSTEM_TIME_MONOTONIC) / 1000);
-    if (ZU_VENC_WriteBufferComplete(pstVenc->u32Handle, &stBuffer) != ZU_OK) {
+    if (ZU_VENC_WriteBufferComplete(u32Venc, &stBuffer) != ZU_OK) {
         SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Failed to ZU_VENC_WriteBufferComplete(...)!\n");
-        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+        return Feeding::ENCODER_BUSY;
     }
-    return true;
+    return Feeding::DONE;
+}
+
+/** One pass of the reader. False at the end of the file. */
+bool FeedEncoder(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
+{
+    const Feeding feeding = FillInputBuffer(run, stCaller);
+    if (feeding == Feeding::ENCODER_BUSY)
+        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+    return feeding != Feeding::END_OF_FILE;
 }
 
 } // namespace

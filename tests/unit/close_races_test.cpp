@@ -1,4 +1,8 @@
 /** The middleware's threads against a close: once it has returned, nothing late touches anything. */
+#include <thread>
+
+#include <srglworker/SrGlWorker.h>
+
 #include "library_test.h"
 
 namespace {
@@ -90,6 +94,80 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
         SCREENRECORD_DeInit();
         EXPECT_CALLS(mw.ledger_problems(), {});
     }
+}
+
+/** Capture-encode, opened in vain over a recording from a file, closes that recording's encoder. */
+TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
+{
+    mw.add_file("film.ts", Bytes(100000));
+    ASSERT_TRUE(steps::record(0, "film.ts"));
+    ASSERT_FALSE(steps::capture_encode());
+    middleware::Gate held;
+    std::atomic<bool> completed = false;
+    mw.inside("ZU_FS_Fread", [&] { held.wait(); });
+    mw.inside("ZU_VENC_WriteBufferComplete", [&] { completed = true; });
+    const std::future<u32> time = mw.fire_on_thread([&] {
+        ZU_OS_DelayTask(1000); // the reader's next pass
+        return 0u;
+    });
+    ASSERT_TRUE(held.wait_for_arrival());
+    mw.inside("ZU_VENC_Close", [&] { EXPECT_TRUE(completed); });
+    const std::future<void> release = std::async(std::launch::async, [&] {
+        while (task(0, VENC).s32MutexId != -1) // the close waits from then on
+            std::this_thread::yield();
+        held.open();
+    });
+    EXPECT_EQ(video_capenc_close(), 0);
+    EXPECT_TRUE(completed);
+}
+
+/** The descriptor goes with any encoder, also with one that the pictures do not go to. */
+TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
+{
+    mw.settings.first_fd = 1;
+    const middleware::InjectBuffer inject = mw.offer_inject_buffer(0x80000);
+    mw.add_file("film.ts", Bytes(100000));
+    ASSERT_TRUE(SCREENRECORD_Init() && steps::capture_encode());
+    ASSERT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
+    ASSERT_TRUE(steps::open(1) && steps::set_video(1, "film.ts"));
+    middleware::Gate held;
+    std::atomic<bool> given_back = false;
+    mw.inside("SrGlWorker::render", [&] { held.wait(); });
+    mw.inside("ZU_CAP_ProcessBufDone", [&] { EXPECT_FALSE(given_back); });
+    mw.inside("ZU_OS_IommuOperation:PUT_BUFFD", [&] { given_back = true; });
+    std::future<u32> picture = mw.fire_on_thread(
+        [&] { return mw.fire_picture({.luma = inject.physical, .chroma = inject.physical}); });
+    ASSERT_TRUE(held.wait_for_arrival());
+    mw.inside("ZU_VENC_Stop", [&] { held.open(); });
+    EXPECT_EQ(steps::close(1), 1u);
+    picture.get();
+    EXPECT_TRUE(given_back);
+}
+
+/** A callback that does not come back in time: what it uses is left alone, and the next drain waits for it
+ * too. */
+TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
+{
+    const middleware::InjectBuffer inject = mw.offer_inject_buffer(0x80000);
+    mw.settings.first_fd = 1;
+    ASSERT_TRUE(steps::capture_encode());
+    ASSERT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
+    middleware::Gate held;
+    std::atomic<bool> returned = false;
+    mw.inside("SrGlWorker::render", [&] { held.wait(); });
+    mw.inside("ZU_CAP_ProcessBufDone", [&] { returned = true; });
+    std::future<u32> picture = mw.fire_on_thread(
+        [&] { return mw.fire_picture({.luma = inject.physical, .chroma = inject.physical}); });
+    ASSERT_TRUE(held.wait_for_arrival());
+    EXPECT_EQ(video_capenc_stop(), 0);
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 0) << "the callback is inside the worker";
+    mw.tolerate_problem("ZU_CAP_ProcessBufDone is called on dead");
+    mw.inside("ZU_CAP_Close", [&] { held.open(); });
+    mw.inside("ZU_VENC_Close", [&] { EXPECT_TRUE(returned); });
+    EXPECT_EQ(video_capenc_close(), 0);
+    picture.get();
+    EXPECT_EQ(video_capenc_stop(), 0);
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
 
 constexpr int limit_trials = runs_slowly ? 1000 : 10000;
