@@ -100,9 +100,10 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         return ZU_FAILURE;
     }
     pstTask->u32Handle = u32Handle;
-    // The pictures go to slot 0's encoder, and this one lends buffers: the inject buffer of an earlier
-    // capture-encode session went with its encoder.
-    if (pstSlot == &_astSlotCtrl[0])
+    // The pictures go to slot 0's encoder. If that is this one, which lends buffers, or is not open, the
+    // inject buffer of an earlier capture-encode session went with its encoder.
+    const u32 u32PictureEncoder = _astSlotCtrl[0].astTaskCtrl[E_SCREENRECORD_MODULE_VENC].u32Handle;
+    if (u32PictureEncoder == u32Handle || u32PictureEncoder == 0)
         _bUseEntireInjectBuf = 0;
     return ZU_OK;
 }

@@ -127,6 +127,20 @@ TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
     EXPECT_EQ(_stInjectBufFd.s32Fd, -1);
 }
 
+TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
+{
+    for (const u32 slot : {0u, 1u}) {
+        SCOPED_TRACE(slot);
+        ASSERT_TRUE(SCREENRECORD_Init());
+        open_to_inject();
+        video_capenc_close();
+        ASSERT_TRUE(steps::record_pictures(slot, 640, 480));
+        EXPECT_EQ(mw.last().capture.stOutput.u64VirtAddr, 0u);
+        steps::close(slot);
+        SCREENRECORD_DeInit();
+    }
+}
+
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
 {
     open_to_inject();

@@ -131,14 +131,14 @@ bool set_video_model(Model& m, const Choice& c)
         return false;
     if (c.flaw == 4 && m.capable) { // the encoder was opened before the source failed
         m.descriptor = false;       // whichever slot's encoder is closed
-        m.inject = m.inject && c.slot != 0;
+        m.inject = m.inject && c.slot != 0 && m.slots[0].open[VENC];
     }
     if (c.flaw != 0 || !m.capable) {
         m.close_slot(*slot);
         return false;
     }
     slot->open[VENC] = slot->open[c.variant % 2 ? VREADER : VCAP] = slot->video = true;
-    m.inject = m.inject && c.slot != 0;
+    m.inject = m.inject && c.slot != 0 && m.slots[0].open[VENC];
     return true;
 }
 
