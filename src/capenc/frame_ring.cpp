@@ -28,6 +28,8 @@ struct CapEnc_EsFrame {
 CapEnc_EsFrame _astEsFrameRing[RING_SIZE];
 u8 _u8EsReadIdx;
 CrossThread<u8> _u8EsWriteIdx;
+/** The frame that should follow the last one in the ring was lost: while it is set, so is _bWaitKeyFrame. */
+bool _bTailLost;
 
 /**
  * Guards the ring beside the encoder's middleware mutex, which exists only between start and stop: frames are
@@ -46,24 +48,27 @@ void LogDrop(SCREENRECORD_Caller_s stCaller, u64 u64Pts, u32 u32DataSize, u8 u8F
               static_cast<long long>(u64Pts), static_cast<int>(u32DataSize), u8FrameType);
 }
 
-void DropHead(SCREENRECORD_Caller_s stCaller)
+/** Drops a buffered frame, the oldest in a ring whose indices are in step. */
+void DropBuffered(CapEnc_EsFrame& stFrame, SCREENRECORD_Caller_s stCaller)
 {
-    CapEnc_EsFrame& stHead = _astEsFrameRing[_u8EsReadIdx];
-    LogDrop(stCaller, stHead.u64Pts, stHead.u32DataSize, stHead.u8FrameType);
-    stHead.bFilled = 0;
+    LogDrop(stCaller, stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
+    stFrame.bFilled = 0;
     _u8EsReadIdx = NextIndex(_u8EsReadIdx);
 }
 
-/** Drops frames up to the next key frame; without one, waits for the encoder to deliver it. */
+/**
+ * Drops frames up to the next key frame; without one, waits for the encoder to deliver it. So it does with
+ * one that was buffered before a loss: what comes next does not continue it.
+ */
 void _dropToNextKeyFrame_lock()
 {
     _bWaitKeyFrame = 1;
     while (_astEsFrameRing[_u8EsReadIdx].bFilled != 0) {
         if (_astEsFrameRing[_u8EsReadIdx].u8FrameType == E_ZU_VENC_FRAME_TYPE_KEY) {
-            _bWaitKeyFrame = 0;
+            _bWaitKeyFrame = _bTailLost;
             return;
         }
-        DropHead(SR_HERE);
+        DropBuffered(_astEsFrameRing[_u8EsReadIdx], SR_HERE);
     }
 }
 
@@ -93,15 +98,23 @@ bool NoteFirstPts(SCREENRECORD_TaskCtrl_s* pstVenc, u64 u64Pts, SCREENRECORD_Cal
     return true;
 }
 
+bool RingIsAllocated(SCREENRECORD_Caller_s stCaller)
+{
+    if (_astEsFrameRing[_u8EsWriteIdx].pu8Data != nullptr)
+        return true;
+    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Invalid frame data pointer!\n");
+    return false;
+}
+
 /** Makes room in a full ring, at the price of everything before its next key frame. */
 void MakeRoom(SCREENRECORD_Caller_s stCaller)
 {
-    const u8 u8WriteIdx = _u8EsWriteIdx;
-    if (_astEsFrameRing[u8WriteIdx].bFilled == 0)
+    CapEnc_EsFrame& stNext = _astEsFrameRing[_u8EsWriteIdx];
+    if (stNext.bFilled == 0)
         return;
     SR_LOG_AS(ANDROID_LOG_ERROR, stCaller,
               "write index overlap read index, will try to drop to next I frames");
-    DropHead(stCaller); // a full ring's write index is its read index
+    DropBuffered(stNext, stCaller);
     _dropToNextKeyFrame_lock();
 }
 
@@ -115,6 +128,7 @@ bool PassesKeyFrameWait(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_
         return false;
     }
     _bWaitKeyFrame = 0;
+    _bTailLost = false;
     SR_LOG_AS(
         ANDROID_LOG_DEBUG, stCaller, "found first I frame u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
         static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32DataSize), stFrame.u8FrameType);
@@ -143,6 +157,7 @@ void TakeIntoRing(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCa
         // loss.
         LogDrop(stCaller, stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         _bWaitKeyFrame = 1;
+        _bTailLost = true;
         return;
     }
     MakeRoom(stCaller);
@@ -181,6 +196,7 @@ void _SCREENRECORD_ResetRing()
     _u8EsReadIdx = 0;
     _u8EsWriteIdx = 0;
     _bWaitKeyFrame = 1;
+    _bTailLost = false;
 }
 
 bool _SCREENRECORD_AllocateRing()
@@ -213,15 +229,15 @@ u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameI
     u32 u32SlotId = 0;
     if (_SCREENRECORD_Handle2SlotId(stay, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
-    if (_astEsFrameRing[_u8EsWriteIdx].pu8Data == nullptr) {
-        SR_LOGE("Invalid frame data pointer!\n");
+    if (!RingIsAllocated(SR_HERE))
         return ZU_FAILURE;
-    }
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
     const MiddlewareLock lock(pstVenc->s32MutexId);
     if (!lock.MayProceed())
         return ZU_FAILURE;
     const std::lock_guard<std::mutex> ringLock(_ringMutex);
+    if (!RingIsAllocated(SR_HERE)) // a close that did not wait any longer for this callback
+        return ZU_FAILURE;
 
     if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc, SR_HERE))
         return *answer;

@@ -55,12 +55,13 @@ TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
         bool waits;         /**< for a key frame */
     };
     const Case cases[] = {
-        {"Abcd", "", true},     {"ABcd", "Bcd", false}, {"AbCd", "Cd", false}, {"AbcD", "D", false},
-        {"ABCd", "BCd", false}, {"ABCD", "BCD", false}, {"AbcdE", "E", false}, {"abC", "C", false},
-        {"Abc", "Abc", false},  {"AbcdeF", "F", false}, {"ABcde", "", true},   {"AbCde", "Cde", false},
-        {"", "", true},         {"AbcdEfgh", "", true}, {"Abc-?", "", true},   {"AbC-?", "C", false},
-        {"ABc-?", "Bc", false}, {"A-?", "", true},      {"A?", "A", false},    {"!bC", "C", false},
-        {"A!bc", "A", true},
+        {"Abcd", "", true},     {"ABcd", "Bcd", false},  {"AbCd", "Cd", false},    {"AbcD", "D", false},
+        {"ABCd", "BCd", false}, {"ABCD", "BCD", false},  {"AbcdE", "E", false},    {"abC", "C", false},
+        {"Abc", "Abc", false},  {"AbcdeF", "F", false},  {"ABcde", "", true},      {"AbCde", "Cde", false},
+        {"", "", true},         {"AbcdEfgh", "", true},  {"Abc-?", "", true},      {"AbC-?", "C", false},
+        {"ABc-?", "Bc", false}, {"A-?", "", true},       {"A?", "A", false},       {"!bC", "C", false},
+        {"A!bc", "A", true},    {"ABc!d", "Bc", true},   {"ABc!dE", "BcE", false}, {"A!?b", "A", true},
+        {"A!?bC", "AC", false}, {"A!C?d", "ACd", false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.script);
@@ -69,6 +70,20 @@ TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
         EXPECT_EQ(_bWaitKeyFrame, c.waits);
         EXPECT_EQ(take_all(), c.kept);
     }
+}
+
+/** A refused open sets the indices back while frames are still marked as filled. */
+TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
+{
+    play("A-B");
+    EXPECT_EQ(video_cap_close(), 0); // takes the capture out of the pipeline
+    EXPECT_FALSE(steps::capture_encode());
+    EXPECT_CALLS(errors(), {"E [video_capenc_open] Venc not closed,Please close venc!handle =21"});
+    play("Cd"); // C takes A's place, d finds B in its own
+    EXPECT_TRUE(_bWaitKeyFrame);
+    EXPECT_EQ(take_all(), "");
+    EXPECT_EQ(play("eF"), ZU_OK);
+    EXPECT_EQ(take_all(), "F");
 }
 
 TEST_F(FrameRing, TheFirstFrameHandedOutIsAKeyFrameAndSaysSo)
