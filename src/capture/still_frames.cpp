@@ -138,13 +138,15 @@ void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count
 void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_Buffer* pstBuffer)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;
+    u64 u64Pitch = 0;
+    video_cap_GetOutFmtPitch(stSrcInfo.eCapOutputFmt, stSrcInfo.u32Width, &u64Pitch);
     pstBuffer->fd[0] = stSlot.s32CapBufFd;
     pstBuffer->offset[0] = static_cast<u32>(u32Index * stSlot.u64CapFrameSize);
     pstBuffer->size[0] = stSlot.u64CapFrameSize;
     pstBuffer->planeCount = 1;
     pstBuffer->width = stSrcInfo.u32Width;
     pstBuffer->height = stSrcInfo.u32Height;
-    pstBuffer->pitch = stSlot.u32CapPitch;
+    pstBuffer->pitch = static_cast<u32>(u64Pitch);
     pstBuffer->format = stSrcInfo.eCapOutputFmt;
     if (stSrcInfo.eCapOutputFmt != E_CAP_OUTPUT_FMT_NV12)
         return;
@@ -153,7 +155,8 @@ void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_
     pstBuffer->size[0] = u64LumaSize;
     pstBuffer->fd[1] = stSlot.s32CapBufFd;
     pstBuffer->offset[1] = static_cast<u32>(pstBuffer->offset[0] + u64LumaSize);
-    pstBuffer->size[1] = u64LumaSize / 2;
+    // A line's share of chroma is rounded down with the pitch, so that the plane ends within its buffer.
+    pstBuffer->size[1] = (u64Pitch - stSrcInfo.u32Width) * stSrcInfo.u32Height;
 }
 
 ZU_CAP_CaptureParams_t StillParams(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, u32 u32CapFormat)

@@ -25,6 +25,8 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
         {640, 480, 1, 1280, 614400, "640x480@0 format=1 size=614400 pitch=1280"},
         {640, 480, 2, 2560, 1228800, "640x480@0 format=2 size=1228800 pitch=2560"},
         {1920, 1080, 3, 2880, 3112960, "1920x1080@0 format=5 size=3112960 pitch=2880"},
+        {1067, 1024, 3, 1600, 1638400,
+         "1067x1024@0 format=5 size=1638400 pitch=1600"}, // full to the last byte
         {1, 1, 2, 4, 4096, "1x1@0 format=2 size=4096 pitch=4"},
         {1024, 1, 2, 4096, 4096, "1024x1@0 format=2 size=4096 pitch=4096"},
         {1025, 1, 2, 4100, 8192, "1025x1@0 format=2 size=8192 pitch=4100"},
@@ -46,7 +48,8 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
             const u32 at = static_cast<u32>(i * c.frame_size);
             const Cap_Buffer packed = {{fd}, {at}, {c.frame_size}, 1, width, height, c.pitch, c.format, 0};
             const Cap_Buffer planes = {
-                {fd, fd}, {at, at + luma}, {luma, luma / 2}, 2, width, height, c.pitch, 3, 0};
+                {fd, fd}, {at, at + luma}, {luma, (c.pitch - width) * height}, 2, width, height, c.pitch, 3,
+                0};
             EXPECT_EQ(testing::PrintToString(buffers[i]),
                       testing::PrintToString(c.format == 3 ? planes : packed));
             ASSERT_EQ(video_cap_captureScreen(static_cast<s32>(i)), 0);
