@@ -14,7 +14,7 @@ namespace {
 u64 AlignUp(u32 u32Address, u32 u32Alignment)
 {
     const u64 u64Mask = u32Alignment != 0 ? u32Alignment - 1 : 0;
-    return (u32Address + u64Mask) & ~u64Mask;
+    return ((u32Address - 1ull) | u64Mask) + 1;
 }
 
 u32 StartCapture(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
