@@ -11,7 +11,10 @@
  *  - video_cap_*               single pictures of the screen, on slot 0
  *  - audio_cap_*               raw PCM of what the device plays, on slot 0
  *
- * Slot 0 serves one of them at a time: what is open refuses the others.
+ * Use slot 0 for one of them at a time, and close it before the next. The three last refuse to open a
+ * capture, encoder or audio capture that is open; a recording refuses a slot where something runs, but takes
+ * one where something is merely open for its own, and forgets it. The first SCREENRECORD_Init or
+ * startScreenRecord of a process begins with empty slots, whatever is open in them.
  *
  * Threads: every function may be called from any thread; control calls (open, configure, start, stop, close)
  * exclude one another inside the library. No function may be called from within a callback of the middleware.
@@ -55,7 +58,7 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_DeInit(void) SCREENRECORD_CXX_NAME("_Z
  * slot whose modules run is refused.
  * @param pu32Handle slot, 0 or 1
  * @param pu8DstName NUL-terminated file name, copied; "wifi" is refused
- * @return 1 on success, 0 on failure (the slot is closed)
+ * @return 1 on success, 0 on failure (refused and nothing changed, or the slot is closed)
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu8DstName)
     SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_OpenPjPh");
@@ -197,7 +200,8 @@ typedef struct CapEnc_EsInfo {
 /**
  * Opens the capture-encode pipeline on slot 0, whose capture and encoder must be closed.
  * @param params not NULL; width and height come back rounded
- * @return 0 on success, -1 on failure; after a failure video_capenc_close releases what is left
+ * @return 0 on success, -1 on failure. After a failure video_capenc_close releases what is left; when the
+ * failure was that the capture or the encoder was open already, they are another's, and it would close those.
  */
 SCREENRECORD_EXPORT int32_t video_capenc_open(CapEnc_OpenParams* params);
 
@@ -219,7 +223,7 @@ SCREENRECORD_EXPORT int32_t video_capenc_close(void);
 /** Drops captured pictures until video_capenc_resume. @return 0 */
 SCREENRECORD_EXPORT int32_t video_capenc_pause(void);
 
-/** Ends a pause; the next frame handed out is a key frame. @return 0 */
+/** Ends a pause; behind the frames that wait already, the next one is a key frame. @return 0 */
 SCREENRECORD_EXPORT int32_t video_capenc_resume(void);
 
 /** Changes the bit rate of the open encoder. @param u32BitRate bit/s @return 0, -1 without encoder or when
@@ -256,7 +260,7 @@ typedef struct Cap_OpenParams {
     uint32_t width;        /**< pixels, 0 = 640 */
     uint32_t height;       /**< lines, 0 = 480 */
     uint32_t colorfmt;     /**< Cap_OutputFmt_e */
-    uint32_t withosd;      /**< not 0 = with the on-screen-display layer */
+    uint32_t withosd;      /**< low byte not 0 = with the on-screen-display layer */
     int32_t buffer_number; /**< frame buffers, 1 or more */
 } Cap_OpenParams;
 
