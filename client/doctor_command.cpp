@@ -74,7 +74,7 @@ Finding examine_sound()
     if (!sources)
         return {Finding::Kind::limited,
                 "No sound server answers, so recordings are silent: start PulseAudio or PipeWire "
-                "('apt install pulseaudio', 'pulseaudio --start')."};
+                "('apt install pulseaudio', 'pulseaudio --start'; libpulse0 is needed as well)."};
     for (const SoundSource& source : *sources)
         if (source.recorded)
             return {Finding::Kind::good, "The sound of the desktop is heard through " + source.name + "."};

@@ -3,6 +3,7 @@
 #include <memory>
 #include <pulse/pulseaudio.h>
 
+#include "audio/pulse_library.h"
 #include "signals.h"
 
 namespace client {
@@ -73,6 +74,8 @@ void take_default_output(pa_context*, const pa_server_info* info, void* name)
 
 std::optional<std::vector<SoundSource>> list_sound_sources()
 {
+    if (!zu3host::load_pulse_library().empty())
+        return std::nullopt;
     SoundServer server(Clock::now() + std::chrono::seconds(3));
     std::vector<SoundSource> sources;
     std::string output;

@@ -16,7 +16,7 @@ struct SoundSource {
     bool recorded = false; /**< what recordings hear: the monitor of the default output */
 };
 
-/** The sources of the sound server; nothing when none answers within 3 s. */
+/** The sources of the sound server; nothing when none answers within 3 s, or libpulse is missing. */
 std::optional<std::vector<SoundSource>> list_sound_sources();
 
 } // namespace client

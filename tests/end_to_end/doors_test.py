@@ -121,6 +121,8 @@ class Hardening(unittest.TestCase):
                 for wanted in (r"Type: +DYN", "GNU_RELRO", r"\(FLAGS_1\).*\bNOW\b", r"GNU_STACK .* RW +0x"):
                     self.assertRegex(listing, wanted)
                 self.assertNotIn("TEXTREL", listing)
+                self.assertNotRegex(listing, r"RUNPATH.*(\[:|::|:\])", "an empty entry is the current folder")
+                self.assertNotIn("libpulse", listing, "loaded by whoever starts, with its two dozen libraries")
                 self.assertIn("__stack_chk_fail", needs)
                 if "SrGlWorker" not in name:  # which makes no call that could be
                     self.assertRegex(needs, r"__\w+_chk\b", "no call is fortified")

@@ -147,13 +147,18 @@ class SoundServers(ShortEndToEndTest):
         self.assertAlmostEqual(*(judges.packets(path, kind)[-1][0] for kind in ("v", "a")), delta=0.5)
 
     def test_no_server(self):
-        recording = self.client("record", "-s", "320x240", "-t", "2", "-o", "none.ts",
-                                environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "pulse"})
-        self.assert_exit(recording, 0)
-        self.assert_has_sound_and_picture(self.path("none.ts"))
-        said = [line for line in recording.errors().splitlines() if "sound" in line.lower()]
-        self.assertEqual(len(said), 1, recording.errors())
-        self.assertLess(max(map(abs, judges.decode_sound(self.path("none.ts")))), 4)
+        self.path("first").mkdir()
+        self.path("first/libpulse.so.0").touch()  # no library, and found before the system's
+        for missing, environment in {"server": {}, "library": {"LD_LIBRARY_PATH": str(self.path("first"))}}.items():
+            with self.subTest(missing):
+                recording = self.client("record", "-s", "320x240", "-t", "2", "-o", f"{missing}.ts",
+                                        environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "pulse", **environment})
+                self.assert_exit(recording, 0)
+                self.assert_has_sound_and_picture(self.path(f"{missing}.ts"))
+                said = [line for line in recording.errors().splitlines() if "sound" in line.lower()]
+                self.assertEqual(len(said), 1, recording.errors())
+                self.assertEqual("libpulse" in said[0], missing == "library", said)
+                self.assertLess(max(map(abs, judges.decode_sound(self.path(f"{missing}.ts")))), 4)
 
     def test_server_dies(self):
         server = self.start_sound()

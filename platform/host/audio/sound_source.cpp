@@ -1,5 +1,6 @@
 #include "audio/sound_source.h"
 
+#include "audio/pulse_library.h"
 #include "audio/pulse_source.h"
 #include "log/host_log.h"
 
@@ -68,11 +69,15 @@ std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
 {
     const char* const setting = std::getenv("ZU3_AUDIO");
     const std::string_view name = setting && *setting ? setting : "pulse";
-    if (name == "pulse")
+    const bool by_pulse = name == "pulse";
+    if (by_pulse && load_pulse_library().empty())
         return open_pulse_source(shared);
     if (name == "tone")
         return open_tone();
-    if (name != "silence")
+    if (by_pulse)
+        HOST_LOGW("No sound can be recorded (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
+                  load_pulse_library().c_str());
+    else if (name != "silence")
         HOST_LOGE(
             "ZU3_AUDIO=%.40s is no source of sound, there are pulse, tone and silence; silence is heard.",
             setting);
