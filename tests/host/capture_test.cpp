@@ -113,9 +113,11 @@ TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
     schedule.advance();
     EXPECT_EQ(schedule.due() - start, 33'333'333ns);
     EXPECT_EQ(schedule.pass_over_late(start + 66'000'000ns), 0u) << "late by less than an interval";
-    EXPECT_EQ(schedule.pass_over_late(start + 250'000'000ns), 6u);
-    EXPECT_EQ(schedule.number(), 7u);
-    EXPECT_EQ(schedule.pass_over_late(start + 24h), 24 * 3600 * 30 - 7u);
+    EXPECT_EQ(schedule.pass_over_late(start + 300'000'000ns), 0u) << "the first ones are caught up with";
+    EXPECT_EQ(schedule.pass_over_late(start + 301'000'000ns), 8u) << "but not by more than eight";
+    EXPECT_EQ(schedule.number(), 9u);
+    EXPECT_EQ(schedule.pass_over_late(start + 366'000'000ns), 1u);
+    EXPECT_EQ(schedule.pass_over_late(start + 24h), 24 * 3600 * 30 - 10u);
     EXPECT_EQ(schedule.due() - start, 24h);
 }
 

@@ -93,6 +93,19 @@ uint8_t* start_of(const ZU_VENC_EntireInjectBuf_t& region)
     return reinterpret_cast<uint8_t*>(uintptr_t{region.u32VirtAddr});
 }
 
+// Catches pictures that pile up while x264 touches its memory for the first time.
+TEST(EncoderInput, TakesTheFirstPicturesOneByOne)
+{
+    TestEncoder encoder(params_of(1280, 720));
+    encoder.start();
+    for (size_t number = 0; number < 5; ++number) {
+        const Buffer lent = encoder.lend();
+        EXPECT_EQ(encoder.receiver.frame_count(), number);
+        draw(lent.pu8Data, encoder.layout, static_cast<uint32_t>(number));
+        EXPECT_EQ(encoder.take(lent), ZU_OK);
+    }
+}
+
 // Catches a full queue that costs pictures at once although it is about to have room, copied or injected.
 TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
 {

@@ -7,7 +7,8 @@ namespace zu3host {
 
 /**
  * The moments at which pictures are due: start + n / rate, whatever happens in between, so that nothing
- * drifts. A picture that is more than one interval late is passed over.
+ * drifts. A picture that is more than one interval late is passed over, but for the first few: who takes them
+ * is slow until its memory has been touched once, and catches up.
  */
 class CaptureSchedule {
 public:
@@ -23,7 +24,8 @@ public:
     uint64_t pass_over_late(Time now)
     {
         const uint64_t before = number_;
-        if (moment(number_ + 1) < now) {
+        const bool may_catch_up = number_ < beginning && now <= moment(number_ + beginning);
+        if (moment(number_ + 1) < now && !may_catch_up) {
             const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
             // The newest that is due; the one before it may still be within its interval.
             number_ = static_cast<uint64_t>(elapsed / second) * rate_ +
@@ -38,6 +40,8 @@ public:
 
 private:
     static constexpr int64_t second = 1'000'000'000;
+    /** Pictures that are not passed over, and how many of them the last one taken may be behind. */
+    static constexpr uint64_t beginning = 8;
 
     Time moment(uint64_t number) const
     {

@@ -21,6 +21,9 @@ constexpr std::chrono::milliseconds time_to_drain{150};
 // meanwhile.
 constexpr std::chrono::milliseconds time_to_make_room{80};
 
+// Two or three times what the first picture takes on a slow machine; then it is as if it were warm.
+constexpr std::chrono::milliseconds time_to_get_warm{250};
+
 bool inject_is_allowed()
 {
     const char* wish = std::getenv("ZU3_INJECT");
@@ -103,6 +106,7 @@ uint32_t Encoder::close()
 uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
 {
     std::unique_lock lock(mutex_);
+    wait_until_warm(lock);
     wait_for_room(lock, [this] { return lent_.any_to_lend(); });
     if (!lent_.any_to_lend())
         return ZU_BUSY;
@@ -112,6 +116,14 @@ uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
     buffer.pu8Data = data;
     buffer.u32DataSize = static_cast<uint32_t>(settings_.layout.picture_bytes());
     return ZU_OK;
+}
+
+void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
+{
+    if (std::this_thread::get_id() != thread_id_)
+        changed_.wait_for(lock, time_to_get_warm, [this] {
+            return state_ != State::Running || cold_pictures_ == 0 || (queue_.empty() && !busy_);
+        });
 }
 
 template <typename HasRoom> void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)

@@ -96,6 +96,12 @@ private:
             std::unique_ptr<X264Encoder> x264);
 
     uint32_t admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer);
+    /**
+     * x264's first pictures take several times as long as later ones, since it touches its memory for the
+     * first time: until then pictures are taken one by one, so that none of them waits in memory that later
+     * is not needed. Waits, bounded.
+     */
+    void wait_until_warm(std::unique_lock<std::mutex>& lock);
     /** Waits, bounded, for room; no longer than pictures are taken, and not on the thread that makes room. */
     template <typename HasRoom> void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
     bool accepting() const { return state_ == State::Opened || state_ == State::Running; }
@@ -119,8 +125,9 @@ private:
     std::condition_variable changed_;
     State state_ = State::Opened;
     uint32_t handle_ = 0;
-    uint32_t session_ = 0; // counts starts: a frame of an earlier one is not handed out in a later one
-    bool busy_ = false;    // the thread is between a picture and the end of its callback
+    uint32_t session_ = 0;       // counts starts: a frame of an earlier one is not handed out in a later one
+    bool busy_ = false;          // the thread is between a picture and the end of its callback
+    uint32_t cold_pictures_ = 4; // still to be encoded until it is warm
     bool key_due_ = true;
     bool warned_of_address_ = false;
     bool warned_of_x264_ = false;

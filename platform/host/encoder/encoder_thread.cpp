@@ -72,6 +72,7 @@ std::optional<AccessUnit> Encoder::encode(const Work& work)
     encoded_serial_ = unit ? picture.serial : 0;
     const std::lock_guard lock(mutex_);
     give_back(work.picture);
+    cold_pictures_ -= cold_pictures_ != 0;
     changed_.notify_all();
     if (unit)
         return unit;
