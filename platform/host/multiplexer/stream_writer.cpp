@@ -11,10 +11,12 @@ namespace {
 constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
 /**
  * At a variable rate a reader takes the packets between two time references for evenly spread, however few
- * there are. Tables therefore follow straight behind a reference, at the latest one before 100 ms are over,
- * the packets' apparent places (two of three at most into the next 36 ms) included.
+ * there are. Tables therefore follow straight behind a reference: the first one after the period, or one that
+ * is written for them at its end. What is left of 100 ms is for the packets' apparent places, two of three at
+ * most into the next 36 ms.
  */
-constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(40);
+constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(60);
+constexpr uint64_t variable_rate_tables_limit = system_ticks_of_ms(75);
 /** Null packets would pay for the time at a constant rate anyway; a variable rate pays 188 bytes for each. */
 constexpr uint64_t constant_rate_time_period = system_ticks_of_ms(25);
 constexpr uint64_t variable_rate_time_period = system_ticks_of_ms(36);
@@ -69,11 +71,19 @@ void StreamWriter::write_tables()
     after_time_ = false;
     tables_due_ =
         clock_.now() + (clock_.constant_rate() ? constant_rate_tables_period : variable_rate_tables_period);
+    tables_limit_ = clock_.now() + variable_rate_tables_limit;
+}
+
+void StreamWriter::plan_next_time()
+{
+    time_due_ = clock_.now() + time_period();
+    if (!clock_.constant_rate() && clock_.now() < tables_limit_)
+        time_due_ = std::min(time_due_, tables_limit_);
 }
 
 void StreamWriter::write_time()
 {
-    time_due_ = clock_.now() + time_period();
+    plan_next_time();
     packets_.write_pcr(pictures_);
     after_time_ = true;
 }
@@ -154,7 +164,7 @@ void StreamWriter::write_picture(const PictureUnit& picture, uint64_t end, Sound
         const uint64_t next = clock_.now() + spacing;
         const bool with_time = pes.at_start() || time_due_ <= clock_.now() + time_period() / 2;
         if (with_time)
-            time_due_ = clock_.now() + time_period();
+            plan_next_time();
         packets_.write_pes(pes, pictures_, {with_time, pes.at_start() && picture.random_access});
         after_time_ = with_time;
         while (clock_.constant_rate() && write_due(queue, greatest_picture_packets(pes.left())))

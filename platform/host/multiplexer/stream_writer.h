@@ -59,6 +59,8 @@ private:
     bool write_due(SoundQueue* queue, size_t reserved);
     void write_tables();
     void write_tables_before_picture();
+    /** A time reference is being written; when is the next one due? */
+    void plan_next_time();
     void write_time();
     void write_sound(SoundQueue& queue);
     void step(uint64_t moment, SoundQueue* queue, size_t reserved);
@@ -76,6 +78,7 @@ private:
     PacketStream sound_ = {0, 0, 15};
     uint64_t sound_lead_ = 0;
     uint64_t tables_due_;
+    uint64_t tables_limit_ = 0; /**< at a variable rate: when a time reference is written for them */
     uint64_t time_due_;
     bool after_time_ = true; /**< whether the packet written last carries the time; tables go first of all */
 };
