@@ -92,7 +92,8 @@ class Copy:
     def passes(self):
         environment = dict(os.environ, RANDOM_CALLS="20000", RANDOM_CALLS_SEED="1")
         try:
-            tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast"]
+            tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast",
+                     "--gtest_filter=-*.WhoOutstaysADrain*"]  # 15 s of real time a mutant, for a line or two
             # A loop without an end shows in processor time, a task that waits for ever in the clock's, whose limit
             # is wide enough for a machine that does other things too.
             return subprocess.run(tests, env=environment, capture_output=True, timeout=240,
