@@ -15,6 +15,21 @@ protected:
         ASSERT_TRUE(steps::record(0));
     }
 
+    /** Starts capture-encode, and a picture on a thread of its own whose watermark is drawn until the gate
+     * opens. */
+    std::future<u32> draw_watermark(middleware::Gate& held)
+    {
+        mw.settings.first_fd = 1;
+        const u64 start = mw.offer_inject_buffer(0x80000).physical;
+        EXPECT_TRUE(steps::capture_encode());
+        EXPECT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
+        mw.inside("SrGlWorker::render", [&held] { held.wait(); });
+        auto picture =
+            mw.fire_on_thread([this, start] { return mw.fire_picture({.luma = start, .chroma = start}); });
+        EXPECT_TRUE(held.wait_for_arrival());
+        return picture;
+    }
+
     static constexpr u64 at = 0x5000;
 
 private:
@@ -124,20 +139,14 @@ TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
 /** The descriptor goes with any encoder, also with one that the pictures do not go to. */
 TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
 {
-    mw.settings.first_fd = 1;
-    const middleware::InjectBuffer inject = mw.offer_inject_buffer(0x80000);
     mw.add_file("film.ts", Bytes(100000));
-    ASSERT_TRUE(SCREENRECORD_Init() && steps::capture_encode());
-    ASSERT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
-    ASSERT_TRUE(steps::open(1) && steps::set_video(1, "film.ts"));
+    ASSERT_TRUE(SCREENRECORD_Init());
     middleware::Gate held;
     std::atomic<bool> given_back = false;
-    mw.inside("SrGlWorker::render", [&] { held.wait(); });
+    std::future<u32> picture = draw_watermark(held);
+    ASSERT_TRUE(steps::open(1) && steps::set_video(1, "film.ts"));
     mw.inside("ZU_CAP_ProcessBufDone", [&] { EXPECT_FALSE(given_back); });
     mw.inside("ZU_OS_IommuOperation:PUT_BUFFD", [&] { given_back = true; });
-    std::future<u32> picture = mw.fire_on_thread(
-        [&] { return mw.fire_picture({.luma = inject.physical, .chroma = inject.physical}); });
-    ASSERT_TRUE(held.wait_for_arrival());
     mw.inside("ZU_VENC_Stop", [&] { held.open(); });
     EXPECT_EQ(steps::close(1), 1u);
     picture.get();
@@ -150,17 +159,10 @@ TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
         GTEST_SKIP() << "three drains take 15 s of real time; once is enough";
-    const middleware::InjectBuffer inject = mw.offer_inject_buffer(0x80000);
-    mw.settings.first_fd = 1;
-    ASSERT_TRUE(steps::capture_encode());
-    ASSERT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
     middleware::Gate held;
     std::atomic<bool> returned = false;
-    mw.inside("SrGlWorker::render", [&] { held.wait(); });
+    std::future<u32> picture = draw_watermark(held);
     mw.inside("ZU_CAP_ProcessBufDone", [&] { returned = true; });
-    std::future<u32> picture = mw.fire_on_thread(
-        [&] { return mw.fire_picture({.luma = inject.physical, .chroma = inject.physical}); });
-    ASSERT_TRUE(held.wait_for_arrival());
     EXPECT_EQ(video_capenc_stop(), 0);
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 0) << "the callback is inside the worker";
     mw.tolerate_problem("ZU_CAP_ProcessBufDone is called on dead");
