@@ -150,6 +150,10 @@ TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
     EXPECT_EQ(video_capenc_start(0), -1) << "the worker exists, though it refused the watermark";
     EXPECT_NE(task(0, VCAP).u32Handle, 0u);
     EXPECT_EQ(task(0, VCAP).bRunning, 0);
+    mw.fail("ZU_CAP_CaptureStart");
+    EXPECT_EQ(video_capenc_start(0), -1);
+    EXPECT_EQ(task(0, VCAP).u32Handle, 0u);
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
 
 /** A capture stop that cannot be waited for must still not pull the worker away under a picture. */
