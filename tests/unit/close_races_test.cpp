@@ -115,12 +115,12 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
 TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
 {
     mw.add_file("film.ts", Bytes(100000));
-    ASSERT_TRUE(steps::record(0, "film.ts"));
-    ASSERT_FALSE(steps::capture_encode());
     middleware::Gate held;
     std::atomic<bool> completed = false;
-    mw.inside("ZU_FS_Fread", [&] { held.wait(); });
+    mw.inside("ZU_FS_Fread", [&] { held.wait(); }); // its first one, which may come at once
     mw.inside("ZU_VENC_WriteBufferComplete", [&] { completed = true; });
+    ASSERT_TRUE(steps::record(0, "film.ts"));
+    ASSERT_FALSE(steps::capture_encode());
     const std::future<u32> time = mw.fire_on_thread([&] {
         ZU_OS_DelayTask(1000); // the reader's next pass
         return 0u;
