@@ -96,7 +96,7 @@ uint8_t* start_of(const ZU_VENC_EntireInjectBuf_t& region)
 // Catches pictures that pile up while x264 touches its memory for the first time.
 TEST(EncoderInput, TakesTheFirstPicturesOneByOne)
 {
-    TestEncoder encoder(params_of(1280, 720));
+    TestEncoder encoder(params_of(640, 352));
     encoder.start();
     for (size_t number = 0; number < 4; ++number) {
         const Buffer lent = encoder.lend();
