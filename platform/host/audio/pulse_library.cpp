@@ -20,7 +20,7 @@ const Library& library()
     return loaded;
 }
 
-/** A function of the library; all that are called here have been in it since 2009. */
+/** A function of the library. Its callers have seen it loaded, and none of those named here is optional. */
 void* function(const char* name)
 {
     void* const found = library().handle ? dlsym(library().handle, name) : nullptr;
