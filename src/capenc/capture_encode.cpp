@@ -86,6 +86,7 @@ ZU_VENC_OpenParams_t EncoderParams(const CapEnc_OpenParams& stParams)
 /** Decides whether the capture writes into the encoder's buffer: that holds at least one picture then. */
 bool ChooseInjectMode(u32 u32Venc, const CapEnc_OpenParams& stParams)
 {
+    _bUseEntireInjectBuf = 0; // an earlier session's buffer is forgotten, whatever this encoder answers
     ZU_VENC_EntireInjectBuf_t stBuffer = {};
     const u32 u32Result = ZU_VENC_QueryEntireInjectBuffer(u32Venc, &stBuffer);
     _stEntireInjectBuf.u32VirtAddr = stBuffer.u32VirtAddr;

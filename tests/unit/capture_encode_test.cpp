@@ -141,6 +141,21 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
     }
 }
 
+TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
+{
+    open_to_inject();
+    video_capenc_close();
+    mw.fail("ZU_VENC_QueryEntireInjectBuffer");
+    ASSERT_EQ(open(), -1);
+    forget();
+    EXPECT_EQ(set_watermark(), -1);
+    EXPECT_CALLS(errors(), {"E video_capenc_setWatermark watermark flow is supported in external memory case "
+                            "only now"});
+    Cap_OpenParams stills = {640, 480, 0, 0, 1};
+    ASSERT_EQ(video_cap_open(&stills), 0);
+    EXPECT_EQ(video_capenc_start(0), 0); // rounds no address, since there is none
+}
+
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
 {
     open_to_inject();
