@@ -18,11 +18,6 @@ namespace {
 
 constexpr u32 DEFAULT_BITRATE = 0x100000; /**< bit/s */
 
-SCREENRECORD_TaskCtrl_s* CaptureTask()
-{
-    return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VCAP);
-}
-
 SCREENRECORD_TaskCtrl_s* EncoderTask()
 {
     return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
@@ -139,7 +134,7 @@ s32 AbandonStart()
 s32 video_capenc_open(CapEnc_OpenParams* params)
 {
     const ControlLock lock(_controlMutex);
-    SCREENRECORD_TaskCtrl_s* pstVcap = CaptureTask();
+    SCREENRECORD_TaskCtrl_s* pstVcap = _SCREENRECORD_CaptureTask();
     SCREENRECORD_TaskCtrl_s* pstVenc = EncoderTask();
     _SCREENRECORD_ReclaimRetiredWriter(0);
     if (pstVcap->u32Handle != 0) {
@@ -186,7 +181,7 @@ s32 video_capenc_start(s64 startTimeUs)
     const ControlLock lock(_controlMutex);
     if (!_SCREENRECORD_PrepareWatermark())
         return -1;
-    u32 u32Result = _SCREENRECORD_StartModule(CaptureTask(), 0);
+    u32 u32Result = _SCREENRECORD_StartModule(_SCREENRECORD_CaptureTask(), 0);
     if (u32Result != ZU_OK) {
         SR_LOGE("Error 0x%x: failed to Start Vcap\n", u32Result);
         return AbandonStart();
@@ -203,7 +198,7 @@ s32 video_capenc_start(s64 startTimeUs)
 s32 video_capenc_stop(void)
 {
     const ControlLock lock(_controlMutex);
-    if (_SCREENRECORD_StopModule(CaptureTask()) != ZU_OK) {
+    if (_SCREENRECORD_StopModule(_SCREENRECORD_CaptureTask()) != ZU_OK) {
         SR_LOGE("Stop VCAP Failed\n");
         return -1;
     }
@@ -218,7 +213,7 @@ s32 video_capenc_stop(void)
 s32 video_capenc_close(void)
 {
     const ControlLock lock(_controlMutex);
-    if (CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(CaptureTask()) != ZU_OK) {
+    if (_SCREENRECORD_CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(_SCREENRECORD_CaptureTask()) != ZU_OK) {
         SR_LOGE("Failed to CloseVcap()\n");
         return -1;
     }

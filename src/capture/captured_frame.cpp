@@ -11,8 +11,6 @@
 
 namespace {
 
-enum { ENCODER_BUSY_MS = 100 };
-
 /** Where a picture can be read, through whichever mapping there is; NULL when there is none. */
 u8* AddressOf(u64 u64PhyAddr)
 {
@@ -42,7 +40,7 @@ void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VEN
     stInput.bEntireInject = 0;
     const bool bLent = ZU_VENC_QueryBuffer(u32Venc, &stInput) == ZU_OK;
     if (!bLent || stInput.pu8Data == nullptr || stInput.u32DataSize == 0) {
-        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+        ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
         SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "venc query buffer is null\n");
     }
     // A failed query has lent nothing, whatever it left in the record.
@@ -135,7 +133,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
     StampPicture(pstVenc, s64Pts, stInput);
     if (ZU_VENC_WriteBufferComplete(u32Venc, &stInput) != ZU_OK) {
         SR_LOGE("Failed to ZU_VENC_WriteBufferComplete(...)!\n");
-        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+        ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
     }
     return 1;
 }

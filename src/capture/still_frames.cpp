@@ -12,11 +12,6 @@ namespace {
 
 constexpr u32 IOMMU_CPU_AND_CAPTURE = 3;
 
-SCREENRECORD_TaskCtrl_s* CaptureTask()
-{
-    return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VCAP);
-}
-
 /** Bytes per line of a public format; false for one that does not exist. */
 bool video_cap_GetOutFmtPitch(u32 u32Format, u32 u32Width, u64* pu64Pitch)
 {
@@ -181,7 +176,7 @@ s32 video_cap_open(Cap_OpenParams* params)
         SR_LOGE("Invalid param, buffer_number: %d", params->buffer_number);
         return -1;
     }
-    SCREENRECORD_TaskCtrl_s* pstTask = CaptureTask();
+    SCREENRECORD_TaskCtrl_s* pstTask = _SCREENRECORD_CaptureTask();
     if (pstTask->u32Handle != 0) {
         SR_LOGE(" Vcap not closed,Please close vcap!handle =%x\n", pstTask->u32Handle.Get());
         return -1;
@@ -245,7 +240,7 @@ s32 video_cap_captureScreen(s32 index)
         SR_LOGE("Invalid param, colorFmt: %d", static_cast<int>(stSlot.stSrcInfo.eCapOutputFmt));
         return -1;
     }
-    const u32 u32Handle = CaptureTask()->u32Handle;
+    const u32 u32Handle = _SCREENRECORD_CaptureTask()->u32Handle;
     if (stSlot.u64CapBufPhyAddr == 0 || u32Handle == 0) { // the count may be left from an earlier open
         SR_LOGE("No capture buffer, index: %u", static_cast<u32>(index));
         return -1;
@@ -276,7 +271,7 @@ s32 video_cap_close(void)
         stSlot.u64CapBufPhyAddr = 0;
         stSlot.s32CapBufFd = SCREENRECORD_NO_ID;
     }
-    if (CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(CaptureTask()) != ZU_OK) {
+    if (_SCREENRECORD_CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(_SCREENRECORD_CaptureTask()) != ZU_OK) {
         SR_LOGE("Failed to CloseVcap()\n");
         return -1;
     }

@@ -14,7 +14,10 @@
 #include "core/log.h"
 #include "core/middleware_mutex.h"
 
-enum { SCREENRECORD_SLOT_COUNT = 2 };
+enum {
+    SCREENRECORD_SLOT_COUNT = 2,
+    SCREENRECORD_ENCODER_BUSY_MS = 100, /**< the wait for an encoder that has no input buffer free */
+};
 
 /** A module of a slot: index of its record, and its bit in the two module masks. */
 enum SCREENRECORD_ZuModule_e : u32 {
@@ -137,6 +140,11 @@ extern CrossThread<u32> _u32RecordTime; /**< record-time limit in seconds, 0 = n
 inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_TaskOf(u32 u32SlotId, SCREENRECORD_ZuModule_e eModule)
 {
     return &_astSlotCtrl[u32SlotId].astTaskCtrl[eModule];
+}
+/** Slot 0's, which the capture-encode and still-frame interfaces capture with as well. */
+inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_CaptureTask(void)
+{
+    return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VCAP);
 }
 /** The slot that a module's record belongs to. */
 SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pstTask);

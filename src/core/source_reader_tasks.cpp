@@ -5,10 +5,7 @@
 
 namespace {
 
-enum {
-    READER_PASS_MS = 28,
-    ENCODER_BUSY_MS = 100,
-};
+enum { READER_PASS_MS = 28 };
 
 enum class Feeding { DONE, ENCODER_BUSY, END_OF_FILE };
 
@@ -45,7 +42,7 @@ bool FeedEncoder(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
 {
     const Feeding feeding = FillInputBuffer(run, stCaller);
     if (feeding == Feeding::ENCODER_BUSY)
-        ZU_OS_DelayTask(ENCODER_BUSY_MS);
+        ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
     return feeding != Feeding::END_OF_FILE;
 }
 
