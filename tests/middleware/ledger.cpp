@@ -30,8 +30,8 @@ std::vector<std::string> leftovers()
         add(module, " is left initialised");
     if (const int objects = renderer_objects_left())
         add("reference-counted objects are left: ", objects);
-    if (const size_t blocks = library_allocations_left())
-        add("heap blocks of the library are left: ", blocks);
+    if (const size_t count = library_allocations_left())
+        add("heap blocks of the library are left: ", count);
     return left;
 }
 

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr u64 luma = 0x500000;
 constexpr u32 width = 64, height = 64;
 constexpr u32 frame_size = width * height * 3 / 2;
 
@@ -20,7 +19,7 @@ protected:
     {
         LibraryTest::SetUp();
         std::iota(picture_.begin(), picture_.end(), u8{0});
-        mw.map_physical(luma, picture_.data(), static_cast<u32>(picture_.size()));
+        mw.map_physical(luma_address, picture_.data(), static_cast<u32>(picture_.size()));
         mw.settings.encoder_input_size = frame_size;
     }
 
@@ -44,7 +43,8 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
     forget();
     _bWaitKeyFrame = 0; // which an earlier capture-encode may have left
     mw.set_now_us(7'000'000);
-    EXPECT_EQ(mw.fire_picture({.buffer = 3, .luma = luma, .chroma = luma + width * height}), 1u);
+    EXPECT_EQ(mw.fire_picture({.buffer = 3, .luma = luma_address, .chroma = luma_address + width * height}),
+              1u);
     EXPECT_EQ(mw.last_encoder_input(), picture_);
     EXPECT_EQ(_au64InputPts[1], 7'000'000u);
     EXPECT_EQ(_u64LastPts, 7'000'000u);
@@ -53,7 +53,7 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
                   "ZU_CAP_ProcessBufDone(0x11, 3)=0",
                   "ZU_VENC_WriteBufferComplete(0x21, index=1 size=6144 pts=7000000 inject=0 key=0)=0"});
     for (int i = 0; i < 16; i++)
-        mw.fire_picture({.luma = luma});
+        mw.fire_picture({.luma = luma_address});
     EXPECT_EQ(venc().u32InBufIndex, 1u) << "sixteen pictures later";
 }
 
@@ -62,12 +62,12 @@ TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
     capture_encode(0);
     venc().u64StartTimeUs = 8'000'000;
     mw.set_now_us(7'999'999);
-    EXPECT_EQ(mw.fire_picture({.buffer = 1, .luma = luma}), 1u);
+    EXPECT_EQ(mw.fire_picture({.buffer = 1, .luma = luma_address}), 1u);
     EXPECT_EQ(mw.take_logs().back(),
               "D [_SCREENRECORD_Callback]Drop capture frame, pts(7999999) < startTimeUs(8000000)");
     mw.set_now_us(8'000'000);
     video_capenc_pause();
-    EXPECT_EQ(mw.fire_picture({.buffer = 2, .luma = luma}), 1u);
+    EXPECT_EQ(mw.fire_picture({.buffer = 2, .luma = luma_address}), 1u);
     EXPECT_EQ(mw.take_logs().back(),
               "D [_SCREENRECORD_Callback]Drop capture frame, pts(8000000), cause by pausing");
     video_capenc_resume();
@@ -78,7 +78,7 @@ TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
                  {"ZU_CAP_ProcessBufDone(0x11, 1)=0", "ZU_CAP_ProcessBufDone(0x11, 2)=0",
                   "ZU_CAP_ProcessBufDone(0x11, 3)=0"});
     EXPECT_EQ(venc().u32InBufIndex, 0u);
-    EXPECT_EQ(mw.fire_picture({.luma = luma}), 1u);
+    EXPECT_EQ(mw.fire_picture({.luma = luma_address}), 1u);
     const auto inputs = mw.encoder_inputs();
     ASSERT_EQ(inputs.size(), 1u) << "the start time itself is in time";
     EXPECT_EQ(inputs[0].bRequestIFrame, 1) << "after a pause as after an open";
@@ -100,7 +100,7 @@ TEST_F(CapturedFrame, WhatAFailingCallCosts)
         SCOPED_TRACE(c.call);
         const s64 before = mw.now_ms();
         mw.fail(c.call);
-        EXPECT_EQ(mw.fire_picture({.luma = luma}), c.answer);
+        EXPECT_EQ(mw.fire_picture({.luma = luma_address}), c.answer);
         EXPECT_EQ(mw.now_ms() - before, c.ms);
         index += c.stamped;
         EXPECT_EQ(venc().u32InBufIndex, index);
@@ -126,7 +126,7 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
 {
     for (const u32 inject : {0u, 4 * frame_size}) {
         capture_encode(inject);
-        const u64 at = inject ? inject_.physical : luma;
+        const u64 at = inject ? inject_.physical : luma_address;
         const middleware::AllocationWindow window;
         Bytes frame(video_capenc_getMaxEsSize());
         CapEnc_EsInfo info = {};

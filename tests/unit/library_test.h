@@ -40,6 +40,8 @@ constexpr bool copies_are_counted = true;
  */
 class LibraryTest : public middleware::MiddlewareTest {
 protected:
+    static constexpr u64 luma_address = 0x500000; /**< of a picture that a test maps there, physical */
+
     void SetUp() override
     {
         MiddlewareTest::SetUp();

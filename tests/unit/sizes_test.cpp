@@ -17,7 +17,6 @@ constexpr u32 boundaries[] = {65537, 0,        1,          15,         16,      
                               mib2,  mib2 + 1, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFFF};
 /** Those that a test can have real bytes for. */
 constexpr u32 real_sizes[] = {1, 15, 16, 17, 4095, 4096, 4097, 65535, 65536, mib2 - 1, mib2, mib2 + 1};
-constexpr u64 luma = 0x500000;
 
 /** `value` rounded up; 0 = there is no such multiple of 32 bits. */
 u64 rounded(u64 value, u64 multiple)
@@ -138,10 +137,11 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
         lent.insert(lent.end(), std::begin(real_sizes), std::end(real_sizes));
         for (const u32 size : lent) {
             SCOPED_TRACE(middleware::text(bytes, " and ", size));
-            mw.map_physical(luma, memory.data(), bytes);
+            mw.map_physical(luma_address, memory.data(), bytes);
             mw.settings.encoder_input_size = size;
             ASSERT_TRUE(steps::record_pictures(0, width, height));
-            EXPECT_EQ(mw.fire_picture({.luma = luma}), 1u); // AddressSanitizer watches the encoder's buffer
+            EXPECT_EQ(mw.fire_picture({.luma = luma_address}),
+                      1u); // AddressSanitizer watches the encoder's buffer
             const Bytes got = mw.last_encoder_input();
             ASSERT_EQ(got.size(), size);
             const auto end = got.begin() + std::min(size, bytes);
