@@ -42,44 +42,44 @@ run_tests() {
     $launcher ctest --test-dir "build/$1" $configuration -j "$jobs" --output-on-failure --no-tests=error --timeout 300
 }
 
-# Tests of a preset that run beside the next one's build; empty when there are none.
-running=
-running_id=
+# The presets whose tests were started, in that order, and the processes that run them.
+started=
 
-# start_tests PRESET
+# start_tests PRESET: beside the builds of the next ones, but after the tests of the ones before
 start_tests() {
-    running=$1
-    run_tests "$1" >"build/$1/tests.log" 2>&1 &
-    running_id=$!
+    { flock 9 && run_tests "$1" 9>&-; } 9>build/tests.lock >"build/$1/tests.log" 2>&1 &
+    started="$started $1:$!"
 }
 
 finish_tests() {
-    [ -n "$running" ] || return 0
-    wait "$running_id" || failed="$failed $running(tests)"
-    echo "== $running"
-    cat "build/$running/tests.log"
-    running=
+    for preset_and_process in $started; do
+        preset=${preset_and_process%:*}
+        wait "${preset_and_process#*:}" || failed="$failed $preset(tests)"
+        echo "== $preset"
+        cat "build/$preset/tests.log"
+    done
+    started=
 }
 
 scripts/install_dependencies.sh build
 # What only the tests and the other presets need is fetched while the first one is built.
 scripts/install_dependencies.sh display test &
 installing=$!
-presets="release asan tsan clang armhf-clang"
+# The one whose tests take longest is built first, so that most is left to be built beside them.
+presets="release tsan asan clang armhf-clang"
 [ -z "$configuration" ] || presets="$presets armhf"
-for preset in $presets; do
+for next in $presets; do
     built=true
-    build "$preset" || built=false
-    [ "$preset" != release ] || wait "$installing"
-    finish_tests
+    build "$next" || built=false
+    [ "$next" != release ] || wait "$installing"
     if ! $built; then
-        failed="$failed $preset(build)"
+        failed="$failed $next(build)"
         continue
     fi
-    start_tests "$preset"
+    echo "== $next is built after $(($(date +%s) - begin)) s"
+    start_tests "$next"
     # What counts frames and measures time has the machine for itself.
-    [ "$preset" != release ] || finish_tests
-    echo "== $preset is built after $(($(date +%s) - begin)) s"
+    [ "$next" != release ] || finish_tests
 done
 [ -n "$configuration" ] || build armhf screenrecord_objects || failed="$failed armhf(build)"
 finish_tests
