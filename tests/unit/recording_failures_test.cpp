@@ -1,4 +1,6 @@
 /** What a recording's control calls and the modules' functions refuse, and in which order. */
+#include <functional>
+
 #include <core/modules.h>
 #include <core/worker_tasks.h>
 #include <stream/sources.h>
@@ -74,6 +76,37 @@ TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
                             "E [SCREENRECORD_Start][DEMO TRANCODE] Please Set Mux First!",
                             "E [SCREENRECORD_Start][DEMO TRANCODE] Please Open Transcode First!"});
     task(0, TSMUX).u32OutFile = file;
+}
+
+TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
+{
+    const struct {
+        const char* failing; /**< the middleware's call; NULL = the arguments do */
+        std::function<u32()> step;
+    } cases[] = {
+        {nullptr, [] { return steps::set_video(0, "cap", "mpeg2"); }},
+        {"ZU_VENC_Open", [] { return steps::set_video(0); }},
+        {"ZU_CAP_Open", [] { return steps::set_video(0); }},
+        {nullptr, [] { return steps::set_video(0, "missing.nv12"); }},
+        {nullptr, [] { return steps::set_audio(0, "cap", "wav"); }},
+        {"ZU_ACAP_Open", [] { return steps::set_audio(0); }},
+        {nullptr, [] { return steps::set_audio(0, "missing.aac"); }},
+        {"ZU_TSMUX_Open", [] { return steps::set_video(0) && steps::set_mux(0); }},
+        {"ZU_TSMUX_AttachMediaSource", [] { return steps::set_video(0) && steps::set_mux(0); }},
+        {"ZU_TSMUX_Start", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(&c - cases));
+        ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
+        if (c.failing)
+            mw.fail(c.failing);
+        EXPECT_EQ(c.step(), 0u);
+        EXPECT_FALSE(mw.script_pending());
+        EXPECT_EQ(task(0, TSMUX).u32OutFile, 0u);
+        for (const auto module : {VREADER, AREADER, VCAP, ACAP, VENC, TSMUX})
+            EXPECT_EQ(task(0, module).u32Handle, 0u) << module;
+        SCREENRECORD_DeInit();
+    }
 }
 
 TEST_F(RecordingFailures, ADestinationCalledWifiIsNoFile)
