@@ -21,12 +21,17 @@ FLIPS = [("==", "!="), ("!=", "=="), ("<=", "<"), (">=", ">"), (" < ", " >= "), 
 LOGGING = re.compile(r"LOG|static_assert|^\s*(//|\*|/\*|#)")
 
 
+def code_of(line):
+    """Without the comment behind it."""
+    return line.split("//")[0]
+
+
 def flips(lines, index):
     """Each operator of a condition on the line, turned round."""
     if '"' in lines[index] or not re.search(r"\b(if|while|for|return)\b|\?|= .*(==|!=|<|>|&&|\|\|)", lines[index]):
         return
     for old, new in FLIPS:
-        for match in re.finditer(re.escape(old), lines[index]):
+        for match in re.finditer(re.escape(old), code_of(lines[index])):
             if old in (" < ", " > ") and "template" in lines[index]:
                 continue
             yield "flip", {index: lines[index][: match.start()] + new + lines[index][match.end() :]}
@@ -50,7 +55,7 @@ def numbers(lines, index):
     """A small number one greater."""
     if '"' in lines[index]:
         return
-    for match in re.finditer(r"(?<![\w.])([1-9]\d{0,4})(?![\w.])", lines[index]):
+    for match in re.finditer(r"(?<![\w.])([1-9]\d{0,4})(?![\w.])", code_of(lines[index])):
         yield "number", {index: lines[index][: match.start()] + str(int(match[1]) + 1) + lines[index][match.end() :]}
 
 
