@@ -130,6 +130,7 @@ TEST_F(FrameRing, NoTimeIsRefusedAsTheFirstOnly)
     EXPECT_CALLS(errors(), {"E [_SCREENRECORD_VencCbHandler_NoTs]Invalid pts fstpts=0,pts=-1"});
     _u64LastPts = 5;
     play("B");
+    EXPECT_EQ(task(0, VENC).u64FirstPts, 5u);
     _u64LastPts = ~u64{0};
     play("C");
     EXPECT_EQ(take_all(), "BC");

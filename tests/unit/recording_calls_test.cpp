@@ -27,8 +27,16 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     std::vector<std::string> logs = mw.take_logs();
     EXPECT_CALLS(std::vector<std::string>(logs.end() - 7, logs.end()), deinited);
 
+    SCREENRECORD_SlotCtrl_s& slot = _astSlotCtrl[1];
+    slot.u32SlotId = slot.u32MaxFrameNum = slot.u32CapPitch = 1;
+    slot.u64CapBufTotalSize = slot.u64CapFrameSize = slot.u64CapBufPhyAddr = 1;
+    slot.s32CapBufFd = 1;
     EXPECT_EQ(SCREENRECORD_Init(), 1u);
     EXPECT_EQ(mw.count("ZU_SYS_Init"), 0) << "the system is initialised once a process";
+    EXPECT_EQ(slot.u32SlotId + slot.u32MaxFrameNum + slot.u32CapPitch + slot.u64CapBufTotalSize +
+                  slot.u64CapFrameSize + slot.u64CapBufPhyAddr,
+              0u);
+    EXPECT_EQ(slot.s32CapBufFd, -1);
 }
 
 TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
@@ -161,6 +169,7 @@ TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
     EXPECT_EQ(mw.count("ZU_OS_FlushMemory"), 1);
     steps::close(0);
     EXPECT_EQ(mw.count("ZU_OS_DcacheFlush"), 2) << "again when it is given up";
+    EXPECT_EQ(task(0, TSMUX).u32OutBufSize, 0u);
 }
 
 TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
