@@ -56,6 +56,7 @@ TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
               "D [_SCREENRECORD_TsmuxTaskHandler]_SCREENRECORD_TsmuxTaskHandler() Out of limitsec stop "
               "record _u32RecordTime = 10");
     EXPECT_EQ(logs.back(), "D [_SCREENRECORD_TsmuxTaskHandler]Exit _SCREENRECORD_TsmuxTaskHandler() ");
+    EXPECT_EQ(middleware::joined(logs).find("Fail"), std::string::npos) << middleware::joined(logs);
     EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 0) << "the writer does not delete itself";
     EXPECT_EQ(steps::stop(0), 1u);
     EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 1) << "the next control call does";
