@@ -87,11 +87,15 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
                             "only now"});
     video_capenc_close();
 
-    params = {4000, 2176, 30, 1, 1, 1, 0};
-    forget();
-    EXPECT_EQ(open(), -1);
-    EXPECT_CALLS(errors(), {"E [_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 3840x2160@120)",
-                            "E [video_capenc_open] _SCREENRECORD_OpenVenc Failed!"});
+    for (const CapEnc_OpenParams& beyond : {CapEnc_OpenParams{4000, 2144, 30, 1, 1, 1, 0},
+                                            {3840, 2176, 30, 1, 1, 1, 0},
+                                            {640, 480, 121, 1, 1, 1, 0}}) {
+        params = beyond;
+        forget();
+        EXPECT_EQ(open(), -1);
+        EXPECT_CALLS(errors(), {"E [_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 3840x2160@120)",
+                                "E [video_capenc_open] _SCREENRECORD_OpenVenc Failed!"});
+    }
     params = {0, 0, 0, 0, 1, 1, 0};
     ASSERT_EQ(open(), 0);
     const auto record = mw.last().encoder;
