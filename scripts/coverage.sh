@@ -15,4 +15,4 @@ if [ "${1:-}" = --missing ]; then
     llvm-cov show "$build/bin/unit_tests" -instr-profile "$build/unit.profdata" --show-branches=count src |
         grep -E '^/|Branch \(.*(True: 0[,]|False: 0])'
 fi
-llvm-cov report "$build/bin/unit_tests" -instr-profile "$build/unit.profdata" --show-region-summary=false src
+llvm-cov report "$build/bin/unit_tests" -instr-profile "$build/unit.profdata" --show-region-summary=false -ignore-filename-regex='/(tests|platform|include)/'
