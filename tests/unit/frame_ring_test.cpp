@@ -72,6 +72,17 @@ TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
     }
 }
 
+TEST_F(FrameRing, EachDroppedFrameIsLogged)
+{
+    play("A!bCde"); // one that is too large, one that waits for a key frame, and the oldest of four
+    std::vector<std::string> dropped = mw.take_logs();
+    std::erase_if(dropped, [](const std::string& line) { return line.find("]drop ") == std::string::npos; });
+    const std::string line = "D [_SCREENRECORD_VencCbHandler_NoTs]drop u64Pts: 0, ";
+    EXPECT_EQ(dropped, (std::vector{line + "u32DataSize: -1, u8FrameType: 255",
+                                    line + "u32DataSize: 1, u8FrameType: 1",
+                                    line + "u32DataSize: 1, u8FrameType: 255"}));
+}
+
 /** A refused open sets the indices back while frames are still marked as filled. */
 TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
 {

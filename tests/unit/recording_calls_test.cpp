@@ -121,6 +121,7 @@ TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
     ASSERT_EQ(steps::start(1), 1u);
     EXPECT_EQ(steps::close(1), 1u);
     EXPECT_EQ(mw.count("ZU_FS_Fclose"), 3);
+    EXPECT_EQ(mw.count("ZU_FS_Sync"), 3) << "one behind each file";
     EXPECT_TRUE(slot_is_closed(1));
     EXPECT_EQ(task(0, VCAP).bRunning, 1) << "the other slot records on";
 }
