@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <ranges>
 #include <vector>
 
 namespace zu3host {
@@ -42,12 +41,12 @@ OpenSize::~OpenSize()
 std::optional<PictureSize> exact_size_of_open_encoder(uint32_t width16, uint32_t height32)
 {
     const std::lock_guard lock(sizes().mutex);
-    for (const PictureSize* size : std::views::reverse(sizes().open)) {
+    const std::vector<const PictureSize*>& open = sizes().open;
+    const auto latest = std::find_if(open.rbegin(), open.rend(), [&](const PictureSize* size) {
         const PictureLayout layout = PictureLayout::of(size->width, size->height);
-        if (layout.stride == width16 && layout.lines == height32)
-            return *size;
-    }
-    return std::nullopt;
+        return layout.stride == width16 && layout.lines == height32;
+    });
+    return latest == open.rend() ? std::nullopt : std::optional(**latest);
 }
 
 FrameTimeInCallback::FrameTimeInCallback(uint64_t pts)

@@ -13,7 +13,7 @@ namespace zu3host {
 class X264Log {
 public:
     /** x264's log callback; `self` is the X264Log. */
-    static void write(void* self, int level, const char* format, va_list arguments);
+    [[gnu::format(printf, 3, 0)]] static void write(void* self, int level, const char* format, va_list arguments);
 
 private:
     std::atomic<unsigned> written_{0};

@@ -38,7 +38,8 @@ const zu3host::LogFilter& filter()
 /** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. */
 void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message)
 {
-    message = message.substr(0, message.find_last_not_of('\n') + 1);
+    while (message.ends_with('\n'))
+        message.remove_suffix(1);
     while (true) {
         const size_t length = std::min(message.find('\n'), message.size());
         out.put(prefix);

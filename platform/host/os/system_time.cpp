@@ -57,7 +57,8 @@ u32 ZU_OS_TimerDiffTimeFromNow(u32 u32StartMs, u32* pu32ElapsedMs)
 {
     if (!pu32ElapsedMs)
         return ZU_INVALID_ARGUMENT;
-    *pu32ElapsedMs = system_time_ms() - u32StartMs;
+    // Both wrap after 49 days, and so does their difference.
+    *pu32ElapsedMs = static_cast<u32>(int64_t{system_time_ms()} - u32StartMs);
     return ZU_OK;
 }
 
