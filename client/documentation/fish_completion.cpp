@@ -3,7 +3,7 @@
 namespace client {
 namespace {
 
-std::string quoted(const std::string& text)
+std::string fish_quoted(const std::string& text)
 {
     std::string made = "'";
     for (const char c : text)
@@ -22,14 +22,14 @@ std::string value_of(const OptionOutline& option)
         words += (words.empty() ? "" : " ") + choice;
     if (option.name == "display")
         return " -x -a '(string replace -r \".*/X\" : /tmp/.X11-unix/X*)'";
-    return words.empty() ? " -x" : " -x -a " + quoted(words);
+    return words.empty() ? " -x" : " -x -a " + fish_quoted(words);
 }
 
 std::string line(const OptionOutline& option, const std::string& condition)
 {
     return "complete -c screenrecord -n '" + condition + "'" +
            (option.letter.empty() ? "" : " -s " + option.letter) + " -l " + option.name + value_of(option) +
-           " -d " + quoted(option.text) + "\n";
+           " -d " + fish_quoted(option.text) + "\n";
 }
 
 } // namespace
@@ -42,7 +42,7 @@ std::string fish_completion()
     for (const CommandOutline& command : commands) {
         if (!command.name.empty())
             made += "complete -c screenrecord -n __fish_use_subcommand -a " + command.name + " -d " +
-                    quoted(command.text) + "\n";
+                    fish_quoted(command.text) + "\n";
         const std::string condition =
             command.name.empty() ? "__fish_use_subcommand" : "__fish_seen_subcommand_from " + command.name;
         for (const OptionOutline& option : command.options)

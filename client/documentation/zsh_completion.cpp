@@ -4,7 +4,7 @@ namespace client {
 namespace {
 
 /** Inside single quotes, and inside the brackets or colons of _arguments. */
-std::string quoted(const std::string& text)
+std::string zsh_quoted(const std::string& text)
 {
     std::string made;
     for (const char c : text) {
@@ -22,7 +22,7 @@ std::string value_action(const OptionOutline& option)
 {
     if (option.value.empty())
         return "";
-    std::string made = ":" + quoted(option.value) + ":";
+    std::string made = ":" + zsh_quoted(option.value) + ":";
     if (option.takes_file)
         return made + "_files";
     if (option.name == "display")
@@ -37,7 +37,7 @@ std::string value_action(const OptionOutline& option)
 
 std::string argument(const OptionOutline& option)
 {
-    const std::string rest = "[" + quoted(option.text) + "]" + value_action(option) + "'";
+    const std::string rest = "[" + zsh_quoted(option.text) + "]" + value_action(option) + "'";
     const std::string name = "--" + option.name;
     if (option.letter.empty())
         return "'" + name + rest;
@@ -62,7 +62,7 @@ std::string zsh_completion()
     for (const CommandOutline& command : commands) {
         if (command.name.empty())
             continue;
-        names += "        '" + command.name + ":" + quoted(command.text) + "'\n";
+        names += "        '" + command.name + ":" + zsh_quoted(command.text) + "'\n";
         cases += "        " + command.name + ")\n            _arguments -s" + arguments(command) +
                  "\n            ;;\n";
     }
