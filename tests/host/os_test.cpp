@@ -9,7 +9,10 @@
 #include <future>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -154,6 +157,40 @@ TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     held.may_end.set_value();
     held.ended.get_future().wait();
+}
+
+// Catches a media thread that waits like any other, one that overrides what its user chose, and a creator
+// that stays preferred.
+TEST(Task, IsPreferredWhereTheSystemAllowsItAndNobodySaidOtherwise)
+{
+    const auto own_nice = [] { return getpriority(PRIO_PROCESS, 0); };
+    const auto set_nice = [](int nice) { return setpriority(PRIO_PROCESS, 0, nice) == 0; };
+    const auto give_up_root = [] {
+        return syscall(SYS_setresuid, 65534, 65534, 65534) == 0;
+    };                          // of this thread
+    const int own = own_nice(); // of the whole test run
+    const bool preferable = own == 0 && std::async(std::launch::async, set_nice, -10).get();
+    const bool root = geteuid() == 0;
+    const struct {
+        const char* creator;
+        std::function<bool()> prepare;
+        int own, task;
+    } cases[] = {
+        {"as it was started", [] { return true; }, own, preferable ? -10 : own},
+        {"niced", [&] { return set_nice(19); }, 19, 19},
+        {"not allowed to", [&] { return !root || give_up_root(); }, own, preferable && !root ? -10 : own},
+    };
+    for (const auto& each : cases)
+        std::async(std::launch::async, [&] {
+            SCOPED_TRACE(each.creator);
+            ASSERT_TRUE(each.prepare());
+            std::promise<int> nice;
+            const std::function<void()> body = [&] { nice.set_value(own_nice()); };
+            const s32 id = make_task(body);
+            EXPECT_EQ(nice.get_future().get(), each.task);
+            EXPECT_EQ(own_nice(), each.own);
+            EXPECT_EQ(ZU_OS_DeleteTask(id), ZU_OK);
+        }).get();
 }
 
 // Catches a task that waits for its own end.

@@ -32,7 +32,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     parameters.analyse.b_mb_info = 1;
     constant_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
                      X264_MBINFO_CONSTANT);
-    const SignalsBlocked for_the_slice_threads;
+    const ThreadInheritance for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
         HOST_LOGE("x264 refused to open an encoder of %ux%u at %u pictures per second", settings_.size.width,

@@ -31,7 +31,7 @@ private:
 int Task::start(size_t stack_bytes)
 {
     const ThreadAttributes attributes(stack_bytes);
-    const SignalsBlocked guard;
+    const ThreadInheritance guard;
     auto kept = std::make_unique<std::shared_ptr<Task>>(shared_from_this());
     // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task without
     // it.

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <thread>
 #include <utility>
 
@@ -26,34 +27,49 @@ inline void name_this_thread(const ThreadName& name)
 }
 
 /**
- * While it lives, the calling thread takes no signal but the synchronous faults. A thread inherits the mask
- * of its creator, so that a thread started under it leaves SIGINT and the like to the client's own threads.
+ * While it lives, the calling thread is as the host layer's threads are to be, which inherit it from their
+ * creator:
+ *
+ * - It takes no signal but the synchronous faults, so that SIGINT and the like reach the client's own
+ * threads.
+ * - It is preferred to ordinary programs where the system allows it (root, CAP_SYS_NICE, RLIMIT_NICE): the
+ * picture or the sound that it comes late for is lost. A process that somebody gave a priority keeps it.
  */
-class SignalsBlocked {
+class ThreadInheritance {
 public:
-    SignalsBlocked()
+    ThreadInheritance()
     {
         sigset_t blocked;
         sigfillset(&blocked);
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
             sigdelset(&blocked, fault);
-        pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+        pthread_sigmask(SIG_SETMASK, &blocked, &signals_before_);
+        preferred_ = getpriority(PRIO_PROCESS, this_thread) == 0 &&
+                     setpriority(PRIO_PROCESS, this_thread, nice_of_media) == 0;
     }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+    ~ThreadInheritance()
+    {
+        if (preferred_)
+            setpriority(PRIO_PROCESS, this_thread, 0);
+        pthread_sigmask(SIG_SETMASK, &signals_before_, nullptr);
+    }
+    ThreadInheritance(const ThreadInheritance&) = delete;
+    ThreadInheritance& operator=(const ThreadInheritance&) = delete;
 
 private:
-    sigset_t before_;
+    static constexpr id_t this_thread = 0;    // on Linux a thread has a nice value of its own
+    static constexpr int nice_of_media = -10; // what sound servers take
+    sigset_t signals_before_;
+    bool preferred_;
 };
 
 /**
- * Starts a thread of the host layer: named (cut at 15 characters), every signal but the synchronous faults
- * blocked. `entry` takes no argument. Throws std::system_error when the system gives no thread.
+ * Starts a thread of the host layer: named (cut at 15 characters), without signals, preferred. `entry` takes
+ * no argument. Throws std::system_error when the system gives no thread.
  */
 template <typename F> std::thread start_thread(const char* name, F entry)
 {
-    const SignalsBlocked guard;
+    const ThreadInheritance guard;
     return std::thread([kept = thread_name(name), run = std::move(entry)]() mutable {
         name_this_thread(kept);
         run();
