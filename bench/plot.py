@@ -3,6 +3,7 @@
 from html import escape
 
 WIDTH, LABEL, BAR, ROW, TOP = 960, 380, 400, 30, 60
+LONGEST = 2  # a ratio beyond it ends at the edge, else the others were too short to compare
 COLOURS = {"FAIL": "#c0392b", "PASS": "#2e86c1", "PASS, aim reached": "#1e8449"}
 
 
@@ -20,7 +21,7 @@ def row(number, one, scale):
     wanted = f"{one['sense']} {one['limit']:.2f}, aim {one['aim']:.2f}"
     return "".join([
         text(LABEL - 10, y + 16, one["what"], "end"),
-        f'<rect x="{LABEL}" y="{y + 3}" width="{one["ratio"] * scale:.1f}" height="{ROW - 10}" '
+        f'<rect x="{LABEL}" y="{y + 3}" width="{min(one["ratio"], LONGEST) * scale:.1f}" height="{ROW - 10}" '
         f'fill="{COLOURS[one["verdict"]]}"/>',
         line(LABEL + one["limit"] * scale, y, ROW - 4, "#222"),
         line(LABEL + one["aim"] * scale, y, ROW - 4, "#222", "3 3"),
@@ -31,7 +32,7 @@ def row(number, one, scale):
 
 def draw(results, lines):
     height = TOP + len(lines) * ROW + 20
-    scale = BAR / max([1.5] + [max(one["ratio"], one["limit"]) for one in lines])
+    scale = BAR / LONGEST
     rounds = max(len(case) for case in results.values())
     return "".join([
         f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" font-family="sans-serif">',
