@@ -109,6 +109,25 @@ TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
     }
 }
 
+TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
+{
+    SCREENRECORD_Init();
+    ASSERT_TRUE(steps::open(0) && steps::set_video(0) && steps::set_mux(0));
+    forget();
+    mw.fail("ZU_CAP_CaptureStart");
+    EXPECT_EQ(steps::start(0), 0u);
+    std::vector<std::string> calls = mw.take_calls();
+    std::erase_if(calls, [](const std::string& line) {
+        return !line.starts_with("ZU_VENC_") && !line.starts_with("ZU_CAP_");
+    });
+    calls.erase(calls.begin(), calls.begin() + 2); // the starts
+    EXPECT_CALLS(calls,
+                 {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1)=0", "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
+                  "ZU_VENC_Stop(0x21)=0", // here ends the stop
+                  "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0",
+                  "ZU_VENC_Close(0x21)=0"});
+}
+
 TEST_F(RecordingFailures, ADestinationCalledWifiIsNoFile)
 {
     SCREENRECORD_Init();
