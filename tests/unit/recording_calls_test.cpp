@@ -31,12 +31,14 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     slot.u32SlotId = slot.u32MaxFrameNum = slot.u32CapPitch = 1;
     slot.u64CapBufTotalSize = slot.u64CapFrameSize = slot.u64CapBufPhyAddr = 1;
     slot.s32CapBufFd = 1;
+    slot.astTaskCtrl[VCAP].eModule = E_SCREENRECORD_MODULE_MAX;
     EXPECT_EQ(SCREENRECORD_Init(), 1u);
     EXPECT_EQ(mw.count("ZU_SYS_Init"), 0) << "the system is initialised once a process";
     EXPECT_EQ(slot.u32SlotId + slot.u32MaxFrameNum + slot.u32CapPitch + slot.u64CapBufTotalSize +
                   slot.u64CapFrameSize + slot.u64CapBufPhyAddr,
               0u);
     EXPECT_EQ(slot.s32CapBufFd, -1);
+    EXPECT_EQ(slot.astTaskCtrl[VCAP].eModule, VCAP);
 }
 
 TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
