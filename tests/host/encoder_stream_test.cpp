@@ -46,6 +46,24 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
     EXPECT_FALSE(time_of_frame_in_callback());
 }
 
+// Catches a warning of x264's, or no key frame, when one is asked for just where it is due by itself.
+TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
+{
+    TestEncoder encoder(params_of(64, 64));
+    encoder.start();
+    testing::internal::CaptureStderr();
+    for (uint32_t number = 1; number <= 62; ++number) {
+        ASSERT_EQ(encoder.feed(number, number == 61), ZU_OK);
+        ASSERT_TRUE(encoder.receiver.wait_for_frames(number));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    std::vector<size_t> keys;
+    for (size_t index = 0; index < encoder.receiver.frames.size(); ++index)
+        if (encoder.receiver.frames[index].key)
+            keys.push_back(index);
+    EXPECT_EQ(keys, (std::vector<size_t>{0, 60}));
+}
+
 // Catches a profile or level that is not what was asked for; the bytes are profile_idc, constraints,
 // level_idc.
 TEST(EncoderStream, SaysProfileAndLevelInTheSps)

@@ -77,7 +77,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key, boo
     in.img.plane[0] = picture;
     in.img.plane[1] = picture + settings_.layout.luma_bytes();
     in.img.i_stride[0] = in.img.i_stride[1] = stride;
-    in.i_type = as_key ? X264_TYPE_IDR : X264_TYPE_AUTO;
+    // An IDR picture, as groups are closed; asked for one by name, x264 warns where one is due anyway.
+    in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = unchanged ? constant_.data() : nullptr;
     x264_picture_t out;
