@@ -19,6 +19,7 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     EXPECT_EQ(SCREENRECORD_DeInit(), 1u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_FS_Sync()=0", "ZU_FS_Sync()=0", "ZU_ACAP_DeInit()=0", "ZU_TSMUX_DeInit()=0"});
+    EXPECT_EQ(middleware::joined(mw.take_logs()).find("has Deinited"), std::string::npos) << "each was";
     EXPECT_EQ(SCREENRECORD_DeInit(), 0u);
     std::vector<std::string> deinited;
     for (u32 module = 0; module < E_SCREENRECORD_MODULE_MAX; module++)

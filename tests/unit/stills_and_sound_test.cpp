@@ -58,7 +58,12 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
                                        " fd=0 virt=0 phys=", middleware::hex(start + i * c.frame_size),
                                        ")=0 buffer=5"));
         }
+        mw.take_calls();
         EXPECT_EQ(video_cap_close(), 0);
+        const auto given_back = mw.calls_of({"ZU_OS_"});
+        ASSERT_GE(given_back.size(), 2u);
+        EXPECT_NE(given_back[0].find("PUT_BUFFD"), std::string::npos) << "before the block that it describes";
+        EXPECT_TRUE(given_back[1].starts_with("ZU_OS_FreeIommuMemory"));
         EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 3), -1);
         EXPECT_CALLS(mw.ledger_problems(), {});
         mw.reset(); // the next capture has the first handle
