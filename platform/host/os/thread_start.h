@@ -27,12 +27,10 @@ inline void name_this_thread(const ThreadName& name)
 }
 
 /**
- * While it lives, the calling thread is as the host layer's threads are to be, which inherit it from their
- * creator:
+ * While it lives, the calling thread is what the threads of the host layer are to be; they inherit it.
  *
- * - It takes no signal but the synchronous faults, so that SIGINT and the like reach the client's own
- * threads.
- * - It is preferred to ordinary programs where the system allows it (root, CAP_SYS_NICE, RLIMIT_NICE): the
+ * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and the like.
+ * And it is preferred to ordinary programs where the system allows it (root, CAP_SYS_NICE, RLIMIT_NICE): the
  * picture or the sound that it comes late for is lost. A process that somebody gave a priority keeps it.
  */
 class ThreadInheritance {
