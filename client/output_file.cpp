@@ -78,6 +78,15 @@ void check_output_path(const std::string& path, bool overwrite)
         fail(path, "the folder " + folder + " is not writable: " + error_text(errno));
 }
 
+void check_whole_file_path(const std::string& path, bool overwrite)
+{
+    check_output_path(path, overwrite);
+    struct stat found = {};
+    if (lstat(path.c_str(), &found) == 0 && !S_ISREG(found.st_mode))
+        fail(path,
+             "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
+}
+
 OutputFile::OutputFile(std::string path, bool overwrite) : path_(std::move(path))
 {
     check_output_path(path_, overwrite);
@@ -121,6 +130,7 @@ bool OutputFile::regular() const
 
 WholeFile::WholeFile(std::string path) : path_(std::move(path))
 {
+    check_whole_file_path(path_, true); // whether it may replace a file is said when it gets its name
     beside_ = path_ + format_text(".%d.part", static_cast<int>(getpid()));
     unlink(beside_.c_str()); // what a killed process of this number, or somebody who guessed it, left there
     fd_ = create_private(beside_);

@@ -17,6 +17,12 @@ bool is_standard_output(const std::string& path);
 void check_output_path(const std::string& path, bool overwrite);
 
 /**
+ * The same for a WholeFile, whose rename would replace whatever has that name: of what exists it takes
+ * ordinary files alone.
+ */
+void check_whole_file_path(const std::string& path, bool overwrite);
+
+/**
  * An output file under its final name, filled as time goes by, for its owner alone. Created by us, or emptied
  * where `overwrite` allows it; one that we created and that is still empty at the end is removed again.
  */
@@ -48,7 +54,8 @@ private:
  */
 class WholeFile {
 public:
-    /** Throws Failure when nothing can be created beside `path`. Only its owner may read it. */
+    /** Throws Failure when nothing can be created beside `path`, or what is there is no ordinary file. Only
+     * its owner may read it. */
     explicit WholeFile(std::string path);
     WholeFile(const WholeFile&) = delete;
     WholeFile& operator=(const WholeFile&) = delete;

@@ -34,7 +34,7 @@ void save(const StillPictures& pictures, Size size, const std::string& path, boo
 ExitCode run(const ShotOptions& options, Surroundings& surroundings)
 {
     for (uint32_t number = 1; number <= options.count; ++number)
-        check_output_path(shot_path(options, number), options.overwrite);
+        check_whole_file_path(shot_path(options, number), options.overwrite);
     const DisplayInfo display = display_to_capture();
     const Size size = options.size.value_or(size_for_display(display.size));
     if (options.verbose)

@@ -74,7 +74,6 @@ StatusReport::StatusReport(bool json, std::string status_file)
 {
     if (status_file_.empty())
         return;
-    check_output_path(status_file_, true);
     write_status_file(progress_as_json({}, "starting"));
 }
 

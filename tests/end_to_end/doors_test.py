@@ -53,6 +53,17 @@ class Files(ShortEndToEndTest):
         self.assertFalse(missing.exists())
 
 
+    def test_only_ordinary_files_are_replaced(self):
+        # Catches a device or a pipe, of a name that root may change, that becomes a file.
+        pipe = self.path("pipe")
+        os.mkfifo(pipe)
+        for words in (["record", "-t", "0.2", "-o", "a.ts", "--status-file"], ["shot", "-y", "-o"]):
+            refused = self.client(*words, pipe)
+            self.assert_exit(refused, 1)
+            self.assertIn(f"{pipe}: it is no ordinary file", refused.errors())
+            self.assertTrue(pipe.is_fifo())
+
+
 class Descriptors(ShortEndToEndTest):
     def descriptors(self, client):
         """(path in /proc, name, flags) of what a process has open beyond the standard three."""
