@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "commands.h"
@@ -14,6 +15,15 @@ template <typename Options> const CommonOptions* common(const Options& options)
     if constexpr (std::is_base_of_v<CommonOptions, Options>)
         return &options;
     return nullptr;
+}
+
+// Else the recording itself could become number 2, and take what is logged. Open to read only: who writes to
+// what is missing fails as before.
+void fill_standard_descriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null", O_RDONLY); // the lowest free number, which is this one
 }
 
 // Before any thread exists: the environment is not to be changed afterwards.
@@ -47,6 +57,7 @@ template <typename Options> ExitCode run_command(const Options& options)
 
 int main(int argc, char** argv)
 {
+    fill_standard_descriptors();
     const Invocation invocation = read_command_line(argc, argv);
     const int code = std::visit(
         [](const auto& options) {
