@@ -1,8 +1,11 @@
 #include "messages.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <unistd.h>
 
 namespace client {
@@ -10,12 +13,21 @@ namespace {
 
 bool status_line_shown = false;
 
-// One write a message: lines of several processes, or of the library's log, do not end up inside one another.
-void write_error(const std::string& text)
+constexpr int no_patience_ms = 0;
+constexpr int patience_ms = 1000;
+
+// One write a message, up to what a pipe takes whole: lines of several processes, or of the library's log, do
+// not end up inside one another. What poll() calls writable takes that much without blocking; a reader who
+// has stopped reading must not hold up the program, which would not hear a signal meanwhile.
+void write_error(const std::string& text, int timeout_ms)
 {
     size_t done = 0;
     while (done < text.size()) {
-        const ssize_t n = write(STDERR_FILENO, text.data() + done, text.size() - done);
+        pollfd room{STDERR_FILENO, POLLOUT, 0};
+        if (poll(&room, 1, timeout_ms) != 1)
+            return;
+        const ssize_t n =
+            write(STDERR_FILENO, text.data() + done, std::min<size_t>(text.size() - done, PIPE_BUF));
         if (n <= 0)
             return;
         done += static_cast<size_t>(n);
@@ -33,20 +45,25 @@ void say(const std::string& sentence)
 
 void print_error_line(const std::string& line)
 {
-    write_error((status_line_shown ? back_to_empty_line : "") + line + "\n");
+    write_error((status_line_shown ? back_to_empty_line : "") + line + "\n", patience_ms);
     status_line_shown = false;
+}
+
+void print_status_object(const std::string& object)
+{
+    write_error(object + "\n", no_patience_ms);
 }
 
 void show_status_line(const std::string& line)
 {
-    write_error(back_to_empty_line + line + "\r"); // what others write begins at its begin
+    write_error(back_to_empty_line + line + "\r", no_patience_ms); // what others write begins at its begin
     status_line_shown = true;
 }
 
 void clear_status_line()
 {
     if (status_line_shown)
-        write_error(back_to_empty_line);
+        write_error(back_to_empty_line, no_patience_ms);
     status_line_shown = false;
 }
 

@@ -4,12 +4,18 @@
 
 namespace client {
 
+// A reader of standard error who has stopped reading never holds the program up: a message waits a second for
+// him, a status that the next one replaces not at all, and then they are dropped.
+
 /** Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line shown
  * there. */
 void say(const std::string& sentence);
 
 /** Prints `line` as it is on standard error, in place of a status line shown there. */
 void print_error_line(const std::string& line);
+
+/** Prints a status for programs as a line on standard error. */
+void print_status_object(const std::string& object);
 
 /** Shows `line` as the terminal's refreshed line; it stays until the next one or the next message. */
 void show_status_line(const std::string& line);

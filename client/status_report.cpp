@@ -97,7 +97,7 @@ void StatusReport::update(const Progress& progress)
             progress_as_line(progress, colour_).substr(0, terminal_columns() + (colour_ ? 10 : -1)));
     const std::string object = progress_as_json(progress, "recording");
     if (json_)
-        print_error_line(object);
+        print_status_object(object);
     if (status_file_.empty())
         return;
     try {

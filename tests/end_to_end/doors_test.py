@@ -1,5 +1,6 @@
 """What others could get at: the files that are written, what children inherit, shared memory, the X cookie."""
 
+import contextlib
 import fcntl
 import itertools
 import os
@@ -9,6 +10,7 @@ import struct
 import subprocess
 import unittest
 
+import judges
 from harness import BUILD, ShortEndToEndTest, size_of, wait_until
 
 F_GET_SEALS, F_SEAL_SHRINK = 1034, 2
@@ -72,6 +74,24 @@ class Descriptors(ShortEndToEndTest):
             if int(path.name) > 2:
                 flags = re.search(r"flags:\s*(\d+)", (process / "fdinfo" / path.name).read_text(encoding="ascii"))
                 yield path, os.readlink(path), int(flags[1], 8)
+
+    def test_recording_needs_no_standard_ones(self):
+        # Catches log lines in a recording that became standard error, and a program that waits for its reader for ever.
+        reader, full = os.pipe()
+        os.set_blocking(full, False)
+        with contextlib.suppress(BlockingIOError):
+            while os.write(full, bytes(fcntl.fcntl(full, fcntl.F_GETPIPE_SZ))):
+                pass
+        os.set_blocking(full, True)
+        running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
+                                     environment={"ZU3_DISPLAY": "testcard", "ANDROID_LOG_TAGS": "*:S"})
+                   for name, options in {"closed.ts": {"prepare": lambda: os.closerange(0, 3)},
+                                         "unread.ts": {"stderr": full}}.items()}
+        for name, client in running.items():
+            self.assert_exit(client, 0)
+            self.assertEqual(judges.faults(self.path(name)), "")
+        os.close(reader)
+        os.close(full)
 
     def test_none_is_inherited_and_no_shared_memory_shrinks(self):
         # Catches a child that keeps a recording open, and one who shrinks a buffer under a reader.
