@@ -43,6 +43,17 @@ UniqueFd create_private(const std::string& path)
     return fd;
 }
 
+/** Renames where nothing is of the new name; several network file systems know no such rename, but links. */
+int rename_to_free_name(const std::string& from, const std::string& to)
+{
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL || link(from.c_str(), to.c_str()) != 0)
+        return -1;
+    unlink(from.c_str());
+    return 0;
+}
+
 void check_existing(const std::string& path, const struct stat& found, bool overwrite)
 {
     if (S_ISLNK(found.st_mode))
@@ -160,8 +171,7 @@ void WholeFile::write(const void* data, size_t size)
 
 void WholeFile::put_in_place(bool overwrite)
 {
-    const unsigned flags = overwrite ? 0 : RENAME_NOREPLACE;
-    if (renameat2(AT_FDCWD, beside_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
+    if ((overwrite ? rename(beside_.c_str(), path_.c_str()) : rename_to_free_name(beside_, path_)) != 0)
         errno == EEXIST ? fail_for_existing(path_) : fail(path_, error_text(errno));
     beside_.clear();
 }
