@@ -46,8 +46,14 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
         if (surroundings.signals.wait_until(start + options.interval * (number - 1)))
             return number > 1 ? ExitCode::ended_early : ExitCode::failed;
         const std::string path = shot_path(options, number);
-        pictures.capture();
-        save(pictures, size, path, options.overwrite);
+        try {
+            pictures.capture();
+            save(pictures, size, path, options.overwrite);
+        } catch (const Failure& failure) {
+            if (number > 1) // what was saved before is of use
+                throw Failure(failure.what(), ExitCode::ended_early);
+            throw;
+        }
         surroundings.output.print_line(path);
     }
     return ExitCode::complete;

@@ -3,7 +3,7 @@
 import struct
 
 import judges
-from harness import SANITIZED, ShortEndToEndTest
+from harness import SANITIZED, ShortEndToEndTest, wait_until
 
 
 class Shots(ShortEndToEndTest):
@@ -56,6 +56,13 @@ class Shots(ShortEndToEndTest):
         # Catches a descriptor or a picture that each capture leaves behind.
         if not SANITIZED:  # a sanitizer's own memory grows
             self.run_program("still_captures", 100)
+
+    def test_failure_after_one_was_saved(self):
+        # Catches an exit code that says that there is nothing of use.
+        shots = self.client("shot", "-o", "s.png", "-n", "2", "--interval", "1500")
+        wait_until(self.path("s-001.png").exists, "the first picture")
+        self.path("s-002.png").mkdir()
+        self.assert_exit(shots, 3)
 
     def test_numbered_files_are_exact(self):
         self.run_program("screenrecord", "shot", "-o", "n.png", "-n", "3", "--interval", "50")
