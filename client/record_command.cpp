@@ -130,7 +130,7 @@ public:
         RecordWatch watch(file);
         RecordProgress progress;
         record(file, watch, progress, report);
-        report.finish(progress.measure(file.size()));
+        report.finish(progress.measure(file.size()), !nothing_came(file));
         return conclude(file);
     }
 
@@ -170,11 +170,13 @@ private:
         return true;
     }
 
+    static bool nothing_came(const OutputFile& file) { return file.regular() && file.size() == 0; }
+
     ExitCode conclude(const OutputFile& file)
     {
         if (problem_)
             say(*problem_);
-        if (file.regular() && file.size() == 0) {
+        if (nothing_came(file)) {
             say("cannot record: nothing reached " + file.path());
             return ExitCode::failed;
         }

@@ -7,7 +7,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "exit_code.h"
 #include "messages.h"
 #include "output_file.h"
 
@@ -79,7 +78,8 @@ StatusReport::StatusReport(bool json, std::string status_file)
 
 StatusReport::~StatusReport()
 {
-    clear_status_line();
+    if (!finished_)
+        finish(last_, false);
 }
 
 void StatusReport::write_status_file(const std::string& object)
@@ -89,8 +89,21 @@ void StatusReport::write_status_file(const std::string& object)
     file.put_in_place(true);
 }
 
+void StatusReport::update_status_file(const std::string& object)
+{
+    if (status_file_.empty())
+        return;
+    try {
+        write_status_file(object);
+    } catch (const std::exception& failure) { // a recording does not end because nobody can watch it
+        say(failure.what());
+        status_file_.clear();
+    }
+}
+
 void StatusReport::update(const Progress& progress)
 {
+    last_ = progress;
     next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
     if (terminal_) // the escape sequences of the mark take no room
         show_status_line(
@@ -98,28 +111,17 @@ void StatusReport::update(const Progress& progress)
     const std::string object = progress_as_json(progress, "recording");
     if (json_)
         print_status_object(object);
-    if (status_file_.empty())
-        return;
-    try {
-        write_status_file(object);
-    } catch (const Failure& failure) { // a recording does not end because nobody can watch it
-        say(failure.what());
-        status_file_.clear();
-    }
+    update_status_file(object);
 }
 
-void StatusReport::finish(const Progress& progress)
+void StatusReport::finish(const Progress& progress, bool usable)
 {
+    finished_ = true;
     clear_status_line();
-    const std::string object = progress_as_json(progress, "finished");
+    const std::string object = progress_as_json(progress, usable ? "finished" : "failed");
     if (json_)
         print_error_line(object);
-    try {
-        if (!status_file_.empty())
-            write_status_file(object);
-    } catch (const Failure& failure) {
-        say(failure.what());
-    }
+    update_status_file(object);
 }
 
 } // namespace client

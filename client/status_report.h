@@ -20,22 +20,27 @@ class StatusReport {
 public:
     /** @param status_file empty = none. Throws Failure when it cannot be written. */
     StatusReport(bool json, std::string status_file);
+    /** A report that was not finished ends with the state "failed". */
     ~StatusReport();
 
     /** When the next update is due; further ones before that are left out. */
     bool due() const { return Clock::now() >= next_; }
     void update(const Progress& progress);
-    /** The last one; the refreshed line goes away. */
-    void finish(const Progress& progress);
+    /** The last one, which says whether there is a usable file; the refreshed line goes away. */
+    void finish(const Progress& progress, bool usable);
 
 private:
     void write_status_file(const std::string& object);
+    /** The same, and none any more when it fails. */
+    void update_status_file(const std::string& object);
 
     bool json_;
     bool terminal_;
     bool colour_;
     std::string status_file_;
     TimePoint next_;
+    Progress last_;
+    bool finished_ = false;
 };
 
 } // namespace client

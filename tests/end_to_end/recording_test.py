@@ -3,6 +3,7 @@
 import contextlib
 import os
 import random
+import resource
 import signal
 import subprocess
 import time
@@ -110,6 +111,15 @@ class Refusals(ShortEndToEndTest):
         self.assertEqual(self.old.read_text(encoding="utf-8"), "precious")
         self.run_program("screenrecord", "record", "-s", "64x64", "-t", "1", "-y", "-o", "old.ts")
         self.assertEqual(judges.faults(self.old), "")
+
+
+    def test_status_of_a_failure(self):
+        # Catches a status that stays at "starting" for ever.
+        refused = self.client("record", "-o", "b.ts", "--status-file", "status", "-s", "64x64",
+                              prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (6, 6)))
+        self.assert_exit(refused, 1)
+        self.assertIn("library refused", refused.errors())
+        self.assertIn('"state":"failed"', self.path("status").read_text("ascii"))
 
 
 class Signals(ShortEndToEndTest):
