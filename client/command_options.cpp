@@ -125,6 +125,14 @@ void check_record(const RecordOptions& options)
         refuse("--output", "'" + options.output +
                                "' is no file, which a recording needs; 'screenrecord stream -o -' writes to "
                                "standard output");
+    if (is_standard_output(options.status_file))
+        refuse("--status-file", "'" + options.status_file +
+                                    "' is no file, which is replaced each second; --json writes the same to "
+                                    "standard error");
+    if (!options.status_file.empty() && is_same_file(options.status_file, options.output))
+        refuse("--status-file",
+               "'" + options.status_file +
+                   "' is the recording itself, which it would replace; give it another name");
     if (!options.source.empty() && !options.size)
         refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
     if (options.source.ends_with(".ts"))

@@ -73,6 +73,18 @@ bool is_standard_output(const std::string& path)
     return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
 }
 
+bool is_same_file(const std::string& one, const std::string& other)
+{
+    std::error_code error;
+    if (std::filesystem::equivalent(one, other, error))
+        return true;
+    const auto whole = [&error](const std::string& path) {
+        return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
+    };
+    const std::filesystem::path first = whole(one);
+    return !first.empty() && first == whole(other);
+}
+
 void check_output_path(const std::string& path, bool overwrite)
 {
     if (path.empty())

@@ -10,6 +10,9 @@ namespace client {
 /** "-" and the names that mean the same. */
 bool is_standard_output(const std::string& path);
 
+/** Whether two paths mean one file, there already or not yet. */
+bool is_same_file(const std::string& one, const std::string& other);
+
 /**
  * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that cannot be
  * written, a symbolic link, a file that exists without `overwrite`. Creates nothing.

@@ -72,6 +72,7 @@ class Refusals(ShortEndToEndTest):
 
     def test_wrong_commands(self):
         # Catches a refusal that is silent, is more than a sentence, or leaves out what was wrong or would be right.
+        os.link(self.old, self.path("link"))
         cases = [
             ("", "command is missing", "record, stream"), ("recrod", "'recrod'", "perhaps record"),
             ("-o a.ts", "'-o'", "record, stream"), ("record", "--output", "FILE.ts"),
@@ -83,6 +84,9 @@ class Refusals(ShortEndToEndTest):
             ("record -o a.ts --slot 1", "slot 0 only", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
             ("record -o -", "'-'", "screenrecord stream"), ("record -o wifi", "'wifi'", "./wifi"),
             ("record -o a.ts --source x", "'x'", "--size"), ("stream -o a -b 5", "'5'", "at least 10k"),
+            ("record -o a.ts --status-file -", "'-'", "--json"),
+            ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
+            ("record -y -o old.ts --status-file link", "'link'", "another name"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("devices now", "'now'", "no option of devices"),
         ]
