@@ -177,8 +177,8 @@ private:
 
     const PcmOptions& options_;
     Surroundings& surroundings_;
+    ByteSink sink_; // before the sound, which would be lost while a named pipe waits for its reader
     SoundCapture sound_;
-    ByteSink sink_;
     const uint64_t wanted_;
     const std::optional<zu3_host_statistics_t> before_;
     TimePoint deadline_ = TimePoint::max();
