@@ -150,6 +150,14 @@ void check_record(const RecordOptions& options)
                "it goes with none of --source, --slot 1 and --no-audio");
 }
 
+void check_shot(const ShotOptions& options)
+{
+    if (is_standard_output(options.output) && options.count != 1)
+        refuse("--count", format_text("%u pictures cannot be told apart on standard output; name a file with "
+                                      "--output",
+                                      options.count));
+}
+
 uint32_t format_code(const std::string& name)
 {
     if (name == "yuyv")
@@ -245,8 +253,9 @@ void define_stream(CLI::App& command, StreamOptions& options)
 
 void define_shot(CLI::App& command, ShotOptions& options)
 {
-    define_output(command, options, "FILE.png",
-                  "picture to write; a name ending in .raw gets the captured bytes as they are");
+    define_output(command, options, "FILE.png|-",
+                  "picture to write, or - for a PNG on standard output; a name ending in .raw gets the "
+                  "captured bytes as they are");
     define_size(command, options.size, "picture size; else the display's own");
     define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
                   "what is captured, before it is converted to PNG; else bgra",
@@ -262,6 +271,7 @@ void define_shot(CLI::App& command, ShotOptions& options)
         ->needs(count);
     command.add_flag("--osd", options.osd, "with the on-screen-display layer");
     define_display(command, options);
+    command.callback([&options] { check_shot(options); });
 }
 
 void define_pcm(CLI::App& command, PcmOptions& options)

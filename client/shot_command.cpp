@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "byte_sink.h"
 #include "commands.h"
 #include "display_info.h"
 #include "messages.h"
@@ -12,7 +13,7 @@ namespace {
 
 std::string shot_path(const ShotOptions& options, uint32_t number)
 {
-    if (!options.numbered)
+    if (!options.numbered || is_standard_output(options.output))
         return options.output;
     std::filesystem::path path(options.output);
     const std::string extension = path.extension();
@@ -20,20 +21,36 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
     return path.string() + format_text("-%03u", number) + extension;
 }
 
-void save(const StillPictures& pictures, Size size, const std::string& path, bool overwrite)
+/** Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws Failure.
+ */
+void hand_out(const std::vector<uint8_t>& bytes, const std::string& path, Surroundings& surroundings)
 {
-    const std::vector<uint8_t> bytes =
-        path.ends_with(".raw") ? pictures.raw_bytes() : encode_png(size, pictures.bgr_bytes());
+    ByteSink sink(path, false, surroundings.output.fd(), surroundings.signals);
+    ByteSink::State state = sink.put(bytes);
+    while (state == ByteSink::State::pending && !surroundings.signals.raised())
+        state = sink.finish(Clock::now() + std::chrono::milliseconds(100));
+    if (state == ByteSink::State::pending)
+        throw Failure("cannot write to standard output: stopped before its reader had taken the picture");
+    if (state != ByteSink::State::ready)
+        throw Failure("cannot write to standard output: " + error_text(sink.error()));
+}
+
+void save(const std::vector<uint8_t>& bytes, const std::string& path, bool overwrite,
+          Surroundings& surroundings)
+{
+    if (is_standard_output(path))
+        return hand_out(bytes, path, surroundings);
     WholeFile file(path);
     file.write(bytes.data(), bytes.size());
     file.put_in_place(overwrite);
+    surroundings.output.print_line(path);
 }
 
 } // namespace
 
 ExitCode run(const ShotOptions& options, Surroundings& surroundings)
 {
-    for (uint32_t number = 1; number <= options.count; ++number)
+    for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output); ++number)
         check_whole_file_path(shot_path(options, number), options.overwrite);
     const DisplayInfo display = display_to_capture();
     const Size size = options.size.value_or(size_for_display(display.size));
@@ -48,13 +65,13 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
         const std::string path = shot_path(options, number);
         try {
             pictures.capture();
-            save(pictures, size, path, options.overwrite);
+            save(path.ends_with(".raw") ? pictures.raw_bytes() : encode_png(size, pictures.bgr_bytes()), path,
+                 options.overwrite, surroundings);
         } catch (const Failure& failure) {
             if (number > 1) // what was saved before is of use
                 throw Failure(failure.what(), ExitCode::ended_early);
             throw;
         }
-        surroundings.output.print_line(path);
     }
     return ExitCode::complete;
 }

@@ -54,7 +54,7 @@ constexpr const char* head =
     "While it records, a terminal shows one line: time, frames, frames per second, dropped frames, size of "
     "the "
     "file, bit rate and sound level.\n"
-    "The path of the finished file, or the stream, is all that goes to standard output.\n"
+    "The path of the finished file, or the stream or picture itself, is all that goes to standard output.\n"
     ".SH COMMANDS AND OPTIONS\n";
 
 constexpr const char* tail =

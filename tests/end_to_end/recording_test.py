@@ -88,7 +88,8 @@ class Refusals(ShortEndToEndTest):
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
-            ("shot -o a.png --format gif", "'gif'", "bgra"), ("devices now", "'now'", "no option of devices"),
+            ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
+            ("devices now", "'now'", "no option of devices"),
         ]
         for words, wrong, right in cases:
             with self.subTest(words):

@@ -1,6 +1,7 @@
 """Screenshots, against what xwd sees."""
 
 import struct
+import subprocess
 
 import judges
 from harness import SANITIZED, ShortEndToEndTest, wait_until
@@ -56,6 +57,13 @@ class Shots(ShortEndToEndTest):
         # Catches a descriptor or a picture that each capture leaves behind.
         if not SANITIZED:  # a sanitizer's own memory grows
             self.run_program("still_captures", 100)
+
+    def test_standard_output_gets_the_picture_alone(self):
+        self.run_program("screenrecord", "shot", "-o", "f.png")
+        piped = self.client("shot", "-o", "-", stdout=subprocess.PIPE)
+        with piped.process.stdout as reader:
+            self.assertEqual(reader.read(), self.path("f.png").read_bytes())
+        self.assert_exit(piped, 0)
 
     def test_failure_after_one_was_saved(self):
         # Catches an exit code that says that there is nothing of use.
