@@ -173,9 +173,7 @@ void define_encoder(CLI::App& command, StreamOptions& options)
                  "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate",
                  [&options](const std::string& given) {
                      options.bit_rate = parse_bit_rate(given);
-                     return options.bit_rate && *options.bit_rate >= lowest_bit_rate
-                                ? ""
-                                : "is no rate of at least 10k, such as 800k or 2.5M";
+                     return options.bit_rate ? "" : "is no rate from 10k to 240M, such as 800k or 2.5M";
                  });
     define_choice(command, "--profile", "baseline|main", "H.264 profile; else the encoder's choice",
                   [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });

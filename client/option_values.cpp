@@ -129,7 +129,7 @@ std::optional<uint32_t> parse_bit_rate(std::string_view text)
     if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(number))
         return std::nullopt;
     const double rate = std::round(number * unit);
-    if (rate < 1 || rate > UINT32_MAX)
+    if (rate < lowest_bit_rate || rate > greatest_bit_rate)
         return std::nullopt;
     return static_cast<uint32_t>(rate);
 }

@@ -22,8 +22,8 @@ std::vector<std::string> words_of(const std::string& line)
 control::Command parse_bit_rate_command(const std::vector<std::string>& words)
 {
     const auto rate = words.size() == 2 ? parse_bit_rate(words[1]) : std::nullopt;
-    if (!rate || *rate < lowest_bit_rate)
-        return control::Unknown{"bitrate takes a rate of at least 10k, such as 800k or 2.5M"};
+    if (!rate)
+        return control::Unknown{"bitrate takes a rate from 10k to 240M, such as 800k or 2.5M"};
     return control::BitRate{*rate};
 }
 

@@ -47,7 +47,9 @@ TEST(OptionValues, BitRates)
     EXPECT_EQ(parse_bit_rate("800000"), 800000u);
     EXPECT_EQ(parse_bit_rate("500k"), 500000u);
     EXPECT_EQ(parse_bit_rate("2.5M"), 2500000u);
-    for (const char* wrong : {"", "k", "M", "0", "-1M", "5000M", "1e6", "2.5MM", "nan", "inf", "3 M"})
+    EXPECT_EQ(parse_bit_rate("240M"), 240000000u);
+    for (const char* wrong :
+         {"", "k", "M", "9999", "-1M", "240000001", "5000M", "1e6", "2.5MM", "nan", "inf", "3 M"})
         EXPECT_FALSE(parse_bit_rate(wrong)) << wrong;
 }
 
@@ -70,8 +72,8 @@ TEST(StreamControl, WatermarkLines)
     EXPECT_EQ(placed.image, "a 7.png");
     EXPECT_EQ(placed.at, (Position{-5, 10}));
     EXPECT_EQ(placed.opacity, 128u);
-    for (const char* wrong :
-         {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k", "bitrate 1M now", "stop it"})
+    for (const char* wrong : {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k", "bitrate 241M",
+                              "bitrate 1M now", "stop it"})
         EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(wrong))) << wrong;
 }
 
