@@ -1,17 +1,26 @@
+#include "common/file_descriptor.h"
+#include "helpers.h"
 #include "statistics/counters.h"
 
 #include <zu3/fs.h>
+#include <zu3/os.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -146,6 +155,67 @@ TEST_F(Files, AreRefusedWithAReason)
         EXPECT_NE(testing::internal::GetCapturedStderr().find(each.reason), std::string::npos) << each.name;
     }
     EXPECT_FALSE(fs::exists(path("x")));
+}
+
+int bytes_in(int pipe)
+{
+    int bytes = -1;
+    return ioctl(pipe, FIONREAD, &bytes) == 0 ? bytes : -1;
+}
+
+// Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles.
+TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
+{
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    const zu3host::FileDescriptor end(::open(path("pipe").c_str(), O_RDWR | O_NONBLOCK));
+    std::string memory(1 << 20, 'x');
+    const struct {
+        const char* mode;
+        std::string there;
+        std::function<s32(u32)> call;
+        int left; /**< bytes in the pipe once the task waits */
+        s32 answer;
+    } cases[] = {
+        {"rb", "", [&](u32 file) { return ZU_FS_Fread(memory.data(), 1, 1000, file); }, 0, -1},
+        {"rb", "abc", [&](u32 file) { return ZU_FS_Fread(memory.data(), 1, 1000, file); }, 0, 3},
+        {"wb", "", [&](u32 file) { return ZU_FS_Fwrite(memory.data(), 1000, 1000, file); }, 65536, 65},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.mode + each.there);
+        std::promise<s32> answer;
+        const u32 file = open("pipe", each.mode);
+        std::atomic<bool> begun{false};
+        std::function<void()> body = [&] {
+            begun = true;
+            answer.set_value(each.call(file));
+        };
+        ASSERT_EQ(write(end.get(), each.there.data(), each.there.size()), ssize_t(each.there.size()));
+        const auto run = [](void* task) { (*static_cast<std::function<void()>*>(task))(); };
+        const ZU_OS_TaskAttr_t attributes{run, &body, 4, 1, {}, nullptr, 4096, "test"};
+        s32 task = -1;
+        ASSERT_EQ(ZU_OS_CreateTask(&attributes, &task), ZU_OK);
+        EXPECT_TRUE(zu3host::wait_until([&] { return begun && bytes_in(end.get()) == each.left; }));
+        ASSERT_EQ(ZU_OS_DeleteTask(task), ZU_OK);
+        EXPECT_EQ(answer.get_future().get(), each.answer);
+        EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
+    }
+}
+
+// Catches a descriptor that is closed, and perhaps another file's by then, under a call that uses it.
+TEST_F(Files, AreClosedBehindACallThatUsesThem)
+{
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    const u32 file = open("pipe", "rb");
+    zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+    char text[3] = {};
+    auto read = std::async(std::launch::async, [&] { return ZU_FS_Fread(text, 1, 2, file); });
+    ASSERT_EQ(write(writer.get(), "a", 1), 1);
+    EXPECT_TRUE(zu3host::wait_until([&] { return bytes_in(writer.get()) == 0; }));
+    EXPECT_EQ(ZU_FS_Fclose(file), ZU_FAILURE);
+    EXPECT_EQ(write(writer.get(), "b", 1), 1);
+    EXPECT_EQ(read.get(), 2);
+    EXPECT_STREQ(text, "ab");
+    EXPECT_LT(::open(path("pipe").c_str(), O_WRONLY | O_NONBLOCK), 0) << "the reading end is still open";
 }
 
 } // namespace

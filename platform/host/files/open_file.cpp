@@ -1,12 +1,14 @@
 #include "files/open_file.h"
 
 #include "log/host_log.h"
+#include "os/task.h"
 #include "statistics/counters.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -54,7 +56,8 @@ FileDescriptor open_or_create(const char* name, int flags)
     return FileDescriptor(::open(name, flags & ~O_CREAT));
 }
 
-/** Opens without waiting; afterwards reads and writes wait as usual. */
+/** Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN where they would.
+ */
 FileDescriptor open_now(const char* name, int flags)
 {
     FileDescriptor fd = open_or_create(name, flags);
@@ -64,26 +67,38 @@ FileDescriptor open_now(const char* name, int flags)
         errno = EISDIR;
         return {};
     }
-    fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
+    if (is_regular(fd.get()))
+        fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
     return fd;
 }
 
-/** Repeats a transfer until `size` bytes are through; returns the bytes, and errno in `error` when it ended
- * early. */
-template <typename Step> size_t transfer_all(size_t size, int& error, Step step)
+/** Waits for the other end of a pipe; an errno, ECANCELED when the task on this thread is being deleted. */
+int wait_until_ready(int fd, short event)
+{
+    pollfd waited[] = {{fd, event, 0}, {Task::deletion_on_this_thread(), POLLIN, 0}};
+    if (poll(waited, 2, -1) < 0)
+        return errno == EINTR ? 0 : errno;
+    return waited[1].revents != 0 ? ECANCELED : 0;
+}
+
+/**
+ * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in between;
+ * returns the bytes, and errno in `error` when it ended early.
+ */
+template <typename Step> size_t transfer_all(int fd, short event, size_t size, int& error, Step step)
 {
     size_t done = 0;
     error = 0;
-    while (done < size) {
+    while (done < size && error == 0) {
         const ssize_t moved = step(done, std::min(size - done, greatest_transfer));
         if (moved > 0)
             done += static_cast<size_t>(moved);
         else if (moved == 0)
             break;
-        else if (errno != EINTR) {
+        else if (errno == EAGAIN)
+            error = wait_until_ready(fd, event);
+        else if (errno != EINTR)
             error = errno;
-            break;
-        }
     }
     return done;
 }
@@ -126,13 +141,14 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
 
 int64_t OpenFile::read(void* dst, size_t size)
 {
+    const std::lock_guard lock(in_use_);
     int error = 0;
-    const size_t done = transfer_all(size, error, [&](size_t at, size_t bytes) {
+    const size_t done = transfer_all(fd_.get(), POLLIN, size, error, [&](size_t at, size_t bytes) {
         return ::read(fd_.get(), static_cast<char*>(dst) + at, bytes);
     });
     if (error == 0)
         return static_cast<int64_t>(done);
-    if (!failure_logged_)
+    if (!failure_logged_ && error != ECANCELED)
         HOST_LOGE("Cannot read \"%s\": %s.", name_.c_str(), strerror(error));
     failure_logged_ = true;
     return done > 0 ? static_cast<int64_t>(done) : -1;
@@ -140,10 +156,11 @@ int64_t OpenFile::read(void* dst, size_t size)
 
 uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t count_of_items)
 {
+    const std::lock_guard lock(in_use_);
     written_ = true;
     int error = 0;
     const size_t size = item_bytes * count_of_items;
-    const size_t done = transfer_all(size, error, [&](size_t at, size_t bytes) {
+    const size_t done = transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
         return ::write(fd_.get(), static_cast<const char*>(src) + at, bytes);
     });
     const uint64_t whole = done / item_bytes;
@@ -180,11 +197,17 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
 
 bool OpenFile::seek(int64_t offset, int whence)
 {
+    const std::lock_guard lock(in_use_);
     return lseek(fd_.get(), offset, whence) >= 0;
 }
 
 bool OpenFile::close()
 {
+    const std::unique_lock lock(in_use_, std::try_to_lock);
+    if (!lock) {
+        HOST_LOGE("\"%s\" is still in use, so that it is closed later.", name_.c_str());
+        return false;
+    }
     // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
     // close is to be over in a moment. What the medium does not take shows at the next use of the file.
     int error = 0;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -13,7 +14,10 @@ namespace zu3host {
 /** How a file is opened, from a stdio mode: the flags of open(2); nothing for a text that is no mode. */
 std::optional<int> open_flags_of_mode(const char* mode);
 
-/** An ordinary file without a buffer of its own: what a write took is with the kernel. One thread at a time.
+/**
+ * A file without a buffer of its own: what a write took is with the kernel. One thread at a time reads,
+ * writes or seeks; others wait. A transfer that waits for the other end of a pipe is over when the task that
+ * it is in is deleted: it answers what is through by then.
  */
 class OpenFile {
 public:
@@ -29,7 +33,11 @@ public:
      */
     uint64_t write_items(const void* src, uint64_t item_bytes, uint64_t count);
     bool seek(int64_t offset, int whence);
-    /** Waits until the medium has what was written, then closes; false when the system tells of a loss. */
+    /**
+     * Starts what was written on its way to the medium, without waiting for it, and closes; false when the
+     * system tells of a loss. While another thread is inside a call the descriptor stays open: it is closed
+     * with the last owner, and the answer is false.
+     */
     bool close();
 
 private:
@@ -37,6 +45,7 @@ private:
     void cut_partial_item(uint64_t partial_bytes);
 
     std::string name_;
+    std::mutex in_use_; // held within each call; guards what follows
     FileDescriptor fd_;
     bool written_ = false;
     bool failure_logged_ = false;

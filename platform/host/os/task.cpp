@@ -1,6 +1,8 @@
 #include "os/task.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <sys/eventfd.h>
 
 namespace zu3host {
 
@@ -9,6 +11,8 @@ namespace {
 // The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual 8 MiB
 // would count in full wherever address space or locked memory is limited.
 constexpr size_t least_stack_bytes = 256 * 1024;
+
+thread_local int deletion_of_task = -1;
 
 class ThreadAttributes {
 public:
@@ -36,6 +40,9 @@ int Task::start(size_t stack_bytes)
     // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task without
     // it.
     const std::lock_guard lock(mutex_);
+    deletion_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!deletion_)
+        return errno;
     const int error = pthread_create(&thread_, attributes.get(), run_thread, kept.get());
     if (error == 0)
         static_cast<void>(kept.release()); // the thread's from here on
@@ -66,6 +73,7 @@ bool Task::may_begin()
     if (state_ == State::cancelled)
         return false;
     state_ = State::running;
+    deletion_of_task = deletion_.get();
     return true;
 }
 
@@ -74,6 +82,7 @@ Task::End Task::stop(std::chrono::milliseconds limit)
     std::unique_lock lock(mutex_);
     if (state_ == State::created)
         state_ = State::cancelled;
+    eventfd_write(deletion_.get(), 1);
     const bool ends = returned_.wait_for(lock, limit, [this] { return state_ != State::running; });
     lock.unlock();
     if (ends)
@@ -81,6 +90,11 @@ Task::End Task::stop(std::chrono::milliseconds limit)
     else
         pthread_detach(thread_);
     return ends ? End::finished : End::still_running;
+}
+
+int Task::deletion_on_this_thread()
+{
+    return deletion_of_task;
 }
 
 bool Task::runs_on_this_thread() const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/file_descriptor.h"
 #include "os/thread_start.h"
 
 #include <chrono>
@@ -25,10 +26,18 @@ public:
 
     /** Starts the thread with a stack of at least `stack_bytes`; an errno, 0 = started. */
     int start(size_t stack_bytes);
-    /** Keeps an entry that has not begun from ever running, and waits up to `limit` for one that runs. */
+    /**
+     * Keeps an entry that has not begun from ever running, and waits up to `limit` for one that runs. Waits
+     * of its thread for deletion_on_this_thread() are over.
+     */
     End stop(std::chrono::milliseconds limit);
 
     bool runs_on_this_thread() const;
+    /**
+     * For whoever polls on a task's thread: a descriptor that is readable from the task's deletion on; -1 on
+     * a thread that is no task's.
+     */
+    static int deletion_on_this_thread();
     const char* name() const { return name_.data(); }
 
 private:
@@ -45,6 +54,7 @@ private:
     std::condition_variable returned_;
     State state_ = State::created;
     pthread_t thread_{};
+    FileDescriptor deletion_; // an event
 };
 
 } // namespace zu3host
