@@ -18,9 +18,10 @@ struct Range {
 
 std::mutex taken_mutex;
 
+// Never destroyed: a multiplexer may still be closed on another thread while the process exits.
 std::vector<Range>& taken()
 {
-    static std::vector<Range> ranges;
+    static auto& ranges = *new std::vector<Range>;
     return ranges;
 }
 

@@ -15,9 +15,10 @@ constexpr uint64_t sound_rate = 141000;
 
 std::mutex budgets_mutex;
 
+// Never destroyed: a multiplexer may still be closed on another thread while the process exits.
 std::map<const RateBudget*, uint64_t>& budgets()
 {
-    static std::map<const RateBudget*, uint64_t> all;
+    static auto& all = *new std::map<const RateBudget*, uint64_t>;
     return all;
 }
 

@@ -13,9 +13,10 @@ namespace {
 
 std::atomic<bool> initialised{false};
 
+// Never destroyed: an encoder's callback or a writer may still call in while the process exits.
 HandleTable<Multiplexer>& multiplexers()
 {
-    static HandleTable<Multiplexer> table(0x600);
+    static auto& table = *new HandleTable<Multiplexer>(0x600);
     return table;
 }
 
