@@ -14,7 +14,11 @@ namespace zu3host {
 class SoundQueue {
 public:
     static constexpr size_t frames = 128; /**< 2.7 seconds */
-    static constexpr size_t greatest_frame = 1024;
+    /**
+     * A frame has up to 6144 bits for each of two channels (ISO/IEC 14496-3) and an ADTS header of 7 bytes
+     * before them.
+     */
+    static constexpr size_t greatest_frame = 2 * 6144 / 8 + 7;
 
     SoundQueue() : data_(frames * greatest_frame) {}
 
