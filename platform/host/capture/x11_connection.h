@@ -23,8 +23,10 @@ template <typename T> struct XcbAnswer {
 };
 
 /**
- * A connection to the X server. Waits are bounded: a server that does not answer for five seconds counts as
- * lost. A lost connection stays lost; every later wait returns at once. One thread at a time.
+ * A connection to the X server. Waits in wait() and succeeded() are bounded: a server that does not answer
+ * for five seconds counts as lost. A lost connection stays lost; every later wait returns at once. xcb itself
+ * waits without a bound in open(), and in has() where an extension is asked for the first time. One thread at
+ * a time.
  */
 class X11Connection {
 public:

@@ -64,7 +64,10 @@ private:
 /** An encoder's entire inject buffer: one block of device memory with room for several pictures. */
 class InjectRegion {
 public:
-    /** One picture in each place of the encoder's queue and the one that is being written. */
+    /**
+     * Fewer than the encoder's queue has places, since the block is allocated whole. While all are leased a
+     * capture drops its pictures.
+     */
     static constexpr uint32_t pictures = 5;
 
     InjectRegion() = default;
