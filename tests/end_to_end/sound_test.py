@@ -2,6 +2,7 @@
 
 import array
 import math
+import os
 import signal
 import statistics
 import time
@@ -159,6 +160,16 @@ class SoundServers(ShortEndToEndTest):
                 self.assertEqual(len(said), 1, recording.errors())
                 self.assertEqual("libpulse" in said[0], missing == "library", said)
                 self.assertLess(max(map(abs, judges.decode_sound(self.path(f"{missing}.ts")))), 4)
+
+    def test_reader_comes_late(self):
+        # Catches sound from before there was a reader, whose loss is told at the end.
+        pipe = self.path("pipe")
+        os.mkfifo(pipe)
+        late = self.client("pcm", "-t", "1", "-o", pipe, environment={"ZU3_AUDIO": "tone"})
+        pass_time(2.5)
+        self.assertEqual(len(pipe.read_bytes()), 4 * 48000)
+        self.assert_exit(late, 0)
+        self.assertEqual(late.errors(), "")
 
     def test_server_dies(self):
         server = self.start_sound()
