@@ -33,7 +33,8 @@ constexpr Term environment_terms[] = {
     {"ZU3_DISPLAY", "x11 or testcard (a moving test card, no display needed)"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ANDROID_LOG_TAGS", "what the library and the platform log on standard error, e.g. '*:D'"},
-    {"NO_COLOR", "set to anything: no colours"},
+    {"NO_COLOR", "set and not empty: no colours"},
+    {"TERM", "dumb or not set: no line of status, which such a terminal cannot refresh"},
 };
 constexpr std::array<Section, 3> all_sections = {
     {{"Signals", signal_terms}, {"Exit codes", exit_codes}, {"Environment", environment_terms}}};

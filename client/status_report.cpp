@@ -16,8 +16,14 @@ namespace {
 bool colours_wanted()
 {
     const char* no_colour = std::getenv("NO_COLOR");
+    return !no_colour || !*no_colour;
+}
+
+/** Whether standard error is a terminal on which a line can be refreshed. */
+bool line_can_be_refreshed()
+{
     const char* terminal = std::getenv("TERM");
-    return (!no_colour || !*no_colour) && terminal && std::strcmp(terminal, "dumb") != 0;
+    return isatty(STDERR_FILENO) == 1 && terminal && *terminal && std::strcmp(terminal, "dumb") != 0;
 }
 
 size_t terminal_columns()
@@ -68,7 +74,7 @@ std::string progress_as_line(const Progress& p, bool colour)
 }
 
 StatusReport::StatusReport(bool json, std::string status_file)
-    : json_(json), terminal_(!json && isatty(STDERR_FILENO) == 1), colour_(colours_wanted()),
+    : json_(json), terminal_(!json && line_can_be_refreshed()), colour_(colours_wanted()),
       status_file_(std::move(status_file)), next_(Clock::now() + std::chrono::seconds(1))
 {
     if (status_file_.empty())
