@@ -36,14 +36,14 @@ std::string size_problem(Size size);
  */
 Size size_for_display(Size display);
 
-/** The rates that the encoder is asked for, bits per second; no level of H.264 allows more. */
+/** The rates that the encoder is asked for, bits per second: no level that it knows allows more. */
 inline constexpr uint32_t lowest_bit_rate = 10'000;
 inline constexpr uint32_t greatest_bit_rate = 240'000'000;
 
 /** One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000). */
 std::optional<uint32_t> parse_bit_rate(std::string_view text);
 
-/** "X,Y", each with an optional sign. */
+/** "X,Y", each with a minus sign where it is negative; a plus sign is none of it. */
 std::optional<Position> parse_position(std::string_view text);
 
 /** Seconds, with an optional fraction, more than 0 and at most 10000000. */

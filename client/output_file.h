@@ -26,8 +26,9 @@ void check_output_path(const std::string& path, bool overwrite);
 void check_whole_file_path(const std::string& path, bool overwrite);
 
 /**
- * An output file under its final name, filled as time goes by, for its owner alone. Created by us, or emptied
- * where `overwrite` allows it; one that we created and that is still empty at the end is removed again.
+ * An output file under its final name, filled as time goes by. Created by us, for its owner alone, or one
+ * that was there, emptied where `overwrite` allows it, with the mode that it had; one that we created and
+ * that is still empty at the end is removed again.
  */
 class OutputFile {
 public:
