@@ -70,6 +70,7 @@ private:
     void run();
     bool listen();
     bool pass(int64_t us);
+    bool iterate(int timeout_us);
     void set_live(bool live);
     void report(const std::string& failure);
 
@@ -100,7 +101,7 @@ bool PulseSource::listen()
     PulseConnection connection(loop_.get(), *this);
     bool usable = true;
     while (usable && !stopping() && !connection.failed())
-        usable = pa_mainloop_iterate(loop_.get(), 1, nullptr) >= 0;
+        usable = iterate(-1);
     set_live(false);
     if (connection.failed() && !stopping())
         report(connection.failure());
@@ -111,12 +112,22 @@ bool PulseSource::listen()
 bool PulseSource::pass(int64_t us)
 {
     const int64_t until = monotonic_us() + us;
-    for (int64_t left = us; left > 0 && !stopping(); left = until - monotonic_us()) {
-        if (pa_mainloop_prepare(loop_.get(), static_cast<int>(left)) < 0 || pa_mainloop_poll(loop_.get()) < 0)
-            return false;
-        pa_mainloop_dispatch(loop_.get());
-    }
-    return true;
+    bool usable = true;
+    for (int64_t left = us; usable && left > 0 && !stopping(); left = until - monotonic_us())
+        usable = iterate(static_cast<int>(left));
+    return usable;
+}
+
+/** Waits for one event, for ever with -1, and handles it; false when the main loop is broken. */
+bool PulseSource::iterate(int timeout_us)
+{
+    if (pa_mainloop_prepare(loop_.get(), timeout_us) < 0)
+        return false;
+    // The preparation swallows a wakeup, so that a stop before it shows here only; a later one wakes the
+    // poll. What is prepared then stays so, since nothing iterates any more.
+    if (stopping())
+        return true;
+    return pa_mainloop_poll(loop_.get()) >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
 }
 
 void PulseSource::set_live(bool live)
