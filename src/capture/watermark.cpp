@@ -19,7 +19,8 @@ namespace {
 
 /** The reference that keeps the worker; control calls only. Released when the library is unloaded. */
 sp<SrGlWorker> _spSrGlWorker;
-/** A worker that a callback had not left when it was to be released; goes with a later release. */
+/** A worker that a callback had not left when it was to be released; goes with a later release, and before
+ * the next worker comes: a second one put aside would free this one under its callback. */
 sp<SrGlWorker> _spBusyWorker;
 /** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
  * release. */
@@ -102,6 +103,12 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
     if (!_spSrGlWorker) {
         if (_bUseEntireInjectBuf == 0) {
             WATERMARK_LOGE("%s watermark flow is supported in external memory case only now", __func__);
+            return -1;
+        }
+        if (_spBusyWorker)
+            _SCREENRECORD_ReleaseWatermark(); // its callback may have left since
+        if (_spBusyWorker) {
+            WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
             return -1;
         }
         if (!DescribeInjectBuffer(SR_HERE))

@@ -158,12 +158,13 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
 TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
-        GTEST_SKIP() << "three drains take 15 s of real time; once is enough";
+        GTEST_SKIP() << "four drains take 20 s of real time; once is enough";
     middleware::Gate held;
     std::atomic<bool> returned = false;
     std::future<u32> picture = draw_watermark(held);
     mw.inside("ZU_CAP_ProcessBufDone", [&] { returned = true; });
     EXPECT_EQ(video_capenc_stop(), 0);
+    EXPECT_EQ(video_capenc_setWatermark(android::WatermarkParams()), -1) << "only one can be put aside";
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 0) << "the callback is inside the worker";
     mw.tolerate_problem("ZU_CAP_ProcessBufDone is called on dead");
     mw.inside("ZU_CAP_Close", [&] { held.open(); });
