@@ -81,7 +81,8 @@ struct SCREENRECORD_TaskFields_s {
 
 /** One module of one slot. */
 struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
-    CallbackGate callbackGate; /**< outlives resets: a late callback may be inside */
+    CallbackGate callbackGate;     /**< outlives resets: a late callback may be inside */
+    CrossThread<u32> u32Deletions; /**< of its task; outlives resets: so may a task that was given up */
 };
 
 /** What a recording takes in and produces. The three names are owned. */
@@ -153,7 +154,7 @@ SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pst
 void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
 /** Frees the names and clears everything else. */
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
-/** Clears both slots as they are at load. */
+/** Clears both slots. */
 void _SCREENRECORD_ClearTable();
 
 /** Takes the handle out of a record and waits for the callbacks that found it there; returns the handle. */

@@ -20,6 +20,8 @@ Feeding FillInputBuffer(WorkerRun& run, SCREENRECORD_Caller_s stCaller)
         stBuffer.u32DataSize == 0)
         return Feeding::ENCODER_BUSY;
     const s32 s32Read = ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
+    if (run.Outlived())
+        return Feeding::DONE; // the buffer went back with its encoder, and the next one is not this run's
     if (s32Read <= 0) {
         SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Read end of file!\n");
         return Feeding::END_OF_FILE;

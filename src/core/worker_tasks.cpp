@@ -52,15 +52,15 @@ void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId, CrossThread<s32>*
     free(pTaskStack);
     if (ps32PublishedMutexId != nullptr)
         *ps32PublishedMutexId = SCREENRECORD_NO_ID;
-    if (bObtained) {
+    if (bObtained)
         ZU_OS_ReleaseMutex(s32MutexId);
-        // Who read the id before it was withdrawn may be waiting for the mutex; it must not be deleted under
-        // them.
-        if (pGate != nullptr)
-            pGate->Drain();
-    }
-    if (bHasMutex)
-        ZU_OS_DeleteMutex(s32MutexId);
+    if (!bHasMutex)
+        return;
+    // Who read the id before it was withdrawn may hold the mutex or wait for it; it must not be deleted under
+    // them.
+    if (pGate != nullptr)
+        pGate->Drain();
+    ZU_OS_DeleteMutex(s32MutexId);
 }
 
 void RetireWriter(SCREENRECORD_TaskCtrl_s* pstTask)
@@ -169,6 +169,7 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
             FreeTaskArg(pstTask); // the task that would have freed it has never run
         pstTask->eTaskPhase = E_SCREENRECORD_TASK_NONE;
     }
+    pstTask->u32Deletions = pstTask->u32Deletions + 1;
     pstTask->bTaskExit = 0;
     return ZU_OK;
 }
@@ -187,6 +188,7 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     if (!m_pstTask->eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_ENTERED))
         return;
     m_bMay = true;
+    m_u32Deletions = m_pstTask->u32Deletions; // a deletion waits until the phase has left ENTERED
     FreeTaskArg(m_pstTask);
     m_s32MutexId = m_pstTask->s32MutexId;
     m_bHoldsMutex = m_s32MutexId != SCREENRECORD_NO_ID &&
@@ -199,7 +201,7 @@ void WorkerRun::End(SCREENRECORD_Caller_s stCaller)
 {
     SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Exit %s() \n", stCaller.pName);
     // A deleter that gave up waiting has removed the mutex and taken its id out of the record.
-    if (m_bHoldsMutex && (m_bRetired || m_pstTask->s32MutexId == m_s32MutexId))
+    if (m_bHoldsMutex && (m_bRetired || (!Outlived() && m_pstTask->s32MutexId == m_s32MutexId)))
         ZU_OS_ReleaseMutex(m_s32MutexId);
 }
 
@@ -208,6 +210,8 @@ bool WorkerRun::TryCloseOwnSlot(SCREENRECORD_Caller_s stCaller)
     const std::unique_lock<std::recursive_mutex> lock(_controlMutex, std::try_to_lock);
     if (!lock.owns_lock())
         return false;
+    if (Outlived())
+        return true;
     SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s() Out of limitsec stop record _u32RecordTime = %ld\n",
               stCaller.pName, static_cast<long>(_u32RecordTime));
     u32 u32Handle = m_u32SlotId;

@@ -42,19 +42,24 @@ public:
     void End(SCREENRECORD_Caller_s stCaller);
 
     bool May() const { return m_bMay; }
-    bool ExitRequested() const { return m_pstTask->bTaskExit != 0; }
+    bool ExitRequested() const { return m_pstTask->bTaskExit != 0 || Outlived(); }
+    /** The deletion gave up waiting and went on: the record, its handles and files are another run's by now.
+     */
+    bool Outlived() const { return m_pstTask->u32Deletions != m_u32Deletions; }
     u32 SlotId() const { return m_u32SlotId; }
     SCREENRECORD_TaskCtrl_s* Task() const { return m_pstTask; }
 
     /**
      * Stops and closes the run's own slot, as the writer does at the time limit; afterwards the record is
-     * another's and the run only ends. False, and nothing done, while a client is in a control call.
+     * another's and the run only ends, as it does where the record was another's before. False, and nothing
+     * done, while a client is in a control call.
      */
     bool TryCloseOwnSlot(SCREENRECORD_Caller_s stCaller);
 
 private:
     u32 m_u32SlotId;
     SCREENRECORD_TaskCtrl_s* m_pstTask;
+    u32 m_u32Deletions = 0; /**< when this run began */
     bool m_bMay = false;
     bool m_bRetired = false;
     bool m_bHoldsMutex = false;

@@ -28,9 +28,9 @@ public:
      * slot. */
     void Run()
     {
-        while (CopyStream()) {
+        while (!m_run.Outlived() && CopyStream() && !m_run.Outlived()) {
             // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so this copy or
-            // the next one brings its rest, and that goes into the file.
+            // the next one brings the last that goes into the file; what is beyond one copy then is lost.
             const bool bLast = m_run.ExitRequested();
             if (m_u32Filled > COPY_SIZE || bLast)
                 WriteBatch();

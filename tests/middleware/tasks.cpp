@@ -74,7 +74,8 @@ u32 remove(Context& context, s32 id)
         return ZU_FAILURE;
     }
     if (task.state == TaskState::running) {
-        Waiter waiter{std::this_thread::get_id(), never, !task_thread};
+        // Nor can a thread be killed here: one that hangs is given up.
+        Waiter waiter{std::this_thread::get_id(), s.now_ns + 2'000'000'000, !task_thread};
         task.joiners.push_back(&waiter);
         wait(context.lock, waiter, "ZU_OS_DeleteTask of " + task.name);
         task.joiners.remove(&waiter);

@@ -120,6 +120,35 @@ TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
     EXPECT_EQ(task(1, VREADER).s32MutexId, -1);
 }
 
+/** Where a thread cannot be killed, one that a dead disk holds comes back into the slot's next recording. */
+TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
+{
+    for (const char* const call : {"ZU_FS_Fwrite", "ZU_TSMUX_CopyOutputStream"}) {
+        SCOPED_TRACE(call);
+        mw.tolerate_problem("task Tscode:");
+        ASSERT_TRUE(steps::configure(1));
+        _u32RecordTime = 8;
+        middleware::Gate hang;
+        mw.inside(call, [&] { hang.wait(); });
+        mw.queue_output(Bytes(0x18000));
+        ASSERT_EQ(steps::start(1), 1u);
+        mw.advance(300);
+        ASSERT_TRUE(hang.wait_for_arrival());
+        EXPECT_EQ(steps::close(1), 1u);
+        mw.clear_script();
+        ASSERT_TRUE(steps::record(1));
+        mw.advance(4000); // the limit of the first recording has passed, that of the second has not
+        mw.take_calls();
+        hang.open();
+        mw.advance(1000);
+        EXPECT_EQ(mw.count("ZU_TSMUX_CopyOutputStream"), 10) << "one writer";
+        EXPECT_EQ(mw.count("ZU_FS_Fwrite"), 0);
+        EXPECT_FALSE(slot_is_closed(1));
+        steps::close_all();
+        mw.reset();
+    }
+}
+
 TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
 {
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
