@@ -127,6 +127,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle)
 
 /**
  * Stops a slot, writes what is left, closes everything that it holds and its file. Harmless on a closed slot.
+ * The writer, which copies at most 64 KiB every 100 ms, makes one more copy: of a multiplexer that holds
+ * more, as after a disk that stood still until now, the rest is lost.
  * @param pu32Handle slot, 0 or 1
  * @return 1 when the stop and the file's close succeeded, else 0; the slot is closed in either case, unless
  * the handle is bad or the library not initialised

@@ -50,7 +50,7 @@ u32 _SCREENRECORD_Venc_Profile_Convert(u32 u32Profile)
     }
 }
 
-/** Android's AVC level code, a bit a level, to ten times the level's number. */
+/** Android's AVC level code, a bit a level, to a hundred times the level's number. */
 u32 _SCREENRECORD_Venc_Level_Convert(u32 u32Level)
 {
     static constexpr u32 au32Levels[] = {100, 101, 110, 120, 130, 200, 210, 220, 300, 310, 320, 400, 410};

@@ -19,7 +19,8 @@ extern CrossThread<u8> _bWaitKeyFrame;
 extern CrossThread<u64> _au64InputPts[CAPENC_INPUT_COUNT];
 extern CrossThread<u64> _u64LastPts;
 
-/** Empties the ring and waits for a key frame; the encoder must be closed. */
+/** Rewinds the ring and waits for a key frame. What the entries hold goes with the allocation that follows.
+ */
 void _SCREENRECORD_ResetRing();
 /** Allocates the buffers that are not there yet. False when one cannot be had; those allocated stay. */
 bool _SCREENRECORD_AllocateRing();
