@@ -84,7 +84,7 @@ class Descriptors(ShortEndToEndTest):
                 pass
         os.set_blocking(full, True)
         running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
-                                     environment={"ZU3_DISPLAY": "testcard", "ANDROID_LOG_TAGS": "*:S"})
+                                     environment={"ZU3_DISPLAY": "testcard", "ANDROID_LOG_TAGS": "*:D"})
                    for name, options in {"closed.ts": {"prepare": lambda: os.closerange(0, 3)},
                                          "unread.ts": {"stderr": full}}.items()}
         for name, client in running.items():

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -51,8 +53,24 @@ void put_lines(LineBuffer& out, std::string_view prefix, std::string_view messag
     }
 }
 
+/**
+ * False when whoever reads standard error has not taken anything for a moment. The first line that meets him
+ * waits, the others do not until he reads again: a log must not hold up a recording, nor its end.
+ */
+bool stderr_has_room()
+{
+    static std::atomic<bool> stuck{false};
+    pollfd room{STDERR_FILENO, POLLOUT, 0};
+    const int answer = poll(&room, 1, stuck ? 0 : 100);
+    stuck = answer == 0;
+    return answer != 0;
+}
+
+/** No more than a pipe that has room takes at once. */
 int write_to_stderr(std::string_view text)
 {
+    if (!stderr_has_room())
+        return -EAGAIN;
     ssize_t written = 0;
     do
         written = write(STDERR_FILENO, text.data(), text.size());
