@@ -87,6 +87,7 @@ class Refusals(ShortEndToEndTest):
             ("record -o a.ts --status-file -", "'-'", "--json"),
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
+            ("record -y -o old.ts --source link -s 64x64", "'old.ts'", "another name"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
             ("devices now", "'now'", "no option of devices"),
