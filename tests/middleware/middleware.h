@@ -170,7 +170,8 @@ public:
         /** What a device claims, true or not, of the bytes that it read, copied out, or offers for injection.
          */
         std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
-        s32 first_fd = 0; /**< the first IOMMU descriptor; 0 is a good one */
+        s32 first_fd = 0;                    /**< the first IOMMU descriptor; 0 is a good one */
+        std::optional<s64> deletion_ms = {}; /**< after which a task that hangs is given up; none = never */
     } settings;
 
 private:

@@ -74,8 +74,9 @@ u32 remove(Context& context, s32 id)
         return ZU_FAILURE;
     }
     if (task.state == TaskState::running) {
-        // Nor can a thread be killed here: one that hangs is given up.
-        Waiter waiter{std::this_thread::get_id(), s.now_ns + 2'000'000'000, !task_thread};
+        const std::optional<s64> limit = Middleware::instance().settings.deletion_ms;
+        const s64 deadline = limit ? s.now_ns + *limit * 1'000'000 : never;
+        Waiter waiter{std::this_thread::get_id(), deadline, !task_thread};
         task.joiners.push_back(&waiter);
         wait(context.lock, waiter, "ZU_OS_DeleteTask of " + task.name);
         task.joiners.remove(&waiter);

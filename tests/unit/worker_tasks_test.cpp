@@ -126,6 +126,7 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
     for (const char* const call : {"ZU_FS_Fwrite", "ZU_TSMUX_CopyOutputStream"}) {
         SCOPED_TRACE(call);
         mw.tolerate_problem("task Tscode:");
+        mw.settings.deletion_ms = 2000;
         ASSERT_TRUE(steps::configure(1));
         _u32RecordTime = 8;
         middleware::Gate hang;
