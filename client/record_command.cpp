@@ -14,6 +14,11 @@ namespace {
 uint64_t pictures_in(const std::string& source, Size size)
 {
     std::error_code error;
+    const auto kind = std::filesystem::status(source, error).type();
+    if (kind != std::filesystem::file_type::regular && kind != std::filesystem::file_type::not_found)
+        throw Failure(
+            "cannot read " + source +
+            ": it is no ordinary file, whose size tells how many pictures it holds; save them to one");
     const uint64_t bytes = std::filesystem::file_size(source, error);
     if (error)
         throw Failure("cannot read " + source + ": " + error.message());

@@ -106,7 +106,8 @@ class Refusals(ShortEndToEndTest):
         unreachable = {"ZU3_DISPLAY": "", "DISPLAY": ":4242"}
         cases = [(2, "old.ts", "old.ts", [], {}), (1, "DISPLAY", "new.ts", [], unreachable),
                  (1, "DISPLAY", "new.ts", ["-s", "640x480"], unreachable),
-                 (1, "no-such-folder", "no-such-folder/a.ts", [], {})]
+                 (1, "no-such-folder", "no-such-folder/a.ts", [], {}),
+                 (1, "no ordinary file", "new.ts", ["-s", "64x64", "--source", "/dev/null"], {})]
         for code, word, name, options, environment in cases:
             with self.subTest(word):
                 refused = self.client("record", "-t", "1", "-o", name, *options, environment=environment)
