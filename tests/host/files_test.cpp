@@ -20,6 +20,7 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -161,6 +162,35 @@ int bytes_in(int pipe)
 {
     int bytes = -1;
     return ioctl(pipe, FIONREAD, &bytes) == 0 ? bytes : -1;
+}
+
+// Catches a batch in one write: a kill cuts most of those in the middle of a packet, and one in ten of these.
+TEST_F(Files, AreSeldomCutInAPacketByAKill)
+{
+    for (const size_t packet : {188u, 192u}) {
+        std::string batch(350 * packet, 'x');
+        for (size_t at = packet - 188; at < batch.size(); at += packet)
+            batch[at] = 0x47;
+        int cut = 0;
+        for (int kill_number = 0; kill_number < 50; kill_number++) {
+            const pid_t writer = fork();
+            if (writer == 0) {
+                const u32 file = open("stream", "wb");
+                for (int batches = 0; batches < 2000; batches++)
+                    ZU_FS_Fwrite(batch.data(), static_cast<u32>(batch.size()), 1, file);
+                _exit(0);
+            }
+            const auto written = [&] {
+                return fs::exists(path("stream")) ? fs::file_size(path("stream")) : 0;
+            };
+            EXPECT_TRUE(zu3host::wait_until([&] { return written() > 1'000'000; }));
+            kill(writer, SIGKILL);
+            waitpid(writer, nullptr, 0);
+            cut += written() % packet != 0;
+            fs::remove(path("stream"));
+        }
+        EXPECT_LT(cut, 25) << packet;
+    }
 }
 
 // Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles.

@@ -1,5 +1,6 @@
 #include "files/open_file.h"
 
+#include "files/packet_steps.h"
 #include "log/host_log.h"
 #include "os/task.h"
 #include "statistics/counters.h"
@@ -160,8 +161,9 @@ uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t co
     written_ = true;
     int error = 0;
     const size_t size = item_bytes * count_of_items;
+    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
     const size_t done = transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
-        return ::write(fd_.get(), static_cast<const char*>(src) + at, bytes);
+        return ::write(fd_.get(), static_cast<const char*>(src) + at, steps.most(at, bytes));
     });
     const uint64_t whole = done / item_bytes;
     if (done < size) {
