@@ -119,6 +119,7 @@ int main(int argc, char** argv)
     FILE* const file = fopen(argv[3], "wb");
     if (!file)
         fail("the file cannot be written");
+    setvbuf(file, nullptr, _IONBF, 0); // an access unit is out when it is written: it may go into a pipe
     const size_t luma = size_t{screen.width} * screen.height;
     std::vector<uint8_t> picture(luma + luma / 2);
     timespec start{};

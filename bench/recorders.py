@@ -50,6 +50,9 @@ def streaming(name, task):
     """Command line of an elementary stream at 4 Mbit/s, a quarter of a second ahead, to standard output."""
     if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "stream", "-s", task.size, "-r", str(task.fps), "-b", "4M", "-o", "-"]
+    if name == FLOOR:
+        return [f"{task.programs}/bench_floor", str(task.fps), str(task.seconds), "/dev/stdout", "bitrate=4000",
+                "vbv-maxrate=4000", "vbv-bufsize=1000", f"keyint={task.keyint}", "threads=1", "sliced-threads=0", "aud=1"]
     if name == "ffmpeg":
         return [*ffmpeg_input(task), "-fps_mode", "passthrough",
                 *ffmpeg_encoder(task, "vbv-maxrate=4000:vbv-bufsize=1000"), "-b:v", "4000k", "-f", "h264",
