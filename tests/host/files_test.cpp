@@ -1,4 +1,5 @@
 #include "common/file_descriptor.h"
+#include "files/packet_steps.h"
 #include "helpers.h"
 #include "statistics/counters.h"
 
@@ -164,33 +165,59 @@ int bytes_in(int pipe)
     return ioctl(pipe, FIONREAD, &bytes) == 0 ? bytes : -1;
 }
 
+std::string packets(size_t count, size_t bytes)
+{
+    std::string batch(count * bytes, 'x');
+    for (size_t at = bytes - 188; at < batch.size(); at += bytes)
+        batch[at] = 0x47;
+    return batch;
+}
+
+// Catches a write in which two pages of the file meet within one packet and which holds more than that one,
+// also behind a packet of which a full disk has taken a part.
+TEST(PacketSteps, EndWithAPacketAndLieInOnePageOrHoldOnePacket)
+{
+    constexpr size_t page = 4096;
+    for (const size_t packet : {188u, 192u}) {
+        const std::string batch = packets(350, packet);
+        for (size_t position = 0; position < page; position++) {
+            const size_t cut = position % 7 == 0 ? position % packet : 0;
+            const zu3host::PacketSteps steps(batch.data(), batch.size(), static_cast<int64_t>(position));
+            for (size_t at = cut, step = 0; at < batch.size(); at += step) {
+                step = steps.most(at, batch.size() - at);
+                const bool in_page = (position + at) / page == (position + at + step - 1) / page;
+                const size_t end = at + step;
+                ASSERT_TRUE(step != 0 && end % packet == 0 && (in_page || step <= packet))
+                    << packet << " bytes, from " << position << ", " << step << " at " << at;
+                const bool full = (position + end + packet - 1) / page != (position + end - 1) / page;
+                ASSERT_TRUE(full || !in_page || at % packet != 0 || end == batch.size())
+                    << "room for another packet in the page";
+            }
+        }
+    }
+}
+
 // Catches a batch in one write: a kill cuts most of those in the middle of a packet, and one in ten of these.
 TEST_F(Files, AreSeldomCutInAPacketByAKill)
 {
-    for (const size_t packet : {188u, 192u}) {
-        std::string batch(350 * packet, 'x');
-        for (size_t at = packet - 188; at < batch.size(); at += packet)
-            batch[at] = 0x47;
-        int cut = 0;
-        for (int kill_number = 0; kill_number < 50; kill_number++) {
-            const pid_t writer = fork();
-            if (writer == 0) {
-                const u32 file = open("stream", "wb");
-                for (int batches = 0; batches < 2000; batches++)
-                    ZU_FS_Fwrite(batch.data(), static_cast<u32>(batch.size()), 1, file);
-                _exit(0);
-            }
-            const auto written = [&] {
-                return fs::exists(path("stream")) ? fs::file_size(path("stream")) : 0;
-            };
-            EXPECT_TRUE(zu3host::wait_until([&] { return written() > 1'000'000; }));
-            kill(writer, SIGKILL);
-            waitpid(writer, nullptr, 0);
-            cut += written() % packet != 0;
-            fs::remove(path("stream"));
+    const std::string batch = packets(350, 188);
+    const auto written = [&] { return fs::exists(path("stream")) ? fs::file_size(path("stream")) : 0; };
+    int cut = 0;
+    for (int kill_number = 0; kill_number < 50; kill_number++) {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            const u32 file = open("stream", "wb");
+            for (int batches = 0; batches < 2000; batches++)
+                ZU_FS_Fwrite(batch.data(), static_cast<u32>(batch.size()), 1, file);
+            _exit(0);
         }
-        EXPECT_LT(cut, 25) << packet;
+        EXPECT_TRUE(zu3host::wait_until([&] { return written() > 1'000'000; }));
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        cut += written() % 188 != 0;
+        fs::remove(path("stream"));
     }
+    EXPECT_LT(cut, 25);
 }
 
 // Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles.
