@@ -81,7 +81,7 @@ def latencies(command, environment, task, folder):
     """
     Milliseconds from a stamp being drawn on the screen to the last byte of the access unit that shows it.
 
-    The screen shows the time, drawn anew every two milliseconds; the stream is read from a pipe, the moment of each read
+    The screen shows the time, drawn anew every millisecond; the stream is read from a pipe, the moment of each read
     is kept, and the pictures are decoded when all is over.
     """
     path = f"{folder}/latency.h264"
