@@ -13,11 +13,13 @@
  *
  * Use slot 0 for one of them at a time, and close it before the next. The three last refuse to open a
  * capture, encoder or audio capture that is open; a recording refuses a slot where something runs, but takes
- * one where something is merely open for its own, and forgets it. The first SCREENRECORD_Init or
- * startScreenRecord of a process begins with empty slots, whatever is open in them.
+ * one where something is merely open for its own, and forgets it. A SCREENRECORD_Init or startScreenRecord
+ * that brings the library up, the first of a process or the first after SCREENRECORD_DeInit, begins with
+ * empty slots, whatever is open in them.
  *
  * Threads: every function may be called from any thread; control calls (open, configure, start, stop, close)
- * exclude one another inside the library. No function may be called from within a callback of the middleware.
+ * exclude one another inside the library. Within a callback of the middleware only video_capenc_pause,
+ * _resume and _getMaxEsSize and audio_cap_getPCM, _getInfo and _getLostSize may be called.
  * Media flows on threads of the middleware; once a close has returned, none of them touches anything of the
  * recording any more.
  *
@@ -66,8 +68,9 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu
 /**
  * Chooses the video of an open slot and opens the encoder and its source. Before SCREENRECORD_SetTsMux.
  * @param pu32Handle    slot, 0 or 1
- * @param pu8SrcName    "cap" for the screen, else the name of a raw NV12 file (lines of the width rounded up
- * to 16, the height rounded up to 32 lines, chroma behind them), which is played once
+ * @param pu8SrcName    "cap" for the screen, on slot 0 only: captured pictures always go to slot 0's encoder,
+ * and a recording of slot 1 would stay without any; else the name of a raw NV12 file (lines of the width
+ * rounded up to 16, the height rounded up to 32 lines, chroma behind them), which is played once
  * @param pu8VencType   codec: NULL, "", "auto", "default" or "h264"
  * @param pu32Width     pixels, NULL or 0 = 640; at most what the encoder can
  * @param pu32Height    lines, NULL or 0 = 480; at most what the encoder can
@@ -100,7 +103,8 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t
  * @param pu32Handle        slot, 0 or 1
  * @param pu32TsPacketSize  192 for packets behind a 4-byte arrival time stamp, any other value 188; NULL =
  * 192
- * @param pu32CbrBitrateMb  constant rate in units of 1048576 bit/s; NULL or 0 = as much as the content needs
+ * @param pu32CbrBitrateMb  constant rate in units of 1048576 bit/s; NULL or 0 = as much as the content needs.
+ * Keep to 4 at most: the writer moves 64 KiB every 100 ms, and what a higher rate brings beyond that is lost
  * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a missing source
  * closes the slot
  */
@@ -146,8 +150,10 @@ extern "C" {
 
 /**
  * Sets or changes the watermark of the capture-encode interface; after video_capenc_open, also while it runs.
- * It is drawn only where the capture writes into the encoder's own buffer; video_capenc_stop removes it.
- * @param watermark copied (see srglworker/SrGlWorker.h); its picture is shared, not copied
+ * It is drawn only where the capture writes into the encoder's own buffer. video_capenc_stop removes it;
+ * video_capenc_close does not, so stop first: what a later session sets is else accepted and not drawn.
+ * @param watermark copied; its picture is shared, not copied. srglworker/SrGlWorker.h of the platform
+ * contract declares it, which CMake finds with find_package(screenrecord COMPONENTS contract)
  * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int video_capenc_setWatermark(const android::WatermarkParams& watermark);
@@ -160,10 +166,12 @@ SCREENRECORD_EXPORT int video_capenc_setWatermark(const android::WatermarkParams
  * @param u32Width       pixels, 0 = 640
  * @param u32Height      lines, 0 = 480
  * @param u32FrameRate   frames per second, 0 = 30
- * @param u32CbrBitrateMb constant rate in units of 1048576 bit/s, 0 = as much as the content needs
+ * @param u32CbrBitrateMb constant rate in units of 1048576 bit/s, at most 4; 0 = as much as the content needs
  * @param u32TsPacketSize 192, any other value 188
  * @param u32RecordTime  the recording ends by itself once more than so many whole seconds have passed; 0 =
- * never
+ * never. The limit is one for the process: slot 1's recording ends at it too, and it holds until
+ * stopScreenRecord succeeds or the next call of this function. What was still on its way to the file is lost
+ * then; stopScreenRecord loses nothing
  * @param u8VencType     0 = H.264; nothing else is accepted
  * @param pu8FileName    NUL-terminated output file name
  * @return 0 when the recording runs, -1 on failure
