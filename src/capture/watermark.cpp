@@ -17,11 +17,19 @@ SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
 
 namespace {
 
-/** The reference that keeps the worker; control calls only. Released when the library is unloaded. */
-sp<SrGlWorker> _spSrGlWorker;
+/** A reference that stays when the process exits: a callback may still be drawing then. */
+union KeptWorker_u {
+    KeptWorker_u() : sp() {}
+    ~KeptWorker_u() {}
+    android::sp<SrGlWorker> sp;
+};
+KeptWorker_u _uWorker;
+KeptWorker_u _uBusyWorker;
+/** The reference that keeps the worker; control calls only. */
+sp<SrGlWorker>& _spSrGlWorker = _uWorker.sp;
 /** A worker that a callback had not left when it was to be released; goes with a later release, and before
  * the next worker comes: a second one put aside would free this one under its callback. */
-sp<SrGlWorker> _spBusyWorker;
+sp<SrGlWorker>& _spBusyWorker = _uBusyWorker.sp;
 /** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
  * release. */
 CrossThread<SrGlWorker*> _pPublishedWorker;

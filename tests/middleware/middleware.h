@@ -73,6 +73,9 @@ struct EncodedFrame {
     bool null_record = false; /**< the record pointer itself is NULL */
 };
 
+/** Renderers of watermarks that exist; readable to the very end of the process. */
+extern int live_workers;
+
 class Middleware {
 public:
     /** The one double of the process; never destroyed. */

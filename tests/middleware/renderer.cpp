@@ -7,7 +7,11 @@ using android::vexa_screenrecord::SrGlWorker;
 
 namespace {
 
-class Worker : public SrGlWorker {};
+class Worker : public SrGlWorker {
+public:
+    Worker() { ++live_workers; }
+    ~Worker() override { --live_workers; }
+};
 class DrawnPicture : public SrGlWorker::VideoBuffer {};
 
 int answer(const std::string& function, const std::string& arguments)
@@ -30,6 +34,8 @@ std::string describe(const android::qrl_native_buffer_t& b)
 }
 
 } // namespace
+
+int middleware::live_workers = 0;
 
 namespace android::vexa_screenrecord {
 

@@ -1,5 +1,6 @@
 /** The capture-encode interface and its watermark: control calls, conversions, failures. */
 #include <thread>
+#include <unistd.h>
 
 #include <capenc/capture_encode.h>
 #include <capture/watermark.h>
@@ -143,6 +144,29 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
         steps::close(slot);
         SCREENRECORD_DeInit();
     }
+}
+
+/** Goes after all that is static and has no such priority. */
+struct LastLook {
+    bool wanted = false;
+    ~LastLook()
+    {
+        if (wanted)
+            _exit(middleware::live_workers);
+    }
+};
+__attribute__((init_priority(101))) LastLook last_look;
+
+// Catches a worker that goes with the static objects: until the process is gone a callback may be drawing.
+TEST_F(CaptureEncode, TheWatermarksWorkerOutlivesAnExit)
+{
+    const auto exit_while_it_draws = [&] {
+        open_to_inject();
+        set_watermark();
+        last_look.wanted = true;
+        exit(0);
+    };
+    EXPECT_EXIT(exit_while_it_draws(), testing::ExitedWithCode(1), "");
 }
 
 TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
