@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -81,6 +83,20 @@ TEST(Log, WritesALineAtOnceWhateverItsLength)
     EXPECT_GT(second.size(), 3000u);
     EXPECT_LE(second.size(), 4096u);
     EXPECT_LE(third.size(), 4096u);
+}
+
+// Catches a line that ends the process, since whoever read standard error has gone.
+TEST(Log, SurvivesItsReader)
+{
+    const auto log_to_nobody = [] {
+        int ends[2] = {-1, -1};
+        if (pipe(ends) != 0 || signal(SIGPIPE, SIG_DFL) == SIG_ERR)
+            _exit(2);
+        close(ends[0]);
+        dup2(ends[1], STDERR_FILENO);
+        _exit(__android_log_print(ANDROID_LOG_ERROR, "a", "unread") == -EPIPE ? 0 : 1);
+    };
+    EXPECT_EXIT(log_to_nobody(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

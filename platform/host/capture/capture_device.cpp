@@ -1,6 +1,6 @@
 #include "capture/capture_device.h"
 
-#include "capture/broken_pipe_guard.h"
+#include "common/broken_pipe_guard.h"
 #include "capture/still_picture.h"
 #include "display/displays.h"
 #include "log/host_log.h"

@@ -1,3 +1,4 @@
+#include "common/broken_pipe_guard.h"
 #include "log/log_filter.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <poll.h>
 #include <unistd.h>
 
@@ -30,11 +32,16 @@ private:
     size_t size_ = 0;
 };
 
-// Read once: the environment is not to be touched while other threads run.
-const zu3host::LogFilter& filter()
+// Read once: the environment is not to be touched while other threads run. Without memory for the rules, which
+// may be what the line is about, the line is shown.
+bool is_shown(int priority, const char* tag)
 {
-    static const zu3host::LogFilter& only = *new zu3host::LogFilter(std::getenv("ANDROID_LOG_TAGS"));
-    return only;
+    try {
+        static const zu3host::LogFilter& only = *new zu3host::LogFilter(std::getenv("ANDROID_LOG_TAGS"));
+        return only.shows(priority, tag);
+    } catch (const std::bad_alloc&) {
+        return true;
+    }
 }
 
 /** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. */
@@ -71,6 +78,8 @@ int write_to_stderr(std::string_view text)
 {
     if (!stderr_has_room())
         return -EAGAIN;
+    // Whoever read the log may be gone, which is no reason to end what is logged.
+    const zu3host::BrokenPipeGuard guard;
     ssize_t written = 0;
     do
         written = write(STDERR_FILENO, text.data(), text.size());
@@ -91,7 +100,7 @@ __attribute__((visibility("default"))) int __android_log_print(int prio, const c
 {
     if (!tag)
         tag = "";
-    if (!filter().shows(prio, tag))
+    if (!is_shown(prio, tag))
         return 0;
     // A caller's errno is not the log's to change: messages stand between a failure and what is made of it.
     const int kept_errno = errno;

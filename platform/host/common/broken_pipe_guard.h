@@ -7,7 +7,7 @@
 namespace zu3host {
 
 /**
- * While it lives, a write of this thread to a connection that the other end has closed raises no SIGPIPE. For
+ * While it lives, a write of this thread to what the other end has closed raises no SIGPIPE. For
  * the client's threads: those of the host layer block the signal anyway.
  */
 class BrokenPipeGuard {
