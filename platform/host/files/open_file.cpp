@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/stat.h>
+#include <utility>
 
 namespace zu3host {
 
@@ -149,9 +150,10 @@ int64_t OpenFile::read(void* dst, size_t size)
     });
     if (error == 0)
         return static_cast<int64_t>(done);
-    if (!failure_logged_ && error != ECANCELED)
+    if (error == ECANCELED)
+        return -1; // a part of a picture would be taken for the last one
+    if (!std::exchange(failure_logged_, true))
         HOST_LOGE("Cannot read \"%s\": %s.", name_.c_str(), strerror(error));
-    failure_logged_ = true;
     return done > 0 ? static_cast<int64_t>(done) : -1;
 }
 
