@@ -3,8 +3,10 @@
 #include "encoder/input_memory.h"
 #include "encoder_fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <future>
+#include <malloc.h>
 #include <set>
 
 using namespace zu3host;
@@ -263,6 +265,16 @@ TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
     EXPECT_EQ(buffers.lend(&second), second.data);
     EXPECT_EQ(buffers.lend(&other), own);
     EXPECT_FALSE(picture_is_leased(second.data));
+}
+
+// Catches a file's last, incomplete picture that shows what was in this memory before.
+TEST(EncoderLending, LendsMemoryWithNothingInIt)
+{
+    mallopt(M_PERTURB, 0x55);
+    LentBuffers buffers(layout);
+    const uint8_t* const own = buffers.lend(nullptr);
+    EXPECT_TRUE(std::all_of(own, own + layout.picture_bytes(), [](uint8_t byte) { return byte == 0; }));
+    mallopt(M_PERTURB, 0);
 }
 
 // Catches a still screen being searched for changes, and a picture taken for unchanged that is not: what

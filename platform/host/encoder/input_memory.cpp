@@ -4,6 +4,7 @@
 #include "log/host_log.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace zu3host {
@@ -57,9 +58,13 @@ uint64_t LentBuffers::complete()
 
 uint8_t* LentBuffers::own_memory(Buffer& buffer)
 {
-    if (!buffer.own)
-        buffer.own.reset(static_cast<uint8_t*>(
-            std::aligned_alloc(picture_alignment, rounded_up(layout_.picture_bytes()))));
+    if (buffer.own)
+        return buffer.own.get();
+    const size_t bytes = rounded_up(layout_.picture_bytes());
+    buffer.own.reset(static_cast<uint8_t*>(std::aligned_alloc(picture_alignment, bytes)));
+    // A file may end within a picture. What was in this memory before is not to be seen behind its end.
+    if (buffer.own)
+        std::memset(buffer.own.get(), 0, bytes);
     return buffer.own.get();
 }
 
