@@ -40,8 +40,9 @@ template <typename Options> ExitCode run_command(const Options& options)
 {
     try {
         StopSignals signals;
-        ProgramOutput output;
-        prepare_environment(common(options));
+        const CommonOptions* const given = common(options);
+        ProgramOutput output(given && given->verbose);
+        prepare_environment(given);
         Surroundings surroundings{signals, output};
         return run(options, surroundings);
     } catch (const Failure& failure) {

@@ -5,11 +5,14 @@
 
 namespace client {
 
-ProgramOutput::ProgramOutput()
+ProgramOutput::ProgramOutput(bool verbose)
 {
     std::fflush(stdout);
     fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
-    dup2(STDERR_FILENO, STDOUT_FILENO);
+    // The library prints a notice when its buffer is full; where nobody reads standard error any more, the
+    // exit would wait for ever to print it.
+    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
 }
 
 void ProgramOutput::print_line(const std::string& line) const
