@@ -1,8 +1,6 @@
 #include "capture/capture_device.h"
 #include "common/handle_table.h"
-#include "log/host_log.h"
-
-#include <new>
+#include "common/out_of_memory.h"
 
 namespace {
 
@@ -15,18 +13,13 @@ zu3host::HandleTable<CaptureDevice>& devices()
     return *table;
 }
 
-/** What `call` answers for an open device; nothing is thrown into the client. */
+/** What `call` answers for an open device. */
 template <typename F> u32 with_device(u32 handle, F call)
 {
     const std::shared_ptr<CaptureDevice> device = devices().find(handle);
     if (!device)
         return ZU_INVALID_ARGUMENT;
-    try {
-        return call(*device);
-    } catch (const std::bad_alloc&) {
-        HOST_LOGE("The capture has run out of memory.");
-        return ZU_FAILURE;
-    }
+    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "the capture", [&] { return u32{call(*device)}; });
 }
 
 } // namespace
@@ -42,8 +35,10 @@ u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle)
 {
     if (!pstParams || !pu32Handle || pstParams->u8CapturePath != 0)
         return ZU_INVALID_ARGUMENT;
-    *pu32Handle = devices().add(std::make_shared<CaptureDevice>());
-    return ZU_OK;
+    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a capture", [=] {
+        *pu32Handle = devices().add(std::make_shared<CaptureDevice>());
+        return u32{ZU_OK};
+    });
 }
 
 u32 ZU_CAP_Close(u32 u32Handle)

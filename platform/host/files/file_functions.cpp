@@ -1,4 +1,5 @@
 #include "common/handle_table.h"
+#include "common/out_of_memory.h"
 #include "files/open_file.h"
 #include "log/host_log.h"
 
@@ -35,8 +36,10 @@ u32 ZU_FS_Fopen(const char* pName, const char* pMode)
         HOST_LOGE("A file cannot be opened without a name and a mode such as \"rb\" or \"wb\".");
         return 0;
     }
-    auto file = OpenFile::open(pName, *flags);
-    return file ? files().add(std::move(file)) : 0;
+    return zu3host::or_out_of_memory(u32{0}, "an open file", [&] {
+        auto file = OpenFile::open(pName, *flags);
+        return file ? files().add(std::move(file)) : 0;
+    });
 }
 
 u32 ZU_FS_Fclose(u32 u32File)

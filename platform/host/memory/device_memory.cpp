@@ -101,8 +101,13 @@ std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
     // address.
     all.next_phys += whole_pages(size) + page_bytes;
     const MemoryBlock view = block.view();
-    all.phys_by_virt.emplace(address_of(view.virt), view.phys);
-    all.by_phys.emplace(view.phys, std::move(block));
+    const auto by_virt = all.phys_by_virt.emplace(address_of(view.virt), view.phys).first;
+    try {
+        all.by_phys.emplace(view.phys, std::move(block));
+    } catch (...) {
+        all.phys_by_virt.erase(by_virt);
+        throw;
+    }
     return view;
 }
 

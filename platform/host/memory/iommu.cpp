@@ -1,4 +1,5 @@
 #include "common/file_descriptor.h"
+#include "common/out_of_memory.h"
 #include "log/host_log.h"
 #include "memory/device_memory.h"
 
@@ -46,6 +47,24 @@ Iommu& iommu()
 {
     static Iommu& only = *new Iommu;
     return only;
+}
+
+u32 allocate(ZU_OS_IommuAlloc_t& record)
+{
+    const std::string tag(record.acTag, strnlen(record.acTag, sizeof record.acTag));
+    Iommu& all = iommu();
+    const auto block = zu3host::allocate_block(tag.c_str(), record.u32Size);
+    if (!block)
+        return ZU_FAILURE;
+    const std::lock_guard lock(all.mutex);
+    try {
+        all.blocks.insert(block->phys);
+    } catch (...) {
+        zu3host::free_block(block->phys);
+        throw;
+    }
+    record.u64PhyAddr = block->phys;
+    return ZU_OK;
 }
 
 u32 get_descriptor(ZU_OS_IommuBufFd_t& record)
@@ -104,15 +123,8 @@ u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc)
 {
     if (!pstAlloc || pstAlloc->u32Size == 0)
         return ZU_INVALID_ARGUMENT;
-    const std::string tag(pstAlloc->acTag, strnlen(pstAlloc->acTag, sizeof pstAlloc->acTag));
-    const auto block = zu3host::allocate_block(tag.c_str(), pstAlloc->u32Size);
-    if (!block)
-        return ZU_FAILURE;
-    Iommu& all = iommu();
-    const std::lock_guard lock(all.mutex);
-    all.blocks.insert(block->phys);
-    pstAlloc->u64PhyAddr = block->phys;
-    return ZU_OK;
+    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a block of device memory",
+                                     [=] { return allocate(*pstAlloc); });
 }
 
 u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree)
@@ -138,7 +150,9 @@ u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord)
         return ZU_INVALID_ARGUMENT;
     switch (eOperation) {
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD:
-        return get_descriptor(*static_cast<ZU_OS_IommuBufFd_t*>(pRecord));
+        return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a descriptor of a block", [=] {
+            return get_descriptor(*static_cast<ZU_OS_IommuBufFd_t*>(pRecord));
+        });
     case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
         return put_descriptor(*static_cast<const ZU_OS_IommuBufFd_t*>(pRecord));
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO:

@@ -1,11 +1,10 @@
 #include "zu3/tsmux.h"
 
 #include "common/handle_table.h"
-#include "log/host_log.h"
+#include "common/out_of_memory.h"
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>
-#include <new>
 
 namespace zu3host {
 
@@ -26,26 +25,19 @@ template <typename Function> uint32_t with_multiplexer(uint32_t handle, Function
     const auto multiplexer = multiplexers().find(handle);
     if (!multiplexer)
         return ZU_INVALID_ARGUMENT;
-    try {
-        return function(*multiplexer);
-    } catch (const std::bad_alloc&) {
-        HOST_LOGE("There is no memory for the multiplexer.");
-        return ZU_FAILURE;
-    }
+    return zu3host::or_out_of_memory(uint32_t{ZU_FAILURE}, "the multiplexer",
+                                     [&] { return uint32_t{function(*multiplexer)}; });
 }
 
 uint32_t open(const ZU_TSMUX_OpenParams_t& params, uint32_t& handle)
 {
-    try {
+    return zu3host::or_out_of_memory(uint32_t{ZU_FAILURE}, "another multiplexer", [&] {
         auto multiplexer = Multiplexer::open(params);
         if (!multiplexer)
-            return ZU_FAILURE;
+            return uint32_t{ZU_FAILURE};
         handle = multiplexers().add(std::move(multiplexer));
-        return ZU_OK;
-    } catch (const std::bad_alloc&) {
-        HOST_LOGE("There is no memory for another multiplexer.");
-        return ZU_FAILURE;
-    }
+        return uint32_t{ZU_OK};
+    });
 }
 
 uint32_t set_attribute(Multiplexer& multiplexer, uint32_t type, const void* value)

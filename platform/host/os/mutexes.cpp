@@ -1,4 +1,5 @@
 #include "common/handle_table.h"
+#include "common/out_of_memory.h"
 #include "log/host_log.h"
 #include "os/timed_mutex.h"
 
@@ -27,8 +28,10 @@ u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId)
 {
     if (!pstAttr || !ps32MutexId)
         return ZU_INVALID_ARGUMENT;
-    *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
-    return ZU_OK;
+    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a mutex", [=] {
+        *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
+        return u32{ZU_OK};
+    });
 }
 
 u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs)

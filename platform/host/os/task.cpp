@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <sys/eventfd.h>
 
 namespace zu3host {
@@ -36,7 +37,10 @@ int Task::start(size_t stack_bytes)
 {
     const ThreadAttributes attributes(stack_bytes);
     const ThreadInheritance guard;
-    auto kept = std::make_unique<std::shared_ptr<Task>>(shared_from_this());
+    const auto itself = new (std::nothrow) std::shared_ptr<Task>(shared_from_this());
+    std::unique_ptr<std::shared_ptr<Task>> kept(itself);
+    if (!kept)
+        return ENOMEM;
     // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task without
     // it.
     const std::lock_guard lock(mutex_);

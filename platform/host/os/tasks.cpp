@@ -1,4 +1,5 @@
 #include "common/handle_table.h"
+#include "common/out_of_memory.h"
 #include "log/host_log.h"
 #include "os/task.h"
 
@@ -33,6 +34,21 @@ bool is_complete(const ZU_OS_TaskAttr_t& attributes)
            attributes.u32StackSize <= greatest_stack_bytes;
 }
 
+u32 create_task(const ZU_OS_TaskAttr_t& attributes, s32& task_id)
+{
+    const auto task = std::make_shared<Task>(attributes.pName, attributes.pfnEntry, attributes.pArg);
+    const u32 id = tasks().add(task);
+    // Written before the thread exists, since the task may read it.
+    task_id = static_cast<s32>(id);
+    const int error = task->start(attributes.u32StackSize);
+    if (error == 0)
+        return ZU_OK;
+    tasks().remove(id);
+    task_id = -1;
+    HOST_LOGE("No thread for task \"%s\": %s.", task->name(), strerror(error));
+    return ZU_FAILURE;
+}
+
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -41,17 +57,8 @@ u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId)
 {
     if (!pstAttr || !ps32TaskId || !is_complete(*pstAttr))
         return ZU_INVALID_ARGUMENT;
-    const auto task = std::make_shared<Task>(pstAttr->pName, pstAttr->pfnEntry, pstAttr->pArg);
-    const u32 id = tasks().add(task);
-    // Written before the thread exists, since the task may read it.
-    *ps32TaskId = static_cast<s32>(id);
-    const int error = task->start(pstAttr->u32StackSize);
-    if (error == 0)
-        return ZU_OK;
-    tasks().remove(id);
-    *ps32TaskId = -1;
-    HOST_LOGE("No thread for task \"%s\": %s.", task->name(), strerror(error));
-    return ZU_FAILURE;
+    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a task",
+                                     [=] { return create_task(*pstAttr, *ps32TaskId); });
 }
 
 u32 ZU_OS_DeleteTask(s32 s32TaskId)
