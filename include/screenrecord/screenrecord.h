@@ -230,7 +230,11 @@ SCREENRECORD_EXPORT int32_t video_capenc_stop(void);
 /** Closes the pipeline from any state and frees its buffers. @return 0, -1 on failure */
 SCREENRECORD_EXPORT int32_t video_capenc_close(void);
 
-/** Drops captured pictures until video_capenc_resume. @return 0 */
+/**
+ * Drops captured pictures until video_capenc_resume or the next video_capenc_open, also those of a recording
+ * on slot 0 that is started after a close: end the pause first.
+ * @return 0
+ */
 SCREENRECORD_EXPORT int32_t video_capenc_pause(void);
 
 /** Ends a pause; behind the frames that wait already, the next one is a key frame. @return 0 */

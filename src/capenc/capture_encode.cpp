@@ -213,7 +213,8 @@ s32 video_capenc_stop(void)
 s32 video_capenc_close(void)
 {
     const ControlLock lock(_controlMutex);
-    if (_SCREENRECORD_CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(_SCREENRECORD_CaptureTask()) != ZU_OK) {
+    SCREENRECORD_TaskCtrl_s* pstVcap = _SCREENRECORD_CaptureTask();
+    if (pstVcap->u32Handle != 0 && _SCREENRECORD_CloseVcap(pstVcap) != ZU_OK) {
         SR_LOGE("Failed to CloseVcap()\n");
         return -1;
     }

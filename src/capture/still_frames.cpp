@@ -271,7 +271,8 @@ s32 video_cap_close(void)
         stSlot.u64CapBufPhyAddr = 0;
         stSlot.s32CapBufFd = SCREENRECORD_NO_ID;
     }
-    if (_SCREENRECORD_CaptureTask()->u32Handle != 0 && _SCREENRECORD_CloseVcap(_SCREENRECORD_CaptureTask()) != ZU_OK) {
+    SCREENRECORD_TaskCtrl_s* pstVcap = _SCREENRECORD_CaptureTask();
+    if (pstVcap->u32Handle != 0 && _SCREENRECORD_CloseVcap(pstVcap) != ZU_OK) {
         SR_LOGE("Failed to CloseVcap()\n");
         return -1;
     }

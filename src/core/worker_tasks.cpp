@@ -178,6 +178,7 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
 {
     const RetiredWriter stRetired = _astRetiredWriter[u32SlotId];
     _astRetiredWriter[u32SlotId] = RetiredWriter{};
+    // Its mutex went out of the record when it retired, and no callback takes a writer's.
     if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
         JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
 }

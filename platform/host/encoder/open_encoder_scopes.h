@@ -16,10 +16,10 @@ private:
     const PictureSize size_;
 };
 
-/** While it lives, time_of_frame_in_callback() on this thread gives `pts`. Not to be nested. */
+/** While it lives, time_of_frame_in_callback() on this thread gives `time`. Not to be nested. */
 class FrameTimeInCallback {
 public:
-    explicit FrameTimeInCallback(uint64_t pts);
+    explicit FrameTimeInCallback(uint64_t time);
     ~FrameTimeInCallback();
     FrameTimeInCallback(const FrameTimeInCallback&) = delete;
     FrameTimeInCallback& operator=(const FrameTimeInCallback&) = delete;

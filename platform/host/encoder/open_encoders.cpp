@@ -49,9 +49,9 @@ std::optional<PictureSize> exact_size_of_open_encoder(uint32_t width16, uint32_t
     return latest == open.rend() ? std::nullopt : std::optional(**latest);
 }
 
-FrameTimeInCallback::FrameTimeInCallback(uint64_t pts)
+FrameTimeInCallback::FrameTimeInCallback(uint64_t time)
 {
-    frame_time = pts;
+    frame_time = time;
 }
 
 FrameTimeInCallback::~FrameTimeInCallback()
