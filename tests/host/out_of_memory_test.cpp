@@ -21,11 +21,16 @@ thread_local int allocations_left = INT_MAX;
 } // namespace
 
 // Not inlined: a compiler that sees both would miss the delete for a new in the free.
-[[gnu::noinline]] void* operator new(size_t size)
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept
 {
     if (allocations_left != INT_MAX && allocations_left-- <= 0)
-        throw std::bad_alloc();
-    if (void* memory = std::malloc(size))
+        return nullptr;
+    return std::malloc(size);
+}
+
+[[gnu::noinline]] void* operator new(size_t size)
+{
+    if (void* const memory = operator new(size, std::nothrow))
         return memory;
     throw std::bad_alloc();
 }
