@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <string>
@@ -218,6 +219,41 @@ TEST_F(Files, AreSeldomCutInAPacketByAKill)
         fs::remove(path("stream"));
     }
     EXPECT_LT(cut, 25);
+}
+
+bool sleeps(pid_t thread)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(status, line);
+    const size_t name_end = line.rfind(')');
+    return name_end != std::string::npos && line[name_end + 2] == 'S';
+}
+
+// Catches a pipe that counts as ended because its writer has not come yet, and one whose writer has gone
+// being waited for.
+TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
+{
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    const u32 file = open("pipe", "rb");
+    std::atomic<pid_t> reader{0};
+    std::string memory(10, '-');
+    auto answer = std::async(std::launch::async, [&] {
+        reader = gettid();
+        return ZU_FS_Fread(memory.data(), 1, 10, file);
+    });
+    const auto answered = [&] {
+        return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    };
+    EXPECT_TRUE(zu3host::wait_until([&] { return answered() || (reader != 0 && sleeps(reader)); }));
+    {
+        const zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+        EXPECT_EQ(write(writer.get(), "abc", 3), 3);
+    }
+    EXPECT_EQ(answer.get(), 3);
+    EXPECT_EQ(memory.substr(0, 4), "abc-");
+    EXPECT_EQ(ZU_FS_Fread(memory.data(), 1, 10, file), 0);
+    EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
 // Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles, and a part of

@@ -83,6 +83,15 @@ int wait_until_ready(int fd, short event)
     return waited[1].revents != 0 ? ECANCELED : 0;
 }
 
+/** Whether it is a pipe that has had no writer yet since it was opened; none any more is the end of a file.
+ */
+bool awaits_its_first_writer(int fd)
+{
+    struct stat status;
+    pollfd pipe{fd, POLLIN, 0};
+    return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) && poll(&pipe, 1, 0) == 0;
+}
+
 /**
  * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in between;
  * returns the bytes, and errno in `error` when it ended early.
@@ -95,9 +104,9 @@ template <typename Step> size_t transfer_all(int fd, short event, size_t size, i
         const ssize_t moved = step(done, std::min(size - done, greatest_transfer));
         if (moved > 0)
             done += static_cast<size_t>(moved);
-        else if (moved == 0)
+        else if (moved == 0 && !awaits_its_first_writer(fd))
             break;
-        else if (errno == EAGAIN)
+        else if (moved == 0 || errno == EAGAIN)
             error = wait_until_ready(fd, event);
         else if (errno != EINTR)
             error = errno;
