@@ -23,7 +23,7 @@ LOGGING = re.compile(r"LOG|static_assert|^\s*(//|\*|/\*|#)")
 
 def code_of(line):
     """Without the comment behind it."""
-    return line.split("//")[0]
+    return re.split(r"//|/\*", line)[0]
 
 
 def flips(lines, index):

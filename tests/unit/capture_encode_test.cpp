@@ -40,11 +40,13 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
          "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1)=0 h=0x21",
          "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
     task(0, VENC).u32InBufIndex = task(0, VENC).u32LastInBufIndex = 7; // as an earlier run leaves them
+    task(0, VCAP).stCapOutput.s32OutFd = 7;
+    task(0, VCAP).u32CapturePath = 1;
     ASSERT_EQ(video_capenc_start(5), 0);
     EXPECT_EQ(task(0, VENC).u32InBufIndex, 0u);
     EXPECT_EQ(task(0, VENC).u32LastInBufIndex, 0u);
     EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_CAP_CaptureStart(0x11, path=0 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
+                 {"ZU_CAP_CaptureStart(0x11, path=1 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
                   "fd=-1 virt=0 phys=0x0)=0",
                   "ZU_OS_CreateMutex(name=Tscode: 4)=0 m0", "ZU_VENC_Start(0x21, 0)=0"});
     EXPECT_EQ(task(0, VENC).u64StartTimeUs, 5);
