@@ -49,9 +49,9 @@ u32 register_call(const char* function, Kind kind, u32 handle, const Params& par
 }
 
 /** Ends the registration that `id` (0 = whichever) names. */
-u32 unregister_call(const char* function, Kind kind, u32 handle, u64 id)
+u32 unregister_call(const char* function, Kind kind, u32 handle, u64 id, u32 mask)
 {
-    return ending_device_call(function, kind, handle, ", id=" + hex(id),
+    return ending_device_call(function, kind, handle, text(", id=", hex(id), " mask=", mask),
                               [&](Context& context, Device& device) {
                                   if (context.refused) {
                                       device.excused = true;
@@ -102,7 +102,7 @@ u32 deinit_call(const char* function, Kind kind)
     }                                                                                                        \
     u32 MODULE##_UnRegisterCallback(u32 handle, const MODULE##_CallbackParams_t* params)                     \
     {                                                                                                        \
-        return unregister_call(__func__, kind, handle, params->u64CallbackId);                               \
+        return unregister_call(__func__, kind, handle, params->u64CallbackId, params->u32EventMask);         \
     }
 #define DEFINE_CLOSE(MODULE, kind)                                                                           \
     u32 MODULE##_Close(u32 handle)                                                                           \

@@ -52,7 +52,7 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
     EXPECT_EQ(task(0, VENC).u64StartTimeUs, 5);
     ASSERT_EQ(video_capenc_stop(), 0);
     EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_CAP_CaptureStop(0x11)=0", "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1)=0",
+                 {"ZU_CAP_CaptureStop(0x11)=0", "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
                   "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m0)=0"});
     ASSERT_EQ(video_capenc_close(), 0);
     EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0", "ZU_VENC_Close(0x21)=0"});

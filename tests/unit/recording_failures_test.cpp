@@ -121,20 +121,23 @@ TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
         return !line.starts_with("ZU_VENC_") && !line.starts_with("ZU_CAP_");
     });
     calls.erase(calls.begin(), calls.begin() + 2); // the starts
-    EXPECT_CALLS(calls,
-                 {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1)=0", "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
-                  "ZU_VENC_Stop(0x21)=0", // here ends the stop
-                  "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0",
-                  "ZU_VENC_Close(0x21)=0"});
+    EXPECT_CALLS(calls, {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
+                         "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
+                         "ZU_VENC_Stop(0x21)=0", // here ends the stop
+                         "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0",
+                         "ZU_VENC_Close(0x21)=0"});
 }
 
-TEST_F(RecordingFailures, ADestinationCalledWifiIsNoFile)
+TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
 {
     SCREENRECORD_Init();
     forget();
     EXPECT_EQ(steps::open(0, "wifi"), 0u);
     EXPECT_CALLS(errors(), {"E [SCREENRECORD_Open]no support!!"});
     EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
+    mw.fail("ZU_FS_Fopen");
+    EXPECT_EQ(steps::open(0), 0u);
+    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr) << "a slot whose file cannot be made is closed";
     for (const char* name : {"Wifi", "wifi2"}) {
         EXPECT_EQ(steps::open(0, name), 1u) << name;
         steps::close(0);

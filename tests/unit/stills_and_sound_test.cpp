@@ -111,7 +111,7 @@ TEST_F(Pcm, OpenToCloseCallByCall)
     EXPECT_CALLS(mw.calls_of({"ZU_ACAP"}),
                  {"ZU_ACAP_Init(0)=0", "ZU_ACAP_Open(name=acap_s)=0 h=0x31", "ZU_ACAP_SetVolume(0x31, 100)=0",
                   "ZU_ACAP_Start(0x31, 0)=0", "ZU_ACAP_Stop(0x31)=0", "ZU_ACAP_Stop(0x31)=0",
-                  "ZU_ACAP_UnRegisterCallback(0x31, id=0x0)=0", "ZU_ACAP_Close(0x31)=0"});
+                  "ZU_ACAP_UnRegisterCallback(0x31, id=0x0 mask=1)=0", "ZU_ACAP_Close(0x31)=0"});
     AudioCap_Info info = {};
     EXPECT_EQ(audio_cap_getInfo(&info), 0);
     EXPECT_EQ(info.u64BufSize, 12288u);
