@@ -9,6 +9,7 @@
  * the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as a key tells x264 which macroblocks
  * did not change. --picture writes the middle picture of the scene and encodes nothing.
  */
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -175,14 +176,30 @@ int write_picture(const std::string& name, const char* path)
 {
     ScreenScene scene(name);
     FILE* const file = fopen(path, "wb");
-    if (!file)
+    if (!file) {
+        perror(path);
         return 1;
+    }
     fprintf(file, "P6 %d %d 255\n", ScreenScene::width, ScreenScene::height);
     const uint32_t* pixels = scene.draw(pictures / 2);
     for (size_t i = 0; i < luma_bytes; ++i)
         for (int shift = 16; shift >= 0; shift -= 8)
             fputc(static_cast<int>(pixels[i] >> shift & 255), file);
     return fclose(file);
+}
+
+bool is_scene(const std::string& name)
+{
+    return std::find(ScreenScene::names.begin(), ScreenScene::names.end(), name) != ScreenScene::names.end();
+}
+
+int show_usage()
+{
+    fputs("usage: bench_settings [--scene NAME] [--picture FILE.ppm] PRESET[,KEY=VALUE...]...\nscenes:", stderr);
+    for (const char* name : ScreenScene::names)
+        fprintf(stderr, " %s", name);
+    fputs("\n", stderr);
+    return 2;
 }
 
 } // namespace
@@ -198,6 +215,8 @@ int main(int argc, char** argv)
             picture = argv[++i];
         else
             settings.emplace_back(argv[i]);
+    if (!is_scene(scenes[0]) || (!picture && settings.empty()))
+        return show_usage();
     if (picture)
         return write_picture(scenes[0], picture);
     std::map<std::string, double> total; // CPU over all scenes, against the reference's
