@@ -33,6 +33,7 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.output);
+        mw.settings.first_fd = 5;
         ASSERT_EQ(open(c.width, c.height, c.format, 3, 1), 0);
         Cap_Buffer buffers[3] = {};
         EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 2), -1);

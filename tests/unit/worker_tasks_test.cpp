@@ -161,6 +161,17 @@ TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
     EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
 }
 
+TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
+{
+    SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
+    mw.fail("ZU_OS_CreateTask");
+    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_FAILURE);
+    EXPECT_EQ(reader.s32MutexId, -1);
+    EXPECT_EQ(reader.pTaskStack, nullptr);
+    EXPECT_EQ(reader.pu32TaskArg, nullptr);
+    EXPECT_CALLS(mw.ledger_problems(), {});
+}
+
 TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
 {
     const u32 size = mw.settings.encoder_input_size = 1000;
