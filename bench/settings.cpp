@@ -195,7 +195,8 @@ bool is_scene(const std::string& name)
 
 int show_usage()
 {
-    fputs("usage: bench_settings [--scene NAME] [--picture FILE.ppm] PRESET[,KEY=VALUE...]...\nscenes:", stderr);
+    fputs("usage: bench_settings [--scene NAME] [--picture FILE.ppm] PRESET[,KEY=VALUE...]...\nscenes:",
+          stderr);
     for (const char* name : ScreenScene::names)
         fprintf(stderr, " %s", name);
     fputs("\n", stderr);

@@ -9,7 +9,8 @@ u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* p, u32* handle)
     return open_call(__func__, Kind::encoder,
                      text("name=", p->pu8Name, " color=", p->eColorFormat, " ", p->u32Width, "x",
                           p->u32Height, "@", p->u32FrameRate, " bitrate=", p->u32Bitrate,
-                          " profile=", p->u32Profile, " level=", p->u32Level, " codec=", p->eCodecType, " mask=", p->u32EventMask),
+                          " profile=", p->u32Profile, " level=", p->u32Level, " codec=", p->eCodecType,
+                          " mask=", p->u32EventMask),
                      handle, [&](Device& device) {
                          state().last.encoder = *p;
                          device.callback = bound(p->pfnCallback, *handle, p->pUserData);

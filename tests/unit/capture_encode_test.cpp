@@ -31,14 +31,14 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
     ASSERT_EQ(open(), 0);
     EXPECT_EQ(params.width, 1008u);
     EXPECT_EQ(params.height, 704u);
-    EXPECT_CALLS(
-        mw.take_calls(),
-        {"ZU_SYS_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0", "ZU_AUDIO_GetCaps()=0",
-         "ZU_ACAP_GetCaps()=0", "ZU_CAP_Open(path=0)=0 h=0x11",
-         "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0", "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
-         "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
-         "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1 mask=1)=0 h=0x21",
-         "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_SYS_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0", "ZU_AUDIO_GetCaps()=0",
+                  "ZU_ACAP_GetCaps()=0", "ZU_CAP_Open(path=0)=0 h=0x11",
+                  "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0", "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
+                  "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
+                  "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1 "
+                  "mask=1)=0 h=0x21",
+                  "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
     task(0, VENC).u32InBufIndex = task(0, VENC).u32LastInBufIndex = 7; // as an earlier run leaves them
     task(0, VCAP).stCapOutput.s32OutFd = 7;
     task(0, VCAP).u32CapturePath = 1;

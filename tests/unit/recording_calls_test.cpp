@@ -53,12 +53,12 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
                   "ZU_ACAP_RegisterCallback(0x31, mask=1)=0 id=0x1000000c1",
                   "ZU_ACAP_SetVolume(0x31, 100)=0"});
     ASSERT_EQ(steps::set_video(0, "cap", nullptr, 1280, 720), 1u);
-    EXPECT_CALLS(
-        mw.take_calls(),
-        {"ZU_VENC_Open(name=venc0 color=0 1280x720@30 bitrate=1048576 profile=0 level=0 codec=1 mask=1)=0 h=0x21",
-         "ZU_CAP_Open(path=0)=0 h=0x11", "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0",
-         "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
-         "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c2"});
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_VENC_Open(name=venc0 color=0 1280x720@30 bitrate=1048576 profile=0 level=0 codec=1 "
+                  "mask=1)=0 h=0x21",
+                  "ZU_CAP_Open(path=0)=0 h=0x11", "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0",
+                  "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
+                  "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c2"});
     ASSERT_EQ(steps::set_mux(0, 192, 2), 1u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_SYS_GetMmapLayout(306)=0", "ZU_OS_Pa2NonCachedVa(0x102000000)=0",
@@ -114,11 +114,11 @@ TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
     forget();
     ASSERT_EQ(steps::set_audio(1, "sound.aac", "aac"), 1u);
     ASSERT_EQ(steps::set_video(1, "screen.nv12", "h264"), 1u);
-    EXPECT_CALLS(
-        mw.take_calls(),
-        {"ZU_FS_Fopen(sound.aac, rb)=2147483891 h=0x800000f3", "ZU_FS_Fseek(0x800000f3, 0, 0)=0",
-         "ZU_VENC_Open(name=venc0 color=0 640x480@30 bitrate=1048576 profile=0 level=0 codec=1 mask=1)=0 h=0x22",
-         "ZU_FS_Fopen(screen.nv12, rb)=2147483892 h=0x800000f4", "ZU_FS_Fseek(0x800000f4, 0, 0)=0"});
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_FS_Fopen(sound.aac, rb)=2147483891 h=0x800000f3", "ZU_FS_Fseek(0x800000f3, 0, 0)=0",
+                  "ZU_VENC_Open(name=venc0 color=0 640x480@30 bitrate=1048576 profile=0 level=0 codec=1 "
+                  "mask=1)=0 h=0x22",
+                  "ZU_FS_Fopen(screen.nv12, rb)=2147483892 h=0x800000f4", "ZU_FS_Fseek(0x800000f4, 0, 0)=0"});
     EXPECT_EQ(task(1, VREADER).u32Handle, 0xf4u) << "the mark has no top bit";
     ASSERT_EQ(steps::set_mux(1), 1u);
     ASSERT_EQ(steps::start(1), 1u);
@@ -264,11 +264,11 @@ TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
 TEST_F(RecordingCalls, OneCallRunsTheWholeSequenceOnSlotZero)
 {
     ASSERT_EQ(startScreenRecord(320, 240, 25, 3, 192, 0, 0, steps::text("out.ts")), 0);
-    EXPECT_CALLS(
-        mw.calls_of({"ZU_FS_Fopen", "ZU_VENC_Open", "ZU_TSMUX_Open"}),
-        {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1",
-         "ZU_VENC_Open(name=venc0 color=0 320x240@25 bitrate=1048576 profile=0 level=0 codec=1 mask=1)=0 h=0x21",
-         "ZU_TSMUX_Open(packet=192 cbr=1 rate=3145728 size=2097152)=0 h=0x41"});
+    EXPECT_CALLS(mw.calls_of({"ZU_FS_Fopen", "ZU_VENC_Open", "ZU_TSMUX_Open"}),
+                 {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1",
+                  "ZU_VENC_Open(name=venc0 color=0 320x240@25 bitrate=1048576 profile=0 level=0 codec=1 "
+                  "mask=1)=0 h=0x21",
+                  "ZU_TSMUX_Open(packet=192 cbr=1 rate=3145728 size=2097152)=0 h=0x41"});
     EXPECT_EQ(task(0, VCAP).bRunning, 1);
     EXPECT_EQ(steps::one_call(7), -1);
     EXPECT_EQ(errors().back(), "E [startScreenRecord]SCREENRECORD_Open Fail");
