@@ -174,6 +174,18 @@ TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
     }
 }
 
+/** A query that succeeds with a buffer of no bytes has lent none: the file keeps its place. */
+TEST_F(Sizes, AnEncoderThatLendsNoByteIsAskedAgain)
+{
+    mw.settings.encoder_input_size = 0;
+    mw.add_file("a.nv12", Bytes(16, 7));
+    ASSERT_TRUE(steps::record(1, "a.nv12"));
+    mw.advance(1000);
+    EXPECT_GE(mw.count("ZU_VENC_QueryBuffer"), 3);
+    EXPECT_EQ(mw.count("ZU_FS_Fread"), 0);
+    next();
+}
+
 TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
 {
     ASSERT_TRUE(steps::capture_encode(64, 64));
