@@ -236,6 +236,12 @@ TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
     }
     ASSERT_EQ(steps::open(0), 1u);
     forget();
+    EXPECT_EQ(steps::set_audio(0, "ab.ts", "nonsense"), 1u);
+    EXPECT_CALLS(errors(), {});
+    EXPECT_EQ(mw.count("ZU_ACAP_Open"), 0);
+    steps::close(0);
+    ASSERT_EQ(steps::open(0), 1u);
+    forget();
     EXPECT_EQ(steps::set_audio(0, "a.aac", "mp3"), 0u);
     EXPECT_CALLS(errors(), {"E [_SCREENRECORD_GetAencSrcType]Aenc unsupport!",
                             "E [SCREENRECORD_SetAudio]Error: only aac could support file source"});
