@@ -9,7 +9,7 @@ All encode with x264 at the same settings, which is checked from what x264 write
 the same rate control, a key frame every two seconds, one thread, no sound. The floor is bench_floor: shared-memory image,
 one colour conversion, x264 and nothing else. Ratios are taken within a round, since a machine's speed drifts, and their
 median is compared with what is wanted. The report ends with PASS or FAIL a line; the exit code is 1 when a line fails.
-docs/performance.md says what each case is and what to beware of.
+docs/measurements/ says what each case is and what to beware of.
 """
 
 import argparse
