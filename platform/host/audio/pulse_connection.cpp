@@ -3,6 +3,7 @@
 #include "audio/monotonic_time.h"
 #include "audio/pcm_reader.h"
 #include "audio/pulse_memory.h"
+#include "common/border.h"
 
 namespace zu3host {
 
@@ -13,9 +14,11 @@ constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
 /** No output plays so far ahead, and none is heard so late: such a timing is an error of the server. */
 constexpr pa_usec_t greatest_latency = 5'000'000;
 
-PulseConnection& connection(void* self)
+/** What a callback of libpulse does; it comes from C code, through which nothing is thrown. */
+template <typename Call> void in_callback(void* self, Call call)
 {
-    return *static_cast<PulseConnection*>(self);
+    at_border("Listening to the sound server", false,
+              [=] { return call(*static_cast<PulseConnection*>(self)), true; });
 }
 
 } // namespace
@@ -46,10 +49,12 @@ PulseConnection::~PulseConnection()
 void PulseConnection::context_changed(pa_context* context, void* self)
 {
     const pa_context_state_t state = pa_context_get_state(context);
-    if (state == PA_CONTEXT_READY)
-        connection(self).open_stream();
-    else if (!PA_CONTEXT_IS_GOOD(state))
-        connection(self).fail_as_context_says();
+    in_callback(self, [=](PulseConnection& connection) {
+        if (state == PA_CONTEXT_READY)
+            connection.open_stream();
+        else if (!PA_CONTEXT_IS_GOOD(state))
+            connection.fail_as_context_says();
+    });
 }
 
 void PulseConnection::open_stream()
@@ -84,16 +89,18 @@ void PulseConnection::close_stream()
 void PulseConnection::stream_changed(pa_stream* stream, void* self)
 {
     const pa_stream_state_t state = pa_stream_get_state(stream);
-    if (state == PA_STREAM_READY) {
-        keep_pulse_memory_from_children();
-        connection(self).listener_.connected();
-    } else if (!PA_STREAM_IS_GOOD(state))
-        connection(self).fail_as_context_says();
+    in_callback(self, [=](PulseConnection& connection) {
+        if (state == PA_STREAM_READY) {
+            connection.listener_.connected();
+            keep_pulse_memory_from_children();
+        } else if (!PA_STREAM_IS_GOOD(state))
+            connection.fail_as_context_says();
+    });
 }
 
 void PulseConnection::stream_readable(pa_stream*, size_t, void* self)
 {
-    connection(self).read_all();
+    in_callback(self, [](PulseConnection& connection) { connection.read_all(); });
 }
 
 void PulseConnection::read_all()
@@ -129,7 +136,7 @@ std::optional<int64_t> PulseConnection::time_of_next_us() const
 
 void PulseConnection::fail(const char* why)
 {
-    if (failure_.empty())
+    if (!failure_)
         failure_ = why;
 }
 

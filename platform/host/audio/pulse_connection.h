@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
 namespace zu3host {
 
@@ -35,9 +34,9 @@ public:
     ~PulseConnection();
 
     /** Whether it came to an end, or never came about; it does not recover. */
-    bool failed() const { return !failure_.empty(); }
-    /** Why, in the server's words; empty while it has not failed. */
-    const std::string& failure() const { return failure_; }
+    bool failed() const { return failure_ != nullptr; }
+    /** Why, in the server's words, which live as long as the process; null while it has not failed. */
+    const char* failure() const { return failure_; }
 
 private:
     static void context_changed(pa_context* context, void* self);
@@ -53,7 +52,7 @@ private:
     PulseListener& listener_;
     pa_context* context_;
     pa_stream* stream_ = nullptr;
-    std::string failure_;
+    const char* failure_ = nullptr;
 };
 
 } // namespace zu3host

@@ -3,6 +3,7 @@
 #include "audio/monotonic_time.h"
 #include "audio/pulse_connection.h"
 #include "audio/sound_placement.h"
+#include "common/border.h"
 #include "log/host_log.h"
 #include "os/thread_start.h"
 #include "statistics/counters.h"
@@ -72,7 +73,7 @@ private:
     bool pass(int64_t us);
     bool iterate(int timeout_us);
     void set_live(bool live);
-    void report(const std::string& failure);
+    void report(const char* failure);
 
     SharedTimeline& shared_;
     bool live_ = false;          // under the timeline's lock
@@ -89,7 +90,8 @@ void PulseSource::run()
     bool usable = true;
     while (usable && !stopping()) {
         was_connected_ = false;
-        usable = listen() && pass(was_connected_ ? first_retry_us : retry_us);
+        usable = at_border("Listening to the sound server", true, [this] { return listen(); }) &&
+                 pass(was_connected_ ? first_retry_us : retry_us);
     }
     if (!usable)
         HOST_LOGE("The main loop of the sound server's library failed; silence is heard.");
@@ -137,16 +139,16 @@ void PulseSource::set_live(bool live)
     placement_.restart();
 }
 
-void PulseSource::report(const std::string& failure)
+void PulseSource::report(const char* failure)
 {
     if (was_connected_)
         counters().sound_lost.store(1, std::memory_order_relaxed);
     if (!reported_ && was_connected_)
-        HOST_LOGW("The sound server went away (%s); silence is heard until it is back.", failure.c_str());
+        HOST_LOGW("The sound server went away (%s); silence is heard until it is back.", failure);
     else if (!reported_)
         HOST_LOGW(
             "No sound server can be heard (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
-            failure.c_str());
+            failure);
     reported_ = true;
 }
 

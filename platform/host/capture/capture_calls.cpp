@@ -1,9 +1,9 @@
 #include "capture/capture_device.h"
-#include "common/handle_table.h"
-#include "common/out_of_memory.h"
+#include "common/border.h"
 
 namespace {
 
+using zu3host::at_border;
 using zu3host::CaptureDevice;
 
 zu3host::HandleTable<CaptureDevice>& devices()
@@ -13,97 +13,96 @@ zu3host::HandleTable<CaptureDevice>& devices()
     return *table;
 }
 
-/** What `call` answers for an open device. */
-template <typename F> u32 with_device(u32 handle, F call)
+template <typename F> u32 with_device(const char* function, u32 handle, F call)
 {
-    const std::shared_ptr<CaptureDevice> device = devices().find(handle);
-    if (!device)
-        return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "the capture", [&] { return u32{call(*device)}; });
+    return zu3host::with_object(function, devices, handle, call);
 }
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
-u32 ZU_CAP_DeInit(void)
+HOST_EXPORT u32 ZU_CAP_DeInit(void)
 {
     return ZU_OK; // the module holds nothing that is not some open device's
 }
 
-u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle)
+HOST_EXPORT u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle)
 {
     if (!pstParams || !pu32Handle || pstParams->u8CapturePath != 0)
         return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a capture", [=] {
+    return at_border(__func__, [=] {
         *pu32Handle = devices().add(std::make_shared<CaptureDevice>());
         return u32{ZU_OK};
     });
 }
 
-u32 ZU_CAP_Close(u32 u32Handle)
+HOST_EXPORT u32 ZU_CAP_Close(u32 u32Handle)
 {
-    // Found before it is removed: a close out of the callback is refused and leaves the device open.
-    const std::shared_ptr<CaptureDevice> device = devices().find(u32Handle);
-    if (!device)
-        return ZU_INVALID_ARGUMENT;
-    const uint32_t result = device->close();
-    if (result == ZU_OK)
-        devices().remove(u32Handle);
-    return result;
+    // Removed once it is closed: a close out of the callback is refused and leaves the device open.
+    return with_device(__func__, u32Handle, [=](CaptureDevice& device) {
+        const uint32_t result = device.close();
+        if (result == ZU_OK)
+            devices().remove(u32Handle);
+        return result;
+    });
 }
 
-u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle, const ZU_CAP_ConnectParams_t* pstParams)
+HOST_EXPORT u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle, const ZU_CAP_ConnectParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
-    return with_device(u32Handle, [=](CaptureDevice& device) { return device.connect(u32DispHandle); });
+    return with_device(__func__, u32Handle,
+                       [=](CaptureDevice& device) { return device.connect(u32DispHandle); });
 }
 
-u32 ZU_CAP_DisconnectInput(u32 u32Handle, u32 u32DispHandle)
+HOST_EXPORT u32 ZU_CAP_DisconnectInput(u32 u32Handle, u32 u32DispHandle)
 {
-    return with_device(u32Handle, [=](CaptureDevice& device) { return device.disconnect(u32DispHandle); });
+    return with_device(__func__, u32Handle,
+                       [=](CaptureDevice& device) { return device.disconnect(u32DispHandle); });
 }
 
-u32 ZU_CAP_RegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams, u64* pu64CallbackId)
+HOST_EXPORT u32 ZU_CAP_RegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams,
+                                        u64* pu64CallbackId)
 {
     if (!pstParams || !pu64CallbackId)
         return ZU_INVALID_ARGUMENT;
-    return with_device(
-        u32Handle, [=](CaptureDevice& device) { return device.set_callback(*pstParams, *pu64CallbackId); });
+    return with_device(__func__, u32Handle, [=](CaptureDevice& device) {
+        return device.set_callback(*pstParams, *pu64CallbackId);
+    });
 }
 
-u32 ZU_CAP_UnRegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams)
+HOST_EXPORT u32 ZU_CAP_UnRegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
-    return with_device(
-        u32Handle, [=](CaptureDevice& device) { return device.remove_callback(pstParams->u64CallbackId); });
+    return with_device(__func__, u32Handle, [=](CaptureDevice& device) {
+        return device.remove_callback(pstParams->u64CallbackId);
+    });
 }
 
-u32 ZU_CAP_CaptureStart(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams)
+HOST_EXPORT u32 ZU_CAP_CaptureStart(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
-    return with_device(u32Handle, [=](CaptureDevice& device) { return device.start(u32Handle, *pstParams); });
+    return with_device(__func__, u32Handle,
+                       [=](CaptureDevice& device) { return device.start(u32Handle, *pstParams); });
 }
 
-u32 ZU_CAP_CaptureStop(u32 u32Handle)
+HOST_EXPORT u32 ZU_CAP_CaptureStop(u32 u32Handle)
 {
-    return with_device(u32Handle, [](CaptureDevice& device) { return device.stop(); });
+    return with_device(__func__, u32Handle, [](CaptureDevice& device) { return device.stop(); });
 }
 
-u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams, ZU_CAP_FrameInfo_t* pstFrame)
+HOST_EXPORT u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams,
+                                  ZU_CAP_FrameInfo_t* pstFrame)
 {
     if (!pstParams || !pstFrame)
         return ZU_INVALID_ARGUMENT;
-    return with_device(u32Handle,
+    return with_device(__func__, u32Handle,
                        [=](CaptureDevice& device) { return device.capture_one(*pstParams, *pstFrame); });
 }
 
-u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex)
+HOST_EXPORT u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex)
 {
-    return with_device(u32Handle, [=](CaptureDevice& device) { return device.give_back(u32BufIndex); });
+    return with_device(__func__, u32Handle,
+                       [=](CaptureDevice& device) { return device.give_back(u32BufIndex); });
 }
-
-#pragma GCC visibility pop

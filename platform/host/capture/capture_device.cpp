@@ -1,14 +1,13 @@
 #include "capture/capture_device.h"
 
-#include "common/broken_pipe_guard.h"
 #include "capture/still_picture.h"
+#include "common/broken_pipe_guard.h"
 #include "display/displays.h"
 #include "log/host_log.h"
 #include "memory/device_memory.h"
 #include "os/thread_start.h"
 
 #include <algorithm>
-#include <system_error>
 
 namespace zu3host {
 
@@ -108,13 +107,15 @@ uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& par
     if (run_ || closing_)
         return ZU_FAILURE;
     std::shared_ptr<PicturePool> pool = make_pool(output);
-    if (!pool || !thread_runs())
+    if (!pool)
         return ZU_FAILURE;
+    if (!thread_.joinable())
+        thread_ = start_thread("zu3 capture", [this] { run_thread(); });
     std::erase_if(pools_, [](const auto& old) { return !old->any_out(); });
     pools_.push_back(pool);
-    handle_ = handle;
     run_ =
         std::make_shared<CaptureRun>(CaptureRun{std::move(pool), out, visible, output.u32OutFrameRate, {}});
+    handle_ = handle;
     changed_.notify_all();
     return ZU_OK;
 }
@@ -131,19 +132,6 @@ std::shared_ptr<PicturePool> CaptureDevice::make_pool(const ZU_CAP_Output_t& out
     // A picture of an earlier start that comes back late is told by its index.
     next_index_ = next_index_ >= still_index / 2 ? 0 : next_index_ + pool->count();
     return pool;
-}
-
-bool CaptureDevice::thread_runs()
-{
-    if (thread_.joinable())
-        return true;
-    try {
-        thread_ = start_thread("zu3 capture", [this] { run_thread(); });
-        return true;
-    } catch (const std::system_error& error) {
-        HOST_LOGE("The capture's thread cannot be started: %s.", error.what());
-        return false;
-    }
 }
 
 uint32_t CaptureDevice::stop()

@@ -34,7 +34,7 @@ public:
     uint32_t set_callback(const ZU_CAP_CallbackParams_t& params, uint64_t& id);
     uint32_t remove_callback(uint64_t id);
 
-    /** `handle` is what the callback is told. */
+    /** `handle` is what the callback is told. Throws std::system_error when the system gives no thread. */
     uint32_t start(uint32_t handle, const ZU_CAP_CaptureParams_t& params);
     /**
      * Returns once nothing is written into a picture any more. A callback that is running is not waited for:
@@ -53,10 +53,9 @@ private:
         ZU_CAP_Callback call = nullptr;
         void* user = nullptr;
     };
-    enum class Written { Done, NoDisplay, Stopped };
+    enum class Written { Done, NoDisplay, NoMemory, Stopped };
 
     std::shared_ptr<PicturePool> make_pool(const ZU_CAP_Output_t& output);
-    bool thread_runs();
 
     void run_thread();
     std::shared_ptr<CaptureRun> next_run();

@@ -3,6 +3,7 @@
 #include "capture/captured_picture.h"
 #include "capture/nv12_picture.h"
 #include "capture/picture_time_scope.h"
+#include "common/border.h"
 #include "statistics/counters.h"
 
 namespace zu3host {
@@ -51,15 +52,19 @@ bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time 
 
 void CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
-    const std::optional<uint32_t> index = run.pool->take();
+    const auto index =
+        at_border("Capturing a picture", std::optional<uint32_t>(), [&] { return run.pool->take(); });
     if (!index)
         return count_due(counters().pictures_dropped_no_buffer);
-    const Written written = write_picture(run, schedule.number(), *index);
+    const Written written = at_border("Capturing a picture", Written::NoMemory,
+                                      [&] { return write_picture(run, schedule.number(), *index); });
     if (written == Written::Done)
         return deliver(run, *index, schedule.due());
     run.pool->give_back(*index);
     if (written == Written::NoDisplay)
         count_due(counters().pictures_dropped_no_display);
+    else if (written == Written::NoMemory)
+        count_due(counters().pictures_dropped_no_buffer);
 }
 
 CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number, uint32_t index)
@@ -117,7 +122,8 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
                                         : CapturedPicture{run.pool->picture(index), run.pool->layout(),
                                                           run.pool, run.pool->contents(index).serial};
     const CapturedPictureInCallback in_callback(picture);
-    listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
+    at_border("The callback with a picture",
+              [&] { return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user); });
 }
 
 } // namespace zu3host

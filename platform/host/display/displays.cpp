@@ -1,13 +1,11 @@
 #include "display/displays.h"
 
-#include "log/host_log.h"
+#include "common/border.h"
 #include "zu3/disp.h"
 
 #include <cstring>
 
-#pragma GCC visibility push(default)
-
-u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* pstParams, u32* pu32Handle)
+HOST_EXPORT u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* pstParams, u32* pu32Handle)
 {
     constexpr char main_name[] = "ZU_DISP_HD0";
     constexpr size_t name_buffer_bytes = 64;
@@ -20,5 +18,3 @@ u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* pstParams, u32* pu32Handl
     *pu32Handle = zu3host::main_display;
     return ZU_OK;
 }
-
-#pragma GCC visibility pop

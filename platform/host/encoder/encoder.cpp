@@ -3,6 +3,7 @@
 #include "capture/captured_picture.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
+#include "common/border.h"
 #include "log/host_log.h"
 #include "statistics/counters.h"
 
@@ -135,7 +136,7 @@ template <typename HasRoom> void Encoder::wait_for_room(std::unique_lock<std::mu
 uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
 {
     std::unique_lock lock(mutex_);
-    const uint32_t result = admit(lock, buffer);
+    const uint32_t result = at_border("Taking a picture", [&] { return admit(lock, buffer); });
     if (result != ZU_OK) {
         count(counters().pictures_refused);
         return result;

@@ -1,5 +1,6 @@
 // The encoder's own thread: what runs between a picture that was taken and the end of the callback with its
 // frame.
+#include "common/border.h"
 #include "encoder/encoder.h"
 #include "log/host_log.h"
 #include "os/thread_start.h"
@@ -64,11 +65,13 @@ std::optional<Encoder::Work> Encoder::next_work()
 
 std::optional<AccessUnit> Encoder::encode(const Work& work)
 {
-    if (work.rate)
-        x264_->set_rate(*work.rate);
     const Picture& picture = work.picture;
     const bool unchanged = picture.serial != 0 && picture.serial == encoded_serial_;
-    const auto unit = x264_->encode(picture.data, picture.as_key, unchanged);
+    const auto unit = at_border("Encoding a picture", std::optional<AccessUnit>(), [&] {
+        if (work.rate)
+            x264_->set_rate(*work.rate);
+        return x264_->encode(picture.data, picture.as_key, unchanged);
+    });
     encoded_serial_ = unit ? picture.serial : 0;
     const std::lock_guard lock(mutex_);
     give_back(work.picture);
@@ -93,7 +96,9 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
     count(counters().bytes_encoded, unit.size);
     ZU_VENC_FrameInfo_t frame = frame_record(unit, work.picture.pts, work.picture.index);
     const FrameTimeInCallback frame_time(work.picture.time);
-    callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
+    at_border("The callback with a frame", [&] {
+        return callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
+    });
     signal_frame();
 }
 

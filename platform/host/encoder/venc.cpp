@@ -1,12 +1,10 @@
 // The video encoder's contract functions: handles to objects, arguments checked.
 #include "zu3/venc.h"
 
-#include "common/handle_table.h"
+#include "common/border.h"
 #include "encoder/encoder.h"
-#include "log/host_log.h"
 
 #include <atomic>
-#include <exception>
 
 using namespace zu3host;
 
@@ -23,30 +21,21 @@ HandleTable<Encoder>& encoders()
 
 std::atomic<bool> initialised{false};
 
-/** Calls `action` with the handle's encoder, or reports that there is none. */
-template <typename Action> u32 with_encoder(u32 handle, Action action)
-{
-    const auto encoder = encoders().find(handle);
-    return encoder ? action(*encoder) : u32{ZU_INVALID_ARGUMENT};
-}
-
 } // namespace
 
-#pragma GCC visibility push(default)
-
-u32 ZU_VENC_Init(const ZU_VENC_InitParams_t* pstParams)
+HOST_EXPORT u32 ZU_VENC_Init(const ZU_VENC_InitParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
     return initialised.exchange(true) ? ZU_ALREADY_INITIALISED : ZU_OK;
 }
 
-u32 ZU_VENC_DeInit(void)
+HOST_EXPORT u32 ZU_VENC_DeInit(void)
 {
     return initialised.exchange(false) ? ZU_OK : ZU_FAILURE;
 }
 
-u32 ZU_VENC_GetCaps(ZU_VENC_Caps_t* pstCaps)
+HOST_EXPORT u32 ZU_VENC_GetCaps(ZU_VENC_Caps_t* pstCaps)
 {
     if (!pstCaps)
         return ZU_INVALID_ARGUMENT;
@@ -61,70 +50,74 @@ u32 ZU_VENC_GetCaps(ZU_VENC_Caps_t* pstCaps)
     return ZU_OK;
 }
 
-u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* pstParams, u32* pu32Handle)
-try {
+HOST_EXPORT u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* pstParams, u32* pu32Handle)
+{
     if (!pstParams || !pu32Handle)
         return ZU_INVALID_ARGUMENT;
-    auto encoder = Encoder::open(*pstParams);
-    if (!encoder)
-        return ZU_FAILURE;
-    *pu32Handle = encoders().add(std::move(encoder));
-    return ZU_OK;
-} catch (const std::exception& error) {
-    HOST_LOGE("No encoder could be opened: %s", error.what());
-    return ZU_FAILURE;
+    return at_border(__func__, [=]() -> u32 {
+        auto encoder = Encoder::open(*pstParams);
+        if (!encoder)
+            return ZU_FAILURE;
+        *pu32Handle = encoders().add(std::move(encoder));
+        return ZU_OK;
+    });
 }
 
-u32 ZU_VENC_Close(u32 u32Handle)
+HOST_EXPORT u32 ZU_VENC_Close(u32 u32Handle)
 {
-    const u32 result = with_encoder(u32Handle, [](Encoder& encoder) { return encoder.close(); });
-    if (result == ZU_OK)
-        encoders().remove(u32Handle);
-    return result;
+    return with_object(__func__, encoders, u32Handle, [=](Encoder& encoder) {
+        const u32 result = encoder.close();
+        if (result == ZU_OK)
+            encoders().remove(u32Handle);
+        return result;
+    });
 }
 
-u32 ZU_VENC_Start(u32 u32Handle, const ZU_VENC_StartParams_t* pstParams)
+HOST_EXPORT u32 ZU_VENC_Start(u32 u32Handle, const ZU_VENC_StartParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
-    return with_encoder(u32Handle, [=](Encoder& encoder) { return encoder.start(u32Handle); });
+    return with_object(__func__, encoders, u32Handle,
+                       [=](Encoder& encoder) { return encoder.start(u32Handle); });
 }
 
-u32 ZU_VENC_Stop(u32 u32Handle)
+HOST_EXPORT u32 ZU_VENC_Stop(u32 u32Handle)
 {
-    return with_encoder(u32Handle, [](Encoder& encoder) {
+    return with_object(__func__, encoders, u32Handle, [](Encoder& encoder) {
         encoder.stop();
         return u32{ZU_OK};
     });
 }
 
-u32 ZU_VENC_QueryBuffer(u32 u32Handle, ZU_VENC_InputBuffer_t* pstBuffer)
+HOST_EXPORT u32 ZU_VENC_QueryBuffer(u32 u32Handle, ZU_VENC_InputBuffer_t* pstBuffer)
 {
     if (!pstBuffer)
         return ZU_INVALID_ARGUMENT;
-    return with_encoder(u32Handle, [=](Encoder& encoder) { return encoder.lend(*pstBuffer); });
+    return with_object(__func__, encoders, u32Handle,
+                       [=](Encoder& encoder) { return encoder.lend(*pstBuffer); });
 }
 
-u32 ZU_VENC_WriteBufferComplete(u32 u32Handle, const ZU_VENC_InputBuffer_t* pstBuffer)
+HOST_EXPORT u32 ZU_VENC_WriteBufferComplete(u32 u32Handle, const ZU_VENC_InputBuffer_t* pstBuffer)
 {
     if (!pstBuffer)
         return ZU_INVALID_ARGUMENT;
-    return with_encoder(u32Handle, [=](Encoder& encoder) { return encoder.take(*pstBuffer); });
+    return with_object(__func__, encoders, u32Handle,
+                       [=](Encoder& encoder) { return encoder.take(*pstBuffer); });
 }
 
-u32 ZU_VENC_QueryEntireInjectBuffer(u32 u32Handle, ZU_VENC_EntireInjectBuf_t* pstBuffer)
+HOST_EXPORT u32 ZU_VENC_QueryEntireInjectBuffer(u32 u32Handle, ZU_VENC_EntireInjectBuf_t* pstBuffer)
 {
     if (!pstBuffer)
         return ZU_INVALID_ARGUMENT;
-    return with_encoder(u32Handle, [=](Encoder& encoder) { return encoder.offer_inject_region(*pstBuffer); });
+    return with_object(__func__, encoders, u32Handle,
+                       [=](Encoder& encoder) { return encoder.offer_inject_region(*pstBuffer); });
 }
 
-u32 ZU_VENC_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
+HOST_EXPORT u32 ZU_VENC_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
 {
     if (!pValue || u32Type != ZU_VENC_ATTR_BITRATE)
         return ZU_INVALID_ARGUMENT;
     const u32 bitrate = *static_cast<const u32*>(pValue);
-    return with_encoder(u32Handle, [=](Encoder& encoder) { return encoder.set_bitrate(bitrate); });
+    return with_object(__func__, encoders, u32Handle,
+                       [=](Encoder& encoder) { return encoder.set_bitrate(bitrate); });
 }
-
-#pragma GCC visibility pop

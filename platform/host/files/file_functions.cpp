@@ -1,17 +1,14 @@
-#include "common/handle_table.h"
-#include "common/out_of_memory.h"
+#include "common/border.h"
 #include "files/open_file.h"
-#include "log/host_log.h"
 
 #include <cstdio>
 #include <limits>
 
-#pragma GCC visibility push(default)
 #include <zu3/fs.h>
-#pragma GCC visibility pop
 
 namespace {
 
+using zu3host::at_border;
 using zu3host::HandleTable;
 using zu3host::OpenFile;
 
@@ -27,63 +24,68 @@ constexpr u64 greatest_result = std::numeric_limits<s32>::max();
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
-u32 ZU_FS_Fopen(const char* pName, const char* pMode)
+HOST_EXPORT u32 ZU_FS_Fopen(const char* pName, const char* pMode)
 {
     const auto flags = zu3host::open_flags_of_mode(pMode);
     if (!pName || !flags) {
         HOST_LOGE("A file cannot be opened without a name and a mode such as \"rb\" or \"wb\".");
         return 0;
     }
-    return zu3host::or_out_of_memory(u32{0}, "an open file", [&] {
+    return at_border(__func__, u32{0}, [&] {
         auto file = OpenFile::open(pName, *flags);
         return file ? files().add(std::move(file)) : 0;
     });
 }
 
-u32 ZU_FS_Fclose(u32 u32File)
+HOST_EXPORT u32 ZU_FS_Fclose(u32 u32File)
 {
-    const auto file = files().remove(u32File);
-    if (!file)
-        return ZU_INVALID_ARGUMENT;
-    return file->close() ? ZU_OK : ZU_FAILURE;
+    return at_border(__func__, [=]() -> u32 {
+        const auto file = files().remove(u32File);
+        if (!file)
+            return ZU_INVALID_ARGUMENT;
+        return file->close() ? ZU_OK : ZU_FAILURE;
+    });
 }
 
-s32 ZU_FS_Fread(void* pDst, u32 u32Size, u32 u32Count, u32 u32File)
+HOST_EXPORT s32 ZU_FS_Fread(void* pDst, u32 u32Size, u32 u32Count, u32 u32File)
 {
-    const auto file = files().find(u32File);
     const u64 size = u64{u32Size} * u32Count;
-    if (!file || !pDst || size > greatest_result)
+    if (!pDst || size > greatest_result)
         return -1;
-    return static_cast<s32>(file->read(pDst, size));
+    return at_border(__func__, s32{-1}, [=] {
+        const auto file = files().find(u32File);
+        return file ? static_cast<s32>(file->read(pDst, size)) : -1;
+    });
 }
 
-s32 ZU_FS_Fwrite(const void* pSrc, u32 u32Size, u32 u32Count, u32 u32File)
+HOST_EXPORT s32 ZU_FS_Fwrite(const void* pSrc, u32 u32Size, u32 u32Count, u32 u32File)
 {
-    const auto file = files().find(u32File);
-    if (!file || !pSrc || u32Count > greatest_result ||
+    if (!pSrc || u32Count > greatest_result ||
         u64{u32Size} * u32Count > std::numeric_limits<size_t>::max() / 2)
         return -1;
-    if (u32Size == 0 || u32Count == 0)
-        return 0;
-    const u64 whole = file->write_items(pSrc, u32Size, u32Count);
-    return whole == 0 ? -1 : static_cast<s32>(whole);
+    return at_border(__func__, s32{-1}, [=] {
+        const auto file = files().find(u32File);
+        if (!file)
+            return -1;
+        if (u32Size == 0 || u32Count == 0)
+            return 0;
+        const u64 whole = file->write_items(pSrc, u32Size, u32Count);
+        return whole == 0 ? -1 : static_cast<s32>(whole);
+    });
 }
 
-u32 ZU_FS_Fseek(u32 u32File, s64 s64Offset, u32 u32Whence)
+HOST_EXPORT u32 ZU_FS_Fseek(u32 u32File, s64 s64Offset, u32 u32Whence)
 {
-    const auto file = files().find(u32File);
-    if (!file || u32Whence > SEEK_END)
+    if (u32Whence > SEEK_END)
         return ZU_INVALID_ARGUMENT;
-    return file->seek(s64Offset, static_cast<int>(u32Whence)) ? ZU_OK : ZU_FAILURE;
+    return zu3host::with_object(__func__, files, u32File, [=](OpenFile& file) {
+        return file.seek(s64Offset, static_cast<int>(u32Whence)) ? ZU_OK : ZU_FAILURE;
+    });
 }
 
 // Closing has started the way to the medium of each written file, and nothing of other programs' data is
 // pushed.
-u32 ZU_FS_Sync(void)
+HOST_EXPORT u32 ZU_FS_Sync(void)
 {
     return ZU_OK;
 }
-
-#pragma GCC visibility pop

@@ -1,3 +1,4 @@
+#include "common/border.h"
 #include "common/broken_pipe_guard.h"
 #include "log/log_filter.h"
 
@@ -8,7 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <poll.h>
 #include <unistd.h>
 
@@ -32,16 +32,15 @@ private:
     size_t size_ = 0;
 };
 
-// Read once: the environment is not to be touched while other threads run. Without memory for the rules, which
-// may be what the line is about, the line is shown.
+// Read once: the environment is not to be touched while other threads run. Without memory for the rules,
+// which may be what the line is about, the line is shown.
 bool is_shown(int priority, const char* tag)
 {
-    try {
-        static const zu3host::LogFilter& only = *new zu3host::LogFilter(std::getenv("ANDROID_LOG_TAGS"));
+    const auto shows = [=] {
+        static const zu3host::LogFilter& only = *new zu3host::LogFilter(secure_getenv("ANDROID_LOG_TAGS"));
         return only.shows(priority, tag);
-    } catch (const std::bad_alloc&) {
-        return true;
-    }
+    };
+    return zu3host::answer_or(true, shows, [](const char*) {});
 }
 
 /** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. */
@@ -95,8 +94,7 @@ std::string_view formatted(const char* buffer, size_t capacity, int result)
 
 } // namespace
 
-__attribute__((visibility("default"))) int __android_log_print(int prio, const char* tag, const char* fmt,
-                                                               ...)
+HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, ...)
 {
     if (!tag)
         tag = "";

@@ -1,6 +1,5 @@
+#include "common/border.h"
 #include "common/file_descriptor.h"
-#include "common/out_of_memory.h"
-#include "log/host_log.h"
 #include "memory/device_memory.h"
 
 #include <cerrno>
@@ -11,13 +10,11 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
-
-#pragma GCC visibility push(default)
 #include <zu3/os.h>
-#pragma GCC visibility pop
 
 namespace {
 
+using zu3host::at_border;
 using zu3host::FileDescriptor;
 using zu3host::MemoryBlock;
 
@@ -115,50 +112,53 @@ u32 describe_block(ZU_OS_IommuBufInfo_t& record)
     return ZU_OK;
 }
 
-} // namespace
-
-#pragma GCC visibility push(default)
-
-u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc)
+u32 free_memory(const ZU_OS_IommuFree_t& record)
 {
-    if (!pstAlloc || pstAlloc->u32Size == 0)
-        return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a block of device memory",
-                                     [=] { return allocate(*pstAlloc); });
-}
-
-u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree)
-{
-    if (!pstFree)
-        return ZU_INVALID_ARGUMENT;
     Iommu& all = iommu();
     const std::lock_guard lock(all.mutex);
-    const auto block = zu3host::block_of_phys(pstFree->u64PhyAddr);
-    if (!all.blocks.contains(pstFree->u64PhyAddr) || !block || block->size != pstFree->u32Size) {
-        HOST_LOGE("No IOMMU block of %u bytes starts at 0x%llx; nothing was freed.", pstFree->u32Size,
-                  static_cast<unsigned long long>(pstFree->u64PhyAddr));
+    const auto block = zu3host::block_of_phys(record.u64PhyAddr);
+    if (!all.blocks.contains(record.u64PhyAddr) || !block || block->size != record.u32Size) {
+        HOST_LOGE("No IOMMU block of %u bytes starts at 0x%llx; nothing was freed.", record.u32Size,
+                  static_cast<unsigned long long>(record.u64PhyAddr));
         return ZU_INVALID_ARGUMENT;
     }
-    all.blocks.erase(pstFree->u64PhyAddr);
-    zu3host::free_block(pstFree->u64PhyAddr);
+    all.blocks.erase(record.u64PhyAddr);
+    zu3host::free_block(record.u64PhyAddr);
     return ZU_OK;
 }
 
-u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord)
+u32 operate(ZU_OS_IommuOperationType_e operation, void* record)
 {
-    if (!pRecord)
-        return ZU_INVALID_ARGUMENT;
-    switch (eOperation) {
+    switch (operation) {
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD:
-        return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a descriptor of a block", [=] {
-            return get_descriptor(*static_cast<ZU_OS_IommuBufFd_t*>(pRecord));
-        });
+        return get_descriptor(*static_cast<ZU_OS_IommuBufFd_t*>(record));
     case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
-        return put_descriptor(*static_cast<const ZU_OS_IommuBufFd_t*>(pRecord));
+        return put_descriptor(*static_cast<const ZU_OS_IommuBufFd_t*>(record));
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO:
-        return describe_block(*static_cast<ZU_OS_IommuBufInfo_t*>(pRecord));
+        return describe_block(*static_cast<ZU_OS_IommuBufInfo_t*>(record));
     }
     return ZU_INVALID_ARGUMENT;
 }
 
-#pragma GCC visibility pop
+} // namespace
+
+HOST_EXPORT u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc)
+{
+    if (!pstAlloc || pstAlloc->u32Size == 0)
+        return ZU_INVALID_ARGUMENT;
+    return at_border(__func__, [=] { return allocate(*pstAlloc); });
+}
+
+HOST_EXPORT u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree)
+{
+    if (!pstFree)
+        return ZU_INVALID_ARGUMENT;
+    return at_border(__func__, [=] { return free_memory(*pstFree); });
+}
+
+HOST_EXPORT u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord)
+{
+    if (!pRecord)
+        return ZU_INVALID_ARGUMENT;
+    return at_border(__func__, [=] { return operate(eOperation, pRecord); });
+}

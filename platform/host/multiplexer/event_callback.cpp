@@ -4,11 +4,19 @@
 
 namespace zu3host {
 
+namespace {
+
+/** An encoder pushes from one thread, so that more at once are somebody's mistake, and cost memory. */
+constexpr size_t most_callers = 8;
+
+} // namespace
+
 uint64_t EventCallback::set(const ZU_TSMUX_CallbackParams_t& params)
 {
     const std::lock_guard lock(mutex_);
     if (callback_.pfnCallback)
         return 0;
+    callers_.reserve(most_callers); // an event that cannot be told would make its cause a failure
     callback_ = params;
     callback_.u64CallbackId = next_id_++;
     return callback_.u64CallbackId;

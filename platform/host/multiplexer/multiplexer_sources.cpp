@@ -57,6 +57,7 @@ Multiplexer::Multiplexer(const ZU_TSMUX_OpenParams_t& params, std::unique_ptr<Ou
     : params_(params), region_(std::move(region)), ring_(region_->memory(), params.u32TsPacketSize),
       writer_(ring_, stream_start, params.bCbrEnable ? params.u32CbrBitrate : 0)
 {
+    streams_.reserve(2); // so that to attach a source cannot fail half-way
     writer_.pictures().pid = params.u16Pid3;
     writer_.set_sound_lead(sound_lead);
     writer_.set_program(params.u16Pid0, streams_);

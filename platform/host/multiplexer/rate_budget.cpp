@@ -28,10 +28,10 @@ void RateBudget::set(uint64_t bits_per_second)
 {
     const std::lock_guard lock(budgets_mutex);
     auto& all = budgets();
-    const bool had = all.erase(this) != 0;
+    // A change needs no memory, so that it cannot fail.
     if (bits_per_second != 0)
-        all.emplace(this, bits_per_second);
-    if (!had && bits_per_second == 0)
+        all.insert_or_assign(this, bits_per_second);
+    else if (all.erase(this) == 0)
         return;
     uint64_t lowest = 0;
     for (const auto& [budget, bits] : all)

@@ -1,7 +1,6 @@
 #include "zu3/tsmux.h"
 
-#include "common/handle_table.h"
-#include "common/out_of_memory.h"
+#include "common/border.h"
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>
@@ -17,27 +16,6 @@ HandleTable<Multiplexer>& multiplexers()
 {
     static auto& table = *new HandleTable<Multiplexer>(0x600);
     return table;
-}
-
-/** Calls a function of an open multiplexer. */
-template <typename Function> uint32_t with_multiplexer(uint32_t handle, Function&& function)
-{
-    const auto multiplexer = multiplexers().find(handle);
-    if (!multiplexer)
-        return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(uint32_t{ZU_FAILURE}, "the multiplexer",
-                                     [&] { return uint32_t{function(*multiplexer)}; });
-}
-
-uint32_t open(const ZU_TSMUX_OpenParams_t& params, uint32_t& handle)
-{
-    return zu3host::or_out_of_memory(uint32_t{ZU_FAILURE}, "another multiplexer", [&] {
-        auto multiplexer = Multiplexer::open(params);
-        if (!multiplexer)
-            return uint32_t{ZU_FAILURE};
-        handle = multiplexers().add(std::move(multiplexer));
-        return uint32_t{ZU_OK};
-    });
 }
 
 uint32_t set_attribute(Multiplexer& multiplexer, uint32_t type, const void* value)
@@ -61,21 +39,19 @@ uint32_t set_attribute(Multiplexer& multiplexer, uint32_t type, const void* valu
 
 using namespace zu3host;
 
-#pragma GCC visibility push(default)
-
-u32 ZU_TSMUX_Init(const ZU_TSMUX_InitParams_t* pstParams)
+HOST_EXPORT u32 ZU_TSMUX_Init(const ZU_TSMUX_InitParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
     return initialised.exchange(true) ? ZU_ALREADY_INITIALISED : ZU_OK;
 }
 
-u32 ZU_TSMUX_DeInit(void)
+HOST_EXPORT u32 ZU_TSMUX_DeInit(void)
 {
     return initialised.exchange(false) ? ZU_OK : ZU_FAILURE;
 }
 
-u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle)
+HOST_EXPORT u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle)
 {
     if (!pstParams || !pu32Handle)
         return ZU_INVALID_ARGUMENT;
@@ -83,23 +59,32 @@ u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle)
         HOST_LOGE("The multiplexer module is not initialised.");
         return ZU_FAILURE;
     }
-    return open(*pstParams, *pu32Handle);
+    return at_border(__func__, [=]() -> u32 {
+        auto multiplexer = Multiplexer::open(*pstParams);
+        if (!multiplexer)
+            return ZU_FAILURE;
+        *pu32Handle = multiplexers().add(std::move(multiplexer));
+        return ZU_OK;
+    });
 }
 
-u32 ZU_TSMUX_Close(u32 u32Handle)
+HOST_EXPORT u32 ZU_TSMUX_Close(u32 u32Handle)
 {
-    const auto multiplexer = multiplexers().remove(u32Handle);
-    if (!multiplexer)
-        return ZU_INVALID_ARGUMENT;
-    multiplexer->close();
-    return ZU_OK;
+    return at_border(__func__, [=]() -> u32 {
+        const auto multiplexer = multiplexers().remove(u32Handle);
+        if (!multiplexer)
+            return ZU_INVALID_ARGUMENT;
+        multiplexer->close();
+        return ZU_OK;
+    });
 }
 
-u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams, u64* pu64CallbackId)
+HOST_EXPORT u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams,
+                                          u64* pu64CallbackId)
 {
     if (!pstParams || !pstParams->pfnCallback || !pu64CallbackId)
         return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) -> u32 {
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) -> u32 {
         const u64 id = multiplexer.callback().set(*pstParams);
         if (id == 0) {
             HOST_LOGE("The multiplexer has a callback already.");
@@ -110,65 +95,66 @@ u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* ps
     });
 }
 
-u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams)
+HOST_EXPORT u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) -> u32 {
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) -> u32 {
         return multiplexer.callback().remove(pstParams->u64CallbackId) ? ZU_OK : ZU_INVALID_ARGUMENT;
     });
 }
 
-u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
+HOST_EXPORT u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
 {
     if (!pValue)
         return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(
-        u32Handle, [&](Multiplexer& multiplexer) { return set_attribute(multiplexer, u32Type, pValue); });
+    return with_object(__func__, multiplexers, u32Handle,
+                       [&](Multiplexer& multiplexer) { return set_attribute(multiplexer, u32Type, pValue); });
 }
 
-u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
-                               u64* pu64MuxSrcId)
+HOST_EXPORT u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
+                                           u64* pu64MuxSrcId)
 {
     if (!pstParams || !pu64MuxSrcId)
         return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(
-        u32Handle, [&](Multiplexer& multiplexer) { return multiplexer.attach(*pstParams, *pu64MuxSrcId); });
-}
-
-u32 ZU_TSMUX_DetachMediaSource(u32 u32Handle, u64 u64MuxSrcId)
-{
-    return with_multiplexer(u32Handle,
-                            [&](Multiplexer& multiplexer) { return multiplexer.detach(u64MuxSrcId); });
-}
-
-u32 ZU_TSMUX_Start(u32 u32Handle, const ZU_TSMUX_StartParams_t* pstParams)
-{
-    if (!pstParams)
-        return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(u32Handle, [](Multiplexer& multiplexer) { return multiplexer.start(); });
-}
-
-u32 ZU_TSMUX_Stop(u32 u32Handle)
-{
-    return with_multiplexer(u32Handle, [](Multiplexer& multiplexer) { return multiplexer.stop(); });
-}
-
-u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t* pstData)
-{
-    if (!pstData)
-        return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(u32Handle,
-                            [&](Multiplexer& multiplexer) { return multiplexer.push(u32Handle, *pstData); });
-}
-
-u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied)
-{
-    if (!pDst || !pu32Copied)
-        return ZU_INVALID_ARGUMENT;
-    return with_multiplexer(u32Handle, [&](Multiplexer& multiplexer) {
-        return multiplexer.copy_out(static_cast<u8*>(pDst), u32MaxSize, *pu32Copied);
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) {
+        return multiplexer.attach(*pstParams, *pu64MuxSrcId);
     });
 }
 
-#pragma GCC visibility pop
+HOST_EXPORT u32 ZU_TSMUX_DetachMediaSource(u32 u32Handle, u64 u64MuxSrcId)
+{
+    return with_object(__func__, multiplexers, u32Handle,
+                       [&](Multiplexer& multiplexer) { return multiplexer.detach(u64MuxSrcId); });
+}
+
+HOST_EXPORT u32 ZU_TSMUX_Start(u32 u32Handle, const ZU_TSMUX_StartParams_t* pstParams)
+{
+    if (!pstParams)
+        return ZU_INVALID_ARGUMENT;
+    return with_object(__func__, multiplexers, u32Handle,
+                       [](Multiplexer& multiplexer) { return multiplexer.start(); });
+}
+
+HOST_EXPORT u32 ZU_TSMUX_Stop(u32 u32Handle)
+{
+    return with_object(__func__, multiplexers, u32Handle,
+                       [](Multiplexer& multiplexer) { return multiplexer.stop(); });
+}
+
+HOST_EXPORT u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t* pstData)
+{
+    if (!pstData)
+        return ZU_INVALID_ARGUMENT;
+    return with_object(__func__, multiplexers, u32Handle,
+                       [&](Multiplexer& multiplexer) { return multiplexer.push(u32Handle, *pstData); });
+}
+
+HOST_EXPORT u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied)
+{
+    if (!pDst || !pu32Copied)
+        return ZU_INVALID_ARGUMENT;
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) {
+        return multiplexer.copy_out(static_cast<u8*>(pDst), u32MaxSize, *pu32Copied);
+    });
+}

@@ -1,14 +1,11 @@
-#include "common/handle_table.h"
-#include "common/out_of_memory.h"
-#include "log/host_log.h"
+#include "common/border.h"
 #include "os/timed_mutex.h"
 
-#pragma GCC visibility push(default)
 #include <zu3/os.h>
-#pragma GCC visibility pop
 
 namespace {
 
+using zu3host::at_border;
 using zu3host::HandleTable;
 using zu3host::TimedMutex;
 
@@ -20,26 +17,9 @@ HandleTable<TimedMutex>& mutexes()
     return all;
 }
 
-} // namespace
-
-#pragma GCC visibility push(default)
-
-u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId)
+u32 obtain(TimedMutex& mutex, u32 timeout_ms)
 {
-    if (!pstAttr || !ps32MutexId)
-        return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a mutex", [=] {
-        *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
-        return u32{ZU_OK};
-    });
-}
-
-u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs)
-{
-    const auto mutex = mutexes().find(static_cast<u32>(s32MutexId));
-    if (!mutex)
-        return ZU_INVALID_ARGUMENT;
-    switch (mutex->obtain(std::chrono::milliseconds(u32TimeoutMs))) {
+    switch (mutex.obtain(std::chrono::milliseconds(timeout_ms))) {
     case TimedMutex::Result::obtained:
         return ZU_OK;
     case TimedMutex::Result::timed_out:
@@ -50,27 +30,47 @@ u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs)
     return ZU_FAILURE;
 }
 
-u32 ZU_OS_ReleaseMutex(s32 s32MutexId)
+} // namespace
+
+HOST_EXPORT u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId)
 {
-    const auto mutex = mutexes().find(static_cast<u32>(s32MutexId));
-    if (!mutex) {
-        HOST_LOGW("Mutex %d was released, but does not exist.", s32MutexId);
+    if (!pstAttr || !ps32MutexId)
         return ZU_INVALID_ARGUMENT;
-    }
-    if (!mutex->release()) {
-        HOST_LOGE("Mutex %d was released by a thread that does not hold it.", s32MutexId);
-        return ZU_FAILURE;
-    }
-    return ZU_OK;
+    return at_border(__func__, [=] {
+        *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
+        return u32{ZU_OK};
+    });
 }
 
-u32 ZU_OS_DeleteMutex(s32 s32MutexId)
+HOST_EXPORT u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs)
 {
-    const auto mutex = mutexes().remove(static_cast<u32>(s32MutexId));
-    if (!mutex)
-        return ZU_INVALID_ARGUMENT;
-    mutex->retire();
-    return ZU_OK;
+    return zu3host::with_object(__func__, mutexes, static_cast<u32>(s32MutexId),
+                                [=](TimedMutex& mutex) { return obtain(mutex, u32TimeoutMs); });
 }
 
-#pragma GCC visibility pop
+HOST_EXPORT u32 ZU_OS_ReleaseMutex(s32 s32MutexId)
+{
+    return at_border(__func__, [=]() -> u32 {
+        const auto mutex = mutexes().find(static_cast<u32>(s32MutexId));
+        if (!mutex) {
+            HOST_LOGW("Mutex %d was released, but does not exist.", s32MutexId);
+            return ZU_INVALID_ARGUMENT;
+        }
+        if (!mutex->release()) {
+            HOST_LOGE("Mutex %d was released by a thread that does not hold it.", s32MutexId);
+            return ZU_FAILURE;
+        }
+        return ZU_OK;
+    });
+}
+
+HOST_EXPORT u32 ZU_OS_DeleteMutex(s32 s32MutexId)
+{
+    return at_border(__func__, [=]() -> u32 {
+        const auto mutex = mutexes().remove(static_cast<u32>(s32MutexId));
+        if (!mutex)
+            return ZU_INVALID_ARGUMENT;
+        mutex->retire();
+        return ZU_OK;
+    });
+}

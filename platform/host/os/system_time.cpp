@@ -1,9 +1,8 @@
+#include "common/border.h"
+
 #include <cerrno>
 #include <ctime>
-
-#pragma GCC visibility push(default)
 #include <zu3/os.h>
-#pragma GCC visibility pop
 
 namespace {
 
@@ -34,9 +33,7 @@ timespec after(timespec moment, u32 milliseconds)
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
-u32 ZU_OS_DelayTask(u32 u32Ms)
+HOST_EXPORT u32 ZU_OS_DelayTask(u32 u32Ms)
 {
     // To a moment instead of for a time: a signal handler in between makes the delay no longer.
     const timespec end = after(monotonic_now(), u32Ms);
@@ -45,7 +42,7 @@ u32 ZU_OS_DelayTask(u32 u32Ms)
     return ZU_OK;
 }
 
-u32 ZU_OS_GetSystemTime(u32* pu32StartMs)
+HOST_EXPORT u32 ZU_OS_GetSystemTime(u32* pu32StartMs)
 {
     if (!pu32StartMs)
         return ZU_INVALID_ARGUMENT;
@@ -53,7 +50,7 @@ u32 ZU_OS_GetSystemTime(u32* pu32StartMs)
     return ZU_OK;
 }
 
-u32 ZU_OS_TimerDiffTimeFromNow(u32 u32StartMs, u32* pu32ElapsedMs)
+HOST_EXPORT u32 ZU_OS_TimerDiffTimeFromNow(u32 u32StartMs, u32* pu32ElapsedMs)
 {
     if (!pu32ElapsedMs)
         return ZU_INVALID_ARGUMENT;
@@ -61,5 +58,3 @@ u32 ZU_OS_TimerDiffTimeFromNow(u32 u32StartMs, u32* pu32ElapsedMs)
     *pu32ElapsedMs = static_cast<u32>(int64_t{system_time_ms()} - u32StartMs);
     return ZU_OK;
 }
-
-#pragma GCC visibility pop

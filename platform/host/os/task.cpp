@@ -1,5 +1,7 @@
 #include "os/task.h"
 
+#include "common/border.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -65,7 +67,7 @@ void Task::run()
     name_this_thread(name_);
     if (!may_begin())
         return;
-    entry_(argument_);
+    at_border(name_.data(), false, [this] { return entry_(argument_), true; });
     const std::lock_guard lock(mutex_);
     state_ = State::returned;
     returned_.notify_all();

@@ -1,16 +1,12 @@
-#include "common/handle_table.h"
-#include "common/out_of_memory.h"
-#include "log/host_log.h"
+#include "common/border.h"
 #include "os/task.h"
 
 #include <cstring>
-
-#pragma GCC visibility push(default)
 #include <zu3/os.h>
-#pragma GCC visibility pop
 
 namespace {
 
+using zu3host::at_border;
 using zu3host::HandleTable;
 using zu3host::Task;
 
@@ -49,27 +45,15 @@ u32 create_task(const ZU_OS_TaskAttr_t& attributes, s32& task_id)
     return ZU_FAILURE;
 }
 
-} // namespace
-
-#pragma GCC visibility push(default)
-
-u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId)
+u32 delete_task(s32 task_id)
 {
-    if (!pstAttr || !ps32TaskId || !is_complete(*pstAttr))
-        return ZU_INVALID_ARGUMENT;
-    return zu3host::or_out_of_memory(u32{ZU_FAILURE}, "a task",
-                                     [=] { return create_task(*pstAttr, *ps32TaskId); });
-}
-
-u32 ZU_OS_DeleteTask(s32 s32TaskId)
-{
-    const auto found = tasks().find(static_cast<u32>(s32TaskId));
+    const auto found = tasks().find(static_cast<u32>(task_id));
     if (found && found->runs_on_this_thread()) {
         HOST_LOGE("Task \"%s\" tried to delete itself; another thread has to.", found->name());
         return ZU_FAILURE;
     }
     // Of two deletions at the same moment one takes the task out and ends it.
-    const auto task = tasks().remove(static_cast<u32>(s32TaskId));
+    const auto task = tasks().remove(static_cast<u32>(task_id));
     if (!task)
         return ZU_INVALID_ARGUMENT;
     if (task->stop(deletion_limit) == Task::End::finished)
@@ -79,4 +63,16 @@ u32 ZU_OS_DeleteTask(s32 s32TaskId)
     return ZU_FAILURE;
 }
 
-#pragma GCC visibility pop
+} // namespace
+
+HOST_EXPORT u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId)
+{
+    if (!pstAttr || !ps32TaskId || !is_complete(*pstAttr))
+        return ZU_INVALID_ARGUMENT;
+    return at_border(__func__, [=] { return create_task(*pstAttr, *ps32TaskId); });
+}
+
+HOST_EXPORT u32 ZU_OS_DeleteTask(s32 s32TaskId)
+{
+    return at_border(__func__, [=] { return delete_task(s32TaskId); });
+}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/border.h"
+
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -63,14 +65,15 @@ private:
 
 /**
  * Starts a thread of the host layer: named (cut at 15 characters), without signals, preferred. `entry` takes
- * no argument. Throws std::system_error when the system gives no thread.
+ * no argument; what it throws ends the thread and not the process. Throws std::system_error when the system
+ * gives no thread.
  */
 template <typename F> std::thread start_thread(const char* name, F entry)
 {
     const ThreadInheritance guard;
     return std::thread([kept = thread_name(name), run = std::move(entry)]() mutable {
         name_this_thread(kept);
-        run();
+        at_border(kept.data(), false, [&] { return run(), true; });
     });
 }
 

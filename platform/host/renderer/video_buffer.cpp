@@ -1,6 +1,7 @@
 #include "renderer/video_buffer.h"
 
-#include "log/host_log.h"
+#include "common/border.h"
+#include "renderer/counted.h"
 
 #include <algorithm>
 #include <atomic>
@@ -67,7 +68,7 @@ void report(const qrl_native_buffer_t& buffer, const char* fault)
 
 namespace android::vexa_screenrecord {
 
-sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const qrl_native_buffer_t& buffer)
+HOST_EXPORT sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const qrl_native_buffer_t& buffer)
 {
     using zu3host::TargetPlane;
     if (const char* const fault = zu3host::fault_of(buffer)) {
@@ -76,9 +77,9 @@ sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const qrl_native_
     }
     auto* const start = static_cast<uint8_t*>(buffer.addr);
     const int64_t width = buffer.width, height = buffer.height;
-    return new (std::nothrow) zu3host::Nv12Buffer(
+    return zu3host::counted(new (std::nothrow) zu3host::Nv12Buffer(
         TargetPlane{start + buffer.offset[0], buffer.pitch, width, height},
-        TargetPlane{start + buffer.offset[1], buffer.pitch, (width + 1) / 2 * 2, (height + 1) / 2});
+        TargetPlane{start + buffer.offset[1], buffer.pitch, (width + 1) / 2 * 2, (height + 1) / 2}));
 }
 
 } // namespace android::vexa_screenrecord

@@ -1,9 +1,9 @@
+#include "renderer/counted.h"
 #include "renderer/video_buffer.h"
 #include "renderer/watermark.h"
 
-#include "log/host_log.h"
+#include "common/border.h"
 
-#include <exception>
 #include <mutex>
 #include <new>
 
@@ -36,6 +36,7 @@ private:
 
 namespace android::vexa_screenrecord {
 
+using zu3host::at_border;
 using zu3host::Watermark;
 using zu3host::Worker;
 
@@ -45,49 +46,49 @@ constexpr int refused = -1;
 
 } // namespace
 
-sp<SrGlWorker> SrGlWorker::newWorker()
+HOST_EXPORT sp<SrGlWorker> SrGlWorker::newWorker()
 {
-    return new (std::nothrow) Worker;
+    return zu3host::counted(new (std::nothrow) Worker);
 }
 
 // A processor needs no preparation.
-int SrGlWorker::prepare()
+HOST_EXPORT int SrGlWorker::prepare()
 {
     return 0;
 }
 
-int SrGlWorker::setWatermark(sp<WatermarkParams> params)
+HOST_EXPORT int SrGlWorker::setWatermark(sp<WatermarkParams> params)
 {
     if (!params)
         return refused;
-    std::shared_ptr<const Watermark> watermark;
-    try {
+    return at_border("Setting a watermark", refused, [&] {
+        std::shared_ptr<const Watermark> watermark;
         if (!Watermark::shows_nothing(*params) && !(watermark = Watermark::from(*params)))
             return refused;
-    } catch (const std::exception& failure) {
-        HOST_LOGE("A watermark of %u x %u cannot be kept: %s.", params->u32Width, params->u32Height,
-                  failure.what());
-        return refused;
-    }
-    static_cast<Worker*>(this)->replace(std::move(watermark));
-    return 0;
+        static_cast<Worker*>(this)->replace(std::move(watermark));
+        return 0;
+    });
 }
 
-int SrGlWorker::render(sp<VideoBuffer> buffer)
+HOST_EXPORT int SrGlWorker::render(sp<VideoBuffer> buffer)
 {
     if (!buffer)
         return refused;
-    if (const auto watermark = static_cast<Worker*>(this)->watermark()) {
-        const auto& picture = static_cast<const zu3host::Nv12Buffer&>(*buffer);
-        watermark->draw(picture.luma, picture.chroma);
-    }
-    return 0;
+    return at_border("Drawing a watermark", refused, [&] {
+        if (const auto watermark = static_cast<Worker*>(this)->watermark()) {
+            const auto& picture = static_cast<const zu3host::Nv12Buffer&>(*buffer);
+            watermark->draw(picture.luma, picture.chroma);
+        }
+        return 0;
+    });
 }
 
-int SrGlWorker::reset()
+HOST_EXPORT int SrGlWorker::reset()
 {
-    static_cast<Worker*>(this)->replace(nullptr);
-    return 0;
+    return at_border("Removing a watermark", refused, [this] {
+        static_cast<Worker*>(this)->replace(nullptr);
+        return 0;
+    });
 }
 
 } // namespace android::vexa_screenrecord

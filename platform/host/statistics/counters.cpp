@@ -1,11 +1,10 @@
 #include "statistics/counters.h"
 
+#include "common/border.h"
+#include "zu3_host/statistics.h"
+
 #include <algorithm>
 #include <cstring>
-
-#pragma GCC visibility push(default)
-#include "zu3_host/statistics.h"
-#pragma GCC visibility pop
 
 namespace zu3host {
 
@@ -52,9 +51,7 @@ zu3_host_statistics_t snapshot(const zu3host::Counters& live)
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
-uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint32_t size)
+HOST_EXPORT uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint32_t size)
 {
     const zu3_host_statistics_t now = snapshot(zu3host::counters());
     if (statistics)
@@ -62,9 +59,7 @@ uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint32_t size)
     return sizeof now;
 }
 
-const char* zu3_host_platform(void)
+HOST_EXPORT const char* zu3_host_platform(void)
 {
     return "Linux host layer: X11 screen or test card, H.264 by x264, sound by PulseAudio, AAC by vo-aacenc";
 }
-
-#pragma GCC visibility pop

@@ -1,11 +1,10 @@
 #include "statistics/frame_event.h"
 
+#include "common/border.h"
+#include "zu3_host/frame_event.h"
+
 #include <atomic>
 #include <sys/eventfd.h>
-
-#pragma GCC visibility push(default)
-#include "zu3_host/frame_event.h"
-#pragma GCC visibility pop
 
 namespace {
 
@@ -27,12 +26,8 @@ void zu3host::signal_frame()
         eventfd_write(fd, 1);
 }
 
-#pragma GCC visibility push(default)
-
-int zu3_host_frame_event(void)
+HOST_EXPORT int zu3_host_frame_event(void)
 {
     static const int event = make_event();
     return event;
 }
-
-#pragma GCC visibility pop

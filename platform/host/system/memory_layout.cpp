@@ -1,11 +1,8 @@
-#include "log/host_log.h"
+#include "common/border.h"
 #include "memory/device_memory.h"
 
 #include <mutex>
-
-#pragma GCC visibility push(default)
 #include <zu3/sys.h>
-#pragma GCC visibility pop
 
 namespace {
 
@@ -28,9 +25,7 @@ std::optional<zu3host::MemoryBlock> tsmux_output()
 
 } // namespace
 
-#pragma GCC visibility push(default)
-
-u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout)
+HOST_EXPORT u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout)
 {
     if (!pstLayout)
         return ZU_INVALID_ARGUMENT;
@@ -39,13 +34,13 @@ u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout)
         HOST_LOGE("The memory layout has no region %u.", u32Id);
         return ZU_INVALID_ARGUMENT;
     }
-    const auto block = tsmux_output();
-    if (!block)
-        return ZU_FAILURE;
-    pstLayout->phyMiuBaseAddr = block->phys & base_mask;
-    pstLayout->phyMemAddr = block->phys & ~base_mask;
-    pstLayout->u32RegionSize = block->size;
-    return ZU_OK;
+    return zu3host::at_border(__func__, [=]() -> u32 {
+        const auto block = tsmux_output();
+        if (!block)
+            return ZU_FAILURE;
+        pstLayout->phyMiuBaseAddr = block->phys & base_mask;
+        pstLayout->phyMemAddr = block->phys & ~base_mask;
+        pstLayout->u32RegionSize = block->size;
+        return ZU_OK;
+    });
 }
-
-#pragma GCC visibility pop

@@ -1,10 +1,10 @@
-#include <atomic>
+#include "common/border.h"
 
-#pragma GCC visibility push(default)
+#include <atomic>
 #include <zu3/caps.h>
 #include <zu3/sys.h>
 
-u32 ZU_SYS_Init(u32 u32Flags)
+HOST_EXPORT u32 ZU_SYS_Init(u32 u32Flags)
 {
     static std::atomic<bool> initialised{false};
     if (u32Flags != 0)
@@ -13,7 +13,7 @@ u32 ZU_SYS_Init(u32 u32Flags)
 }
 
 // The platform as a whole has no limits of its own: the modules' capabilities say what can be recorded.
-u32 ZU_VIDEO_GetCaps(ZU_VIDEO_Caps_t* pstCaps)
+HOST_EXPORT u32 ZU_VIDEO_GetCaps(ZU_VIDEO_Caps_t* pstCaps)
 {
     if (!pstCaps)
         return ZU_INVALID_ARGUMENT;
@@ -21,11 +21,10 @@ u32 ZU_VIDEO_GetCaps(ZU_VIDEO_Caps_t* pstCaps)
     return ZU_OK;
 }
 
-u32 ZU_AUDIO_GetCaps(ZU_AUDIO_Caps_t* pstCaps)
+HOST_EXPORT u32 ZU_AUDIO_GetCaps(ZU_AUDIO_Caps_t* pstCaps)
 {
     if (!pstCaps)
         return ZU_INVALID_ARGUMENT;
     *pstCaps = {};
     return ZU_OK;
 }
-#pragma GCC visibility pop

@@ -1,12 +1,11 @@
-#include <ctime>
+#include "common/border.h"
 
-#pragma GCC visibility push(default)
+#include <ctime>
 #include <utils/Timers.h>
 
-nsecs_t systemTime(int clock)
+HOST_EXPORT nsecs_t systemTime(int clock)
 {
     timespec now{};
     clock_gettime(clock == SYSTEM_TIME_REALTIME ? CLOCK_REALTIME : CLOCK_MONOTONIC, &now);
     return nsecs_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
-#pragma GCC visibility pop

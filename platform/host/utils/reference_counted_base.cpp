@@ -1,8 +1,14 @@
-#include <atomic>
+#include "common/border.h"
 
-#pragma GCC visibility push(default)
+#include <atomic>
+#include <new>
+
+// Programs derive from it, which takes its table of virtual functions and its type.
+namespace android {
+class HOST_EXPORT RefBase;
+}
+
 #include <utils/RefBase.h>
-#pragma GCC visibility pop
 
 namespace android {
 
@@ -16,7 +22,9 @@ public:
     std::atomic<int32_t> strong{no_reference_yet};
 };
 
-RefBase::RefBase() : mRefs(new weakref_type) {}
+// Those who make one may be built without exceptions. Without memory for its counter an object is not
+// counted, so that it stays for ever, which is better than to go too soon.
+RefBase::RefBase() : mRefs(new (std::nothrow) weakref_type) {}
 
 RefBase::~RefBase()
 {
@@ -25,7 +33,7 @@ RefBase::~RefBase()
 
 void RefBase::incStrong(const void*) const
 {
-    if (mRefs->strong.fetch_add(1, std::memory_order_relaxed) != no_reference_yet)
+    if (!mRefs || mRefs->strong.fetch_add(1, std::memory_order_relaxed) != no_reference_yet)
         return;
     mRefs->strong.fetch_sub(no_reference_yet, std::memory_order_relaxed);
     const_cast<RefBase*>(this)->onFirstRef();
@@ -33,7 +41,7 @@ void RefBase::incStrong(const void*) const
 
 void RefBase::decStrong(const void* id) const
 {
-    if (mRefs->strong.fetch_sub(1, std::memory_order_acq_rel) != 1)
+    if (!mRefs || mRefs->strong.fetch_sub(1, std::memory_order_acq_rel) != 1)
         return;
     const_cast<RefBase*>(this)->onLastStrongRef(id);
     delete this;
@@ -41,6 +49,8 @@ void RefBase::decStrong(const void* id) const
 
 int32_t RefBase::getStrongCount() const
 {
+    if (!mRefs)
+        return 0;
     const int32_t count = mRefs->strong.load(std::memory_order_relaxed);
     return count >= no_reference_yet ? count - no_reference_yet : count;
 }

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "common/handle_table.h"
+#include "log/host_log.h"
+#include "zu3/types.h"
+
+#include <exception>
+#include <new>
+
+/**
+ * Marks what a library of the host layer exports; all else stays inside. On a declaration of a class ahead of
+ * its header it exports the table of its virtual functions and its type as well.
+ */
+#define HOST_EXPORT __attribute__((visibility("default")))
+
+namespace zu3host {
+
+/** What `call` answers, or `failure` when it throws; `report` is told why. The one place that catches. */
+template <typename Result, typename Call, typename Report>
+Result answer_or(Result failure, Call&& call, Report&& report) noexcept
+{
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        report("there is no memory for it");
+    } catch (const std::exception& error) {
+        report(error.what());
+    }
+    return failure;
+}
+
+/**
+ * The border to foreign code. Each exported function that does more than look at its arguments, a clock or an
+ * atomic works in here, and so does each thread and each callback that a C library calls: nothing is thrown
+ * into code that may be built without exceptions and could not clean up. `what` names the work in the log.
+ */
+template <typename Result, typename Call>
+Result at_border(const char* what, Result failure, Call&& call) noexcept
+{
+    return answer_or(failure, call, [&](const char* why) { HOST_LOGE("%s failed: %s.", what, why); });
+}
+
+/** For functions that answer with a result code. */
+template <typename Call> u32 at_border(const char* function, Call&& call) noexcept
+{
+    return at_border(function, u32{ZU_FAILURE}, [&] { return u32{call()}; });
+}
+
+/** At the border: what `call` answers for the object of an open handle, ZU_INVALID_ARGUMENT for any other
+ * handle. */
+template <typename T, typename Call>
+u32 with_object(const char* function, HandleTable<T>& (*table)(), u32 handle, Call&& call) noexcept
+{
+    return at_border(function, [&]() -> u32 {
+        const auto object = table().find(handle);
+        return object ? u32{call(*object)} : u32{ZU_INVALID_ARGUMENT};
+    });
+}
+
+} // namespace zu3host
