@@ -1,6 +1,8 @@
 #include "common/file_descriptor.h"
+#include "encoder_fixture.h"
 #include "files/packet_steps.h"
 #include "helpers.h"
+#include "memory/memory_register.h"
 #include "statistics/counters.h"
 
 #include <zu3/fs.h>
@@ -310,6 +312,52 @@ TEST_F(Files, AreClosedBehindACallThatUsesThem)
     EXPECT_EQ(read.get(), 2);
     EXPECT_STREQ(text, "ab");
     EXPECT_LT(::open(path("pipe").c_str(), O_WRONLY | O_NONBLOCK), 0) << "the reading end is still open";
+}
+
+/** Memory that is lent out to be filled; gone with its owner. */
+class Lender {
+public:
+    explicit Lender(bool encoder)
+    {
+        if (encoder) {
+            encoder_.emplace(zu3host::params_of(1920, 1088));
+            start = encoder_->lend().pu8Data;
+        } else {
+            block_.emplace(3 << 20);
+            start = block_->virt;
+        }
+    }
+
+    uint8_t* start = nullptr;
+
+private:
+    std::optional<zu3host::TestEncoder> encoder_;
+    std::optional<zu3host::DeviceBlock> block_;
+};
+
+// Catches a read from a dead disk that comes back when its buffer was given up, and writes into memory of
+// others.
+TEST_F(Files, AreReadIntoMemoryThatWasGivenUpMeanwhile)
+{
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    const u32 file = open("pipe", "rb");
+    const zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+    for (const bool of_encoder : {true, false}) {
+        std::atomic<pid_t> reader{0};
+        auto lender = std::make_unique<Lender>(of_encoder);
+        auto answer = std::async(std::launch::async, [&, memory = lender->start] {
+            reader = gettid();
+            return ZU_FS_Fread(memory, 1, 4096, file);
+        });
+        EXPECT_TRUE(zu3host::wait_until([&] { return reader != 0 && sleeps(reader); }));
+        const std::weak_ptr<const void> memory = zu3host::hold_memory(lender->start);
+        lender.reset();
+        EXPECT_FALSE(memory.expired());
+        EXPECT_EQ(write(writer.get(), std::string(4096, 'x').data(), 4096), 4096);
+        EXPECT_EQ(answer.get(), 4096);
+        EXPECT_TRUE(memory.expired()) << "a leak";
+    }
+    EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "display/displays.h"
 #include "log/host_log.h"
 #include "memory/device_memory.h"
+#include "memory/memory_register.h"
 #include "os/thread_start.h"
 
 #include <algorithm>
@@ -175,7 +176,8 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
 {
     const ZU_CAP_Output_t& output = params.stOutput;
     const auto block = block_of_phys(output.u64PhyAddr);
-    if (!block) {
+    const auto memory = block ? hold_memory(block->virt) : nullptr; // a display may let the picture wait
+    if (!memory) {
         HOST_LOGE(
             "A single capture is to write to physical address 0x%llx, which is not in the device's memory.",
             static_cast<unsigned long long>(output.u64PhyAddr));

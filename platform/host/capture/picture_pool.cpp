@@ -3,6 +3,7 @@
 #include "capture/picture_leases.h"
 #include "log/host_log.h"
 #include "memory/device_memory.h"
+#include "memory/memory_register.h"
 
 #include <algorithm>
 
@@ -30,7 +31,7 @@ size_t own_slot_bytes(PictureLayout layout)
 PicturePool::PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes,
                          uint32_t count, uint32_t first_index, bool owned)
     : layout_(layout), base_(base), phys_(phys), slot_bytes_(slot_bytes), first_index_(first_index),
-      owned_(owned), contents_(count), out_(count)
+      owned_(owned), memory_(hold_memory(base)), contents_(count), out_(count)
 {
 }
 
@@ -50,8 +51,9 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
                                                     uint32_t first_index)
 {
     constexpr uint64_t most_slots = 64;
+    const auto memory = hold_memory(reinterpret_cast<const void*>(static_cast<uintptr_t>(address)));
     const auto block = block_of_virt(address);
-    if (!block) {
+    if (!memory || !block) {
         HOST_LOGE("The capture is to write to address 0x%llx, which is not in the device's memory.",
                   static_cast<unsigned long long>(address));
         return nullptr;

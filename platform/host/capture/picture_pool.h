@@ -60,6 +60,8 @@ private:
     const size_t slot_bytes_;
     const uint32_t first_index_;
     const bool owned_;
+    const std::shared_ptr<const void>
+        memory_; // a picture is being written when an encoder gives its region up
     std::vector<Contents> contents_;
 
     std::mutex mutex_;

@@ -2,8 +2,10 @@
 
 #include "capture/picture_leases.h"
 #include "log/host_log.h"
+#include "memory/memory_register.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -13,6 +15,20 @@ namespace {
 constexpr size_t rounded_up(size_t bytes)
 {
     return (bytes + picture_alignment - 1) & ~(size_t{picture_alignment} - 1);
+}
+
+/** Memory that a reader may fill longer than its owner waits; null without. */
+std::shared_ptr<uint8_t> allocate_registered(size_t bytes)
+{
+    auto* const start = static_cast<uint8_t*>(std::aligned_alloc(picture_alignment, bytes));
+    if (!start)
+        return nullptr;
+    std::shared_ptr<uint8_t> memory(start, [](uint8_t* gone) {
+        forget_memory(gone);
+        std::free(gone);
+    });
+    register_memory(start, bytes, memory);
+    return memory;
 }
 
 } // namespace
@@ -61,7 +77,7 @@ uint8_t* LentBuffers::own_memory(Buffer& buffer)
     if (buffer.own)
         return buffer.own.get();
     const size_t bytes = rounded_up(layout_.picture_bytes());
-    buffer.own.reset(static_cast<uint8_t*>(std::aligned_alloc(picture_alignment, bytes)));
+    buffer.own = allocate_registered(bytes);
     // A file may end within a picture. What was in this memory before is not to be seen behind its end.
     if (buffer.own)
         std::memset(buffer.own.get(), 0, bytes);

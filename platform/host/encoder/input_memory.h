@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 
@@ -44,14 +43,11 @@ public:
     void release(const uint8_t* data);
 
 private:
-    struct Free {
-        void operator()(uint8_t* memory) const { std::free(memory); }
-    };
     struct Buffer {
         uint8_t* data = nullptr;              // null = free
         std::shared_ptr<const void> borrowed; // the memory of a captured picture
         uint64_t serial = 0;                  // of the captured picture
-        std::unique_ptr<uint8_t, Free> own;
+        std::shared_ptr<uint8_t> own;         // may outlive the encoder where it is being filled
     };
     uint8_t* own_memory(Buffer& buffer);
     void empty(Buffer& buffer);

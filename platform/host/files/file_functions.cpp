@@ -1,5 +1,6 @@
 #include "common/border.h"
 #include "files/open_file.h"
+#include "memory/memory_register.h"
 
 #include <cstdio>
 #include <limits>
@@ -54,6 +55,7 @@ HOST_EXPORT s32 ZU_FS_Fread(void* pDst, u32 u32Size, u32 u32Count, u32 u32File)
         return -1;
     return at_border(__func__, s32{-1}, [=] {
         const auto file = files().find(u32File);
+        const auto memory = zu3host::hold_memory(pDst);
         return file ? static_cast<s32>(file->read(pDst, size)) : -1;
     });
 }
@@ -69,6 +71,7 @@ HOST_EXPORT s32 ZU_FS_Fwrite(const void* pSrc, u32 u32Size, u32 u32Count, u32 u3
             return -1;
         if (u32Size == 0 || u32Count == 0)
             return 0;
+        const auto memory = zu3host::hold_memory(pSrc);
         const u64 whole = file->write_items(pSrc, u32Size, u32Count);
         return whole == 0 ? -1 : static_cast<s32>(whole);
     });

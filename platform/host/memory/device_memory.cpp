@@ -3,6 +3,7 @@
 #include "common/file_descriptor.h"
 #include "log/host_log.h"
 #include "memory/low_mapping.h"
+#include "memory/memory_register.h"
 
 #include <cerrno>
 #include <cstring>
@@ -25,6 +26,15 @@ constexpr uint64_t whole_pages(uint64_t bytes)
 }
 
 struct OwnedBlock {
+    OwnedBlock() = default;
+    OwnedBlock(const OwnedBlock&) = delete;
+    OwnedBlock& operator=(const OwnedBlock&) = delete;
+    ~OwnedBlock()
+    {
+        if (mapping)
+            forget_memory(mapping.start());
+    }
+
     FileDescriptor fd;
     LowMapping mapping;
     uint64_t phys = 0;
@@ -36,7 +46,7 @@ struct OwnedBlock {
 struct Blocks {
     std::mutex mutex;
     uint64_t next_phys = first_phys;
-    std::map<uint64_t, OwnedBlock> by_phys;
+    std::map<uint64_t, std::shared_ptr<OwnedBlock>> by_phys;
     std::map<uint64_t, uint64_t> phys_by_virt;
 };
 
@@ -72,9 +82,9 @@ template <typename Map> typename Map::const_iterator at_or_below(const Map& star
 const OwnedBlock* find_phys(const Blocks& all, uint64_t phys)
 {
     const auto found = at_or_below(all.by_phys, phys);
-    if (found == all.by_phys.end() || phys - found->first >= found->second.size)
+    if (found == all.by_phys.end() || phys - found->first >= found->second->size)
         return nullptr;
-    return &found->second;
+    return found->second.get();
 }
 
 } // namespace
@@ -85,25 +95,26 @@ std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
         HOST_LOGE("A block of device memory (%s) of 0 bytes was asked for.", name);
         return std::nullopt;
     }
-    OwnedBlock block;
-    block.size = size;
-    block.fd = make_sealed_file(name, whole_pages(size));
-    if (block.fd)
-        block.mapping = LowMapping::of(block.fd.get(), whole_pages(size));
-    if (!block.mapping) {
+    const auto block = std::make_shared<OwnedBlock>();
+    block->size = size;
+    block->fd = make_sealed_file(name, whole_pages(size));
+    if (block->fd)
+        block->mapping = LowMapping::of(block->fd.get(), whole_pages(size));
+    if (!block->mapping) {
         HOST_LOGE("No device memory for %u bytes (%s): %s.", size, name, strerror(errno));
         return std::nullopt;
     }
+    register_memory(block->mapping.start(), size, block);
     Blocks& all = blocks();
     const std::lock_guard lock(all.mutex);
-    block.phys = all.next_phys;
+    block->phys = all.next_phys;
     // A page that belongs to nobody lies between two blocks, so that an overrun is never another block's
     // address.
     all.next_phys += whole_pages(size) + page_bytes;
-    const MemoryBlock view = block.view();
+    const MemoryBlock view = block->view();
     const auto by_virt = all.phys_by_virt.emplace(address_of(view.virt), view.phys).first;
     try {
-        all.by_phys.emplace(view.phys, std::move(block));
+        all.by_phys.emplace(view.phys, block);
     } catch (...) {
         all.phys_by_virt.erase(by_virt);
         throw;
@@ -118,7 +129,7 @@ bool free_block(uint64_t phys)
     const auto found = all.by_phys.find(phys);
     if (found == all.by_phys.end())
         return false;
-    all.phys_by_virt.erase(address_of(found->second.mapping.start()));
+    all.phys_by_virt.erase(address_of(found->second->mapping.start()));
     all.by_phys.erase(found);
     return true;
 }
@@ -138,7 +149,7 @@ std::optional<MemoryBlock> block_of_virt(uint64_t virt)
     const auto found = at_or_below(all.phys_by_virt, virt);
     if (found == all.phys_by_virt.end())
         return std::nullopt;
-    const OwnedBlock& block = all.by_phys.at(found->second);
+    const OwnedBlock& block = *all.by_phys.at(found->second);
     return virt - found->first < block.size ? std::optional(block.view()) : std::nullopt;
 }
 

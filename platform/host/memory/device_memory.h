@@ -6,8 +6,9 @@
 namespace zu3host {
 
 /**
- * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that an address
- * fits the u32 fields of the contract. Physical numbers are unique in the process and never reused. Thread-safe.
+ * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that an
+ * address fits the u32 fields of the contract. Physical numbers are unique in the process and never reused.
+ * Thread-safe.
  */
 struct MemoryBlock {
     uint64_t phys; /**< physical address of the first byte, 4096-aligned */
@@ -18,15 +19,18 @@ struct MemoryBlock {
 
 /** Allocates `size` zeroed bytes; nothing when there is no memory or no room below 4 GiB. */
 std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size);
-/** Unmaps and closes the block that starts at `phys`; false when there is none. */
+/**
+ * Forgets the block that starts at `phys`, and unmaps and closes it, once nobody holds its memory
+ * (memory_register.h); false when there is none.
+ */
 bool free_block(uint64_t phys);
 /** The block that contains a physical address. */
 std::optional<MemoryBlock> block_of_phys(uint64_t phys);
 /** The block that contains a virtual address. */
 std::optional<MemoryBlock> block_of_virt(uint64_t virt);
 /**
- * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes it. -1 and errno
- * when there is no such block (ENXIO) or no descriptor left.
+ * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes it. -1
+ * and errno when there is no such block (ENXIO) or no descriptor left.
  */
 int duplicate_descriptor(uint64_t phys);
 
