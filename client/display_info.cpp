@@ -11,6 +11,7 @@
 #include <xcb/randr.h>
 #include <xcb/shm.h>
 
+#include "capture/x11_replies.h"
 #include "exit_code.h"
 
 namespace client {
@@ -21,14 +22,6 @@ template <typename T> using Reply = std::unique_ptr<T, decltype(&std::free)>;
 template <typename T> Reply<T> owned(T* reply)
 {
     return Reply<T>(reply, std::free);
-}
-
-const xcb_screen_t* screen_at(xcb_connection_t* connection, int number)
-{
-    xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
-    for (; screens.rem > 1 && number > 0; --number)
-        xcb_screen_next(&screens);
-    return screens.rem > 0 ? screens.data : nullptr;
 }
 
 double rate_of(const xcb_randr_mode_info_t& mode)
@@ -45,7 +38,10 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
         return 0;
     const auto resources = owned(xcb_randr_get_screen_resources_current_reply(
         connection, xcb_randr_get_screen_resources_current(connection, root), nullptr));
-    if (!resources)
+    if (!resources ||
+        !zu3host::holds_behind(*resources, uint64_t{4} * resources->num_crtcs +
+                                               uint64_t{4} * resources->num_outputs +
+                                               sizeof(xcb_randr_mode_info_t) * resources->num_modes))
         return 0;
     const auto* crtcs = xcb_randr_get_screen_resources_current_crtcs(resources.get());
     const auto* modes = xcb_randr_get_screen_resources_current_modes(resources.get());
@@ -68,7 +64,7 @@ std::optional<DisplayInfo> ask(const std::string& name)
         xcb_connect(name.empty() ? nullptr : name.c_str(), &number), xcb_disconnect);
     if (xcb_connection_has_error(connection.get()))
         return std::nullopt;
-    const xcb_screen_t* screen = screen_at(connection.get(), number);
+    const xcb_screen_t* screen = zu3host::find_screen(*xcb_get_setup(connection.get()), number);
     if (!screen)
         return std::nullopt;
     const auto* shm = xcb_get_extension_data(connection.get(), &xcb_shm_id);

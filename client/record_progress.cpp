@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "display_watch.h"
+
 namespace client {
 namespace {
 
@@ -50,6 +52,7 @@ Progress RecordProgress::measure(uint64_t file_bytes)
         progress.fps = per_second(now, &Sample::frames);
         progress.dropped = left_out(*counted) - left_out(*before_);
         progress.sound_level = counted->sound_level / 32768.0;
+        progress.display_answers = !display_is_silent(*counted);
     }
     keep(now);
     return progress;

@@ -17,6 +17,7 @@ struct Progress {
     uint64_t file_bytes = 0;
     double bits_per_second = 0;        /**< growth of the file, of the last seconds */
     std::optional<double> sound_level; /**< 0 to 1, loudest sample of late */
+    std::optional<bool> display_answers;
 };
 
 /** Measures a recording from its start; what was counted before belongs to others. */

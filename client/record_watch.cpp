@@ -1,6 +1,5 @@
 #include "record_watch.h"
 
-#include <cstdlib>
 #include <sys/statvfs.h>
 
 #include "messages.h"
@@ -9,12 +8,6 @@ namespace client {
 namespace {
 
 constexpr uint64_t writer_batch_bytes = 128 * 1024;
-
-std::string display_name()
-{
-    const char* name = std::getenv("DISPLAY");
-    return name ? name : "";
-}
 
 uint64_t free_bytes(int fd)
 {
@@ -61,8 +54,8 @@ std::optional<std::string> RecordWatch::problem()
     const auto now = read_statistics();
     if (!now || !before_)
         return growth_problem();
-    if (now->display_lost && !before_->display_lost)
-        return "cannot record the display " + display_name() + " (DISPLAY) any more: it went away";
+    if (auto without_display = display_.problem("cannot record"))
+        return without_display;
     return write_problem(*now);
 }
 

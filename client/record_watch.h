@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "display_watch.h"
 #include "output_file.h"
 #include "signals.h"
 #include "statistics.h"
@@ -12,7 +13,8 @@ namespace client {
 
 /**
  * Looks for what ends a recording before its time. The library does not report it: it ignores what its writes
- * return, and a display that goes away only stops its pictures.
+ * return, and a display that goes away, or does not answer,
+ * only stops its pictures.
  */
 class RecordWatch {
 public:
@@ -32,6 +34,7 @@ private:
     std::optional<std::string> growth_problem();
 
     const OutputFile& file_;
+    DisplayWatch display_;
     std::optional<zu3_host_statistics_t> before_;
     uint64_t last_size_ = 0;
     TimePoint last_growth_;

@@ -42,6 +42,11 @@ std::string number_or_null(const std::optional<double>& value)
     return value ? format_text("%.3f", *value) : "null";
 }
 
+const char* truth_or_null(const std::optional<bool>& value)
+{
+    return !value ? "null" : *value ? "true" : "false";
+}
+
 std::string sound_text(double level)
 {
     return level > 0 ? format_text("  sound %.0f dB", 20 * std::log10(level)) : "  sound silent";
@@ -51,12 +56,12 @@ std::string sound_text(double level)
 
 std::string progress_as_json(const Progress& p, const char* state)
 {
-    return format_text("{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
-                       "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s}",
-                       state, p.elapsed_seconds, count_or_null(p.frames).c_str(),
-                       number_or_null(p.fps).c_str(), count_or_null(p.dropped).c_str(),
-                       static_cast<unsigned long long>(p.file_bytes), p.bits_per_second,
-                       number_or_null(p.sound_level).c_str());
+    return format_text(
+        "{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
+        "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s}",
+        state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
+        count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes), p.bits_per_second,
+        number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers));
 }
 
 std::string progress_as_line(const Progress& p, bool colour)
@@ -64,6 +69,8 @@ std::string progress_as_line(const Progress& p, bool colour)
     const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
     std::string line = format_text("%s %02lu:%02lu:%02lu", colour ? "\033[31m●\033[0m" : "REC",
                                    seconds / 3600, seconds / 60 % 60, seconds % 60);
+    if (p.display_answers == false)
+        line += "  display does not answer";
     if (p.frames && p.fps && p.dropped)
         line +=
             format_text("  %llu frames  %.1f fps  %llu dropped", static_cast<unsigned long long>(*p.frames),

@@ -4,6 +4,7 @@
 #include "byte_sink.h"
 #include "commands.h"
 #include "display_info.h"
+#include "display_watch.h"
 #include "encoded_stream.h"
 #include "lost_frames.h"
 #include "messages.h"
@@ -29,12 +30,6 @@ uint64_t left_out_by_capture()
 {
     const auto now = read_statistics();
     return now ? dropped_pictures(*now) + now->pictures_refused : 0;
-}
-
-bool display_lost()
-{
-    const auto now = read_statistics();
-    return now && now->display_lost;
 }
 
 std::string requested_path(const StreamOptions& options)
@@ -163,12 +158,10 @@ private:
         if (now < next_check_)
             return;
         next_check_ = now + milliseconds(200);
-        if (!display_lost())
-            return;
-        const char* name = std::getenv("DISPLAY");
-        problem_ = std::string("cannot stream the display ") + (name ? name : "") +
-                   " (DISPLAY) any more: it went away";
-        ended_ = true;
+        if (auto without_display = display_.problem("cannot stream")) {
+            problem_ = std::move(without_display);
+            ended_ = true;
+        }
     }
 
     void obey(const std::string& line)
@@ -260,6 +253,7 @@ private:
     EncodedStream stream_;
     ControlInput control_;
     const int event_ = frame_event();
+    DisplayWatch display_;
     LostFrames lost_;
     TimePoint deadline_ = TimePoint::max();
     TimePoint next_check_;

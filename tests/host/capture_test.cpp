@@ -1,5 +1,6 @@
 // The capture device on its test card: when pictures come, what they may overwrite, and how it stops.
 #include "capture/capture_schedule.h"
+#include "capture/patient_source.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
 #include "capture/placement.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -81,6 +83,75 @@ private:
 
     std::atomic<const Look*> look_{nullptr};
 };
+
+/** A source that gives a picture when the test says so. */
+struct HeldSource : WaitingSource {
+    std::optional<BgraImage> grab(const GrabRequest&) override
+    {
+        std::unique_lock lock(mutex);
+        ++grabs;
+        changed.wait(lock, [this] { return pictures > 0 || ended; });
+        if (ended)
+            return std::nullopt;
+        --pictures;
+        return BgraImage{nullptr, 0, {}, grabs};
+    }
+    void cut() override
+    {
+        const std::lock_guard lock(mutex);
+        ended = true;
+        changed.notify_all();
+    }
+    void give(int count)
+    {
+        const std::lock_guard lock(mutex);
+        pictures += count;
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::atomic<uint64_t> grabs{0};
+    int pictures = 0;
+    bool ended = false;
+};
+
+// Catches a display that is taken for lost because it is slow, one that is asked again while its answer is on
+// the way, a picture of another kind than was asked for, and a stop or a close that waits for the display.
+TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
+{
+    HeldSource* held = nullptr;
+    const auto source = PatientSource::open("It", [&held] {
+        auto opened = std::make_unique<HeldSource>();
+        held = opened.get();
+        return opened;
+    });
+    ASSERT_TRUE(source);
+    std::stop_source stop;
+    const auto grab = [&](bool pointer, std::chrono::milliseconds patience) {
+        const auto image = source->grab({{}, 0, pointer, stop.get_token(), patience});
+        return image ? image->serial : 0;
+    };
+    held->give(1);
+    EXPECT_EQ(grab(true, 60s), 1u);
+    EXPECT_EQ(counters().display_silent_ms, 0u);
+    EXPECT_EQ(grab(true, 100ms), 0u);
+    EXPECT_EQ(grab(true, 1000ms), 0u);
+    EXPECT_EQ(counters().display_silent_ms, 1100u);
+    const auto grab_and_give = [&](bool pointer, int pictures) {
+        auto picture = std::async(std::launch::async, grab, pointer, 60s);
+        const uint32_t silent_ms = counters().display_silent_ms;
+        EXPECT_TRUE(wait_until([&] { return counters().display_silent_ms > silent_ms; }));
+        held->give(pictures);
+        return picture.get();
+    };
+    EXPECT_EQ(grab_and_give(true, 1), 2u) << "asked again while the answer was on the way";
+    EXPECT_EQ(counters().display_silent_ms, 0u);
+    EXPECT_EQ(grab(true, 50ms), 0u);
+    EXPECT_EQ(grab_and_give(false, 2), 4u) << "the picture that was asked for with the pointer";
+    stop.request_stop();
+    EXPECT_EQ(grab(true, 3600s), 0u);
+    EXPECT_FALSE(PatientSource::open("None", [] { return nullptr; }));
+}
 
 // Catches a screen that is recorded blurred where it fits exactly, distorted, or outside of what is seen.
 TEST(CapturePlacement, KeepsShapeAndOneToOne)

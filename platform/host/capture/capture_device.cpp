@@ -16,6 +16,7 @@ namespace {
 
 constexpr uint32_t still_index = 0xFFFFFFFF; // single captures are in the caller's memory, not in a slot
 constexpr uint32_t highest_rate = 1000;
+constexpr auto patience_of_stills = std::chrono::seconds(5);
 
 bool output_is_possible(const ZU_CAP_Output_t& output)
 {
@@ -198,7 +199,8 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
         // A still shows the screen as programs drew it; the pointer is the layer above it that can be asked
         // for.
         const auto image =
-            source_ ? source_->grab({target.size, stills_++, params.u32Osd != 0, {}}) : std::nullopt;
+            source_ ? source_->grab({target.size, stills_++, params.u32Osd != 0, {}, patience_of_stills})
+                    : std::nullopt;
         if (!image)
             return ZU_FAILURE;
         write_still(*image, target);

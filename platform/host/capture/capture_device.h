@@ -61,7 +61,8 @@ private:
     std::shared_ptr<CaptureRun> next_run();
     void stream(CaptureRun& run);
     bool wait_until_due(const CaptureRun& run, CaptureSchedule::Time due);
-    void capture_picture(CaptureRun& run, const CaptureSchedule& schedule);
+    /** False when the display gave no picture. */
+    bool capture_picture(CaptureRun& run, const CaptureSchedule& schedule);
     Written write_picture(CaptureRun& run, uint64_t number, uint32_t index);
     void deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due);
 

@@ -11,6 +11,8 @@ namespace zu3host {
 namespace {
 
 constexpr uint32_t picture_event = 1;
+// What a display that does not answer leaves out is counted once in so long.
+constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
 
 void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
 {
@@ -36,10 +38,12 @@ std::shared_ptr<CaptureRun> CaptureDevice::next_run()
 void CaptureDevice::stream(CaptureRun& run)
 {
     CaptureSchedule schedule(std::chrono::steady_clock::now(), run.rate);
+    bool blind = false;
     while (wait_until_due(run, schedule.due())) {
+        Counters& all = counters();
         if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
-            count_due(counters().pictures_dropped_late, late);
-        capture_picture(run, schedule);
+            count_due(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late, late);
+        blind = !capture_picture(run, schedule);
         schedule.advance();
     }
 }
@@ -50,21 +54,26 @@ bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time 
     return !changed_.wait_until(lock, due, [&run] { return run.stop.stop_requested(); });
 }
 
-void CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
+bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
     const auto index =
         at_border("Capturing a picture", std::optional<uint32_t>(), [&] { return run.pool->take(); });
-    if (!index)
-        return count_due(counters().pictures_dropped_no_buffer);
+    if (!index) {
+        count_due(counters().pictures_dropped_no_buffer);
+        return true;
+    }
     const Written written = at_border("Capturing a picture", Written::NoMemory,
                                       [&] { return write_picture(run, schedule.number(), *index); });
-    if (written == Written::Done)
-        return deliver(run, *index, schedule.due());
+    if (written == Written::Done) {
+        deliver(run, *index, schedule.due());
+        return true;
+    }
     run.pool->give_back(*index);
     if (written == Written::NoDisplay)
         count_due(counters().pictures_dropped_no_display);
     else if (written == Written::NoMemory)
         count_due(counters().pictures_dropped_no_buffer);
+    return written == Written::NoMemory;
 }
 
 CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number, uint32_t index)
@@ -74,7 +83,9 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     if (stop.stop_requested())
         return Written::Stopped;
     const auto image =
-        source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop}) : std::nullopt;
+        source_
+            ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop, patience_of_pictures})
+            : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
 

@@ -1,11 +1,13 @@
 #include "capture/picture_source.h"
 
+#include "capture/patient_source.h"
 #include "capture/test_card.h"
 #include "capture/x11_source.h"
 #include "log/host_log.h"
 
 #include <atomic>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 namespace zu3host {
@@ -16,6 +18,17 @@ uint64_t next_image_serial()
     return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
+namespace {
+
+std::unique_ptr<PictureSource> open_x11()
+{
+    const char* display = std::getenv("DISPLAY");
+    return PatientSource::open(std::string("The X display DISPLAY=\"") + (display ? display : "") + "\"",
+                               [] { return X11Source::open(); });
+}
+
+} // namespace
+
 std::unique_ptr<PictureSource> open_picture_source()
 {
     const char* choice = std::getenv("ZU3_DISPLAY");
@@ -23,7 +36,7 @@ std::unique_ptr<PictureSource> open_picture_source()
     if (name == "testcard")
         return std::make_unique<TestCard>();
     if (name == "x11" || name.empty())
-        return X11Source::open(); // no test card in place of a screen that is missing: it would pass for one
+        return open_x11(); // no test card in place of a screen that is missing: it would pass for one
     HOST_LOGE(
         "ZU3_DISPLAY=\"%s\" is not known: it can be \"x11\" (the screen that DISPLAY names) or \"testcard\".",
         choice);

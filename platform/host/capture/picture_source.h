@@ -2,6 +2,7 @@
 
 #include "encoder/open_encoders.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -22,13 +23,15 @@ struct GrabRequest {
     uint32_t number;      /**< of the picture in the schedule; a source may show it */
     bool pointer;         /**< whether the pointer is drawn in */
     std::stop_token stop; /**< once requested, a grab that waits gives up soon */
+    std::chrono::milliseconds patience; /**< a grab that waits for longer gives up */
 };
 
 /** Where pictures come from: a display, or what stands in for one. One thread at a time. */
 class PictureSource {
 public:
     virtual ~PictureSource() = default;
-    /** What is on the display now; nothing when it cannot be had, the reason of which is logged once. */
+    /** What is on the display now; nothing when it cannot be had (in time), the reason of which is logged
+     * once. */
     virtual std::optional<BgraImage> grab(const GrabRequest& request) = 0;
 };
 

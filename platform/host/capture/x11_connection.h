@@ -1,10 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <stop_token>
 #include <string>
 #include <xcb/xcb.h>
 
@@ -15,18 +15,18 @@ struct FreeDeleter {
 };
 template <typename T> using XcbOwned = std::unique_ptr<T, FreeDeleter>;
 
-/** What a request came to: a reply, an error, or neither when the server did not answer or a stop was asked
- * for. */
+/** What a request came to: a reply, an error, or neither when the connection ended or the server passed it
+ * over. */
 template <typename T> struct XcbAnswer {
     XcbOwned<T> reply;
     XcbOwned<xcb_generic_error_t> error;
 };
 
 /**
- * A connection to the X server. Waits in wait() and succeeded() are bounded: a server that does not answer
- * for five seconds counts as lost. A lost connection stays lost; every later wait returns at once. xcb itself
- * waits without a bound in open(), and in has() where an extension is asked for the first time. One thread at
- * a time.
+ * A connection to the X server. Nearly every call may wait without a bound: xcb blocks while it connects,
+ * asks for an extension, finds no room for a request, and from the first byte of a reply to the last. A
+ * connection is lost when it ends, never for being slow; a lost one stays lost, and every later wait returns
+ * at once. One thread at a time, but for cut().
  */
 class X11Connection {
 public:
@@ -42,7 +42,10 @@ public:
     const std::string& display() const { return display_; }
     /** Whether the server is on this machine, so that memory can be shared with it by descriptor. */
     bool is_local() const;
-    bool lost() const { return lost_; }
+    bool lost() const { return xcb_connection_has_error(xcb_) != 0; }
+    /** Ends the connection, and with it whatever waits; from any thread. */
+    void cut();
+    bool was_cut() const { return cut_; }
 
     /** Called for each event, from within waits and take_events(). */
     void on_event(std::function<void(const xcb_generic_event_t&)> listener)
@@ -53,15 +56,15 @@ public:
     void take_events();
 
     /** The answer to a request that has a reply. */
-    template <typename T> XcbAnswer<T> wait(unsigned sequence, const std::stop_token& stop)
+    template <typename T> XcbAnswer<T> wait(unsigned sequence)
     {
         void* reply = nullptr;
         xcb_generic_error_t* error = nullptr;
-        wait_for(sequence, &reply, &error, stop);
+        wait_for(sequence, &reply, &error);
         return {XcbOwned<T>(static_cast<T*>(reply)), XcbOwned<xcb_generic_error_t>(error)};
     }
     /** Whether a checked request without a reply went well; one round trip. */
-    bool succeeded(xcb_void_cookie_t cookie, const std::stop_token& stop);
+    bool succeeded(xcb_void_cookie_t cookie);
     /** Whether the server has the extension. Asked for once by xcb, then known. */
     bool has(xcb_extension_t* extension);
 
@@ -70,13 +73,13 @@ private:
         : xcb_(xcb), screen_(screen), display_(std::move(display))
     {
     }
-    void wait_for(unsigned sequence, void** reply, xcb_generic_error_t** error, const std::stop_token& stop);
+    void wait_for(unsigned sequence, void** reply, xcb_generic_error_t** error);
 
     xcb_connection_t* xcb_;
     const xcb_screen_t* screen_;
     std::string display_;
     std::function<void(const xcb_generic_event_t&)> listener_;
-    bool lost_ = false;
+    std::atomic<bool> cut_{false};
 };
 
 } // namespace zu3host

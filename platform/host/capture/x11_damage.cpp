@@ -2,13 +2,13 @@
 
 namespace zu3host {
 
-X11Damage::X11Damage(X11Connection& connection, const std::stop_token& stop) : connection_(connection)
+X11Damage::X11Damage(X11Connection& connection) : connection_(connection)
 {
     xcb_connection_t* xcb = connection.xcb();
     if (!connection.has(&xcb_damage_id))
         return;
     const auto asked = xcb_damage_query_version(xcb, 1, 1);
-    if (!connection.wait<xcb_damage_query_version_reply_t>(asked.sequence, stop).reply)
+    if (!connection.wait<xcb_damage_query_version_reply_t>(asked.sequence).reply)
         return;
     first_event_ = xcb_get_extension_data(xcb, &xcb_damage_id)->first_event;
     damage_ = xcb_generate_id(xcb);

@@ -10,7 +10,7 @@ namespace zu3host {
 /** Whether anything was drawn on an X11 screen since a moment. One thread at a time. */
 class X11Damage {
 public:
-    X11Damage(X11Connection& connection, const std::stop_token& stop);
+    explicit X11Damage(X11Connection& connection);
 
     /** Whether the server can tell. */
     bool available() const { return damage_ != 0; }

@@ -1,5 +1,6 @@
 #include "capture/x11_image.h"
 
+#include "capture/x11_replies.h"
 #include "log/host_log.h"
 
 #include <fcntl.h>
@@ -46,11 +47,10 @@ uint32_t bits_per_pixel(const X11Connection& connection)
 
 } // namespace
 
-std::unique_ptr<X11Image> X11Image::shared(X11Connection& connection, PictureSize size,
-                                           const std::stop_token& stop)
+std::unique_ptr<X11Image> X11Image::shared(X11Connection& connection, PictureSize size)
 {
     std::unique_ptr<X11Image> image(new X11Image(connection, size));
-    return image->share(stop) ? std::move(image) : nullptr;
+    return image->share() ? std::move(image) : nullptr;
 }
 
 std::unique_ptr<X11Image> X11Image::plain(X11Connection& connection, PictureSize size)
@@ -66,12 +66,12 @@ X11Image::~X11Image()
     munmap(pixels_, bytes());
 }
 
-bool X11Image::share(const std::stop_token& stop)
+bool X11Image::share()
 {
     if (!connection_.is_local() || !connection_.has(&xcb_shm_id))
         return false;
     const auto asked = xcb_shm_query_version(connection_.xcb());
-    const auto version = connection_.wait<xcb_shm_query_version_reply_t>(asked.sequence, stop);
+    const auto version = connection_.wait<xcb_shm_query_version_reply_t>(asked.sequence);
     if (!version.reply || (version.reply->major_version == 1 && version.reply->minor_version < 2))
         return false; // 1.2 is the first that takes a descriptor
     const int fd = make_memory(bytes());
@@ -84,7 +84,7 @@ bool X11Image::share(const std::stop_token& stop)
     }
     const xcb_shm_seg_t segment = xcb_generate_id(connection_.xcb());
     // xcb closes the descriptor once it is sent.
-    if (!connection_.succeeded(xcb_shm_attach_fd_checked(connection_.xcb(), segment, fd, 0), stop)) {
+    if (!connection_.succeeded(xcb_shm_attach_fd_checked(connection_.xcb(), segment, fd, 0))) {
         munmap(memory, bytes());
         return false;
     }
@@ -108,20 +108,15 @@ void X11Image::request()
                 .sequence;
 }
 
-X11Image::Result X11Image::collect(const std::stop_token& stop)
+bool X11Image::collect()
 {
-    if (segment_) {
-        const auto answer = connection_.wait<xcb_shm_get_image_reply_t>(sequence_, stop);
-        if (answer.reply)
-            return Result::Fetched;
-        return answer.error ? Result::Refused : Result::Unanswered;
-    }
-    auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_, stop);
-    if (answer.reply && static_cast<size_t>(xcb_get_image_data_length(answer.reply.get())) >= bytes()) {
-        keep_plain(std::move(answer.reply));
-        return Result::Fetched;
-    }
-    return answer.reply || answer.error ? Result::Refused : Result::Unanswered;
+    if (segment_)
+        return connection_.wait<xcb_shm_get_image_reply_t>(sequence_).reply != nullptr;
+    auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_);
+    if (!answer.reply || !holds_behind(*answer.reply, bytes()))
+        return false;
+    keep_plain(std::move(answer.reply));
+    return true;
 }
 
 void X11Image::keep_plain(XcbOwned<xcb_get_image_reply_t> reply)

@@ -15,11 +15,8 @@ namespace zu3host {
  */
 class X11Image {
 public:
-    enum class Result { Fetched, Refused, Unanswered };
-
     /** Null when no shared memory can be made; the fallback always can. */
-    static std::unique_ptr<X11Image> shared(X11Connection& connection, PictureSize size,
-                                            const std::stop_token& stop);
+    static std::unique_ptr<X11Image> shared(X11Connection& connection, PictureSize size);
     static std::unique_ptr<X11Image> plain(X11Connection& connection, PictureSize size);
     ~X11Image();
     X11Image(const X11Image&) = delete;
@@ -27,8 +24,9 @@ public:
 
     /** Asks for the pixels; to be followed by collect(). */
     void request();
-    /** Waits for them. Refused: the window is no longer as large as the image. */
-    Result collect(const std::stop_token& stop);
+    /** Waits for them. False when the server refuses, as where the window is no longer as large as the image.
+     */
+    bool collect();
 
     PictureSize size() const { return size_; }
     uint32_t stride() const { return size_.width * 4; }
@@ -37,7 +35,7 @@ public:
 
 private:
     X11Image(X11Connection& connection, PictureSize size) : connection_(connection), size_(size) {}
-    bool share(const std::stop_token& stop);
+    bool share();
     size_t bytes() const { return size_t{stride()} * size_.height; }
     void keep_plain(XcbOwned<xcb_get_image_reply_t> reply);
 

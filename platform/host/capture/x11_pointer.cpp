@@ -1,5 +1,6 @@
 #include "capture/x11_pointer.h"
 
+#include "capture/x11_replies.h"
 #include "log/host_log.h"
 
 #include <algorithm>
@@ -7,13 +8,13 @@
 
 namespace zu3host {
 
-X11Pointer::X11Pointer(X11Connection& connection, const std::stop_token& stop) : connection_(connection)
+X11Pointer::X11Pointer(X11Connection& connection) : connection_(connection)
 {
     xcb_connection_t* xcb = connection.xcb();
     if (connection.has(&xcb_xfixes_id)) {
         // The server serves the extension's requests only to who has asked for its version.
         const auto asked = xcb_xfixes_query_version(xcb, 4, 0);
-        available_ = connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence, stop).reply != nullptr;
+        available_ = connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence).reply != nullptr;
     }
     if (!available_) {
         HOST_LOGW(
@@ -45,11 +46,11 @@ void X11Pointer::request()
         image_sequence_ = xcb_xfixes_get_cursor_image(connection_.xcb()).sequence;
 }
 
-void X11Pointer::collect(const std::stop_token& stop)
+void X11Pointer::collect()
 {
     if (!available_)
         return;
-    const auto position = connection_.wait<xcb_query_pointer_reply_t>(position_sequence_, stop);
+    const auto position = connection_.wait<xcb_query_pointer_reply_t>(position_sequence_);
     if (position.reply) {
         const xcb_query_pointer_reply_t& now = *position.reply;
         const bool moved = (now.same_screen != 0) != on_screen_ || now.root_x != x_ || now.root_y != y_;
@@ -60,18 +61,18 @@ void X11Pointer::collect(const std::stop_token& stop)
     }
     if (!image_asked_)
         return;
-    auto image = connection_.wait<xcb_xfixes_get_cursor_image_reply_t>(image_sequence_, stop);
+    auto image = connection_.wait<xcb_xfixes_get_cursor_image_reply_t>(image_sequence_);
     if (image.reply || image.error)
         take_image(std::move(image.reply));
     else
-        image_stale_ = true; // a stop came in between: asked for again after the next start
+        image_stale_ = true; // passed over, or the connection ended
 }
 
 void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)
 {
     // An error instead of an image means that the pointer is hidden.
     const bool complete =
-        image && xcb_xfixes_get_cursor_image_cursor_image_length(image.get()) >= image->width * image->height;
+        image && holds_behind(*image, uint64_t{image->width} * image->height * sizeof(uint32_t));
     image_ = complete ? std::move(image) : nullptr;
     ++changes_;
 }

@@ -12,7 +12,7 @@ namespace zu3host {
 class X11Pointer {
 public:
     /** Without the XFIXES extension there is never a pointer to draw, which is logged. */
-    X11Pointer(X11Connection& connection, const std::stop_token& stop);
+    explicit X11Pointer(X11Connection& connection);
 
     bool available() const { return available_; }
     /** Takes note of an event; false when it does not concern the pointer. */
@@ -20,7 +20,7 @@ public:
     /** Asks where the pointer is, and what it looks like if that changed; to be followed by collect(). */
     void request();
     /** Waits for the answers. */
-    void collect(const std::stop_token& stop);
+    void collect();
     /** Draws it where it was at the last collect(). */
     void draw(uint8_t* pixels, uint32_t stride, PictureSize size) const;
 

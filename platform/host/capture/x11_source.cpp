@@ -5,6 +5,19 @@
 
 namespace zu3host {
 
+namespace {
+
+/** X counts pixels of a line in 16 bits with a sign; a whole picture of more than 1 GiB is no screen's. */
+bool is_possible(PictureSize size)
+{
+    constexpr uint32_t longest = INT16_MAX;
+    constexpr uint64_t most_pixels = 1u << 28;
+    return size.width && size.height && size.width <= longest && size.height <= longest &&
+           uint64_t{size.width} * size.height <= most_pixels;
+}
+
+} // namespace
+
 std::unique_ptr<X11Source> X11Source::open()
 {
     std::unique_ptr<X11Connection> connection = X11Connection::open();
@@ -14,7 +27,7 @@ std::unique_ptr<X11Source> X11Source::open()
 }
 
 X11Source::X11Source(std::unique_ptr<X11Connection> connection)
-    : connection_(std::move(connection)), pointer_(*connection_, {}), damage_(*connection_, {})
+    : connection_(std::move(connection)), pointer_(*connection_), damage_(*connection_)
 {
     // The root window is reconfigured when the screen is resized.
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
@@ -43,36 +56,34 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     if (still_shows(request))
         return image();
     for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
-        if ((size_stale_ || !image_) && !make_image(request.stop))
-            break;
-        const X11Image::Result result = fetch(request);
-        if (result == X11Image::Result::Fetched)
+        if ((size_stale_ || !image_) && !make_image())
+            continue;
+        if (fetch(request))
             return image();
-        if (result == X11Image::Result::Unanswered)
-            break;
         size_stale_ = true;
-        if (attempt + 1 == attempts)
-            note_refusal();
     }
-    if (connection_->lost())
+    if (!connection_->lost())
+        note_refusal();
+    else if (!connection_->was_cut())
         note_loss();
     return std::nullopt;
 }
 
-bool X11Source::make_image(const std::stop_token& stop)
+bool X11Source::make_image()
 {
     size_stale_ = false;
     const auto asked = xcb_get_geometry(connection_->xcb(), connection_->screen().root);
-    const auto geometry = connection_->wait<xcb_get_geometry_reply_t>(asked.sequence, stop);
-    if (!geometry.reply) {
+    const auto geometry = connection_->wait<xcb_get_geometry_reply_t>(asked.sequence);
+    const PictureSize size =
+        geometry.reply ? PictureSize{geometry.reply->width, geometry.reply->height} : PictureSize{};
+    if (!is_possible(size)) {
         size_stale_ = true;
         return false;
     }
-    const PictureSize size{geometry.reply->width, geometry.reply->height};
     if (image_ && image_->size() == size)
         return true;
-    image_ = X11Image::shared(*connection_, size, stop);
-    if (image_ || stop.stop_requested() || connection_->lost())
+    image_ = X11Image::shared(*connection_, size);
+    if (image_ || connection_->lost())
         return image_ != nullptr;
     if (!told_of_plain_)
         HOST_LOGW(
@@ -94,12 +105,12 @@ bool X11Source::still_shows(const GrabRequest& request)
         return false;
     // The answer about the pointer comes behind every event about what was drawn before it.
     pointer_.request();
-    pointer_.collect(request.stop);
+    pointer_.collect();
     pointer_known_ = true;
-    return unchanged() && pointer_.changes() == pointer_at_ && !request.stop.stop_requested();
+    return unchanged() && pointer_.changes() == pointer_at_;
 }
 
-X11Image::Result X11Source::fetch(const GrabRequest& request)
+bool X11Source::fetch(const GrabRequest& request)
 {
     const bool ask_pointer = request.pointer && !pointer_known_;
     // All questions travel together: one round trip a picture.
@@ -108,18 +119,18 @@ X11Image::Result X11Source::fetch(const GrabRequest& request)
     if (ask_pointer)
         pointer_.request();
     pointer_drawn_ = false;
-    const X11Image::Result result = image_->collect(request.stop);
+    const bool fetched = image_->collect();
     if (ask_pointer)
-        pointer_.collect(request.stop);
-    if (result != X11Image::Result::Fetched)
-        return result;
+        pointer_.collect();
+    if (!fetched)
+        return false;
     if (request.pointer)
         pointer_.draw(image_->pixels(), image_->stride(), image_->size());
     pointer_drawn_ = request.pointer;
     pointer_at_ = pointer_.changes();
     fetched_ = std::chrono::steady_clock::now();
     serial_ = next_image_serial();
-    return result;
+    return true;
 }
 
 void X11Source::note_refusal()

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "capture/picture_source.h"
+#include "capture/patient_source.h"
 #include "capture/x11_connection.h"
 #include "capture/x11_damage.h"
 #include "capture/x11_image.h"
@@ -15,20 +15,22 @@ namespace zu3host {
  * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that changes. When
  * the server goes away it says so once in the log and in the statistics, and has no pictures from then on.
  */
-class X11Source : public PictureSource {
+class X11Source : public WaitingSource {
 public:
     /** Null, with a log line, when the display cannot be reached or its pixels cannot be read. */
     static std::unique_ptr<X11Source> open();
     ~X11Source() override;
 
+    /** Waits without a bound: the stop and the patience of the request are the caller's to keep. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    void cut() override { connection_->cut(); }
 
 private:
     explicit X11Source(std::unique_ptr<X11Connection> connection);
     void see(const xcb_generic_event_t& event);
-    bool make_image(const std::stop_token& stop);
+    bool make_image();
     bool still_shows(const GrabRequest& request);
-    X11Image::Result fetch(const GrabRequest& request);
+    bool fetch(const GrabRequest& request);
     BgraImage image() const { return {image_->pixels(), image_->stride(), image_->size(), serial_}; }
     void note_loss();
     void note_refusal();

@@ -46,6 +46,7 @@ zu3_host_statistics_t snapshot(const zu3host::Counters& live)
         .display_lost = value_of(live.display_lost),
         .sound_lost = value_of(live.sound_lost),
         .audio_frames_encoded = value_of(live.audio_frames_encoded),
+        .display_silent_ms = value_of(live.display_silent_ms),
     };
 }
 

@@ -27,6 +27,7 @@ struct Counters {
     std::atomic<uint32_t> display_lost{0};
     std::atomic<uint32_t> sound_lost{0};
     std::atomic<uint64_t> audio_frames_encoded{0};
+    std::atomic<uint32_t> display_silent_ms{0};
 };
 
 Counters& counters();

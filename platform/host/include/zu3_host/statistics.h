@@ -33,6 +33,8 @@ typedef struct {
     uint32_t display_lost;               /**< 1 = a display that was being captured went away */
     uint32_t sound_lost;                 /**< 1 = a sound server that was being heard went away */
     uint64_t audio_frames_encoded;       /**< AAC frames multiplexed */
+    uint32_t display_silent_ms;          /**< how long a captured display has not answered while a picture was
+                                              waited for; 0 = it answers */
 } zu3_host_statistics_t;
 
 /**

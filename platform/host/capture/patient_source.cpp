@@ -1,0 +1,151 @@
+#include "capture/patient_source.h"
+
+#include "log/host_log.h"
+#include "os/thread_start.h"
+#include "statistics/counters.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+
+namespace zu3host {
+
+namespace {
+
+/**
+ * Waits are counted in slices, not by the clock: a process that was stopped, or not scheduled, for longer
+ * than any limit has waited for one slice when it goes on, and looks for the answer before it judges.
+ */
+constexpr auto slice = std::chrono::milliseconds(50);
+constexpr auto opening_limit = std::chrono::seconds(5);
+constexpr uint32_t worth_a_word_ms = 1000;
+
+} // namespace
+
+/** Where the two threads meet. */
+struct PatientSource::Desk {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::unique_ptr<WaitingSource> source; // used by the thread alone, but for cut()
+    GrabRequest request{};                 // the last one handed to the thread
+    std::optional<BgraImage> image;        // what came of it
+    bool busy = true;                      // the thread opens or grabs
+    bool leaving = false;
+
+    static void serve(const std::shared_ptr<Desk>& desk, const Open& open);
+    void hand_over(const GrabRequest& next);
+    bool wait_a_slice(std::unique_lock<std::mutex>& lock)
+    {
+        return changed.wait_for(lock, slice, [this] { return !busy; });
+    }
+};
+
+void PatientSource::Desk::serve(const std::shared_ptr<Desk>& desk, const Open& open)
+{
+    std::unique_ptr<WaitingSource> opened = open();
+    std::unique_lock lock(desk->mutex);
+    desk->source = std::move(opened);
+    while (true) {
+        desk->busy = false;
+        desk->changed.notify_all();
+        desk->changed.wait(lock, [&] { return desk->busy || desk->leaving; });
+        if (desk->leaving)
+            break;
+        const GrabRequest request = desk->request;
+        lock.unlock();
+        const auto image = desk->source->grab(request);
+        lock.lock();
+        desk->image = image;
+    }
+    desk->source.reset();
+}
+
+void PatientSource::Desk::hand_over(const GrabRequest& next)
+{
+    request = next;
+    image.reset();
+    busy = true;
+    changed.notify_all();
+}
+
+std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open open)
+{
+    const auto desk = std::make_shared<Desk>();
+    std::thread thread;
+    try {
+        thread = start_thread("zu3 display", [desk, open = std::move(open)] { Desk::serve(desk, open); });
+    } catch (const std::system_error& error) {
+        HOST_LOGE("The display's thread cannot be started: %s.", error.what());
+        return nullptr;
+    }
+    std::unique_lock lock(desk->mutex);
+    bool answered = false;
+    for (int left = opening_limit / slice; left > 0 && !answered; --left)
+        answered = desk->wait_a_slice(lock);
+    if (desk->source)
+        return std::unique_ptr<PatientSource>(new PatientSource(name, desk, std::move(thread)));
+    desk->leaving = true;
+    desk->changed.notify_all();
+    lock.unlock();
+    if (answered) {
+        thread.join();
+        return nullptr;
+    }
+    HOST_LOGE("%s does not answer: no picture of it can be had.", name.c_str());
+    thread.detach();
+    return nullptr;
+}
+
+PatientSource::~PatientSource()
+{
+    {
+        const std::lock_guard lock(desk_->mutex);
+        desk_->leaving = true;
+        if (desk_->busy)
+            desk_->source->cut();
+        desk_->changed.notify_all();
+    }
+    thread_.join();
+    counters().display_silent_ms.store(0, std::memory_order_relaxed);
+}
+
+std::optional<BgraImage> PatientSource::grab(const GrabRequest& request)
+{
+    std::unique_lock lock(desk_->mutex);
+    if (!desk_->busy)
+        desk_->hand_over(request);
+    for (auto left = request.patience / slice; left > 0 && !request.stop.stop_requested();) {
+        if (!desk_->wait_a_slice(lock)) {
+            --left;
+            note_silence();
+            continue;
+        }
+        note_answer();
+        // What was asked for before may be a picture of another kind.
+        if (desk_->request.pointer == request.pointer)
+            return desk_->image;
+        desk_->hand_over(request);
+    }
+    return std::nullopt;
+}
+
+void PatientSource::note_silence()
+{
+    const bool known = silent_ms_ >= worth_a_word_ms;
+    silent_ms_ += static_cast<uint32_t>(slice.count());
+    counters().display_silent_ms.store(silent_ms_, std::memory_order_relaxed);
+    if (!known && silent_ms_ >= worth_a_word_ms)
+        HOST_LOGW("%s does not answer: pictures are missing until it does.", name_.c_str());
+}
+
+void PatientSource::note_answer()
+{
+    if (silent_ms_ == 0)
+        return;
+    if (silent_ms_ >= worth_a_word_ms)
+        HOST_LOGW("%s answers again, after %u s.", name_.c_str(), silent_ms_ / 1000);
+    silent_ms_ = 0;
+    counters().display_silent_ms.store(0, std::memory_order_relaxed);
+}
+
+} // namespace zu3host

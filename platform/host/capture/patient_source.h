@@ -1,0 +1,57 @@
+#pragma once
+
+#include "capture/picture_source.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace zu3host {
+
+/** A source whose grab may wait without a bound, for a server that does not answer. */
+class WaitingSource : public PictureSource {
+public:
+    /** Ends a grab that waits; it and all later ones have no picture. From any thread. */
+    virtual void cut() = 0;
+};
+
+/**
+ * Grabs from a source whose grab may wait without a bound, on a thread of its own. A grab here gives up in
+ * time while the one below goes on, and a later grab here gets its picture. How long the source has not
+ * answered is in the statistics. One thread at a time.
+ */
+class PatientSource : public PictureSource {
+public:
+    using Open = std::function<std::unique_ptr<WaitingSource>()>;
+
+    /**
+     * Opens the source on the thread. Null when `open` returns null, or does not return within five seconds;
+     * it may still return later.
+     * @param name of the source, for the log
+     */
+    static std::unique_ptr<PatientSource> open(const std::string& name, Open open);
+    /** Ends a grab that still waits below. */
+    ~PatientSource() override;
+    PatientSource(const PatientSource&) = delete;
+    PatientSource& operator=(const PatientSource&) = delete;
+
+    std::optional<BgraImage> grab(const GrabRequest& request) override;
+
+private:
+    struct Desk;
+
+    PatientSource(std::string name, std::shared_ptr<Desk> desk, std::thread thread)
+        : name_(std::move(name)), desk_(std::move(desk)), thread_(std::move(thread))
+    {
+    }
+    void note_silence();
+    void note_answer();
+
+    const std::string name_;
+    const std::shared_ptr<Desk> desk_; // shared with the thread, which may come back late from an opening
+    std::thread thread_;
+    uint32_t silent_ms_ = 0;
+};
+
+} // namespace zu3host

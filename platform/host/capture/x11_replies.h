@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <xcb/xproto.h>
+
+namespace zu3host {
+
+// xcb's accessors and iterators believe the counts that stand in a reply, whatever its length. These compare
+// them with what came. Header only: the client's look at displays needs them as well.
+
+/** Whether a reply has `bytes` behind its first 32, which xcb always reads. */
+template <typename Reply> bool holds_behind(const Reply& reply, uint64_t bytes)
+{
+    return uint64_t{reply.length} * 4 >= bytes;
+}
+
+/** Walks over memory whose contents say how much follows. */
+class ReplyWalk {
+public:
+    ReplyWalk(const void* begin, uint64_t bytes) : at_(static_cast<const uint8_t*>(begin)), left_(bytes) {}
+
+    /** The record that stands here, if it is whole; goes behind it. */
+    template <typename Record> const Record* take()
+    {
+        const void* const here = at_;
+        return skip(sizeof(Record)) ? static_cast<const Record*>(here) : nullptr;
+    }
+    bool skip(uint64_t bytes)
+    {
+        if (bytes > left_)
+            return false;
+        at_ += bytes;
+        left_ -= bytes;
+        return true;
+    }
+
+private:
+    const uint8_t* at_;
+    uint64_t left_;
+};
+
+/** Whether a screen and its depths and visuals, which the walk goes behind, are whole. */
+inline bool skip_depths(ReplyWalk& walk, const xcb_screen_t& screen)
+{
+    for (unsigned depth = 0; depth < screen.allowed_depths_len; ++depth) {
+        const auto* found = walk.take<xcb_depth_t>();
+        if (!found || !walk.skip(uint64_t{found->visuals_len} * sizeof(xcb_visualtype_t)))
+            return false;
+    }
+    return true;
+}
+
+/** Screen `number` of a server; null when there is none, or what the server says of itself is cut short. */
+inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
+{
+    constexpr uint64_t head = 8; // what the length does not count
+    ReplyWalk walk(&setup, head + uint64_t{setup.length} * 4);
+    if (number < 0 || !walk.take<xcb_setup_t>() ||
+        !walk.skip((uint64_t{setup.vendor_len} + 3) & ~uint64_t{3}) ||
+        !walk.skip(uint64_t{setup.pixmap_formats_len} * sizeof(xcb_format_t)))
+        return nullptr;
+    const xcb_screen_t* wanted = nullptr;
+    for (int index = 0; index < setup.roots_len; ++index) {
+        const auto* screen = walk.take<xcb_screen_t>();
+        if (!screen || !skip_depths(walk, *screen))
+            return nullptr;
+        if (index == number)
+            wanted = screen;
+    }
+    return wanted;
+}
+
+} // namespace zu3host
