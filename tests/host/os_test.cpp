@@ -1,3 +1,5 @@
+#include "common/patient_wait.h"
+
 #include <zu3/os.h>
 
 #include <gtest/gtest.h>
@@ -85,6 +87,30 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
 
 // Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name that Linux
 // refuses.
+/** A condition variable of a process that is stopped during the first wait. */
+struct StoppedDuringAWait {
+    int waits = 0;
+    template <typename Duration, typename Condition>
+    bool wait_for(std::unique_lock<std::mutex>&, Duration limit, Condition condition)
+    {
+        if (++waits == 1)
+            std::this_thread::sleep_for(limit + std::chrono::milliseconds(50));
+        return condition();
+    }
+};
+
+// Catches a limit that passes while the process is stopped, which gives nobody the time to answer.
+TEST(PatientWait, CountsAStopAsOneSlice)
+{
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
+    StoppedDuringAWait changed;
+    constexpr std::chrono::milliseconds limit(45);
+    EXPECT_TRUE(zu3host::wait_patiently(changed, lock, limit, [&] { return changed.waits == 3; }));
+    EXPECT_FALSE(zu3host::wait_patiently(changed, lock, limit, [] { return false; }));
+    EXPECT_EQ(changed.waits, 6);
+}
+
 TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
 {
     char name[16] = {};

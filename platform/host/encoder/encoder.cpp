@@ -4,6 +4,7 @@
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
 #include "common/border.h"
+#include "common/patient_wait.h"
 #include "log/host_log.h"
 #include "statistics/counters.h"
 
@@ -76,8 +77,8 @@ void Encoder::stop()
         changed_.notify_all();
     }
     if (state_ == State::Draining && std::this_thread::get_id() != thread_id_)
-        changed_.wait_for(lock, time_to_drain,
-                          [this] { return state_ != State::Draining || (queue_.empty() && !busy_); });
+        wait_patiently(changed_, lock, time_to_drain,
+                       [this] { return state_ != State::Draining || (queue_.empty() && !busy_); });
     if (state_ != State::Draining && state_ != State::Opened)
         return;
     state_ = State::Stopped;
@@ -122,7 +123,7 @@ uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
 void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
 {
     if (std::this_thread::get_id() != thread_id_)
-        changed_.wait_for(lock, time_to_get_warm, [this] {
+        wait_patiently(changed_, lock, time_to_get_warm, [this] {
             return state_ != State::Running || cold_pictures_ == 0 || (queue_.empty() && !busy_);
         });
 }
@@ -130,7 +131,7 @@ void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
 template <typename HasRoom> void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)
 {
     if (std::this_thread::get_id() != thread_id_)
-        changed_.wait_for(lock, time_to_make_room, [&] { return !accepting() || has_room(); });
+        wait_patiently(changed_, lock, time_to_make_room, [&] { return !accepting() || has_room(); });
 }
 
 uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)

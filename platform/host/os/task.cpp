@@ -1,6 +1,7 @@
 #include "os/task.h"
 
 #include "common/border.h"
+#include "common/patient_wait.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -89,7 +90,7 @@ Task::End Task::stop(std::chrono::milliseconds limit)
     if (state_ == State::created)
         state_ = State::cancelled;
     eventfd_write(deletion_.get(), 1);
-    const bool ends = returned_.wait_for(lock, limit, [this] { return state_ != State::running; });
+    const bool ends = wait_patiently(returned_, lock, limit, [this] { return state_ != State::running; });
     lock.unlock();
     if (ends)
         pthread_join(thread_, nullptr);

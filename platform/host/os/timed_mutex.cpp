@@ -1,5 +1,7 @@
 #include "os/timed_mutex.h"
 
+#include "common/patient_wait.h"
+
 #include <atomic>
 
 namespace zu3host {
@@ -20,7 +22,8 @@ uint64_t number_of_this_thread()
 TimedMutex::Result TimedMutex::obtain(std::chrono::milliseconds limit)
 {
     std::unique_lock lock(mutex_);
-    const bool free_or_retired = changed_.wait_for(lock, limit, [this] { return retired_ || owner_ == 0; });
+    const bool free_or_retired =
+        wait_patiently(changed_, lock, limit, [this] { return retired_ || owner_ == 0; });
     if (!free_or_retired)
         return Result::timed_out;
     if (retired_)
