@@ -4,16 +4,15 @@
 #include <pulse/pulseaudio.h>
 
 #include "audio/pulse_library.h"
-#include "signals.h"
 
 namespace client {
 namespace {
 
-/** A connection to the sound server, run by this thread and only until a time limit. */
+/** A connection to the sound server, run by this thread and only for so long. */
 class SoundServer {
 public:
-    explicit SoundServer(TimePoint limit)
-        : limit_(limit), loop_(pa_mainloop_new(), pa_mainloop_free),
+    SoundServer()
+        : loop_(pa_mainloop_new(), pa_mainloop_free),
           context_(pa_context_new(pa_mainloop_get_api(loop_.get()), "screenrecord"), pa_context_unref)
     {
     }
@@ -42,24 +41,37 @@ public:
 private:
     bool ready() const { return pa_context_get_state(context_.get()) == PA_CONTEXT_READY; }
 
+    // In slices: when this process was stopped for all of the time, it reads what came before it judges.
     template <typename Condition> void run_until(Condition reached)
     {
-        while (!reached() && Clock::now() < limit_)
-            if (pa_mainloop_prepare(loop_.get(), poll_timeout(limit_) * 1000) < 0 ||
-                pa_mainloop_poll(loop_.get()) < 0 || pa_mainloop_dispatch(loop_.get()) < 0)
+        for (; quiet_slices_ > 0 && rounds_ > 0 && !reached(); --rounds_) {
+            constexpr int slice_us = 50'000;
+            if (pa_mainloop_prepare(loop_.get(), slice_us) < 0)
                 return;
+            const int events = pa_mainloop_poll(loop_.get());
+            if (events < 0 || pa_mainloop_dispatch(loop_.get()) < 0)
+                return;
+            quiet_slices_ -= events == 0;
+        }
     }
 
-    TimePoint limit_;
+    int quiet_slices_ = 60; /**< of 50 ms that may pass without a word of the server, 3 s in all */
+    int rounds_ = 400;      /**< and its words do not keep us for ever */
     std::unique_ptr<pa_mainloop, decltype(&pa_mainloop_free)> loop_;
     std::unique_ptr<pa_context, decltype(&pa_context_unref)> context_;
 };
 
+/** A server may leave a text out. */
+std::string text(const char* given)
+{
+    return given ? given : "";
+}
+
 void add_source(pa_context*, const pa_source_info* info, int end, void* list)
 {
     if (end == 0 && info)
-        static_cast<std::vector<SoundSource>*>(list)->push_back({.name = info->name,
-                                                                 .description = info->description,
+        static_cast<std::vector<SoundSource>*>(list)->push_back({.name = text(info->name),
+                                                                 .description = text(info->description),
                                                                  .sample_rate = info->sample_spec.rate,
                                                                  .channels = info->sample_spec.channels});
 }
@@ -76,7 +88,7 @@ std::optional<std::vector<SoundSource>> list_sound_sources()
 {
     if (!zu3host::load_pulse_library().empty())
         return std::nullopt;
-    SoundServer server(Clock::now() + std::chrono::seconds(3));
+    SoundServer server;
     std::vector<SoundSource> sources;
     std::string output;
     if (!server.connect() ||

@@ -13,6 +13,9 @@ namespace {
 constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
 /** No output plays so far ahead, and none is heard so late: such a timing is an error of the server. */
 constexpr pa_usec_t greatest_latency = 5'000'000;
+/** What came while this process was stopped is placed by the timing from before. */
+constexpr pa_usec_t greatest_age = 60'000'000;
+constexpr int64_t greatest_backlog_bytes = greatest_age / 1'000'000 * pcm_rate * pcm_frame_bytes;
 
 /** What a callback of libpulse does; it comes from C code, through which nothing is thrown. */
 template <typename Call> void in_callback(void* self, Call call)
@@ -126,10 +129,13 @@ std::optional<int64_t> PulseConnection::time_of_next_us() const
     if (!timing || timing->write_index_corrupt || timing->read_index_corrupt)
         return std::nullopt;
     const pa_usec_t age = pa_timeval_age(&timing->timestamp);
-    if (age > greatest_latency || timing->sink_usec > greatest_latency ||
-        timing->source_usec > greatest_latency)
+    int64_t bytes = 0;
+    const bool overflows = __builtin_sub_overflow(timing->read_index, timing->write_index, &bytes);
+    if (age > greatest_age || timing->sink_usec > greatest_latency ||
+        timing->source_usec > greatest_latency || overflows || bytes > greatest_backlog_bytes ||
+        bytes < -greatest_backlog_bytes)
         return std::nullopt;
-    const int64_t frames = (timing->read_index - timing->write_index) / int64_t{pcm_frame_bytes};
+    const int64_t frames = bytes / int64_t{pcm_frame_bytes};
     return monotonic_us() - static_cast<int64_t>(age) - static_cast<int64_t>(timing->source_usec) +
            static_cast<int64_t>(timing->sink_usec) + frames * 1000 / (pcm_rate / 1000);
 }

@@ -8,6 +8,7 @@
 #include "os/thread_start.h"
 #include "statistics/counters.h"
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 #include <thread>
@@ -23,6 +24,12 @@ namespace {
  */
 constexpr int64_t patience_us = 300'000;
 constexpr int64_t patience_in_sound_us = 1'000'000;
+/**
+ * What lies in the socket already is no silence: after a stop of this process, or a moment in which its
+ * thread was not scheduled, it is read first. What is older than this has no reader any more.
+ */
+constexpr int64_t look_us = 100'000;
+constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */
 constexpr int64_t first_retry_us = 250'000;
@@ -49,7 +56,8 @@ public:
     void advance(SoundTimeline& timeline, int64_t now_us) override
     {
         const int64_t patience = placement_.continues(timeline) ? patience_in_sound_us : patience_us;
-        timeline.append_silence_until(live_ ? now_us - patience : now_us);
+        const int64_t looked_us = std::clamp(nothing_came_until_us_, now_us - greatest_backlog_us, now_us);
+        timeline.append_silence_until(live_ ? looked_us - patience : now_us);
     }
 
 private:
@@ -72,11 +80,13 @@ private:
     bool listen();
     bool pass(int64_t us);
     bool iterate(int timeout_us);
+    void note_look(int64_t begin_us, int events);
     void set_live(bool live);
     void report(const char* failure);
 
     SharedTimeline& shared_;
     bool live_ = false;          // under the timeline's lock
+    int64_t nothing_came_until_us_ = 0; // under the timeline's lock; the socket was empty then
     SoundPlacement placement_;   // under the timeline's lock
     bool was_connected_ = false; // of the thread, as is what follows
     bool reported_ = false;
@@ -103,7 +113,7 @@ bool PulseSource::listen()
     PulseConnection connection(loop_.get(), *this);
     bool usable = true;
     while (usable && !stopping() && !connection.failed())
-        usable = iterate(-1);
+        usable = iterate(look_us);
     set_live(false);
     if (connection.failed() && !stopping())
         report(connection.failure());
@@ -120,7 +130,7 @@ bool PulseSource::pass(int64_t us)
     return usable;
 }
 
-/** Waits for one event, for ever with -1, and handles it; false when the main loop is broken. */
+/** Waits for one event and handles it; false when the main loop is broken. */
 bool PulseSource::iterate(int timeout_us)
 {
     if (pa_mainloop_prepare(loop_.get(), timeout_us) < 0)
@@ -129,7 +139,23 @@ bool PulseSource::iterate(int timeout_us)
     // poll. What is prepared then stays so, since nothing iterates any more.
     if (stopping())
         return true;
-    return pa_mainloop_poll(loop_.get()) >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
+    const int64_t begin_us = monotonic_us();
+    const int events = pa_mainloop_poll(loop_.get());
+    note_look(begin_us, events);
+    return events >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
+}
+
+/** When the socket was seen to be empty: at the end of a poll without events, or before one that had to wait.
+ */
+void PulseSource::note_look(int64_t begin_us, int events)
+{
+    constexpr int64_t at_once_us = 1000;
+    const int64_t end_us = monotonic_us();
+    const std::lock_guard lock(shared_.mutex);
+    if (events == 0)
+        nothing_came_until_us_ = end_us;
+    else if (end_us - begin_us > at_once_us)
+        nothing_came_until_us_ = begin_us;
 }
 
 void PulseSource::set_live(bool live)
