@@ -67,16 +67,18 @@ void say_settings(const RecordingSettings& s)
                     s.one_call ? ", one call" : "", s.file.c_str()));
 }
 
+/** How often a source file's progress is looked at. */
+constexpr auto source_look = std::chrono::milliseconds(20);
+
 /** Says when every picture of a source file is encoded, or nothing has moved for two seconds. */
 class SourceEnd {
 public:
-    explicit SourceEnd(uint64_t pictures)
-        : pictures_(pictures), before_(read_statistics()), last_progress_(Clock::now())
+    explicit SourceEnd(uint64_t pictures) : pictures_(pictures), before_(read_statistics())
     {
         // Where nothing is counted, the time that the reader takes at least, and then the file's growth, must
         // do.
         if (!before_)
-            last_progress_ += std::chrono::milliseconds(28) * static_cast<int64_t>(pictures);
+            looks_left_ += std::chrono::milliseconds(28) * pictures / source_look;
     }
 
     bool reached(uint64_t file_bytes)
@@ -85,9 +87,9 @@ public:
         if (now != last_ || file_bytes != last_bytes_) {
             last_ = now;
             last_bytes_ = file_bytes;
-            last_progress_ = std::max(last_progress_, Clock::now());
+            looks_left_ = std::max(looks_left_, patience);
         }
-        return (before_ && now >= pictures_) || Clock::now() - last_progress_ > std::chrono::seconds(2);
+        return (before_ && now >= pictures_) || --looks_left_ < 0;
     }
 
     /** What is missing, as a sentence. */
@@ -111,7 +113,9 @@ private:
 
     uint64_t pictures_;
     std::optional<zu3_host_statistics_t> before_;
-    TimePoint last_progress_;
+    // Counted in looks, so that the reader has its turn after this process was stopped for so long.
+    static constexpr int64_t patience = std::chrono::seconds(2) / source_look;
+    int64_t looks_left_ = patience;
     uint64_t last_ = 0;
     uint64_t last_bytes_ = 0;
 };
@@ -161,7 +165,7 @@ private:
 
     bool at_end(TimePoint end, RecordWatch& watch, const OutputFile& file)
     {
-        const TimePoint next = Clock::now() + std::chrono::milliseconds(source_end_ ? 20 : 100);
+        const TimePoint next = Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
         if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
             return true;
         if (surroundings_.signals.take_pause_request() == PauseRequest::pause)
