@@ -82,8 +82,16 @@ void X11Connection::wait_for(unsigned sequence, void** reply, xcb_generic_error_
 
 bool X11Connection::succeeded(xcb_void_cookie_t cookie)
 {
-    const XcbOwned<xcb_generic_error_t> error(xcb_request_check(xcb_, cookie));
-    return !error && !lost();
+    // xcb's own check aborts the program when the server sends a reply where none belongs. With the answer to
+    // a request behind it, all that came to this one is here.
+    const auto behind = xcb_get_input_focus(xcb_);
+    const bool answered = wait<xcb_get_input_focus_reply_t>(behind.sequence).reply != nullptr;
+    void* reply = nullptr;
+    xcb_generic_error_t* error = nullptr;
+    xcb_poll_for_reply(xcb_, cookie.sequence, &reply, &error);
+    const XcbOwned<void> no_reply(reply);
+    const XcbOwned<xcb_generic_error_t> no_error(error);
+    return answered && !error;
 }
 
 bool X11Connection::has(xcb_extension_t* extension)
