@@ -1,5 +1,6 @@
 """The captured display: what is drawn on it, its pointer, its size, and a server that is not there, hangs or dies."""
 
+import json
 import signal
 
 import judges
@@ -85,7 +86,7 @@ class DisplayFails(ShortEndToEndTest):
         self.start_screen("--noise")
         self.stills = self.start("still_captures", 20000, environment={"ANDROID_LOG_TAGS": "*:S"})
         self.file = self.path(self.id() + ".ts")
-        self.recording = self.client("record", "-o", self.file)
+        self.recording = self.client("record", "-o", self.file, "--status-file", "status")
         wait_until(lambda: size_of(self.file) > 0, "the first batch")
 
     def test_dies(self):
@@ -97,9 +98,20 @@ class DisplayFails(ShortEndToEndTest):
         self.assertEqual(judges.faults(self.file), "")
         self.assert_exit(self.stills, 1)
 
+    def status(self):
+        return json.loads(self.path("status").read_text("ascii"))
+
     def test_hangs(self):
-        # Catches a stop that waits for a server that does not answer, and one that hangs taken for one that is gone.
+        # Catches one that hangs taken for one that is gone, a recording that does not say so or does not go on
+        # afterwards, and a stop that waits for an answer.
+        self.server.process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: self.status()["display_answers"] is False, "word of it")
+        before = self.status()["frames"]
+        self.server.process.send_signal(signal.SIGCONT)
+        wait_until(lambda: self.status()["display_answers"] and self.status()["frames"] > before, "further pictures")
         self.server.process.send_signal(signal.SIGSTOP)
         pass_time(0.2)
         self.assert_stops(self.recording, seconds=SOON)
+        self.assertRegex(self.recording.errors(), "does not answer(.|\n)*answers again")
         self.assertNotIn("went away", self.recording.errors())
+        self.assertEqual(judges.faults(self.file), "")
