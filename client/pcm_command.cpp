@@ -169,9 +169,12 @@ private:
                 say("cannot empty " + options_.output + ": " + error_text(errno));
             return ExitCode::failed;
         }
+        const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
+        if (lost_sound)
+            say("the sound server went away for a while: " +
+                (wav_ ? sink_.path() : std::string("what was recorded")) + " is silent there");
         if (wav_)
             surroundings_.output.print_line(sink_.path());
-        const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
         return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
     }
 
