@@ -86,7 +86,11 @@ SOUND_WAYS = {
     "cut": None,
     "endless": None,
 }
-MODES = ["well", *(f"{target}-{way}" for target in TARGETS for way in (SOUND_WAYS if target == "sound" else WAYS))]
+# libpulse itself aborts the program on a source with billions of ports.
+ABORTED_BY_LIBPULSE = {"sources-greatest", "sources-negative", "sources-apart"}
+MODES = [mode for mode in ["well", *(f"{target}-{way}" for target in TARGETS
+                                     for way in (SOUND_WAYS if target == "sound" else WAYS))]
+         if mode not in ABORTED_BY_LIBPULSE]
 
 
 def read(connection, size):

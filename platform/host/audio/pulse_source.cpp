@@ -24,11 +24,12 @@ namespace {
  */
 constexpr int64_t patience_us = 300'000;
 constexpr int64_t patience_in_sound_us = 1'000'000;
+/** At least so often the listener looks whether there is anything to read. */
+constexpr int64_t look_us = 100'000;
 /**
  * What lies in the socket already is no silence: after a stop of this process, or a moment in which its
  * thread was not scheduled, it is read first. What is older than this has no reader any more.
  */
-constexpr int64_t look_us = 100'000;
 constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */

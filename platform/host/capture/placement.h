@@ -15,7 +15,10 @@ struct Placement {
     bool operator==(const Placement&) const = default;
 };
 
-/** `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as large. */
+/**
+ * `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as large.
+ * Neither is empty.
+ */
 Placement fit_into(PictureSize source, PictureSize box);
 
 /**
