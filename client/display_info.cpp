@@ -11,6 +11,7 @@
 #include <xcb/randr.h>
 #include <xcb/shm.h>
 
+#include "capture/screen_pixels.h"
 #include "capture/x11_replies.h"
 #include "exit_code.h"
 
@@ -67,11 +68,15 @@ std::optional<DisplayInfo> ask(const std::string& name)
     const xcb_screen_t* screen = zu3host::find_screen(*xcb_get_setup(connection.get()), number);
     if (!screen)
         return std::nullopt;
+    const xcb_setup_t& server = *xcb_get_setup(connection.get());
     const auto* shm = xcb_get_extension_data(connection.get(), &xcb_shm_id);
     return DisplayInfo{.name = name,
                        .size = {screen->width_in_pixels, screen->height_in_pixels},
                        .refresh_hz = refresh_rate(connection.get(), screen->root),
-                       .shared_memory = shm && shm->present};
+                       .shared_memory = shm && shm->present,
+                       .problem = zu3host::pixel_format(server, *screen)
+                                      ? ""
+                                      : zu3host::unknown_pixel_format(server, *screen)};
 }
 
 /** What the asking thread leaves behind; shared, because it may come too late for whoever asked. */
@@ -131,6 +136,8 @@ DisplayInfo display_to_capture()
             "cannot reach the display '" + name +
             "' (DISPLAY): there is no X server of that name, it does not answer, or it does not let us "
             "in; 'screenrecord devices' lists those that do");
+    if (!display->problem.empty())
+        throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
     return *display;
 }
 

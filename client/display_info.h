@@ -14,6 +14,7 @@ struct DisplayInfo {
     Size size;
     double refresh_hz = 0;      /**< 0 = it does not say */
     bool shared_memory = false; /**< pictures can be fetched through shared memory */
+    std::string problem = {};   /**< why it cannot be captured, as the end of a sentence; empty when it can */
 };
 
 /** Asks the X server `name` ("" = DISPLAY); nothing when it cannot be reached or does not answer within 3 s.
@@ -21,7 +22,7 @@ struct DisplayInfo {
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
 /** What the capture will show: DISPLAY, or the platform's test card where ZU3_DISPLAY asks for it. Throws
- * Failure. */
+ * Failure, also for a display whose pixels cannot be read. */
 DisplayInfo display_to_capture();
 
 /** Names of the displays of this machine whose socket exists, and of DISPLAY. */

@@ -41,7 +41,7 @@ Finding examine_display()
         return {Finding::Kind::good, sentence + "."};
     } catch (const Failure& failure) {
         return {Finding::Kind::missing, std::string(failure.what()) +
-                                            ". Start this from the desktop's own terminal, or an X server "
+                                            ". Start this from the desktop's own terminal, or on an X server "
                                             "without a screen: 'apt install xvfb', "
                                             "'Xvfb :99 -screen 0 1280x720x24 &', 'export DISPLAY=:99'."};
     }

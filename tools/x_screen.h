@@ -51,9 +51,11 @@ public:
         return pixmap;
     }
 
-    /** Fills a rectangle with a colour 0xRRGGBB. */
+    /** Fills a rectangle with a colour 0xRRGGBB, of which the others are made on a screen of depth 30. */
     void fill(xcb_drawable_t target, uint32_t colour, xcb_rectangle_t rectangle)
     {
+        if (depth_ == 30)
+            colour = ten_bits(colour >> 16) << 20 | ten_bits(colour >> 8) << 10 | ten_bits(colour);
         xcb_change_gc(x(), gc_, XCB_GC_FOREGROUND, &colour);
         xcb_poly_fill_rectangle(x(), target, gc_, 1, &rectangle);
     }
@@ -112,6 +114,9 @@ public:
 
 private:
     xcb_connection_t* x() const { return connection_.get(); }
+
+    /** The lowest eight bits as ten. */
+    static uint32_t ten_bits(uint32_t colour) { return (colour & 0xff) << 2 | (colour & 0xff) >> 6; }
 
     xcb_cursor_t invisible_pointer(xcb_window_t root)
     {

@@ -147,8 +147,9 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def start_display(cls, size="1280x720", *options):
-        """A display of its own for the class; the started server."""
-        server = cls.start("Xvfb", "-displayfd", 1, "-screen", 0, size + "x24", "-nolisten", "tcp", "-noreset", *options)
+        """A display of its own for the class, of depth 24 unless the size ends in another; the started server."""
+        screen = size + "x24" * (size.count("x") == 1)
+        server = cls.start("Xvfb", "-displayfd", 1, "-screen", 0, screen, "-nolisten", "tcp", "-noreset", *options)
         cls.environment["DISPLAY"] = ":" + server.first_line()
         return server
 

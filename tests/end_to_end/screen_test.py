@@ -80,6 +80,34 @@ class Screen(ShortEndToEndTest):
             self.assertIn(said, stills.errors())
 
 
+class Depths(ShortEndToEndTest):
+    def test_ten_bits_a_colour(self):
+        # Catches a screen of HDR's depth that is refused, or whose colours or pointer are torn apart.
+        self.start_display("321x257x30", "-retro")
+        self.run_program("xsetroot", "-solid", "#ff8020")
+        self.run_program("xdotool", "mousemove", 100, 100)
+        for command, name in (("shot --pointer", "a.png"), ("record -t 1", "a.ts"), ("stream -b 8M -t 1", "a.h264")):
+            self.run_program("screenrecord", *command.split(), "-o", name)
+            pixels, width = judges.decode(self.path(name), 0), judges.streams(self.path(name))["video"]["width"]
+            for place, colour in {(100, 100): BLACK, (20, 20): (255, 128, 32), (319, 255): (255, 128, 32)}.items():
+                shown = judges.pixel(pixels, width, *place)
+                # A video has half as many pixels of colour, so the pointer's thin arms take some from their ground.
+                allowed = 12 if colour == BLACK and name != "a.png" else 3
+                self.assertLessEqual(max(abs(a - b) for a, b in zip(shown, colour)), allowed, (name, place, shown))
+
+    def test_others_are_refused(self):
+        # Catches a display that is called well, or whose size or rate is blamed.
+        for depth in (8, 15, 16):
+            self.start_display(f"320x256x{depth}")
+            for command in ("doctor", "record -o a.ts", "stream -o a.h264", "shot -o a.png"):
+                refused = self.client(*command.split())
+                self.assert_exit(refused, 1)
+                said = refused.output() if command == "doctor" else refused.errors()
+                self.assertRegex(said, rf"cannot capture the display .* at depth {depth}; run it at depth 24 or 30", command)
+            self.assertIn(f"at depth {depth}", self.run_program("screenrecord", "devices"))
+        self.assertEqual(list(self.path(".").glob("a.*")), [])
+
+
 class DisplayFails(ShortEndToEndTest):
     def setUp(self):
         self.server = self.start_display("640x360")

@@ -4,6 +4,7 @@
 #include "log/host_log.h"
 
 #include <fcntl.h>
+#include <libyuv/convert_argb.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -26,26 +27,14 @@ int make_memory(size_t bytes)
     return -1;
 }
 
-const xcb_visualtype_t* root_visual(const xcb_screen_t& screen)
-{
-    for (auto depths = xcb_screen_allowed_depths_iterator(&screen); depths.rem; xcb_depth_next(&depths))
-        for (auto visuals = xcb_depth_visuals_iterator(depths.data); visuals.rem;
-             xcb_visualtype_next(&visuals))
-            if (visuals.data->visual_id == screen.root_visual)
-                return visuals.data;
-    return nullptr;
-}
-
-uint32_t bits_per_pixel(const X11Connection& connection)
-{
-    auto formats = xcb_setup_pixmap_formats_iterator(xcb_get_setup(connection.xcb()));
-    for (; formats.rem; xcb_format_next(&formats))
-        if (formats.data->depth == connection.screen().root_depth)
-            return formats.data->bits_per_pixel;
-    return 0;
-}
-
 } // namespace
+
+X11Image::X11Image(X11Connection& connection, PictureSize size)
+    : connection_(connection), size_(size),
+      format_(
+          pixel_format(*xcb_get_setup(connection.xcb()), connection.screen()).value_or(PixelFormat::Bgrx8))
+{
+}
 
 std::unique_ptr<X11Image> X11Image::shared(X11Connection& connection, PictureSize size)
 {
@@ -110,12 +99,16 @@ void X11Image::request()
 
 bool X11Image::collect()
 {
-    if (segment_)
-        return connection_.wait<xcb_shm_get_image_reply_t>(sequence_).reply != nullptr;
-    auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_);
-    if (!answer.reply || !holds_behind(*answer.reply, bytes()))
-        return false;
-    keep_plain(std::move(answer.reply));
+    if (segment_) {
+        if (!connection_.wait<xcb_shm_get_image_reply_t>(sequence_).reply)
+            return false;
+    } else {
+        auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_);
+        if (!answer.reply || !holds_behind(*answer.reply, bytes()))
+            return false;
+        keep_plain(std::move(answer.reply));
+    }
+    bring_to_eight_bits();
     return true;
 }
 
@@ -125,18 +118,23 @@ void X11Image::keep_plain(XcbOwned<xcb_get_image_reply_t> reply)
     pixels_ = xcb_get_image_data(reply_.get());
 }
 
-bool has_bgrx_pixels(const X11Connection& connection)
+void X11Image::bring_to_eight_bits()
 {
-    const xcb_visualtype_t* visual = root_visual(connection.screen());
-    const uint32_t bits = bits_per_pixel(connection);
-    const bool little = xcb_get_setup(connection.xcb())->image_byte_order == XCB_IMAGE_ORDER_LSB_FIRST;
-    if (visual && bits == 32 && little && visual->red_mask == 0xFF0000 && visual->green_mask == 0xFF00 &&
-        visual->blue_mask == 0xFF)
+    if (format_ == PixelFormat::Bgrx8)
+        return;
+    // In place: a pixel keeps its size.
+    const auto convert = format_ == PixelFormat::Xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
+    const auto line = static_cast<int>(stride());
+    convert(pixels_, line, pixels_, line, static_cast<int>(size_.width), static_cast<int>(size_.height));
+}
+
+bool has_known_pixels(const X11Connection& connection)
+{
+    const xcb_setup_t& server = *xcb_get_setup(connection.xcb());
+    if (pixel_format(server, connection.screen()))
         return true;
-    HOST_LOGE(
-        "The screen of DISPLAY=\"%s\" has %u bits a pixel at depth %u%s, which cannot be captured: run it at "
-        "depth 24 or 32 with 8 bits each of red, green and blue.",
-        connection.display().c_str(), bits, connection.screen().root_depth, little ? "" : ", big-endian");
+    HOST_LOGE("The screen of DISPLAY=\"%s\" cannot be captured: %s.", connection.display().c_str(),
+              unknown_pixel_format(server, connection.screen()).c_str());
     return false;
 }
 

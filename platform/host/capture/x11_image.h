@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/screen_pixels.h"
 #include "capture/x11_connection.h"
 #include "encoder/open_encoders.h"
 
@@ -30,24 +31,27 @@ public:
 
     PictureSize size() const { return size_; }
     uint32_t stride() const { return size_.width * 4; }
-    /** The pixels of the last fetch, which may be drawn on; null before the first. */
+    /** The pixels of the last fetch, as BgraImage describes them, which may be drawn on; null before the
+     * first. */
     uint8_t* pixels() const { return pixels_; }
 
 private:
-    X11Image(X11Connection& connection, PictureSize size) : connection_(connection), size_(size) {}
+    X11Image(X11Connection& connection, PictureSize size);
     bool share();
     size_t bytes() const { return size_t{stride()} * size_.height; }
     void keep_plain(XcbOwned<xcb_get_image_reply_t> reply);
+    void bring_to_eight_bits();
 
     X11Connection& connection_;
     PictureSize size_;
+    PixelFormat format_; // of the server's pixels
     unsigned sequence_ = 0;
     uint8_t* pixels_ = nullptr;
     xcb_shm_seg_t segment_ = 0;             // of the shared kind
     XcbOwned<xcb_get_image_reply_t> reply_; // of the other kind: holds the pixels
 };
 
-/** Whether the screen's pixels are what BgraImage describes; logged when not. */
-bool has_bgrx_pixels(const X11Connection& connection);
+/** Whether the screen's pixels have a format that is known; logged when not. */
+bool has_known_pixels(const X11Connection& connection);
 
 } // namespace zu3host

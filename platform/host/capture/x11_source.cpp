@@ -21,7 +21,7 @@ bool is_possible(PictureSize size)
 std::unique_ptr<X11Source> X11Source::open()
 {
     std::unique_ptr<X11Connection> connection = X11Connection::open();
-    if (!connection || !has_bgrx_pixels(*connection))
+    if (!connection || !has_known_pixels(*connection))
         return nullptr;
     return std::unique_ptr<X11Source>(new X11Source(std::move(connection)));
 }
