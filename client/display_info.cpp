@@ -14,6 +14,7 @@
 #include "capture/screen_pixels.h"
 #include "capture/x11_replies.h"
 #include "exit_code.h"
+#include "messages.h"
 
 namespace client {
 namespace {
@@ -139,6 +140,21 @@ DisplayInfo display_to_capture()
     if (!display->problem.empty())
         throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
     return *display;
+}
+
+Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked)
+{
+    const Size size = asked.value_or(size_for_display(display.size));
+    const Size whole = display.size;
+    const bool column = whole.width == size.width + 1, row = whole.height == size.height + 1;
+    const bool shown = whole.width <= size.width + 1 && whole.height <= size.height + 1; // not scaled down
+    if (shown && (column || row))
+        say(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out", display.name.c_str(),
+                        whole.width, whole.height,
+                        column && row ? "column and its last row are"
+                        : column      ? "column is"
+                                      : "row is"));
+    return size;
 }
 
 std::vector<std::string> known_displays()

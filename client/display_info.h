@@ -25,6 +25,10 @@ std::optional<DisplayInfo> probe_display(const std::string& name);
  * Failure, also for a display whose pixels cannot be read. */
 DisplayInfo display_to_capture();
 
+/** The size to capture of `display`: the one that was asked for, else the display's own, made even. Says so
+ * when a display of odd size loses its last column or row to it. */
+Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked);
+
 /** Names of the displays of this machine whose socket exists, and of DISPLAY. */
 std::vector<std::string> known_displays();
 

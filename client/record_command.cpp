@@ -40,8 +40,7 @@ Size chosen_size(const RecordOptions& options)
 {
     if (!options.source.empty())
         return *options.size;
-    const DisplayInfo display = display_to_capture();
-    return options.size ? *options.size : size_for_display(display.size);
+    return size_to_capture(display_to_capture(), options.size);
 }
 
 RecordingSettings settings_for(const RecordOptions& options)

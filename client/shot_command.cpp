@@ -53,7 +53,7 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
     for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output); ++number)
         check_whole_file_path(shot_path(options, number), options.overwrite);
     const DisplayInfo display = display_to_capture();
-    const Size size = options.size.value_or(size_for_display(display.size));
+    const Size size = size_to_capture(display, options.size);
     if (options.verbose)
         say(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
 

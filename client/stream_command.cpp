@@ -44,8 +44,7 @@ class StreamRun {
 public:
     StreamRun(const StreamOptions& options, Surroundings& surroundings)
         : options_(options), surroundings_(surroundings), path_(requested_path(options)),
-          size_(options.size ? (display_to_capture(), *options.size)
-                             : size_for_display(display_to_capture().size)),
+          size_(size_to_capture(display_to_capture(), options.size)),
           sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
           stream_(options, size_), control_(options.control), lost_(options.fps)
     {

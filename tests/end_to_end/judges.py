@@ -115,14 +115,15 @@ def is_idr(unit):
     return re.search(rb"\x00\x00\x01[\x05\x25\x45\x65]", unit) is not None
 
 
-def dump_screen(display):
-    """What xwd sees: a picture in the order blue, green, red, unused, and its size."""
+def dump_screen(display, *size):
+    """What xwd sees, as far as `size` goes: a picture in the order blue, green, red, unused, and its size."""
     dump = _run("xwd", "-root", "-silent", "-display", display)
     header = struct.unpack(">25I", dump[:100])
     width, height, stride, colours = header[4], header[5], header[12], header[19]
     start = header[0] + colours * 12
     assert header[11] == 32 and stride == width * 4
-    return width, height, dump[start:start + stride * height]
+    width, height = size or (width, height)
+    return width, height, b"".join(dump[at:at + width * 4] for at in range(start, start + stride * height, stride))
 
 
 def overlaid(screen, width, height, logo, left, top):

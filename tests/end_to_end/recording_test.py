@@ -43,24 +43,31 @@ class TenSeconds(EndToEndTest):
 
 class Sizes(EndToEndTest):
     def test_records_each_size_exactly(self):
-        # Catches lines of the encoder's padding in the picture, and pixels shifted by a wrong stride.
-        for size in ("64x64", "1366x768", "1920x1080"):
+        # Catches lines of the encoder's padding in the picture, pixels shifted by a wrong stride, and a display of odd
+        # size that is scaled as a whole, or cut without a word.
+        for size, left_out in (("64x64", ""), ("1366x768", ""), ("1920x1080", ""), ("1367x769", "column and its last row")):
             with self.subTest(size):
                 self.start_display(size)
                 self.start_screen("--static")
                 path = self.path(size + ".ts")
-                self.run_program("screenrecord", "record", "-t", "1", "-o", path)
-                self.assertEqual("{width}x{height}".format_map(judges.streams(path)["video"]), size)
+                recorder = self.client("record", "-t", "1", "-o", path)
+                self.assert_exit(recorder, 0)
+                self.assertRegex(recorder.errors(), rf"\A[^\n]*last {left_out}[^\n]*\n\Z" if left_out else r"\A\Z")
+                video = judges.streams(path)["video"]
+                recorded = video["width"], video["height"]
+                self.assertEqual(recorded, tuple(int(side) & ~1 for side in size.split("x")))
                 self.assertEqual(judges.faults(path), "")
                 # The edges are the screen's own, which scaling, shifting or padding would change.
-                width, height, screen = judges.dump_screen(self.environment["DISPLAY"])
-                screen, shown = screen[1::4], judges.decode(path, 15)[1::3]  # the greens
+                screen, shown = judges.dump_screen(self.environment["DISPLAY"], *recorded)[2], judges.decode(path, 15)
+                (width, height), screen, shown = recorded, screen[1::4], shown[1::3]  # the greens
                 edges = {"first line": slice(0, width), "last line": slice(width * (height - 1), None),
                          "first column": slice(0, None, width), "last column": slice(width - 1, None, width)}
                 for name, edge in edges.items():
                     self.assertGreater(judges.psnr(shown[edge], screen[edge]), 25, name)
                 if width > 640:
                     self.assertEqual(judges.colour_faults(path, 15), {})
+                self.run_program("screenrecord", "shot", "-y", "-o", "shot.png")
+                self.assertTrue(judges.decode(self.path("shot.png"), 0)[1::3] == screen, "a still is exact")
 
 
 class Refusals(ShortEndToEndTest):

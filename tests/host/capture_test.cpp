@@ -175,6 +175,20 @@ TEST(CapturePlacement, KeepsShapeAndOneToOne)
         EXPECT_EQ(place_display(c.display, c.out, c.visible), c.placed) << "case " << &c - cases;
 }
 
+// Catches a display of odd size that is scaled, and one that is cut where it fits, or is scaled in any case.
+TEST(CapturePlacement, LeavesOutTheLastColumnOrRowOfAnOddSize)
+{
+    const struct {
+        PictureSize display, visible, shown;
+    } cases[] = {
+        {{1367, 769}, {1366, 768}, {1366, 768}}, {{1366, 769}, {1376, 768}, {1366, 768}},
+        {{1367, 768}, {1376, 768}, {1367, 768}}, {{1367, 768}, {1366, 768}, {1366, 768}},
+        {{1366, 768}, {1366, 768}, {1366, 768}}, {{1367, 900}, {1366, 768}, {1367, 900}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(without_odd_edge(c.display, c.visible), c.shown) << "case " << &c - cases;
+}
+
 // Catches drift, bursts after a pause, and pictures that are counted twice or not at all.
 TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
 {

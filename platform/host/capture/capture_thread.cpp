@@ -82,13 +82,14 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
         return Written::Stopped;
-    const auto image =
+    auto image =
         source_
             ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop, patience_of_pictures})
             : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
 
+    image->size = without_odd_edge(image->size, run.visible);
     PicturePool& pool = *run.pool;
     PicturePool::Contents& contents = pool.contents(index);
     uint8_t* picture = pool.picture(index);

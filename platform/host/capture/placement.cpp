@@ -23,6 +23,13 @@ uint32_t middle(uint32_t box, uint32_t length)
 
 } // namespace
 
+PictureSize without_odd_edge(PictureSize display, PictureSize visible)
+{
+    if (display.width > visible.width + 1 || display.height > visible.height + 1)
+        return display; // scaled down in any case
+    return {std::min(display.width, visible.width), std::min(display.height, visible.height)};
+}
+
 Placement fit_into(PictureSize source, PictureSize box)
 {
     if (source == box)

@@ -16,6 +16,12 @@ struct Placement {
 };
 
 /**
+ * What of a display is shown in a picture of which `visible` is seen: all of it, but for a last column or row
+ * that is the one too many. Sizes of pictures are even, and scaling a display of odd size would blur it all.
+ */
+PictureSize without_odd_edge(PictureSize display, PictureSize visible);
+
+/**
  * `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as large.
  * Neither is empty.
  */

@@ -30,8 +30,9 @@ uint32_t packed_bytes(uint32_t format)
 }
 
 /** An image of exactly the target's size, in `kept` where it has to be made. */
-BgraImage composed(const BgraImage& image, PictureSize size, std::vector<uint8_t>& kept)
+BgraImage composed(BgraImage image, PictureSize size, std::vector<uint8_t>& kept)
 {
+    image.size = without_odd_edge(image.size, size);
     if (image.size == size)
         return image;
     const Placement placement = fit_into(image.size, size);
