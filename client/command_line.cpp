@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include <algorithm>
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -27,6 +28,19 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
     return all.doctor;
 }
 
+/** The words after the program's name, of which "help" and "help COMMAND" become the option that they stand
+ * for. */
+std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
+{
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    const auto is_named = [&words](const CLI::App* command) { return command->get_name() == words.back(); };
+    if (words == std::vector<std::string>{help_command})
+        return {"--help"};
+    if (words.size() == 2 && words[0] == help_command && !app.get_subcommands(is_named).empty())
+        return {words[1], "--help"};
+    return words;
+}
+
 } // namespace
 
 Invocation read_command_line(int argc, char** argv)
@@ -35,7 +49,9 @@ Invocation read_command_line(int argc, char** argv)
     AllOptions all;
     describe_program(app, all);
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> words = given_words(app, argc, argv);
+        std::reverse(words.begin(), words.end()); // as the parser wants them
+        app.parse(std::move(words));
         return chosen(app, all);
     } catch (const CLI::Success& answered) { // help or version
         app.exit(answered);

@@ -75,11 +75,15 @@ void define_display(CLI::App& command, CommonOptions& options)
 
 void define_time(CLI::App& command, CommonOptions& options)
 {
-    define_value(command, "-t,--time", "SECONDS",
-                 "end after so many seconds; else at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+    define_value(command, "-t,--time", "TIME",
+                 "end after so long, such as 90, 1m30s or 00:01:30; else at SIGINT (Ctrl-C), SIGTERM or "
+                 "SIGHUP",
                  [&options](const std::string& given) {
-                     options.time = parse_seconds(given);
-                     return options.time ? "" : "is no number of seconds above 0 and up to 10000000";
+                     options.time = parse_time(given);
+                     return options.time
+                                ? ""
+                                : "is no time such as 10, 90s, 1m30s or 00:01:30, more than 0 and up to "
+                                  "10000000 seconds";
                  });
 }
 
@@ -241,7 +245,9 @@ void define_stream(CLI::App& command, StreamOptions& options)
     define_size(command, options.size, "picture size; the encoder rounds it up to multiples of 16x32");
     define_fps(command, options.fps);
     define_encoder(command, options);
-    command.add_flag("--osd", options.osd, "with the on-screen-display layer");
+    command.add_flag("--osd", options.osd,
+                     "with the device's layer above the picture; a stream of an X display has the pointer "
+                     "in any case");
     define_time(command, options);
     define_watermark(command, options.watermark);
     define_choice(command, "--control", "-",
@@ -270,7 +276,7 @@ void define_shot(CLI::App& command, ShotOptions& options)
     define_number(command, "--interval", "MS", "milliseconds from one to the next; else 1000", 0, 86400000,
                   [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
         ->needs(count);
-    command.add_flag("--osd", options.osd, "with the on-screen-display layer");
+    command.add_flag("--pointer,--osd", options.osd, "with the pointer");
     define_display(command, options);
     command.callback([&options] { check_shot(options); });
 }

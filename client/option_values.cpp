@@ -21,6 +21,56 @@ template <typename Number> std::optional<Number> parse_whole(std::string_view te
     return value;
 }
 
+/** Decimal, with an optional fraction; nothing for a sign, an exponent or a word. */
+std::optional<double> parse_decimal(std::string_view text)
+{
+    double value = 0;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value) ||
+        text.starts_with('-'))
+        return std::nullopt;
+    return value;
+}
+
+/** "[HH:]MM:SS", of which the last may have a fraction and all but the first stay below 60. */
+std::optional<double> clock_seconds(std::string_view text)
+{
+    double seconds = 0;
+    for (int parts = 1; parts <= 3; ++parts) {
+        const size_t colon = text.find(':');
+        const std::string_view part = text.substr(0, colon);
+        const bool last = colon == std::string_view::npos;
+        const auto number = parse_decimal(part);
+        if (!number || (parts > 1 && *number >= 60) || (!last && part.find('.') != std::string_view::npos))
+            return std::nullopt;
+        seconds = seconds * 60 + *number;
+        if (last)
+            return seconds;
+        text.remove_prefix(colon + 1);
+    }
+    return std::nullopt;
+}
+
+/** "1h2m3.5s" without what is not needed of it, or a plain number of seconds. */
+std::optional<double> unit_seconds(std::string_view text)
+{
+    if (const auto plain = parse_decimal(text))
+        return plain;
+    double seconds = 0;
+    for (const auto& [unit, length] : {std::pair{'h', 3600}, {'m', 60}, {'s', 1}}) {
+        const size_t end = text.find(unit);
+        if (end == std::string_view::npos)
+            continue;
+        const auto number = parse_decimal(text.substr(0, end));
+        if (!number)
+            return std::nullopt;
+        seconds += *number * length;
+        text.remove_prefix(end + 1);
+    }
+    return text.empty() ? std::optional(seconds) : std::nullopt;
+}
+
 uint32_t even(double value)
 {
     return static_cast<uint32_t>(value) & ~1u;
@@ -63,14 +113,12 @@ Size size_for_display(Size display)
             std::max(smallest_size.height, even(display.height * scale))};
 }
 
-std::optional<std::chrono::duration<double>> parse_seconds(std::string_view text)
+std::optional<std::chrono::duration<double>> parse_time(std::string_view text)
 {
-    double seconds = 0;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed);
-    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0) || seconds > 1e7)
+    const auto seconds = text.find(':') != std::string_view::npos ? clock_seconds(text) : unit_seconds(text);
+    if (!seconds || !(*seconds > 0) || *seconds > 1e7)
         return std::nullopt;
-    return std::chrono::duration<double>(seconds);
+    return std::chrono::duration<double>(*seconds);
 }
 
 std::vector<std::string> choices_of(std::string_view text)
@@ -119,16 +167,14 @@ std::optional<uint32_t> parse_bit_rate(std::string_view text)
     double unit = 1;
     if (text.ends_with('k') || text.ends_with('K'))
         unit = 1e3;
-    else if (text.ends_with('M'))
+    else if (text.ends_with('m') || text.ends_with('M'))
         unit = 1e6;
     if (unit > 1)
         text.remove_suffix(1);
-    double number = 0;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(number))
+    const auto number = parse_decimal(text);
+    if (!number)
         return std::nullopt;
-    const double rate = std::round(number * unit);
+    const double rate = std::round(*number * unit);
     if (rate < lowest_bit_rate || rate > greatest_bit_rate)
         return std::nullopt;
     return static_cast<uint32_t>(rate);

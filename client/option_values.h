@@ -40,14 +40,15 @@ Size size_for_display(Size display);
 inline constexpr uint32_t lowest_bit_rate = 10'000;
 inline constexpr uint32_t greatest_bit_rate = 240'000'000;
 
-/** One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000). */
+/** One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000), of
+ * either case. */
 std::optional<uint32_t> parse_bit_rate(std::string_view text);
 
 /** "X,Y", each with a minus sign where it is negative; a plus sign is none of it. */
 std::optional<Position> parse_position(std::string_view text);
 
-/** Seconds, with an optional fraction, more than 0 and at most 10000000. */
-std::optional<std::chrono::duration<double>> parse_seconds(std::string_view text);
+/** "10", "10s", "1h2m3.5s", "01:30" or "00:01:30": more than 0 and at most 10000000 seconds. */
+std::optional<std::chrono::duration<double>> parse_time(std::string_view text);
 
 /** "a|b|c" as its words. */
 std::vector<std::string> choices_of(std::string_view text);

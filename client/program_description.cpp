@@ -73,6 +73,10 @@ void describe_program(CLI::App& app, AllOptions& all)
     define_doctor(
         *app.add_subcommand("doctor", "Say what works on this machine and how to get what is missing."),
         all.doctor);
+    app.add_subcommand(help_command, "Explain the command that is named behind it, or the program.");
+    app.add_subcommand("version", "Say which version this is.")->callback([] {
+        throw CLI::CallForVersion(version_text(), 0);
+    });
 }
 
 std::span<const Section> sections()

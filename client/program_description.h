@@ -23,6 +23,9 @@ struct AllOptions {
  */
 void describe_program(CLI::App& app, AllOptions& all);
 
+/** The command whose one word is the name of another. */
+inline constexpr const char* help_command = "help";
+
 /** Something that is explained beside the options. */
 struct Term {
     const char* name;

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "option_values.h"
+#include "program_description.h"
 
 namespace client {
 namespace {
@@ -20,7 +21,8 @@ std::vector<std::string> option_names(const CLI::App& command)
 {
     std::vector<std::string> names;
     for (const CLI::Option* option : command.get_options())
-        names.push_back("--" + option->get_lnames().front());
+        for (const std::string& name : option->get_lnames())
+            names.push_back("--" + name);
     return names;
 }
 
@@ -31,16 +33,20 @@ std::string or_nearest(const std::string& typed, const std::vector<std::string>&
     return meant ? "perhaps " + *meant + " was meant" : all;
 }
 
+std::string unknown_command(const CLI::App& app, const std::string& typed)
+{
+    const std::vector<std::string> names = command_names(app);
+    return "there is no command '" + typed +
+           "': " + or_nearest(typed, names, "the commands are " + listed(names, "and"));
+}
+
 std::string no_command(const CLI::App& app)
 {
-    const std::string all = "the commands are " + listed(command_names(app), "and");
     const std::vector<std::string> words = app.remaining();
-    if (words.empty())
-        return "a command is missing: " + all;
-    if (words.front().starts_with('-'))
-        return "a command is missing before '" + words.front() + "': " + all;
-    return "there is no command '" + words.front() +
-           "': " + or_nearest(words.front(), command_names(app), all);
+    if (!words.empty() && !words.front().starts_with('-'))
+        return unknown_command(app, words.front());
+    return "a command is missing" + (words.empty() ? "" : " before '" + words.front() + "'") +
+           ": the commands are " + listed(command_names(app), "and");
 }
 
 std::string unexpected_word(const CLI::App& command, const std::string& name)
@@ -92,6 +98,9 @@ std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error)
     if (chosen.size() > 1 || !app.remaining().empty())
         return "'" + (chosen.size() > 1 ? chosen.back()->get_name() : app.remaining().front()) +
                "' cannot follow " + command.get_name() + ": one command at a time";
+    if (command.get_name() == help_command && !command.remaining().empty() &&
+        !command.remaining().front().starts_with('-'))
+        return unknown_command(app, command.remaining().front());
     if (!command.remaining().empty())
         return unexpected_word(command, command.get_name());
     if (dynamic_cast<const CLI::RequiredError*>(&error))

@@ -42,7 +42,8 @@ std::string bash_completion()
         if (!command.name.empty())
             names += " " + command.name;
         options += "        " + (command.name.empty() ? "\"\"" : command.name) + ") words=\"" +
-                   words_of(command) + (command.name.empty() ? "$names" : "") + "\" ;;\n";
+                   words_of(command) + (command.name.empty() || command.takes_command ? "$names" : "") +
+                   "\" ;;\n";
         for (const OptionOutline& option : command.options)
             if (!option.value.empty())
                 values += value_case(command, option);

@@ -26,11 +26,27 @@ OptionOutline outline_of(const CLI::Option& option)
     return made;
 }
 
+/** Another name of an option. */
+OptionOutline alias_outline(const std::string& name, OptionOutline option)
+{
+    option.text = "the same as --" + option.name;
+    option.name = name;
+    option.letter.clear();
+    option.required = false;
+    return option;
+}
+
 CommandOutline outline_of(const CLI::App& app, const std::string& name)
 {
-    CommandOutline made{.name = name, .text = app.get_description(), .options = {}};
-    for (const CLI::Option* option : app.get_options())
-        made.options.push_back(outline_of(*option));
+    CommandOutline made{
+        .name = name, .text = app.get_description(), .options = {}, .takes_command = name == help_command};
+    for (const CLI::Option* option : app.get_options()) {
+        const OptionOutline whole = outline_of(*option);
+        made.options.push_back(whole);
+        for (const std::string& other : option->get_lnames())
+            if (other != whole.name)
+                made.options.push_back(alias_outline(other, whole));
+    }
     return made;
 }
 

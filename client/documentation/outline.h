@@ -20,6 +20,7 @@ struct CommandOutline {
     std::string name; /**< empty = the program itself, before a command */
     std::string text;
     std::vector<OptionOutline> options;
+    bool takes_command = false; /**< another command's name follows */
 };
 
 /** What can be typed: the program first, then its commands. Made from the description that help is made from.

@@ -48,6 +48,8 @@ std::string argument(const OptionOutline& option)
 std::string arguments(const CommandOutline& command)
 {
     std::string made;
+    if (command.takes_command)
+        made += " \\\n            '1:command:{_describe command commands}'";
     for (const OptionOutline& option : command.options)
         made += " \\\n            " + argument(option);
     return made;

@@ -9,6 +9,7 @@
 namespace {
 
 using namespace client;
+using namespace std::chrono_literals;
 
 // Catches a size that is cut off, overflows or is accepted with something behind it.
 TEST(OptionValues, SizesAreWholeOrNothing)
@@ -47,10 +48,27 @@ TEST(OptionValues, BitRates)
     EXPECT_EQ(parse_bit_rate("800000"), 800000u);
     EXPECT_EQ(parse_bit_rate("500k"), 500000u);
     EXPECT_EQ(parse_bit_rate("2.5M"), 2500000u);
+    EXPECT_EQ(parse_bit_rate("2m"), 2000000u);
     EXPECT_EQ(parse_bit_rate("240M"), 240000000u);
     for (const char* wrong :
          {"", "k", "M", "9999", "-1M", "240000001", "5000M", "1e6", "2.5MM", "nan", "inf", "3 M"})
         EXPECT_FALSE(parse_bit_rate(wrong)) << wrong;
+}
+
+// Catches a unit that is taken for another, and a clock whose minutes pass for hours.
+TEST(OptionValues, Times)
+{
+    const auto seconds = [](const char* text) { return parse_time(text).value_or(-1s).count(); };
+    const std::pair<const char*, double> cases[] = {
+        {"10", 10},     {"0.5", 0.5},      {"10s", 10},  {"1m30s", 90},       {"1.5h", 5400},
+        {"2h3s", 7203}, {"00:01:30", 90},  {"1:30", 90}, {"90:00.5", 5400.5}, {"100:00:00", 360000},
+        {"1e7", -1},    {"10000000", 1e7}, {"1e1", -1},  {"10000001", -1},    {"0", -1},
+        {"", -1},       {"s", -1},         {"1s1m", -1}, {"10 s", -1},        {"1m30", -1},
+        {"1:60", -1},   {"1:2:3:4", -1},   {":30", -1},  {"1.5:00", -1},      {"-1", -1},
+        {"1m-1s", -1},  {"0:00", -1},      {"inf", -1},  {"10S", -1},         {"5000h", -1},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(seconds(text), expected) << text;
 }
 
 // Catches a table that is shifted: the library takes one bit a level.

@@ -6,7 +6,7 @@ import re
 from harness import BUILD, EndToEndTest
 
 MADE = BUILD / "documentation"
-COMMANDS = ("", "record", "stream", "shot", "pcm", "devices", "doctor")
+COMMANDS = ("", "record", "stream", "shot", "pcm", "devices", "doctor", "help", "version")
 
 
 def options_in(text):
@@ -30,6 +30,10 @@ class Documentation(EndToEndTest):
         return self.run_program("bash", "-c", 'source "$0" || exit; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); '
                                 '_screenrecord; printf "%s\\n" "${COMPREPLY[@]}"', MADE / "screenrecord", *words)
 
+    def test_words_for_options(self):
+        for word, option in {"help": "--help", "help record": "record --help", "version": "--version"}.items():
+            self.assertEqual(self.run_program("screenrecord", *word.split()), self.run_program("screenrecord", *option.split()))
+
     def test_manual_page(self):
         text = (MADE / "screenrecord.1").read_text("utf-8").replace("\\-", "-")
         sections = re.split(r"\n\.S[SH] ", re.sub(r"\\f[BIR]", "", text))
@@ -43,7 +47,7 @@ class Documentation(EndToEndTest):
     def test_bash(self):
         self.assert_same_as_help(lambda command: options_in(self.typed_in_bash("screenrecord", *command.split(), "--")))
         cases = {("",): set(COMMANDS) - {""}, ("rec",): {"record"}, ("record", "--packet-size", ""): {"188", "192"},
-                 ("shot", "--format", "b"): {"bgra"}}
+                 ("shot", "--format", "b"): {"bgra"}, ("help", "d"): {"devices", "doctor"}}
         for words, wanted in cases.items():
             offered = self.typed_in_bash("screenrecord", *words).split()
             self.assertEqual({word for word in offered if not word.startswith("-")}, wanted)

@@ -85,7 +85,7 @@ class Refusals(ShortEndToEndTest):
             ("-o a.ts", "'-o'", "record, stream"), ("record", "--output", "FILE.ts"),
             ("record -o", "--output", "FILE.ts"), ("record a.ts", "'a.ts'", "--output"),
             ("record -o a.ts --fsp 3", "'--fsp'", "--fps"), ("record -o a.ts -r 0", "'0'", "1 to 120"),
-            ("record -o a.ts -t soon", "'soon'", "seconds above 0"), ("record -o a.ts -s 9x9", "'9x9'", "even"),
+            ("record -o a.ts -t soon", "'soon'", "such as 10, 90s"), ("record -o a.ts -s 9x9", "'9x9'", "even"),
             ("record -o a.ts -s wide", "'wide'", "x"), ("record -o a.ts --packet-size 189", "189", "188"),
             ("record -o a.ts --rate 5", "'5'", "4 Mbit/s"), ("record -o a.ts --slot 2", "'2'", "0 or 1"),
             ("record -o a.ts --slot 1", "slot 0 only", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
@@ -97,7 +97,8 @@ class Refusals(ShortEndToEndTest):
             ("record -y -o old.ts --source link -s 64x64", "'old.ts'", "another name"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
-            ("devices now", "'now'", "no option of devices"),
+            ("devices now", "'now'", "no option of devices"), ("help recrod", "'recrod'", "perhaps record"),
+            ("help me out", "'me'", "record, stream"), ("version 2", "'2'", "no option of version"),
         ]
         for words, wrong, right in cases:
             with self.subTest(words):

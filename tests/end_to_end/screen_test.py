@@ -66,7 +66,7 @@ class Screen(ShortEndToEndTest):
         self.fill(RED)
         self.move_pointer(100, 100)
         for options, places in ((), {(100, 100): RED, (319, 255): RED}), (
-                ("--osd",), {(100, 100): BLACK, (95, 95): BLACK, (106, 106): BLACK, (110, 110): RED}), (
+                ("--pointer",), {(100, 100): BLACK, (95, 95): BLACK, (106, 106): BLACK, (110, 110): RED}), (
                 ("-s", "320x128"), {(0, 64): BLACK, (70, 64): BLACK, (160, 64): RED}):
             self.run_program("screenrecord", "shot", "-y", "-o", "a.png", *options)
             self.assert_near(judges.decode(self.path("a.png"), 0), places, options)
