@@ -8,6 +8,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "common/printable.h"
+
 namespace client {
 namespace {
 
@@ -38,6 +40,13 @@ constexpr const char* back_to_empty_line = "\r\033[K";
 
 } // namespace
 
+std::string printable(const std::string& text)
+{
+    std::string made;
+    zu3host::put_printable(text, [&made](std::string_view piece) { made += piece; });
+    return made;
+}
+
 void say(const std::string& sentence)
 {
     print_error_line("screenrecord: " + sentence);
@@ -45,18 +54,19 @@ void say(const std::string& sentence)
 
 void print_error_line(const std::string& line)
 {
-    write_error((status_line_shown ? back_to_empty_line : "") + line + "\n", patience_ms);
+    write_error((status_line_shown ? back_to_empty_line : "") + printable(line) + "\n", patience_ms);
     status_line_shown = false;
 }
 
 void print_status_object(const std::string& object)
 {
-    write_error(object + "\n", no_patience_ms);
+    write_error(printable(object) + "\n", no_patience_ms);
 }
 
-void show_status_line(const std::string& line)
+void show_status_line(const std::string& mark, const std::string& line)
 {
-    write_error(back_to_empty_line + line + "\r", no_patience_ms); // what others write begins at its begin
+    // What others write begins at its begin.
+    write_error(back_to_empty_line + mark + " " + printable(line) + "\r", no_patience_ms);
     status_line_shown = true;
 }
 

@@ -174,7 +174,7 @@ private:
             say("the sound server went away for a while: " +
                 (wav_ ? sink_.path() : std::string("what was recorded")) + " is silent there");
         if (wav_)
-            surroundings_.output.print_line(sink_.path());
+            surroundings_.output.print_path(sink_.path());
         return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
     }
 

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <fcntl.h>
 
+#include "messages.h"
+
 namespace client {
 
 ProgramOutput::ProgramOutput(bool verbose)
@@ -16,6 +18,16 @@ ProgramOutput::ProgramOutput(bool verbose)
 }
 
 void ProgramOutput::print_line(const std::string& line) const
+{
+    write_line(printable(line));
+}
+
+void ProgramOutput::print_path(const std::string& path) const
+{
+    write_line(isatty(fd_.get()) == 1 ? printable(path) : path);
+}
+
+void ProgramOutput::write_line(const std::string& line) const
 {
     // Nobody is told when nobody listens.
     [[maybe_unused]] const auto written = write(fd_.get(), (line + "\n").c_str(), line.size() + 1);

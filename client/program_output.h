@@ -16,9 +16,14 @@ public:
     explicit ProgramOutput(bool verbose);
 
     int fd() const { return fd_.get(); }
+    /** For people, without control characters. */
     void print_line(const std::string& line) const;
+    /** The path of a finished file: to a program as it is, to a terminal without control characters. */
+    void print_path(const std::string& path) const;
 
 private:
+    void write_line(const std::string& line) const;
+
     UniqueFd fd_;
 };
 

@@ -188,7 +188,7 @@ private:
             say("cannot record: nothing reached " + file.path());
             return ExitCode::failed;
         }
-        surroundings_.output.print_line(file.path());
+        surroundings_.output.print_path(file.path());
         return problem_ ? ExitCode::ended_early : ExitCode::complete;
     }
 

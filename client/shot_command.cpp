@@ -43,7 +43,7 @@ void save(const std::vector<uint8_t>& bytes, const std::string& path, bool overw
     WholeFile file(path);
     file.write(bytes.data(), bytes.size());
     file.put_in_place(overwrite);
-    surroundings.output.print_line(path);
+    surroundings.output.print_path(path);
 }
 
 } // namespace

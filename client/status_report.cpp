@@ -6,6 +6,7 @@
 #include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
 
 #include "messages.h"
 #include "output_file.h"
@@ -49,7 +50,7 @@ const char* truth_or_null(const std::optional<bool>& value)
 
 std::string sound_text(double level)
 {
-    return level > 0 ? format_text("  sound %.0f dB", 20 * std::log10(level)) : "  sound silent";
+    return level > 0 ? format_text("sound %.0f dB", 20 * std::log10(level)) : "sound silent";
 }
 
 } // namespace
@@ -64,20 +65,32 @@ std::string progress_as_json(const Progress& p, const char* state)
         number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers));
 }
 
-std::string progress_as_line(const Progress& p, bool colour)
+std::string progress_as_line(const Progress& p, size_t columns)
 {
     const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
-    std::string line = format_text("%s %02lu:%02lu:%02lu", colour ? "\033[31m●\033[0m" : "REC",
-                                   seconds / 3600, seconds / 60 % 60, seconds % 60);
+    // From left to right, each with its worth: a narrow terminal goes without those of the least.
+    std::vector<std::pair<std::string, int>> parts = {
+        {format_text("%02lu:%02lu:%02lu", seconds / 3600, seconds / 60 % 60, seconds % 60), 7}};
     if (p.display_answers == false)
-        line += "  display does not answer";
-    if (p.frames && p.fps && p.dropped)
-        line +=
-            format_text("  %llu frames  %.1f fps  %llu dropped", static_cast<unsigned long long>(*p.frames),
-                        *p.fps, static_cast<unsigned long long>(*p.dropped));
-    line += format_text("  %.1f MB  %.2f Mbit/s", static_cast<double>(p.file_bytes) / 1e6,
-                        p.bits_per_second / 1e6);
-    return p.sound_level ? line + sound_text(*p.sound_level) : line;
+        parts.push_back({"display does not answer", 6});
+    if (p.frames && p.fps && p.dropped) {
+        parts.push_back({format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
+        parts.push_back({format_text("%.1f fps", *p.fps), 2});
+        parts.push_back({format_text("%llu dropped", static_cast<unsigned long long>(*p.dropped)), 3});
+    }
+    parts.push_back({format_text("%.1f MB", static_cast<double>(p.file_bytes) / 1e6), 5});
+    parts.push_back({format_text("%.2f Mbit/s", p.bits_per_second / 1e6), 4});
+    if (p.sound_level)
+        parts.push_back({sound_text(*p.sound_level), 1});
+    while (true) {
+        std::string line;
+        for (const auto& [text, worth] : parts)
+            line += (line.empty() ? "" : "  ") + text;
+        if (line.size() <= columns || parts.size() == 1)
+            return line.substr(0, columns);
+        parts.erase(std::min_element(parts.begin(), parts.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; }));
+    }
 }
 
 StatusReport::StatusReport(bool json, std::string status_file)
@@ -118,9 +131,12 @@ void StatusReport::update(const Progress& progress)
 {
     last_ = progress;
     next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
-    if (terminal_) // the escape sequences of the mark take no room
-        show_status_line(
-            progress_as_line(progress, colour_).substr(0, terminal_columns() + (colour_ ? 10 : -1)));
+    if (terminal_) {
+        const size_t taken = std::strlen(colour_ ? "* " : "REC ") + 1; // the last column stays free
+        const size_t columns = terminal_columns();
+        show_status_line(colour_ ? "\033[31m●\033[0m" : "REC",
+                         progress_as_line(progress, columns > taken ? columns - taken : 0));
+    }
     const std::string object = progress_as_json(progress, "recording");
     if (json_)
         print_status_object(object);

@@ -226,7 +226,7 @@ private:
                             static_cast<unsigned long long>(key_frames_),
                             static_cast<unsigned long long>(sink_.delivered())));
         if (!sink_.path().empty())
-            surroundings_.output.print_line(sink_.path());
+            surroundings_.output.print_path(sink_.path());
         return problem_ ? ExitCode::ended_early : ExitCode::complete;
     }
 

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include "lost_frames.h"
+#include "messages.h"
 #include "option_values.h"
+#include "status_report.h"
 #include "stream_control.h"
 #include "wav_file.h"
 
@@ -93,6 +95,48 @@ TEST(StreamControl, WatermarkLines)
     for (const char* wrong : {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k", "bitrate 241M",
                               "bitrate 1M now", "stop it"})
         EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(wrong))) << wrong;
+}
+
+// Catches a terminal that somebody's file name drives, or reads backwards, and names that are mangled though
+// they are harmless.
+TEST(Messages, HaveNoControlCharactersOfOthers)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"plain ~ \\x41", "plain ~ \\x41"},
+        {"\x1b]0;mine\x07\n\t\x7f", "\\x1b]0;mine\\x07\\x0a\\x09\\x7f"},
+        {"Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0", "Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0"},
+        {"\x9b"
+         "2J \xc2\x9b"
+         "2J",
+         "\\x9b2J \\xc2\\x9b2J"},
+        {"gpj.\u202e \u2066 \u2028", "gpj.\\xe2\\x80\\xae \\xe2\\x81\\xa6 \\xe2\\x80\\xa8"},
+        {"\xc0\x9b \xe0\x82\x9b \xed\xa0\x80 \xf4\x90\x80\x80 \xe6\x97", // overlong, no character, cut
+         "\\xc0\\x9b \\xe0\\x82\\x9b \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80 \\xe6\\x97"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(printable(text), expected);
+}
+
+// Catches a line that is cut in the middle of a number, or that wraps, which leaves old lines standing.
+TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
+{
+    const Progress progress{.elapsed_seconds = 3723,
+                            .frames = 111690,
+                            .dropped = 2,
+                            .fps = 30,
+                            .file_bytes = 1'234'500'000,
+                            .bits_per_second = 2.5e6,
+                            .sound_level = 0.1};
+    const std::string whole =
+        "01:02:03  111690 frames  30.0 fps  2 dropped  1234.5 MB  2.50 Mbit/s  sound -20 dB";
+    for (size_t columns = 0; columns < 100; ++columns) {
+        const std::string line = progress_as_line(progress, columns);
+        EXPECT_LE(line.size(), columns);
+        EXPECT_EQ(line == whole, columns >= whole.size());
+        const bool size_and_rate = line.find("1234.5 MB  2.50 Mbit/s") != line.npos;
+        EXPECT_TRUE(size_and_rate || columns < 36) << line; // of 40: mark and last column are taken
+    }
+    EXPECT_EQ(progress_as_line(progress, 36), "01:02:03  1234.5 MB  2.50 Mbit/s");
 }
 
 // Catches a wrap to a tiny size beyond 4 GiB. That the header is right, readers of recorded files show.

@@ -66,6 +66,29 @@ class Files(ShortEndToEndTest):
             self.assertTrue(pipe.is_fifo())
 
 
+class Names(ShortEndToEndTest):
+    EVIL = "\033]0;mine\007\033[2J\u009b5m\u202e"
+
+    def test_nobody_elses_control_characters_are_shown(self):
+        # Catches names that drive the terminal: of files, displays, sound sources, and in the environment.
+        self.start_sound()
+        self.run_program("pactl", "load-module", "module-null-sink", "sink_name=evil",
+                         f"sink_properties=device.description='\"{self.EVIL}\"'")
+        test_card, evil_display = {"ZU3_DISPLAY": "testcard"}, {"DISPLAY": self.EVIL}
+        cases = [(0, ["devices"], evil_display), (1, ["doctor"], evil_display), (2, ["record", self.EVIL], {}),
+                 (1, ["pcm", "-o", f"{self.EVIL}/a.wav"], {}), (1, ["shot", "-o", "a.png"], evil_display),
+                 (1, ["record", "-v", "-o", "a.ts", "--display", self.EVIL], {}),
+                 (1, ["stream", "-o", "a.h264", "--watermark", self.EVIL], test_card),
+                 (0, ["record", "-v", "-t", "0.2", "-o", f"{self.EVIL}.ts"], test_card)]
+        for code, words, environment in cases:
+            evil = self.client(*words, environment=environment)
+            self.assert_exit(evil, code)
+            said = evil.errors() + evil.output() * (not words[-1].endswith(".ts"))
+            self.assertNotRegex(said, r"[^\n -~]", words)
+            self.assertIn(r"\x1b[2J\xc2\x9b5m\xe2\x80\xae", said, words)
+        self.assertEqual(evil.output(), f"{self.EVIL}.ts\n")
+
+
 class Descriptors(ShortEndToEndTest):
     def descriptors(self, client):
         """(path in /proc, name, flags) of what a process has open beyond the standard three."""

@@ -44,7 +44,8 @@ TEST(LogFilter, FollowsLogcatsExpressions)
     }
 }
 
-// Catches a format that log readers do not know, lines without a prefix, and a filter that is not asked.
+// Catches a format that log readers do not know, lines without a prefix, a filter that is not asked, and
+// control characters of others.
 TEST(Log, PrintsLogcatsBriefFormat)
 {
     const std::string pid = std::to_string(getpid());
@@ -53,8 +54,11 @@ TEST(Log, PrintsLogcatsBriefFormat)
     __android_log_print(ANDROID_LOG_ERROR, "screenrecord", "[%s][%d]text\n", "f", 7);
     __android_log_print(ANDROID_LOG_DEBUG, "loud", "two\nlines\n\n");
     __android_log_print(ANDROID_LOG_WARN, "quiet", "nothing of this");
+    __android_log_print(ANDROID_LOG_ERROR, "loud", "%s is %s\n", "\033[2J\r", "\xc2\x9b");
+    __android_log_print(ANDROID_LOG_ERROR, "loud", "\033[35m%d\033[m", 1);
     const std::string expected = "E/screenrecord" + process + "[f][7]text\nD/loud    " + process +
-                                 "two\nD/loud    " + process + "lines\n";
+                                 "two\nD/loud    " + process + "lines\nE/loud    " + process +
+                                 "\\x1b[2J\\x0d is \\xc2\\x9b\nE/loud    " + process + "\033[35m1\033[m\n";
     EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
 }
 

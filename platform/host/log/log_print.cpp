@@ -1,5 +1,6 @@
 #include "common/border.h"
 #include "common/broken_pipe_guard.h"
+#include "common/printable.h"
 #include "log/log_filter.h"
 
 #include <algorithm>
@@ -43,15 +44,17 @@ bool is_shown(int priority, const char* tag)
     return zu3host::answer_or(true, shows, [](const char*) {});
 }
 
-/** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. */
-void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message)
+/** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. Of control
+ * characters only those of the format pass, which the library colours some lines with. */
+void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message, std::string_view format)
 {
     while (message.ends_with('\n'))
         message.remove_suffix(1);
     while (true) {
         const size_t length = std::min(message.find('\n'), message.size());
         out.put(prefix);
-        out.put(message.substr(0, length));
+        zu3host::put_printable(
+            message.substr(0, length), [&out](std::string_view piece) { out.put(piece); }, format);
         out.end_line();
         if (length == message.size())
             return;
@@ -115,7 +118,7 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
 
     LineBuffer out;
     put_lines(out, formatted(prefix.data(), prefix.size(), prefix_length),
-              formatted(message.data(), message.size(), length));
+              formatted(message.data(), message.size(), length), fmt);
     const int result = write_to_stderr(out.text());
     errno = kept_errno;
     return result;
