@@ -64,7 +64,8 @@ void define_output(CLI::App& command, CommonOptions& options, const char* type, 
 {
     command.add_option("-o,--output", options.output, text)->required()->type_name(type);
     command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
-    command.add_flag("-v,--verbose", options.verbose, "say what was chosen, and show the library's log");
+    command.add_flag("-v,--verbose", options.verbose,
+                     "say what was chosen, and show of the library's log what explains a failure");
 }
 
 void define_display(CLI::App& command, CommonOptions& options)

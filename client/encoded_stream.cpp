@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "exit_code.h"
+#include "library_log.h"
 #include "screenrecord/screenrecord.h"
 #include "watermark.h"
 
@@ -31,10 +31,11 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size)
                                 .osd = options.osd};
     if (video_capenc_open(&params) != 0) {
         video_capenc_close();
-        throw Failure(
-            "cannot stream: the library refused to open capture and encoder with this size, rate, profile "
-            "and level; --verbose shows its reasons");
+        throw library_failure(
+            "cannot stream: the library refused to open capture and encoder with this size, "
+            "rate, profile and level");
     }
+    forget_library_log();
     size_ = {params.width, params.height};
     try {
         start(options.watermark);
@@ -49,7 +50,7 @@ void EncodedStream::start(const WatermarkOptions& watermark)
     if (!watermark.image.empty())
         set_watermark(watermark);
     if (video_capenc_start(0) != 0)
-        throw Failure("cannot stream: the library refused to start; --verbose shows its reasons");
+        throw library_failure("cannot stream: the library refused to start");
     running_ = true;
 }
 

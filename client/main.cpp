@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "library_log.h"
 #include "messages.h"
 
 namespace {
@@ -30,8 +31,12 @@ void fill_standard_descriptors()
 void prepare_environment(const CommonOptions* options)
 {
     // The library logs every module that an ordinary recording does not use as an error. What went wrong is
-    // said by us; the library's own reasons are a --verbose away, and what the platform has chosen.
-    setenv("ANDROID_LOG_TAGS", options && options->verbose ? "zu3:I" : "screenrecord:S", 0);
+    // said by us; with --verbose the library's own reasons are kept until then, and what the platform has
+    // chosen is shown. Whoever sets the variable sees what it asks for.
+    const bool verbose = options && options->verbose;
+    if (verbose && !std::getenv("ANDROID_LOG_TAGS"))
+        keep_library_log();
+    setenv("ANDROID_LOG_TAGS", verbose ? "zu3:I screenrecord:S" : "screenrecord:S", 0);
     if (options && !options->display.empty())
         setenv("DISPLAY", options->display.c_str(), 1);
 }
@@ -44,7 +49,10 @@ template <typename Options> ExitCode run_command(const Options& options)
         ProgramOutput output(given && given->verbose);
         prepare_environment(given);
         Surroundings surroundings{signals, output};
-        return run(options, surroundings);
+        const ExitCode code = run(options, surroundings);
+        if (code != ExitCode::complete)
+            show_library_log();
+        return code;
     } catch (const Failure& failure) {
         say(failure.what());
         return failure.code();

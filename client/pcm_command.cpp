@@ -5,6 +5,7 @@
 
 #include "byte_sink.h"
 #include "commands.h"
+#include "library_log.h"
 #include "messages.h"
 #include "screenrecord/screenrecord.h"
 #include "statistics.h"
@@ -22,8 +23,7 @@ public:
     {
         if (audio_cap_open() != 0 || audio_cap_start() != 0) {
             audio_cap_close();
-            throw Failure(
-                "cannot record sound: the library refused to open the capture; --verbose shows its reasons");
+            throw library_failure("cannot record sound: the library refused to open the capture");
         }
         audio_cap_getInfo(&info_);
         buffer_.resize(info_.u64BufSize);

@@ -2,7 +2,7 @@
 
 #include <poll.h>
 
-#include "exit_code.h"
+#include "library_log.h"
 #include "screenrecord/screenrecord.h"
 #include "statistics.h"
 
@@ -36,8 +36,8 @@ uint8_t* bytes(std::string& text)
 void require(uint32_t succeeded, const char* what)
 {
     if (!succeeded)
-        throw Failure(std::string("cannot record: the library refused to ") + what +
-                      "; --verbose shows its reasons");
+        throw library_failure(std::string("cannot record: the library refused to ") + what);
+    forget_library_log();
 }
 
 // "cap" means the screen; a file of that name needs a path.

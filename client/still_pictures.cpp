@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "exit_code.h"
+#include "library_log.h"
 #include "messages.h"
 #include "screenrecord/screenrecord.h"
 
@@ -27,8 +28,7 @@ StillPictures::StillPictures(Size size, uint32_t format, bool osd) : size_(size)
         .width = size.width, .height = size.height, .colorfmt = format, .withosd = osd, .buffer_number = 1};
     if (video_cap_open(&params) != 0) {
         video_cap_close();
-        throw Failure(
-            "cannot take a screenshot: the library refused to open the capture; --verbose shows its reasons");
+        throw library_failure("cannot take a screenshot: the library refused to open the capture");
     }
     try {
         map_planes();
@@ -55,7 +55,7 @@ void StillPictures::map_planes()
 {
     Cap_Buffer buffer = {};
     if (video_cap_getCaptureBuffers(&buffer, 1) != 0)
-        throw Failure("cannot take a screenshot: there is no memory for a picture of this size");
+        throw library_failure("cannot take a screenshot: there is no memory for a picture of this size");
     const size_t first = size_t{line_bytes(format_, size_.width)} * size_.height;
     planes_.push_back(map_plane(buffer.fd[0], buffer.offset[0], buffer.size[0], first));
     if (buffer.planeCount > 1)
@@ -80,8 +80,7 @@ StillPictures::Plane StillPictures::map_plane(int fd, uint32_t offset, uint64_t 
 void StillPictures::capture()
 {
     if (video_cap_captureScreen(0) != 0)
-        throw Failure(
-            "cannot take a screenshot: the display could not be captured; --verbose shows the reasons");
+        throw library_failure("cannot take a screenshot: the display could not be captured");
 }
 
 std::vector<uint8_t> StillPictures::raw_bytes() const

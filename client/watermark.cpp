@@ -1,6 +1,6 @@
 #include "watermark.h"
 
-#include "exit_code.h"
+#include "library_log.h"
 #include "png_file.h"
 #include "screenrecord/screenrecord.h"
 #include "srglworker/SrGlWorker.h"
@@ -36,7 +36,7 @@ void set_watermark(const WatermarkOptions& options)
         params.spMemory = android::sp<android::IMemory>(new PictureMemory(std::move(picture.bytes)));
     }
     if (video_capenc_setWatermark(params) != 0)
-        throw Failure("cannot draw the watermark: the library refused it; --verbose shows its reasons");
+        throw library_failure("cannot draw the watermark: the library refused it");
 }
 
 } // namespace client

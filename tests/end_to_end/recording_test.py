@@ -128,6 +128,15 @@ class Refusals(ShortEndToEndTest):
         self.assertEqual(judges.faults(self.old), "")
 
 
+    def test_verbose_explains_failures_alone(self):
+        # Catches errors in a run without any, and a failure whose reason is lost among what its clean-up says.
+        for code, limit, said in ((0, 64, ""), (1, 6, r"E/screenrecord\(.*\): \[SCREENRECORD_Open\].*Fopen.*\n")):
+            recorder = self.client("record", "-y", "-v", "-s", "64x64", "-t", "0.2", "-o", "v.ts",
+                                   prepare=lambda limit=limit: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+            self.assert_exit(recorder, code)
+            self.assertRegex("".join(line for line in recorder.errors().splitlines(True) if "E/screenrecord" in line),
+                             rf"\A{said}\Z", recorder.errors())
+
     def test_status_of_a_failure(self):
         # Catches a status that stays at "starting" for ever.
         refused = self.client("record", "-o", "b.ts", "--status-file", "status", "-s", "64x64",

@@ -2,6 +2,7 @@
 #include "common/broken_pipe_guard.h"
 #include "common/printable.h"
 #include "log/log_filter.h"
+#include "zu3_host/log_listener.h"
 
 #include <algorithm>
 #include <array>
@@ -89,6 +90,8 @@ int write_to_stderr(std::string_view text)
     return written < 0 ? -errno : static_cast<int>(written);
 }
 
+std::atomic<zu3_host_log_listener_t> log_listener{nullptr};
+
 /** What snprintf left in a buffer of `capacity` bytes, given its result. */
 std::string_view formatted(const char* buffer, size_t capacity, int result)
 {
@@ -97,11 +100,18 @@ std::string_view formatted(const char* buffer, size_t capacity, int result)
 
 } // namespace
 
+HOST_EXPORT void zu3_host_listen_to_log(zu3_host_log_listener_t listener)
+{
+    log_listener = listener;
+}
+
 HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, ...)
 {
     if (!tag)
         tag = "";
-    if (!is_shown(prio, tag))
+    const bool shown = is_shown(prio, tag);
+    const zu3_host_log_listener_t listener = prio >= ANDROID_LOG_WARN ? log_listener.load() : nullptr;
+    if (!shown && !listener)
         return 0;
     // A caller's errno is not the log's to change: messages stand between a failure and what is made of it.
     const int kept_errno = errno;
@@ -119,7 +129,9 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
     LineBuffer out;
     put_lines(out, formatted(prefix.data(), prefix.size(), prefix_length),
               formatted(message.data(), message.size(), length), fmt);
-    const int result = write_to_stderr(out.text());
+    if (listener)
+        listener(tag, out.text().data(), static_cast<uint32_t>(out.text().size()));
+    const int result = shown ? write_to_stderr(out.text()) : 0;
     errno = kept_errno;
     return result;
 }
