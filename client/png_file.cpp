@@ -1,8 +1,10 @@
 #include "png_file.h"
 
+#include <cerrno>
 #include <png.h>
 
 #include "exit_code.h"
+#include "messages.h"
 
 namespace client {
 namespace {
@@ -17,9 +19,19 @@ struct PngImage : png_image {
     PngImage& operator=(const PngImage&) = delete;
 };
 
-[[noreturn]] void fail(const std::string& what, const PngImage& image)
+[[noreturn]] void fail(const std::string& what, const std::string& reason)
 {
-    throw Failure("cannot " + what + ": " + image.message);
+    throw Failure("cannot " + what + ": " + reason);
+}
+
+/** Why a picture cannot be read, from libpng's word for it. */
+std::string explained(const std::string& said)
+{
+    if (said == "Not a PNG file")
+        return "it is no PNG picture, which is the only kind that can be drawn; convert it to PNG";
+    if (said == "Read Error" || said == "read beyond end of data")
+        return "it ends too early to be a whole PNG picture";
+    return "it is a damaged PNG picture (" + said + ")";
 }
 
 } // namespace
@@ -27,14 +39,17 @@ struct PngImage : png_image {
 RgbaPicture read_png(const std::string& path)
 {
     PngImage image;
-    if (!png_image_begin_read_from_file(&image, path.c_str()))
-        fail("read the picture " + path, image);
+    errno = 0;
+    if (!png_image_begin_read_from_file(&image,
+                                        path.c_str())) // says as the system does that it cannot open it
+        fail("read the picture " + path,
+             errno != 0 && error_text(errno) == image.message ? image.message : explained(image.message));
     if (image.width > greatest_side || image.height > greatest_side)
         throw Failure("cannot use the picture " + path + ": it is larger than 4096x4096");
     image.format = PNG_FORMAT_RGBA;
     RgbaPicture picture{{image.width, image.height}, std::vector<uint8_t>(PNG_IMAGE_SIZE(image))};
     if (!png_image_finish_read(&image, nullptr, picture.bytes.data(), 0, nullptr))
-        fail("read the picture " + path, image);
+        fail("read the picture " + path, explained(image.message));
     return picture;
 }
 
@@ -49,7 +64,7 @@ std::vector<uint8_t> encode_png(Size size, const std::vector<uint8_t>& bgr)
     std::vector<uint8_t> file(PNG_IMAGE_PNG_SIZE_MAX(image));
     png_alloc_size_t length = file.size();
     if (!png_image_write_to_memory(&image, file.data(), &length, 0, bgr.data(), 0, nullptr))
-        fail("make a PNG picture", image);
+        fail("make a PNG picture", image.message);
     file.resize(length);
     return file;
 }

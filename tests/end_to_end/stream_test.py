@@ -124,6 +124,18 @@ class Watermark(ShortEndToEndTest):
         self.run_program("screenrecord", "stream", "-o", name, "-t", "2", "-b", "8M", *options)
         return judges.decode(self.path(name), 40, "yuv420p")
 
+    def test_what_is_no_picture(self):
+        # Catches words of libpng that tell nobody what is wrong with his file.
+        cases = [(b"just a text", "is no PNG picture"), (b"", "ends too early"), (b"\x89PNG\r\n\x1a\n" + bytes(99), "is a damaged"),
+                 (None, "No such file")]
+        for content, said in cases:
+            self.path("no.png").unlink(missing_ok=True)
+            if content is not None:
+                self.path("no.png").write_bytes(content)
+            refused = self.client("stream", "-o", "a.h264", "--watermark", "no.png", environment={"ZU3_DISPLAY": "testcard"})
+            self.assert_exit(refused, 1)
+            self.assertIn(said, refused.errors())
+
     def test_looks_as_composed(self):
         self.start_display("640x352")
         self.start_screen("--static")
