@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <sys/auxv.h>
 #include <thread>
 #include <xcb/randr.h>
 #include <xcb/shm.h>
@@ -90,7 +91,7 @@ struct Answer {
 
 std::string environment(const char* name)
 {
-    const char* value = std::getenv(name);
+    const char* value = secure_getenv(name);
     return value ? value : "";
 }
 
@@ -127,6 +128,9 @@ DisplayInfo display_to_capture()
     if (test_card_asked())
         return {.name = "the test card", .size = {1280, 720}};
     const std::string name = environment("DISPLAY");
+    if (name.empty() && getauxval(AT_SECURE))
+        throw Failure("cannot reach a display: this program was given privileges (set-uid, set-gid or file "
+                      "capabilities), so that its environment does not choose one; take them away");
     if (name.empty())
         throw Failure(
             "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord "

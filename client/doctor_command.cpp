@@ -51,7 +51,7 @@ Finding examine_shared_memory()
 {
     if (test_card_asked())
         return {Finding::Kind::good, "The test card needs no shared memory with a display."};
-    const char* name = std::getenv("DISPLAY");
+    const char* name = secure_getenv("DISPLAY");
     const auto display = name && *name ? probe_display(name) : std::nullopt;
     if (!display)
         return {Finding::Kind::limited,
@@ -66,7 +66,7 @@ Finding examine_shared_memory()
 
 Finding examine_sound()
 {
-    const char* chosen = std::getenv("ZU3_AUDIO");
+    const char* chosen = secure_getenv("ZU3_AUDIO");
     if (chosen && (std::string(chosen) == "tone" || std::string(chosen) == "silence"))
         return {Finding::Kind::good,
                 "ZU3_AUDIO asks for " + std::string(chosen) + ", so no sound server is needed."};

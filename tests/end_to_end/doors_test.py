@@ -5,9 +5,12 @@ import fcntl
 import itertools
 import os
 import pathlib
+import platform
 import re
+import shutil
 import struct
 import subprocess
+import tempfile
 import unittest
 
 import judges
@@ -167,16 +170,41 @@ class Hardening(unittest.TestCase):
 
     BUILT = ("lib/libscreenrecord.so", "lib/libzu3.so", "lib/libSrGlWorker.so", "bin/screenrecord")
 
+    def code(self, name):
+        return subprocess.run(["objdump", "-d", "--no-show-raw-insn", BUILD / name], capture_output=True, check=True,
+                              text=True).stdout
+
+    @unittest.skipIf(os.geteuid() != 0, "only root gives a file away")
+    def test_privileged_process_is_not_led_by_its_environment(self):
+        # Catches somebody who lends a program's rights, and chooses what it connects to.
+        with tempfile.TemporaryDirectory() as folder:
+            program = pathlib.Path(folder, "set-uid")
+            shutil.copy(BUILD / "bin/host_capture_test", program)
+            os.chmod(folder, 0o755)
+            for mode, said, passes in ((0o755, "", True), (0o4755, "privileges of its own", False)):
+                program.chmod(mode)
+                ended = subprocess.run([program, "--gtest_filter=*LeavesLeasedPicturesAlone"], user=65534, cwd="/",
+                                       env={}, capture_output=True, text=True)
+                self.assertEqual(ended.returncode == 0, passes, ended.stdout + ended.stderr)
+                self.assertIn(said, ended.stderr)
+
     def test_built_files(self):
         for name in self.BUILT:
             with self.subTest(name):
                 listing, needs = (subprocess.run([*tool, BUILD / name], capture_output=True, check=True, text=True).stdout
-                                  for tool in (["readelf", "-Whld"], ["nm", "-D", "-u"]))
+                                  for tool in (["readelf", "-Whldn"], ["nm", "-D", "-u"]))
                 for wanted in (r"Type: +DYN", "GNU_RELRO", r"\(FLAGS_1\).*\bNOW\b", r"GNU_STACK .* RW +0x"):
                     self.assertRegex(listing, wanted)
                 self.assertNotIn("TEXTREL", listing)
                 self.assertNotRegex(listing, r"RUNPATH.*(\[:|::|:\])", "an empty entry is the current folder")
                 self.assertNotIn("libpulse", listing, "loaded by whoever starts, with its two dozen libraries")
                 self.assertIn("__stack_chk_fail", needs)
+                if platform.machine() == "x86_64":
+                    self.assertRegex(listing, r"x86 feature:.*\bSHSTK\b")
+                    self.assertIn("endbr64", self.code(name))
+                if "zu3" in name:  # which has all that the others may lack: great frames, containers by index
+                    self.assertIn("__glibcxx_assert_fail", needs)
+                    if platform.machine() == "x86_64":
+                        self.assertRegex(self.code(name), r"orq? +\$0x0,\(%rsp\)", "no page of a frame is touched")
                 if "SrGlWorker" not in name:  # which makes no call that could be
                     self.assertRegex(needs, r"__\w+_chk\b", "no call is fortified")

@@ -44,6 +44,20 @@ class Symbols(unittest.TestCase):
             parts = re.findall(r"\w+", re.sub(r"^(vtable|typeinfo|VTT) for |\(.*", "", name))
             self.assertLessEqual(set(parts), words, name)
 
+    def test_exports_of_the_platform_are_the_contract(self):
+        headers = [path for folder in ("platform/include", "platform/host/include")
+                   for path in (SOURCE / folder).rglob("*.h")]
+        text = "\n".join(path.read_text("utf-8") for path in headers)
+        declared = set(re.findall(r"^(?:u32|s32|int|nsecs_t|uint32_t|const char\*) (\w+)\(", text, flags=re.M))
+        self.assertGreater(len(declared), 70)
+        worker = "android::vexa_screenrecord::SrGlWorker::"
+        expected = {"libzu3.so": declared | {"android::RefBase"},
+                    "libSrGlWorker.so": {worker + name for name in ("newWorker", "prepare", "setWatermark", "render", "reset",
+                                                                    "VideoBuffer::newBuffer")}}
+        for library, names in expected.items():
+            exported = demangled(symbols(BUILD / "lib" / library, "--defined-only")).values()
+            self.assertEqual({re.sub(r".*(android::RefBase).*|\(.*", r"\1", name) for name in exported}, names)
+
     def test_needed_libraries(self):
         needed = set(re.findall(r"NEEDED\D*\[([^\]]+)\]", said_by("readelf", "-d", LIBRARY)))
         self.assertLessEqual(needed, set(RUNTIME + CONTRACT_LIBRARIES))

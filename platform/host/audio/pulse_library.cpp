@@ -4,13 +4,21 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <pulse/pulseaudio.h>
+#include <sys/auxv.h>
 
 namespace zu3host {
 
 namespace {
 
+/** A process with privileges of its own loads the system's alone, not the first that it finds beside itself.
+ */
+const char* library_name()
+{
+    return getauxval(AT_SECURE) ? ZU3_PULSE_LIBRARY : "libpulse.so.0";
+}
+
 struct Library {
-    void* handle = dlopen("libpulse.so.0", RTLD_NOW | RTLD_LOCAL); // never closed: its threads may linger
+    void* handle = dlopen(library_name(), RTLD_NOW | RTLD_LOCAL); // never closed: its threads may linger
     const std::string failure = handle ? "" : dlerror();
 };
 

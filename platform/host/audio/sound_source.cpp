@@ -67,7 +67,7 @@ std::unique_ptr<SoundSource> open_silence()
 
 std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
 {
-    const char* const setting = std::getenv("ZU3_AUDIO");
+    const char* const setting = secure_getenv("ZU3_AUDIO");
     const std::string_view name = setting && *setting ? setting : "pulse";
     const bool by_pulse = name == "pulse";
     if (by_pulse && load_pulse_library().empty())

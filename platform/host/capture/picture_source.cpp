@@ -31,7 +31,7 @@ std::unique_ptr<PictureSource> open_x11()
 
 std::unique_ptr<PictureSource> open_picture_source()
 {
-    const char* choice = std::getenv("ZU3_DISPLAY");
+    const char* choice = secure_getenv("ZU3_DISPLAY");
     const std::string_view name = choice ? choice : "";
     if (name == "testcard")
         return std::make_unique<TestCard>();

@@ -3,6 +3,8 @@
 #include "capture/x11_replies.h"
 #include "log/host_log.h"
 
+#include <cstdlib>
+#include <sys/auxv.h>
 #include <sys/socket.h>
 #include <xcb/xcbext.h>
 
@@ -28,7 +30,13 @@ const char* reason(int xcb_error)
 
 std::unique_ptr<X11Connection> X11Connection::open()
 {
-    const char* display = std::getenv("DISPLAY");
+    const char* display = secure_getenv("DISPLAY");
+    if (getauxval(AT_SECURE)) {
+        HOST_LOGE("This process has privileges of its own (set-uid, set-gid or file capabilities), so its "
+                  "environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads "
+                  "that are preferred.");
+        return nullptr;
+    }
     if (!display || !*display) {
         HOST_LOGE("DISPLAY is not set, so there is no screen to capture: set it to the X display to record "
                   "(such as DISPLAY=:0), or set ZU3_DISPLAY=testcard to record a test card.");

@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds time_to_get_warm{250};
 
 bool inject_is_allowed()
 {
-    const char* wish = std::getenv("ZU3_INJECT");
+    const char* wish = secure_getenv("ZU3_INJECT");
     return !wish || std::strcmp(wish, "0") != 0;
 }
 

@@ -38,7 +38,7 @@ constexpr int smpte_170m = 6; // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525
 /** The preset that the environment asks for; null where it leaves the choice to us. */
 const char* preset_from_environment()
 {
-    const char* name = std::getenv("ZU3_X264_PRESET");
+    const char* name = secure_getenv("ZU3_X264_PRESET");
     if (!name)
         return nullptr;
     for (const char* const* known = x264_preset_names; *known; ++known)
@@ -70,7 +70,7 @@ void set_for_screens(x264_param_t& parameters, uint32_t profile)
 
 std::optional<int> number_from_environment(const char* name, int least, int most)
 {
-    const char* text = std::getenv(name);
+    const char* text = secure_getenv(name);
     if (!text)
         return std::nullopt;
     int value = 0;
