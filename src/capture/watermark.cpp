@@ -79,10 +79,10 @@ bool IsInInjectBuffer(u64 u64PhyAddr)
     return u64Start <= u64PhyAddr && u64PhyAddr < u64End;
 }
 
-android::qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd)
+qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = _astSlotCtrl[0].stSrcInfo;
-    android::qrl_native_buffer_t stBuffer = {};
+    qrl_native_buffer_t stBuffer = {};
     stBuffer.version = 0x201;
     stBuffer.flags = 2;
     stBuffer.format = 0x23; // HAL_PIXEL_FORMAT_YCbCr_420_888
@@ -171,7 +171,7 @@ void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
     if (pWorker == nullptr || s32Fd < 1 || !IsInInjectBuffer(stFrame.phyYAddr) ||
         !IsInInjectBuffer(stFrame.phyCAddr))
         return;
-    const android::qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
+    const qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
     SR_LOG_AS(
         ANDROID_LOG_DEBUG, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
         "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "

@@ -25,7 +25,7 @@ template <class Object> Object* made(const std::string& function, const std::str
     return call(function, arguments, [](Context&) { return true; }) ? new Object : nullptr;
 }
 
-std::string describe(const android::qrl_native_buffer_t& b)
+std::string describe(const qrl_native_buffer_t& b)
 {
     return text("version=", hex(b.version), " flags=", b.flags, " format=", hex(b.format), " ", b.width, "x",
                 b.height, " pitch=", b.pitch, " addr=", hex(reinterpret_cast<uintptr_t>(b.addr)),

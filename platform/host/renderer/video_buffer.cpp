@@ -12,8 +12,6 @@ namespace zu3host {
 
 namespace {
 
-using android::qrl_native_buffer_t;
-
 constexpr uint32_t known_version = 0x201;
 constexpr uint32_t nv12_format = 0x23;
 

@@ -11,6 +11,25 @@
 #include "utils/RefBase.h"
 #include "utils/StrongPointer.h"
 
+/** A picture that the renderer draws into. */
+struct qrl_native_buffer_t {
+    uint32_t version;      /**< 0x201 */
+    uint32_t flags;        /**< 2 */
+    uint32_t format;       /**< 0x23, HAL_PIXEL_FORMAT_YCbCr_420_888: NV12 here */
+    uint32_t width;        /**< pixels */
+    uint32_t height;       /**< lines */
+    uint32_t pitch;        /**< bytes per line of both planes */
+    void* addr;            /**< virtual address of the buffer that contains the picture */
+    uint32_t reserved0;    /**< 0 */
+    uint64_t phys;         /**< physical start of that buffer */
+    int32_t fd[2];         /**< descriptor of the buffer, one a plane */
+    uint32_t reserved1;    /**< 0 */
+    uint32_t offset[2];    /**< bytes from the buffer's start to the luma and to the chroma plane */
+    uint32_t reserved2[3]; /**< 0 */
+};
+static_assert(sizeof(void*) != 4 || sizeof(qrl_native_buffer_t) == 72,
+              "qrl_native_buffer_t differs from the device's size");
+
 namespace android {
 
 /**
@@ -46,25 +65,6 @@ public:
 };
 static_assert(sizeof(void*) != 4 || sizeof(WatermarkParams) == 56,
               "WatermarkParams differs from the device's size");
-
-/** A picture that the renderer draws into. */
-struct qrl_native_buffer_t {
-    uint32_t version;      /**< 0x201 */
-    uint32_t flags;        /**< 2 */
-    uint32_t format;       /**< 0x23, HAL_PIXEL_FORMAT_YCbCr_420_888: NV12 here */
-    uint32_t width;        /**< pixels */
-    uint32_t height;       /**< lines */
-    uint32_t pitch;        /**< bytes per line of both planes */
-    void* addr;            /**< virtual address of the buffer that contains the picture */
-    uint32_t reserved0;    /**< 0 */
-    uint64_t phys;         /**< physical start of that buffer */
-    int32_t fd[2];         /**< descriptor of the buffer, one a plane */
-    uint32_t reserved1;    /**< 0 */
-    uint32_t offset[2];    /**< bytes from the buffer's start to the luma and to the chroma plane */
-    uint32_t reserved2[3]; /**< 0 */
-};
-static_assert(sizeof(void*) != 4 || sizeof(qrl_native_buffer_t) == 72,
-              "qrl_native_buffer_t differs from the device's size");
 
 namespace vexa_screenrecord {
 
