@@ -96,13 +96,11 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
     const GatePass encoderPass(pstVenc->callbackGate);
     const u32 u32Cap = static_cast<u32>(s32Handle);
 
-    SR_LOGD("(%s %d) Cap Callback! pUsrParam:%s Y Addr=0x%llx, C Addr=0x%llx, u32BufIndex=%u, buffer fd=%d, "
-            "buffer "
-            "physic=0x%llx\n",
-            __func__, __LINE__, static_cast<const char*>(pUserData),
-            static_cast<unsigned long long>(pstFrame->phyYAddr),
-            static_cast<unsigned long long>(pstFrame->phyCAddr), pstFrame->u32BufIndex,
-            _stInjectBufFd.s32Fd.Get(), static_cast<unsigned long long>(_stInjectBufFd.u64PhyAddr));
+    SR_LOGD_LINE("(%s %d) Cap Callback! pUsrParam:%s Y Addr=0x%llx, C Addr=0x%llx, u32BufIndex=%u, buffer "
+                 "fd=%d, buffer physic=0x%llx\n",
+                 static_cast<const char*>(pUserData), static_cast<unsigned long long>(pstFrame->phyYAddr),
+                 static_cast<unsigned long long>(pstFrame->phyCAddr), pstFrame->u32BufIndex,
+                 _stInjectBufFd.s32Fd.Get(), static_cast<unsigned long long>(_stInjectBufFd.u64PhyAddr));
     const s64 s64Pts = systemTime(SYSTEM_TIME_MONOTONIC) / 1000;
     if (IsDropped(pstVenc, s64Pts, SR_HERE)) {
         ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex);
@@ -126,8 +124,8 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
                       SR_HERE);
     }
     if (ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex) != ZU_OK) {
-        SR_LOGE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n", __func__, __LINE__,
-                static_cast<int>(pstFrame->u32BufIndex));
+        SR_LOGE_LINE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n",
+                     static_cast<int>(pstFrame->u32BufIndex));
         return 0;
     }
     StampPicture(pstVenc, s64Pts, stInput);

@@ -255,8 +255,8 @@ s32 video_cap_captureScreen(s32 index)
     SR_LOGD("capture: %lld ms",
             static_cast<long long>((systemTime(SYSTEM_TIME_MONOTONIC) - s64Begin) / 1000000));
     if (ZU_CAP_ProcessBufDone(u32Handle, stFrame.u32BufIndex) != ZU_OK)
-        SR_LOGE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n", __func__, __LINE__,
-                static_cast<int>(stFrame.u32BufIndex));
+        SR_LOGE_LINE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n",
+                     static_cast<int>(stFrame.u32BufIndex));
     return 0;
 }
 

@@ -36,8 +36,8 @@ bool RegisterAcapCallback(u32 u32Handle, SCREENRECORD_Caller_s stCaller)
     const u32 u32Result = ZU_ACAP_RegisterCallback(u32Handle, &stParams, &u64CallbackId);
     if (u32Result == ZU_OK)
         return true;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "%s[%d] Error:%d Fail to register callback !.\n", stCaller.pName,
-              stCaller.s32Line, static_cast<int>(u32Result));
+    SR_LOG_LINE_AS(ANDROID_LOG_ERROR, stCaller, "%s[%d] Error:%d Fail to register callback !.\n",
+                   static_cast<int>(u32Result));
     return false;
 }
 

@@ -151,7 +151,7 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         return u32Result;
     }
     if (_SCREENRECORD_RegisterCallback(static_cast<s32>(u32Handle)) == 0) {
-        SR_LOGE("Error: %s(%d) _SCREENRECORD_RegisterCallback failed\n", __func__, __LINE__);
+        SR_LOGE_LINE("Error: %s(%d) _SCREENRECORD_RegisterCallback failed\n");
         _SCREENRECORD_CloseVcap(pstTask);
         return ZU_FAILURE;
     }

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include "android/log.h"
 #include "middleware/contract_call.h"
@@ -12,6 +14,20 @@ using namespace middleware;
 namespace {
 
 std::atomic<int> objects_alive = 0;
+
+/** "[f][123](f 123)": where a line names its function a second time with a number, it is the same number. */
+void check_line_numbers(const std::string& line)
+{
+    const size_t bracket = line.find("][");
+    if (!line.starts_with('[') || bracket == std::string::npos)
+        return;
+    const std::string name = line.substr(1, bracket - 1);
+    const size_t again = line.find(name, bracket);
+    const size_t number = again + name.size() + 1;
+    if (again != std::string::npos && number < line.size() && std::isdigit(line[number]) &&
+        std::atoi(&line[number]) != std::atoi(&line[bracket + 2]))
+        problem("a log line gives two line numbers: " + line);
+}
 
 /** "[SCREENRECORD_Open][123]text" without "[123]", which changes with every edit of the library. */
 std::string without_line_number(std::string line)
@@ -41,6 +57,7 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     va_end(arguments);
     return call(__func__, text(priority, ", ", line), [&](Context&) {
         const char letter = "??VDIWEFS"[std::clamp(priority, 0, 8)];
+        check_line_numbers(line);
         state().log.push_back(std::string(1, letter) + " " + without_line_number(line));
         if (std::string_view(tag) != "screenrecord")
             problem(text("a log line has the tag ", tag));
