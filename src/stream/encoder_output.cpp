@@ -91,10 +91,9 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
                                          .u64Pts = RelativePts(pstVenc, *pstFrame)};
     if (pstVenc->bTaskExit != 0)
         return ZU_OK;
+    // Also where there is no multiplexer yet, or none any more: the middleware refuses by itself.
     const u32 u32Tsmux = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX)->u32Handle;
-    // An encoder that delivers before its multiplexer is set up, or behind its end, has nowhere to push to.
-    const bool bAttached = u32Tsmux != 0 && stData.u64MuxSrcId != 0;
-    const u32 u32Result = bAttached ? Push(pstVenc, u32Venc, u32Tsmux, stData) : static_cast<u32>(ZU_FAILURE);
+    const u32 u32Result = Push(pstVenc, u32Venc, u32Tsmux, stData);
     if (u32Result != ZU_OK && u32Result != ZU_BUSY)
         SR_LOGE("Error 0x%x: failed to ZU_TSMUX_PushMediaData(VencCbHandler)\n", u32Result);
     return u32Result;

@@ -68,11 +68,13 @@ u32 ZU_TSMUX_DetachMediaSource(u32 handle, u64 source)
 u32 ZU_TSMUX_PushMediaData(u32 handle, const ZU_TSMUX_MediaData_t* data)
 {
     const std::string pts = data->u64Pts == ~u64{0} ? "none" : text(data->u64Pts);
-    return device_call(__func__, Kind::multiplexer, handle,
-                       text(", ", hex(data->u64MuxSrcId), " size=", data->u32DataSize, " pts=", pts),
+    const std::string more = text(", ", hex(data->u64MuxSrcId), " size=", data->u32DataSize, " pts=", pts);
+    if (handle == 0) // an encoder that runs without a multiplexer is no fault
+        return call(__func__, hex(handle) + more, [](Context&) { return ZU_INVALID_ARGUMENT; });
+    return device_call(__func__, Kind::multiplexer, handle, more,
                        [&](Context&, Device& device) {
                            if (!device.sources.contains(data->u64MuxSrcId)) {
-                               if (late_callback_depth == 0)
+                               if (late_callback_depth == 0 && data->u64MuxSrcId != 0)
                                    problem(text("data is pushed to media source ", hex(data->u64MuxSrcId),
                                                 ", which is not attached"));
                                return ZU_INVALID_ARGUMENT;

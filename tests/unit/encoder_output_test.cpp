@@ -94,6 +94,25 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
                                   "E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!"});
 }
 
+/** Whether there is a multiplexer, and a source at it, is its own business. */
+TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
+{
+    steps::close(0);
+    ASSERT_TRUE(steps::open(0) && steps::set_video(0));
+    forget();
+    mw.fail("ZU_TSMUX_PushMediaData", {.result = 7});
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), 7u) << "the multiplexer's own answer";
+    ASSERT_EQ(steps::set_mux(0), 1u);
+    task(0, VENC).u64MuxSrcId = 0;
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_INVALID_ARGUMENT);
+    EXPECT_CALLS(mw.calls_of({"ZU_TSMUX_Push"}), {"ZU_TSMUX_PushMediaData(0x0, 0x0 size=1 pts=0)=7",
+                                                  "ZU_TSMUX_PushMediaData(0x42, 0x0 size=1 pts=0)=8"});
+    const std::string at = "E [_SCREENRECORD_VencCbHandler]Error ",
+                      failed = ": failed to ZU_TSMUX_PushMediaData(VencCbHandler)";
+    EXPECT_CALLS(errors(), {at + "0x7" + failed, at + "0x8" + failed});
+    task(0, VENC).u64MuxSrcId = 0x1'0000'0053;
+}
+
 TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
 {
     for (int i = 0; i < 3; i++)
