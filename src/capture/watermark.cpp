@@ -128,7 +128,9 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
         }
         _pPublishedWorker = _spSrGlWorker.get();
     }
-    if (_spSrGlWorker->setWatermark(spCopy) != 0) {
+    // The worker may ask the client's memory for its address, and the client may stop the pipeline there.
+    const sp<SrGlWorker> spWorker = _spSrGlWorker;
+    if (spWorker->setWatermark(spCopy) != 0) {
         WATERMARK_LOGE("setWatermark failed");
         return -1;
     }
@@ -137,7 +139,8 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
 
 bool _SCREENRECORD_PrepareWatermark()
 {
-    if (!_spSrGlWorker || _spSrGlWorker->prepare() == 0)
+    const sp<SrGlWorker> spWorker = _spSrGlWorker; // for a stop from inside it, as above
+    if (!spWorker || spWorker->prepare() == 0)
         return true;
     WATERMARK_LOGE("prepare failed");
     return false;
@@ -157,11 +160,12 @@ void _SCREENRECORD_ReleaseWatermark()
         _spSrGlWorker.clear();
         return;
     }
-    for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker})
-        if (*pspWorker) {
-            (*pspWorker)->reset();
-            pspWorker->clear();
-        }
+    for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker}) {
+        const sp<SrGlWorker> spWorker = *pspWorker;
+        pspWorker->clear(); // ahead of the reset: a stop from inside it has nothing more to release
+        if (spWorker)
+            spWorker->reset();
+    }
 }
 
 void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)

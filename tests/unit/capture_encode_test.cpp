@@ -148,6 +148,34 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
     }
 }
 
+/** The client's picture may be asked for its memory inside any of these, and may stop the pipeline there. */
+TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItReturns)
+{
+    for (const char* const call : {"SrGlWorker::setWatermark", "SrGlWorker::prepare", "SrGlWorker::reset"}) {
+        SCOPED_TRACE(call);
+        open_to_inject();
+        mw.inside(call, [] {
+            EXPECT_EQ(video_capenc_stop(), 0);
+            EXPECT_EQ(middleware::live_workers, 1);
+        });
+        set_watermark();
+        video_capenc_start(0);
+        EXPECT_EQ(video_capenc_stop(), 0);
+        EXPECT_EQ(middleware::live_workers, 0);
+        EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
+        video_capenc_close();
+    }
+}
+
+TEST_F(CaptureEncode, ADescriptorThatAFailingCallWroteIsGivenBack)
+{
+    open_to_inject();
+    mw.fail("ZU_OS_IommuOperation:GET_BUFFD", {.takes_effect = true});
+    EXPECT_EQ(set_watermark(), -1);
+    video_capenc_close();
+    EXPECT_EQ(mw.calls_of({"ZU_OS_IommuOperation(PUT_BUFFD"}).size(), 1u);
+}
+
 /** Goes after all that is static and has no such priority. */
 struct LastLook {
     bool wanted = false;
