@@ -13,9 +13,19 @@ namespace {
 
 ZU_CAP_CallbackParams_t _stCapCallbackParams;
 u8 _bCapCallbackRegistered;
+u32 _u32RegisteredCap;   /**< the capture of the registration */
+u32 _u32ConnectedCap;    /**< the capture that connected the display */
+u8 _bConnectionOrphaned; /**< 1 = no record holds that capture any more */
 
 /** Handed back to the handler, which prints it; not const, since the middleware's user pointer is not. */
 char _acUserData[] = "Callback user parameter!";
+
+void ClearRegistration()
+{
+    _stCapCallbackParams = ZU_CAP_CallbackParams_t{};
+    _bCapCallbackRegistered = 0;
+    _u32RegisteredCap = 0;
+}
 
 } // namespace
 
@@ -41,7 +51,35 @@ u32 _SCREENRECORD_ConnectDisp(s32 s32Handle)
         return u32Result;
     }
     _u32DispHandle = u32Disp;
+    _u32ConnectedCap = static_cast<u32>(s32Handle);
+    _bConnectionOrphaned = 0;
     return ZU_OK;
+}
+
+u32 _SCREENRECORD_DisconnectDisp(u32 u32Handle)
+{
+    if (_u32DispHandle == 0)
+        return ZU_OK;
+    const u32 u32Result = ZU_CAP_DisconnectInput(u32Handle, _u32DispHandle);
+    if (u32Result == ZU_OK || _bConnectionOrphaned == 1)
+        _u32DispHandle = 0;
+    return u32Result;
+}
+
+void _SCREENRECORD_ForgetCapture(u32 u32Handle)
+{
+    if (u32Handle == 0)
+        return;
+    if (u32Handle == _u32ConnectedCap)
+        _u32DispHandle = 0;
+    if (u32Handle == _u32RegisteredCap)
+        ClearRegistration();
+}
+
+void _SCREENRECORD_OrphanCapture(u32 u32Handle)
+{
+    if (u32Handle != 0 && u32Handle == _u32ConnectedCap)
+        _bConnectionOrphaned = 1;
 }
 
 u32 _SCREENRECORD_RegisterCallback(s32 s32Handle)
@@ -58,6 +96,7 @@ u32 _SCREENRECORD_RegisterCallback(s32 s32Handle)
         return 0;
     }
     _bCapCallbackRegistered = 1;
+    _u32RegisteredCap = static_cast<u32>(s32Handle);
     _stCapCallbackParams.u64CallbackId = u64CallbackId;
     return 1;
 }
@@ -70,7 +109,6 @@ u32 _SCREENRECORD_UnRegisterCallback(s32 s32Handle)
         SR_LOGE("ZU_CAP_UnRegisterCallback fail! \n");
         return 0;
     }
-    _stCapCallbackParams = ZU_CAP_CallbackParams_t{};
-    _bCapCallbackRegistered = 0;
+    ClearRegistration();
     return 1;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "capture/display_connection.h"
 #include "core/worker_tasks.h"
 
 SCREENRECORD_SlotCtrl_s _astSlotCtrl[SCREENRECORD_SLOT_COUNT];
@@ -30,7 +31,9 @@ u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask)
 
 void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule)
 {
-    _SCREENRECORD_WithdrawHandle(pstTask);
+    const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
+    if (eModule == E_SCREENRECORD_MODULE_VCAP)
+        _SCREENRECORD_ForgetCapture(u32Handle);
     static_cast<SCREENRECORD_TaskFields_s&>(*pstTask) = SCREENRECORD_TaskFields_s{};
     pstTask->eModule = eModule;
 }

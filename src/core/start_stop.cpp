@@ -118,11 +118,7 @@ void StopCapture(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCalle
         SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "[DEMO TRANSCODE] ZU_VCAP_STOP FAIL\n");
     if (_SCREENRECORD_UnRegisterCallback(static_cast<s32>(pstTask->u32Handle)) == 0)
         SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "[DEMO TRANSCODE] _SCREENRECORD_UnRegisterCallback FAIL\n");
-    if (_u32DispHandle == 0)
-        return;
-    if (ZU_CAP_DisconnectInput(pstTask->u32Handle, _u32DispHandle) == ZU_OK)
-        _u32DispHandle = 0;
-    else
+    if (_SCREENRECORD_DisconnectDisp(pstTask->u32Handle) != ZU_OK)
         SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "[DEMO TRANSCODE] ZU_CAP_DisconnectInput FAIL\n");
 }
 

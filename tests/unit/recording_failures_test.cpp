@@ -137,9 +137,67 @@ TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
     EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
     mw.fail("ZU_FS_Fopen");
     EXPECT_EQ(steps::open(0), 0u);
+        EXPECT_CALLS(mw.ledger_problems(), {});
+    }
+}
+
+/** A slot that is opened again forgets its devices; the display must not stay taken by one of them. */
+TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
+{
+    static Cap_OpenParams stills = {64, 64, 0, 0, 1};
+    const struct {
+        const char* name;
+        bool (*hold)();
+        u32 (*forget)();
+    } cases[] = {
+        {"stills", [] { return video_cap_open(&stills) == 0; }, [] { return steps::open(0); }},
+        {"capture-encode",
+         [] {
+             CapEnc_OpenParams params = {64, 64, 30, 1000000, 1, 1, 0};
+             return video_capenc_open(&params) == 0;
+         },
+         [] { return steps::open(0); }},
+        {"recording", [] { return steps::set_video(0) == 1; }, [] { return steps::open(0); }},
+        {"by an initialisation", [] { return SCREENRECORD_DeInit() && video_cap_open(&stills) == 0; },
+         SCREENRECORD_Init},
+        {"by the same again", [] { return steps::set_video(0) == 1; },
+         [] {
+             // The second was never connected, so its device refuses.
+             middleware::Middleware::instance().fail("ZU_CAP_DisconnectInput");
+             return u32{steps::set_video(0) && steps::close(0)};
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const char* forgotten : {"0x11", "0x21", "IOMMU block", "descriptor", "heap blocks"})
+            mw.tolerate_problem(forgotten);
+        ASSERT_TRUE(SCREENRECORD_Init() && c.hold() && c.forget());
+        steps::close(0);
+        forget();
+        ASSERT_EQ(video_cap_open(&stills), 0);
+        EXPECT_EQ(mw.count("ZU_CAP_ConnectInput"), 1);
+        video_cap_close();
+        ASSERT_TRUE(steps::record(0));
+        EXPECT_EQ(mw.count("ZU_CAP_ConnectInput"), 2);
+        EXPECT_CALLS(errors(), {});
+        steps::close_all();
+        EXPECT_CALLS(mw.ledger_problems(), {});
+        mw.reset();
     EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr) << "a slot whose file cannot be made is closed";
     for (const char* name : {"Wifi", "wifi2"}) {
         EXPECT_EQ(steps::open(0, name), 1u) << name;
+/** What the other slot's capture is connected to stays when this one's is forgotten. */
+TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
+{
+    ASSERT_TRUE(steps::record(0) && steps::open(1) && steps::set_video(1) && steps::open(1));
+    // Forgotten with the slot, or with the one registration that there is.
+    for (const char* left : {"0x12", "0x22", "file out.ts", "0x11 is closed while its callback"})
+        mw.tolerate_problem(left);
+    forget();
+    steps::stop(0);
+    EXPECT_EQ(mw.count("ZU_CAP_DisconnectInput"), 1);
+}
+
         steps::close(0);
     }
 }
