@@ -37,6 +37,8 @@ enum SCREENRECORD_TaskPhase_e : u32 {
     E_SCREENRECORD_TASK_CREATED = 1, /**< not run yet: its argument block is still the creator's to free */
     E_SCREENRECORD_TASK_ENTERED = 2, /**< runs, and is about to take its mutex */
     E_SCREENRECORD_TASK_RUNNING = 3, /**< has its mutex, if it obtained it, until it ends */
+    E_SCREENRECORD_TASK_CANCELLED =
+        4, /**< is being deleted before it ran, and does nothing should it run now */
 };
 
 /** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID mean none. */

@@ -35,7 +35,7 @@ void FreeTaskArg(SCREENRECORD_TaskCtrl_s* pstTask)
  */
 bool CancelUnlessBegun(SCREENRECORD_TaskCtrl_s* pstTask)
 {
-    if (pstTask->eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_NONE))
+    if (pstTask->eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_CANCELLED))
         return true;
     pstTask->eTaskPhase.AwaitChangeFrom(E_SCREENRECORD_TASK_ENTERED);
     return false;
@@ -83,12 +83,12 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
     s32 s32MutexId = SCREENRECORD_NO_ID;
     if (ZU_OS_CreateMutex(&stAttr, &s32MutexId) != ZU_OK)
         return false;
-    pstTask->s32MutexId = s32MutexId;
     pstTask->callbackGate.Drain();
     return true;
 }
 
-/** Creates the task of a record whose stack is allocated. */
+/** Creates the task of a record whose stack is allocated. What a failure leaves is the deletion's to remove:
+ * the argument block stays until no task can have it. */
 bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize, ZU_OS_TaskEntry pfnEntry)
 {
     char acName[20];
@@ -183,14 +183,19 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
         JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
 }
 
+    else
+        eTaskPhase = E_SCREENRECORD_TASK_ENTERED; // called by itself, without a creation
 WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     : m_u32SlotId(*static_cast<u32*>(pArg)), m_pstTask(_SCREENRECORD_TaskOf(m_u32SlotId, eModule))
 {
-    if (!m_pstTask->eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_ENTERED))
+    CrossThread<u32>& eTaskPhase = m_pstTask->eTaskPhase;
+    if (eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_ENTERED))
+        m_pstTask->pu32TaskArg = nullptr; // the block is this run's from here on
+    else if (eTaskPhase == E_SCREENRECORD_TASK_CANCELLED)
         return;
     m_bMay = true;
     m_u32Deletions = m_pstTask->u32Deletions; // a deletion waits until the phase has left ENTERED
-    FreeTaskArg(m_pstTask);
+    free(pArg);
     m_s32MutexId = m_pstTask->s32MutexId;
     m_bHoldsMutex = m_s32MutexId != SCREENRECORD_NO_ID &&
                     ZU_OS_ObtainMutex(m_s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK;

@@ -36,7 +36,10 @@ void _SCREENRECORD_TsmuxTaskHandler(void* pArg);
 /** The common frame of every worker: the argument block, the mutex held for the whole run, the way out. */
 class WorkerRun {
 public:
-    /** Begins a run. May() is false when the task was deleted before it first ran: it must return at once. */
+    /**
+     * Begins a run and frees the argument block. May() is false when the task was deleted before it first
+     * ran: it must return at once, and the block is the deletion's to free.
+     */
     WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule);
     /** Ends the run, under the name of the task's function. */
     void End(SCREENRECORD_Caller_s stCaller);

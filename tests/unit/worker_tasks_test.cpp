@@ -150,6 +150,43 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
     }
 }
 
+extern "C" void* __wrap_malloc(size_t size); // what counts as the library's
+
+/** A platform may call an entry by itself; only one that was cancelled before it ran has nothing to do. */
+TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
+{
+    mw.tolerate_problem("ZU_TSMUX_CopyOutputStream is called on unknown handle 0x0");
+    const auto argument = [](u32 slot) {
+        u32* const block = static_cast<u32*>(__wrap_malloc(sizeof(u32)));
+        *block = slot;
+        return block;
+    };
+    mw.inside("ZU_OS_DelayTask", [] { task(1, AREADER).bTaskExit = task(1, VREADER).bTaskExit = 1; },
+              {.forever = true});
+    for (int again = 0; again < 2; again++) {
+        for (auto* const entry : {_SCREENRECORD_AreaderTaskHandler, _SCREENRECORD_VreaderTaskHandler,
+                                  _SCREENRECORD_TsmuxTaskHandler})
+            entry(argument(1));
+        task(1, AREADER).bTaskExit = task(1, VREADER).bTaskExit = 0;
+    }
+    const std::vector<std::string> logs = mw.take_logs();
+    EXPECT_EQ(std::ranges::count_if(logs, [](const std::string& l) { return l.starts_with("D ["); }), 6)
+        << middleware::joined(logs);
+    EXPECT_EQ(middleware::library_allocations_left(), 0u);
+    mw.clear_script();
+
+    mw.hold_tasks();
+    SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
+    ASSERT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_OK);
+    mw.take_logs();
+    mw.inside("ZU_OS_DeleteTask", [] {
+        const auto& task = middleware::state().tasks.begin()->second;
+        task.entry(task.argument);
+    });
+    EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
+    EXPECT_CALLS(mw.take_logs(), {});
+}
+
 TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
 {
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);

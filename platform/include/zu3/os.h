@@ -23,7 +23,8 @@ typedef void (*ZU_OS_TaskEntry)(void* pArg);
 /** Given to ZU_OS_CreateTask. */
 typedef struct {
     ZU_OS_TaskEntry pfnEntry;
-    void* pArg;        /**< handed to the entry as it stands; owned by the task once the creation succeeded */
+    void* pArg;        /**< handed to the entry as it stands; the entry owns and frees what it points to. That
+                          of a task that was deleted before it ran, or was not created, stays its creator's */
     u32 u32Priority;   /**< scheduling class, 4 = the middleware's default for media tasks */
     u8 bAutoStart;     /**< 1 = runnable at once */
     u8 au8Reserved[3]; /**< 0 */
