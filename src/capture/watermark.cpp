@@ -62,11 +62,12 @@ bool DescribeInjectBuffer(SCREENRECORD_Caller_s stCaller)
               stCaller.pName, ullPhyAddr, static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
 
     ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
-    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd) != ZU_OK) {
+    const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
+    _stInjectBufFd.s32Fd = stFd.s32Fd; // also of a call that failed: the encoder's close gives it back
+    if (u32Result != ZU_OK) {
         WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", stCaller.pName);
         return false;
     }
-    _stInjectBufFd.s32Fd = stFd.s32Fd;
     SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s get buffer fd OK, fd:%d, physic: 0x%llx", stCaller.pName,
               stFd.s32Fd, ullPhyAddr);
     return true;

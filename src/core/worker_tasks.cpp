@@ -80,8 +80,7 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
     char acName[20];
     snprintf(acName, sizeof(acName), "Tscode: %d", static_cast<int>(pstTask->eModule));
     const ZU_OS_MutexAttr_t stAttr = {.pName = acName, .u32Reserved = 0};
-    s32 s32MutexId = SCREENRECORD_NO_ID;
-    if (ZU_OS_CreateMutex(&stAttr, &s32MutexId) != ZU_OK)
+    if (ZU_OS_CreateMutex(&stAttr, OutputArgument(pstTask->s32MutexId)) != ZU_OK)
         return false;
     pstTask->callbackGate.Drain();
     return true;
@@ -108,14 +107,7 @@ bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize
                                      .pStack = pstTask->pTaskStack,
                                      .u32StackSize = u32StackSize,
                                      .pName = acName};
-    s32 s32TaskId = SCREENRECORD_NO_ID;
-    if (ZU_OS_CreateTask(&stAttr, &s32TaskId) != ZU_OK) {
-        pstTask->eTaskPhase = E_SCREENRECORD_TASK_NONE;
-        FreeTaskArg(pstTask);
-        return false;
-    }
-    pstTask->s32TaskId = s32TaskId;
-    return true;
+    return ZU_OS_CreateTask(&stAttr, OutputArgument(pstTask->s32TaskId)) == ZU_OK;
 }
 
 } // namespace
@@ -183,8 +175,6 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
         JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
 }
 
-    else
-        eTaskPhase = E_SCREENRECORD_TASK_ENTERED; // called by itself, without a creation
 WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     : m_u32SlotId(*static_cast<u32*>(pArg)), m_pstTask(_SCREENRECORD_TaskOf(m_u32SlotId, eModule))
 {
@@ -193,6 +183,8 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
         m_pstTask->pu32TaskArg = nullptr; // the block is this run's from here on
     else if (eTaskPhase == E_SCREENRECORD_TASK_CANCELLED)
         return;
+    else
+        eTaskPhase = E_SCREENRECORD_TASK_ENTERED; // called by itself, without a creation
     m_bMay = true;
     m_u32Deletions = m_pstTask->u32Deletions; // a deletion waits until the phase has left ENTERED
     free(pArg);

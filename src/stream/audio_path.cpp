@@ -92,12 +92,11 @@ u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallbac
         return ZU_FAILURE;
     }
     const ZU_ACAP_OpenParams_t stParams = {.pu8Name = "acap_s", .u32Reserved = 0};
-    u32 u32Handle = 0;
-    if (ZU_ACAP_Open(&stParams, &u32Handle) != ZU_OK) {
+    if (ZU_ACAP_Open(&stParams, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
         SR_LOGE("ZU_ACAP_OPEN FAIL\n");
         return ZU_FAILURE;
     }
-    pstTask->u32Handle = u32Handle;
+    const u32 u32Handle = pstTask->u32Handle;
     if (bRegisterCallback == 1 && !RegisterAcapCallback(u32Handle, SR_HERE)) {
         _SCREENRECORD_CloseAcap(pstTask);
         return ZU_FAILURE;

@@ -78,14 +78,11 @@ bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s
     stParams.u32CbrBitrate = static_cast<u32>(static_cast<u64>(stSrcInfo.u32CbrBitrateMb) << 20);
     stParams.u32OutBufVa = static_cast<u32>(stBuffer.u64VirtAddr);
     stParams.u32OutBufSize = stBuffer.u32Size;
-    u32 u32Handle = pstTask->u32Handle;
-    const u32 u32Result = ZU_TSMUX_Open(&stParams, &u32Handle);
-    if (u32Result != ZU_OK) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to ZU_TSMUX_Open()\n", u32Result);
-        return false;
-    }
-    pstTask->u32Handle = u32Handle;
-    return true;
+    const u32 u32Result = ZU_TSMUX_Open(&stParams, OutputArgument(pstTask->u32Handle));
+    if (u32Result == ZU_OK)
+        return true;
+    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to ZU_TSMUX_Open()\n", u32Result);
+    return false;
 }
 
 bool RegisterTsmuxCallback(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
@@ -147,11 +144,7 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
                                                    .u16Pid = u16Pid,
                                                    .u8StreamId = u8StreamId,
                                                    .u8Reserved1 = 0};
-    u64 u64MuxSrcId = 0;
-    const u32 u32Result = ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, &u64MuxSrcId);
-    if (u32Result == ZU_OK)
-        stTask.u64MuxSrcId = u64MuxSrcId;
-    return u32Result;
+    return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, OutputArgument(stTask.u64MuxSrcId));
 }
 
 /** Attaches what is configured, video first; with both, switches interleaving on. */

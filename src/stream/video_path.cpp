@@ -93,17 +93,15 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stParams.u32Width),
             static_cast<long>(stParams.u32Height), static_cast<long>(stParams.u32FrameRate));
 
-    u32 u32Handle = pstTask->u32Handle;
-    if (ZU_VENC_Open(&stParams, &u32Handle) != ZU_OK) {
+    if (ZU_VENC_Open(&stParams, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
         SR_LOGE("Fail to call ZU_VENC_Open()\n");
         _SCREENRECORD_CloseVenc(pstTask);
         return ZU_FAILURE;
     }
-    pstTask->u32Handle = u32Handle;
     // The pictures go to slot 0's encoder. If that is this one, which lends buffers, or is not open, the
     // inject buffer of an earlier capture-encode session went with its encoder.
     const u32 u32PictureEncoder = _astSlotCtrl[0].astTaskCtrl[E_SCREENRECORD_MODULE_VENC].u32Handle;
-    if (u32PictureEncoder == u32Handle || u32PictureEncoder == 0)
+    if (u32PictureEncoder == pstTask->u32Handle || u32PictureEncoder == 0)
         _bUseEntireInjectBuf = 0;
     return ZU_OK;
 }
@@ -125,14 +123,14 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     pstTask->stCapOutput.u64PhyAddr = 0;
 
     const ZU_CAP_OpenParams_t stParams = {.u8CapturePath = 0};
-    u32 u32Handle = pstTask->u32Handle;
-    u32 u32Result = ZU_CAP_Open(&stParams, &u32Handle);
+    _SCREENRECORD_OrphanCapture(pstTask->u32Handle);
+    u32 u32Result = ZU_CAP_Open(&stParams, OutputArgument(pstTask->u32Handle));
     if (u32Result != ZU_OK) {
         SR_LOGE("Failed to ZU_CAP_Open(0x%x)!\n", u32Result);
         _SCREENRECORD_CloseVcap(pstTask);
         return u32Result;
     }
-    pstTask->u32Handle = u32Handle;
+    const u32 u32Handle = pstTask->u32Handle;
 
     FillCaptureOutput(pstSlot, pstTask, u32OutWidth, u32OutHeight);
     const ZU_CAP_Output_t& stOutput = pstTask->stCapOutput;

@@ -60,6 +60,7 @@ Ticket begin_call(const std::string& function, const std::string& variant, std::
         } else {
             answered = true;
             ticket.result = entry->answer.result.value_or(contract_results(function).front());
+            ticket.takes_effect = entry->answer.takes_effect;
         }
         entry = entry->answer.forever ? std::next(entry) : s.script.erase(entry);
     }

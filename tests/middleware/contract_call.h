@@ -25,6 +25,7 @@ struct Context {
 struct Ticket {
     size_t number;
     std::optional<s64> result = {};
+    bool takes_effect = false;
     std::vector<std::function<void()>> before = {}, behind = {};
 };
 
@@ -44,9 +45,10 @@ auto perform(bool ends, const std::string& function, const std::string& variant,
         hook();
     s64 result = ticket.result.value_or(0);
     std::string note;
-    if (ends || !ticket.result) {
+    if (ends || !ticket.result || ticket.takes_effect) {
         Context context{Lock(state().mutex), ticket.result.has_value()};
-        result = ticket.result.value_or(effect(context));
+        const s64 effected = effect(context);
+        result = ticket.result.value_or(effected);
         note = std::move(context.note);
     }
     for (const auto& hook : ticket.behind)

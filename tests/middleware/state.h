@@ -36,6 +36,7 @@ struct Answer {
     std::optional<s64> result = {}; /**< none = the function's own failure value (3; 0 or -1 for files) */
     int nth = 1;                    /**< 1 = the next call of that name, counted from the scripting on */
     bool forever = false;           /**< from the n-th on */
+    bool takes_effect = false;      /**< it does its work, writes what it writes, and then answers this */
 };
 
 /** When a hook runs: at the n-th call of the name from now on, once or for ever. */

@@ -93,50 +93,50 @@ TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
         {nullptr, [] { return steps::set_audio(0, "missing.aac"); }},
         {"ZU_TSMUX_Open", [] { return steps::set_video(0) && steps::set_mux(0); }},
         {"ZU_TSMUX_AttachMediaSource", [] { return steps::set_video(0) && steps::set_mux(0); }},
+        {"ZU_OS_CreateTask", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
+        {"ZU_OS_CreateMutex", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
         {"ZU_TSMUX_Start", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
     };
+    for (const auto& c : cases)
+        for (const bool opened : {false, true}) { // what a call has opened although it answers that it failed
+            SCOPED_TRACE(std::to_string(&c - cases) + (opened ? ", opened" : ""));
+            ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
+            if (c.failing)
+                mw.fail(c.failing, {.takes_effect = opened});
+            EXPECT_EQ(c.step(), 0u);
+            EXPECT_FALSE(mw.script_pending());
+            EXPECT_EQ(task(0, TSMUX).u32OutFile, 0u);
+            for (const auto module : {VREADER, AREADER, VCAP, ACAP, VENC, TSMUX})
+                EXPECT_EQ(task(0, module).u32Handle, 0u) << module;
+            SCREENRECORD_DeInit();
+            EXPECT_CALLS(mw.ledger_problems(), {});
+        }
+}
+
+/** The same of the other interfaces, whose close takes what is left. */
+TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
+{
+    const struct {
+        const char* failing;
+        s32 (*open)();
+        s32 (*close)();
+    } cases[] = {
+        {"ZU_CAP_Open",
+         [] {
+             Cap_OpenParams params = {64, 64, 0, 0, 1};
+             return video_cap_open(&params);
+         },
+         [] { return 0; }},
+        {"ZU_CAP_Open", [] { return steps::capture_encode() ? 0 : -1; }, video_capenc_close},
+        {"ZU_VENC_Open", [] { return steps::capture_encode() ? 0 : -1; }, video_capenc_close},
+        {"ZU_ACAP_Open", audio_cap_open, audio_cap_close},
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(&c - cases));
-        ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
-        if (c.failing)
-            mw.fail(c.failing);
-        EXPECT_EQ(c.step(), 0u);
-        EXPECT_FALSE(mw.script_pending());
-        EXPECT_EQ(task(0, TSMUX).u32OutFile, 0u);
-        for (const auto module : {VREADER, AREADER, VCAP, ACAP, VENC, TSMUX})
-            EXPECT_EQ(task(0, module).u32Handle, 0u) << module;
+        SCOPED_TRACE(c.failing);
+        mw.fail(c.failing, {.takes_effect = true});
+        EXPECT_EQ(c.open(), -1);
+        EXPECT_EQ(c.close(), 0);
         SCREENRECORD_DeInit();
-    }
-}
-
-TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
-{
-    SCREENRECORD_Init();
-    ASSERT_TRUE(steps::open(0) && steps::set_video(0) && steps::set_mux(0));
-    forget();
-    mw.fail("ZU_CAP_CaptureStart");
-    EXPECT_EQ(steps::start(0), 0u);
-    std::vector<std::string> calls = mw.take_calls();
-    std::erase_if(calls, [](const std::string& line) {
-        return !line.starts_with("ZU_VENC_") && !line.starts_with("ZU_CAP_");
-    });
-    calls.erase(calls.begin(), calls.begin() + 2); // the starts
-    EXPECT_CALLS(calls, {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
-                         "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
-                         "ZU_VENC_Stop(0x21)=0", // here ends the stop
-                         "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0",
-                         "ZU_VENC_Close(0x21)=0"});
-}
-
-TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
-{
-    SCREENRECORD_Init();
-    forget();
-    EXPECT_EQ(steps::open(0, "wifi"), 0u);
-    EXPECT_CALLS(errors(), {"E [SCREENRECORD_Open]no support!!"});
-    EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
-    mw.fail("ZU_FS_Fopen");
-    EXPECT_EQ(steps::open(0), 0u);
         EXPECT_CALLS(mw.ledger_problems(), {});
     }
 }
@@ -183,9 +183,9 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
         steps::close_all();
         EXPECT_CALLS(mw.ledger_problems(), {});
         mw.reset();
-    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr) << "a slot whose file cannot be made is closed";
-    for (const char* name : {"Wifi", "wifi2"}) {
-        EXPECT_EQ(steps::open(0, name), 1u) << name;
+    }
+}
+
 /** What the other slot's capture is connected to stays when this one's is forgotten. */
 TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
 {
@@ -198,6 +198,37 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
     EXPECT_EQ(mw.count("ZU_CAP_DisconnectInput"), 1);
 }
 
+TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
+{
+    SCREENRECORD_Init();
+    ASSERT_TRUE(steps::open(0) && steps::set_video(0) && steps::set_mux(0));
+    forget();
+    mw.fail("ZU_CAP_CaptureStart");
+    EXPECT_EQ(steps::start(0), 0u);
+    std::vector<std::string> calls = mw.take_calls();
+    std::erase_if(calls, [](const std::string& line) {
+        return !line.starts_with("ZU_VENC_") && !line.starts_with("ZU_CAP_");
+    });
+    calls.erase(calls.begin(), calls.begin() + 2); // the starts
+    EXPECT_CALLS(calls, {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
+                         "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
+                         "ZU_VENC_Stop(0x21)=0", // here ends the stop
+                         "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0",
+                         "ZU_VENC_Close(0x21)=0"});
+}
+
+TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
+{
+    SCREENRECORD_Init();
+    forget();
+    EXPECT_EQ(steps::open(0, "wifi"), 0u);
+    EXPECT_CALLS(errors(), {"E [SCREENRECORD_Open]no support!!"});
+    EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
+    mw.fail("ZU_FS_Fopen");
+    EXPECT_EQ(steps::open(0), 0u);
+    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr) << "a slot whose file cannot be made is closed";
+    for (const char* name : {"Wifi", "wifi2"}) {
+        EXPECT_EQ(steps::open(0, name), 1u) << name;
         steps::close(0);
     }
 }
