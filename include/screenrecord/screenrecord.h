@@ -26,6 +26,8 @@
  * A child of fork() has none of those threads, and locks of theirs may be held in it for ever. It may call
  * video_capenc_getMaxEsSize, audio_cap_getInfo and _getLostSize and nothing else, and ends with exec or _exit.
  *
+ * A dlclose does not unload the library, whatever runs.
+ *
  * Why a call failed is said in the Android log under the tag "screenrecord".
  *
  * All of it can be used from C and from C++, but for video_capenc_setWatermark, which takes a C++ object. The

@@ -1,9 +1,11 @@
 """The public interface, driven by api_stress in ways that the client does not."""
 
 import os
+import subprocess
+import sys
 
 import judges
-from harness import PATIENCE, SANITIZED, EndToEndTest, LongEndToEndTest, ShortEndToEndTest
+from harness import BUILD, PATIENCE, SANITIZED, EndToEndTest, LongEndToEndTest, ShortEndToEndTest
 
 TEST_CARD = {"ZU3_DISPLAY": "testcard"}
 
@@ -29,6 +31,34 @@ class TimeLimitAlone(EndToEndTest):
         took = int(self.run_program("api_stress", "limit-alone", self.path("a.ts"), environment=TEST_CARD))
         self.assertTrue(3000 <= took <= 3500, took)
         self.assertEqual(judges.faults(self.path("a.ts")), "")
+
+
+class Unloading(EndToEndTest):
+    PROGRAM = """
+import ctypes, os, sys, time, _ctypes
+library, file, cycles = sys.argv[1], sys.argv[2].encode(), int(sys.argv[3])
+def load():
+    return ctypes.CDLL(library)
+open_files = []
+for cycle in range(cycles):
+    handle = load()
+    assert handle.startScreenRecord(320, 240, 30, 0, 188, 0, 0, file) == 0
+    if cycle == 0: # its threads go on behind the unloading
+        _ctypes.dlclose(handle._handle)
+        time.sleep(0.3)
+        handle = load()
+    assert handle.stopScreenRecord() == 0
+    getattr(handle, "_Z19SCREENRECORD_DeInitv")()
+    _ctypes.dlclose(handle._handle)
+    open_files.append(len(os.listdir("/proc/self/fd")))
+assert open_files[0] == open_files[-1], open_files
+"""
+
+    def test_of_a_library_that_records(self):
+        # Catches code that goes away under its threads, and what would be lost with each unloading.
+        run = subprocess.run([sys.executable, "-c", self.PROGRAM, BUILD / "lib/libscreenrecord.so", self.path("a.ts"), "4"],
+                             env=os.environ | TEST_CARD, capture_output=True, text=True, timeout=PATIENCE)
+        self.assertEqual(run.returncode, 0, run.stderr)
 
 
 class WatermarkChanges(ShortEndToEndTest):
