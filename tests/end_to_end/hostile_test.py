@@ -5,9 +5,7 @@ import os
 import subprocess
 import time
 
-import fake_sound_server
-import fake_x_server
-from harness import PATIENCE, SANITIZED, SANITIZER_REPORTS, LongEndToEndTest, ShortEndToEndTest, size_of
+from harness import PATIENCE, SANITIZED, SANITIZER_REPORTS, SOURCE, LongEndToEndTest, ShortEndToEndTest, size_of
 
 COMMANDS = {
     "record": ("record", "-t", "1", "-o", "{}.ts"),
@@ -17,6 +15,7 @@ COMMANDS = {
     "devices": ("devices",),
     "doctor": ("doctor",),
 }
+FAKE_X_SERVER, FAKE_SOUND_SERVER = (SOURCE / "tools" / name for name in ("fake_x_server.py", "fake_sound_server.py"))
 DISPLAY_COMMANDS = ("record", "stream", "shot", "devices", "doctor")
 SOUND_COMMANDS = ("record", "pcm", "devices", "doctor")
 
@@ -60,13 +59,13 @@ class HostileServers:
         return {key: end[0] for key, end in ends.items()}
 
     def displays(self, modes):
-        server = self.start("python3", fake_x_server.__file__, *modes)
+        server = self.start("python3", FAKE_X_SERVER, *modes)
         return {mode: {"DISPLAY": f":{number}"} for mode, number in zip(modes, server.first_line().split())}
 
     def sound_servers(self, modes):
         self.start_sound()
         self.path("fake").mkdir()
-        self.start("python3", fake_sound_server.__file__, self.path("pulse-socket"), self.path("fake"),
+        self.start("python3", FAKE_SOUND_SERVER, self.path("pulse-socket"), self.path("fake"),
                    *modes).first_line()
         return {mode: {"ZU3_DISPLAY": "testcard", "DISPLAY": "", "PULSE_SERVER": f'unix:{self.path("fake")}/{mode}'}
                 for mode in modes}
@@ -86,7 +85,7 @@ class HostileDisplay(ShortEndToEndTest, HostileServers):
 
 class HostileDisplayInEveryWay(LongEndToEndTest, HostileServers):
     def test_all_answers(self):
-        self.run_all(self.displays(fake_x_server.MODES), DISPLAY_COMMANDS)
+        self.run_all(self.displays(self.run_program("python3", FAKE_X_SERVER).split()), DISPLAY_COMMANDS)
 
 
 class HostileSoundServer(ShortEndToEndTest, HostileServers):
@@ -99,4 +98,4 @@ class HostileSoundServer(ShortEndToEndTest, HostileServers):
 
 class HostileSoundServerInEveryWay(LongEndToEndTest, HostileServers):
     def test_all_answers(self):
-        self.run_all(self.sound_servers(fake_sound_server.MODES), SOUND_COMMANDS)
+        self.run_all(self.sound_servers(self.run_program("python3", FAKE_SOUND_SERVER).split()), SOUND_COMMANDS)
