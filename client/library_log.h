@@ -6,7 +6,7 @@
 
 namespace client {
 
-// The library logs errors in runs without any, about modules that nobody asked for. So what it logs is kept
+// The library logs errors in runs without any, about modules that a run has no use for. So its lines are kept
 // aside, and shown when something has failed.
 
 /** Keeps what the library logs from now on, the latest of it, where the platform lets us hear that. */

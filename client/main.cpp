@@ -32,7 +32,7 @@ void prepare_environment(const CommonOptions* options)
 {
     // The library logs every module that an ordinary recording does not use as an error. What went wrong is
     // said by us; with --verbose the library's own reasons are kept until then, and what the platform has
-    // chosen is shown. Whoever sets the variable sees what it asks for.
+    // chosen is shown. A variable that is set already decides alone.
     const bool verbose = options && options->verbose;
     if (verbose && !std::getenv("ANDROID_LOG_TAGS"))
         keep_library_log();

@@ -9,8 +9,8 @@ namespace client {
 /** The progress as one JSON object, without a line end; what is not known is null. */
 std::string progress_as_json(const Progress& progress, const char* state);
 
-/** The progress as a line for people that is no longer than `columns`: the narrower, the less is said, and
- * time, size and rate last. */
+/** The progress as a line for people, at most `columns` long: what has no room is left out, time, size and
+ * rate last. */
 std::string progress_as_line(const Progress& progress, size_t columns);
 
 /**

@@ -51,7 +51,7 @@ public:
         return pixmap;
     }
 
-    /** Fills a rectangle with a colour 0xRRGGBB, of which the others are made on a screen of depth 30. */
+    /** Fills a rectangle with a colour 0xRRGGBB, also on a screen of depth 30. */
     void fill(xcb_drawable_t target, uint32_t colour, xcb_rectangle_t rectangle)
     {
         if (depth_ == 30)

@@ -54,7 +54,7 @@ constexpr const char* head =
     "While it records, a terminal shows one line: time, frames, frames per second, dropped frames, size of "
     "the "
     "file, bit rate and sound level.\n"
-    "On a narrow terminal it says less, and time, size and rate last.\n"
+    "A narrow terminal shows less of it; time, size and rate stay longest.\n"
     "The path of the finished file, or the stream or picture itself, is all that goes to standard output.\n"
     "On a terminal and in messages, control characters in names are shown as \\ex1b; a pipe gets the path as "
     "it "

@@ -72,7 +72,7 @@ class Files(ShortEndToEndTest):
 class Names(ShortEndToEndTest):
     EVIL = "\033]0;mine\007\033[2J\u009b5m\u202e"
 
-    def test_nobody_elses_control_characters_are_shown(self):
+    def test_control_characters_of_others_are_shown_as_text(self):
         # Catches names that drive the terminal: of files, displays, sound sources, and in the environment.
         self.start_sound()
         self.run_program("pactl", "load-module", "module-null-sink", "sink_name=evil",

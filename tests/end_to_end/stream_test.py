@@ -125,7 +125,7 @@ class Watermark(ShortEndToEndTest):
         return judges.decode(self.path(name), 40, "yuv420p")
 
     def test_what_is_no_picture(self):
-        # Catches words of libpng that tell nobody what is wrong with his file.
+        # Catches libpng's own words, which do not say what is wrong with a file.
         cases = [(b"just a text", "is no PNG picture"), (b"", "ends too early"), (b"\x89PNG\r\n\x1a\n" + bytes(99), "is a damaged"),
                  (None, "No such file")]
         for content, said in cases:

@@ -16,8 +16,9 @@ struct Placement {
 };
 
 /**
- * What of a display is shown in a picture of which `visible` is seen: all of it, but for a last column or row
- * that is the one too many. Sizes of pictures are even, and scaling a display of odd size would blur it all.
+ * The size of a display without the last column or row that is one too many for `visible`: sizes of pictures
+ * are even, and scaling a display of odd size would blur all of it. A display that is larger still keeps its
+ * size, to be scaled down.
  */
 PictureSize without_odd_edge(PictureSize display, PictureSize visible);
 

@@ -6,7 +6,7 @@
 
 namespace zu3host {
 
-/** What a terminal does not show but obeys, or takes for the order in which to show the rest. */
+/** Characters that a terminal obeys instead of showing them, or that change the order of those around. */
 constexpr bool is_control_character(char32_t c)
 {
     return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x061C || c == 0x200E || c == 0x200F ||
@@ -39,10 +39,9 @@ constexpr size_t printable_length(std::string_view text)
 }
 
 /**
- * Hands `text` to `put`, piece by piece, as a terminal may get it. Names of files, displays and sound sources
- * are other people's: in them, and wherever else, each byte of a control character, and each that is no
- * UTF-8, becomes "\x1b". Does not allocate.
- * @param own control characters in here pass, as our own
+ * Hands `text` to `put`, piece by piece, without what drives a terminal: each byte of a control character,
+ * and each that is not UTF-8, becomes an escape such as "\x1b". Does not allocate.
+ * @param own control characters in here pass
  */
 template <typename Put> void put_printable(std::string_view text, Put put, std::string_view own = {})
 {

@@ -24,7 +24,7 @@ typedef void (*zu3_host_log_listener_t)(const char* tag, const char* lines, uint
  * Has warnings and errors handed to `listener` as well, whether ANDROID_LOG_TAGS shows them or not. One for
  * the whole process, from any thread; a call to an earlier one may still be under way when this returns.
  *
- * @param listener NULL = nobody
+ * @param listener NULL = none
  */
 void zu3_host_listen_to_log(zu3_host_log_listener_t listener);
 
