@@ -120,13 +120,14 @@ TEST(Messages, HaveNoControlCharactersOfOthers)
 // Catches a line that is cut in the middle of a number, or that wraps, which leaves old lines standing.
 TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
 {
-    const Progress progress{.elapsed_seconds = 3723,
-                            .frames = 111690,
-                            .dropped = 2,
-                            .fps = 30,
-                            .file_bytes = 1'234'500'000,
-                            .bits_per_second = 2.5e6,
-                            .sound_level = 0.1};
+    Progress progress;
+    progress.elapsed_seconds = 3723;
+    progress.frames = 111690;
+    progress.dropped = 2;
+    progress.fps = 30;
+    progress.file_bytes = 1'234'500'000;
+    progress.bits_per_second = 2.5e6;
+    progress.sound_level = 0.1;
     const std::string whole =
         "01:02:03  111690 frames  30.0 fps  2 dropped  1234.5 MB  2.50 Mbit/s  sound -20 dB";
     for (size_t columns = 0; columns < 100; ++columns) {
