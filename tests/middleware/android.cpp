@@ -23,8 +23,10 @@ void check_line_numbers(const std::string& line)
         return;
     const std::string name = line.substr(1, bracket - 1);
     const size_t again = line.find(name, bracket);
+    if (again == std::string::npos)
+        return;
     const size_t number = again + name.size() + 1;
-    if (again != std::string::npos && number < line.size() && std::isdigit(line[number]) &&
+    if (number < line.size() && std::isdigit(line[number]) &&
         std::atoi(&line[number]) != std::atoi(&line[bracket + 2]))
         problem("a log line gives two line numbers: " + line);
 }
