@@ -106,7 +106,7 @@ u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams)
     SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stOpen.u32Width),
             static_cast<long>(stOpen.u32Height), static_cast<long>(stOpen.u32FrameRate));
     SCREENRECORD_TaskCtrl_s* pstTask = EncoderTask();
-    if (ZU_VENC_Open(&stOpen, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
+    if (ZU_VENC_Open(&stOpen, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
         SR_LOGE("Fail to call ZU_VENC_Open()\n");
         _SCREENRECORD_CloseVenc(pstTask);
         return ZU_FAILURE;

@@ -50,7 +50,7 @@ bool video_cap_ConverOutPutFormat(u32 u32Format, u32* pu32CapFormat)
 bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask)
 {
     const ZU_CAP_OpenParams_t stParams = {.u8CapturePath = 0};
-    if (ZU_CAP_Open(&stParams, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
+    if (ZU_CAP_Open(&stParams, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
         SR_LOGE("Failed to ZU_CAP_Open(...)!\n");
         _SCREENRECORD_CloseVcap(pstTask);
         return false;

@@ -29,31 +29,16 @@ public:
     /** Blocks while the value is `value`. */
     void AwaitChangeFrom(T value) const { m_value.wait(value); }
     void WakeWaiters() { m_value.notify_all(); }
+    /**
+     * The field itself, as the output argument of a call of the middleware. Whatever the call leaves here is in
+     * the record at once, also if it fails or calls back before it returns. A middleware stores an aligned
+     * value of this size in one piece.
+     */
+    T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }
 
 private:
     static_assert(std::atomic<T>::is_always_lock_free && sizeof(std::atomic<T>) == sizeof(T));
     std::atomic<T> m_value;
-};
-
-/**
- * Lends a field as the output argument of one call: what the call leaves there is in the field behind it,
- * whatever it answers, so that what a failing open left is closed as everything else is. The middleware
- * writes without atomics while callbacks look for their handles, so it writes into a copy.
- *
- *     ZU_VENC_Open(&stParams, OutputArgument(pstTask->u32Handle));
- */
-template <typename T> class OutputArgument {
-public:
-    explicit OutputArgument(CrossThread<T>& field) : m_field(field), m_value(field.Get()) {}
-    ~OutputArgument() { m_field = m_value; }
-    OutputArgument(const OutputArgument&) = delete;
-    OutputArgument& operator=(const OutputArgument&) = delete;
-
-    operator T*() { return &m_value; }
-
-private:
-    CrossThread<T>& m_field;
-    T m_value;
 };
 
 #endif

@@ -80,7 +80,7 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
     char acName[20];
     snprintf(acName, sizeof(acName), "Tscode: %d", static_cast<int>(pstTask->eModule));
     const ZU_OS_MutexAttr_t stAttr = {.pName = acName, .u32Reserved = 0};
-    if (ZU_OS_CreateMutex(&stAttr, OutputArgument(pstTask->s32MutexId)) != ZU_OK)
+    if (ZU_OS_CreateMutex(&stAttr, pstTask->s32MutexId.OutputArgument()) != ZU_OK)
         return false;
     pstTask->callbackGate.Drain();
     return true;
@@ -107,7 +107,7 @@ bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize
                                      .pStack = pstTask->pTaskStack,
                                      .u32StackSize = u32StackSize,
                                      .pName = acName};
-    return ZU_OS_CreateTask(&stAttr, OutputArgument(pstTask->s32TaskId)) == ZU_OK;
+    return ZU_OS_CreateTask(&stAttr, pstTask->s32TaskId.OutputArgument()) == ZU_OK;
 }
 
 } // namespace

@@ -92,7 +92,7 @@ u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallbac
         return ZU_FAILURE;
     }
     const ZU_ACAP_OpenParams_t stParams = {.pu8Name = "acap_s", .u32Reserved = 0};
-    if (ZU_ACAP_Open(&stParams, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
+    if (ZU_ACAP_Open(&stParams, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
         SR_LOGE("ZU_ACAP_OPEN FAIL\n");
         return ZU_FAILURE;
     }

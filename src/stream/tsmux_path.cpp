@@ -78,7 +78,7 @@ bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s
     stParams.u32CbrBitrate = static_cast<u32>(static_cast<u64>(stSrcInfo.u32CbrBitrateMb) << 20);
     stParams.u32OutBufVa = static_cast<u32>(stBuffer.u64VirtAddr);
     stParams.u32OutBufSize = stBuffer.u32Size;
-    const u32 u32Result = ZU_TSMUX_Open(&stParams, OutputArgument(pstTask->u32Handle));
+    const u32 u32Result = ZU_TSMUX_Open(&stParams, pstTask->u32Handle.OutputArgument());
     if (u32Result == ZU_OK)
         return true;
     SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to ZU_TSMUX_Open()\n", u32Result);
@@ -144,7 +144,7 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
                                                    .u16Pid = u16Pid,
                                                    .u8StreamId = u8StreamId,
                                                    .u8Reserved1 = 0};
-    return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, OutputArgument(stTask.u64MuxSrcId));
+    return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, stTask.u64MuxSrcId.OutputArgument());
 }
 
 /** Attaches what is configured, video first; with both, switches interleaving on. */

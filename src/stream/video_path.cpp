@@ -93,7 +93,7 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stParams.u32Width),
             static_cast<long>(stParams.u32Height), static_cast<long>(stParams.u32FrameRate));
 
-    if (ZU_VENC_Open(&stParams, OutputArgument(pstTask->u32Handle)) != ZU_OK) {
+    if (ZU_VENC_Open(&stParams, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
         SR_LOGE("Fail to call ZU_VENC_Open()\n");
         _SCREENRECORD_CloseVenc(pstTask);
         return ZU_FAILURE;
@@ -124,7 +124,7 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
 
     const ZU_CAP_OpenParams_t stParams = {.u8CapturePath = 0};
     _SCREENRECORD_OrphanCapture(pstTask->u32Handle);
-    u32 u32Result = ZU_CAP_Open(&stParams, OutputArgument(pstTask->u32Handle));
+    u32 u32Result = ZU_CAP_Open(&stParams, pstTask->u32Handle.OutputArgument());
     if (u32Result != ZU_OK) {
         SR_LOGE("Failed to ZU_CAP_Open(0x%x)!\n", u32Result);
         _SCREENRECORD_CloseVcap(pstTask);

@@ -228,7 +228,7 @@ extern "C" {
 u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
 {
     return call(__func__, text("name=", attributes->pName), [&](Context& context) {
-        *id = state().next_mutex++; // from 0 on, which is a good id
+        store_output(id, state().next_mutex++); // from 0 on, which is a good id
         state().mutexes[*id].name = attributes->pName;
         context.note = text("m", *id);
         return ZU_OK;

@@ -64,6 +64,12 @@ inline u32 call(const std::string& function, std::string arguments = "")
 {
     return call(function, std::move(arguments), [](Context&) { return ZU_OK; });
 }
+/** Writes an output argument in one piece, as a device does: it may be a field that callbacks read. */
+template <class T> void store_output(T* output, T value)
+{
+    __atomic_store_n(output, value, __ATOMIC_SEQ_CST);
+}
+
 template <class Effect> auto ending_call(const std::string& function, std::string arguments, Effect&& effect)
 {
     return perform(true, function, "", std::move(arguments), effect);

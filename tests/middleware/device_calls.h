@@ -16,7 +16,7 @@ u32 open_call(const char* function, Kind kind, std::string arguments, u32* handl
         // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from other kinds
         // higher up.
         u32& next = s.next_handle.try_emplace(kind, facts(kind).first_handle).first->second;
-        *handle = s.last_of_kind[kind] = next++;
+        store_output(handle, s.last_of_kind[kind] = next++);
         if ((next & 0xF) == 0)
             next += 0x100 - 0xF;
         s.devices[*handle].kind = kind;

@@ -47,7 +47,7 @@ u32 ZU_TSMUX_AttachMediaSource(u32 handle, const ZU_TSMUX_MediaSourceParams_t* p
                        text(", type=", hex(params->eStreamType), " pid=", hex(params->u16Pid),
                             " stream=", hex(params->u8StreamId)),
                        [&](Context& context, Device& device) {
-                           *source = first_source + state().next_source++;
+                           store_output(source, u64{first_source + state().next_source++});
                            device.sources[*source] = *params;
                            context.note = "id=" + hex(*source);
                            return ZU_OK;

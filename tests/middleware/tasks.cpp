@@ -36,7 +36,7 @@ u32 create(Context& context, const ZU_OS_TaskAttr_t& attributes, s32* id)
             static_cast<volatile u8*>(attributes.pStack)[place] = 0;
     else
         problem(text("task ", attributes.pName, " is created without a stack"));
-    *id = s.next_task++;
+    store_output(id, s.next_task++);
     context.note = text("t", *id);
     Task& task = s.tasks[*id];
     task.name = attributes.pName;
