@@ -145,7 +145,7 @@ TEST(WavHeader, SaysTheGreatestSizeForMore)
 {
     const auto header = wav_header({}, uint64_t{5} << 30);
     for (const size_t place : {4, 40})
-        EXPECT_EQ(std::string(&header[place], &header[place + 4]), "\xFF\xFF\xFF\xFF") << place;
+        EXPECT_EQ(std::string(header.data() + place, header.data() + place + 4), "\xFF\xFF\xFF\xFF") << place;
 }
 
 // Catches losses that jitter makes up, losses that are missed, and a pause that is taken for a loss.
