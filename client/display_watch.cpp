@@ -21,7 +21,7 @@ std::optional<std::string> DisplayWatch::problem(const std::string& purpose) con
     const auto now = read_statistics();
     if (!now || !before_)
         return std::nullopt;
-    const char* name = std::getenv("DISPLAY");
+    const char* name = secure_getenv("DISPLAY");
     const std::string ended = purpose + " the display " + (name ? name : "") + " (DISPLAY) any more: ";
     if (now->display_lost && !before_->display_lost)
         return ended + "it went away";

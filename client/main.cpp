@@ -34,7 +34,7 @@ void prepare_environment(const CommonOptions* options)
     // said by us; with --verbose the library's own reasons are kept until then, and what the platform has
     // chosen is shown. A variable that is set already decides alone.
     const bool verbose = options && options->verbose;
-    if (verbose && !std::getenv("ANDROID_LOG_TAGS"))
+    if (verbose && !secure_getenv("ANDROID_LOG_TAGS"))
         keep_library_log();
     setenv("ANDROID_LOG_TAGS", verbose ? "zu3:I screenrecord:S" : "screenrecord:S", 0);
     if (options && !options->display.empty())

@@ -1,12 +1,11 @@
 #include "capture/patient_source.h"
 
-#include "log/host_log.h"
+#include "common/border.h"
 #include "os/thread_start.h"
 #include "statistics/counters.h"
 
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
 
 namespace zu3host {
 
@@ -42,7 +41,7 @@ struct PatientSource::Desk {
 
 void PatientSource::Desk::serve(const std::shared_ptr<Desk>& desk, const Open& open)
 {
-    std::unique_ptr<WaitingSource> opened = open();
+    auto opened = at_border("Opening the display", std::unique_ptr<WaitingSource>(), open);
     std::unique_lock lock(desk->mutex);
     desk->source = std::move(opened);
     while (true) {
@@ -53,7 +52,8 @@ void PatientSource::Desk::serve(const std::shared_ptr<Desk>& desk, const Open& o
             break;
         const GrabRequest request = desk->request;
         lock.unlock();
-        const auto image = desk->source->grab(request);
+        const auto image = at_border("Reading the display", std::optional<BgraImage>(),
+                                     [&] { return desk->source->grab(request); });
         lock.lock();
         desk->image = image;
     }
@@ -71,13 +71,8 @@ void PatientSource::Desk::hand_over(const GrabRequest& next)
 std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open open)
 {
     const auto desk = std::make_shared<Desk>();
-    std::thread thread;
-    try {
-        thread = start_thread("zu3 display", [desk, open = std::move(open)] { Desk::serve(desk, open); });
-    } catch (const std::system_error& error) {
-        HOST_LOGE("The display's thread cannot be started: %s.", error.what());
-        return nullptr;
-    }
+    std::thread thread =
+        start_thread("zu3 display", [desk, open = std::move(open)] { Desk::serve(desk, open); });
     std::unique_lock lock(desk->mutex);
     bool answered = false;
     for (int left = opening_limit / slice; left > 0 && !answered; --left)

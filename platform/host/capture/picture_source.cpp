@@ -22,7 +22,7 @@ namespace {
 
 std::unique_ptr<PictureSource> open_x11()
 {
-    const char* display = std::getenv("DISPLAY");
+    const char* display = secure_getenv("DISPLAY");
     return PatientSource::open(std::string("The X display DISPLAY=\"") + (display ? display : "") + "\"",
                                [] { return X11Source::open(); });
 }

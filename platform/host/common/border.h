@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <new>
+#include <utility>
 
 /**
  * Marks what a library of the host layer exports; all else stays inside. On a declaration of a class ahead of
@@ -37,7 +38,7 @@ Result answer_or(Result failure, Call&& call, Report&& report) noexcept
 template <typename Result, typename Call>
 Result at_border(const char* what, Result failure, Call&& call) noexcept
 {
-    return answer_or(failure, call, [&](const char* why) { HOST_LOGE("%s failed: %s.", what, why); });
+    return answer_or(std::move(failure), call, [&](const char* why) { HOST_LOGE("%s failed: %s.", what, why); });
 }
 
 /** For functions that answer with a result code. */
