@@ -1,5 +1,7 @@
 #include "audio/pulse_memory.h"
 
+#include "common/border.h"
+
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -7,10 +9,11 @@
 
 namespace zu3host {
 
-void keep_pulse_memory_from_children()
+namespace {
+
+bool mark_memory_files()
 {
     std::error_code error;
-    // Errors are returned: an exception must not pass through the callbacks of a C library.
     for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
          at.increment(error)) {
         std::error_code closed_meanwhile;
@@ -18,6 +21,14 @@ void keep_pulse_memory_from_children()
         if (target.starts_with("/memfd:pulseaudio"))
             fcntl(std::atoi(at->path().filename().c_str()), F_SETFD, FD_CLOEXEC);
     }
+    return true;
+}
+
+} // namespace
+
+void keep_pulse_memory_from_children()
+{
+    at_border("Keeping libpulse's memory from child processes", false, mark_memory_files);
 }
 
 } // namespace zu3host
