@@ -20,6 +20,12 @@ void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
     count(outcome, by);
 }
 
+void count_dropped(std::atomic<uint64_t>& reason, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count_lost_picture(reason, by);
+}
+
 } // namespace
 
 void CaptureDevice::run_thread()
@@ -42,7 +48,7 @@ void CaptureDevice::stream(CaptureRun& run)
     while (wait_until_due(run, schedule.due())) {
         Counters& all = counters();
         if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
-            count_due(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late, late);
+            count_dropped(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late, late);
         blind = !capture_picture(run, schedule);
         schedule.advance();
     }
@@ -59,7 +65,7 @@ bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& sche
     const auto index =
         at_border("Capturing a picture", std::optional<uint32_t>(), [&] { return run.pool->take(); });
     if (!index) {
-        count_due(counters().pictures_dropped_no_buffer);
+        count_dropped(counters().pictures_dropped_no_buffer);
         return true;
     }
     const Written written = at_border("Capturing a picture", Written::NoMemory,

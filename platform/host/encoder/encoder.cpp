@@ -139,7 +139,7 @@ uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
     std::unique_lock lock(mutex_);
     const uint32_t result = at_border("Taking a picture", [&] { return admit(lock, buffer); });
     if (result != ZU_OK) {
-        count(counters().pictures_refused);
+        count_lost_picture(counters().pictures_refused);
         return result;
     }
     changed_.notify_all();
@@ -201,7 +201,7 @@ void Encoder::drop_queue()
 {
     while (!queue_.empty()) {
         give_back(queue_.pop());
-        count(counters().pictures_refused);
+        count_lost_picture(counters().pictures_refused);
     }
 }
 

@@ -80,7 +80,7 @@ std::optional<AccessUnit> Encoder::encode(const Work& work)
     if (unit)
         return unit;
     key_due_ |= work.picture.as_key;
-    count(counters().pictures_refused);
+    count_lost_picture(counters().pictures_refused);
     if (!std::exchange(warned_of_x264_, true))
         HOST_LOGE("x264 failed to encode a picture, which is lost");
     return std::nullopt;
@@ -89,16 +89,18 @@ std::optional<AccessUnit> Encoder::encode(const Work& work)
 void Encoder::deliver(const Work& work, const AccessUnit& unit)
 {
     if (!may_deliver(work.session)) {
-        count(counters().pictures_refused);
+        count_lost_picture(counters().pictures_refused);
         return;
     }
     count(counters().pictures_encoded);
     count(counters().bytes_encoded, unit.size);
     ZU_VENC_FrameInfo_t frame = frame_record(unit, work.picture.pts, work.picture.index);
     const FrameTimeInCallback frame_time(work.picture.time);
-    at_border("The callback with a frame", [&] {
+    const u32 taken = at_border("The callback with a frame", [&] {
         return callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
     });
+    if (taken == ZU_BUSY)
+        count(counters().pictures_left_out_for_room);
     signal_frame();
 }
 

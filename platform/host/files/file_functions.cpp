@@ -6,6 +6,7 @@
 #include <limits>
 
 #include <zu3/fs.h>
+#include "zu3_host/slow_disk.h"
 
 namespace {
 
@@ -91,4 +92,9 @@ HOST_EXPORT u32 ZU_FS_Fseek(u32 u32File, s64 s64Offset, u32 u32Whence)
 HOST_EXPORT u32 ZU_FS_Sync(void)
 {
     return ZU_OK;
+}
+
+HOST_EXPORT void zu3_host_give_up_writes(void)
+{
+    zu3host::give_up_writes();
 }

@@ -1,6 +1,7 @@
 #include "files/open_file.h"
 
 #include "files/packet_steps.h"
+#include "files/write_wait.h"
 #include "log/host_log.h"
 #include "os/task.h"
 #include "statistics/counters.h"
@@ -11,6 +12,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <string_view>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <utility>
 
@@ -92,6 +94,13 @@ bool awaits_its_first_writer(int fd)
     return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) && poll(&pipe, 1, 0) == 0;
 }
 
+/** Readable once writes are given up; -1 where the system gives no event. Never closed. */
+int given_up_event()
+{
+    static const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return event;
+}
+
 /**
  * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in between;
  * returns the bytes, and errno in `error` when it ended early.
@@ -147,7 +156,15 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
                                  : strerror(errno));
         return nullptr;
     }
-    return std::make_shared<OpenFile>(name, std::move(fd));
+    std::unique_ptr<DiskProcess> disk;
+    if ((flags & O_ACCMODE) != O_RDONLY && is_regular(fd.get()))
+        disk = DiskProcess::start(fd.get());
+    return std::make_shared<OpenFile>(name, std::move(fd), std::move(disk));
+}
+
+void give_up_writes()
+{
+    eventfd_write(given_up_event(), 1);
 }
 
 int64_t OpenFile::read(void* dst, size_t size)
@@ -172,17 +189,73 @@ uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t co
     written_ = true;
     int error = 0;
     const size_t size = item_bytes * count_of_items;
-    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
-    const size_t done = transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
-        return ::write(fd_.get(), static_cast<const char*>(src) + at, steps.most(at, bytes));
-    });
+    const auto* const bytes = static_cast<const uint8_t*>(src);
+    const size_t done = disk_ ? write_by_process(bytes, size, error) : write_all(bytes, size, error);
     const uint64_t whole = done / item_bytes;
-    if (done < size) {
+    if (done < size && error == ECANCELED && disk_) {
+        // The part that is under way may still come, so that the end of the file is not ours to cut.
+        if (!std::exchange(failure_logged_, true))
+            HOST_LOGW("The disk of \"%s\" stands still. What it has not taken may be missing from the file.",
+                      name_.c_str());
+    } else if (done < size) {
         count_failure(error ? error : EIO);
         cut_partial_item(done % item_bytes);
     }
     count(counters().bytes_written, whole * item_bytes);
     return whole;
+}
+
+size_t OpenFile::write_all(const uint8_t* src, size_t size, int& error)
+{
+    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
+    return transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
+        return ::write(fd_.get(), src + at, steps.most(at, bytes));
+    });
+}
+
+size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
+{
+    error = wait_for_earlier_write();
+    if (error != 0)
+        return 0;
+    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
+    size_t done = 0;
+    while (done < size && error == 0) {
+        disk_->write(src + done, size - done,
+                     [&](size_t at, size_t bytes) { return steps.most(done + at, bytes); });
+        error = wait_for_disk();
+        if (error != 0)
+            break;
+        const DiskProcess::Answer answer = disk_->answer();
+        done += answer.written;
+        error = answer.error;
+        if (answer.written == 0 && error == 0)
+            error = EIO;
+    }
+    return done;
+}
+
+// Of one that was not waited for any longer. Until it is through, the kernel keeps even the file's position from us.
+int OpenFile::wait_for_earlier_write()
+{
+    if (!disk_ || !disk_->busy())
+        return 0;
+    const int error = wait_for_disk();
+    if (error == 0)
+        static_cast<void>(disk_->answer());
+    return error;
+}
+
+int OpenFile::wait_for_disk()
+{
+    const WriteWait wait;
+    pollfd waited[] = {{disk_->fd(), POLLIN, 0},
+                       {Task::deletion_on_this_thread(), POLLIN, 0},
+                       {given_up_event(), POLLIN, 0}};
+    while (poll(waited, std::size(waited), -1) < 0)
+        if (errno != EINTR)
+            return errno;
+    return waited[0].revents != 0 ? 0 : ECANCELED;
 }
 
 void OpenFile::count_failure(int error)
@@ -211,7 +284,7 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
 bool OpenFile::seek(int64_t offset, int whence)
 {
     const std::lock_guard lock(in_use_);
-    return lseek(fd_.get(), offset, whence) >= 0;
+    return wait_for_earlier_write() == 0 && lseek(fd_.get(), offset, whence) >= 0;
 }
 
 bool OpenFile::close()
@@ -224,7 +297,9 @@ bool OpenFile::close()
     // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
     // close is to be over in a moment. What the medium does not take shows at the next use of the file.
     int error = 0;
-    if (written_ && is_regular(fd_.get()))
+    if (disk_)
+        disk_.reset(); // which begins that by itself
+    else if (written_ && is_regular(fd_.get()))
         sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     // Linux has released the descriptor whatever close reports.
     if (::close(fd_.release()) != 0 && errno != EINTR)

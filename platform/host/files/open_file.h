@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/file_descriptor.h"
+#include "files/disk_process.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -14,16 +15,22 @@ namespace zu3host {
 /** How a file is opened, from a stdio mode: the flags of open(2); nothing for a text that is no mode. */
 std::optional<int> open_flags_of_mode(const char* mode);
 
+/** From now on no write waits for a disk that stands still: those under way and later ones end at once. */
+void give_up_writes();
+
 /**
  * A file without a buffer of its own: what a write took is with the kernel. One thread at a time reads,
- * writes or seeks; others wait. A transfer that waits for the other end of a pipe is over when the task that
- * it is in is deleted: it answers what is through by then.
+ * writes or seeks; others wait. A transfer that waits for the other end of a pipe, and a write that waits for
+ * its disk, is over when the task that it is in is deleted: it answers what is through by then.
  */
 class OpenFile {
 public:
     /** Null, and a line in the log, when it cannot be opened. Does not wait for the other end of a pipe. */
     static std::shared_ptr<OpenFile> open(const char* name, int flags);
-    OpenFile(std::string name, FileDescriptor fd) : name_(std::move(name)), fd_(std::move(fd)) {}
+    OpenFile(std::string name, FileDescriptor fd, std::unique_ptr<DiskProcess> disk)
+        : name_(std::move(name)), fd_(std::move(fd)), disk_(std::move(disk))
+    {
+    }
 
     /** Fills `size` bytes unless the file ends before; bytes read, -1 on an error before the first. */
     int64_t read(void* dst, size_t size);
@@ -41,12 +48,17 @@ public:
     bool close();
 
 private:
+    size_t write_all(const uint8_t* src, size_t size, int& error);
+    size_t write_by_process(const uint8_t* src, size_t size, int& error);
+    int wait_for_earlier_write();
+    int wait_for_disk();
     void count_failure(int error);
     void cut_partial_item(uint64_t partial_bytes);
 
     std::string name_;
     std::mutex in_use_; // held within each call; guards what follows
     FileDescriptor fd_;
+    std::unique_ptr<DiskProcess> disk_; // of an ordinary file that is written, if the system gives one
     bool written_ = false;
     bool failure_logged_ = false;
 };

@@ -60,13 +60,22 @@ uint32_t Multiplexer::push(uint32_t handle, const ZU_TSMUX_MediaData_t& data)
         const std::lock_guard lock(mutex_);
         result = push_locked(data);
         report = result == ZU_BUSY && !full_reported_;
-        full_reported_ = result == ZU_BUSY;
+        set_full(result == ZU_BUSY);
     }
     if (result == ZU_BUSY)
         count(counters().multiplexer_busy);
     if (report)
         callback_.call(handle, E_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL);
     return result;
+}
+
+void Multiplexer::set_full(bool full)
+{
+    if (full && !full_reported_)
+        counters().full_multiplexers.fetch_add(1, std::memory_order_relaxed);
+    else if (!full && full_reported_)
+        counters().full_multiplexers.fetch_sub(1, std::memory_order_relaxed);
+    full_reported_ = full;
 }
 
 uint32_t Multiplexer::push_locked(const ZU_TSMUX_MediaData_t& data)
@@ -182,6 +191,7 @@ void Multiplexer::close()
     const std::lock_guard lock(mutex_);
     closed_ = true;
     running_ = false;
+    set_full(false);
     sound_.reset();
     budget_.set(0);
     region_.reset();

@@ -45,6 +45,7 @@ private:
     bool usable_pid(uint16_t pid) const;
     void announce(uint8_t stream_type, uint16_t pid);
     void update_budget();
+    void set_full(bool full);
     uint32_t push_locked(const ZU_TSMUX_MediaData_t& data);
     uint32_t write_picture(const ZU_TSMUX_MediaData_t& data);
     void pump();

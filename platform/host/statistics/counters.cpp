@@ -4,6 +4,7 @@
 #include "zu3_host/statistics.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 namespace zu3host {
@@ -21,6 +22,13 @@ namespace {
 template <typename T> T value_of(const std::atomic<T>& counter)
 {
     return counter.load(std::memory_order_relaxed);
+}
+
+uint64_t microseconds_since(int64_t begin_us)
+{
+    using namespace std::chrono;
+    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    return begin_us == 0 ? 0 : static_cast<uint64_t>(std::max<int64_t>(now - begin_us, 0));
 }
 
 zu3_host_statistics_t snapshot(const zu3host::Counters& live)
@@ -47,6 +55,8 @@ zu3_host_statistics_t snapshot(const zu3host::Counters& live)
         .sound_lost = value_of(live.sound_lost),
         .audio_frames_encoded = value_of(live.audio_frames_encoded),
         .display_silent_ms = value_of(live.display_silent_ms),
+        .pictures_left_out_for_room = value_of(live.pictures_left_out_for_room),
+        .write_waiting_us = microseconds_since(value_of(live.write_waits_since_us)),
     };
 }
 

@@ -28,6 +28,9 @@ struct Counters {
     std::atomic<uint32_t> sound_lost{0};
     std::atomic<uint64_t> audio_frames_encoded{0};
     std::atomic<uint32_t> display_silent_ms{0};
+    std::atomic<uint64_t> pictures_left_out_for_room{0};
+    std::atomic<int64_t> write_waits_since_us{0};  /**< monotonic time, 0 = no write waits */
+    std::atomic<uint32_t> full_multiplexers{0};    /**< those whose last push was answered busy */
 };
 
 Counters& counters();
@@ -35,6 +38,14 @@ Counters& counters();
 inline void count(std::atomic<uint64_t>& counter, uint64_t by = 1)
 {
     counter.fetch_add(by, std::memory_order_relaxed);
+}
+
+/** Counts a picture that is lost; also as one that there was no room for, while a multiplexer is full. */
+inline void count_lost_picture(std::atomic<uint64_t>& counter, uint64_t by = 1)
+{
+    count(counter, by);
+    if (counters().full_multiplexers.load(std::memory_order_relaxed) > 0)
+        count(counters().pictures_left_out_for_room, by);
 }
 
 } // namespace zu3host

@@ -35,6 +35,10 @@ typedef struct {
     uint64_t audio_frames_encoded;       /**< AAC frames multiplexed */
     uint32_t display_silent_ms;          /**< how long a captured display has not answered while a picture was
                                               waited for; 0 = it answers */
+    uint64_t pictures_left_out_for_room; /**< of the dropped and refused, those while a multiplexer had no room,
+                                              since its output was not copied out; and encoded ones it never took */
+    uint64_t write_waiting_us;           /**< how long a write to an ordinary file has waited for its disk, 0 = none
+                                              waits now */
 } zu3_host_statistics_t;
 
 /**

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "common/file_descriptor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <sys/types.h>
+#include <utility>
+
+namespace zu3host {
+
+/**
+ * Writes to an ordinary file from a process of its own.
+ *
+ * The kernel holds a thread whose disk stands still (a frozen file system, a dead server) in its write until the
+ * disk moves again, and no signal ends that: neither the thread nor the process that it belongs to can go. So
+ * the thread that may be held is the only one of a process that nobody waits for. It has the file and nothing
+ * else of ours, ends once its owner has gone and its last write is through, and takes no signal but SIGKILL.
+ *
+ * One thread at a time uses an object.
+ */
+class DiskProcess {
+public:
+    /** Bytes that one write() takes at most. */
+    static constexpr size_t capacity = 128 * 1024;
+    /** Pieces, a write(2) each, that one write() is made of at most. */
+    static constexpr size_t most_pieces = 128;
+
+    /** What became of a write: bytes that are with the kernel, and the errno that ended it early, 0 = none. */
+    struct Answer {
+        size_t written;
+        int error;
+    };
+
+    /** Null, and errno, when the system gives no process or memory. `fd` stays the caller's. */
+    static std::unique_ptr<DiskProcess> start(int fd);
+    ~DiskProcess();
+    DiskProcess(const DiskProcess&) = delete;
+    DiskProcess& operator=(const DiskProcess&) = delete;
+
+    /**
+     * Starts to write at the file's position what fits of `data`, which is copied; not while busy().
+     * @param piece_at most bytes of the piece that begins that many bytes behind the first
+     */
+    template <typename PieceAt> void write(const uint8_t* data, size_t size, PieceAt piece_at)
+    {
+        size_t pieces = 0, at = 0;
+        size = size < capacity ? size : capacity;
+        while (at < size && pieces < most_pieces)
+            at += shared_->pieces[pieces++] = static_cast<uint32_t>(piece_at(at, size - at));
+        send(data, at, pieces);
+    }
+    /** Whether a write is under way. */
+    bool busy() const { return busy_; }
+    /** Readable once the write under way is through. */
+    int fd() const { return socket_.get(); }
+    /** What became of the write; waits for it. */
+    Answer answer();
+
+private:
+    struct Shared {
+        uint32_t pieces[most_pieces];
+        uint8_t data[capacity];
+    };
+    struct Order {
+        uint64_t pieces;
+        uint64_t greatest_file; /**< RLIMIT_FSIZE of the owner, which may have changed */
+    };
+
+    DiskProcess(Shared* shared, FileDescriptor socket, pid_t process)
+        : shared_(shared), socket_(std::move(socket)), process_(process)
+    {
+    }
+    void send(const uint8_t* data, size_t size, size_t pieces);
+    [[noreturn]] static void run(const Shared* shared, int file, int socket);
+    static Answer carry_out(const Order& order, const Shared* shared, int file);
+
+    Shared* shared_;
+    FileDescriptor socket_;
+    pid_t process_;
+    bool busy_ = false;
+};
+
+} // namespace zu3host
