@@ -29,6 +29,27 @@ inline void name_this_thread(const ThreadName& name)
 }
 
 /**
+ * Raises the stack size that threads get by default, x264's own included, to what they need. It is that of
+ * RLIMIT_STACK, which somebody may have set to less than x264 lays on a stack.
+ */
+inline void give_threads_enough_stack()
+{
+    constexpr size_t enough = 512 * 1024;
+    static const int done = [] {
+        pthread_attr_t defaults;
+        size_t bytes = 0;
+        if (pthread_getattr_default_np(&defaults) != 0)
+            return -1;
+        if (pthread_attr_getstacksize(&defaults, &bytes) == 0 && bytes < enough) {
+            pthread_attr_setstacksize(&defaults, enough);
+            pthread_setattr_default_np(&defaults);
+        }
+        return pthread_attr_destroy(&defaults);
+    }();
+    static_cast<void>(done);
+}
+
+/**
  * While it lives, the calling thread is what the threads of the host layer are to be; they inherit it.
  *
  * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and the like.
@@ -39,6 +60,7 @@ class ThreadInheritance {
 public:
     ThreadInheritance()
     {
+        give_threads_enough_stack();
         sigset_t blocked;
         sigfillset(&blocked);
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
