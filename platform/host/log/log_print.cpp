@@ -1,5 +1,5 @@
 #include "common/border.h"
-#include "common/broken_pipe_guard.h"
+#include "common/line_writer.h"
 #include "common/printable.h"
 #include "log/log_filter.h"
 #include "zu3_host/log_listener.h"
@@ -8,10 +8,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <poll.h>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -63,31 +65,18 @@ void put_lines(LineBuffer& out, std::string_view prefix, std::string_view messag
     }
 }
 
-/**
- * False when whoever reads standard error has not taken anything for a moment. The first line that meets him
- * waits, the others do not until he reads again: a log must not hold up a recording, nor its end.
- */
-bool stderr_has_room()
-{
-    static std::atomic<bool> stuck{false};
-    pollfd room{STDERR_FILENO, POLLOUT, 0};
-    const int answer = poll(&room, 1, stuck ? 0 : 100);
-    stuck = answer == 0;
-    return answer != 0;
-}
+// Nobody waits long for who does not read: a log must not hold up a recording, nor its end.
+constexpr std::chrono::milliseconds patience_at_the_end(200);
 
-/** No more than a pipe that has room takes at once. */
-int write_to_stderr(std::string_view text)
+/** Standard error; never destroyed, and made without memory, which may be what a line is about. */
+zu3host::LineWriter& standard_error()
 {
-    if (!stderr_has_room())
-        return -EAGAIN;
-    // Whoever read the log may be gone, which is no reason to end what is logged.
-    const zu3host::BrokenPipeGuard guard;
-    ssize_t written = 0;
-    do
-        written = write(STDERR_FILENO, text.data(), text.size());
-    while (written < 0 && errno == EINTR);
-    return written < 0 ? -errno : static_cast<int>(written);
+    alignas(zu3host::LineWriter) static std::byte memory[sizeof(zu3host::LineWriter)];
+    static zu3host::LineWriter& lines = []() -> zu3host::LineWriter& {
+        std::atexit([] { standard_error().flush(std::chrono::steady_clock::now() + patience_at_the_end); });
+        return *new (memory) zu3host::LineWriter(STDERR_FILENO);
+    }();
+    return lines;
 }
 
 std::atomic<zu3_host_log_listener_t> log_listener{nullptr};
@@ -131,7 +120,7 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
               formatted(message.data(), message.size(), length), fmt);
     if (listener)
         listener(tag, out.text().data(), static_cast<uint32_t>(out.text().size()));
-    const int result = shown ? write_to_stderr(out.text()) : 0;
+    const int result = shown ? standard_error().put(out.text()) : 0;
     errno = kept_errno;
     return result;
 }
