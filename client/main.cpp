@@ -46,7 +46,7 @@ template <typename Options> ExitCode run_command(const Options& options)
     try {
         StopSignals signals;
         const CommonOptions* const given = common(options);
-        ProgramOutput output(given && given->verbose);
+        ProgramOutput output(given && given->verbose, signals);
         prepare_environment(given);
         Surroundings surroundings{signals, output};
         const ExitCode code = run(options, surroundings);
@@ -76,5 +76,6 @@ int main(int argc, char** argv)
                 return static_cast<int>(run_command(options));
         },
         invocation);
+    finish_messages();
     return code;
 }

@@ -1,13 +1,12 @@
 #include "messages.h"
 
-#include <algorithm>
-#include <climits>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <poll.h>
 #include <unistd.h>
 
+#include "common/line_writer.h"
 #include "common/printable.h"
 
 namespace client {
@@ -15,25 +14,10 @@ namespace {
 
 bool status_line_shown = false;
 
-constexpr int no_patience_ms = 0;
-constexpr int patience_ms = 1000;
-
-// One write a message, up to what a pipe takes whole: lines of several processes, or of the library's log, do
-// not end up inside one another. What poll() calls writable takes that much without blocking; a reader who
-// has stopped reading must not hold up the program, which would not hear a signal meanwhile.
-void write_error(const std::string& text, int timeout_ms)
+zu3host::LineWriter& standard_error()
 {
-    size_t done = 0;
-    while (done < text.size()) {
-        pollfd room{STDERR_FILENO, POLLOUT, 0};
-        if (poll(&room, 1, timeout_ms) != 1)
-            return;
-        const ssize_t n =
-            write(STDERR_FILENO, text.data() + done, std::min<size_t>(text.size() - done, PIPE_BUF));
-        if (n <= 0)
-            return;
-        done += static_cast<size_t>(n);
-    }
+    static auto& lines = *new zu3host::LineWriter(STDERR_FILENO);
+    return lines;
 }
 
 constexpr const char* back_to_empty_line = "\r\033[K";
@@ -54,27 +38,32 @@ void say(const std::string& sentence)
 
 void print_error_line(const std::string& line)
 {
-    write_error((status_line_shown ? back_to_empty_line : "") + printable(line) + "\n", patience_ms);
+    standard_error().put((status_line_shown ? back_to_empty_line : "") + printable(line) + "\n");
     status_line_shown = false;
 }
 
 void print_status_object(const std::string& object)
 {
-    write_error(printable(object) + "\n", no_patience_ms);
+    standard_error().put_if_idle(printable(object) + "\n");
 }
 
 void show_status_line(const std::string& mark, const std::string& line)
 {
     // What others write begins at its begin.
-    write_error(back_to_empty_line + mark + " " + printable(line) + "\r", no_patience_ms);
+    standard_error().put_if_idle(back_to_empty_line + mark + " " + printable(line) + "\r");
     status_line_shown = true;
 }
 
 void clear_status_line()
 {
     if (status_line_shown)
-        write_error(back_to_empty_line, no_patience_ms);
+        standard_error().put_if_idle(back_to_empty_line);
     status_line_shown = false;
+}
+
+void finish_messages()
+{
+    standard_error().flush(std::chrono::steady_clock::now() + std::chrono::seconds(1));
 }
 
 std::string format_text(const char* format, ...)

@@ -4,8 +4,8 @@
 
 namespace client {
 
-// A reader of standard error who has stopped reading never holds the program up: a message waits a second for
-// him, a status that the next one replaces not at all, and then they are dropped.
+// A reader of standard error who has stopped reading never holds the program up: messages wait for him beside it, up
+// to 64 KiB of them, and a second at the end; a status that the next one replaces does not wait.
 
 /** `text` as a terminal may get it. All that is printed here passes through it, since names of files,
  * displays and sound sources are other people's: a control character, a line end among them, becomes "\x1b".
@@ -28,6 +28,9 @@ void show_status_line(const std::string& mark, const std::string& line);
 
 /** Removes the refreshed line, if one is shown. */
 void clear_status_line();
+
+/** Gives what was said the time to be read, a second at most. */
+void finish_messages();
 
 /** The text that printf would make. */
 [[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);

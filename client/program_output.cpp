@@ -1,5 +1,6 @@
 #include "program_output.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -7,30 +8,41 @@
 
 namespace client {
 
-ProgramOutput::ProgramOutput(bool verbose)
+ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
+    : signals_(signals), fd_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))),
+      lines_(*new zu3host::LineWriter(fd_))
 {
-    std::fflush(stdout);
-    fd_ = UniqueFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
     // The library prints a notice when its buffer is full; where nobody reads standard error any more, the
     // exit would wait for ever to print it.
     const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
 }
 
-void ProgramOutput::print_line(const std::string& line) const
+ProgramOutput::~ProgramOutput()
+{
+    while (!lines_.flush(Clock::now() + std::chrono::milliseconds(50)))
+        if (signals_.raised()) {
+            lines_.flush(Clock::now() + std::chrono::seconds(1));
+            return;
+        }
+}
+
+void ProgramOutput::print_line(const std::string& line)
 {
     write_line(printable(line));
 }
 
-void ProgramOutput::print_path(const std::string& path) const
+void ProgramOutput::print_path(const std::string& path)
 {
-    write_line(isatty(fd_.get()) == 1 ? printable(path) : path);
+    write_line(isatty(fd_) == 1 ? printable(path) : path);
 }
 
-void ProgramOutput::write_line(const std::string& line) const
+void ProgramOutput::write_line(const std::string& line)
 {
     // Nobody is told when nobody listens.
-    [[maybe_unused]] const auto written = write(fd_.get(), (line + "\n").c_str(), line.size() + 1);
+    while (lines_.put(line + "\n") == -EAGAIN)
+        if (signals_.wait_until(Clock::now() + std::chrono::milliseconds(50)))
+            return;
 }
 
 } // namespace client

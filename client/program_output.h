@@ -2,7 +2,8 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "common/line_writer.h"
+#include "signals.h"
 
 namespace client {
 
@@ -13,18 +14,25 @@ namespace client {
  */
 class ProgramOutput {
 public:
-    explicit ProgramOutput(bool verbose);
+    ProgramOutput(bool verbose, StopSignals& signals);
+    /** Waits until the lines are read, and no longer than a second once a stop is asked for. */
+    ~ProgramOutput();
+    ProgramOutput(const ProgramOutput&) = delete;
+    ProgramOutput& operator=(const ProgramOutput&) = delete;
 
-    int fd() const { return fd_.get(); }
+    int fd() const { return fd_; }
+    // A reader who is behind is waited for, until a stop is asked for: then the line is dropped.
     /** For people, without control characters. */
-    void print_line(const std::string& line) const;
+    void print_line(const std::string& line);
     /** The path of a finished file: to a program as it is, to a terminal without control characters. */
-    void print_path(const std::string& path) const;
+    void print_path(const std::string& path);
 
 private:
-    void write_line(const std::string& line) const;
+    void write_line(const std::string& line);
 
-    UniqueFd fd_;
+    StopSignals& signals_;
+    int fd_; // never closed: a thread may write to it until the process ends
+    zu3host::LineWriter& lines_;
 };
 
 } // namespace client
