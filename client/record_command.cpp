@@ -154,7 +154,9 @@ private:
         while (!at_end(end, watch, file))
             if (report.due())
                 report.update(progress.measure(file.size()));
-        if (!recording.finish() && !problem_)
+        const bool in_order = recording.finish();
+        shortfall_ = watch.shortfall();
+        if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the last batch is written by the close
             problem_ = watch.problem();
@@ -182,14 +184,15 @@ private:
 
     ExitCode conclude(const OutputFile& file)
     {
-        if (problem_)
-            say(*problem_);
+        for (const auto& sentence : {problem_, shortfall_})
+            if (sentence)
+                say(*sentence);
         if (nothing_came(file)) {
             say("cannot record: nothing reached " + file.path());
             return ExitCode::failed;
         }
         surroundings_.output.print_path(file.path());
-        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+        return problem_ || shortfall_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
     const RecordOptions& options_;
@@ -198,6 +201,7 @@ private:
     uint64_t source_pictures_ = 0;
     std::optional<SourceEnd> source_end_;
     std::optional<std::string> problem_;
+    std::optional<std::string> shortfall_;
 };
 
 } // namespace

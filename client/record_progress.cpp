@@ -53,6 +53,7 @@ Progress RecordProgress::measure(uint64_t file_bytes)
         progress.dropped = left_out(*counted) - left_out(*before_);
         progress.sound_level = counted->sound_level / 32768.0;
         progress.display_answers = !display_is_silent(*counted);
+        progress.disk_waiting_seconds = static_cast<double>(counted->write_waiting_us) / 1e6;
     }
     keep(now);
     return progress;

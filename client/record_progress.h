@@ -18,6 +18,7 @@ struct Progress {
     double bits_per_second = 0;        /**< growth of the file, of the last seconds */
     std::optional<double> sound_level; /**< 0 to 1, loudest sample of late */
     std::optional<bool> display_answers;
+    std::optional<double> disk_waiting_seconds; /**< how long a write has waited for the disk, 0 = none waits */
 };
 
 /** Measures a recording from its start; what was counted before belongs to others. */

@@ -26,6 +26,11 @@ public:
      * away is no such reason: the platform says so in its log, and silence is recorded.
      */
     std::optional<std::string> problem();
+    /**
+     * What a recording that is closed is short of because its disk did not keep up, as a sentence: pictures that
+     * there was no room for, and bytes that did not reach the file.
+     */
+    std::optional<std::string> shortfall() const;
     /** Whether the sound server went away since the recording was started. */
     bool lost_sound() const;
 

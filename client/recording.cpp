@@ -1,6 +1,10 @@
 #include "recording.h"
 
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <poll.h>
+#include <thread>
 
 #include "library_log.h"
 #include "screenrecord/screenrecord.h"
@@ -8,6 +12,8 @@
 
 namespace client {
 namespace {
+
+using namespace std::chrono_literals;
 
 // The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told to end is
 // lost.
@@ -21,10 +27,41 @@ uint64_t bytes_behind()
                : 0;
 }
 
-void wait_for_writer()
+/** While it lives, a disk that has not answered for a second is given up, also within calls of the library. */
+class DiskPatience {
+public:
+    DiskPatience() : watch_([this](const std::stop_token& ended) { watch(ended); }) {}
+
+    bool given_up() const { return given_up_; }
+
+private:
+    void watch(const std::stop_token& ended)
+    {
+        std::unique_lock lock(mutex_);
+        // Counted in looks, so that the disk has its turn after this process was stopped for all of the time.
+        int looks = 0;
+        while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
+               !ended.stop_requested()) {
+            const auto now = read_statistics();
+            const bool waiting = now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
+            looks = waiting && now->write_waiting_us > 0 ? looks + 1 : 0;
+            if (looks < 20)
+                continue;
+            given_up_ = true;
+            return give_up_writes();
+        }
+    }
+
+    std::atomic<bool> given_up_{false};
+    std::mutex mutex_;
+    std::condition_variable_any wake_;
+    std::jthread watch_; // the last one: it uses the others
+};
+
+void wait_for_writer(const DiskPatience& patience)
 {
     // Counted in looks, so that the writer has its turn after this process was stopped for all of the time.
-    for (int looks = 300; bytes_behind() >= last_pass_bytes && looks > 0; --looks)
+    for (int looks = 1500; bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
         poll(nullptr, 0, 10);
 }
 
@@ -101,8 +138,9 @@ void Recording::open_in_one_call(const RecordingSettings& settings)
 
 bool Recording::finish()
 {
+    const DiskPatience patience;
     const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
-    wait_for_writer();
+    wait_for_writer(patience);
     return close() && stopped;
 }
 

@@ -31,8 +31,8 @@ public:
     ~Recording();
 
     /**
-     * Stops capture, waits until the writer has caught up with what is multiplexed (3 s at most), closes the
-     * file.
+     * Stops capture, waits until the writer has caught up with what is multiplexed (15 s at most), closes the
+     * file. A disk that stands still is given a second.
      * @return whether the library says that all of it succeeded
      */
     bool finish();

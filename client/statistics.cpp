@@ -23,6 +23,14 @@ int frame_event()
     return event ? event() : -1;
 }
 
+void give_up_writes()
+{
+    using GiveUp = void (*)();
+    static const auto give_up = reinterpret_cast<GiveUp>(dlsym(RTLD_DEFAULT, "zu3_host_give_up_writes"));
+    if (give_up)
+        give_up();
+}
+
 const char* platform_sentence()
 {
     using Name = const char* (*)();

@@ -13,8 +13,17 @@ std::optional<zu3_host_statistics_t> read_statistics();
  * frame_event.h. */
 int frame_event();
 
+/** Lets no write wait for its disk any longer; see slow_disk.h. */
+void give_up_writes();
+
 /** One sentence on the platform, NULL where it has none. */
 const char* platform_sentence();
+
+/** Bytes of all streams that no file has yet. */
+inline uint64_t unwritten_bytes(const zu3_host_statistics_t& s)
+{
+    return s.bytes_multiplexed > s.bytes_written ? s.bytes_multiplexed - s.bytes_written : 0;
+}
 
 /** Pictures that capture left out, for whatever reason. */
 inline uint64_t dropped_pictures(const zu3_host_statistics_t& s)

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "messages.h"
-#include "output_file.h"
 
 namespace client {
 namespace {
@@ -59,10 +58,12 @@ std::string progress_as_json(const Progress& p, const char* state)
 {
     return format_text(
         "{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
-        "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s}",
+        "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s,"
+        "\"disk_waiting\":%s}",
         state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
         count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes), p.bits_per_second,
-        number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers));
+        number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
+        number_or_null(p.disk_waiting_seconds).c_str());
 }
 
 std::string progress_as_line(const Progress& p, size_t columns)
@@ -73,6 +74,8 @@ std::string progress_as_line(const Progress& p, size_t columns)
         {format_text("%02lu:%02lu:%02lu", seconds / 3600, seconds / 60 % 60, seconds % 60), 7}};
     if (p.display_answers == false)
         parts.push_back({"display does not answer", 6});
+    if (p.disk_waiting_seconds.value_or(0) >= 1)
+        parts.push_back({format_text("disk stands still: %.0f s", *p.disk_waiting_seconds), 6});
     if (p.frames && p.fps && p.dropped) {
         parts.push_back({format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
         parts.push_back({format_text("%.1f fps", *p.fps), 2});
@@ -95,11 +98,10 @@ std::string progress_as_line(const Progress& p, size_t columns)
 
 StatusReport::StatusReport(bool json, std::string status_file)
     : json_(json), terminal_(!json && line_can_be_refreshed()), colour_(colours_wanted()),
-      status_file_(std::move(status_file)), next_(Clock::now() + std::chrono::seconds(1))
+      next_(Clock::now() + std::chrono::seconds(1))
 {
-    if (status_file_.empty())
-        return;
-    write_status_file(progress_as_json({}, "starting"));
+    if (!status_file.empty())
+        status_file_.emplace(std::move(status_file), progress_as_json({}, "starting"));
 }
 
 StatusReport::~StatusReport()
@@ -108,23 +110,13 @@ StatusReport::~StatusReport()
         finish(last_, false);
 }
 
-void StatusReport::write_status_file(const std::string& object)
+// A recording does not end because nobody can watch it.
+void StatusReport::heed(const std::optional<std::string>& failure)
 {
-    WholeFile file(status_file_);
-    file.write((object + "\n").data(), object.size() + 1);
-    file.put_in_place(true);
-}
-
-void StatusReport::update_status_file(const std::string& object)
-{
-    if (status_file_.empty())
+    if (!failure)
         return;
-    try {
-        write_status_file(object);
-    } catch (const std::exception& failure) { // a recording does not end because nobody can watch it
-        say(failure.what());
-        status_file_.clear();
-    }
+    say(*failure);
+    status_file_.reset();
 }
 
 void StatusReport::update(const Progress& progress)
@@ -140,7 +132,8 @@ void StatusReport::update(const Progress& progress)
     const std::string object = progress_as_json(progress, "recording");
     if (json_)
         print_status_object(object);
-    update_status_file(object);
+    if (status_file_)
+        heed(status_file_->update(object));
 }
 
 void StatusReport::finish(const Progress& progress, bool usable)
@@ -150,7 +143,8 @@ void StatusReport::finish(const Progress& progress, bool usable)
     const std::string object = progress_as_json(progress, usable ? "finished" : "failed");
     if (json_)
         print_error_line(object);
-    update_status_file(object);
+    if (status_file_)
+        heed(status_file_->finish(object, Clock::now() + std::chrono::seconds(1)));
 }
 
 } // namespace client

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "record_progress.h"
+#include "status_file.h"
 
 namespace client {
 
@@ -31,14 +32,13 @@ public:
     void finish(const Progress& progress, bool usable);
 
 private:
-    void write_status_file(const std::string& object);
-    /** The same, and none any more when it fails. */
-    void update_status_file(const std::string& object);
+    /** Says what is the matter with the status file, which is given up then. */
+    void heed(const std::optional<std::string>& failure);
 
     bool json_;
     bool terminal_;
     bool colour_;
-    std::string status_file_;
+    std::optional<StatusFile> status_file_;
     TimePoint next_;
     Progress last_;
     bool finished_ = false;
