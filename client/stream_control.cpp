@@ -3,7 +3,10 @@
 #include <cerrno>
 #include <sstream>
 #include <unistd.h>
+#include <utility>
 #include <vector>
+
+#include "messages.h"
 
 namespace client {
 namespace {
@@ -56,6 +59,8 @@ control::Command parse_watermark_command(std::vector<std::string> words)
 
 control::Command control::parse(const std::string& line)
 {
+    if (line.size() > longest_line)
+        return Unknown{format_text("a command has %zu bytes at most", longest_line)};
     const std::vector<std::string> words = words_of(line);
     const std::string verb = words.empty() ? "" : words[0];
     if (verb == "bitrate")
@@ -90,18 +95,22 @@ void ControlInput::read_lines(const std::function<void(const std::string&)>& han
         return;
     if (n <= 0) { // whoever sent commands is gone; the stream goes on
         fd_ = -1;
-        if (!unfinished_.empty())
+        if (!unfinished_.empty() && !refused_)
             handle(unfinished_);
         return;
     }
     unfinished_.append(bytes, static_cast<size_t>(n));
     size_t start = 0;
     for (size_t end; (end = unfinished_.find('\n', start)) != std::string::npos; start = end + 1)
-        if (end > start)
+        if (!std::exchange(refused_, false) && end > start)
             handle(unfinished_.substr(start, end - start));
     unfinished_.erase(0, start);
-    if (unfinished_.size() > longest_line)
-        unfinished_.clear();
+    if (unfinished_.size() <= longest_line)
+        return;
+    // Refused with its first part already; what follows up to its end is no command either.
+    if (!std::exchange(refused_, true))
+        handle(unfinished_);
+    unfinished_.clear();
 }
 
 } // namespace client

@@ -40,6 +40,7 @@ public:
 private:
     int fd_ = -1;
     std::string unfinished_;
+    bool refused_ = false; /**< the line that is being read, since it is too long */
 };
 
 } // namespace client
