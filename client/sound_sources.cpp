@@ -13,14 +13,19 @@ class SoundServer {
 public:
     SoundServer()
         : loop_(pa_mainloop_new(), pa_mainloop_free),
-          context_(pa_context_new(pa_mainloop_get_api(loop_.get()), "screenrecord"), pa_context_unref)
+          context_(loop_ ? pa_context_new(pa_mainloop_get_api(loop_.get()), "screenrecord") : nullptr,
+                   pa_context_unref)
     {
     }
-    ~SoundServer() { pa_context_disconnect(context_.get()); }
+    ~SoundServer()
+    {
+        if (context_)
+            pa_context_disconnect(context_.get());
+    }
 
     bool connect()
     {
-        if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+        if (!context_ || pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
             return false;
         run_until([&] { return ready() || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_.get())); });
         return ready();
