@@ -1,17 +1,22 @@
 #include "byte_sink.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 
 #include "exit_code.h"
 #include "messages.h"
+#include "sink_thread.h"
 
 namespace client {
 namespace {
+
+/** What is taken at once, nobody has to look for again. */
+constexpr std::chrono::milliseconds moment(5);
+
+/** What a disk may be behind: seconds of the highest rates. */
+constexpr uint64_t most_on_its_way = 8 << 20;
 
 bool is_named_pipe(const std::string& path)
 {
@@ -33,74 +38,94 @@ UniqueFd open_named_pipe(const std::string& path, StopSignals& signals)
     }
 }
 
-bool is_regular(int fd)
-{
-    struct stat now = {};
-    return fstat(fd, &now) == 0 && S_ISREG(now.st_mode);
-}
-
 } // namespace
 
 ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals)
 {
     if (is_standard_output(path)) {
-        fd_ = standard_output;
+        thread_ = SinkThread::start(standard_output, UniqueFd());
     } else if (is_named_pipe(path)) {
-        named_pipe_ = open_named_pipe(path, signals);
-        fd_ = named_pipe_.get();
+        UniqueFd pipe = open_named_pipe(path, signals);
+        const int fd = pipe.get();
+        thread_ = SinkThread::start(fd, std::move(pipe));
     } else {
         file_.emplace(path, overwrite);
-        fd_ = file_->fd();
+        // Of its own, since the thread may outlive the file's.
+        UniqueFd fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
+        const int number = fd.get();
+        thread_ = SinkThread::start(number, std::move(fd));
         path_ = path;
+        if (file_->regular())
+            allowance_ = most_on_its_way;
     }
-    paced_ = !is_regular(fd_);
 }
 
-ssize_t ByteSink::write_some()
+bool ByteSink::pending() const
 {
-    if (!paced_)
-        return write(fd_, rest_.data(), rest_.size());
-    // The descriptor of a pipe is shared with others, so it is not made non-blocking: what poll() calls
-    // writable takes PIPE_BUF bytes without blocking.
-    pollfd room{fd_, POLLOUT, 0};
-    if (poll(&room, 1, 0) != 1) {
-        errno = EAGAIN;
-        return -1;
-    }
-    return write(fd_, rest_.data(), std::min<size_t>(rest_.size(), PIPE_BUF));
+    return unfinished_ && thread_->backlog() > allowance_;
+}
+
+ByteSink::~ByteSink()
+{
+    thread_->end();
+}
+
+int ByteSink::fd() const
+{
+    return thread_->fd();
+}
+
+uint64_t ByteSink::delivered() const
+{
+    return thread_->delivered();
+}
+
+int ByteSink::empty_file()
+{
+    return !unfinished_ && ftruncate(file_->fd(), 0) == 0 ? 0 : errno;
+}
+
+ByteSink::State ByteSink::begin(std::span<const uint8_t> data, bool at_begin)
+{
+    if (data.empty())
+        return State::ready;
+    thread_->begin(data, at_begin);
+    unfinished_ = true;
+    const State state = allowance_ > 0 ? look() : finish(Clock::now() + moment);
+    return state == State::pending && !pending() ? State::ready : state;
 }
 
 ByteSink::State ByteSink::put(std::span<const uint8_t> data)
 {
-    rest_ = data;
-    return pump();
+    return begin(data, false);
 }
 
-ByteSink::State ByteSink::pump()
+ByteSink::State ByteSink::put_at_begin(std::span<const uint8_t> data)
 {
-    while (!rest_.empty()) {
-        const ssize_t n = write_some();
-        if (n >= 0) {
-            rest_ = rest_.subspan(static_cast<size_t>(n));
-            delivered_ += static_cast<uint64_t>(n);
-        } else if (errno == EAGAIN) {
-            return State::pending;
-        } else if (errno != EINTR) {
-            error_ = errno;
-            rest_ = {};
-            return error_ == EPIPE ? State::reader_gone : State::failed;
-        }
-    }
-    return State::ready;
+    return begin(data, true);
+}
+
+ByteSink::State ByteSink::look()
+{
+    if (!unfinished_)
+        return State::ready;
+    const auto error = thread_->take_result();
+    if (!error)
+        return State::pending;
+    unfinished_ = false;
+    error_ = *error;
+    if (error_ == 0)
+        return State::ready;
+    return error_ == EPIPE ? State::reader_gone : State::failed;
 }
 
 ByteSink::State ByteSink::finish(TimePoint limit)
 {
-    State state = pump();
+    State state = look();
     while (state == State::pending && Clock::now() < limit) {
-        pollfd room{fd_, POLLOUT, 0};
-        poll(&room, 1, poll_timeout(limit));
-        state = pump();
+        pollfd taken{fd(), POLLIN, 0};
+        poll(&taken, 1, poll_timeout(limit));
+        state = look();
     }
     return state;
 }

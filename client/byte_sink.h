@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -9,15 +10,17 @@
 
 namespace client {
 
+class SinkThread;
+
 /**
- * Where a stream goes: a file, or a reader behind a pipe that may be slow. A slow reader never holds the
- * program up: what it has no room for stays pending until poll() says that there is some.
+ * Where a stream goes: a file, or a reader behind a pipe. A thread of its own writes, so that neither a slow
+ * reader nor a disk that stands still holds the program up: what they have no room for stays pending.
  */
 class ByteSink {
 public:
     enum class State {
         ready,       /**< everything was taken */
-        pending,     /**< the rest waits for room; poll fd() for POLLOUT, then pump() */
+        pending,     /**< the rest waits for room; poll fd() for POLLIN, then look() */
         reader_gone, /**< nobody reads any more */
         failed,      /**< see error() */
     };
@@ -25,32 +28,39 @@ public:
     /** "-" is `standard_output`; waits for the reader of a named pipe until a stop is asked for. Throws
      * Failure. */
     ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals);
+    ~ByteSink();
 
-    /** Starts to deliver `data`, which must stay as it is until the state is no longer `pending`. */
+    /** Starts to deliver `data`, which is copied; not while something is pending. What a disk has not taken yet
+     * is pending only beyond some MiB. */
     State put(std::span<const uint8_t> data);
-    /** Goes on where there is room now. */
-    State pump();
-    /** Goes on until everything is taken, at most until `limit`. */
+    /** The same for what replaces the first bytes of a file. */
+    State put_at_begin(std::span<const uint8_t> data);
+    /** How it stands, with all that was put. */
+    State look();
+    /** Waits until everything is taken, at most until `limit`. */
     State finish(TimePoint limit);
 
-    bool pending() const { return !rest_.empty(); }
-    int fd() const { return fd_; }
+    /** Whether there is no room for more now. */
+    bool pending() const;
+    /** Readable once all that was put is taken. */
+    int fd() const;
     int error() const { return error_; }
-    uint64_t delivered() const { return delivered_; }
+    /** Bytes that were put behind one another and taken. */
+    uint64_t delivered() const;
     /** The path of a finished file; empty for a pipe. */
     const std::string& path() const { return path_; }
+    /** Takes back all that is in the file, which is removed then; an errno, 0 = done. */
+    int empty_file();
 
 private:
-    ssize_t write_some();
+    State begin(std::span<const uint8_t> data, bool at_begin);
 
     std::optional<OutputFile> file_;
-    UniqueFd named_pipe_;
     std::string path_;
-    int fd_;
-    bool paced_ = true; /**< takes only what poll() said that there is room for */
+    std::shared_ptr<SinkThread> thread_; // shared with the thread itself, which may be held for ever
+    uint64_t allowance_ = 0; /**< bytes that may wait for a disk */
+    bool unfinished_ = false;
     int error_ = 0;
-    uint64_t delivered_ = 0;
-    std::span<const uint8_t> rest_;
 };
 
 } // namespace client

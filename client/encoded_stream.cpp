@@ -18,7 +18,7 @@ uint32_t sensible_bit_rate(Size size, uint32_t fps)
 
 } // namespace
 
-EncodedStream::EncodedStream(const StreamOptions& options, Size size)
+EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignals& signals)
     : bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
       buffer_(video_capenc_getMaxEsSize())
 {
@@ -38,17 +38,21 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size)
     forget_library_log();
     size_ = {params.width, params.height};
     try {
-        start(options.watermark);
+        start(options.watermark, signals);
     } catch (const Failure&) {
         video_capenc_close();
         throw;
     }
 }
 
-void EncodedStream::start(const WatermarkOptions& watermark)
+void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signals)
 {
-    if (!watermark.image.empty())
-        set_watermark(watermark);
+    if (!watermark.image.empty()) {
+        WatermarkChange change(watermark);
+        if (!change.reading().wait(signals, Clock::duration::zero()))
+            throw Failure("cannot read the picture " + watermark.image + ": stopped before it had come");
+        change.apply();
+    }
     if (video_capenc_start(0) != 0)
         throw library_failure("cannot stream: the library refused to start");
     running_ = true;

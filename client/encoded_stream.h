@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "command_line.h"
+#include "signals.h"
 
 namespace client {
 
@@ -18,9 +19,9 @@ struct EncodedFrame {
 /** The library's capture-encode pipeline, from its opening to its close. */
 class EncodedStream {
 public:
-    /** Opens it, sets the watermark and starts it; throws Failure. @param size what was asked for, not
-     * rounded */
-    EncodedStream(const StreamOptions& options, Size size);
+    /** Opens it, sets the watermark, whose picture is waited for until a stop is asked for, and starts it; throws
+     * Failure. @param size what was asked for, not rounded */
+    EncodedStream(const StreamOptions& options, Size size, StopSignals& signals);
     EncodedStream(const EncodedStream&) = delete;
     EncodedStream& operator=(const EncodedStream&) = delete;
     ~EncodedStream();
@@ -35,7 +36,7 @@ public:
     void stop();
 
 private:
-    void start(const WatermarkOptions& watermark);
+    void start(const WatermarkOptions& watermark, StopSignals& signals);
 
     Size size_;
     uint32_t bit_rate_;

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cerrno>
 #include <poll.h>
 #include <vector>
 
@@ -15,6 +14,9 @@ namespace client {
 namespace {
 
 using std::chrono::milliseconds;
+
+/** How long the last samples may wait for a slow reader or disk once the end has come. */
+constexpr milliseconds patience_at_the_end(2000);
 
 /** The library's PCM capture, from its opening to its close. */
 class SoundCapture {
@@ -73,9 +75,11 @@ public:
         while (!ended_)
             if (sink_.pending() || !take(sound_.buffer_bytes()))
                 wait();
-        take_the_rest();
-        look_at(sink_.finish(Clock::now() + milliseconds(2000)));
+        const TimePoint limit = Clock::now() + patience_at_the_end;
+        take_the_rest(limit);
+        look_at(sink_.finish(limit));
         update_header();
+        look_at(sink_.finish(limit));
         return conclude();
     }
 
@@ -90,19 +94,19 @@ private:
         const auto samples = sound_.read(std::min(bytes, wanted_ - taken_));
         if (samples.empty())
             return false;
-        if (wav_ && taken_ == 0)
-            begin_file();
+        const bool first = taken_ == 0;
         taken_ += samples.size();
         ended_ = ended_ || taken_ >= wanted_;
-        look_at(sink_.put(samples));
+        look_at(wav_ && first ? begin_file(samples) : sink_.put(samples));
         return true;
     }
 
     /** The interface gives a whole buffer or nothing: the tail comes in ever smaller ones. */
-    void take_the_rest()
+    void take_the_rest(TimePoint limit)
     {
         for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes(); bytes /= 2) {
             bytes -= bytes % sound_.format().frame_bytes();
+            look_at(sink_.finish(limit));
             if (sink_.pending() || problem_ || reader_gone_ || taken_ >= wanted_)
                 return;
             take(bytes);
@@ -112,10 +116,10 @@ private:
     void wait()
     {
         pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
-                           {sink_.pending() ? sink_.fd() : -1, POLLOUT, 0}};
+                           {sink_.pending() ? sink_.fd() : -1, POLLIN, 0}};
         poll(waited, 2, sink_.pending() ? 100 : 16); // a buffer fills in 64 ms
         if (waited[1].revents)
-            look_at(sink_.pump());
+            look_at(sink_.look());
         ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
         if (Clock::now() < next_header_)
             return;
@@ -123,39 +127,36 @@ private:
         update_header();
     }
 
-    /** Comes with the first samples, so that a file without any stays empty and is removed. */
-    void begin_file()
+    /** The header comes with the first samples, so that a file without any stays empty and is removed. */
+    ByteSink::State begin_file(std::span<const uint8_t> samples)
     {
         header_ = wav_header(sound_.format(), 0);
-        look_at(sink_.put(header_));
+        std::vector<uint8_t> both(header_.begin(), header_.end());
+        both.insert(both.end(), samples.begin(), samples.end());
+        return sink_.put(both);
     }
 
     // Kept right while the file grows, so that it plays even if we are killed.
     void update_header()
     {
-        if (!wav_ || sink_.delivered() < header_.size())
+        if (!wav_ || sink_.pending() || sink_.delivered() < header_.size())
             return;
         header_ = wav_header(sound_.format(), sink_.delivered() - header_.size());
-        if (pwrite(sink_.fd(), header_.data(), header_.size(), 0) < 0 && errno != ESPIPE)
-            fail(errno);
+        look_at(sink_.put_at_begin(header_));
     }
 
     void look_at(ByteSink::State state)
     {
         reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
         if (state == ByteSink::State::failed)
-            fail(sink_.error());
-        ended_ = ended_ || reader_gone_;
-    }
-
-    void fail(int error)
-    {
-        problem_ = "cannot write to " + options_.output + " any more: " + error_text(error);
-        ended_ = true;
+            problem_ = "cannot write to " + options_.output + " any more: " + error_text(sink_.error());
+        ended_ = ended_ || reader_gone_ || problem_;
     }
 
     ExitCode conclude()
     {
+        if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
+            problem_ = "the end is missing from " + options_.output + ": its disk stands still";
         if (problem_)
             say(*problem_);
         const auto now = read_statistics();
@@ -165,8 +166,8 @@ private:
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
             say("cannot record sound: none came");
-            if (wav_ && ftruncate(sink_.fd(), 0) != 0) // a header alone is no file; an empty one is removed
-                say("cannot empty " + options_.output + ": " + error_text(errno));
+            if (const int error = wav_ ? sink_.empty_file() : 0) // a header alone is no file; an empty one is removed
+                say("cannot empty " + options_.output + ": " + error_text(error));
             return ExitCode::failed;
         }
         const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;

@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "attended.h"
 #include "byte_sink.h"
 #include "commands.h"
 #include "display_info.h"
@@ -35,14 +36,18 @@ void hand_out(const std::vector<uint8_t>& bytes, const std::string& path, Surrou
         throw Failure("cannot write to standard output: " + error_text(sink.error()));
 }
 
-void save(const std::vector<uint8_t>& bytes, const std::string& path, bool overwrite,
-          Surroundings& surroundings)
+void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite, Surroundings& surroundings)
 {
     if (is_standard_output(path))
         return hand_out(bytes, path, surroundings);
-    WholeFile file(path);
-    file.write(bytes.data(), bytes.size());
-    file.put_in_place(overwrite);
+    AttendedWork saving([bytes = std::move(bytes), path, overwrite] {
+        WholeFile file(path);
+        file.write(bytes.data(), bytes.size());
+        file.put_in_place(overwrite);
+    });
+    if (!saving.wait(surroundings.signals, std::chrono::seconds(1)))
+        throw Failure("cannot write to " + path + ": stopped before its disk had taken the picture");
+    saving.finish();
     surroundings.output.print_path(path);
 }
 

@@ -46,7 +46,7 @@ public:
         : options_(options), surroundings_(surroundings), path_(requested_path(options)),
           size_(size_to_capture(display_to_capture(), options.size)),
           sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
-          stream_(options, size_), control_(options.control), lost_(options.fps)
+          stream_(options, size_, surroundings.signals), control_(options.control), lost_(options.fps)
     {
         if (options.time)
             deadline_ =
@@ -113,7 +113,6 @@ private:
         last_pts_us_ = frame.pts_us;
         lost_.frame_taken(frame.pts_us);
         look_at(sink_.put(frame.bytes));
-        reader_was_slow_ = reader_was_slow_ || sink_.pending();
     }
 
     void look_at(ByteSink::State state)
@@ -131,17 +130,21 @@ private:
             Clock::now() + (pending || event_ >= 0 ? look_interval : look_interval_for_frames);
         pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
                            {control_.fd(), POLLIN, 0},
-                           {pending ? sink_.fd() : -1, POLLOUT, 0},
-                           {pending ? -1 : event_, POLLIN, 0}};
+                           {pending ? sink_.fd() : -1, POLLIN, 0},
+                           {pending ? -1 : event_, POLLIN, 0},
+                           {watermark_ ? watermark_->reading().fd() : -1, POLLIN, 0}};
         const timespec timeout = time_left(std::min(look, deadline_));
         if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
             if (waited[1].revents)
                 control_.read_lines([this](const std::string& line) { obey(line); });
             if (waited[2].revents)
-                look_at(sink_.pump());
+                look_at(sink_.look());
             if (eventfd_t frames = 0; waited[3].revents)
                 eventfd_read(event_, &frames);
+            if (waited[4].revents)
+                answer([this] { std::exchange(watermark_, std::nullopt)->apply(); });
         }
+        reader_was_slow_ = reader_was_slow_ || (pending && sink_.pending());
         check_end();
     }
 
@@ -165,8 +168,18 @@ private:
 
     void obey(const std::string& line)
     {
+        const control::Command command = control::parse(line);
+        const auto* const watermark = std::get_if<WatermarkOptions>(&command);
+        if (watermark && !watermark_)
+            watermark_.emplace(*watermark); // answered once its picture is read
+        else
+            answer([&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
+    }
+
+    template <typename Action> static void answer(Action action)
+    {
         try {
-            std::visit([this](const auto& command) { carry_out(command); }, control::parse(line));
+            action();
             print_error_line("ok");
         } catch (const Failure& failure) {
             print_error_line(std::string("error: ") + failure.what());
@@ -174,7 +187,10 @@ private:
     }
 
     void carry_out(const control::Unknown& unknown) { throw Failure(unknown.reason); }
-    void carry_out(const WatermarkOptions& watermark) { set_watermark(watermark); }
+    void carry_out(const WatermarkOptions&)
+    {
+        throw Failure("the picture of the watermark before is still being read");
+    }
     void carry_out(const control::Stop&) { ended_ = true; }
     void carry_out(const control::BitRate& rate)
     {
@@ -214,6 +230,8 @@ private:
     ExitCode conclude()
     {
         say_losses();
+        if (sink_.look() == ByteSink::State::pending && !problem_ && !sink_.path().empty())
+            problem_ = "the end is missing from " + path_ + ": its disk stands still";
         if (problem_)
             say(*problem_);
         if (sink_.delivered() == 0) {
@@ -251,6 +269,7 @@ private:
     ByteSink sink_;
     EncodedStream stream_;
     ControlInput control_;
+    std::optional<WatermarkChange> watermark_; /**< asked for, and its picture not read yet */
     const int event_ = frame_event();
     DisplayWatch display_;
     LostFrames lost_;

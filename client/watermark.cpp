@@ -1,7 +1,6 @@
 #include "watermark.h"
 
 #include "library_log.h"
-#include "png_file.h"
 #include "screenrecord/screenrecord.h"
 #include "srglworker/SrGlWorker.h"
 
@@ -23,17 +22,26 @@ private:
 
 } // namespace
 
-void set_watermark(const WatermarkOptions& options)
+WatermarkChange::WatermarkChange(const WatermarkOptions& options)
+    : options_(options), picture_(std::make_shared<RgbaPicture>()),
+      reading_([picture = picture_, image = options.image] {
+          if (!image.empty())
+              *picture = read_png(image);
+      })
 {
+}
+
+void WatermarkChange::apply()
+{
+    reading_.finish();
     android::WatermarkParams params;
-    if (!options.image.empty()) {
-        RgbaPicture picture = read_png(options.image);
-        params.u32Width = picture.size.width;
-        params.u32Height = picture.size.height;
-        params.s32X = options.at.x;
-        params.s32Y = options.at.y;
-        params.u32Opacity = options.opacity;
-        params.spMemory = android::sp<android::IMemory>(new PictureMemory(std::move(picture.bytes)));
+    if (!options_.image.empty()) {
+        params.u32Width = picture_->size.width;
+        params.u32Height = picture_->size.height;
+        params.s32X = options_.at.x;
+        params.s32Y = options_.at.y;
+        params.u32Opacity = options_.opacity;
+        params.spMemory = android::sp<android::IMemory>(new PictureMemory(std::move(picture_->bytes)));
     }
     if (video_capenc_setWatermark(params) != 0)
         throw library_failure("cannot draw the watermark: the library refused it");

@@ -1,13 +1,34 @@
 #pragma once
 
+#include <memory>
+
+#include "attended.h"
 #include "command_line.h"
+#include "png_file.h"
 
 namespace client {
 
 /**
- * Draws the picture into the stream, or replaces the one that is drawn; after video_capenc_open. An image of
- * "" draws none any more. Throws Failure.
+ * A watermark on its way into the stream. Its picture is read beside the caller, since it may come out of a pipe that
+ * nobody writes to.
  */
-void set_watermark(const WatermarkOptions& options);
+class WatermarkChange {
+public:
+    /** Starts to read the picture, if there is one. Throws Failure. */
+    explicit WatermarkChange(const WatermarkOptions& options);
+
+    /** The reading, to wait for. */
+    const AttendedWork& reading() const { return reading_; }
+    /**
+     * Once the picture is read: draws it into the stream, or replaces the one that is drawn; after
+     * video_capenc_open. An image of "" draws none any more. Throws Failure.
+     */
+    void apply();
+
+private:
+    WatermarkOptions options_;
+    std::shared_ptr<RgbaPicture> picture_; // the reading's own, too
+    AttendedWork reading_;
+};
 
 } // namespace client

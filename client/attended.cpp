@@ -1,0 +1,58 @@
+#include "attended.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <thread>
+
+#include "exit_code.h"
+#include "messages.h"
+
+namespace client {
+
+AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_shared<Shared>())
+{
+    shared_->event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!shared_->event)
+        throw Failure("cannot go on: " + error_text(errno));
+    std::thread([shared = shared_, work = std::move(work)] {
+        try {
+            work();
+        } catch (...) {
+            shared->thrown = std::current_exception();
+        }
+        eventfd_write(shared->event.get(), 1);
+    }).detach();
+}
+
+int AttendedWork::fd() const
+{
+    return shared_->event.get();
+}
+
+bool AttendedWork::through() const
+{
+    pollfd event{fd(), POLLIN, 0};
+    return poll(&event, 1, 0) == 1;
+}
+
+void AttendedWork::finish()
+{
+    if (shared_->thrown)
+        std::rethrow_exception(shared_->thrown);
+}
+
+bool AttendedWork::wait(StopSignals& signals, Clock::duration patience) const
+{
+    TimePoint limit = TimePoint::max();
+    while (!through() && Clock::now() < limit) {
+        const bool stopped = signals.raised();
+        if (stopped && limit == TimePoint::max())
+            limit = Clock::now() + patience;
+        pollfd waited[] = {{fd(), POLLIN, 0}, {stopped ? -1 : signals.fd(), POLLIN, 0}};
+        poll(waited, 2, poll_timeout(std::min(limit, Clock::now() + std::chrono::hours(1))));
+    }
+    return through();
+}
+
+} // namespace client

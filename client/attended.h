@@ -1,0 +1,36 @@
+#pragma once
+
+#include <exception>
+#include <functional>
+#include <memory>
+
+#include "signals.h"
+
+namespace client {
+
+/**
+ * Work that may wait for somebody else for ever (the other end of a pipe, a disk), done by a thread of its own while
+ * the caller goes on listening. What the work uses belongs to it, since it may outlive the caller.
+ */
+class AttendedWork {
+public:
+    /** Starts it; what it throws is thrown by finish(). Throws Failure when the system gives no thread. */
+    explicit AttendedWork(std::function<void()> work);
+
+    /** Readable once it is through. */
+    int fd() const;
+    bool through() const;
+    /** Throws what the through work has thrown. */
+    void finish();
+    /** Waits until it is through, or for `patience` once a stop is asked for; whether it is through. */
+    bool wait(StopSignals& signals, Clock::duration patience) const;
+
+private:
+    struct Shared {
+        UniqueFd event;
+        std::exception_ptr thrown; /**< written before the event */
+    };
+    std::shared_ptr<Shared> shared_;
+};
+
+} // namespace client
