@@ -10,7 +10,7 @@ enum class ExitCode : int {
     complete = 0,    /**< everything that was asked for is there */
     failed = 1,      /**< no usable file was made */
     usage = 2,       /**< the command line asks for something that cannot be */
-    ended_early = 3, /**< a usable file was made, but it ended before it was asked to, or lacks sound */
+    ended_early = 3, /**< a usable file was made, but it ended before it was asked to, or lacks some of it */
 };
 
 /** A failure that ends the command: a sentence for people, and the exit code. */

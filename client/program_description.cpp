@@ -26,7 +26,7 @@ constexpr Term exit_codes[] = {
     {"0", "complete"},
     {"1", "failed, no usable file was made"},
     {"2", "the command line is wrong"},
-    {"3", "ended early (disk full, display gone) with a usable file, or without all of its sound"},
+    {"3", "a usable file that ended early (disk full, display gone), or lacks pictures (disk too slow) or sound"},
 };
 constexpr Term environment_terms[] = {
     {"DISPLAY", "the X display that is captured"},

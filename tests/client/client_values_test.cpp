@@ -1,6 +1,9 @@
 // What the client computes by itself from words, sizes and times; the commands are judged end to end.
 #include <gtest/gtest.h>
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include "lost_frames.h"
 #include "messages.h"
 #include "option_values.h"
@@ -138,6 +141,26 @@ TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
         EXPECT_TRUE(size_and_rate || columns < 36) << line; // of 40: mark and last column are taken
     }
     EXPECT_EQ(progress_as_line(progress, 36), "01:02:03  1234.5 MB  2.50 Mbit/s");
+}
+
+// Catches the tail of a line that is too long being run as a command.
+TEST(StreamControl, LinesThatAreTooLongAreRefusedWhole)
+{
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(dup2(ends[0], STDIN_FILENO), STDIN_FILENO);
+    std::vector<std::string> lines;
+    ControlInput input(true);
+    const std::string parts[] = {std::string(9000, 'x'), std::string(9000, 'x'), "stop\nkeyframe\n"};
+    for (const std::string& part : parts) {
+        ASSERT_EQ(write(ends[1], part.data(), part.size()), static_cast<ssize_t>(part.size()));
+        for (int available = 1; ioctl(STDIN_FILENO, FIONREAD, &available) == 0 && available > 0;)
+            input.read_lines([&](const std::string& line) { lines.push_back(line); });
+    }
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(lines[0])));
+    EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse("watermark " + lines[0])));
+    EXPECT_EQ(lines[1], "keyframe");
 }
 
 // Catches a wrap to a tiny size beyond 4 GiB. That the header is right, readers of recorded files show.

@@ -140,7 +140,7 @@ class Refusals(ShortEndToEndTest):
     def test_status_of_a_failure(self):
         # Catches a status that stays at "starting" for ever.
         refused = self.client("record", "-o", "b.ts", "--status-file", "status", "-s", "64x64",
-                              prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (6, 6)))
+                              prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (9, 9)))
         self.assert_exit(refused, 1)
         self.assertIn("library refused", refused.errors())
         self.assertIn('"state":"failed"', self.path("status").read_text("ascii"))

@@ -76,6 +76,34 @@ TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
     }
 }
 
+/** Of a picture that is lost now, whether it counts as one that there was no room for. */
+uint64_t lost_for_room()
+{
+    const uint64_t before = counters().pictures_left_out_for_room;
+    std::atomic<uint64_t> reason{0};
+    count_lost_picture(reason);
+    return counters().pictures_left_out_for_room - before;
+}
+
+// Catches a lost picture that is blamed on a disk that did not hold it up, and one that is not.
+TEST(Multiplexer, IsFullFromABusyPushToItsClose)
+{
+    {
+        Recording recording({.region = 200 * 188 + 100});
+        ASSERT_EQ(recording.start(), ZU_OK);
+        UnitMaker units;
+        EXPECT_EQ(lost_for_room(), 0u);
+        u32 result = ZU_OK;
+        for (uint64_t us = 1'000'000; result == ZU_OK; us += 40'000) {
+            const FrameTimeInCallback time(us);
+            result = recording.push(units.make_any(false, 12000), no_pts);
+        }
+        EXPECT_EQ(result, ZU_BUSY);
+        EXPECT_EQ(lost_for_room(), 1u);
+    }
+    EXPECT_EQ(lost_for_room(), 0u);
+}
+
 // Catches a push that takes half a picture, loses what was pushed while the ring was full, cries once a
 // retry, or holds a lock while the callback runs, which calls back into the multiplexer.
 TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
@@ -107,6 +135,7 @@ TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
         EXPECT_GT(episodes, 5u);
         EXPECT_EQ(events, mask == 3 ? episodes : 0);
         EXPECT_EQ(counters().multiplexer_busy - busy_before, all_busy);
+        EXPECT_EQ(lost_for_room(), 0u) << "nothing is full";
         const ZU_TSMUX_CallbackParams_t removal{id, nullptr, 0, nullptr, 0},
             other{id + 1, nullptr, 0, nullptr, 0};
         EXPECT_NE(ZU_TSMUX_UnRegisterCallback(recording.handle, &other), ZU_OK);

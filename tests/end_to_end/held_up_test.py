@@ -1,0 +1,152 @@
+"""Readers that have stopped reading, disks that stand still, pipes that nobody opens: signals are heard all the same."""
+
+import contextlib
+import fcntl
+import json
+import os
+import pathlib
+import platform
+import pty
+import resource
+import signal
+import subprocess
+
+import judges
+from harness import SANITIZED, ShortEndToEndTest, size_of, wait_until
+
+# What a stop may take, whatever else stands still.
+STOP = 30 if SANITIZED else 3
+
+
+def full_pipe():
+    """Both ends of a pipe without room for another byte."""
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    with contextlib.suppress(BlockingIOError):
+        while os.write(writer, bytes(fcntl.fcntl(writer, fcntl.F_GETPIPE_SZ))):
+            pass
+    os.set_blocking(writer, True)
+    return reader, writer
+
+
+def opens(client):
+    """Whether a thread of the process waits in an open."""
+    openat = {"x86_64": "257", "aarch64": "56"}[platform.machine()]
+    calls = pathlib.Path(f"/proc/{client.process.pid}/task").glob("*/syscall")
+    return any(call.read_text("ascii").split()[0] == openat for call in calls)
+
+
+class Disk(ShortEndToEndTest):
+    """A disk that stands still, as the client sees it: the process that writes to it gives no answer."""
+
+    @classmethod
+    def prepare(cls):
+        cls.environment["ZU3_DISPLAY"] = "testcard"
+
+    def writer(self, client, name):
+        """The client's child of that name."""
+        for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+            with contextlib.suppress(OSError):
+                comm, _, rest = stat.read_text("ascii").partition("(")[2].rpartition(")")
+                if comm == name and int(rest.split()[1]) == client.process.pid:
+                    return int(stat.parent.name)
+        raise AssertionError(f"no {name}")
+
+    def hold(self, client, name):
+        process = self.writer(client, name)
+        os.kill(process, signal.SIGSTOP)
+        self.addCleanup(self.release, process)
+        return process
+
+    @staticmethod
+    def release(process):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(process, signal.SIGCONT)
+
+    def test_stands_still_while_recording(self):
+        # Catches a status that says nothing of it, an end that waits for the disk, and a loss that is not told.
+        status = self.path("status")
+        recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "a.ts", "--status-file", status)
+        wait_until(lambda: size_of(self.path("a.ts")) > 0, "the first batch")
+        self.hold(recording, "disk writer")
+        wait_until(lambda: (json.loads(status.read_text("ascii"))["disk_waiting"] or 0) > 1, "the status")
+        self.hold(recording, "status writer")
+        self.assert_stops(recording, 3, seconds=STOP)
+        self.assertRegex(recording.errors(), r"screenrecord: the last \d{5,} bytes are missing from a.ts: its disk")
+        self.assertEqual(recording.output(), "a.ts\n")
+        self.assertTrue(judges.whole_packets(self.path("a.ts")))
+
+    def test_moves_again(self):
+        # Catches a loss that is told where there is none, and an end that does not wait for what comes yet.
+        recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "b.ts")
+        wait_until(lambda: size_of(self.path("b.ts")) > 0, "the first batch")
+        held = self.hold(recording, "disk writer")
+        wait_until(lambda: '"disk_waiting":2' in recording.errors(), "a second status")
+        self.release(held)
+        self.assert_stops(recording, 0)
+        self.assertNotIn("missing", recording.errors())
+        self.assertEqual(judges.faults(self.path("b.ts")), "")
+
+
+class Readers(ShortEndToEndTest):
+    """Pipes and terminals that are full, or empty for ever."""
+
+    @classmethod
+    def prepare(cls):
+        cls.environment["ZU3_DISPLAY"] = "testcard"
+        cls.fifo = cls.path("fifo.png")
+        os.mkfifo(cls.fifo)
+        cls.reader, cls.full = full_pipe()
+        cls.stack.callback(os.close, cls.reader)
+        cls.stack.callback(os.close, cls.full)
+
+    def test_stop_is_heard(self):
+        # Catches a main loop that stands in a write or a read and does not look for signals.
+        nonsense = b"nonsense\n" * 50
+        fifo = f"watermark {self.fifo}\n".encode()
+        cases = [
+            ("shot", ["shot", "-s", "64x64", "-n", "9999", "--interval", "0", "-o", "a.png"], {"stdout": self.full}, b"", 3),
+            ("fifo", ["stream", "-o", "b.h264", "--watermark", self.fifo], {}, b"", 1),
+            ("answers", ["stream", "--control", "-", "-o", "c.h264"], {"stderr": self.full}, nonsense, 0),
+            ("control", ["stream", "--control", "-", "-o", "d.h264"], {}, fifo, 0),
+        ]
+        running = {}
+        for name, words, options, said, code in cases:
+            client = self.client(*words, **options, stdin=subprocess.PIPE)
+            client.process.stdin.write(said)
+            client.process.stdin.flush()
+            self.addCleanup(client.process.stdin.close)
+            running[name] = client, code
+        # Each is where it would be held: behind its first picture, or with a thread in its read or write.
+        for name in ("c.h264", "d.h264", "a-001.png"):
+            wait_until(lambda path=self.path(name): size_of(path) > 0, name)
+        before = size_of(self.path("d.h264"))
+        wait_until(lambda: size_of(self.path("d.h264")) > before, "frames while the picture is waited for")
+        wait_until(lambda: opens(running["fifo"][0]), "an open that waits")
+        for name, (client, code) in running.items():
+            with self.subTest(name):
+                self.assert_stops(client, code, seconds=STOP)
+
+    def test_terminal_that_nobody_reads(self):
+        # Catches a capture that stands in the log's write.
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        self.addCleanup(os.close, theirs)
+        recording = self.client("record", "-v", "-s", "64x64", "-t", "3", "-o", "e.ts", stderr=theirs,
+                                environment={"ANDROID_LOG_TAGS": "*:V", "TERM": "dumb"})
+        self.assert_exit(recording, 0)
+        self.assertGreater(len(judges.packets(self.path("e.ts"))), 20 if SANITIZED else 60)
+
+
+class Limits(ShortEndToEndTest):
+    def test_little_is_enough(self):
+        # Catches a program that is ended by its system's limits instead of doing without or saying so.
+        self.environment["ZU3_DISPLAY"] = "testcard"
+        cases = [(["devices"], resource.RLIMIT_NOFILE, 6), (["record", "-s", "64x64", "-t", "0.5", "-o", "a.ts"],
+                                                            resource.RLIMIT_STACK, 64 << 10)]
+        for words, limit, value in cases:
+            if SANITIZED and limit == resource.RLIMIT_STACK:
+                continue  # an instrumented program needs more for itself
+            with self.subTest(words):
+                client = self.client(*words, prepare=lambda limit=limit, value=value: resource.setrlimit(limit, (value,) * 2))
+                self.assert_exit(client, 0)
