@@ -175,7 +175,8 @@ void try_with_ever_more(const std::vector<Case>& cases)
 // Catches an exception in a caller that cannot take one, and a descriptor or a block that stays behind.
 TEST(OutOfMemory, IsAnswered)
 {
-    watermark(); // makes what it shows
+    watermark();           // makes what it shows
+    write_and_read_file(); // makes the event that gives up writes, which stays
     const ptrdiff_t before = open_descriptors();
     try_with_ever_more({{"mutex", make_mutex},
                         {"task", run_task},
