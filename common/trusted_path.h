@@ -1,0 +1,65 @@
+#pragma once
+
+#include <string>
+#include <sys/stat.h>
+
+#include "common/descriptor.h"
+
+namespace common {
+
+/**
+ * The end of a path: the folder that it leads to, held open, and the name in it. What is judged here and what
+ * is opened afterwards lie in the same folder, even if somebody changes the path in between.
+ *
+ * A symbolic link at the end is followed only if nobody can have planted it: the kernel makes those in /proc,
+ * and only root those in /dev. That is judged by the folder itself, so "/proc/self/cwd/link" is a link in the
+ * current folder, and not one of the kernel's.
+ */
+class TrustedPath {
+public:
+    /** Where the folder cannot be opened, error() says why. */
+    explicit TrustedPath(const std::string& path);
+
+    /** An errno value; 0 when the folder is there. */
+    int error() const { return error_; }
+    /** For the calls that take a folder and a name, such as renameat(). */
+    int folder() const { return folder_.get(); }
+    /** The last part of the path; empty where that ends in a slash. */
+    const std::string& name() const { return name_; }
+    /** Whether it is a link of the kernel's, to what a process holds open already. */
+    bool in_proc() const { return in_proc_; }
+
+    /** As stat(2), but of the link itself where that is not to be trusted; 0, or -1 and errno. */
+    int status(struct stat& found) const;
+    /** As open(2) of what is there, close-on-exec; ELOOP for a link that is not to be trusted. */
+    Descriptor open(int flags) const;
+    /** Makes a file that only its owner may read and write, whatever the umask; EEXIST if there is anything.
+     */
+    Descriptor create_private(int flags) const { return create_beside(name_, flags); }
+    /** The same, of another name in the same folder. */
+    Descriptor create_beside(const std::string& name, int flags) const;
+
+private:
+    void lead_to(int start, const std::string& path);
+
+    Descriptor folder_;
+    std::string name_;
+    int error_ = 0;
+    bool in_proc_ = false;
+};
+
+/** Why a file that was there before is not to be written to. */
+enum class Objection {
+    none,
+    folder,
+    foreign, /**< an ordinary file or a named pipe of another user, who reads what is written */
+    special, /**< a block device or a socket */
+};
+
+/** Judges what fstat(2) or TrustedPath::status() found. A character device is of root's making. */
+Objection objection_to_write(const struct stat& found);
+
+/** Whether both are one file. */
+bool is_one_file(const struct stat& one, const struct stat& other);
+
+} // namespace common
