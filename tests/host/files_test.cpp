@@ -84,13 +84,38 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
         for (const char* target : {"out", "nobody's"}) {
             fs::remove(path("link"));
             fs::create_symlink(path(target), path("link"));
-            for (const char* mode : {"wb", "ab", "r+b"})
+            const zu3host::FileDescriptor here(::open(folder_.c_str(), O_PATH));
+            const std::string by_kernel = "/proc/self/fd/" + std::to_string(here.get()) + "/link";
+            for (const char* mode : {"wb", "ab", "r+b"}) {
                 EXPECT_EQ(open("link", mode), 0u) << target << mode;
+                EXPECT_EQ(ZU_FS_Fopen(by_kernel.c_str(), mode), 0u) << target << mode;
+            }
         }
         EXPECT_EQ(fs::file_size(path("out")), 3u);
         EXPECT_FALSE(fs::exists(path("nobody's")));
         fs::remove(path("out"));
     }
+}
+
+// Catches a file of somebody else that is emptied, a pipe of his that is written to, and the refusal of a
+// descriptor that is open already.
+TEST_F(Files, OfSomebodyElseAreNotWritten)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root makes files of somebody else";
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    std::ofstream(path("file")) << "his";
+    for (const char* name : {"pipe", "file"}) {
+        const zu3host::FileDescriptor reader(::open(path(name).c_str(), O_RDONLY | O_NONBLOCK));
+        ASSERT_EQ(chown(path(name).c_str(), 12345, 12345), 0);
+        for (const char* mode : {"wb", "ab", "r+b"})
+            EXPECT_EQ(open(name, mode), 0u) << name << mode;
+    }
+    EXPECT_EQ(fs::file_size(path("file")), 3u);
+    const zu3host::FileDescriptor held(::open(path("file").c_str(), O_RDONLY));
+    const u32 file = ZU_FS_Fopen(("/proc/self/fd/" + std::to_string(held.get())).c_str(), "wb");
+    EXPECT_NE(file, 0u);
+    EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
 /** Lets no file of this process grow beyond `bytes`, as a disk that fills up. */

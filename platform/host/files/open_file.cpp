@@ -1,5 +1,6 @@
 #include "files/open_file.h"
 
+#include "common/trusted_path.h"
 #include "files/packet_steps.h"
 #include "files/write_wait.h"
 #include "log/host_log.h"
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -20,9 +22,6 @@ namespace zu3host {
 
 namespace {
 
-// A recording of somebody's screen is for nobody else to read, whatever the umask.
-constexpr mode_t new_file_mode = 0600;
-
 // The most that one read or write of Linux moves.
 constexpr size_t greatest_transfer = 0x7ffff000;
 
@@ -32,48 +31,81 @@ bool is_regular(int fd)
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-bool is_directory(int fd)
+/** A descriptor, or why there is none. */
+struct Opened {
+    FileDescriptor fd;
+    const char* refusal = nullptr;
+};
+
+Opened failed(int error)
 {
+    return {{},
+            error == ELOOP ? "it is a symbolic link, which is not followed for writing" : strerror(error)};
+}
+
+/** What was there before: judged by its descriptor, and emptied only then. */
+Opened open_existing(const common::TrustedPath& place, int flags)
+{
+    FileDescriptor fd = place.open(flags & ~(O_CREAT | O_TRUNC));
     struct stat status;
-    return fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    if (!fd || fstat(fd.get(), &status) != 0)
+        return failed(errno);
+    const common::Objection objection = common::objection_to_write(status);
+    if (objection == common::Objection::foreign && !place.in_proc()) // those are open already
+        return {{}, "it belongs to another user, who may read what is written"};
+    if (objection == common::Objection::special)
+        return {{}, "it is no ordinary file"};
+    if ((flags & O_TRUNC) != 0 && S_ISREG(status.st_mode) && ftruncate(fd.get(), 0) != 0)
+        return failed(errno);
+    return {std::move(fd)};
 }
 
-/** Whether the last part of a name may be a symbolic link: only where nobody but the kernel makes them. */
-bool link_is_trusted(std::string_view name)
+/** Opens a file to be written, or makes one for its owner alone: a recording of a screen is nobody else's. */
+Opened open_to_write(const char* name, int flags)
 {
-    return name.starts_with("/proc/") || name.starts_with("/dev/fd/") || name.starts_with("/dev/std");
-}
-
-/** Opens a file, or makes one; -1 and errno. A link that somebody planted where a file is to be written is
- * refused. */
-FileDescriptor open_or_create(const char* name, int flags)
-{
-    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-    flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (writes && !link_is_trusted(name) ? O_NOFOLLOW : 0);
+    const common::TrustedPath place(name);
+    if (place.error() != 0)
+        return failed(place.error());
     if (flags & O_CREAT) {
-        FileDescriptor fresh(::open(name, flags | O_EXCL, new_file_mode));
+        FileDescriptor fresh = place.create_private(flags & ~O_TRUNC);
         if (fresh)
-            fchmod(fresh.get(), new_file_mode); // the umask may have taken even the owner's rights
-        if (fresh || errno != EEXIST)
-            return fresh;
+            return {std::move(fresh)};
+        if (errno != EEXIST)
+            return failed(errno);
     }
-    return FileDescriptor(::open(name, flags & ~O_CREAT));
+    return open_existing(place, flags);
+}
+
+Opened open_to_read(const char* name, int flags)
+{
+    FileDescriptor fd(::open(name, flags | O_CLOEXEC));
+    struct stat status;
+    if (!fd || fstat(fd.get(), &status) != 0)
+        return failed(errno);
+    if (S_ISDIR(status.st_mode))
+        return failed(EISDIR);
+    return {std::move(fd)};
 }
 
 /** Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN where they would.
  */
-FileDescriptor open_now(const char* name, int flags)
+Opened open_now(const char* name, int flags)
 {
-    FileDescriptor fd = open_or_create(name, flags);
-    if (!fd)
-        return fd;
-    if (is_directory(fd.get())) {
-        errno = EISDIR;
-        return {};
-    }
-    if (is_regular(fd.get()))
-        fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
-    return fd;
+    flags |= O_NOCTTY | O_NONBLOCK;
+    Opened opened = (flags & O_ACCMODE) == O_RDONLY ? open_to_read(name, flags) : open_to_write(name, flags);
+    if (opened.fd && is_regular(opened.fd.get()))
+        fcntl(opened.fd.get(), F_SETFL, fcntl(opened.fd.get(), F_GETFL) & ~O_NONBLOCK);
+    return opened;
+}
+
+/** The name to be shown of a file: what lies behind one that only this process understands. */
+std::string name_to_show(const char* name)
+{
+    char target[PATH_MAX];
+    if (!std::string_view(name).starts_with("/proc/self/fd/"))
+        return name;
+    const ssize_t length = readlink(name, target, sizeof target);
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : name;
 }
 
 /** Waits for the other end of a pipe; an errno, ECANCELED when the task on this thread is being deleted. */
@@ -149,17 +181,15 @@ std::optional<int> open_flags_of_mode(const char* mode)
 
 std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
 {
-    FileDescriptor fd = open_now(name, flags);
-    if (!fd) {
-        HOST_LOGE("Cannot open \"%s\": %s.", name,
-                  errno == ELOOP ? "it is a symbolic link, which is not followed for writing"
-                                 : strerror(errno));
+    Opened opened = open_now(name, flags);
+    if (!opened.fd) {
+        HOST_LOGE("Cannot open \"%s\": %s.", name, opened.refusal);
         return nullptr;
     }
     std::unique_ptr<DiskProcess> disk;
-    if ((flags & O_ACCMODE) != O_RDONLY && is_regular(fd.get()))
-        disk = DiskProcess::start(fd.get());
-    return std::make_shared<OpenFile>(name, std::move(fd), std::move(disk));
+    if ((flags & O_ACCMODE) != O_RDONLY && is_regular(opened.fd.get()))
+        disk = DiskProcess::start(opened.fd.get());
+    return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk));
 }
 
 void give_up_writes()
