@@ -17,25 +17,6 @@ constexpr std::chrono::milliseconds moment(5);
 
 /** What a disk may be behind: seconds of the highest rates. */
 constexpr uint64_t most_on_its_way = 8 << 20;
-
-bool is_named_pipe(const std::string& path)
-{
-    struct stat found = {};
-    return stat(path.c_str(), &found) == 0 && S_ISFIFO(found.st_mode);
-}
-
-// Opened so that it does not block, again and again: a blocking open would also block the stop.
-UniqueFd open_named_pipe(const std::string& path, StopSignals& signals)
-{
-    while (true) {
-        UniqueFd fd(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-        if (fd)
-            return fd;
-        if (errno != ENXIO)
-            throw Failure("cannot write to " + path + ": " + error_text(errno));
-        if (signals.wait_until(Clock::now() + std::chrono::milliseconds(50)))
-            throw Failure("cannot write to " + path + ": stopped before anybody opened it to read");
-    }
 }
 
 } // namespace
@@ -44,20 +25,17 @@ ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output,
 {
     if (is_standard_output(path)) {
         thread_ = SinkThread::start(standard_output, UniqueFd());
-    } else if (is_named_pipe(path)) {
-        UniqueFd pipe = open_named_pipe(path, signals);
-        const int fd = pipe.get();
-        thread_ = SinkThread::start(fd, std::move(pipe));
-    } else {
-        file_.emplace(path, overwrite);
-        // Of its own, since the thread may outlive the file's.
-        UniqueFd fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
-        const int number = fd.get();
-        thread_ = SinkThread::start(number, std::move(fd));
-        path_ = path;
-        if (file_->regular())
-            allowance_ = most_on_its_way;
+        return;
     }
+    file_.emplace(path, overwrite, signals);
+    // Of its own, since the thread may outlive the file's.
+    UniqueFd fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
+    const int number = fd.get();
+    thread_ = SinkThread::start(number, std::move(fd));
+    if (!file_->named_pipe())
+        watch_.emplace(*file_);
+    if (file_->regular())
+        allowance_ = most_on_its_way;
 }
 
 bool ByteSink::pending() const
@@ -80,6 +58,16 @@ uint64_t ByteSink::delivered() const
     return thread_->delivered();
 }
 
+std::optional<std::string> ByteSink::problem()
+{
+    return watch_ ? watch_->problem() : std::nullopt;
+}
+
+std::optional<std::string> ByteSink::problem_at_end()
+{
+    return watch_ ? watch_->problem_at_end() : std::nullopt;
+}
+
 int ByteSink::empty_file()
 {
     return !unfinished_ && ftruncate(file_->fd(), 0) == 0 ? 0 : errno;
@@ -89,6 +77,8 @@ ByteSink::State ByteSink::begin(std::span<const uint8_t> data, bool at_begin)
 {
     if (data.empty())
         return State::ready;
+    if (watch_)
+        watch_->expect_size(delivered());
     thread_->begin(data, at_begin);
     unfinished_ = true;
     const State state = allowance_ > 0 ? look() : finish(Clock::now() + moment);

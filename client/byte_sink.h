@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "output_file.h"
+#include "output_watch.h"
 #include "signals.h"
 
 namespace client {
@@ -47,8 +47,11 @@ public:
     int error() const { return error_; }
     /** Bytes that were put behind one another and taken. */
     uint64_t delivered() const;
-    /** The path of a finished file; empty for a pipe. */
-    const std::string& path() const { return path_; }
+    /** The path of a finished file, of late; empty for a pipe, and for a file without a name. */
+    std::string path() const { return watch_ ? watch_->path() : std::string(); }
+    /** Why what was written to a file is lost, as OutputWatch::problem(); nothing for a pipe. */
+    std::optional<std::string> problem();
+    std::optional<std::string> problem_at_end();
     /** Takes back all that is in the file, which is removed then; an errno, 0 = done. */
     int empty_file();
 
@@ -56,7 +59,7 @@ private:
     State begin(std::span<const uint8_t> data, bool at_begin);
 
     std::optional<OutputFile> file_;
-    std::string path_;
+    std::optional<OutputWatch> watch_;
     std::shared_ptr<SinkThread> thread_; // shared with the thread itself, which may be held for ever
     uint64_t allowance_ = 0; /**< bytes that may wait for a disk */
     bool unfinished_ = false;

@@ -9,8 +9,8 @@ namespace client {
 enum class ExitCode : int {
     complete = 0,    /**< everything that was asked for is there */
     failed = 1,      /**< no usable file was made */
-    usage = 2,       /**< the command line asks for something that cannot be */
-    ended_early = 3, /**< a usable file was made, but it ended before it was asked to, or lacks some of it */
+    usage = 2,       /**< the command line asks for something that cannot be, such as its output */
+    ended_early = 3, /**< what was made ended before it was asked to, lacks some of it, or was lost to others */
 };
 
 /** A failure that ends the command: a sentence for people, and the exit code. */

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "common/trusted_path.h"
+#include "signals.h"
 #include "unique_fd.h"
 
 namespace client {
@@ -10,12 +13,10 @@ namespace client {
 /** "-" and the names that mean the same. */
 bool is_standard_output(const std::string& path);
 
-/** Whether two paths mean one file, there already or not yet. */
-bool is_same_file(const std::string& one, const std::string& other);
-
 /**
  * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that cannot be
- * written, a symbolic link, a file that exists without `overwrite`. Creates nothing.
+ * written, a symbolic link, somebody else's file or pipe, a file that exists without `overwrite` or that is
+ * being recorded. Creates nothing.
  */
 void check_output_path(const std::string& path, bool overwrite);
 
@@ -26,54 +27,71 @@ void check_output_path(const std::string& path, bool overwrite);
 void check_whole_file_path(const std::string& path, bool overwrite);
 
 /**
- * An output file under its final name, filled as time goes by. Created by us, for its owner alone, or one
- * that was there, emptied where `overwrite` allows it, with the mode that it had; one that we created and
- * that is still empty at the end is removed again.
+ * An output file under its final name, filled as time goes by and locked meanwhile. Created by us, for its
+ * owner alone, or one of the user's own that was there, emptied where `overwrite` allows it, with the mode
+ * that it had; one that we created and that is still empty at the end is removed again. Or a named pipe of
+ * the user's own.
  */
 class OutputFile {
 public:
-    /** Throws Failure as check_output_path() does, and when the file cannot be created. */
-    OutputFile(std::string path, bool overwrite);
-    OutputFile(OutputFile&& other) noexcept = default;
+    /**
+     * Waits for the reader of a named pipe until a stop is asked for. Throws Failure as check_output_path()
+     * does, and when the file cannot be created.
+     */
+    OutputFile(std::string path, bool overwrite, StopSignals& signals);
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
     ~OutputFile();
 
     int fd() const { return fd_.get(); }
     const std::string& path() const { return path_; }
+    /** A name under which this process opens the same file again, even if somebody replaces the path. */
+    std::string path_to_reopen() const;
     /** Bytes in the file now; 0 for what is no regular file. */
     uint64_t size() const;
-    /** Whether it is an ordinary file, as against a device. */
-    bool regular() const;
+    /** Whether it is an ordinary file, as against a pipe or a device. */
+    bool regular() const { return S_ISREG(kind_); }
+    bool named_pipe() const { return S_ISFIFO(kind_); }
 
 private:
-    void open_existing(bool overwrite);
+    void open_existing(bool overwrite, StopSignals& signals);
+    void open_named_pipe(StopSignals& signals);
+    bool has_its_name() const;
 
     std::string path_;
+    common::TrustedPath place_;
     UniqueFd fd_;
+    mode_t kind_ = 0;
     bool created_ = false;
 };
 
 /**
  * Puts a whole file in place at once: written beside it, then renamed, so that no reader ever sees half of it
- * and a failure leaves what was there before.
+ * and a failure leaves what was there before. The file that has the name is locked, from the beginning and
+ * from one content to the next.
  */
 class WholeFile {
 public:
-    /** Throws Failure when nothing can be created beside `path`, or what is there is no ordinary file. Only
-     * its owner may read it. */
+    /** Throws Failure when nothing can be created beside `path`, or what is there is no ordinary file or not
+     * the user's. Only its owner may read it. */
     explicit WholeFile(std::string path);
     WholeFile(const WholeFile&) = delete;
     WholeFile& operator=(const WholeFile&) = delete;
     ~WholeFile();
 
-    /** Writes all of it; throws Failure. */
+    /** Writes all of it, of the next content after put_in_place(); throws Failure. */
     void write(const void* data, size_t size);
     /** Gives it its name, in place of a file of that name only with `overwrite`; throws Failure. */
     void put_in_place(bool overwrite);
 
 private:
+    void begin();
+
     std::string path_;
-    std::string beside_;
-    UniqueFd fd_;
+    std::optional<common::TrustedPath> place_;
+    std::string beside_; /**< name in the same folder; empty = nothing is there */
+    UniqueFd fd_;        /**< of what is beside */
+    UniqueFd in_place_;  /**< holds the lock of what has the name */
 };
 
 } // namespace client

@@ -80,6 +80,7 @@ public:
         look_at(sink_.finish(limit));
         update_header();
         look_at(sink_.finish(limit));
+        look_at(sink_.problem_at_end());
         return conclude();
     }
 
@@ -121,6 +122,7 @@ private:
         if (waited[1].revents)
             look_at(sink_.look());
         ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
+        look_at(sink_.problem());
         if (Clock::now() < next_header_)
             return;
         next_header_ = Clock::now() + milliseconds(900);
@@ -153,6 +155,13 @@ private:
         ended_ = ended_ || reader_gone_ || problem_;
     }
 
+    void look_at(std::optional<std::string> output_problem)
+    {
+        if (!problem_)
+            problem_ = std::move(output_problem);
+        ended_ = ended_ || problem_;
+    }
+
     ExitCode conclude()
     {
         if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
@@ -173,8 +182,8 @@ private:
         const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
         if (lost_sound)
             say("the sound server went away for a while: " +
-                (wav_ ? sink_.path() : std::string("what was recorded")) + " is silent there");
-        if (wav_)
+                (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) + " is silent there");
+        if (!sink_.path().empty())
             surroundings_.output.print_path(sink_.path());
         return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
     }

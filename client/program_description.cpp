@@ -25,8 +25,9 @@ constexpr Term signal_terms[] = {
 constexpr Term exit_codes[] = {
     {"0", "complete"},
     {"1", "failed, no usable file was made"},
-    {"2", "the command line is wrong"},
-    {"3", "a usable file that ended early (disk full, display gone), or lacks pictures (disk too slow) or sound"},
+    {"2", "the command line is wrong, or its output cannot be written, before anything was recorded"},
+    {"3", "ended early (disk full, display gone) with a usable file, or without all of its pictures (disk too "
+          "slow) or sound; or others removed, replaced or cut the file meanwhile"},
 };
 constexpr Term environment_terms[] = {
     {"DISPLAY", "the X display that is captured"},

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "display_info.h"
 #include "messages.h"
+#include "output_watch.h"
 #include "record_watch.h"
 #include "recording.h"
 #include "status_report.h"
@@ -134,16 +135,19 @@ public:
             say_settings(settings_);
         check_output_path(options_.output, options_.overwrite);
         StatusReport report(options_.json, options_.status_file);
-        OutputFile file(options_.output, options_.overwrite);
+        const OutputFile file(options_.output, options_.overwrite, surroundings_.signals);
+        settings_.file = file.path_to_reopen();
         RecordWatch watch(file);
+        OutputWatch output(file);
         RecordProgress progress;
-        record(file, watch, progress, report);
-        report.finish(progress.measure(file.size()), !nothing_came(file));
-        return conclude(file);
+        record(file, watch, output, progress, report);
+        report.finish(progress.measure(file.size()), !output_lost_ && !nothing_came(file));
+        return conclude(file, output.path());
     }
 
 private:
-    void record(const OutputFile& file, RecordWatch& watch, RecordProgress& progress, StatusReport& report)
+    void record(const OutputFile& file, RecordWatch& watch, OutputWatch& output, RecordProgress& progress,
+                StatusReport& report)
     {
         if (source_pictures_ > 0)
             source_end_.emplace(source_pictures_);
@@ -151,7 +155,7 @@ private:
         const TimePoint end = options_.time
                                   ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
                                   : TimePoint::max();
-        while (!at_end(end, watch, file))
+        while (!at_end(end, watch, output, file))
             if (report.due())
                 report.update(progress.measure(file.size()));
         const bool in_order = recording.finish();
@@ -159,12 +163,21 @@ private:
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the last batch is written by the close
-            problem_ = watch.problem();
+            look_at(output.problem_at_end(), watch);
         if (!problem_ && watch.lost_sound())
             problem_ = "the sound server went away for a while: " + file.path() + " is silent there";
     }
 
-    bool at_end(TimePoint end, RecordWatch& watch, const OutputFile& file)
+    /** A write that fails is cut back, so that it is looked for behind what may be wrong with the file. */
+    void look_at(std::optional<std::string> output_problem, RecordWatch& watch)
+    {
+        problem_ = watch.problem();
+        output_lost_ = !problem_ && output_problem;
+        if (output_lost_)
+            problem_ = std::move(output_problem);
+    }
+
+    bool at_end(TimePoint end, RecordWatch& watch, OutputWatch& output, const OutputFile& file)
     {
         const TimePoint next = Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
         if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
@@ -173,7 +186,7 @@ private:
             say("cannot pause: the library can end a recording but not hold it, since its stop gives the "
                 "screen "
                 "back for good; this one goes on, and 'screenrecord stream' is what can pause");
-        problem_ = watch.problem();
+        look_at(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
         problem_ = source_end_->problem();
@@ -182,16 +195,18 @@ private:
 
     static bool nothing_came(const OutputFile& file) { return file.regular() && file.size() == 0; }
 
-    ExitCode conclude(const OutputFile& file)
+    /** @param path of the file by now, empty if it has none */
+    ExitCode conclude(const OutputFile& file, const std::string& path)
     {
         for (const auto& sentence : {problem_, shortfall_})
             if (sentence)
                 say(*sentence);
-        if (nothing_came(file)) {
+        if (nothing_came(file) && !output_lost_) {
             say("cannot record: nothing reached " + file.path());
             return ExitCode::failed;
         }
-        surroundings_.output.print_path(file.path());
+        if (!path.empty() && !nothing_came(file))
+            surroundings_.output.print_path(path);
         return problem_ || shortfall_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
@@ -202,6 +217,7 @@ private:
     std::optional<SourceEnd> source_end_;
     std::optional<std::string> problem_;
     std::optional<std::string> shortfall_;
+    bool output_lost_ = false;
 };
 
 } // namespace

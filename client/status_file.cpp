@@ -16,13 +16,14 @@ namespace {
 
 constexpr size_t longest_text = 16384; // a path of 4096 bytes and a sentence round it are less
 
-/** Why the text is not there, as a sentence; empty when it is. */
-std::string write_whole(const std::string& path, const std::string& line)
+/** Why the text is not there, as a sentence; empty when it is. `file` stays locked from text to text. */
+std::string write_whole(std::optional<WholeFile>& file, const std::string& path, const std::string& line)
 {
     try {
-        WholeFile file(path);
-        file.write(line.data(), line.size());
-        file.put_in_place(true);
+        if (!file)
+            file.emplace(path);
+        file->write(line.data(), line.size());
+        file->put_in_place(true);
         return "";
     } catch (const std::exception& failure) {
         return failure.what();
@@ -45,7 +46,7 @@ StatusFile::StatusFile(std::string path, const std::string& text) : path_(std::m
     start_process();
     send(text);
     if (const auto failure = take_answer(Clock::now() + std::chrono::seconds(1)))
-        throw Failure(*failure);
+        throw Failure(*failure, ExitCode::usage);
 }
 
 // It ends by itself once it has written what it has got. One that a disk holds is left to that.
@@ -76,12 +77,13 @@ void StatusFile::run(int socket, const std::string& path)
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
     keep_only(socket);
+    std::optional<WholeFile> file;
     std::string text(longest_text, '\0');
     while (true) {
         const ssize_t size = recv(socket, text.data(), text.size(), 0);
         if (size <= 0)
             _exit(0);
-        const std::string failure = write_whole(path, text.substr(0, static_cast<size_t>(size)));
+        const std::string failure = write_whole(file, path, text.substr(0, static_cast<size_t>(size)));
         ::send(socket, failure.c_str(), failure.size() + 1, MSG_NOSIGNAL);
     }
 }

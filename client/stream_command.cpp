@@ -123,6 +123,14 @@ private:
         ended_ = ended_ || reader_gone_ || problem_.has_value();
     }
 
+    void look_at(std::optional<std::string> output_problem)
+    {
+        if (problem_ || !output_problem)
+            return;
+        problem_ = std::move(output_problem);
+        ended_ = true;
+    }
+
     void wait()
     {
         const bool pending = sink_.pending();
@@ -160,6 +168,7 @@ private:
         if (now < next_check_)
             return;
         next_check_ = now + milliseconds(200);
+        look_at(sink_.problem());
         if (auto without_display = display_.problem("cannot stream")) {
             problem_ = std::move(without_display);
             ended_ = true;
@@ -225,6 +234,7 @@ private:
         look_at(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
             look_at(sink_.finish(limit));
+        look_at(sink_.problem_at_end());
     }
 
     ExitCode conclude()

@@ -62,6 +62,16 @@ constexpr const char* head =
     ".SH COMMANDS AND OPTIONS\n";
 
 constexpr const char* tail =
+    ".SH FILES\n"
+    "Every file that is made is for its owner alone (mode 0600, whatever the umask); one that is overwritten "
+    "keeps its mode.\n"
+    "With \\fB\\-y\\fR an ordinary file of the user's own is overwritten. A symbolic link, and a file or a "
+    "named pipe of another user, is never written to; a pipe of the user's own is, as soon as somebody "
+    "reads.\n"
+    "A file is locked while it is recorded: a second screenrecord is refused. If it is renamed meanwhile, "
+    "the "
+    "recording goes on, and its new path is printed at the end; if it is removed, replaced or cut, the "
+    "recording ends.\n"
     ".SH STATUS\n"
     "With \\fB\\-\\-json\\fR, an object a second:\n"
     "\\fBstate\\fR (recording; at the end finished or, without a usable file, failed), \\fBelapsed\\fR "
@@ -71,7 +81,7 @@ constexpr const char* tail =
     "\\fBdisk_waiting\\fR (seconds that a write has waited for its disk, 0 = none waits); null "
     "for what the platform does not count.\n"
     "The file of \\fB\\-\\-status\\-file\\fR has the same, and the state starting before, which "
-    "\\fB\\-\\-json\\fR never says. It is replaced as a whole each time, and only its owner may read it.\n"
+    "\\fB\\-\\-json\\fR never says. It is replaced as a whole each time.\n"
     ".SH EXAMPLES\n"
     ".TP\n.B screenrecord record \\-o meeting.ts\nthe whole screen, with sound, until Ctrl\\-C\n"
     ".TP\n.B screenrecord record \\-o clip.ts \\-s 1280x720 \\-r 60 \\-t 10\nten seconds at 60 frames per "

@@ -35,28 +35,45 @@ class Files(ShortEndToEndTest):
         running = []
         for mask in (0, 0o022, 0o777):
             for name, arguments in COMMANDS.items():
-                path = self.path(f"{name}.{mask:o}.png")
+                path = self.path(f"{name}.{mask:o}")
                 running.append((path, self.client(*arguments, "-o", path, prepare=lambda mask=mask: os.umask(mask))))
         for path, client in running:
             self.assert_exit(client, 0)
             self.assertEqual(path.stat().st_mode & 0o777, 0o600, path)
 
     def test_planted_links_are_refused(self):
-        # Catches somebody's file that is overwritten, emptied or made because a link to it was waiting.
-        precious, missing = self.path("precious.png"), self.path("not-there.png")
+        # Catches somebody's file that is overwritten, emptied or made because a link to it was waiting, also where
+        # the path begins with a link of the kernel's.
+        precious, missing = self.path("precious"), self.path("not-there")
         precious.write_text("precious", encoding="utf-8")
         running = []
         for target, arguments, overwrite in itertools.product((precious, missing), COMMANDS.values(), ([], ["-y"])):
-            link = self.path(f"{len(running)}.png")
+            link = self.path(f"{len(running)}")
             link.symlink_to(target)
-            running.append((link, self.client(*arguments, *overwrite, "-o", link)))
+            name = "/proc/self/cwd/" + link.name if overwrite else link
+            running.append((link, self.client(*arguments, *overwrite, "-o", name)))
         for link, client in running:
-            self.assert_exit(client, 1)
+            self.assert_exit(client, 2)
             self.assertIn("symbolic link", client.errors())
             self.assertTrue(link.is_symlink())
         self.assertEqual(precious.read_text(encoding="utf-8"), "precious")
         self.assertFalse(missing.exists())
 
+    @unittest.skipIf(os.geteuid() != 0, "only root makes files of somebody else")
+    def test_what_belongs_to_somebody_else_is_refused(self):
+        # Catches a pipe or a file that somebody has put there to read the screen.
+        for name, make in {"his-file": lambda path: path.write_text("his", encoding="utf-8"), "his-pipe": os.mkfifo}.items():
+            make(self.path(name))
+            os.chown(self.path(name), 12345, 12345)
+        with open(os.open(self.path("his-pipe"), os.O_RDONLY | os.O_NONBLOCK), "rb") as reader:
+            running = [self.client(*arguments, *overwrite, "-o", name) for arguments, overwrite, name
+                       in itertools.product(COMMANDS.values(), ([], ["-y"]), ("his-file", "his-pipe"))]
+            running.append(self.client(*COMMANDS["record"], "-o", "a.ts", "--status-file", "his-file"))
+            for client in running:
+                self.assert_exit(client, 2)
+                self.assertIn("another user", client.errors())
+            self.assertEqual(reader.read(), b"")
+        self.assertEqual(self.path("his-file").read_text(encoding="utf-8"), "his")
 
     def test_only_ordinary_files_are_replaced(self):
         # Catches a device or a pipe, of a name that root may change, that becomes a file.
@@ -64,7 +81,7 @@ class Files(ShortEndToEndTest):
         os.mkfifo(pipe)
         for words in (["record", "-t", "0.2", "-o", "a.ts", "--status-file"], ["shot", "-y", "-o"]):
             refused = self.client(*words, pipe)
-            self.assert_exit(refused, 1)
+            self.assert_exit(refused, 2)
             self.assertIn(f"{pipe}: it is no ordinary file", refused.errors())
             self.assertTrue(pipe.is_fifo())
 
