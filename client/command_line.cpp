@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "command_paths.h"
 #include "exit_code.h"
 #include "messages.h"
 #include "program_description.h"
@@ -52,7 +53,9 @@ Invocation read_command_line(int argc, char** argv)
         std::vector<std::string> words = given_words(app, argc, argv);
         std::reverse(words.begin(), words.end()); // as the parser wants them
         app.parse(std::move(words));
-        return chosen(app, all);
+        const Invocation invocation = chosen(app, all);
+        check_paths(invocation);
+        return invocation;
     } catch (const CLI::Success& answered) { // help or version
         app.exit(answered);
         std::cout.flush();

@@ -134,13 +134,6 @@ void check_record(const RecordOptions& options)
         refuse("--status-file", "'" + options.status_file +
                                     "' is no file, which is replaced each second; --json writes the same to "
                                     "standard error");
-    if (!options.status_file.empty() && is_same_file(options.status_file, options.output))
-        refuse("--status-file",
-               "'" + options.status_file +
-                   "' is the recording itself, which it would replace; give it another name");
-    if (!options.source.empty() && is_same_file(options.source, options.output))
-        refuse("--output",
-               "'" + options.output + "' is the source itself, which it would empty; give it another name");
     if (!options.source.empty() && !options.size)
         refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
     if (options.source.ends_with(".ts"))

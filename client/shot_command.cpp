@@ -6,6 +6,7 @@
 #include "display_info.h"
 #include "messages.h"
 #include "output_file.h"
+#include "output_format.h"
 #include "png_file.h"
 #include "still_pictures.h"
 
@@ -70,8 +71,8 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
         const std::string path = shot_path(options, number);
         try {
             pictures.capture();
-            save(path.ends_with(".raw") ? pictures.raw_bytes() : encode_png(size, pictures.bgr_bytes()), path,
-                 options.overwrite, surroundings);
+            save(ending_of(path) == "raw" ? pictures.raw_bytes() : encode_png(size, pictures.bgr_bytes()),
+                 path, options.overwrite, surroundings);
         } catch (const Failure& failure) {
             if (number > 1) // what was saved before is of use
                 throw Failure(failure.what(), ExitCode::ended_early);

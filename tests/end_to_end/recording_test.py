@@ -94,7 +94,14 @@ class Refusals(ShortEndToEndTest):
             ("record -o a.ts --status-file -", "'-'", "--json"),
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
-            ("record -y -o old.ts --source link -s 64x64", "'old.ts'", "another name"),
+            ("record -y -o old.ts --source link -s 64x64", "'link'", "--output 'old.ts'"),
+            ("record -o a.ts --source old.ts --status-file link -s 64x64", "'old.ts'", "another name"),
+            ("stream -y -o link --watermark old.ts", "'old.ts'", "another name"),
+            ("record -o=x", "'=x'", "'./=x'"), ("shot -o --", "'--'", "'./--'"), ("pcm -o -y", "'-y'", "'./-y'"),
+            ("record -o a.MP4", "'a.MP4'", "'ffmpeg -i a.ts -c copy a.MP4'"),
+            ("stream -r 25 -o a.mkv", "'a.mkv'", "'ffmpeg -framerate 25 -i a.h264 -c copy a.mkv'"),
+            ("stream -o a.ts", "'a.ts'", "record -o a.ts"), ("record -o a.jpg", "'a.jpg'", "shot"),
+            ("shot -o a.jpg", "'a.jpg'", "'ffmpeg -i a.png a.jpg'"), ("pcm -o a.mp3", "'a.mp3'", "a.wav a.mp3"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
             ("devices now", "'now'", "no option of devices"), ("help recrod", "'recrod'", "perhaps record"),
@@ -114,7 +121,9 @@ class Refusals(ShortEndToEndTest):
         unreachable = {"ZU3_DISPLAY": "", "DISPLAY": ":4242"}
         cases = [(2, "old.ts", "old.ts", [], {}), (1, "DISPLAY", "new.ts", [], unreachable),
                  (1, "DISPLAY", "new.ts", ["-s", "640x480"], unreachable),
-                 (1, "no-such-folder", "no-such-folder/a.ts", [], {}),
+                 (2, "no-such-folder", "no-such-folder/a.ts", [], {}), (2, "a folder", "home", [], {}),
+                 (2, "status", "new.ts", ["--status-file", "no-such-folder/status"], {}),
+                 (2, "too long", "x" * 256, [], {}),
                  (1, "no ordinary file", "new.ts", ["-s", "64x64", "--source", "/dev/null"], {})]
         for code, word, name, options, environment in cases:
             with self.subTest(word):
