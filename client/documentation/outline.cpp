@@ -21,7 +21,7 @@ OptionOutline outline_of(const CLI::Option& option)
         return made;
     made.value = option.get_type_name();
     made.takes_file = made.value.starts_with("FILE") || made.value.starts_with("IMAGE");
-    if (!std::isupper(static_cast<unsigned char>(made.value.front())))
+    if (!made.value.empty() && !std::isupper(static_cast<unsigned char>(made.value.front())))
         made.choices = choices_of(made.value);
     return made;
 }
