@@ -5,6 +5,7 @@ import os
 import random
 import resource
 import signal
+import statistics
 import subprocess
 import time
 import unittest
@@ -175,6 +176,7 @@ class Killed(EndToEndTest):
     """SIGKILL at random moments: what is lost is what the writer had not passed on, and nothing is left behind."""
 
     MOMENTS, AT_ONCE = 20, 10
+    SCREEN, OPTIONS = ("--fps", "30"), ("-r", "10", "--rate", "2")
     # The writer's batch, what one of its passes copies into it, and the time between two passes.
     BATCH, PIECE, PASS, RATE = 64 << 10, 64 << 10, 0.1, 2 * 1048576 / 8
     # From the screen to the multiplexer, and from our look at the screen to the kill, on a busy machine.
@@ -183,8 +185,7 @@ class Killed(EndToEndTest):
     def kill_some(self, names, moments):
         """Starts recorders at once and kills each at its moment; (file, number on the screen, seconds it ran)."""
         begin = time.monotonic()
-        recorders = [(moments.uniform(1, 3.5), name, self.client("record", "-r", "10", "--rate", "2", "-o", name))
-                     for name in names]
+        recorders = [(moments.uniform(1, 3.5), name, self.client("record", *self.OPTIONS, "-o", name)) for name in names]
         killed = []
         for moment, name, recorder in sorted(recorders, key=lambda each: each[0]):
             pass_time(max(0, begin + moment - time.monotonic()))
@@ -209,7 +210,7 @@ class Killed(EndToEndTest):
         seed = random.randrange(1 << 30)
         moments = random.Random(seed)
         self.start_display("592x256")
-        self.start_screen("--fps", "30")
+        self.start_screen(*self.SCREEN)
         left = self.left_behind()
         names = [f"{number}.ts" for number in range(self.MOMENTS)]
         lacking = []
@@ -218,7 +219,8 @@ class Killed(EndToEndTest):
                 killed = self.kill_some(names[first:first + self.AT_ONCE], moments)
                 with futures.ThreadPoolExecutor(os.cpu_count()) as judging:
                     lacking += judging.map(lambda each: self.assert_lacks_little(*each), killed)
-        print(f"{len(lacking)} kills: {max(lacking):.2f} s lacking at most, {lacking.count(0)} before the first batch")
+        print(f"{len(lacking)} kills: {statistics.median(lacking):.2f} s lacking in the middle, {max(lacking):.2f} at most, "
+              f"{lacking.count(0)} before the first batch")
         self.assertLess(lacking.count(0), self.MOMENTS / 2)
         self.assertEqual(self.left_behind(), left)
         self.assertEqual(sorted(file for file in os.listdir(self.folder) if file.endswith((".ts", ".part", ".lock"))),
@@ -240,6 +242,12 @@ class KilledOften(LongEndToEndTest, Killed):
     MOMENTS = 200
 
 
+class KilledOnNoise(LongEndToEndTest, Killed):
+    """Batches that nearly all end within a picture, and pictures of several batches."""
+
+    MOMENTS, AT_ONCE, SCREEN, OPTIONS = 200, 4, ("--noise",), ()
+
+
 class FullDisk(ShortEndToEndTest):
     def test_disk_is_full(self):
         folder = self.path("disk")
@@ -256,6 +264,4 @@ class FullDisk(ShortEndToEndTest):
         self.assert_exit(recording, 3, SOON)
         self.assertGreater(path.stat().st_size, 800_000)
         self.assertTrue(judges.whole_packets(path))
-        # Every picture but the last, which may have been cut, decodes.
-        frames = len(judges.decode(path, None, "gray", "scale=8:8")) // 64
-        self.assertGreaterEqual(frames, max(1, len(judges.packets(path)) - 1))
+        self.assertEqual(judges.faults(path), "")

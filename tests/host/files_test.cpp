@@ -1,8 +1,8 @@
 #include "common/file_descriptor.h"
 #include "encoder_fixture.h"
-#include "files/packet_steps.h"
 #include "helpers.h"
 #include "memory/memory_register.h"
+#include "multiplexer_fixture.h"
 #include "statistics/counters.h"
 
 #include <zu3/fs.h>
@@ -24,7 +24,6 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -193,59 +192,96 @@ int bytes_in(int pipe)
     return ioctl(pipe, FIONREAD, &bytes) == 0 ? bytes : -1;
 }
 
-std::string packets(size_t count, size_t bytes)
+/** A stream, and where each of its pictures ends. */
+struct Stream {
+    zu3host::Bytes bytes;
+    std::vector<size_t> ends;
+    size_t packet;
+
+    /** Pictures that begin within the first so many bytes. */
+    size_t begun(size_t size) const
+    {
+        size_t count = 0;
+        for (size_t at = packet - 188; at < size; at += packet)
+            count += (bytes[at + 1] & 0x40) != 0 && (bytes[at + 1] & 0x1f) == zu3host::picture_pid >> 8 &&
+                     bytes[at + 2] == (zu3host::picture_pid & 0xff);
+        return count;
+    }
+};
+
+Stream stream_of_pictures(u32 packet_size, uint32_t rate, size_t greatest)
 {
-    std::string batch(count * bytes, 'x');
-    for (size_t at = bytes - 188; at < batch.size(); at += bytes)
-        batch[at] = 0x47;
-    return batch;
+    zu3host::Recording recording({packet_size, rate, true, true, 2 << 20});
+    EXPECT_EQ(recording.start(), ZU_OK);
+    zu3host::UnitMaker units;
+    Stream stream{{}, {}, packet_size};
+    for (unsigned i = 0; i < 60; ++i) {
+        const bool key = i % 30 == 0;
+        recording.push_captured(key ? units.make(true, greatest) : units.make_any(false, 20000),
+                                5000000 + i * 33333);
+        recording.drain();
+        stream.ends.push_back(recording.output.size());
+    }
+    stream.bytes = recording.output;
+    return stream;
 }
 
-// Catches a write in which two pages of the file meet within one packet and which holds more than that one,
-// also behind a packet of which a full disk has taken a part.
-TEST(PacketSteps, EndWithAPacketAndLieInOnePageOrHoldOnePacket)
+// Catches a recorder's kill that leaves a part of a picture in the file, a picture greater than a batch that
+// never comes through, one that waits though the next has begun, and a last one that a close forgets.
+TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
 {
-    constexpr size_t page = 4096;
-    for (const size_t packet : {188u, 192u}) {
-        const std::string batch = packets(350, packet);
-        for (size_t position = 0; position < page; position++) {
-            const size_t cut = position % 7 == 0 ? position % packet : 0;
-            const zu3host::PacketSteps steps(batch.data(), batch.size(), static_cast<int64_t>(position));
-            for (size_t at = cut, step = 0; at < batch.size(); at += step) {
-                step = steps.most(at, batch.size() - at);
-                const bool in_page = (position + at) / page == (position + at + step - 1) / page;
-                const size_t end = at + step;
-                ASSERT_TRUE(step != 0 && end % packet == 0 && (in_page || step <= packet))
-                    << packet << " bytes, from " << position << ", " << step << " at " << at;
-                const bool full = (position + end + packet - 1) / page != (position + end - 1) / page;
-                ASSERT_TRUE(full || !in_page || at % packet != 0 || end == batch.size())
-                    << "room for another packet in the page";
-            }
+    const struct {
+        u32 packet_size;
+        uint32_t rate;
+        size_t greatest, batch;
+    } cases[] = {{188, 0, 15000, 348}, {188, 0, 300000, 348}, {192, 0, 300000, 341}, {188, 4194304, 200000, 700},
+                 {188, 0, 300000, 1}};
+    for (const auto& each : cases) {
+        const Stream stream = stream_of_pictures(each.packet_size, each.rate, each.greatest);
+        const u32 file = open("stream", "wb");
+        for (size_t at = 0, size = 0; at < stream.bytes.size(); at += size) {
+            size = std::min(each.batch * each.packet_size, stream.bytes.size() - at);
+            ASSERT_EQ(ZU_FS_Fwrite(stream.bytes.data() + at, static_cast<u32>(size), 1, file), 1);
+            const size_t begun = stream.begun(at + size), written = fs::file_size(path("stream"));
+            const size_t whole = stream.begun(written);
+            ASSERT_TRUE(begun == 0 || whole == begun - 1) << whole << " of " << begun << " pictures";
+            ASSERT_TRUE(whole == 0 || written >= stream.ends[whole - 1]) << "picture " << whole;
         }
+        EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
+        std::ifstream written(path("stream"), std::ios::binary);
+        EXPECT_TRUE(zu3host::Bytes(std::istreambuf_iterator<char>(written), {}) == stream.bytes);
     }
 }
 
-// Catches a batch in one write: a kill cuts most of those in the middle of a packet, and one in ten of these.
-TEST_F(Files, AreSeldomCutInAPacketByAKill)
+// Catches a full disk's file that ends in the middle of a picture, and one that goes on behind the gap with
+// pictures that need those which are missing.
+TEST_F(Files, OfPicturesGoOnBehindAFullDiskWhereDecodingCanStart)
 {
-    const std::string batch = packets(350, 188);
-    const auto written = [&] { return fs::exists(path("stream")) ? fs::file_size(path("stream")) : 0; };
-    int cut = 0;
-    for (int kill_number = 0; kill_number < 50; kill_number++) {
-        const pid_t writer = fork();
-        if (writer == 0) {
-            const u32 file = open("stream", "wb");
-            for (int batches = 0; batches < 2000; batches++)
-                ZU_FS_Fwrite(batch.data(), static_cast<u32>(batch.size()), 1, file);
-            _exit(0);
-        }
-        EXPECT_TRUE(zu3host::wait_until([&] { return written() > 1'000'000; }));
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
-        cut += written() % 188 != 0;
-        fs::remove(path("stream"));
-    }
-    EXPECT_LT(cut, 25);
+    const Stream stream = stream_of_pictures(188, 0, 30000);
+    const size_t before = stream.ends[14], key = stream.ends[29], after = stream.ends[44];
+    const u32 file = open("stream", "wb");
+    const auto write = [&](size_t from, size_t to) {
+        return ZU_FS_Fwrite(stream.bytes.data() + from, static_cast<u32>(to - from), 1, file);
+    };
+    EXPECT_EQ(write(0, before), 1);
+    const size_t kept = fs::file_size(path("stream"));
+    testing::internal::CaptureStderr();
+    limit_files(kept + 30000);
+    EXPECT_LT(write(before, before + 188 * 400), 0);
+    limit_files(RLIM_INFINITY);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(fs::file_size(path("stream")), kept);
+    EXPECT_EQ(write(before + 188 * 400, key), 1);
+    EXPECT_EQ(fs::file_size(path("stream")), kept) << "no picture that lacks others";
+    EXPECT_EQ(write(key, after), 1);
+    EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
+    std::ifstream written(path("stream"), std::ios::binary);
+    const zu3host::Bytes bytes(std::istreambuf_iterator<char>(written), {});
+    ASSERT_GT(bytes.size(), kept);
+    const size_t resumed = after - (bytes.size() - kept);
+    EXPECT_TRUE(std::equal(bytes.begin() + static_cast<ptrdiff_t>(kept), bytes.end(),
+                           stream.bytes.begin() + static_cast<ptrdiff_t>(resumed)));
+    EXPECT_EQ(stream.begun(resumed), 30u) << "the next one is the second key frame";
 }
 
 bool sleeps(pid_t thread)

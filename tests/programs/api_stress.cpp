@@ -7,7 +7,7 @@
  * times start, stop and close, at random distances; prints the longest time from start to closed api_stress
  * pair SCREEN.ts RAW.nv12 RAW.ts slot 0 records the screen while slot 1 records a raw file of 60 pictures
  * (made here), both 320x240 api_stress hour FILE MINUTES           records the screen, prints resident memory
- * and descriptors once a minute
+ * and descriptors once a minute, what is counted of the pictures, and how much waits between screen and file
  *
  * Exit code 0 when every call answered as it must; what did not is said on stderr. A call that hangs ends the
  * program by SIGALRM.
@@ -116,18 +116,22 @@ void pair(const std::string& screen_file, const std::string& raw_file, const std
 void hour(std::string file, int minutes)
 {
     must(startScreenRecord(1280, 720, 30, 0, 188, 0, 0, bytes(file)) == 0, "startScreenRecord");
-    printf("minute resident_kib descriptors due captured late no_buffer no_display encoded refused\n");
+    printf("minute resident_kib descriptors due captured late no_buffer no_display encoded refused "
+           "waiting_pictures waiting_kib\n");
     const Clock::time_point begin = Clock::now();
     for (int minute = 1; minute <= minutes; ++minute) {
         std::this_thread::sleep_until(begin + std::chrono::minutes(minute));
         zu3_host_statistics_t counted{};
         zu3_host_statistics(&counted, sizeof counted);
         const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-        printf("%d %ld %ld %llu %llu %llu %llu %llu %llu %llu\n", minute, resident_kib(), descriptors(),
+        printf("%d %ld %ld %llu %llu %llu %llu %llu %llu %llu %lld %llu\n", minute, resident_kib(), descriptors(),
                number(counted.pictures_due), number(counted.pictures_captured),
                number(counted.pictures_dropped_late), number(counted.pictures_dropped_no_buffer),
                number(counted.pictures_dropped_no_display), number(counted.pictures_encoded),
-               number(counted.pictures_refused));
+               number(counted.pictures_refused),
+               static_cast<long long>(counted.pictures_captured - counted.pictures_encoded -
+                                      counted.pictures_refused),
+               number((counted.bytes_multiplexed - counted.bytes_copied_out) / 1024));
         fflush(stdout);
     }
     must(stopScreenRecord() == 0, "stopScreenRecord");

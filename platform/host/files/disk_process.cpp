@@ -72,7 +72,7 @@ NOTHING_BUT_ITSELF void keep_only(int one, int other)
 
 } // namespace
 
-NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order, const Shared* shared, int file)
+NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order, const uint8_t* shared, int file)
 {
     rlimit64 limit;
     if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, nullptr, &limit) == 0 && limit.rlim_cur != order.greatest_file) {
@@ -80,20 +80,19 @@ NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order
         syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, &limit, nullptr);
     }
     Answer answer{0, 0};
-    for (uint64_t piece = 0; piece < order.pieces; ++piece) {
-        const size_t size = shared->pieces[piece];
-        const long written = syscall(SYS_write, file, shared->data + answer.written, size);
+    while (answer.error == 0 && answer.written < order.size) {
+        const long written = syscall(SYS_write, file, shared + answer.written, order.size - answer.written);
         if (written < 0)
             answer.error = errno;
         else
             answer.written += static_cast<size_t>(written);
-        if (written != static_cast<long>(size))
+        if (written == 0)
             break;
     }
     return answer;
 }
 
-NOTHING_BUT_ITSELF void DiskProcess::run(const Shared* shared, int file, int socket)
+NOTHING_BUT_ITSELF void DiskProcess::run(const uint8_t* shared, int file, int socket)
 {
     syscall(SYS_prctl, PR_SET_NAME, "disk writer", 0, 0, 0);
     keep_only(file, socket);
@@ -115,10 +114,10 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
         return nullptr;
     FileDescriptor ours(ends[0]), theirs(ends[1]);
     void* const memory =
-        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         return nullptr;
-    auto* const shared = static_cast<Shared*>(memory);
+    auto* const shared = static_cast<uint8_t*>(memory);
     long process = -1;
     {
         // Not fork(): whatever a program has registered for that is none of this process's business, and no signal
@@ -132,23 +131,24 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
         process < 0 ? nullptr
                     : new (std::nothrow) DiskProcess(shared, std::move(ours), static_cast<pid_t>(process)));
     if (!started)
-        munmap(shared, sizeof(Shared));
+        munmap(shared, capacity);
     return started;
 }
 
 DiskProcess::~DiskProcess()
 {
     socket_ = {};
-    munmap(shared_, sizeof(Shared));
+    munmap(shared_, capacity);
     ending().add(process_);
 }
 
-void DiskProcess::send(const uint8_t* data, size_t size, size_t pieces)
+void DiskProcess::write(const uint8_t* data, size_t size)
 {
-    std::memcpy(shared_->data, data, size);
+    size = std::min(size, capacity);
+    std::memcpy(shared_, data, size);
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    const Order order{pieces, limit.rlim_cur == RLIM_INFINITY ? ~uint64_t{0} : uint64_t{limit.rlim_cur}};
+    const Order order{size, limit.rlim_cur == RLIM_INFINITY ? ~uint64_t{0} : uint64_t{limit.rlim_cur}};
     busy_ = true;
     ::send(socket_.get(), &order, sizeof order, MSG_NOSIGNAL);
 }

@@ -22,10 +22,8 @@ namespace zu3host {
  */
 class DiskProcess {
 public:
-    /** Bytes that one write() takes at most. */
-    static constexpr size_t capacity = 128 * 1024;
-    /** Pieces, a write(2) each, that one write() is made of at most. */
-    static constexpr size_t most_pieces = 128;
+    /** Bytes that one write() takes at most: the greatest picture, since a write is whole even if we are killed. */
+    static constexpr size_t capacity = 4 << 20;
 
     /** What became of a write: bytes that are with the kernel, and the errno that ended it early, 0 = none. */
     struct Answer {
@@ -39,18 +37,8 @@ public:
     DiskProcess(const DiskProcess&) = delete;
     DiskProcess& operator=(const DiskProcess&) = delete;
 
-    /**
-     * Starts to write at the file's position what fits of `data`, which is copied; not while busy().
-     * @param piece_at most bytes of the piece that begins that many bytes behind the first
-     */
-    template <typename PieceAt> void write(const uint8_t* data, size_t size, PieceAt piece_at)
-    {
-        size_t pieces = 0, at = 0;
-        size = size < capacity ? size : capacity;
-        while (at < size && pieces < most_pieces)
-            at += shared_->pieces[pieces++] = static_cast<uint32_t>(piece_at(at, size - at));
-        send(data, at, pieces);
-    }
+    /** Starts to write at the file's position what fits of `data`, which is copied; not while busy(). */
+    void write(const uint8_t* data, size_t size);
     /** Whether a write is under way. */
     bool busy() const { return busy_; }
     /** Readable once the write under way is through. */
@@ -59,24 +47,19 @@ public:
     Answer answer();
 
 private:
-    struct Shared {
-        uint32_t pieces[most_pieces];
-        uint8_t data[capacity];
-    };
     struct Order {
-        uint64_t pieces;
+        uint64_t size;          /**< of the data, which is at the beginning of the shared memory */
         uint64_t greatest_file; /**< RLIMIT_FSIZE of the owner, which may have changed */
     };
 
-    DiskProcess(Shared* shared, FileDescriptor socket, pid_t process)
+    DiskProcess(uint8_t* shared, FileDescriptor socket, pid_t process)
         : shared_(shared), socket_(std::move(socket)), process_(process)
     {
     }
-    void send(const uint8_t* data, size_t size, size_t pieces);
-    [[noreturn]] static void run(const Shared* shared, int file, int socket);
-    static Answer carry_out(const Order& order, const Shared* shared, int file);
+    [[noreturn]] static void run(const uint8_t* shared, int file, int socket);
+    static Answer carry_out(const Order& order, const uint8_t* shared, int file);
 
-    Shared* shared_;
+    uint8_t* shared_; /**< capacity bytes, of which what is never used is never there */
     FileDescriptor socket_;
     pid_t process_;
     bool busy_ = false;

@@ -1,7 +1,6 @@
 #include "files/open_file.h"
 
 #include "common/trusted_path.h"
-#include "files/packet_steps.h"
 #include "files/write_wait.h"
 #include "log/host_log.h"
 #include "os/task.h"
@@ -186,10 +185,18 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
         HOST_LOGE("Cannot open \"%s\": %s.", name, opened.refusal);
         return nullptr;
     }
+    const bool ordinary = is_regular(opened.fd.get());
     std::unique_ptr<DiskProcess> disk;
-    if ((flags & O_ACCMODE) != O_RDONLY && is_regular(opened.fd.get()))
+    if ((flags & O_ACCMODE) != O_RDONLY && ordinary)
         disk = DiskProcess::start(opened.fd.get());
-    return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk));
+    const bool written_in_order = (flags & O_ACCMODE) == O_WRONLY && ordinary;
+    return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk), written_in_order);
+}
+
+OpenFile::~OpenFile()
+{
+    if (fd_) // the last call has ended behind the close
+        write_unfinished(unfinished_.size());
 }
 
 void give_up_writes()
@@ -216,11 +223,30 @@ int64_t OpenFile::read(void* dst, size_t size)
 uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t count_of_items)
 {
     const std::lock_guard lock(in_use_);
+    if (written_in_order_ && unfinished_.append(src, item_bytes * count_of_items))
+        return write_unfinished(unfinished_.whole()) ? count_of_items : 0;
+    return write_unfinished(unfinished_.size()) ? write_now(src, item_bytes, count_of_items) : 0;
+}
+
+bool OpenFile::write_unfinished(size_t bytes)
+{
+    if (bytes == 0)
+        return true;
+    const bool written = write_now(unfinished_.data(), bytes, 1) == 1;
+    if (written)
+        unfinished_.remove(bytes);
+    else
+        unfinished_.skip_to_random_access();
+    return written;
+}
+
+uint64_t OpenFile::write_now(const void* src, uint64_t item_bytes, uint64_t count_of_items)
+{
     written_ = true;
     int error = 0;
     const size_t size = item_bytes * count_of_items;
     const auto* const bytes = static_cast<const uint8_t*>(src);
-    const size_t done = disk_ ? write_by_process(bytes, size, error) : write_all(bytes, size, error);
+    const size_t done = disk_ ? write_by_process(bytes, size, error) : write_here(bytes, size, error);
     const uint64_t whole = done / item_bytes;
     if (done < size && error == ECANCELED && disk_) {
         // The part that is under way may still come, so that the end of the file is not ours to cut.
@@ -235,12 +261,10 @@ uint64_t OpenFile::write_items(const void* src, uint64_t item_bytes, uint64_t co
     return whole;
 }
 
-size_t OpenFile::write_all(const uint8_t* src, size_t size, int& error)
+size_t OpenFile::write_here(const uint8_t* src, size_t size, int& error)
 {
-    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
-    return transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
-        return ::write(fd_.get(), src + at, steps.most(at, bytes));
-    });
+    return transfer_all(fd_.get(), POLLOUT, size, error,
+                        [&](size_t at, size_t bytes) { return ::write(fd_.get(), src + at, bytes); });
 }
 
 size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
@@ -248,11 +272,9 @@ size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
     error = wait_for_earlier_write();
     if (error != 0)
         return 0;
-    const PacketSteps steps(src, size, lseek(fd_.get(), 0, SEEK_CUR));
     size_t done = 0;
     while (done < size && error == 0) {
-        disk_->write(src + done, size - done,
-                     [&](size_t at, size_t bytes) { return steps.most(done + at, bytes); });
+        disk_->write(src + done, size - done);
         error = wait_for_disk();
         if (error != 0)
             break;
@@ -314,7 +336,9 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
 bool OpenFile::seek(int64_t offset, int whence)
 {
     const std::lock_guard lock(in_use_);
-    return wait_for_earlier_write() == 0 && lseek(fd_.get(), offset, whence) >= 0;
+    const bool written = write_unfinished(unfinished_.size());
+    written_in_order_ = false;
+    return wait_for_earlier_write() == 0 && lseek(fd_.get(), offset, whence) >= 0 && written;
 }
 
 bool OpenFile::close()
@@ -324,6 +348,7 @@ bool OpenFile::close()
         HOST_LOGE("\"%s\" is still in use, so that it is closed later.", name_.c_str());
         return false;
     }
+    const bool whole = write_unfinished(unfinished_.size());
     // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
     // close is to be over in a moment. What the medium does not take shows at the next use of the file.
     int error = 0;
@@ -336,7 +361,7 @@ bool OpenFile::close()
         error = errno;
     if (error != 0)
         HOST_LOGE("\"%s\" may not be whole on its medium: %s.", name_.c_str(), strerror(error));
-    return error == 0;
+    return error == 0 && whole;
 }
 
 } // namespace zu3host

@@ -2,6 +2,7 @@
 
 #include "common/file_descriptor.h"
 #include "files/disk_process.h"
+#include "files/unfinished_picture.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -19,24 +20,30 @@ std::optional<int> open_flags_of_mode(const char* mode);
 void give_up_writes();
 
 /**
- * A file without a buffer of its own: what a write took is with the kernel. One thread at a time reads,
- * writes or seeks; others wait. A transfer that waits for the other end of a pipe, and a write that waits for
- * its disk, is over when the task that it is in is deleted: it answers what is through by then.
+ * A file without a buffer of its own: what a write took is with the kernel. But an ordinary file that a
+ * transport stream is written to ends with a whole picture until it is closed: one that may not be whole yet
+ * waits. One thread at a time reads, writes or seeks; others wait. A transfer that waits for the other end of
+ * a pipe, and a write that waits for its disk, is over when the task that it is in is deleted: it answers what
+ * is through by then.
  */
 class OpenFile {
 public:
     /** Null, and a line in the log, when it cannot be opened. Does not wait for the other end of a pipe. */
     static std::shared_ptr<OpenFile> open(const char* name, int flags);
-    OpenFile(std::string name, FileDescriptor fd, std::unique_ptr<DiskProcess> disk)
-        : name_(std::move(name)), fd_(std::move(fd)), disk_(std::move(disk))
+    OpenFile(std::string name, FileDescriptor fd, std::unique_ptr<DiskProcess> disk, bool written_in_order)
+        : name_(std::move(name)), fd_(std::move(fd)), disk_(std::move(disk)), written_in_order_(written_in_order)
     {
     }
+    ~OpenFile();
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
 
     /** Fills `size` bytes unless the file ends before; bytes read, -1 on an error before the first. */
     int64_t read(void* dst, size_t size);
     /**
      * Writes `count` items of `item_bytes`; the items written whole. Behind a failure no part of an item is
-     * left at the end of an ordinary file. Only the first failure of a file is logged, every one is counted.
+     * left at the end of an ordinary file, nor of a transport stream anything of the whole call. Only the first
+     * failure of a file is logged, every one is counted.
      */
     uint64_t write_items(const void* src, uint64_t item_bytes, uint64_t count);
     bool seek(int64_t offset, int whence);
@@ -48,7 +55,9 @@ public:
     bool close();
 
 private:
-    size_t write_all(const uint8_t* src, size_t size, int& error);
+    uint64_t write_now(const void* src, uint64_t item_bytes, uint64_t count);
+    bool write_unfinished(size_t bytes);
+    size_t write_here(const uint8_t* src, size_t size, int& error);
     size_t write_by_process(const uint8_t* src, size_t size, int& error);
     int wait_for_earlier_write();
     int wait_for_disk();
@@ -59,6 +68,8 @@ private:
     std::mutex in_use_; // held within each call; guards what follows
     FileDescriptor fd_;
     std::unique_ptr<DiskProcess> disk_; // of an ordinary file that is written, if the system gives one
+    bool written_in_order_;             /**< an ordinary file, from one end to the other */
+    UnfinishedPicture unfinished_;
     bool written_ = false;
     bool failure_logged_ = false;
 };

@@ -1,0 +1,106 @@
+#include "files/unfinished_picture.h"
+
+#include <algorithm>
+#include <bitstream/mpeg/pes.h>
+#include <bitstream/mpeg/ts.h>
+#include <cstring>
+#include <new>
+
+namespace zu3host {
+
+namespace {
+
+/** More than any encoded picture with its packet headers; what is longer is no picture that ends one day. */
+constexpr size_t greatest_picture = 4 << 20;
+
+/** Bytes of each packet, 188 or 192, of a piece of a transport stream; 0 when it is none of whole packets. */
+size_t packet_bytes_of(const uint8_t* data, size_t size)
+{
+    constexpr size_t plain = TS_SIZE, stamped = plain + 4; // with its arrival time
+    for (const size_t packet : {plain, stamped})
+        if (size >= packet && size % packet == 0 && ts_validate(data + packet - plain) &&
+            ts_validate(data + size - plain))
+            return packet;
+    return 0;
+}
+
+enum class Begins { nothing, sound, picture, random_access };
+
+/** What begins with a packet of 188 bytes. */
+Begins begins_with(const uint8_t* packet)
+{
+    if (!ts_get_unitstart(packet) || !ts_has_payload(packet))
+        return Begins::nothing;
+    const bool adaptation = ts_has_adaptation(packet);
+    const size_t payload = TS_HEADER_SIZE + (adaptation ? 1 + ts_get_adaptation(packet) : 0);
+    if (payload + PES_HEADER_SIZE > TS_SIZE || !pes_validate(packet + payload))
+        return Begins::nothing;
+    const uint8_t id = pes_get_streamid(packet + payload);
+    if ((id & 0xe0) == PES_STREAM_ID_AUDIO_MPEG)
+        return Begins::sound;
+    if ((id & 0xf0) != PES_STREAM_ID_VIDEO_MPEG)
+        return Begins::nothing;
+    const bool random_access = adaptation && ts_get_adaptation(packet) > 0 && tsaf_has_randomaccess(packet);
+    return random_access ? Begins::random_access : Begins::picture;
+}
+
+} // namespace
+
+bool UnfinishedPicture::append(const void* batch, size_t size)
+{
+    const size_t packet_bytes = packet_bytes_of(static_cast<const uint8_t*>(batch), size);
+    if (packet_bytes == 0 || bytes_.size() % packet_bytes != 0)
+        return false;
+    const size_t before = bytes_.size();
+    try {
+        bytes_.resize(before + size);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    std::memcpy(bytes_.data() + before, batch, size);
+    if (skipping_)
+        drop_until_random_access(packet_bytes);
+    for (size_t at = std::min(before, bytes_.size()); at < bytes_.size(); at += packet_bytes)
+        look_at(at, packet_bytes);
+    if (!any_ || bytes_.size() - whole_ > greatest_picture)
+        whole_ = bytes_.size();
+    return true;
+}
+
+void UnfinishedPicture::look_at(size_t packet_at, size_t packet_bytes)
+{
+    const Begins begins = begins_with(bytes_.data() + packet_at + packet_bytes - TS_SIZE);
+    const bool picture = begins == Begins::picture || begins == Begins::random_access;
+    // Frames of sound lie whole between the packets of a picture.
+    if (!picture && (begins != Begins::sound || pictures_))
+        return;
+    if (any_)
+        whole_ = packet_at;
+    any_ = true;
+    pictures_ = pictures_ || picture;
+}
+
+void UnfinishedPicture::drop_until_random_access(size_t packet_bytes)
+{
+    size_t at = 0;
+    while (at < bytes_.size() &&
+           begins_with(bytes_.data() + at + packet_bytes - TS_SIZE) != Begins::random_access)
+        at += packet_bytes;
+    skipping_ = at == bytes_.size();
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<ptrdiff_t>(at));
+}
+
+void UnfinishedPicture::remove(size_t bytes)
+{
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<ptrdiff_t>(bytes));
+    whole_ -= std::min(whole_, bytes);
+}
+
+void UnfinishedPicture::skip_to_random_access()
+{
+    bytes_.clear();
+    whole_ = 0;
+    skipping_ = any_ && pictures_;
+}
+
+} // namespace zu3host

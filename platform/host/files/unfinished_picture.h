@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * The end of a transport stream on its way into a file.
+ *
+ * A recording arrives in batches that end anywhere, while a file that a kill or a full disk ends should play
+ * to its end. So what begins with the last picture that was begun stays here until the next one begins, or
+ * the file is closed. A stream of sound alone is cut between its frames. Not thread-safe.
+ */
+class UnfinishedPicture {
+public:
+    /**
+     * Appends a batch. False, and nothing is appended, when it is no piece of a transport stream, or memory
+     * is short.
+     */
+    bool append(const void* batch, size_t size);
+    const uint8_t* data() const { return bytes_.data(); }
+    size_t size() const { return bytes_.size(); }
+    /** Bytes from data() on that end with a whole picture. */
+    size_t whole() const { return whole_; }
+    /** They are in the file, or lost. */
+    void remove(size_t bytes);
+    /** A part of the stream is lost: what follows is dropped up to the next picture that needs none before
+     * it. */
+    void skip_to_random_access();
+
+private:
+    void look_at(size_t packet_at, size_t packet_bytes);
+    void drop_until_random_access(size_t packet_bytes);
+
+    std::vector<uint8_t> bytes_;
+    size_t whole_ = 0;
+    bool any_ = false;      /**< whether a picture, or a frame of sound, has begun yet */
+    bool pictures_ = false; /**< whether a picture has */
+    bool skipping_ = false;
+};
+
+} // namespace zu3host
