@@ -60,12 +60,18 @@ uint64_t ByteSink::delivered() const
 
 std::optional<std::string> ByteSink::problem()
 {
-    return watch_ ? watch_->problem() : std::nullopt;
+    if (!watch_)
+        return std::nullopt;
+    watch_->expect_size(delivered());
+    return watch_->problem();
 }
 
 std::optional<std::string> ByteSink::problem_at_end()
 {
-    return watch_ ? watch_->problem_at_end() : std::nullopt;
+    if (!watch_)
+        return std::nullopt;
+    watch_->expect_size(delivered());
+    return watch_->problem_at_end();
 }
 
 int ByteSink::empty_file()

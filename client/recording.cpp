@@ -65,6 +65,12 @@ void wait_for_writer(const DiskPatience& patience)
         poll(nullptr, 0, 10);
 }
 
+uint64_t multiplexed_pictures()
+{
+    const auto now = read_statistics();
+    return now ? now->access_units_multiplexed : 0;
+}
+
 uint8_t* bytes(std::string& text)
 {
     return reinterpret_cast<uint8_t*>(text.data());
@@ -87,7 +93,8 @@ std::string source_name(const std::string& source)
 
 } // namespace
 
-Recording::Recording(const RecordingSettings& settings) : slot_(settings.slot), one_call_(settings.one_call)
+Recording::Recording(const RecordingSettings& settings)
+    : slot_(settings.slot), one_call_(settings.one_call), pictures_before_(multiplexed_pictures())
 {
     try {
         if (one_call_)
@@ -136,8 +143,21 @@ void Recording::open_in_one_call(const RecordingSettings& settings)
     require(result == 0, "start");
 }
 
+// The screen's first picture takes a moment to be encoded, and a stop before that would leave nothing.
+void Recording::wait_for_first_picture() const
+{
+    const TimePoint limit = Clock::now() + std::chrono::milliseconds(1500);
+    const auto may_come = [] {
+        const auto now = read_statistics();
+        return now && !now->display_lost;
+    };
+    while (multiplexed_pictures() == pictures_before_ && may_come() && Clock::now() < limit)
+        poll(nullptr, 0, 10);
+}
+
 bool Recording::finish()
 {
+    wait_for_first_picture();
     const DiskPatience patience;
     const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
     wait_for_writer(patience);

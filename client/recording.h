@@ -31,8 +31,8 @@ public:
     ~Recording();
 
     /**
-     * Stops capture, waits until the writer has caught up with what is multiplexed (15 s at most), closes the
-     * file. A disk that stands still is given a second.
+     * Waits for the first picture (1.5 s at most), stops capture, waits until the writer has caught up with
+     * what is multiplexed (15 s at most), closes the file. A disk that stands still is given a second.
      * @return whether the library says that all of it succeeded
      */
     bool finish();
@@ -40,10 +40,12 @@ public:
 private:
     void open_step_by_step(const RecordingSettings& settings);
     void open_in_one_call(const RecordingSettings& settings);
+    void wait_for_first_picture() const;
     bool close();
 
     uint32_t slot_;
     bool one_call_;
+    const uint64_t pictures_before_; /**< of earlier recordings; 0 where nothing is counted */
     bool open_ = false;
 };
 

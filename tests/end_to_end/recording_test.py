@@ -172,6 +172,16 @@ class Signals(ShortEndToEndTest):
                 self.assertEqual(judges.faults(files[name]), "")
 
 
+    def test_the_shortest_has_a_picture(self):
+        # Catches a stop that comes before the first picture is encoded and leaves an empty file.
+        self.environment["ZU3_DISPLAY"] = "testcard"
+        for seconds in ("0.001", "0.02"):
+            with self.subTest(seconds):
+                path = self.path("short.ts")
+                self.assert_exit(self.client("record", "-t", seconds, "-s", "1280x720", "-y", "-o", path), 0)
+                self.assertEqual(judges.faults(path), "")
+
+
 class Killed(EndToEndTest):
     """SIGKILL at random moments: what is lost is what the writer had not passed on, and nothing is left behind."""
 
