@@ -236,7 +236,7 @@ void define_record(CLI::App& command, RecordOptions& options)
 void define_stream(CLI::App& command, StreamOptions& options)
 {
     define_output(command, options, "FILE.h264|-", "file, or - for standard output");
-    define_size(command, options.size, "picture size; the encoder rounds it up to multiples of 16x32");
+    define_size(command, options.size, "picture size, even, 64x64 to 3840x2160; else the display's own");
     define_fps(command, options.fps);
     define_encoder(command, options);
     command.add_flag("--osd", options.osd,

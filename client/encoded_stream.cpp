@@ -4,6 +4,7 @@
 
 #include "library_log.h"
 #include "screenrecord/screenrecord.h"
+#include "statistics.h"
 #include "watermark.h"
 
 namespace client {
@@ -29,6 +30,7 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
                                 .profile = options.profile,
                                 .level = options.level,
                                 .osd = options.osd};
+    const bool exact = want_exact_size(size.width, size.height);
     if (video_capenc_open(&params) != 0) {
         video_capenc_close();
         throw library_failure(
@@ -36,7 +38,7 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
             "rate, profile and level");
     }
     forget_library_log();
-    size_ = {params.width, params.height};
+    size_ = exact ? size : Size{params.width, params.height};
     try {
         start(options.watermark, signals);
     } catch (const Failure&) {

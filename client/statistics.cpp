@@ -31,6 +31,15 @@ void give_up_writes()
         give_up();
 }
 
+bool want_exact_size(uint32_t width, uint32_t height)
+{
+    using Want = void (*)(uint32_t, uint32_t);
+    static const auto want = reinterpret_cast<Want>(dlsym(RTLD_DEFAULT, "zu3_host_exact_size"));
+    if (want)
+        want(width, height);
+    return want;
+}
+
 const char* platform_sentence()
 {
     using Name = const char* (*)();

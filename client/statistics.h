@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <zu3_host/exact_size.h>
 #include <zu3_host/frame_event.h>
 #include <zu3_host/statistics.h>
 
@@ -15,6 +16,9 @@ int frame_event();
 
 /** Lets no write wait for its disk any longer; see slow_disk.h. */
 void give_up_writes();
+/** Asks for a stream of exactly this size, see exact_size.h; false where the platform has none but the
+ * rounded ones. */
+bool want_exact_size(uint32_t width, uint32_t height);
 
 /** One sentence on the platform, NULL where it has none. */
 const char* platform_sentence();

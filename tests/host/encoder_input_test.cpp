@@ -2,6 +2,7 @@
 #include "capture/picture_pool.h"
 #include "encoder/input_memory.h"
 #include "encoder_fixture.h"
+#include "zu3_host/exact_size.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -54,6 +55,19 @@ TEST(EncoderOpen, TellsItsExactSizeWhileItIsOpen)
         EXPECT_EQ(exact_size_of_open_encoder(640, 384), (PictureSize{640, 360}));
     }
     EXPECT_EQ(exact_size_of_open_encoder(1376, 768), std::nullopt);
+
+    // What a stream's client asks for holds for one encoder, of that size rounded up.
+    const struct {
+        PictureSize asked, opened, exact;
+    } cases[] = {{{1280, 720}, {1280, 736}, {1280, 720}},
+                 {{1281, 720}, {1280, 736}, {1280, 736}},
+                 {{640, 360}, {1280, 736}, {1280, 736}},
+                 {{0, 0}, {640, 384}, {640, 384}}};
+    for (const auto& [asked, opened, exact] : cases) {
+        zu3_host_exact_size(asked.width, asked.height);
+        const TestEncoder encoder(params_of(opened.width, opened.height));
+        EXPECT_EQ(exact_size_of_open_encoder(opened.width, opened.height), exact) << asked.width;
+    }
 }
 
 // Catches reading memory that is not the encoder's, and a lent buffer that is lost when its lender gives up.

@@ -2,6 +2,7 @@
 // frame.
 #include "common/border.h"
 #include "encoder/encoder.h"
+#include "encoder/exact_size.h"
 #include "log/host_log.h"
 #include "os/thread_start.h"
 #include "statistics/counters.h"
@@ -27,9 +28,10 @@ ZU_VENC_FrameInfo_t frame_record(const AccessUnit& unit, uint64_t pts, uint32_t 
 
 std::shared_ptr<Encoder> Encoder::open(const ZU_VENC_OpenParams_t& params)
 {
-    const auto settings = encoder_settings_of(params);
+    auto settings = encoder_settings_of(params);
     if (!settings)
         return nullptr;
+    settings->size = take_exact_size(settings->size);
     auto x264 = X264Encoder::open(*settings);
     if (!x264)
         return nullptr;
