@@ -16,6 +16,24 @@ namespace {
 using namespace client;
 using namespace std::chrono_literals;
 
+// Catches a count or a size of 32 bits, which a recording of days passes.
+TEST(Progress, CountsBeyondFourThousandMillion)
+{
+    Progress days;
+    days.elapsed_seconds = 1e7;
+    days.frames = 5'000'000'001;
+    days.dropped = 5'000'000'002;
+    days.fps = 120;
+    days.file_bytes = 5'000'000'000'003;
+    days.bits_per_second = 5e9;
+    const std::string json = progress_as_json(days, "recording"), line = progress_as_line(days, false);
+    for (const char* part : {"\"elapsed\":10000000.000", "\"frames\":5000000001", "\"dropped\":5000000002",
+                             "\"file_bytes\":5000000000003", "\"bits_per_second\":5000000000"})
+        EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
+    for (const char* part : {"2777:46:40", "5000000001 frames", "5000000002 dropped", "5000000.0 MB"})
+        EXPECT_NE(line.find(part), std::string::npos) << part << " in " << line;
+}
+
 // Catches a size that is cut off, overflows or is accepted with something behind it.
 TEST(OptionValues, SizesAreWholeOrNothing)
 {

@@ -40,6 +40,8 @@ class ThreeReaders(EndToEndTest):
 
     def test_agree_and_find_no_error(self):
         self.environment["ZU3_AUDIO"] = "tone"
+        # All times pass their end, 2^33 ticks of 90 kHz, half-way: in a day's recording they do after 26.5 hours.
+        self.environment["ZU3_STREAM_START"] = str(int(2 ** 33 / 90000 - self.SECONDS / 2))
         self.start_display("640x360")
         self.start_screen("--fps", "60")
         running = {(packet_size, rate): self.client(
@@ -59,6 +61,11 @@ class ThreeReaders(EndToEndTest):
                 self.assertEqual(counts, counts[:1] * 3)
                 self.assertGreater(counts[0], self.SECONDS * self.FPS * 0.9)
                 self.assertEqual(judges.streams(path)["audio"]["codec_name"], "aac")
+                for kind in "va":
+                    times = [time for time, _, _ in judges.packets(path, kind)]
+                    self.assertFalse(0 <= times[0] < 2 ** 33 / 90000 - self.SECONDS, "it begins as others do")
+                    distances = [after - before for before, after in zip(times, times[1:])]
+                    self.assertTrue(0 < min(distances) and max(distances) < 1, f"{kind}: a player halts at the end of time")
 
 
 class ThreeReadersForTenMinutes(LongEndToEndTest, ThreeReaders):

@@ -106,7 +106,7 @@ uint32_t Multiplexer::write_picture(const ZU_TSMUX_MediaData_t& data)
     const auto host_us = time_of_frame_in_callback();
     const PictureClock::Stamp stamp = clock_.stamp(host_us, data.u64Pts);
     const int64_t capture_us = host_us ? static_cast<int64_t>(*host_us) : monotonic_us();
-    const int64_t pts = first_pts(writer_.constant_rate()) + stamp.ticks;
+    const int64_t pts = first_pts(start_, writer_.constant_rate()) + stamp.ticks;
     const std::span<const uint8_t> unit{data.pu8Data, data.u32DataSize};
     if (sound_ && sound_->begun())
         sound_->gather(capture_us);
@@ -154,7 +154,7 @@ void Multiplexer::pump_sound_only()
 {
     const int64_t now = monotonic_us();
     if (!sound_->begun())
-        sound_->begin(now, static_cast<int64_t>((stream_start + sound_lead) / 300) + 3000);
+        sound_->begin(now, static_cast<int64_t>((start_ + sound_lead) / 300) + 3000);
     sound_->gather(now);
     if (sound_->queue().empty())
         return;

@@ -56,6 +56,7 @@ private:
     SoundQueue* queue() { return sound_ ? &sound_->queue() : nullptr; }
 
     const ZU_TSMUX_OpenParams_t params_;
+    const uint64_t start_; /**< the first time reference */
     std::mutex mutex_;
     std::unique_ptr<OutputRegion> region_;
     PacketRing ring_;

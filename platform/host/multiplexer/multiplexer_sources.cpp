@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <bitstream/mpeg/pes.h>
 #include <bitstream/mpeg/psi.h>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 
 namespace zu3host {
@@ -43,6 +46,21 @@ bool valid_params(const ZU_TSMUX_OpenParams_t& params)
     return true;
 }
 
+/** The first time reference: as if the stream had run for the seconds that the environment gives. */
+uint64_t start_of_streams()
+{
+    const char* const text = std::getenv("ZU3_STREAM_START");
+    if (!text)
+        return stream_start;
+    uint32_t seconds = 0;
+    const char* const end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, seconds);
+    if (error == std::errc{} && stop == end)
+        return stream_start + seconds * system_clock_hz;
+    HOST_LOGW("ZU3_STREAM_START is no number of seconds (\"%s\"); it is ignored.", text);
+    return stream_start;
+}
+
 } // namespace
 
 std::shared_ptr<Multiplexer> Multiplexer::open(const ZU_TSMUX_OpenParams_t& params)
@@ -54,8 +72,9 @@ std::shared_ptr<Multiplexer> Multiplexer::open(const ZU_TSMUX_OpenParams_t& para
 }
 
 Multiplexer::Multiplexer(const ZU_TSMUX_OpenParams_t& params, std::unique_ptr<OutputRegion> region)
-    : params_(params), region_(std::move(region)), ring_(region_->memory(), params.u32TsPacketSize),
-      writer_(ring_, stream_start, params.bCbrEnable ? params.u32CbrBitrate : 0)
+    : params_(params), start_(start_of_streams()), region_(std::move(region)),
+      ring_(region_->memory(), params.u32TsPacketSize),
+      writer_(ring_, start_, params.bCbrEnable ? params.u32CbrBitrate : 0)
 {
     streams_.reserve(2); // so that to attach a source cannot fail half-way
     writer_.pictures().pid = params.u16Pid3;
@@ -91,7 +110,7 @@ uint32_t Multiplexer::attach(const ZU_TSMUX_MediaSourceParams_t& params, uint64_
     uint32_t result = ZU_INVALID_ARGUMENT;
     if (closed_)
         return result;
-    if (running_ || writer_.now() != stream_start) {
+    if (running_ || writer_.now() != start_) {
         HOST_LOGE("Sources are attached before the multiplexer is started, since its tables never change.");
         return ZU_FAILURE;
     }

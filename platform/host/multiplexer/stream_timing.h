@@ -24,9 +24,10 @@ constexpr uint64_t picture_lead(bool constant_rate)
     return constant_rate ? constant_rate_lead : variable_rate_lead;
 }
 
-constexpr int64_t first_pts(bool constant_rate)
+/** Of a stream whose first time reference is `start`. */
+constexpr int64_t first_pts(uint64_t start, bool constant_rate)
 {
-    return static_cast<int64_t>((stream_start + picture_window + picture_lead(constant_rate)) / 300);
+    return static_cast<int64_t>((start + picture_window + picture_lead(constant_rate)) / 300);
 }
 
 } // namespace zu3host
