@@ -3,10 +3,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 
-#include "exit_code.h"
-#include "messages.h"
 #include "sink_thread.h"
 
 namespace client {
@@ -17,7 +14,6 @@ constexpr std::chrono::milliseconds moment(5);
 
 /** What a disk may be behind: seconds of the highest rates. */
 constexpr uint64_t most_on_its_way = 8 << 20;
-}
 
 } // namespace
 

@@ -1,11 +1,14 @@
 #include "output_lock.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/file.h>
 
 #include "exit_code.h"
 #include "messages.h"
+#include "status_file.h"
 
 namespace client {
 namespace {
@@ -18,11 +21,25 @@ struct flock whole_file(short type)
     return lock;
 }
 
-/** Of the process that has this record lock; 0 if it cannot be seen from here. */
+/** The recorder that a status file's writer belongs to; any other process itself. */
+pid_t recorder_of(pid_t process)
+{
+    std::ifstream status(format_text("/proc/%d/status", static_cast<int>(process)));
+    bool writer = false;
+    for (std::string line; std::getline(status, line);) {
+        writer = writer || line == std::string("Name:\t") + status_writer_name;
+        if (writer && line.starts_with("PPid:\t"))
+            return static_cast<pid_t>(std::atoi(line.c_str() + 6));
+    }
+    return process;
+}
+
+/** The process that has this record lock; 0 if it cannot be seen from here. */
 pid_t holder(int fd)
 {
     struct flock lock = whole_file(F_WRLCK);
-    return fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
+    const bool held = fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return held ? recorder_of(lock.l_pid) : 0;
 }
 
 } // namespace

@@ -72,7 +72,7 @@ void StatusFile::start_process()
 
 void StatusFile::run(int socket, const std::string& path)
 {
-    prctl(PR_SET_NAME, "status writer");
+    prctl(PR_SET_NAME, status_writer_name);
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);

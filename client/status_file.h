@@ -8,6 +8,9 @@
 
 namespace client {
 
+/** The name of the process that writes a status file. */
+inline constexpr const char* status_writer_name = "status writer";
+
 /**
  * A file that always holds the latest of some texts whole, as a line. A process of its own writes it: the disk that
  * it lies on may stand still, and then the kernel lets go neither of a thread that writes nor of its process. A text

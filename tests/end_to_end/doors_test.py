@@ -96,7 +96,7 @@ class Names(ShortEndToEndTest):
                          f"sink_properties=device.description='\"{self.EVIL}\"'")
         test_card, evil_display = {"ZU3_DISPLAY": "testcard"}, {"DISPLAY": self.EVIL}
         cases = [(0, ["devices"], evil_display), (1, ["doctor"], evil_display), (2, ["record", self.EVIL], {}),
-                 (1, ["pcm", "-o", f"{self.EVIL}/a.wav"], {}), (1, ["shot", "-o", "a.png"], evil_display),
+                 (2, ["pcm", "-o", f"{self.EVIL}/a.wav"], {}), (1, ["shot", "-o", "a.png"], evil_display),
                  (1, ["record", "-v", "-o", "a.ts", "--display", self.EVIL], {}),
                  (1, ["stream", "-o", "a.h264", "--watermark", self.EVIL], test_card),
                  (0, ["record", "-v", "-t", "0.2", "-o", f"{self.EVIL}.ts"], test_card)]
