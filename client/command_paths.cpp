@@ -40,7 +40,7 @@ Paths paths_of(const PcmOptions& options)
     return {{"--output", options.output, true}};
 }
 
-[[noreturn]] void refuse(const NamedPath& path, const std::string& reason)
+[[noreturn]] void refuse_path(const NamedPath& path, const std::string& reason)
 {
     throw CLI::ValidationError(path.option, "'" + path.path + "' " + reason);
 }
@@ -48,10 +48,10 @@ Paths paths_of(const PcmOptions& options)
 void check_name(const NamedPath& path)
 {
     if (path.path.starts_with('='))
-        refuse(path, "begins with '=', which does not stand between a short option and its value: '-o " +
+        refuse_path(path, "begins with '=', which does not stand between a short option and its value: '-o " +
                          path.path.substr(1) + "'; a file of that name is './" + path.path + "'");
     if (path.path.starts_with('-') && path.path != "-")
-        refuse(path, "looks like an option; a file of that name is './" + path.path + "'");
+        refuse_path(path, "looks like an option; a file of that name is './" + path.path + "'");
 }
 
 bool is_same_file(const std::string& one, const std::string& other)
@@ -71,7 +71,7 @@ bool is_same_file(const std::string& one, const std::string& other)
 void check_pair(const NamedPath& one, const NamedPath& other)
 {
     if ((one.written || other.written) && is_same_file(one.path, other.path))
-        refuse(other, "is the same file as " + std::string(one.option) + " '" + one.path +
+        refuse_path(other, "is the same file as " + std::string(one.option) + " '" + one.path +
                           "'; give one of them another name");
 }
 
@@ -84,7 +84,7 @@ void check_against_standard_descriptors(const NamedPath& path)
         return;
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fstat(fd, &open) == 0 && common::is_one_file(named, open))
-            refuse(path, std::string("is the file that ") + names[fd] +
+            refuse_path(path, std::string("is the file that ") + names[fd] +
                              " is redirected to; give one of them another name");
 }
 
@@ -105,7 +105,7 @@ template <typename Options> void check_output(const char* command, const Options
 {
     const std::string problem = wrong_format(command, options.output, fps);
     if (!problem.empty())
-        refuse({"--output", options.output, true}, problem);
+        refuse_path({"--output", options.output, true}, problem);
     check(paths_of(options));
 }
 

@@ -16,19 +16,19 @@ using common::Objection;
 using common::TrustedPath;
 
 /** Of what cannot become an output. */
-[[noreturn]] void refuse(const std::string& path, const std::string& reason)
+[[noreturn]] void refuse_output(const std::string& path, const std::string& reason)
 {
     throw Failure("cannot write to " + path + ": " + reason, ExitCode::usage);
 }
 
 [[noreturn]] void refuse_existing(const std::string& path)
 {
-    refuse(path, "it exists already; -y overwrites it");
+    refuse_output(path, "it exists already; -y overwrites it");
 }
 
 [[noreturn]] void refuse_replaced(const std::string& path)
 {
-    refuse(path, "another process is replacing it");
+    refuse_output(path, "another process is replacing it");
 }
 
 /** Of one that was fine at first. */
@@ -46,27 +46,27 @@ std::string folder_of(const std::string& path)
 void check_folder(const std::string& path, const TrustedPath& place)
 {
     if (place.error() == ENOENT)
-        refuse(path, "there is no folder " + folder_of(path));
+        refuse_output(path, "there is no folder " + folder_of(path));
     if (place.error() != 0)
-        refuse(path, error_text(place.error()));
+        refuse_output(path, error_text(place.error()));
 }
 
 void check_existing(const std::string& path, const TrustedPath& place, const struct stat& found,
                     bool overwrite)
 {
     if (S_ISLNK(found.st_mode))
-        refuse(path, "it is a symbolic link, which somebody may have planted; remove it or name its target");
+        refuse_output(path, "it is a symbolic link, which somebody may have planted; remove it or name its target");
     const Objection objection = common::objection_to_write(found);
     if (objection == Objection::folder)
-        refuse(path, "it is a folder");
+        refuse_output(path, "it is a folder");
     if (objection == Objection::special)
-        refuse(path, "it is no ordinary file");
+        refuse_output(path, "it is no ordinary file");
     if (objection == Objection::foreign && !place.in_proc()) // those are open already
-        refuse(path, "it belongs to another user, who may read what is written; give it another name");
+        refuse_output(path, "it belongs to another user, who may read what is written; give it another name");
     if (S_ISREG(found.st_mode) && !overwrite)
         refuse_existing(path);
     if (faccessat(place.folder(), place.name().c_str(), W_OK, AT_EACCESS) != 0)
-        refuse(path, error_text(errno));
+        refuse_output(path, error_text(errno));
 }
 
 /** Locks the ordinary file that is there, if one is that we may read. */
@@ -88,9 +88,9 @@ struct stat examine(const std::string& path, const TrustedPath& place, bool over
         return found;
     }
     if (errno != ENOENT)
-        refuse(path, error_text(errno));
+        refuse_output(path, error_text(errno));
     if (faccessat(place.folder(), ".", W_OK | X_OK, AT_EACCESS) != 0)
-        refuse(path, "the folder " + folder_of(path) + " is not writable: " + error_text(errno));
+        refuse_output(path, "the folder " + folder_of(path) + " is not writable: " + error_text(errno));
     return {};
 }
 
@@ -102,7 +102,7 @@ void examine_whole_file(const std::string& path, const TrustedPath& place, bool 
     const bool is_link = fstatat(place.folder(), place.name().c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
                          S_ISLNK(named.st_mode);
     if (is_link || (kind != 0 && !S_ISREG(kind)))
-        refuse(path,
+        refuse_output(path,
                "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
 }
 
@@ -141,7 +141,7 @@ bool is_standard_output(const std::string& path)
 void check_output_path(const std::string& path, bool overwrite)
 {
     if (path.empty())
-        refuse("''", "a file needs a name");
+        refuse_output("''", "a file needs a name");
     const TrustedPath place(path);
     if (S_ISREG(examine(path, place, overwrite).st_mode))
         lock_existing(path, place);
@@ -163,7 +163,7 @@ OutputFile::OutputFile(std::string path, bool overwrite, StopSignals& signals)
         open_existing(overwrite, signals);
     struct stat opened = {};
     if (!fd_ || fstat(fd_.get(), &opened) != 0)
-        refuse(path_, error_text(errno));
+        refuse_output(path_, error_text(errno));
     kind_ = opened.st_mode;
     if (!fresh) // it may have come after the check
         check_existing(path_, place_, opened, overwrite);
@@ -172,7 +172,7 @@ OutputFile::OutputFile(std::string path, bool overwrite, StopSignals& signals)
     if (!has_its_name())
         refuse_replaced(path_);
     if (!fresh && regular() && ftruncate(fd_.get(), 0) != 0)
-        refuse(path_, error_text(errno));
+        refuse_output(path_, error_text(errno));
     created_ = fresh;
 }
 
@@ -242,7 +242,7 @@ void WholeFile::begin()
         format_text(".screenrecord-%d-%016llx.part", getpid(), static_cast<unsigned long long>(number));
     fd_ = place_->create_beside(name, O_WRONLY);
     if (!fd_)
-        refuse(path_, error_text(errno));
+        refuse_output(path_, error_text(errno));
     beside_ = name;
     lock_output(fd_.get(), path_);
 }

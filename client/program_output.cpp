@@ -7,10 +7,20 @@
 #include "messages.h"
 
 namespace client {
+namespace {
+
+/** Kept until the process ends, since its thread may be held for as long. */
+zu3host::LineWriter& lines_of(int fd)
+{
+    static auto& lines = *new zu3host::LineWriter(fd);
+    return lines;
+}
+
+} // namespace
 
 ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
     : signals_(signals), fd_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))),
-      lines_(*new zu3host::LineWriter(fd_))
+      lines_(lines_of(fd_))
 {
     // The library prints a notice when its buffer is full; where nobody reads standard error any more, the
     // exit would wait for ever to print it.

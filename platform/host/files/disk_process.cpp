@@ -47,7 +47,10 @@ public:
     }
 
 private:
-    static bool has_ended(pid_t process) { return waitpid(process, nullptr, WNOHANG | __WCLONE) != 0; }
+    static bool has_ended(pid_t process)
+    {
+        return waitpid(process, nullptr, WNOHANG | static_cast<int>(__WCLONE)) != 0;
+    }
 
     std::mutex mutex_;
     std::array<pid_t, 64> processes_{};
