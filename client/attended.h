@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -28,7 +29,8 @@ public:
 private:
     struct Shared {
         UniqueFd event;
-        std::exception_ptr thrown; /**< written before the event */
+        std::exception_ptr thrown;
+        std::atomic<bool> through{false}; /**< set behind `thrown`, ahead of the event */
     };
     std::shared_ptr<Shared> shared_;
 };

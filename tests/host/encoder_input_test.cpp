@@ -95,7 +95,7 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
         testing::internal::CaptureStderr();
         EXPECT_EQ(encoder.take(buffer), ZU_INVALID_ARGUMENT);
         // Nothing at all follows a failed query, which is no mistake to be told of; others are told of once.
-        EXPECT_EQ(testing::internal::GetCapturedStderr() == "", &change - spoil != 1) << &change - spoil;
+        EXPECT_EQ(captured_log() == "", &change - spoil != 1) << &change - spoil;
         EXPECT_EQ(counters().pictures_refused, ++refused) << &change - spoil;
     }
     EXPECT_EQ(encoder.take(lent), ZU_OK);

@@ -56,7 +56,7 @@ TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
         ASSERT_EQ(encoder.feed(number, number == 61), ZU_OK);
         ASSERT_TRUE(encoder.receiver.wait_for_frames(number));
     }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(captured_log(), "");
     std::vector<size_t> keys;
     for (size_t index = 0; index < encoder.receiver.frames.size(); ++index)
         if (encoder.receiver.frames[index].key)

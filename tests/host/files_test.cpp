@@ -141,7 +141,7 @@ TEST_F(Files, KeepWholeItemsWhenTheDiskIsFull)
     EXPECT_EQ(fs::file_size(path("full")), 2000u);
     EXPECT_LT(ZU_FS_Fwrite(items.data(), 1000, 1, file), 0);
     limit_files(RLIM_INFINITY);
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = zu3host::captured_log();
     EXPECT_EQ(fs::file_size(path("full")), 2000u);
     EXPECT_NE(log.find(path("full") + "\": File too large"), std::string::npos) << log;
     EXPECT_EQ(log.find("File too large"), log.rfind("File too large")) << "said twice";
@@ -181,7 +181,7 @@ TEST_F(Files, AreRefusedWithAReason)
     for (const auto& each : cases) {
         testing::internal::CaptureStderr();
         EXPECT_EQ(ZU_FS_Fopen(each.name.c_str(), each.mode), 0u) << each.name;
-        EXPECT_NE(testing::internal::GetCapturedStderr().find(each.reason), std::string::npos) << each.name;
+        EXPECT_NE(zu3host::captured_log().find(each.reason), std::string::npos) << each.name;
     }
     EXPECT_FALSE(fs::exists(path("x")));
 }
@@ -269,7 +269,7 @@ TEST_F(Files, OfPicturesGoOnBehindAFullDiskWhereDecodingCanStart)
     limit_files(kept + 30000);
     EXPECT_LT(write(before, before + 188 * 400), 0);
     limit_files(RLIM_INFINITY);
-    testing::internal::GetCapturedStderr();
+    zu3host::captured_log();
     EXPECT_EQ(fs::file_size(path("stream")), kept);
     EXPECT_EQ(write(before + 188 * 400, key), 1);
     EXPECT_EQ(fs::file_size(path("stream")), kept) << "no picture that lacks others";

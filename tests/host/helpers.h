@@ -1,8 +1,11 @@
 #pragma once
 
+#include "log/host_log.h"
 #include "memory/device_memory.h"
 
 #include <chrono>
+#include <gtest/gtest.h>
+#include <string>
 #include <thread>
 
 namespace zu3host {
@@ -19,6 +22,13 @@ template <typename Condition> bool wait_until(Condition condition)
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+/** What was logged since testing::internal::CaptureStderr(). A thread writes the log, late on a busy machine. */
+inline std::string captured_log()
+{
+    flush_log(10s);
+    return testing::internal::GetCapturedStderr();
 }
 
 /** Device memory that a test owns. */

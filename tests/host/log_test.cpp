@@ -1,4 +1,5 @@
 #include "common/file_descriptor.h"
+#include "helpers.h"
 #include "log/log_filter.h"
 
 #include <android/log.h>
@@ -59,7 +60,7 @@ TEST(Log, PrintsLogcatsBriefFormat)
     const std::string expected = "E/screenrecord" + process + "[f][7]text\nD/loud    " + process +
                                  "two\nD/loud    " + process + "lines\nE/loud    " + process +
                                  "\\x1b[2J\\x0d is \\xc2\\x9b\nE/loud    " + process + "\033[35m1\033[m\n";
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+    EXPECT_EQ(captured_log(), expected);
 }
 
 // Catches a line that is written in pieces, which those of other threads would get into, and one that

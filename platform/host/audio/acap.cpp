@@ -58,7 +58,7 @@ HOST_EXPORT u32 ZU_ACAP_Open(const ZU_ACAP_OpenParams_t* pstParams, u32* pu32Han
     if (!pstParams || !pu32Handle)
         return ZU_INVALID_ARGUMENT;
     return at_border(__func__, [=] {
-        *pu32Handle = devices().add(std::make_shared<AudioDevice>());
+        zu3host::store_output(pu32Handle, devices().add(std::make_shared<AudioDevice>()));
         return u32{ZU_OK};
     });
 }

@@ -30,7 +30,7 @@ HOST_EXPORT u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handl
     if (!pstParams || !pu32Handle || pstParams->u8CapturePath != 0)
         return ZU_INVALID_ARGUMENT;
     return at_border(__func__, [=] {
-        *pu32Handle = devices().add(std::make_shared<CaptureDevice>());
+        zu3host::store_output(pu32Handle, devices().add(std::make_shared<CaptureDevice>()));
         return u32{ZU_OK};
     });
 }

@@ -4,6 +4,7 @@
 #include "log/host_log.h"
 #include "zu3/types.h"
 
+#include <atomic>
 #include <exception>
 #include <new>
 #include <utility>
@@ -15,6 +16,15 @@
 #define HOST_EXPORT __attribute__((visibility("default")))
 
 namespace zu3host {
+
+/**
+ * Writes an output argument in one piece: a caller may lend a field that its callbacks look at meanwhile, on
+ * other threads and before the call returns.
+ */
+template <typename T> void store_output(T* output, T value)
+{
+    std::atomic_ref(*output).store(value);
+}
 
 /** What `call` answers, or `failure` when it throws; `report` is told why. The one place that catches. */
 template <typename Result, typename Call, typename Report>

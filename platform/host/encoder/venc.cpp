@@ -58,7 +58,7 @@ HOST_EXPORT u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* pstParams, u32* pu32Han
         auto encoder = Encoder::open(*pstParams);
         if (!encoder)
             return ZU_FAILURE;
-        *pu32Handle = encoders().add(std::move(encoder));
+        zu3host::store_output(pu32Handle, encoders().add(std::move(encoder)));
         return ZU_OK;
     });
 }

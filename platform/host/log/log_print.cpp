@@ -1,6 +1,7 @@
 #include "common/border.h"
 #include "common/line_writer.h"
 #include "common/printable.h"
+#include "log/host_log.h"
 #include "log/log_filter.h"
 #include "zu3_host/log_listener.h"
 
@@ -73,7 +74,7 @@ zu3host::LineWriter& standard_error()
 {
     alignas(zu3host::LineWriter) static std::byte memory[sizeof(zu3host::LineWriter)];
     static zu3host::LineWriter& lines = []() -> zu3host::LineWriter& {
-        std::atexit([] { standard_error().flush(std::chrono::steady_clock::now() + patience_at_the_end); });
+        std::atexit([] { zu3host::flush_log(patience_at_the_end); });
         return *new (memory) zu3host::LineWriter(STDERR_FILENO);
     }();
     return lines;
@@ -88,6 +89,15 @@ std::string_view formatted(const char* buffer, size_t capacity, int result)
 }
 
 } // namespace
+
+namespace zu3host {
+
+void flush_log(std::chrono::milliseconds patience)
+{
+    standard_error().flush(std::chrono::steady_clock::now() + patience);
+}
+
+} // namespace zu3host
 
 HOST_EXPORT void zu3_host_listen_to_log(zu3_host_log_listener_t listener)
 {

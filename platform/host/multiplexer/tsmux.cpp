@@ -63,7 +63,7 @@ HOST_EXPORT u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32H
         auto multiplexer = Multiplexer::open(*pstParams);
         if (!multiplexer)
             return ZU_FAILURE;
-        *pu32Handle = multiplexers().add(std::move(multiplexer));
+        zu3host::store_output(pu32Handle, multiplexers().add(std::move(multiplexer)));
         return ZU_OK;
     });
 }
@@ -118,7 +118,11 @@ HOST_EXPORT u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSo
     if (!pstParams || !pu64MuxSrcId)
         return ZU_INVALID_ARGUMENT;
     return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) {
-        return multiplexer.attach(*pstParams, *pu64MuxSrcId);
+        u64 id = 0;
+        const u32 result = multiplexer.attach(*pstParams, id);
+        if (result == ZU_OK)
+            zu3host::store_output(pu64MuxSrcId, id);
+        return result;
     });
 }
 

@@ -37,7 +37,7 @@ HOST_EXPORT u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32Mut
     if (!pstAttr || !ps32MutexId)
         return ZU_INVALID_ARGUMENT;
     return at_border(__func__, [=] {
-        *ps32MutexId = static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>()));
+        zu3host::store_output(ps32MutexId, static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>())));
         return u32{ZU_OK};
     });
 }

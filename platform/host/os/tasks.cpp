@@ -35,12 +35,12 @@ u32 create_task(const ZU_OS_TaskAttr_t& attributes, s32& task_id)
     const auto task = std::make_shared<Task>(attributes.pName, attributes.pfnEntry, attributes.pArg);
     const u32 id = tasks().add(task);
     // Written before the thread exists, since the task may read it.
-    task_id = static_cast<s32>(id);
+    zu3host::store_output(&task_id, static_cast<s32>(id));
     const int error = task->start(attributes.u32StackSize);
     if (error == 0)
         return ZU_OK;
     tasks().remove(id);
-    task_id = -1;
+    zu3host::store_output(&task_id, s32{-1});
     HOST_LOGE("No thread for task \"%s\": %s.", task->name(), strerror(error));
     return ZU_FAILURE;
 }
