@@ -42,16 +42,16 @@ u8 NextIndex(u8 u8Index)
     return static_cast<u8>((u8Index + 1) % RING_SIZE);
 }
 
-void LogDrop(SCREENRECORD_Caller_s stCaller, u64 u64Pts, u32 u32DataSize, u8 u8FrameType)
+void LogDrop(u64 u64Pts, u32 u32DataSize, u8 u8FrameType)
 {
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "drop u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
-              static_cast<long long>(u64Pts), static_cast<int>(u32DataSize), u8FrameType);
+    SR_HELPER_LOGD("drop u64Pts: %lld, u32DataSize: %d, u8FrameType: %d", static_cast<long long>(u64Pts),
+                   static_cast<int>(u32DataSize), u8FrameType);
 }
 
 /** Drops a buffered frame, the oldest in a ring whose indices are in step. */
-void DropBuffered(CapEnc_EsFrame& stFrame, SCREENRECORD_Caller_s stCaller)
+void DropBuffered(CapEnc_EsFrame& stFrame)
 {
-    LogDrop(stCaller, stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
+    LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
     stFrame.bFilled = 0;
     _u8EsReadIdx = NextIndex(_u8EsReadIdx);
 }
@@ -62,35 +62,36 @@ void DropBuffered(CapEnc_EsFrame& stFrame, SCREENRECORD_Caller_s stCaller)
  */
 void _dropToNextKeyFrame_lock()
 {
+    const LogAs as(__func__);
     _bWaitKeyFrame = 1;
     while (_astEsFrameRing[_u8EsReadIdx].bFilled != 0) {
         if (_astEsFrameRing[_u8EsReadIdx].u8FrameType == E_ZU_VENC_FRAME_TYPE_KEY) {
             _bWaitKeyFrame = _bTailLost;
             return;
         }
-        DropBuffered(_astEsFrameRing[_u8EsReadIdx], SR_HERE);
+        DropBuffered(_astEsFrameRing[_u8EsReadIdx]);
     }
 }
 
 /** The capture time of the picture that a frame was made from; a key frame names none, so it takes the last
  * one's. */
-u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCaller)
+u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY && stFrame.u32InBufIndex < CAPENC_INPUT_COUNT)
         return _au64InputPts[stFrame.u32InBufIndex];
     const u64 u64LastPts = _u64LastPts;
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "pts from %lld to last %lld",
-              static_cast<long long>(stFrame.u64Pts), static_cast<long long>(u64LastPts));
+    SR_HELPER_LOGD("pts from %lld to last %lld", static_cast<long long>(stFrame.u64Pts),
+                   static_cast<long long>(u64LastPts));
     return u64LastPts;
 }
 
 /** Notes the first valid time. False for a frame that comes before it without one. */
-bool NoteFirstPts(SCREENRECORD_TaskCtrl_s* pstVenc, u64 u64Pts, SCREENRECORD_Caller_s stCaller)
+bool NoteFirstPts(SCREENRECORD_TaskCtrl_s* pstVenc, u64 u64Pts)
 {
     if (pstVenc->bFirstPtsSet != 0)
         return true;
     if (u64Pts == SCREENRECORD_NO_PTS) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Invalid pts fstpts=%d,pts=%lld\n", 0, -1ll);
+        SR_HELPER_LOGE("Invalid pts fstpts=%d,pts=%lld\n", 0, -1ll);
         return false;
     }
     pstVenc->u64FirstPts = u64Pts;
@@ -98,48 +99,46 @@ bool NoteFirstPts(SCREENRECORD_TaskCtrl_s* pstVenc, u64 u64Pts, SCREENRECORD_Cal
     return true;
 }
 
-bool RingIsAllocated(SCREENRECORD_Caller_s stCaller)
+bool RingIsAllocated()
 {
     if (_astEsFrameRing[_u8EsWriteIdx].pu8Data != nullptr)
         return true;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Invalid frame data pointer!\n");
+    SR_HELPER_LOGE("Invalid frame data pointer!\n");
     return false;
 }
 
 /** Makes room in a full ring, at the price of everything before its next key frame. */
-void MakeRoom(SCREENRECORD_Caller_s stCaller)
+void MakeRoom()
 {
     CapEnc_EsFrame& stNext = _astEsFrameRing[_u8EsWriteIdx];
     if (stNext.bFilled == 0)
         return;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller,
-              "write index overlap read index, will try to drop to next I frames");
-    DropBuffered(stNext, stCaller);
+    SR_HELPER_LOGE("write index overlap read index, will try to drop to next I frames");
+    DropBuffered(stNext);
     _dropToNextKeyFrame_lock();
 }
 
 /** Whether a frame fits the rules: after a loss, nothing but a key frame goes on. */
-bool PassesKeyFrameWait(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCaller)
+bool PassesKeyFrameWait(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (_bWaitKeyFrame != 1)
         return true;
     if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY) {
-        LogDrop(stCaller, stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
+        LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         return false;
     }
     _bWaitKeyFrame = 0;
     _bTailLost = false;
-    SR_LOG_AS(
-        ANDROID_LOG_DEBUG, stCaller, "found first I frame u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
-        static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32DataSize), stFrame.u8FrameType);
+    SR_HELPER_LOGD("found first I frame u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
+                   static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32DataSize),
+                   stFrame.u8FrameType);
     return true;
 }
 
-void Store(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCaller)
+void Store(const ZU_VENC_FrameInfo_t& stFrame)
 {
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
-              static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32DataSize),
-              stFrame.u8FrameType);
+    SR_HELPER_LOGD("u64Pts: %lld, u32DataSize: %d, u8FrameType: %d", static_cast<long long>(stFrame.u64Pts),
+                   static_cast<int>(stFrame.u32DataSize), stFrame.u8FrameType);
     CapEnc_EsFrame& stEntry = _astEsFrameRing[_u8EsWriteIdx];
     memcpy(stEntry.pu8Data, stFrame.pu8Data, stFrame.u32DataSize);
     stEntry.u32DataSize = stFrame.u32DataSize;
@@ -150,19 +149,19 @@ void Store(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCaller)
 }
 
 /** Takes a stamped frame into the ring, or drops it by one of the ring's rules. */
-void TakeIntoRing(const ZU_VENC_FrameInfo_t& stFrame, SCREENRECORD_Caller_s stCaller)
+void TakeIntoRing(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u32DataSize > CAPENC_MAX_FRAME_SIZE) {
         // What follows it cannot be decoded without it, so the stream resumes at a key frame as after any
         // loss.
-        LogDrop(stCaller, stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
+        LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         _bWaitKeyFrame = 1;
         _bTailLost = true;
         return;
     }
-    MakeRoom(stCaller);
-    if (PassesKeyFrameWait(stFrame, stCaller))
-        Store(stFrame, stCaller);
+    MakeRoom();
+    if (PassesKeyFrameWait(stFrame))
+        Store(stFrame);
 }
 
 /** Hands out the head of the ring, which is consumed in either case. */
@@ -223,27 +222,28 @@ void _SCREENRECORD_FreeRing()
 
 u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void*)
 {
+    const LogAs as(__func__);
     if (pstFrame == nullptr)
         return ZU_INVALID_ARGUMENT;
     const CallbackStay stay(E_SCREENRECORD_MODULE_VENC, static_cast<u32>(s32Handle));
     u32 u32SlotId = 0;
     if (_SCREENRECORD_Handle2SlotId(stay, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
-    if (!RingIsAllocated(SR_HERE))
+    if (!RingIsAllocated())
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
     const MiddlewareLock lock(pstVenc->s32MutexId);
     if (!lock.MayProceed())
         return ZU_FAILURE;
     const std::lock_guard<std::mutex> ringLock(_ringMutex);
-    if (!RingIsAllocated(SR_HERE)) // a close that did not wait any longer for this callback
+    if (!RingIsAllocated()) // a close that did not wait any longer for this callback
         return ZU_FAILURE;
 
-    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc, SR_HERE))
+    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc))
         return *answer;
-    pstFrame->u64Pts = CaptureTimeOf(*pstFrame, SR_HERE);
-    if (NoteFirstPts(pstVenc, pstFrame->u64Pts, SR_HERE))
-        TakeIntoRing(*pstFrame, SR_HERE);
+    pstFrame->u64Pts = CaptureTimeOf(*pstFrame);
+    if (NoteFirstPts(pstVenc, pstFrame->u64Pts))
+        TakeIntoRing(*pstFrame);
     return ZU_OK;
 }
 

@@ -34,14 +34,13 @@ void PointEncoderAt(u8* pu8Picture, ZU_VENC_InputBuffer_t& stInput)
  * Copies the picture into a buffer that the encoder lends: as much as the buffer takes, and no more than the
  * capture wrote (`u32PictureSize`).
  */
-void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VENC_InputBuffer_t& stInput,
-                   SCREENRECORD_Caller_s stCaller)
+void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VENC_InputBuffer_t& stInput)
 {
     stInput.bEntireInject = 0;
     const bool bLent = ZU_VENC_QueryBuffer(u32Venc, &stInput) == ZU_OK;
     if (!bLent || stInput.pu8Data == nullptr || stInput.u32DataSize == 0) {
         ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "venc query buffer is null\n");
+        SR_HELPER_LOGD("venc query buffer is null\n");
     }
     // A failed query has lent nothing, whatever it left in the record.
     // An encoder that lends the captured picture itself has it already.
@@ -65,17 +64,16 @@ void StampPicture(SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, ZU_VENC_InputBuf
 }
 
 /** Whether the picture comes before the start time or during a pause. */
-bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, SCREENRECORD_Caller_s stCaller)
+bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts)
 {
     const s64 s64StartTimeUs = pstVenc->u64StartTimeUs;
     if (s64Pts < s64StartTimeUs) {
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Drop capture frame, pts(%lld) < startTimeUs(%lld)\n",
-                  static_cast<long long>(s64Pts), static_cast<long long>(s64StartTimeUs));
+        SR_HELPER_LOGD("Drop capture frame, pts(%lld) < startTimeUs(%lld)\n", static_cast<long long>(s64Pts),
+                       static_cast<long long>(s64StartTimeUs));
         return true;
     }
     if (_bPaused == 1) {
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Drop capture frame, pts(%lld), cause by pausing\n",
-                  static_cast<long long>(s64Pts));
+        SR_HELPER_LOGD("Drop capture frame, pts(%lld), cause by pausing\n", static_cast<long long>(s64Pts));
         return true;
     }
     return false;
@@ -85,6 +83,7 @@ bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, SCREENRECORD_
 
 u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, void* pUserData)
 {
+    const LogAs as(__func__);
     const CallbackStay stay(E_SCREENRECORD_MODULE_VCAP, static_cast<u32>(s32Handle));
     if (!stay.Found()) {
         SR_LOGD("Drop capture frame, its capture is closed\n");
@@ -102,7 +101,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
                  static_cast<unsigned long long>(pstFrame->phyCAddr), pstFrame->u32BufIndex,
                  _stInjectBufFd.s32Fd.Get(), static_cast<unsigned long long>(_stInjectBufFd.u64PhyAddr));
     const s64 s64Pts = systemTime(SYSTEM_TIME_MONOTONIC) / 1000;
-    if (IsDropped(pstVenc, s64Pts, SR_HERE)) {
+    if (IsDropped(pstVenc, s64Pts)) {
         ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex);
         return 1;
     }
@@ -120,8 +119,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
         PointEncoderAt(pu8Picture, stInput);
         _SCREENRECORD_RenderWatermark(*pstFrame);
     } else {
-        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[stay.SlotId()].stSrcInfo.u32FrameSize, stInput,
-                      SR_HERE);
+        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[stay.SlotId()].stSrcInfo.u32FrameSize, stInput);
     }
     if (ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex) != ZU_OK) {
         SR_LOGE_LINE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n",

@@ -38,7 +38,7 @@ CrossThread<SrGlWorker*> _pPublishedWorker;
 #define WATERMARK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, SR_TAG, __VA_ARGS__)
 
 /** Finds the inject buffer's block and gets a descriptor of it. */
-bool DescribeInjectBuffer(SCREENRECORD_Caller_s stCaller)
+bool DescribeInjectBuffer()
 {
     _stInjectBufInfo.u64PhyAddr = 0;
     _stInjectBufInfo.u64StartPhyAddr = 0;
@@ -47,29 +47,28 @@ bool DescribeInjectBuffer(SCREENRECORD_Caller_s stCaller)
 
     ZU_OS_IommuBufInfo_t stInfo = {};
     if (ZU_OS_Va2Pa(_stEntireInjectBuf.u32VirtAddr, &stInfo.u64PhyAddr) != ZU_OK) {
-        WATERMARK_LOGE("%s ZU_OS_Va2Pa failed with external memory", stCaller.pName);
+        WATERMARK_LOGE("%s ZU_OS_Va2Pa failed with external memory", LogAs::Name());
         return false;
     }
     _stInjectBufInfo.u64PhyAddr = stInfo.u64PhyAddr;
     if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO, &stInfo) != ZU_OK) {
-        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed", stCaller.pName);
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed", LogAs::Name());
         return false;
     }
     const unsigned long long ullPhyAddr = _stInjectBufInfo.u64PhyAddr;
     _stInjectBufInfo.u64StartPhyAddr = stInfo.u64StartPhyAddr;
     _stInjectBufFd.u64PhyAddr = ullPhyAddr;
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx",
-              stCaller.pName, ullPhyAddr, static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
+    SR_HELPER_LOGD("%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx", LogAs::Name(), ullPhyAddr,
+                   static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
 
     ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
     const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
     _stInjectBufFd.s32Fd = stFd.s32Fd; // also of a call that failed: the encoder's close gives it back
     if (u32Result != ZU_OK) {
-        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", stCaller.pName);
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", LogAs::Name());
         return false;
     }
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s get buffer fd OK, fd:%d, physic: 0x%llx", stCaller.pName,
-              stFd.s32Fd, ullPhyAddr);
+    SR_HELPER_LOGD("%s get buffer fd OK, fd:%d, physic: 0x%llx", LogAs::Name(), stFd.s32Fd, ullPhyAddr);
     return true;
 }
 
@@ -103,6 +102,7 @@ qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd
 
 int video_capenc_setWatermark(const WatermarkParams& watermark)
 {
+    const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
     const sp<WatermarkParams> spCopy = new (std::nothrow) WatermarkParams(watermark);
     if (!spCopy) {
@@ -120,7 +120,7 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
             WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
             return -1;
         }
-        if (!DescribeInjectBuffer(SR_HERE))
+        if (!DescribeInjectBuffer())
             return -1;
         _spSrGlWorker = SrGlWorker::newWorker();
         if (!_spSrGlWorker) {
@@ -177,8 +177,7 @@ void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
         !IsInInjectBuffer(stFrame.phyCAddr))
         return;
     const qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
-    SR_LOG_AS(
-        ANDROID_LOG_DEBUG, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
+    SR_HELPER_LOGD(
         "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "
         "phys:0x%llx, fd[0]:%d, fd[1]:%d, offset[0]:0x%x, offset[1]:0x%x",
         stBuffer.version, stBuffer.flags, stBuffer.format, stBuffer.width, stBuffer.height, stBuffer.pitch,
@@ -186,9 +185,7 @@ void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
         stBuffer.offset[0], stBuffer.offset[1]);
     const sp<SrGlWorker::VideoBuffer> spBuffer = SrGlWorker::VideoBuffer::newBuffer(stBuffer);
     if (!spBuffer)
-        SR_LOG_AS(ANDROID_LOG_ERROR, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
-                  "VideoBuffer::newBuffer failed");
+        SR_HELPER_LOGE("VideoBuffer::newBuffer failed");
     else if (pWorker->render(spBuffer) != 0)
-        SR_LOG_AS(ANDROID_LOG_ERROR, (SCREENRECORD_Caller_s{"_SCREENRECORD_Callback", __LINE__}),
-                  "SrGlWorker::onRender failed");
+        SR_HELPER_LOGE("SrGlWorker::onRender failed");
 }

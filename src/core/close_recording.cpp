@@ -8,59 +8,57 @@
 
 namespace {
 
-void StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
+void StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask)
 {
     if (_SCREENRECORD_StopModule(pstTask) != ZU_OK)
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "SCREENRECORD_StopModule Failed!\n");
+        SR_HELPER_LOGE("SCREENRECORD_StopModule Failed!\n");
 }
 
-void LogIfFailed(u32 u32Result, SCREENRECORD_Caller_s stCaller, const char* pText)
+void LogIfFailed(u32 u32Result, const char* pText)
 {
     if (u32Result != ZU_OK)
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "%s\n", pText);
+        SR_HELPER_LOGE("%s\n", pText);
 }
 
-void CloseEncoderOf(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCaller)
+void CloseEncoderOf(SCREENRECORD_SlotCtrl_s& stSlot)
 {
     SCREENRECORD_TaskCtrl_s& stVenc = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VENC];
     const SCREENRECORD_TaskCtrl_s& stTsmux = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_TSMUX];
     if (stVenc.u32Handle != 0) {
         const ZU_TSMUX_AvInterleaving_t stOff = {};
         LogIfFailed(ZU_TSMUX_SetAttr(stTsmux.u32Handle, E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOff),
-                    stCaller, "Failed to ZU_TSMUX_SetAttr()");
-        LogIfFailed(_SCREENRECORD_CloseVenc(&stVenc), stCaller, "Failed to _SCREENRECORD_CloseVenc()");
+                    "Failed to ZU_TSMUX_SetAttr()");
+        LogIfFailed(_SCREENRECORD_CloseVenc(&stVenc), "Failed to _SCREENRECORD_CloseVenc()");
     }
     if (stVenc.u64MuxSrcId != 0 && stTsmux.u32Handle != 0)
-        LogIfFailed(ZU_TSMUX_DetachMediaSource(stTsmux.u32Handle, stVenc.u64MuxSrcId), stCaller,
+        LogIfFailed(ZU_TSMUX_DetachMediaSource(stTsmux.u32Handle, stVenc.u64MuxSrcId),
                     "Failed to DetachMediaSource() Video");
     stVenc.u64MuxSrcId = 0;
 }
 
-void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCaller)
+void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot)
 {
     SCREENRECORD_TaskCtrl_s* pastTask = stSlot.astTaskCtrl;
     if (pastTask[E_SCREENRECORD_MODULE_VIDEO_SRC_READER].u32SrcFile != 0)
-        LogIfFailed(_SCREENRECORD_CloseSrcReader(&pastTask[E_SCREENRECORD_MODULE_VIDEO_SRC_READER]), stCaller,
+        LogIfFailed(_SCREENRECORD_CloseSrcReader(&pastTask[E_SCREENRECORD_MODULE_VIDEO_SRC_READER]),
                     "Failed to VIDEO CloseSrcReader()");
     if (pastTask[E_SCREENRECORD_MODULE_AUDIO_SRC_READER].u32SrcFile != 0)
-        LogIfFailed(_SCREENRECORD_CloseSrcReader(&pastTask[E_SCREENRECORD_MODULE_AUDIO_SRC_READER]), stCaller,
+        LogIfFailed(_SCREENRECORD_CloseSrcReader(&pastTask[E_SCREENRECORD_MODULE_AUDIO_SRC_READER]),
                     "Failed to AUDIO CloseSrcReader()");
     if (pastTask[E_SCREENRECORD_MODULE_VCAP].u32Handle != 0)
-        LogIfFailed(_SCREENRECORD_CloseVcap(&pastTask[E_SCREENRECORD_MODULE_VCAP]), stCaller,
-                    "Failed to CloseVcap()");
+        LogIfFailed(_SCREENRECORD_CloseVcap(&pastTask[E_SCREENRECORD_MODULE_VCAP]), "Failed to CloseVcap()");
     if (pastTask[E_SCREENRECORD_MODULE_ACAP].u32Handle != 0)
-        LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]), stCaller,
-                    "Failed to CloseAcap()");
-    CloseEncoderOf(stSlot, stCaller);
+        LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]), "Failed to CloseAcap()");
+    CloseEncoderOf(stSlot);
     // The writer ends here, behind all that feeds the multiplexer, and writes what was left.
     if (pastTask[E_SCREENRECORD_MODULE_TSMUX].u32Handle != 0)
-        LogIfFailed(_SCREENRECORD_CloseTsmux(&pastTask[E_SCREENRECORD_MODULE_TSMUX]), stCaller,
+        LogIfFailed(_SCREENRECORD_CloseTsmux(&pastTask[E_SCREENRECORD_MODULE_TSMUX]),
                     "Failed to _SCREENRECORD_CloseTsmux()");
 }
 
 /** Gives back the inject buffer's descriptor, whichever slot's encoder is closed, once no picture is drawn by
  * it. */
-void PutInjectDescriptor(SCREENRECORD_Caller_s stCaller)
+void PutInjectDescriptor()
 {
     const s32 s32Fd = _stInjectBufFd.s32Fd.Exchange(SCREENRECORD_NO_ID);
     if (s32Fd < 0)
@@ -68,17 +66,18 @@ void PutInjectDescriptor(SCREENRECORD_Caller_s stCaller)
     _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC)->callbackGate.Drain();
     ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = _stInjectBufFd.u64PhyAddr, .s32Fd = s32Fd, .u32Reserved = 0};
     if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &stFd) != ZU_OK)
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s put buffer fd failed, fd:%d, physic: 0x%llx",
-                  stCaller.pName, s32Fd, static_cast<unsigned long long>(stFd.u64PhyAddr));
+        SR_HELPER_LOGD("%s put buffer fd failed, fd:%d, physic: 0x%llx", LogAs::Name(), s32Fd,
+                       static_cast<unsigned long long>(stFd.u64PhyAddr));
 }
 
 } // namespace
 
 u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    StopBeforeClose(pstTask, SR_HERE);
+    StopBeforeClose(pstTask);
     if (pstTask->u32SrcFile != 0 && ZU_FS_Fclose(pstTask->u32SrcFile) != ZU_OK)
         SR_LOGE("ZU_FS_Fclose Failed!\n");
     ZU_FS_Sync();
@@ -89,9 +88,10 @@ u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask)
 
 u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    StopBeforeClose(pstTask, SR_HERE);
+    StopBeforeClose(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
     if (u32Handle != 0 && ZU_CAP_Close(u32Handle) != ZU_OK)
         SR_LOGE("ZU_CAP_Close Failed\n");
@@ -100,9 +100,10 @@ u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask)
 
 u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    StopBeforeClose(pstTask, SR_HERE);
+    StopBeforeClose(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
     if (u32Handle == 0)
         return ZU_OK;
@@ -120,11 +121,12 @@ u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask)
 
 u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    StopBeforeClose(pstTask, SR_HERE);
+    StopBeforeClose(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
-    PutInjectDescriptor(SR_HERE);
+    PutInjectDescriptor();
     if (u32Handle != 0 && ZU_VENC_Close(u32Handle) != ZU_OK)
         SR_LOGE("ZU_VENC_Close Failed\n");
     return ZU_OK;
@@ -132,9 +134,10 @@ u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask)
 
 u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    StopBeforeClose(pstTask, SR_HERE);
+    StopBeforeClose(pstTask);
     const u32 u32Handle = pstTask->u32Handle.Exchange(0);
     // The callbacks that push into a multiplexer are its slot's encoder's.
     if (SCREENRECORD_SlotCtrl_s* pstSlot = _SCREENRECORD_SlotOf(pstTask))
@@ -153,8 +156,9 @@ u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask)
 
 u32 SCREENRECORD_Close(u32* pu32Handle)
 {
+    const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckSlot(pu32Handle, SR_HERE))
+    if (!_SCREENRECORD_CheckSlot(pu32Handle))
         return 0;
     u32 u32Success = 1;
     if (SCREENRECORD_Stop(pu32Handle) == 0) {
@@ -162,7 +166,7 @@ u32 SCREENRECORD_Close(u32* pu32Handle)
         u32Success = 0;
     }
     SCREENRECORD_SlotCtrl_s& stSlot = _astSlotCtrl[*pu32Handle];
-    CloseModules(stSlot, SR_HERE);
+    CloseModules(stSlot);
 
     const u32 u32File = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_TSMUX].u32OutFile.Exchange(0);
     if (u32File != 0 && ZU_FS_Fclose(u32File) != ZU_OK) {

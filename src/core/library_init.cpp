@@ -19,8 +19,7 @@ void InitSystemOnce()
         return;
     const u32 u32Result = ZU_SYS_Init(0);
     if (u32Result != ZU_OK)
-        SR_LOG_AS(ANDROID_LOG_ERROR, (SCREENRECORD_Caller_s{"_SCREENRECORD_InitModule", __LINE__}),
-                  "Error 0x%x: failed to ZU_SYS_Init()\n", u32Result);
+        SR_HELPER_LOGE("Error 0x%x: failed to ZU_SYS_Init()\n", u32Result);
     _bSysInited = 1;
 }
 
@@ -69,6 +68,7 @@ template <typename T> bool Query(u32 (*pfnGetCaps)(T*), T* pstCaps)
 
 u32 _SCREENRECORD_InitModule(SCREENRECORD_ZuModule_e eModule)
 {
+    const LogAs as(__func__);
     if (eModule < E_SCREENRECORD_MODULE_MAX && (_u32ModuleInitMask & BitOf(eModule)) != 0)
         return ZU_OK;
     InitSystemOnce();

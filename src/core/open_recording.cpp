@@ -9,8 +9,9 @@
 
 u32 SCREENRECORD_Open(u32* pu32Handle, u8* pu8DstName)
 {
+    const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle, SR_HERE))
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
         return 0;
     if (pu8DstName == nullptr) {
         SR_LOGE("Error: invalid destination file name\n");
@@ -24,7 +25,7 @@ u32 SCREENRECORD_Open(u32* pu32Handle, u8* pu8DstName)
                                 static_cast<SCREENRECORD_ZuModule_e>(u32Module));
     _SCREENRECORD_ClearSrcInfo(&stSlot.stSrcInfo);
 
-    stSlot.stSrcInfo.pu8DstName = _SCREENRECORD_CopyName(pu8DstName, SR_HERE);
+    stSlot.stSrcInfo.pu8DstName = _SCREENRECORD_CopyName(pu8DstName);
     if (stSlot.stSrcInfo.pu8DstName == nullptr)
         return 0;
     if (strcmp(stSlot.stSrcInfo.pu8DstName, "wifi") == 0) {

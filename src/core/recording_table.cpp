@@ -65,28 +65,27 @@ void _SCREENRECORD_ClearTable()
     }
 }
 
-bool _SCREENRECORD_CheckSlot(const u32* pu32Handle, SCREENRECORD_Caller_s stCaller)
+bool _SCREENRECORD_CheckSlot(const u32* pu32Handle)
 {
     if (pu32Handle == nullptr || *pu32Handle >= SCREENRECORD_SLOT_COUNT) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "INVALID Trancode Id!\n");
+        SR_HELPER_LOGE("INVALID Trancode Id!\n");
         return false;
     }
     if (_bModuleInited != 1) {
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "init module first!\n");
+        SR_HELPER_LOGD("init module first!\n");
         return false;
     }
     _SCREENRECORD_ReclaimRetiredWriter(*pu32Handle);
     return true;
 }
 
-bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle, SCREENRECORD_Caller_s stCaller)
+bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle)
 {
-    if (!_SCREENRECORD_CheckSlot(pu32Handle, stCaller))
+    if (!_SCREENRECORD_CheckSlot(pu32Handle))
         return false;
     for (const SCREENRECORD_TaskCtrl_s& stTask : _astSlotCtrl[*pu32Handle].astTaskCtrl) {
         if (stTask.bRunning == 1) {
-            SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller,
-                      "Some modules are Transcoding now, please stop transcoding first! \n");
+            SR_HELPER_LOGD("Some modules are Transcoding now, please stop transcoding first! \n");
             return false;
         }
     }

@@ -163,9 +163,9 @@ void _SCREENRECORD_ClearTable();
 u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /** Handle check, then initialisation gate; on true the slot's retired writer, if any, has been reclaimed. */
-bool _SCREENRECORD_CheckSlot(const u32* pu32Handle, SCREENRECORD_Caller_s stCaller);
+bool _SCREENRECORD_CheckSlot(const u32* pu32Handle);
 /** _SCREENRECORD_CheckSlot, and refuses a slot with a running module. */
-bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle, SCREENRECORD_Caller_s stCaller);
+bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle);
 
 /**
  * A callback's stay in the record that holds its handle: while it lives, closing that module waits. Empty

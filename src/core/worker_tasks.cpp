@@ -195,29 +195,29 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     m_pstTask->eTaskPhase.WakeWaiters();
 }
 
-void WorkerRun::End(SCREENRECORD_Caller_s stCaller)
+void WorkerRun::End()
 {
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "Exit %s() \n", stCaller.pName);
+    SR_HELPER_LOGD("Exit %s() \n", LogAs::Name());
     // A deleter that gave up waiting has removed the mutex and taken its id out of the record.
     if (m_bHoldsMutex && (m_bRetired || (!Outlived() && m_pstTask->s32MutexId == m_s32MutexId)))
         ZU_OS_ReleaseMutex(m_s32MutexId);
 }
 
-bool WorkerRun::TryCloseOwnSlot(SCREENRECORD_Caller_s stCaller)
+bool WorkerRun::TryCloseOwnSlot()
 {
     const std::unique_lock<std::recursive_mutex> lock(_controlMutex, std::try_to_lock);
     if (!lock.owns_lock())
         return false;
     if (Outlived())
         return true;
-    SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "%s() Out of limitsec stop record _u32RecordTime = %ld\n",
-              stCaller.pName, static_cast<long>(_u32RecordTime));
+    SR_HELPER_LOGD("%s() Out of limitsec stop record _u32RecordTime = %ld\n", LogAs::Name(),
+                   static_cast<long>(_u32RecordTime));
     u32 u32Handle = m_u32SlotId;
     _pstClosingWriter = m_pstTask;
     if (SCREENRECORD_Stop(&u32Handle) == 0)
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "SCREENRECORD_Stop Fail\n");
+        SR_HELPER_LOGE("SCREENRECORD_Stop Fail\n");
     if (SCREENRECORD_Close(&u32Handle) == 0)
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "SCREENRECORD_Close Fail\n");
+        SR_HELPER_LOGE("SCREENRECORD_Close Fail\n");
     _pstClosingWriter = nullptr;
     m_bRetired = true;
     return true;

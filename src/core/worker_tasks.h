@@ -42,7 +42,7 @@ public:
      */
     WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule);
     /** Ends the run, under the name of the task's function. */
-    void End(SCREENRECORD_Caller_s stCaller);
+    void End();
 
     bool May() const { return m_bMay; }
     bool ExitRequested() const { return m_pstTask->bTaskExit != 0 || Outlived(); }
@@ -57,7 +57,7 @@ public:
      * another's and the run only ends, as it does where the record was another's before. False, and nothing
      * done, while a client is in a control call.
      */
-    bool TryCloseOwnSlot(SCREENRECORD_Caller_s stCaller);
+    bool TryCloseOwnSlot();
 
 private:
     u32 m_u32SlotId;

@@ -17,8 +17,7 @@ enum {
 /** The multiplexed stream on its way into the file, and the time limit. */
 class Writer {
 public:
-    Writer(WorkerRun& run, SCREENRECORD_Caller_s stCaller, u8* pu8Batch)
-        : m_run(run), m_stCaller(stCaller), m_pu8Batch(pu8Batch)
+    Writer(WorkerRun& run, u8* pu8Batch) : m_run(run), m_pu8Batch(pu8Batch)
     {
         if (_u32RecordTime != 0)
             StartTimer();
@@ -37,7 +36,7 @@ public:
             if (bLast)
                 return;
             ZU_OS_DelayTask(WRITER_PASS_MS);
-            if (LimitPassed() && m_run.TryCloseOwnSlot(m_stCaller))
+            if (LimitPassed() && m_run.TryCloseOwnSlot())
                 return;
         }
     }
@@ -49,8 +48,7 @@ private:
         const u32 u32Result = ZU_TSMUX_CopyOutputStream(m_run.Task()->u32Handle, m_pu8Batch + m_u32Filled,
                                                         COPY_SIZE, &u32Copied);
         if (u32Result != ZU_OK) {
-            SR_LOG_AS(ANDROID_LOG_ERROR, m_stCaller, "Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n",
-                      u32Result);
+            SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n", u32Result);
             return false;
         }
         // A count beyond what was asked for is not believed: the next copy would go past the batch buffer.
@@ -81,7 +79,6 @@ private:
     }
 
     WorkerRun& m_run;
-    const SCREENRECORD_Caller_s m_stCaller;
     u8* const m_pu8Batch;
     u32 m_u32Filled = 0;
     bool m_bTimerRuns = false;
@@ -92,6 +89,7 @@ private:
 
 void _SCREENRECORD_TsmuxTaskHandler(void* pArg)
 {
+    const LogAs as(__func__);
     WorkerRun run(pArg, E_SCREENRECORD_MODULE_TSMUX);
     if (!run.May())
         return;
@@ -99,7 +97,7 @@ void _SCREENRECORD_TsmuxTaskHandler(void* pArg)
     if (pu8Batch == nullptr)
         SR_LOGE("Error: failed to malloc(%d) for batch write\n", BATCH_SIZE);
     else
-        Writer(run, SR_HERE, pu8Batch).Run();
+        Writer(run, pu8Batch).Run();
     free(pu8Batch);
-    run.End(SR_HERE);
+    run.End();
 }

@@ -48,20 +48,20 @@ u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
 } // namespace
 
 std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
-                                             SCREENRECORD_TaskCtrl_s* pstVenc, SCREENRECORD_Caller_s stCaller)
+                                             SCREENRECORD_TaskCtrl_s* pstVenc)
 {
     if (u32Event != ZU_VENC_EVENT_FRAME) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "eEvent Error!\n");
+        SR_HELPER_LOGE("eEvent Error!\n");
         return ZU_OK;
     }
     if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY)
         pstVenc->u32LastInBufIndex = stFrame.u32InBufIndex;
     if (stFrame.pu8Data == nullptr && stFrame.u32DataSize == 0) {
-        SR_LOG_AS(ANDROID_LOG_DEBUG, stCaller, "[ZU DEMO TRANSCODE] Drop Frame\n");
+        SR_HELPER_LOGD("[ZU DEMO TRANSCODE] Drop Frame\n");
         return ZU_OK;
     }
     if (stFrame.pu8Data == nullptr || stFrame.u32DataSize == 0) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Invalid pu8Data\n");
+        SR_HELPER_LOGE("Invalid pu8Data\n");
         return ZU_INVALID_ARGUMENT;
     }
     return std::nullopt;
@@ -69,6 +69,7 @@ std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameIn
 
 u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void*)
 {
+    const LogAs as(__func__);
     if (pstFrame == nullptr)
         return ZU_INVALID_ARGUMENT;
     const u32 u32Venc = static_cast<u32>(s32Handle);
@@ -80,7 +81,7 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
     const MiddlewareLock lock(
         pstVenc->s32MutexId); // without it the frame still goes on: there is one encoder thread
 
-    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc, SR_HERE))
+    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc))
         return *answer;
     if (!EstablishOrigin(pstVenc, *pstFrame))
         return ZU_OK;

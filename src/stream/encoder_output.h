@@ -16,8 +16,7 @@ inline constexpr u64 SCREENRECORD_NO_PTS = ~0ull;
  * without data
  */
 std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
-                                             SCREENRECORD_TaskCtrl_s* pstVenc,
-                                             SCREENRECORD_Caller_s stCaller);
+                                             SCREENRECORD_TaskCtrl_s* pstVenc);
 
 /**
  * Encoder callback of a transport-stream recording: pushes each encoded frame into the slot's multiplexer,

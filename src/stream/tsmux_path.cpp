@@ -34,25 +34,22 @@ u32 _SCREENRECORD_TsmuxCallback(s32, u32 u32Event, void*, void* pUserData)
 }
 
 /** Maps the region uncached or, where that cannot be had, cached. */
-bool MapOutputBuffer(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller,
-                     OutputBuffer* pstBuffer)
+bool MapOutputBuffer(SCREENRECORD_TaskCtrl_s* pstTask, OutputBuffer* pstBuffer)
 {
     ZU_SYS_MmapLayout_t stLayout = {};
     if (ZU_SYS_GetMmapLayout(ZU_SYS_MMAP_ID_TSMUX_OUTPUT, &stLayout) != ZU_OK ||
         stLayout.u32RegionSize == 0) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error: Invalid mmap layout with id = %d\n",
-                  ZU_SYS_MMAP_ID_TSMUX_OUTPUT);
+        SR_HELPER_LOGE("Error: Invalid mmap layout with id = %d\n", ZU_SYS_MMAP_ID_TSMUX_OUTPUT);
         return false;
     }
     const u64 u64PhyAddr = stLayout.phyMiuBaseAddr + stLayout.phyMemAddr;
     pstBuffer->u32Size = stLayout.u32RegionSize;
     if (ZU_OS_Pa2NonCachedVa(u64PhyAddr, &pstBuffer->u64VirtAddr) != ZU_OK) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "phyMemAddr: 0x%llx phyMiuBaseAddr: 0x%llx\n",
-                  static_cast<unsigned long long>(stLayout.phyMemAddr),
-                  static_cast<unsigned long long>(stLayout.phyMiuBaseAddr));
+        SR_HELPER_LOGE("phyMemAddr: 0x%llx phyMiuBaseAddr: 0x%llx\n",
+                       static_cast<unsigned long long>(stLayout.phyMemAddr),
+                       static_cast<unsigned long long>(stLayout.phyMiuBaseAddr));
         if (ZU_OS_Pa2CachedVa(u64PhyAddr, &pstBuffer->u64VirtAddr) != ZU_OK) {
-            SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error: failed to ZU_OS_PA2CachedVA(0x%x)\n",
-                      static_cast<u32>(u64PhyAddr));
+            SR_HELPER_LOGE("Error: failed to ZU_OS_PA2CachedVA(0x%x)\n", static_cast<u32>(u64PhyAddr));
             return false;
         }
         pstTask->bOutBufCached = 1;
@@ -64,7 +61,7 @@ bool MapOutputBuffer(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stC
 }
 
 bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s* pstTask,
-                const OutputBuffer& stBuffer, SCREENRECORD_Caller_s stCaller)
+                const OutputBuffer& stBuffer)
 {
     ZU_TSMUX_OpenParams_t stParams = {};
     stParams.u32TsPacketSize = stSrcInfo.u32TsPacketSize == 188 ? 188 : 192;
@@ -81,11 +78,11 @@ bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s
     const u32 u32Result = ZU_TSMUX_Open(&stParams, pstTask->u32Handle.OutputArgument());
     if (u32Result == ZU_OK)
         return true;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to ZU_TSMUX_Open()\n", u32Result);
+    SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_Open()\n", u32Result);
     return false;
 }
 
-bool RegisterTsmuxCallback(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
+bool RegisterTsmuxCallback(SCREENRECORD_TaskCtrl_s* pstTask)
 {
     const ZU_TSMUX_CallbackParams_t stParams = {.u64CallbackId = 0,
                                                 .pfnCallback = _SCREENRECORD_TsmuxCallback,
@@ -95,15 +92,14 @@ bool RegisterTsmuxCallback(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller
     u64 u64CallbackId = 0;
     const u32 u32Result = ZU_TSMUX_RegisterCallback(pstTask->u32Handle, &stParams, &u64CallbackId);
     if (u32Result != ZU_OK) {
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to ZU_TSMUX_RegisterCallback()\n",
-                  u32Result);
+        SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_RegisterCallback()\n", u32Result);
         return false;
     }
     pstTask->u64CallbackId = u64CallbackId;
     return true;
 }
 
-bool ControlPtsContinuity(const SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_Caller_s stCaller)
+bool ControlPtsContinuity(const SCREENRECORD_TaskCtrl_s* pstTask)
 {
     const ZU_TSMUX_PtsContinuity_t stValue = {
         .bEnable = 1, .u32Reserved = 0, .u64MaxForward = 180000, .u64MaxBackward = 90000};
@@ -111,20 +107,20 @@ bool ControlPtsContinuity(const SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_C
         ZU_TSMUX_SetAttr(pstTask->u32Handle, E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL, &stValue);
     if (u32Result == ZU_OK)
         return true;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller,
-              "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)\n",
-              u32Result);
+    SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)\n",
+                   u32Result);
     return false;
 }
 
 bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s* pstTask)
 {
+    const LogAs as(__func__);
     SR_LOGD("%s(u32TsPacketSize = %d, u32CbrBitrateMb = %ld M bps)\n", __func__,
             static_cast<int>(stSrcInfo.u32TsPacketSize), static_cast<long>(stSrcInfo.u32CbrBitrateMb));
     OutputBuffer stBuffer = {};
-    if (!MapOutputBuffer(pstTask, SR_HERE, &stBuffer) || !OpenDevice(stSrcInfo, pstTask, stBuffer, SR_HERE))
+    if (!MapOutputBuffer(pstTask, &stBuffer) || !OpenDevice(stSrcInfo, pstTask, stBuffer))
         return false;
-    if (!RegisterTsmuxCallback(pstTask, SR_HERE) || !ControlPtsContinuity(pstTask, SR_HERE)) {
+    if (!RegisterTsmuxCallback(pstTask) || !ControlPtsContinuity(pstTask)) {
         _SCREENRECORD_CloseTsmux(pstTask);
         return false;
     }
@@ -148,7 +144,7 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
 }
 
 /** Attaches what is configured, video first; with both, switches interleaving on. */
-bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCaller)
+bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;
     const u32 u32Tsmux = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_TSMUX].u32Handle;
@@ -158,8 +154,7 @@ bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCall
         const u32 u32Result = AttachSource(u32Tsmux, eType, VIDEO_PID, VIDEO_STREAM_ID,
                                            stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VENC]);
         if (u32Result != ZU_OK) {
-            SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "Error 0x%x: failed to Attach Venc Stream for Tsmux\n",
-                      u32Result);
+            SR_HELPER_LOGE("Error 0x%x: failed to Attach Venc Stream for Tsmux\n", u32Result);
             return false;
         }
     }
@@ -176,8 +171,7 @@ bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCall
     const u32 u32Result = ZU_TSMUX_SetAttr(u32Tsmux, E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOn);
     if (u32Result == ZU_OK)
         return true;
-    SR_LOG_AS(
-        ANDROID_LOG_ERROR, stCaller,
+    SR_HELPER_LOGE(
         "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = "
         "%ld ms)\n",
         u32Result, static_cast<long>(INTERLEAVING_MS));
@@ -188,8 +182,9 @@ bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot, SCREENRECORD_Caller_s stCall
 
 u32 SCREENRECORD_SetTsMux(u32* pu32Handle, u32* pu32TsPacketSize, u32* pu32CbrBitrateMb)
 {
+    const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle, SR_HERE))
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
         return 0;
     SCREENRECORD_SlotCtrl_s& stSlot = _astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;
@@ -210,7 +205,7 @@ u32 SCREENRECORD_SetTsMux(u32* pu32Handle, u32* pu32TsPacketSize, u32* pu32CbrBi
         SCREENRECORD_Close(pu32Handle);
         return 0;
     }
-    if (!AttachSources(stSlot, SR_HERE)) {
+    if (!AttachSources(stSlot)) {
         SCREENRECORD_Close(pu32Handle);
         return 0;
     }

@@ -39,18 +39,18 @@ bool TakeSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
 }
 
 /** Opens the file or the capture, whichever feeds the encoder. */
-bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_Caller_s stCaller)
+bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
     if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr) {
         SCREENRECORD_TaskCtrl_s* pstReader = &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VIDEO_SRC_READER];
         if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
             return true;
-        SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "[DEMO TRANSCODE] Open Src File Reader Failed!\n");
+        SR_HELPER_LOGE("[DEMO TRANSCODE] Open Src File Reader Failed!\n");
         return false;
     }
     if (_SCREENRECORD_OpenVcap(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VCAP]) == ZU_OK)
         return true;
-    SR_LOG_AS(ANDROID_LOG_ERROR, stCaller, "[DEMO TRANSCODE] Open Vcap Failed!\n");
+    SR_HELPER_LOGE("[DEMO TRANSCODE] Open Vcap Failed!\n");
     return false;
 }
 
@@ -159,12 +159,13 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
 u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32* pu32Width, u32* pu32Height,
                           u32* pu32FrameRate)
 {
+    const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle, SR_HERE))
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
         return 0;
     SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName, SR_HERE))
+    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName))
         return 0;
     if (!TakeSource(stSrcInfo, pu8VencType)) {
         SR_LOGE("Error: invalid Venc Type\n");
@@ -179,7 +180,7 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
         SCREENRECORD_Close(pu32Handle);
         return 0;
     }
-    if (!OpenVideoSource(pstSlot, SR_HERE)) {
+    if (!OpenVideoSource(pstSlot)) {
         SCREENRECORD_Close(pu32Handle);
         return 0;
     }
