@@ -1,9 +1,9 @@
 #include <screenrecord/screenrecord.h>
 
-#include "core/control_lock.h"
-#include "core/modules.h"
-#include "core/worker_tasks.h"
-#include "stream/sources.h"
+#include "modules/module.h"
+#include "modules/sources.h"
+#include "table/control_lock.h"
+#include "table/worker_tasks.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <thread>
 #include <unistd.h>
 
-#include <capenc/capture_encode.h>
-#include <capture/watermark.h>
+#include <capture_encode/capture_encode.h>
+#include <capture_encode/watermark.h>
 
 #include "library_test.h"
 

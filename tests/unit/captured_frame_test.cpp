@@ -2,8 +2,8 @@
  */
 #include <numeric>
 
-#include <capenc/capture_encode.h>
-#include <capenc/frame_ring.h>
+#include <capture_encode/capture_encode.h>
+#include <capture_encode/frame_ring.h>
 #include <srglworker/SrGlWorker.h>
 
 #include "library_test.h"

@@ -1,6 +1,6 @@
 #include "random_calls.h"
 
-#include <core/control_lock.h>
+#include <table/control_lock.h>
 
 #include "library_test.h"
 

@@ -1,9 +1,9 @@
 /** What a recording's control calls and the modules' functions refuse, and in which order. */
 #include <functional>
 
-#include <core/modules.h>
-#include <core/worker_tasks.h>
-#include <stream/sources.h>
+#include <modules/module.h>
+#include <modules/sources.h>
+#include <table/worker_tasks.h>
 
 #include "library_test.h"
 

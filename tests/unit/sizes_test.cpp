@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <limits>
 
-#include <capenc/capture_encode.h>
+#include <capture_encode/capture_encode.h>
 
 #include "library_test.h"
 

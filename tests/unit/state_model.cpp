@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include <capenc/capture_encode.h>
-#include <capture/watermark.h>
+#include <capture_encode/capture_encode.h>
+#include <capture_encode/watermark.h>
 
 #include "library_test.h"
 #include "middleware/contract_call.h"

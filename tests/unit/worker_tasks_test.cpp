@@ -1,6 +1,6 @@
 /** The workers of a recording: what they move, how they end, and that nobody waits for one that has not run.
  */
-#include <core/worker_tasks.h>
+#include <table/worker_tasks.h>
 
 #include "library_test.h"
 

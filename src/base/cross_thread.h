@@ -1,0 +1,44 @@
+#ifndef SCREENRECORD_BASE_CROSS_THREAD_H
+#define SCREENRECORD_BASE_CROSS_THREAD_H
+
+#include <atomic>
+
+/**
+ * A field that one thread writes while another reads it. It has the size of T and can be copied, so that the
+ * records that hold such fields are still reset by assignment.
+ *
+ * Every access is sequentially consistent: the callback gate needs a handle's store and the count of
+ * callbacks in one order for all threads, and one picture costs a handful of accesses.
+ */
+template <typename T> class CrossThread {
+public:
+    CrossThread(T value = T{}) : m_value(value) {}
+    CrossThread(const CrossThread& other) : m_value(other.Get()) {}
+    CrossThread& operator=(const CrossThread& other) { return *this = other.Get(); }
+    CrossThread& operator=(T value)
+    {
+        m_value.store(value);
+        return *this;
+    }
+
+    operator T() const { return Get(); }
+    T Get() const { return m_value.load(); }
+    T Exchange(T value) { return m_value.exchange(value); }
+    /** Replaces `from` by `to`; false, and nothing replaced, when the value is another one. */
+    bool Replace(T from, T to) { return m_value.compare_exchange_strong(from, to); }
+    /** Blocks while the value is `value`. */
+    void AwaitChangeFrom(T value) const { m_value.wait(value); }
+    void WakeWaiters() { m_value.notify_all(); }
+    /**
+     * The field itself, as the output argument of a call of the middleware. Whatever the call leaves here is in
+     * the record at once, also if it fails or calls back before it returns. A middleware stores an aligned
+     * value of this size in one piece.
+     */
+    T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }
+
+private:
+    static_assert(std::atomic<T>::is_always_lock_free && sizeof(std::atomic<T>) == sizeof(T));
+    std::atomic<T> m_value;
+};
+
+#endif

@@ -1,0 +1,191 @@
+#include "capture_encode/watermark.h"
+
+#include <new>
+
+#include <screenrecord/screenrecord.h>
+
+#include "capture_encode/capture_encode.h"
+#include "table/control_lock.h"
+#include "table/recording_table.h"
+
+using android::sp;
+using android::WatermarkParams;
+using android::vexa_screenrecord::SrGlWorker;
+
+SCREENRECORD_InjectBufFd_s _stInjectBufFd;
+SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
+
+namespace {
+
+/** A reference that stays when the process exits: a callback may still be drawing then. */
+union KeptWorker_u {
+    KeptWorker_u() : sp() {}
+    ~KeptWorker_u() {}
+    android::sp<SrGlWorker> sp;
+};
+KeptWorker_u _uWorker;
+KeptWorker_u _uBusyWorker;
+/** The reference that keeps the worker; control calls only. */
+sp<SrGlWorker>& _spSrGlWorker = _uWorker.sp;
+/** A worker that a callback had not left when it was to be released; goes with a later release, and before
+ * the next worker comes: a second one put aside would free this one under its callback. */
+sp<SrGlWorker>& _spBusyWorker = _uBusyWorker.sp;
+/** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
+ * release. */
+CrossThread<SrGlWorker*> _pPublishedWorker;
+
+/** This interface's error lines carry no line number, and some no function name. */
+#define WATERMARK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, SR_TAG, __VA_ARGS__)
+
+/** Finds the inject buffer's block and gets a descriptor of it. */
+bool DescribeInjectBuffer()
+{
+    _stInjectBufInfo.u64PhyAddr = 0;
+    _stInjectBufInfo.u64StartPhyAddr = 0;
+    _stInjectBufFd.u64PhyAddr = 0;
+    _stInjectBufFd.s32Fd = SCREENRECORD_NO_ID;
+
+    ZU_OS_IommuBufInfo_t stInfo = {};
+    if (ZU_OS_Va2Pa(_stEntireInjectBuf.u32VirtAddr, &stInfo.u64PhyAddr) != ZU_OK) {
+        WATERMARK_LOGE("%s ZU_OS_Va2Pa failed with external memory", LogAs::Name());
+        return false;
+    }
+    _stInjectBufInfo.u64PhyAddr = stInfo.u64PhyAddr;
+    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO, &stInfo) != ZU_OK) {
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed", LogAs::Name());
+        return false;
+    }
+    const unsigned long long ullPhyAddr = _stInjectBufInfo.u64PhyAddr;
+    _stInjectBufInfo.u64StartPhyAddr = stInfo.u64StartPhyAddr;
+    _stInjectBufFd.u64PhyAddr = ullPhyAddr;
+    SR_HELPER_LOGD("%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx", LogAs::Name(), ullPhyAddr,
+                   static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
+
+    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
+    const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
+    _stInjectBufFd.s32Fd = stFd.s32Fd; // also of a call that failed: the encoder's close gives it back
+    if (u32Result != ZU_OK) {
+        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", LogAs::Name());
+        return false;
+    }
+    SR_HELPER_LOGD("%s get buffer fd OK, fd:%d, physic: 0x%llx", LogAs::Name(), stFd.s32Fd, ullPhyAddr);
+    return true;
+}
+
+bool IsInInjectBuffer(u64 u64PhyAddr)
+{
+    const u64 u64Start = _stInjectBufFd.u64PhyAddr;
+    const u64 u64End = u64Start + _stEntireInjectBuf.u32Size;
+    return u64Start <= u64PhyAddr && u64PhyAddr < u64End;
+}
+
+qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd)
+{
+    const SCREENRECORD_SrcInfo_s& stSrcInfo = _astSlotCtrl[0].stSrcInfo;
+    qrl_native_buffer_t stBuffer = {};
+    stBuffer.version = 0x201;
+    stBuffer.flags = 2;
+    stBuffer.format = 0x23; // HAL_PIXEL_FORMAT_YCbCr_420_888
+    stBuffer.width = stSrcInfo.u32Width;
+    stBuffer.height = stSrcInfo.u32Height;
+    stBuffer.pitch = stSrcInfo.u32Width;
+    stBuffer.addr = reinterpret_cast<void*>(static_cast<uintptr_t>(_stEntireInjectBuf.u32VirtAddr.Get()));
+    stBuffer.phys = _stInjectBufInfo.u64StartPhyAddr;
+    stBuffer.fd[0] = s32Fd;
+    stBuffer.fd[1] = s32Fd;
+    stBuffer.offset[0] = static_cast<u32>(stFrame.phyYAddr - stBuffer.phys);
+    stBuffer.offset[1] = static_cast<u32>(stFrame.phyCAddr - stBuffer.phys);
+    return stBuffer;
+}
+
+} // namespace
+
+int video_capenc_setWatermark(const WatermarkParams& watermark)
+{
+    const LogAs as(__func__);
+    const ControlLock lock(_controlMutex);
+    const sp<WatermarkParams> spCopy = new (std::nothrow) WatermarkParams(watermark);
+    if (!spCopy) {
+        WATERMARK_LOGE("%s no memory for the watermark", __func__);
+        return -1;
+    }
+    if (!_spSrGlWorker) {
+        if (_bUseEntireInjectBuf == 0) {
+            WATERMARK_LOGE("%s watermark flow is supported in external memory case only now", __func__);
+            return -1;
+        }
+        if (_spBusyWorker)
+            _SCREENRECORD_ReleaseWatermark(); // its callback may have left since
+        if (_spBusyWorker) {
+            WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
+            return -1;
+        }
+        if (!DescribeInjectBuffer())
+            return -1;
+        _spSrGlWorker = SrGlWorker::newWorker();
+        if (!_spSrGlWorker) {
+            WATERMARK_LOGE("newWorker failed");
+            return -1;
+        }
+        _pPublishedWorker = _spSrGlWorker.get();
+    }
+    // The worker may ask the client's memory for its address, and the client may stop the pipeline there.
+    const sp<SrGlWorker> spWorker = _spSrGlWorker;
+    if (spWorker->setWatermark(spCopy) != 0) {
+        WATERMARK_LOGE("setWatermark failed");
+        return -1;
+    }
+    return 0;
+}
+
+bool _SCREENRECORD_PrepareWatermark()
+{
+    const sp<SrGlWorker> spWorker = _spSrGlWorker; // for a stop from inside it, as above
+    if (!spWorker || spWorker->prepare() == 0)
+        return true;
+    WATERMARK_LOGE("prepare failed");
+    return false;
+}
+
+void _SCREENRECORD_ReleaseWatermark()
+{
+    if (!_spSrGlWorker && !_spBusyWorker)
+        return;
+    _pPublishedWorker = nullptr;
+    bool bLeft = true;
+    for (SCREENRECORD_SlotCtrl_s& stSlot : _astSlotCtrl)
+        bLeft &= stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VCAP].callbackGate.Drain();
+    if (!bLeft) {
+        if (_spSrGlWorker)
+            _spBusyWorker = _spSrGlWorker;
+        _spSrGlWorker.clear();
+        return;
+    }
+    for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker}) {
+        const sp<SrGlWorker> spWorker = *pspWorker;
+        pspWorker->clear(); // ahead of the reset: a stop from inside it has nothing more to release
+        if (spWorker)
+            spWorker->reset();
+    }
+}
+
+void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
+{
+    SrGlWorker* pWorker = _pPublishedWorker;
+    const s32 s32Fd = _stInjectBufFd.s32Fd;
+    if (pWorker == nullptr || s32Fd < 1 || !IsInInjectBuffer(stFrame.phyYAddr) ||
+        !IsInInjectBuffer(stFrame.phyCAddr))
+        return;
+    const qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
+    SR_HELPER_LOGD(
+        "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "
+        "phys:0x%llx, fd[0]:%d, fd[1]:%d, offset[0]:0x%x, offset[1]:0x%x",
+        stBuffer.version, stBuffer.flags, stBuffer.format, stBuffer.width, stBuffer.height, stBuffer.pitch,
+        stBuffer.addr, static_cast<unsigned long long>(stBuffer.phys), stBuffer.fd[0], stBuffer.fd[1],
+        stBuffer.offset[0], stBuffer.offset[1]);
+    const sp<SrGlWorker::VideoBuffer> spBuffer = SrGlWorker::VideoBuffer::newBuffer(stBuffer);
+    if (!spBuffer)
+        SR_HELPER_LOGE("VideoBuffer::newBuffer failed");
+    else if (pWorker->render(spBuffer) != 0)
+        SR_HELPER_LOGE("SrGlWorker::onRender failed");
+}

@@ -1,0 +1,103 @@
+#include <cstdlib>
+
+#include <zu3/fs.h>
+#include <zu3/tsmux.h>
+
+#include "table/worker_tasks.h"
+
+namespace {
+
+enum {
+    BATCH_SIZE = 0x20000, /**< bytes of the batch buffer */
+    COPY_SIZE = 0x10000,  /**< most that one copy brings, and what a batch must exceed to be written: so it
+                             always fits */
+    WRITER_PASS_MS = 100,
+};
+
+/** The multiplexed stream on its way into the file, and the time limit. */
+class Writer {
+public:
+    Writer(WorkerRun& run, u8* pu8Batch) : m_run(run), m_pu8Batch(pu8Batch)
+    {
+        if (_u32RecordTime != 0)
+            StartTimer();
+    }
+
+    /** Copies and writes until the deletion asks for the end, a copy fails, or the time limit closes the
+     * slot. */
+    void Run()
+    {
+        while (!m_run.Outlived() && CopyStream() && !m_run.Outlived()) {
+            // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so this copy or
+            // the next one brings the last that goes into the file; what is beyond one copy then is lost.
+            const bool bLast = m_run.ExitRequested();
+            if (m_u32Filled > COPY_SIZE || bLast)
+                WriteBatch();
+            if (bLast)
+                return;
+            ZU_OS_DelayTask(WRITER_PASS_MS);
+            if (LimitPassed() && m_run.TryCloseOwnSlot())
+                return;
+        }
+    }
+
+private:
+    bool CopyStream()
+    {
+        u32 u32Copied = 0;
+        const u32 u32Result = ZU_TSMUX_CopyOutputStream(m_run.Task()->u32Handle, m_pu8Batch + m_u32Filled,
+                                                        COPY_SIZE, &u32Copied);
+        if (u32Result != ZU_OK) {
+            SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n", u32Result);
+            return false;
+        }
+        // A count beyond what was asked for is not believed: the next copy would go past the batch buffer.
+        m_u32Filled += u32Copied <= COPY_SIZE ? u32Copied : static_cast<u32>(COPY_SIZE);
+        return true;
+    }
+
+    /** The result is not looked at: a full disk costs the rest of the file, not the recording of the other
+     * slot. */
+    void WriteBatch()
+    {
+        ZU_FS_Fwrite(m_pu8Batch, m_u32Filled, 1, m_run.Task()->u32OutFile);
+        m_u32Filled = 0;
+    }
+
+    void StartTimer() { m_bTimerRuns = ZU_OS_GetSystemTime(&m_u32StartMs) == ZU_OK; }
+
+    bool LimitPassed()
+    {
+        const u32 u32Limit = _u32RecordTime;
+        if (u32Limit == 0)
+            return false;
+        if (!m_bTimerRuns)
+            StartTimer(); // the limit was set, through the other slot, after this writer had begun
+        u32 u32ElapsedMs = 0;
+        return m_bTimerRuns && ZU_OS_TimerDiffTimeFromNow(m_u32StartMs, &u32ElapsedMs) == ZU_OK &&
+               u32ElapsedMs / 1000 > u32Limit;
+    }
+
+    WorkerRun& m_run;
+    u8* const m_pu8Batch;
+    u32 m_u32Filled = 0;
+    bool m_bTimerRuns = false;
+    u32 m_u32StartMs = 0;
+};
+
+} // namespace
+
+void _SCREENRECORD_TsmuxTaskHandler(void* pArg)
+{
+    const LogAs as(__func__);
+    WorkerRun run(pArg, E_SCREENRECORD_MODULE_TSMUX);
+    if (!run.May())
+        return;
+    u8* pu8Batch = static_cast<u8*>(malloc(BATCH_SIZE));
+    if (pu8Batch == nullptr)
+        SR_LOGE("Error: failed to malloc(%d) for batch write\n", BATCH_SIZE);
+    else
+        Writer(run, pu8Batch).Run();
+    free(pu8Batch);
+    run.End();
+}

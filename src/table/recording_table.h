@@ -1,0 +1,189 @@
+/** The recording table: all state of a recording, and the checks that every control call begins with. */
+#ifndef SCREENRECORD_TABLE_RECORDING_TABLE_H
+#define SCREENRECORD_TABLE_RECORDING_TABLE_H
+
+#include <optional>
+
+#include <zu3/acap.h>
+#include <zu3/cap.h>
+#include <zu3/caps.h>
+#include <zu3/venc.h>
+
+#include "base/callback_gate.h"
+#include "base/cross_thread.h"
+#include "base/log.h"
+#include "base/middleware_mutex.h"
+
+enum {
+    SCREENRECORD_SLOT_COUNT = 2,
+    SCREENRECORD_ENCODER_BUSY_MS = 100, /**< the wait for an encoder that has no input buffer free */
+};
+
+/** A module of a slot: index of its record, and its bit in the two module masks. */
+enum SCREENRECORD_ZuModule_e : u32 {
+    E_SCREENRECORD_MODULE_VIDEO_SRC_READER = 0, /**< feeds a file's bytes into the video encoder */
+    E_SCREENRECORD_MODULE_AUDIO_SRC_READER = 1,
+    E_SCREENRECORD_MODULE_VCAP = 2,  /**< screen capture */
+    E_SCREENRECORD_MODULE_ACAP = 3,  /**< audio capture */
+    E_SCREENRECORD_MODULE_VENC = 4,  /**< video encoder */
+    E_SCREENRECORD_MODULE_AENC = 5,  /**< audio encoder; has no middleware operation of its own */
+    E_SCREENRECORD_MODULE_TSMUX = 6, /**< transport-stream multiplexer and the output file */
+    E_SCREENRECORD_MODULE_MAX = 7
+};
+
+/** How far a module's worker task has come; the creation, the deletion and the task itself move it. */
+enum SCREENRECORD_TaskPhase_e : u32 {
+    E_SCREENRECORD_TASK_NONE = 0,
+    E_SCREENRECORD_TASK_CREATED = 1, /**< not run yet: its argument block is still the creator's to free */
+    E_SCREENRECORD_TASK_ENTERED = 2, /**< runs, and is about to take its mutex */
+    E_SCREENRECORD_TASK_RUNNING = 3, /**< has its mutex, if it obtained it, until it ends */
+    E_SCREENRECORD_TASK_CANCELLED =
+        4, /**< is being deleted before it ran, and does nothing should it run now */
+};
+
+/** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID mean none. */
+struct SCREENRECORD_TaskFields_s {
+    CrossThread<u8> bRunning;   /**< 1 from a successful module start until the module is stopped */
+    u32 eModule = 0;            /**< SCREENRECORD_ZuModule_e, the record's own index */
+    CrossThread<u32> u32Handle; /**< middleware handle; a source reader's file handle without its top bit */
+
+    /* source readers */
+    CrossThread<u32> u32SrcFile; /**< source file */
+
+    /* VCAP */
+    ZU_CAP_Output_t stCapOutput = {}; /**< what the capture start is given */
+    u32 u32CapturePath = 0;
+    u32 u32Osd = 0; /**< 1 = with the on-screen-display layer */
+
+    /* VENC, and AENC for u64MuxSrcId */
+    CrossThread<u8> bFirstPtsSet;    /**< u64FirstPts is valid */
+    CrossThread<u64> u64FirstPts;    /**< time stamp of the first encoded frame that had one, microseconds */
+    CrossThread<s64> u64StartTimeUs; /**< pictures captured earlier are not encoded; monotonic microseconds */
+    CrossThread<u32> u32InBufIndex;  /**< 0..15, of the last picture handed to the encoder */
+    CrossThread<u32> u32LastInBufIndex; /**< of the last encoded frame that carried one */
+    CrossThread<u64> u64MuxSrcId;       /**< media source at the multiplexer */
+
+    /* TSMUX */
+    u64 u64OutBufVa = 0;   /**< output buffer */
+    u32 u32OutBufSize = 0; /**< bytes */
+    CrossThread<u64>
+        u64CallbackId; /**< of the callback's registration, whose user data is this field's address */
+    CrossThread<u32> u32OutFile; /**< output file */
+    u8 bOutBufCached = 0;        /**< 1 = the output buffer is mapped cached */
+
+    /* worker task */
+    CrossThread<s32> s32TaskId = SCREENRECORD_NO_ID;
+    void* pTaskStack = nullptr; /**< owned; freed when the task is deleted */
+    CrossThread<u8> bTaskExit;  /**< 1 while the task is being deleted */
+    CrossThread<s32> s32MutexId = SCREENRECORD_NO_ID;
+    s32 s32QueueId = SCREENRECORD_NO_ID; /**< no module has a message queue */
+    CrossThread<u32> eTaskPhase;         /**< SCREENRECORD_TaskPhase_e */
+    u32* pu32TaskArg = nullptr;          /**< the task's argument block, valid while the phase is CREATED */
+};
+
+/** One module of one slot. */
+struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
+    CallbackGate callbackGate;     /**< outlives resets: a late callback may be inside */
+    CrossThread<u32> u32Deletions; /**< of its task; outlives resets: so may a task that was given up */
+};
+
+/** What a recording takes in and produces. The three names are owned. */
+struct SCREENRECORD_SrcInfo_s {
+    u8 bVideoSrcAssigned = 0;
+    u8 bAudioSrcAssigned = 0;
+    char* pu8VideoSrcName = nullptr; /**< NULL = the screen */
+    u32 eVencType = 0;               /**< 1 = H.264 */
+    CrossThread<u32> u32Width;       /**< pixels */
+    CrossThread<u32> u32Height;      /**< lines */
+    u32 u32FrameRate = 0;            /**< frames per second */
+    u8 bOsd = 0;                     /**< 1 = with the on-screen-display layer */
+    u32 u32OutputBitrate = 0;        /**< of the capture-encode interface, bit/s */
+    CrossThread<u32> u32FrameSize;   /**< bytes of one captured picture */
+    u32 eCapOutputFmt = 0;           /**< still frames: Cap_OutputFmt_e */
+    char* pu8AudioSrcName = nullptr; /**< NULL = audio capture */
+    u32 eAencType = 0;               /**< 0 = AAC, 1 = MP3 */
+    u8 u8AudioBitWidth = 0;
+    u8 bTsmuxOpened = 0;
+    u32 u32TsPacketSize = 0; /**< 188 or 192; 0 = not chosen */
+    u32 u32CbrBitrateMb = 0; /**< constant rate in units of 1048576 bit/s, 0 = none */
+    char* pu8DstName = nullptr;
+};
+
+struct SCREENRECORD_SlotCtrl_s {
+    u32 u32SlotId = 0;
+    SCREENRECORD_TaskCtrl_s astTaskCtrl[E_SCREENRECORD_MODULE_MAX];
+    SCREENRECORD_SrcInfo_s stSrcInfo;
+
+    /* still frames, slot 0 only */
+    u64 u64CapBufTotalSize = 0;           /**< bytes of the whole block */
+    u64 u64CapFrameSize = 0;              /**< bytes of one buffer, a multiple of 4096 */
+    u32 u32MaxFrameNum = 0;               /**< buffers in the block */
+    u64 u64CapBufPhyAddr = 0;             /**< physical address of the block, 0 = none */
+    u32 u32CapPitch = 0;                  /**< bytes per line */
+    s32 s32CapBufFd = SCREENRECORD_NO_ID; /**< descriptor of the block; 0 is a valid one */
+};
+
+/** What the modules can do, queried into one block. */
+struct SCREENRECORD_ModuleCaps_s {
+    ZU_ACAP_Caps_t stAcapCaps;
+    ZU_VENC_Caps_t stVencCaps;
+    ZU_VIDEO_Caps_t stVideoCaps;
+    ZU_AUDIO_Caps_t stAudioCaps;
+};
+static_assert(sizeof(SCREENRECORD_ModuleCaps_s) == 68);
+
+extern SCREENRECORD_SlotCtrl_s _astSlotCtrl[SCREENRECORD_SLOT_COUNT];
+extern SCREENRECORD_ModuleCaps_s _stModuleCaps;
+extern u8 _bModuleInited;
+extern u32 _u32ModuleInitMask;          /**< bit m: module m counts as initialised */
+extern u32 _u32ModuleDeinitMask;        /**< bit m: this library initialised module m and de-initialises it */
+extern u8 _bSysInited;                  /**< once set, for the life of the process */
+extern CrossThread<u32> _u32RecordTime; /**< record-time limit in seconds, 0 = none */
+
+inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_TaskOf(u32 u32SlotId, SCREENRECORD_ZuModule_e eModule)
+{
+    return &_astSlotCtrl[u32SlotId].astTaskCtrl[eModule];
+}
+/** Slot 0's, which the capture-encode and still-frame interfaces capture with as well. */
+inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_CaptureTask(void)
+{
+    return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VCAP);
+}
+/** The slot that a module's record belongs to. */
+SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pstTask);
+
+/** Clears a module's record and gives it its index; waits for callbacks that are in it. */
+void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
+/** Frees the names and clears everything else. */
+void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
+/** Clears both slots. */
+void _SCREENRECORD_ClearTable();
+
+/** Takes the handle out of a record and waits for the callbacks that found it there; returns the handle. */
+u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
+
+/** Handle check, then initialisation gate; on true the slot's retired writer, if any, has been reclaimed. */
+bool _SCREENRECORD_CheckSlot(const u32* pu32Handle);
+/** _SCREENRECORD_CheckSlot, and refuses a slot with a running module. */
+bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle);
+
+/**
+ * A callback's stay in the record that holds its handle: while it lives, closing that module waits. Empty
+ * when no slot holds the handle, and then nothing may be touched.
+ */
+class CallbackStay {
+public:
+    CallbackStay(SCREENRECORD_ZuModule_e eModule, u32 u32Handle);
+
+    bool Found() const { return m_pass.has_value(); }
+    u32 SlotId() const { return m_u32SlotId; }
+
+private:
+    u32 m_u32SlotId = 0;
+    std::optional<GatePass> m_pass;
+};
+
+/** The slot that a callback stays in; ZU_FAILURE, logged, and slot 0 when no slot holds its handle. */
+u32 _SCREENRECORD_Handle2SlotId(const CallbackStay& stay, u32* pu32SlotId);
+
+#endif
