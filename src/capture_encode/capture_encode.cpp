@@ -1,18 +1,14 @@
-#include "capture_encode/capture_encode.h"
-
 #include <screenrecord/screenrecord.h>
 
+#include "base/log.h"
 #include "base/picture_size.h"
 #include "capture_encode/frame_ring.h"
 #include "capture_encode/watermark.h"
+#include "modules/encoder.h"
 #include "modules/module.h"
-#include "modules/sources.h"
-#include "table/control_lock.h"
+#include "modules/screen_capture.h"
+#include "table/control_call.h"
 #include "table/worker_tasks.h"
-
-CrossThread<u8> _bPaused;
-CrossThread<u8> _bUseEntireInjectBuf;
-SCREENRECORD_EntireInjectBuf_s _stEntireInjectBuf;
 
 namespace {
 
@@ -34,89 +30,6 @@ void TakeParams(CapEnc_OpenParams* pstParams)
     stSrcInfo.u32FrameRate = _SCREENRECORD_ValueOr(pstParams->frameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
     stSrcInfo.u32OutputBitrate = _SCREENRECORD_ValueOr(pstParams->outputBitrate, DEFAULT_BITRATE);
     stSrcInfo.bOsd = static_cast<u8>(pstParams->osd);
-}
-
-/** Android's AVC profile code to profile_idc (ISO/IEC 14496-10, 7.4.2.1.1). */
-u32 _SCREENRECORD_Venc_Profile_Convert(u32 u32Profile)
-{
-    switch (u32Profile) {
-    case 1:
-        return 66;
-    case 2:
-        return 77;
-    default:
-        SR_LOGE("not surport venc profile =%x!\n", u32Profile);
-        return 0;
-    }
-}
-
-/** Android's AVC level code, a bit a level, to a hundred times the level's number. */
-u32 _SCREENRECORD_Venc_Level_Convert(u32 u32Level)
-{
-    static constexpr u32 au32Levels[] = {100, 101, 110, 120, 130, 200, 210, 220, 300, 310, 320, 400, 410};
-    for (u32 u32Bit = 0; u32Bit < sizeof(au32Levels) / sizeof(au32Levels[0]); u32Bit++)
-        if (u32Level == 1u << u32Bit)
-            return au32Levels[u32Bit];
-    SR_LOGE("not surport venc level =%x!\n", u32Level);
-    return 0;
-}
-
-ZU_VENC_OpenParams_t EncoderParams(const CapEnc_OpenParams& stParams)
-{
-    ZU_VENC_OpenParams_t stOpen = {};
-    stOpen.pu8Name = "venc0";
-    stOpen.eColorFormat = E_ZU_VENC_COLOR_INJECT;
-    stOpen.u32Width = stParams.width;
-    stOpen.u32Height = stParams.height;
-    stOpen.u32FrameRate = stParams.frameRate;
-    stOpen.u32Bitrate = stParams.outputBitrate >> 10;
-    stOpen.u32Profile = _SCREENRECORD_Venc_Profile_Convert(stParams.profile);
-    stOpen.u32Level = _SCREENRECORD_Venc_Level_Convert(stParams.level);
-    stOpen.eCodecType = E_ZU_VENC_CODEC_H264;
-    stOpen.pfnCallback = _SCREENRECORD_VencCbHandler_NoTs;
-    stOpen.u32EventMask = ZU_VENC_EVENT_FRAME;
-    return stOpen;
-}
-
-/** Decides whether the capture writes into the encoder's buffer: that holds at least one picture then. */
-bool ChooseInjectMode(u32 u32Venc, const CapEnc_OpenParams& stParams)
-{
-    _bUseEntireInjectBuf = 0; // an earlier session's buffer is forgotten, whatever this encoder answers
-    ZU_VENC_EntireInjectBuf_t stBuffer = {};
-    const u32 u32Result = ZU_VENC_QueryEntireInjectBuffer(u32Venc, &stBuffer);
-    _stEntireInjectBuf.u32VirtAddr = stBuffer.u32VirtAddr;
-    _stEntireInjectBuf.u32Size = stBuffer.u32Size;
-    if (u32Result != ZU_OK)
-        return false;
-    const bool bFits = stBuffer.u32Size >= static_cast<u64>(stParams.width) * stParams.height * 3 / 2;
-    _bUseEntireInjectBuf = stBuffer.u32VirtAddr != 0 && bFits;
-    return true;
-}
-
-u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams)
-{
-    const ZU_VENC_Caps_t& stCaps = _stModuleCaps.stVencCaps;
-    if (stParams.width > stCaps.u32MaxWidth || stParams.height > stCaps.u32MaxHeight ||
-        stParams.frameRate > stCaps.u32MaxFrameRate) {
-        SR_LOGE("Out of Venc Support size, %ux%u@%u)", stCaps.u32MaxWidth, stCaps.u32MaxHeight,
-                stCaps.u32MaxFrameRate);
-        return ZU_FAILURE;
-    }
-    const ZU_VENC_OpenParams_t stOpen = EncoderParams(stParams);
-    SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stOpen.u32Width),
-            static_cast<long>(stOpen.u32Height), static_cast<long>(stOpen.u32FrameRate));
-    SCREENRECORD_TaskCtrl_s* pstTask = EncoderTask();
-    if (ZU_VENC_Open(&stOpen, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
-        SR_LOGE("Fail to call ZU_VENC_Open()\n");
-        _SCREENRECORD_CloseVenc(pstTask);
-        return ZU_FAILURE;
-    }
-    if (!ChooseInjectMode(pstTask->u32Handle, stParams)) {
-        SR_LOGE("Failed to ZU_VENC_QueryBuffer(...)!\n");
-        _SCREENRECORD_CloseVenc(pstTask);
-        return ZU_FAILURE;
-    }
-    return ZU_OK;
 }
 
 /** A start that failed half-way ends stopped and closed. */
@@ -166,7 +79,7 @@ s32 video_capenc_open(CapEnc_OpenParams* params)
         return -1;
     }
     _SCREENRECORD_ResetTask(pstVenc, E_SCREENRECORD_MODULE_VENC);
-    if (_SCREENRECORD_OpenVenc_NoTs(*params) != ZU_OK) {
+    if (_SCREENRECORD_OpenVenc_NoTs(*params, _SCREENRECORD_VencCbHandler_NoTs) != ZU_OK) {
         SR_LOGE(" _SCREENRECORD_OpenVenc Failed!\n");
         _SCREENRECORD_CloseVcap(pstVcap);
         return -1;

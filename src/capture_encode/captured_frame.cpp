@@ -1,12 +1,12 @@
-#include "capture_encode/captured_frame.h"
-
 #include <cstring>
 
 #include <utils/Timers.h>
 
-#include "capture_encode/capture_encode.h"
+#include "base/log.h"
 #include "capture_encode/frame_ring.h"
 #include "capture_encode/watermark.h"
+#include "modules/display_connection.h"
+#include "modules/inject_buffer.h"
 #include "table/recording_table.h"
 
 namespace {

@@ -6,9 +6,11 @@
 
 #include <screenrecord/screenrecord.h>
 
+#include "base/log.h"
 #include "modules/encoder_output.h"
 #include "table/recording_table.h"
 
+CrossThread<u8> _bPaused;
 CrossThread<u8> _bWaitKeyFrame;
 CrossThread<u64> _au64InputPts[CAPENC_INPUT_COUNT];
 CrossThread<u64> _u64LastPts;

@@ -11,6 +11,8 @@ enum {
     CAPENC_INPUT_COUNT = 16,                 /**< input-buffer indices of the encoder */
 };
 
+/** 1 = captured pictures are dropped. */
+extern CrossThread<u8> _bPaused;
 /** 1 = no frame but a key frame is taken into the ring; the captured-frame handler asks the encoder for one.
  */
 extern CrossThread<u8> _bWaitKeyFrame;

@@ -4,16 +4,14 @@
 
 #include <screenrecord/screenrecord.h>
 
-#include "capture_encode/capture_encode.h"
-#include "table/control_lock.h"
+#include "base/log.h"
+#include "modules/inject_buffer.h"
+#include "table/control_call.h"
 #include "table/recording_table.h"
 
 using android::sp;
 using android::WatermarkParams;
 using android::vexa_screenrecord::SrGlWorker;
-
-SCREENRECORD_InjectBufFd_s _stInjectBufFd;
-SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
 
 namespace {
 
@@ -36,41 +34,6 @@ CrossThread<SrGlWorker*> _pPublishedWorker;
 
 /** This interface's error lines carry no line number, and some no function name. */
 #define WATERMARK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, SR_TAG, __VA_ARGS__)
-
-/** Finds the inject buffer's block and gets a descriptor of it. */
-bool DescribeInjectBuffer()
-{
-    _stInjectBufInfo.u64PhyAddr = 0;
-    _stInjectBufInfo.u64StartPhyAddr = 0;
-    _stInjectBufFd.u64PhyAddr = 0;
-    _stInjectBufFd.s32Fd = SCREENRECORD_NO_ID;
-
-    ZU_OS_IommuBufInfo_t stInfo = {};
-    if (ZU_OS_Va2Pa(_stEntireInjectBuf.u32VirtAddr, &stInfo.u64PhyAddr) != ZU_OK) {
-        WATERMARK_LOGE("%s ZU_OS_Va2Pa failed with external memory", LogAs::Name());
-        return false;
-    }
-    _stInjectBufInfo.u64PhyAddr = stInfo.u64PhyAddr;
-    if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO, &stInfo) != ZU_OK) {
-        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed", LogAs::Name());
-        return false;
-    }
-    const unsigned long long ullPhyAddr = _stInjectBufInfo.u64PhyAddr;
-    _stInjectBufInfo.u64StartPhyAddr = stInfo.u64StartPhyAddr;
-    _stInjectBufFd.u64PhyAddr = ullPhyAddr;
-    SR_HELPER_LOGD("%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx", LogAs::Name(), ullPhyAddr,
-                   static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
-
-    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
-    const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
-    _stInjectBufFd.s32Fd = stFd.s32Fd; // also of a call that failed: the encoder's close gives it back
-    if (u32Result != ZU_OK) {
-        WATERMARK_LOGE("%s E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed", LogAs::Name());
-        return false;
-    }
-    SR_HELPER_LOGD("%s get buffer fd OK, fd:%d, physic: 0x%llx", LogAs::Name(), stFd.s32Fd, ullPhyAddr);
-    return true;
-}
 
 bool IsInInjectBuffer(u64 u64PhyAddr)
 {
@@ -120,7 +83,7 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
             WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
             return -1;
         }
-        if (!DescribeInjectBuffer())
+        if (!_SCREENRECORD_DescribeInjectBuffer())
             return -1;
         _spSrGlWorker = SrGlWorker::newWorker();
         if (!_spSrGlWorker) {

@@ -5,7 +5,6 @@
 #include <zu3/disp.h>
 
 #include "base/log.h"
-#include "capture_encode/captured_frame.h"
 
 u32 _u32DispHandle;
 

@@ -7,6 +7,15 @@
 /** The display that a capture is connected to, 0 = none. Control calls only. */
 extern u32 _u32DispHandle;
 
+/**
+ * The captured-frame handler: the capture's callback, once per picture, on the capture's own thread. The
+ * layer above the modules defines it (capture_encode/captured_frame.cpp); the registration hands it to the
+ * capture. It decides whether the picture is encoded and hands it to slot 0's encoder with the time at which
+ * it arrived. Lock-free.
+ * @return 1; 0 when the capture did not accept its buffer back (the picture is not encoded then)
+ */
+u32 _SCREENRECORD_Callback(s32 s32Handle, u32 u32Event, ZU_CAP_FrameInfo_t* pstFrame, void* pUserData);
+
 /** Connects a capture to the main display; a display that is connected already is left alone. ZU_OK or a
  * code. */
 u32 _SCREENRECORD_ConnectDisp(s32 s32Handle);

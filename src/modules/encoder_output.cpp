@@ -2,6 +2,8 @@
 
 #include <zu3/tsmux.h>
 
+#include "base/log.h"
+
 namespace {
 
 enum { MULTIPLEXER_BUSY_MS = 200 };

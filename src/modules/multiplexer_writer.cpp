@@ -1,8 +1,14 @@
-#include <cstdlib>
+#include "modules/multiplexer_writer.h"
 
+#include <cstdlib>
+#include <mutex>
+
+#include <screenrecord/screenrecord.h>
 #include <zu3/fs.h>
 #include <zu3/tsmux.h>
 
+#include "base/log.h"
+#include "table/control_call.h"
 #include "table/worker_tasks.h"
 
 namespace {
@@ -36,7 +42,7 @@ public:
             if (bLast)
                 return;
             ZU_OS_DelayTask(WRITER_PASS_MS);
-            if (LimitPassed() && m_run.TryCloseOwnSlot())
+            if (LimitPassed() && TryCloseOwnSlot())
                 return;
         }
     }
@@ -76,6 +82,30 @@ private:
         u32 u32ElapsedMs = 0;
         return m_bTimerRuns && ZU_OS_TimerDiffTimeFromNow(m_u32StartMs, &u32ElapsedMs) == ZU_OK &&
                u32ElapsedMs / 1000 > u32Limit;
+    }
+
+    /**
+     * Stops and closes the slot by the library's own calls. Afterwards the record is another run's and this
+     * one only ends, as it does where the record was another's before. False, and nothing done, while a
+     * client is in a control call.
+     */
+    bool TryCloseOwnSlot()
+    {
+        const std::unique_lock<std::recursive_mutex> lock(_controlMutex, std::try_to_lock);
+        if (!lock.owns_lock())
+            return false;
+        if (m_run.Outlived())
+            return true;
+        SR_HELPER_LOGD("%s() Out of limitsec stop record _u32RecordTime = %ld\n", LogAs::Name(),
+                       static_cast<long>(_u32RecordTime));
+        u32 u32Handle = m_run.SlotId();
+        m_run.BeginClosingOwnSlot();
+        if (SCREENRECORD_Stop(&u32Handle) == 0)
+            SR_HELPER_LOGE("SCREENRECORD_Stop Fail\n");
+        if (SCREENRECORD_Close(&u32Handle) == 0)
+            SR_HELPER_LOGE("SCREENRECORD_Close Fail\n");
+        m_run.EndClosingOwnSlot();
+        return true;
     }
 
     WorkerRun& m_run;

@@ -1,11 +1,18 @@
+#include "modules/source_reader.h"
+
 #include <utils/Timers.h>
 #include <zu3/fs.h>
 
+#include "base/log.h"
+#include "modules/module.h"
 #include "table/worker_tasks.h"
 
 namespace {
 
-enum { READER_PASS_MS = 28 };
+enum {
+    READER_PASS_MS = 28,
+    READER_STACK_SIZE = 4096,
+};
 
 enum class Feeding { DONE, ENCODER_BUSY, END_OF_FILE };
 
@@ -48,7 +55,50 @@ bool FeedEncoder(WorkerRun& run)
     return feeding != Feeding::END_OF_FILE;
 }
 
+/** `pKind`: "VIDEO" or "AUDIO", for the log. */
+u32 StartReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, ZU_OS_TaskEntry pfnEntry, const char* pKind)
+{
+    const u32 u32Result = _SCREENRECORD_CreateTask(pstTask, u32SlotId, READER_STACK_SIZE, pfnEntry);
+    if (u32Result != ZU_OK)
+        SR_HELPER_LOGE("Failed to Create %s Src Reader Handler Task(...)!\n", pKind);
+    return u32Result;
+}
+
 } // namespace
+
+u32 _SCREENRECORD_OpenSrcReader(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask)
+{
+    if (pstSlot == nullptr || pstTask == nullptr)
+        return ZU_INVALID_ARGUMENT;
+    const char* pName = nullptr;
+    if (pstTask->eModule == E_SCREENRECORD_MODULE_VIDEO_SRC_READER) {
+        pName = pstSlot->stSrcInfo.pu8VideoSrcName;
+    } else if (pstTask->eModule == E_SCREENRECORD_MODULE_AUDIO_SRC_READER) {
+        pName = pstSlot->stSrcInfo.pu8AudioSrcName;
+    } else {
+        SR_LOGE("Support module!\n");
+        return ZU_INVALID_ARGUMENT;
+    }
+    const u32 u32File = ZU_FS_Fopen(pName, "rb");
+    pstTask->u32SrcFile = u32File;
+    if (u32File == 0) {
+        SR_LOGE("Error: failed to ZU_FS_Fopen(%s) for Input Sourcen", pName);
+        return ZU_FAILURE;
+    }
+    ZU_FS_Fseek(u32File, 0, 0);
+    pstTask->u32Handle = u32File & 0x7FFFFFFF;
+    return ZU_OK;
+}
+
+u32 _SCREENRECORD_StartVideoReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
+{
+    return StartReader(pstTask, u32SlotId, _SCREENRECORD_VreaderTaskHandler, "VIDEO");
+}
+
+u32 _SCREENRECORD_StartAudioReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
+{
+    return StartReader(pstTask, u32SlotId, _SCREENRECORD_AreaderTaskHandler, "AUDIO");
+}
 
 void _SCREENRECORD_VreaderTaskHandler(void* pArg)
 {
@@ -74,4 +124,18 @@ void _SCREENRECORD_AreaderTaskHandler(void* pArg)
     while (!run.ExitRequested())
         ZU_OS_DelayTask(READER_PASS_MS);
     run.End();
+}
+
+u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask)
+{
+    const LogAs as(__func__);
+    if (pstTask == nullptr)
+        return ZU_INVALID_ARGUMENT;
+    _SCREENRECORD_StopBeforeClose(pstTask);
+    if (pstTask->u32SrcFile != 0 && ZU_FS_Fclose(pstTask->u32SrcFile) != ZU_OK)
+        SR_LOGE("ZU_FS_Fclose Failed!\n");
+    ZU_FS_Sync();
+    pstTask->u32SrcFile = 0;
+    pstTask->u32Handle = 0;
+    return ZU_OK;
 }

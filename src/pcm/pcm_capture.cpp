@@ -1,8 +1,9 @@
 #include <screenrecord/screenrecord.h>
 
+#include "base/log.h"
 #include "modules/module.h"
-#include "modules/sources.h"
-#include "table/control_lock.h"
+#include "modules/sound_capture.h"
+#include "table/control_call.h"
 #include "table/worker_tasks.h"
 
 namespace {

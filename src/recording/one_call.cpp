@@ -1,6 +1,7 @@
 #include <screenrecord/screenrecord.h>
 
-#include "table/control_lock.h"
+#include "base/log.h"
+#include "table/control_call.h"
 #include "table/recording_table.h"
 
 namespace {

@@ -3,10 +3,11 @@
 #include <screenrecord/screenrecord.h>
 #include <utils/Timers.h>
 
+#include "base/log.h"
 #include "base/picture_size.h"
-#include "modules/display_connection.h"
 #include "modules/module.h"
-#include "table/control_lock.h"
+#include "modules/screen_capture.h"
+#include "table/control_call.h"
 
 namespace {
 
@@ -43,23 +44,6 @@ bool video_cap_ConverOutPutFormat(u32 u32Format, u32* pu32CapFormat)
         return false;
     }
     *pu32CapFormat = au32CapFormat[u32Format];
-    return true;
-}
-
-/** Opens the capture without an encoder behind it. */
-bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask)
-{
-    const ZU_CAP_OpenParams_t stParams = {.u8CapturePath = 0};
-    if (ZU_CAP_Open(&stParams, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
-        SR_LOGE("Failed to ZU_CAP_Open(...)!\n");
-        _SCREENRECORD_CloseVcap(pstTask);
-        return false;
-    }
-    if (_SCREENRECORD_ConnectDisp(static_cast<s32>(pstTask->u32Handle)) != ZU_OK) {
-        SR_LOGE("Fail to Connect Disp!\n");
-        _SCREENRECORD_CloseVcap(pstTask);
-        return false;
-    }
     return true;
 }
 

@@ -1,4 +1,4 @@
-/** The recording table: all state of a recording, and the checks that every control call begins with. */
+/** The recording table: all state of a recording. */
 #ifndef SCREENRECORD_TABLE_RECORDING_TABLE_H
 #define SCREENRECORD_TABLE_RECORDING_TABLE_H
 
@@ -11,7 +11,6 @@
 
 #include "base/callback_gate.h"
 #include "base/cross_thread.h"
-#include "base/log.h"
 #include "base/middleware_mutex.h"
 
 enum {
@@ -152,20 +151,13 @@ inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_CaptureTask(void)
 /** The slot that a module's record belongs to. */
 SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pstTask);
 
-/** Clears a module's record and gives it its index; waits for callbacks that are in it. */
-void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
+/** Clears the fields of a module's record, whose handle was withdrawn, and gives it its index. */
+void _SCREENRECORD_ClearTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
 /** Frees the names and clears everything else. */
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
-/** Clears both slots. */
-void _SCREENRECORD_ClearTable();
 
 /** Takes the handle out of a record and waits for the callbacks that found it there; returns the handle. */
 u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
-
-/** Handle check, then initialisation gate; on true the slot's retired writer, if any, has been reclaimed. */
-bool _SCREENRECORD_CheckSlot(const u32* pu32Handle);
-/** _SCREENRECORD_CheckSlot, and refuses a slot with a running module. */
-bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle);
 
 /**
  * A callback's stay in the record that holds its handle: while it lives, closing that module waits. Empty

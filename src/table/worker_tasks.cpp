@@ -3,9 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <screenrecord/screenrecord.h>
-
-#include "table/control_lock.h"
+#include "base/log.h"
 
 namespace {
 
@@ -203,22 +201,13 @@ void WorkerRun::End()
         ZU_OS_ReleaseMutex(m_s32MutexId);
 }
 
-bool WorkerRun::TryCloseOwnSlot()
+void WorkerRun::BeginClosingOwnSlot()
 {
-    const std::unique_lock<std::recursive_mutex> lock(_controlMutex, std::try_to_lock);
-    if (!lock.owns_lock())
-        return false;
-    if (Outlived())
-        return true;
-    SR_HELPER_LOGD("%s() Out of limitsec stop record _u32RecordTime = %ld\n", LogAs::Name(),
-                   static_cast<long>(_u32RecordTime));
-    u32 u32Handle = m_u32SlotId;
     _pstClosingWriter = m_pstTask;
-    if (SCREENRECORD_Stop(&u32Handle) == 0)
-        SR_HELPER_LOGE("SCREENRECORD_Stop Fail\n");
-    if (SCREENRECORD_Close(&u32Handle) == 0)
-        SR_HELPER_LOGE("SCREENRECORD_Close Fail\n");
+}
+
+void WorkerRun::EndClosingOwnSlot()
+{
     _pstClosingWriter = nullptr;
     m_bRetired = true;
-    return true;
 }

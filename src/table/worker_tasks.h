@@ -5,11 +5,6 @@
 
 #include "table/recording_table.h"
 
-enum {
-    SCREENRECORD_READER_STACK_SIZE = 4096,
-    SCREENRECORD_WRITER_STACK_SIZE = 0x20800,
-};
-
 /**
  * Creates a module's mutex and, unless `u32StackSize` is 0, its task.
  * @return ZU_OK, ZU_FAILURE (nothing is left behind; an existing task is left alone), ZU_INVALID_ARGUMENT for
@@ -28,10 +23,6 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /** Joins the writer that closed its own slot, and frees what was its; nothing when there is none. */
 void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId);
-
-void _SCREENRECORD_VreaderTaskHandler(void* pArg);
-void _SCREENRECORD_AreaderTaskHandler(void* pArg);
-void _SCREENRECORD_TsmuxTaskHandler(void* pArg);
 
 /** The common frame of every worker: the argument block, the mutex held for the whole run, the way out. */
 class WorkerRun {
@@ -52,12 +43,10 @@ public:
     u32 SlotId() const { return m_u32SlotId; }
     SCREENRECORD_TaskCtrl_s* Task() const { return m_pstTask; }
 
-    /**
-     * Stops and closes the run's own slot, as the writer does at the time limit; afterwards the record is
-     * another's and the run only ends, as it does where the record was another's before. False, and nothing
-     * done, while a client is in a control call.
-     */
-    bool TryCloseOwnSlot();
+    /** From here the deletion retires this worker instead of waiting for it. Under the control lock. */
+    void BeginClosingOwnSlot();
+    /** The record is another run's from here on. Under the same hold of the control lock. */
+    void EndClosingOwnSlot();
 
 private:
     u32 m_u32SlotId;

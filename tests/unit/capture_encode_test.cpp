@@ -2,7 +2,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include <capture_encode/capture_encode.h>
+#include <modules/inject_buffer.h>
 #include <capture_encode/watermark.h>
 
 #include "library_test.h"

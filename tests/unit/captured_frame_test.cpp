@@ -2,7 +2,7 @@
  */
 #include <numeric>
 
-#include <capture_encode/capture_encode.h>
+#include <modules/inject_buffer.h>
 #include <capture_encode/frame_ring.h>
 #include <srglworker/SrGlWorker.h>
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <limits>
 
-#include <capture_encode/capture_encode.h>
+#include <modules/inject_buffer.h>
 
 #include "library_test.h"
 

@@ -1,7 +1,10 @@
-#ifndef SCREENRECORD_TABLE_CONTROL_LOCK_H
-#define SCREENRECORD_TABLE_CONTROL_LOCK_H
+/** What every control call begins with: the lock, and the checks of its handle. */
+#ifndef SCREENRECORD_TABLE_CONTROL_CALL_H
+#define SCREENRECORD_TABLE_CONTROL_CALL_H
 
 #include <mutex>
+
+#include <zu3/types.h>
 
 /**
  * Control calls exclude one another: they share the table, the display connection and the capture
@@ -14,5 +17,10 @@
 inline std::recursive_mutex _controlMutex;
 
 using ControlLock = std::lock_guard<std::recursive_mutex>;
+
+/** Handle check, then initialisation gate; on true the slot's retired writer, if any, has been reclaimed. */
+bool _SCREENRECORD_CheckSlot(const u32* pu32Handle);
+/** _SCREENRECORD_CheckSlot, and refuses a slot with a running module. */
+bool _SCREENRECORD_CheckIdleSlot(const u32* pu32Handle);
 
 #endif

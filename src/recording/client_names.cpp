@@ -1,7 +1,10 @@
-#include "recording/codec_names.h"
+#include "recording/client_names.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+
+#include "base/log.h"
 
 namespace {
 
@@ -26,6 +29,37 @@ bool IsAnyOf(const char* pName, std::initializer_list<const char*> names)
 }
 
 } // namespace
+
+char* _SCREENRECORD_CopyName(const u8* pu8Name)
+{
+    const char* pName = reinterpret_cast<const char*>(pu8Name);
+    const size_t size = strlen(pName) + 1;
+    char* pCopy = static_cast<char*>(malloc(size));
+    if (pCopy != nullptr)
+        memcpy(pCopy, pName, size);
+    else
+        SR_HELPER_LOGE("[DEMO TRANSCODE] FAILED malloc memory!\n");
+    return pCopy;
+}
+
+bool _SCREENRECORD_TakeSourceName(const u8* pu8Name, char** ppu8Copy)
+{
+    if (pu8Name == nullptr) {
+        SR_HELPER_LOGE("Error: invalid Source name\n");
+        return false;
+    }
+    free(*ppu8Copy);
+    *ppu8Copy = _SCREENRECORD_CopyName(pu8Name);
+    return *ppu8Copy != nullptr;
+}
+
+SCREENRECORD_SrcKind_e _SCREENRECORD_SrcKindOf(const char* pName)
+{
+    const size_t length = strlen(pName);
+    if (length >= 5 && strcmp(pName + length - 3, ".ts") == 0)
+        return E_SCREENRECORD_SRC_TS_FILE;
+    return strcmp(pName, "cap") == 0 ? E_SCREENRECORD_SRC_CAPTURE : E_SCREENRECORD_SRC_FILE;
+}
 
 u32 _SCREENRECORD_GetVencSrcType(const u8* pu8Name, SCREENRECORD_SrcInfo_s* pstSrcInfo)
 {

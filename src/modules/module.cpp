@@ -1,0 +1,146 @@
+#include "modules/module.h"
+
+#include <zu3/sys.h>
+
+#include "base/log.h"
+#include "table/worker_tasks.h"
+
+namespace {
+
+u32 BitOf(u32 u32Module)
+{
+    return 1u << u32Module;
+}
+
+void InitSystemOnce()
+{
+    if (_bSysInited != 0)
+        return;
+    const u32 u32Result = ZU_SYS_Init(0);
+    if (u32Result != ZU_OK)
+        SR_HELPER_LOGE("Error 0x%x: failed to ZU_SYS_Init()\n", u32Result);
+    _bSysInited = 1;
+}
+
+/** Enters an initialisation's result into the masks. False when the module cannot be used. */
+bool NoteInit(SCREENRECORD_ZuModule_e eModule, u32 u32Result)
+{
+    if (u32Result != ZU_OK && u32Result != ZU_ALREADY_INITIALISED)
+        return false;
+    _u32ModuleInitMask |= BitOf(eModule);
+    if (u32Result == ZU_OK)
+        _u32ModuleDeinitMask |= BitOf(eModule);
+    return true;
+}
+
+/** A capability query's outcome; a record that could not be filled is left zero. */
+template <typename T> bool Query(u32 (*pfnGetCaps)(T*), T* pstCaps)
+{
+    if (pfnGetCaps(pstCaps) == ZU_OK)
+        return true;
+    *pstCaps = T{};
+    return false;
+}
+
+} // namespace
+
+u32 _SCREENRECORD_InitModule(SCREENRECORD_ZuModule_e eModule)
+{
+    const LogAs as(__func__);
+    if (eModule < E_SCREENRECORD_MODULE_MAX && (_u32ModuleInitMask & BitOf(eModule)) != 0)
+        return ZU_OK;
+    InitSystemOnce();
+    if (eModule >= E_SCREENRECORD_MODULE_MAX) {
+        SR_LOGE("Init Undefine module\n");
+        return ZU_INVALID_ARGUMENT;
+    }
+    return NoteInit(eModule, _astModuleOperations[eModule].pfnInit()) ? ZU_OK : ZU_FAILURE;
+}
+
+void _SCREENRECORD_DeInitModule(u32 u32Module)
+{
+    if ((_u32ModuleInitMask & BitOf(u32Module)) == 0) {
+        SR_LOGD("[DEMO TRANSCODE] Module %d has Deinited\n", static_cast<int>(u32Module));
+        return;
+    }
+    const bool bOurs = (_u32ModuleDeinitMask & BitOf(u32Module)) != 0;
+    _u32ModuleInitMask &= ~BitOf(u32Module);
+    _u32ModuleDeinitMask &= ~BitOf(u32Module);
+    if (!bOurs)
+        return; // another user of the process initialised it, or it has no initialisation
+    const SCREENRECORD_ModuleOperations_s& stModule = _astModuleOperations[u32Module];
+    if (stModule.pfnDeInit != nullptr && stModule.pfnDeInit() != ZU_OK)
+        SR_LOGE("%s\n", stModule.pDeInitFailure);
+}
+
+void _SCREENRECORD_GetModuleCaps(void)
+{
+    _stModuleCaps = SCREENRECORD_ModuleCaps_s{};
+    if (!Query(ZU_VIDEO_GetCaps, &_stModuleCaps.stVideoCaps))
+        SR_LOGE("[DEMO TRANSCODE] Failed to Get Video Caps\n");
+    else if (!Query(ZU_VENC_GetCaps, &_stModuleCaps.stVencCaps))
+        SR_LOGE("[DEMO TRANSCODE] Failed to Get Venc Caps\n");
+    else if (!Query(ZU_AUDIO_GetCaps, &_stModuleCaps.stAudioCaps))
+        SR_LOGE("[DEMO TRANSCODE] Failed to Get Audio Caps\n");
+    else if (!Query(ZU_ACAP_GetCaps, &_stModuleCaps.stAcapCaps))
+        SR_LOGE("[DEMO TRANSCODE] Failed to Get Acap Caps\n");
+}
+
+void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule)
+{
+    const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
+    if (const auto pfnForget = _astModuleOperations[eModule].pfnForget)
+        pfnForget(u32Handle);
+    _SCREENRECORD_ClearTask(pstTask, eModule);
+}
+
+u32 _SCREENRECORD_StartModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
+{
+    const LogAs as(__func__);
+    if (pstTask == nullptr)
+        return ZU_INVALID_ARGUMENT;
+    if (pstTask->eModule >= E_SCREENRECORD_MODULE_MAX) {
+        SR_LOGE("INVALID ModuleID Id!\n");
+        return ZU_INVALID_ARGUMENT;
+    }
+    if (pstTask->u32Handle == 0 || pstTask->bRunning == 1)
+        return ZU_OK;
+    u32 u32Result = ZU_OK;
+    if (const auto pfnStart = _astModuleOperations[pstTask->eModule].pfnStart)
+        u32Result = pfnStart(pstTask, u32SlotId);
+    if (u32Result == ZU_OK) {
+        pstTask->bRunning = 1;
+        return ZU_OK;
+    }
+    if (_SCREENRECORD_StopModule(pstTask) != ZU_OK)
+        SR_LOGE(" _SCREENRECORD_StopModule Failed!\n");
+    return u32Result;
+}
+
+u32 _SCREENRECORD_StopModule(SCREENRECORD_TaskCtrl_s* pstTask)
+{
+    const LogAs as(__func__);
+    if (pstTask == nullptr)
+        return ZU_INVALID_ARGUMENT;
+    if (pstTask->u32Handle == 0) {
+        SR_LOGE("_SCREENRECORD_StopModule handle is NULL  \n");
+        pstTask->bRunning = 0;
+        return ZU_OK;
+    }
+    if (pstTask->eModule >= E_SCREENRECORD_MODULE_MAX) {
+        SR_LOGE("INVALID ModuleID Id!\n");
+        return ZU_INVALID_ARGUMENT;
+    }
+    if (const auto pfnStop = _astModuleOperations[pstTask->eModule].pfnStop)
+        pfnStop(pstTask);
+    if (_SCREENRECORD_DeleteTask(pstTask) != ZU_OK)
+        SR_LOGE("_SCREENRECORD_DeleteTask Failed\n");
+    pstTask->bRunning = 0;
+    return ZU_OK;
+}
+
+void _SCREENRECORD_StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask)
+{
+    if (_SCREENRECORD_StopModule(pstTask) != ZU_OK)
+        SR_HELPER_LOGE("SCREENRECORD_StopModule Failed!\n");
+}

@@ -1,0 +1,19 @@
+/** The transport-stream multiplexer. An opening that fails half-way leaves nothing open. */
+#ifndef SCREENRECORD_MODULES_MULTIPLEXER_H
+#define SCREENRECORD_MODULES_MULTIPLEXER_H
+
+#include "table/recording_table.h"
+
+/** Opens the slot's multiplexer with the packet size and rate of `stSrcInfo`, where it notes the success. A
+ * failure is logged. */
+bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s* pstTask);
+/** Stops the multiplexer first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for NULL.
+ */
+u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask);
+
+/* Operations of the module's table (modules/module.h). */
+u32 _SCREENRECORD_InitTsmux();
+u32 _SCREENRECORD_StartTsmux(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
+void _SCREENRECORD_StopTsmux(SCREENRECORD_TaskCtrl_s* pstTask);
+
+#endif

@@ -1,0 +1,17 @@
+/** The sound capture. An opening that fails half-way leaves nothing open. */
+#ifndef SCREENRECORD_MODULES_SOUND_CAPTURE_H
+#define SCREENRECORD_MODULES_SOUND_CAPTURE_H
+
+#include "table/recording_table.h"
+
+/** Opens the sound capture; `bRegisterCallback` 1 = with the event callback. ZU_OK or ZU_FAILURE. */
+u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallback);
+/** Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for NULL. */
+u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask);
+
+/* Operations of the module's table (modules/module.h). */
+u32 _SCREENRECORD_InitAcap();
+u32 _SCREENRECORD_StartAcap(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
+void _SCREENRECORD_StopAcap(SCREENRECORD_TaskCtrl_s* pstTask);
+
+#endif

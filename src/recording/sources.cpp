@@ -1,0 +1,155 @@
+#include <cstdlib>
+
+#include <screenrecord/screenrecord.h>
+
+#include "base/log.h"
+#include "base/picture_size.h"
+#include "modules/encoder.h"
+#include "modules/screen_capture.h"
+#include "modules/sound_capture.h"
+#include "modules/source_reader.h"
+#include "recording/client_names.h"
+#include "table/control_call.h"
+
+namespace {
+
+enum { DEFAULT_BIT_WIDTH = 16 };
+
+u32 PointedValueOr(const u32* pu32Value, u32 u32Default)
+{
+    return pu32Value != nullptr ? _SCREENRECORD_ValueOr(*pu32Value, u32Default) : u32Default;
+}
+
+/** Keeps a file source's name, drops the screen's, and checks the codec name. False when that is rejected. */
+bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
+{
+    const SCREENRECORD_SrcKind_e eKind = _SCREENRECORD_SrcKindOf(stSrcInfo.pu8VideoSrcName);
+    if (eKind == E_SCREENRECORD_SRC_TS_FILE)
+        return true;
+    if (_SCREENRECORD_GetVencSrcType(pu8VencType, &stSrcInfo) != ZU_OK)
+        return false;
+    if (eKind == E_SCREENRECORD_SRC_CAPTURE) {
+        free(stSrcInfo.pu8VideoSrcName);
+        stSrcInfo.pu8VideoSrcName = nullptr;
+    }
+    return true;
+}
+
+/** Opens the file or the capture, whichever feeds the encoder. */
+bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
+{
+    if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr) {
+        SCREENRECORD_TaskCtrl_s* pstReader = &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VIDEO_SRC_READER];
+        if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
+            return true;
+        SR_HELPER_LOGE("[DEMO TRANSCODE] Open Src File Reader Failed!\n");
+        return false;
+    }
+    if (_SCREENRECORD_OpenVcap(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VCAP]) == ZU_OK)
+        return true;
+    SR_HELPER_LOGE("[DEMO TRANSCODE] Open Vcap Failed!\n");
+    return false;
+}
+
+/** Keeps a file source's name, drops the capture's, and checks the codec name; logs what it rejects. */
+bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
+{
+    const SCREENRECORD_SrcKind_e eKind = _SCREENRECORD_SrcKindOf(stSrcInfo.pu8AudioSrcName);
+    if (eKind == E_SCREENRECORD_SRC_TS_FILE)
+        return true;
+    const bool bAccepted = _SCREENRECORD_GetAencSrcType(pu8AencType, &stSrcInfo) == ZU_OK;
+    if (eKind == E_SCREENRECORD_SRC_CAPTURE) {
+        if (!bAccepted) {
+            SR_HELPER_LOGE("Error: invalid AENC Type!\n");
+            return false;
+        }
+        free(stSrcInfo.pu8AudioSrcName);
+        stSrcInfo.pu8AudioSrcName = nullptr;
+        return true;
+    }
+    if (!bAccepted) {
+        SR_HELPER_LOGE("Error: invalid Dst Type\n");
+        return false;
+    }
+    if (stSrcInfo.eAencType != 0) {
+        SR_HELPER_LOGE("Error: only aac could support file source\n");
+        return false;
+    }
+    return true;
+}
+
+bool OpenAudioSource(SCREENRECORD_SlotCtrl_s* pstSlot)
+{
+    if (pstSlot->stSrcInfo.pu8AudioSrcName != nullptr) {
+        SCREENRECORD_TaskCtrl_s* pstReader = &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_AUDIO_SRC_READER];
+        if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
+            return true;
+        SR_HELPER_LOGE("[DEMO TRANSCODE] Open AUDIO Src File Reader Failed!\n");
+        return false;
+    }
+    if (_SCREENRECORD_OpenAcap(&pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_ACAP], 1) == ZU_OK)
+        return true;
+    SR_HELPER_LOGE("[DEMO TRANSCODE] Open Acap Failed!\n");
+    return false;
+}
+
+} // namespace
+
+u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32* pu32Width, u32* pu32Height,
+                          u32* pu32FrameRate)
+{
+    const LogAs as(__func__);
+    const ControlLock lock(_controlMutex);
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
+        return 0;
+    SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
+    SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
+    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName))
+        return 0;
+    if (!SelectVideoSource(stSrcInfo, pu8VencType)) {
+        SR_LOGE("Error: invalid Venc Type\n");
+        SCREENRECORD_Close(pu32Handle);
+        return 0;
+    }
+    stSrcInfo.u32Width = PointedValueOr(pu32Width, SCREENRECORD_DEFAULT_WIDTH);
+    stSrcInfo.u32Height = PointedValueOr(pu32Height, SCREENRECORD_DEFAULT_HEIGHT);
+    stSrcInfo.u32FrameRate = PointedValueOr(pu32FrameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
+    if (_SCREENRECORD_OpenVenc(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC]) != ZU_OK) {
+        SR_LOGE("[DEMO TRANSCODE] Open Venc Failed!\n");
+        SCREENRECORD_Close(pu32Handle);
+        return 0;
+    }
+    if (!OpenVideoSource(pstSlot)) {
+        SCREENRECORD_Close(pu32Handle);
+        return 0;
+    }
+    stSrcInfo.bVideoSrcAssigned = 1;
+    return 1;
+}
+
+u32 SCREENRECORD_SetAudio(u32* pu32Handle, u8* pu8SrcName, u8* pu8AencType, u32* pu32BitWidth)
+{
+    const LogAs as(__func__);
+    const ControlLock lock(_controlMutex);
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
+        return 0;
+    SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
+    SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
+    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8AudioSrcName))
+        return 0;
+    if (!SelectAudioSource(stSrcInfo, pu8AencType)) {
+        SCREENRECORD_Close(pu32Handle);
+        return 0;
+    }
+    if (stSrcInfo.eAencType == 0) {
+        const bool bGiven = pu32BitWidth != nullptr && *pu32BitWidth != 0;
+        stSrcInfo.u8AudioBitWidth =
+            static_cast<u8>(bGiven ? *pu32BitWidth : static_cast<u32>(DEFAULT_BIT_WIDTH));
+        if (!OpenAudioSource(pstSlot)) {
+            SCREENRECORD_Close(pu32Handle);
+            return 0;
+        }
+    }
+    stSrcInfo.bAudioSrcAssigned = 1;
+    return 1;
+}
