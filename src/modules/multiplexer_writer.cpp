@@ -33,7 +33,7 @@ public:
      * slot. */
     void Run()
     {
-        while (!m_run.Outlived() && CopyStream() && !m_run.Outlived()) {
+        while (!m_run.GivenUp() && CopyStream() && !m_run.GivenUp()) {
             // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so this copy or
             // the next one brings the last that goes into the file; what is beyond one copy then is lost.
             const bool bLast = m_run.ExitRequested();
@@ -94,7 +94,7 @@ private:
         const std::unique_lock<std::recursive_mutex> lock(_controlMutex, std::try_to_lock);
         if (!lock.owns_lock())
             return false;
-        if (m_run.Outlived())
+        if (m_run.GivenUp())
             return true;
         SR_HELPER_LOGD("%s() Out of limitsec stop record _u32RecordTime = %ld\n", LogAs::Name(),
                        static_cast<long>(_u32RecordTime));
@@ -121,7 +121,7 @@ void _SCREENRECORD_TsmuxTaskHandler(void* pArg)
 {
     const LogAs as(__func__);
     WorkerRun run(pArg, E_SCREENRECORD_MODULE_TSMUX);
-    if (!run.May())
+    if (run.Cancelled())
         return;
     u8* pu8Batch = static_cast<u8*>(malloc(BATCH_SIZE));
     if (pu8Batch == nullptr)

@@ -27,7 +27,7 @@ Feeding FillInputBuffer(WorkerRun& run)
         stBuffer.u32DataSize == 0)
         return Feeding::ENCODER_BUSY;
     const s32 s32Read = ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
-    if (run.Outlived())
+    if (run.GivenUp())
         return Feeding::DONE; // the buffer went back with its encoder, and the next one is not this run's
     if (s32Read <= 0) {
         SR_HELPER_LOGD("Read end of file!\n");
@@ -104,7 +104,7 @@ void _SCREENRECORD_VreaderTaskHandler(void* pArg)
 {
     const LogAs as(__func__);
     WorkerRun run(pArg, E_SCREENRECORD_MODULE_VIDEO_SRC_READER);
-    if (!run.May())
+    if (run.Cancelled())
         return;
     while (!run.ExitRequested()) {
         if (run.Task()->bRunning == 1 && !FeedEncoder(run))
@@ -119,7 +119,7 @@ void _SCREENRECORD_AreaderTaskHandler(void* pArg)
 {
     const LogAs as(__func__);
     WorkerRun run(pArg, E_SCREENRECORD_MODULE_AUDIO_SRC_READER);
-    if (!run.May())
+    if (run.Cancelled())
         return;
     while (!run.ExitRequested())
         ZU_OS_DelayTask(READER_PASS_MS);

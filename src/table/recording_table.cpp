@@ -32,6 +32,7 @@ void _SCREENRECORD_ClearTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuMo
 {
     static_cast<SCREENRECORD_TaskFields_s&>(*pstTask) = SCREENRECORD_TaskFields_s{};
     pstTask->eModule = eModule;
+    pstTask->workerState.Delete();
 }
 
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo)

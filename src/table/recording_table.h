@@ -12,6 +12,7 @@
 #include "base/callback_gate.h"
 #include "base/cross_thread.h"
 #include "base/middleware_mutex.h"
+#include "table/worker_state.h"
 
 enum {
     SCREENRECORD_SLOT_COUNT = 2,
@@ -28,16 +29,6 @@ enum SCREENRECORD_ZuModule_e : u32 {
     E_SCREENRECORD_MODULE_AENC = 5,  /**< audio encoder; has no middleware operation of its own */
     E_SCREENRECORD_MODULE_TSMUX = 6, /**< transport-stream multiplexer and the output file */
     E_SCREENRECORD_MODULE_MAX = 7
-};
-
-/** How far a module's worker task has come; the creation, the deletion and the task itself move it. */
-enum SCREENRECORD_TaskPhase_e : u32 {
-    E_SCREENRECORD_TASK_NONE = 0,
-    E_SCREENRECORD_TASK_CREATED = 1, /**< not run yet: its argument block is still the creator's to free */
-    E_SCREENRECORD_TASK_ENTERED = 2, /**< runs, and is about to take its mutex */
-    E_SCREENRECORD_TASK_RUNNING = 3, /**< has its mutex, if it obtained it, until it ends */
-    E_SCREENRECORD_TASK_CANCELLED =
-        4, /**< is being deleted before it ran, and does nothing should it run now */
 };
 
 /** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID mean none. */
@@ -76,14 +67,21 @@ struct SCREENRECORD_TaskFields_s {
     CrossThread<u8> bTaskExit;  /**< 1 while the task is being deleted */
     CrossThread<s32> s32MutexId = SCREENRECORD_NO_ID;
     s32 s32QueueId = SCREENRECORD_NO_ID; /**< no module has a message queue */
-    CrossThread<u32> eTaskPhase;         /**< SCREENRECORD_TaskPhase_e */
-    u32* pu32TaskArg = nullptr;          /**< the task's argument block, valid while the phase is CREATED */
+    u32* pu32TaskArg = nullptr;          /**< the argument block of a task that has not run yet */
 };
 
-/** One module of one slot. */
+/** A writer that closed its own slot, until it is joined. */
+struct SCREENRECORD_RetiredWriter_s {
+    s32 s32TaskId = SCREENRECORD_NO_ID; /**< SCREENRECORD_NO_ID = none */
+    s32 s32MutexId = SCREENRECORD_NO_ID;
+    void* pTaskStack = nullptr;
+};
+
+/** One module of one slot. The fields of its own outlive resets, as a late callback and a late worker do. */
 struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
-    CallbackGate callbackGate;     /**< outlives resets: a late callback may be inside */
-    CrossThread<u32> u32Deletions; /**< of its task; outlives resets: so may a task that was given up */
+    CallbackGate callbackGate;
+    WorkerState workerState;
+    SCREENRECORD_RetiredWriter_s stRetiredWriter; /**< TSMUX; control calls only */
 };
 
 /** What a recording takes in and produces. The three names are owned. */

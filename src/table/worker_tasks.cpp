@@ -7,18 +7,6 @@
 
 namespace {
 
-/** A writer that closed its own slot, until it is joined. A slot has one at most: it is reclaimed before a
- * new one. */
-struct RetiredWriter {
-    s32 s32TaskId = SCREENRECORD_NO_ID;
-    s32 s32MutexId = SCREENRECORD_NO_ID;
-    void* pTaskStack = nullptr;
-};
-RetiredWriter _astRetiredWriter[SCREENRECORD_SLOT_COUNT];
-
-/** The record of the writer that is closing its own slot at this moment; under the control lock. */
-SCREENRECORD_TaskCtrl_s* _pstClosingWriter;
-
 void FreeTaskArg(SCREENRECORD_TaskCtrl_s* pstTask)
 {
     free(pstTask->pu32TaskArg);
@@ -26,16 +14,17 @@ void FreeTaskArg(SCREENRECORD_TaskCtrl_s* pstTask)
 }
 
 /**
- * Settles whether the task's function has begun. A task that has not run yet is cancelled, so that it leaves
- * at once should it still get to run; one that has begun is given the moment that it needs to take its mutex,
- * since otherwise its deleter could take the mutex first and both would wait for the other.
+ * Decides the race between a deletion and the first steps of its task. A task that has not run yet is
+ * cancelled, so that it leaves at once should it still run; one that runs gets the moment that it needs to
+ * obtain its mutex, since otherwise its deletion could obtain the mutex first and both would wait for the
+ * other.
  * @return true when the task was cancelled
  */
-bool CancelUnlessBegun(SCREENRECORD_TaskCtrl_s* pstTask)
+bool CancelUnlessEntered(WorkerState& state)
 {
-    if (pstTask->eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_CANCELLED))
+    if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_CANCELLED>(state.Number()))
         return true;
-    pstTask->eTaskPhase.AwaitChangeFrom(E_SCREENRECORD_TASK_ENTERED);
+    state.AwaitMutex();
     return false;
 }
 
@@ -54,8 +43,7 @@ void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId, CrossThread<s32>*
         ZU_OS_ReleaseMutex(s32MutexId);
     if (!bHasMutex)
         return;
-    // Who read the id before it was withdrawn may hold the mutex or wait for it; it must not be deleted under
-    // them.
+    // A callback that read the id before it was withdrawn may hold the mutex or wait for it.
     if (pGate != nullptr)
         pGate->Drain();
     ZU_OS_DeleteMutex(s32MutexId);
@@ -63,12 +51,11 @@ void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId, CrossThread<s32>*
 
 void RetireWriter(SCREENRECORD_TaskCtrl_s* pstTask)
 {
-    RetiredWriter& stRetired = _astRetiredWriter[_SCREENRECORD_SlotOf(pstTask)->u32SlotId];
+    SCREENRECORD_RetiredWriter_s& stRetired = pstTask->stRetiredWriter;
     stRetired.s32TaskId = pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID);
     stRetired.s32MutexId = pstTask->s32MutexId.Exchange(SCREENRECORD_NO_ID);
     stRetired.pTaskStack = pstTask->pTaskStack;
     pstTask->pTaskStack = nullptr;
-    pstTask->eTaskPhase = E_SCREENRECORD_TASK_NONE;
 }
 
 /** Creates the mutex of a record. The callbacks that entered before it existed have left when this returns.
@@ -95,7 +82,10 @@ bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize
         return false;
     *pu32Arg = u32SlotId;
     pstTask->pu32TaskArg = pu32Arg;
-    pstTask->eTaskPhase = E_SCREENRECORD_TASK_CREATED; // before the task exists: it may run at once
+    WorkerState& state = pstTask->workerState; // changed before the task exists: it may run at once
+    const u32 u32Number = state.Number();
+    if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_CREATED>(u32Number))
+        state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_CREATED>(u32Number);
 
     const ZU_OS_TaskAttr_t stAttr = {.pfnEntry = pfnEntry,
                                      .pArg = pu32Arg,
@@ -147,28 +137,28 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
     pstTask->bTaskExit = 1;
-    if (pstTask == _pstClosingWriter) {
+    if (pstTask->workerState.Get() == E_SCREENRECORD_WORKER_CLOSING) {
         RetireWriter(pstTask);
     } else {
-        const bool bCancelled = CancelUnlessBegun(pstTask);
+        const bool bCancelled = CancelUnlessEntered(pstTask->workerState);
         void* pTaskStack = pstTask->pTaskStack;
         pstTask->pTaskStack = nullptr;
         JoinTask(pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID), pTaskStack, pstTask->s32MutexId,
                  &pstTask->s32MutexId, &pstTask->callbackGate);
         if (bCancelled)
             FreeTaskArg(pstTask); // the task that would have freed it has never run
-        pstTask->eTaskPhase = E_SCREENRECORD_TASK_NONE;
     }
-    pstTask->u32Deletions = pstTask->u32Deletions + 1;
+    pstTask->workerState.Delete();
     pstTask->bTaskExit = 0;
     return ZU_OK;
 }
 
 void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
 {
-    const RetiredWriter stRetired = _astRetiredWriter[u32SlotId];
-    _astRetiredWriter[u32SlotId] = RetiredWriter{};
-    // Its mutex went out of the record when it retired, and no callback takes a writer's.
+    SCREENRECORD_TaskCtrl_s* pstTsmux = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
+    const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
+    pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
+    // Its mutex left the record when it retired, and no callback uses a writer's.
     if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
         JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
 }
@@ -176,38 +166,52 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
 WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     : m_u32SlotId(*static_cast<u32*>(pArg)), m_pstTask(_SCREENRECORD_TaskOf(m_u32SlotId, eModule))
 {
-    CrossThread<u32>& eTaskPhase = m_pstTask->eTaskPhase;
-    if (eTaskPhase.Replace(E_SCREENRECORD_TASK_CREATED, E_SCREENRECORD_TASK_ENTERED))
+    WorkerState& state = m_pstTask->workerState;
+    const u32 u32Number = state.Number();
+    if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
         m_pstTask->pu32TaskArg = nullptr; // the block is this run's from here on
-    else if (eTaskPhase == E_SCREENRECORD_TASK_CANCELLED)
+    else if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED>(u32Number) &&
+             !state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
         return;
-    else
-        eTaskPhase = E_SCREENRECORD_TASK_ENTERED; // called by itself, without a creation
-    m_bMay = true;
-    m_u32Deletions = m_pstTask->u32Deletions; // a deletion waits until the phase has left ENTERED
+    m_u32Number = u32Number;
     free(pArg);
-    m_s32MutexId = m_pstTask->s32MutexId;
-    m_bHoldsMutex = m_s32MutexId != SCREENRECORD_NO_ID &&
-                    ZU_OS_ObtainMutex(m_s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK;
-    m_pstTask->eTaskPhase = E_SCREENRECORD_TASK_RUNNING;
-    m_pstTask->eTaskPhase.WakeWaiters();
+    const s32 s32MutexId = m_pstTask->s32MutexId; // a deletion waits until the state has left ENTERED
+    if (s32MutexId != SCREENRECORD_NO_ID &&
+        ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK)
+        m_s32HeldMutexId = s32MutexId;
+    m_eState = E_SCREENRECORD_WORKER_RUNNING;
+    state.Change<E_SCREENRECORD_WORKER_ENTERED, E_SCREENRECORD_WORKER_RUNNING>(m_u32Number);
+}
+
+/** CLOSING and RUNNING are left for RETIRED and GIVEN_UP when the record goes on to its next worker. */
+SCREENRECORD_WorkerState_e WorkerRun::State() const
+{
+    if (m_eState == E_SCREENRECORD_WORKER_CANCELLED || m_pstTask->workerState.Number() == m_u32Number)
+        return m_eState;
+    return m_eState == E_SCREENRECORD_WORKER_CLOSING ? E_SCREENRECORD_WORKER_RETIRED
+                                                     : E_SCREENRECORD_WORKER_GIVEN_UP;
 }
 
 void WorkerRun::End()
 {
     SR_HELPER_LOGD("Exit %s() \n", LogAs::Name());
-    // A deleter that gave up waiting has removed the mutex and taken its id out of the record.
-    if (m_bHoldsMutex && (m_bRetired || (!Outlived() && m_pstTask->s32MutexId == m_s32MutexId)))
-        ZU_OS_ReleaseMutex(m_s32MutexId);
+    const bool bRetired = State() == E_SCREENRECORD_WORKER_RETIRED;
+    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED>(m_u32Number);
+    // A deletion that gave up waiting has removed the mutex and withdrawn its id from the record.
+    if (m_s32HeldMutexId != SCREENRECORD_NO_ID &&
+        (bRetired || (!GivenUp() && m_pstTask->s32MutexId == m_s32HeldMutexId)))
+        ZU_OS_ReleaseMutex(m_s32HeldMutexId);
 }
 
 void WorkerRun::BeginClosingOwnSlot()
 {
-    _pstClosingWriter = m_pstTask;
+    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING>(m_u32Number);
+    m_eState = E_SCREENRECORD_WORKER_CLOSING;
 }
 
 void WorkerRun::EndClosingOwnSlot()
 {
-    _pstClosingWriter = nullptr;
-    m_bRetired = true;
+    if (m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RUNNING>(
+            m_u32Number))
+        m_eState = E_SCREENRECORD_WORKER_RUNNING;
 }

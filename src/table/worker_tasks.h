@@ -21,41 +21,43 @@ u32 _SCREENRECORD_CreateTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u3
  */
 u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask);
 
-/** Joins the writer that closed its own slot, and frees what was its; nothing when there is none. */
+/** Joins the writer that closed its own slot, and frees its stack; nothing when there is none. */
 void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId);
 
 /** The common frame of every worker: the argument block, the mutex held for the whole run, the way out. */
 class WorkerRun {
 public:
     /**
-     * Begins a run and frees the argument block. May() is false when the task was deleted before it first
-     * ran: it must return at once, and the block is the deletion's to free.
+     * Begins a run and frees the argument block. A run that was cancelled, since its task was deleted before
+     * it first ran, must return at once: the block is the deletion's to free.
      */
     WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule);
-    /** Ends the run, under the name of the task's function. */
+    /** Ends the run; its log line bears the name of the task's function. */
     void End();
 
-    bool May() const { return m_bMay; }
-    bool ExitRequested() const { return m_pstTask->bTaskExit != 0 || Outlived(); }
-    /** The deletion gave up waiting and went on: the record, its handles and files are another run's by now.
+    bool Cancelled() const { return m_eState == E_SCREENRECORD_WORKER_CANCELLED; }
+    bool ExitRequested() const { return m_pstTask->bTaskExit != 0 || GivenUp(); }
+    /** The deletion waited in vain and went on: the record, its handles and files are another run's by now.
      */
-    bool Outlived() const { return m_pstTask->u32Deletions != m_u32Deletions; }
+    bool GivenUp() const { return State() == E_SCREENRECORD_WORKER_GIVEN_UP; }
     u32 SlotId() const { return m_u32SlotId; }
     SCREENRECORD_TaskCtrl_s* Task() const { return m_pstTask; }
 
-    /** From here the deletion retires this worker instead of waiting for it. Under the control lock. */
+    /**
+     * Encloses the calls by which a writer stops and closes its own slot, under one hold of the control lock:
+     * between the two, the deletion retires this run instead of waiting for it.
+     */
     void BeginClosingOwnSlot();
-    /** The record is another run's from here on. Under the same hold of the control lock. */
     void EndClosingOwnSlot();
 
 private:
-    u32 m_u32SlotId;
-    SCREENRECORD_TaskCtrl_s* m_pstTask;
-    u32 m_u32Deletions = 0; /**< when this run began */
-    bool m_bMay = false;
-    bool m_bRetired = false;
-    bool m_bHoldsMutex = false;
-    s32 m_s32MutexId = SCREENRECORD_NO_ID;
+    SCREENRECORD_WorkerState_e State() const;
+
+    const u32 m_u32SlotId;
+    SCREENRECORD_TaskCtrl_s* const m_pstTask;
+    SCREENRECORD_WorkerState_e m_eState = E_SCREENRECORD_WORKER_CANCELLED; /**< as this run last changed it */
+    u32 m_u32Number = 0;                                                   /**< of this run in its record */
+    s32 m_s32HeldMutexId = SCREENRECORD_NO_ID;
 };
 
 #endif
