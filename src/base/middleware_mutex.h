@@ -26,7 +26,7 @@ public:
     MiddlewareLock& operator=(const MiddlewareLock&) = delete;
 
     /** Whether what the mutex protects may be touched: it was obtained, or there is none. */
-    bool MayProceed() const { return m_bObtained || m_s32MutexId == SCREENRECORD_NO_ID; }
+    bool HeldOrNone() const { return m_bObtained || m_s32MutexId == SCREENRECORD_NO_ID; }
 
 private:
     const s32 m_s32MutexId;

@@ -19,7 +19,7 @@ inline u32 _SCREENRECORD_ValueOr(u32 u32Value, u32 u32Default)
  * Rounds up to a multiple of `u32Alignment`, a power of two. What has no such multiple in 32 bits gives the
  * greatest one there is, which no encoder takes: a huge size must not wrap into a small one.
  */
-inline u32 _SCREENRECORD_AlignUp(u32 u32Value, u32 u32Alignment)
+inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
 {
     const u32 u32Mask = u32Alignment - 1;
     return u32Value > ~u32Mask ? ~u32Mask : (u32Value + u32Mask) & ~u32Mask;
@@ -28,11 +28,11 @@ inline u32 _SCREENRECORD_AlignUp(u32 u32Value, u32 u32Alignment)
 /** Lines of a captured picture are a multiple of 16 pixels, and there is a multiple of 32 of them. */
 inline u32 _SCREENRECORD_CaptureWidth(u32 u32Width)
 {
-    return _SCREENRECORD_AlignUp(u32Width, 16);
+    return _SCREENRECORD_AlignUpSaturating(u32Width, 16);
 }
 inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
 {
-    return _SCREENRECORD_AlignUp(u32Height, 32);
+    return _SCREENRECORD_AlignUpSaturating(u32Height, 32);
 }
 
 /**

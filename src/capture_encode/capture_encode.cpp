@@ -20,7 +20,7 @@ SCREENRECORD_TaskCtrl_s* EncoderTask()
 }
 
 /** Rounds the caller's size, and keeps what the slot needs of the record, with defaults for zeros. */
-void TakeParams(CapEnc_OpenParams* pstParams)
+void ApplyParams(CapEnc_OpenParams* pstParams)
 {
     pstParams->width = _SCREENRECORD_CaptureWidth(pstParams->width);
     pstParams->height = _SCREENRECORD_CaptureHeight(pstParams->height);
@@ -57,7 +57,7 @@ s32 video_capenc_open(CapEnc_OpenParams* params)
         return -1;
     }
     _SCREENRECORD_GetModuleCaps();
-    TakeParams(params);
+    ApplyParams(params);
     _SCREENRECORD_ResetRing();
     _bPaused = 0;
     SR_LOGD(" info w=%d,h=%d,frameRate=%d,outputBitrate=%d!\n", static_cast<int>(params->width),
@@ -156,7 +156,7 @@ s32 video_capenc_setBitRate(u32 u32BitRate)
     const GatePass pass(pstVenc->callbackGate);
     const MiddlewareLock lock(pstVenc->s32MutexId);
     const u32 u32Venc = pstVenc->u32Handle;
-    if (!lock.MayProceed() || u32Venc == 0)
+    if (!lock.HeldOrNone() || u32Venc == 0)
         return -1;
     const u32 u32Kilobits = u32BitRate >> 10;
     return ZU_VENC_SetAttr(u32Venc, ZU_VENC_ATTR_BITRATE, &u32Kilobits) == ZU_OK ? 0 : -1;

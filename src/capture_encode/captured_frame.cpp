@@ -84,8 +84,8 @@ bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts)
 u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, void* pUserData)
 {
     const LogAs as(__func__);
-    const CallbackStay stay(E_SCREENRECORD_MODULE_VCAP, static_cast<u32>(s32Handle));
-    if (!stay.Found()) {
+    const CallbackGuard guard(E_SCREENRECORD_MODULE_VCAP, static_cast<u32>(s32Handle));
+    if (!guard.Found()) {
         SR_LOGD("Drop capture frame, its capture is closed\n");
         return 1;
     }
@@ -119,7 +119,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
         PointEncoderAt(pu8Picture, stInput);
         _SCREENRECORD_RenderWatermark(*pstFrame);
     } else {
-        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[stay.SlotId()].stSrcInfo.u32FrameSize, stInput);
+        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[guard.SlotId()].stSrcInfo.u32FrameSize, stInput);
     }
     if (ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex) != ZU_OK) {
         SR_LOGE_LINE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n",

@@ -151,7 +151,7 @@ void Store(const ZU_VENC_FrameInfo_t& stFrame)
 }
 
 /** Takes a stamped frame into the ring, or drops it by one of the ring's rules. */
-void TakeIntoRing(const ZU_VENC_FrameInfo_t& stFrame)
+void StoreOrDrop(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u32DataSize > CAPENC_MAX_FRAME_SIZE) {
         // What follows it cannot be decoded without it, so the stream resumes at a key frame as after any
@@ -227,25 +227,25 @@ u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameI
     const LogAs as(__func__);
     if (pstFrame == nullptr)
         return ZU_INVALID_ARGUMENT;
-    const CallbackStay stay(E_SCREENRECORD_MODULE_VENC, static_cast<u32>(s32Handle));
+    const CallbackGuard guard(E_SCREENRECORD_MODULE_VENC, static_cast<u32>(s32Handle));
     u32 u32SlotId = 0;
-    if (_SCREENRECORD_Handle2SlotId(stay, &u32SlotId) != ZU_OK)
+    if (_SCREENRECORD_Handle2SlotId(guard, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
     if (!RingIsAllocated())
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
     const MiddlewareLock lock(pstVenc->s32MutexId);
-    if (!lock.MayProceed())
+    if (!lock.HeldOrNone())
         return ZU_FAILURE;
     const std::lock_guard<std::mutex> ringLock(_ringMutex);
     if (!RingIsAllocated()) // a close that did not wait any longer for this callback
         return ZU_FAILURE;
 
-    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc))
+    if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))
         return *answer;
     pstFrame->u64Pts = CaptureTimeOf(*pstFrame);
     if (NoteFirstPts(pstVenc, pstFrame->u64Pts))
-        TakeIntoRing(*pstFrame);
+        StoreOrDrop(*pstFrame);
     return ZU_OK;
 }
 
@@ -255,7 +255,7 @@ s32 video_capenc_getES(u8* buffer, u64 bufferSize, CapEnc_EsInfo* info)
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
     const GatePass pass(pstVenc->callbackGate);
     const MiddlewareLock lock(pstVenc->s32MutexId);
-    if (!lock.MayProceed()) {
+    if (!lock.HeldOrNone()) {
         info->u64DataSize = 0;
         return -1;
     }
@@ -273,7 +273,7 @@ s32 video_capenc_requestKeyFrame(void)
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
     const GatePass pass(pstVenc->callbackGate);
     const MiddlewareLock lock(pstVenc->s32MutexId);
-    if (!lock.MayProceed()) {
+    if (!lock.HeldOrNone()) {
         SR_LOGE("No key frame requested, the lock was not obtained\n");
         return 0;
     }

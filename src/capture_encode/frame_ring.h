@@ -24,7 +24,7 @@ extern CrossThread<u64> _u64LastPts;
 /** Rewinds the ring and waits for a key frame. What the entries hold goes with the allocation that follows.
  */
 void _SCREENRECORD_ResetRing();
-/** Allocates the buffers that are not there yet. False when one cannot be had; those allocated stay. */
+/** Allocates the buffers that are not there yet. False when one cannot be had; those allocated guard. */
 bool _SCREENRECORD_AllocateRing();
 void _SCREENRECORD_FreeRing();
 

@@ -49,7 +49,7 @@ u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
 
 } // namespace
 
-std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
+std::optional<u32> _SCREENRECORD_CheckEncodedFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
                                              SCREENRECORD_TaskCtrl_s* pstVenc)
 {
     if (u32Event != ZU_VENC_EVENT_FRAME) {
@@ -75,15 +75,15 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
     if (pstFrame == nullptr)
         return ZU_INVALID_ARGUMENT;
     const u32 u32Venc = static_cast<u32>(s32Handle);
-    const CallbackStay stay(E_SCREENRECORD_MODULE_VENC, u32Venc);
+    const CallbackGuard guard(E_SCREENRECORD_MODULE_VENC, u32Venc);
     u32 u32SlotId = 0;
-    if (_SCREENRECORD_Handle2SlotId(stay, &u32SlotId) != ZU_OK)
+    if (_SCREENRECORD_Handle2SlotId(guard, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
     const MiddlewareLock lock(
         pstVenc->s32MutexId); // without it the frame still goes on: there is one encoder thread
 
-    if (const auto answer = _SCREENRECORD_ScreenFrame(u32Event, *pstFrame, pstVenc))
+    if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))
         return *answer;
     if (!EstablishOrigin(pstVenc, *pstFrame))
         return ZU_OK;

@@ -15,7 +15,7 @@ inline constexpr u64 SCREENRECORD_NO_PTS = ~0ull;
  * no frame and for a picture that the encoder dropped, ZU_INVALID_ARGUMENT for data without size or size
  * without data
  */
-std::optional<u32> _SCREENRECORD_ScreenFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
+std::optional<u32> _SCREENRECORD_CheckEncodedFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
                                              SCREENRECORD_TaskCtrl_s* pstVenc);
 
 /**

@@ -9,7 +9,7 @@ namespace {
 
 /** Rounds up to a multiple of `u32Alignment`, a power of two; 0 = the encoder did not say, so none is needed.
  */
-u64 AlignUp(u32 u32Address, u32 u32Alignment)
+u64 AlignAddressUp(u32 u32Address, u32 u32Alignment)
 {
     const u64 u64Mask = u32Alignment != 0 ? u32Alignment - 1 : 0;
     return ((u32Address - 1ull) | u64Mask) + 1;
@@ -106,7 +106,7 @@ u32 _SCREENRECORD_StartVcap(SCREENRECORD_TaskCtrl_s* pstTask, u32)
     stParams.stOutput = pstTask->stCapOutput;
     if (_bUseEntireInjectBuf == 1) {
         stParams.stOutput.u64VirtAddr =
-            AlignUp(_stEntireInjectBuf.u32VirtAddr, _stModuleCaps.stVencCaps.u32MemAlign);
+            AlignAddressUp(_stEntireInjectBuf.u32VirtAddr, _stModuleCaps.stVencCaps.u32MemAlign);
         stParams.stOutput.u32OutSize = _stEntireInjectBuf.u32Size;
         SR_HELPER_LOGD("start vcap, virtOutAddr:0x%llx, u32OutSize:0x%llx",
                        static_cast<unsigned long long>(stParams.stOutput.u64VirtAddr),

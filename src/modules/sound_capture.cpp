@@ -12,9 +12,9 @@ enum { CAPTURE_VOLUME = 100 };
 /** Events of the audio capture change nothing here; each is reported as unexpected. */
 u32 _SCREENRECORD_AcapCbHandler(s32 s32Handle, ZU_ACAP_CallbackEvent_e, void*, void*)
 {
-    const CallbackStay stay(E_SCREENRECORD_MODULE_ACAP, static_cast<u32>(s32Handle));
+    const CallbackGuard guard(E_SCREENRECORD_MODULE_ACAP, static_cast<u32>(s32Handle));
     u32 u32SlotId = 0;
-    _SCREENRECORD_Handle2SlotId(stay, &u32SlotId);
+    _SCREENRECORD_Handle2SlotId(guard, &u32SlotId);
     SR_LOGE("Invalid Event!\n");
     return ZU_FAILURE;
 }

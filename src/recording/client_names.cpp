@@ -42,7 +42,7 @@ char* _SCREENRECORD_CopyName(const u8* pu8Name)
     return pCopy;
 }
 
-bool _SCREENRECORD_TakeSourceName(const u8* pu8Name, char** ppu8Copy)
+bool _SCREENRECORD_ReplaceSourceName(const u8* pu8Name, char** ppu8Copy)
 {
     if (pu8Name == nullptr) {
         SR_HELPER_LOGE("Error: invalid Source name\n");

@@ -13,7 +13,7 @@ char* _SCREENRECORD_CopyName(const u8* pu8Name);
  * @return false when there is no name (the old copy stays) or no memory (the slot has none then); either is
  * logged
  */
-bool _SCREENRECORD_TakeSourceName(const u8* pu8Name, char** ppu8Copy);
+bool _SCREENRECORD_ReplaceSourceName(const u8* pu8Name, char** ppu8Copy);
 
 /** The meaning of a client's source name. */
 enum SCREENRECORD_SrcKind_e {

@@ -104,7 +104,7 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
         return 0;
     SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName))
+    if (!_SCREENRECORD_ReplaceSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName))
         return 0;
     if (!SelectVideoSource(stSrcInfo, pu8VencType)) {
         SR_LOGE("Error: invalid Venc Type\n");
@@ -135,7 +135,7 @@ u32 SCREENRECORD_SetAudio(u32* pu32Handle, u8* pu8SrcName, u8* pu8AencType, u32*
         return 0;
     SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    if (!_SCREENRECORD_TakeSourceName(pu8SrcName, &stSrcInfo.pu8AudioSrcName))
+    if (!_SCREENRECORD_ReplaceSourceName(pu8SrcName, &stSrcInfo.pu8AudioSrcName))
         return 0;
     if (!SelectAudioSource(stSrcInfo, pu8AencType)) {
         SCREENRECORD_Close(pu32Handle);

@@ -43,7 +43,7 @@ void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo)
     *pstSrcInfo = SCREENRECORD_SrcInfo_s{};
 }
 
-CallbackStay::CallbackStay(SCREENRECORD_ZuModule_e eModule, u32 u32Handle)
+CallbackGuard::CallbackGuard(SCREENRECORD_ZuModule_e eModule, u32 u32Handle)
 {
     for (u32 u32SlotId = 0; u32Handle != 0 && u32SlotId < SCREENRECORD_SLOT_COUNT; u32SlotId++) {
         SCREENRECORD_TaskCtrl_s* pstTask = _SCREENRECORD_TaskOf(u32SlotId, eModule);
@@ -56,10 +56,10 @@ CallbackStay::CallbackStay(SCREENRECORD_ZuModule_e eModule, u32 u32Handle)
     }
 }
 
-u32 _SCREENRECORD_Handle2SlotId(const CallbackStay& stay, u32* pu32SlotId)
+u32 _SCREENRECORD_Handle2SlotId(const CallbackGuard& guard, u32* pu32SlotId)
 {
-    *pu32SlotId = stay.SlotId();
-    if (stay.Found())
+    *pu32SlotId = guard.SlotId();
+    if (guard.Found())
         return ZU_OK;
     SR_LOGE("Can't find Transcode SlotID!\n");
     return ZU_FAILURE;

@@ -161,9 +161,9 @@ u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
  * A callback's stay in the record that holds its handle: while it lives, closing that module waits. Empty
  * when no slot holds the handle, and then nothing may be touched.
  */
-class CallbackStay {
+class CallbackGuard {
 public:
-    CallbackStay(SCREENRECORD_ZuModule_e eModule, u32 u32Handle);
+    CallbackGuard(SCREENRECORD_ZuModule_e eModule, u32 u32Handle);
 
     bool Found() const { return m_pass.has_value(); }
     u32 SlotId() const { return m_u32SlotId; }
@@ -174,6 +174,6 @@ private:
 };
 
 /** The slot that a callback stays in; ZU_FAILURE, logged, and slot 0 when no slot holds its handle. */
-u32 _SCREENRECORD_Handle2SlotId(const CallbackStay& stay, u32* pu32SlotId);
+u32 _SCREENRECORD_Handle2SlotId(const CallbackGuard& guard, u32* pu32SlotId);
 
 #endif
