@@ -11,17 +11,16 @@
  * Tells a close when the last foreign thread has left a module's record.
  *
  * The middleware calls in on its own threads, also while a module is being closed and after it. A callback
- * enters the gate and only then looks for its handle in the record; a close takes the handle out of the
+ * enters the gate and only then looks for its handle in the record; a close withdraws the handle from the
  * record and then drains the gate. So a callback either finds no handle and leaves, or the close waits for
- * it: what comes after a drain is not seen by any callback, without a lock per picture and without a
- * protective sleep.
+ * it: no callback meets the steps after a drain, without a lock per picture and without a protective sleep.
  *
  * Callbacks are counted by the parity of an epoch that each drain advances, so that those that come in during
  * a drain do not prolong it.
  */
 class CallbackGate {
 public:
-    /** Counts the calling thread in; what it returns goes back into Leave. */
+    /** Counts the calling thread in; the result is the ticket for Leave. */
     u32 Enter();
     void Leave(u32 u32Ticket);
     /**

@@ -30,8 +30,8 @@ public:
     void AwaitChangeFrom(T value) const { m_value.wait(value); }
     void WakeWaiters() { m_value.notify_all(); }
     /**
-     * The field itself, as the output argument of a call of the middleware. Whatever the call leaves here is in
-     * the record at once, also if it fails or calls back before it returns. A middleware stores an aligned
+     * The field itself, as the output argument of a call of the middleware: the result is in the record at
+     * once, also if the call fails or calls back before it returns. A middleware stores an aligned
      * value of this size in one piece.
      */
     T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }

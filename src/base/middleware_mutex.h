@@ -25,7 +25,7 @@ public:
     MiddlewareLock(const MiddlewareLock&) = delete;
     MiddlewareLock& operator=(const MiddlewareLock&) = delete;
 
-    /** Whether what the mutex protects may be touched: it was obtained, or there is none. */
+    /** Whether the protected data is safe to use: the mutex was obtained, or there is none. */
     bool HeldOrNone() const { return m_bObtained || m_s32MutexId == SCREENRECORD_NO_ID; }
 
 private:

@@ -16,8 +16,8 @@ inline u32 _SCREENRECORD_ValueOr(u32 u32Value, u32 u32Default)
 }
 
 /**
- * Rounds up to a multiple of `u32Alignment`, a power of two. What has no such multiple in 32 bits gives the
- * greatest one there is, which no encoder takes: a huge size must not wrap into a small one.
+ * Rounds up to a multiple of `u32Alignment`, a power of two. A value without such a multiple in 32 bits gives
+ * the greatest one there is, which every encoder refuses: a huge size must not wrap into a small one.
  */
 inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
 {
@@ -37,7 +37,7 @@ inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
 
 /**
  * Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. A picture
- * that 64 bits cannot count gives the greatest size there is, which nobody takes.
+ * that 64 bits cannot count gives the greatest size there is, which every check refuses.
  */
 inline u64 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
 {

@@ -19,7 +19,7 @@ SCREENRECORD_TaskCtrl_s* EncoderTask()
     return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
 }
 
-/** Rounds the caller's size, and keeps what the slot needs of the record, with defaults for zeros. */
+/** Rounds the caller's size, and copies the record's values into the slot, with defaults for zeros. */
 void ApplyParams(CapEnc_OpenParams* pstParams)
 {
     pstParams->width = _SCREENRECORD_CaptureWidth(pstParams->width);

@@ -11,7 +11,7 @@
 
 namespace {
 
-/** Where a picture can be read, through whichever mapping there is; NULL when there is none. */
+/** The address of a picture in the uncached or the cached mapping; NULL when there is neither. */
 u8* AddressOf(u64 u64PhyAddr)
 {
     u64 u64VirtAddr = 0;
@@ -31,7 +31,7 @@ void PointEncoderAt(u8* pu8Picture, ZU_VENC_InputBuffer_t& stInput)
 }
 
 /**
- * Copies the picture into a buffer that the encoder lends: as much as the buffer takes, and no more than the
+ * Copies the picture into a buffer that the encoder lends: as much as fits, and no more than the
  * capture wrote (`u32PictureSize`).
  */
 void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VENC_InputBuffer_t& stInput)
@@ -42,7 +42,7 @@ void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VEN
         ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
         SR_HELPER_LOGD("venc query buffer is null\n");
     }
-    // A failed query has lent nothing, whatever it left in the record.
+    // A failed query has lent nothing, even if it wrote into the record.
     // An encoder that lends the captured picture itself has it already.
     if (bLent && stInput.pu8Data != nullptr && stInput.pu8Data != pu8Picture)
         memcpy(stInput.pu8Data, pu8Picture,
@@ -89,7 +89,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
         SR_LOGD("Drop capture frame, its capture is closed\n");
         return 1;
     }
-    // Whichever slot captures, slot 0's encoder takes the pictures, so it must not be closed meanwhile
+    // The pictures of both slots go to slot 0's encoder, so it must not be closed meanwhile
     // either.
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
     const GatePass encoderPass(pstVenc->callbackGate);

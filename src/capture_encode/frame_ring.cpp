@@ -24,7 +24,7 @@ struct CapEnc_EsFrame {
     u32 u32DataSize = 0;
     u8 u8FrameType = 0;
     u64 u64Pts = 0; /**< microseconds of the monotonic clock */
-    u8 bFilled = 0; /**< the caller has not taken it yet */
+    u8 bFilled = 0; /**< the caller has not fetched it yet */
 };
 
 CapEnc_EsFrame _astEsFrameRing[RING_SIZE];
@@ -35,7 +35,7 @@ bool _bTailLost;
 
 /**
  * Guards the ring beside the encoder's middleware mutex, which exists only between start and stop: frames are
- * taken before and after that span too, when a late callback may still be on its way.
+ * fetched before and after that span too, when a late callback may still be on its way.
  */
 std::mutex _ringMutex;
 
@@ -60,7 +60,7 @@ void DropBuffered(CapEnc_EsFrame& stFrame)
 
 /**
  * Drops frames up to the next key frame; without one, waits for the encoder to deliver it. So it does with
- * one that was buffered before a loss: what comes next does not continue it.
+ * one that was buffered before a loss: the next frame does not continue it.
  */
 void _dropToNextKeyFrame_lock()
 {
@@ -75,7 +75,7 @@ void _dropToNextKeyFrame_lock()
     }
 }
 
-/** The capture time of the picture that a frame was made from; a key frame names none, so it takes the last
+/** The capture time of the picture that a frame was made from; a key frame names none and gets the last
  * one's. */
 u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame)
 {
@@ -150,12 +150,12 @@ void Store(const ZU_VENC_FrameInfo_t& stFrame)
     _u8EsWriteIdx = NextIndex(_u8EsWriteIdx);
 }
 
-/** Takes a stamped frame into the ring, or drops it by one of the ring's rules. */
+/** Stores a stamped frame in the ring, or drops it by one of the ring's rules. */
 void StoreOrDrop(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u32DataSize > CAPENC_MAX_FRAME_SIZE) {
-        // What follows it cannot be decoded without it, so the stream resumes at a key frame as after any
-        // loss.
+        // The frames behind it cannot be decoded without it, so the stream resumes at a key frame as after
+        // any loss.
         LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         _bWaitKeyFrame = 1;
         _bTailLost = true;

@@ -13,7 +13,7 @@ enum {
 
 /** 1 = captured pictures are dropped. */
 extern CrossThread<u8> _bPaused;
-/** 1 = no frame but a key frame is taken into the ring; the captured-frame handler asks the encoder for one.
+/** 1 = the ring accepts only a key frame; the captured-frame handler asks the encoder for one.
  */
 extern CrossThread<u8> _bWaitKeyFrame;
 /** Capture times, microseconds: by input-buffer index, and of the last picture. Written by the captured-frame
@@ -21,7 +21,7 @@ extern CrossThread<u8> _bWaitKeyFrame;
 extern CrossThread<u64> _au64InputPts[CAPENC_INPUT_COUNT];
 extern CrossThread<u64> _u64LastPts;
 
-/** Rewinds the ring and waits for a key frame. What the entries hold goes with the allocation that follows.
+/** Rewinds the ring and waits for a key frame. The allocation that follows drops the buffered frames.
  */
 void _SCREENRECORD_ResetRing();
 /** Allocates the buffers that are not there yet. False when one cannot be had; those allocated guard. */
@@ -29,8 +29,8 @@ bool _SCREENRECORD_AllocateRing();
 void _SCREENRECORD_FreeRing();
 
 /**
- * Encoder callback of the capture-encode interface: takes each encoded frame into the ring.
- * @return ZU_OK (taken or dropped by rule), ZU_INVALID_ARGUMENT for inconsistent data, ZU_FAILURE for an
+ * Encoder callback of the capture-encode interface: stores each encoded frame in the ring.
+ * @return ZU_OK (stored or dropped by rule), ZU_INVALID_ARGUMENT for inconsistent data, ZU_FAILURE for an
  * unknown encoder, a ring without buffers, or a lock that was not obtained
  */
 u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,

@@ -7,7 +7,7 @@
 
 /** Makes the worker, if any, ready to render. False when it refuses. */
 bool _SCREENRECORD_PrepareWatermark();
-/** Takes the worker away from the captured-frame handler, waits until the handler has let go, and releases
+/** Withdraws the worker from the captured-frame handler, waits until the handler has let go, and releases
  * it. */
 void _SCREENRECORD_ReleaseWatermark();
 /**

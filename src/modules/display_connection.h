@@ -23,7 +23,7 @@ u32 _SCREENRECORD_ConnectDisp(s32 s32Handle);
 u32 _SCREENRECORD_RegisterCallback(s32 s32Handle);
 /**
  * Forgets what a capture has of the two, when its record is reset while it is open: it can be neither
- * disconnected nor removed any more, and what it took must not be missing for ever.
+ * disconnected nor removed any more, and the next capture must get both.
  */
 void _SCREENRECORD_ForgetCapture(u32 u32Handle);
 /** Notes that another capture is opened over this one (0 = none) in its record. The display counts as

@@ -7,8 +7,8 @@
 
 #include "table/recording_table.h"
 
-/** Opens the slot's encoder for transport-stream recording. ZU_OK, ZU_INVALID_ARGUMENT for NULL, else
- * ZU_FAILURE. */
+/** Opens the slot's encoder for transport-stream recording. ZU_OK, ZU_INVALID_ARGUMENT for NULL,
+ * otherwise ZU_FAILURE. */
 u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
 /** Opens slot 0's encoder for the capture-encode interface, with the inject buffer if it offers one;
  * `pfnOutput` gets its frames. ZU_OK or ZU_FAILURE. */

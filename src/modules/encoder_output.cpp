@@ -50,7 +50,7 @@ u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
 } // namespace
 
 std::optional<u32> _SCREENRECORD_CheckEncodedFrame(u32 u32Event, const ZU_VENC_FrameInfo_t& stFrame,
-                                             SCREENRECORD_TaskCtrl_s* pstVenc)
+                                                   SCREENRECORD_TaskCtrl_s* pstVenc)
 {
     if (u32Event != ZU_VENC_EVENT_FRAME) {
         SR_HELPER_LOGE("eEvent Error!\n");

@@ -15,7 +15,7 @@ SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
 
 bool _SCREENRECORD_QueryInjectBuffer(u32 u32Venc, u32 u32Width, u32 u32Height)
 {
-    _bUseEntireInjectBuf = 0; // an earlier session's buffer is forgotten, whatever this encoder answers
+    _bUseEntireInjectBuf = 0; // an earlier session's buffer went with its encoder
     ZU_VENC_EntireInjectBuf_t stBuffer = {};
     const u32 u32Result = ZU_VENC_QueryEntireInjectBuffer(u32Venc, &stBuffer);
     _stEntireInjectBuf.u32VirtAddr = stBuffer.u32VirtAddr;

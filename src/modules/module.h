@@ -1,4 +1,4 @@
-/** What one module does, whichever it is. Results are the middleware's codes. */
+/** The operations that every module has. Results are the middleware's codes. */
 #ifndef SCREENRECORD_MODULES_MODULE_H
 #define SCREENRECORD_MODULES_MODULE_H
 
@@ -16,7 +16,7 @@ struct SCREENRECORD_ModuleOperations_s {
     const char* pDeInitFailure = nullptr; /**< text for the log */
     /** Starts an opened module; `u32SlotId` goes to its worker. A failure is logged. */
     u32 (*pfnStart)(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId) = nullptr;
-    /** Stops what runs of a module; failures are logged only. Its worker is deleted afterwards. */
+    /** Stops a module; failures are logged only. Its worker is deleted afterwards. */
     void (*pfnStop)(SCREENRECORD_TaskCtrl_s* pstTask) = nullptr;
     /** Forgets a handle (0 = none) that its record loses while it is open. */
     void (*pfnForget)(u32 u32Handle) = nullptr;
@@ -28,7 +28,7 @@ extern const SCREENRECORD_ModuleOperations_s _astModuleOperations[E_SCREENRECORD
 u32 _SCREENRECORD_InitModule(SCREENRECORD_ZuModule_e eModule);
 /** De-initialises a module that this library initialised; a failure is logged. */
 void _SCREENRECORD_DeInitModule(u32 u32Module);
-/** Queries _stModuleCaps anew; what cannot be queried stays zero. */
+/** Queries _stModuleCaps anew; a record whose query fails stays zero. */
 void _SCREENRECORD_GetModuleCaps(void);
 
 /** Clears a module's record and gives it its index; waits for callbacks that are in it. */

@@ -15,8 +15,8 @@ namespace {
 
 enum {
     BATCH_SIZE = 0x20000, /**< bytes of the batch buffer */
-    COPY_SIZE = 0x10000,  /**< most that one copy brings, and what a batch must exceed to be written: so it
-                             always fits */
+    COPY_SIZE =
+        0x10000, /**< most that one copy brings; a batch beyond it is written, so a copy always fits */
     WRITER_PASS_MS = 100,
 };
 
@@ -35,7 +35,7 @@ public:
     {
         while (!m_run.GivenUp() && CopyStream() && !m_run.GivenUp()) {
             // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so this copy or
-            // the next one brings the last that goes into the file; what is beyond one copy then is lost.
+            // the next one brings the last bytes of the file; output beyond one copy is lost then.
             const bool bLast = m_run.ExitRequested();
             if (m_u32Filled > COPY_SIZE || bLast)
                 WriteBatch();
@@ -57,7 +57,7 @@ private:
             SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n", u32Result);
             return false;
         }
-        // A count beyond what was asked for is not believed: the next copy would go past the batch buffer.
+        // A count beyond the request is not believed: the next copy would go past the batch buffer.
         m_u32Filled += u32Copied <= COPY_SIZE ? u32Copied : static_cast<u32>(COPY_SIZE);
         return true;
     }

@@ -7,8 +7,8 @@
 
 /**
  * Opens the capture at the slot's size, connects it to the display and registers the captured-frame handler.
- * @return ZU_OK, ZU_INVALID_ARGUMENT for a NULL task or a picture whose size does not fit, else the failing
- * call's code
+ * @return ZU_OK, ZU_INVALID_ARGUMENT for a NULL task or a picture whose size does not fit, otherwise the
+ * failing call's code
  */
 u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
 /** Opens the capture for single pictures, without the handler, and connects it to the display. False on a

@@ -117,7 +117,7 @@ s32 audio_cap_getPCM(u8* buffer, u64 bufSize, u64* pSize)
     const ZU_ACAP_ReadRequest_t stRequest = {.pBuffer = buffer, .u32Size = static_cast<u32>(bufSize)};
     ZU_ACAP_ReadResult_t stResult = {};
     u32Result = ZU_ACAP_Read(u32Handle, &stRequest, &stResult);
-    if (u32Result == ZU_OK) // a count beyond what was asked for is not believed: the caller goes by it
+    if (u32Result == ZU_OK) // a count beyond the request is not believed: the caller goes by it
         *pSize = stResult.u32Size < stRequest.u32Size ? stResult.u32Size : stRequest.u32Size;
     else
         SR_LOGE("%s: ZU_ACAP_Read fail, ret=0x%x!!", __func__, u32Result);

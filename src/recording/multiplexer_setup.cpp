@@ -28,7 +28,7 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
     return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, stTask.u64MuxSrcId.OutputArgument());
 }
 
-/** Attaches what is configured, video first; with both, switches interleaving on. */
+/** Attaches the configured sources, video first; with both, switches interleaving on. */
 bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;

@@ -6,7 +6,7 @@
 
 namespace {
 
-/** The exported functions take their names and values by pointers that are not const. */
+/** Not const, since the exported functions' parameters are not. */
 u8 _au8ScreenSource[] = "cap";
 
 } // namespace

@@ -16,7 +16,7 @@
 
 namespace {
 
-/** A module in the order of a whole slot's start or stop, with what is logged when it fails. */
+/** A module in the order of a whole slot's start or stop, with its name in the log of a failure. */
 struct ModuleStep {
     SCREENRECORD_ZuModule_e eModule;
     const char* pName;
@@ -79,7 +79,7 @@ void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot)
     if (pastTask[E_SCREENRECORD_MODULE_ACAP].u32Handle != 0)
         LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]), "Failed to CloseAcap()");
     CloseEncoderOf(stSlot);
-    // The writer ends here, behind all that feeds the multiplexer, and writes what was left.
+    // The writer ends here, behind all that feeds the multiplexer, and writes the rest.
     if (pastTask[E_SCREENRECORD_MODULE_TSMUX].u32Handle != 0)
         LogIfFailed(_SCREENRECORD_CloseTsmux(&pastTask[E_SCREENRECORD_MODULE_TSMUX]),
                     "Failed to _SCREENRECORD_CloseTsmux()");

@@ -35,7 +35,7 @@ bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
     return true;
 }
 
-/** Opens the file or the capture, whichever feeds the encoder. */
+/** Opens the file or the capture that feeds the encoder. */
 bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
     if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr) {
@@ -51,7 +51,7 @@ bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
     return false;
 }
 
-/** Keeps a file source's name, drops the capture's, and checks the codec name; logs what it rejects. */
+/** Keeps a file source's name, drops the capture's, and checks the codec name; a rejection is logged. */
 bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
 {
     const SCREENRECORD_SrcKind_e eKind = _SCREENRECORD_SrcKindOf(stSrcInfo.pu8AudioSrcName);

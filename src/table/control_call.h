@@ -1,4 +1,4 @@
-/** What every control call begins with: the lock, and the checks of its handle. */
+/** The beginning of every control call: the lock, and the checks of its handle. */
 #ifndef SCREENRECORD_TABLE_CONTROL_CALL_H
 #define SCREENRECORD_TABLE_CONTROL_CALL_H
 

@@ -41,7 +41,7 @@ struct SCREENRECORD_TaskFields_s {
     CrossThread<u32> u32SrcFile; /**< source file */
 
     /* VCAP */
-    ZU_CAP_Output_t stCapOutput = {}; /**< what the capture start is given */
+    ZU_CAP_Output_t stCapOutput = {}; /**< parameter of the capture start */
     u32 u32CapturePath = 0;
     u32 u32Osd = 0; /**< 1 = with the on-screen-display layer */
 
@@ -84,7 +84,7 @@ struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
     SCREENRECORD_RetiredWriter_s stRetiredWriter; /**< TSMUX; control calls only */
 };
 
-/** What a recording takes in and produces. The three names are owned. */
+/** Sources and destination of a recording. The three names are owned. */
 struct SCREENRECORD_SrcInfo_s {
     u8 bVideoSrcAssigned = 0;
     u8 bAudioSrcAssigned = 0;
@@ -120,7 +120,7 @@ struct SCREENRECORD_SlotCtrl_s {
     s32 s32CapBufFd = SCREENRECORD_NO_ID; /**< descriptor of the block; 0 is a valid one */
 };
 
-/** What the modules can do, queried into one block. */
+/** Capabilities of the modules, queried into one block. */
 struct SCREENRECORD_ModuleCaps_s {
     ZU_ACAP_Caps_t stAcapCaps;
     ZU_VENC_Caps_t stVencCaps;
@@ -151,15 +151,15 @@ SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pst
 
 /** Clears the fields of a module's record, whose handle was withdrawn, and gives it its index. */
 void _SCREENRECORD_ClearTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
-/** Frees the names and clears everything else. */
+/** Frees the names and clears the record. */
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
 
-/** Takes the handle out of a record and waits for the callbacks that found it there; returns the handle. */
+/** Withdraws the handle from a record and waits for the callbacks that found it there; returns the handle. */
 u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /**
- * A callback's stay in the record that holds its handle: while it lives, closing that module waits. Empty
- * when no slot holds the handle, and then nothing may be touched.
+ * Keeps the record that holds a callback's handle: while the guard lives, closing that module waits. Empty
+ * when no slot holds the handle, and then the callback leaves.
  */
 class CallbackGuard {
 public:
@@ -173,7 +173,7 @@ private:
     std::optional<GatePass> m_pass;
 };
 
-/** The slot that a callback stays in; ZU_FAILURE, logged, and slot 0 when no slot holds its handle. */
+/** The slot that a guard keeps; ZU_FAILURE, logged, and slot 0 when no slot holds its handle. */
 u32 _SCREENRECORD_Handle2SlotId(const CallbackGuard& guard, u32* pu32SlotId);
 
 #endif

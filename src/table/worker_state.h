@@ -84,7 +84,7 @@ public:
         if ((u32Word & STATE_MASK) == E_SCREENRECORD_WORKER_ENTERED)
             m_u32Word.AwaitChangeFrom(u32Word);
     }
-    /** Ends the current worker's time in the record, whatever its state. */
+    /** Ends the current worker's time in the record, in any state. */
     void Delete() { m_u32Word = Word(Number() + 1, E_SCREENRECORD_WORKER_NONE); }
 
 private:

@@ -71,7 +71,7 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
     return true;
 }
 
-/** Creates the task of a record whose stack is allocated. What a failure leaves is the deletion's to remove:
+/** Creates the task of a record whose stack is allocated. The deletion removes the remains of a failure:
  * the argument block stays until no task can have it. */
 bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize, ZU_OS_TaskEntry pfnEntry)
 {

@@ -14,7 +14,7 @@ u32 _SCREENRECORD_CreateTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u3
                              ZU_OS_TaskEntry pfnEntry);
 
 /**
- * Ends a module's task and removes task and mutex, whichever exist. Waits up to 5000 ms for a worker that
+ * Ends a module's task and removes its task and mutex, if they exist. Waits up to 5000 ms for a worker that
  * runs, and not at all for one that has not run yet. The writer that closes its own slot is not waited for
  * but retired: it ends by itself, and the slot's next control call, or de-initialisation, reclaims it.
  * @return ZU_OK, ZU_INVALID_ARGUMENT for NULL
