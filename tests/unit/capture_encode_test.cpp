@@ -2,8 +2,8 @@
 #include <thread>
 #include <unistd.h>
 
-#include <modules/inject_buffer.h>
-#include <capture_encode/watermark.h>
+#include "capture_encode/watermark.h"
+#include "modules/inject_buffer.h"
 
 #include "library_test.h"
 

@@ -2,8 +2,8 @@
  */
 #include <numeric>
 
-#include <modules/inject_buffer.h>
-#include <capture_encode/frame_ring.h>
+#include "capture_encode/frame_ring.h"
+#include "modules/inject_buffer.h"
 #include <srglworker/SrGlWorker.h>
 
 #include "library_test.h"

@@ -4,7 +4,7 @@
  * clean-up behind a first fault. A breach is a wrong answer or message, anything left open or used dead, or a
  * scenario that does not run afterwards as it ran before.
  */
-#include <modules/display_connection.h>
+#include "modules/display_connection.h"
 
 #include "fault_expectations.h"
 #include "fault_scenarios.h"

@@ -1,5 +1,5 @@
 /** The ring of three encoded frames: what it keeps, drops and stamps. */
-#include <capture_encode/frame_ring.h>
+#include "capture_encode/frame_ring.h"
 
 #include "library_test.h"
 

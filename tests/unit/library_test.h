@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
-#include <table/recording_table.h>
+#include "table/recording_table.h"
 
 #include "middleware/allocation_failures.h"
 #include "middleware/middleware.h"

@@ -1,6 +1,6 @@
 #include "random_calls.h"
 
-#include <table/control_call.h>
+#include "table/control_call.h"
 
 #include "library_test.h"
 

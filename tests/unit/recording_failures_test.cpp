@@ -1,13 +1,13 @@
 /** What a recording's control calls and the modules' functions refuse, and in which order. */
 #include <functional>
 
-#include <modules/encoder.h>
-#include <modules/module.h>
-#include <modules/multiplexer.h>
-#include <modules/screen_capture.h>
-#include <modules/sound_capture.h>
-#include <modules/source_reader.h>
-#include <table/worker_tasks.h>
+#include "modules/encoder.h"
+#include "modules/module.h"
+#include "modules/multiplexer.h"
+#include "modules/screen_capture.h"
+#include "modules/sound_capture.h"
+#include "modules/source_reader.h"
+#include "table/worker_tasks.h"
 
 #include "library_test.h"
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <limits>
 
-#include <modules/inject_buffer.h>
+#include "modules/inject_buffer.h"
 
 #include "library_test.h"
 

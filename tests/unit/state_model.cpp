@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include <modules/inject_buffer.h>
-#include <capture_encode/watermark.h>
+#include "capture_encode/watermark.h"
+#include "modules/inject_buffer.h"
 
 #include "library_test.h"
 #include "middleware/contract_call.h"

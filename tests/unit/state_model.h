@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include <table/recording_table.h>
+#include "table/recording_table.h"
 
 /** One recording slot, as far as it decides what the next call answers. */
 struct ModelSlot {

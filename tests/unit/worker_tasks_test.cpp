@@ -1,8 +1,8 @@
 /** The workers of a recording: what they move, how they end, and that nobody waits for one that has not run.
  */
-#include <modules/multiplexer_writer.h>
-#include <modules/source_reader.h>
-#include <table/worker_tasks.h>
+#include "modules/multiplexer_writer.h"
+#include "modules/source_reader.h"
+#include "table/worker_tasks.h"
 
 #include "library_test.h"
 
