@@ -186,6 +186,9 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
 /** CLOSING and RUNNING are left for RETIRED and GIVEN_UP when the record goes on to its next worker. */
 SCREENRECORD_WorkerState_e WorkerRun::State() const
 {
+    static_assert(
+        _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RETIRED) &&
+        _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_GIVEN_UP));
     if (m_eState == E_SCREENRECORD_WORKER_CANCELLED || m_pstTask->workerState.Number() == m_u32Number)
         return m_eState;
     return m_eState == E_SCREENRECORD_WORKER_CLOSING ? E_SCREENRECORD_WORKER_RETIRED
