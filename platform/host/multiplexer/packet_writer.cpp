@@ -17,14 +17,15 @@ void set_pcr(uint8_t* packet, uint64_t time_27mhz)
 
 } // namespace
 
-PesPacket::PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data, bool bounded)
+PesPacket::PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data)
     : data_(data)
 {
+    // Pictures too long for the field leave it open, which is for pictures alone (2.4.3.7).
+    const size_t behind_length = pes_header_bytes - PES_HEADER_SIZE + data.size();
     uint8_t* const header = header_.data();
     pes_init(header);
     pes_set_streamid(header, stream_id);
-    pes_set_length(header, bounded ? static_cast<uint16_t>(pes_header_bytes - PES_HEADER_SIZE + data.size())
-                                   : uint16_t{0});
+    pes_set_length(header, behind_length <= UINT16_MAX ? static_cast<uint16_t>(behind_length) : uint16_t{0});
     pes_set_headerlength(header, PES_HEADER_TS_SIZE);
     pes_set_dataalignment(header);
     pes_set_pts(header, static_cast<uint64_t>(pts));

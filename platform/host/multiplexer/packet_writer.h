@@ -24,8 +24,7 @@ struct PacketStream {
  * caller's. */
 class PesPacket {
 public:
-    /** @param bounded whether PES_packet_length is given; only pictures may leave it open */
-    PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data, bool bounded);
+    PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data);
     size_t left() const { return header_.size() + data_.size() - position_; }
     bool at_start() const { return position_ == 0; }
     void read(uint8_t* dst, size_t size);

@@ -90,7 +90,7 @@ void StreamWriter::write_time()
 
 void StreamWriter::write_sound(SoundQueue& queue)
 {
-    PesPacket pes(sound_.stream_id, queue.front_pts(), queue.front(), true);
+    PesPacket pes(sound_.stream_id, queue.front_pts(), queue.front());
     while (pes.left() != 0)
         packets_.write_pes(pes, sound_, {false, false});
     after_time_ = false;
@@ -157,7 +157,7 @@ void StreamWriter::write_picture(const PictureUnit& picture, uint64_t end, Sound
 {
     if (picture.random_access)
         write_tables_before_picture();
-    PesPacket pes(pictures_.stream_id, picture.pts, picture.data, false);
+    PesPacket pes(pictures_.stream_id, picture.pts, picture.data);
     const uint64_t span = end - std::min(end, clock_.now());
     const uint64_t spacing = clock_.constant_rate() ? 0 : span / packets_of(pes.left() + 16);
     while (pes.left() != 0) {
