@@ -198,14 +198,27 @@ struct Stream {
     std::vector<size_t> ends;
     size_t packet;
 
+    /** Whether the packet whose 188 bytes begin there is of pictures. */
+    bool of_pictures(size_t at) const
+    {
+        return (bytes[at + 1] & 0x1f) == zu3host::picture_pid >> 8 && bytes[at + 2] == (zu3host::picture_pid & 0xff);
+    }
     /** Pictures that begin within the first so many bytes. */
     size_t begun(size_t size) const
     {
         size_t count = 0;
         for (size_t at = packet - 188; at < size; at += packet)
-            count += (bytes[at + 1] & 0x40) != 0 && (bytes[at + 1] & 0x1f) == zu3host::picture_pid >> 8 &&
-                     bytes[at + 2] == (zu3host::picture_pid & 0xff);
+            count += (bytes[at + 1] & 0x40) != 0 && of_pictures(at);
         return count;
+    }
+    /** Where the last packet of a picture begins that has a payload. */
+    size_t last_of_pictures() const
+    {
+        size_t last = 0;
+        for (size_t at = packet - 188; at < bytes.size(); at += packet)
+            if (of_pictures(at) && (bytes[at + 3] & 0x10) != 0)
+                last = at + 188 - packet;
+        return last;
     }
 };
 
@@ -250,6 +263,13 @@ TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
         EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
         std::ifstream written(path("stream"), std::ios::binary);
         EXPECT_TRUE(zu3host::Bytes(std::istreambuf_iterator<char>(written), {}) == stream.bytes);
+
+        const size_t cut = stream.last_of_pictures();
+        const u32 shorter = open("shorter", "wb");
+        EXPECT_EQ(ZU_FS_Fwrite(stream.bytes.data(), static_cast<u32>(cut), 1, shorter), 1);
+        EXPECT_EQ(ZU_FS_Fclose(shorter), ZU_OK);
+        EXPECT_EQ(stream.begun(fs::file_size(path("shorter"))), stream.ends.size() - 1) << "without its end";
+        EXPECT_GE(fs::file_size(path("shorter")), stream.ends[stream.ends.size() - 2]);
     }
 }
 

@@ -196,7 +196,7 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
 OpenFile::~OpenFile()
 {
     if (fd_) // the last call has ended behind the close
-        write_unfinished(unfinished_.size());
+        write_unfinished(unfinished_.whole_at_end());
 }
 
 void give_up_writes()
@@ -348,7 +348,7 @@ bool OpenFile::close()
         HOST_LOGE("\"%s\" is still in use, so that it is closed later.", name_.c_str());
         return false;
     }
-    const bool whole = write_unfinished(unfinished_.size());
+    const bool whole = write_unfinished(unfinished_.whole_at_end());
     // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
     // close is to be over in a moment. What the medium does not take shows at the next use of the file.
     int error = 0;

@@ -21,8 +21,8 @@ void give_up_writes();
 
 /**
  * A file without a buffer of its own: what a write took is with the kernel. But an ordinary file that a
- * transport stream is written to ends with a whole picture until it is closed: one that may not be whole yet
- * waits. One thread at a time reads, writes or seeks; others wait. A transfer that waits for the other end of
+ * transport stream is written to ends with a whole picture, also when it is closed: one that may not be whole yet
+ * waits, and one that lacks its end is left out. One thread at a time reads, writes or seeks; others wait. A transfer that waits for the other end of
  * a pipe, and a write that waits for its disk, is over when the task that it is in is deleted: it answers what
  * is through by then.
  */

@@ -24,6 +24,22 @@ size_t packet_bytes_of(const uint8_t* data, size_t size)
     return 0;
 }
 
+/** Bytes of a packet's payload. */
+size_t payload_of(const uint8_t* packet)
+{
+    const size_t adaptation = ts_has_adaptation(packet) ? size_t{1} + ts_get_adaptation(packet) : 0;
+    const size_t room = TS_SIZE - TS_HEADER_SIZE;
+    return ts_has_payload(packet) && adaptation < room ? room - adaptation : 0;
+}
+
+/** Whether a packet holds all that fits beside its marks (none, random access, clock reference): a picture of open
+ * length goes on behind it, or ends there by chance, as one in 61 does. */
+bool is_filled(size_t payload)
+{
+    const size_t marks = TS_SIZE - TS_HEADER_SIZE - payload;
+    return marks == 0 || marks == 2 || marks == 8;
+}
+
 enum class Begins { nothing, sound, picture, random_access };
 
 /** What begins with a packet of 188 bytes. */
@@ -69,8 +85,13 @@ bool UnfinishedPicture::append(const void* batch, size_t size)
 
 void UnfinishedPicture::look_at(size_t packet_at, size_t packet_bytes)
 {
-    const Begins begins = begins_with(bytes_.data() + packet_at + packet_bytes - TS_SIZE);
+    const uint8_t* const packet = bytes_.data() + packet_at + packet_bytes - TS_SIZE;
+    const Begins begins = begins_with(packet);
     const bool picture = begins == Begins::picture || begins == Begins::random_access;
+    if (picture)
+        begin_picture(packet);
+    else if (pictures_ && payload_of(packet) > 0 && ts_get_pid(packet) == picture_pid_)
+        go_on_with_picture(packet);
     // Frames of sound lie whole between the packets of a picture.
     if (!picture && (begins != Begins::sound || pictures_))
         return;
@@ -78,6 +99,22 @@ void UnfinishedPicture::look_at(size_t packet_at, size_t packet_bytes)
         whole_ = packet_at;
     any_ = true;
     pictures_ = pictures_ || picture;
+}
+
+void UnfinishedPicture::begin_picture(const uint8_t* packet)
+{
+    picture_pid_ = ts_get_pid(packet);
+    const uint16_t length = pes_get_length(packet + TS_SIZE - payload_of(packet));
+    left_ = length != 0 ? std::optional<size_t>(PES_HEADER_SIZE + length) : std::nullopt;
+    go_on_with_picture(packet);
+}
+
+void UnfinishedPicture::go_on_with_picture(const uint8_t* packet)
+{
+    const size_t payload = payload_of(packet);
+    if (left_)
+        left_ = *left_ - std::min(*left_, payload);
+    ended_ = left_ ? *left_ == 0 : !is_filled(payload);
 }
 
 void UnfinishedPicture::drop_until_random_access(size_t packet_bytes)

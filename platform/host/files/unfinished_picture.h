@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace zu3host {
@@ -24,6 +25,8 @@ public:
     size_t size() const { return bytes_.size(); }
     /** Bytes from data() on that end with a whole picture. */
     size_t whole() const { return whole_; }
+    /** Bytes from data() on that go into a file that is closed: all, unless the last picture lacks its end. */
+    size_t whole_at_end() const { return pictures_ && !ended_ ? whole_ : bytes_.size(); }
     /** They are in the file, or lost. */
     void remove(size_t bytes);
     /** A part of the stream is lost: what follows is dropped up to the next picture that needs none before
@@ -32,12 +35,17 @@ public:
 
 private:
     void look_at(size_t packet_at, size_t packet_bytes);
+    void begin_picture(const uint8_t* packet);
+    void go_on_with_picture(const uint8_t* packet);
     void drop_until_random_access(size_t packet_bytes);
 
     std::vector<uint8_t> bytes_;
     size_t whole_ = 0;
     bool any_ = false;      /**< whether a picture, or a frame of sound, has begun yet */
     bool pictures_ = false; /**< whether a picture has */
+    uint16_t picture_pid_ = 0;
+    std::optional<size_t> left_; /**< bytes that the last picture's PES packet still lacks; none if that is open */
+    bool ended_ = false;         /**< the last picture is whole */
     bool skipping_ = false;
 };
 
