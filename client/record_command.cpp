@@ -158,7 +158,8 @@ private:
         while (!at_end(end, watch, output, file))
             if (report.due())
                 report.update(progress.measure(file.size()));
-        const bool in_order = recording.finish();
+        const bool in_order = recording.finish(surroundings_.signals.raised() ? Recording::patience_of_a_stop
+                                                                              : Recording::patience_at_the_end);
         shortfall_ = watch.shortfall();
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";

@@ -58,11 +58,13 @@ private:
     std::jthread watch_; // the last one: it uses the others
 };
 
-void wait_for_writer(const DiskPatience& patience)
+constexpr auto writer_look = 10ms;
+
+void wait_for_writer(const DiskPatience& patience, std::chrono::milliseconds limit)
 {
     // Counted in looks, so that the writer has its turn after this process was stopped for all of the time.
-    for (int looks = 1500; bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
-        poll(nullptr, 0, 10);
+    for (auto looks = limit / writer_look; bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
+        poll(nullptr, 0, static_cast<int>(writer_look.count()));
 }
 
 uint64_t multiplexed_pictures()
@@ -112,7 +114,7 @@ Recording::Recording(const RecordingSettings& settings)
 Recording::~Recording()
 {
     if (open_)
-        finish();
+        finish(patience_of_a_stop);
     SCREENRECORD_DeInit();
 }
 
@@ -155,12 +157,12 @@ void Recording::wait_for_first_picture() const
         poll(nullptr, 0, 10);
 }
 
-bool Recording::finish()
+bool Recording::finish(std::chrono::milliseconds writer_limit)
 {
     wait_for_first_picture();
     const DiskPatience patience;
     const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
-    wait_for_writer(patience);
+    wait_for_writer(patience, writer_limit);
     return close() && stopped;
 }
 

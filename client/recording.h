@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -24,6 +25,9 @@ struct RecordingSettings {
 /** One recording of the library, from its opening to its close; also closed when something fails half-way. */
 class Recording {
 public:
+    /** For a writer that is behind: a stop ends the program within three seconds, a time limit hurries nobody. */
+    static constexpr std::chrono::milliseconds patience_of_a_stop{2000}, patience_at_the_end{15'000};
+
     /** Opens and starts it; throws Failure. */
     explicit Recording(const RecordingSettings& settings);
     Recording(const Recording&) = delete;
@@ -32,10 +36,10 @@ public:
 
     /**
      * Waits for the first picture (1.5 s at most), stops capture, waits until the writer has caught up with
-     * what is multiplexed (15 s at most), closes the file. A disk that stands still is given a second.
+     * what is multiplexed, at most for `writer_limit`, and closes the file. A disk that stands still gets a second.
      * @return whether the library says that all of it succeeded
      */
-    bool finish();
+    bool finish(std::chrono::milliseconds writer_limit);
 
 private:
     void open_step_by_step(const RecordingSettings& settings);
