@@ -1,10 +1,15 @@
 # The package that others build on.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS screenrecord zu3 SrGlWorker EXPORT screenrecordTargets
+install(TARGETS screenrecord EXPORT screenrecordTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(TARGETS zu3 SrGlWorker EXPORT screenrecordTargets LIBRARY DESTINATION ${PRIVATE_LIBDIR} COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/screenrecord DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT client)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+  PATTERN make.py EXCLUDE)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 install(TARGETS contract EXPORT screenrecordContractTargets)
@@ -22,3 +27,5 @@ install(FILES ${PROJECT_SOURCE_DIR}/cmake/screenrecordConfig.cmake
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/screenrecord.pc.in ${PROJECT_BINARY_DIR}/screenrecord.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/screenrecord.pc DESTINATION ${PACKAGE_PKGCONFIGDIR} COMPONENT development)
+
+include(${CMAKE_CURRENT_LIST_DIR}/debian_package.cmake)

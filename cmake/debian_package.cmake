@@ -1,0 +1,25 @@
+# A Debian package of all but the contract: cmake --preset deb && cmake --build build/deb && (cd build/deb && cpack)
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL runtime client development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_NAME screenrecord)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "screenrecord developers <screenrecord@users.noreply.github.com>")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS libpulse0) # loaded when sound is recorded
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "records the screen with its sound, from the shell or from C")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "A program and a library that record an X11 screen as H.264 with the sound
+of the desktop into a file that any player opens, and hand out encoded
+frames, screenshots and raw sound.")
+file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
+# Debian wants manual page and changelog compressed, the latter in a form of its own, and a statement about rights.
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian_documents.cmake)
+set(CPACK_SCREENRECORD_SOURCE_DIR ${PROJECT_SOURCE_DIR})
+include(CPack)
