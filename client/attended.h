@@ -10,8 +10,8 @@
 namespace client {
 
 /**
- * Work that may wait for somebody else for ever (the other end of a pipe, a disk), done by a thread of its own while
- * the caller goes on listening. What the work uses belongs to it, since it may outlive the caller.
+ * Runs work that can block without a limit (the far end of a pipe, a disk) on a thread of its own while the caller
+ * keeps listening. The work owns everything it uses, since it can outlive the caller.
  */
 class AttendedWork {
 public:

@@ -9,7 +9,7 @@
 namespace client {
 namespace {
 
-/** What is taken at once, nobody has to look for again. */
+/** A write that is through this fast needs no second look. */
 constexpr std::chrono::milliseconds moment(5);
 
 /** What a disk may be behind: seconds of the highest rates. */

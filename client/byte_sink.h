@@ -13,8 +13,8 @@ namespace client {
 class SinkThread;
 
 /**
- * Where a stream goes: a file, or a reader behind a pipe. A thread of its own writes, so that neither a slow
- * reader nor a disk that stands still holds the program up: what they have no room for stays pending.
+ * Destination of a stream: a file, or the reader of a pipe. A separate thread writes, so neither a slow reader nor a
+ * stalled disk blocks the program; data that has no room yet stays pending.
  */
 class ByteSink {
 public:

@@ -230,8 +230,8 @@ WholeFile::WholeFile(std::string path) : path_(std::move(path))
     begin();
 }
 
-// The folder is looked for anew each time: somebody may have moved it. The name does not depend on that of
-// the file, which may be as long as names can be, and nobody can guess it.
+// Looks the folder up again each time, since it can have been moved. The temporary name is independent of the file's
+// name, which can have the greatest length, and cannot be guessed.
 void WholeFile::begin()
 {
     place_.emplace(path_);

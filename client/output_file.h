@@ -15,7 +15,7 @@ bool is_standard_output(const std::string& path);
 
 /**
  * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that cannot be
- * written, a symbolic link, somebody else's file or pipe, a file that exists without `overwrite` or that is
+ * written, a symbolic link, another user's file or pipe, a file that exists without `overwrite` or that is
  * being recorded. Creates nothing.
  */
 void check_output_path(const std::string& path, bool overwrite);
