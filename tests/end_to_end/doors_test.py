@@ -1,6 +1,5 @@
 """What others could get at: the files that are written, what children inherit, shared memory, the X cookie."""
 
-import contextlib
 import fcntl
 import itertools
 import os
@@ -14,7 +13,7 @@ import tempfile
 import unittest
 
 import judges
-from harness import BUILD, ShortEndToEndTest, size_of, wait_until
+from harness import BUILD, ShortEndToEndTest, full_pipe, size_of, wait_until
 
 F_GET_SEALS, F_SEAL_SHRINK = 1034, 2
 COMMANDS = {
@@ -120,12 +119,7 @@ class Descriptors(ShortEndToEndTest):
 
     def test_recording_needs_no_standard_ones(self):
         # Catches log lines in a recording that became standard error, and a program that waits for its reader for ever.
-        reader, full = os.pipe()
-        os.set_blocking(full, False)
-        with contextlib.suppress(BlockingIOError):
-            while os.write(full, bytes(fcntl.fcntl(full, fcntl.F_GETPIPE_SZ))):
-                pass
-        os.set_blocking(full, True)
+        reader, full = full_pipe()
         running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
                                      environment={"ZU3_DISPLAY": "testcard", "ANDROID_LOG_TAGS": "*:D"})
                    for name, options in {"closed.ts": {"prepare": lambda: os.closerange(0, 3)},

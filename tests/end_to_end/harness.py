@@ -2,6 +2,7 @@
 
 import contextlib
 import ctypes
+import fcntl
 import os
 import pathlib
 import shutil
@@ -38,6 +39,17 @@ def wait_until(condition, what, seconds=PATIENCE):
 def pass_time(seconds):
     """For what is a length of time by itself, as in "a pause of two seconds"; never to wait for an event."""
     time.sleep(seconds)
+
+
+def full_pipe():
+    """Both ends of a pipe without room for another byte."""
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    with contextlib.suppress(BlockingIOError):
+        while os.write(writer, bytes(fcntl.fcntl(writer, fcntl.F_GETPIPE_SZ))):
+            pass
+    os.set_blocking(writer, True)
+    return reader, writer
 
 
 class Running:

@@ -1,7 +1,6 @@
 """Readers that have stopped reading, disks that stand still, pipes that nobody opens: signals are heard all the same."""
 
 import contextlib
-import fcntl
 import json
 import os
 import pathlib
@@ -12,21 +11,10 @@ import signal
 import subprocess
 
 import judges
-from harness import SANITIZED, ShortEndToEndTest, size_of, wait_until
+from harness import SANITIZED, ShortEndToEndTest, full_pipe, size_of, wait_until
 
 # What a stop may take, whatever else stands still.
 STOP = 30 if SANITIZED else 3
-
-
-def full_pipe():
-    """Both ends of a pipe without room for another byte."""
-    reader, writer = os.pipe()
-    os.set_blocking(writer, False)
-    with contextlib.suppress(BlockingIOError):
-        while os.write(writer, bytes(fcntl.fcntl(writer, fcntl.F_GETPIPE_SZ))):
-            pass
-    os.set_blocking(writer, True)
-    return reader, writer
 
 
 def opens(client):
