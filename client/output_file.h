@@ -45,7 +45,7 @@ public:
 
     int fd() const { return fd_.get(); }
     const std::string& path() const { return path_; }
-    /** A name under which this process opens the same file again, even if somebody replaces the path. */
+    /** A name under which this process opens the same file again, even if the path leads to another file by then. */
     std::string path_to_reopen() const;
     /** Bytes in the file now; 0 for what is no regular file. */
     uint64_t size() const;

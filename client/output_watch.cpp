@@ -61,8 +61,8 @@ std::optional<std::string> OutputWatch::problem_at_end()
     return found;
 }
 
-// The search for a hole waits for whoever writes, perhaps to a slow disk, so it is left for the end unless
-// the file has less on its disk than its size.
+// Searching for a hole blocks behind a write that is under way, on a slow disk for long. So it happens at the end only,
+// unless the file has less on its disk than its size.
 std::optional<std::string> OutputWatch::look(bool closely)
 {
     struct stat now = {};

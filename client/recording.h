@@ -25,7 +25,7 @@ struct RecordingSettings {
 /** One recording of the library, from its opening to its close; also closed when something fails half-way. */
 class Recording {
 public:
-    /** For a writer that is behind: a stop ends the program within three seconds, a time limit hurries nobody. */
+    /** Longest wait for a writer that is behind: a stop must end the program within three seconds; a time limit can wait. */
     static constexpr std::chrono::milliseconds patience_of_a_stop{2000}, patience_at_the_end{15'000};
 
     /** Opens and starts it; throws Failure. */

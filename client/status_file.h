@@ -12,9 +12,9 @@ namespace client {
 inline constexpr const char* status_writer_name = "status writer";
 
 /**
- * A file that always holds the latest of some texts whole, as a line. A process of its own writes it: the disk that
- * it lies on may stand still, and then the kernel lets go neither of a thread that writes nor of its process. A text
- * that comes while one is being written is left out, since another follows.
+ * A file that always holds one whole line, the latest text. A separate process writes it: while a disk stands still, the
+ * kernel releases neither a thread that writes to it nor the process of that thread. A text that arrives during a write
+ * is dropped, since another follows.
  */
 class StatusFile {
 public:
