@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <thread>
+#include <utility>
 
 #include "exit_code.h"
 #include "messages.h"
@@ -38,8 +39,9 @@ bool AttendedWork::through() const
 
 void AttendedWork::finish()
 {
-    if (shared_->thrown)
-        std::rethrow_exception(shared_->thrown);
+    // Taken out of what the thread shares, so that the thread's end frees no exception that its receiver still reads.
+    if (auto thrown = std::exchange(shared_->thrown, nullptr))
+        std::rethrow_exception(std::move(thrown));
 }
 
 bool AttendedWork::wait(StopSignals& signals, Clock::duration patience) const

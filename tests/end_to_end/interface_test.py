@@ -140,10 +140,12 @@ class Endurance(LongEndToEndTest):
         lines = recording.output().splitlines()
         print("\n".join(lines))
         rows = [dict(zip(lines[0].split(), map(int, line.split()))) for line in lines[1:]]
+        picture_kib = 1280 * 720 * 3 // 2 // 1024
         self.assertEqual(judges.faults(self.path("a.ts")), "")
         for row in rows:
             # Of a moving screen the encoder holds more than of a still one, so the first two minutes tell the most.
-            self.assertLessEqual(row["resident_kib"], max(first["resident_kib"] for first in rows[:2]) + 256)
+            # The first time that the encoder falls behind by a picture, one more buffer of the pool is written to.
+            self.assertLessEqual(row["resident_kib"], max(first["resident_kib"] for first in rows[:2]) + 256 + picture_kib)
             self.assertEqual((row["late"], row["no_buffer"], row["no_display"], row["refused"]), (0, 0, 0, 0))
             self.assertLessEqual(row["waiting_pictures"], 2)
             self.assertLessEqual(row["waiting_kib"], 128)
