@@ -1,11 +1,11 @@
 /**
- * The floor of what recording a screen costs: a bare loop of shared-memory image, one colour conversion and
- * x264 on one thread, without everything else that a recorder does.
+ * The floor of what recording a screen costs: a bare loop of shared-memory image, one colour
+ * conversion and x264 on one thread, without everything else that a recorder does.
  *
  *   bench_floor FPS SECONDS FILE.h264 [KEY=VALUE...]
  *
- * Records the screen of DISPLAY in its own size, on the schedule start + n / FPS. The x264 options come
- * behind preset veryfast and tune zerolatency.
+ * Records the screen of DISPLAY in its own size, on the schedule start + n / FPS. The x264 options
+ * come behind preset veryfast and tune zerolatency.
  */
 #include <cstdint>
 #include <cstdio>
@@ -55,8 +55,8 @@ public:
 
     void fetch()
     {
-        const auto asked =
-            xcb_shm_get_image(xcb_, root_, 0, 0, width, height, ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0);
+        const auto asked = xcb_shm_get_image(xcb_, root_, 0, 0, width, height, ~0u,
+                                             XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0);
         const std::unique_ptr<xcb_shm_get_image_reply_t, decltype(&free)> reply(
             xcb_shm_get_image_reply(xcb_, asked, nullptr), free);
         if (!reply)
@@ -119,7 +119,8 @@ int main(int argc, char** argv)
     FILE* const file = fopen(argv[3], "wb");
     if (!file)
         fail("the file cannot be written");
-    setvbuf(file, nullptr, _IONBF, 0); // an access unit is out when it is written: it may go into a pipe
+    // an access unit is out when it is written: it may go into a pipe
+    setvbuf(file, nullptr, _IONBF, 0);
     const size_t luma = size_t{screen.width} * screen.height;
     std::vector<uint8_t> picture(luma + luma / 2);
     timespec start{};
@@ -131,7 +132,10 @@ int main(int argc, char** argv)
                            picture.data() + luma, screen.width, screen.width, screen.height);
         x264_picture_t in;
         x264_picture_init(&in);
-        in.img = {X264_CSP_NV12, 2, {screen.width, screen.width}, {picture.data(), picture.data() + luma}};
+        in.img = {X264_CSP_NV12,
+                  2,
+                  {screen.width, screen.width},
+                  {picture.data(), picture.data() + luma}};
         in.i_pts = number;
         x264_picture_t out;
         x264_nal_t* nals = nullptr;

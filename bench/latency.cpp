@@ -1,12 +1,12 @@
 /**
- * Measures how long it takes from a picture being complete in capture to its access unit in the caller's
- * hand.
+ * Measures how long it takes from a picture being complete in capture to its access unit in the
+ * caller's hand.
  *
  *   bench_latency [FRAMES [WIDTH HEIGHT FPS]]     default 300 frames of 1280x720 at 30 per second
  *
- * A frame's time stamp is the moment at which the capture handed the picture over, so the distance to now is
- * the latency. Key frames carry the time of the newest picture instead of their own and are left out. The
- * caller polls every 200 us, which is part of what is measured.
+ * A frame's time stamp is the moment at which the capture handed the picture over, so the distance
+ * to now is the latency. Key frames carry the time of the newest picture instead of their own and
+ * are left out. The caller polls every 200 us, which is part of what is measured.
  */
 #include <algorithm>
 #include <cstdio>
@@ -52,7 +52,8 @@ std::vector<int64_t> measure(size_t count)
 
 double milliseconds_at(const std::vector<int64_t>& sorted, double part)
 {
-    return static_cast<double>(sorted[static_cast<size_t>(static_cast<double>(sorted.size() - 1) * part)]) /
+    return static_cast<double>(
+               sorted[static_cast<size_t>(static_cast<double>(sorted.size() - 1) * part)]) /
            1000;
 }
 
@@ -63,7 +64,8 @@ int main(int argc, char** argv)
     const auto number = [&](int index, unsigned fallback) {
         return argc > index ? static_cast<unsigned>(strtoul(argv[index], nullptr, 10)) : fallback;
     };
-    CapEnc_OpenParams params = {number(2, 1280), number(3, 720), number(4, 30), 4'000'000, 2, 0x1000, 0};
+    CapEnc_OpenParams params = {
+        number(2, 1280), number(3, 720), number(4, 30), 4'000'000, 2, 0x1000, 0};
     if (video_capenc_open(&params) != 0 || video_capenc_start(0) != 0) {
         fprintf(stderr, "bench_latency: cannot capture; the log says why\n");
         video_capenc_close();

@@ -9,14 +9,16 @@
 #include <vector>
 
 /**
- * Scenes as screens show them, drawn without a display and the same on every machine: text that is typed,
- * windows that are dragged, a page and a terminal that scroll, a video in a window, a screen at rest.
+ * Scenes as screens show them, drawn without a display and the same on every machine: text that is
+ * typed, windows that are dragged, a page and a terminal that scroll, a video in a window, a screen
+ * at rest.
  */
 class ScreenScene {
 public:
     static constexpr int width = 1280;
     static constexpr int height = 720;
-    static constexpr std::array names{"typing", "windows", "scrolling", "terminal", "video", "still"};
+    static constexpr std::array names{"typing",   "windows", "scrolling",
+                                      "terminal", "video",   "still"};
 
     explicit ScreenScene(std::string name) : name_(std::move(name)), pixels_(width * height)
     {
@@ -46,9 +48,11 @@ private:
     static constexpr int glyph_width = 8;
     static constexpr int glyph_height = 16;
     static constexpr int line_height = 18;
-    using Glyph = std::array<uint8_t, glyph_width * glyph_height>; // how much of each pixel is ink
+    // how much of each pixel is ink
+    using Glyph = std::array<uint8_t, glyph_width * glyph_height>;
 
-    // A letter is two to four strokes between points of a grid, with smooth edges as fonts have them.
+    // A letter is two to four strokes between points of a grid, with smooth edges as fonts have
+    // them.
     void draw_glyph(Glyph& glyph)
     {
         const auto point = [&](int columns, int step) {
@@ -56,16 +60,18 @@ private:
         };
         glyph.fill(0);
         for (uint32_t stroke = 0, count = 2 + random_() % 3; stroke < count; ++stroke) {
-            const double x0 = point(3, 2), y0 = 2 + point(4, 3), x1 = point(3, 2), y1 = 2 + point(4, 3);
+            const double x0 = point(3, 2), y0 = 2 + point(4, 3), x1 = point(3, 2),
+                         y1 = 2 + point(4, 3);
             const double length = std::max(std::hypot(x1 - x0, y1 - y0), 0.1);
             for (int y = 0; y < glyph_height; ++y)
                 for (int x = 0; x < glyph_width; ++x) {
-                    const double along =
-                        std::clamp(((x - x0) * (x1 - x0) + (y - y0) * (y1 - y0)) / length, 0.0, length);
-                    const double away =
-                        std::hypot(x - x0 - along * (x1 - x0) / length, y - y0 - along * (y1 - y0) / length);
+                    const double along = std::clamp(
+                        ((x - x0) * (x1 - x0) + (y - y0) * (y1 - y0)) / length, 0.0, length);
+                    const double away = std::hypot(x - x0 - along * (x1 - x0) / length,
+                                                   y - y0 - along * (y1 - y0) / length);
                     uint8_t& ink = glyph[static_cast<size_t>(y * glyph_width + x)];
-                    ink = std::max(ink, static_cast<uint8_t>(255 * std::clamp(1.3 - away, 0.0, 1.0)));
+                    ink =
+                        std::max(ink, static_cast<uint8_t>(255 * std::clamp(1.3 - away, 0.0, 1.0)));
                 }
         }
     }
@@ -105,7 +111,8 @@ private:
     {
         for (int i = 0; i < count; ++i)
             if (const uint8_t which = text_[static_cast<size_t>(first + i) % text_.size()])
-                letter(left + i % columns * glyph_width, top + i / columns * line_height, which, ink);
+                letter(left + i % columns * glyph_width, top + i / columns * line_height, which,
+                       ink);
     }
 
     void page(uint32_t paper, uint32_t ink, int offset, int kind)
@@ -124,7 +131,8 @@ private:
         fill(left, top, columns, lines, 0x707880);
         fill(left + 1, top + 25, columns - 2, lines - 26, 0xfafafa);
         for (int y = 1; y < 25; ++y) // a title bar with a gradient
-            fill(left + 1, top + y, columns - 2, 1, 0x5080c0u + static_cast<uint32_t>(y) * 0x020202u);
+            fill(left + 1, top + y, columns - 2, 1,
+                 0x5080c0u + static_cast<uint32_t>(y) * 0x020202u);
         text(left + 10, top + 5, 40, first, 24, 0xffffff);
         text(left + 12, top + 36, (columns - 24) / glyph_width, first,
              (columns - 24) / glyph_width * ((lines - 60) / line_height), 0x303030);
@@ -135,7 +143,8 @@ private:
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x)
                 set(x, y,
-                    static_cast<uint32_t>(40 + y / 9) | static_cast<uint32_t>(60 + x / 16) << 8 | 0x300000);
+                    static_cast<uint32_t>(40 + y / 9) | static_cast<uint32_t>(60 + x / 16) << 8 |
+                        0x300000);
         fill(0, height - 32, width, 32, 0x282c30);
         text(20, height - 24, 60, 900, 40, 0xd0d0d0);
     }
@@ -146,7 +155,8 @@ private:
         fill(60, 300, 800, 260, 0xf4f4f8);
         text(70, 310, 98, 2000, 40 + number, 0x000080);
         if (number / 15 % 2 == 0)
-            fill(70 + (40 + number) % 98 * glyph_width, 310 + (40 + number) / 98 * line_height, 2, 16, 0);
+            fill(70 + (40 + number) % 98 * glyph_width, 310 + (40 + number) / 98 * line_height, 2,
+                 16, 0);
     }
 
     void windows(int number)
@@ -154,7 +164,8 @@ private:
         desktop();
         window(60, 50, 560, 420, 100);
         window(700, 90, 500, 340, 1400);
-        window(150 + number * 5, 160 + static_cast<int>(60 * std::sin(number * 0.07)), 440, 360, 2500);
+        window(150 + number * 5, 160 + static_cast<int>(60 * std::sin(number * 0.07)), 440, 360,
+               2500);
         if (number / 20 % 2) // a menu
             window(700, 116, 180, 220, 3000);
     }
@@ -171,7 +182,8 @@ private:
             for (int x = 0; x < 640; ++x) {
                 const double u = x + pan, v = y + 0.4 * pan;
                 double light = 120 + 40 * std::sin(u * 0.021) * std::cos(v * 0.033) +
-                               22 * std::sin(u * 0.13 + v * 0.07) + 12 * std::sin(v * 0.31 - u * 0.05);
+                               22 * std::sin(u * 0.13 + v * 0.07) +
+                               12 * std::sin(v * 0.31 - u * 0.05);
                 if (std::hypot(x - 320 - 200 * std::sin(number * 0.05), y - 180) < 70)
                     light = 200 + 20 * std::sin((x + y) * 0.2);
                 light += static_cast<double>(grain() % 7) - 3;

@@ -1,13 +1,15 @@
 /**
- * Compares settings of x264 on scenes of a screen: computing time, and picture at the same number of bits.
+ * Compares settings of x264 on scenes of a screen: computing time, and picture at the same number
+ * of bits.
  *
  *   bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
  *
- * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. The reference encodes at constant
- * quality 23; for each candidate the quality is sought at which a scene takes as many bits (within 0.2
- * percent), so that the pictures can be compared. Prints per scene the CPU time against the reference's and
- * the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as a key tells x264 which macroblocks
- * did not change. --picture writes the middle picture of the scene and encodes nothing.
+ * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. The reference encodes at
+ * constant quality 23; for each candidate the quality is sought at which a scene takes as many bits
+ * (within 0.2 percent), so that the pictures can be compared. Prints per scene the CPU time against
+ * the reference's and the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as a key
+ * tells x264 which macroblocks did not change. --picture writes the middle picture of the scene and
+ * encodes nothing.
  */
 #include <algorithm>
 #include <array>
@@ -36,15 +38,19 @@ constexpr int mb_lines = ScreenScene::height / 16;
 
 struct Picture {
     std::vector<uint8_t> nv12;
-    std::vector<uint8_t> constant; // per macroblock, as x264 wants to be told
+    // per macroblock, as x264 wants to be told
+    std::vector<uint8_t> constant;
 };
 using Scene = std::vector<Picture>;
 
 struct Result {
-    double cpu = 0; // seconds
+    // seconds
+    double cpu = 0;
     double bits = 0;
-    double psnr = 0; // dB
-    double ssim = 0; // dB: -10 log10(1 - SSIM)
+    // dB
+    double psnr = 0;
+    // dB: -10 log10(1 - SSIM)
+    double ssim = 0;
 };
 
 double cpu_now()
@@ -59,7 +65,8 @@ bool same_block(const Picture& one, const Picture& other, int column, int line)
     const auto same_rows = [&](size_t start, int rows) {
         for (int row = 0; row < rows; ++row)
             if (std::memcmp(&one.nv12[start + static_cast<size_t>(row * ScreenScene::width)],
-                            &other.nv12[start + static_cast<size_t>(row * ScreenScene::width)], 16) != 0)
+                            &other.nv12[start + static_cast<size_t>(row * ScreenScene::width)],
+                            16) != 0)
                 return false;
         return true;
     };
@@ -82,8 +89,9 @@ Scene draw_scene(const std::string& name)
         if (number > 0)
             for (int i = 0; i < mb_columns * mb_lines; ++i)
                 picture.constant[static_cast<size_t>(i)] =
-                    same_block(picture, scene.back(), i % mb_columns, i / mb_columns) ? X264_MBINFO_CONSTANT
-                                                                                      : 0;
+                    same_block(picture, scene.back(), i % mb_columns, i / mb_columns)
+                        ? X264_MBINFO_CONSTANT
+                        : 0;
         scene.push_back(std::move(picture));
     }
     return scene;
@@ -119,7 +127,9 @@ x264_param_t parameters_of(const std::string& settings, double quality)
     return parameters;
 }
 
-/** Encodes a scene; the picture is only measured where `measured`, which would cost time otherwise. */
+/**
+ * Encodes a scene; the picture is only measured where `measured`, which would cost time otherwise.
+ */
 Result encode(Scene& scene, const std::string& settings, double quality, bool measured)
 {
     x264_param_t parameters = parameters_of(settings, quality);
@@ -166,10 +176,11 @@ double quality_for(Scene& scene, const std::string& settings, double bits)
 }
 
 /**
- * CPU time of a candidate against the reference's, turn by turn, since a virtual machine's speed jumps by a
- * third from one ten seconds to the next; the median of five such ratios.
+ * CPU time of a candidate against the reference's, turn by turn, since a virtual machine's speed
+ * jumps by a third from one ten seconds to the next; the median of five such ratios.
  */
-double cpu_ratio(Scene& scene, const std::string& candidate, double quality, const std::string& reference)
+double cpu_ratio(Scene& scene, const std::string& candidate, double quality,
+                 const std::string& reference)
 {
     std::array<double, 5> ratios;
     for (double& ratio : ratios) {
@@ -199,13 +210,15 @@ int write_picture(const std::string& name, const char* path)
 
 bool is_scene(const std::string& name)
 {
-    return std::find(ScreenScene::names.begin(), ScreenScene::names.end(), name) != ScreenScene::names.end();
+    return std::find(ScreenScene::names.begin(), ScreenScene::names.end(), name) !=
+           ScreenScene::names.end();
 }
 
 int show_usage()
 {
-    fputs("usage: bench_settings [--scene NAME] [--picture FILE.ppm] PRESET[,KEY=VALUE...]...\nscenes:",
-          stderr);
+    fputs(
+        "usage: bench_settings [--scene NAME] [--picture FILE.ppm] PRESET[,KEY=VALUE...]...\nscenes:",
+        stderr);
     for (const char* name : ScreenScene::names)
         fprintf(stderr, " %s", name);
     fputs("\n", stderr);
@@ -229,12 +242,14 @@ int main(int argc, char** argv)
         return show_usage();
     if (picture)
         return write_picture(scenes[0], picture);
-    std::map<std::string, double> total; // CPU over all scenes, against the reference's
+    // CPU over all scenes, against the reference's
+    std::map<std::string, double> total;
     for (const std::string& name : scenes) {
         Scene scene = draw_scene(name);
         const Result reference = encode(scene, settings[0], reference_quality, true);
         printf("%s: %s %.0f kbit/s, %.2f dB, SSIM %.2f dB, %.2f ms a picture\n", name.c_str(),
-               settings[0].c_str(), reference.bits * fps / pictures / 1000, reference.psnr, reference.ssim,
+               settings[0].c_str(), reference.bits * fps / pictures / 1000, reference.psnr,
+               reference.ssim,
                encode(scene, settings[0], reference_quality, false).cpu / pictures * 1e3);
         for (size_t i = 1; i < settings.size(); ++i) {
             const double quality = quality_for(scene, settings[i], reference.bits);
@@ -242,8 +257,8 @@ int main(int argc, char** argv)
             const double cpu = cpu_ratio(scene, settings[i], quality, settings[0]);
             total[settings[i]] += cpu / static_cast<double>(scenes.size());
             printf("  CPU %.2f  bits %.3f  PSNR %+.2f  SSIM %+.2f  crf %.2f  %s\n", cpu,
-                   found.bits / reference.bits, found.psnr - reference.psnr, found.ssim - reference.ssim,
-                   quality, settings[i].c_str());
+                   found.bits / reference.bits, found.psnr - reference.psnr,
+                   found.ssim - reference.ssim, quality, settings[i].c_str());
         }
         fflush(stdout);
     }

@@ -39,7 +39,8 @@ bool AttendedWork::through() const
 
 void AttendedWork::finish()
 {
-    // Taken out of what the thread shares, so that the thread's end frees no exception that its receiver still reads.
+    // Taken out of what the thread shares, so that the thread's end frees no exception that its
+    // receiver still reads.
     if (auto thrown = std::exchange(shared_->thrown, nullptr))
         std::rethrow_exception(std::move(thrown));
 }

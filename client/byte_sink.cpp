@@ -17,7 +17,8 @@ constexpr uint64_t most_on_its_way = 8 << 20;
 
 } // namespace
 
-ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals)
+ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output,
+                   StopSignals& signals)
 {
     if (is_standard_output(path)) {
         thread_ = SinkThread::start(standard_output, UniqueFd());

@@ -13,25 +13,33 @@ namespace client {
 class SinkThread;
 
 /**
- * Destination of a stream: a file, or the reader of a pipe. A separate thread writes, so neither a slow reader nor a
- * stalled disk blocks the program; data that has no room yet stays pending.
+ * Destination of a stream: a file, or the reader of a pipe. A separate thread writes, so neither a
+ * slow reader nor a stalled disk blocks the program; data that has no room yet stays pending.
  */
 class ByteSink {
 public:
     enum class State {
-        ready,       /**< everything was taken */
-        pending,     /**< the rest waits for room; poll fd() for POLLIN, then look() */
-        reader_gone, /**< nobody reads any more */
-        failed,      /**< see error() */
+        /** everything was taken */
+        ready,
+        /** the rest waits for room; poll fd() for POLLIN, then look() */
+        pending,
+        /** nobody reads any more */
+        reader_gone,
+        /** see error() */
+        failed,
     };
 
-    /** "-" is `standard_output`; waits for the reader of a named pipe until a stop is asked for. Throws
-     * Failure. */
+    /**
+     * "-" is `standard_output`; waits for the reader of a named pipe until a stop is asked for.
+     * Throws Failure.
+     */
     ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals);
     ~ByteSink();
 
-    /** Starts to deliver `data`, which is copied; not while something is pending. What a disk has not taken yet
-     * is pending only beyond some MiB. */
+    /**
+     * Starts to deliver `data`, which is copied; not while something is pending. What a disk has
+     * not taken yet is pending only beyond some MiB.
+     */
     State put(std::span<const uint8_t> data);
     /** The same for what replaces the first bytes of a file. */
     State put_at_begin(std::span<const uint8_t> data);
@@ -60,8 +68,10 @@ private:
 
     std::optional<OutputFile> file_;
     std::optional<OutputWatch> watch_;
-    std::shared_ptr<SinkThread> thread_; // shared with the thread itself, which may be held for ever
-    uint64_t allowance_ = 0; /**< bytes that may wait for a disk */
+    // shared with the thread itself, which may be held for ever
+    std::shared_ptr<SinkThread> thread_;
+    /** bytes that may wait for a disk */
+    uint64_t allowance_ = 0;
     bool unfinished_ = false;
     int error_ = 0;
 };

@@ -29,12 +29,16 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
     return all.doctor;
 }
 
-/** The words after the program's name, of which "help" and "help COMMAND" become the option that they stand
- * for. */
+/**
+ * The words after the program's name, of which "help" and "help COMMAND" become the option that
+ * they stand for.
+ */
 std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
 {
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
-    const auto is_named = [&words](const CLI::App* command) { return command->get_name() == words.back(); };
+    const auto is_named = [&words](const CLI::App* command) {
+        return command->get_name() == words.back();
+    };
     if (words == std::vector<std::string>{help_command})
         return {"--help"};
     if (words.size() == 2 && words[0] == help_command && !app.get_subcommands(is_named).empty())
@@ -51,7 +55,8 @@ Invocation read_command_line(int argc, char** argv)
     describe_program(app, all);
     try {
         std::vector<std::string> words = given_words(app, argc, argv);
-        std::reverse(words.begin(), words.end()); // as the parser wants them
+        // as the parser wants them
+        std::reverse(words.begin(), words.end());
         app.parse(std::move(words));
         const Invocation invocation = chosen(app, all);
         check_paths(invocation);

@@ -48,8 +48,10 @@ Paths paths_of(const PcmOptions& options)
 void check_name(const NamedPath& path)
 {
     if (path.path.starts_with('='))
-        refuse_path(path, "begins with '=', which does not stand between a short option and its value: '-o " +
-                         path.path.substr(1) + "'; a file of that name is './" + path.path + "'");
+        refuse_path(
+            path,
+            "begins with '=', which does not stand between a short option and its value: '-o " +
+                path.path.substr(1) + "'; a file of that name is './" + path.path + "'");
     if (path.path.starts_with('-') && path.path != "-")
         refuse_path(path, "looks like an option; a file of that name is './" + path.path + "'");
 }
@@ -57,7 +59,8 @@ void check_name(const NamedPath& path)
 bool is_same_file(const std::string& one, const std::string& other)
 {
     struct stat first = {}, second = {};
-    const bool first_there = stat(one.c_str(), &first) == 0, second_there = stat(other.c_str(), &second) == 0;
+    const bool first_there = stat(one.c_str(), &first) == 0,
+               second_there = stat(other.c_str(), &second) == 0;
     if (first_there != second_there)
         return false;
     if (first_there)
@@ -72,7 +75,7 @@ void check_pair(const NamedPath& one, const NamedPath& other)
 {
     if ((one.written || other.written) && is_same_file(one.path, other.path))
         refuse_path(other, "is the same file as " + std::string(one.option) + " '" + one.path +
-                          "'; give one of them another name");
+                               "'; give one of them another name");
 }
 
 /** A shell has opened these for us, perhaps a file that we are to write as well. */
@@ -85,7 +88,7 @@ void check_against_standard_descriptors(const NamedPath& path)
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         if (fstat(fd, &open) == 0 && common::is_one_file(named, open))
             refuse_path(path, std::string("is the file that ") + names[fd] +
-                             " is redirected to; give one of them another name");
+                                  " is redirected to; give one of them another name");
 }
 
 void check(Paths paths)
@@ -101,7 +104,8 @@ void check(Paths paths)
     }
 }
 
-template <typename Options> void check_output(const char* command, const Options& options, uint32_t fps = 0)
+template <typename Options>
+void check_output(const char* command, const Options& options, uint32_t fps = 0)
 {
     const std::string problem = wrong_format(command, options.output, fps);
     if (!problem.empty())
@@ -111,7 +115,10 @@ template <typename Options> void check_output(const char* command, const Options
 
 struct CommandCheck {
     void operator()(const RecordOptions& options) const { check_output("record", options); }
-    void operator()(const StreamOptions& options) const { check_output("stream", options, options.fps); }
+    void operator()(const StreamOptions& options) const
+    {
+        check_output("stream", options, options.fps);
+    }
     void operator()(const ShotOptions& options) const { check_output("shot", options); }
     void operator()(const PcmOptions& options) const { check_output("pcm", options); }
     void operator()(const auto&) const {} // no paths

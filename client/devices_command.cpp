@@ -13,7 +13,8 @@ std::string display_line(const std::string& name)
         return "display  " + name + "  cannot be reached";
     std::string line =
         format_text("display  %s  %ux%u", name.c_str(), display->size.width, display->size.height);
-    line += display->refresh_hz > 0 ? format_text("  %.2f Hz", display->refresh_hz) : "  no rate of its own";
+    line += display->refresh_hz > 0 ? format_text("  %.2f Hz", display->refresh_hz)
+                                    : "  no rate of its own";
     return display->problem.empty() ? line : line + "  cannot be captured: " + display->problem;
 }
 

@@ -42,9 +42,9 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
     const auto resources = owned(xcb_randr_get_screen_resources_current_reply(
         connection, xcb_randr_get_screen_resources_current(connection, root), nullptr));
     if (!resources ||
-        !zu3host::holds_behind(*resources, uint64_t{4} * resources->num_crtcs +
-                                               uint64_t{4} * resources->num_outputs +
-                                               sizeof(xcb_randr_mode_info_t) * resources->num_modes))
+        !zu3host::holds_behind(
+            *resources, uint64_t{4} * resources->num_crtcs + uint64_t{4} * resources->num_outputs +
+                            sizeof(xcb_randr_mode_info_t) * resources->num_modes))
         return 0;
     const auto* crtcs = xcb_randr_get_screen_resources_current_crtcs(resources.get());
     const auto* modes = xcb_randr_get_screen_resources_current_modes(resources.get());
@@ -52,8 +52,9 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
         const auto crtc = owned(xcb_randr_get_crtc_info_reply(
             connection, xcb_randr_get_crtc_info(connection, crtcs[i], XCB_CURRENT_TIME), nullptr));
         const auto* end = modes + resources->num_modes;
-        const auto* mode = std::find_if(
-            modes, end, [&](const auto& m) { return crtc && crtc->mode == m.id && rate_of(m) > 0; });
+        const auto* mode = std::find_if(modes, end, [&](const auto& m) {
+            return crtc && crtc->mode == m.id && rate_of(m) > 0;
+        });
         if (mode != end)
             return rate_of(*mode);
     }
@@ -97,8 +98,8 @@ std::string environment(const char* name)
 
 } // namespace
 
-// A server that is stopped accepts the connection and never answers, and xcb has no time limit: so a thread
-// of its own asks, and is left alone when it takes too long.
+// A server that is stopped accepts the connection and never answers, and xcb has no time limit: so
+// a thread of its own asks, and is left alone when it takes too long.
 std::optional<DisplayInfo> probe_display(const std::string& name)
 {
     const auto answer = std::make_shared<Answer>();
@@ -110,8 +111,8 @@ std::optional<DisplayInfo> probe_display(const std::string& name)
         answer->arrived.notify_one();
     }).detach();
     std::unique_lock lock(answer->mutex);
-    // In slices: when this process was stopped for all of the time, the thread has its turn before it is
-    // judged.
+    // In slices: when this process was stopped for all of the time, the thread has its turn before
+    // it is judged.
     constexpr auto slice = std::chrono::milliseconds(50);
     for (int left = std::chrono::seconds(3) / slice; left > 0 && !answer->there; --left)
         answer->arrived.wait_for(lock, slice, [&] { return answer->there; });
@@ -129,18 +130,16 @@ DisplayInfo display_to_capture()
         return {.name = "the test card", .size = {1280, 720}};
     const std::string name = environment("DISPLAY");
     if (name.empty() && getauxval(AT_SECURE))
-        throw Failure("cannot reach a display: this program was given privileges (set-uid, set-gid or file "
-                      "capabilities), so that its environment does not choose one; take them away");
+        throw Failure(
+            "cannot reach a display: this program was given privileges (set-uid, set-gid or file capabilities), so that its environment does not choose one; take them away");
     if (name.empty())
         throw Failure(
-            "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord "
-            "devices'), or set ZU3_DISPLAY=testcard for a moving test card");
+            "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord devices'), or set ZU3_DISPLAY=testcard for a moving test card");
     auto display = probe_display(name);
     if (!display)
         throw Failure(
             "cannot reach the display '" + name +
-            "' (DISPLAY): there is no X server of that name, it does not answer, or it does not let us "
-            "in; 'screenrecord devices' lists those that do");
+            "' (DISPLAY): there is no X server of that name, it does not answer, or it does not let us in; 'screenrecord devices' lists those that do");
     if (!display->problem.empty())
         throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
     return *display;
@@ -151,10 +150,11 @@ Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& aske
     const Size size = asked.value_or(size_for_display(display.size));
     const Size whole = display.size;
     const bool column = whole.width == size.width + 1, row = whole.height == size.height + 1;
-    const bool shown = whole.width <= size.width + 1 && whole.height <= size.height + 1; // not scaled down
+    // not scaled down
+    const bool shown = whole.width <= size.width + 1 && whole.height <= size.height + 1;
     if (shown && (column || row))
-        say(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out", display.name.c_str(),
-                        whole.width, whole.height,
+        say(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out",
+                        display.name.c_str(), whole.width, whole.height,
                         column && row ? "column and its last row are"
                         : column      ? "column is"
                                       : "row is"));

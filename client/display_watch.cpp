@@ -6,7 +6,10 @@ namespace client {
 namespace {
 
 constexpr uint32_t silent_ms = 1000;
-/** A slow display is not lost, but a recording that gets no picture for so long does not wait any more. */
+/**
+ * A slow display is not lost, but a recording that gets no picture for so long does not wait any
+ * more.
+ */
 constexpr uint32_t given_up_ms = 60'000;
 
 } // namespace
@@ -22,7 +25,8 @@ std::optional<std::string> DisplayWatch::problem(const std::string& purpose) con
     if (!now || !before_)
         return std::nullopt;
     const char* name = secure_getenv("DISPLAY");
-    const std::string ended = purpose + " the display " + (name ? name : "") + " (DISPLAY) any more: ";
+    const std::string ended =
+        purpose + " the display " + (name ? name : "") + " (DISPLAY) any more: ";
     if (now->display_lost && !before_->display_lost)
         return ended + "it went away";
     if (now->display_silent_ms >= given_up_ms)

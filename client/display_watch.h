@@ -7,7 +7,10 @@
 
 namespace client {
 
-/** Whether the platform waits in vain for a picture of the display, and has for longer than a moment. */
+/**
+ * Whether the platform waits in vain for a picture of the display, and has for longer than a
+ * moment.
+ */
 bool display_is_silent(const zu3_host_statistics_t& now);
 
 /** Looks for what ends the capture of the display. */
@@ -17,8 +20,8 @@ public:
     DisplayWatch() : before_(read_statistics()) {}
 
     /**
-     * Why there will be no more pictures: "<purpose> the display ... any more: ...". Nothing while there may
-     * be some, or where the platform does not count.
+     * Why there will be no more pictures: "<purpose> the display ... any more: ...". Nothing while
+     * there may be some, or where the platform does not count.
      */
     std::optional<std::string> problem(const std::string& purpose) const;
 

@@ -34,8 +34,7 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
     if (video_capenc_open(&params) != 0) {
         video_capenc_close();
         throw library_failure(
-            "cannot stream: the library refused to open capture and encoder with this size, "
-            "rate, profile and level");
+            "cannot stream: the library refused to open capture and encoder with this size, rate, profile and level");
     }
     forget_library_log();
     size_ = exact ? size : Size{params.width, params.height};
@@ -52,7 +51,8 @@ void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signal
     if (!watermark.image.empty()) {
         WatermarkChange change(watermark);
         if (!change.reading().wait(signals, Clock::duration::zero()))
-            throw Failure("cannot read the picture " + watermark.image + ": stopped before it had come");
+            throw Failure("cannot read the picture " + watermark.image +
+                          ": stopped before it had come");
         change.apply();
     }
     if (video_capenc_start(0) != 0)
@@ -71,7 +71,9 @@ bool EncodedStream::take(EncodedFrame& frame)
     CapEnc_EsInfo info = {};
     if (video_capenc_getES(buffer_.data(), buffer_.size(), &info) != 0 || info.u64DataSize == 0)
         return false;
-    frame = {.bytes = {buffer_.data(), info.u64DataSize}, .pts_us = info.u64Pts, .key = info.bKeyFrame != 0};
+    frame = {.bytes = {buffer_.data(), info.u64DataSize},
+             .pts_us = info.u64Pts,
+             .key = info.bKeyFrame != 0};
     return true;
 }
 

@@ -12,15 +12,18 @@ namespace client {
 /** One frame as the library hands it out; the bytes stay until the next one is taken. */
 struct EncodedFrame {
     std::span<const uint8_t> bytes;
-    uint64_t pts_us = 0; /**< of the monotonic clock */
+    /** of the monotonic clock */
+    uint64_t pts_us = 0;
     bool key = false;
 };
 
 /** The library's capture-encode pipeline, from its opening to its close. */
 class EncodedStream {
 public:
-    /** Opens it, sets the watermark, whose picture is waited for until a stop is asked for, and starts it; throws
-     * Failure. @param size what was asked for, not rounded */
+    /**
+     * Opens it, sets the watermark, whose picture is waited for until a stop is asked for, and
+     * starts it; throws Failure. @param size what was asked for, not rounded
+     */
     EncodedStream(const StreamOptions& options, Size size, StopSignals& signals);
     EncodedStream(const EncodedStream&) = delete;
     EncodedStream& operator=(const EncodedStream&) = delete;

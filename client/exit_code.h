@@ -7,10 +7,14 @@ namespace client {
 
 /** How the program ended; scripts rely on the numbers. */
 enum class ExitCode : int {
-    complete = 0,    /**< everything that was asked for is there */
-    failed = 1,      /**< no usable file was made */
-    usage = 2,       /**< the command line asks for something that cannot be, such as its output */
-    ended_early = 3, /**< what was made ended before it was asked to, lacks some of it, or was lost to others */
+    /** everything that was asked for is there */
+    complete = 0,
+    /** no usable file was made */
+    failed = 1,
+    /** the command line asks for something that cannot be, such as its output */
+    usage = 2,
+    /** what was made ended before it was asked to, lacks some of it, or was lost to others */
+    ended_early = 3,
 };
 
 /** A failure that ends the command: a sentence for people, and the exit code. */

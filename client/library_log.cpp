@@ -76,8 +76,8 @@ bool show_library_log()
 
 Failure library_failure(const std::string& sentence)
 {
-    return Failure(sentence +
-                   (show_library_log() ? ", for the reasons above" : "; --verbose shows its reasons"));
+    return Failure(sentence + (show_library_log() ? ", for the reasons above"
+                                                  : "; --verbose shows its reasons"));
 }
 
 } // namespace client

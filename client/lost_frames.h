@@ -5,8 +5,8 @@
 namespace client {
 
 /**
- * Counts frames that were never handed over, by the distance of the time stamps from end to end of a stretch.
- * A stretch ends where frames are left out because we asked for it.
+ * Counts frames that were never handed over, by the distance of the time stamps from end to end of
+ * a stretch. A stretch ends where frames are left out because we asked for it.
  */
 class LostFrames {
 public:

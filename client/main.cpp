@@ -18,21 +18,22 @@ template <typename Options> const CommonOptions* common(const Options& options)
     return nullptr;
 }
 
-// Else the recording itself could become number 2, and take what is logged. Open to read only: who writes to
-// what is missing fails as before.
+// Else the recording itself could become number 2, and take what is logged. Open to read only: who
+// writes to what is missing fails as before.
 void fill_standard_descriptors()
 {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (fcntl(fd, F_GETFD) < 0)
-            open("/dev/null", O_RDONLY); // the lowest free number, which is this one
+            // the lowest free number, which is this one
+            open("/dev/null", O_RDONLY);
 }
 
 // Before any thread exists: the environment is not to be changed afterwards.
 void prepare_environment(const CommonOptions* options)
 {
-    // The library logs every module that an ordinary recording does not use as an error. What went wrong is
-    // said by us; with --verbose the library's own reasons are kept until then, and what the platform has
-    // chosen is shown. A variable that is set already decides alone.
+    // The library logs every module that an ordinary recording does not use as an error. What went
+    // wrong is said by us; with --verbose the library's own reasons are kept until then, and what
+    // the platform has chosen is shown. A variable that is set already decides alone.
     const bool verbose = options && options->verbose;
     if (verbose && !secure_getenv("ANDROID_LOG_TAGS"))
         keep_library_log();

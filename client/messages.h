@@ -4,16 +4,21 @@
 
 namespace client {
 
-// A reader of standard error who has stopped reading never holds the program up: messages wait for him beside it, up
-// to 64 KiB of them, and a second at the end; a status that the next one replaces does not wait.
+// A reader of standard error who has stopped reading never holds the program up: messages wait for
+// him beside it, up to 64 KiB of them, and a second at the end; a status that the next one replaces
+// does not wait.
 
-/** `text` as a terminal may get it. All that is printed here passes through it, since names of files,
- * displays and sound sources are other people's: a control character, a line end among them, becomes "\x1b".
+/**
+ * `text` as a terminal may get it. All that is printed here passes through it, since names of
+ * files, displays and sound sources are other people's: a control character, a line end among them,
+ * becomes "\x1b".
  */
 std::string printable(const std::string& text);
 
-/** Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line shown
- * there. */
+/**
+ * Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line
+ * shown there.
+ */
 void say(const std::string& sentence);
 
 /** Prints `line` alone on standard error, in place of a status line shown there. */
@@ -22,8 +27,10 @@ void print_error_line(const std::string& line);
 /** Prints a status for programs as a line on standard error. */
 void print_status_object(const std::string& object);
 
-/** Shows `line` as the terminal's refreshed line, behind `mark`, which may bring its colour along; it stays
- * until the next one or the next message. */
+/**
+ * Shows `line` as the terminal's refreshed line, behind `mark`, which may bring its colour along;
+ * it stays until the next one or the next message.
+ */
 void show_status_line(const std::string& mark, const std::string& line);
 
 /** Removes the refreshed line, if one is shown. */

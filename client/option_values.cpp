@@ -42,7 +42,8 @@ std::optional<double> clock_seconds(std::string_view text)
         const std::string_view part = text.substr(0, colon);
         const bool last = colon == std::string_view::npos;
         const auto number = parse_decimal(part);
-        if (!number || (parts > 1 && *number >= 60) || (!last && part.find('.') != std::string_view::npos))
+        if (!number || (parts > 1 && *number >= 60) ||
+            (!last && part.find('.') != std::string_view::npos))
             return std::nullopt;
         seconds = seconds * 60 + *number;
         if (last)
@@ -115,7 +116,8 @@ Size size_for_display(Size display)
 
 std::optional<std::chrono::duration<double>> parse_time(std::string_view text)
 {
-    const auto seconds = text.find(':') != std::string_view::npos ? clock_seconds(text) : unit_seconds(text);
+    const auto seconds =
+        text.find(':') != std::string_view::npos ? clock_seconds(text) : unit_seconds(text);
     if (!seconds || !(*seconds > 0) || *seconds > 1e7)
         return std::nullopt;
     return std::chrono::duration<double>(*seconds);
@@ -141,22 +143,25 @@ std::string listed(const std::vector<std::string>& words, const char* last)
     return list;
 }
 
-std::optional<std::string> nearest_word(const std::string& typed, const std::vector<std::string>& words)
+std::optional<std::string> nearest_word(const std::string& typed,
+                                        const std::vector<std::string>& words)
 {
-    const auto distance = [&typed](
-                              const std::string& word) { // Levenshtein's, a swap of neighbours counts two
-        std::vector<size_t> row(word.size() + 1);
-        std::iota(row.begin(), row.end(), size_t{0});
-        for (size_t i = 1; i <= typed.size(); ++i) {
-            size_t diagonal = std::exchange(row[0], i);
-            for (size_t j = 1; j <= word.size(); ++j)
-                diagonal = std::exchange(
-                    row[j], std::min({row[j] + 1, row[j - 1] + 1, diagonal + (typed[i - 1] != word[j - 1])}));
-        }
-        return row.back();
-    };
-    const auto nearest = std::min_element(
-        words.begin(), words.end(), [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
+    const auto distance =
+        [&typed](const std::string& word) { // Levenshtein's, a swap of neighbours counts two
+            std::vector<size_t> row(word.size() + 1);
+            std::iota(row.begin(), row.end(), size_t{0});
+            for (size_t i = 1; i <= typed.size(); ++i) {
+                size_t diagonal = std::exchange(row[0], i);
+                for (size_t j = 1; j <= word.size(); ++j)
+                    diagonal =
+                        std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1,
+                                                        diagonal + (typed[i - 1] != word[j - 1])}));
+            }
+            return row.back();
+        };
+    const auto nearest =
+        std::min_element(words.begin(), words.end(),
+                         [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
     if (nearest == words.end() || distance(*nearest) > 2)
         return std::nullopt;
     return *nearest;
@@ -194,8 +199,8 @@ std::optional<Position> parse_position(std::string_view text)
 
 std::optional<uint32_t> parse_level(std::string_view text)
 {
-    static constexpr std::array<std::string_view, 13> names = {"1",   "1b", "1.1", "1.2", "1.3", "2",  "2.1",
-                                                               "2.2", "3",  "3.1", "3.2", "4",   "4.1"};
+    static constexpr std::array<std::string_view, 13> names = {
+        "1", "1b", "1.1", "1.2", "1.3", "2", "2.1", "2.2", "3", "3.1", "3.2", "4", "4.1"};
     const auto found = std::find(names.begin(), names.end(), text);
     if (found == names.end())
         return std::nullopt;

@@ -26,13 +26,17 @@ struct Position {
 inline constexpr Size smallest_size{64, 64};
 inline constexpr Size greatest_size{3840, 2160};
 
-/** "WxH", decimal; nothing for anything else. Whether it can be captured is said by size_problem(). */
+/**
+ * "WxH", decimal; nothing for anything else. Whether it can be captured is said by size_problem().
+ */
 std::optional<Size> parse_size(std::string_view text);
 
 /** Why a picture of this size cannot be captured, as the end of a sentence; empty when it can. */
 std::string size_problem(Size size);
 
-/** The size to capture when none was asked for: the display's own, made even and scaled down where it must.
+/**
+ * The size to capture when none was asked for: the display's own, made even and scaled down where
+ * it must.
  */
 Size size_for_display(Size display);
 
@@ -40,8 +44,10 @@ Size size_for_display(Size display);
 inline constexpr uint32_t lowest_bit_rate = 10'000;
 inline constexpr uint32_t greatest_bit_rate = 240'000'000;
 
-/** One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000), of
- * either case. */
+/**
+ * One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000), of
+ * either case.
+ */
 std::optional<uint32_t> parse_bit_rate(std::string_view text);
 
 /** "X,Y", each with a minus sign where it is negative; a plus sign is none of it. */
@@ -57,7 +63,8 @@ std::vector<std::string> choices_of(std::string_view text);
 std::string listed(const std::vector<std::string>& words, const char* last);
 
 /** The word of `words` that somebody may have meant by `typed`; nothing when none is near. */
-std::optional<std::string> nearest_word(const std::string& typed, const std::vector<std::string>& words);
+std::optional<std::string> nearest_word(const std::string& typed,
+                                        const std::vector<std::string>& words);
 
 /** A whole number from 0 to 4294967295, nothing around it. */
 std::optional<uint32_t> parse_number(std::string_view text);

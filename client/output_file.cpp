@@ -55,14 +55,17 @@ void check_existing(const std::string& path, const TrustedPath& place, const str
                     bool overwrite)
 {
     if (S_ISLNK(found.st_mode))
-        refuse_output(path, "it is a symbolic link, which somebody may have planted; remove it or name its target");
+        refuse_output(
+            path,
+            "it is a symbolic link, which somebody may have planted; remove it or name its target");
     const Objection objection = common::objection_to_write(found);
     if (objection == Objection::folder)
         refuse_output(path, "it is a folder");
     if (objection == Objection::special)
         refuse_output(path, "it is no ordinary file");
     if (objection == Objection::foreign && !place.in_proc()) // those are open already
-        refuse_output(path, "it belongs to another user, who may read what is written; give it another name");
+        refuse_output(
+            path, "it belongs to another user, who may read what is written; give it another name");
     if (S_ISREG(found.st_mode) && !overwrite)
         refuse_existing(path);
     if (faccessat(place.folder(), place.name().c_str(), W_OK, AT_EACCESS) != 0)
@@ -90,7 +93,8 @@ struct stat examine(const std::string& path, const TrustedPath& place, bool over
     if (errno != ENOENT)
         refuse_output(path, error_text(errno));
     if (faccessat(place.folder(), ".", W_OK | X_OK, AT_EACCESS) != 0)
-        refuse_output(path, "the folder " + folder_of(path) + " is not writable: " + error_text(errno));
+        refuse_output(path,
+                      "the folder " + folder_of(path) + " is not writable: " + error_text(errno));
     return {};
 }
 
@@ -98,12 +102,15 @@ struct stat examine(const std::string& path, const TrustedPath& place, bool over
 void examine_whole_file(const std::string& path, const TrustedPath& place, bool overwrite)
 {
     const mode_t kind = examine(path, place, overwrite).st_mode;
-    struct stat named = {}; // the rename would take away the link, even one of the kernel's
-    const bool is_link = fstatat(place.folder(), place.name().c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-                         S_ISLNK(named.st_mode);
+    // the rename would take away the link, even one of the kernel's
+    struct stat named = {};
+    const bool is_link =
+        fstatat(place.folder(), place.name().c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISLNK(named.st_mode);
     if (is_link || (kind != 0 && !S_ISREG(kind)))
-        refuse_output(path,
-               "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
+        refuse_output(
+            path,
+            "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
 }
 
 bool leads_to(const TrustedPath& place, int fd)
@@ -112,7 +119,10 @@ bool leads_to(const TrustedPath& place, int fd)
     return place.status(named) == 0 && fstat(fd, &held) == 0 && common::is_one_file(named, held);
 }
 
-/** Renames where nothing is of the new name; several network file systems know no such rename, but links. */
+/**
+ * Renames where nothing is of the new name; several network file systems know no such rename, but
+ * links.
+ */
 int rename_to_free_name(int folder, const char* from, const char* to)
 {
     if (renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0)
@@ -193,7 +203,8 @@ void OutputFile::open_named_pipe(StopSignals& signals)
         if (fd_ || errno != ENXIO)
             return;
         if (signals.wait_until(Clock::now() + std::chrono::milliseconds(50)))
-            throw Failure("cannot write to " + path_ + ": stopped before anybody opened it to read");
+            throw Failure("cannot write to " + path_ +
+                          ": stopped before anybody opened it to read");
     }
 }
 
@@ -222,7 +233,8 @@ uint64_t OutputFile::size() const
 
 WholeFile::WholeFile(std::string path) : path_(std::move(path))
 {
-    check_whole_file_path(path_, true); // whether it may replace a file is said when it gets its name
+    // whether it may replace a file is said when it gets its name
+    check_whole_file_path(path_, true);
     place_.emplace(path_);
     in_place_ = lock_existing(path_, *place_);
     if (in_place_ && !leads_to(*place_, in_place_.get()))
@@ -230,16 +242,16 @@ WholeFile::WholeFile(std::string path) : path_(std::move(path))
     begin();
 }
 
-// Looks the folder up again each time, since it can have been moved. The temporary name is independent of the file's
-// name, which can have the greatest length, and cannot be guessed.
+// Looks the folder up again each time, since it can have been moved. The temporary name is
+// independent of the file's name, which can have the greatest length, and cannot be guessed.
 void WholeFile::begin()
 {
     place_.emplace(path_);
     examine_whole_file(path_, *place_, true);
     uint64_t number = 0;
     [[maybe_unused]] const ssize_t got = getrandom(&number, sizeof number, GRND_NONBLOCK);
-    const std::string name =
-        format_text(".screenrecord-%d-%016llx.part", getpid(), static_cast<unsigned long long>(number));
+    const std::string name = format_text(".screenrecord-%d-%016llx.part", getpid(),
+                                         static_cast<unsigned long long>(number));
     fd_ = place_->create_beside(name, O_WRONLY);
     if (!fd_)
         refuse_output(path_, error_text(errno));

@@ -38,7 +38,8 @@ const Format& format_of(std::string_view command)
 struct Ending {
     std::string_view name;
     Kind kind;
-    bool copied; /**< holds H.264 as it is */
+    /** holds H.264 as it is */
+    bool copied;
 };
 
 /** Of files that ffmpeg makes of ours. */
@@ -79,12 +80,12 @@ const char* command_for(Kind kind)
                                    : "'screenrecord pcm' records sound alone";
 }
 
-std::string converted(const Format& format, const std::string& ours, const std::string& path, bool copied,
-                      uint32_t fps)
+std::string converted(const Format& format, const std::string& ours, const std::string& path,
+                      bool copied, uint32_t fps)
 {
     const bool raw = format.command == std::string_view("stream");
-    return "then 'ffmpeg " + (raw ? format_text("-framerate %u ", fps) : std::string()) + "-i " + ours +
-           (copied ? " -c copy " : " ") + path + "' makes " + path + " of it";
+    return "then 'ffmpeg " + (raw ? format_text("-framerate %u ", fps) : std::string()) + "-i " +
+           ours + (copied ? " -c copy " : " ") + path + "' makes " + path + " of it";
 }
 
 } // namespace
@@ -95,8 +96,9 @@ std::string ending_of(const std::string& path)
     if (point == std::string::npos || path[point] == '/')
         return "";
     std::string ending = path.substr(point + 1);
-    std::transform(ending.begin(), ending.end(), ending.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    std::transform(ending.begin(), ending.end(), ending.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
     return ending;
 }
 
@@ -113,7 +115,8 @@ std::string wrong_format(const std::string& command, const std::string& path, ui
     if (command == "pcm" && (ending == "raw" || ending == "pcm"))
         return begin + "'-o -' writes raw samples to standard output";
     if (const std::string other = command_for(ending); !other.empty())
-        return begin + "'screenrecord " + other + " -o " + path + "' writes " + format_of(other).what;
+        return begin + "'screenrecord " + other + " -o " + path + "' writes " +
+               format_of(other).what;
     const Ending* known = nullptr;
     for (const Ending& each : other_endings)
         if (each.name == ending && (!known || each.kind == format.kind))

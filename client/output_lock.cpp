@@ -44,8 +44,9 @@ pid_t holder(int fd)
 
 } // namespace
 
-// What counts is flock(2), which stays while the descriptor is open, whatever else the process opens and
-// closes. A record lock, which any close of the file ends, only tells others the process: flock(2) does not.
+// What counts is flock(2), which stays while the descriptor is open, whatever else the process
+// opens and closes. A record lock, which any close of the file ends, only tells others the process:
+// flock(2) does not.
 void lock_output(int fd, const std::string& path)
 {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {

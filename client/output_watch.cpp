@@ -8,7 +8,8 @@
 namespace client {
 namespace {
 
-constexpr off_t block_bytes = 512; // of st_blocks, whatever the file system's own
+// of st_blocks, whatever the file system's own
+constexpr off_t block_bytes = 512;
 
 bool leads_to(const std::string& path, const struct stat& file)
 {
@@ -20,12 +21,15 @@ bool leads_to(const std::string& path, const struct stat& file)
 std::string name_known_to_kernel(int fd, const struct stat& file)
 {
     char target[PATH_MAX];
-    const ssize_t length = readlink(format_text("/proc/self/fd/%d", fd).c_str(), target, sizeof target);
+    const ssize_t length =
+        readlink(format_text("/proc/self/fd/%d", fd).c_str(), target, sizeof target);
     const std::string name(target, length > 0 ? static_cast<size_t>(length) : 0);
     return leads_to(name, file) ? name : "";
 }
 
-/** Whether a part is missing in the middle, as when a writer goes on behind where others have cut. */
+/**
+ * Whether a part is missing in the middle, as when a writer goes on behind where others have cut.
+ */
 bool has_hole(int fd, off_t size)
 {
     const off_t hole = lseek(fd, 0, SEEK_HOLE);
@@ -57,12 +61,13 @@ std::optional<std::string> OutputWatch::problem_at_end()
 {
     auto found = look(true);
     if (!found && path_.empty())
-        found = "the recording is no longer called " + file_.path() + ", and its new name is not known";
+        found =
+            "the recording is no longer called " + file_.path() + ", and its new name is not known";
     return found;
 }
 
-// Searching for a hole blocks behind a write that is under way, on a slow disk for long. So it happens at the end only,
-// unless the file has less on its disk than its size.
+// Searching for a hole blocks behind a write that is under way, on a slow disk for long. So it
+// happens at the end only, unless the file has less on its disk than its size.
 std::optional<std::string> OutputWatch::look(bool closely)
 {
     struct stat now = {};
@@ -72,11 +77,13 @@ std::optional<std::string> OutputWatch::look(bool closely)
     struct stat named = {};
     if (now.st_nlink == 0) {
         path_.clear();
-        return lost + (stat(file_.path().c_str(), &named) == 0
-                           ? "another file has taken its place, and what was recorded went with the old one"
-                           : "it was removed, and what was recorded with it");
+        return lost +
+               (stat(file_.path().c_str(), &named) == 0
+                    ? "another file has taken its place, and what was recorded went with the old one"
+                    : "it was removed, and what was recorded with it");
     }
-    const bool look_for_hole = !writer_knows_size_ && (closely || now.st_blocks * block_bytes < now.st_size);
+    const bool look_for_hole =
+        !writer_knows_size_ && (closely || now.st_blocks * block_bytes < now.st_size);
     if (cut_ || now.st_size < size_ || (look_for_hole && has_hole(file_.fd(), now.st_size)))
         return lost + "another program has cut it, and what was recorded before is missing";
     size_ = now.st_size;
@@ -95,7 +102,8 @@ void OutputWatch::follow_name()
         return;
     path_ = name;
     const std::string begin = file_.path() + " was renamed";
-    say(name.empty() ? begin + "; its new name is not known" : begin + "; the recording goes on in " + name);
+    say(name.empty() ? begin + "; its new name is not known"
+                     : begin + "; the recording goes on in " + name);
 }
 
 } // namespace client

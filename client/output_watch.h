@@ -9,8 +9,9 @@
 namespace client {
 
 /**
- * Looks whether an ordinary output file is still what its path leads to. Others may rename it, which costs
- * nothing, or remove, replace or cut it, which loses what was recorded: then there is no sense in going on.
+ * Looks whether an ordinary output file is still what its path leads to. Others may rename it,
+ * which costs nothing, or remove, replace or cut it, which loses what was recorded: then there is
+ * no sense in going on.
  */
 class OutputWatch {
 public:
@@ -18,15 +19,16 @@ public:
     explicit OutputWatch(const OutputFile& file);
 
     /**
-     * Why what was recorded is lost, as a sentence; nothing while it is not. Looks once a second, however
-     * often it is asked, and says when the file has got another name.
+     * Why what was recorded is lost, as a sentence; nothing while it is not. Looks once a second,
+     * however often it is asked, and says when the file has got another name.
      */
     std::optional<std::string> problem();
     /** The same behind the last write, with a closer look; at most once. */
     std::optional<std::string> problem_at_end();
     /**
-     * For a writer that knows how much it has written, before each write: shows at once if others have cut
-     * the file. Else it is looked for holes, which some file systems also make of zeros that were written.
+     * For a writer that knows how much it has written, before each write: shows at once if others
+     * have cut the file. Else it is looked for holes, which some file systems also make of zeros
+     * that were written.
      */
     void expect_size(uint64_t bytes);
     /** The file's name of late; empty when it has none that is known. */

@@ -42,7 +42,10 @@ public:
     }
     uint64_t buffer_bytes() const { return buffer_.size(); }
 
-    /** Samples, `bytes` of them (a buffer at most), once so many are waiting; else none. Throws Failure. */
+    /**
+     * Samples, `bytes` of them (a buffer at most), once so many are waiting; else none. Throws
+     * Failure.
+     */
     std::span<const uint8_t> read(uint64_t bytes)
     {
         uint64_t got = 0;
@@ -61,7 +64,8 @@ public:
     PcmRun(const PcmOptions& options, Surroundings& surroundings)
         : options_(options), surroundings_(surroundings),
           sink_(options.output, options.overwrite, surroundings.output.fd(), surroundings.signals),
-          wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes() : UINT64_MAX),
+          wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes()
+                               : UINT64_MAX),
           before_(read_statistics())
     {
         if (options.time) // a capture that delivers too little does not hold the program for ever
@@ -105,7 +109,8 @@ private:
     /** The interface gives a whole buffer or nothing: the tail comes in ever smaller ones. */
     void take_the_rest(TimePoint limit)
     {
-        for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes(); bytes /= 2) {
+        for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes();
+             bytes /= 2) {
             bytes -= bytes % sound_.format().frame_bytes();
             look_at(sink_.finish(limit));
             if (sink_.pending() || problem_ || reader_gone_ || taken_ >= wanted_)
@@ -118,7 +123,8 @@ private:
     {
         pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
                            {sink_.pending() ? sink_.fd() : -1, POLLIN, 0}};
-        poll(waited, 2, sink_.pending() ? 100 : 16); // a buffer fills in 64 ms
+        // a buffer fills in 64 ms
+        poll(waited, 2, sink_.pending() ? 100 : 16);
         if (waited[1].revents)
             look_at(sink_.look());
         ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
@@ -129,7 +135,10 @@ private:
         update_header();
     }
 
-    /** The header comes with the first samples, so that a file without any stays empty and is removed. */
+    /**
+     * The header comes with the first samples, so that a file without any stays empty and is
+     * removed.
+     */
     ByteSink::State begin_file(std::span<const uint8_t> samples)
     {
         header_ = wav_header(sound_.format(), 0);
@@ -151,7 +160,8 @@ private:
     {
         reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
         if (state == ByteSink::State::failed)
-            problem_ = "cannot write to " + options_.output + " any more: " + error_text(sink_.error());
+            problem_ =
+                "cannot write to " + options_.output + " any more: " + error_text(sink_.error());
         ended_ = ended_ || reader_gone_ || problem_;
     }
 
@@ -175,14 +185,16 @@ private:
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
             say("cannot record sound: none came");
-            if (const int error = wav_ ? sink_.empty_file() : 0) // a header alone is no file; an empty one is removed
+            if (const int error = wav_ ? sink_.empty_file()
+                                       : 0) // a header alone is no file; an empty one is removed
                 say("cannot empty " + options_.output + ": " + error_text(error));
             return ExitCode::failed;
         }
         const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
         if (lost_sound)
             say("the sound server went away for a while: " +
-                (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) + " is silent there");
+                (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
+                " is silent there");
         if (!sink_.path().empty())
             surroundings_.output.print_path(sink_.path());
         return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
@@ -190,7 +202,8 @@ private:
 
     const PcmOptions& options_;
     Surroundings& surroundings_;
-    ByteSink sink_; // before the sound, which would be lost while a named pipe waits for its reader
+    // before the sound, which would be lost while a named pipe waits for its reader
+    ByteSink sink_;
     SoundCapture sound_;
     const uint64_t wanted_;
     const std::optional<zu3_host_statistics_t> before_;

@@ -40,10 +40,12 @@ RgbaPicture read_png(const std::string& path)
 {
     PngImage image;
     errno = 0;
-    if (!png_image_begin_read_from_file(&image,
-                                        path.c_str())) // says as the system does that it cannot open it
-        fail("read the picture " + path,
-             errno != 0 && error_text(errno) == image.message ? image.message : explained(image.message));
+    if (!png_image_begin_read_from_file(
+            &image,
+            path.c_str())) // says as the system does that it cannot open it
+        fail("read the picture " + path, errno != 0 && error_text(errno) == image.message
+                                             ? image.message
+                                             : explained(image.message));
     if (image.width > greatest_side || image.height > greatest_side)
         throw Failure("cannot use the picture " + path + ": it is larger than 4096x4096");
     image.format = PNG_FORMAT_RGBA;
@@ -59,7 +61,8 @@ std::vector<uint8_t> encode_png(Size size, const std::vector<uint8_t>& bgr)
     image.width = size.width;
     image.height = size.height;
     image.format = PNG_FORMAT_BGR;
-    // Screens are drawn, not photographed: the fast setting costs little size and saves most of the time.
+    // Screens are drawn, not photographed: the fast setting costs little size and saves most of the
+    // time.
     image.flags = PNG_IMAGE_FLAG_FAST;
     std::vector<uint8_t> file(PNG_IMAGE_PNG_SIZE_MAX(image));
     png_alloc_size_t length = file.size();

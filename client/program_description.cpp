@@ -25,9 +25,10 @@ constexpr Term signal_terms[] = {
 constexpr Term exit_codes[] = {
     {"0", "complete"},
     {"1", "failed, no usable file was made"},
-    {"2", "the command line is wrong, or its output cannot be written, before anything was recorded"},
-    {"3", "ended early (disk full, display gone) with a usable file, or without all of its pictures (disk too "
-          "slow) or sound; or others removed, replaced or cut the file meanwhile"},
+    {"2",
+     "the command line is wrong, or its output cannot be written, before anything was recorded"},
+    {"3",
+     "ended early (disk full, display gone) with a usable file, or without all of its pictures (disk too slow) or sound; or others removed, replaced or cut the file meanwhile"},
 };
 constexpr Term environment_terms[] = {
     {"DISPLAY", "the X display that is captured"},
@@ -62,19 +63,20 @@ void describe_program(CLI::App& app, AllOptions& all)
     app.set_help_flag("-h,--help", "say this and end");
     app.set_version_flag("--version", version_text, "say which version this is and end");
     app.footer(footer());
-    define_record(
-        *app.add_subcommand("record", "Record screen and sound into an MPEG transport-stream file."),
-        all.record);
-    define_stream(
-        *app.add_subcommand("stream", "Write the screen as a raw H.264 stream, to a file or a pipe."),
-        all.stream);
+    define_record(*app.add_subcommand(
+                      "record", "Record screen and sound into an MPEG transport-stream file."),
+                  all.record);
+    define_stream(*app.add_subcommand(
+                      "stream", "Write the screen as a raw H.264 stream, to a file or a pipe."),
+                  all.stream);
     define_shot(*app.add_subcommand("shot", "Take screenshots."), all.shot);
     define_pcm(*app.add_subcommand("pcm", "Record the desktop's sound, uncompressed."), all.pcm);
     app.add_subcommand("devices", "List displays and sound sources.");
-    define_doctor(
-        *app.add_subcommand("doctor", "Say what works on this machine and how to get what is missing."),
-        all.doctor);
-    app.add_subcommand(help_command, "Explain the command that is named behind it, or the program.");
+    define_doctor(*app.add_subcommand(
+                      "doctor", "Say what works on this machine and how to get what is missing."),
+                  all.doctor);
+    app.add_subcommand(help_command,
+                       "Explain the command that is named behind it, or the program.");
     app.add_subcommand("version", "Say which version this is.")->callback([] {
         throw CLI::CallForVersion(version_text(), 0);
     });

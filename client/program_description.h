@@ -18,8 +18,8 @@ struct AllOptions {
 };
 
 /**
- * The whole command line: what it is read by, and what help, the manual page and the completions are made
- * from.
+ * The whole command line: what it is read by, and what help, the manual page and the completions
+ * are made from.
  */
 void describe_program(CLI::App& app, AllOptions& all);
 

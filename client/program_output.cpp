@@ -22,8 +22,8 @@ ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
     : signals_(signals), fd_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))),
       lines_(lines_of(fd_))
 {
-    // The library prints a notice when its buffer is full; where nobody reads standard error any more, the
-    // exit would wait for ever to print it.
+    // The library prints a notice when its buffer is full; where nobody reads standard error any
+    // more, the exit would wait for ever to print it.
     const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
 }

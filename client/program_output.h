@@ -8,9 +8,9 @@
 namespace client {
 
 /**
- * Standard output, kept for what the program itself delivers: the path of a finished file, or the stream. The
- * library prints notices with printf, which go nowhere from then on, or to standard error when it is to say
- * what it does.
+ * Standard output, kept for what the program itself delivers: the path of a finished file, or the
+ * stream. The library prints notices with printf, which go nowhere from then on, or to standard
+ * error when it is to say what it does.
  */
 class ProgramOutput {
 public:
@@ -24,14 +24,17 @@ public:
     // A reader who is behind is waited for, until a stop is asked for: then the line is dropped.
     /** For people, without control characters. */
     void print_line(const std::string& line);
-    /** The path of a finished file: to a program as it is, to a terminal without control characters. */
+    /**
+     * The path of a finished file: to a program as it is, to a terminal without control characters.
+     */
     void print_path(const std::string& path);
 
 private:
     void write_line(const std::string& line);
 
     StopSignals& signals_;
-    int fd_; // never closed: a thread may write to it until the process ends
+    // never closed: a thread may write to it until the process ends
+    int fd_;
     zu3host::LineWriter& lines_;
 };
 

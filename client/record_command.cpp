@@ -16,7 +16,8 @@ uint64_t pictures_in(const std::string& source, Size size)
 {
     std::error_code error;
     const auto kind = std::filesystem::status(source, error).type();
-    if (kind != std::filesystem::file_type::regular && kind != std::filesystem::file_type::not_found)
+    if (kind != std::filesystem::file_type::regular &&
+        kind != std::filesystem::file_type::not_found)
         throw Failure(
             "cannot read " + source +
             ": it is no ordinary file, whose size tells how many pictures it holds; save them to one");
@@ -25,14 +26,15 @@ uint64_t pictures_in(const std::string& source, Size size)
         throw Failure("cannot read " + source + ": " + error.message());
     const uint64_t width = (size.width + 15) & ~15u, height = (size.height + 31) & ~31u;
     const uint64_t picture = width * height * 3 / 2;
-    const std::string needed =
-        format_text("%ux%u takes %llu bytes (%llu lines of %llu)", size.width, size.height,
-                    static_cast<unsigned long long>(picture), static_cast<unsigned long long>(height),
-                    static_cast<unsigned long long>(width));
+    const std::string needed = format_text(
+        "%ux%u takes %llu bytes (%llu lines of %llu)", size.width, size.height,
+        static_cast<unsigned long long>(picture), static_cast<unsigned long long>(height),
+        static_cast<unsigned long long>(width));
     if (bytes < picture)
         throw Failure("cannot encode " + source + ": it holds no whole picture; one of " + needed);
     if (bytes % picture != 0)
-        say(source + " is not a whole number of pictures, so its size may not be what -s says: one of " +
+        say(source +
+            " is not a whole number of pictures, so its size may not be what -s says: one of " +
             needed);
     return (bytes + picture - 1) / picture;
 }
@@ -59,11 +61,12 @@ RecordingSettings settings_for(const RecordOptions& options)
 
 void say_settings(const RecordingSettings& s)
 {
-    const std::string rate =
-        s.constant_mbit ? format_text("constant %u x 1048576 bit/s", s.constant_mbit) : "rate by content";
+    const std::string rate = s.constant_mbit
+                                 ? format_text("constant %u x 1048576 bit/s", s.constant_mbit)
+                                 : "rate by content";
     say(format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
-                    s.source.empty() ? "screen" : s.source.c_str(), s.size.width, s.size.height, s.fps,
-                    rate.c_str(), s.packet_size, s.audio ? "AAC sound" : "no sound", s.slot,
+                    s.source.empty() ? "screen" : s.source.c_str(), s.size.width, s.size.height,
+                    s.fps, rate.c_str(), s.packet_size, s.audio ? "AAC sound" : "no sound", s.slot,
                     s.one_call ? ", one call" : "", s.file.c_str()));
 }
 
@@ -75,8 +78,8 @@ class SourceEnd {
 public:
     explicit SourceEnd(uint64_t pictures) : pictures_(pictures), before_(read_statistics())
     {
-        // Where nothing is counted, the time that the reader takes at least, and then the file's growth, must
-        // do.
+        // Where nothing is counted, the time that the reader takes at least, and then the file's
+        // growth, must do.
         if (!before_)
             looks_left_ += std::chrono::milliseconds(28) * pictures / source_look;
     }
@@ -106,8 +109,8 @@ private:
     uint64_t done() const
     {
         const auto now = read_statistics();
-        return now && before_ ? now->pictures_encoded + now->pictures_refused - before_->pictures_encoded -
-                                    before_->pictures_refused
+        return now && before_ ? now->pictures_encoded + now->pictures_refused -
+                                    before_->pictures_encoded - before_->pictures_refused
                               : 0;
     }
 
@@ -146,30 +149,36 @@ public:
     }
 
 private:
-    void record(const OutputFile& file, RecordWatch& watch, OutputWatch& output, RecordProgress& progress,
-                StatusReport& report)
+    void record(const OutputFile& file, RecordWatch& watch, OutputWatch& output,
+                RecordProgress& progress, StatusReport& report)
     {
         if (source_pictures_ > 0)
             source_end_.emplace(source_pictures_);
         Recording recording(settings_);
-        const TimePoint end = options_.time
-                                  ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
-                                  : TimePoint::max();
+        const TimePoint end =
+            options_.time
+                ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
+                : TimePoint::max();
         while (!at_end(end, watch, output, file))
             if (report.due())
                 report.update(progress.measure(file.size()));
-        const bool in_order = recording.finish(surroundings_.signals.raised() ? Recording::patience_of_a_stop
-                                                                              : Recording::patience_at_the_end);
+        const bool in_order =
+            recording.finish(surroundings_.signals.raised() ? Recording::patience_of_a_stop
+                                                            : Recording::patience_at_the_end);
         shortfall_ = watch.shortfall();
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the last batch is written by the close
             look_at(output.problem_at_end(), watch);
         if (!problem_ && watch.lost_sound())
-            problem_ = "the sound server went away for a while: " + file.path() + " is silent there";
+            problem_ =
+                "the sound server went away for a while: " + file.path() + " is silent there";
     }
 
-    /** A write that fails is cut back, so that it is looked for behind what may be wrong with the file. */
+    /**
+     * A write that fails is cut back, so that it is looked for behind what may be wrong with the
+     * file.
+     */
     void look_at(std::optional<std::string> output_problem, RecordWatch& watch)
     {
         problem_ = watch.problem();
@@ -180,13 +189,12 @@ private:
 
     bool at_end(TimePoint end, RecordWatch& watch, OutputWatch& output, const OutputFile& file)
     {
-        const TimePoint next = Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
+        const TimePoint next =
+            Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
         if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
             return true;
         if (surroundings_.signals.take_pause_request() == PauseRequest::pause)
-            say("cannot pause: the library can end a recording but not hold it, since its stop gives the "
-                "screen "
-                "back for good; this one goes on, and 'screenrecord stream' is what can pause");
+            say("cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on, and 'screenrecord stream' is what can pause");
         look_at(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();

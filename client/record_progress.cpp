@@ -24,8 +24,9 @@ double RecordProgress::per_second(const Sample& now, uint64_t Sample::*value) co
 {
     const Sample& then = samples_[0];
     const double seconds = std::chrono::duration<double>(now.at - then.at).count();
-    return seconds > 0 && now.*value > then.*value ? static_cast<double>(now.*value - then.*value) / seconds
-                                                   : 0;
+    return seconds > 0 && now.*value > then.*value
+               ? static_cast<double>(now.*value - then.*value) / seconds
+               : 0;
 }
 
 void RecordProgress::keep(const Sample& now)

@@ -11,14 +11,20 @@ namespace client {
 /** How a recording stands. What the platform does not count is missing. */
 struct Progress {
     double elapsed_seconds = 0;
-    std::optional<uint64_t> frames;  /**< encoded */
-    std::optional<uint64_t> dropped; /**< pictures left out by capture or encoder */
-    std::optional<double> fps;       /**< frames per second, of the last second or so */
+    /** encoded */
+    std::optional<uint64_t> frames;
+    /** pictures left out by capture or encoder */
+    std::optional<uint64_t> dropped;
+    /** frames per second, of the last second or so */
+    std::optional<double> fps;
     uint64_t file_bytes = 0;
-    double bits_per_second = 0;        /**< growth of the file, of the last seconds */
-    std::optional<double> sound_level; /**< 0 to 1, loudest sample of late */
+    /** growth of the file, of the last seconds */
+    double bits_per_second = 0;
+    /** 0 to 1, loudest sample of late */
+    std::optional<double> sound_level;
     std::optional<bool> display_answers;
-    std::optional<double> disk_waiting_seconds; /**< how long a write has waited for the disk, 0 = none waits */
+    /** how long a write has waited for the disk, 0 = none waits */
+    std::optional<double> disk_waiting_seconds;
 };
 
 /** Measures a recording from its start; what was counted before belongs to others. */
@@ -38,7 +44,8 @@ private:
     double per_second(const Sample& now, uint64_t Sample::*value) const;
     void keep(const Sample& now);
 
-    static constexpr unsigned kept = 4; /**< samples a second apart that rates are measured over */
+    /** samples a second apart that rates are measured over */
+    static constexpr unsigned kept = 4;
     std::optional<zu3_host_statistics_t> before_;
     Sample samples_[kept];
     unsigned sample_count_ = 0;

@@ -48,11 +48,11 @@ std::optional<std::string> RecordWatch::shortfall() const
     const auto now = read_statistics();
     if (!now || !before_)
         return std::nullopt;
-    const auto pictures =
-        static_cast<unsigned long long>(now->pictures_left_out_for_room - before_->pictures_left_out_for_room);
+    const auto pictures = static_cast<unsigned long long>(now->pictures_left_out_for_room -
+                                                          before_->pictures_left_out_for_room);
     const uint64_t unwritten = unwritten_bytes(*now), unwritten_before = unwritten_bytes(*before_);
-    const auto bytes =
-        static_cast<unsigned long long>(unwritten > unwritten_before ? unwritten - unwritten_before : 0);
+    const auto bytes = static_cast<unsigned long long>(
+        unwritten > unwritten_before ? unwritten - unwritten_before : 0);
     std::string missing;
     if (pictures > 0)
         missing = format_text("%llu pictures", pictures);
@@ -60,8 +60,8 @@ std::optional<std::string> RecordWatch::shortfall() const
         missing += (missing.empty() ? "" : " and ") + format_text("the last %llu bytes", bytes);
     if (missing.empty())
         return std::nullopt;
-    return missing + (pictures > 0 || bytes > 1 ? " are" : " is") + " missing from " + file_.path() +
-           ": its disk did not take them";
+    return missing + (pictures > 0 || bytes > 1 ? " are" : " is") + " missing from " +
+           file_.path() + ": its disk did not take them";
 }
 
 bool RecordWatch::lost_sound() const

@@ -12,9 +12,8 @@
 namespace client {
 
 /**
- * Looks for what ends a recording before its time. The library does not report it: it ignores what its writes
- * return, and a display that goes away, or does not answer,
- * only stops its pictures.
+ * Looks for what ends a recording before its time. The library does not report it: it ignores what
+ * its writes return, and a display that goes away, or does not answer, only stops its pictures.
  */
 class RecordWatch {
 public:
@@ -27,8 +26,8 @@ public:
      */
     std::optional<std::string> problem();
     /**
-     * What a recording that is closed is short of because its disk did not keep up, as a sentence: pictures that
-     * there was no room for, and bytes that did not reach the file.
+     * What a recording that is closed is short of because its disk did not keep up, as a sentence:
+     * pictures that there was no room for, and bytes that did not reach the file.
      */
     std::optional<std::string> shortfall() const;
     /** Whether the sound server went away since the recording was started. */

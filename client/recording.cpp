@@ -15,8 +15,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told to end is
-// lost.
+// The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told
+// to end is lost.
 constexpr uint64_t last_pass_bytes = 60 * 1024;
 
 uint64_t bytes_behind()
@@ -27,7 +27,10 @@ uint64_t bytes_behind()
                : 0;
 }
 
-/** While it lives, a disk that has not answered for a second is given up, also within calls of the library. */
+/**
+ * While it lives, a disk that has not answered for a second is given up, also within calls of the
+ * library.
+ */
 class DiskPatience {
 public:
     DiskPatience() : watch_([this](const std::stop_token& ended) { watch(ended); }) {}
@@ -38,12 +41,14 @@ private:
     void watch(const std::stop_token& ended)
     {
         std::unique_lock lock(mutex_);
-        // Counted in looks, so that the disk has its turn after this process was stopped for all of the time.
+        // Counted in looks, so that the disk has its turn after this process was stopped for all of
+        // the time.
         int looks = 0;
         while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
                !ended.stop_requested()) {
             const auto now = read_statistics();
-            const bool waiting = now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
+            const bool waiting =
+                now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
             looks = waiting && now->write_waiting_us > 0 ? looks + 1 : 0;
             if (looks < 20)
                 continue;
@@ -55,15 +60,18 @@ private:
     std::atomic<bool> given_up_{false};
     std::mutex mutex_;
     std::condition_variable_any wake_;
-    std::jthread watch_; // the last one: it uses the others
+    // the last one: it uses the others
+    std::jthread watch_;
 };
 
 constexpr auto writer_look = 10ms;
 
 void wait_for_writer(const DiskPatience& patience, std::chrono::milliseconds limit)
 {
-    // Counted in looks, so that the writer has its turn after this process was stopped for all of the time.
-    for (auto looks = limit / writer_look; bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
+    // Counted in looks, so that the writer has its turn after this process was stopped for all of
+    // the time.
+    for (auto looks = limit / writer_look;
+         bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
         poll(nullptr, 0, static_cast<int>(writer_look.count()));
 }
 
@@ -129,7 +137,8 @@ void Recording::open_step_by_step(const RecordingSettings& settings)
     require(SCREENRECORD_Init(), "initialise");
     require(SCREENRECORD_Open(&slot_, bytes(file)), "open the output file");
     if (settings.audio)
-        require(SCREENRECORD_SetAudio(&slot_, bytes(screen_sound), nullptr, nullptr), "open the sound");
+        require(SCREENRECORD_SetAudio(&slot_, bytes(screen_sound), nullptr, nullptr),
+                "open the sound");
     require(SCREENRECORD_SetVideo(&slot_, bytes(source), nullptr, &width, &height, &fps),
             "open the video with this size and rate");
     require(SCREENRECORD_SetTsMux(&slot_, &packet_size, &rate), "open the multiplexer");
@@ -140,12 +149,14 @@ void Recording::open_step_by_step(const RecordingSettings& settings)
 void Recording::open_in_one_call(const RecordingSettings& settings)
 {
     std::string file = settings.file;
-    const int32_t result = startScreenRecord(settings.size.width, settings.size.height, settings.fps,
-                                             settings.constant_mbit, settings.packet_size, 0, 0, bytes(file));
+    const int32_t result =
+        startScreenRecord(settings.size.width, settings.size.height, settings.fps,
+                          settings.constant_mbit, settings.packet_size, 0, 0, bytes(file));
     require(result == 0, "start");
 }
 
-// The screen's first picture takes a moment to be encoded, and a stop before that would leave nothing.
+// The screen's first picture takes a moment to be encoded, and a stop before that would leave
+// nothing.
 void Recording::wait_for_first_picture() const
 {
     const TimePoint limit = Clock::now() + std::chrono::milliseconds(1500);

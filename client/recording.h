@@ -12,7 +12,8 @@ namespace client {
 /** Everything that a recording is opened with. */
 struct RecordingSettings {
     std::string file;
-    std::string source; /**< raw picture file, empty = the screen */
+    /** raw picture file, empty = the screen */
+    std::string source;
     Size size;
     uint32_t fps = 30;
     uint32_t constant_mbit = 0;
@@ -22,11 +23,18 @@ struct RecordingSettings {
     bool one_call = false;
 };
 
-/** One recording of the library, from its opening to its close; also closed when something fails half-way. */
+/**
+ * One recording of the library, from its opening to its close; also closed when something fails
+ * half-way.
+ */
 class Recording {
 public:
-    /** Longest wait for a writer that is behind: a stop must end the program within three seconds; a time limit can wait. */
-    static constexpr std::chrono::milliseconds patience_of_a_stop{2000}, patience_at_the_end{15'000};
+    /**
+     * Longest wait for a writer that is behind: a stop must end the program within three seconds; a
+     * time limit can wait.
+     */
+    static constexpr std::chrono::milliseconds patience_of_a_stop{2000},
+        patience_at_the_end{15'000};
 
     /** Opens and starts it; throws Failure. */
     explicit Recording(const RecordingSettings& settings);
@@ -35,8 +43,9 @@ public:
     ~Recording();
 
     /**
-     * Waits for the first picture (1.5 s at most), stops capture, waits until the writer has caught up with
-     * what is multiplexed, at most for `writer_limit`, and closes the file. A disk that stands still gets a second.
+     * Waits for the first picture (1.5 s at most), stops capture, waits until the writer has caught
+     * up with what is multiplexed, at most for `writer_limit`, and closes the file. A disk that
+     * stands still gets a second.
      * @return whether the library says that all of it succeeded
      */
     bool finish(std::chrono::milliseconds writer_limit);
@@ -49,7 +58,8 @@ private:
 
     uint32_t slot_;
     bool one_call_;
-    const uint64_t pictures_before_; /**< of earlier recordings; 0 where nothing is counted */
+    /** of earlier recordings; 0 where nothing is counted */
+    const uint64_t pictures_before_;
     bool open_ = false;
 };
 

@@ -59,7 +59,8 @@ std::string unexpected_word(const CLI::App& command, const std::string& name)
                or_nearest(*option, option_names(command),
                           "its options are " + listed(option_names(command), "and"));
     return "'" + words.front() + "' belongs to no option of " + name +
-           (command.get_option_no_throw("--output") ? ": a file to write is named with --output" : "");
+           (command.get_option_no_throw("--output") ? ": a file to write is named with --output"
+                                                    : "");
 }
 
 /** The library's messages begin with the option's name. */
@@ -74,7 +75,8 @@ std::string wrong_count(const CLI::App& command, const std::string& name)
     if (!option)
         return name + " is given in a way that it cannot be";
     if (option->count() > 1)
-        return name + " is given " + std::to_string(option->count()) + " times, but can be given once";
+        return name + " is given " + std::to_string(option->count()) +
+               " times, but can be given once";
     if (option->get_type_size() == 0)
         return name + " takes no value";
     return name + " needs a value behind it: " + option->get_type_name();
@@ -108,7 +110,8 @@ std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error)
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
         return wrong_count(command, option);
     if (dynamic_cast<const CLI::RequiresError*>(&error))
-        return option + " goes with " + message.substr(message.rfind(' ') + 1) + " only, which is missing";
+        return option + " goes with " + message.substr(message.rfind(' ') + 1) +
+               " only, which is missing";
     return message;
 }
 

@@ -5,7 +5,9 @@
 
 namespace client {
 
-/** What is wrong with a command line that could not be read, with which word of it, and what would be right.
+/**
+ * What is wrong with a command line that could not be read, with which word of it, and what would
+ * be right.
  */
 std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error);
 

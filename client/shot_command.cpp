@@ -23,21 +23,26 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
     return path.string() + format_text("-%03u", number) + extension;
 }
 
-/** Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws Failure.
+/**
+ * Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws
+ * Failure.
  */
-void hand_out(const std::vector<uint8_t>& bytes, const std::string& path, Surroundings& surroundings)
+void hand_out(const std::vector<uint8_t>& bytes, const std::string& path,
+              Surroundings& surroundings)
 {
     ByteSink sink(path, false, surroundings.output.fd(), surroundings.signals);
     ByteSink::State state = sink.put(bytes);
     while (state == ByteSink::State::pending && !surroundings.signals.raised())
         state = sink.finish(Clock::now() + std::chrono::milliseconds(100));
     if (state == ByteSink::State::pending)
-        throw Failure("cannot write to standard output: stopped before its reader had taken the picture");
+        throw Failure(
+            "cannot write to standard output: stopped before its reader had taken the picture");
     if (state != ByteSink::State::ready)
         throw Failure("cannot write to standard output: " + error_text(sink.error()));
 }
 
-void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite, Surroundings& surroundings)
+void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite,
+          Surroundings& surroundings)
 {
     if (is_standard_output(path))
         return hand_out(bytes, path, surroundings);
@@ -47,7 +52,8 @@ void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite, S
         file.put_in_place(overwrite);
     });
     if (!saving.wait(surroundings.signals, std::chrono::seconds(1)))
-        throw Failure("cannot write to " + path + ": stopped before its disk had taken the picture");
+        throw Failure("cannot write to " + path +
+                      ": stopped before its disk had taken the picture");
     saving.finish();
     surroundings.output.print_path(path);
 }
@@ -56,7 +62,8 @@ void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite, S
 
 ExitCode run(const ShotOptions& options, Surroundings& surroundings)
 {
-    for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output); ++number)
+    for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output);
+         ++number)
         check_whole_file_path(shot_path(options, number), options.overwrite);
     const DisplayInfo display = display_to_capture();
     const Size size = size_to_capture(display, options.size);
@@ -71,7 +78,8 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
         const std::string path = shot_path(options, number);
         try {
             pictures.capture();
-            save(ending_of(path) == "raw" ? pictures.raw_bytes() : encode_png(size, pictures.bgr_bytes()),
+            save(ending_of(path) == "raw" ? pictures.raw_bytes()
+                                          : encode_png(size, pictures.bgr_bytes()),
                  path, options.overwrite, surroundings);
         } catch (const Failure& failure) {
             if (number > 1) // what was saved before is of use

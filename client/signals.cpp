@@ -22,8 +22,8 @@ sigset_t waited_set()
 {
     sigset_t set;
     sigemptyset(&set);
-    // A shell script ignores SIGINT for what it starts in the background; a stop is asked for by it all the
-    // same.
+    // A shell script ignores SIGINT for what it starts in the background; a stop is asked for by it
+    // all the same.
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
     if (!is_ignored(SIGHUP)) // nohup asks to outlive the terminal
@@ -56,7 +56,8 @@ StopSignals::StopSignals()
     fd_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd_)
         throw Failure("cannot wait for signals: " + error_text(errno));
-    // A reader that went away, a file size limit, and a terminal that belongs to another job show as errors.
+    // A reader that went away, a file size limit, and a terminal that belongs to another job show
+    // as errors.
     for (const int number : {SIGPIPE, SIGXFSZ, SIGTTIN})
         signal(number, SIG_IGN);
 }

@@ -74,7 +74,9 @@ int SinkThread::write_piece(const Piece& piece)
 {
     for (size_t at = 0; at < piece.data.size();) {
         const ssize_t written = write_some(piece, at);
-        if (written < 0 && errno == EAGAIN) { // a named pipe, or a descriptor that another process made non-blocking
+        if (written < 0 &&
+            errno ==
+                EAGAIN) { // a named pipe, or a descriptor that another process made non-blocking
             pollfd room{fd_, POLLOUT, 0};
             poll(&room, 1, -1);
         } else if (written < 0 && errno == ESPIPE) { // a device that has no begin

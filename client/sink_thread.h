@@ -14,7 +14,10 @@
 
 namespace client {
 
-/** A thread that writes one piece after the other, and tells by a descriptor when it is through with all. */
+/**
+ * A thread that writes one piece after the other, and tells by a descriptor when it is through with
+ * all.
+ */
 class SinkThread {
 public:
     /** @param owned the same descriptor where it is the thread's to close. Throws Failure. */
@@ -24,7 +27,10 @@ public:
     void begin(std::span<const uint8_t> data, bool at_begin);
     /** Readable once it is through with all. */
     int fd() const { return event_.get(); }
-    /** The errno of what was begun, 0 = all of it was taken; nothing while it is being written. Once. */
+    /**
+     * The errno of what was begun, 0 = all of it was taken; nothing while it is being written.
+     * Once.
+     */
     std::optional<int> take_result();
     /** Bytes that are begun and not through. */
     uint64_t backlog() const { return backlog_; }
@@ -51,7 +57,8 @@ private:
     std::atomic<uint64_t> delivered_{0};
     std::atomic<uint64_t> backlog_{0};
     std::deque<Piece> pieces_;
-    int failed_ = 0; // the thread's own: the errno that nothing is written behind
+    // the thread's own: the errno that nothing is written behind
+    int failed_ = 0;
     bool ended_ = false;
     std::optional<int> result_;
 };

@@ -11,12 +11,16 @@ namespace client {
 struct SoundSource {
     std::string name;
     std::string description;
-    uint32_t sample_rate = 0; /**< samples per second and channel */
+    /** samples per second and channel */
+    uint32_t sample_rate = 0;
     uint32_t channels = 0;
-    bool recorded = false; /**< what recordings hear: the monitor of the default output */
+    /** what recordings hear: the monitor of the default output */
+    bool recorded = false;
 };
 
-/** The sources of the sound server; nothing when none answers within 3 s, or libpulse is missing. */
+/**
+ * The sources of the sound server; nothing when none answers within 3 s, or libpulse is missing.
+ */
 std::optional<std::vector<SoundSource>> list_sound_sources();
 
 } // namespace client

@@ -26,7 +26,8 @@ int frame_event()
 void give_up_writes()
 {
     using GiveUp = void (*)();
-    static const auto give_up = reinterpret_cast<GiveUp>(dlsym(RTLD_DEFAULT, "zu3_host_give_up_writes"));
+    static const auto give_up =
+        reinterpret_cast<GiveUp>(dlsym(RTLD_DEFAULT, "zu3_host_give_up_writes"));
     if (give_up)
         give_up();
 }

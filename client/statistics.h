@@ -7,17 +7,24 @@
 
 namespace client {
 
-/** What the platform counts, or nothing where it does not. Fields that an older platform lacks are 0. */
+/**
+ * What the platform counts, or nothing where it does not. Fields that an older platform lacks are
+ * 0.
+ */
 std::optional<zu3_host_statistics_t> read_statistics();
 
-/** A descriptor that becomes readable with each encoded frame, -1 where the platform has none; see
- * frame_event.h. */
+/**
+ * A descriptor that becomes readable with each encoded frame, -1 where the platform has none; see
+ * frame_event.h.
+ */
 int frame_event();
 
 /** Lets no write wait for its disk any longer; see slow_disk.h. */
 void give_up_writes();
-/** Asks for a stream of exactly this size, see exact_size.h; false where the platform has none but the
- * rounded ones. */
+/**
+ * Asks for a stream of exactly this size, see exact_size.h; false where the platform has none but
+ * the rounded ones.
+ */
 bool want_exact_size(uint32_t width, uint32_t height);
 
 /** One sentence on the platform, NULL where it has none. */

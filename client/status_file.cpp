@@ -14,10 +14,15 @@
 namespace client {
 namespace {
 
-constexpr size_t longest_text = 16384; // a path of 4096 bytes and a sentence round it are less
+// a path of 4096 bytes and a sentence round it are less
+constexpr size_t longest_text = 16384;
 
-/** Why the text is not there, as a sentence; empty when it is. `file` stays locked from text to text. */
-std::string write_whole(std::optional<WholeFile>& file, const std::string& path, const std::string& line)
+/**
+ * Why the text is not there, as a sentence; empty when it is. `file` stays locked from text to
+ * text.
+ */
+std::string write_whole(std::optional<WholeFile>& file, const std::string& path,
+                        const std::string& line)
 {
     try {
         if (!file)
@@ -30,7 +35,9 @@ std::string write_whole(std::optional<WholeFile>& file, const std::string& path,
     }
 }
 
-/** Closes everything but `kept`: who waits for the end of a pipe of ours is not to wait for a disk. */
+/**
+ * Closes everything but `kept`: who waits for the end of a pipe of ours is not to wait for a disk.
+ */
 void keep_only(int kept)
 {
     const auto fd = static_cast<unsigned>(kept);
@@ -83,7 +90,8 @@ void StatusFile::run(int socket, const std::string& path)
         const ssize_t size = recv(socket, text.data(), text.size(), 0);
         if (size <= 0)
             _exit(0);
-        const std::string failure = write_whole(file, path, text.substr(0, static_cast<size_t>(size)));
+        const std::string failure =
+            write_whole(file, path, text.substr(0, static_cast<size_t>(size)));
         ::send(socket, failure.c_str(), failure.size() + 1, MSG_NOSIGNAL);
     }
 }
@@ -91,7 +99,8 @@ void StatusFile::run(int socket, const std::string& path)
 void StatusFile::send(const std::string& text)
 {
     const std::string line = text + "\n";
-    pending_ = ::send(socket_.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || pending_;
+    pending_ = ::send(socket_.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 ||
+               pending_;
 }
 
 std::optional<std::string> StatusFile::take_answer(TimePoint limit)
@@ -119,7 +128,8 @@ std::optional<std::string> StatusFile::finish(const std::string& text, TimePoint
 {
     if (const auto failure = take_answer(limit))
         return failure;
-    send(text); // a disk that still holds the one before gets it behind that
+    // a disk that still holds the one before gets it behind that
+    send(text);
     return take_answer(limit);
 }
 

@@ -12,22 +12,25 @@ namespace client {
 inline constexpr const char* status_writer_name = "status writer";
 
 /**
- * A file that always holds one whole line, the latest text. A separate process writes it: while a disk stands still, the
- * kernel releases neither a thread that writes to it nor the process of that thread. A text that arrives during a write
- * is dropped, since another follows.
+ * A file that always holds one whole line, the latest text. A separate process writes it: while a
+ * disk stands still, the kernel releases neither a thread that writes to it nor the process of that
+ * thread. A text that arrives during a write is dropped, since another follows.
  */
 class StatusFile {
 public:
     /**
-     * Starts the process and has the first text written. Throws Failure when it cannot be; a disk that does not
-     * answer within a second is no such failure.
+     * Starts the process and has the first text written. Throws Failure when it cannot be; a disk
+     * that does not answer within a second is no such failure.
      */
     StatusFile(std::string path, const std::string& text);
     StatusFile(const StatusFile&) = delete;
     StatusFile& operator=(const StatusFile&) = delete;
     ~StatusFile();
 
-    /** Never waits. A sentence when an earlier text could not be written: then this one is not either. */
+    /**
+     * Never waits. A sentence when an earlier text could not be written: then this one is not
+     * either.
+     */
     std::optional<std::string> update(const std::string& text);
     /** The same for the last text, which is waited for until `limit`. */
     std::optional<std::string> finish(const std::string& text, TimePoint limit);
@@ -41,7 +44,8 @@ private:
     std::string path_;
     UniqueFd socket_;
     pid_t process_ = -1;
-    bool pending_ = false; /**< an answer is to come */
+    /** an answer is to come */
+    bool pending_ = false;
 };
 
 } // namespace client

@@ -23,7 +23,8 @@ bool colours_wanted()
 bool line_can_be_refreshed()
 {
     const char* terminal = std::getenv("TERM");
-    return isatty(STDERR_FILENO) == 1 && terminal && *terminal && std::strcmp(terminal, "dumb") != 0;
+    return isatty(STDERR_FILENO) == 1 && terminal && *terminal &&
+           std::strcmp(terminal, "dumb") != 0;
 }
 
 size_t terminal_columns()
@@ -61,8 +62,8 @@ std::string progress_as_json(const Progress& p, const char* state)
         "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s,"
         "\"disk_waiting\":%s}",
         state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
-        count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes), p.bits_per_second,
-        number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
+        count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes),
+        p.bits_per_second, number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
         number_or_null(p.disk_waiting_seconds).c_str());
 }
 
@@ -77,9 +78,11 @@ std::string progress_as_line(const Progress& p, size_t columns)
     if (p.disk_waiting_seconds.value_or(0) >= 1)
         parts.push_back({format_text("disk stands still: %.0f s", *p.disk_waiting_seconds), 6});
     if (p.frames && p.fps && p.dropped) {
-        parts.push_back({format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
+        parts.push_back(
+            {format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
         parts.push_back({format_text("%.1f fps", *p.fps), 2});
-        parts.push_back({format_text("%llu dropped", static_cast<unsigned long long>(*p.dropped)), 3});
+        parts.push_back(
+            {format_text("%llu dropped", static_cast<unsigned long long>(*p.dropped)), 3});
     }
     parts.push_back({format_text("%.1f MB", static_cast<double>(p.file_bytes) / 1e6), 5});
     parts.push_back({format_text("%.2f Mbit/s", p.bits_per_second / 1e6), 4});
@@ -91,8 +94,9 @@ std::string progress_as_line(const Progress& p, size_t columns)
             line += (line.empty() ? "" : "  ") + text;
         if (line.size() <= columns || parts.size() == 1)
             return line.substr(0, columns);
-        parts.erase(std::min_element(parts.begin(), parts.end(),
-                                     [](const auto& a, const auto& b) { return a.second < b.second; }));
+        parts.erase(std::min_element(parts.begin(), parts.end(), [](const auto& a, const auto& b) {
+            return a.second < b.second;
+        }));
     }
 }
 
@@ -124,7 +128,8 @@ void StatusReport::update(const Progress& progress)
     last_ = progress;
     next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
     if (terminal_) {
-        const size_t taken = std::strlen(colour_ ? "* " : "REC ") + 1; // the last column stays free
+        // the last column stays free
+        const size_t taken = std::strlen(colour_ ? "* " : "REC ") + 1;
         const size_t columns = terminal_columns();
         show_status_line(colour_ ? "\033[31m●\033[0m" : "REC",
                          progress_as_line(progress, columns > taken ? columns - taken : 0));

@@ -11,13 +11,16 @@ namespace client {
 /** The progress as one JSON object, without a line end; what is not known is null. */
 std::string progress_as_json(const Progress& progress, const char* state);
 
-/** The progress as a line for people, at most `columns` long: what has no room is left out, time, size and
- * rate last. */
+/**
+ * The progress as a line for people, at most `columns` long: what has no room is left out, time,
+ * size and rate last.
+ */
 std::string progress_as_line(const Progress& progress, size_t columns);
 
 /**
- * Shows progress where it was asked for: one refreshed line on a terminal, or one JSON object a second on
- * standard error, and the same object in a file. Nothing else ever reaches standard error from here.
+ * Shows progress where it was asked for: one refreshed line on a terminal, or one JSON object a
+ * second on standard error, and the same object in a file. Nothing else ever reaches standard error
+ * from here.
  */
 class StatusReport {
 public:

@@ -24,8 +24,11 @@ uint32_t line_bytes(uint32_t format, uint32_t width)
 
 StillPictures::StillPictures(Size size, uint32_t format, bool osd) : size_(size), format_(format)
 {
-    Cap_OpenParams params = {
-        .width = size.width, .height = size.height, .colorfmt = format, .withosd = osd, .buffer_number = 1};
+    Cap_OpenParams params = {.width = size.width,
+                             .height = size.height,
+                             .colorfmt = format,
+                             .withosd = osd,
+                             .buffer_number = 1};
     if (video_cap_open(&params) != 0) {
         video_cap_close();
         throw library_failure("cannot take a screenshot: the library refused to open the capture");
@@ -55,21 +58,23 @@ void StillPictures::map_planes()
 {
     Cap_Buffer buffer = {};
     if (video_cap_getCaptureBuffers(&buffer, 1) != 0)
-        throw library_failure("cannot take a screenshot: there is no memory for a picture of this size");
+        throw library_failure(
+            "cannot take a screenshot: there is no memory for a picture of this size");
     const size_t first = size_t{line_bytes(format_, size_.width)} * size_.height;
     planes_.push_back(map_plane(buffer.fd[0], buffer.offset[0], buffer.size[0], first));
     if (buffer.planeCount > 1)
         planes_.push_back(map_plane(buffer.fd[1], buffer.offset[1], buffer.size[1], first / 2));
 }
 
-StillPictures::Plane StillPictures::map_plane(int fd, uint32_t offset, uint64_t size, size_t used) const
+StillPictures::Plane StillPictures::map_plane(int fd, uint32_t offset, uint64_t size,
+                                              size_t used) const
 {
     if (size < used)
         throw Failure("cannot take a screenshot: the capture's buffer is smaller than its picture");
     const size_t behind_page = offset % static_cast<size_t>(sysconf(_SC_PAGESIZE));
     Plane plane{.mapped = used + behind_page, .bytes = used};
-    void* mapping =
-        mmap(nullptr, plane.mapped, PROT_READ, MAP_SHARED, fd, static_cast<off_t>(offset - behind_page));
+    void* mapping = mmap(nullptr, plane.mapped, PROT_READ, MAP_SHARED, fd,
+                         static_cast<off_t>(offset - behind_page));
     if (mapping == MAP_FAILED)
         throw Failure("cannot map the captured picture: " + error_text(errno));
     plane.mapping = static_cast<uint8_t*>(mapping);
@@ -91,8 +96,8 @@ std::vector<uint8_t> StillPictures::raw_bytes() const
     return bytes;
 }
 
-// libyuv names formats by their order in a register, so its ARGB is B, G, R, A in memory and its RGB24 B, G,
-// R.
+// libyuv names formats by their order in a register, so its ARGB is B, G, R, A in memory and its
+// RGB24 B, G, R.
 std::vector<uint8_t> StillPictures::bgr_bytes() const
 {
     const int width = static_cast<int>(size_.width), height = static_cast<int>(size_.height);
@@ -100,14 +105,15 @@ std::vector<uint8_t> StillPictures::bgr_bytes() const
     std::vector<uint8_t> bgr(size_t{size_.width} * size_.height * 3);
     const uint8_t* source = planes_[0].start;
     if (format_ == E_CAP_OUTPUT_FMT_NV12) {
-        libyuv::NV12ToRGB24(source, stride, planes_.at(1).start, stride, bgr.data(), width * 3, width,
-                            height);
+        libyuv::NV12ToRGB24(source, stride, planes_.at(1).start, stride, bgr.data(), width * 3,
+                            width, height);
         return bgr;
     }
     std::vector<uint8_t> bgra;
     if (format_ != E_CAP_OUTPUT_FMT_BGRA) {
         bgra.resize(size_t{size_.width} * size_.height * 4);
-        const auto convert = format_ == E_CAP_OUTPUT_FMT_YUYV ? libyuv::YUY2ToARGB : libyuv::RGB565ToARGB;
+        const auto convert =
+            format_ == E_CAP_OUTPUT_FMT_YUYV ? libyuv::YUY2ToARGB : libyuv::RGB565ToARGB;
         convert(source, stride, bgra.data(), width * 4, width, height);
         source = bgra.data();
     }

@@ -8,7 +8,9 @@
 
 namespace client {
 
-/** The library's still-frame capture with one buffer that is mapped, from its opening to its close. */
+/**
+ * The library's still-frame capture with one buffer that is mapped, from its opening to its close.
+ */
 class StillPictures {
 public:
     /** Opens it and maps its buffer; throws Failure. */
@@ -19,7 +21,9 @@ public:
 
     /** Captures what the display shows now; throws Failure. */
     void capture();
-    /** The captured bytes, as they are in memory: lines without gaps, the chroma plane behind the luma plane.
+    /**
+     * The captured bytes, as they are in memory: lines without gaps, the chroma plane behind the
+     * luma plane.
      */
     std::vector<uint8_t> raw_bytes() const;
     /** The captured picture as lines of B, G, R bytes without gaps. */

@@ -21,8 +21,8 @@ using std::chrono::milliseconds;
 /** How long the last frame may wait for a slow reader once the end has come. */
 constexpr milliseconds patience_at_the_end(2000);
 
-// How often to look round by the clock: with frames that tell of themselves, and without, where a look's
-// distance adds to the latency of what comes between two.
+// How often to look round by the clock: with frames that tell of themselves, and without, where a
+// look's distance adds to the latency of what comes between two.
 constexpr milliseconds look_interval(100);
 constexpr milliseconds look_interval_for_frames(1);
 
@@ -46,11 +46,13 @@ public:
         : options_(options), surroundings_(surroundings), path_(requested_path(options)),
           size_(size_to_capture(display_to_capture(), options.size)),
           sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
-          stream_(options, size_, surroundings.signals), control_(options.control), lost_(options.fps)
+          stream_(options, size_, surroundings.signals), control_(options.control),
+          lost_(options.fps)
     {
         if (options.time)
             deadline_ =
-                Clock::now() + time_limit() + std::chrono::seconds(5); // until the first frame is there
+                // until the first frame is there
+                Clock::now() + time_limit() + std::chrono::seconds(5);
     }
 
     ExitCode run()
@@ -64,16 +66,20 @@ public:
     }
 
 private:
-    Clock::duration time_limit() const { return std::chrono::duration_cast<Clock::duration>(*options_.time); }
+    Clock::duration time_limit() const
+    {
+        return std::chrono::duration_cast<Clock::duration>(*options_.time);
+    }
 
     void say_settings() const
     {
         if (options_.verbose)
-            say(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width, stream_.size().height,
-                            options_.fps, stream_.bit_rate()));
+            say(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width,
+                            stream_.size().height, options_.fps, stream_.bit_rate()));
         else if (options_.size && stream_.size() != *options_.size)
-            say(format_text("the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",
-                            stream_.size().width, stream_.size().height));
+            say(format_text(
+                "the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",
+                stream_.size().width, stream_.size().height));
     }
 
     bool take_frame()
@@ -89,20 +95,23 @@ private:
         return true;
     }
 
-    // By time stamps, which also count what is missing, and by number: key frames bear the time of the latest
-    // picture instead of their own, and with the first of them so late the end would be, too.
+    // By time stamps, which also count what is missing, and by number: key frames bear the time of
+    // the latest picture instead of their own, and with the first of them so late the end would be,
+    // too.
     bool is_behind_the_end(const EncodedFrame& frame) const
     {
-        return options_.time && (std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit() ||
-                                 static_cast<double>(frames_) >= options_.time->count() * options_.fps);
+        return options_.time &&
+               (std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit() ||
+                static_cast<double>(frames_) >= options_.time->count() * options_.fps);
     }
 
     void begin(const EncodedFrame& first, TimePoint now)
     {
         first_pts_us_ = first.pts_us;
         left_out_before_ = left_out_by_capture();
-        if (options_.time) // for a stream that is paused at its end; otherwise the time stamps say when it is
-                           // over
+        if (options_
+                .time) // for a stream that is paused at its end; otherwise the time stamps say when it is
+                       // over
             deadline_ = now + time_limit() + milliseconds(150);
     }
 
@@ -180,7 +189,8 @@ private:
         const control::Command command = control::parse(line);
         const auto* const watermark = std::get_if<WatermarkOptions>(&command);
         if (watermark && !watermark_)
-            watermark_.emplace(*watermark); // answered once its picture is read
+            // answered once its picture is read
+            watermark_.emplace(*watermark);
         else
             answer([&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
     }
@@ -227,9 +237,10 @@ private:
     {
         stream_.stop();
         if (sink_.pending())
-            lost_.nothing_taken_until(static_cast<uint64_t>(
-                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
-                    .count()));
+            lost_.nothing_taken_until(
+                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          Clock::now().time_since_epoch())
+                                          .count()));
         const TimePoint limit = Clock::now() + patience_at_the_end;
         look_at(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
@@ -265,11 +276,12 @@ private:
         const uint64_t missing = lost_.count();
         if (missing < by_capture + 2)
             return;
-        say(format_text("%llu frames are missing from the stream: %s",
-                        static_cast<unsigned long long>(missing - by_capture),
-                        reader_was_slow_
-                            ? "its reader was too slow, so it was taken up again at later key frames"
-                            : "this machine was too busy to take them in time"));
+        say(format_text(
+            "%llu frames are missing from the stream: %s",
+            static_cast<unsigned long long>(missing - by_capture),
+            reader_was_slow_
+                ? "its reader was too slow, so it was taken up again at later key frames"
+                : "this machine was too busy to take them in time"));
     }
 
     const StreamOptions& options_;
@@ -279,7 +291,8 @@ private:
     ByteSink sink_;
     EncodedStream stream_;
     ControlInput control_;
-    std::optional<WatermarkChange> watermark_; /**< asked for, and its picture not read yet */
+    /** asked for, and its picture not read yet */
+    std::optional<WatermarkChange> watermark_;
     const int event_ = frame_event();
     DisplayWatch display_;
     LostFrames lost_;

@@ -76,8 +76,7 @@ control::Command control::parse(const std::string& line)
     if (words.size() == 1 && verb == "stop")
         return Stop{};
     return Unknown{
-        "no such command; there are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], "
-        "watermark none, stop"};
+        "no such command; there are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
 }
 
 ControlInput::ControlInput(bool asked)

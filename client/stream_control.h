@@ -29,7 +29,9 @@ Command parse(const std::string& line);
 /** Commands for a running stream, a line each, from standard input. */
 class ControlInput {
 public:
-    /** @param asked by --control; else only a terminal of which we are the foreground job is read */
+    /**
+     * @param asked by --control; else only a terminal of which we are the foreground job is read
+     */
     explicit ControlInput(bool asked);
 
     /** To poll for POLLIN; -1 when there is nothing to read (any more). */
@@ -40,7 +42,8 @@ public:
 private:
     int fd_ = -1;
     std::string unfinished_;
-    bool refused_ = false; /**< the line that is being read, since it is too long */
+    /** the line that is being read, since it is too long */
+    bool refused_ = false;
 };
 
 } // namespace client

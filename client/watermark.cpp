@@ -41,7 +41,8 @@ void WatermarkChange::apply()
         params.s32X = options_.at.x;
         params.s32Y = options_.at.y;
         params.u32Opacity = options_.opacity;
-        params.spMemory = android::sp<android::IMemory>(new PictureMemory(std::move(picture_->bytes)));
+        params.spMemory =
+            android::sp<android::IMemory>(new PictureMemory(std::move(picture_->bytes)));
     }
     if (video_capenc_setWatermark(params) != 0)
         throw library_failure("cannot draw the watermark: the library refused it");

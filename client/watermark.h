@@ -9,8 +9,8 @@
 namespace client {
 
 /**
- * A watermark on its way into the stream. Its picture is read beside the caller, since it may come out of a pipe that
- * nobody writes to.
+ * A watermark on its way into the stream. Its picture is read beside the caller, since it may come
+ * out of a pipe that nobody writes to.
  */
 class WatermarkChange {
 public:
@@ -27,7 +27,8 @@ public:
 
 private:
     WatermarkOptions options_;
-    std::shared_ptr<RgbaPicture> picture_; // the reading's own, too
+    // the reading's own, too
+    std::shared_ptr<RgbaPicture> picture_;
     AttendedWork reading_;
 };
 

@@ -34,7 +34,8 @@ std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64
     w.number(in_32_bits(data_bytes + wav_header_bytes - 8), 4);
     w.text("WAVEfmt ");
     w.number(16, 4);
-    w.number(1, 2); // PCM
+    // PCM
+    w.number(1, 2);
     w.number(format.channels, 2);
     w.number(format.sample_rate, 4);
     w.number(format.bytes_per_second(), 4);

@@ -9,7 +9,8 @@ namespace client {
 /** Samples as a WAV file holds them: little-endian, channels interleaved. */
 struct PcmFormat {
     uint32_t channels = 2;
-    uint32_t sample_rate = 48000; /**< per second and channel */
+    /** per second and channel */
+    uint32_t sample_rate = 48000;
     uint32_t bits = 16;
 
     constexpr uint32_t frame_bytes() const { return channels * bits / 8; }
@@ -19,8 +20,8 @@ struct PcmFormat {
 inline constexpr size_t wav_header_bytes = 44;
 
 /**
- * The header of a WAV file (RIFF, PCM) with `data_bytes` of samples. A size field holds 32 bits: for more
- * than that it says its greatest value, which players take as "up to the end of the file".
+ * The header of a WAV file (RIFF, PCM) with `data_bytes` of samples. A size field holds 32 bits:
+ * for more than that it says its greatest value, which players take as "up to the end of the file".
  */
 std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64_t data_bytes);
 

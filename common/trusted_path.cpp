@@ -27,13 +27,16 @@ bool is_dev(int folder)
            here.st_uid == 0 && (here.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-/** Folder and name of a path; the folder ends in a slash, or is empty for the one that the path starts from.
+/**
+ * Folder and name of a path; the folder ends in a slash, or is empty for the one that the path
+ * starts from.
  */
 std::pair<std::string, std::string> split(const std::string& path)
 {
     const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? std::pair(std::string(), path)
-                                      : std::pair(path.substr(0, slash + 1), path.substr(slash + 1));
+    return slash == std::string::npos
+               ? std::pair(std::string(), path)
+               : std::pair(path.substr(0, slash + 1), path.substr(slash + 1));
 }
 
 std::string target_of_link(int folder, const std::string& name)
@@ -62,7 +65,8 @@ TrustedPath::TrustedPath(const std::string& path)
 void TrustedPath::lead_to(int start, const std::string& path)
 {
     const auto [folder, name] = split(path);
-    Descriptor opened(openat(start, folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    Descriptor opened(
+        openat(start, folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     error_ = opened ? 0 : errno;
     if (!opened)
         return;
@@ -85,9 +89,11 @@ Descriptor TrustedPath::open(int flags) const
 
 Descriptor TrustedPath::create_beside(const std::string& name, int flags) const
 {
-    Descriptor fresh(openat(folder_.get(), name.c_str(), flags | O_CREAT | O_EXCL | O_CLOEXEC, private_mode));
+    Descriptor fresh(
+        openat(folder_.get(), name.c_str(), flags | O_CREAT | O_EXCL | O_CLOEXEC, private_mode));
     if (fresh)
-        fchmod(fresh.get(), private_mode); // the umask may have taken even the owner's rights
+        // the umask may have taken even the owner's rights
+        fchmod(fresh.get(), private_mode);
     return fresh;
 }
 

@@ -8,12 +8,13 @@
 namespace common {
 
 /**
- * The end of a path: the folder that it leads to, held open, and the name in it. What is judged here and what
- * is opened afterwards lie in the same folder, even if somebody changes the path in between.
+ * The end of a path: the folder that it leads to, held open, and the name in it. What is judged
+ * here and what is opened afterwards lie in the same folder, even if somebody changes the path in
+ * between.
  *
- * A symbolic link at the end is followed only if nobody can have planted it: the kernel makes those in /proc,
- * and only root those in /dev. That is judged by the folder itself, so "/proc/self/cwd/link" is a link in the
- * current folder, and not one of the kernel's.
+ * A symbolic link at the end is followed only if nobody can have planted it: the kernel makes those
+ * in /proc, and only root those in /dev. That is judged by the folder itself, so
+ * "/proc/self/cwd/link" is a link in the current folder, and not one of the kernel's.
  */
 class TrustedPath {
 public:
@@ -33,7 +34,9 @@ public:
     int status(struct stat& found) const;
     /** As open(2) of what is there, close-on-exec; ELOOP for a link that is not to be trusted. */
     Descriptor open(int flags) const;
-    /** Makes a file that only its owner may read and write, whatever the umask; EEXIST if there is anything.
+    /**
+     * Makes a file that only its owner may read and write, whatever the umask; EEXIST if there is
+     * anything.
      */
     Descriptor create_private(int flags) const { return create_beside(name_, flags); }
     /** The same, of another name in the same folder. */
@@ -52,8 +55,10 @@ private:
 enum class Objection {
     none,
     folder,
-    foreign, /**< an ordinary file or a named pipe of another user, who reads what is written */
-    special, /**< a block device or a socket */
+    /** an ordinary file or a named pipe of another user, who reads what is written */
+    foreign,
+    /** a block device or a socket */
+    special,
 };
 
 /** Judges what fstat(2) or TrustedPath::status() found. A character device is of root's making. */

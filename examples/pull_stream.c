@@ -17,8 +17,10 @@ static double now(void)
     return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
 }
 
-/* Takes the frames that wait; they are few, so this is done several times in the time of one. 0 at the end of
- * the reader. */
+/*
+ * Takes the frames that wait; they are few, so this is done several times in the time of one. 0 at
+ * the end of the reader.
+ */
 static int hand_on(uint8_t* buffer, uint64_t size)
 {
     CapEnc_EsInfo info;
@@ -45,7 +47,8 @@ int main(int argc, char** argv)
         return 1;
     }
     fprintf(stderr, "streaming %ux%u\n", params.width, params.height); /* as rounded up */
-    for (const double end = now() + seconds; hand_on(buffer, size) && (seconds <= 0 || now() < end);)
+    for (const double end = now() + seconds;
+         hand_on(buffer, size) && (seconds <= 0 || now() < end);)
         nanosleep(&pause, NULL);
     video_capenc_stop();
     video_capenc_close();

@@ -1,5 +1,5 @@
-// Records the screen into one file after another, as a service would: the library ends each file by itself at
-// its time limit, and the service sees it and starts the next. Ends at SIGINT or SIGTERM.
+// Records the screen into one file after another, as a service would: the library ends each file by
+// itself at its time limit, and the service sees it and starts the next. Ends at SIGINT or SIGTERM.
 //
 //   recording_service FOLDER SECONDS [FILES]      prints the name of each file when it is complete
 #include <screenrecord/screenrecord.h>
@@ -24,13 +24,14 @@ void ask_for_stop(int)
 
 bool start(std::string file, uint32_t seconds)
 {
-    const uint32_t width = 1280, height = 720, frames_per_second = 30, as_needed = 0, packet_bytes = 188,
-                   h264 = 0;
-    return startScreenRecord(width, height, frames_per_second, as_needed, packet_bytes, seconds, h264,
-                             reinterpret_cast<uint8_t*>(file.data())) == 0;
+    const uint32_t width = 1280, height = 720, frames_per_second = 30, as_needed = 0,
+                   packet_bytes = 188, h264 = 0;
+    return startScreenRecord(width, height, frames_per_second, as_needed, packet_bytes, seconds,
+                             h264, reinterpret_cast<uint8_t*>(file.data())) == 0;
 }
 
-// A start changes nothing where a recording runs, and is refused where the time limit has closed it.
+// A start changes nothing where a recording runs, and is refused where the time limit has closed
+// it.
 bool still_recording()
 {
     uint32_t slot = 0;
@@ -50,12 +51,14 @@ bool record(const std::string& file, uint32_t seconds)
 {
     if (!start(file, seconds)) {
         std::fprintf(stderr, "cannot record into %s; the log says why\n", file.c_str());
-        stopScreenRecord(); // a start that failed half-way may have left something open
+        // a start that failed half-way may have left something open
+        stopScreenRecord();
         return false;
     }
     while (!stop_asked && still_recording())
         pause_for(200ms);
-    stopScreenRecord(); // harmless where the limit has done it
+    // harmless where the limit has done it
+    stopScreenRecord();
     std::printf("%s\n", file.c_str());
     std::fflush(stdout);
     return true;
@@ -71,7 +74,8 @@ int main(int argc, char** argv)
     }
     const std::string folder = argv[1];
     const auto seconds = static_cast<uint32_t>(std::atoi(argv[2]));
-    const int files = argc > 3 ? std::atoi(argv[3]) : 0; // 0 = until a stop
+    // 0 = until a stop
+    const int files = argc > 3 ? std::atoi(argv[3]) : 0;
     std::signal(SIGINT, ask_for_stop);
     std::signal(SIGTERM, ask_for_stop);
 

@@ -1,7 +1,7 @@
 /*
- * Takes one picture of the screen after another into two buffers by turns, and says how much has changed in
- * between. The pictures are looked at where the library put them: the buffers are mapped once, and nothing is
- * copied.
+ * Takes one picture of the screen after another into two buffers by turns, and says how much has
+ * changed in between. The pictures are looked at where the library put them: the buffers are mapped
+ * once, and nothing is copied.
  *
  *   screenshot_loop COUNT MILLISECONDS [LAST.ppm]
  */
@@ -18,8 +18,8 @@ enum { BUFFERS = 2 };
 static int map_buffers(const Cap_Buffer* buffers, const uint8_t* pictures[BUFFERS])
 {
     for (int i = 0; i < BUFFERS; i++) {
-        void* mapped =
-            mmap(NULL, buffers[i].size[0], PROT_READ, MAP_SHARED, buffers[i].fd[0], buffers[i].offset[0]);
+        void* mapped = mmap(NULL, buffers[i].size[0], PROT_READ, MAP_SHARED, buffers[i].fd[0],
+                            buffers[i].offset[0]);
         if (mapped == MAP_FAILED)
             return 0;
         pictures[i] = mapped;
@@ -27,7 +27,8 @@ static int map_buffers(const Cap_Buffer* buffers, const uint8_t* pictures[BUFFER
     return 1;
 }
 
-static unsigned long changed_pixels(const Cap_Buffer* shape, const uint8_t* before, const uint8_t* now)
+static unsigned long changed_pixels(const Cap_Buffer* shape, const uint8_t* before,
+                                    const uint8_t* now)
 {
     unsigned long changed = 0;
     for (uint32_t y = 0; y < shape->height; y++) {
@@ -82,7 +83,8 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: screenshot_loop COUNT MILLISECONDS [LAST.ppm]\n");
         return 2;
     }
-    const int complete = video_cap_open(&params) == 0 && run(count, &pause, argc > 3 ? argv[3] : NULL);
+    const int complete =
+        video_cap_open(&params) == 0 && run(count, &pause, argc > 3 ? argv[3] : NULL);
     if (!complete)
         fprintf(stderr, "cannot take the pictures; the log says why\n");
     video_cap_close(); /* the mappings stay, until the process ends */

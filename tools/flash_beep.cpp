@@ -1,12 +1,13 @@
 /**
- * Flashes the whole X display white at the very moment when a beep sounds through the sound server: once a
- * second, each for 100 ms. A recording's picture and sound can be held against each other by it.
+ * Flashes the whole X display white at the very moment when a beep sounds through the sound server:
+ * once a second, each for 100 ms. A recording's picture and sound can be held against each other by
+ * it.
  *
  *   flash_beep [--seconds N]     60 unless said
  *
- * Sound is written ahead, its place in time is the stream's own clock, and the flash is drawn when that clock
- * reaches the beep's first sample. Prints "ready" once both are under way. Exit code 1 when display or sound
- * server cannot be reached or went away.
+ * Sound is written ahead, its place in time is the stream's own clock, and the flash is drawn when
+ * that clock reaches the beep's first sample. Prints "ready" once both are under way. Exit code 1
+ * when display or sound server cannot be reached or went away.
  */
 #include <atomic>
 #include <cmath>
@@ -23,8 +24,8 @@ namespace {
 constexpr uint32_t sample_rate = 48000;
 constexpr uint32_t beep_samples = sample_rate / 10;
 constexpr int64_t second_ns = 1'000'000'000;
-// A sink may have rendered two seconds ahead before it learns of our latency; until they are over its clock
-// is wrong.
+// A sink may have rendered two seconds ahead before it learns of our latency; until they are over
+// its clock is wrong.
 constexpr int64_t rendered_ahead_ns = 5 * second_ns / 2;
 
 /** A mono stream that beeps in the first tenth of each of its seconds. */
@@ -57,8 +58,10 @@ public:
         return playing;
     }
 
-    /** When the stream's sample 0 is heard, on the monotonic clock; 0 while unknown, -1 when the stream is
-     * lost. */
+    /**
+     * When the stream's sample 0 is heard, on the monotonic clock; 0 while unknown, -1 when the
+     * stream is lost.
+     */
     int64_t origin_ns()
     {
         pa_threaded_mainloop_lock(loop_);
@@ -71,7 +74,10 @@ public:
     }
 
 private:
-    static void signal_context(pa_context*, void* self) { static_cast<BeepStream*>(self)->signal(); }
+    static void signal_context(pa_context*, void* self)
+    {
+        static_cast<BeepStream*>(self)->signal();
+    }
     static void signal_stream(pa_stream*, void* self) { static_cast<BeepStream*>(self)->signal(); }
     static void write_samples(pa_stream* stream, size_t bytes, void* self)
     {
@@ -97,12 +103,14 @@ private:
             return false;
         pa_stream_set_state_callback(stream_, signal_stream, this);
         pa_stream_set_write_callback(stream_, write_samples, this);
-        // Without pre-buffering the clock runs through an underrun, and each sample keeps its place in time.
+        // Without pre-buffering the clock runs through an underrun, and each sample keeps its place
+        // in time.
         const pa_buffer_attr buffer{UINT32_MAX, sample_rate * 2 / 10, 0, UINT32_MAX, UINT32_MAX};
         const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
                           PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_NOT_MONOTONIC;
-        return pa_stream_connect_playback(stream_, nullptr, &buffer, static_cast<pa_stream_flags_t>(flags),
-                                          nullptr, nullptr) == 0;
+        return pa_stream_connect_playback(stream_, nullptr, &buffer,
+                                          static_cast<pa_stream_flags_t>(flags), nullptr,
+                                          nullptr) == 0;
     }
 
     bool wait_for_stream()
@@ -136,14 +144,15 @@ private:
         const uint64_t place = index % sample_rate;
         if (place >= beep_samples)
             return 0;
-        return static_cast<int16_t>(26000 *
-                                    std::sin(2 * M_PI * 1000 * static_cast<double>(place) / sample_rate));
+        return static_cast<int16_t>(
+            26000 * std::sin(2 * M_PI * 1000 * static_cast<double>(place) / sample_rate));
     }
 
     pa_threaded_mainloop* loop_;
     pa_context* context_ = nullptr;
     pa_stream* stream_ = nullptr;
-    uint64_t written_ = 0; // of the main loop's thread
+    // of the main loop's thread
+    uint64_t written_ = 0;
 };
 
 /** Shows each flash when its beep is heard; false when display or stream is lost. */

@@ -11,8 +11,8 @@
  *   --static     draw one picture and leave it
  *   --check      draw nothing, only try whether the display can be reached
  *
- * Fixed in every picture, in pixels from the top left corner (what a small display has no room for is cut
- * off):
+ * Fixed in every picture, in pixels from the top left corner (what a small display has no room for
+ * is cut off):
  *
  *   x  64..191, y 64..191   pure red   (255, 0, 0)
  *   x 256..383, y 64..191   pure white (255, 255, 255)
@@ -20,7 +20,8 @@
  *   x  64..575, y 224..239  the picture's number: 32 squares of 16 x 16, lowest bit at the left, white = 1;
  * on black from x 48, y 208 to x 591, y 255
  *
- * Prints "ready" once the first picture is on the screen. Exit code 1 when the display cannot be reached.
+ * Prints "ready" once the first picture is on the screen. Exit code 1 when the display cannot be
+ * reached.
  */
 #include <algorithm>
 #include <cstdio>
@@ -73,7 +74,9 @@ public:
                 pixmap = new_noise();
     }
 
-    /** Draws picture `number` out of sight and shows it at once, so that no capture sees half of it. */
+    /**
+     * Draws picture `number` out of sight and shows it at once, so that no capture sees half of it.
+     */
     void show(uint32_t number, uint32_t shown_number)
     {
         if (noise_[0])
@@ -112,7 +115,8 @@ private:
     {
         screen_.copy(noise_[number % std::size(noise_)], picture_,
                      static_cast<int16_t>(random_() % noise_margin),
-                     static_cast<int16_t>(random_() % noise_margin), {0, 0, screen_.width, screen_.height});
+                     static_cast<int16_t>(random_() % noise_margin),
+                     {0, 0, screen_.width, screen_.height});
     }
 
     void draw_shapes(uint32_t number)
@@ -121,13 +125,14 @@ private:
         const int bar_pitch = 120;
         const int phase = static_cast<int>(number * 4 % bar_pitch);
         for (int x = phase - bar_pitch, i = 0; x < screen_.width; x += bar_pitch, ++i)
-            screen_.fill(
-                picture_, 0x208040u + static_cast<uint32_t>(i) * 0x0f1b2du % 0x606060u,
-                {static_cast<int16_t>(x), 272, 60, static_cast<uint16_t>(std::max(screen_.height - 272, 1))});
+            screen_.fill(picture_, 0x208040u + static_cast<uint32_t>(i) * 0x0f1b2du % 0x606060u,
+                         {static_cast<int16_t>(x), 272, 60,
+                          static_cast<uint16_t>(std::max(screen_.height - 272, 1))});
         const int range = std::max(screen_.width - 96, 1);
         const int travelled = static_cast<int>(number * 7 % static_cast<uint32_t>(2 * range));
         const auto x = static_cast<int16_t>(travelled < range ? travelled : 2 * range - travelled);
-        screen_.fill(picture_, 0xe0c020, {x, static_cast<int16_t>(screen_.height / 2 + 64), 96, 96});
+        screen_.fill(picture_, 0xe0c020,
+                     {x, static_cast<int16_t>(screen_.height / 2 + 64), 96, 96});
     }
 
     void draw_patches()
@@ -142,7 +147,8 @@ private:
         screen_.fill(picture_, 0x000000, {48, 208, 544, 48});
         for (int bit = 0; bit < 32; ++bit)
             if (number >> bit & 1)
-                screen_.fill(picture_, 0xffffff, {static_cast<int16_t>(64 + 16 * bit), 224, 16, 16});
+                screen_.fill(picture_, 0xffffff,
+                             {static_cast<int16_t>(64 + 16 * bit), 224, 16, 16});
     }
 
     XScreen& screen_;
@@ -157,8 +163,9 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parse(argc, argv, options)) {
-        fprintf(stderr, "usage: moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | "
-                        "--check\n");
+        fprintf(stderr,
+                "usage: moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | "
+                "--check\n");
         return 2;
     }
     XScreen screen;
@@ -176,7 +183,8 @@ int main(int argc, char** argv)
     fflush(stdout);
 
     const int64_t start = XScreen::now_ns();
-    const int64_t end = options.seconds ? start + options.seconds * int64_t{1'000'000'000} : INT64_MAX;
+    const int64_t end =
+        options.seconds ? start + options.seconds * int64_t{1'000'000'000} : INT64_MAX;
     if (options.still) {
         screen.wait_until(end);
         return 0;
@@ -187,7 +195,8 @@ int main(int argc, char** argv)
         const int64_t due = start + number * int64_t{1'000'000'000} / rate;
         if (due >= end || !screen.wait_until(due))
             return 0;
-        const auto shown = options.stamps ? static_cast<uint32_t>(XScreen::now_ns() / 100'000) : number;
+        const auto shown =
+            options.stamps ? static_cast<uint32_t>(XScreen::now_ns() / 100'000) : number;
         if (number % per_picture == 0)
             content.show(number / per_picture, shown);
         else

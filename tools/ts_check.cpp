@@ -46,18 +46,20 @@ bool parse(int argc, char** argv, std::string& file, CheckOptions& options)
 
 void print(const Report& report)
 {
-    std::printf("%zu packets of %zu bytes, %zu null (%.1f%%), %.3f s from time %.3f s, %.0f bit/s\n",
-                report.packets, report.packet_size, report.null_packets,
-                report.packets
-                    ? 100.0 * static_cast<double>(report.null_packets) / static_cast<double>(report.packets)
-                    : 0.0,
-                report.seconds, report.first_time, report.rate);
+    std::printf(
+        "%zu packets of %zu bytes, %zu null (%.1f%%), %.3f s from time %.3f s, %.0f bit/s\n",
+        report.packets, report.packet_size, report.null_packets,
+        report.packets
+            ? 100.0 * static_cast<double>(report.null_packets) / static_cast<double>(report.packets)
+            : 0.0,
+        report.seconds, report.first_time, report.rate);
     std::printf("%zu time references, at most %.1f ms apart\n", report.time_references,
                 report.greatest_time_interval * 1000);
     for (const StreamSummary& stream : report.streams) {
-        std::printf("PID 0x%x type 0x%02x: %zu packets, %zu access units, %zu to start at, %llu bytes",
-                    stream.pid, stream.type, stream.packets, stream.access_units, stream.random_access_units,
-                    static_cast<unsigned long long>(stream.payload_bytes));
+        std::printf(
+            "PID 0x%x type 0x%02x: %zu packets, %zu access units, %zu to start at, %llu bytes",
+            stream.pid, stream.type, stream.packets, stream.access_units,
+            stream.random_access_units, static_cast<unsigned long long>(stream.payload_bytes));
         if (stream.first_pts)
             std::printf(", PTS %.3f to %.3f s", static_cast<double>(*stream.first_pts) / 90000,
                         static_cast<double>(*stream.last_pts) / 90000);
@@ -87,7 +89,8 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::vector<char> content{std::istreambuf_iterator<char>(file), {}};
-    const Report report = check({reinterpret_cast<const uint8_t*>(content.data()), content.size()}, options);
+    const Report report =
+        check({reinterpret_cast<const uint8_t*>(content.data()), content.size()}, options);
     print(report);
     return report.good() ? 0 : 1;
 }

@@ -11,9 +11,9 @@
 #include <xcb/xcb.h>
 
 /**
- * What the screen programs share: a connection to the display of DISPLAY and one window that covers it,
- * without a border, above everything, and with an invisible pointer, so that every pixel of the screen is the
- * program's.
+ * What the screen programs share: a connection to the display of DISPLAY and one window that covers
+ * it, without a border, above everything, and with an invisible pointer, so that every pixel of the
+ * screen is the program's.
  */
 class XScreen {
 public:
@@ -30,7 +30,8 @@ public:
                                    invisible_pointer(screen->root)};
         xcb_create_window(x(), XCB_COPY_FROM_PARENT, window, screen->root, 0, 0, width, height, 0,
                           XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
-                          XCB_CW_BACK_PIXEL | XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK | XCB_CW_CURSOR,
+                          XCB_CW_BACK_PIXEL | XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK |
+                              XCB_CW_CURSOR,
                           values);
         gc_ = xcb_generate_id(x());
         const uint32_t no_exposures = 0;
@@ -60,7 +61,8 @@ public:
         xcb_poly_fill_rectangle(x(), target, gc_, 1, &rectangle);
     }
 
-    void copy(xcb_drawable_t from, xcb_drawable_t to, int16_t from_x, int16_t from_y, xcb_rectangle_t at)
+    void copy(xcb_drawable_t from, xcb_drawable_t to, int16_t from_x, int16_t from_y,
+              xcb_rectangle_t at)
     {
         xcb_copy_area(x(), from, to, gc_, from_x, from_y, at.x, at.y, at.width, at.height);
     }
@@ -84,7 +86,9 @@ public:
     void finish() { free(xcb_get_input_focus_reply(x(), xcb_get_input_focus(x()), nullptr)); }
     void flush() { xcb_flush(x()); }
 
-    /** Waits until `deadline_ns` of the monotonic clock or, when it is earlier, the display's death. */
+    /**
+     * Waits until `deadline_ns` of the monotonic clock or, when it is earlier, the display's death.
+     */
     bool wait_until(int64_t deadline_ns)
     {
         for (;;) {
@@ -116,7 +120,10 @@ private:
     xcb_connection_t* x() const { return connection_.get(); }
 
     /** The lowest eight bits as ten. */
-    static uint32_t ten_bits(uint32_t colour) { return (colour & 0xff) << 2 | (colour & 0xff) >> 6; }
+    static uint32_t ten_bits(uint32_t colour)
+    {
+        return (colour & 0xff) << 2 | (colour & 0xff) >> 6;
+    }
 
     xcb_cursor_t invisible_pointer(xcb_window_t root)
     {

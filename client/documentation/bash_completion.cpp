@@ -19,9 +19,10 @@ std::string words_of(const CommandOutline& command)
 /** What stands behind an option that takes a value. */
 std::string value_case(const CommandOutline& command, const OptionOutline& option)
 {
-    std::string made = "        " + command.name + ":" +
-                       (option.letter.empty() ? "" : "-" + option.letter + " | " + command.name + ":") +
-                       "--" + option.name + ") ";
+    std::string made =
+        "        " + command.name + ":" +
+        (option.letter.empty() ? "" : "-" + option.letter + " | " + command.name + ":") + "--" +
+        option.name + ") ";
     if (option.takes_file)
         return made + "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$word\")); return ;;\n";
     std::string words;
@@ -42,8 +43,8 @@ std::string bash_completion()
         if (!command.name.empty())
             names += " " + command.name;
         options += "        " + (command.name.empty() ? "\"\"" : command.name) + ") words=\"" +
-                   words_of(command) + (command.name.empty() || command.takes_command ? "$names" : "") +
-                   "\" ;;\n";
+                   words_of(command) +
+                   (command.name.empty() || command.takes_command ? "$names" : "") + "\" ;;\n";
         for (const OptionOutline& option : command.options)
             if (!option.value.empty())
                 values += value_case(command, option);

@@ -28,8 +28,8 @@ std::string value_of(const OptionOutline& option)
 std::string line(const OptionOutline& option, const std::string& condition)
 {
     return "complete -c screenrecord -n '" + condition + "'" +
-           (option.letter.empty() ? "" : " -s " + option.letter) + " -l " + option.name + value_of(option) +
-           " -d " + fish_quoted(option.text) + "\n";
+           (option.letter.empty() ? "" : " -s " + option.letter) + " -l " + option.name +
+           value_of(option) + " -d " + fish_quoted(option.text) + "\n";
 }
 
 } // namespace
@@ -37,19 +37,22 @@ std::string line(const OptionOutline& option, const std::string& condition)
 std::string fish_completion()
 {
     const std::vector<CommandOutline> commands = outline();
-    std::string made = "# fish completion for screenrecord; made from the description of its options\n"
-                       "complete -c screenrecord -f\n";
+    std::string made =
+        "# fish completion for screenrecord; made from the description of its options\n"
+        "complete -c screenrecord -f\n";
     std::string names;
     for (const CommandOutline& command : commands)
         names += (names.empty() ? "" : " ") + command.name;
     for (const CommandOutline& command : commands) {
         if (!command.name.empty())
-            made += "complete -c screenrecord -n __fish_use_subcommand -a " + command.name + " -d " +
-                    fish_quoted(command.text) + "\n";
-        const std::string condition =
-            command.name.empty() ? "__fish_use_subcommand" : "__fish_seen_subcommand_from " + command.name;
+            made += "complete -c screenrecord -n __fish_use_subcommand -a " + command.name +
+                    " -d " + fish_quoted(command.text) + "\n";
+        const std::string condition = command.name.empty()
+                                          ? "__fish_use_subcommand"
+                                          : "__fish_seen_subcommand_from " + command.name;
         if (command.takes_command)
-            made += "complete -c screenrecord -n '" + condition + "' -a " + fish_quoted(names) + "\n";
+            made +=
+                "complete -c screenrecord -n '" + condition + "' -a " + fish_quoted(names) + "\n";
         for (const OptionOutline& option : command.options)
             made += line(option, condition);
     }

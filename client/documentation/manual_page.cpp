@@ -34,9 +34,10 @@ std::string option_entry(const OptionOutline& option)
 
 std::string command_entry(const CommandOutline& command)
 {
-    std::string made = ".SS " +
-                       (command.name.empty() ? "Before a command" : roff("screenrecord " + command.name)) +
-                       "\n" + roff(command.text) + "\n";
+    std::string made =
+        ".SS " +
+        (command.name.empty() ? "Before a command" : roff("screenrecord " + command.name)) + "\n" +
+        roff(command.text) + "\n";
     for (const OptionOutline& option : command.options)
         made += option_entry(option);
     return made;

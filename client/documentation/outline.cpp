@@ -38,8 +38,10 @@ OptionOutline alias_outline(const std::string& name, OptionOutline option)
 
 CommandOutline outline_of(const CLI::App& app, const std::string& name)
 {
-    CommandOutline made{
-        .name = name, .text = app.get_description(), .options = {}, .takes_command = name == help_command};
+    CommandOutline made{.name = name,
+                        .text = app.get_description(),
+                        .options = {},
+                        .takes_command = name == help_command};
     for (const CLI::Option* option : app.get_options()) {
         const OptionOutline whole = outline_of(*option);
         made.options.push_back(whole);

@@ -7,23 +7,31 @@ namespace client {
 
 /** An option as the manual page and the completions need it. */
 struct OptionOutline {
-    std::string letter; /**< without its dash; empty = none */
-    std::string name;   /**< without its dashes */
-    std::string value;  /**< what stands for its value in help, such as SECONDS; empty = it takes none */
-    std::vector<std::string> choices; /**< the only values, where there are such */
+    /** without its dash; empty = none */
+    std::string letter;
+    /** without its dashes */
+    std::string name;
+    /** what stands for its value in help, such as SECONDS; empty = it takes none */
+    std::string value;
+    /** the only values, where there are such */
+    std::vector<std::string> choices;
     bool takes_file = false;
     bool required = false;
     std::string text;
 };
 
 struct CommandOutline {
-    std::string name; /**< empty = the program itself, before a command */
+    /** empty = the program itself, before a command */
+    std::string name;
     std::string text;
     std::vector<OptionOutline> options;
-    bool takes_command = false; /**< another command's name follows */
+    /** another command's name follows */
+    bool takes_command = false;
 };
 
-/** What can be typed: the program first, then its commands. Made from the description that help is made from.
+/**
+ * What can be typed: the program first, then its commands. Made from the description that help is
+ * made from.
  */
 std::vector<CommandOutline> outline();
 

@@ -21,8 +21,8 @@ void CallbackGate::Leave(u32 u32Ticket)
 {
     if (m_au32Inside[u32Ticket].fetch_sub(1) != 1 || (m_u32Epoch.load() & 1) == u32Ticket)
         return;
-    // The last one of an epoch that is being drained. The mutex keeps the wake-up from falling between
-    // the drain's look at the count and its wait.
+    // The last one of an epoch that is being drained. The mutex keeps the wake-up from falling
+    // between the drain's look at the count and its wait.
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_left.notify_all();
 }
@@ -39,7 +39,8 @@ bool CallbackGate::Drain()
         std::chrono::steady_clock::now() + std::chrono::milliseconds(SCREENRECORD_LOCK_TIMEOUT_MS);
     std::unique_lock<std::mutex> lock(m_mutex);
     const u32 u32Current = m_u32Epoch.load() & 1;
-    // A thread that outstayed an earlier drain counts under the other parity, which the next epoch reuses.
+    // A thread that outstayed an earlier drain counts under the other parity, which the next epoch
+    // reuses.
     if (AwaitEmpty(lock, u32Current ^ 1, deadline)) {
         m_u32Epoch.fetch_add(1);
         if (AwaitEmpty(lock, u32Current, deadline))

@@ -10,13 +10,14 @@
 /**
  * Tells a close when the last foreign thread has left a module's record.
  *
- * The middleware calls in on its own threads, also while a module is being closed and after it. A callback
- * enters the gate and only then looks for its handle in the record; a close withdraws the handle from the
- * record and then drains the gate. So a callback either finds no handle and leaves, or the close waits for
- * it: no callback meets the steps after a drain, without a lock per picture and without a protective sleep.
+ * The middleware calls in on its own threads, also while a module is being closed and after it. A
+ * callback enters the gate and only then looks for its handle in the record; a close withdraws the
+ * handle from the record and then drains the gate. So a callback either finds no handle and leaves,
+ * or the close waits for it: no callback meets the steps after a drain, without a lock per picture
+ * and without a protective sleep.
  *
- * Callbacks are counted by the parity of an epoch that each drain advances, so that those that come in during
- * a drain do not prolong it.
+ * Callbacks are counted by the parity of an epoch that each drain advances, so that those that come
+ * in during a drain do not prolong it.
  */
 class CallbackGate {
 public:
@@ -24,7 +25,8 @@ public:
     u32 Enter();
     void Leave(u32 u32Ticket);
     /**
-     * Waits, up to 5000 ms, until every thread that entered before this call has left. One drain at a time.
+     * Waits, up to 5000 ms, until every thread that entered before this call has left. One drain at
+     * a time.
      * @return false, which is logged, when one has not
      */
     bool Drain();

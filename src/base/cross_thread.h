@@ -4,11 +4,11 @@
 #include <atomic>
 
 /**
- * A field that one thread writes while another reads it. It has the size of T and can be copied, so that the
- * records that hold such fields are still reset by assignment.
+ * A field that one thread writes while another reads it. It has the size of T and can be copied, so
+ * that the records that hold such fields are still reset by assignment.
  *
- * Every access is sequentially consistent: the callback gate needs a handle's store and the count of
- * callbacks in one order for all threads, and one picture costs a handful of accesses.
+ * Every access is sequentially consistent: the callback gate needs a handle's store and the count
+ * of callbacks in one order for all threads, and one picture costs a handful of accesses.
  */
 template <typename T> class CrossThread {
 public:
@@ -30,9 +30,9 @@ public:
     void AwaitChangeFrom(T value) const { m_value.wait(value); }
     void WakeWaiters() { m_value.notify_all(); }
     /**
-     * The field itself, as the output argument of a call of the middleware: the result is in the record at
-     * once, also if the call fails or calls back before it returns. A middleware stores an aligned
-     * value of this size in one piece.
+     * The field itself, as the output argument of a call of the middleware: the result is in the
+     * record at once, also if the call fails or calls back before it returns. A middleware stores
+     * an aligned value of this size in one piece.
      */
     T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }
 

@@ -4,8 +4,10 @@
 #include <zu3/os.h>
 
 enum {
-    SCREENRECORD_NO_ID = -1,             /**< task, mutex or descriptor: none */
-    SCREENRECORD_LOCK_TIMEOUT_MS = 5000, /**< limit of every wait for a middleware mutex */
+    /** task, mutex or descriptor: none */
+    SCREENRECORD_NO_ID = -1,
+    /** limit of every wait for a middleware mutex */
+    SCREENRECORD_LOCK_TIMEOUT_MS = 5000,
 };
 
 /** Obtains a module's mutex for a scope, and releases it only if it was obtained. */

@@ -16,8 +16,9 @@ inline u32 _SCREENRECORD_ValueOr(u32 u32Value, u32 u32Default)
 }
 
 /**
- * Rounds up to a multiple of `u32Alignment`, a power of two. A value without such a multiple in 32 bits gives
- * the greatest one there is, which every encoder refuses: a huge size must not wrap into a small one.
+ * Rounds up to a multiple of `u32Alignment`, a power of two. A value without such a multiple in 32
+ * bits gives the greatest one there is, which every encoder refuses: a huge size must not wrap into
+ * a small one.
  */
 inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
 {
@@ -25,7 +26,9 @@ inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
     return u32Value > ~u32Mask ? ~u32Mask : (u32Value + u32Mask) & ~u32Mask;
 }
 
-/** Lines of a captured picture are a multiple of 16 pixels, and there is a multiple of 32 of them. */
+/**
+ * Lines of a captured picture are a multiple of 16 pixels, and there is a multiple of 32 of them.
+ */
 inline u32 _SCREENRECORD_CaptureWidth(u32 u32Width)
 {
     return _SCREENRECORD_AlignUpSaturating(u32Width, 16);
@@ -36,16 +39,17 @@ inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
 }
 
 /**
- * Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. A picture
- * that 64 bits cannot count gives the greatest size there is, which every check refuses.
+ * Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. A
+ * picture that 64 bits cannot count gives the greatest size there is, which every check refuses.
  */
 inline u64 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
 {
     const u64 u64ChromaBase = (static_cast<u64>(u32CaptureHeight) + 63) & ~63ull;
     const u64 u64Lines = u32CaptureHeight + u64ChromaBase / 2;
     u64 u64Size = 0;
-    return __builtin_mul_overflow(u64Lines, static_cast<u64>(u32CaptureWidth), &u64Size) ? UINT64_MAX
-                                                                                         : u64Size;
+    return __builtin_mul_overflow(u64Lines, static_cast<u64>(u32CaptureWidth), &u64Size)
+               ? UINT64_MAX
+               : u64Size;
 }
 
 #endif

@@ -12,14 +12,17 @@
 
 namespace {
 
-constexpr u32 DEFAULT_BITRATE = 0x100000; /**< bit/s */
+/** bit/s */
+constexpr u32 DEFAULT_BITRATE = 0x100000;
 
 SCREENRECORD_TaskCtrl_s* EncoderTask()
 {
     return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
 }
 
-/** Rounds the caller's size, and copies the record's values into the slot, with defaults for zeros. */
+/**
+ * Rounds the caller's size, and copies the record's values into the slot, with defaults for zeros.
+ */
 void ApplyParams(CapEnc_OpenParams* pstParams)
 {
     pstParams->width = _SCREENRECORD_CaptureWidth(pstParams->width);
@@ -27,7 +30,8 @@ void ApplyParams(CapEnc_OpenParams* pstParams)
     SCREENRECORD_SrcInfo_s& stSrcInfo = _astSlotCtrl[0].stSrcInfo;
     stSrcInfo.u32Width = _SCREENRECORD_ValueOr(pstParams->width, SCREENRECORD_DEFAULT_WIDTH);
     stSrcInfo.u32Height = _SCREENRECORD_ValueOr(pstParams->height, SCREENRECORD_DEFAULT_HEIGHT);
-    stSrcInfo.u32FrameRate = _SCREENRECORD_ValueOr(pstParams->frameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
+    stSrcInfo.u32FrameRate =
+        _SCREENRECORD_ValueOr(pstParams->frameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
     stSrcInfo.u32OutputBitrate = _SCREENRECORD_ValueOr(pstParams->outputBitrate, DEFAULT_BITRATE);
     stSrcInfo.bOsd = static_cast<u8>(pstParams->osd);
 }

@@ -34,7 +34,8 @@ void PointEncoderAt(u8* pu8Picture, ZU_VENC_InputBuffer_t& stInput)
  * Copies the picture into a buffer that the encoder lends: as much as fits, and no more than the
  * capture wrote (`u32PictureSize`).
  */
-void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VENC_InputBuffer_t& stInput)
+void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize,
+                   ZU_VENC_InputBuffer_t& stInput)
 {
     stInput.bEntireInject = 0;
     const bool bLent = ZU_VENC_QueryBuffer(u32Venc, &stInput) == ZU_OK;
@@ -49,7 +50,9 @@ void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize, ZU_VEN
                stInput.u32DataSize < u32PictureSize ? stInput.u32DataSize : u32PictureSize);
 }
 
-/** Numbers and stamps the picture. The table is written first: the encoder's output looks the time up there.
+/**
+ * Numbers and stamps the picture. The table is written first: the encoder's output looks the time
+ * up there.
  */
 void StampPicture(SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, ZU_VENC_InputBuffer_t& stInput)
 {
@@ -68,12 +71,13 @@ bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts)
 {
     const s64 s64StartTimeUs = pstVenc->u64StartTimeUs;
     if (s64Pts < s64StartTimeUs) {
-        SR_HELPER_LOGD("Drop capture frame, pts(%lld) < startTimeUs(%lld)\n", static_cast<long long>(s64Pts),
-                       static_cast<long long>(s64StartTimeUs));
+        SR_HELPER_LOGD("Drop capture frame, pts(%lld) < startTimeUs(%lld)\n",
+                       static_cast<long long>(s64Pts), static_cast<long long>(s64StartTimeUs));
         return true;
     }
     if (_bPaused == 1) {
-        SR_HELPER_LOGD("Drop capture frame, pts(%lld), cause by pausing\n", static_cast<long long>(s64Pts));
+        SR_HELPER_LOGD("Drop capture frame, pts(%lld), cause by pausing\n",
+                       static_cast<long long>(s64Pts));
         return true;
     }
     return false;
@@ -95,11 +99,11 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
     const GatePass encoderPass(pstVenc->callbackGate);
     const u32 u32Cap = static_cast<u32>(s32Handle);
 
-    SR_LOGD_LINE("(%s %d) Cap Callback! pUsrParam:%s Y Addr=0x%llx, C Addr=0x%llx, u32BufIndex=%u, buffer "
-                 "fd=%d, buffer physic=0x%llx\n",
-                 static_cast<const char*>(pUserData), static_cast<unsigned long long>(pstFrame->phyYAddr),
-                 static_cast<unsigned long long>(pstFrame->phyCAddr), pstFrame->u32BufIndex,
-                 _stInjectBufFd.s32Fd.Get(), static_cast<unsigned long long>(_stInjectBufFd.u64PhyAddr));
+    SR_LOGD_LINE(
+        "(%s %d) Cap Callback! pUsrParam:%s Y Addr=0x%llx, C Addr=0x%llx, u32BufIndex=%u, buffer fd=%d, buffer physic=0x%llx\n",
+        static_cast<const char*>(pUserData), static_cast<unsigned long long>(pstFrame->phyYAddr),
+        static_cast<unsigned long long>(pstFrame->phyCAddr), pstFrame->u32BufIndex,
+        _stInjectBufFd.s32Fd.Get(), static_cast<unsigned long long>(_stInjectBufFd.u64PhyAddr));
     const s64 s64Pts = systemTime(SYSTEM_TIME_MONOTONIC) / 1000;
     if (IsDropped(pstVenc, s64Pts)) {
         ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex);
@@ -119,7 +123,8 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
         PointEncoderAt(pu8Picture, stInput);
         _SCREENRECORD_RenderWatermark(*pstFrame);
     } else {
-        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[guard.SlotId()].stSrcInfo.u32FrameSize, stInput);
+        CopyToEncoder(u32Venc, pu8Picture, _astSlotCtrl[guard.SlotId()].stSrcInfo.u32FrameSize,
+                      stInput);
     }
     if (ZU_CAP_ProcessBufDone(u32Cap, pstFrame->u32BufIndex) != ZU_OK) {
         SR_LOGE_LINE("\033[35m%s %d[ ZU_CAP_ProcessBufDone bufindex = %d fail !!]\033[m\n",

@@ -20,22 +20,28 @@ namespace {
 enum { RING_SIZE = 3 };
 
 struct CapEnc_EsFrame {
-    CrossThread<u8*> pu8Data; /**< CAPENC_MAX_FRAME_SIZE bytes while the pipeline is open */
+    /** CAPENC_MAX_FRAME_SIZE bytes while the pipeline is open */
+    CrossThread<u8*> pu8Data;
     u32 u32DataSize = 0;
     u8 u8FrameType = 0;
-    u64 u64Pts = 0; /**< microseconds of the monotonic clock */
-    u8 bFilled = 0; /**< the caller has not fetched it yet */
+    /** microseconds of the monotonic clock */
+    u64 u64Pts = 0;
+    /** the caller has not fetched it yet */
+    u8 bFilled = 0;
 };
 
 CapEnc_EsFrame _astEsFrameRing[RING_SIZE];
 u8 _u8EsReadIdx;
 CrossThread<u8> _u8EsWriteIdx;
-/** The frame that should follow the last one in the ring was lost: while it is set, so is _bWaitKeyFrame. */
+/**
+ * The frame that should follow the last one in the ring was lost: while it is set, so is
+ * _bWaitKeyFrame.
+ */
 bool _bTailLost;
 
 /**
- * Guards the ring beside the encoder's middleware mutex, which exists only between start and stop: frames are
- * fetched before and after that span too, when a late callback may still be on its way.
+ * Guards the ring beside the encoder's middleware mutex, which exists only between start and stop:
+ * frames are fetched before and after that span too, when a late callback may still be on its way.
  */
 std::mutex _ringMutex;
 
@@ -46,8 +52,8 @@ u8 NextIndex(u8 u8Index)
 
 void LogDrop(u64 u64Pts, u32 u32DataSize, u8 u8FrameType)
 {
-    SR_HELPER_LOGD("drop u64Pts: %lld, u32DataSize: %d, u8FrameType: %d", static_cast<long long>(u64Pts),
-                   static_cast<int>(u32DataSize), u8FrameType);
+    SR_HELPER_LOGD("drop u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
+                   static_cast<long long>(u64Pts), static_cast<int>(u32DataSize), u8FrameType);
 }
 
 /** Drops a buffered frame, the oldest in a ring whose indices are in step. */
@@ -59,8 +65,8 @@ void DropBuffered(CapEnc_EsFrame& stFrame)
 }
 
 /**
- * Drops frames up to the next key frame; without one, waits for the encoder to deliver it. So it does with
- * one that was buffered before a loss: the next frame does not continue it.
+ * Drops frames up to the next key frame; without one, waits for the encoder to deliver it. So it
+ * does with one that was buffered before a loss: the next frame does not continue it.
  */
 void _dropToNextKeyFrame_lock()
 {
@@ -75,11 +81,14 @@ void _dropToNextKeyFrame_lock()
     }
 }
 
-/** The capture time of the picture that a frame was made from; a key frame names none and gets the last
- * one's. */
+/**
+ * The capture time of the picture that a frame was made from; a key frame names none and gets the
+ * last one's.
+ */
 u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame)
 {
-    if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY && stFrame.u32InBufIndex < CAPENC_INPUT_COUNT)
+    if (stFrame.u8FrameType != E_ZU_VENC_FRAME_TYPE_KEY &&
+        stFrame.u32InBufIndex < CAPENC_INPUT_COUNT)
         return _au64InputPts[stFrame.u32InBufIndex];
     const u64 u64LastPts = _u64LastPts;
     SR_HELPER_LOGD("pts from %lld to last %lld", static_cast<long long>(stFrame.u64Pts),
@@ -139,8 +148,9 @@ bool PassesKeyFrameWait(const ZU_VENC_FrameInfo_t& stFrame)
 
 void Store(const ZU_VENC_FrameInfo_t& stFrame)
 {
-    SR_HELPER_LOGD("u64Pts: %lld, u32DataSize: %d, u8FrameType: %d", static_cast<long long>(stFrame.u64Pts),
-                   static_cast<int>(stFrame.u32DataSize), stFrame.u8FrameType);
+    SR_HELPER_LOGD("u64Pts: %lld, u32DataSize: %d, u8FrameType: %d",
+                   static_cast<long long>(stFrame.u64Pts), static_cast<int>(stFrame.u32DataSize),
+                   stFrame.u8FrameType);
     CapEnc_EsFrame& stEntry = _astEsFrameRing[_u8EsWriteIdx];
     memcpy(stEntry.pu8Data, stFrame.pu8Data, stFrame.u32DataSize);
     stEntry.u32DataSize = stFrame.u32DataSize;
@@ -154,8 +164,8 @@ void Store(const ZU_VENC_FrameInfo_t& stFrame)
 void StoreOrDrop(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u32DataSize > CAPENC_MAX_FRAME_SIZE) {
-        // The frames behind it cannot be decoded without it, so the stream resumes at a key frame as after
-        // any loss.
+        // The frames behind it cannot be decoded without it, so the stream resumes at a key frame
+        // as after any loss.
         LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         _bWaitKeyFrame = 1;
         _bTailLost = true;
@@ -222,7 +232,8 @@ void _SCREENRECORD_FreeRing()
     }
 }
 
-u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void*)
+u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,
+                                     void*)
 {
     const LogAs as(__func__);
     if (pstFrame == nullptr)

@@ -1,4 +1,6 @@
-/** The ring of encoded frames between the encoder and the caller of the capture-encode interface. */
+/**
+ * The ring of encoded frames between the encoder and the caller of the capture-encode interface.
+ */
 #ifndef SCREENRECORD_CAPTURE_ENCODE_FRAME_RING_H
 #define SCREENRECORD_CAPTURE_ENCODE_FRAME_RING_H
 
@@ -7,31 +9,41 @@
 #include "base/cross_thread.h"
 
 enum {
-    CAPENC_MAX_FRAME_SIZE = 2 * 1024 * 1024, /**< bytes of one ring buffer */
-    CAPENC_INPUT_COUNT = 16,                 /**< input-buffer indices of the encoder */
+    /** bytes of one ring buffer */
+    CAPENC_MAX_FRAME_SIZE = 2 * 1024 * 1024,
+    /** input-buffer indices of the encoder */
+    CAPENC_INPUT_COUNT = 16,
 };
 
 /** 1 = captured pictures are dropped. */
 extern CrossThread<u8> _bPaused;
-/** 1 = the ring accepts only a key frame; the captured-frame handler asks the encoder for one.
+/**
+ * 1 = the ring accepts only a key frame; the captured-frame handler asks the encoder for one.
  */
 extern CrossThread<u8> _bWaitKeyFrame;
-/** Capture times, microseconds: by input-buffer index, and of the last picture. Written by the captured-frame
- * handler. */
+/**
+ * Capture times, microseconds: by input-buffer index, and of the last picture. Written by the
+ * captured-frame handler.
+ */
 extern CrossThread<u64> _au64InputPts[CAPENC_INPUT_COUNT];
 extern CrossThread<u64> _u64LastPts;
 
-/** Rewinds the ring and waits for a key frame. The allocation that follows drops the buffered frames.
+/**
+ * Rewinds the ring and waits for a key frame. The allocation that follows drops the buffered
+ * frames.
  */
 void _SCREENRECORD_ResetRing();
-/** Allocates the buffers that are not there yet. False when one cannot be had; those allocated guard. */
+/**
+ * Allocates the buffers that are not there yet. False when one cannot be had; those allocated
+ * guard.
+ */
 bool _SCREENRECORD_AllocateRing();
 void _SCREENRECORD_FreeRing();
 
 /**
  * Encoder callback of the capture-encode interface: stores each encoded frame in the ring.
- * @return ZU_OK (stored or dropped by rule), ZU_INVALID_ARGUMENT for inconsistent data, ZU_FAILURE for an
- * unknown encoder, a ring without buffers, or a lock that was not obtained
+ * @return ZU_OK (stored or dropped by rule), ZU_INVALID_ARGUMENT for inconsistent data, ZU_FAILURE
+ * for an unknown encoder, a ring without buffers, or a lock that was not obtained
  */
 u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,
                                      void* pUserData);

@@ -25,11 +25,15 @@ KeptWorker_u _uWorker;
 KeptWorker_u _uBusyWorker;
 /** The reference that keeps the worker; control calls only. */
 sp<SrGlWorker>& _spSrGlWorker = _uWorker.sp;
-/** A worker that a callback had not left when it was to be released; goes with a later release, and before
- * the next worker comes: a second one put aside would free this one under its callback. */
+/**
+ * A worker that a callback had not left when it was to be released; goes with a later release, and
+ * before the next worker comes: a second one put aside would free this one under its callback.
+ */
 sp<SrGlWorker>& _spBusyWorker = _uBusyWorker.sp;
-/** The same worker for the captured-frame handler: set once the worker is complete, cleared before its
- * release. */
+/**
+ * The same worker for the captured-frame handler: set once the worker is complete, cleared before
+ * its release.
+ */
 CrossThread<SrGlWorker*> _pPublishedWorker;
 
 /** This interface's error lines carry no line number, and some no function name. */
@@ -48,11 +52,13 @@ qrl_native_buffer_t DescribePicture(const ZU_CAP_FrameInfo_t& stFrame, s32 s32Fd
     qrl_native_buffer_t stBuffer = {};
     stBuffer.version = 0x201;
     stBuffer.flags = 2;
-    stBuffer.format = 0x23; // HAL_PIXEL_FORMAT_YCbCr_420_888
+    // HAL_PIXEL_FORMAT_YCbCr_420_888
+    stBuffer.format = 0x23;
     stBuffer.width = stSrcInfo.u32Width;
     stBuffer.height = stSrcInfo.u32Height;
     stBuffer.pitch = stSrcInfo.u32Width;
-    stBuffer.addr = reinterpret_cast<void*>(static_cast<uintptr_t>(_stEntireInjectBuf.u32VirtAddr.Get()));
+    stBuffer.addr =
+        reinterpret_cast<void*>(static_cast<uintptr_t>(_stEntireInjectBuf.u32VirtAddr.Get()));
     stBuffer.phys = _stInjectBufInfo.u64StartPhyAddr;
     stBuffer.fd[0] = s32Fd;
     stBuffer.fd[1] = s32Fd;
@@ -74,11 +80,13 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
     }
     if (!_spSrGlWorker) {
         if (_bUseEntireInjectBuf == 0) {
-            WATERMARK_LOGE("%s watermark flow is supported in external memory case only now", __func__);
+            WATERMARK_LOGE("%s watermark flow is supported in external memory case only now",
+                           __func__);
             return -1;
         }
         if (_spBusyWorker)
-            _SCREENRECORD_ReleaseWatermark(); // its callback may have left since
+            // its callback may have left since
+            _SCREENRECORD_ReleaseWatermark();
         if (_spBusyWorker) {
             WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
             return -1;
@@ -92,7 +100,8 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
         }
         _pPublishedWorker = _spSrGlWorker.get();
     }
-    // The worker may ask the client's memory for its address, and the client may stop the pipeline there.
+    // The worker may ask the client's memory for its address, and the client may stop the pipeline
+    // there.
     const sp<SrGlWorker> spWorker = _spSrGlWorker;
     if (spWorker->setWatermark(spCopy) != 0) {
         WATERMARK_LOGE("setWatermark failed");
@@ -103,7 +112,8 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
 
 bool _SCREENRECORD_PrepareWatermark()
 {
-    const sp<SrGlWorker> spWorker = _spSrGlWorker; // for a stop from inside it, as above
+    // for a stop from inside it, as above
+    const sp<SrGlWorker> spWorker = _spSrGlWorker;
     if (!spWorker || spWorker->prepare() == 0)
         return true;
     WATERMARK_LOGE("prepare failed");
@@ -126,7 +136,8 @@ void _SCREENRECORD_ReleaseWatermark()
     }
     for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker}) {
         const sp<SrGlWorker> spWorker = *pspWorker;
-        pspWorker->clear(); // ahead of the reset: a stop from inside it has nothing more to release
+        // ahead of the reset: a stop from inside it has nothing more to release
+        pspWorker->clear();
         if (spWorker)
             spWorker->reset();
     }
@@ -141,11 +152,10 @@ void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame)
         return;
     const qrl_native_buffer_t stBuffer = DescribePicture(stFrame, s32Fd);
     SR_HELPER_LOGD(
-        "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, "
-        "phys:0x%llx, fd[0]:%d, fd[1]:%d, offset[0]:0x%x, offset[1]:0x%x",
-        stBuffer.version, stBuffer.flags, stBuffer.format, stBuffer.width, stBuffer.height, stBuffer.pitch,
-        stBuffer.addr, static_cast<unsigned long long>(stBuffer.phys), stBuffer.fd[0], stBuffer.fd[1],
-        stBuffer.offset[0], stBuffer.offset[1]);
+        "SrGlWorker::render, version:%u, flags:0x%x, format:0x%x, width:%u, height:%u, pitch:%u, addr:%p, phys:0x%llx, fd[0]:%d, fd[1]:%d, offset[0]:0x%x, offset[1]:0x%x",
+        stBuffer.version, stBuffer.flags, stBuffer.format, stBuffer.width, stBuffer.height,
+        stBuffer.pitch, stBuffer.addr, static_cast<unsigned long long>(stBuffer.phys),
+        stBuffer.fd[0], stBuffer.fd[1], stBuffer.offset[0], stBuffer.offset[1]);
     const sp<SrGlWorker::VideoBuffer> spBuffer = SrGlWorker::VideoBuffer::newBuffer(stBuffer);
     if (!spBuffer)
         SR_HELPER_LOGE("VideoBuffer::newBuffer failed");

@@ -12,11 +12,17 @@ namespace {
 
 ZU_CAP_CallbackParams_t _stCapCallbackParams;
 u8 _bCapCallbackRegistered;
-u32 _u32RegisteredCap;   /**< the capture of the registration */
-u32 _u32ConnectedCap;    /**< the capture that connected the display */
-u8 _bConnectionOrphaned; /**< 1 = no record holds that capture any more */
+/** the capture of the registration */
+u32 _u32RegisteredCap;
+/** the capture that connected the display */
+u32 _u32ConnectedCap;
+/** 1 = no record holds that capture any more */
+u8 _bConnectionOrphaned;
 
-/** Handed back to the handler, which prints it; not const, since the middleware's user pointer is not. */
+/**
+ * Handed back to the handler, which prints it; not const, since the middleware's user pointer is
+ * not.
+ */
 char _acUserData[] = "Callback user parameter!";
 
 void ClearRegistration()
@@ -89,8 +95,8 @@ u32 _SCREENRECORD_RegisterCallback(s32 s32Handle)
                             .pUserData = _acUserData,
                             .u32Reserved = 0};
     u64 u64CallbackId = 0;
-    if (ZU_CAP_RegisterCallback(static_cast<u32>(s32Handle), &_stCapCallbackParams, &u64CallbackId) !=
-        ZU_OK) {
+    if (ZU_CAP_RegisterCallback(static_cast<u32>(s32Handle), &_stCapCallbackParams,
+                                &u64CallbackId) != ZU_OK) {
         SR_LOGE("ZU_CAP_RegisterCallback fail! \n");
         return 0;
     }

@@ -8,7 +8,9 @@ namespace {
 
 enum { MULTIPLEXER_BUSY_MS = 200 };
 
-/** Sets the origin of the relative times at the first frame that has one. False while there is none. */
+/**
+ * Sets the origin of the relative times at the first frame that has one. False while there is none.
+ */
 bool EstablishOrigin(SCREENRECORD_TaskCtrl_s* pstVenc, const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (pstVenc->bFirstPtsSet != 0)
@@ -26,13 +28,14 @@ u64 RelativePts(const SCREENRECORD_TaskCtrl_s* pstVenc, const ZU_VENC_FrameInfo_
         return SCREENRECORD_NO_PTS;
     u64 u64Relative = 0;
     // Modulo 2^64 on purpose: a frame from before the origin keeps its distance from the others.
-    static_cast<void>(__builtin_sub_overflow(stFrame.u64Pts, pstVenc->u64FirstPts.Get(), &u64Relative));
+    static_cast<void>(
+        __builtin_sub_overflow(stFrame.u64Pts, pstVenc->u64FirstPts.Get(), &u64Relative));
     return u64Relative;
 }
 
 /**
- * Pushes, and tries again while the multiplexer is busy. It gives up when the encoder is being stopped, and
- * when its handle has gone: then a close waits for this callback.
+ * Pushes, and tries again while the multiplexer is busy. It gives up when the encoder is being
+ * stopped, and when its handle has gone: then a close waits for this callback.
  */
 u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
          const ZU_TSMUX_MediaData_t& stData)
@@ -81,7 +84,8 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
     const MiddlewareLock lock(
-        pstVenc->s32MutexId); // without it the frame still goes on: there is one encoder thread
+        // without it the frame still goes on: there is one encoder thread
+        pstVenc->s32MutexId);
 
     if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))
         return *answer;

@@ -15,7 +15,8 @@ SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
 
 bool _SCREENRECORD_QueryInjectBuffer(u32 u32Venc, u32 u32Width, u32 u32Height)
 {
-    _bUseEntireInjectBuf = 0; // an earlier session's buffer went with its encoder
+    // an earlier session's buffer went with its encoder
+    _bUseEntireInjectBuf = 0;
     ZU_VENC_EntireInjectBuf_t stBuffer = {};
     const u32 u32Result = ZU_VENC_QueryEntireInjectBuffer(u32Venc, &stBuffer);
     _stEntireInjectBuf.u32VirtAddr = stBuffer.u32VirtAddr;
@@ -47,17 +48,20 @@ bool _SCREENRECORD_DescribeInjectBuffer()
     const unsigned long long ullPhyAddr = _stInjectBufInfo.u64PhyAddr;
     _stInjectBufInfo.u64StartPhyAddr = stInfo.u64StartPhyAddr;
     _stInjectBufFd.u64PhyAddr = ullPhyAddr;
-    SR_HELPER_LOGD("%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx", LogAs::Name(), ullPhyAddr,
-                   static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
+    SR_HELPER_LOGD("%s get buffer info OK, physic: 0x%llx, startPhyAddr: 0x%llx", LogAs::Name(),
+                   ullPhyAddr, static_cast<unsigned long long>(stInfo.u64StartPhyAddr));
 
-    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
+    ZU_OS_IommuBufFd_t stFd = {
+        .u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
     const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
-    _stInjectBufFd.s32Fd = stFd.s32Fd; // also of a call that failed: the encoder's close gives it back
+    // also of a call that failed: the encoder's close gives it back
+    _stInjectBufFd.s32Fd = stFd.s32Fd;
     if (u32Result != ZU_OK) {
         INJECT_LOGE("E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed");
         return false;
     }
-    SR_HELPER_LOGD("%s get buffer fd OK, fd:%d, physic: 0x%llx", LogAs::Name(), stFd.s32Fd, ullPhyAddr);
+    SR_HELPER_LOGD("%s get buffer fd OK, fd:%d, physic: 0x%llx", LogAs::Name(), stFd.s32Fd,
+                   ullPhyAddr);
     return true;
 }
 
@@ -67,7 +71,8 @@ void _SCREENRECORD_PutInjectDescriptor()
     if (s32Fd < 0)
         return;
     _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC)->callbackGate.Drain();
-    ZU_OS_IommuBufFd_t stFd = {.u64PhyAddr = _stInjectBufFd.u64PhyAddr, .s32Fd = s32Fd, .u32Reserved = 0};
+    ZU_OS_IommuBufFd_t stFd = {
+        .u64PhyAddr = _stInjectBufFd.u64PhyAddr, .s32Fd = s32Fd, .u32Reserved = 0};
     if (ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &stFd) != ZU_OK)
         SR_HELPER_LOGD("%s put buffer fd failed, fd:%d, physic: 0x%llx", LogAs::Name(), s32Fd,
                        static_cast<unsigned long long>(stFd.u64PhyAddr));

@@ -67,7 +67,8 @@ void _SCREENRECORD_DeInitModule(u32 u32Module)
     _u32ModuleInitMask &= ~BitOf(u32Module);
     _u32ModuleDeinitMask &= ~BitOf(u32Module);
     if (!bOurs)
-        return; // another user of the process initialised it, or it has no initialisation
+        // another user of the process initialised it, or it has no initialisation
+        return;
     const SCREENRECORD_ModuleOperations_s& stModule = _astModuleOperations[u32Module];
     if (stModule.pfnDeInit != nullptr && stModule.pfnDeInit() != ZU_OK)
         SR_LOGE("%s\n", stModule.pDeInitFailure);

@@ -5,15 +5,18 @@
 #include "table/recording_table.h"
 
 /**
- * The operations of a module. NULL: nothing to do; only the initialisation is never NULL. They log under the
- * name of the function that calls them: the initialisation, the start, the stop.
+ * The operations of a module. NULL: nothing to do; only the initialisation is never NULL. They log
+ * under the name of the function that calls them: the initialisation, the start, the stop.
  */
 struct SCREENRECORD_ModuleOperations_s {
-    /** Initialises the module in the process. ZU_OK, ZU_ALREADY_INITIALISED: another user of the process did
-     * it, or there is nothing to undo; another result is a failure, which it logs. */
+    /**
+     * Initialises the module in the process. ZU_OK, ZU_ALREADY_INITIALISED: another user of the
+     * process did it, or there is nothing to undo; another result is a failure, which it logs.
+     */
     u32 (*pfnInit)() = nullptr;
     u32 (*pfnDeInit)() = nullptr;
-    const char* pDeInitFailure = nullptr; /**< text for the log */
+    /** text for the log */
+    const char* pDeInitFailure = nullptr;
     /** Starts an opened module; `u32SlotId` goes to its worker. A failure is logged. */
     u32 (*pfnStart)(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId) = nullptr;
     /** Stops a module; failures are logged only. Its worker is deleted afterwards. */
@@ -35,13 +38,15 @@ void _SCREENRECORD_GetModuleCaps(void);
 void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
 
 /**
- * Starts an opened module; nothing to do for one that is not open or runs already. `u32SlotId` goes to its
- * worker.
+ * Starts an opened module; nothing to do for one that is not open or runs already. `u32SlotId` goes
+ * to its worker.
  * @return ZU_OK, ZU_INVALID_ARGUMENT, or the failing call's result (the module is stopped again)
  */
 u32 _SCREENRECORD_StartModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
-/** Stops a module, whether it runs or not. Failures of the middleware are logged only. ZU_OK,
- * ZU_INVALID_ARGUMENT. */
+/**
+ * Stops a module, whether it runs or not. Failures of the middleware are logged only. ZU_OK,
+ * ZU_INVALID_ARGUMENT.
+ */
 u32 _SCREENRECORD_StopModule(SCREENRECORD_TaskCtrl_s* pstTask);
 /** The stop that a module's close begins with; a failure is logged under the close's name. */
 void _SCREENRECORD_StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask);

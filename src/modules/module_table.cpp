@@ -23,7 +23,9 @@ u32 InitElsewhere()
 
 } // namespace
 
-/** A source reader is its worker, which the stop of every module deletes; the audio encoder has no operation.
+/**
+ * A source reader is its worker, which the stop of every module deletes; the audio encoder has no
+ * operation.
  */
 const SCREENRECORD_ModuleOperations_s _astModuleOperations[E_SCREENRECORD_MODULE_MAX] = {
     /* VIDEO_SRC_READER */ {.pfnInit = InitNothing, .pfnStart = _SCREENRECORD_StartVideoReader},

@@ -21,7 +21,8 @@ struct OutputBuffer {
 /** Reports a full output buffer; only the writer's regular copying relieves it. */
 u32 _SCREENRECORD_TsmuxCallback(s32, u32 u32Event, void*, void* pUserData)
 {
-    const u64 u64CallbackId = pUserData != nullptr ? static_cast<CrossThread<u64>*>(pUserData)->Get() : 0;
+    const u64 u64CallbackId =
+        pUserData != nullptr ? static_cast<CrossThread<u64>*>(pUserData)->Get() : 0;
     if (u32Event == E_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL)
         printf("\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x%llx\n\033[0m",
                static_cast<unsigned long long>(u64CallbackId));
@@ -44,7 +45,8 @@ bool MapOutputBuffer(SCREENRECORD_TaskCtrl_s* pstTask, OutputBuffer* pstBuffer)
                        static_cast<unsigned long long>(stLayout.phyMemAddr),
                        static_cast<unsigned long long>(stLayout.phyMiuBaseAddr));
         if (ZU_OS_Pa2CachedVa(u64PhyAddr, &pstBuffer->u64VirtAddr) != ZU_OK) {
-            SR_HELPER_LOGE("Error: failed to ZU_OS_PA2CachedVA(0x%x)\n", static_cast<u32>(u64PhyAddr));
+            SR_HELPER_LOGE("Error: failed to ZU_OS_PA2CachedVA(0x%x)\n",
+                           static_cast<u32>(u64PhyAddr));
             return false;
         }
         pstTask->bOutBufCached = 1;
@@ -102,8 +104,9 @@ bool ControlPtsContinuity(const SCREENRECORD_TaskCtrl_s* pstTask)
         ZU_TSMUX_SetAttr(pstTask->u32Handle, E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL, &stValue);
     if (u32Result == ZU_OK)
         return true;
-    SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)\n",
-                   u32Result);
+    SR_HELPER_LOGE(
+        "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)\n",
+        u32Result);
     return false;
 }
 
@@ -122,7 +125,8 @@ bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_Tas
 {
     const LogAs as(__func__);
     SR_LOGD("%s(u32TsPacketSize = %d, u32CbrBitrateMb = %ld M bps)\n", __func__,
-            static_cast<int>(stSrcInfo.u32TsPacketSize), static_cast<long>(stSrcInfo.u32CbrBitrateMb));
+            static_cast<int>(stSrcInfo.u32TsPacketSize),
+            static_cast<long>(stSrcInfo.u32CbrBitrateMb));
     OutputBuffer stBuffer = {};
     if (!MapOutputBuffer(pstTask, &stBuffer) || !OpenDevice(stSrcInfo, pstTask, stBuffer))
         return false;
@@ -136,7 +140,10 @@ bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_Tas
     return true;
 }
 
-/** The writer exists before the multiplexer runs, so that its output is drained from the first packet on. */
+/**
+ * The writer exists before the multiplexer runs, so that its output is drained from the first
+ * packet on.
+ */
 u32 _SCREENRECORD_StartTsmux(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
 {
     u32 u32Result = _SCREENRECORD_CreateTask(pstTask, u32SlotId, SCREENRECORD_WRITER_STACK_SIZE,
@@ -161,16 +168,16 @@ void _SCREENRECORD_StopTsmux(SCREENRECORD_TaskCtrl_s* pstTask)
                                                  .u32Reserved = 0};
     u32 u32Result = ZU_TSMUX_UnRegisterCallback(pstTask->u32Handle, &stRemoval);
     if (u32Result != ZU_OK)
-        SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x%llx)\n",
-                       u32Result, static_cast<unsigned long long>(stRemoval.u64CallbackId));
+        SR_HELPER_LOGE(
+            "Error 0x%x: failed to ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x%llx)\n",
+            u32Result, static_cast<unsigned long long>(stRemoval.u64CallbackId));
 
     const u8 bForceStop = 1;
-    u32Result = ZU_TSMUX_SetAttr(pstTask->u32Handle, E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP,
-                                 &bForceStop);
+    u32Result = ZU_TSMUX_SetAttr(
+        pstTask->u32Handle, E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, &bForceStop);
     if (u32Result != ZU_OK)
         SR_HELPER_LOGE(
-            "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, "
-            "bForceStop = %d)\n",
+            "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, bForceStop = %d)\n",
             u32Result, bForceStop);
     if (ZU_TSMUX_Stop(pstTask->u32Handle) != ZU_OK)
         SR_HELPER_LOGE("Failed to ZU_TSMUX_Stop() with force stop = %d\n", bForceStop);

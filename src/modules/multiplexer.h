@@ -4,10 +4,14 @@
 
 #include "table/recording_table.h"
 
-/** Opens the slot's multiplexer with the packet size and rate of `stSrcInfo`, where it notes the success. A
- * failure is logged. */
+/**
+ * Opens the slot's multiplexer with the packet size and rate of `stSrcInfo`, where it notes the
+ * success. A failure is logged.
+ */
 bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s* pstTask);
-/** Stops the multiplexer first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for NULL.
+/**
+ * Stops the multiplexer first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT
+ * for NULL.
  */
 u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask);
 

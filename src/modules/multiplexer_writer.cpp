@@ -14,9 +14,11 @@
 namespace {
 
 enum {
-    BATCH_SIZE = 0x20000, /**< bytes of the batch buffer */
+    /** bytes of the batch buffer */
+    BATCH_SIZE = 0x20000,
     COPY_SIZE =
-        0x10000, /**< most that one copy brings; a batch beyond it is written, so a copy always fits */
+        /** most that one copy brings; a batch beyond it is written, so a copy always fits */
+    0x10000,
     WRITER_PASS_MS = 100,
 };
 
@@ -29,13 +31,16 @@ public:
             StartTimer();
     }
 
-    /** Copies and writes until the deletion asks for the end, a copy fails, or the time limit closes the
-     * slot. */
+    /**
+     * Copies and writes until the deletion asks for the end, a copy fails, or the time limit closes
+     * the slot.
+     */
     void Run()
     {
         while (!m_run.GivenUp() && CopyStream() && !m_run.GivenUp()) {
-            // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so this copy or
-            // the next one brings the last bytes of the file; output beyond one copy is lost then.
+            // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so
+            // this copy or the next one brings the last bytes of the file; output beyond one copy
+            // is lost then.
             const bool bLast = m_run.ExitRequested();
             if (m_u32Filled > COPY_SIZE || bLast)
                 WriteBatch();
@@ -51,8 +56,8 @@ private:
     bool CopyStream()
     {
         u32 u32Copied = 0;
-        const u32 u32Result = ZU_TSMUX_CopyOutputStream(m_run.Task()->u32Handle, m_pu8Batch + m_u32Filled,
-                                                        COPY_SIZE, &u32Copied);
+        const u32 u32Result = ZU_TSMUX_CopyOutputStream(
+            m_run.Task()->u32Handle, m_pu8Batch + m_u32Filled, COPY_SIZE, &u32Copied);
         if (u32Result != ZU_OK) {
             SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n", u32Result);
             return false;
@@ -62,8 +67,10 @@ private:
         return true;
     }
 
-    /** The result is not looked at: a full disk costs the rest of the file, not the recording of the other
-     * slot. */
+    /**
+     * The result is not looked at: a full disk costs the rest of the file, not the recording of the
+     * other slot.
+     */
     void WriteBatch()
     {
         ZU_FS_Fwrite(m_pu8Batch, m_u32Filled, 1, m_run.Task()->u32OutFile);
@@ -78,16 +85,17 @@ private:
         if (u32Limit == 0)
             return false;
         if (!m_bTimerRuns)
-            StartTimer(); // the limit was set, through the other slot, after this writer had begun
+            // the limit was set, through the other slot, after this writer had begun
+            StartTimer();
         u32 u32ElapsedMs = 0;
         return m_bTimerRuns && ZU_OS_TimerDiffTimeFromNow(m_u32StartMs, &u32ElapsedMs) == ZU_OK &&
                u32ElapsedMs / 1000 > u32Limit;
     }
 
     /**
-     * Stops and closes the slot by the library's own calls. Afterwards the record is another run's and this
-     * one only ends, as it does where the record was another's before. False, and nothing done, while a
-     * client is in a control call.
+     * Stops and closes the slot by the library's own calls. Afterwards the record is another run's
+     * and this one only ends, as it does where the record was another's before. False, and nothing
+     * done, while a client is in a control call.
      */
     bool TryCloseOwnSlot()
     {

@@ -7,7 +7,9 @@
 
 namespace {
 
-/** Rounds up to a multiple of `u32Alignment`, a power of two; 0 = the encoder did not say, so none is needed.
+/**
+ * Rounds up to a multiple of `u32Alignment`, a power of two; 0 = the encoder did not say, so none
+ * is needed.
  */
 u64 AlignAddressUp(u32 u32Address, u32 u32Alignment)
 {
@@ -15,8 +17,8 @@ u64 AlignAddressUp(u32 u32Address, u32 u32Alignment)
     return ((u32Address - 1ull) | u64Mask) + 1;
 }
 
-void FillCaptureOutput(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask, u32 u32OutWidth,
-                       u32 u32OutHeight)
+void FillCaptureOutput(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask,
+                       u32 u32OutWidth, u32 u32OutHeight)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
     pstTask->u32CapturePath = 0;
@@ -59,11 +61,13 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     FillCaptureOutput(pstSlot, pstTask, u32OutWidth, u32OutHeight);
     const ZU_CAP_Output_t& stOutput = pstTask->stCapOutput;
     SR_LOGD("_SCREENRECORD_OpenVcap:DIP capture path:[%d], osd:[%d]\n", 0, stSrcInfo.bOsd);
-    SR_LOGD("_SCREENRECORD_OpenVcap:DIP output w:[%u], h:[%u], frameRate:[%u], format:[%d], size:[%u]\n",
-            stOutput.u32OutWidth, stOutput.u32OutHeight, stOutput.u32OutFrameRate,
-            static_cast<int>(stOutput.eOutFormat), stOutput.u32OutSize);
+    SR_LOGD(
+        "_SCREENRECORD_OpenVcap:DIP output w:[%u], h:[%u], frameRate:[%u], format:[%d], size:[%u]\n",
+        stOutput.u32OutWidth, stOutput.u32OutHeight, stOutput.u32OutFrameRate,
+        static_cast<int>(stOutput.eOutFormat), stOutput.u32OutSize);
     SR_LOGD("_SCREENRECORD_OpenVcap:mem align[%u], DIP output PA = 0x%llx, VA = 0x%llx\n",
-            _stModuleCaps.stVencCaps.u32MemAlign, static_cast<unsigned long long>(stOutput.u64PhyAddr),
+            _stModuleCaps.stVencCaps.u32MemAlign,
+            static_cast<unsigned long long>(stOutput.u64PhyAddr),
             static_cast<unsigned long long>(stOutput.u64VirtAddr));
 
     u32Result = _SCREENRECORD_ConnectDisp(static_cast<s32>(u32Handle));

@@ -6,15 +6,21 @@
 #include "table/recording_table.h"
 
 /**
- * Opens the capture at the slot's size, connects it to the display and registers the captured-frame handler.
- * @return ZU_OK, ZU_INVALID_ARGUMENT for a NULL task or a picture whose size does not fit, otherwise the
- * failing call's code
+ * Opens the capture at the slot's size, connects it to the display and registers the captured-frame
+ * handler.
+ * @return ZU_OK, ZU_INVALID_ARGUMENT for a NULL task or a picture whose size does not fit,
+ * otherwise the failing call's code
  */
 u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
-/** Opens the capture for single pictures, without the handler, and connects it to the display. False on a
- * failure. */
+/**
+ * Opens the capture for single pictures, without the handler, and connects it to the display. False
+ * on a failure.
+ */
 bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask);
-/** Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for NULL. */
+/**
+ * Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for
+ * NULL.
+ */
 u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /* Operations of the module's table (modules/module.h). */

@@ -26,11 +26,13 @@ bool RegisterAcapCallback(u32 u32Handle)
                                                .u32EventMask = 1,
                                                .pUserData = nullptr,
                                                .u32Reserved = 0};
-    u64 u64CallbackId = 0; // the removal names none
+    // the removal names none
+    u64 u64CallbackId = 0;
     const u32 u32Result = ZU_ACAP_RegisterCallback(u32Handle, &stParams, &u64CallbackId);
     if (u32Result == ZU_OK)
         return true;
-    SR_HELPER_LOGE_LINE("%s[%d] Error:%d Fail to register callback !.\n", static_cast<int>(u32Result));
+    SR_HELPER_LOGE_LINE("%s[%d] Error:%d Fail to register callback !.\n",
+                        static_cast<int>(u32Result));
     return false;
 }
 

@@ -4,9 +4,14 @@
 
 #include "table/recording_table.h"
 
-/** Opens the sound capture; `bRegisterCallback` 1 = with the event callback. ZU_OK or ZU_FAILURE. */
+/**
+ * Opens the sound capture; `bRegisterCallback` 1 = with the event callback. ZU_OK or ZU_FAILURE.
+ */
 u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallback);
-/** Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for NULL. */
+/**
+ * Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for
+ * NULL.
+ */
 u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /* Operations of the module's table (modules/module.h). */

@@ -16,19 +16,25 @@ enum {
 
 enum class Feeding { DONE, ENCODER_BUSY, END_OF_FILE };
 
-/** Fills one encoder input buffer from the source file; a close of the encoder waits until it is done. */
+/**
+ * Fills one encoder input buffer from the source file; a close of the encoder waits until it is
+ * done.
+ */
 Feeding FillInputBuffer(WorkerRun& run)
 {
-    SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(run.SlotId(), E_SCREENRECORD_MODULE_VENC);
+    SCREENRECORD_TaskCtrl_s* pstVenc =
+        _SCREENRECORD_TaskOf(run.SlotId(), E_SCREENRECORD_MODULE_VENC);
     const GatePass pass(pstVenc->callbackGate);
     const u32 u32Venc = pstVenc->u32Handle;
     ZU_VENC_InputBuffer_t stBuffer = {};
-    if (u32Venc == 0 || ZU_VENC_QueryBuffer(u32Venc, &stBuffer) != ZU_OK || stBuffer.pu8Data == nullptr ||
-        stBuffer.u32DataSize == 0)
+    if (u32Venc == 0 || ZU_VENC_QueryBuffer(u32Venc, &stBuffer) != ZU_OK ||
+        stBuffer.pu8Data == nullptr || stBuffer.u32DataSize == 0)
         return Feeding::ENCODER_BUSY;
-    const s32 s32Read = ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
+    const s32 s32Read =
+        ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
     if (run.GivenUp())
-        return Feeding::DONE; // the buffer went back with its encoder, and the next one is not this run's
+        // the buffer went back with its encoder, and the next one is not this run's
+        return Feeding::DONE;
     if (s32Read <= 0) {
         SR_HELPER_LOGD("Read end of file!\n");
         return Feeding::END_OF_FILE;
@@ -56,7 +62,8 @@ bool FeedEncoder(WorkerRun& run)
 }
 
 /** `pKind`: "VIDEO" or "AUDIO", for the log. */
-u32 StartReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, ZU_OS_TaskEntry pfnEntry, const char* pKind)
+u32 StartReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, ZU_OS_TaskEntry pfnEntry,
+                const char* pKind)
 {
     const u32 u32Result = _SCREENRECORD_CreateTask(pstTask, u32SlotId, READER_STACK_SIZE, pfnEntry);
     if (u32Result != ZU_OK)

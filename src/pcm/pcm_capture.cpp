@@ -13,7 +13,8 @@ enum {
     SAMPLE_RATE = 48000,
     CHANNELS = 2,
     SAMPLE_FORMAT_S16 = 1,
-    HIGHEST_LEVEL = 49152, /**< bytes; a fuller device buffer is about to lose sound */
+    /** bytes; a fuller device buffer is about to lose sound */
+    HIGHEST_LEVEL = 49152,
 };
 
 SCREENRECORD_TaskCtrl_s* AudioTask()
@@ -114,7 +115,8 @@ s32 audio_cap_getPCM(u8* buffer, u64 bufSize, u64* pSize)
     if (u32Level > HIGHEST_LEVEL)
         SR_LOGE("Error: %s: Out of buffer level %d!!", __func__, static_cast<int>(u32Level));
 
-    const ZU_ACAP_ReadRequest_t stRequest = {.pBuffer = buffer, .u32Size = static_cast<u32>(bufSize)};
+    const ZU_ACAP_ReadRequest_t stRequest = {.pBuffer = buffer,
+                                             .u32Size = static_cast<u32>(bufSize)};
     ZU_ACAP_ReadResult_t stResult = {};
     u32Result = ZU_ACAP_Read(u32Handle, &stRequest, &stResult);
     if (u32Result == ZU_OK) // a count beyond the request is not believed: the caller goes by it

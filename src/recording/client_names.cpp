@@ -72,7 +72,8 @@ u32 _SCREENRECORD_GetVencSrcType(const u8* pu8Name, SCREENRECORD_SrcInfo_s* pstS
         SR_LOGE("Venc unsupport!\n");
         return strcmp(pName, "mpeg4") == 0 ? ZU_OK : ZU_INVALID_ARGUMENT;
     }
-    if (strcmp(pName, "h264") == 0 && (_stModuleCaps.stVencCaps.u32CodecSupport & CODEC_SUPPORT_H264) != 0) {
+    if (strcmp(pName, "h264") == 0 &&
+        (_stModuleCaps.stVencCaps.u32CodecSupport & CODEC_SUPPORT_H264) != 0) {
         pstSrcInfo->eVencType = E_ZU_VENC_CODEC_H264;
         return ZU_OK;
     }

@@ -11,12 +11,16 @@ enum {
     INTERLEAVING_MS = 1000,
     VIDEO_PID = 0x0101,
     AUDIO_PID = 0x0102,
-    VIDEO_STREAM_ID = 0xE0, /**< first video stream, ISO/IEC 13818-1 table 2-22 */
-    AUDIO_STREAM_ID = 0xC0, /**< first audio stream, the same table */
+    /** first video stream, ISO/IEC 13818-1 table 2-22 */
+    VIDEO_STREAM_ID = 0xE0,
+    /** first audio stream, the same table */
+    AUDIO_STREAM_ID = 0xC0,
 };
 
-/** Attaches a media source and notes its id in the record whose frames go there. Returns the middleware's
- * result. */
+/**
+ * Attaches a media source and notes its id in the record whose frames go there. Returns the
+ * middleware's result.
+ */
 u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
                  SCREENRECORD_TaskCtrl_s& stTask)
 {
@@ -25,7 +29,8 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
                                                    .u16Pid = u16Pid,
                                                    .u8StreamId = u8StreamId,
                                                    .u8Reserved1 = 0};
-    return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams, stTask.u64MuxSrcId.OutputArgument());
+    return ZU_TSMUX_AttachMediaSource(u32TsmuxHandle, &stParams,
+                                      stTask.u64MuxSrcId.OutputArgument());
 }
 
 /** Attaches the configured sources, video first; with both, switches interleaving on. */
@@ -34,8 +39,9 @@ bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot)
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;
     const u32 u32Tsmux = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_TSMUX].u32Handle;
     if (stSrcInfo.bVideoSrcAssigned == 1) {
-        const u32 eType = stSrcInfo.eVencType == E_ZU_VENC_CODEC_H264 ? E_ZU_TSMUX_STREAM_VIDEO_H264
-                                                                      : E_ZU_TSMUX_STREAM_VIDEO_OTHER;
+        const u32 eType = stSrcInfo.eVencType == E_ZU_VENC_CODEC_H264
+                              ? E_ZU_TSMUX_STREAM_VIDEO_H264
+                              : E_ZU_TSMUX_STREAM_VIDEO_OTHER;
         const u32 u32Result = AttachSource(u32Tsmux, eType, VIDEO_PID, VIDEO_STREAM_ID,
                                            stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_VENC]);
         if (u32Result != ZU_OK) {
@@ -53,12 +59,12 @@ bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot)
     if (stSrcInfo.bVideoSrcAssigned != 1 || stSrcInfo.bAudioSrcAssigned != 1)
         return true;
     const ZU_TSMUX_AvInterleaving_t stOn = {.bEnable = 1, .u32LeavingTimeMs = INTERLEAVING_MS};
-    const u32 u32Result = ZU_TSMUX_SetAttr(u32Tsmux, E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOn);
+    const u32 u32Result =
+        ZU_TSMUX_SetAttr(u32Tsmux, E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOn);
     if (u32Result == ZU_OK)
         return true;
     SR_HELPER_LOGE(
-        "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = "
-        "%ld ms)\n",
+        "Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = %ld ms)\n",
         u32Result, static_cast<long>(INTERLEAVING_MS));
     return false;
 }

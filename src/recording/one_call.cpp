@@ -11,8 +11,8 @@ u8 _au8ScreenSource[] = "cap";
 
 } // namespace
 
-s32 startScreenRecord(u32 u32Width, u32 u32Height, u32 u32FrameRate, u32 u32CbrBitrateMb, u32 u32TsPacketSize,
-                      u32 u32RecordTime, u8 u8VencType, u8* pu8FileName)
+s32 startScreenRecord(u32 u32Width, u32 u32Height, u32 u32FrameRate, u32 u32CbrBitrateMb,
+                      u32 u32TsPacketSize, u32 u32RecordTime, u8 u8VencType, u8* pu8FileName)
 {
     const ControlLock lock(_controlMutex);
     _u32RecordTime = u32RecordTime;

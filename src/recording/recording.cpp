@@ -55,7 +55,8 @@ void CloseEncoderOf(SCREENRECORD_SlotCtrl_s& stSlot)
     const SCREENRECORD_TaskCtrl_s& stTsmux = stSlot.astTaskCtrl[E_SCREENRECORD_MODULE_TSMUX];
     if (stVenc.u32Handle != 0) {
         const ZU_TSMUX_AvInterleaving_t stOff = {};
-        LogIfFailed(ZU_TSMUX_SetAttr(stTsmux.u32Handle, E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOff),
+        LogIfFailed(ZU_TSMUX_SetAttr(stTsmux.u32Handle,
+                                     E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, &stOff),
                     "Failed to ZU_TSMUX_SetAttr()");
         LogIfFailed(_SCREENRECORD_CloseVenc(&stVenc), "Failed to _SCREENRECORD_CloseVenc()");
     }
@@ -75,9 +76,11 @@ void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot)
         LogIfFailed(_SCREENRECORD_CloseSrcReader(&pastTask[E_SCREENRECORD_MODULE_AUDIO_SRC_READER]),
                     "Failed to AUDIO CloseSrcReader()");
     if (pastTask[E_SCREENRECORD_MODULE_VCAP].u32Handle != 0)
-        LogIfFailed(_SCREENRECORD_CloseVcap(&pastTask[E_SCREENRECORD_MODULE_VCAP]), "Failed to CloseVcap()");
+        LogIfFailed(_SCREENRECORD_CloseVcap(&pastTask[E_SCREENRECORD_MODULE_VCAP]),
+                    "Failed to CloseVcap()");
     if (pastTask[E_SCREENRECORD_MODULE_ACAP].u32Handle != 0)
-        LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]), "Failed to CloseAcap()");
+        LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]),
+                    "Failed to CloseAcap()");
     CloseEncoderOf(stSlot);
     // The writer ends here, behind all that feeds the multiplexer, and writes the rest.
     if (pastTask[E_SCREENRECORD_MODULE_TSMUX].u32Handle != 0)
@@ -145,7 +148,8 @@ u32 SCREENRECORD_Start(u32* pu32Handle)
         return 0;
     }
     for (const ModuleStep& stStep : astStartOrder) {
-        const u32 u32Result = _SCREENRECORD_StartModule(&stSlot.astTaskCtrl[stStep.eModule], *pu32Handle);
+        const u32 u32Result =
+            _SCREENRECORD_StartModule(&stSlot.astTaskCtrl[stStep.eModule], *pu32Handle);
         if (u32Result == ZU_OK)
             continue;
         SR_LOGE("Error 0x%x: failed to Start %s\n", u32Result, stStep.pName);

@@ -20,7 +20,10 @@ u32 PointedValueOr(const u32* pu32Value, u32 u32Default)
     return pu32Value != nullptr ? _SCREENRECORD_ValueOr(*pu32Value, u32Default) : u32Default;
 }
 
-/** Keeps a file source's name, drops the screen's, and checks the codec name. False when that is rejected. */
+/**
+ * Keeps a file source's name, drops the screen's, and checks the codec name. False when that is
+ * rejected.
+ */
 bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
 {
     const SCREENRECORD_SrcKind_e eKind = _SCREENRECORD_SrcKindOf(stSrcInfo.pu8VideoSrcName);
@@ -39,7 +42,8 @@ bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
 bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
     if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr) {
-        SCREENRECORD_TaskCtrl_s* pstReader = &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VIDEO_SRC_READER];
+        SCREENRECORD_TaskCtrl_s* pstReader =
+            &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VIDEO_SRC_READER];
         if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
             return true;
         SR_HELPER_LOGE("[DEMO TRANSCODE] Open Src File Reader Failed!\n");
@@ -51,7 +55,10 @@ bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
     return false;
 }
 
-/** Keeps a file source's name, drops the capture's, and checks the codec name; a rejection is logged. */
+/**
+ * Keeps a file source's name, drops the capture's, and checks the codec name; a rejection is
+ * logged.
+ */
 bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
 {
     const SCREENRECORD_SrcKind_e eKind = _SCREENRECORD_SrcKindOf(stSrcInfo.pu8AudioSrcName);
@@ -81,7 +88,8 @@ bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
 bool OpenAudioSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
     if (pstSlot->stSrcInfo.pu8AudioSrcName != nullptr) {
-        SCREENRECORD_TaskCtrl_s* pstReader = &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_AUDIO_SRC_READER];
+        SCREENRECORD_TaskCtrl_s* pstReader =
+            &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_AUDIO_SRC_READER];
         if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
             return true;
         SR_HELPER_LOGE("[DEMO TRANSCODE] Open AUDIO Src File Reader Failed!\n");
@@ -95,8 +103,8 @@ bool OpenAudioSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 
 } // namespace
 
-u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32* pu32Width, u32* pu32Height,
-                          u32* pu32FrameRate)
+u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32* pu32Width,
+                          u32* pu32Height, u32* pu32FrameRate)
 {
     const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
@@ -114,7 +122,8 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
     stSrcInfo.u32Width = PointedValueOr(pu32Width, SCREENRECORD_DEFAULT_WIDTH);
     stSrcInfo.u32Height = PointedValueOr(pu32Height, SCREENRECORD_DEFAULT_HEIGHT);
     stSrcInfo.u32FrameRate = PointedValueOr(pu32FrameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
-    if (_SCREENRECORD_OpenVenc(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC]) != ZU_OK) {
+    if (_SCREENRECORD_OpenVenc(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC]) !=
+        ZU_OK) {
         SR_LOGE("[DEMO TRANSCODE] Open Venc Failed!\n");
         SCREENRECORD_Close(pu32Handle);
         return 0;

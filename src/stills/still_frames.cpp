@@ -54,8 +54,10 @@ void FreeBlock(u64 u64PhyAddr, u64 u64Size)
     ZU_OS_FreeIommuMemory(&stFree);
 }
 
-/** Allocates the block of frame buffers and gets its descriptor. 1 on success, 0 with address 0 and
- * descriptor -1. */
+/**
+ * Allocates the block of frame buffers and gets its descriptor. 1 on success, 0 with address 0 and
+ * descriptor -1.
+ */
 u32 _video_cap_allocBuffer(u64 u64Size, u64* pu64PhyAddr, s32* ps32Fd)
 {
     *pu64PhyAddr = 0;
@@ -85,7 +87,9 @@ u32 _video_cap_allocBuffer(u64 u64Size, u64* pu64PhyAddr, s32* ps32Fd)
     return 1;
 }
 
-/** Allocates the buffers of an opened capture. Without them the device stays open, and captures are refused.
+/**
+ * Allocates the buffers of an opened capture. Without them the device stays open, and captures are
+ * refused.
  */
 void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count)
 {
@@ -94,7 +98,8 @@ void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count
     u64 u64PhyAddr = 0;
     s32 s32Fd = SCREENRECORD_NO_ID;
     // A size that 64 bits cannot hold is a block of 4 GiB or more all the same.
-    if (__builtin_mul_overflow(static_cast<u64>(stSlot.stSrcInfo.u32Height), u64Pitch, &u64FrameSize) ||
+    if (__builtin_mul_overflow(static_cast<u64>(stSlot.stSrcInfo.u32Height), u64Pitch,
+                               &u64FrameSize) ||
         __builtin_add_overflow((u64FrameSize - 1) | 0xFFF, 1, &u64FrameSize) ||
         __builtin_mul_overflow(u64FrameSize, static_cast<u64>(u32Count), &u64Total))
         u64Total = UINT64_MAX;
@@ -111,7 +116,10 @@ void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count
     stSlot.s32CapBufFd = s32Fd;
 }
 
-/** Describes buffer `u32Index`: one plane, or luma and behind it chroma with the rest that 4:2:0 has. */
+/**
+ * Describes buffer `u32Index`: one plane, or luma and behind it chroma with the rest that 4:2:0
+ * has.
+ */
 void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_Buffer* pstBuffer)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;
@@ -132,11 +140,13 @@ void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_
     pstBuffer->size[0] = u64LumaSize;
     pstBuffer->fd[1] = stSlot.s32CapBufFd;
     pstBuffer->offset[1] = static_cast<u32>(pstBuffer->offset[0] + u64LumaSize);
-    // A line's share of chroma is rounded down with the pitch, so that the plane ends within its buffer.
+    // A line's share of chroma is rounded down with the pitch, so that the plane ends within its
+    // buffer.
     pstBuffer->size[1] = (u64Pitch - stSrcInfo.u32Width) * stSrcInfo.u32Height;
 }
 
-ZU_CAP_CaptureParams_t StillParams(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, u32 u32CapFormat)
+ZU_CAP_CaptureParams_t StillParams(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index,
+                                   u32 u32CapFormat)
 {
     ZU_CAP_CaptureParams_t stParams = {};
     stParams.u32Osd = stSlot.stSrcInfo.bOsd;
@@ -223,11 +233,13 @@ s32 video_cap_captureScreen(s32 index)
         return -1;
     }
     const u32 u32Handle = _SCREENRECORD_CaptureTask()->u32Handle;
-    if (stSlot.u64CapBufPhyAddr == 0 || u32Handle == 0) { // the count may be left from an earlier open
+    if (stSlot.u64CapBufPhyAddr == 0 ||
+        u32Handle == 0) { // the count may be left from an earlier open
         SR_LOGE("No capture buffer, index: %u", static_cast<u32>(index));
         return -1;
     }
-    const ZU_CAP_CaptureParams_t stParams = StillParams(stSlot, static_cast<u32>(index), u32CapFormat);
+    const ZU_CAP_CaptureParams_t stParams =
+        StillParams(stSlot, static_cast<u32>(index), u32CapFormat);
     ZU_CAP_FrameInfo_t stFrame = {};
     const nsecs_t s64Begin = systemTime(SYSTEM_TIME_MONOTONIC);
     if (ZU_CAP_CaptureOne(u32Handle, &stParams, &stFrame) != ZU_OK) {

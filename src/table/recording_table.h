@@ -16,93 +16,139 @@
 
 enum {
     SCREENRECORD_SLOT_COUNT = 2,
-    SCREENRECORD_ENCODER_BUSY_MS = 100, /**< the wait for an encoder that has no input buffer free */
+    /** the wait for an encoder that has no input buffer free */
+    SCREENRECORD_ENCODER_BUSY_MS = 100,
 };
 
 /** A module of a slot: index of its record, and its bit in the two module masks. */
 enum SCREENRECORD_ZuModule_e : u32 {
-    E_SCREENRECORD_MODULE_VIDEO_SRC_READER = 0, /**< feeds a file's bytes into the video encoder */
+    /** feeds a file's bytes into the video encoder */
+    E_SCREENRECORD_MODULE_VIDEO_SRC_READER = 0,
     E_SCREENRECORD_MODULE_AUDIO_SRC_READER = 1,
-    E_SCREENRECORD_MODULE_VCAP = 2,  /**< screen capture */
-    E_SCREENRECORD_MODULE_ACAP = 3,  /**< audio capture */
-    E_SCREENRECORD_MODULE_VENC = 4,  /**< video encoder */
-    E_SCREENRECORD_MODULE_AENC = 5,  /**< audio encoder; has no middleware operation of its own */
-    E_SCREENRECORD_MODULE_TSMUX = 6, /**< transport-stream multiplexer and the output file */
+    /** screen capture */
+    E_SCREENRECORD_MODULE_VCAP = 2,
+    /** audio capture */
+    E_SCREENRECORD_MODULE_ACAP = 3,
+    /** video encoder */
+    E_SCREENRECORD_MODULE_VENC = 4,
+    /** audio encoder; has no middleware operation of its own */
+    E_SCREENRECORD_MODULE_AENC = 5,
+    /** transport-stream multiplexer and the output file */
+    E_SCREENRECORD_MODULE_TSMUX = 6,
     E_SCREENRECORD_MODULE_MAX = 7
 };
 
 /** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID mean none. */
 struct SCREENRECORD_TaskFields_s {
-    CrossThread<u8> bRunning;   /**< 1 from a successful module start until the module is stopped */
-    u32 eModule = 0;            /**< SCREENRECORD_ZuModule_e, the record's own index */
-    CrossThread<u32> u32Handle; /**< middleware handle; a source reader's file handle without its top bit */
+    /** 1 from a successful module start until the module is stopped */
+    CrossThread<u8> bRunning;
+    /** SCREENRECORD_ZuModule_e, the record's own index */
+    u32 eModule = 0;
+    /** middleware handle; a source reader's file handle without its top bit */
+    CrossThread<u32> u32Handle;
 
     /* source readers */
-    CrossThread<u32> u32SrcFile; /**< source file */
+    /** source file */
+    CrossThread<u32> u32SrcFile;
 
     /* VCAP */
-    ZU_CAP_Output_t stCapOutput = {}; /**< parameter of the capture start */
+    /** parameter of the capture start */
+    ZU_CAP_Output_t stCapOutput = {};
     u32 u32CapturePath = 0;
-    u32 u32Osd = 0; /**< 1 = with the on-screen-display layer */
+    /** 1 = with the on-screen-display layer */
+    u32 u32Osd = 0;
 
     /* VENC, and AENC for u64MuxSrcId */
-    CrossThread<u8> bFirstPtsSet;    /**< u64FirstPts is valid */
-    CrossThread<u64> u64FirstPts;    /**< time stamp of the first encoded frame that had one, microseconds */
-    CrossThread<s64> u64StartTimeUs; /**< pictures captured earlier are not encoded; monotonic microseconds */
-    CrossThread<u32> u32InBufIndex;  /**< 0..15, of the last picture handed to the encoder */
-    CrossThread<u32> u32LastInBufIndex; /**< of the last encoded frame that carried one */
-    CrossThread<u64> u64MuxSrcId;       /**< media source at the multiplexer */
+    /** u64FirstPts is valid */
+    CrossThread<u8> bFirstPtsSet;
+    /** time stamp of the first encoded frame that had one, microseconds */
+    CrossThread<u64> u64FirstPts;
+    /** pictures captured earlier are not encoded; monotonic microseconds */
+    CrossThread<s64> u64StartTimeUs;
+    /** 0..15, of the last picture handed to the encoder */
+    CrossThread<u32> u32InBufIndex;
+    /** of the last encoded frame that carried one */
+    CrossThread<u32> u32LastInBufIndex;
+    /** media source at the multiplexer */
+    CrossThread<u64> u64MuxSrcId;
 
     /* TSMUX */
-    u64 u64OutBufVa = 0;   /**< output buffer */
-    u32 u32OutBufSize = 0; /**< bytes */
+    /** output buffer */
+    u64 u64OutBufVa = 0;
+    /** bytes */
+    u32 u32OutBufSize = 0;
     CrossThread<u64>
-        u64CallbackId; /**< of the callback's registration, whose user data is this field's address */
-    CrossThread<u32> u32OutFile; /**< output file */
-    u8 bOutBufCached = 0;        /**< 1 = the output buffer is mapped cached */
+        /** of the callback's registration, whose user data is this field's address */
+        u64CallbackId;
+    /** output file */
+    CrossThread<u32> u32OutFile;
+    /** 1 = the output buffer is mapped cached */
+    u8 bOutBufCached = 0;
 
     /* worker task */
     CrossThread<s32> s32TaskId = SCREENRECORD_NO_ID;
-    void* pTaskStack = nullptr; /**< owned; freed when the task is deleted */
-    CrossThread<u8> bTaskExit;  /**< 1 while the task is being deleted */
+    /** owned; freed when the task is deleted */
+    void* pTaskStack = nullptr;
+    /** 1 while the task is being deleted */
+    CrossThread<u8> bTaskExit;
     CrossThread<s32> s32MutexId = SCREENRECORD_NO_ID;
-    s32 s32QueueId = SCREENRECORD_NO_ID; /**< no module has a message queue */
-    u32* pu32TaskArg = nullptr;          /**< the argument block of a task that has not run yet */
+    /** no module has a message queue */
+    s32 s32QueueId = SCREENRECORD_NO_ID;
+    /** the argument block of a task that has not run yet */
+    u32* pu32TaskArg = nullptr;
 };
 
 /** A writer that closed its own slot, until it is joined. */
 struct SCREENRECORD_RetiredWriter_s {
-    s32 s32TaskId = SCREENRECORD_NO_ID; /**< SCREENRECORD_NO_ID = none */
+    /** SCREENRECORD_NO_ID = none */
+    s32 s32TaskId = SCREENRECORD_NO_ID;
     s32 s32MutexId = SCREENRECORD_NO_ID;
     void* pTaskStack = nullptr;
 };
 
-/** One module of one slot. The fields of its own outlive resets, as a late callback and a late worker do. */
+/**
+ * One module of one slot. The fields of its own outlive resets, as a late callback and a late
+ * worker do.
+ */
 struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
     CallbackGate callbackGate;
     WorkerState workerState;
-    SCREENRECORD_RetiredWriter_s stRetiredWriter; /**< TSMUX; control calls only */
+    /** TSMUX; control calls only */
+    SCREENRECORD_RetiredWriter_s stRetiredWriter;
 };
 
 /** Sources and destination of a recording. The three names are owned. */
 struct SCREENRECORD_SrcInfo_s {
     u8 bVideoSrcAssigned = 0;
     u8 bAudioSrcAssigned = 0;
-    char* pu8VideoSrcName = nullptr; /**< NULL = the screen */
-    u32 eVencType = 0;               /**< 1 = H.264 */
-    CrossThread<u32> u32Width;       /**< pixels */
-    CrossThread<u32> u32Height;      /**< lines */
-    u32 u32FrameRate = 0;            /**< frames per second */
-    u8 bOsd = 0;                     /**< 1 = with the on-screen-display layer */
-    u32 u32OutputBitrate = 0;        /**< of the capture-encode interface, bit/s */
-    CrossThread<u32> u32FrameSize;   /**< bytes of one captured picture */
-    u32 eCapOutputFmt = 0;           /**< still frames: Cap_OutputFmt_e */
-    char* pu8AudioSrcName = nullptr; /**< NULL = audio capture */
-    u32 eAencType = 0;               /**< 0 = AAC, 1 = MP3 */
+    /** NULL = the screen */
+    char* pu8VideoSrcName = nullptr;
+    /** 1 = H.264 */
+    u32 eVencType = 0;
+    /** pixels */
+    CrossThread<u32> u32Width;
+    /** lines */
+    CrossThread<u32> u32Height;
+    /** frames per second */
+    u32 u32FrameRate = 0;
+    /** 1 = with the on-screen-display layer */
+    u8 bOsd = 0;
+    /** of the capture-encode interface, bit/s */
+    u32 u32OutputBitrate = 0;
+    /** bytes of one captured picture */
+    CrossThread<u32> u32FrameSize;
+    /** still frames: Cap_OutputFmt_e */
+    u32 eCapOutputFmt = 0;
+    /** NULL = audio capture */
+    char* pu8AudioSrcName = nullptr;
+    /** 0 = AAC, 1 = MP3 */
+    u32 eAencType = 0;
     u8 u8AudioBitWidth = 0;
     u8 bTsmuxOpened = 0;
-    u32 u32TsPacketSize = 0; /**< 188 or 192; 0 = not chosen */
-    u32 u32CbrBitrateMb = 0; /**< constant rate in units of 1048576 bit/s, 0 = none */
+    /** 188 or 192; 0 = not chosen */
+    u32 u32TsPacketSize = 0;
+    /** constant rate in units of 1048576 bit/s, 0 = none */
+    u32 u32CbrBitrateMb = 0;
     char* pu8DstName = nullptr;
 };
 
@@ -112,12 +158,18 @@ struct SCREENRECORD_SlotCtrl_s {
     SCREENRECORD_SrcInfo_s stSrcInfo;
 
     /* still frames, slot 0 only */
-    u64 u64CapBufTotalSize = 0;           /**< bytes of the whole block */
-    u64 u64CapFrameSize = 0;              /**< bytes of one buffer, a multiple of 4096 */
-    u32 u32MaxFrameNum = 0;               /**< buffers in the block */
-    u64 u64CapBufPhyAddr = 0;             /**< physical address of the block, 0 = none */
-    u32 u32CapPitch = 0;                  /**< bytes per line */
-    s32 s32CapBufFd = SCREENRECORD_NO_ID; /**< descriptor of the block; 0 is a valid one */
+    /** bytes of the whole block */
+    u64 u64CapBufTotalSize = 0;
+    /** bytes of one buffer, a multiple of 4096 */
+    u64 u64CapFrameSize = 0;
+    /** buffers in the block */
+    u32 u32MaxFrameNum = 0;
+    /** physical address of the block, 0 = none */
+    u64 u64CapBufPhyAddr = 0;
+    /** bytes per line */
+    u32 u32CapPitch = 0;
+    /** descriptor of the block; 0 is a valid one */
+    s32 s32CapBufFd = SCREENRECORD_NO_ID;
 };
 
 /** Capabilities of the modules, queried into one block. */
@@ -132,10 +184,14 @@ static_assert(sizeof(SCREENRECORD_ModuleCaps_s) == 68);
 extern SCREENRECORD_SlotCtrl_s _astSlotCtrl[SCREENRECORD_SLOT_COUNT];
 extern SCREENRECORD_ModuleCaps_s _stModuleCaps;
 extern u8 _bModuleInited;
-extern u32 _u32ModuleInitMask;          /**< bit m: module m counts as initialised */
-extern u32 _u32ModuleDeinitMask;        /**< bit m: this library initialised module m and de-initialises it */
-extern u8 _bSysInited;                  /**< once set, for the life of the process */
-extern CrossThread<u32> _u32RecordTime; /**< record-time limit in seconds, 0 = none */
+/** bit m: module m counts as initialised */
+extern u32 _u32ModuleInitMask;
+/** bit m: this library initialised module m and de-initialises it */
+extern u32 _u32ModuleDeinitMask;
+/** once set, for the life of the process */
+extern u8 _bSysInited;
+/** record-time limit in seconds, 0 = none */
+extern CrossThread<u32> _u32RecordTime;
 
 inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_TaskOf(u32 u32SlotId, SCREENRECORD_ZuModule_e eModule)
 {
@@ -154,12 +210,15 @@ void _SCREENRECORD_ClearTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuMo
 /** Frees the names and clears the record. */
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
 
-/** Withdraws the handle from a record and waits for the callbacks that found it there; returns the handle. */
+/**
+ * Withdraws the handle from a record and waits for the callbacks that found it there; returns the
+ * handle.
+ */
 u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /**
- * Keeps the record that holds a callback's handle: while the guard lives, closing that module waits. Empty
- * when no slot holds the handle, and then the callback leaves.
+ * Keeps the record that holds a callback's handle: while the guard lives, closing that module
+ * waits. Empty when no slot holds the handle, and then the callback leaves.
  */
 class CallbackGuard {
 public:

@@ -8,17 +8,23 @@
 
 enum SCREENRECORD_WorkerState_e : u32 {
     E_SCREENRECORD_WORKER_NONE,
-    E_SCREENRECORD_WORKER_CREATED,   /**< not run yet: its argument block is still the creator's to free */
-    E_SCREENRECORD_WORKER_CANCELLED, /**< is being deleted before it ran, and does nothing should it run now
-                                      */
-    E_SCREENRECORD_WORKER_ENTERED,   /**< runs, and is about to obtain its mutex */
-    E_SCREENRECORD_WORKER_RUNNING,   /**< has its mutex, if it obtained it */
-    E_SCREENRECORD_WORKER_ENDED,     /**< has left its loop by itself; not deleted yet */
-    E_SCREENRECORD_WORKER_CLOSING,   /**< a writer past its time limit, which stops and closes its own slot */
+    /** not run yet: its argument block is still the creator's to free */
+    E_SCREENRECORD_WORKER_CREATED,
+    /** is being deleted before it ran, and does nothing should it run now */
+    E_SCREENRECORD_WORKER_CANCELLED,
+    /** runs, and is about to obtain its mutex */
+    E_SCREENRECORD_WORKER_ENTERED,
+    /** has its mutex, if it obtained it */
+    E_SCREENRECORD_WORKER_RUNNING,
+    /** has left its loop by itself; not deleted yet */
+    E_SCREENRECORD_WORKER_ENDED,
+    /** a writer past its time limit, which stops and closes its own slot */
+    E_SCREENRECORD_WORKER_CLOSING,
     /* of a worker whose record has gone on to the next one */
-    E_SCREENRECORD_WORKER_RETIRED,  /**< its own close deleted it: it ends, and a later control call joins it
-                                     */
-    E_SCREENRECORD_WORKER_GIVEN_UP, /**< its deletion waited in vain: it touches nothing more of the record */
+    /** its own close deleted it: it ends, and a later control call joins it */
+    E_SCREENRECORD_WORKER_RETIRED,
+    /** its deletion waited in vain: it touches nothing more of the record */
+    E_SCREENRECORD_WORKER_GIVEN_UP,
 };
 
 struct SCREENRECORD_WorkerChange_s {
@@ -26,7 +32,9 @@ struct SCREENRECORD_WorkerChange_s {
     SCREENRECORD_WorkerState_e eTo;
 };
 
-/** All changes of a worker's state. A deletion ends any state: the record has NONE and its next worker then.
+/**
+ * All changes of a worker's state. A deletion ends any state: the record has NONE and its next
+ * worker then.
  */
 inline constexpr SCREENRECORD_WorkerChange_s _astWorkerChanges[] = {
     /* creation */
@@ -47,7 +55,8 @@ inline constexpr SCREENRECORD_WorkerChange_s _astWorkerChanges[] = {
     {E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RETIRED},
 };
 
-constexpr bool _SCREENRECORD_IsWorkerChange(SCREENRECORD_WorkerState_e eFrom, SCREENRECORD_WorkerState_e eTo)
+constexpr bool _SCREENRECORD_IsWorkerChange(SCREENRECORD_WorkerState_e eFrom,
+                                            SCREENRECORD_WorkerState_e eTo)
 {
     for (const SCREENRECORD_WorkerChange_s& stChange : _astWorkerChanges)
         if (stChange.eFrom == eFrom && stChange.eTo == eTo)
@@ -56,8 +65,9 @@ constexpr bool _SCREENRECORD_IsWorkerChange(SCREENRECORD_WorkerState_e eFrom, SC
 }
 
 /**
- * The state of a record's current worker, and its number: the deletions that the record has seen. Both change
- * in one step, so a worker that was given up never meets the next one's state as its own.
+ * The state of a record's current worker, and its number: the deletions that the record has seen.
+ * Both change in one step, so a worker that was given up never meets the next one's state as its
+ * own.
  */
 class WorkerState {
 public:
@@ -67,9 +77,12 @@ public:
     }
     u32 Number() const { return m_u32Word >> STATE_BITS; }
 
-    /** Changes the state of worker `u32Number`. False, and nothing changed, if the record's worker or its
-     * state is another. A change that the table does not have does not compile. */
-    template <SCREENRECORD_WorkerState_e FROM, SCREENRECORD_WorkerState_e TO> bool Change(u32 u32Number)
+    /**
+     * Changes the state of worker `u32Number`. False, and nothing changed, if the record's worker
+     * or its state is another. A change that the table does not have does not compile.
+     */
+    template <SCREENRECORD_WorkerState_e FROM, SCREENRECORD_WorkerState_e TO>
+    bool Change(u32 u32Number)
     {
         static_assert(_SCREENRECORD_IsWorkerChange(FROM, TO));
         if (!m_u32Word.Replace(Word(u32Number, FROM), Word(u32Number, TO)))

@@ -14,26 +14,31 @@ void FreeTaskArg(SCREENRECORD_TaskCtrl_s* pstTask)
 }
 
 /**
- * Decides the race between a deletion and the first steps of its task. A task that has not run yet is
- * cancelled, so that it leaves at once should it still run; one that runs gets the moment that it needs to
- * obtain its mutex, since otherwise its deletion could obtain the mutex first and both would wait for the
- * other.
+ * Decides the race between a deletion and the first steps of its task. A task that has not run yet
+ * is cancelled, so that it leaves at once should it still run; one that runs gets the moment that
+ * it needs to obtain its mutex, since otherwise its deletion could obtain the mutex first and both
+ * would wait for the other.
  * @return true when the task was cancelled
  */
 bool CancelUnlessEntered(WorkerState& state)
 {
-    if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_CANCELLED>(state.Number()))
+    if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_CANCELLED>(
+            state.Number()))
         return true;
     state.AwaitMutex();
     return false;
 }
 
-/** Joins a task through its mutex and frees its stack. `pGate`: of a module whose callbacks use the mutex. */
-void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId, CrossThread<s32>* ps32PublishedMutexId,
-              CallbackGate* pGate)
+/**
+ * Joins a task through its mutex and frees its stack. `pGate`: of a module whose callbacks use the
+ * mutex.
+ */
+void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId,
+              CrossThread<s32>* ps32PublishedMutexId, CallbackGate* pGate)
 {
     const bool bHasMutex = s32MutexId != SCREENRECORD_NO_ID;
-    const bool bObtained = bHasMutex && ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK;
+    const bool bObtained =
+        bHasMutex && ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK;
     if (s32TaskId >= 1)
         ZU_OS_DeleteTask(s32TaskId);
     free(pTaskStack);
@@ -58,7 +63,9 @@ void RetireWriter(SCREENRECORD_TaskCtrl_s* pstTask)
     pstTask->pTaskStack = nullptr;
 }
 
-/** Creates the mutex of a record. The callbacks that entered before it existed have left when this returns.
+/**
+ * Creates the mutex of a record. The callbacks that entered before it existed have left when this
+ * returns.
  */
 bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
 {
@@ -71,9 +78,12 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
     return true;
 }
 
-/** Creates the task of a record whose stack is allocated. The deletion removes the remains of a failure:
- * the argument block stays until no task can have it. */
-bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize, ZU_OS_TaskEntry pfnEntry)
+/**
+ * Creates the task of a record whose stack is allocated. The deletion removes the remains of a
+ * failure: the argument block stays until no task can have it.
+ */
+bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize,
+               ZU_OS_TaskEntry pfnEntry)
 {
     char acName[20];
     snprintf(acName, sizeof(acName), "Tscode:%d", static_cast<int>(pstTask->eModule));
@@ -82,7 +92,8 @@ bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize
         return false;
     *pu32Arg = u32SlotId;
     pstTask->pu32TaskArg = pu32Arg;
-    WorkerState& state = pstTask->workerState; // changed before the task exists: it may run at once
+    // changed before the task exists: it may run at once
+    WorkerState& state = pstTask->workerState;
     const u32 u32Number = state.Number();
     if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_CREATED>(u32Number))
         state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_CREATED>(u32Number);
@@ -146,7 +157,8 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
         JoinTask(pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID), pTaskStack, pstTask->s32MutexId,
                  &pstTask->s32MutexId, &pstTask->callbackGate);
         if (bCancelled)
-            FreeTaskArg(pstTask); // the task that would have freed it has never run
+            // the task that would have freed it has never run
+            FreeTaskArg(pstTask);
     }
     pstTask->workerState.Delete();
     pstTask->bTaskExit = 0;
@@ -155,7 +167,8 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
 
 void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
 {
-    SCREENRECORD_TaskCtrl_s* pstTsmux = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
+    SCREENRECORD_TaskCtrl_s* pstTsmux =
+        _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
     const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
     pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
     // Its mutex left the record when it retired, and no callback uses a writer's.
@@ -169,13 +182,15 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     WorkerState& state = m_pstTask->workerState;
     const u32 u32Number = state.Number();
     if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
-        m_pstTask->pu32TaskArg = nullptr; // the block is this run's from here on
+        // the block is this run's from here on
+        m_pstTask->pu32TaskArg = nullptr;
     else if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED>(u32Number) &&
              !state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
         return;
     m_u32Number = u32Number;
     free(pArg);
-    const s32 s32MutexId = m_pstTask->s32MutexId; // a deletion waits until the state has left ENTERED
+    // a deletion waits until the state has left ENTERED
+    const s32 s32MutexId = m_pstTask->s32MutexId;
     if (s32MutexId != SCREENRECORD_NO_ID &&
         ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK)
         m_s32HeldMutexId = s32MutexId;
@@ -183,13 +198,17 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     state.Change<E_SCREENRECORD_WORKER_ENTERED, E_SCREENRECORD_WORKER_RUNNING>(m_u32Number);
 }
 
-/** CLOSING and RUNNING are left for RETIRED and GIVEN_UP when the record goes on to its next worker. */
+/**
+ * CLOSING and RUNNING are left for RETIRED and GIVEN_UP when the record goes on to its next worker.
+ */
 SCREENRECORD_WorkerState_e WorkerRun::State() const
 {
-    static_assert(
-        _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RETIRED) &&
-        _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_GIVEN_UP));
-    if (m_eState == E_SCREENRECORD_WORKER_CANCELLED || m_pstTask->workerState.Number() == m_u32Number)
+    static_assert(_SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_CLOSING,
+                                               E_SCREENRECORD_WORKER_RETIRED) &&
+                  _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_RUNNING,
+                                               E_SCREENRECORD_WORKER_GIVEN_UP));
+    if (m_eState == E_SCREENRECORD_WORKER_CANCELLED ||
+        m_pstTask->workerState.Number() == m_u32Number)
         return m_eState;
     return m_eState == E_SCREENRECORD_WORKER_CLOSING ? E_SCREENRECORD_WORKER_RETIRED
                                                      : E_SCREENRECORD_WORKER_GIVEN_UP;
@@ -199,7 +218,8 @@ void WorkerRun::End()
 {
     SR_HELPER_LOGD("Exit %s() \n", LogAs::Name());
     const bool bRetired = State() == E_SCREENRECORD_WORKER_RETIRED;
-    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED>(m_u32Number);
+    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED>(
+        m_u32Number);
     // A deletion that gave up waiting has removed the mutex and withdrawn its id from the record.
     if (m_s32HeldMutexId != SCREENRECORD_NO_ID &&
         (bRetired || (!GivenUp() && m_pstTask->s32MutexId == m_s32HeldMutexId)))
@@ -208,7 +228,8 @@ void WorkerRun::End()
 
 void WorkerRun::BeginClosingOwnSlot()
 {
-    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING>(m_u32Number);
+    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING>(
+        m_u32Number);
     m_eState = E_SCREENRECORD_WORKER_CLOSING;
 }
 

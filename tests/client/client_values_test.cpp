@@ -1,4 +1,5 @@
-// What the client computes by itself from words, sizes and times; the commands are judged end to end.
+// What the client computes by itself from words, sizes and times; the commands are judged end to
+// end.
 #include <gtest/gtest.h>
 
 #include <sys/ioctl.h>
@@ -26,11 +27,14 @@ TEST(Progress, CountsBeyondFourThousandMillion)
     days.fps = 120;
     days.file_bytes = 5'000'000'000'003;
     days.bits_per_second = 5e9;
-    const std::string json = progress_as_json(days, "recording"), line = progress_as_line(days, 200);
-    for (const char* part : {"\"elapsed\":10000000.000", "\"frames\":5000000001", "\"dropped\":5000000002",
-                             "\"file_bytes\":5000000000003", "\"bits_per_second\":5000000000"})
+    const std::string json = progress_as_json(days, "recording"),
+                      line = progress_as_line(days, 200);
+    for (const char* part :
+         {"\"elapsed\":10000000.000", "\"frames\":5000000001", "\"dropped\":5000000002",
+          "\"file_bytes\":5000000000003", "\"bits_per_second\":5000000000"})
         EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
-    for (const char* part : {"2777:46:40", "5000000001 frames", "5000000002 dropped", "5000000.0 MB"})
+    for (const char* part :
+         {"2777:46:40", "5000000001 frames", "5000000002 dropped", "5000000.0 MB"})
         EXPECT_NE(line.find(part), std::string::npos) << part << " in " << line;
 }
 
@@ -38,8 +42,9 @@ TEST(Progress, CountsBeyondFourThousandMillion)
 TEST(OptionValues, SizesAreWholeOrNothing)
 {
     EXPECT_EQ(parse_size("1280x720"), (Size{1280, 720}));
-    for (const char* wrong : {"", "x", "1280", "1280x", "x720", "1280x720x1", "1280X720", " 1280x720",
-                              "1280x720 ", "-1280x720", "+2x2", "1280x-720", "4294967297x64", "1e3x64"})
+    for (const char* wrong :
+         {"", "x", "1280", "1280x", "x720", "1280x720x1", "1280X720", " 1280x720", "1280x720 ",
+          "-1280x720", "+2x2", "1280x-720", "4294967297x64", "1e3x64"})
         EXPECT_FALSE(parse_size(wrong)) << wrong;
 }
 
@@ -48,8 +53,8 @@ TEST(OptionValues, SizesHaveLimits)
 {
     for (const Size good : {Size{64, 64}, Size{3840, 2160}, Size{1366, 768}})
         EXPECT_EQ(size_problem(good), "");
-    for (const Size bad :
-         {Size{62, 64}, Size{64, 62}, Size{3842, 2160}, Size{3840, 2162}, Size{65, 64}, Size{64, 65}})
+    for (const Size bad : {Size{62, 64}, Size{64, 62}, Size{3842, 2160}, Size{3840, 2162},
+                           Size{65, 64}, Size{64, 65}})
         EXPECT_NE(size_problem(bad), "") << bad.width << "x" << bad.height;
 }
 
@@ -65,7 +70,8 @@ TEST(OptionValues, EveryDisplayHasASizeToRecord)
     }
 }
 
-// Catches suffixes of 1024, lost fractions, overflow of 32 bits, and words that only begin like a number.
+// Catches suffixes of 1024, lost fractions, overflow of 32 bits, and words that only begin like a
+// number.
 TEST(OptionValues, BitRates)
 {
     EXPECT_EQ(parse_bit_rate("800000"), 800000u);
@@ -97,7 +103,8 @@ TEST(OptionValues, Times)
 // Catches a table that is shifted: the library takes one bit a level.
 TEST(OptionValues, Levels)
 {
-    for (const auto& [word, bit] : {std::pair{"1", 0x1u}, {"1b", 0x2u}, {"3.1", 0x200u}, {"4.1", 0x1000u}})
+    for (const auto& [word, bit] :
+         {std::pair{"1", 0x1u}, {"1b", 0x2u}, {"3.1", 0x200u}, {"4.1", 0x1000u}})
         EXPECT_EQ(parse_level(word), bit) << word;
     EXPECT_FALSE(parse_level("4.2"));
 }
@@ -105,7 +112,9 @@ TEST(OptionValues, Levels)
 // Catches numbers taken for a part of the file's name, and the other way round.
 TEST(StreamControl, WatermarkLines)
 {
-    const auto watermark = [](const char* line) { return std::get<WatermarkOptions>(control::parse(line)); };
+    const auto watermark = [](const char* line) {
+        return std::get<WatermarkOptions>(control::parse(line));
+    };
     EXPECT_EQ(watermark("watermark none").image, "");
     EXPECT_EQ(watermark("watermark my logo.png").image, "my logo.png");
     EXPECT_EQ(watermark("watermark none 1,2").image, "none");
@@ -113,19 +122,20 @@ TEST(StreamControl, WatermarkLines)
     EXPECT_EQ(placed.image, "a 7.png");
     EXPECT_EQ(placed.at, (Position{-5, 10}));
     EXPECT_EQ(placed.opacity, 128u);
-    for (const char* wrong : {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k", "bitrate 241M",
-                              "bitrate 1M now", "stop it"})
+    for (const char* wrong : {"watermark", "watermark a.png 1,2 256", "bitrate", "bitrate 5k",
+                              "bitrate 241M", "bitrate 1M now", "stop it"})
         EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(wrong))) << wrong;
 }
 
-// Catches a terminal that somebody's file name drives, or reads backwards, and names that are mangled though
-// they are harmless.
+// Catches a terminal that somebody's file name drives, or reads backwards, and names that are
+// mangled though they are harmless.
 TEST(Messages, HaveNoControlCharactersOfOthers)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"plain ~ \\x41", "plain ~ \\x41"},
         {"\x1b]0;mine\x07\n\t\x7f", "\\x1b]0;mine\\x07\\x0a\\x09\\x7f"},
-        {"Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0", "Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0"},
+        {"Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0",
+         "Gr\u00fc\u00dfe \u65e5\u672c \U0001F600 \u00a0"},
         {"\x9b"
          "2J \xc2\x9b"
          "2J",
@@ -138,7 +148,8 @@ TEST(Messages, HaveNoControlCharactersOfOthers)
         EXPECT_EQ(printable(text), expected);
 }
 
-// Catches a line that is cut in the middle of a number, or that wraps, which leaves old lines standing.
+// Catches a line that is cut in the middle of a number, or that wraps, which leaves old lines
+// standing.
 TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
 {
     Progress progress;
@@ -156,7 +167,8 @@ TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
         EXPECT_LE(line.size(), columns);
         EXPECT_EQ(line == whole, columns >= whole.size());
         const bool size_and_rate = line.find("1234.5 MB  2.50 Mbit/s") != line.npos;
-        EXPECT_TRUE(size_and_rate || columns < 36) << line; // of 40: mark and last column are taken
+        // of 40: mark and last column are taken
+        EXPECT_TRUE(size_and_rate || columns < 36) << line;
     }
     EXPECT_EQ(progress_as_line(progress, 36), "01:02:03  1234.5 MB  2.50 Mbit/s");
 }
@@ -169,7 +181,8 @@ TEST(StreamControl, LinesThatAreTooLongAreRefusedWhole)
     ASSERT_EQ(dup2(ends[0], STDIN_FILENO), STDIN_FILENO);
     std::vector<std::string> lines;
     ControlInput input(true);
-    const std::string parts[] = {std::string(9000, 'x'), std::string(9000, 'x'), "stop\nkeyframe\n"};
+    const std::string parts[] = {std::string(9000, 'x'), std::string(9000, 'x'),
+                                 "stop\nkeyframe\n"};
     for (const std::string& part : parts) {
         ASSERT_EQ(write(ends[1], part.data(), part.size()), static_cast<ssize_t>(part.size()));
         for (int available = 1; ioctl(STDIN_FILENO, FIONREAD, &available) == 0 && available > 0;)
@@ -181,15 +194,18 @@ TEST(StreamControl, LinesThatAreTooLongAreRefusedWhole)
     EXPECT_EQ(lines[1], "keyframe");
 }
 
-// Catches a wrap to a tiny size beyond 4 GiB. That the header is right, readers of recorded files show.
+// Catches a wrap to a tiny size beyond 4 GiB. That the header is right, readers of recorded files
+// show.
 TEST(WavHeader, SaysTheGreatestSizeForMore)
 {
     const auto header = wav_header({}, uint64_t{5} << 30);
     for (const size_t place : {4, 40})
-        EXPECT_EQ(std::string(header.data() + place, header.data() + place + 4), "\xFF\xFF\xFF\xFF") << place;
+        EXPECT_EQ(std::string(header.data() + place, header.data() + place + 4), "\xFF\xFF\xFF\xFF")
+            << place;
 }
 
-// Catches losses that jitter makes up, losses that are missed, and a pause that is taken for a loss.
+// Catches losses that jitter makes up, losses that are missed, and a pause that is taken for a
+// loss.
 TEST(LostFrames, CountsByTimeStamps)
 {
     LostFrames lost(30);

@@ -1,4 +1,7 @@
-/** The random calls, their bytes chosen by libFuzzer: it looks for sequences that reach code no other did. */
+/**
+ * The random calls, their bytes chosen by libFuzzer: it looks for sequences that reach code no
+ * other did.
+ */
 #include <gtest/gtest.h>
 
 #include "unit/random_calls.h"

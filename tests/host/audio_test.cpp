@@ -90,18 +90,20 @@ TEST(AudioCapture, ScalesByTheVolumeAndTakesWholeFrames)
 
 TEST(AudioCapture, IsSilentWithoutASourceAndRefusesWhatItCannotDo)
 {
-    Capture capture("gramophone"); // is silent
+    // is silent
+    Capture capture("gramophone");
     capture.start();
     EXPECT_EQ(peak(capture.gather(4800)), 0);
     u32 value = 0;
     ZU_ACAP_ReadResult_t result{};
     const ZU_ACAP_ReadRequest_t nowhere{nullptr, 4};
     const ZU_ACAP_StartParams_t start{};
-    for (const u32 answer : {ZU_ACAP_SetVolume(capture.handle, 101), ZU_ACAP_Open(nullptr, &value),
-                             ZU_ACAP_GetAttr(capture.handle, 2, 0, &value),
-                             ZU_ACAP_GetAttr(capture.handle, ZU_ACAP_ATTR_BUFFER_LEVEL, 0, nullptr),
-                             ZU_ACAP_Read(capture.handle, &nowhere, &result), ZU_ACAP_Start(0, &start),
-                             ZU_ACAP_Stop(capture.handle + 1), ZU_ACAP_Close(0)})
+    for (const u32 answer :
+         {ZU_ACAP_SetVolume(capture.handle, 101), ZU_ACAP_Open(nullptr, &value),
+          ZU_ACAP_GetAttr(capture.handle, 2, 0, &value),
+          ZU_ACAP_GetAttr(capture.handle, ZU_ACAP_ATTR_BUFFER_LEVEL, 0, nullptr),
+          ZU_ACAP_Read(capture.handle, &nowhere, &result), ZU_ACAP_Start(0, &start),
+          ZU_ACAP_Stop(capture.handle + 1), ZU_ACAP_Close(0)})
         EXPECT_EQ(answer, ZU_INVALID_ARGUMENT);
 }
 
@@ -125,7 +127,8 @@ TEST(AudioCapture, ReadersOutliveTheCaptureAndFindTheNext)
         EXPECT_FALSE(audio_capture_running());
         const size_t left = reader->level();
         EXPECT_GE(left, 400u) << "what was heard before the stop";
-        EXPECT_EQ(reader->read(samples.data(), std::min<size_t>(left, 96000)), std::min<size_t>(left, 96000));
+        EXPECT_EQ(reader->read(samples.data(), std::min<size_t>(left, 96000)),
+                  std::min<size_t>(left, 96000));
     }
 }
 
@@ -156,12 +159,15 @@ TEST(SessionReader, LateOnesLoseTheOldestAndDisturbNoOther)
     EXPECT_EQ(late.read(samples.data(), 8), 8u);
     EXPECT_NEAR(samples[2], tone(9601), 1);
 
-    test_clock += 3'600'000'000; // an hour later, e.g. after the machine slept
+    // an hour later, e.g. after the machine slept
+    test_clock += 3'600'000'000;
     EXPECT_EQ(late.level(), 48'000u * 4);
     test_session.reset();
 }
 
-/** A server whose clock runs `ppm` fast, seen with a jitter; frame n carries n, so that seams show. */
+/**
+ * A server whose clock runs `ppm` fast, seen with a jitter; frame n carries n, so that seams show.
+ */
 struct PieceStream {
     PieceStream(double ppm, double jitter_us)
         : us_per_frame(1e6 / 48000 / (1 + ppm * 1e-6)), jitter(-jitter_us, jitter_us)
@@ -198,7 +204,8 @@ TEST(SoundPlacement, FollowsADriftingClockWithoutASeam)
         double greatest = 0;
         for (int piece = 0; piece < 30'000; ++piece) { // ten minutes
             stream.deliver();
-            const double off = static_cast<double>(timeline.time_us(timeline.end())) - stream.heard_us();
+            const double off =
+                static_cast<double>(timeline.time_us(timeline.end())) - stream.heard_us();
             greatest = std::max(greatest, std::abs(off));
             Samples tail(961 * 2);
             const int64_t shown = std::min<int64_t>(timeline.end(), 961);
@@ -210,7 +217,8 @@ TEST(SoundPlacement, FollowsADriftingClockWithoutASeam)
             }
             ASSERT_FALSE(seam) << c.ppm << " ppm, piece " << piece;
         }
-        EXPECT_LT(greatest, 7500) << c.ppm << " ppm: a beat of 10 ms beside the picture is too much";
+        EXPECT_LT(greatest, 7500) << c.ppm
+                                  << " ppm: a beat of 10 ms beside the picture is too much";
     }
 }
 
@@ -223,7 +231,8 @@ TEST(SoundPlacement, FillsWhatIsMissingAndDropsWhatComesTooLate)
         timeline.copy(n, 1, frame.data());
         return int{frame[1]};
     };
-    stream.sent += 4800; // the first sound comes 100 ms after the start
+    // the first sound comes 100 ms after the start
+    stream.sent += 4800;
     stream.deliver();
     EXPECT_EQ(at(4799), 0);
     EXPECT_EQ(at(4800), 4801);

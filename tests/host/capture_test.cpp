@@ -1,4 +1,5 @@
-// The capture device on its test card: when pictures come, what they may overwrite, and how it stops.
+// The capture device on its test card: when pictures come, what they may overwrite, and how it
+// stops.
 #include "capture/capture_schedule.h"
 #include "capture/patient_source.h"
 #include "capture/picture_leases.h"
@@ -115,8 +116,9 @@ struct HeldSource : WaitingSource {
     bool ended = false;
 };
 
-// Catches a display that is taken for lost because it is slow, one that is asked again while its answer is on
-// the way, a picture of another kind than was asked for, and a stop or a close that waits for the display.
+// Catches a display that is taken for lost because it is slow, one that is asked again while its
+// answer is on the way, a picture of another kind than was asked for, and a stop or a close that
+// waits for the display.
 TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
 {
     HeldSource* held = nullptr;
@@ -153,7 +155,8 @@ TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
     EXPECT_FALSE(PatientSource::open("None", [] { return nullptr; }));
 }
 
-// Catches a screen that is recorded blurred where it fits exactly, distorted, or outside of what is seen.
+// Catches a screen that is recorded blurred where it fits exactly, distorted, or outside of what is
+// seen.
 TEST(CapturePlacement, KeepsShapeAndOneToOne)
 {
     const struct {
@@ -175,7 +178,8 @@ TEST(CapturePlacement, KeepsShapeAndOneToOne)
         EXPECT_EQ(place_display(c.display, c.out, c.visible), c.placed) << "case " << &c - cases;
 }
 
-// Catches a display of odd size that is scaled, and one that is cut where it fits, or is scaled in any case.
+// Catches a display of odd size that is scaled, and one that is cut where it fits, or is scaled in
+// any case.
 TEST(CapturePlacement, LeavesOutTheLastColumnOrRowOfAnOddSize)
 {
     const struct {
@@ -198,7 +202,8 @@ TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
     schedule.advance();
     EXPECT_EQ(schedule.due() - start, 33'333'333ns);
     EXPECT_EQ(schedule.pass_over_late(start + 66'000'000ns), 0u) << "late by less than an interval";
-    EXPECT_EQ(schedule.pass_over_late(start + 300'000'000ns), 0u) << "the first ones are caught up with";
+    EXPECT_EQ(schedule.pass_over_late(start + 300'000'000ns), 0u)
+        << "the first ones are caught up with";
     EXPECT_EQ(schedule.pass_over_late(start + 301'000'000ns), 8u) << "but not by more than eight";
     EXPECT_EQ(schedule.number(), 9u);
     EXPECT_EQ(schedule.pass_over_late(start + 366'000'000ns), 1u);
@@ -206,8 +211,9 @@ TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
     EXPECT_EQ(schedule.due() - start, 24h);
 }
 
-// Catches a queue that grows behind a slow callback, drops that the statistics do not show, times that are
-// off the rate's grid, and a record of statistics that is filled past the size its reader knows.
+// Catches a queue that grows behind a slow callback, drops that the statistics do not show, times
+// that are off the rate's grid, and a record of statistics that is filled past the size its reader
+// knows.
 TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
 {
     ASSERT_EQ(start(640, 480, 60), ZU_OK);
@@ -216,22 +222,26 @@ TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
         due = due_time_of_picture_in_callback().value();
         late = counters().pictures_dropped_late;
         captured = counters().pictures_captured;
-        std::this_thread::sleep_for(170ms); // what the library does to it when the encoder is busy
+        // what the library does to it when the encoder is busy
+        std::this_thread::sleep_for(170ms);
     });
     look([&](const Frame&) {
         late = counters().pictures_dropped_late - late;
         captured = counters().pictures_captured - captured;
         EXPECT_GE(late, 7u);
         const uint64_t now_due = due_time_of_picture_in_callback().value();
-        EXPECT_NEAR(static_cast<double>(now_due - due), static_cast<double>(late + captured) * 1e6 / 60, 1.0);
-        EXPECT_LE(now_due, static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / 1us));
+        EXPECT_NEAR(static_cast<double>(now_due - due),
+                    static_cast<double>(late + captured) * 1e6 / 60, 1.0);
+        EXPECT_LE(now_due,
+                  static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / 1us));
     });
     EXPECT_FALSE(due_time_of_picture_in_callback()) << "on another thread";
     EXPECT_EQ(ZU_CAP_Close(handle), ZU_OK);
     zu3_host_statistics_t told{}, begun{};
     EXPECT_EQ(zu3_host_statistics(&told, sizeof told + 100), sizeof told);
     EXPECT_EQ(told.pictures_due, told.pictures_captured + told.pictures_dropped_late +
-                                     told.pictures_dropped_no_buffer + told.pictures_dropped_no_display);
+                                     told.pictures_dropped_no_buffer +
+                                     told.pictures_dropped_no_display);
     EXPECT_EQ(told.pictures_dropped_late, counters().pictures_dropped_late);
     EXPECT_EQ(zu3_host_statistics(&begun, 8), sizeof told);
     EXPECT_EQ(begun.pictures_due, told.pictures_due);
@@ -244,7 +254,8 @@ TEST_F(TestCardCapture, LeavesLeasedPicturesAlone)
     constexpr auto layout = PictureLayout::of(320, 240);
     const DeviceBlock region(3 * layout.picture_bytes() + 2 * picture_alignment);
     ASSERT_EQ(start(layout.stride, layout.lines, 200, region), ZU_OK);
-    std::vector<std::pair<uint8_t*, std::vector<uint8_t>>> leased; // and what they show, which moves
+    // and what they show, which moves
+    std::vector<std::pair<uint8_t*, std::vector<uint8_t>>> leased;
     for (int i = 0; i < 3; ++i)
         look([&](const Frame& frame) {
             uint8_t* const picture = region.virt + (frame.phyYAddr - region.phys);
@@ -266,7 +277,8 @@ TEST_F(TestCardCapture, LeavesLeasedPicturesAlone)
         EXPECT_FALSE(picture_is_leased(picture)) << "a lease is left";
 }
 
-// Catches a stop that waits for a callback which waits for the one who stops, and callbacks after a close.
+// Catches a stop that waits for a callback which waits for the one who stops, and callbacks after a
+// close.
 TEST_F(TestCardCapture, StopsWhileACallbackIsHeld)
 {
     for (int round = 0; round < 2; ++round) { // a start after it works again

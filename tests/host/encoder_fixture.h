@@ -70,7 +70,8 @@ private:
     std::atomic<bool> blocked_{false}, held_{false};
 };
 
-inline ZU_VENC_OpenParams_t params_of(uint32_t width, uint32_t height, u32 format = E_ZU_VENC_COLOR_COPY)
+inline ZU_VENC_OpenParams_t params_of(uint32_t width, uint32_t height,
+                                      u32 format = E_ZU_VENC_COLOR_COPY)
 {
     ZU_VENC_OpenParams_t params{};
     params.eColorFormat = format;
@@ -117,7 +118,10 @@ public:
         ASSERT_EQ(ZU_VENC_Start(handle, &params), ZU_OK);
     }
     u32 stop() { return ZU_VENC_Stop(handle); }
-    u32 take(const ZU_VENC_InputBuffer_t& buffer) { return ZU_VENC_WriteBufferComplete(handle, &buffer); }
+    u32 take(const ZU_VENC_InputBuffer_t& buffer)
+    {
+        return ZU_VENC_WriteBufferComplete(handle, &buffer);
+    }
     ZU_VENC_InputBuffer_t lend()
     {
         ZU_VENC_InputBuffer_t buffer{};
@@ -146,7 +150,9 @@ public:
     {
         return take({data, static_cast<u32>(layout.picture_bytes()), 1, 0, {}, 1, 1, 0});
     }
-    /** Feeds pictures, each when the one before is encoded; their bits per second at 30 pictures per second.
+    /**
+     * Feeds pictures, each when the one before is encoded; their bits per second at 30 pictures per
+     * second.
      */
     double encode(uint32_t count)
     {
@@ -169,7 +175,8 @@ public:
             ASSERT_EQ(feed(number), ZU_OK);
     }
 
-    Receiver receiver; // outlives the encoder, whose thread calls it
+    // outlives the encoder, whose thread calls it
+    Receiver receiver;
     PictureLayout layout;
     u32 handle = 0;
 };

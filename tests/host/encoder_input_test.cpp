@@ -17,7 +17,8 @@ namespace {
 using Params = ZU_VENC_OpenParams_t;
 using Buffer = ZU_VENC_InputBuffer_t;
 
-// Catches sizes and values that x264 would choke on later, or that would overflow a size computation.
+// Catches sizes and values that x264 would choke on later, or that would overflow a size
+// computation.
 TEST(EncoderOpen, RefusesWhatItCannotEncode)
 {
     const std::pair<u32 Params::*, u32> spoil[] = {
@@ -39,7 +40,8 @@ TEST(EncoderOpen, RefusesWhatItCannotEncode)
     u32 handle = 0;
     EXPECT_NE(ZU_VENC_Open(&silent, &handle), ZU_OK);
     Params greatest = params_of(3840, 2176);
-    greatest.u32FrameRate = 0; // its own choice
+    // its own choice
+    greatest.u32FrameRate = 0;
     TestEncoder encoder(greatest);
 }
 
@@ -70,7 +72,8 @@ TEST(EncoderOpen, TellsItsExactSizeWhileItIsOpen)
     }
 }
 
-// Catches reading memory that is not the encoder's, and a lent buffer that is lost when its lender gives up.
+// Catches reading memory that is not the encoder's, and a lent buffer that is lost when its lender
+// gives up.
 TEST(EncoderInput, RefusesWhatItDidNotLend)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -94,14 +97,16 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
         change(buffer);
         testing::internal::CaptureStderr();
         EXPECT_EQ(encoder.take(buffer), ZU_INVALID_ARGUMENT);
-        // Nothing at all follows a failed query, which is no mistake to be told of; others are told of once.
+        // Nothing at all follows a failed query, which is no mistake to be told of; others are told
+        // of once.
         EXPECT_EQ(captured_log() == "", &change - spoil != 1) << &change - spoil;
         EXPECT_EQ(counters().pictures_refused, ++refused) << &change - spoil;
     }
     EXPECT_EQ(encoder.take(lent), ZU_OK);
     EXPECT_EQ(encoder.take(lent), ZU_INVALID_ARGUMENT);
     ASSERT_TRUE(encoder.receiver.wait_for_frames(1));
-    EXPECT_EQ(encoder.inject_region().u32VirtAddr, 0u); // opened for copies
+    // opened for copies
+    EXPECT_EQ(encoder.inject_region().u32VirtAddr, 0u);
 }
 
 uint8_t* start_of(const ZU_VENC_EntireInjectBuf_t& region)
@@ -122,27 +127,29 @@ TEST(EncoderInput, TakesTheFirstPicturesOneByOne)
     }
 }
 
-// Catches a full queue that costs pictures at once although it is about to have room, copied or injected.
+// Catches a full queue that costs pictures at once although it is about to have room, copied or
+// injected.
 TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
 {
     for (const bool injected : {false, true}) {
-        TestEncoder encoder(params_of(64, 64, injected ? E_ZU_VENC_COLOR_INJECT : E_ZU_VENC_COLOR_COPY));
+        TestEncoder encoder(
+            params_of(64, 64, injected ? E_ZU_VENC_COLOR_INJECT : E_ZU_VENC_COLOR_COPY));
         uint8_t* const place = start_of(encoder.inject_region());
         encoder.start();
         uint32_t taken = 0, refused = 0;
         while (taken < 100 && refused < 100) {
             Buffer lent{};
-            const bool accepted =
-                injected ? encoder.inject(place) == ZU_OK
-                         : ZU_VENC_QueryBuffer(encoder.handle, &lent) == ZU_OK && encoder.take(lent) == ZU_OK;
+            const bool accepted = injected ? encoder.inject(place) == ZU_OK
+                                           : ZU_VENC_QueryBuffer(encoder.handle, &lent) == ZU_OK &&
+                                                 encoder.take(lent) == ZU_OK;
             ++(accepted ? taken : refused);
         }
         EXPECT_LT(refused, 10u) << "more than a busy machine explains";
     }
 }
 
-// Catches a region too small to work with, a picture that capture may overwrite too early, and a lease never
-// ended.
+// Catches a region too small to work with, a picture that capture may overwrite too early, and a
+// lease never ended.
 TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
 {
     TestEncoder encoder(params_of(320, 256, E_ZU_VENC_COLOR_INJECT));
@@ -160,17 +167,20 @@ TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
     encoder.receiver.block(true);
     ASSERT_EQ(encoder.inject(start), ZU_OK);
     ASSERT_TRUE(wait_until([&] { return encoder.receiver.is_held(); }));
-    EXPECT_FALSE(picture_is_leased(start)); // encoded: x264 no longer needs it while its frame is handed out
+    // encoded: x264 no longer needs it while its frame is handed out
+    EXPECT_FALSE(picture_is_leased(start));
     for (uint32_t number = 1; number <= LentBuffers::count; ++number)
         EXPECT_EQ(encoder.inject(start + number * bytes / 2), ZU_OK);
-    EXPECT_EQ(encoder.inject(start), ZU_BUSY); // the queue is full
+    // the queue is full
+    EXPECT_EQ(encoder.inject(start), ZU_BUSY);
     EXPECT_FALSE(picture_is_leased(start));
     EXPECT_TRUE(picture_is_leased(start + bytes));
     EXPECT_EQ(encoder.stop(), ZU_OK);
     EXPECT_FALSE(picture_is_leased(start + bytes));
 }
 
-// Catches a stop that waits for a callback which waits for the stop, and a callback that begins after it.
+// Catches a stop that waits for a callback which waits for the stop, and a callback that begins
+// after it.
 TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -179,7 +189,8 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     const uint64_t refused = counters().pictures_refused;
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(encoder.stop(), ZU_OK);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s); // far below the deadline of a blocked callback
+    // far below the deadline of a blocked callback
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     EXPECT_EQ(counters().pictures_refused, refused + LentBuffers::count);
     EXPECT_EQ(encoder.feed(5), ZU_FAILURE);
     EXPECT_EQ(counters().pictures_refused, refused + LentBuffers::count + 1);
@@ -187,7 +198,8 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     encoder.start();
     ASSERT_EQ(encoder.feed(6), ZU_OK);
     ASSERT_TRUE(encoder.receiver.wait_for_frames(2));
-    EXPECT_TRUE(encoder.receiver.frames[1].key); // the first after a restart
+    // the first after a restart
+    EXPECT_TRUE(encoder.receiver.frames[1].key);
     EXPECT_EQ(encoder.receiver.frames[1].pts, 6000u);
 }
 
@@ -209,14 +221,16 @@ TEST(EncoderStop, WakesWhoWaitsForRoom)
     EXPECT_LT(shortest, 60ms);
 }
 
-// Catches the end of a recording being lost, and pictures of a start that comes after the capture's.
+// Catches the end of a recording being lost, and pictures of a start that comes after the
+// capture's.
 TEST(EncoderStop, LetsWhatItTookBeEncodedFirst)
 {
     const uint64_t encoded = counters().pictures_encoded;
     uint64_t bytes = counters().bytes_encoded;
     TestEncoder encoder(params_of(64, 64));
     for (uint32_t number = 0; number < 4; ++number)
-        ASSERT_EQ(encoder.feed(number), ZU_OK); // before the start
+        // before the start
+        ASSERT_EQ(encoder.feed(number), ZU_OK);
     EXPECT_EQ(encoder.receiver.frame_count(), 0u);
     encoder.start();
     ASSERT_TRUE(encoder.receiver.wait_for_frames(1));
@@ -235,8 +249,8 @@ CapturedPicture picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t in
     return {pool->picture(index), pool->layout(), pool};
 }
 
-// Catches a picture that is captured into while the encoder reads it, memory that goes under it, and a
-// capture that can fill an encoder's queue and then has no picture to write into.
+// Catches a picture that is captured into while the encoder reads it, memory that goes under it,
+// and a capture that can fill an encoder's queue and then has no picture to write into.
 TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
 {
     auto pool = PicturePool::own(layout, 0);
@@ -262,8 +276,9 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
     EXPECT_TRUE(memory.expired());
 }
 
-// Catches a reader of a file, or the next callback, that writes into a captured picture which was lent before
-// and never handed in; and a picture of another layout being taken for one of the encoder's.
+// Catches a reader of a file, or the next callback, that writes into a captured picture which was
+// lent before and never handed in; and a picture of another layout being taken for one of the
+// encoder's.
 TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
 {
     const auto pool = PicturePool::own(layout, 0);
@@ -287,12 +302,13 @@ TEST(EncoderLending, LendsMemoryWithNothingInIt)
     mallopt(M_PERTURB, 0x55);
     LentBuffers buffers(layout);
     const uint8_t* const own = buffers.lend(nullptr);
-    EXPECT_TRUE(std::all_of(own, own + layout.picture_bytes(), [](uint8_t byte) { return byte == 0; }));
+    EXPECT_TRUE(
+        std::all_of(own, own + layout.picture_bytes(), [](uint8_t byte) { return byte == 0; }));
     mallopt(M_PERTURB, 0);
 }
 
-// Catches a still screen being searched for changes, and a picture taken for unchanged that is not: what
-// differs only becomes a large frame where x264 looks for it.
+// Catches a still screen being searched for changes, and a picture taken for unchanged that is not:
+// what differs only becomes a large frame where x264 looks for it.
 TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
 {
     const auto pool = PicturePool::own(layout, 0);
@@ -302,7 +318,8 @@ TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
     for (const uint64_t serial : {1, 1, 2, 0, 0}) {
         picture.serial = serial;
         const CapturedPictureInCallback in_callback(picture);
-        encoder.encode(1); // draws another picture every time
+        // draws another picture every time
+        encoder.encode(1);
     }
     const auto size = [&](size_t frame) { return encoder.receiver.frames[frame].bytes.size(); };
     EXPECT_LT(size(1), 40u);

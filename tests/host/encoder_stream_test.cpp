@@ -1,5 +1,5 @@
-// What comes out of the encoder: its form, key frames, profile and rate. That it shows the pictures that went
-// in, recordings of a screen show.
+// What comes out of the encoder: its form, key frames, profile and rate. That it shows the pictures
+// that went in, recordings of a screen show.
 #include "encoder_fixture.h"
 
 using namespace zu3host;
@@ -16,8 +16,9 @@ std::vector<std::pair<int, const uint8_t*>> nal_units(const Bytes& frame)
     return units;
 }
 
-// Catches a delimiter, parameter sets or a key frame that is missing, late or not flagged, records of one
-// picture that carry another's values, and captured pictures that are not timed by when they were due.
+// Catches a delimiter, parameter sets or a key frame that is missing, late or not flagged, records
+// of one picture that carry another's values, and captured pictures that are not timed by when they
+// were due.
 TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -41,12 +42,14 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
         EXPECT_EQ(frame.time_in_callback, number * (number >= 3 ? 900u : 1000u));
         EXPECT_EQ(frame.index, frame.key ? UINT32_MAX : number % 16);
     }
-    ASSERT_EQ(keys.size(), 3u); // the first, the one asked for, and one within two seconds of that
+    // the first, the one asked for, and one within two seconds of that
+    ASSERT_EQ(keys.size(), 3u);
     EXPECT_EQ(keys[0] * 10 + keys[1], 14u);
     EXPECT_FALSE(time_of_frame_in_callback());
 }
 
-// Catches a warning of x264's, or no key frame, when one is asked for just where it is due by itself.
+// Catches a warning of x264's, or no key frame, when one is asked for just where it is due by
+// itself.
 TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -64,14 +67,15 @@ TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
     EXPECT_EQ(keys, (std::vector<size_t>{0, 60}));
 }
 
-// Catches a profile or level that is not what was asked for; the bytes are profile_idc, constraints,
-// level_idc.
+// Catches a profile or level that is not what was asked for; the bytes are profile_idc,
+// constraints, level_idc.
 TEST(EncoderStream, SaysProfileAndLevelInTheSps)
 {
     const struct {
         u32 profile, level;
         int profile_idc, level_idc;
-        bool level_1b; // constraint_set3_flag
+        // constraint_set3_flag
+        bool level_1b;
     } cases[] = {{66, 310, 66, 31, false},
                  {77, 410, 77, 41, false},
                  {66, 101, 66, 11, true},
@@ -79,7 +83,8 @@ TEST(EncoderStream, SaysProfileAndLevelInTheSps)
                  {0, 0, 77, 10, false}};
     for (const auto& wish : cases) {
         ZU_VENC_OpenParams_t params = params_of(64, 64);
-        params.u32Bitrate = 40; // a rate that every level allows
+        // a rate that every level allows
+        params.u32Bitrate = 40;
         params.u32Profile = wish.profile;
         params.u32Level = wish.level;
         TestEncoder encoder(params);
@@ -94,8 +99,8 @@ TEST(EncoderStream, SaysProfileAndLevelInTheSps)
 }
 
 // Catches a stream of constant rate that comes ever later because its pictures need more than the
-// multiplexer's ceiling, and a change of rate control that does not begin anew. That rates are followed,
-// whole streams show.
+// multiplexer's ceiling, and a change of rate control that does not begin anew. That rates are
+// followed, whole streams show.
 TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
 {
     constexpr uint32_t second = 30;
@@ -106,7 +111,8 @@ TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
     encoder.start();
     EXPECT_GT(encoder.encode(2 * second), 90'000);
     set_rate_ceiling(50'000);
-    encoder.encode(2 * second); // settles
+    // settles
+    encoder.encode(2 * second);
     EXPECT_LT(encoder.encode(2 * second), 60'000);
     set_rate_ceiling(0);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 0), ZU_INVALID_ARGUMENT);
@@ -114,7 +120,8 @@ TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 500), ZU_OK);
     encoder.encode(1);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 1048576),
-              ZU_OK); // another rate control: the stream goes on with a key frame
+              // another rate control: the stream goes on with a key frame
+              ZU_OK);
     encoder.encode(1);
     EXPECT_TRUE(encoder.receiver.frames.back().key);
     encoder.encode(1);

@@ -36,12 +36,16 @@ protected:
     void SetUp() override { ASSERT_TRUE(mkdtemp(folder_.data())); }
     void TearDown() override { fs::remove_all(folder_); }
     std::string path(const char* name) const { return folder_ + "/" + name; }
-    u32 open(const char* name, const char* mode) const { return ZU_FS_Fopen(path(name).c_str(), mode); }
+    u32 open(const char* name, const char* mode) const
+    {
+        return ZU_FS_Fopen(path(name).c_str(), mode);
+    }
 
     std::string folder_ = testing::TempDir() + "files_test_XXXXXX";
 };
 
-// Catches a position of 32 bits, a read that stops at a short count, and a handle that outlives its file.
+// Catches a position of 32 bits, a read that stops at a short count, and a handle that outlives its
+// file.
 TEST_F(Files, ReadBackWhatWasWrittenBeyondFourGigabytes)
 {
     const s64 far = s64{5} << 30;
@@ -96,8 +100,8 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
     }
 }
 
-// Catches a file of somebody else that is emptied, a pipe of his that is written to, and the refusal of a
-// descriptor that is open already.
+// Catches a file of somebody else that is emptied, a pipe of his that is written to, and the
+// refusal of a descriptor that is open already.
 TEST_F(Files, OfSomebodyElseAreNotWritten)
 {
     if (geteuid() != 0)
@@ -127,8 +131,8 @@ void limit_files(rlim_t bytes)
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
 }
 
-// Catches a cut item at the end of a full disk's file, a silent loss, a line in the log for every batch, and
-// a failure that cuts off what lies behind a write in the middle of a file.
+// Catches a cut item at the end of a full disk's file, a silent loss, a line in the log for every
+// batch, and a failure that cuts off what lies behind a write in the middle of a file.
 TEST_F(Files, KeepWholeItemsWhenTheDiskIsFull)
 {
     const std::string items(3000, 'x');
@@ -160,7 +164,8 @@ TEST_F(Files, KeepWholeItemsWhenTheDiskIsFull)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches a handle for what cannot be written or read, and an open that waits for a pipe's reader for ever.
+// Catches a handle for what cannot be written or read, and an open that waits for a pipe's reader
+// for ever.
 TEST_F(Files, AreRefusedWithAReason)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -201,7 +206,8 @@ struct Stream {
     /** Whether the packet whose 188 bytes begin there is of pictures. */
     bool of_pictures(size_t at) const
     {
-        return (bytes[at + 1] & 0x1f) == zu3host::picture_pid >> 8 && bytes[at + 2] == (zu3host::picture_pid & 0xff);
+        return (bytes[at + 1] & 0x1f) == zu3host::picture_pid >> 8 &&
+               bytes[at + 2] == (zu3host::picture_pid & 0xff);
     }
     /** Pictures that begin within the first so many bytes. */
     size_t begun(size_t size) const
@@ -239,15 +245,19 @@ Stream stream_of_pictures(u32 packet_size, uint32_t rate, size_t greatest)
     return stream;
 }
 
-// Catches a recorder's kill that leaves a part of a picture in the file, a picture greater than a batch that
-// never comes through, one that waits though the next has begun, and a last one that a close forgets.
+// Catches a recorder's kill that leaves a part of a picture in the file, a picture greater than a
+// batch that never comes through, one that waits though the next has begun, and a last one that a
+// close forgets.
 TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
 {
     const struct {
         u32 packet_size;
         uint32_t rate;
         size_t greatest, batch;
-    } cases[] = {{188, 0, 15000, 348}, {188, 0, 300000, 348}, {192, 0, 300000, 341}, {188, 4194304, 200000, 700},
+    } cases[] = {{188, 0, 15000, 348},
+                 {188, 0, 300000, 348},
+                 {192, 0, 300000, 341},
+                 {188, 4194304, 200000, 700},
                  {188, 0, 300000, 1}};
     for (const auto& each : cases) {
         const Stream stream = stream_of_pictures(each.packet_size, each.rate, each.greatest);
@@ -257,7 +267,8 @@ TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
             ASSERT_EQ(ZU_FS_Fwrite(stream.bytes.data() + at, static_cast<u32>(size), 1, file), 1);
             const size_t begun = stream.begun(at + size), written = fs::file_size(path("stream"));
             const size_t whole = stream.begun(written);
-            ASSERT_TRUE(begun == 0 || whole == begun - 1) << whole << " of " << begun << " pictures";
+            ASSERT_TRUE(begun == 0 || whole == begun - 1)
+                << whole << " of " << begun << " pictures";
             ASSERT_TRUE(whole == 0 || written >= stream.ends[whole - 1]) << "picture " << whole;
         }
         EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
@@ -268,13 +279,14 @@ TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
         const u32 shorter = open("shorter", "wb");
         EXPECT_EQ(ZU_FS_Fwrite(stream.bytes.data(), static_cast<u32>(cut), 1, shorter), 1);
         EXPECT_EQ(ZU_FS_Fclose(shorter), ZU_OK);
-        EXPECT_EQ(stream.begun(fs::file_size(path("shorter"))), stream.ends.size() - 1) << "without its end";
+        EXPECT_EQ(stream.begun(fs::file_size(path("shorter"))), stream.ends.size() - 1)
+            << "without its end";
         EXPECT_GE(fs::file_size(path("shorter")), stream.ends[stream.ends.size() - 2]);
     }
 }
 
-// Catches a full disk's file that ends in the middle of a picture, and one that goes on behind the gap with
-// pictures that need those which are missing.
+// Catches a full disk's file that ends in the middle of a picture, and one that goes on behind the
+// gap with pictures that need those which are missing.
 TEST_F(Files, OfPicturesGoOnBehindAFullDiskWhereDecodingCanStart)
 {
     const Stream stream = stream_of_pictures(188, 0, 30000);
@@ -313,8 +325,8 @@ bool sleeps(pid_t thread)
     return name_end != std::string::npos && line[name_end + 2] == 'S';
 }
 
-// Catches a pipe that counts as ended because its writer has not come yet, and one whose writer has gone
-// being waited for.
+// Catches a pipe that counts as ended because its writer has not come yet, and one whose writer has
+// gone being waited for.
 TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -339,8 +351,8 @@ TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles, and a part of
-// what was asked for that is taken for all there is.
+// Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles, and
+// a part of what was asked for that is taken for all there is.
 TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -350,12 +362,14 @@ TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
         const char* mode;
         std::string there;
         std::function<s32(u32)> call;
-        int left; /**< bytes in the pipe once the task waits */
+        /** bytes in the pipe once the task waits */
+        int left;
         s32 answer;
     } cases[] = {
         {"rb", "", [&](u32 file) { return ZU_FS_Fread(memory.data(), 1, 1000, file); }, 0, -1},
         {"rb", "abc", [&](u32 file) { return ZU_FS_Fread(memory.data(), 1, 1000, file); }, 0, -1},
-        {"wb", "", [&](u32 file) { return ZU_FS_Fwrite(memory.data(), 1000, 1000, file); }, 65536, 65},
+        {"wb", "", [&](u32 file) { return ZU_FS_Fwrite(memory.data(), 1000, 1000, file); }, 65536,
+         65},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.mode + each.there);
@@ -366,7 +380,8 @@ TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
             begun = true;
             answer.set_value(each.call(file));
         };
-        ASSERT_EQ(write(end.get(), each.there.data(), each.there.size()), ssize_t(each.there.size()));
+        ASSERT_EQ(write(end.get(), each.there.data(), each.there.size()),
+                  ssize_t(each.there.size()));
         const auto run = [](void* task) { (*static_cast<std::function<void()>*>(task))(); };
         const ZU_OS_TaskAttr_t attributes{run, &body, 4, 1, {}, nullptr, 4096, "test"};
         s32 task = -1;
@@ -378,7 +393,8 @@ TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
     }
 }
 
-// Catches a descriptor that is closed, and perhaps another file's by then, under a call that uses it.
+// Catches a descriptor that is closed, and perhaps another file's by then, under a call that uses
+// it.
 TEST_F(Files, AreClosedBehindACallThatUsesThem)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -392,7 +408,8 @@ TEST_F(Files, AreClosedBehindACallThatUsesThem)
     EXPECT_EQ(write(writer.get(), "b", 1), 1);
     EXPECT_EQ(read.get(), 2);
     EXPECT_STREQ(text, "ab");
-    EXPECT_LT(::open(path("pipe").c_str(), O_WRONLY | O_NONBLOCK), 0) << "the reading end is still open";
+    EXPECT_LT(::open(path("pipe").c_str(), O_WRONLY | O_NONBLOCK), 0)
+        << "the reading end is still open";
 }
 
 /** Memory that is lent out to be filled; gone with its owner. */
@@ -416,8 +433,8 @@ private:
     std::optional<zu3host::DeviceBlock> block_;
 };
 
-// Catches a read from a dead disk that comes back when its buffer was given up, and writes into memory of
-// others.
+// Catches a read from a dead disk that comes back when its buffer was given up, and writes into
+// memory of others.
 TEST_F(Files, AreReadIntoMemoryThatWasGivenUpMeanwhile)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);

@@ -8,10 +8,12 @@
 
 namespace {
 
-// Catches an event that stays quiet, never becomes quiet again, or blocks who reads it once too often.
+// Catches an event that stays quiet, never becomes quiet again, or blocks who reads it once too
+// often.
 TEST(FrameEvent, TellsOfFramesUntilItIsRead)
 {
-    zu3host::signal_frame(); // nobody has asked yet
+    // nobody has asked yet
+    zu3host::signal_frame();
     const int event = zu3_host_frame_event();
     ASSERT_GE(event, 0);
     ASSERT_EQ(zu3_host_frame_event(), event);

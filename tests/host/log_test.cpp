@@ -27,7 +27,8 @@ TEST(LogFilter, FollowsLogcatsExpressions)
     const struct {
         const char* expression;
         const char* tag;
-        int least_shown; // SILENT = not even fatal lines
+        // SILENT = not even fatal lines
+        int least_shown;
     } cases[] = {
         {nullptr, "a", ANDROID_LOG_WARN},         {"", "a", ANDROID_LOG_WARN},
         {"*:V", "a", ANDROID_LOG_VERBOSE},        {"*:S", "a", ANDROID_LOG_SILENT},
@@ -41,16 +42,18 @@ TEST(LogFilter, FollowsLogcatsExpressions)
         const LogFilter filter(each.expression);
         for (int priority = ANDROID_LOG_VERBOSE; priority <= ANDROID_LOG_FATAL; ++priority)
             EXPECT_EQ(filter.shows(priority, each.tag), priority >= each.least_shown)
-                << (each.expression ? each.expression : "null") << " for " << each.tag << " at " << priority;
+                << (each.expression ? each.expression : "null") << " for " << each.tag << " at "
+                << priority;
     }
 }
 
-// Catches a format that log readers do not know, lines without a prefix, a filter that is not asked, and
-// control characters of others.
+// Catches a format that log readers do not know, lines without a prefix, a filter that is not
+// asked, and control characters of others.
 TEST(Log, PrintsLogcatsBriefFormat)
 {
     const std::string pid = std::to_string(getpid());
-    const std::string process = "(" + std::string(5 - std::min<size_t>(5, pid.size()), ' ') + pid + "): ";
+    const std::string process =
+        "(" + std::string(5 - std::min<size_t>(5, pid.size()), ' ') + pid + "): ";
     testing::internal::CaptureStderr();
     __android_log_print(ANDROID_LOG_ERROR, "screenrecord", "[%s][%d]text\n", "f", 7);
     __android_log_print(ANDROID_LOG_DEBUG, "loud", "two\nlines\n\n");
@@ -59,23 +62,26 @@ TEST(Log, PrintsLogcatsBriefFormat)
     __android_log_print(ANDROID_LOG_ERROR, "loud", "\033[35m%d\033[m", 1);
     const std::string expected = "E/screenrecord" + process + "[f][7]text\nD/loud    " + process +
                                  "two\nD/loud    " + process + "lines\nE/loud    " + process +
-                                 "\\x1b[2J\\x0d is \\xc2\\x9b\nE/loud    " + process + "\033[35m1\033[m\n";
+                                 "\\x1b[2J\\x0d is \\xc2\\x9b\nE/loud    " + process +
+                                 "\033[35m1\033[m\n";
     EXPECT_EQ(captured_log(), expected);
 }
 
-// Catches a line that is written in pieces, which those of other threads would get into, and one that
-// overruns.
+// Catches a line that is written in pieces, which those of other threads would get into, and one
+// that overruns.
 TEST(Log, WritesALineAtOnceWhateverItsLength)
 {
     const FileDescriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     int ends[2] = {-1, -1};
-    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0); // keeps every write apart
+    // keeps every write apart
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
     const FileDescriptor reader(ends[0]), writer(ends[1]);
     dup2(writer.get(), STDERR_FILENO);
     const std::string endless(100000, 'x');
     __android_log_print(ANDROID_LOG_ERROR, "b", "%s", "short");
     __android_log_print(ANDROID_LOG_ERROR, "a", "%s", endless.c_str());
-    __android_log_print(ANDROID_LOG_ERROR, "a", "%s", std::string(100000, '\n').append("x").c_str());
+    __android_log_print(ANDROID_LOG_ERROR, "a", "%s",
+                        std::string(100000, '\n').append("x").c_str());
     dup2(before.get(), STDERR_FILENO);
     std::string lines[3];
     for (std::string& line : lines) {

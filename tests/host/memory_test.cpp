@@ -33,7 +33,8 @@ bool is_readable(const uint8_t* byte)
 ZU_OS_IommuAlloc_t allocate(u32 size)
 {
     ZU_OS_IommuAlloc_t record{};
-    std::memset(record.acTag, 'x', sizeof record.acTag); // no NUL: the tag must not be read past its end
+    // no NUL: the tag must not be read past its end
+    std::memset(record.acTag, 'x', sizeof record.acTag);
     record.u32Size = size;
     record.u32Flags = 3;
     EXPECT_EQ(ZU_OS_AllocateIommuMemory(&record), ZU_OK);
@@ -50,7 +51,9 @@ u32 release(const ZU_OS_IommuAlloc_t& block)
 s32 get_descriptor(u64 phys)
 {
     ZU_OS_IommuBufFd_t record{phys, -1, 0};
-    return ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &record) == ZU_OK ? record.s32Fd : -1;
+    return ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &record) == ZU_OK
+               ? record.s32Fd
+               : -1;
 }
 
 u32 put_descriptor(s32 fd)
@@ -59,17 +62,19 @@ u32 put_descriptor(s32 fd)
     return ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &record);
 }
 
-// Catches an address that a 32-bit field would cut, old data in new memory, an overrun that goes unnoticed, a
-// lookup that is off by one, and a file whose size a client could change under us.
+// Catches an address that a 32-bit field would cut, old data in new memory, an overrun that goes
+// unnoticed, a lookup that is off by one, and a file whose size a client could change under us.
 TEST(DeviceMemory, IsLowZeroedGuardedSealedAndFoundByEachByte)
 {
     for (const uint32_t size : {1u, 4096u, 4097u, 8u << 20}) {
-        const auto block = allocate_block("test", size), neighbour = allocate_block("neighbour", size);
+        const auto block = allocate_block("test", size),
+                   neighbour = allocate_block("neighbour", size);
         ASSERT_TRUE(block && neighbour) << size;
         const auto start = reinterpret_cast<uintptr_t>(block->virt);
         EXPECT_EQ(block->phys % 4096, 0u);
         EXPECT_LE(start + size, uint64_t{1} << 32);
-        EXPECT_TRUE(std::all_of(block->virt, block->virt + size, [](uint8_t each) { return each == 0; }));
+        EXPECT_TRUE(
+            std::all_of(block->virt, block->virt + size, [](uint8_t each) { return each == 0; }));
         EXPECT_FALSE(is_readable(block->virt + (size + 4095) / 4096 * 4096));
         EXPECT_EQ(block_of_phys(block->phys + size - 1)->phys, block->phys);
         EXPECT_EQ(block_of_virt(start + size - 1)->phys, block->phys);
@@ -106,11 +111,13 @@ TEST(AddressConversion, GoesBothWaysInsideABlockOnly)
     EXPECT_NE(ZU_OS_Va2Pa(virt, &phys), ZU_OK);
 }
 
-// Catches a descriptor of another block, one that a child would inherit, and one that dies with the block.
+// Catches a descriptor of another block, one that a child would inherit, and one that dies with the
+// block.
 TEST(Iommu, HandsOutDescriptorsOfTheSameMemory)
 {
     const auto block = allocate(3 * 4096);
-    const s32 fd = get_descriptor(block.u64PhyAddr + 4096), second = get_descriptor(block.u64PhyAddr);
+    const s32 fd = get_descriptor(block.u64PhyAddr + 4096),
+              second = get_descriptor(block.u64PhyAddr);
     EXPECT_NE(fd, second);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
     u64 virt = 0;
@@ -141,7 +148,8 @@ TEST(Iommu, TakesBackOnlyWhatItHandedOut)
     EXPECT_NE(put_descriptor(-1), ZU_OK);
 
     s32 fd = get_descriptor(block.u64PhyAddr);
-    ASSERT_EQ(dup2(foreign.get(), fd), fd); // closed by its user, its number taken by another file
+    // closed by its user, its number taken by another file
+    ASSERT_EQ(dup2(foreign.get(), fd), fd);
     EXPECT_NE(put_descriptor(fd), ZU_OK);
     EXPECT_TRUE(is_open(fd));
     close(fd);

@@ -20,10 +20,12 @@ constexpr uint16_t sound_pid = 0x102;
 
 struct Form {
     uint32_t packet_size = 188;
-    uint32_t rate = 0; /**< 0 = variable */
+    /** 0 = variable */
+    uint32_t rate = 0;
     bool pictures = true;
     bool sound = false;
-    uint32_t region = 1 << 18; /**< bytes of the output buffer */
+    /** bytes of the output buffer */
+    uint32_t region = 1 << 18;
 };
 
 /** An open multiplexer, driven through the contract as a recording drives it. */
@@ -45,11 +47,14 @@ public:
         params.u32OutBufSize = region_.size;
         EXPECT_EQ(ZU_TSMUX_Open(&params, &handle), ZU_OK);
         const ZU_TSMUX_PtsContinuity_t continuity{1, 0, 180000, 90000};
-        EXPECT_EQ(ZU_TSMUX_SetAttr(handle, E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL, &continuity), ZU_OK);
+        EXPECT_EQ(
+            ZU_TSMUX_SetAttr(handle, E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL, &continuity),
+            ZU_OK);
         u64 sound_id = 0;
         EXPECT_TRUE(!form.pictures ||
                     attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0, &pictures_id) == ZU_OK);
-        EXPECT_TRUE(!form.sound || attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &sound_id) == ZU_OK);
+        EXPECT_TRUE(!form.sound ||
+                    attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &sound_id) == ZU_OK);
     }
     ~Recording() { ZU_TSMUX_Close(handle); }
     Recording(const Recording&) = delete;
@@ -68,13 +73,13 @@ public:
     }
     u32 push(const Bytes& unit, uint64_t pts)
     {
-        ZU_TSMUX_MediaData_t data{pictures_id, const_cast<u8*>(unit.data()), static_cast<u32>(unit.size()),
-                                  pts};
+        ZU_TSMUX_MediaData_t data{pictures_id, const_cast<u8*>(unit.data()),
+                                  static_cast<u32>(unit.size()), pts};
         return ZU_TSMUX_PushMediaData(handle, &data);
     }
     /**
-     * Pushes as the encoder does, inside its callback for a picture captured at `us`, and copies `piece`
-     * bytes out whenever there is no room; how often that was.
+     * Pushes as the encoder does, inside its callback for a picture captured at `us`, and copies
+     * `piece` bytes out whenever there is no room; how often that was.
      */
     unsigned push_captured(const Bytes& unit, uint64_t us, u32 piece = 0x10000)
     {
@@ -131,7 +136,8 @@ public:
     {
         return make(idr, std::uniform_int_distribution<size_t>(20, most)(noise_));
     }
-    Bytes sent; /**< all of them, in order */
+    /** all of them, in order */
+    Bytes sent;
 
 private:
     std::minstd_rand noise_{7};

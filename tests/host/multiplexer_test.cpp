@@ -21,16 +21,18 @@ Report expect_all_of(const UnitMaker& units, Recording& recording, const Form& f
     return report;
 }
 
-// Catches tables, time references or sound that come too rarely or too late at some frame rate, pictures that
-// are not there before their time, a rate that is not constant, counters that skip, lost or swapped bytes,
-// and times that are not the capture's.
+// Catches tables, time references or sound that come too rarely or too late at some frame rate,
+// pictures that are not there before their time, a rate that is not constant, counters that skip,
+// lost or swapped bytes, and times that are not the capture's.
 TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
 {
     const struct {
         const char* name;
         Form form;
-        std::vector<uint64_t> intervals_us; /**< between pictures, in turn */
-        size_t greatest_picture;            /**< bytes, of pictures that are no IDR pictures */
+        /** between pictures, in turn */
+        std::vector<uint64_t> intervals_us;
+        /** bytes, of pictures that are no IDR pictures */
+        size_t greatest_picture;
         size_t greatest_idr;
     } cases[] = {
         {"variable 30", {188, 0}, {33333, 33333, 33334}, 12000, 150000},
@@ -41,7 +43,11 @@ TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
         {"1 Mbit", {188, mebibit}, {33333, 33333, 33334}, 4500, 45000},
         {"2 Mbit timed", {192, 2 * mebibit, true, true}, {33333, 33333, 33334}, 8000, 80000},
         {"1 Mbit 10", {188, mebibit, true, true}, {100000}, 10000, 40000},
-        {"4 Mbit uneven", {188, 4 * mebibit, true, true}, {1000, 7000, 500000, 33000}, 20000, 90000},
+        {"4 Mbit uneven",
+         {188, 4 * mebibit, true, true},
+         {1000, 7000, 500000, 33000},
+         20000,
+         90000},
     };
     for (auto [name, form, intervals_us, greatest_picture, greatest_idr] : cases) {
         SCOPED_TRACE(name);
@@ -52,7 +58,8 @@ TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
         uint64_t now = 5000000, last = now;
         for (size_t i = 0; i < 200; ++i) {
             const bool idr = i % 30 == 0;
-            recording.push_captured(units.make_any(idr, idr ? greatest_idr : greatest_picture), now);
+            recording.push_captured(units.make_any(idr, idr ? greatest_idr : greatest_picture),
+                                    now);
             recording.copy();
             last = std::exchange(now, now + intervals_us[i % intervals_us.size()]);
         }
@@ -71,7 +78,8 @@ TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
                   static_cast<int64_t>(((last - 5000000) * 9 + 50) / 100));
         if (form.sound) {
             EXPECT_NEAR(double(*report.streams[1].first_pts - *pictures.first_pts), -3000, 1);
-            EXPECT_NEAR(double(*report.streams[1].last_pts - *pictures.last_pts), 0, 2 * 1920 + 3000);
+            EXPECT_NEAR(double(*report.streams[1].last_pts - *pictures.last_pts), 0,
+                        2 * 1920 + 3000);
         }
     }
 }
@@ -104,8 +112,8 @@ TEST(Multiplexer, IsFullFromABusyPushToItsClose)
     EXPECT_EQ(lost_for_room(), 0u);
 }
 
-// Catches a push that takes half a picture, loses what was pushed while the ring was full, cries once a
-// retry, or holds a lock while the callback runs, which calls back into the multiplexer.
+// Catches a push that takes half a picture, loses what was pushed while the ring was full, cries
+// once a retry, or holds a lock while the callback runs, which calls back into the multiplexer.
 TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
 {
     for (const u32 mask : {3u, 1u}) {
@@ -116,7 +124,8 @@ TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
             *static_cast<unsigned*>(events_seen) += event == E_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL;
             u8 less_than_a_packet[187];
             u32 copied = 0;
-            return ZU_TSMUX_CopyOutputStream(static_cast<u32>(handle), less_than_a_packet, 187, &copied);
+            return ZU_TSMUX_CopyOutputStream(static_cast<u32>(handle), less_than_a_packet, 187,
+                                             &copied);
         };
         const ZU_TSMUX_CallbackParams_t callback{0, count, mask, &events, 0};
         ASSERT_EQ(ZU_TSMUX_RegisterCallback(recording.handle, &callback, &id), ZU_OK);
@@ -127,7 +136,8 @@ TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
         for (uint64_t i = 0; i < 100; ++i) {
             const unsigned busy =
                 recording.push_captured(units.make_any(i % 30 == 0, 12000), 1000000 + i * 40000,
-                                        40 * 188); // never empty, so that it wraps around
+                                        // never empty, so that it wraps around
+                                        40 * 188);
             episodes += busy != 0;
             all_busy += busy;
         }
@@ -140,12 +150,13 @@ TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
             other{id + 1, nullptr, 0, nullptr, 0};
         EXPECT_NE(ZU_TSMUX_UnRegisterCallback(recording.handle, &other), ZU_OK);
         EXPECT_EQ(ZU_TSMUX_UnRegisterCallback(recording.handle, &removal), ZU_OK);
-        EXPECT_EQ(ZU_TSMUX_UnRegisterCallback(recording.handle, &removal), ZU_OK); // each stop removes it
+        // each stop removes it
+        EXPECT_EQ(ZU_TSMUX_UnRegisterCallback(recording.handle, &removal), ZU_OK);
     }
 }
 
-// Catches a pause that breaks the constant rate, and a fill that never ends because the ring is smaller than
-// it.
+// Catches a pause that breaks the constant rate, and a fill that never ends because the ring is
+// smaller than it.
 TEST(Multiplexer, LongPauseIsFilledPieceByPiece)
 {
     const Form form{.rate = 4 * mebibit, .sound = true};
@@ -157,11 +168,12 @@ TEST(Multiplexer, LongPauseIsFilledPieceByPiece)
         busy += recording.push_captured(units.make(true, 3000), at);
     EXPECT_GT(busy, 20u);
     for (const auto& finding : expect_all_of(units, recording, form).findings)
-        EXPECT_EQ(finding.kind, "pts_interval") << finding.what; // nothing was captured
+        // nothing was captured
+        EXPECT_EQ(finding.kind, "pts_interval") << finding.what;
 }
 
-// Catches an encoder that goes on filling a constant rate beyond its limit, or is held down by one that is
-// over.
+// Catches an encoder that goes on filling a constant rate beyond its limit, or is held down by one
+// that is over.
 TEST(Multiplexer, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
 {
     {
@@ -170,7 +182,8 @@ TEST(Multiplexer, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
         EXPECT_GT(silent, 3 * mebibit / 2);
         EXPECT_LT(silent, 2 * mebibit);
         {
-            const Recording narrow({.rate = mebibit, .sound = true}), as_wide({.rate = 2 * mebibit});
+            const Recording narrow({.rate = mebibit, .sound = true}),
+                as_wide({.rate = 2 * mebibit});
             EXPECT_GT(rate_ceiling(), mebibit / 2);
             EXPECT_LT(rate_ceiling(), mebibit - 141000);
         }
@@ -179,13 +192,14 @@ TEST(Multiplexer, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
     EXPECT_EQ(rate_ceiling(), 0u);
 }
 
-// Catches key frames (which come without a time) at a wrong place, times that run backwards, and a wrapped
-// negative time that sends the stream years ahead.
+// Catches key frames (which come without a time) at a wrong place, times that run backwards, and a
+// wrapped negative time that sends the stream years ahead.
 TEST(Multiplexer, StatedTimesAreFollowedWhereTheyAreCredible)
 {
     const struct {
         std::vector<uint64_t> pushed_us;
-        std::vector<int64_t> expected_ticks; // after the first
+        // after the first
+        std::vector<int64_t> expected_ticks;
     } cases[] = {
         {{no_pts, 33333, 66666, no_pts, 133333}, {0, 3000, 6000, 9000, 12000}},
         {{no_pts, no_pts, no_pts}, {0, 3000, 6000}},
@@ -238,8 +252,8 @@ TEST(Multiplexer, RefusesWhatMakesNoStream)
     EXPECT_EQ(id, 0u);
 }
 
-// Catches a push that is taken in a state in which nobody reads it, and a stream that is gone after the stop:
-// the writer's last copy comes after it.
+// Catches a push that is taken in a state in which nobody reads it, and a stream that is gone after
+// the stop: the writer's last copy comes after it.
 TEST(Multiplexer, StatesDecideWhatIsTaken)
 {
     Recording recording;
@@ -271,7 +285,8 @@ TEST(Multiplexer, SoundAloneMakesAStream)
 {
     Recording recording({.pictures = false, .sound = true});
     ASSERT_EQ(recording.start(), ZU_OK);
-    EXPECT_TRUE(wait_until([&] { return recording.copy() == 0 && recording.output.size() >= 60 * 188; }));
+    EXPECT_TRUE(
+        wait_until([&] { return recording.copy() == 0 && recording.output.size() >= 60 * 188; }));
     const Report report = check(recording.output, {});
     EXPECT_EQ(text_of(report.findings), "");
     ASSERT_EQ(report.streams.size(), 1u);

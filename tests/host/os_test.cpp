@@ -41,8 +41,8 @@ s32 make_task(const std::function<void()>& body, const char* name = "test")
     return id;
 }
 
-// Catches a mutex that lets two in, that anybody can release, that waits past its limit, or an id that lives
-// on.
+// Catches a mutex that lets two in, that anybody can release, that waits past its limit, or an id
+// that lives on.
 TEST(Mutex, BelongsToItsHolderUntilReleased)
 {
     const s32 id = make_mutex();
@@ -69,7 +69,8 @@ TEST(Mutex, BelongsToItsHolderUntilReleased)
     }
 }
 
-// Catches a deletion that leaves waiters to run into their limit, or pulls the mutex away under them.
+// Catches a deletion that leaves waiters to run into their limit, or pulls the mutex away under
+// them.
 TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
 {
     const s32 id = make_mutex();
@@ -78,15 +79,17 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
     auto wait = [id] { return ZU_OS_ObtainMutex(id, long_wait_ms); };
     auto first = std::async(std::launch::async, wait);
     auto second = std::async(std::launch::async, wait);
-    EXPECT_NE(ZU_OS_ObtainMutex(id, 100), ZU_OK); // time for both to be waiting
+    // time for both to be waiting
+    EXPECT_NE(ZU_OS_ObtainMutex(id, 100), ZU_OK);
     EXPECT_EQ(ZU_OS_DeleteMutex(id), ZU_OK);
     EXPECT_NE(first.get(), ZU_OK);
     EXPECT_NE(second.get(), ZU_OK);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(long_wait_ms / 2));
+    EXPECT_LT(std::chrono::steady_clock::now() - start,
+              std::chrono::milliseconds(long_wait_ms / 2));
 }
 
-// Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name that Linux
-// refuses.
+// Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name
+// that Linux refuses.
 /** A condition variable of a process that is stopped during the first wait. */
 struct StoppedDuringAWait {
     int waits = 0;
@@ -135,13 +138,13 @@ TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
     EXPECT_FALSE(sigismember(&own_mask, SIGINT)) << "the creator's own mask was changed";
 }
 
-// Catches an entry that goes on after the deletion said that the task is gone, and deletions that let every
-// entry begin first.
+// Catches an entry that goes on after the deletion said that the task is gone, and deletions that
+// let every entry begin first.
 TEST(Task, RunsNothingAfterItsDeletion)
 {
     std::async(std::launch::async, [] {
-        // On one processor a new thread does not run before its creator waits, unless it is preferred: so the
-        // creator has a priority that somebody gave it.
+        // On one processor a new thread does not run before its creator waits, unless it is
+        // preferred: so the creator has a priority that somebody gave it.
         cpu_set_t one;
         CPU_ZERO(&one);
         CPU_SET(sched_getcpu(), &one);
@@ -177,7 +180,8 @@ struct Held {
 // Catches a deletion that hangs on a task that never ends, or claims that it is gone.
 TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 {
-    static Held& held = *new Held; // outlives the task, which nobody joins
+    // outlives the task, which nobody joins
+    static Held& held = *new Held;
     const s32 id = make_task(held.body);
     held.running.get_future().wait();
     const auto start = std::chrono::steady_clock::now();
@@ -187,16 +191,18 @@ TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
     held.ended.get_future().wait();
 }
 
-// Catches a media thread that waits like any other, one that overrides what its user chose, and a creator
-// that stays preferred.
+// Catches a media thread that waits like any other, one that overrides what its user chose, and a
+// creator that stays preferred.
 TEST(Task, IsPreferredWhereTheSystemAllowsItAndNobodySaidOtherwise)
 {
     const auto own_nice = [] { return getpriority(PRIO_PROCESS, 0); };
     const auto set_nice = [](int nice) { return setpriority(PRIO_PROCESS, 0, nice) == 0; };
     const auto give_up_root = [] {
         return syscall(SYS_setresuid, 65534, 65534, 65534) == 0;
-    };                          // of this thread
-    const int own = own_nice(); // of the whole test run
+        // of this thread
+    };
+    // of the whole test run
+    const int own = own_nice();
     const bool preferable = own == 0 && std::async(std::launch::async, set_nice, -10).get();
     const bool root = geteuid() == 0;
     const struct {
@@ -206,7 +212,8 @@ TEST(Task, IsPreferredWhereTheSystemAllowsItAndNobodySaidOtherwise)
     } cases[] = {
         {"as it was started", [] { return true; }, own, preferable ? -10 : own},
         {"niced", [&] { return set_nice(19); }, 19, 19},
-        {"not allowed to", [&] { return !root || give_up_root(); }, own, preferable && !root ? -10 : own},
+        {"not allowed to", [&] { return !root || give_up_root(); }, own,
+         preferable && !root ? -10 : own},
     };
     for (const auto& each : cases)
         std::async(std::launch::async, [&] {
@@ -226,7 +233,9 @@ TEST(Task, CannotDeleteItself)
 {
     std::promise<s32> own_id;
     std::promise<u32> result;
-    const std::function<void()> body = [&] { result.set_value(ZU_OS_DeleteTask(own_id.get_future().get())); };
+    const std::function<void()> body = [&] {
+        result.set_value(ZU_OS_DeleteTask(own_id.get_future().get()));
+    };
     const s32 id = make_task(body);
     own_id.set_value(id);
     EXPECT_EQ(result.get_future().get(), ZU_FAILURE);

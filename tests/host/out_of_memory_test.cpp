@@ -1,5 +1,5 @@
-// Calls that need memory, with every allocation failing in turn, and the host layer's threads with none to be
-// had.
+// Calls that need memory, with every allocation failing in turn, and the host layer's threads with
+// none to be had.
 #include "capture/picture_leases.h"
 #include "encoder_fixture.h"
 #include "multiplexer_fixture.h"
@@ -30,7 +30,8 @@ std::atomic<bool> others_get_none{false};
 
 bool is_to_fail()
 {
-    return (allocations_left != INT_MAX && allocations_left-- <= 0) || (others_get_none && !is_tests_own);
+    return (allocations_left != INT_MAX && allocations_left-- <= 0) ||
+           (others_get_none && !is_tests_own);
 }
 
 } // namespace
@@ -158,8 +159,10 @@ struct Case {
     std::function<bool()> call;
 };
 
-/** Makes each call with one allocation more than the last time, until it succeeds; it has to fail at least
- * once. */
+/**
+ * Makes each call with one allocation more than the last time, until it succeeds; it has to fail at
+ * least once.
+ */
 void try_with_ever_more(const std::vector<Case>& cases)
 {
     for (const Case& each : cases) {
@@ -172,11 +175,14 @@ void try_with_ever_more(const std::vector<Case>& cases)
     }
 }
 
-// Catches an exception in a caller that cannot take one, and a descriptor or a block that stays behind.
+// Catches an exception in a caller that cannot take one, and a descriptor or a block that stays
+// behind.
 TEST(OutOfMemory, IsAnswered)
 {
-    watermark();           // makes what it shows
-    write_and_read_file(); // makes the event that gives up writes, which stays
+    // makes what it shows
+    watermark();
+    // makes the event that gives up writes, which stays
+    write_and_read_file();
     const ptrdiff_t before = open_descriptors();
     try_with_ever_more({{"mutex", make_mutex},
                         {"task", run_task},
@@ -253,8 +259,8 @@ struct Sound {
     u32 handle = 0;
 };
 
-// Catches a call on what is open that ends the process, and one that fails half-way: tried again on the same
-// object it has to succeed.
+// Catches a call on what is open that ends the process, and one that fails half-way: tried again on
+// the same object it has to succeed.
 TEST(OutOfMemory, LeavesWhatIsOpenUsable)
 {
     Capture capture;
@@ -263,13 +269,16 @@ TEST(OutOfMemory, LeavesWhatIsOpenUsable)
     encoder.start();
     uint8_t* picture = nullptr;
     Recording stream({.rate = 2'000'000, .pictures = false});
-    const ZU_TSMUX_CallbackParams_t callback{0, [](s32, u32, void*, void*) { return u32{0}; }, 3, nullptr, 0};
+    const ZU_TSMUX_CallbackParams_t callback{0, [](s32, u32, void*, void*) { return u32{0}; }, 3,
+                                             nullptr, 0};
     u64 id = 0;
     EXPECT_TRUE(with_so_many(0, [&] {
-        return stream.attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0, &stream.pictures_id) == ZU_OK;
+        return stream.attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0,
+                             &stream.pictures_id) == ZU_OK;
     }));
     for (size_t leases = 0; leases < 64; ++leases)
-        lease_picture(nullptr); // so many have their place from the beginning
+        // so many have their place from the beginning
+        lease_picture(nullptr);
     try_with_ever_more(
         {{"connection", [&] { return capture.connect(); }},
          {"still picture", [&] { return capture.shoot(); }},
@@ -284,7 +293,9 @@ TEST(OutOfMemory, LeavesWhatIsOpenUsable)
           }},
          {"injected picture", [&] { return encoder.inject(picture) == ZU_OK; }},
          {"source of sound",
-          [&] { return stream.attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &id) == ZU_OK; }},
+          [&] {
+              return stream.attach(E_ZU_TSMUX_STREAM_AUDIO_AAC, sound_pid, 0xc0, &id) == ZU_OK;
+          }},
          {"multiplexer's callback",
           [&] { return ZU_TSMUX_RegisterCallback(stream.handle, &callback, &id) == ZU_OK; }},
          {"multiplexer's start", [&] { return stream.start() == ZU_OK; }}});
@@ -295,14 +306,16 @@ TEST(OutOfMemory, LeavesWhatIsOpenUsable)
     EXPECT_TRUE(with_so_many(0, [&] { return stream.push(unit, no_pts) == ZU_OK; }));
 }
 
-// Catches a thread of the host layer that takes the process with it, and one that never works again.
+// Catches a thread of the host layer that takes the process with it, and one that never works
+// again.
 TEST(OutOfMemory, EndsNoThread)
 {
     setenv("PULSE_SERVER", "unix:/nonexistent", 1);
     is_tests_own = true;
     Capture capture;
     Sound sound("pulse");
-    TestEncoder encoder(params_of(64, 64)); // its callback keeps each frame, which takes memory
+    // its callback keeps each frame, which takes memory
+    TestEncoder encoder(params_of(64, 64));
     encoder.start();
     ASSERT_TRUE(capture.connect());
     const Counters& all = counters();

@@ -31,9 +31,12 @@ private:
 using Rgb = std::valarray<double>;
 
 constexpr size_t width = 64, height = 48;
-using Field = std::vector<Rgb>; // of that many pixels
+// of that many pixels
+using Field = std::vector<Rgb>;
 
-/** Random colours, in each square of four the same: what is behind a chroma sample has one colour. */
+/**
+ * Random colours, in each square of four the same: what is behind a chroma sample has one colour.
+ */
 Field random_field()
 {
     std::mt19937 random(1);
@@ -51,13 +54,15 @@ Field random_field()
 struct Picture {
     static constexpr size_t guard = 64;
 
-    Picture(size_t line, const Field& colours) : pitch(line), bytes(guard * 3 + line * height * 3 / 2, 7)
+    Picture(size_t line, const Field& colours)
+        : pitch(line), bytes(guard * 3 + line * height * 3 / 2, 7)
     {
         for (size_t i = 0; i < colours.size(); ++i) {
             const size_t x = i % width, y = i / width;
             put(guard + y * pitch + x, 16, {66, 129, 25}, colours[i]);
             if (x % 2 == 0 && y % 2 == 0) {
-                const Rgb sum = colours[i] + colours[i + 1] + colours[i + width] + colours[i + width + 1];
+                const Rgb sum =
+                    colours[i] + colours[i + 1] + colours[i + width] + colours[i + width + 1];
                 put(chroma() + y / 2 * pitch + x, 128, {-38, -74, 112}, sum / 4.0);
                 put(chroma() + y / 2 * pitch + x + 1, 128, {112, -94, -18}, sum / 4.0);
             }
@@ -122,8 +127,8 @@ void compose(const WatermarkParams& params, Field& colours, Field& marks)
         const int64_t x = int64_t{params.s32X} + column, y = int64_t{params.s32Y} + row;
         if (x < 0 || y < 0 || x >= int64_t{width} || y >= int64_t{height})
             continue;
-        const auto* at = static_cast<const uint8_t*>(params.spMemory->pointer()) + params.u32Offset +
-                         row * stride + column * 4;
+        const auto* at = static_cast<const uint8_t*>(params.spMemory->pointer()) +
+                         params.u32Offset + row * stride + column * 4;
         const double alpha = at[3] / 255.0 * std::min(params.u32Opacity, 255u) / 255.0;
         Rgb& colour = colours[static_cast<size_t>(y) * width + static_cast<size_t>(x)];
         colour += (Rgb{double(at[0]), double(at[1]), double(at[2])} - colour) * alpha;
@@ -177,7 +182,8 @@ TEST(Renderer, DrawsAsAComposerInRgbWould)
     }
 }
 
-// Catches memory that is read beyond its end, a refusal that takes the old logo away, and one that stays.
+// Catches memory that is read beyond its end, a refusal that takes the old logo away, and one that
+// stays.
 TEST(Renderer, ShowsTheLastLogoThatWasPossible)
 {
     const Picture blank(64, random_field());
@@ -236,10 +242,14 @@ TEST(Renderer, RefusesPicturesThatAreNotAsDescribed)
     using B = qrl_native_buffer_t;
     EXPECT_TRUE(accepts([](B&) {})) << "ends with its memory";
     void (*const spoil[])(B&) = {
-        [](B& b) { b.offset[1] += 1; },      [](B& b) { b.offset[0] = 0xFFFFFFFF; },
-        [](B& b) { b.height = 0x80000000; }, [](B& b) { b.width = b.height = b.pitch = 0xFFFFFFFF; },
-        [](B& b) { b.pitch = 62; },          [](B& b) { b.version = 0x200; },
-        [](B& b) { b.format = 0x15; },       [](B& b) { b.addr = nullptr; },
+        [](B& b) { b.offset[1] += 1; },
+        [](B& b) { b.offset[0] = 0xFFFFFFFF; },
+        [](B& b) { b.height = 0x80000000; },
+        [](B& b) { b.width = b.height = b.pitch = 0xFFFFFFFF; },
+        [](B& b) { b.pitch = 62; },
+        [](B& b) { b.version = 0x200; },
+        [](B& b) { b.format = 0x15; },
+        [](B& b) { b.addr = nullptr; },
         [](B& b) { b.width = 0; },
     };
     for (const auto& change : spoil)

@@ -47,7 +47,8 @@ std::vector<int16_t> burst_at(int sample, int samples)
     std::vector<int16_t> pcm;
     for (int i = 0; i < samples; ++i) {
         const double from_burst = i - sample;
-        const double value = 20000 * std::exp(-from_burst * from_burst / 3600) * std::cos(from_burst * 0.15);
+        const double value =
+            20000 * std::exp(-from_burst * from_burst / 3600) * std::cos(from_burst * 0.15);
         pcm.insert(pcm.end(), pcm_channels, static_cast<int16_t>(value));
     }
     return pcm;
@@ -63,7 +64,8 @@ double presented_burst(SoundTrack& track, int64_t until_us)
     for (int64_t pts = first_pts; !track.queue().empty(); track.gather(until_us), pts += 1920) {
         EXPECT_EQ(track.queue().front_pts(), pts);
         const auto frame = track.queue().front();
-        file.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
+        file.write(reinterpret_cast<const char*>(frame.data()),
+                   static_cast<std::streamsize>(frame.size()));
         track.queue().pop();
     }
     file.close();
@@ -82,8 +84,8 @@ double presented_burst(SoundTrack& track, int64_t until_us)
     return static_cast<double>(first_pts) * 100 / 9 + place / 0.048;
 }
 
-// Catches sound that is early or late against the pictures: by the encoder's delay, by what was heard before
-// the first picture, by what was lost in between, or by a clock that was set back.
+// Catches sound that is early or late against the pictures: by the encoder's delay, by what was
+// heard before the first picture, by what was lost in between, or by a clock that was set back.
 TEST(SoundTrack, PresentsWhatWasHeardWhenItWasHeard)
 {
     const struct {
@@ -98,17 +100,20 @@ TEST(SoundTrack, PresentsWhatWasHeardWhenItWasHeard)
         {"with an overlap", {10000000, 10250000, 10400000}},
         {"with a long loss", {10000000, 16000000}},
     };
-    constexpr int64_t start_us = 10000000; // of the first picture
+    // of the first picture
+    constexpr int64_t start_us = 10000000;
     for (const auto& [name, pieces_us] : cases) {
         auto track = SoundTrack::open();
         ASSERT_TRUE(track);
         auto reader = std::make_unique<ScriptedReader>();
         for (const int64_t time : pieces_us)
-            reader->pieces.push_back({time, burst_at(time == pieces_us.back() ? 9600 : -12000, 12000)});
+            reader->pieces.push_back(
+                {time, burst_at(time == pieces_us.back() ? 9600 : -12000, 12000)});
         track->listen(std::move(reader));
         track->begin(start_us, 0);
         const int64_t burst_us = pieces_us.back() + 200000;
-        EXPECT_NEAR(presented_burst(*track, burst_us + 1000000), double(burst_us - start_us), 1000) << name;
+        EXPECT_NEAR(presented_burst(*track, burst_us + 1000000), double(burst_us - start_us), 1000)
+            << name;
     }
 }
 

@@ -1,5 +1,5 @@
-// The packet checker on streams in which one thing was broken. It must say so, and find nothing in the whole
-// ones.
+// The packet checker on streams in which one thing was broken. It must say so, and find nothing in
+// the whole ones.
 #include "multiplexer_fixture.h"
 
 #include <functional>
@@ -39,7 +39,8 @@ Property has_pid(uint16_t pid)
 /** A packet of the stream's second half with a property. */
 uint8_t* find(Bytes& stream, const Property& wanted)
 {
-    for (size_t at = stream.size() / packet_bytes / 2 * packet_bytes; at < stream.size(); at += packet_bytes)
+    for (size_t at = stream.size() / packet_bytes / 2 * packet_bytes; at < stream.size();
+         at += packet_bytes)
         if (wanted(&stream[at]))
             return &stream[at];
     ADD_FAILURE() << "there is no such packet";
@@ -48,8 +49,9 @@ uint8_t* find(Bytes& stream, const Property& wanted)
 
 uint8_t* of_pid(Bytes& stream, uint16_t pid, bool unit_start)
 {
-    return find(stream,
-                [=](const uint8_t* p) { return pid_of(p) == pid && bool(p[1] & 0x40) == unit_start; });
+    return find(stream, [=](const uint8_t* p) {
+        return pid_of(p) == pid && bool(p[1] & 0x40) == unit_start;
+    });
 }
 
 void erase_packet(Bytes& stream, const uint8_t* packet)
@@ -80,13 +82,15 @@ void blank(Bytes& stream, uint16_t pid, size_t count)
 
 struct Defect {
     const char* name;
-    const char* kind; /**< what the checker calls it */
+    /** what the checker calls it */
+    const char* kind;
     void (*plant)(Bytes&);
 };
 
 const Defect defects[] = {
     {"a counter that skips", "continuity", [](Bytes& s) { of_pid(s, picture_pid, false)[3] ^= 4; }},
-    {"a lost packet", "continuity", [](Bytes& s) { erase_packet(s, of_pid(s, picture_pid, false)); }},
+    {"a lost packet", "continuity",
+     [](Bytes& s) { erase_packet(s, of_pid(s, picture_pid, false)); }},
     {"a packet sent three times", "continuity",
      [](Bytes& s) {
          const auto at = of_pid(s, picture_pid, false) - s.data();
@@ -98,7 +102,8 @@ const Defect defects[] = {
     {"a damaged program map", "crc", [](Bytes& s) { of_pid(s, 0x1000, true)[5 + 13] ^= 1; }},
     {"600 ms without an association table", "table_repetition", [](Bytes& s) { blank(s, 0, 7); }},
     {"200 ms without a program map", "table_repetition", [](Bytes& s) { blank(s, 0x1000, 2); }},
-    {"no association table at all", "pat", [](Bytes& s) { change_all(s, 0, has_pid(0), make_null); }},
+    {"no association table at all", "pat",
+     [](Bytes& s) { change_all(s, 0, has_pid(0), make_null); }},
     {"time that jumps 11 s ahead", "pcr_discontinuity",
      [](Bytes& s) {
          change_all(s, s.size() / packet_bytes / 2, has_time, [](uint8_t* p) { p[7] |= 0x08; });
@@ -109,7 +114,9 @@ const Defect defects[] = {
              find(s, has_time)[5] &= 0xef;
      }},
     {"a time reference 2 us off", "pcr_accuracy",
-     [](Bytes& s) { find(s, [](const uint8_t* p) { return has_time(p) && p[11] < 200; })[11] += 54; }},
+     [](Bytes& s) {
+         find(s, [](const uint8_t* p) { return has_time(p) && p[11] < 200; })[11] += 54;
+     }},
     {"a rate 3% off", "rate",
      [](Bytes& s) {
          for (size_t at = 0, n = 0; at < s.size(); at += packet_bytes, ++n) {
@@ -119,13 +126,17 @@ const Defect defects[] = {
      }},
     {"a PTS that runs backwards", "pts_order",
      [](Bytes& s) { payload(of_pid(s, picture_pid, true))[12] -= 60; }},
-    {"a PTS that has passed", "pts_late", [](Bytes& s) { payload(of_pid(s, picture_pid, true))[11] -= 8; }},
+    {"a PTS that has passed", "pts_late",
+     [](Bytes& s) { payload(of_pid(s, picture_pid, true))[11] -= 8; }},
     {"a PES packet without a PTS", "pts_missing",
      [](Bytes& s) { payload(of_pid(s, sound_pid, true))[7] = 0; }},
-    {"sound that jumps", "sound_gap", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[12] += 4; }},
+    {"sound that jumps", "sound_gap",
+     [](Bytes& s) { payload(of_pid(s, sound_pid, true))[12] += 4; }},
     {"a lost sync byte", "sync", [](Bytes& s) { of_pid(s, picture_pid, false)[0] = 0x46; }},
-    {"an error mark", "transport_error", [](Bytes& s) { of_pid(s, picture_pid, false)[1] |= 0x80; }},
-    {"a wrong PES start code", "pes", [](Bytes& s) { payload(of_pid(s, picture_pid, true))[2] = 2; }},
+    {"an error mark", "transport_error",
+     [](Bytes& s) { of_pid(s, picture_pid, false)[1] |= 0x80; }},
+    {"a wrong PES start code", "pes",
+     [](Bytes& s) { payload(of_pid(s, picture_pid, true))[2] = 2; }},
     {"a wrong PES length", "pes", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[5] += 1; }},
     {"a stream that is not there", "missing_pid",
      [](Bytes& s) { change_all(s, 0, has_pid(sound_pid), make_null); }},
@@ -145,7 +156,8 @@ const Defect defects[] = {
 
 Bytes make_stream(uint32_t packet_size)
 {
-    Recording recording({.packet_size = packet_size, .rate = rate, .sound = true, .region = 1 << 20});
+    Recording recording(
+        {.packet_size = packet_size, .rate = rate, .sound = true, .region = 1 << 20});
     EXPECT_EQ(recording.start(), ZU_OK);
     UnitMaker units;
     for (uint64_t i = 0; i < 120; ++i) {
@@ -164,7 +176,8 @@ TEST(StreamChecker, FindsEachPlantedDefect)
         Bytes broken = whole;
         defect.plant(broken);
         const Report report = check(broken, {188, rate, false, false});
-        EXPECT_TRUE(report.has(defect.kind)) << defect.name << ", but found:\n" << text_of(report.findings);
+        EXPECT_TRUE(report.has(defect.kind)) << defect.name << ", but found:\n"
+                                             << text_of(report.findings);
     }
 }
 

@@ -21,7 +21,8 @@ u32 ZU_ACAP_GetAttr(u32 handle, u32 type, u32 index, void* value)
                            if (type != ZU_ACAP_ATTR_BUFFER_LEVEL)
                                return ZU_INVALID_ARGUMENT;
                            const u32 queued = static_cast<u32>(state().audio.size());
-                           const u32 level = Middleware::instance().settings.audio_level.value_or(queued);
+                           const u32 level =
+                               Middleware::instance().settings.audio_level.value_or(queued);
                            *static_cast<u32*>(value) = level;
                            context.note = text("level=", level);
                            return ZU_OK;
@@ -32,8 +33,9 @@ u32 ZU_ACAP_Read(u32 handle, const ZU_ACAP_ReadRequest_t* request, ZU_ACAP_ReadR
 {
     return device_call(__func__, Kind::audio, handle, text(", size=", request->u32Size),
                        [&](Context& context, Device&) {
-                           result->u32Size = move_out(state().audio, request->pBuffer, request->u32Size,
-                                                      Middleware::instance().settings.claimed_read);
+                           result->u32Size =
+                               move_out(state().audio, request->pBuffer, request->u32Size,
+                                        Middleware::instance().settings.claimed_read);
                            context.note = text("read=", result->u32Size);
                            return ZU_OK;
                        });

@@ -8,13 +8,14 @@ namespace middleware {
 namespace {
 
 // What says little about the order of work.
-const std::set<std::string> noise = {"__android_log_print",       "systemTime",      "ZU_OS_ObtainMutex",
-                                     "ZU_OS_ReleaseMutex",        "ZU_OS_DelayTask", "ZU_OS_GetSystemTime",
-                                     "ZU_OS_TimerDiffTimeFromNow"};
+const std::set<std::string> noise = {
+    "__android_log_print", "systemTime",          "ZU_OS_ObtainMutex",         "ZU_OS_ReleaseMutex",
+    "ZU_OS_DelayTask",     "ZU_OS_GetSystemTime", "ZU_OS_TimerDiffTimeFromNow"};
 
 std::string line_of(const Call& call)
 {
-    return call.function + "(" + call.arguments + ")" + (call.outcome.empty() ? "..." : call.outcome);
+    return call.function + "(" + call.arguments + ")" +
+           (call.outcome.empty() ? "..." : call.outcome);
 }
 
 template <class Wanted> std::vector<std::string> lines(Wanted wanted)
@@ -51,7 +52,8 @@ Ticket begin_call(const std::string& function, const std::string& variant, std::
     s.calls.push_back({function, full_name, std::move(arguments)});
     bool answered = false;
     for (auto entry = s.script.begin(); entry != s.script.end();) {
-        if (!matches(*entry, function, full_name) || (!entry->hook && answered) || entry->answer.nth-- > 1) {
+        if (!matches(*entry, function, full_name) || (!entry->hook && answered) ||
+            entry->answer.nth-- > 1) {
             ++entry;
             continue;
         }
@@ -72,24 +74,28 @@ void end_call(const Ticket& ticket, s64 result, const std::string& note)
     State& s = state();
     const Lock lock(s.mutex);
     if (ticket.number >= s.calls_forgotten)
-        s.calls[ticket.number - s.calls_forgotten].outcome = text("=", result, note.empty() ? "" : " ", note);
+        s.calls[ticket.number - s.calls_forgotten].outcome =
+            text("=", result, note.empty() ? "" : " ", note);
 }
 
 std::vector<std::string> Middleware::take_calls()
 {
     const Lock lock(state().mutex);
-    std::vector<std::string> result = lines([](const Call& call) { return !noise.contains(call.function); });
+    std::vector<std::string> result =
+        lines([](const Call& call) { return !noise.contains(call.function); });
     state().calls_forgotten += state().calls.size();
     state().calls.clear();
     return result;
 }
 
-std::vector<std::string> Middleware::calls_of(std::initializer_list<std::string_view> prefixes) const
+std::vector<std::string>
+Middleware::calls_of(std::initializer_list<std::string_view> prefixes) const
 {
     const Lock lock(state().mutex);
     return lines([&](const Call& call) {
-        return std::ranges::any_of(
-            prefixes, [line = line_of(call)](std::string_view prefix) { return line.starts_with(prefix); });
+        return std::ranges::any_of(prefixes, [line = line_of(call)](std::string_view prefix) {
+            return line.starts_with(prefix);
+        });
     });
 }
 

@@ -5,15 +5,16 @@ using namespace middleware;
 namespace {
 
 constexpr u32 display_handle = 0xD0;
-constexpr u32 still_buffer = 5; // not the index of the library's own buffer: the two must not be mixed up
+// not the index of the library's own buffer: the two must not be mixed up
+constexpr u32 still_buffer = 5;
 
 std::string describe(const ZU_CAP_CaptureParams_t& p)
 {
     const ZU_CAP_Output_t& out = p.stOutput;
-    return text(", path=", p.u32CapturePath, " osd=", p.u32Osd, " ", out.u32OutWidth, "x", out.u32OutHeight,
-                "@", out.u32OutFrameRate, " format=", out.eOutFormat, " size=", out.u32OutSize,
-                " pitch=", out.u32Pitch, " fd=", out.s32OutFd, " virt=", out.u64VirtAddr ? "set" : "0",
-                " phys=", hex(out.u64PhyAddr));
+    return text(", path=", p.u32CapturePath, " osd=", p.u32Osd, " ", out.u32OutWidth, "x",
+                out.u32OutHeight, "@", out.u32OutFrameRate, " format=", out.eOutFormat,
+                " size=", out.u32OutSize, " pitch=", out.u32Pitch, " fd=", out.s32OutFd,
+                " virt=", out.u64VirtAddr ? "set" : "0", " phys=", hex(out.u64PhyAddr));
 }
 
 } // namespace
@@ -27,7 +28,8 @@ u32 ZU_CAP_DeInit(void)
 
 u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* params, u32* handle)
 {
-    return open_call(__func__, Kind::capture, text("path=", params->u8CapturePath), handle, [](Device&) {});
+    return open_call(__func__, Kind::capture, text("path=", params->u8CapturePath), handle,
+                     [](Device&) {});
 }
 
 u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* params, u32* handle)
@@ -88,14 +90,14 @@ u32 ZU_CAP_CaptureOne(u32 handle, const ZU_CAP_CaptureParams_t* params, ZU_CAP_F
 
 u32 ZU_CAP_ProcessBufDone(u32 handle, u32 buffer)
 {
-    return ending_device_call(__func__, Kind::capture, handle, text(", ", buffer),
-                              [&](Context&, Device& device) {
-                                  const bool held = device.pictures.contains(buffer);
-                                  if (held && --device.pictures[buffer] == 0)
-                                      device.pictures.erase(buffer);
-                                  if (!held && late_callback_depth == 0)
-                                      problem(text("picture ", buffer, " is given back but was not out"));
-                                  return held ? ZU_OK : ZU_INVALID_ARGUMENT;
-                              });
+    return ending_device_call(
+        __func__, Kind::capture, handle, text(", ", buffer), [&](Context&, Device& device) {
+            const bool held = device.pictures.contains(buffer);
+            if (held && --device.pictures[buffer] == 0)
+                device.pictures.erase(buffer);
+            if (!held && late_callback_depth == 0)
+                problem(text("picture ", buffer, " is given back but was not out"));
+            return held ? ZU_OK : ZU_INVALID_ARGUMENT;
+        });
 }
 }

@@ -18,15 +18,20 @@ bool waits(std::thread::id thread)
                                [&](const Waiter* w) { return w->thread == thread && !w->woken; });
 }
 
-/** Whether a task, a callback thread or the holder of a mutex runs, or will as soon as its machine lets it.
+/**
+ * Whether a task, a callback thread or the holder of a mutex runs, or will as soon as its machine
+ * lets it.
  */
 bool somebody_runs()
 {
     const State& s = state();
-    const auto runs = [](const auto& entry) { // a task that has not begun has no thread that could wait
-        return entry.second.state == TaskState::running && !waits(entry.second.runner);
+    const auto runs =
+        [](const auto& entry) { // a task that has not begun has no thread that could wait
+            return entry.second.state == TaskState::running && !waits(entry.second.runner);
+        };
+    const auto holds = [](const auto& entry) {
+        return entry.second.held() && !waits(entry.second.owner);
     };
-    const auto holds = [](const auto& entry) { return entry.second.held() && !waits(entry.second.owner); };
     return std::ranges::any_of(s.tasks, runs) || std::ranges::any_of(s.mutexes, holds) ||
            !std::ranges::all_of(s.callback_threads, waits);
 }
@@ -49,7 +54,8 @@ bool leads_to(s32 from, s32 to, std::set<s32>& seen)
         return true;
     if (!seen.insert(from).second)
         return false;
-    return std::ranges::any_of(state().lock_order[from], [&](s32 id) { return leads_to(id, to, seen); });
+    return std::ranges::any_of(state().lock_order[from],
+                               [&](s32 id) { return leads_to(id, to, seen); });
 }
 
 /** Notes that the calling thread waits for `wanted` while it holds others. */
@@ -148,7 +154,8 @@ void wake(Waiter& waiter)
 void let_time_pass()
 {
     State& s = state();
-    s.changed.notify_all(); // for those who wait until everybody waits
+    // for those who wait until everybody waits
+    s.changed.notify_all();
     const auto is_client = [](const Waiter* waiter) { return waiter->client && !waiter->woken; };
     if (somebody_runs() || !(s.run_freely || std::ranges::any_of(s.waiters, is_client)))
         return;
@@ -228,7 +235,8 @@ extern "C" {
 u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* attributes, s32* id)
 {
     return call(__func__, text("name=", attributes->pName), [&](Context& context) {
-        store_output(id, state().next_mutex++); // from 0 on, which is a good id
+        // from 0 on, which is a good id
+        store_output(id, state().next_mutex++);
         state().mutexes[*id].name = attributes->pName;
         context.note = text("m", *id);
         return ZU_OK;

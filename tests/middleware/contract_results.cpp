@@ -6,16 +6,23 @@ namespace middleware {
 
 namespace {
 
-/** "Any other value is a failure whose meaning is the module's own": this one stands for all of them. */
+/**
+ * "Any other value is a failure whose meaning is the module's own": this one stands for all of
+ * them.
+ */
 constexpr s64 module_failure = 0x7F;
 
 const std::vector<s64> failures = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure};
-const std::vector<s64> with_empty_success = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure, ZU_OK};
+const std::vector<s64> with_empty_success = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure,
+                                             ZU_OK};
 const std::vector<s64> initialisation = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure,
                                          ZU_ALREADY_INITIALISED};
-const std::vector<s64> null = {0};             // a handle or an object
-const std::vector<s64> error_or_end = {-1, 0}; // a count
-const std::vector<s64> refusals = {1, -1};     // an int, 0 = success
+// a handle or an object
+const std::vector<s64> null = {0};
+// a count
+const std::vector<s64> error_or_end = {-1, 0};
+// an int, 0 = success
+const std::vector<s64> refusals = {1, -1};
 
 const std::map<std::string, std::vector<s64>> exceptions = {
     {"ZU_ACAP_Init", initialisation},

@@ -13,8 +13,8 @@ u32 open_call(const char* function, Kind kind, std::string arguments, u32* handl
 {
     return call(function, std::move(arguments), [&](Context& context) {
         State& s = state();
-        // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from other kinds
-        // higher up.
+        // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from
+        // other kinds higher up.
         u32& next = s.next_handle.try_emplace(kind, facts(kind).first_handle).first->second;
         store_output(handle, s.last_of_kind[kind] = next++);
         if ((next & 0xF) == 0)
@@ -26,7 +26,9 @@ u32 open_call(const char* function, Kind kind, std::string arguments, u32* handl
     });
 }
 
-/** A call on a device that must be alive; `effect` gets it. `more` follows the handle in the log. */
+/**
+ * A call on a device that must be alive; `effect` gets it. `more` follows the handle in the log.
+ */
 template <class Effect>
 u32 device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect,
                 bool ends = false)
@@ -44,24 +46,27 @@ inline u32 device_call(const char* function, Kind kind, u32 handle, const std::s
 
 /** One that ends something, also where it is scripted to fail. */
 template <class Effect>
-u32 ending_device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect)
+u32 ending_device_call(const char* function, Kind kind, u32 handle, const std::string& more,
+                       Effect effect)
 {
     return device_call(function, kind, handle, more, effect, true);
 }
 
 /** Sets an attribute; scripts know the call also by the attribute's type. */
-inline u32 attribute_call(const char* function, Kind kind, u32 handle, u32 type, const std::string& value)
+inline u32 attribute_call(const char* function, Kind kind, u32 handle, u32 type,
+                          const std::string& value)
 {
-    return perform(false, function, hex(type), text(hex(handle), ", ", hex(type), ", ", value),
-                   [&](Context&) {
-                       // Interleaving is also switched off where no multiplexer was opened yet.
-                       const bool none = kind == Kind::multiplexer && handle == 0;
-                       return !none && live_device(handle, kind, function) ? ZU_OK : ZU_INVALID_ARGUMENT;
-                   });
+    return perform(
+        false, function, hex(type), text(hex(handle), ", ", hex(type), ", ", value), [&](Context&) {
+            // Interleaving is also switched off where no multiplexer was opened yet.
+            const bool none = kind == Kind::multiplexer && handle == 0;
+            return !none && live_device(handle, kind, function) ? ZU_OK : ZU_INVALID_ARGUMENT;
+        });
 }
 
 /** The callback as its device calls it, on whatever it registered. */
-template <class Record> Callback bound(u32 (*function)(s32, u32, Record*, void*), u32 handle, void* user_data)
+template <class Record>
+Callback bound(u32 (*function)(s32, u32, Record*, void*), u32 handle, void* user_data)
 {
     return [=](u32 event, void* record) {
         return function(static_cast<s32>(handle), event, static_cast<Record*>(record), user_data);
@@ -71,7 +76,8 @@ template <class Record> Callback bound(u32 (*function)(s32, u32, Record*, void*)
 /** Moves bytes from a queue to a destination; what is told of their number may be set to a lie. */
 inline u32 move_out(std::deque<u8>& queue, void* destination, u32 size, std::optional<u32> claim)
 {
-    const auto end = queue.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(size, queue.size()));
+    const auto end =
+        queue.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(size, queue.size()));
     const auto count = static_cast<u32>(end - queue.begin());
     std::copy(queue.begin(), end, static_cast<u8*>(destination));
     queue.erase(queue.begin(), end);

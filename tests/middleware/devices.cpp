@@ -13,8 +13,8 @@ void note_attachments(const Device& device, const std::string& name)
         problem(name + " is closed while its callback is registered");
     if (device.display != 0)
         problem(name + " is closed while it is connected to a display");
-    // An audio source ends with its multiplexer, for the library pushes nothing to it; a video source does
-    // not.
+    // An audio source ends with its multiplexer, for the library pushes nothing to it; a video
+    // source does not.
     for (const auto& [id, source] : device.sources)
         if (source.u8StreamId == 0xE0)
             problem(text(name, " is closed while media source ", hex(id), " is attached"));
@@ -30,7 +30,8 @@ u32 close_call(const char* function, Kind kind, u32 handle)
         device.alive = false;
         device.sources.clear();
         device.pictures.clear();
-        device.lent.clear(); // the memory goes: a late access is one to freed memory
+        // the memory goes: a late access is one to freed memory
+        device.lent.clear();
         return ZU_OK;
     });
 }
@@ -51,24 +52,25 @@ u32 register_call(const char* function, Kind kind, u32 handle, const Params& par
 /** Ends the registration that `id` (0 = whichever) names. */
 u32 unregister_call(const char* function, Kind kind, u32 handle, u64 id, u32 mask)
 {
-    return ending_device_call(function, kind, handle, text(", id=", hex(id), " mask=", mask),
-                              [&](Context& context, Device& device) {
-                                  if (context.refused) {
-                                      device.excused = true;
-                                      state().excused_registrations.insert(device.registration);
-                                      return ZU_OK;
-                                  }
-                                  // A module is stopped at its own failed start and again when its slot
-                                  // closes: removing twice is no fault.
-                                  if (id != 0 && device.registration != 0 && id != device.registration) {
-                                      if (!state().excused_registrations.contains(id))
-                                          problem(text(function, " names registration ", hex(id), ", which ",
-                                                       name_of(kind, handle), " does not have"));
-                                      return ZU_INVALID_ARGUMENT;
-                                  }
-                                  device.registration = 0;
-                                  return ZU_OK;
-                              });
+    return ending_device_call(
+        function, kind, handle, text(", id=", hex(id), " mask=", mask),
+        [&](Context& context, Device& device) {
+            if (context.refused) {
+                device.excused = true;
+                state().excused_registrations.insert(device.registration);
+                return ZU_OK;
+            }
+            // A module is stopped at its own failed start and again when its
+            // slot closes: removing twice is no fault.
+            if (id != 0 && device.registration != 0 && id != device.registration) {
+                if (!state().excused_registrations.contains(id))
+                    problem(text(function, " names registration ", hex(id), ", which ",
+                                 name_of(kind, handle), " does not have"));
+                return ZU_INVALID_ARGUMENT;
+            }
+            device.registration = 0;
+            return ZU_OK;
+        });
 }
 
 u32 init_call(const char* function, Kind kind, u32 reserved)
@@ -88,52 +90,54 @@ u32 deinit_call(const char* function, Kind kind)
             problem(module + " is de-initialised without an initialisation");
         for (const auto& [handle, device] : state().devices)
             if (device.alive && device.kind == kind)
-                problem(text(module, " is de-initialised while ", name_of(kind, handle), " is open"));
+                problem(
+                    text(module, " is de-initialised while ", name_of(kind, handle), " is open"));
         return ZU_OK;
     });
 }
 
 } // namespace
 
-#define DEFINE_CALLBACKS(MODULE, kind)                                                                       \
-    u32 MODULE##_RegisterCallback(u32 handle, const MODULE##_CallbackParams_t* params, u64* id)              \
-    {                                                                                                        \
-        return register_call(__func__, kind, handle, *params, id);                                           \
-    }                                                                                                        \
-    u32 MODULE##_UnRegisterCallback(u32 handle, const MODULE##_CallbackParams_t* params)                     \
-    {                                                                                                        \
-        return unregister_call(__func__, kind, handle, params->u64CallbackId, params->u32EventMask);         \
+#define DEFINE_CALLBACKS(MODULE, kind)                                                             \
+    u32 MODULE##_RegisterCallback(u32 handle, const MODULE##_CallbackParams_t* params, u64* id)    \
+    {                                                                                              \
+        return register_call(__func__, kind, handle, *params, id);                                 \
+    }                                                                                              \
+    u32 MODULE##_UnRegisterCallback(u32 handle, const MODULE##_CallbackParams_t* params)           \
+    {                                                                                              \
+        return unregister_call(__func__, kind, handle, params->u64CallbackId,                      \
+                               params->u32EventMask);                                              \
     }
-#define DEFINE_CLOSE(MODULE, kind)                                                                           \
-    u32 MODULE##_Close(u32 handle)                                                                           \
-    {                                                                                                        \
-        return close_call(__func__, kind, handle);                                                           \
+#define DEFINE_CLOSE(MODULE, kind)                                                                 \
+    u32 MODULE##_Close(u32 handle)                                                                 \
+    {                                                                                              \
+        return close_call(__func__, kind, handle);                                                 \
     }
-#define DEFINE_MODULE(MODULE, kind)                                                                          \
-    u32 MODULE##_Init(const MODULE##_InitParams_t* params)                                                   \
-    {                                                                                                        \
-        return init_call(__func__, kind, params->u8Reserved);                                                \
-    }                                                                                                        \
-    u32 MODULE##_DeInit(void)                                                                                \
-    {                                                                                                        \
-        return deinit_call(__func__, kind);                                                                  \
-    }                                                                                                        \
-    u32 MODULE##_Start(u32 handle, const MODULE##_StartParams_t* params)                                     \
-    {                                                                                                        \
-        return device_call(__func__, kind, handle, text(", ", params->u8Reserved));                          \
-    }                                                                                                        \
-    u32 MODULE##_Stop(u32 handle)                                                                            \
-    {                                                                                                        \
-        return device_call(__func__, kind, handle);                                                          \
-    }                                                                                                        \
+#define DEFINE_MODULE(MODULE, kind)                                                                \
+    u32 MODULE##_Init(const MODULE##_InitParams_t* params)                                         \
+    {                                                                                              \
+        return init_call(__func__, kind, params->u8Reserved);                                      \
+    }                                                                                              \
+    u32 MODULE##_DeInit(void)                                                                      \
+    {                                                                                              \
+        return deinit_call(__func__, kind);                                                        \
+    }                                                                                              \
+    u32 MODULE##_Start(u32 handle, const MODULE##_StartParams_t* params)                           \
+    {                                                                                              \
+        return device_call(__func__, kind, handle, text(", ", params->u8Reserved));                \
+    }                                                                                              \
+    u32 MODULE##_Stop(u32 handle)                                                                  \
+    {                                                                                              \
+        return device_call(__func__, kind, handle);                                                \
+    }                                                                                              \
     DEFINE_CLOSE(MODULE, kind)
-#define DEFINE_CAPS(MODULE, ...)                                                                             \
-    u32 MODULE##_GetCaps(MODULE##_Caps_t* caps)                                                              \
-    {                                                                                                        \
-        return call(__func__, "", [&](Context&) {                                                            \
-            *caps = __VA_ARGS__;                                                                             \
-            return ZU_OK;                                                                                    \
-        });                                                                                                  \
+#define DEFINE_CAPS(MODULE, ...)                                                                   \
+    u32 MODULE##_GetCaps(MODULE##_Caps_t* caps)                                                    \
+    {                                                                                              \
+        return call(__func__, "", [&](Context&) {                                                  \
+            *caps = __VA_ARGS__;                                                                   \
+            return ZU_OK;                                                                          \
+        });                                                                                        \
     }
 
 extern "C" {

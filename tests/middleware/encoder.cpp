@@ -9,8 +9,8 @@ u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* p, u32* handle)
     return open_call(__func__, Kind::encoder,
                      text("name=", p->pu8Name, " color=", p->eColorFormat, " ", p->u32Width, "x",
                           p->u32Height, "@", p->u32FrameRate, " bitrate=", p->u32Bitrate,
-                          " profile=", p->u32Profile, " level=", p->u32Level, " codec=", p->eCodecType,
-                          " mask=", p->u32EventMask),
+                          " profile=", p->u32Profile, " level=", p->u32Level,
+                          " codec=", p->eCodecType, " mask=", p->u32EventMask),
                      handle, [&](Device& device) {
                          state().last.encoder = *p;
                          device.callback = bound(p->pfnCallback, *handle, p->pUserData);
@@ -48,7 +48,8 @@ u32 ZU_VENC_WriteBufferComplete(u32 handle, const ZU_VENC_InputBuffer_t* buffer)
                                problem("an encoder input is completed that was not lent");
                                return ZU_INVALID_ARGUMENT;
                            }
-                           s.last_input.assign(buffer->pu8Data, buffer->pu8Data + buffer->u32DataSize);
+                           s.last_input.assign(buffer->pu8Data,
+                                               buffer->pu8Data + buffer->u32DataSize);
                            device.lent.erase(lent);
                            return ZU_OK;
                        });
@@ -67,6 +68,7 @@ u32 ZU_VENC_QueryEntireInjectBuffer(u32 handle, ZU_VENC_EntireInjectBuf_t* buffe
 
 u32 ZU_VENC_SetAttr(u32 handle, u32 type, const void* value)
 {
-    return attribute_call(__func__, Kind::encoder, handle, type, text(*static_cast<const u32*>(value)));
+    return attribute_call(__func__, Kind::encoder, handle, type,
+                          text(*static_cast<const u32*>(value)));
 }
 }

@@ -7,7 +7,8 @@ using namespace middleware;
 namespace {
 
 constexpr u32 first_file =
-    0x800000F1; // with the top bit, which the library cuts off where it copies a handle
+    // with the top bit, which the library cuts off where it copies a handle
+    0x800000F1;
 
 OpenFile* live_file(u32 handle, const char* function)
 {
@@ -19,7 +20,8 @@ OpenFile* live_file(u32 handle, const char* function)
 }
 
 /** A call that moves `count` items of `size` bytes; `move` gets the file that is open. */
-template <class Move> s32 move_call(const char* function, u32 size, u32 count, u32 handle, Move move)
+template <class Move>
+s32 move_call(const char* function, u32 size, u32 count, u32 handle, Move move)
 {
     return call(function, text(size, ", ", count, ", ", hex(handle)), [&](Context&) {
         OpenFile* const open_file = live_file(handle, function);
@@ -62,7 +64,8 @@ s32 ZU_FS_Fread(void* destination, u32 size, u32 count, u32 handle)
     return move_call(__func__, size, count, handle, [&](OpenFile& open_file, const Bytes& bytes) {
         const size_t left = bytes.size() - std::min(open_file.position, bytes.size());
         const size_t read = std::min(size_t{size} * count, left);
-        std::copy_n(bytes.end() - static_cast<std::ptrdiff_t>(left), read, static_cast<u8*>(destination));
+        std::copy_n(bytes.end() - static_cast<std::ptrdiff_t>(left), read,
+                    static_cast<u8*>(destination));
         open_file.position += read;
         return static_cast<s32>(read);
     });

@@ -6,8 +6,10 @@ namespace middleware {
 
 namespace {
 
-/** Calls in for the device of the kind that was opened last, `picture` being what it hands out. While that
- * device is dead or unregistered, calls on dead handles are not the library's fault. */
+/**
+ * Calls in for the device of the kind that was opened last, `picture` being what it hands out.
+ * While that device is dead or unregistered, calls on dead handles are not the library's fault.
+ */
 u32 call_in(Kind kind, u32 event, void* record, std::optional<u32> picture = {})
 {
     Lock lock(state().mutex);
@@ -41,8 +43,8 @@ u32 Middleware::fire_picture(const Picture& picture)
 
 u32 Middleware::fire_encoded_frame(const EncodedFrame& frame)
 {
-    // A block of its own of exactly this size, gone when the callback returns: who keeps or overruns it is
-    // found.
+    // A block of its own of exactly this size, gone when the callback returns: who keeps or
+    // overruns it is found.
     const auto bytes = std::make_unique<u8[]>(frame.bytes.size());
     std::ranges::copy(frame.bytes, bytes.get());
     ZU_VENC_FrameInfo_t record = {};
@@ -77,7 +79,8 @@ std::future<u32> Middleware::fire_on_thread(std::function<u32()> work, bool lets
         return value;
     };
     std::future<u32> result = std::async(std::launch::async, std::move(run));
-    registered.wait(); // from here on the clock knows of the thread
+    // from here on the clock knows of the thread
+    registered.wait();
     return result;
 }
 

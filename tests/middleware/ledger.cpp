@@ -40,7 +40,8 @@ std::vector<std::string> leftovers()
 State& state()
 {
     static State* const the_state =
-        new State; // never destroyed: static objects of others may call in at exit
+        // never destroyed: static objects of others may call in at exit
+        new State;
     return *the_state;
 }
 
@@ -57,10 +58,11 @@ void problem(std::string sentence)
 
 const KindFacts& facts(Kind kind)
 {
-    static const std::map<Kind, KindFacts> all = {{Kind::capture, {"capture", 0x11, "ZU_CAP"}},
-                                                  {Kind::encoder, {"encoder", 0x21, "ZU_VENC"}},
-                                                  {Kind::audio, {"audio capture", 0x31, "ZU_ACAP"}},
-                                                  {Kind::multiplexer, {"multiplexer", 0x41, "ZU_TSMUX"}}};
+    static const std::map<Kind, KindFacts> all = {
+        {Kind::capture, {"capture", 0x11, "ZU_CAP"}},
+        {Kind::encoder, {"encoder", 0x21, "ZU_VENC"}},
+        {Kind::audio, {"audio capture", 0x31, "ZU_ACAP"}},
+        {Kind::multiplexer, {"multiplexer", 0x41, "ZU_TSMUX"}}};
     return all.at(kind);
 }
 
@@ -76,8 +78,8 @@ Device* live_device(u32 handle, Kind kind, const std::string& function)
     if (known && found->second.kind == kind && found->second.alive)
         return &found->second;
     if (late_callback_depth == 0)
-        problem(
-            text(function, " is called on ", known ? "dead or wrong" : "unknown", " handle ", hex(handle)));
+        problem(text(function, " is called on ", known ? "dead or wrong" : "unknown", " handle ",
+                     hex(handle)));
     return nullptr;
 }
 

@@ -11,7 +11,8 @@ namespace {
 constexpr u64 output_region_base = 0x1'0000'0000;
 constexpr u64 output_region_offset = 0x0200'0000;
 constexpr u32 output_region_size = 0x200000;
-constexpr u32 inject_offset = 8192; // of the inject buffer in its block
+// of the inject buffer in its block
+constexpr u32 inject_offset = 8192;
 constexpr u64 inject_block_physical = 0x1'9000'0000;
 
 /** From a physical address to the virtual one, or back. */
@@ -32,7 +33,9 @@ u32 convert(bool back, u64 address, u64* result)
 /** Start of the block that contains `physical`, 0 if none does. */
 u64 block_of(u64 physical)
 {
-    const auto contains = [&](u64 start, u64 size) { return physical >= start && physical - start < size; };
+    const auto contains = [&](u64 start, u64 size) {
+        return physical >= start && physical - start < size;
+    };
     for (const auto& [start, size] : state().blocks)
         if (contains(start, size))
             return start;
@@ -42,7 +45,9 @@ u64 block_of(u64 physical)
 
 } // namespace
 
-/** Records hold some addresses in 32 bits, so their memory must lie that low also where pointers are longer.
+/**
+ * Records hold some addresses in 32 bits, so their memory must lie that low also where pointers are
+ * longer.
  */
 std::span<u8> new_low_memory(size_t size)
 {
@@ -52,7 +57,8 @@ std::span<u8> new_low_memory(size_t size)
     const int low = 0;
 #endif
     void* const hint = low ? nullptr : reinterpret_cast<void*>(0x20000000);
-    void* const memory = mmap(hint, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | low, -1, 0);
+    void* const memory =
+        mmap(hint, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | low, -1, 0);
     if (memory == MAP_FAILED || reinterpret_cast<uintptr_t>(memory) + size > UINT32_MAX) {
         ADD_FAILURE() << "no memory below 4 GiB";
         std::abort();
@@ -64,7 +70,8 @@ InjectBuffer Middleware::offer_inject_buffer(u32 size)
 {
     const Lock lock(state().mutex);
     State& s = state();
-    const std::span<u8> buffer = new_low_memory(size_t{size} + inject_offset).subspan(inject_offset);
+    const std::span<u8> buffer =
+        new_low_memory(size_t{size} + inject_offset).subspan(inject_offset);
     s.inject = {buffer.data(), size, inject_block_physical + inject_offset, inject_block_physical};
     s.physical[s.inject.physical] = buffer;
     return s.inject;
@@ -78,12 +85,14 @@ extern "C" {
 
 u32 ZU_OS_Pa2NonCachedVa(u64 physical, u64* address)
 {
-    return call(__func__, hex(physical), [&](Context&) { return convert(false, physical, address); });
+    return call(__func__, hex(physical),
+                [&](Context&) { return convert(false, physical, address); });
 }
 
 u32 ZU_OS_Pa2CachedVa(u64 physical, u64* address)
 {
-    return call(__func__, hex(physical), [&](Context&) { return convert(false, physical, address); });
+    return call(__func__, hex(physical),
+                [&](Context&) { return convert(false, physical, address); });
 }
 
 u32 ZU_OS_Va2Pa(u64 address, u64* physical)
@@ -144,28 +153,31 @@ u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* request)
 
 u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e operation, void* record)
 {
-    const u64 physical = *static_cast<const u64*>(record); // both kinds of record begin with it
+    // both kinds of record begin with it
+    const u64 physical = *static_cast<const u64*>(record);
     auto* const buffer = static_cast<ZU_OS_IommuBufFd_t*>(record);
     std::set<s32>& descriptors = state().descriptors;
     switch (operation) {
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD:
-        return perform(
-            false, __func__, "GET_BUFFD", "GET_BUFFD phys=" + hex(physical), [&](Context& context) {
-                if (block_of(physical) == 0)
-                    return ZU_INVALID_ARGUMENT;
-                buffer->s32Fd = Middleware::instance().settings.first_fd + state().next_descriptor++;
-                descriptors.insert(buffer->s32Fd);
-                context.note = text("fd=", buffer->s32Fd);
-                return ZU_OK;
-            });
-    case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
-        return perform(true, __func__, "PUT_BUFFD",
-                       text("PUT_BUFFD phys=", hex(physical), " fd=", buffer->s32Fd), [&](Context&) {
-                           if (descriptors.erase(buffer->s32Fd) == 1)
-                               return ZU_OK;
-                           problem(text("descriptor ", buffer->s32Fd, " is given back but was not out"));
-                           return ZU_INVALID_ARGUMENT;
+        return perform(false, __func__, "GET_BUFFD", "GET_BUFFD phys=" + hex(physical),
+                       [&](Context& context) {
+                           if (block_of(physical) == 0)
+                               return ZU_INVALID_ARGUMENT;
+                           buffer->s32Fd =
+                               Middleware::instance().settings.first_fd + state().next_descriptor++;
+                           descriptors.insert(buffer->s32Fd);
+                           context.note = text("fd=", buffer->s32Fd);
+                           return ZU_OK;
                        });
+    case E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD:
+        return perform(
+            true, __func__, "PUT_BUFFD",
+            text("PUT_BUFFD phys=", hex(physical), " fd=", buffer->s32Fd), [&](Context&) {
+                if (descriptors.erase(buffer->s32Fd) == 1)
+                    return ZU_OK;
+                problem(text("descriptor ", buffer->s32Fd, " is given back but was not out"));
+                return ZU_INVALID_ARGUMENT;
+            });
     case E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO:
         return perform(false, __func__, "GET_BUFFINFO", "GET_BUFFINFO phys=" + hex(physical),
                        [&](Context& context) {

@@ -1,7 +1,8 @@
 /**
- * The scripted middleware: one double of everything under the platform contract, on which the library's
- * objects run in the unit tests. It logs every call, answers as a good device does or as a script says, keeps
- * a ledger of what is open, checks locks, owns a virtual clock and plays the middleware's own threads.
+ * The scripted middleware: one double of everything under the platform contract, on which the
+ * library's objects run in the unit tests. It logs every call, answers as a good device does or as
+ * a script says, keeps a ledger of what is open, checks locks, owns a virtual clock and plays the
+ * middleware's own threads.
  *
  *     using middleware::MiddlewareTest;
  *
@@ -17,17 +18,18 @@
  *         mw.tolerate_problem("task Tscode:6 is left");         // only where a leftover may be
  *     }                                                         // TearDown fails on every other problem
  *
- * Time: nothing takes real time. The clock moves only while a thread that is no task waits in the middleware
- * (a delay, a mutex, the deletion of a task, or advance() itself) and every task, callback thread and holder
- * of a mutex waits too; then it jumps to the earliest deadline. So advance(1000) lets a task with a period of
- * 100 ms run exactly ten times, and a delay on the test's own thread or in a callback returns at once. A
- * thread that waits outside the middleware (for a std::mutex of the library, say) is not known to wait and
- * does not move the clock.
+ * Time: nothing takes real time. The clock moves only while a thread that is no task waits in the
+ * middleware (a delay, a mutex, the deletion of a task, or advance() itself) and every task,
+ * callback thread and holder of a mutex waits too; then it jumps to the earliest deadline. So
+ * advance(1000) lets a task with a period of 100 ms run exactly ten times, and a delay on the
+ * test's own thread or in a callback returns at once. A thread that waits outside the middleware
+ * (for a std::mutex of the library, say) is not known to wait and does not move the clock.
  *
- * Names in scripts are function names; ZU_OS_IommuOperation, ZU_TSMUX_SetAttr and ZU_VENC_SetAttr also answer
- * to "ZU_OS_IommuOperation:GET_BUFFD", "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks run with no lock of the
- * double. A call that ends something (close, delete, free, de-initialise, detach, put) ends it also when it
- * is scripted to fail; any other call that is scripted to fail does nothing.
+ * Names in scripts are function names; ZU_OS_IommuOperation, ZU_TSMUX_SetAttr and ZU_VENC_SetAttr
+ * also answer to "ZU_OS_IommuOperation:GET_BUFFD", "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks
+ * run with no lock of the double. A call that ends something (close, delete, free, de-initialise,
+ * detach, put) ends it also when it is scripted to fail; any other call that is scripted to fail
+ * does nothing.
  */
 #pragma once
 
@@ -40,7 +42,10 @@
 
 namespace middleware {
 
-/** A point where threads stop until the test lets them go; while they wait there they count as waiting. */
+/**
+ * A point where threads stop until the test lets them go; while they wait there they count as
+ * waiting.
+ */
 class Gate {
 public:
     /** Called from a hook: waits until the gate is open. */
@@ -57,7 +62,8 @@ private:
 /** A captured picture as the capture device reports it. */
 struct Picture {
     u32 buffer = 0;
-    u64 luma = 0; /**< physical addresses */
+    /** physical addresses */
+    u64 luma = 0;
     u64 chroma = 0;
 };
 
@@ -69,8 +75,10 @@ struct EncodedFrame {
     u32 input_index = 0;
     u32 event = ZU_VENC_EVENT_FRAME;
     std::optional<u32> size =
-        {};                   /**< a size that is not that of the bytes; with no bytes the pointer is NULL */
-    bool null_record = false; /**< the record pointer itself is NULL */
+        /** a size that is not that of the bytes; with no bytes the pointer is NULL */
+        {};
+    /** the record pointer itself is NULL */
+    bool null_record = false;
 };
 
 /** Renderers of watermarks that exist; readable to the very end of the process. */
@@ -83,8 +91,11 @@ public:
     /** Ends what is left and forgets everything: log, script, ledger, clock, files, settings. */
     void reset();
 
-    // --- the log of calls ----------------------------------------------------------------------------------
-    /** Calls so far, without mutex obtaining and releasing, delays, clocks and log lines; forgets all calls.
+    // --- the log of calls
+    // ----------------------------------------------------------------------------------
+    /**
+     * Calls so far, without mutex obtaining and releasing, delays, clocks and log lines; forgets
+     * all calls.
      */
     std::vector<std::string> take_calls();
     /** Every call by the name that scripts know it by, with its variant where it has one. */
@@ -95,37 +106,55 @@ public:
     /** The records given last to the calls that open or start. */
     LastParams last() const { return Locked()->last; }
 
-    // --- Android's log -------------------------------------------------------------------------------------
-    /** "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end; forgets
-     * them. */
+    // --- Android's log
+    // -------------------------------------------------------------------------------------
+    /**
+     * "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end;
+     * forgets them.
+     */
     std::vector<std::string> take_logs() { return std::exchange(Locked()->log, {}); }
 
-    // --- the script ----------------------------------------------------------------------------------------
-    /** The name "*" is that of all calls but those that cannot fail: clocks, delays, releases, log. */
-    void fail(const std::string& name, Answer answer = {}) { Locked()->script.push_back({name, answer}); }
+    // --- the script
+    // ----------------------------------------------------------------------------------------
+    /**
+     * The name "*" is that of all calls but those that cannot fail: clocks, delays, releases, log.
+     */
+    void fail(const std::string& name, Answer answer = {})
+    {
+        Locked()->script.push_back({name, answer});
+    }
     /** Runs `hook` inside the call. */
     void inside(const std::string& name, std::function<void()> hook, When when = {})
     {
-        Locked()->script.push_back({name, {{}, when.nth, when.forever}, std::move(hook), when.behind});
+        Locked()->script.push_back(
+            {name, {{}, when.nth, when.forever}, std::move(hook), when.behind});
     }
     /** Whether an answer that comes once was not asked for yet. */
     bool script_pending() const
     {
-        return std::ranges::any_of(Locked()->script, [](const ScriptEntry& entry) { return !entry.hook; });
+        return std::ranges::any_of(Locked()->script,
+                                   [](const ScriptEntry& entry) { return !entry.hook; });
     }
     /** Forgets all answers and hooks. */
     void clear_script() { Locked()->script.clear(); }
 
-    // --- the ledger ----------------------------------------------------------------------------------------
-    /** A sentence for every wrong use so far and for everything that is left; without what is tolerated. */
+    // --- the ledger
+    // ----------------------------------------------------------------------------------------
+    /**
+     * A sentence for every wrong use so far and for everything that is left; without what is
+     * tolerated.
+     */
     std::vector<std::string> ledger_problems() const;
     /** Such a problem may be there; a part of the sentence is enough. */
     void tolerate_problem(const std::string& part) { Locked()->tolerated.push_back(part); }
 
-    // --- time and tasks ------------------------------------------------------------------------------------
+    // --- time and tasks
+    // ------------------------------------------------------------------------------------
     s64 now_ms() const { return Locked()->now_ns / 1'000'000; }
     void set_now_us(s64 us) { Locked()->now_ns = us * 1000; }
-    /** Lets `ms` pass, waking whoever waits in its order, and returns when everybody waits again. */
+    /**
+     * Lets `ms` pass, waking whoever waits in its order, and returns when everybody waits again.
+     */
     void advance(s64 ms);
     /** Waits until every task and callback thread waits in the middleware or has ended. */
     void settle() { advance(0); }
@@ -134,7 +163,8 @@ public:
     /** From now on tasks are created but not run. */
     void hold_tasks() { Locked()->tasks_held = true; }
 
-    // --- the middleware's own threads: the device opened last calls in, also after it was closed -----------
+    // --- the middleware's own threads: the device opened last calls in, also after it was closed
+    // -----------
     u32 fire_picture(const Picture& picture);
     u32 fire_encoded_frame(const EncodedFrame& frame);
     u32 fire_event(Kind kind, u32 event);
@@ -144,7 +174,8 @@ public:
      */
     std::future<u32> fire_on_thread(std::function<u32()> work, bool lets_time_pass = true);
 
-    // --- memory and files ----------------------------------------------------------------------------------
+    // --- memory and files
+    // ----------------------------------------------------------------------------------
     /** Makes `size` bytes at `pointer` reachable by address conversion. */
     void map_physical(u64 physical, void* pointer, u32 size)
     {
@@ -154,11 +185,18 @@ public:
     void add_file(const std::string& name, const Bytes& bytes) { Locked()->files[name] = bytes; }
     Bytes file(const std::string& name) const { return Locked()->files.at(name); }
 
-    // --- what devices took and give ------------------------------------------------------------------------
+    // --- what devices took and give
+    // ------------------------------------------------------------------------
     /** What ZU_TSMUX_CopyOutputStream hands out. */
-    void queue_output(const Bytes& bytes) { std::ranges::copy(bytes, std::back_inserter(Locked()->output)); }
+    void queue_output(const Bytes& bytes)
+    {
+        std::ranges::copy(bytes, std::back_inserter(Locked()->output));
+    }
     /** What ZU_ACAP_Read hands out. */
-    void queue_audio(const Bytes& bytes) { std::ranges::copy(bytes, std::back_inserter(Locked()->audio)); }
+    void queue_audio(const Bytes& bytes)
+    {
+        std::ranges::copy(bytes, std::back_inserter(Locked()->audio));
+    }
     std::vector<PushedFrame> pushed() const { return Locked()->pushed; }
     /** As completed; pu8Data is NULL for lent ones. */
     std::vector<ZU_VENC_InputBuffer_t> encoder_inputs() const { return Locked()->inputs; }
@@ -169,12 +207,17 @@ public:
     struct Settings {
         ZU_VENC_Caps_t encoder = {3840, 2160, 120, 1, 4096, {}};
         u32 encoder_input_size = 640 * 480 * 3 / 2;
-        std::optional<u32> audio_level = {}; /**< none = what is queued */
-        /** What a device claims, true or not, of the bytes that it read, copied out, or offers for injection.
+        /** none = what is queued */
+        std::optional<u32> audio_level = {};
+        /**
+         * What a device claims, true or not, of the bytes that it read, copied out, or offers for
+         * injection.
          */
         std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
-        s32 first_fd = 0;                    /**< the first IOMMU descriptor; 0 is a good one */
-        std::optional<s64> deletion_ms = {}; /**< after which a task that hangs is given up; none = never */
+        /** the first IOMMU descriptor; 0 is a good one */
+        s32 first_fd = 0;
+        /** after which a task that hangs is given up; none = never */
+        std::optional<s64> deletion_ms = {};
     } settings;
 
 private:
@@ -197,7 +240,8 @@ inline void expect_lines(const char* file, int line, const std::vector<std::stri
     ::testing::ScopedTrace trace(file, line, "compared here");
     EXPECT_EQ(joined(actual), joined(expected));
 }
-#define EXPECT_CALLS(actual, ...) ::middleware::expect_lines(__FILE__, __LINE__, (actual), __VA_ARGS__)
+#define EXPECT_CALLS(actual, ...)                                                                  \
+    ::middleware::expect_lines(__FILE__, __LINE__, (actual), __VA_ARGS__)
 
 /** Every test starts with a fresh double and ends with a clean ledger. */
 class MiddlewareTest : public ::testing::Test {

@@ -27,10 +27,10 @@ template <class Object> Object* made(const std::string& function, const std::str
 
 std::string describe(const qrl_native_buffer_t& b)
 {
-    return text("version=", hex(b.version), " flags=", b.flags, " format=", hex(b.format), " ", b.width, "x",
-                b.height, " pitch=", b.pitch, " addr=", hex(reinterpret_cast<uintptr_t>(b.addr)),
-                " phys=", hex(b.phys), " fd=", b.fd[0], ",", b.fd[1], " offset=", b.offset[0], ",",
-                b.offset[1]);
+    return text("version=", hex(b.version), " flags=", b.flags, " format=", hex(b.format), " ",
+                b.width, "x", b.height, " pitch=", b.pitch,
+                " addr=", hex(reinterpret_cast<uintptr_t>(b.addr)), " phys=", hex(b.phys),
+                " fd=", b.fd[0], ",", b.fd[1], " offset=", b.offset[0], ",", b.offset[1]);
 }
 
 } // namespace
@@ -51,8 +51,8 @@ int SrGlWorker::prepare()
 
 int SrGlWorker::setWatermark(sp<WatermarkParams> p)
 {
-    return answer("SrGlWorker::setWatermark", text(p->u32Width, "x", p->u32Height, " at ", p->s32X, ",",
-                                                   p->s32Y, " opacity=", p->u32Opacity));
+    return answer("SrGlWorker::setWatermark", text(p->u32Width, "x", p->u32Height, " at ", p->s32X,
+                                                   ",", p->s32Y, " opacity=", p->u32Opacity));
 }
 
 int SrGlWorker::render(sp<VideoBuffer> buffer)

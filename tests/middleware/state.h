@@ -1,4 +1,7 @@
-/** The state of the double, which its parts share under one mutex, and the records that it is made of. */
+/**
+ * The state of the double, which its parts share under one mutex, and the records that it is made
+ * of.
+ */
 #pragma once
 
 #include <condition_variable>
@@ -33,17 +36,22 @@ using Bytes = std::vector<u8>;
 
 /** What a scripted call answers instead, and when. */
 struct Answer {
-    std::optional<s64> result = {}; /**< none = the function's own failure value (3; 0 or -1 for files) */
-    int nth = 1;                    /**< 1 = the next call of that name, counted from the scripting on */
-    bool forever = false;           /**< from the n-th on */
-    bool takes_effect = false;      /**< it does its work, writes what it writes, and then answers this */
+    /** none = the function's own failure value (3; 0 or -1 for files) */
+    std::optional<s64> result = {};
+    /** 1 = the next call of that name, counted from the scripting on */
+    int nth = 1;
+    /** from the n-th on */
+    bool forever = false;
+    /** it does its work, writes what it writes, and then answers this */
+    bool takes_effect = false;
 };
 
 /** When a hook runs: at the n-th call of the name from now on, once or for ever. */
 struct When {
     int nth = 1;
     bool forever = false;
-    bool behind = false; /**< after the call's effect, before it returns; else before it has any */
+    /** after the call's effect, before it returns; else before it has any */
+    bool behind = false;
 };
 
 /** What ZU_TSMUX_PushMediaData took (answer 0). */
@@ -55,21 +63,26 @@ struct PushedFrame {
 
 /** The encoder's entire inject buffer, offered by Middleware::offer_inject_buffer. */
 struct InjectBuffer {
-    u8* address; /**< below 4 GiB */
+    /** below 4 GiB */
+    u8* address;
     u32 size;
-    u64 physical;       /**< of address */
-    u64 block_physical; /**< start of the block that contains it, 8192 bytes earlier */
+    /** of address */
+    u64 physical;
+    /** start of the block that contains it, 8192 bytes earlier */
+    u64 block_physical;
 };
 
 using Lock = std::unique_lock<std::mutex>;
 
 constexpr s64 never = INT64_MAX;
 constexpr std::chrono::seconds
-    real_patience(60); // for a thread that must come soon, on a slow emulated machine
+    // for a thread that must come soon, on a slow emulated machine
+    real_patience(60);
 
 struct Call {
     std::string function;
-    std::string full_name; // with its variant, where it has one
+    // with its variant, where it has one
+    std::string full_name;
     std::string arguments;
     std::string outcome = ""; // "=0 h=0x11", empty while it runs
 };
@@ -77,7 +90,8 @@ struct Call {
 struct ScriptEntry {
     std::string name; // "*" = any call that can fail
     Answer answer;
-    std::function<void()> hook = {}; // set = a hook, no answer
+    // set = a hook, no answer
+    std::function<void()> hook = {};
     bool behind = false;
 };
 
@@ -85,14 +99,16 @@ struct ScriptEntry {
 struct Waiter {
     std::thread::id thread;
     s64 deadline_ns;
-    bool client; // no task: lets time pass
+    // no task: lets time pass
+    bool client;
     bool woken = false;
     bool expired = false;
 };
 
 struct Mutex {
     std::string name;
-    std::thread::id owner = {}; // of nobody while it is free
+    // of nobody while it is free
+    std::thread::id owner = {};
     std::list<Waiter*> queue = {};
 
     bool held() const { return owner != std::thread::id(); }
@@ -117,14 +133,18 @@ using Callback = std::function<u32(u32 event, void* record)>;
 struct Device {
     Kind kind;
     bool alive = true;
-    bool excused = false; // a removal was scripted to fail: what is still registered at the close is no fault
-    u64 registration = 0; // 0 = none
+    // a removal was scripted to fail: what is still registered at the close is no fault
+    bool excused = false;
+    // 0 = none
+    u64 registration = 0;
     Callback callback = {};
     u32 display = 0;
     std::map<u64, ZU_TSMUX_MediaSourceParams_t> sources = {};
     std::map<u8*, std::unique_ptr<u8[]>> lent = {};
-    std::map<u32, int> pictures = {}; // capture buffers that the library holds
-    int pictures_on_their_way = 0;    // callbacks that have not returned: a close need not wait for them
+    // capture buffers that the library holds
+    std::map<u32, int> pictures = {};
+    // callbacks that have not returned: a close need not wait for them
+    int pictures_on_their_way = 0;
 };
 
 /** The records given last to ZU_VENC_Open, ZU_TSMUX_Open and ZU_CAP_CaptureStart. */
@@ -161,7 +181,8 @@ struct State {
     std::map<s32, Task> tasks;
     s32 next_mutex = 0, next_task = 1;
 
-    std::map<u32, Device> devices; // dead ones stay, for late callbacks
+    // dead ones stay, for late callbacks
+    std::map<u32, Device> devices;
     std::map<Kind, u32> last_of_kind;
     std::map<Kind, u32> next_handle;
     std::set<u64> excused_registrations;
@@ -169,11 +190,13 @@ struct State {
     std::set<std::string> initialised;
 
     std::map<u64, std::span<u8>> physical;
-    std::map<u64, u32> blocks; // sizes of the IOMMU blocks, which nobody looks into
+    // sizes of the IOMMU blocks, which nobody looks into
+    std::map<u64, u32> blocks;
     std::vector<std::span<u8>> low_memory;
     u64 next_block = 0x2'8000'0000;
     std::set<s32> descriptors;
-    s32 next_descriptor = 0; // counted from the settings' first_fd
+    // counted from the settings' first_fd
+    s32 next_descriptor = 0;
     InjectBuffer inject = {};
     std::span<u8> output_region;
 

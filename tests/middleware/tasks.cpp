@@ -31,7 +31,8 @@ u32 create(Context& context, const ZU_OS_TaskAttr_t& attributes, s32* id)
 {
     State& s = state();
     if (attributes.pStack && attributes.u32StackSize != 0)
-        // A stack that is not live memory of this size is found here by AddressSanitizer, or by a crash.
+        // A stack that is not live memory of this size is found here by AddressSanitizer, or by a
+        // crash.
         for (const u32 place : {u32{0}, attributes.u32StackSize - 1})
             static_cast<volatile u8*>(attributes.pStack)[place] = 0;
     else
@@ -99,7 +100,8 @@ void end_all_tasks(Lock& lock)
         let_time_pass();
         if (!s.changed.wait_for(lock, std::chrono::seconds(5),
                                 [&task = task] { return task.state != TaskState::running; })) {
-            std::fprintf(stderr, "Task %s runs on after its test; no further test can be trusted.\n",
+            std::fprintf(stderr,
+                         "Task %s runs on after its test; no further test can be trusted.\n",
                          task.name.c_str());
             std::abort();
         }
@@ -123,6 +125,7 @@ u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* attributes, s32* id)
 
 u32 ZU_OS_DeleteTask(s32 id)
 {
-    return ending_call(__func__, text("t", id), [&](Context& context) { return remove(context, id); });
+    return ending_call(__func__, text("t", id),
+                       [&](Context& context) { return remove(context, id); });
 }
 }

@@ -9,8 +9,8 @@
  * (made here), both 320x240 api_stress hour FILE MINUTES           records the screen, prints resident memory
  * and descriptors once a minute, what is counted of the pictures, and how much waits between screen and file
  *
- * Exit code 0 when every call answered as it must; what did not is said on stderr. A call that hangs ends the
- * program by SIGALRM.
+ * Exit code 0 when every call answered as it must; what did not is said on stderr. A call that
+ * hangs ends the program by SIGALRM.
  */
 #include <chrono>
 #include <thread>
@@ -33,7 +33,8 @@ int64_t milliseconds_since(Clock::time_point start)
 
 void start_limited(std::string& file)
 {
-    must(startScreenRecord(640, 360, 30, 0, 188, limit_seconds, 0, bytes(file)) == 0, "startScreenRecord");
+    must(startScreenRecord(640, 360, 30, 0, 188, limit_seconds, 0, bytes(file)) == 0,
+         "startScreenRecord");
 }
 
 /** The limit is checked every 100 ms and passed once a whole second more than it has gone by. */
@@ -89,7 +90,8 @@ void cycles(const std::string& file, int count, uint32_t seed)
         must(recording.open(file, "cap", 320, 240, 60), "opening" + in_cycle);
         const Clock::time_point begin = Clock::now();
         must(recording.start(), "SCREENRECORD_Start" + in_cycle);
-        // One cycle in two stops at once; the distance of the others is left out of the measured time.
+        // One cycle in two stops at once; the distance of the others is left out of the measured
+        // time.
         const milliseconds distance(n % 2 ? random() % 60 : 0);
         std::this_thread::sleep_for(distance);
         must(recording.stop() && recording.close(), "stop or close" + in_cycle);
@@ -98,7 +100,8 @@ void cycles(const std::string& file, int count, uint32_t seed)
     printf("%lld\n", static_cast<long long>(longest));
 }
 
-void pair(const std::string& screen_file, const std::string& raw_file, const std::string& raw_recording)
+void pair(const std::string& screen_file, const std::string& raw_file,
+          const std::string& raw_recording)
 {
     constexpr uint32_t width = 320, height = 240;
     constexpr int raw_pictures = 60;
@@ -108,7 +111,8 @@ void pair(const std::string& screen_file, const std::string& raw_file, const std
              raw.open(raw_recording, raw_file, width, height, 30),
          "opening");
     must(screen.start() && raw.start(), "starting");
-    // A reader passes on a picture every 28 ms and a little; after this long it has met the end of its file.
+    // A reader passes on a picture every 28 ms and a little; after this long it has met the end of
+    // its file.
     std::this_thread::sleep_for(milliseconds(raw_pictures * 28 * 2));
     must(raw.stop() && screen.stop() && raw.close() && screen.close(), "stop or close");
 }
@@ -124,8 +128,8 @@ void hour(std::string file, int minutes)
         zu3_host_statistics_t counted{};
         zu3_host_statistics(&counted, sizeof counted);
         const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-        printf("%d %ld %ld %llu %llu %llu %llu %llu %llu %llu %lld %llu\n", minute, resident_kib(), descriptors(),
-               number(counted.pictures_due), number(counted.pictures_captured),
+        printf("%d %ld %ld %llu %llu %llu %llu %llu %llu %llu %lld %llu\n", minute, resident_kib(),
+               descriptors(), number(counted.pictures_due), number(counted.pictures_captured),
                number(counted.pictures_dropped_late), number(counted.pictures_dropped_no_buffer),
                number(counted.pictures_dropped_no_display), number(counted.pictures_encoded),
                number(counted.pictures_refused),
@@ -153,9 +157,10 @@ int main(int argc, char** argv)
     else if (mode == "hour" && argc == 4)
         hour(argv[2], atoi(argv[3]));
     else
-        return fprintf(stderr, "usage: api_stress limit FOLDER COUNT [SEED] | limit-alone FILE |\n"
-                               "       cycles FILE COUNT [SEED] | pair SCREEN.ts RAW.nv12 RAW.ts |\n"
-                               "       hour FILE MINUTES\n"),
+        return fprintf(stderr,
+                       "usage: api_stress limit FOLDER COUNT [SEED] | limit-alone FILE |\n"
+                       "       cycles FILE COUNT [SEED] | pair SCREEN.ts RAW.nv12 RAW.ts |\n"
+                       "       hour FILE MINUTES\n"),
                2;
     must(mode == "hour" || SCREENRECORD_DeInit(), "SCREENRECORD_DeInit");
 }

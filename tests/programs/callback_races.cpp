@@ -1,14 +1,14 @@
 /**
- * Starts and stops everything that calls back, COUNT times, while other threads never cease to call in: for
- * ThreadSanitizer, and for what hangs or refuses afterwards.
+ * Starts and stops everything that calls back, COUNT times, while other threads never cease to call
+ * in: for ThreadSanitizer, and for what hangs or refuses afterwards.
  *
  *   callback_races FOLDER COUNT [SEED]
  *
- * Each cycle records screen and sound on slot 1 and, on slot 0, by turns, the same, the capture-encode
- * pipeline, or still pictures, the last two with PCM. Four threads take frames and PCM, change the watermark,
- * and tune the encoder all the time, also while it is opened, stopped and closed. Prints the cycles and what
- * came of them; exit code 0 when every start and stop succeeded and something came of everything. A call that
- * hangs ends it by SIGALRM.
+ * Each cycle records screen and sound on slot 1 and, on slot 0, by turns, the same, the
+ * capture-encode pipeline, or still pictures, the last two with PCM. Four threads take frames and
+ * PCM, change the watermark, and tune the encoder all the time, also while it is opened, stopped
+ * and closed. Prints the cycles and what came of them; exit code 0 when every start and stop
+ * succeeded and something came of everything. A call that hangs ends it by SIGALRM.
  */
 #include <atomic>
 #include <thread>
@@ -67,7 +67,8 @@ private:
         threads_.emplace_back([this, call]() mutable {
             for (unsigned turn = 0; !done_; ++turn) {
                 call(turn);
-                std::this_thread::sleep_for(milliseconds(1)); // the locks are the main thread's as well
+                // the locks are the main thread's as well
+                std::this_thread::sleep_for(milliseconds(1));
             }
         });
     }
@@ -79,7 +80,8 @@ private:
 
 class Cycles {
 public:
-    Cycles(const std::string& folder, Came& came, uint32_t seed) : folder_(folder), came_(came), random_(seed)
+    Cycles(const std::string& folder, Came& came, uint32_t seed)
+        : folder_(folder), came_(came), random_(seed)
     {
         write_raw_file(folder_ + "/raw.nv12", width, height, 20);
     }
@@ -114,7 +116,8 @@ private:
 
     bool record(Recording& recording, const char* name, const std::string& pictures)
     {
-        return recording.open(folder_ + name, pictures, width, height, rate, "cap") && recording.start();
+        return recording.open(folder_ + name, pictures, width, height, rate, "cap") &&
+               recording.start();
     }
     template <typename Pictures> bool with_pcm(Pictures pictures)
     {
@@ -165,7 +168,8 @@ int main(int argc, char** argv)
     }
     printf(
         "%d cycles: %ld recordings, %ld frames, %ld bytes of PCM, %ld watermarks, %ld tunings, %ld stills\n",
-        count, came.recordings.load(), came.frames.load(), came.pcm_bytes.load(), came.watermarks.load(),
-        came.tunings.load(), came.stills.load());
-    return !SCREENRECORD_DeInit() || !came.frames || !came.pcm_bytes || !came.watermarks || !came.stills;
+        count, came.recordings.load(), came.frames.load(), came.pcm_bytes.load(),
+        came.watermarks.load(), came.tunings.load(), came.stills.load());
+    return !SCREENRECORD_DeInit() || !came.frames || !came.pcm_bytes || !came.watermarks ||
+           !came.stills;
 }

@@ -24,7 +24,7 @@ int main(int argc, char** argv)
     }
     const long grown_kib = resident_kib() - first_kib, added = descriptors() - first_descriptors;
     video_cap_close();
-    printf("%d captures, %d failed, %ld KiB and %ld descriptors more at the end\n", count, failed, grown_kib,
-           added);
+    printf("%d captures, %d failed, %ld KiB and %ld descriptors more at the end\n", count, failed,
+           grown_kib, added);
     return failed != 0 || added != 0 || grown_kib > 256;
 }

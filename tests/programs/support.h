@@ -39,8 +39,8 @@ public:
     explicit Recording(uint32_t slot) : slot_(slot) {}
 
     /** `sound` empty = none. */
-    bool open(std::string file, std::string pictures, uint32_t width, uint32_t height, uint32_t rate,
-              std::string sound = "")
+    bool open(std::string file, std::string pictures, uint32_t width, uint32_t height,
+              uint32_t rate, std::string sound = "")
     {
         uint32_t packet_size = 188;
         return SCREENRECORD_Open(&slot_, bytes(file)) &&
@@ -83,8 +83,8 @@ inline void write_raw_file(const std::string& name, uint32_t width, uint32_t hei
 /** From argument `place`, or any; said on stderr. */
 inline uint32_t seed_from(int argc, char** argv, int place)
 {
-    const auto seed =
-        argc > place ? static_cast<uint32_t>(strtoul(argv[place], nullptr, 10)) : std::random_device()();
+    const auto seed = argc > place ? static_cast<uint32_t>(strtoul(argv[place], nullptr, 10))
+                                   : std::random_device()();
     fprintf(stderr, "seed %u\n", seed);
     return seed;
 }

@@ -1,6 +1,6 @@
 /**
- * Changes the watermark of a running capture-encode pipeline N times, with every kind of change, while frames
- * are taken.
+ * Changes the watermark of a running capture-encode pipeline N times, with every kind of change,
+ * while frames are taken.
  *
  *   watermark_changes [N]     default 1000; exit code 0 when every change was accepted and frames kept coming
  *

@@ -31,31 +31,37 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
     ASSERT_EQ(open(), 0);
     EXPECT_EQ(params.width, 1008u);
     EXPECT_EQ(params.height, 704u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_SYS_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0", "ZU_AUDIO_GetCaps()=0",
-                  "ZU_ACAP_GetCaps()=0", "ZU_CAP_Open(path=0)=0 h=0x11",
-                  "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0", "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
-                  "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
-                  "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1 "
-                  "mask=1)=0 h=0x21",
-                  "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
-    task(0, VENC).u32InBufIndex = task(0, VENC).u32LastInBufIndex = 7; // as an earlier run leaves them
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_SYS_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0", "ZU_AUDIO_GetCaps()=0",
+         "ZU_ACAP_GetCaps()=0", "ZU_CAP_Open(path=0)=0 h=0x11",
+         "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0",
+         "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
+         "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c1",
+         "ZU_VENC_Open(name=venc0 color=6 1008x704@25 bitrate=1024 profile=77 level=310 codec=1 "
+         "mask=1)=0 h=0x21",
+         "ZU_VENC_QueryEntireInjectBuffer(0x21)=0 size=0"});
+    // as an earlier run leaves them
+    task(0, VENC).u32InBufIndex = task(0, VENC).u32LastInBufIndex = 7;
     task(0, VCAP).stCapOutput.s32OutFd = 7;
     task(0, VCAP).u32CapturePath = 1;
     ASSERT_EQ(video_capenc_start(5), 0);
     EXPECT_EQ(task(0, VENC).u32InBufIndex, 0u);
     EXPECT_EQ(task(0, VENC).u32LastInBufIndex, 0u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_CAP_CaptureStart(0x11, path=1 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
-                  "fd=-1 virt=0 phys=0x0)=0",
-                  "ZU_OS_CreateMutex(name=Tscode: 4)=0 m0", "ZU_VENC_Start(0x21, 0)=0"});
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_CAP_CaptureStart(0x11, path=1 osd=1 1008x704@25 format=5 size=2128896 pitch=0 "
+         "fd=-1 virt=0 phys=0x0)=0",
+         "ZU_OS_CreateMutex(name=Tscode: 4)=0 m0", "ZU_VENC_Start(0x21, 0)=0"});
     EXPECT_EQ(task(0, VENC).u64StartTimeUs, 5);
     ASSERT_EQ(video_capenc_stop(), 0);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_CAP_CaptureStop(0x11)=0", "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
-                  "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m0)=0"});
+    EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_CaptureStop(0x11)=0",
+                                   "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
+                                   "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_VENC_Stop(0x21)=0",
+                                   "ZU_OS_DeleteMutex(m0)=0"});
     ASSERT_EQ(video_capenc_close(), 0);
-    EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0", "ZU_VENC_Close(0x21)=0"});
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_CAP_Close(0x11)=0", "ZU_VENC_Stop(0x21)=0", "ZU_VENC_Close(0x21)=0"});
     EXPECT_EQ(video_capenc_setBitRate(1048576), -1);
 }
 
@@ -85,9 +91,10 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
     forget();
     EXPECT_EQ(open(), -1);
     EXPECT_EQ(set_watermark(), -1);
-    EXPECT_CALLS(errors(), {"E [video_capenc_open] Vcap not closed,Please close vcap!handle =11",
-                            "E video_capenc_setWatermark watermark flow is supported in external memory case "
-                            "only now"});
+    EXPECT_CALLS(errors(),
+                 {"E [video_capenc_open] Vcap not closed,Please close vcap!handle =11",
+                  "E video_capenc_setWatermark watermark flow is supported in external memory case "
+                  "only now"});
     video_capenc_close();
 
     for (const CapEnc_OpenParams& beyond : {CapEnc_OpenParams{4000, 2144, 30, 1, 1, 1, 0},
@@ -96,8 +103,9 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
         params = beyond;
         forget();
         EXPECT_EQ(open(), -1);
-        EXPECT_CALLS(errors(), {"E [_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 3840x2160@120)",
-                                "E [video_capenc_open] _SCREENRECORD_OpenVenc Failed!"});
+        EXPECT_CALLS(errors(),
+                     {"E [_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 3840x2160@120)",
+                      "E [video_capenc_open] _SCREENRECORD_OpenVenc Failed!"});
     }
     params = {0, 0, 0, 0, 1, 1, 0};
     ASSERT_EQ(open(), 0);
@@ -114,8 +122,8 @@ TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_OS_Va2Pa()=0 phys=0x190002000",
                   "ZU_OS_IommuOperation(GET_BUFFINFO phys=0x190002000)=0 start=0x190000000",
-                  "ZU_OS_IommuOperation(GET_BUFFD phys=0x190002000)=0 fd=4", "SrGlWorker::newWorker()=1",
-                  "SrGlWorker::setWatermark(0x0 at 0,0 opacity=0)=0"});
+                  "ZU_OS_IommuOperation(GET_BUFFD phys=0x190002000)=0 fd=4",
+                  "SrGlWorker::newWorker()=1", "SrGlWorker::setWatermark(0x0 at 0,0 opacity=0)=0"});
     EXPECT_EQ(_stInjectBufFd.s32Fd, 4);
     EXPECT_EQ(_stInjectBufFd.u64PhyAddr, buffer.physical);
     EXPECT_EQ(_stInjectBufInfo.u64StartPhyAddr, buffer.block_physical);
@@ -148,10 +156,14 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
     }
 }
 
-/** The client's picture may be asked for its memory inside any of these, and may stop the pipeline there. */
+/**
+ * The client's picture may be asked for its memory inside any of these, and may stop the pipeline
+ * there.
+ */
 TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItReturns)
 {
-    for (const char* const call : {"SrGlWorker::setWatermark", "SrGlWorker::prepare", "SrGlWorker::reset"}) {
+    for (const char* const call :
+         {"SrGlWorker::setWatermark", "SrGlWorker::prepare", "SrGlWorker::reset"}) {
         SCOPED_TRACE(call);
         open_to_inject();
         mw.inside(call, [] {
@@ -187,7 +199,8 @@ struct LastLook {
 };
 __attribute__((init_priority(101))) LastLook last_look;
 
-// Catches a worker that goes with the static objects: until the process is gone a callback may be drawing.
+// Catches a worker that goes with the static objects: until the process is gone a callback may be
+// drawing.
 TEST_F(CaptureEncode, TheWatermarksWorkerOutlivesAnExit)
 {
     const auto exit_while_it_draws = [&] {
@@ -207,11 +220,13 @@ TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
     ASSERT_EQ(open(), -1);
     forget();
     EXPECT_EQ(set_watermark(), -1);
-    EXPECT_CALLS(errors(), {"E video_capenc_setWatermark watermark flow is supported in external memory case "
-                            "only now"});
+    EXPECT_CALLS(errors(),
+                 {"E video_capenc_setWatermark watermark flow is supported in external memory case "
+                  "only now"});
     Cap_OpenParams stills = {640, 480, 0, 0, 1};
     ASSERT_EQ(video_cap_open(&stills), 0);
-    EXPECT_EQ(video_capenc_start(0), 0); // rounds no address, since there is none
+    // rounds no address, since there is none
+    EXPECT_EQ(video_capenc_start(0), 0);
 }
 
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)

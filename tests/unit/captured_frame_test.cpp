@@ -1,4 +1,6 @@
-/** From a captured picture to the encoder's input: the drop rules, both ways of handing over, the watermark.
+/**
+ * From a captured picture to the encoder's input: the drop rules, both ways of handing over, the
+ * watermark.
  */
 #include <numeric>
 
@@ -41,17 +43,20 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
 {
     ASSERT_TRUE(steps::record_pictures(0, width, height));
     forget();
-    _bWaitKeyFrame = 0; // which an earlier capture-encode may have left
+    // which an earlier capture-encode may have left
+    _bWaitKeyFrame = 0;
     mw.set_now_us(7'000'000);
-    EXPECT_EQ(mw.fire_picture({.buffer = 3, .luma = luma_address, .chroma = luma_address + width * height}),
+    EXPECT_EQ(mw.fire_picture(
+                  {.buffer = 3, .luma = luma_address, .chroma = luma_address + width * height}),
               1u);
     EXPECT_EQ(mw.last_encoder_input(), picture_);
     EXPECT_EQ(_au64InputPts[1], 7'000'000u);
     EXPECT_EQ(_u64LastPts, 7'000'000u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_OS_Pa2NonCachedVa(0x500000)=0", "ZU_VENC_QueryBuffer(0x21)=0",
-                  "ZU_CAP_ProcessBufDone(0x11, 3)=0",
-                  "ZU_VENC_WriteBufferComplete(0x21, index=1 size=6144 pts=7000000 inject=0 key=0)=0"});
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_OS_Pa2NonCachedVa(0x500000)=0", "ZU_VENC_QueryBuffer(0x21)=0",
+         "ZU_CAP_ProcessBufDone(0x11, 3)=0",
+         "ZU_VENC_WriteBufferComplete(0x21, index=1 size=6144 pts=7000000 inject=0 key=0)=0"});
     for (int i = 0; i < 16; i++)
         mw.fire_picture({.luma = luma_address});
     EXPECT_EQ(venc().u32InBufIndex, 1u) << "sixteen pictures later";
@@ -94,9 +99,9 @@ TEST_F(CapturedFrame, WhatAFailingCallCosts)
     };
     ASSERT_TRUE(steps::record_pictures(0, width, height));
     u32 index = 0;
-    for (const Case& c :
-         {Case{"ZU_OS_Pa2NonCachedVa"}, Case{"ZU_VENC_QueryBuffer", 1, 100},
-          Case{"ZU_CAP_ProcessBufDone", 0, 0, false}, Case{"ZU_VENC_WriteBufferComplete", 1, 100}}) {
+    for (const Case& c : {Case{"ZU_OS_Pa2NonCachedVa"}, Case{"ZU_VENC_QueryBuffer", 1, 100},
+                          Case{"ZU_CAP_ProcessBufDone", 0, 0, false},
+                          Case{"ZU_VENC_WriteBufferComplete", 1, 100}}) {
         SCOPED_TRACE(c.call);
         const s64 before = mw.now_ms();
         mw.fail(c.call);
@@ -106,7 +111,8 @@ TEST_F(CapturedFrame, WhatAFailingCallCosts)
         EXPECT_EQ(venc().u32InBufIndex, index);
         EXPECT_EQ(_au64InputPts[index], _u64LastPts);
     }
-    EXPECT_EQ(mw.encoder_inputs().size(), 2u) << "the cached mapping, and no picture at all, serve as well";
+    EXPECT_EQ(mw.encoder_inputs().size(), 2u)
+        << "the cached mapping, and no picture at all, serve as well";
     const std::string said = "D [_SCREENRECORD_Callback]venc query buffer is null";
     EXPECT_EQ(std::ranges::count(mw.take_logs(), said), 1);
 }
@@ -136,7 +142,8 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
             EXPECT_EQ(video_capenc_getES(frame.data(), frame.size(), &info), 0);
         }
         EXPECT_EQ(window.count(), 0);
-        const size_t frames = 2 * 50 * 3; // an encoded frame is copied into the ring and out of it
+        // an encoded frame is copied into the ring and out of it
+        const size_t frames = 2 * 50 * 3;
         if (copies_are_counted) {
             EXPECT_EQ(window.copied_bytes() - frames, inject ? 0u : 50u * frame_size);
         }
@@ -161,8 +168,9 @@ TEST_F(CapturedFrame, TheWatermarkIsDrawnIntoPicturesOfTheInjectBufferOnly)
         u64 y, c;
         int renders;
     };
-    for (const Case& c : {Case{start, start + 4096, 1}, Case{end - 1, end - 1, 1}, Case{start, end, 0},
-                          Case{end, end - 1, 0}, Case{start - 1, start, 0}, Case{start, start - 1, 0}}) {
+    for (const Case& c :
+         {Case{start, start + 4096, 1}, Case{end - 1, end - 1, 1}, Case{start, end, 0},
+          Case{end, end - 1, 0}, Case{start - 1, start, 0}, Case{start, start - 1, 0}}) {
         mw.take_calls();
         mw.map_physical(c.y & ~u64{0xFFF}, picture_.data(), 4096);
         EXPECT_EQ(mw.fire_picture({.luma = c.y, .chroma = c.c}), 1u);

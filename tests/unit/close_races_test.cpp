@@ -1,4 +1,6 @@
-/** The middleware's threads against a close: once it has returned, nothing late touches anything. */
+/**
+ * The middleware's threads against a close: once it has returned, nothing late touches anything.
+ */
 #include <thread>
 
 #include <srglworker/SrGlWorker.h>
@@ -15,8 +17,10 @@ protected:
         ASSERT_TRUE(steps::record(0));
     }
 
-    /** Starts capture-encode, and a picture on a thread of its own whose watermark is drawn until the gate
-     * opens. */
+    /**
+     * Starts capture-encode, and a picture on a thread of its own whose watermark is drawn until
+     * the gate opens.
+     */
     std::future<u32> draw_watermark(middleware::Gate& held)
     {
         mw.settings.first_fd = 1;
@@ -24,8 +28,8 @@ protected:
         EXPECT_TRUE(steps::capture_encode());
         EXPECT_EQ(video_capenc_setWatermark(android::WatermarkParams()), 0);
         mw.inside("SrGlWorker::render", [&held] { held.wait(); });
-        auto picture =
-            mw.fire_on_thread([this, start] { return mw.fire_picture({.luma = start, .chroma = start}); });
+        auto picture = mw.fire_on_thread(
+            [this, start] { return mw.fire_picture({.luma = start, .chroma = start}); });
         EXPECT_TRUE(held.wait_for_arrival());
         return picture;
     }
@@ -44,9 +48,10 @@ TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
     ASSERT_EQ(steps::close(0), 1u);
     const auto traces = [&] { // what a late callback could change
         const SCREENRECORD_TaskCtrl_s& venc = task(0, VENC);
-        return std::vector<u64>{mw.pushed().size(), mw.encoder_inputs().size(),
-                                venc.u32InBufIndex, venc.u32LastInBufIndex,
-                                venc.u64FirstPts,   static_cast<u64>(mw.count("ZU_CAP_ProcessBufDone"))};
+        return std::vector<u64>{
+            mw.pushed().size(), mw.encoder_inputs().size(),
+            venc.u32InBufIndex, venc.u32LastInBufIndex,
+            venc.u64FirstPts,   static_cast<u64>(mw.count("ZU_CAP_ProcessBufDone"))};
     };
     const auto before = traces();
     EXPECT_EQ(mw.fire_picture({.luma = at}), 1u);
@@ -68,14 +73,16 @@ TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
             std::vector<std::future<u32>> callbacks;
             const auto fire = [&] {
                 came = true;
-                callbacks.push_back(mw.fire_on_thread([&] { return mw.fire_picture({.luma = at}); }));
                 callbacks.push_back(
-                    mw.fire_on_thread([&] { return mw.fire_encoded_frame({.bytes = {1}, .pts = 5}); }));
+                    mw.fire_on_thread([&] { return mw.fire_picture({.luma = at}); }));
+                callbacks.push_back(mw.fire_on_thread(
+                    [&] { return mw.fire_encoded_frame({.bytes = {1}, .pts = 5}); }));
             };
             mw.inside("*", fire, {.nth = step, .behind = behind});
             EXPECT_EQ(steps::close(0), 1u);
             mw.clear_script();
-            callbacks.clear(); // joins them
+            // joins them
+            callbacks.clear();
             SCREENRECORD_DeInit();
             EXPECT_CALLS(mw.ledger_problems(), {});
             mw.reset();
@@ -83,13 +90,15 @@ TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
     }
 }
 
-/** A callback that is held up inside the middleware while the slot closes: the close waits for it to leave.
+/**
+ * A callback that is held up inside the middleware while the slot closes: the close waits for it to
+ * leave.
  */
 TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
 {
-    for (const char* inside :
-         {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData",
-          "ZU_VENC_WriteBufferComplete", "ZU_TSMUX_PushMediaData"}) { // twice: a gate tells epochs apart
+    for (const char* inside : {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete",
+                               "ZU_TSMUX_PushMediaData", "ZU_VENC_WriteBufferComplete",
+                               "ZU_TSMUX_PushMediaData"}) { // twice: a gate tells epochs apart
         SCOPED_TRACE(inside);
         record();
         middleware::Gate held;
@@ -100,7 +109,8 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
                        : mw.fire_picture({.luma = at});
         });
         ASSERT_TRUE(held.wait_for_arrival());
-        mw.inside("ZU_VENC_Stop", [&] { held.open(); }); // the close has begun by then
+        // the close has begun by then
+        mw.inside("ZU_VENC_Stop", [&] { held.open(); });
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_EQ(steps::close(0), 1u);
         callback.get();
@@ -117,12 +127,14 @@ TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
     mw.add_file("film.ts", Bytes(100000));
     middleware::Gate held;
     std::atomic<bool> completed = false;
-    mw.inside("ZU_FS_Fread", [&] { held.wait(); }); // its first one, which may come at once
+    // its first one, which may come at once
+    mw.inside("ZU_FS_Fread", [&] { held.wait(); });
     mw.inside("ZU_VENC_WriteBufferComplete", [&] { completed = true; });
     ASSERT_TRUE(steps::record(0, "film.ts"));
     ASSERT_FALSE(steps::capture_encode());
     const std::future<u32> time = mw.fire_on_thread([&] {
-        ZU_OS_DelayTask(1000); // the reader's next pass
+        // the reader's next pass
+        ZU_OS_DelayTask(1000);
         return 0u;
     });
     ASSERT_TRUE(held.wait_for_arrival());
@@ -153,8 +165,10 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
     EXPECT_TRUE(given_back);
 }
 
-/** A callback that does not come back in time: what it uses is left alone, and the next drain waits for it
- * too. */
+/**
+ * A callback that does not come back in time: what it uses is left alone, and the next drain waits
+ * for it too.
+ */
 TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
@@ -164,7 +178,8 @@ TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
     std::future<u32> picture = draw_watermark(held);
     mw.inside("ZU_CAP_ProcessBufDone", [&] { returned = true; });
     EXPECT_EQ(video_capenc_stop(), 0);
-    EXPECT_EQ(video_capenc_setWatermark(android::WatermarkParams()), -1) << "only one can be put aside";
+    EXPECT_EQ(video_capenc_setWatermark(android::WatermarkParams()), -1)
+        << "only one can be put aside";
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 0) << "the callback is inside the worker";
     mw.tolerate_problem("ZU_CAP_ProcessBufDone is called on dead");
     mw.inside("ZU_CAP_Close", [&] { held.open(); });
@@ -190,18 +205,21 @@ TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
         {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
         {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
     };
-    const u32 outputs[] = {0, 188, 0x10000, 0x18000}; // nothing, less than a batch, just one, more
+    // nothing, less than a batch, just one, more
+    const u32 outputs[] = {0, 188, 0x10000, 0x18000};
     int trials = 0;
     for (; trials < limit_trials && !HasFailure(); trials++) {
         const Client& client = clients[trials % 4];
         const bool behind = trials / 4 % 2, client_first = trials / 8 % 2;
-        const int phase = trials / 16 % 60 + 1; // a close makes fewer than 60 calls: some come after it
-        SCOPED_TRACE(std::string(client.name) + (client_first ? " before" : " after") + " the limit, phase " +
-                     std::to_string(phase) + (behind ? " behind" : ""));
+        // a close makes fewer than 60 calls: some come after it
+        const int phase = trials / 16 % 60 + 1;
+        SCOPED_TRACE(std::string(client.name) + (client_first ? " before" : " after") +
+                     " the limit, phase " + std::to_string(phase) + (behind ? " behind" : ""));
         EXPECT_EQ(steps::one_call(1), 0);
         mw.settle();
         mw.queue_output(Bytes(outputs[trials / 16 / 60 % 4], 7));
-        mw.set_now_us(mw.now_ms() * 1000 + 1'950'000); // the next pass but one finds the limit passed
+        // the next pass but one finds the limit passed
+        mw.set_now_us(mw.now_ms() * 1000 + 1'950'000);
         s64 answer = -100;
         std::future<u32> met;
         const auto call = [&] {
@@ -216,9 +234,11 @@ TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
         };
         mw.inside("*", meet, {.nth = phase, .behind = behind});
         if (client_first)
-            call(); // the limit passes while the client is at that phase of its call
+            // the limit passes while the client is at that phase of its call
+            call();
         else
-            mw.advance(300); // the client comes while the writer is at that phase of its pass and its close
+            // the client comes while the writer is at that phase of its pass and its close
+            mw.advance(300);
         mw.clear_script();
         if (met.valid())
             met.get();
@@ -240,8 +260,10 @@ TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
 /** All callbacks live while a slot starts and stops; ThreadSanitizer is the judge. */
 TEST_F(CloseRaces, StartAndStopUnderFire)
 {
-    mw.tolerate_problem("nobody ever registered"); // between a close and the next registration
-    // Once the handle is withdrawn a picture cannot be given back any more; it goes with its device.
+    // between a close and the next registration
+    mw.tolerate_problem("nobody ever registered");
+    // Once the handle is withdrawn a picture cannot be given back any more; it goes with its
+    // device.
     mw.tolerate_problem("was never given back");
     record();
     const auto encoder = [&] {

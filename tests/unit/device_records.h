@@ -1,4 +1,7 @@
-/** What the assertions that are made of device_layout.txt need. Other pointer sizes are not the device's. */
+/**
+ * What the assertions that are made of device_layout.txt need. Other pointer sizes are not the
+ * device's.
+ */
 #pragma once
 
 #include <cstddef>
@@ -14,9 +17,9 @@
 #include <zu3/tsmux.h>
 #include <zu3/venc.h>
 
-#define HOLD_RECORD(record, bytes)                                                                           \
+#define HOLD_RECORD(record, bytes)                                                                 \
     static_assert(sizeof(void*) != 4 || sizeof(record) == (bytes), #record " has changed its size")
-#define HOLD_FIELD(record, field, offset, bytes)                                                             \
-    static_assert(sizeof(void*) != 4 ||                                                                      \
-                      (offsetof(record, field) == (offset) && sizeof(record::field) == (bytes)),             \
+#define HOLD_FIELD(record, field, offset, bytes)                                                   \
+    static_assert(sizeof(void*) != 4 ||                                                            \
+                      (offsetof(record, field) == (offset) && sizeof(record::field) == (bytes)),   \
                   #record "::" #field " has moved or changed its size")

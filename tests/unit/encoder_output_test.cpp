@@ -26,7 +26,8 @@ TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
         u64 pts;
         bool pushed;
         u64 relative;
-        u32 last_index; /**< input index noted afterwards, frame i carries i + 1 */
+        /** input index noted afterwards, frame i carries i + 1 */
+        u32 last_index;
     };
     const Frame frames[] = {
         {1, none, false, 0, 1},      {1, 1000, true, 0, 2},    {1, 4000, true, 3000, 3},
@@ -37,9 +38,10 @@ TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
     for (const Frame& f : frames) {
         SCOPED_TRACE(index);
         index++;
-        EXPECT_EQ(mw.fire_encoded_frame(
-                      {.bytes = {1, 2, u8(index)}, .type = f.type, .pts = f.pts, .input_index = index}),
-                  ZU_OK);
+        EXPECT_EQ(
+            mw.fire_encoded_frame(
+                {.bytes = {1, 2, u8(index)}, .type = f.type, .pts = f.pts, .input_index = index}),
+            ZU_OK);
         pushed += f.pushed;
         ASSERT_EQ(mw.pushed().size(), pushed);
         if (f.pushed) {
@@ -76,7 +78,10 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
     const Case cases[] = {
         {"no record", {.bytes = {1}, .null_record = true}, ZU_INVALID_ARGUMENT, {}},
         {"other event", {.bytes = {1}, .pts = 1, .event = 2}, ZU_OK, {"E " + at + "eEvent Error!"}},
-        {"dropped by the encoder", {.pts = 1}, ZU_OK, {"D " + at + "[ZU DEMO TRANSCODE] Drop Frame"}},
+        {"dropped by the encoder",
+         {.pts = 1},
+         ZU_OK,
+         {"D " + at + "[ZU DEMO TRANSCODE] Drop Frame"}},
         {"size without data", {.pts = 1, .size = 5}, ZU_INVALID_ARGUMENT, {invalid}},
         {"data without size", {.bytes = {1}, .pts = 1, .size = 0}, ZU_INVALID_ARGUMENT, {invalid}},
     };
@@ -101,12 +106,14 @@ TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
     ASSERT_TRUE(steps::open(0) && steps::set_video(0));
     forget();
     mw.fail("ZU_TSMUX_PushMediaData", {.result = 7});
-    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), 7u) << "the multiplexer's own answer";
+    EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), 7u)
+        << "the multiplexer's own answer";
     ASSERT_EQ(steps::set_mux(0), 1u);
     task(0, VENC).u64MuxSrcId = 0;
     EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_INVALID_ARGUMENT);
-    EXPECT_CALLS(mw.calls_of({"ZU_TSMUX_Push"}), {"ZU_TSMUX_PushMediaData(0x0, 0x0 size=1 pts=0)=7",
-                                                  "ZU_TSMUX_PushMediaData(0x42, 0x0 size=1 pts=0)=8"});
+    EXPECT_CALLS(mw.calls_of({"ZU_TSMUX_Push"}),
+                 {"ZU_TSMUX_PushMediaData(0x0, 0x0 size=1 pts=0)=7",
+                  "ZU_TSMUX_PushMediaData(0x42, 0x0 size=1 pts=0)=8"});
     const std::string at = "E [_SCREENRECORD_VencCbHandler]Error ",
                       failed = ": failed to ZU_TSMUX_PushMediaData(VencCbHandler)";
     EXPECT_CALLS(errors(), {at + "0x7" + failed, at + "0x8" + failed});
@@ -116,7 +123,8 @@ TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
 TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
 {
     for (int i = 0; i < 3; i++)
-        mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY}); // each answers one call
+        // each answers one call
+        mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY});
     const s64 before = mw.now_ms();
     EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .pts = 1}), ZU_OK);
     EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 4);
@@ -131,7 +139,8 @@ TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
     mw.inside("ZU_TSMUX_PushMediaData",
               [&] {
                   stopped = std::async(std::launch::async, [] { return steps::stop(0); });
-                  while (task(0, VENC).bTaskExit == 0) // ends with the stop, which waits for this callback
+                  while (task(0, VENC).bTaskExit ==
+                         0) // ends with the stop, which waits for this callback
                       std::this_thread::yield();
               },
               {.nth = 3});
@@ -144,7 +153,8 @@ TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
     mw.take_calls();
     // While the encoder's record is being deleted, a frame is taken and not pushed.
     u32 result = 99;
-    mw.inside("ZU_OS_DeleteMutex", [&] { result = mw.fire_encoded_frame({.bytes = {1}, .pts = 2}); });
+    mw.inside("ZU_OS_DeleteMutex",
+              [&] { result = mw.fire_encoded_frame({.bytes = {1}, .pts = 2}); });
     EXPECT_EQ(steps::stop(0), 1u);
     EXPECT_EQ(result, ZU_OK);
     EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 0);
@@ -155,8 +165,9 @@ TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
     testing::internal::CaptureStdout();
     for (const u32 event : {1u, 2u, 3u})
         EXPECT_EQ(mw.fire_event(middleware::Kind::multiplexer, event), ZU_OK);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x1000000c3\n\033[0m");
+    EXPECT_EQ(
+        testing::internal::GetCapturedStdout(),
+        "\033[1;33mE_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL: u64CallbackId = 0x1000000c3\n\033[0m");
     EXPECT_EQ(mw.fire_event(middleware::Kind::audio, 1), ZU_FAILURE);
     EXPECT_CALLS(mw.take_logs(), {"E [_SCREENRECORD_AcapCbHandler]Invalid Event!"});
 }

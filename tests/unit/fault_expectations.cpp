@@ -8,10 +8,13 @@ namespace {
 
 struct Row {
     const char* kinds;
-    const char* call; /**< "name=7" is for that result alone, and comes before the others of the name */
-    int nth;          /**< 0 = whichever, -1 = what only several faults of it lead to */
+    /** "name=7" is for that result alone, and comes before the others of the name */
+    const char* call;
+    /** 0 = whichever, -1 = what only several faults of it lead to */
+    int nth;
     const char* failing;
-    const char* errors; /**< '|' between them; 0x%x and %d stand for the result, ~ for SCREENRECORD_ */
+    /** '|' between them; 0x%x and %d stand for the result, ~ for SCREENRECORD_ */
+    const char* errors;
 };
 
 // Ends that several faults have in common.
@@ -22,13 +25,13 @@ struct Row {
 #define NO_MUTEX "_~CreateTask]Fail to create Trancode mutex|"
 #define NO_TASK "_~CreateTask]Failed to ZU_OS_CreateTask(...)!|"
 #define NO_STACK "_~CreateTask]Failed to malloc for VENC Get Source Tack Stack!|"
-#define WRITER_FAILED                                                                                        \
+#define WRITER_FAILED                                                                              \
     "_~StartModule]Error 0x3: failed to _~CreateTask()|~Start]Error 0x3: failed to Start TSMUX"
-#define AREADER_FAILED                                                                                       \
-    "_~StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!|"                                    \
+#define AREADER_FAILED                                                                             \
+    "_~StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!|"                          \
     "~Start]Error 0x3: failed to Start AUDIO SrcReader"
-#define VREADER_FAILED                                                                                       \
-    "_~StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!|"                                    \
+#define VREADER_FAILED                                                                             \
+    "_~StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!|"                          \
     "~Start]Error 0x3: failed to Start VIDEO SrcReader"
 
 /** A call that is in no row fails unnoticed. The order is that of a recording. */
@@ -208,9 +211,9 @@ Expectation expected_of(char kind, const Fault& fault, bool wherever)
 bool matches(const std::string& pattern, const std::string& text)
 {
     const size_t star = pattern.find('*');
-    return star == std::string::npos
-               ? text == pattern
-               : text.starts_with(pattern.substr(0, star)) && text.ends_with(pattern.substr(star + 1));
+    return star == std::string::npos ? text == pattern
+                                     : text.starts_with(pattern.substr(0, star)) &&
+                                           text.ends_with(pattern.substr(star + 1));
 }
 
 } // namespace faults

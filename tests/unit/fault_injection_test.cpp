@@ -1,8 +1,8 @@
 /**
- * Every call fails: eight scenarios, and in each the n-th middleware call answers everything that its
- * contract lets it answer, once and from there on; so does every allocation; and so does every call of the
- * clean-up behind a first fault. A breach is a wrong answer or message, anything left open or used dead, or a
- * scenario that does not run afterwards as it ran before.
+ * Every call fails: eight scenarios, and in each the n-th middleware call answers everything that
+ * its contract lets it answer, once and from there on; so does every allocation; and so does every
+ * call of the clean-up behind a first fault. A breach is a wrong answer or message, anything left
+ * open or used dead, or a scenario that does not run afterwards as it ran before.
  */
 #include "modules/display_connection.h"
 
@@ -20,17 +20,23 @@ using middleware::joined;
 struct Outcome {
     std::set<std::string> failing;
     std::vector<std::string> errors;
-    std::vector<std::string> calls; /**< by name, in their order */
-    bool in_failed = false;         /**< the way in ended early */
-    size_t closing = 0;             /**< the call at which the way out began */
+    /** by name, in their order */
+    std::vector<std::string> calls;
+    /** the way in ended early */
+    bool in_failed = false;
+    /** the call at which the way out began */
+    size_t closing = 0;
 };
 
-/** Every so manieth fault is tried; the strides meet each way of failing in turn. ThreadSanitizer is the
- * slowest, and looks for what a clean-up, which is one thread's, rarely has. */
+/**
+ * Every so manieth fault is tried; the strides meet each way of failing in turn. ThreadSanitizer is
+ * the slowest, and looks for what a clean-up, which is one thread's, rarely has.
+ */
 #ifdef __SANITIZE_THREAD__
 constexpr int stride_of_faults = 19, stride_of_second_faults = 97;
 #else
-constexpr int stride_of_faults = runs_slowly ? 5 : 1, stride_of_second_faults = runs_slowly ? 23 : 1;
+constexpr int stride_of_faults = runs_slowly ? 5 : 1,
+              stride_of_second_faults = runs_slowly ? 23 : 1;
 #endif
 
 bool is_among(const std::vector<Fault>& faults, const char* call)
@@ -38,7 +44,9 @@ bool is_among(const std::vector<Fault>& faults, const char* call)
     return std::ranges::count(faults, call, &Fault::call) != 0;
 }
 
-/** Every call of a run that can fail: its name, its number among those of that name, and its plain failure.
+/**
+ * Every call of a run that can fail: its name, its number among those of that name, and its plain
+ * failure.
  */
 std::vector<Fault> faults_of(const std::vector<std::string>& calls, size_t from = 0)
 {
@@ -69,7 +77,8 @@ Expectation as_seen(const Scenario& scenario, const Expectation& e)
         return e;
     Expectation seen = {{}, e.errors};
     for (const std::string& step : e.failing) {
-        const std::string call = step == "SCREENRECORD_Close" ? "stopScreenRecord" : "startScreenRecord";
+        const std::string call =
+            step == "SCREENRECORD_Close" ? "stopScreenRecord" : "startScreenRecord";
         seen.failing.insert(call);
         seen.errors.push_back(call + "]" + step + " Fail");
     }
@@ -82,13 +91,15 @@ void judge(const Outcome& outcome, const Expectation& least, const Expectation& 
 {
     if (!std::ranges::includes(outcome.failing, least.failing) ||
         !std::ranges::includes(most.failing, outcome.failing))
-        breaches.push_back("failed: " + joined(outcome.failing) + "where these may: " + joined(most.failing) +
-                           "and these must: " + joined(least.failing));
+        breaches.push_back("failed: " + joined(outcome.failing) + "where these may: " +
+                           joined(most.failing) + "and these must: " + joined(least.failing));
     for (const std::string& pattern : least.errors)
-        if (std::ranges::none_of(outcome.errors, [&](auto& text) { return faults::matches(pattern, text); }))
+        if (std::ranges::none_of(outcome.errors,
+                                 [&](auto& text) { return faults::matches(pattern, text); }))
             breaches.push_back("did not say: " + pattern);
     for (const std::string& text : outcome.errors)
-        if (std::ranges::none_of(most.errors, [&](auto& pattern) { return faults::matches(pattern, text); }))
+        if (std::ranges::none_of(most.errors,
+                                 [&](auto& pattern) { return faults::matches(pattern, text); }))
             breaches.push_back("said: " + text);
 }
 
@@ -99,7 +110,9 @@ public: // for the tests, which name its trials
         printf("all scenarios: injections tried %d, breaches %d\n", tried_, breaches_);
     }
 
-    /** Error lines without those that say what every stop and every de-initialisation of less than all says.
+    /**
+     * Error lines without those that say what every stop and every de-initialisation of less than
+     * all says.
      */
     std::vector<std::string> error_texts(const std::vector<Fault>& injected)
     {
@@ -126,7 +139,8 @@ public: // for the tests, which name its trials
                 continue;
             outcome.failing.insert(step.name);
             outcome.in_failed = step.needed;
-            const bool is_an_open = step.name.ends_with("cap_open") || step.name == "video_capenc_open";
+            const bool is_an_open =
+                step.name.ends_with("cap_open") || step.name == "video_capenc_open";
             EXPECT_TRUE(!is_an_open || slot_is_closed(0)) << step.name << " left something open";
             if (step.needed)
                 break;
@@ -135,7 +149,8 @@ public: // for the tests, which name its trials
         for (const Step& step : scenario.out)
             if (!step.call())
                 outcome.failing.insert(step.name);
-        callbacks_.clear(); // joins them
+        // joins them
+        callbacks_.clear();
         mw.settle();
         outcome.calls = mw.call_names();
         outcome.errors = error_texts(injected);
@@ -143,7 +158,8 @@ public: // for the tests, which name its trials
     }
 
     /** On a double prepared anew, with these faults. */
-    Outcome run_with(const Scenario& scenario, const std::vector<Fault>& injected, bool for_ever = false)
+    Outcome run_with(const Scenario& scenario, const std::vector<Fault>& injected,
+                     bool for_ever = false)
     {
         prepare();
         busy_ = for_ever && injected[0].result == ZU_BUSY;
@@ -153,12 +169,13 @@ public: // for the tests, which name its trials
     }
 
     /** What is left, and whether the scenario runs as it did before anything failed. */
-    void judge_afterwards(const Scenario& scenario, const Outcome& clean, const std::vector<Fault>& injected,
-                          std::vector<std::string>& breaches)
+    void judge_afterwards(const Scenario& scenario, const Outcome& clean,
+                          const std::vector<Fault>& injected, std::vector<std::string>& breaches)
     {
         for (const std::string& problem : mw.ledger_problems())
             breaches.push_back(problem);
-        if (_u32DispHandle != 0) { // what could not be disconnected counts as connected for one more time
+        if (_u32DispHandle !=
+            0) { // what could not be disconnected counts as connected for one more time
             if (!is_among(injected, "ZU_CAP_DisconnectInput"))
                 breaches.push_back("the display is left connected");
             run_with(scenario, {});
@@ -167,8 +184,10 @@ public: // for the tests, which name its trials
         for (const std::string& problem : mw.ledger_problems())
             breaches.push_back("run again: " + problem);
         if (again.failing != clean.failing || again.errors != clean.errors)
-            breaches.push_back("run again, failed: " + joined(again.failing) + joined(again.errors));
-        if (!std::ranges::is_permutation(again.calls, clean.calls)) // tasks take their turns as they like
+            breaches.push_back("run again, failed: " + joined(again.failing) +
+                               joined(again.errors));
+        if (!std::ranges::is_permutation(again.calls,
+                                         clean.calls)) // tasks take their turns as they like
             breaches.push_back("run again, it makes other calls");
     }
 
@@ -182,7 +201,8 @@ public: // for the tests, which name its trials
             return;
         std::string text = scenario.name;
         for (const Fault& f : injected)
-            text += ", " + f.call + " number " + std::to_string(f.nth) + " = " + std::to_string(f.result);
+            text += ", " + f.call + " number " + std::to_string(f.nth) + " = " +
+                    std::to_string(f.result);
         ADD_FAILURE() << text << (for_ever ? ", for ever" : "") << ":\n" << joined(breaches);
     }
 
@@ -193,9 +213,11 @@ public: // for the tests, which name its trials
         std::vector<std::string> breaches;
         const Expectation once = as_seen(scenario, faults::expected_of(scenario.kind, known));
         judge(outcome, once,
-              for_ever ? as_seen(scenario, faults::expected_of(scenario.kind, known, true)) : once, breaches);
+              for_ever ? as_seen(scenario, faults::expected_of(scenario.kind, known, true)) : once,
+              breaches);
         if (!for_ever && !std::ranges::equal(once.errors, outcome.errors, faults::matches))
-            breaches.push_back("said: " + joined(outcome.errors) + "instead of: " + joined(once.errors));
+            breaches.push_back("said: " + joined(outcome.errors) +
+                               "instead of: " + joined(once.errors));
         judge_afterwards(scenario, clean, {fault}, breaches);
         count(scenario, {fault}, for_ever, breaches);
     }
@@ -210,7 +232,8 @@ public: // for the tests, which name its trials
                     if (number++ % stride_of_faults != 0)
                         continue;
                     const Outcome outcome = run_with(scenario, {fault}, for_ever);
-                    judge_single(scenario, clean, outcome, fault, in_pass(scenario, clean, fault), for_ever);
+                    judge_single(scenario, clean, outcome, fault, in_pass(scenario, clean, fault),
+                                 for_ever);
                 }
             }
         }
@@ -221,9 +244,11 @@ public: // for the tests, which name its trials
         int number = 0;
         for (const Fault& first : faults_of(clean.calls)) {
             if (scenario.passes > 1 && in_pass(scenario, clean, first).nth == first.nth)
-                continue; // what comes once is a scenario of its own
+                // what comes once is a scenario of its own
+                continue;
             const Outcome alone = run_with(scenario, {first});
-            size_t from = 0; // behind the fault, where the library's own clean-up begins
+            // behind the fault, where the library's own clean-up begins
+            size_t from = 0;
             for (int left = first.nth; from < alone.calls.size() && left > 0; from++)
                 left -= alone.calls[from] == first.call;
             if (!alone.in_failed)
@@ -231,14 +256,16 @@ public: // for the tests, which name its trials
             for (Fault second : faults_of(alone.calls, from)) {
                 if (number++ % stride_of_second_faults != 0)
                     continue;
-                second.nth -= second.call == first.call; // a call that is answered counts for one script only
+                // a call that is answered counts for one script only
+                second.nth -= second.call == first.call;
                 const Outcome outcome = run_with(scenario, {first, second});
                 Expectation allowed = {alone.failing, alone.errors};
                 for (const Fault& fault : {first, second}) {
                     const Expectation more =
                         as_seen(scenario, faults::expected_of(scenario.kind, fault, true));
                     allowed.failing.insert(more.failing.begin(), more.failing.end());
-                    allowed.errors.insert(allowed.errors.end(), more.errors.begin(), more.errors.end());
+                    allowed.errors.insert(allowed.errors.end(), more.errors.begin(),
+                                          more.errors.end());
                 }
                 std::vector<std::string> breaches;
                 if (outcome.in_failed != alone.in_failed)
@@ -276,7 +303,8 @@ public: // for the tests, which name its trials
     template <class Try> void in_every_scenario(Try try_faults)
     {
         for (const Scenario& scenario : scenarios()) {
-            run_with(scenario, {}); // the process's first run differs in what is initialised once
+            // the process's first run differs in what is initialised once
+            run_with(scenario, {});
             const Outcome clean = run_with(scenario, {});
             EXPECT_CALLS(mw.ledger_problems(), {});
             EXPECT_TRUE(clean.failing.empty() && clean.errors.empty())

@@ -14,9 +14,11 @@ struct Step {
 
 struct Scenario {
     const char* name;
-    char kind; /**< of its expectations */
+    /** of its expectations */
+    char kind;
     std::vector<Step> in, out;
-    int passes = 1; /**< how often it does the same */
+    /** how often it does the same */
+    int passes = 1;
 };
 
 /** Builds the scenarios around a double that it prepares for them. */
@@ -37,7 +39,8 @@ protected:
         mw.settings.encoder_input_size = picture_size;
         mw.settings.first_fd = 3;
         mw.map_physical(luma, picture_.data(), picture_size);
-        // A task's first steps belong to its creation: so the order of all calls is always the same.
+        // A task's first steps belong to its creation: so the order of all calls is always the
+        // same.
         mw.inside("ZU_OS_CreateTask", [this] { mw.settle(); }, {.forever = true, .behind = true});
     }
 
@@ -47,7 +50,8 @@ protected:
             mw.fire_picture({.luma = at, .chroma = at + width * height});
         for (const u8 type : {0xFF, 1}) {
             const auto frame = [=, this] {
-                return mw.fire_encoded_frame({.bytes = {1, 2, 3}, .type = type, .pts = 1, .input_index = 1});
+                return mw.fire_encoded_frame(
+                    {.bytes = {1, 2, 3}, .type = type, .pts = 1, .input_index = 1});
             };
             if (busy_) { // stays inside until the close
                 callbacks_.push_back(mw.fire_on_thread(frame, false));
@@ -62,7 +66,8 @@ protected:
     Step recorded_media(bool pictures)
     {
         return {"media", [=, this] {
-                    mw.queue_output(Bytes(0x11000)); // more than a batch
+                    // more than a batch
+                    mw.queue_output(Bytes(0x11000));
                     media(pictures);
                     mw.advance(250);
                     return true;
@@ -70,7 +75,8 @@ protected:
     }
 
     /** Of a client that never said Init, whose DeInit answers that it was not needed. */
-    static inline const Step deinit = {"SCREENRECORD_DeInit", [] { return SCREENRECORD_DeInit() == 0; }};
+    static inline const Step deinit = {"SCREENRECORD_DeInit",
+                                       [] { return SCREENRECORD_DeInit() == 0; }};
     /** Where Init failed there must be nothing left to undo. */
     static inline const Step deinit_after_init = {
         "SCREENRECORD_DeInit", [] { return !_bModuleInited || SCREENRECORD_DeInit() == 1; }};
@@ -94,18 +100,20 @@ protected:
 
     Scenario one_call()
     {
-        return {"one-call",
-                'r',
-                {{"startScreenRecord", [] { return ok(steps::one_call(3600)); }}, recorded_media(true)},
-                {{"stopScreenRecord", [] { return !_bModuleInited || ok(stopScreenRecord()); }},
-                 deinit_after_init}};
+        return {
+            "one-call",
+            'r',
+            {{"startScreenRecord", [] { return ok(steps::one_call(3600)); }}, recorded_media(true)},
+            {{"stopScreenRecord", [] { return !_bModuleInited || ok(stopScreenRecord()); }},
+             deinit_after_init}};
     }
 
     Scenario open_again()
     {
         Scenario scenario = recording("open again after close", 0, 'r');
         std::vector<Step> again = scenario.in;
-        again.front() = scenario.out.front(); // closed instead of initialised
+        // closed instead of initialised
+        again.front() = scenario.out.front();
         scenario.in.insert(scenario.in.end(), again.begin(), again.end());
         scenario.passes = 2;
         return scenario;
@@ -133,8 +141,10 @@ protected:
                  {"video_capenc_start", [] { return ok(video_capenc_start(0)); }},
                  {"media", pictures},
                  {"video_capenc_getES", take, false},
-                 {"video_capenc_setBitRate", [] { return ok(video_capenc_setBitRate(2000000)); }, false},
-                 {"video_capenc_requestKeyFrame", [] { return ok(video_capenc_requestKeyFrame()); }, false}},
+                 {"video_capenc_setBitRate", [] { return ok(video_capenc_setBitRate(2000000)); },
+                  false},
+                 {"video_capenc_requestKeyFrame", [] { return ok(video_capenc_requestKeyFrame()); },
+                  false}},
                 {{"video_capenc_stop", [] { return ok(video_capenc_stop()); }},
                  {"video_capenc_close", [] { return ok(video_capenc_close()); }},
                  deinit}};
@@ -147,7 +157,8 @@ protected:
         return {"stills",
                 's',
                 {{"video_cap_open", [] { return ok(video_cap_open(&params)); }},
-                 {"video_cap_getCaptureBuffers", [] { return ok(video_cap_getCaptureBuffers(buffers, 2)); }},
+                 {"video_cap_getCaptureBuffers",
+                  [] { return ok(video_cap_getCaptureBuffers(buffers, 2)); }},
                  {"video_cap_captureScreen", [] { return ok(video_cap_captureScreen(1)); }}},
                 {{"video_cap_close", [] { return ok(video_cap_close()); }}, deinit}};
     }
@@ -182,8 +193,10 @@ protected:
                 open_again()};
     }
 
-    std::vector<std::future<u32>> callbacks_; /**< that are still inside */
-    bool busy_ = false;                       /**< the multiplexer will never take a frame */
+    /** that are still inside */
+    std::vector<std::future<u32>> callbacks_;
+    /** the multiplexer will never take a frame */
+    bool busy_ = false;
 
 private:
     Bytes picture_ = Bytes(picture_size);

@@ -16,8 +16,10 @@ protected:
         forget();
     }
 
-    /** A frame for each letter, upper case being a key frame, and one that is far too large for '!'; '-'
-     * takes one, '?' requests a key frame. */
+    /**
+     * A frame for each letter, upper case being a key frame, and one that is far too large for '!';
+     * '-' takes one, '?' requests a key frame.
+     */
     u32 play(std::string_view script)
     {
         u32 answer = ZU_OK;
@@ -29,11 +31,15 @@ protected:
             else if (step == '!')
                 mw.fire_encoded_frame({.bytes = {1}, .type = 0xFF, .size = 0xFFFFFFFF});
             else
-                answer = mw.fire_encoded_frame(
-                    {.bytes = {static_cast<u8>(step)}, .type = u8(step < 'a' ? 0xFF : 1), .input_index = 1});
+                answer = mw.fire_encoded_frame({.bytes = {static_cast<u8>(step)},
+                                                .type = u8(step < 'a' ? 0xFF : 1),
+                                                .input_index = 1});
         return answer;
     }
-    bool take() { return video_capenc_getES(buffer, sizeof(buffer), &info) == 0 && info.u64DataSize != 0; }
+    bool take()
+    {
+        return video_capenc_getES(buffer, sizeof(buffer), &info) == 0 && info.u64DataSize != 0;
+    }
     /** Names of the frames that can be taken, one after the other. */
     std::string take_all()
     {
@@ -50,17 +56,22 @@ protected:
 TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
 {
     struct Case {
-        const char* script; /**< the first in the ring is a key frame, else nothing gets in */
-        const char* kept;   /**< what can be taken afterwards */
-        bool waits;         /**< for a key frame */
+        /** the first in the ring is a key frame, else nothing gets in */
+        const char* script;
+        /** what can be taken afterwards */
+        const char* kept;
+        /** for a key frame */
+        bool waits;
     };
     const Case cases[] = {
-        {"Abcd", "", true},     {"ABcd", "Bcd", false},  {"AbCd", "Cd", false},    {"AbcD", "D", false},
-        {"ABCd", "BCd", false}, {"ABCD", "BCD", false},  {"AbcdE", "E", false},    {"abC", "C", false},
-        {"Abc", "Abc", false},  {"AbcdeF", "F", false},  {"ABcde", "", true},      {"AbCde", "Cde", false},
-        {"", "", true},         {"AbcdEfgh", "", true},  {"Abc-?", "", true},      {"AbC-?", "C", false},
-        {"ABc-?", "Bc", false}, {"A-?", "", true},       {"A?", "A", false},       {"!bC", "C", false},
-        {"A!bc", "A", true},    {"ABc!d", "Bc", true},   {"ABc!dE", "BcE", false}, {"A!?b", "A", true},
+        {"Abcd", "", true},     {"ABcd", "Bcd", false},   {"AbCd", "Cd", false},
+        {"AbcD", "D", false},   {"ABCd", "BCd", false},   {"ABCD", "BCD", false},
+        {"AbcdE", "E", false},  {"abC", "C", false},      {"Abc", "Abc", false},
+        {"AbcdeF", "F", false}, {"ABcde", "", true},      {"AbCde", "Cde", false},
+        {"", "", true},         {"AbcdEfgh", "", true},   {"Abc-?", "", true},
+        {"AbC-?", "C", false},  {"ABc-?", "Bc", false},   {"A-?", "", true},
+        {"A?", "A", false},     {"!bC", "C", false},      {"A!bc", "A", true},
+        {"ABc!d", "Bc", true},  {"ABc!dE", "BcE", false}, {"A!?b", "A", true},
         {"A!?bC", "AC", false}, {"A!C?d", "ACd", false},
     };
     for (const Case& c : cases) {
@@ -74,9 +85,11 @@ TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
 
 TEST_F(FrameRing, EachDroppedFrameIsLogged)
 {
-    play("A!bCde"); // one that is too large, one that waits for a key frame, and the oldest of four
+    // one that is too large, one that waits for a key frame, and the oldest of four
+    play("A!bCde");
     std::vector<std::string> dropped = mw.take_logs();
-    std::erase_if(dropped, [](const std::string& line) { return line.find("]drop ") == std::string::npos; });
+    std::erase_if(dropped,
+                  [](const std::string& line) { return line.find("]drop ") == std::string::npos; });
     const std::string line = "D [_SCREENRECORD_VencCbHandler_NoTs]drop u64Pts: 0, ";
     EXPECT_EQ(dropped, (std::vector{line + "u32DataSize: -1, u8FrameType: 255",
                                     line + "u32DataSize: 1, u8FrameType: 1",
@@ -87,10 +100,12 @@ TEST_F(FrameRing, EachDroppedFrameIsLogged)
 TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
 {
     play("A-B");
-    EXPECT_EQ(video_cap_close(), 0); // takes the capture out of the pipeline
+    // takes the capture out of the pipeline
+    EXPECT_EQ(video_cap_close(), 0);
     EXPECT_FALSE(steps::capture_encode());
     EXPECT_CALLS(errors(), {"E [video_capenc_open] Venc not closed,Please close venc!handle =21"});
-    play("Cd"); // C takes A's place, d finds B in its own
+    // C takes A's place, d finds B in its own
+    play("Cd");
     EXPECT_TRUE(_bWaitKeyFrame);
     EXPECT_EQ(take_all(), "");
     EXPECT_EQ(play("eF"), ZU_OK);
@@ -124,9 +139,10 @@ TEST_F(FrameRing, FramesGetTheTimeOfTheirPicture)
         u32 index;
         u64 pts;
     };
-    for (const Case& c : {Case{0xFF, 3, 5000}, Case{1, 0, 1000}, Case{1, 15, 1015}, Case{1, 16, 5000},
-                          Case{0, 0xFFFFFFFF, 5000}}) {
-        EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .type = c.type, .pts = 42, .input_index = c.index}),
+    for (const Case& c : {Case{0xFF, 3, 5000}, Case{1, 0, 1000}, Case{1, 15, 1015},
+                          Case{1, 16, 5000}, Case{0, 0xFFFFFFFF, 5000}}) {
+        EXPECT_EQ(mw.fire_encoded_frame(
+                      {.bytes = {1}, .type = c.type, .pts = 42, .input_index = c.index}),
                   ZU_OK);
         ASSERT_TRUE(take());
         EXPECT_EQ(info.u64Pts, c.pts);
@@ -179,8 +195,10 @@ TEST_F(FrameRing, FramesThatWaitCanBeTakenAfterTheStopAndNotAfterTheClose)
     EXPECT_EQ(take_all(), "");
 }
 
-/** A reader in its loop, an encoder in its callback, and a client that starts and stops; ThreadSanitizer
- * judges. */
+/**
+ * A reader in its loop, an encoder in its callback, and a client that starts and stops;
+ * ThreadSanitizer judges.
+ */
 TEST_F(FrameRing, ReadersAndEncoderMayRunThroughStopAndClose)
 {
     u32 delivered = 0, turns = 0;

@@ -36,11 +36,14 @@ constexpr bool copies_are_counted = false;
 constexpr bool copies_are_counted = true;
 #endif
 
-/** Starts each test with the library as it is at load, and ends it with everything closed and nothing left.
+/**
+ * Starts each test with the library as it is at load, and ends it with everything closed and
+ * nothing left.
  */
 class LibraryTest : public middleware::MiddlewareTest {
 protected:
-    static constexpr u64 luma_address = 0x500000; /**< of a picture that a test maps there, physical */
+    /** of a picture that a test maps there, physical */
+    static constexpr u64 luma_address = 0x500000;
 
     void SetUp() override
     {
@@ -59,12 +62,15 @@ protected:
     /** Forgets what was called and logged so far. */
     void forget()
     {
-        mw.settle(); // a task's first pass belongs to what is forgotten
+        // a task's first pass belongs to what is forgotten
+        mw.settle();
         mw.take_calls();
         mw.take_logs();
     }
 
-    /** Error lines since the last look, without those that every stop writes for modules that are not open.
+    /**
+     * Error lines since the last look, without those that every stop writes for modules that are
+     * not open.
      */
     std::vector<std::string> errors()
     {
@@ -75,8 +81,11 @@ protected:
         return lines;
     }
 
-    /** Runs `client` while each of `works` is done every millisecond on a thread of the middleware. */
-    void under_fire(std::initializer_list<std::function<void()>> works, const std::function<void()>& client)
+    /**
+     * Runs `client` while each of `works` is done every millisecond on a thread of the middleware.
+     */
+    void under_fire(std::initializer_list<std::function<void()>> works,
+                    const std::function<void()>& client)
     {
         mw.run_freely(true);
         std::atomic<bool> stop = false;
@@ -89,7 +98,8 @@ protected:
             }));
         client();
         stop = true;
-        threads.clear(); // joins them
+        // joins them
+        threads.clear();
         mw.run_freely(false);
     }
 

@@ -1,4 +1,5 @@
-// The double must find what it says it finds: a checker that is silent makes every other test worthless.
+// The double must find what it says it finds: a checker that is silent makes every other test
+// worthless.
 #include "middleware/middleware.h"
 
 namespace {
@@ -71,10 +72,11 @@ TEST_F(MiddlewareTest, EveryMisuseIsNamed)
           "ZU_CAP_Close is called on dead or wrong handle", "capture 0x12 is left open",
           "ZU_VENC_Stop is called on unknown handle 0x0", "file out.ts is left open",
           "descriptor 0 is given back but was not out", "IOMMU block 0x280000000 is left",
-          "ZU_VENC is left initialised", "task idle is left", "mutexes b and a are obtained in both orders",
+          "ZU_VENC is left initialised", "task idle is left",
+          "mutexes b and a are obtained in both orders",
           "mutex m is waited for by the thread that holds it",
-          "mutex m is released by a thread that does not hold it", "mutex m is deleted while it is held",
-          "task t ended while it held mutex n"})
+          "mutex m is released by a thread that does not hold it",
+          "mutex m is deleted while it is held", "task t ended while it held mutex n"})
         EXPECT_NE(problems.find(words), std::string::npos) << words << ", not among:\n" << problems;
     mw.reset();
 }

@@ -6,14 +6,18 @@
 
 namespace {
 
-constexpr u64 PICTURE = 0x500000; /**< physical address of the picture that the capture reports */
+/** physical address of the picture that the capture reports */
+constexpr u64 PICTURE = 0x500000;
 constexpr u32 PICTURE_SIZE = 640 * 512 * 3 / 2;
 
 /** Hands out the bytes that decide everything; zeros once they are used up. */
 class Dice {
 public:
     explicit Dice(const std::vector<u8>& bytes) : bytes_(bytes) {}
-    u8 roll(u32 sides) { return static_cast<u8>(next_ < bytes_.size() ? bytes_[next_++] % sides : 0); }
+    u8 roll(u32 sides)
+    {
+        return static_cast<u8>(next_ < bytes_.size() ? bytes_[next_++] % sides : 0);
+    }
     bool used_up() const { return next_ >= bytes_.size(); }
 
 private:
@@ -38,7 +42,8 @@ public:
         mw_.add_file("a.nv12", Bytes(1000));
         mw_.map_physical(PICTURE, picture_.data(), PICTURE_SIZE);
         mw_.offer_inject_buffer(320 * 256 * 3 / 2);
-        // What a call that fails leaves by its nature, and pictures that come with no encoder behind them.
+        // What a call that fails leaves by its nature, and pictures that come with no encoder
+        // behind them.
         for (const char* tolerated :
              {"nobody ever registered", "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
               "ZU_VENC_WriteBufferComplete is called on unknown handle 0x0"})
@@ -70,8 +75,8 @@ private:
         counts_.calls++;
         counts_.refused += !answer;
         counts_.recording += model_.slots[0].running[TSMUX] || model_.slots[1].running[TSMUX];
-        history_ += middleware::text(operation.name, " slot ", choice.slot, " variant ", choice.variant,
-                                     " flaw ", choice.flaw, " fault ", fault, "\n");
+        history_ += middleware::text(operation.name, " slot ", choice.slot, " variant ",
+                                     choice.variant, " flaw ", choice.flaw, " fault ", fault, "\n");
 
         const u32 limit_before = limit();
         mw_.take_logs();
@@ -85,16 +90,18 @@ private:
         note_limit_closes(next, std::min(limit_before, limit()), faulted);
         const StateModel actual = StateModel::of_library();
         if (!faulted && !(next == actual))
-            problem_ += "after " + std::string(operation.name) + "\n is " + actual.text() + "\n not " +
-                        next.text() + "\n";
+            problem_ += "after " + std::string(operation.name) + "\n is " + actual.text() +
+                        "\n not " + next.text() + "\n";
         model_ = actual;
         for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++)
             if (!model_.slots[index].running[TSMUX])
                 timer_from_[index] = mw_.now_ms();
     }
 
-    /** Prefers what the state allows, and what changes it but ends nothing: a sequence of refusals says
-     * little. */
+    /**
+     * Prefers what the state allows, and what changes it but ends nothing: a sequence of refusals
+     * says little.
+     */
     const Operation& choose(Choice& choice)
     {
         choice.slot = dice_.roll(8) == 0 ? dice_.roll(4) : dice_.roll(2);
@@ -143,7 +150,8 @@ private:
         const bool faulted = (refuses && !mw_.script_pending()) || (window && window->failed());
         counts_.faults += faulted;
         mw_.clear_script();
-        callbacks.clear(); // joins them
+        // joins them
+        callbacks.clear();
         if (!faulted && result != answer)
             problem_ += middleware::joined(mw_.take_logs()) + std::string(operation.name) +
                         (result ? " succeeded\n" : " failed\n");
@@ -154,7 +162,8 @@ private:
     {
         counts_.callbacks++;
         if (kind == 0)
-            return mw_.fire_picture({.luma = size % 7 ? PICTURE : 0x100, .chroma = PICTURE + 640 * 512});
+            return mw_.fire_picture(
+                {.luma = size % 7 ? PICTURE : 0x100, .chroma = PICTURE + 640 * 512});
         if (kind == 1)
             return mw_.fire_event(middleware::Kind::multiplexer, size % 4);
         if (kind == 2)
@@ -179,7 +188,9 @@ private:
     /** In seconds; without one, more than any sequence takes. */
     static u32 limit() { return _u32RecordTime != 0 ? _u32RecordTime.Get() : ~0u; }
 
-    /** The writer closes its slot when more whole seconds than the limit have passed; never earlier. */
+    /**
+     * The writer closes its slot when more whole seconds than the limit have passed; never earlier.
+     */
     void note_limit_closes(StateModel& next, u32 least, bool faulted)
     {
         for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++) {

@@ -26,7 +26,8 @@ TEST_F(RandomCalls, EveryAnswerIsTheModels)
     std::mt19937 generator(seed);
     RandomCallCounts counts;
     std::string problem;
-    testing::internal::CaptureStdout(); // the library prints events of the multiplexer there
+    // the library prints events of the multiplexer there
+    testing::internal::CaptureStdout();
     while (problem.empty() && !HasFailure() && counts.calls < wanted) {
         std::vector<u8> bytes(1000);
         for (u8& byte : bytes)
@@ -35,8 +36,8 @@ TEST_F(RandomCalls, EveryAnswerIsTheModels)
     }
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(problem, "") << "seed " << seed;
-    printf("%ld calls, %ld refused, %ld with a fault, %ld callbacks, %ld during a recording\n", counts.calls,
-           counts.refused, counts.faults, counts.callbacks, counts.recording);
+    printf("%ld calls, %ld refused, %ld with a fault, %ld callbacks, %ld during a recording\n",
+           counts.calls, counts.refused, counts.faults, counts.callbacks, counts.recording);
     EXPECT_LT(counts.refused * 10, counts.calls);
 }
 

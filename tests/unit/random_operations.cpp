@@ -7,7 +7,8 @@ namespace {
 
 using Model = StateModel;
 
-// --- the calls --------------------------------------------------------------------------------------------
+// --- the calls
+// --------------------------------------------------------------------------------------------
 
 bool set_video(Choice& c)
 {
@@ -15,14 +16,17 @@ bool set_video(Choice& c)
     static const char* const codecs[] = {nullptr, "", "auto", "default", "h264"};
     const u32 width = c.flaw == 3 ? 4000 : c.variant % 3 * 160;
     return steps::set_video(c.slot, c.flaw == 1 ? nullptr : source,
-                            c.flaw == 2 ? "h265" : codecs[c.variant % 5], width, c.variant % 4 * 120) == 1;
+                            c.flaw == 2 ? "h265" : codecs[c.variant % 5], width,
+                            c.variant % 4 * 120) == 1;
 }
 
 bool set_audio(Choice& c)
 {
     const int kind = c.variant % 4;
     const char* source = c.flaw == 3 ? "missing" : kind == 1 || c.flaw == 4 ? "a.nv12" : "cap";
-    const char* codec = c.flaw == 2 ? "ac3" : (kind == 3 && c.flaw != 3) || c.flaw == 4 ? "mp3" : "aac";
+    const char* codec = c.flaw == 2                                 ? "ac3"
+                        : (kind == 3 && c.flaw != 3) || c.flaw == 4 ? "mp3"
+                                                                    : "aac";
     return steps::set_audio(c.slot, c.flaw == 1 ? nullptr : source, codec) == 1;
 }
 
@@ -62,7 +66,8 @@ bool stills_describe(Choice& c)
 
 bool stills_capture(Choice& c)
 {
-    return ok(video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0));
+    return ok(
+        video_cap_captureScreen(c.flaw ? static_cast<s32>(StateModel::of_library().buffers) : 0));
 }
 
 bool sound_read(Choice&)
@@ -86,10 +91,12 @@ bool take_frame(Choice& c)
             ADD_FAILURE() << "byte " << index << " of a frame of " << size;
             break;
         }
-    return true; // a frame that does not fit is lost with an error, as it should
+    // a frame that does not fit is lost with an error, as it should
+    return true;
 }
 
-// --- what the model answers -------------------------------------------------------------------------------
+// --- what the model answers
+// -------------------------------------------------------------------------------
 
 bool init_model(Model& m)
 {
@@ -130,7 +137,8 @@ bool set_video_model(Model& m, const Choice& c)
     if (!slot || c.flaw == 1)
         return false;
     if (c.flaw == 4 && m.capable) { // the encoder was opened before the source failed
-        m.descriptor = false;       // whichever slot's encoder is closed
+        // whichever slot's encoder is closed
+        m.descriptor = false;
         m.inject = m.inject && c.slot != 0 && m.slots[0].open[VENC];
     }
     if (c.flaw != 0 || !m.capable) {
@@ -147,7 +155,8 @@ bool set_audio_model(Model& m, const Choice& c)
     ModelSlot* const slot = m.configurable(c);
     if (!slot || c.flaw == 1)
         return false;
-    const int kind = c.variant % 4; // 1 = a file, 3 = MP3, which is not captured
+    // 1 = a file, 3 = MP3, which is not captured
+    const int kind = c.variant % 4;
     if (c.flaw != 0 || (kind % 2 == 0 && slot->open[ACAP])) {
         m.close_slot(*slot);
         return false;
@@ -236,7 +245,8 @@ bool stills_open_model(Model& m, const Choice& c)
     m.block = c.flaw == 0;
     if (m.block)
         m.buffers = 1u + c.variant % 3;
-    return true; // also without buffers
+    // also without buffers
+    return true;
 }
 
 bool sound_open_model(Model& m, const Choice&)
@@ -266,7 +276,8 @@ template <u32... modules> bool close_modules(Model& m, const Choice&)
 /** Succeeds, and moves nothing. */
 constexpr auto no_move = [](Model&, const Choice&) { return true; };
 
-// --- what may be called -----------------------------------------------------------------------------------
+// --- what may be called
+// -----------------------------------------------------------------------------------
 
 constexpr auto always = [](const Model&, const Choice&) { return true; };
 
@@ -297,7 +308,8 @@ bool may_set_video(const Model& m, const Choice& c)
 const std::vector<Operation> OPERATIONS = {
     {"Init", 0, may_init, [](Model& m, const Choice&) { return init_model(m); },
      [](Choice&) { return SCREENRECORD_Init() == 1; }},
-    {"DeInit", 0, [](const Model& m, const Choice&) { return m.initialised || !m.slots[0].open[ACAP]; },
+    {"DeInit", 0,
+     [](const Model& m, const Choice&) { return m.initialised || !m.slots[0].open[ACAP]; },
      deinit_model, [](Choice&) { return SCREENRECORD_DeInit() == 1; }},
     {"Open", 2, slot_is_idle, open_model,
      [](Choice& c) {
@@ -318,16 +330,20 @@ const std::vector<Operation> OPERATIONS = {
     {"stopScreenRecord", 0, always, [](Model& m, const Choice&) { return close_model(m, {0}); },
      [](Choice&) { return ok(stopScreenRecord()); }},
     {"capenc_open", 2,
-     [](const Model& m, const Choice&) { return !m.slots[0].open[TSMUX] && !m.slots[1].open[VCAP]; },
+     [](const Model& m, const Choice&) {
+         return !m.slots[0].open[TSMUX] && !m.slots[1].open[VCAP];
+     },
      encode_open_model, encode_open},
-    {"capenc_start", 0, always, start_modules<VCAP, VENC>, [](Choice&) { return ok(video_capenc_start(0)); }},
+    {"capenc_start", 0, always, start_modules<VCAP, VENC>,
+     [](Choice&) { return ok(video_capenc_start(0)); }},
     {"capenc_stop", 0, always,
      [](Model& m, const Choice&) {
          m.slots[0].running[VCAP] = m.slots[0].running[VENC] = m.watermark = false;
          return true;
      },
      [](Choice&) { return ok(video_capenc_stop()); }},
-    {"capenc_close", 0, always, close_modules<VCAP, VENC>, [](Choice&) { return ok(video_capenc_close()); }},
+    {"capenc_close", 0, always, close_modules<VCAP, VENC>,
+     [](Choice&) { return ok(video_capenc_close()); }},
     {"capenc_pause", 0, always, no_move, [](Choice&) { return ok(video_capenc_pause()); }},
     {"capenc_resume", 0, always, no_move, [](Choice&) { return ok(video_capenc_resume()); }},
     {"capenc_setBitRate", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[VENC]; },
@@ -343,11 +359,14 @@ const std::vector<Operation> OPERATIONS = {
      [](Choice&) { return ok(video_capenc_setWatermark(android::WatermarkParams())); }},
     {"capenc_getES", 1, always, no_move, take_frame},
     {"capenc_requestKeyFrame", 0, always, no_move,
-     [](Choice&) { return ok(video_capenc_requestKeyFrame()) && video_capenc_getMaxEsSize() == 2097152; }},
-    {"cap_open", 3, [](const Model& m, const Choice&) { return !m.block && !m.slots[1].open[VCAP]; },
+     [](Choice&) {
+         return ok(video_capenc_requestKeyFrame()) && video_capenc_getMaxEsSize() == 2097152;
+     }},
+    {"cap_open", 3,
+     [](const Model& m, const Choice&) { return !m.block && !m.slots[1].open[VCAP]; },
      stills_open_model, stills_open},
-    {"cap_getCaptureBuffers", 1, always, [](Model& m, const Choice& c) { return m.block && c.flaw == 0; },
-     stills_describe},
+    {"cap_getCaptureBuffers", 1, always,
+     [](Model& m, const Choice& c) { return m.block && c.flaw == 0; }, stills_describe},
     {"cap_captureScreen", 1, always,
      [](Model& m, const Choice& c) {
          return c.flaw == 0 && m.block && m.slots[0].open[VCAP] && m.buffers != 0;
@@ -360,19 +379,22 @@ const std::vector<Operation> OPERATIONS = {
      },
      [](Choice&) { return ok(video_cap_close()); }},
     {"audio_cap_open", 0, always, sound_open_model, [](Choice&) { return ok(audio_cap_open()); }},
-    {"audio_cap_start", 0, always, start_modules<ACAP>, [](Choice&) { return ok(audio_cap_start()); }},
+    {"audio_cap_start", 0, always, start_modules<ACAP>,
+     [](Choice&) { return ok(audio_cap_start()); }},
     {"audio_cap_stop", 0, always,
      [](Model& m, const Choice&) {
          m.slots[0].running[ACAP] = false;
          return true;
      },
      [](Choice&) { return ok(audio_cap_stop()); }},
-    {"audio_cap_close", 0, always, close_modules<ACAP>, [](Choice&) { return ok(audio_cap_close()); }},
+    {"audio_cap_close", 0, always, close_modules<ACAP>,
+     [](Choice&) { return ok(audio_cap_close()); }},
     {"audio_cap_getPCM", 0, always, [](Model& m, const Choice&) { return m.slots[0].open[ACAP]; },
      sound_read},
     {"audio_cap_getInfo", 0, always, no_move,
      [](Choice&) {
          AudioCap_Info info = {};
-         return ok(audio_cap_getInfo(&info)) && info.u32Channels == 2 && audio_cap_getLostSize() == 0;
+         return ok(audio_cap_getInfo(&info)) && info.u32Channels == 2 &&
+                audio_cap_getLostSize() == 0;
      }},
 };

@@ -1,4 +1,6 @@
-/** The good way of a recording, call by call: a changed order or argument is a fault on the device. */
+/**
+ * The good way of a recording, call by call: a changed order or argument is a fault on the device.
+ */
 #include "library_test.h"
 
 namespace {
@@ -9,9 +11,10 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
 {
     mw.fail("ZU_VENC_Init", {.result = ZU_ALREADY_INITIALISED});
     EXPECT_EQ(SCREENRECORD_Init(), 1u);
-    EXPECT_CALLS(mw.take_calls(), {"ZU_SYS_Init(0)=0", "ZU_ACAP_Init(0)=0", "ZU_VENC_Init(0)=2",
-                                   "ZU_TSMUX_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0",
-                                   "ZU_AUDIO_GetCaps()=0", "ZU_ACAP_GetCaps()=0"});
+    EXPECT_CALLS(mw.take_calls(),
+                 {"ZU_SYS_Init(0)=0", "ZU_ACAP_Init(0)=0", "ZU_VENC_Init(0)=2",
+                  "ZU_TSMUX_Init(0)=0", "ZU_VIDEO_GetCaps()=0", "ZU_VENC_GetCaps()=0",
+                  "ZU_AUDIO_GetCaps()=0", "ZU_ACAP_GetCaps()=0"});
     EXPECT_EQ(SCREENRECORD_Init(), 1u);
     EXPECT_CALLS(mw.take_calls(), {});
     mw.take_logs();
@@ -19,12 +22,13 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     EXPECT_EQ(SCREENRECORD_DeInit(), 1u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_FS_Sync()=0", "ZU_FS_Sync()=0", "ZU_ACAP_DeInit()=0", "ZU_TSMUX_DeInit()=0"});
-    EXPECT_EQ(middleware::joined(mw.take_logs()).find("has Deinited"), std::string::npos) << "each was";
+    EXPECT_EQ(middleware::joined(mw.take_logs()).find("has Deinited"), std::string::npos)
+        << "each was";
     EXPECT_EQ(SCREENRECORD_DeInit(), 0u);
     std::vector<std::string> deinited;
     for (u32 module = 0; module < E_SCREENRECORD_MODULE_MAX; module++)
-        deinited.push_back("D [_SCREENRECORD_DeInitModule][DEMO TRANSCODE] Module " + std::to_string(module) +
-                           " has Deinited");
+        deinited.push_back("D [_SCREENRECORD_DeInitModule][DEMO TRANSCODE] Module " +
+                           std::to_string(module) + " has Deinited");
     std::vector<std::string> logs = mw.take_logs();
     EXPECT_CALLS(std::vector<std::string>(logs.end() - 7, logs.end()), deinited);
 
@@ -48,35 +52,39 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
     forget();
     ASSERT_EQ(steps::open(0), 1u);
     ASSERT_EQ(steps::set_audio(0), 1u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1", "ZU_ACAP_Open(name=acap_s)=0 h=0x31",
-                  "ZU_ACAP_RegisterCallback(0x31, mask=1)=0 id=0x1000000c1",
-                  "ZU_ACAP_SetVolume(0x31, 100)=0"});
+    EXPECT_CALLS(mw.take_calls(), {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1",
+                                   "ZU_ACAP_Open(name=acap_s)=0 h=0x31",
+                                   "ZU_ACAP_RegisterCallback(0x31, mask=1)=0 id=0x1000000c1",
+                                   "ZU_ACAP_SetVolume(0x31, 100)=0"});
     ASSERT_EQ(steps::set_video(0, "cap", nullptr, 1280, 720), 1u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_VENC_Open(name=venc0 color=0 1280x720@30 bitrate=1048576 profile=0 level=0 codec=1 "
-                  "mask=1)=0 h=0x21",
-                  "ZU_CAP_Open(path=0)=0 h=0x11", "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0",
-                  "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
-                  "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c2"});
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_VENC_Open(name=venc0 color=0 1280x720@30 bitrate=1048576 profile=0 level=0 codec=1 "
+         "mask=1)=0 h=0x21",
+         "ZU_CAP_Open(path=0)=0 h=0x11", "ZU_DISP_GetHandle(name=ZU_DISP_HD0)=0 h=0xd0",
+         "ZU_CAP_ConnectInput(0x11, 0xd0, port=0)=0",
+         "ZU_CAP_RegisterCallback(0x11, mask=1)=0 id=0x1000000c2"});
     ASSERT_EQ(steps::set_mux(0, 192, 2), 1u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_SYS_GetMmapLayout(306)=0", "ZU_OS_Pa2NonCachedVa(0x102000000)=0",
-                  "ZU_OS_FlushMemory()=0",
-                  "ZU_TSMUX_Open(packet=192 cbr=1 rate=2097152 size=2097152)=0 h=0x41",
-                  "ZU_TSMUX_RegisterCallback(0x41, mask=3)=0 id=0x1000000c3",
-                  "ZU_TSMUX_SetAttr(0x41, 0x203, {1, 180000, 90000})=0",
-                  "ZU_TSMUX_AttachMediaSource(0x41, type=0x4 pid=0x101 stream=0xe0)=0 id=0x100000051",
-                  "ZU_TSMUX_AttachMediaSource(0x41, type=0x104 pid=0x102 stream=0xc0)=0 "
-                  "id=0x100000052",
-                  "ZU_TSMUX_SetAttr(0x41, 0x200, {1, 1000})=0"});
-    mw.hold_tasks(); // its passes would stand between the calls in any place
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_SYS_GetMmapLayout(306)=0", "ZU_OS_Pa2NonCachedVa(0x102000000)=0",
+         "ZU_OS_FlushMemory()=0",
+         "ZU_TSMUX_Open(packet=192 cbr=1 rate=2097152 size=2097152)=0 h=0x41",
+         "ZU_TSMUX_RegisterCallback(0x41, mask=3)=0 id=0x1000000c3",
+         "ZU_TSMUX_SetAttr(0x41, 0x203, {1, 180000, 90000})=0",
+         "ZU_TSMUX_AttachMediaSource(0x41, type=0x4 pid=0x101 stream=0xe0)=0 id=0x100000051",
+         "ZU_TSMUX_AttachMediaSource(0x41, type=0x104 pid=0x102 stream=0xc0)=0 "
+         "id=0x100000052",
+         "ZU_TSMUX_SetAttr(0x41, 0x200, {1, 1000})=0"});
+    // its passes would stand between the calls in any place
+    mw.hold_tasks();
     ASSERT_EQ(steps::start(0), 1u);
     EXPECT_CALLS(
         mw.take_calls(),
         {"ZU_OS_CreateMutex(name=Tscode: 6)=0 m0",
-         "ZU_OS_CreateTask(name=Tscode:6 priority=4 stack=133120 start=1)=0 t1", "ZU_TSMUX_Start(0x41, 0)=0",
-         "ZU_OS_CreateMutex(name=Tscode: 4)=0 m1", "ZU_VENC_Start(0x21, 0)=0", "ZU_ACAP_Start(0x31, 0)=0",
+         "ZU_OS_CreateTask(name=Tscode:6 priority=4 stack=133120 start=1)=0 t1",
+         "ZU_TSMUX_Start(0x41, 0)=0", "ZU_OS_CreateMutex(name=Tscode: 4)=0 m1",
+         "ZU_VENC_Start(0x21, 0)=0", "ZU_ACAP_Start(0x31, 0)=0",
          "ZU_CAP_CaptureStart(0x11, path=0 osd=0 1280x736@30 format=5 size=2867200 pitch=0 fd=-1 virt=0 "
          "phys=0x0)=0"});
     EXPECT_EQ(steps::start(0), 1u);
@@ -84,20 +92,21 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
     mw.take_logs();
 
     EXPECT_EQ(steps::stop(0), 1u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_CAP_CaptureStop(0x11)=0", "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c2 mask=1)=0",
-                  "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_ACAP_Stop(0x31)=0", "ZU_VENC_Stop(0x21)=0",
-                  "ZU_OS_DeleteMutex(m1)=0"});
+    EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_CaptureStop(0x11)=0",
+                                   "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c2 mask=1)=0",
+                                   "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_ACAP_Stop(0x31)=0",
+                                   "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m1)=0"});
     EXPECT_EQ(steps::close(0), 1u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_ACAP_Stop(0x31)=0", "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0",
                   "ZU_ACAP_Stop(0x31)=0", "ZU_ACAP_UnRegisterCallback(0x31, id=0x0 mask=1)=0",
-                  "ZU_ACAP_Close(0x31)=0", "ZU_TSMUX_SetAttr(0x41, 0x200, {0, 0})=0", "ZU_VENC_Stop(0x21)=0",
-                  "ZU_VENC_Close(0x21)=0", "ZU_TSMUX_DetachMediaSource(0x41, 0x100000051)=0",
+                  "ZU_ACAP_Close(0x31)=0", "ZU_TSMUX_SetAttr(0x41, 0x200, {0, 0})=0",
+                  "ZU_VENC_Stop(0x21)=0", "ZU_VENC_Close(0x21)=0",
+                  "ZU_TSMUX_DetachMediaSource(0x41, 0x100000051)=0",
                   "ZU_TSMUX_UnRegisterCallback(0x41, id=0x1000000c3 mask=0)=0",
-                  "ZU_TSMUX_SetAttr(0x41, 0x202, 1)=0", "ZU_TSMUX_Stop(0x41)=0", "ZU_OS_DeleteTask(t1)=0",
-                  "ZU_OS_DeleteMutex(m0)=0", "ZU_TSMUX_Close(0x41)=0", "ZU_OS_FlushMemory()=0",
-                  "ZU_FS_Fclose(0x800000f1)=0", "ZU_FS_Sync()=0"});
+                  "ZU_TSMUX_SetAttr(0x41, 0x202, 1)=0", "ZU_TSMUX_Stop(0x41)=0",
+                  "ZU_OS_DeleteTask(t1)=0", "ZU_OS_DeleteMutex(m0)=0", "ZU_TSMUX_Close(0x41)=0",
+                  "ZU_OS_FlushMemory()=0", "ZU_FS_Fclose(0x800000f1)=0", "ZU_FS_Sync()=0"});
     EXPECT_TRUE(errors().empty());
     EXPECT_TRUE(slot_is_closed(0));
 
@@ -114,11 +123,13 @@ TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
     forget();
     ASSERT_EQ(steps::set_audio(1, "sound.aac", "aac"), 1u);
     ASSERT_EQ(steps::set_video(1, "screen.nv12", "h264"), 1u);
-    EXPECT_CALLS(mw.take_calls(),
-                 {"ZU_FS_Fopen(sound.aac, rb)=2147483891 h=0x800000f3", "ZU_FS_Fseek(0x800000f3, 0, 0)=0",
-                  "ZU_VENC_Open(name=venc0 color=0 640x480@30 bitrate=1048576 profile=0 level=0 codec=1 "
-                  "mask=1)=0 h=0x22",
-                  "ZU_FS_Fopen(screen.nv12, rb)=2147483892 h=0x800000f4", "ZU_FS_Fseek(0x800000f4, 0, 0)=0"});
+    EXPECT_CALLS(
+        mw.take_calls(),
+        {"ZU_FS_Fopen(sound.aac, rb)=2147483891 h=0x800000f3", "ZU_FS_Fseek(0x800000f3, 0, 0)=0",
+         "ZU_VENC_Open(name=venc0 color=0 640x480@30 bitrate=1048576 profile=0 level=0 codec=1 "
+         "mask=1)=0 h=0x22",
+         "ZU_FS_Fopen(screen.nv12, rb)=2147483892 h=0x800000f4",
+         "ZU_FS_Fseek(0x800000f4, 0, 0)=0"});
     EXPECT_EQ(task(1, VREADER).u32Handle, 0xf4u) << "the mark has no top bit";
     ASSERT_EQ(steps::set_mux(1), 1u);
     ASSERT_EQ(steps::start(1), 1u);
@@ -139,12 +150,16 @@ TEST_F(RecordingCalls, ArgumentsMayBeLeftOut)
         u32 bits = given ? 24 : 0;
         ASSERT_EQ(SCREENRECORD_SetAudio(&slot, steps::text("cap"), nullptr, &bits), 1u);
         EXPECT_EQ(source.u8AudioBitWidth, given ? 24 : 16);
-        ASSERT_EQ(SCREENRECORD_SetVideo(&slot, steps::text("cap"), nullptr, nullptr, nullptr, nullptr), 1u);
+        ASSERT_EQ(
+            SCREENRECORD_SetVideo(&slot, steps::text("cap"), nullptr, nullptr, nullptr, nullptr),
+            1u);
         EXPECT_EQ(source.u32Width, 640u);
         EXPECT_EQ(source.u32Height, 480u);
         EXPECT_EQ(source.u32FrameRate, 30u);
-        _astSlotCtrl[0].stSrcInfo.u32TsPacketSize = 188; // as an earlier call leaves it
-        ASSERT_EQ(SCREENRECORD_SetTsMux(&slot, given ? &size : nullptr, given ? &rate : nullptr), 1u);
+        // as an earlier call leaves it
+        _astSlotCtrl[0].stSrcInfo.u32TsPacketSize = 188;
+        ASSERT_EQ(SCREENRECORD_SetTsMux(&slot, given ? &size : nullptr, given ? &rate : nullptr),
+                  1u);
         const auto params = mw.last().multiplexer;
         EXPECT_EQ(params.u32TsPacketSize, 192u);
         EXPECT_EQ(params.u32CbrBitrate, given ? 8388608u : 0u);
@@ -160,9 +175,10 @@ TEST_F(RecordingCalls, PicturesAloneAreNotInterleavedAndAnotherCodecIsAnnouncedA
 {
     SCREENRECORD_Init();
     ASSERT_TRUE(steps::open(0) && steps::set_video(0, "cap", "mpeg4") && steps::set_mux(0));
-    EXPECT_CALLS(mw.calls_of({"ZU_TSMUX_SetAttr", "ZU_TSMUX_AttachMediaSource"}),
-                 {"ZU_TSMUX_SetAttr(0x41, 0x203, {1, 180000, 90000})=0",
-                  "ZU_TSMUX_AttachMediaSource(0x41, type=0x3 pid=0x101 stream=0xe0)=0 id=0x100000051"});
+    EXPECT_CALLS(
+        mw.calls_of({"ZU_TSMUX_SetAttr", "ZU_TSMUX_AttachMediaSource"}),
+        {"ZU_TSMUX_SetAttr(0x41, 0x203, {1, 180000, 90000})=0",
+         "ZU_TSMUX_AttachMediaSource(0x41, type=0x3 pid=0x101 stream=0xe0)=0 id=0x100000051"});
 }
 
 TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
@@ -188,8 +204,10 @@ TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
     };
     const std::string no_venc = "E [_SCREENRECORD_GetVencSrcType]Venc unsupport!",
                       no_aenc = "E [_SCREENRECORD_GetAencSrcType]Aenc unsupport!",
-                      unknown_venc = "E [_SCREENRECORD_GetVencSrcType][Demo Venc] Invalid VENC type!",
-                      unknown_aenc = "E [_SCREENRECORD_GetAencSrcType][Demo Venc] Invalid AENC type!",
+                      unknown_venc =
+                          "E [_SCREENRECORD_GetVencSrcType][Demo Venc] Invalid VENC type!",
+                      unknown_aenc =
+                          "E [_SCREENRECORD_GetAencSrcType][Demo Venc] Invalid AENC type!",
                       bad_venc = "E [SCREENRECORD_SetVideo]Error: invalid Venc Type",
                       bad_aenc = "E [SCREENRECORD_SetAudio]Error: invalid AENC Type!";
     const Case cases[] = {
@@ -211,7 +229,8 @@ TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
             EXPECT_EQ(c.video ? steps::set_video(0, "cap", name) : steps::set_audio(0, "cap", name),
                       c.accepted);
             EXPECT_CALLS(errors(), c.errors);
-            const bool sound = !c.video && c.accepted && c.codec == 0; // MP3 opens no capture
+            // MP3 opens no capture
+            const bool sound = !c.video && c.accepted && c.codec == 0;
             EXPECT_EQ(mw.count("ZU_ACAP_Open"), sound);
             EXPECT_EQ(mw.count("ZU_VENC_Open"), c.video && c.accepted);
             EXPECT_TRUE(!c.video || !c.accepted || mw.last().encoder.eCodecType == c.codec);
@@ -259,8 +278,9 @@ TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
         ASSERT_EQ(steps::open(0), 1u);
         forget();
         EXPECT_EQ(steps::set_video(0, "cap", nullptr, c.width, c.height, c.rate), c.accepted);
-        std::vector<std::string> expected = {"E [_SCREENRECORD_OpenVenc]Venc Support!",
-                                             "E [SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Venc Failed!"};
+        std::vector<std::string> expected = {
+            "E [_SCREENRECORD_OpenVenc]Venc Support!",
+            "E [SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Venc Failed!"};
         EXPECT_CALLS(errors(), c.accepted ? std::vector<std::string>() : expected);
         EXPECT_NE(slot_is_closed(0), c.accepted);
         steps::close(0);
@@ -270,11 +290,12 @@ TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
 TEST_F(RecordingCalls, OneCallRunsTheWholeSequenceOnSlotZero)
 {
     ASSERT_EQ(startScreenRecord(320, 240, 25, 3, 192, 0, 0, steps::text("out.ts")), 0);
-    EXPECT_CALLS(mw.calls_of({"ZU_FS_Fopen", "ZU_VENC_Open", "ZU_TSMUX_Open"}),
-                 {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1",
-                  "ZU_VENC_Open(name=venc0 color=0 320x240@25 bitrate=1048576 profile=0 level=0 codec=1 "
-                  "mask=1)=0 h=0x21",
-                  "ZU_TSMUX_Open(packet=192 cbr=1 rate=3145728 size=2097152)=0 h=0x41"});
+    EXPECT_CALLS(
+        mw.calls_of({"ZU_FS_Fopen", "ZU_VENC_Open", "ZU_TSMUX_Open"}),
+        {"ZU_FS_Fopen(out.ts, wb)=2147483889 h=0x800000f1",
+         "ZU_VENC_Open(name=venc0 color=0 320x240@25 bitrate=1048576 profile=0 level=0 codec=1 "
+         "mask=1)=0 h=0x21",
+         "ZU_TSMUX_Open(packet=192 cbr=1 rate=3145728 size=2097152)=0 h=0x41"});
     EXPECT_EQ(task(0, VCAP).bRunning, 1);
     EXPECT_EQ(steps::one_call(7), -1);
     EXPECT_EQ(errors().back(), "E [startScreenRecord]SCREENRECORD_Open Fail");

@@ -21,15 +21,19 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
         const char* name;
         u32 (*call)(u32* slot);
         bool refuses_running;
-        const char* last_check; /**< the argument check behind the common ones, none = no argument */
+        /** the argument check behind the common ones, none = no argument */
+        const char* last_check;
     };
     const Case cases[] = {
         {"Open", [](u32* slot) { return SCREENRECORD_Open(slot, nullptr); }, true,
          "Error: invalid destination file name"},
         {"SetVideo",
-         [](u32* slot) { return SCREENRECORD_SetVideo(slot, nullptr, nullptr, nullptr, nullptr, nullptr); },
+         [](u32* slot) {
+             return SCREENRECORD_SetVideo(slot, nullptr, nullptr, nullptr, nullptr, nullptr);
+         },
          true, "Error: invalid Source name"},
-        {"SetAudio", [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); }, true,
+        {"SetAudio",
+         [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); }, true,
          "Error: invalid Source name"},
         {"SetTsMux", [](u32* slot) { return SCREENRECORD_SetTsMux(slot, nullptr, nullptr); }, true,
          "Need to Assign one source!"},
@@ -45,8 +49,9 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
         EXPECT_EQ(c.call(nullptr), 0u);
         EXPECT_EQ(c.call(&none), 0u);
         EXPECT_EQ(c.call(&slot), 0u);
-        EXPECT_CALLS(mw.take_logs(), {"E " + at + "INVALID Trancode Id!", "E " + at + "INVALID Trancode Id!",
-                                      "D " + at + "init module first!"});
+        EXPECT_CALLS(mw.take_logs(),
+                     {"E " + at + "INVALID Trancode Id!", "E " + at + "INVALID Trancode Id!",
+                      "D " + at + "init module first!"});
         EXPECT_CALLS(mw.take_calls(), {});
         ASSERT_EQ(SCREENRECORD_Init(), 1u);
         if (c.last_check) {
@@ -58,8 +63,9 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
             ASSERT_TRUE(steps::record(0));
             forget();
             EXPECT_EQ(c.call(&slot), 0u);
-            EXPECT_CALLS(mw.take_logs(),
-                         {"D " + at + "Some modules are Transcoding now, please stop transcoding first! "});
+            EXPECT_CALLS(
+                mw.take_logs(),
+                {"D " + at + "Some modules are Transcoding now, please stop transcoding first! "});
             EXPECT_EQ(task(0, VCAP).bRunning, 1);
             steps::close(0);
         }
@@ -85,7 +91,8 @@ TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
 TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
 {
     const struct {
-        const char* failing; /**< the middleware's call; NULL = the arguments do */
+        /** the middleware's call; NULL = the arguments do */
+        const char* failing;
         std::function<u32()> step;
     } cases[] = {
         {nullptr, [] { return steps::set_video(0, "cap", "mpeg2"); }},
@@ -97,12 +104,16 @@ TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
         {nullptr, [] { return steps::set_audio(0, "missing.aac"); }},
         {"ZU_TSMUX_Open", [] { return steps::set_video(0) && steps::set_mux(0); }},
         {"ZU_TSMUX_AttachMediaSource", [] { return steps::set_video(0) && steps::set_mux(0); }},
-        {"ZU_OS_CreateTask", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
-        {"ZU_OS_CreateMutex", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
-        {"ZU_TSMUX_Start", [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
+        {"ZU_OS_CreateTask",
+         [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
+        {"ZU_OS_CreateMutex",
+         [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
+        {"ZU_TSMUX_Start",
+         [] { return steps::set_video(0) && steps::set_mux(0) && steps::start(0); }},
     };
     for (const auto& c : cases)
-        for (const bool opened : {false, true}) { // what a call has opened although it answers that it failed
+        for (const bool opened :
+             {false, true}) { // what a call has opened although it answers that it failed
             SCOPED_TRACE(std::to_string(&c - cases) + (opened ? ", opened" : ""));
             ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
             if (c.failing)
@@ -145,7 +156,9 @@ TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
     }
 }
 
-/** A slot that is opened again forgets its devices; the display must not stay taken by one of them. */
+/**
+ * A slot that is opened again forgets its devices; the display must not stay taken by one of them.
+ */
 TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
 {
     static Cap_OpenParams stills = {64, 64, 0, 0, 1};
@@ -162,8 +175,8 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
          },
          [] { return steps::open(0); }},
         {"recording", [] { return steps::set_video(0) == 1; }, [] { return steps::open(0); }},
-        {"by an initialisation", [] { return SCREENRECORD_DeInit() && video_cap_open(&stills) == 0; },
-         SCREENRECORD_Init},
+        {"by an initialisation",
+         [] { return SCREENRECORD_DeInit() && video_cap_open(&stills) == 0; }, SCREENRECORD_Init},
         {"by the same again", [] { return steps::set_video(0) == 1; },
          [] {
              // The second was never connected, so its device refuses.
@@ -213,7 +226,8 @@ TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
     std::erase_if(calls, [](const std::string& line) {
         return !line.starts_with("ZU_VENC_") && !line.starts_with("ZU_CAP_");
     });
-    calls.erase(calls.begin(), calls.begin() + 2); // the starts
+    // the starts
+    calls.erase(calls.begin(), calls.begin() + 2);
     EXPECT_CALLS(calls, {"ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c1 mask=1)=0",
                          "ZU_CAP_DisconnectInput(0x11, 0xd0)=0",
                          "ZU_VENC_Stop(0x21)=0", // here ends the stop
@@ -230,7 +244,8 @@ TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
     EXPECT_EQ(mw.count("ZU_FS_Fopen"), 0);
     mw.fail("ZU_FS_Fopen");
     EXPECT_EQ(steps::open(0), 0u);
-    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr) << "a slot whose file cannot be made is closed";
+    EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.pu8DstName, nullptr)
+        << "a slot whose file cannot be made is closed";
     for (const char* name : {"Wifi", "wifi2"}) {
         EXPECT_EQ(steps::open(0, name), 1u) << name;
         steps::close(0);
@@ -245,9 +260,10 @@ TEST_F(RecordingFailures, ARegionWithoutAddressIsRefused)
     mw.fail("ZU_OS_Pa2NonCachedVa");
     mw.fail("ZU_OS_Pa2CachedVa");
     EXPECT_EQ(steps::set_mux(0), 0u);
-    EXPECT_CALLS(errors(), {"E [_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000",
-                            "E [_SCREENRECORD_OpenTsmux]Error: failed to ZU_OS_PA2CachedVA(0x2000000)",
-                            "E [SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"});
+    EXPECT_CALLS(errors(),
+                 {"E [_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000",
+                  "E [_SCREENRECORD_OpenTsmux]Error: failed to ZU_OS_PA2CachedVA(0x2000000)",
+                  "E [SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"});
 }
 
 TEST_F(RecordingFailures, NoRecordAndNoSuchModuleAreRefusedUntouched)
@@ -269,9 +285,10 @@ TEST_F(RecordingFailures, NoRecordAndNoSuchModuleAreRefusedUntouched)
     EXPECT_EQ(_SCREENRECORD_StartModule(&unknown, 0), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(_SCREENRECORD_StopModule(&unknown), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(_SCREENRECORD_CreateTask(nullptr, 0, 0, nullptr), ZU_INVALID_ARGUMENT);
-    for (auto* of_a_record : {_SCREENRECORD_StopModule, _SCREENRECORD_CloseSrcReader, _SCREENRECORD_CloseVcap,
-                              _SCREENRECORD_CloseAcap, _SCREENRECORD_CloseVenc, _SCREENRECORD_CloseTsmux,
-                              _SCREENRECORD_DeleteTask})
+    for (auto* of_a_record :
+         {_SCREENRECORD_StopModule, _SCREENRECORD_CloseSrcReader, _SCREENRECORD_CloseVcap,
+          _SCREENRECORD_CloseAcap, _SCREENRECORD_CloseVenc, _SCREENRECORD_CloseTsmux,
+          _SCREENRECORD_DeleteTask})
         EXPECT_EQ(of_a_record(nullptr), ZU_INVALID_ARGUMENT);
     EXPECT_CALLS(mw.take_calls(), {});
 }

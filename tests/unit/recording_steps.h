@@ -29,8 +29,8 @@ inline u32 set_audio(u32 slot, const char* source = "cap", const char* codec = n
     return SCREENRECORD_SetAudio(&slot, text(source), text(codec), nullptr);
 }
 
-inline u32 set_video(u32 slot, const char* source = "cap", const char* codec = nullptr, u32 width = 0,
-                     u32 height = 0, u32 rate = 0)
+inline u32 set_video(u32 slot, const char* source = "cap", const char* codec = nullptr,
+                     u32 width = 0, u32 height = 0, u32 rate = 0)
 {
     return SCREENRECORD_SetVideo(&slot, text(source), text(codec), &width, &height, &rate);
 }

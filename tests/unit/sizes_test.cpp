@@ -1,6 +1,6 @@
 /**
- * Sizes from clients and from the middleware at their boundaries, alone and in pairs: each is refused or
- * exact. What must come out is counted here by division, where nothing can wrap.
+ * Sizes from clients and from the middleware at their boundaries, alone and in pairs: each is
+ * refused or exact. What must come out is counted here by division, where nothing can wrap.
  */
 #include <algorithm>
 #include <limits>
@@ -16,7 +16,8 @@ constexpr u32 boundaries[] = {65537, 0,        1,          15,         16,      
                               4095,  4096,     4097,       65535,      65536,      mib2 - 1,
                               mib2,  mib2 + 1, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFFF};
 /** Those that a test can have real bytes for. */
-constexpr u32 real_sizes[] = {1, 15, 16, 17, 4095, 4096, 4097, 65535, 65536, mib2 - 1, mib2, mib2 + 1};
+constexpr u32 real_sizes[] = {1,    15,    16,    17,       4095, 4096,
+                              4097, 65535, 65536, mib2 - 1, mib2, mib2 + 1};
 
 /** `value` rounded up; 0 = there is no such multiple of 32 bits. */
 u64 rounded(u64 value, u64 multiple)
@@ -29,7 +30,8 @@ u64 rounded(u64 value, u64 multiple)
 u64 picture_bytes(u64 capture_width, u64 capture_height)
 {
     const u64 lines = capture_height + (capture_height + 63) / 64 * 64 / 2;
-    const bool fits = capture_width != 0 && capture_height != 0 && lines <= 0x7FFFFFFF / capture_width;
+    const bool fits =
+        capture_width != 0 && capture_height != 0 && lines <= 0x7FFFFFFF / capture_width;
     return fits ? capture_width * lines : 0;
 }
 
@@ -53,7 +55,8 @@ protected:
 
 TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
 {
-    std::vector<std::pair<u32, u32>> sizes = {{0xAAAABA10, 0xFFFE86E0}}; // wraps into something that fits
+    // wraps into something that fits
+    std::vector<std::pair<u32, u32>> sizes = {{0xAAAABA10, 0xFFFE86E0}};
     for (const u32 width : boundaries)
         for (const u32 height : boundaries)
             sizes.emplace_back(width, height);
@@ -106,7 +109,8 @@ TEST_F(Sizes, RatesAndPacketSizesArriveAsTheyWereGiven)
         ASSERT_EQ(video_capenc_open(&params), 0);
         EXPECT_EQ(mw.last().encoder.u32Bitrate, value / 1024);
         ASSERT_EQ(video_capenc_setBitRate(value), 0);
-        EXPECT_TRUE(mw.take_calls().back().ends_with(", 0x1, " + std::to_string(value / 1024) + ")=0"));
+        EXPECT_TRUE(
+            mw.take_calls().back().ends_with(", 0x1, " + std::to_string(value / 1024) + ")=0"));
         next();
     }
 }
@@ -132,7 +136,8 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
         for (size_t i = 0; i < bytes; i++)
             memory[i] = static_cast<u8>(i % 0xED);
         const Bytes picture = memory;
-        memory.resize(bytes + mib2 + 1, not_the_picture); // what lies behind the picture
+        // what lies behind the picture
+        memory.resize(bytes + mib2 + 1, not_the_picture);
         std::vector<u32> lent = {bytes - 1, bytes, bytes + 1};
         lent.insert(lent.end(), std::begin(real_sizes), std::end(real_sizes));
         for (const u32 size : lent) {
@@ -141,7 +146,8 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
             mw.settings.encoder_input_size = size;
             ASSERT_TRUE(steps::record_pictures(0, width, height));
             EXPECT_EQ(mw.fire_picture({.luma = luma_address}),
-                      1u); // AddressSanitizer watches the encoder's buffer
+                      // AddressSanitizer watches the encoder's buffer
+                      1u);
             const Bytes got = mw.last_encoder_input();
             ASSERT_EQ(got.size(), size);
             const auto end = got.begin() + std::min(size, bytes);
@@ -202,8 +208,9 @@ TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
             const bool kept = size <= mib2, fits = !kept || room >= size;
             EXPECT_EQ(video_capenc_getES(buffer.data(), room, &info), fits ? 0 : -1);
             EXPECT_EQ(info.u64DataSize, kept ? size : 0u);
-            const std::string said = middleware::text("E [video_capenc_getES_lock]bufferSize(", room,
-                                                      ") is smaller than dataSize(", size, "), drop frame !");
+            const std::string said =
+                middleware::text("E [video_capenc_getES_lock]bufferSize(", room,
+                                 ") is smaller than dataSize(", size, "), drop frame !");
             EXPECT_CALLS(errors(), fits ? std::vector<std::string>() : std::vector{said});
             EXPECT_EQ(static_cast<size_t>(std::count(buffer.begin(), buffer.end(), 7)),
                       kept && fits ? size : 0);
@@ -218,7 +225,8 @@ TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
         SCOPED_TRACE(claimed);
         mw.settings.claimed_copy = claimed;
         ASSERT_TRUE(steps::record(0));
-        mw.advance(1000); // AddressSanitizer watches the batch
+        // AddressSanitizer watches the batch
+        mw.advance(1000);
         steps::close(0);
         const auto copies = static_cast<u32>(mw.count("ZU_TSMUX_CopyOutputStream"));
         EXPECT_EQ(mw.file("out.ts").size(), u64{std::min(claimed, 65536u)} * copies);
@@ -234,7 +242,8 @@ TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
     rooms.insert(rooms.end(), {u64{1} << 32, (u64{1} << 32) + 1, ~u64{0}});
     for (const u32 level : boundaries) {
         for (const u64 room : rooms) {
-            for (const u32 claimed : {0u, static_cast<u32>(std::min<u64>(room, 0xFFFFFFFF)), 0xFFFFFFFFu}) {
+            for (const u32 claimed :
+                 {0u, static_cast<u32>(std::min<u64>(room, 0xFFFFFFFF)), 0xFFFFFFFFu}) {
                 SCOPED_TRACE(middleware::text(level, " and ", room));
                 mw.settings.audio_level = level;
                 mw.settings.claimed_read = claimed;
@@ -242,9 +251,11 @@ TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
                 u64 size = 5;
                 EXPECT_EQ(audio_cap_getPCM(buffer.data(), room, &size), 0);
                 const bool reads = level >= room;
-                EXPECT_EQ(size, reads ? std::min<u64>(room, claimed) : 0) << "no more than there is room for";
-                EXPECT_EQ(mw.calls_of({"ZU_ACAP_Read(0x31, size=" + std::to_string(room) + ")"}).size(),
-                          reads);
+                EXPECT_EQ(size, reads ? std::min<u64>(room, claimed) : 0)
+                    << "no more than there is room for";
+                EXPECT_EQ(
+                    mw.calls_of({"ZU_ACAP_Read(0x31, size=" + std::to_string(room) + ")"}).size(),
+                    reads);
             }
         }
     }
@@ -252,7 +263,8 @@ TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
 
 TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
 {
-    const u64 bytes_of_4_pixels[] = {8, 8, 16, 6}; // by format
+    // by format
+    const u64 bytes_of_4_pixels[] = {8, 8, 16, 6};
     const s32 counts[] = {1, 2, 4096, 65536, 0x7FFFFFFF};
     for (const u32 width : boundaries)
         for (const u32 height : boundaries)
@@ -262,13 +274,16 @@ TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
                     const u64 lines = height ? height : 480, frames = static_cast<u32>(count);
                     // What 64 bits may not hold is known to be too much before it is counted.
                     const bool counted = pitch <= (u64{1} << 32) / lines;
-                    const u64 block = counted ? (pitch * lines + 4095) / 4096 * 4096 * frames : u64{1} << 32;
+                    const u64 block =
+                        counted ? (pitch * lines + 4095) / 4096 * 4096 * frames : u64{1} << 32;
                     const bool asked = block < u64{1} << 32;
                     Cap_OpenParams params = {width, height, format, 0, count};
-                    mw.fail("ZU_OS_AllocateIommuMemory"); // what it is asked for is all that matters here
+                    // what it is asked for is all that matters here
+                    mw.fail("ZU_OS_AllocateIommuMemory");
                     ASSERT_EQ(video_cap_open(&params), 0);
                     const std::string size = " size=" + std::to_string(block) + " ";
-                    EXPECT_EQ(mw.calls_of({"ZU_OS_AllocateIommuMemory(tag=vdec_fb" + size}).size(), asked)
+                    EXPECT_EQ(mw.calls_of({"ZU_OS_AllocateIommuMemory(tag=vdec_fb" + size}).size(),
+                              asked)
                         << width << "x" << height << " format " << format << " times " << count;
                     EXPECT_EQ(mw.count("ZU_OS_AllocateIommuMemory"), asked);
                     mw.clear_script();

@@ -58,12 +58,12 @@ StateModel StateModel::of_library()
 std::string StateModel::text() const
 {
     std::string result =
-        middleware::text("initialised ", initialised, ", sound ", sound_initialised, ", capable ", capable,
-                         ", buffers ", buffers, ", allocated ", block, ", inject ", inject, ", descriptor ",
-                         descriptor, ", watermark ", watermark);
+        middleware::text("initialised ", initialised, ", sound ", sound_initialised, ", capable ",
+                         capable, ", buffers ", buffers, ", allocated ", block, ", inject ", inject,
+                         ", descriptor ", descriptor, ", watermark ", watermark);
     for (const ModelSlot& slot : slots) {
-        result +=
-            middleware::text("; file ", slot.file, ", video ", slot.video, ", audio ", slot.audio, ", open");
+        result += middleware::text("; file ", slot.file, ", video ", slot.video, ", audio ",
+                                   slot.audio, ", open");
         for (u32 module = 0; module < E_SCREENRECORD_MODULE_MAX; module++)
             if (slot.open[module] || slot.running[module])
                 result += middleware::text(" ", module, slot.running[module] ? " runs" : "");

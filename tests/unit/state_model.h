@@ -9,7 +9,8 @@
 
 /** One recording slot, as far as it decides what the next call answers. */
 struct ModelSlot {
-    bool file = false; /**< the output file is open */
+    /** the output file is open */
+    bool file = false;
     bool video = false, audio = false;
     std::array<bool, E_SCREENRECORD_MODULE_MAX> open = {}, running = {};
 
@@ -28,23 +29,31 @@ struct ModelSlot {
 /** The arguments that a call varies. */
 struct Choice {
     u32 slot = 0;
-    u8 variant = 0; /**< which of the good arguments */
-    u8 flaw = 0;    /**< 0 = good arguments, else which bad one */
+    /** which of the good arguments */
+    u8 variant = 0;
+    /** 0 = good arguments, else which bad one */
+    u8 flaw = 0;
 };
 
 /** The library as a state machine where the middleware refuses nothing; the operations move it. */
 class StateModel {
 public:
     bool initialised = false;
-    bool sound_initialised = false; /**< the audio module; PCM capture needs no more */
-    bool capable = false;           /**< what the encoder can is known */
+    /** the audio module; PCM capture needs no more */
+    bool sound_initialised = false;
+    /** what the encoder can is known */
+    bool capable = false;
     ModelSlot slots[SCREENRECORD_SLOT_COUNT];
-    bool block = false; /**< still-frame buffers are allocated */
-    u32 buffers = 0;    /**< how many; kept when they are freed */
+    /** still-frame buffers are allocated */
+    bool block = false;
+    /** how many; kept when they are freed */
+    u32 buffers = 0;
     bool inject = false;
     bool descriptor =
-        false;              /**< of the inject buffer, for the watermark; the encoder's close gives it back */
-    bool watermark = false; /**< not in the library's table; false when in doubt */
+        /** of the inject buffer, for the watermark; the encoder's close gives it back */
+        false;
+    /** not in the library's table; false when in doubt */
+    bool watermark = false;
 
     /** What the library's own table says, for comparison and after a fault. */
     static StateModel of_library();
@@ -68,13 +77,14 @@ public:
 };
 
 /**
- * An operation: the call, the model's answer to it, and when it may be made. Where a step would open a device
- * over one that is open, the interface asks the client for a close first; such calls are not made. The
- * middleware has one capture connection, so two slots do not capture at a time.
+ * An operation: the call, the model's answer to it, and when it may be made. Where a step would
+ * open a device over one that is open, the interface asks the client for a close first; such calls
+ * are not made. The middleware has one capture connection, so two slots do not capture at a time.
  */
 struct Operation {
     const char* name;
-    u32 flaws; /**< kinds of bad arguments */
+    /** kinds of bad arguments */
+    u32 flaws;
     bool (*may)(const StateModel&, const Choice&);
     /** Moves the model as the call moves the library, and says whether the call succeeds. */
     bool (*answer)(StateModel&, const Choice&);

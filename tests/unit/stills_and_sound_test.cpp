@@ -1,4 +1,6 @@
-/** Still frames and PCM. That slot 0 serves one interface at a time is the random calls' to judge. */
+/**
+ * Still frames and PCM. That slot 0 serves one interface at a time is the random calls' to judge.
+ */
 #include "library_test.h"
 
 namespace {
@@ -18,7 +20,8 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
         u32 width, height, format;
         u32 pitch;
         u64 frame_size;
-        const char* output; /**< what the capture is told of it */
+        /** what the capture is told of it */
+        const char* output;
     };
     const Case cases[] = {
         {0, 0, 0, 1280, 614400, "640x480@0 format=0 size=614400 pitch=1280"},
@@ -39,35 +42,46 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
         EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 2), -1);
         ASSERT_EQ(video_cap_getCaptureBuffers(buffers, 3), 0);
         const std::string allocation =
-            "ZU_OS_AllocateIommuMemory(tag=vdec_fb size=" + std::to_string(3 * c.frame_size) + " flags=3)=0";
+            "ZU_OS_AllocateIommuMemory(tag=vdec_fb size=" + std::to_string(3 * c.frame_size) +
+            " flags=3)=0";
         EXPECT_EQ(mw.calls_of({allocation}).size(), 1u);
         mw.take_calls();
         const u64 start = _astSlotCtrl[0].u64CapBufPhyAddr;
         const s32 fd = _astSlotCtrl[0].s32CapBufFd;
-        const u32 width = c.width ? c.width : 640, height = c.height ? c.height : 480, luma = width * height;
+        const u32 width = c.width ? c.width : 640, height = c.height ? c.height : 480,
+                  luma = width * height;
         for (u32 i = 0; i < 3; i++) {
             const u32 at = static_cast<u32>(i * c.frame_size);
-            const Cap_Buffer packed = {{fd}, {at}, {c.frame_size}, 1, width, height, c.pitch, c.format, 0};
-            const Cap_Buffer planes = {
-                {fd, fd}, {at, at + luma}, {luma, (c.pitch - width) * height}, 2, width, height, c.pitch, 3,
-                0};
+            const Cap_Buffer packed = {{fd},   {at},    {c.frame_size}, 1, width,
+                                       height, c.pitch, c.format,       0};
+            const Cap_Buffer planes = {{fd, fd},
+                                       {at, at + luma},
+                                       {luma, (c.pitch - width) * height},
+                                       2,
+                                       width,
+                                       height,
+                                       c.pitch,
+                                       3,
+                                       0};
             EXPECT_EQ(testing::PrintToString(buffers[i]),
                       testing::PrintToString(c.format == 3 ? planes : packed));
             ASSERT_EQ(video_cap_captureScreen(static_cast<s32>(i)), 0);
             EXPECT_EQ(mw.take_calls().front(),
                       middleware::text("ZU_CAP_CaptureOne(0x11, path=0 osd=1 ", c.output,
-                                       " fd=0 virt=0 phys=", middleware::hex(start + i * c.frame_size),
-                                       ")=0 buffer=5"));
+                                       " fd=0 virt=0 phys=",
+                                       middleware::hex(start + i * c.frame_size), ")=0 buffer=5"));
         }
         mw.take_calls();
         EXPECT_EQ(video_cap_close(), 0);
         const auto given_back = mw.calls_of({"ZU_OS_"});
         ASSERT_GE(given_back.size(), 2u);
-        EXPECT_NE(given_back[0].find("PUT_BUFFD"), std::string::npos) << "before the block that it describes";
+        EXPECT_NE(given_back[0].find("PUT_BUFFD"), std::string::npos)
+            << "before the block that it describes";
         EXPECT_TRUE(given_back[1].starts_with("ZU_OS_FreeIommuMemory"));
         EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 3), -1);
         EXPECT_CALLS(mw.ledger_problems(), {});
-        mw.reset(); // the next capture has the first handle
+        // the next capture has the first handle
+        mw.reset();
     }
 }
 
@@ -75,12 +89,14 @@ TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
 {
     for (const s32 count : {0, -1}) {
         EXPECT_EQ(open(640, 480, 2, count), -1);
-        EXPECT_CALLS(errors(), {"E [video_cap_open]Invalid param, buffer_number: " + std::to_string(count)});
+        EXPECT_CALLS(errors(),
+                     {"E [video_cap_open]Invalid param, buffer_number: " + std::to_string(count)});
     }
     EXPECT_CALLS(mw.take_calls(), {});
     EXPECT_EQ(open(640, 480, 4, 1), -1);
-    EXPECT_CALLS(errors(), {"E [video_cap_GetOutFmtPitch]not defined format(4)!",
-                            "E [video_cap_open] video_cap_GetOutFmtPitch Failed !!!, outColorFmt = 4"});
+    EXPECT_CALLS(errors(),
+                 {"E [video_cap_GetOutFmtPitch]not defined format(4)!",
+                  "E [video_cap_open] video_cap_GetOutFmtPitch Failed !!!, outColorFmt = 4"});
     EXPECT_NE(task(0, VCAP).u32Handle, 0u) << "open until the close";
     EXPECT_EQ(video_cap_close(), 0);
 
@@ -88,13 +104,15 @@ TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
     mw.take_logs();
     EXPECT_EQ(video_cap_captureScreen(2), -1);
     EXPECT_EQ(video_cap_captureScreen(-1), -1);
-    EXPECT_CALLS(errors(),
-                 {"E [video_cap_captureScreen]Invalid param, index: 2, u32MaxFrameNum: 2",
-                  "E [video_cap_captureScreen]Invalid param, index: 4294967295, u32MaxFrameNum: 2"});
+    EXPECT_CALLS(
+        errors(),
+        {"E [video_cap_captureScreen]Invalid param, index: 2, u32MaxFrameNum: 2",
+         "E [video_cap_captureScreen]Invalid param, index: 4294967295, u32MaxFrameNum: 2"});
     video_cap_close();
     EXPECT_EQ(open(32768, 32768, 2, 1), 0);
-    EXPECT_CALLS(errors(), {"E [_video_cap_allocBuffer]_video_cap_allocBuffer ZU_OS_AllocateIommuMemory "
-                            "fail, tag: vdec_fb, size: 0x100000000"});
+    EXPECT_CALLS(errors(),
+                 {"E [_video_cap_allocBuffer]_video_cap_allocBuffer ZU_OS_AllocateIommuMemory "
+                  "fail, tag: vdec_fb, size: 0x100000000"});
     EXPECT_EQ(video_cap_captureScreen(1), -1) << "the count is left from before";
     EXPECT_CALLS(errors(), {"E [video_cap_captureScreen]No capture buffer, index: 1"});
 }
@@ -104,14 +122,16 @@ using Pcm = LibraryTest;
 TEST_F(Pcm, OpenToCloseCallByCall)
 {
     EXPECT_EQ(audio_cap_close(), 0) << "not open";
-    task(0, ACAP).eModule = E_SCREENRECORD_MODULE_MAX; // what was left there before does not count
+    // what was left there before does not count
+    task(0, ACAP).eModule = E_SCREENRECORD_MODULE_MAX;
     ASSERT_EQ(audio_cap_open(), 0);
     ASSERT_EQ(audio_cap_start(), 0);
     ASSERT_EQ(audio_cap_stop(), 0);
     ASSERT_EQ(audio_cap_close(), 0);
     EXPECT_CALLS(mw.calls_of({"ZU_ACAP"}),
-                 {"ZU_ACAP_Init(0)=0", "ZU_ACAP_Open(name=acap_s)=0 h=0x31", "ZU_ACAP_SetVolume(0x31, 100)=0",
-                  "ZU_ACAP_Start(0x31, 0)=0", "ZU_ACAP_Stop(0x31)=0", "ZU_ACAP_Stop(0x31)=0",
+                 {"ZU_ACAP_Init(0)=0", "ZU_ACAP_Open(name=acap_s)=0 h=0x31",
+                  "ZU_ACAP_SetVolume(0x31, 100)=0", "ZU_ACAP_Start(0x31, 0)=0",
+                  "ZU_ACAP_Stop(0x31)=0", "ZU_ACAP_Stop(0x31)=0",
                   "ZU_ACAP_UnRegisterCallback(0x31, id=0x0 mask=1)=0", "ZU_ACAP_Close(0x31)=0"});
     AudioCap_Info info = {};
     EXPECT_EQ(audio_cap_getInfo(&info), 0);
@@ -140,10 +160,11 @@ TEST_F(Pcm, WhatIsReadAndWhatIsSaidOfIt)
     }
     audio_cap_close();
     EXPECT_EQ(audio_cap_getPCM(buffer.data(), buffer.size(), &size), -1);
-    EXPECT_CALLS(errors(), {"E [audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x6!!",
-                            "E [audio_cap_getPCM]Error: audio_cap_getPCM: Out of buffer level 49153!!",
-                            "E [audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x6!!",
-                            "E [audio_cap_getPCM]Error: audio_cap_getPCM: acap not opened!!"});
+    EXPECT_CALLS(errors(),
+                 {"E [audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x6!!",
+                  "E [audio_cap_getPCM]Error: audio_cap_getPCM: Out of buffer level 49153!!",
+                  "E [audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x6!!",
+                  "E [audio_cap_getPCM]Error: audio_cap_getPCM: acap not opened!!"});
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-/** The workers of a recording: what they move, how they end, and that nobody waits for one that has not run.
+/**
+ * The workers of a recording: what they move, how they end, and that nobody waits for one that has
+ * not run.
  */
 #include "modules/multiplexer_writer.h"
 #include "modules/source_reader.h"
@@ -23,7 +25,8 @@ TEST_F(WorkerTasks, WriterBatchesMoreThan64KiBAndWritesTheRestAtTheEnd)
     }
     const Bytes rest(0x10000, 9);
     stream.insert(stream.end(), rest.begin(), rest.end());
-    mw.queue_output(rest); // comes between the writer's last pass and the close
+    // comes between the writer's last pass and the close
+    mw.queue_output(rest);
     EXPECT_EQ(steps::close(0), 1u);
     EXPECT_EQ(mw.file("out.ts"), stream);
     EXPECT_CALLS(mw.calls_of({"ZU_FS_Fwrite"}),
@@ -38,8 +41,9 @@ TEST_F(WorkerTasks, AFailedCopyEndsTheWriterWithoutItsBatch)
     mw.take_logs();
     mw.fail("ZU_TSMUX_CopyOutputStream", {.result = 5});
     mw.advance(100);
-    EXPECT_CALLS(errors(),
-                 {"E [_SCREENRECORD_TsmuxTaskHandler]Error 0x5: failed to ZU_TSMUX_CopyOutputStream()"});
+    EXPECT_CALLS(
+        errors(),
+        {"E [_SCREENRECORD_TsmuxTaskHandler]Error 0x5: failed to ZU_TSMUX_CopyOutputStream()"});
     EXPECT_EQ(steps::close(0), 1u);
     EXPECT_TRUE(mw.file("out.ts").empty());
 }
@@ -54,15 +58,18 @@ TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
     EXPECT_TRUE(slot_is_closed(0));
     EXPECT_EQ(mw.count("ZU_FS_Fclose"), 1);
     const std::vector<std::string> logs = mw.take_logs();
-    EXPECT_EQ(logs.front(),
-              "D [_SCREENRECORD_TsmuxTaskHandler]_SCREENRECORD_TsmuxTaskHandler() Out of limitsec stop "
-              "record _u32RecordTime = 10");
-    EXPECT_EQ(logs.back(), "D [_SCREENRECORD_TsmuxTaskHandler]Exit _SCREENRECORD_TsmuxTaskHandler() ");
+    EXPECT_EQ(
+        logs.front(),
+        "D [_SCREENRECORD_TsmuxTaskHandler]_SCREENRECORD_TsmuxTaskHandler() Out of limitsec stop "
+        "record _u32RecordTime = 10");
+    EXPECT_EQ(logs.back(),
+              "D [_SCREENRECORD_TsmuxTaskHandler]Exit _SCREENRECORD_TsmuxTaskHandler() ");
     EXPECT_EQ(middleware::joined(logs).find("Fail"), std::string::npos) << middleware::joined(logs);
     EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 0) << "the writer does not delete itself";
     EXPECT_EQ(steps::stop(0), 1u);
     EXPECT_EQ(mw.count("ZU_OS_DeleteTask"), 1) << "the next control call does";
-    EXPECT_CALLS(mw.calls_of({"ZU_OS_DeleteMutex"}), {"ZU_OS_DeleteMutex(m1)=0", "ZU_OS_DeleteMutex(m0)=0"});
+    EXPECT_CALLS(mw.calls_of({"ZU_OS_DeleteMutex"}),
+                 {"ZU_OS_DeleteMutex(m1)=0", "ZU_OS_DeleteMutex(m0)=0"});
 }
 
 TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
@@ -88,7 +95,8 @@ TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
     const s64 before = mw.now_ms();
     EXPECT_EQ(steps::close(1), 1u);
     EXPECT_EQ(mw.now_ms(), before) << "nobody waited";
-    EXPECT_EQ(middleware::library_allocations_left(), 0u) << "the argument blocks of tasks that never ran";
+    EXPECT_EQ(middleware::library_allocations_left(), 0u)
+        << "the argument blocks of tasks that never ran";
     EXPECT_EQ(mw.count("ZU_FS_Fwrite"), 0);
 }
 
@@ -116,13 +124,17 @@ TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
     mw.advance(28);
     ASSERT_TRUE(hang.wait_for_arrival());
     const s64 before = mw.now_ms();
-    mw.inside("ZU_OS_DeleteTask", [&] { hang.open(); }); // a device would kill it here
+    // a device would kill it here
+    mw.inside("ZU_OS_DeleteTask", [&] { hang.open(); });
     EXPECT_EQ(steps::stop(1), 1u);
     EXPECT_GE(mw.now_ms() - before, 5000);
     EXPECT_EQ(task(1, VREADER).s32MutexId, -1);
 }
 
-/** Where a thread cannot be killed, one that a dead disk holds comes back into the slot's next recording. */
+/**
+ * Where a thread cannot be killed, one that a dead disk holds comes back into the slot's next
+ * recording.
+ */
 TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
 {
     for (const char* const call : {"ZU_FS_Fwrite", "ZU_TSMUX_CopyOutputStream"}) {
@@ -140,7 +152,8 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
         EXPECT_EQ(steps::close(1), 1u);
         mw.clear_script();
         ASSERT_TRUE(steps::record(1));
-        mw.advance(4000); // the limit of the first recording has passed, that of the second has not
+        // the limit of the first recording has passed, that of the second has not
+        mw.advance(4000);
         mw.take_calls();
         hang.open();
         mw.advance(1000);
@@ -152,9 +165,13 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
     }
 }
 
-extern "C" void* __wrap_malloc(size_t size); // what counts as the library's
+// what counts as the library's
+extern "C" void* __wrap_malloc(size_t size);
 
-/** A platform may call an entry by itself; only one that was cancelled before it ran has nothing to do. */
+/**
+ * A platform may call an entry by itself; only one that was cancelled before it ran has nothing to
+ * do.
+ */
 TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
 {
     mw.tolerate_problem("ZU_TSMUX_CopyOutputStream is called on unknown handle 0x0");
@@ -163,16 +180,18 @@ TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
         *block = slot;
         return block;
     };
-    mw.inside("ZU_OS_DelayTask", [] { task(1, AREADER).bTaskExit = task(1, VREADER).bTaskExit = 1; },
+    mw.inside("ZU_OS_DelayTask",
+              [] { task(1, AREADER).bTaskExit = task(1, VREADER).bTaskExit = 1; },
               {.forever = true});
     for (int again = 0; again < 2; again++) {
-        for (auto* const entry : {_SCREENRECORD_AreaderTaskHandler, _SCREENRECORD_VreaderTaskHandler,
-                                  _SCREENRECORD_TsmuxTaskHandler})
+        for (auto* const entry : {_SCREENRECORD_AreaderTaskHandler,
+                                  _SCREENRECORD_VreaderTaskHandler, _SCREENRECORD_TsmuxTaskHandler})
             entry(argument(1));
         task(1, AREADER).bTaskExit = task(1, VREADER).bTaskExit = 0;
     }
     const std::vector<std::string> logs = mw.take_logs();
-    EXPECT_EQ(std::ranges::count_if(logs, [](const std::string& l) { return l.starts_with("D ["); }), 6)
+    EXPECT_EQ(
+        std::ranges::count_if(logs, [](const std::string& l) { return l.starts_with("D ["); }), 6)
         << middleware::joined(logs);
     EXPECT_EQ(middleware::library_allocations_left(), 0u);
     mw.clear_script();
@@ -194,7 +213,8 @@ TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
     ASSERT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_OK);
     const s32 id = reader.s32TaskId;
-    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_FAILURE);
+    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler),
+              ZU_FAILURE);
     EXPECT_CALLS(errors(), {"E [_SCREENRECORD_CreateTask]Task has already running!!!"});
     EXPECT_EQ(reader.s32TaskId, id);
     EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
@@ -204,7 +224,8 @@ TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
 {
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
     mw.fail("ZU_OS_CreateTask");
-    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler), ZU_FAILURE);
+    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler),
+              ZU_FAILURE);
     EXPECT_EQ(reader.s32MutexId, -1);
     EXPECT_EQ(reader.pTaskStack, nullptr);
     EXPECT_EQ(reader.pu32TaskArg, nullptr);
@@ -252,7 +273,8 @@ TEST_F(WorkerTasks, ReaderWaitsForAnEncoderThatLendsNothing)
         mw.advance(1);
     for (int query = 1; query <= 2; query++) {
         mw.advance(126);
-        EXPECT_EQ(mw.count("ZU_VENC_QueryBuffer"), query) << "100 ms behind a failure, and a pass's 28 ms";
+        EXPECT_EQ(mw.count("ZU_VENC_QueryBuffer"), query)
+            << "100 ms behind a failure, and a pass's 28 ms";
         mw.advance(2);
         EXPECT_EQ(mw.count("ZU_VENC_QueryBuffer"), query + 1);
     }

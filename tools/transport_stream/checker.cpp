@@ -29,8 +29,9 @@ public:
         const uint8_t before = last_.value_or(0);
         const bool same = !first && packet.continuity == before;
         const bool duplicate = same && !packet.payload.empty() && !duplicated_ && is_copy(packet);
-        const bool good = first || packet.discontinuity || duplicate ||
-                          (packet.payload.empty() ? same : packet.continuity == ((before + 1) & 0xf));
+        const bool good =
+            first || packet.discontinuity || duplicate ||
+            (packet.payload.empty() ? same : packet.continuity == ((before + 1) & 0xf));
         last_ = packet.continuity;
         if (!packet.payload.empty()) {
             duplicated_ = duplicate;
@@ -43,7 +44,8 @@ public:
 private:
     bool is_copy(const Packet& packet) const
     {
-        return std::equal(bytes_.begin(), bytes_.end(), packet.payload.begin(), packet.payload.end());
+        return std::equal(bytes_.begin(), bytes_.end(), packet.payload.begin(),
+                          packet.payload.end());
     }
     std::optional<uint8_t> last_;
     std::span<const uint8_t> bytes_;
@@ -89,7 +91,8 @@ private:
         report_.time_references = time_->references();
         report_.rate = time_->rate();
         report_.first_time = static_cast<double>(time_->first()) / clock_hz;
-        report_.seconds = static_cast<double>(time_->at(packets_.size()) - time_->first()) / clock_hz;
+        report_.seconds =
+            static_cast<double>(time_->at(packets_.size()) - time_->first()) / clock_hz;
         report_.greatest_time_interval = static_cast<double>(time_->greatest_interval()) / clock_hz;
         time_->check_intervals(options_.rate != 0, report_.findings);
         check_repetition(program_.associations, "association table");
@@ -100,7 +103,8 @@ private:
         const auto asked = static_cast<double>(options_.rate);
         if (std::abs(report_.rate - asked) > asked / 100)
             find("rate", 0,
-                 std::to_string(report_.rate) + " bit/s instead of " + std::to_string(options_.rate));
+                 std::to_string(report_.rate) + " bit/s instead of " +
+                     std::to_string(options_.rate));
     }
 
     /** Every 100 ms, which is also the longest wait from the start and to the end. */
@@ -111,7 +115,8 @@ private:
             const int64_t now = time_->at(packet);
             if (now - last > static_cast<int64_t>(clock_hz) / 10)
                 find("table_repetition", packet,
-                     std::string(name) + " missing for " + std::to_string((now - last) / 27000) + " ms");
+                     std::string(name) + " missing for " + std::to_string((now - last) / 27000) +
+                         " ms");
             last = now;
         };
         for (const size_t place : places)
@@ -146,7 +151,8 @@ private:
             return;
         }
         if (packet.transport_error)
-            find("transport_error", index, pid_name(packet.pid) + " has transport_error_indicator set");
+            find("transport_error", index,
+                 pid_name(packet.pid) + " has transport_error_indicator set");
         if (!packet.well_formed)
             find("packet", index, pid_name(packet.pid) + " has a malformed packet");
         if (packet.scrambled)
@@ -204,7 +210,8 @@ private:
 
 bool Report::has(const std::string& kind) const
 {
-    return std::any_of(findings.begin(), findings.end(), [&](const Finding& f) { return f.kind == kind; });
+    return std::any_of(findings.begin(), findings.end(),
+                       [&](const Finding& f) { return f.kind == kind; });
 }
 
 Report check(std::span<const uint8_t> stream, const CheckOptions& options)

@@ -12,10 +12,14 @@
 namespace transport_stream {
 
 struct CheckOptions {
-    size_t packet_size = 0; /**< 188 or 192; 0 = found out */
-    uint64_t rate = 0; /**< constant rate that is asked for, bits per second of 188-byte packets; 0 = any */
-    bool live = false; /**< a piece out of a stream, which may begin and end anywhere */
-    bool keep_bytes = false; /**< hand out the elementary streams */
+    /** 188 or 192; 0 = found out */
+    size_t packet_size = 0;
+    /** constant rate that is asked for, bits per second of 188-byte packets; 0 = any */
+    uint64_t rate = 0;
+    /** a piece out of a stream, which may begin and end anywhere */
+    bool live = false;
+    /** hand out the elementary streams */
+    bool keep_bytes = false;
 };
 
 struct Report {
@@ -24,20 +28,25 @@ struct Report {
     size_t packets = 0;
     size_t null_packets = 0;
     size_t time_references = 0;
-    double seconds = 0;                /**< from the first time reference to the last */
-    double rate = 0;                   /**< measured over the time references, bits per second */
-    double first_time = 0;             /**< seconds */
-    double greatest_time_interval = 0; /**< seconds */
+    /** from the first time reference to the last */
+    double seconds = 0;
+    /** measured over the time references, bits per second */
+    double rate = 0;
+    /** seconds */
+    double first_time = 0;
+    /** seconds */
+    double greatest_time_interval = 0;
     std::vector<StreamSummary> streams;
-    std::map<uint16_t, std::vector<uint8_t>> bytes; /**< elementary streams by PID, when kept */
+    /** elementary streams by PID, when kept */
+    std::map<uint16_t, std::vector<uint8_t>> bytes;
 
     bool good() const { return findings.empty(); }
     bool has(const std::string& kind) const;
 };
 
 /**
- * Checks a transport stream of one program against ISO/IEC 13818-1, with the limits of ETSI TR 101 290. Knows
- * nothing of who wrote it.
+ * Checks a transport stream of one program against ISO/IEC 13818-1, with the limits of ETSI TR 101
+ * 290. Knows nothing of who wrote it.
  */
 Report check(std::span<const uint8_t> stream, const CheckOptions& options);
 

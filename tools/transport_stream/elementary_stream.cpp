@@ -9,7 +9,8 @@ namespace transport_stream {
 namespace {
 
 constexpr int64_t pts_wrap = int64_t{1} << 33;
-constexpr int64_t longest_pts_interval = 90 * 700; // TR 101 290, 2.5
+// TR 101 290, 2.5
+constexpr int64_t longest_pts_interval = 90 * 700;
 /** What a decoder holds (2.4.2.6), with a tenth for the way from the first byte to the last. */
 constexpr int64_t longest_lead = 90 * 1100;
 
@@ -31,13 +32,14 @@ std::vector<int> nal_types(std::span<const uint8_t> unit)
 
 int64_t read_pts(const uint8_t* field)
 {
-    return int64_t{field[0] & 0x0e} << 29 | int64_t{field[1]} << 22 | int64_t{field[2] & 0xfe} << 14 |
-           int64_t{field[3]} << 7 | field[4] >> 1;
+    return int64_t{field[0] & 0x0e} << 29 | int64_t{field[1]} << 22 |
+           int64_t{field[2] & 0xfe} << 14 | int64_t{field[3]} << 7 | field[4] >> 1;
 }
 
 bool good_pts_markers(const uint8_t* field, bool with_dts)
 {
-    return field[0] >> 4 == (with_dts ? 3 : 2) && (field[0] & 1) && (field[2] & 1) && (field[4] & 1);
+    return field[0] >> 4 == (with_dts ? 3 : 2) && (field[0] & 1) && (field[2] & 1) &&
+           (field[4] & 1);
 }
 
 bool good_stream_id(uint8_t type, uint8_t id)
@@ -47,8 +49,8 @@ bool good_stream_id(uint8_t type, uint8_t id)
 
 } // namespace
 
-ElementaryStream::ElementaryStream(uint16_t pid, uint8_t type, const StreamTime* time, bool from_start,
-                                   Findings& findings)
+ElementaryStream::ElementaryStream(uint16_t pid, uint8_t type, const StreamTime* time,
+                                   bool from_start, Findings& findings)
     : pid_(pid), type_(type), time_(time), from_start_(from_start), findings_(findings)
 {
     summary_.pid = pid;
@@ -137,8 +139,8 @@ void ElementaryStream::read_pes(std::span<const uint8_t> pes)
 void ElementaryStream::check_pts(int64_t pts)
 {
     if (summary_.last_pts && pts <= *summary_.last_pts)
-        find("pts_order",
-             "PTS " + std::to_string(pts) + " does not follow " + std::to_string(*summary_.last_pts));
+        find("pts_order", "PTS " + std::to_string(pts) + " does not follow " +
+                              std::to_string(*summary_.last_pts));
     else if (summary_.last_pts && pts - *summary_.last_pts > longest_pts_interval)
         find("pts_interval", std::to_string((pts - *summary_.last_pts) / 90) + " ms without a PTS");
     if (!summary_.first_pts)
@@ -148,18 +150,24 @@ void ElementaryStream::check_pts(int64_t pts)
         return;
     const auto lead_at = [&](size_t packet) {
         const int64_t lead = (pts - time_->at(packet) / 300) % pts_wrap;
-        return lead > pts_wrap / 2 ? lead - pts_wrap : lead < -pts_wrap / 2 ? lead + pts_wrap : lead;
+        return lead > pts_wrap / 2    ? lead - pts_wrap
+               : lead < -pts_wrap / 2 ? lead + pts_wrap
+                                      : lead;
     };
     if (lead_at(last_packet_) < 0)
-        find("pts_late", "arrives " + std::to_string(-lead_at(last_packet_) / 90) + " ms after its PTS");
+        find("pts_late",
+             "arrives " + std::to_string(-lead_at(last_packet_) / 90) + " ms after its PTS");
     if (lead_at(first_packet_) > longest_lead)
-        find("pts_lead", "arrives " + std::to_string(lead_at(first_packet_) / 90) + " ms before its PTS");
+        find("pts_lead",
+             "arrives " + std::to_string(lead_at(first_packet_) / 90) + " ms before its PTS");
 }
 
 void ElementaryStream::check_pictures(std::span<const uint8_t> unit)
 {
     const std::vector<int> types = nal_types(unit);
-    const auto has = [&](int type) { return std::find(types.begin(), types.end(), type) != types.end(); };
+    const auto has = [&](int type) {
+        return std::find(types.begin(), types.end(), type) != types.end();
+    };
     const bool idr = has(nal_idr);
     if (types.empty() || types.front() != nal_delimiter)
         find("access_unit", "a picture without an access unit delimiter in front");
@@ -178,7 +186,8 @@ void ElementaryStream::check_sound(std::span<const uint8_t> unit, int64_t pts)
     constexpr int64_t frequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
                                        16000, 12000, 11025, 8000,  7350,  0,     0,     0};
     if (next_sound_pts_ && std::llabs(pts - *next_sound_pts_) > 90)
-        find("sound_gap", "sound continues " + std::to_string((pts - *next_sound_pts_) / 90) + " ms off");
+        find("sound_gap",
+             "sound continues " + std::to_string((pts - *next_sound_pts_) / 90) + " ms off");
     next_sound_pts_ = pts;
     while (!unit.empty()) {
         const bool header = unit.size() >= 7 && unit[0] == 0xff && (unit[1] & 0xf6) == 0xf0;

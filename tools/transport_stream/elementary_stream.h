@@ -19,20 +19,26 @@ struct StreamSummary {
     size_t packets = 0;
     size_t access_units = 0;
     size_t random_access_units = 0;
-    uint64_t payload_bytes = 0;       /**< elementary stream */
-    std::optional<int64_t> first_pts; /**< 90 kHz, unwrapped */
+    /** elementary stream */
+    uint64_t payload_bytes = 0;
+    /** 90 kHz, unwrapped */
+    std::optional<int64_t> first_pts;
     std::optional<int64_t> last_pts;
-    bool cut = false; /**< the last PES packet is not whole */
+    /** the last PES packet is not whole */
+    bool cut = false;
 };
 
 /**
- * The PES packets of one PID: their syntax (ISO/IEC 13818-1, 2.4.3.6), times, and that each holds whole
- * access units of H.264 (2.14.1) or ADTS frames.
+ * The PES packets of one PID: their syntax (ISO/IEC 13818-1, 2.4.3.6), times, and that each holds
+ * whole access units of H.264 (2.14.1) or ADTS frames.
  */
 class ElementaryStream {
 public:
-    /** @param time may be null; @param from_start whether the stream must begin where decoding can */
-    ElementaryStream(uint16_t pid, uint8_t type, const StreamTime* time, bool from_start, Findings& findings);
+    /**
+     * @param time may be null; @param from_start whether the stream must begin where decoding can
+     */
+    ElementaryStream(uint16_t pid, uint8_t type, const StreamTime* time, bool from_start,
+                     Findings& findings);
 
     void add(const Packet& packet, size_t index);
     /** No more packets come. */

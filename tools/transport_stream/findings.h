@@ -9,8 +9,10 @@ namespace transport_stream {
 
 /** One thing that is wrong in a stream. */
 struct Finding {
-    std::string kind; /**< one word, e.g. "continuity" */
-    size_t packet;    /**< number of the packet, from 0 */
+    /** one word, e.g. "continuity" */
+    std::string kind;
+    /** number of the packet, from 0 */
+    size_t packet;
     std::string what;
 };
 

@@ -70,8 +70,8 @@ std::vector<Packet> split_packets(std::span<const uint8_t> stream, size_t packet
         packets.push_back(read_packet(whole.last(packet_bytes)));
         if (packet_size == packet_bytes)
             continue;
-        const uint32_t extra =
-            uint32_t{whole[0]} << 24 | uint32_t{whole[1]} << 16 | uint32_t{whole[2]} << 8 | whole[3];
+        const uint32_t extra = uint32_t{whole[0]} << 24 | uint32_t{whole[1]} << 16 |
+                               uint32_t{whole[2]} << 8 | whole[3];
         packets.back().arrival = extra & 0x3fffffff;
     }
     return packets;

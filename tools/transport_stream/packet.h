@@ -13,10 +13,13 @@ constexpr uint16_t null_pid = 0x1fff;
 
 /** One packet's header, adaptation field and payload (ISO/IEC 13818-1, 2.4.3.2 to 2.4.3.5). */
 struct Packet {
-    std::span<const uint8_t> bytes;  /**< 188 */
-    std::optional<uint32_t> arrival; /**< 30-bit arrival time stamp, of 192-byte packets */
+    /** 188 */
+    std::span<const uint8_t> bytes;
+    /** 30-bit arrival time stamp, of 192-byte packets */
+    std::optional<uint32_t> arrival;
     bool sync = false;
-    bool well_formed = false; /**< fields fit into the packet and have no forbidden value */
+    /** fields fit into the packet and have no forbidden value */
+    bool well_formed = false;
     bool transport_error = false;
     bool unit_start = false;
     bool scrambled = false;
@@ -24,7 +27,8 @@ struct Packet {
     bool random_access = false;
     uint16_t pid = 0;
     uint8_t continuity = 0;
-    std::optional<uint64_t> pcr; /**< 27 MHz */
+    /** 27 MHz */
+    std::optional<uint64_t> pcr;
     std::span<const uint8_t> payload;
 };
 

@@ -41,8 +41,8 @@ int64_t StreamTime::at(size_t packet) const
     const auto next = std::upper_bound(references_.begin(), references_.end(), packet,
                                        [](size_t p, const Reference& r) { return p < r.packet; });
     const Reference& before = *(next - 1);
-    const double per_packet =
-        static_cast<double>(next->time - before.time) / static_cast<double>(next->packet - before.packet);
+    const double per_packet = static_cast<double>(next->time - before.time) /
+                              static_cast<double>(next->packet - before.packet);
     const double packets = static_cast<double>(packet) - static_cast<double>(before.packet);
     return before.time + static_cast<int64_t>(per_packet * packets);
 }
@@ -70,9 +70,11 @@ void StreamTime::check_intervals(bool constant_rate, Findings& findings) const
         if (references_[i].discontinuity)
             continue;
         const int64_t interval = references_[i].time - references_[i - 1].time;
-        const std::string what = std::to_string(interval / (ticks_of_ms / 1000)) + " us after the one before";
+        const std::string what =
+            std::to_string(interval / (ticks_of_ms / 1000)) + " us after the one before";
         if (interval <= 0 || interval > 1000 * ticks_of_ms)
-            findings.push_back({"pcr_discontinuity", references_[i].packet, "time reference " + what});
+            findings.push_back(
+                {"pcr_discontinuity", references_[i].packet, "time reference " + what});
         else if (interval > longest)
             findings.push_back({"pcr_interval", references_[i].packet, "time reference " + what});
     }
@@ -82,8 +84,8 @@ void StreamTime::check_accuracy(Findings& findings) const
 {
     const Reference& first = references_.front();
     const Reference& last = references_.back();
-    const double per_packet =
-        static_cast<double>(last.time - first.time) / static_cast<double>(last.packet - first.packet);
+    const double per_packet = static_cast<double>(last.time - first.time) /
+                              static_cast<double>(last.packet - first.packet);
     for (const Reference& reference : references_) {
         const double expected = per_packet * static_cast<double>(reference.packet - first.packet);
         const double off = static_cast<double>(reference.time - first.time) - expected;

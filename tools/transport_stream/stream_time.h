@@ -15,7 +15,9 @@ public:
 
     bool known() const { return references_.size() >= 2; }
     size_t references() const { return references_.size(); }
-    /** 27 MHz, unwrapped; between references by the packets' number; it stands still outside them. */
+    /**
+     * 27 MHz, unwrapped; between references by the packets' number; it stands still outside them.
+     */
     int64_t at(size_t packet) const;
     /** From the first reference to the last, bits per second of the 188-byte packets. */
     double rate() const;

@@ -104,7 +104,8 @@ private:
             find("section", index, std::string(name) + " has another table_id");
             return false;
         }
-        return section[5] & 1; // current_next_indicator
+        // current_next_indicator
+        return section[5] & 1;
     }
 
     void read_association(const Section& section, size_t index)
@@ -115,7 +116,8 @@ private:
         size_t programs = 0;
         for (size_t at = 8; at + 8 <= section.size(); at += 4) {
             if (section[at] == 0 && section[at + 1] == 0)
-                continue; // network PID
+                // network PID
+                continue;
             const auto pid = static_cast<uint16_t>((section[at + 2] & 0x1f) << 8 | section[at + 3]);
             if (program_.map_pid && *program_.map_pid != pid)
                 find("pat", index, "the program map moves to another PID");

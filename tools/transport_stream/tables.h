@@ -12,9 +12,12 @@ namespace transport_stream {
 struct Program {
     std::optional<uint16_t> map_pid;
     std::optional<uint16_t> pcr_pid;
-    std::map<uint16_t, uint8_t> streams; /**< stream_type by PID */
-    std::vector<size_t> associations;    /**< packets in which a good association table ended */
-    std::vector<size_t> maps;            /**< packets in which a good program map ended */
+    /** stream_type by PID */
+    std::map<uint16_t, uint8_t> streams;
+    /** packets in which a good association table ended */
+    std::vector<size_t> associations;
+    /** packets in which a good program map ended */
+    std::vector<size_t> maps;
 };
 
 /** Reads all tables and judges their syntax, checksums and contradictions. */

@@ -11,7 +11,8 @@ namespace {
 
 constexpr uint32_t first_handle = 0x500;
 
-// Never destroyed: a capture that is still open when the process ends may be in use on another thread.
+// Never destroyed: a capture that is still open when the process ends may be in use on another
+// thread.
 HandleTable<AudioDevice>& devices()
 {
     static auto& table = *new HandleTable<AudioDevice>(first_handle);
@@ -42,7 +43,8 @@ HOST_EXPORT u32 ZU_ACAP_Init(const ZU_ACAP_InitParams_t* pstParams)
 HOST_EXPORT u32 ZU_ACAP_DeInit(void)
 {
     initialised.store(false);
-    return ZU_OK; // what is held belongs to open handles
+    // what is held belongs to open handles
+    return ZU_OK;
 }
 
 HOST_EXPORT u32 ZU_ACAP_GetCaps(ZU_ACAP_Caps_t* pstCaps)
@@ -69,19 +71,21 @@ HOST_EXPORT u32 ZU_ACAP_Close(u32 u32Handle)
         const auto device = devices().remove(u32Handle);
         if (!device)
             return ZU_INVALID_ARGUMENT;
-        device->stop(); // another thread's call may still hold the object
+        // another thread's call may still hold the object
+        device->stop();
         return ZU_OK;
     });
 }
 
-// Audio capture here has no events: there is nothing to keep of a registration, and a removal without one is
-// no fault either.
+// Audio capture here has no events: there is nothing to keep of a registration, and a removal
+// without one is no fault either.
 HOST_EXPORT u32 ZU_ACAP_RegisterCallback(u32 u32Handle, const ZU_ACAP_CallbackParams_t* pstParams,
                                          u64* pu64CallbackId)
 {
     if (!pstParams || !pstParams->pfnCallback || !pu64CallbackId)
         return ZU_INVALID_ARGUMENT;
-    return with_device(__func__, u32Handle, [=](AudioDevice&) { *pu64CallbackId = ++last_callback_id; });
+    return with_device(__func__, u32Handle,
+                       [=](AudioDevice&) { *pu64CallbackId = ++last_callback_id; });
 }
 
 HOST_EXPORT u32 ZU_ACAP_UnRegisterCallback(u32 u32Handle, const ZU_ACAP_CallbackParams_t* pstParams)
@@ -95,7 +99,8 @@ HOST_EXPORT u32 ZU_ACAP_SetVolume(u32 u32Handle, u32 u32Volume)
 {
     if (u32Volume > 100)
         return ZU_INVALID_ARGUMENT;
-    return with_device(__func__, u32Handle, [=](AudioDevice& device) { device.set_volume(u32Volume); });
+    return with_device(__func__, u32Handle,
+                       [=](AudioDevice& device) { device.set_volume(u32Volume); });
 }
 
 HOST_EXPORT u32 ZU_ACAP_Start(u32 u32Handle, const ZU_ACAP_StartParams_t* pstParams)
@@ -126,6 +131,7 @@ HOST_EXPORT u32 ZU_ACAP_Read(u32 u32Handle, const ZU_ACAP_ReadRequest_t* pstRequ
         return ZU_INVALID_ARGUMENT;
     return with_device(__func__, u32Handle, [=](AudioDevice& device) {
         *pstResult = {};
-        pstResult->u32Size = static_cast<u32>(device.read(pstRequest->pBuffer, pstRequest->u32Size));
+        pstResult->u32Size =
+            static_cast<u32>(device.read(pstRequest->pBuffer, pstRequest->u32Size));
     });
 }

@@ -13,8 +13,10 @@ namespace {
 /** The one session of the process that all captures share. */
 struct Hub {
     std::mutex mutex;
-    int users = 0;                           // under the mutex
-    std::shared_ptr<CaptureSession> session; // under the mutex; null while there is no user
+    // under the mutex
+    int users = 0;
+    // under the mutex; null while there is no user
+    std::shared_ptr<CaptureSession> session;
 };
 
 // Never destroyed: a capture that is still started when the process ends has a thread.

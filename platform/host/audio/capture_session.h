@@ -15,7 +15,8 @@ public:
     using OpenSource = std::function<std::unique_ptr<SoundSource>(SharedTimeline&)>;
 
     /** Starts to listen; `clock` tells microseconds of the monotonic clock. */
-    CaptureSession(const OpenSource& open, Clock clock, int64_t capacity = SoundTimeline::usual_capacity);
+    CaptureSession(const OpenSource& open, Clock clock,
+                   int64_t capacity = SoundTimeline::usual_capacity);
 
     /** Ends listening for good. What was heard until now can still be read. */
     void finish();
@@ -24,10 +25,14 @@ public:
     int64_t end();
     /** What a read took. */
     struct Taken {
-        int64_t frames; /**< frames copied */
-        int64_t lost;   /**< frames before them that are not kept any more */
+        /** frames copied */
+        int64_t frames;
+        /** frames before them that are not kept any more */
+        int64_t lost;
     };
-    /** Frames from `position` on that can be read or are lost already; 0 and `finished` after the end of all.
+    /**
+     * Frames from `position` on that can be read or are lost already; 0 and `finished` after the
+     * end of all.
      */
     Taken waiting(int64_t position, bool& finished);
     Taken read(int64_t position, int64_t frames, void* dst);
@@ -39,8 +44,10 @@ private:
 
     const Clock clock_;
     SharedTimeline shared_;
-    bool finished_ = false;               // under the timeline's lock
-    std::unique_ptr<SoundSource> source_; // the pointer under the timeline's lock
+    // under the timeline's lock
+    bool finished_ = false;
+    // the pointer under the timeline's lock
+    std::unique_ptr<SoundSource> source_;
 };
 
 } // namespace zu3host

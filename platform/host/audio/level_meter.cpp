@@ -15,7 +15,8 @@ LevelMeter::~LevelMeter()
 void LevelMeter::hear(const int16_t* samples, int64_t frames)
 {
     // What is older than all slices together has no influence any more.
-    const int64_t skipped = std::max<int64_t>(0, frames - slice_frames * static_cast<int64_t>(slices + 1));
+    const int64_t skipped =
+        std::max<int64_t>(0, frames - slice_frames * static_cast<int64_t>(slices + 1));
     if (samples)
         samples += skipped * pcm_channels;
     for (int64_t left = frames - skipped; left > 0;) {
@@ -31,7 +32,8 @@ void LevelMeter::hear(const int16_t* samples, int64_t frames)
 
 void LevelMeter::finish_slice()
 {
-    counters().sound_level.store(*std::max_element(peaks_.begin(), peaks_.end()), std::memory_order_relaxed);
+    counters().sound_level.store(*std::max_element(peaks_.begin(), peaks_.end()),
+                                 std::memory_order_relaxed);
     slice_ = (slice_ + 1) % slices;
     peaks_[slice_] = 0;
     frames_in_slice_ = 0;

@@ -6,7 +6,9 @@
 
 namespace zu3host {
 
-/** Keeps the greatest absolute sample of the last 100 ms heard in the statistics. Not thread-safe. */
+/**
+ * Keeps the greatest absolute sample of the last 100 ms heard in the statistics. Not thread-safe.
+ */
 class LevelMeter {
 public:
     ~LevelMeter();

@@ -9,16 +9,17 @@ namespace zu3host {
 /** Sound on this platform: 48 kHz, two channels, 16 bits, little-endian, interleaved. */
 inline constexpr uint32_t pcm_rate = 48000;
 inline constexpr uint32_t pcm_channels = 2;
-inline constexpr uint32_t pcm_frame_bytes = 4; /**< one sample of both channels */
+/** one sample of both channels */
+inline constexpr uint32_t pcm_frame_bytes = 4;
 
 /** Whether any audio capture is started in this process. */
 bool audio_capture_running();
 
 /**
- * A reader of the process's audio capture with a position of its own. Sound is gathered while at least one audio
- * capture is started; the reader begins where it was made. Where nothing is heard it reads silence, at the
- * rate of the clock. A reader that comes late loses the oldest, which is counted in the statistics. One thread at a
- * time uses a reader.
+ * A reader of the process's audio capture with a position of its own. Sound is gathered while at
+ * least one audio capture is started; the reader begins where it was made. Where nothing is heard
+ * it reads silence, at the rate of the clock. A reader that comes late loses the oldest, which is
+ * counted in the statistics. One thread at a time uses a reader.
  */
 class PcmReader {
 public:

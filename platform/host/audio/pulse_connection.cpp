@@ -9,9 +9,13 @@ namespace zu3host {
 
 namespace {
 
-/** Sound comes in pieces of 20 ms: soon enough for what is recorded, seldom enough to cost nothing. */
+/**
+ * Sound comes in pieces of 20 ms: soon enough for what is recorded, seldom enough to cost nothing.
+ */
 constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
-/** No output plays so far ahead, and none is heard so late: such a timing is an error of the server. */
+/**
+ * No output plays so far ahead, and none is heard so late: such a timing is an error of the server.
+ */
 constexpr pa_usec_t greatest_latency = 5'000'000;
 /** What came while this process was stopped is placed by the timing from before. */
 constexpr pa_usec_t greatest_age = 60'000'000;
@@ -111,18 +115,19 @@ void PulseConnection::read_all()
     const void* data = nullptr;
     size_t bytes = 0;
     while (pa_stream_peek(stream_, &data, &bytes) == 0 && bytes > 0) {
-        // Until the server has told its timing, which takes one question and answer, no piece has a place.
+        // Until the server has told its timing, which takes one question and answer, no piece has a
+        // place.
         if (const auto heard_us = time_of_next_us())
-            listener_.heard(static_cast<const int16_t*>(data), static_cast<int64_t>(bytes / pcm_frame_bytes),
-                            *heard_us);
+            listener_.heard(static_cast<const int16_t*>(data),
+                            static_cast<int64_t>(bytes / pcm_frame_bytes), *heard_us);
         pa_stream_drop(stream_);
     }
 }
 
-// From the server's own words: at `timestamp` the byte at write_index was the next to be written, source_usec
-// after it was taken from the output's data and sink_usec before the output plays it. The library's
-// interpolated time is no use here: it never lies before the stream's beginning, and an output that has
-// rendered ahead plays later.
+// From the server's own words: at `timestamp` the byte at write_index was the next to be written,
+// source_usec after it was taken from the output's data and sink_usec before the output plays it.
+// The library's interpolated time is no use here: it never lies before the stream's beginning, and
+// an output that has rendered ahead plays later.
 std::optional<int64_t> PulseConnection::time_of_next_us() const
 {
     const pa_timing_info* const timing = pa_stream_get_timing_info(stream_);

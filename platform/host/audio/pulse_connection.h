@@ -23,8 +23,8 @@ protected:
 };
 
 /**
- * One connection to the sound server, which records the monitor of the default output, also when the default
- * changes. Never starts a server. To be used on the thread that runs the main loop.
+ * One connection to the sound server, which records the monitor of the default output, also when
+ * the default changes. Never starts a server. To be used on the thread that runs the main loop.
  */
 class PulseConnection {
 public:
@@ -35,7 +35,9 @@ public:
 
     /** Whether it came to an end, or never came about; it does not recover. */
     bool failed() const { return failure_ != nullptr; }
-    /** Why, in the server's words, which live as long as the process; null while it has not failed. */
+    /**
+     * Why, in the server's words, which live as long as the process; null while it has not failed.
+     */
     const char* failure() const { return failure_; }
 
 private:

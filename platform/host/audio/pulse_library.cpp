@@ -10,7 +10,9 @@ namespace zu3host {
 
 namespace {
 
-/** A process with privileges of its own loads the system's alone, not the first that it finds beside itself.
+/**
+ * A process with privileges of its own loads the system's alone, not the first that it finds beside
+ * itself.
  */
 const char* library_name()
 {
@@ -18,7 +20,8 @@ const char* library_name()
 }
 
 struct Library {
-    void* handle = dlopen(library_name(), RTLD_NOW | RTLD_LOCAL); // never closed: its threads may linger
+    // never closed: its threads may linger
+    void* handle = dlopen(library_name(), RTLD_NOW | RTLD_LOCAL);
     const std::string failure = handle ? "" : dlerror();
 };
 
@@ -28,7 +31,10 @@ const Library& library()
     return loaded;
 }
 
-/** A function of the library. Its callers have seen it loaded, and none of those named here is optional. */
+/**
+ * A function of the library. Its callers have seen it loaded, and none of those named here is
+ * optional.
+ */
 void* function(const char* name)
 {
     void* const found = library().handle ? dlsym(library().handle, name) : nullptr;
@@ -48,13 +54,14 @@ const std::string& load_pulse_library()
 
 } // namespace zu3host
 
-// Functions of libpulse's own names and types take the place of its link-time ones, so that whoever calls
-// them reads as ever. libzu3 and the program each have their own copy, which they do not export.
-#define FORWARD(result, name, parameters, arguments)                                                         \
-    extern "C" result name parameters                                                                        \
-    {                                                                                                        \
-        static const auto real = reinterpret_cast<decltype(&name)>(zu3host::function(#name));                \
-        return real arguments;                                                                               \
+// Functions of libpulse's own names and types take the place of its link-time ones, so that whoever
+// calls them reads as ever. libzu3 and the program each have their own copy, which they do not
+// export.
+#define FORWARD(result, name, parameters, arguments)                                               \
+    extern "C" result name parameters                                                              \
+    {                                                                                              \
+        static const auto real = reinterpret_cast<decltype(&name)>(zu3host::function(#name));      \
+        return real arguments;                                                                     \
     }
 
 FORWARD(int, pa_context_connect,
@@ -62,14 +69,14 @@ FORWARD(int, pa_context_connect,
         (c, server, flags, api))
 FORWARD(void, pa_context_disconnect, (pa_context * c), (c))
 FORWARD(int, pa_context_errno, (const pa_context* c), (c))
-FORWARD(pa_operation*, pa_context_get_server_info, (pa_context * c, pa_server_info_cb_t done, void* data),
-        (c, done, data))
+FORWARD(pa_operation*, pa_context_get_server_info,
+        (pa_context * c, pa_server_info_cb_t done, void* data), (c, done, data))
 FORWARD(pa_operation*, pa_context_get_source_info_list,
         (pa_context * c, pa_source_info_cb_t done, void* data), (c, done, data))
 FORWARD(pa_context_state_t, pa_context_get_state, (const pa_context* c), (c))
 FORWARD(pa_context*, pa_context_new, (pa_mainloop_api * api, const char* name), (api, name))
-FORWARD(void, pa_context_set_state_callback, (pa_context * c, pa_context_notify_cb_t done, void* data),
-        (c, done, data))
+FORWARD(void, pa_context_set_state_callback,
+        (pa_context * c, pa_context_notify_cb_t done, void* data), (c, done, data))
 FORWARD(void, pa_context_unref, (pa_context * c), (c))
 FORWARD(int, pa_mainloop_dispatch, (pa_mainloop * m), (m))
 FORWARD(void, pa_mainloop_free, (pa_mainloop * m), (m))

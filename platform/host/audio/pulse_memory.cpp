@@ -17,7 +17,8 @@ bool mark_memory_files()
     for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
          at.increment(error)) {
         std::error_code closed_meanwhile;
-        const std::string target = std::filesystem::read_symlink(at->path(), closed_meanwhile).string();
+        const std::string target =
+            std::filesystem::read_symlink(at->path(), closed_meanwhile).string();
         if (target.starts_with("/memfd:pulseaudio"))
             fcntl(std::atoi(at->path().filename().c_str()), F_SETFD, FD_CLOEXEC);
     }

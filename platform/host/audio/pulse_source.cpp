@@ -18,17 +18,17 @@ namespace zu3host {
 namespace {
 
 /**
- * A server that says nothing for so long hears nothing, or sleeps: silence takes the place of its sound. In
- * the middle of sound it is more likely a machine so busy that server or listener were kept waiting, and what
- * comes then is worth the wait.
+ * A server that says nothing for so long hears nothing, or sleeps: silence takes the place of its
+ * sound. In the middle of sound it is more likely a machine so busy that server or listener were
+ * kept waiting, and what comes then is worth the wait.
  */
 constexpr int64_t patience_us = 300'000;
 constexpr int64_t patience_in_sound_us = 1'000'000;
 /** At least so often the listener looks whether there is anything to read. */
 constexpr int64_t look_us = 100'000;
 /**
- * What lies in the socket already is no silence: after a stop of this process, or a moment in which its
- * thread was not scheduled, it is read first. What is older than this has no reader any more.
+ * What lies in the socket already is no silence: after a stop of this process, or a moment in which
+ * its thread was not scheduled, it is read first. What is older than this has no reader any more.
  */
 constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
@@ -56,8 +56,10 @@ public:
 
     void advance(SoundTimeline& timeline, int64_t now_us) override
     {
-        const int64_t patience = placement_.continues(timeline) ? patience_in_sound_us : patience_us;
-        const int64_t looked_us = std::clamp(nothing_came_until_us_, now_us - greatest_backlog_us, now_us);
+        const int64_t patience =
+            placement_.continues(timeline) ? patience_in_sound_us : patience_us;
+        const int64_t looked_us =
+            std::clamp(nothing_came_until_us_, now_us - greatest_backlog_us, now_us);
         timeline.append_silence_until(live_ ? looked_us - patience : now_us);
     }
 
@@ -86,10 +88,14 @@ private:
     void report(const char* failure);
 
     SharedTimeline& shared_;
-    bool live_ = false;          // under the timeline's lock
-    int64_t nothing_came_until_us_ = 0; // under the timeline's lock; the socket was empty then
-    SoundPlacement placement_;   // under the timeline's lock
-    bool was_connected_ = false; // of the thread, as is what follows
+    // under the timeline's lock
+    bool live_ = false;
+    // under the timeline's lock; the socket was empty then
+    int64_t nothing_came_until_us_ = 0;
+    // under the timeline's lock
+    SoundPlacement placement_;
+    // of the thread, as is what follows
+    bool was_connected_ = false;
     bool reported_ = false;
     std::unique_ptr<pa_mainloop, FreeMainloop> loop_;
     std::atomic<bool> stopping_{false};
@@ -136,8 +142,8 @@ bool PulseSource::iterate(int timeout_us)
 {
     if (pa_mainloop_prepare(loop_.get(), timeout_us) < 0)
         return false;
-    // The preparation swallows a wakeup, so that a stop before it shows here only; a later one wakes the
-    // poll. What is prepared then stays so, since nothing iterates any more.
+    // The preparation swallows a wakeup, so that a stop before it shows here only; a later one
+    // wakes the poll. What is prepared then stays so, since nothing iterates any more.
     if (stopping())
         return true;
     const int64_t begin_us = monotonic_us();
@@ -146,7 +152,9 @@ bool PulseSource::iterate(int timeout_us)
     return events >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
 }
 
-/** When the socket was seen to be empty: at the end of a poll without events, or before one that had to wait.
+/**
+ * When the socket was seen to be empty: at the end of a poll without events, or before one that had
+ * to wait.
  */
 void PulseSource::note_look(int64_t begin_us, int events)
 {

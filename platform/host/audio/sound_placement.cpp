@@ -20,7 +20,8 @@ constexpr int64_t frames_per_correction = 400;
 
 } // namespace
 
-void SoundPlacement::place(SoundTimeline& timeline, const int16_t* samples, int64_t frames, int64_t heard_us)
+void SoundPlacement::place(SoundTimeline& timeline, const int16_t* samples, int64_t frames,
+                           int64_t heard_us)
 {
     if (frames <= 0)
         return;
@@ -31,7 +32,8 @@ void SoundPlacement::place(SoundTimeline& timeline, const int16_t* samples, int6
         return;
     }
     smooth(error, frames);
-    if (std::abs(mean_error_) > greatest_error && std::abs(static_cast<double>(error)) > greatest_error) {
+    if (std::abs(mean_error_) > greatest_error &&
+        std::abs(static_cast<double>(error)) > greatest_error) {
         align(timeline, samples, frames, error);
         return;
     }
@@ -39,7 +41,8 @@ void SoundPlacement::place(SoundTimeline& timeline, const int16_t* samples, int6
     expected_ = timeline.end();
 }
 
-void SoundPlacement::align(SoundTimeline& timeline, const int16_t* samples, int64_t frames, int64_t error)
+void SoundPlacement::align(SoundTimeline& timeline, const int16_t* samples, int64_t frames,
+                           int64_t error)
 {
     expected_.reset();
     if (error > 0)
@@ -59,8 +62,8 @@ void SoundPlacement::align(SoundTimeline& timeline, const int16_t* samples, int6
 void SoundPlacement::smooth(int64_t error, int64_t frames)
 {
     frames_averaged_ = std::min(frames_averaged_ + frames, averaged_frames);
-    const double weight =
-        static_cast<double>(std::min(frames, frames_averaged_)) / static_cast<double>(frames_averaged_);
+    const double weight = static_cast<double>(std::min(frames, frames_averaged_)) /
+                          static_cast<double>(frames_averaged_);
     mean_error_ += (static_cast<double>(error) - mean_error_) * weight;
 }
 
@@ -76,8 +79,8 @@ int64_t SoundPlacement::correction(int64_t frames)
     return by;
 }
 
-void SoundPlacement::append_stretched(SoundTimeline& timeline, const int16_t* samples, int64_t frames,
-                                      int64_t by)
+void SoundPlacement::append_stretched(SoundTimeline& timeline, const int16_t* samples,
+                                      int64_t frames, int64_t by)
 {
     const int64_t wanted = frames + by;
     if (!samples || by == 0) {

@@ -8,10 +8,11 @@
 namespace zu3host {
 
 /**
- * Puts the pieces that a sound server delivers into a timeline, each where it was heard. Pieces follow one
- * another without a seam; what the server says about their time jitters, so only its mean counts. A clock of
- * the sound hardware that drifts from the monotonic clock is followed by stretching or shrinking a piece by
- * one frame now and then, which no ear notices. Where sound is missing there is silence. Not thread-safe.
+ * Puts the pieces that a sound server delivers into a timeline, each where it was heard. Pieces
+ * follow one another without a seam; what the server says about their time jitters, so only its
+ * mean counts. A clock of the sound hardware that drifts from the monotonic clock is followed by
+ * stretching or shrinking a piece by one frame now and then, which no ear notices. Where sound is
+ * missing there is silence. Not thread-safe.
  */
 class SoundPlacement {
 public:
@@ -29,10 +30,13 @@ private:
     void align(SoundTimeline& timeline, const int16_t* samples, int64_t frames, int64_t error);
     void smooth(int64_t error, int64_t frames);
     int64_t correction(int64_t frames);
-    void append_stretched(SoundTimeline& timeline, const int16_t* samples, int64_t frames, int64_t by);
+    void append_stretched(SoundTimeline& timeline, const int16_t* samples, int64_t frames,
+                          int64_t by);
 
-    std::optional<int64_t> expected_; /**< where the row continues; none = it has not begun */
-    double mean_error_ = 0;           /**< frames by which pieces were heard later than they are placed */
+    /** where the row continues; none = it has not begun */
+    std::optional<int64_t> expected_;
+    /** frames by which pieces were heard later than they are placed */
+    double mean_error_ = 0;
     int64_t frames_averaged_ = 0;
     int64_t frames_since_correction_ = 0;
     bool correcting_ = false;

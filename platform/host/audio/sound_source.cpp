@@ -16,7 +16,10 @@ namespace {
 
 class Silence final : public SoundSource {
 public:
-    void advance(SoundTimeline& timeline, int64_t now_us) override { timeline.append_silence_until(now_us); }
+    void advance(SoundTimeline& timeline, int64_t now_us) override
+    {
+        timeline.append_silence_until(now_us);
+    }
 };
 
 /** 440 Hz repeats after 1200 frames (11 periods), so that a table holds it exactly. */
@@ -26,7 +29,8 @@ public:
     {
         constexpr double pi = 3.14159265358979323846;
         for (size_t n = 0; n < frames; ++n) {
-            const double sample = amplitude * std::sin(2 * pi * periods * static_cast<double>(n) / frames);
+            const double sample =
+                amplitude * std::sin(2 * pi * periods * static_cast<double>(n) / frames);
             samples_[n * pcm_channels] = samples_[n * pcm_channels + 1] =
                 static_cast<int16_t>(std::lround(sample));
         }
@@ -75,8 +79,9 @@ std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
     if (name == "tone")
         return open_tone();
     if (by_pulse)
-        HOST_LOGW("No sound can be recorded (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
-                  load_pulse_library().c_str());
+        HOST_LOGW(
+            "No sound can be recorded (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
+            load_pulse_library().c_str());
     else if (name != "silence")
         HOST_LOGE(
             "ZU3_AUDIO=%.40s is no source of sound, there are pulse, tone and silence; silence is heard.",

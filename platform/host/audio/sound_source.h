@@ -12,14 +12,15 @@ public:
     virtual ~SoundSource() = default;
 
     /**
-     * Completes the timeline as far as it has to be at `now_us`; any thread, with the timeline's lock held.
+     * Completes the timeline as far as it has to be at `now_us`; any thread, with the timeline's
+     * lock held.
      */
     virtual void advance(SoundTimeline& timeline, int64_t now_us) = 0;
 };
 
 /**
- * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse. Does not wait for a server:
- * silence is heard until one answers. `shared` must outlive the source.
+ * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse. Does not wait for a
+ * server: silence is heard until one answers. `shared` must outlive the source.
  */
 std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
 

@@ -20,7 +20,8 @@ constexpr int64_t floor_divide(int64_t value, int64_t by)
 } // namespace
 
 SoundTimeline::SoundTimeline(int64_t start_us, int64_t capacity)
-    : start_us_(start_us), capacity_(capacity), samples_(static_cast<size_t>(capacity) * pcm_channels)
+    : start_us_(start_us), capacity_(capacity),
+      samples_(static_cast<size_t>(capacity) * pcm_channels)
 {
 }
 

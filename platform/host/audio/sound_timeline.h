@@ -9,9 +9,9 @@
 namespace zu3host {
 
 /**
- * The sound of one capture from its start on, of which the last seconds are kept. Frame n was heard exactly
- * n / 48000 s after the start, by the monotonic clock: who fills it keeps that true, who reads it can rely on
- * it. Not thread-safe.
+ * The sound of one capture from its start on, of which the last seconds are kept. Frame n was heard
+ * exactly n / 48000 s after the start, by the monotonic clock: who fills it keeps that true, who
+ * reads it can rely on it. Not thread-safe.
  */
 class SoundTimeline {
 public:
@@ -50,7 +50,8 @@ struct SharedTimeline {
     explicit SharedTimeline(int64_t start_us, int64_t capacity) : timeline(start_us, capacity) {}
 
     std::mutex mutex;
-    SoundTimeline timeline; /**< under the mutex */
+    /** under the mutex */
+    SoundTimeline timeline;
 };
 
 } // namespace zu3host

@@ -10,7 +10,9 @@ namespace zu3host {
 /** Scales images to the size of their placement, in a buffer that is kept from one to the next. */
 class BgraScaler {
 public:
-    /** The image itself where it has that size, else a scaled one, which lives until the next call. */
+    /**
+     * The image itself where it has that size, else a scaled one, which lives until the next call.
+     */
     BgraImage scaled(const BgraImage& image, PictureSize size);
 
 private:

@@ -22,7 +22,8 @@ template <typename F> u32 with_device(const char* function, u32 handle, F call)
 
 HOST_EXPORT u32 ZU_CAP_DeInit(void)
 {
-    return ZU_OK; // the module holds nothing that is not some open device's
+    // the module holds nothing that is not some open device's
+    return ZU_OK;
 }
 
 HOST_EXPORT u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle)
@@ -46,7 +47,8 @@ HOST_EXPORT u32 ZU_CAP_Close(u32 u32Handle)
     });
 }
 
-HOST_EXPORT u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle, const ZU_CAP_ConnectParams_t* pstParams)
+HOST_EXPORT u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle,
+                                    const ZU_CAP_ConnectParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
@@ -97,8 +99,9 @@ HOST_EXPORT u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* p
 {
     if (!pstParams || !pstFrame)
         return ZU_INVALID_ARGUMENT;
-    return with_device(__func__, u32Handle,
-                       [=](CaptureDevice& device) { return device.capture_one(*pstParams, *pstFrame); });
+    return with_device(__func__, u32Handle, [=](CaptureDevice& device) {
+        return device.capture_one(*pstParams, *pstFrame);
+    });
 }
 
 HOST_EXPORT u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex)

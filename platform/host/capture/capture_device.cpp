@@ -14,25 +14,25 @@ namespace zu3host {
 
 namespace {
 
-constexpr uint32_t still_index = 0xFFFFFFFF; // single captures are in the caller's memory, not in a slot
+// single captures are in the caller's memory, not in a slot
+constexpr uint32_t still_index = 0xFFFFFFFF;
 constexpr uint32_t highest_rate = 1000;
 constexpr auto patience_of_stills = std::chrono::seconds(5);
 
 bool output_is_possible(const ZU_CAP_Output_t& output)
 {
     const PictureLayout layout = PictureLayout::of(output.u32OutWidth, output.u32OutHeight);
-    const bool size_fits = output.u32OutWidth && output.u32OutHeight &&
-                           output.u32OutWidth <= max_picture_width &&
-                           output.u32OutHeight <= max_picture_height && layout.stride == output.u32OutWidth &&
-                           layout.lines == output.u32OutHeight;
+    const bool size_fits =
+        output.u32OutWidth && output.u32OutHeight && output.u32OutWidth <= max_picture_width &&
+        output.u32OutHeight <= max_picture_height && layout.stride == output.u32OutWidth &&
+        layout.lines == output.u32OutHeight;
     if (size_fits && output.eOutFormat == E_ZU_CAP_FORMAT_NV12 && output.u32OutFrameRate &&
         output.u32OutFrameRate <= highest_rate)
         return true;
     HOST_LOGE(
-        "A capture of %u x %u pixels, format %u, %u pictures a second is not possible: the format is 5, the "
-        "width a multiple of 16 to %u, the height one of 32 to %u, the rate 1 to %u.",
-        output.u32OutWidth, output.u32OutHeight, output.eOutFormat, output.u32OutFrameRate, max_picture_width,
-        max_picture_height, highest_rate);
+        "A capture of %u x %u pixels, format %u, %u pictures a second is not possible: the format is 5, the width a multiple of 16 to %u, the height one of 32 to %u, the rate 1 to %u.",
+        output.u32OutWidth, output.u32OutHeight, output.eOutFormat, output.u32OutFrameRate,
+        max_picture_width, max_picture_height, highest_rate);
     return false;
 }
 
@@ -91,8 +91,8 @@ uint32_t CaptureDevice::remove_callback(uint64_t id)
 
 uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& params)
 {
-    // u32Osd has nothing to switch here: the pointer, which belongs in every recording, is all that lies
-    // above the screen's picture.
+    // u32Osd has nothing to switch here: the pointer, which belongs in every recording, is all that
+    // lies above the screen's picture.
     const ZU_CAP_Output_t& output = params.stOutput;
     if (!output_is_possible(output))
         return ZU_INVALID_ARGUMENT;
@@ -115,8 +115,8 @@ uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& par
         thread_ = start_thread("zu3 capture", [this] { run_thread(); });
     std::erase_if(pools_, [](const auto& old) { return !old->any_out(); });
     pools_.push_back(pool);
-    run_ =
-        std::make_shared<CaptureRun>(CaptureRun{std::move(pool), out, visible, output.u32OutFrameRate, {}});
+    run_ = std::make_shared<CaptureRun>(
+        CaptureRun{std::move(pool), out, visible, output.u32OutFrameRate, {}});
     handle_ = handle;
     changed_.notify_all();
     return ZU_OK;
@@ -177,7 +177,8 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
 {
     const ZU_CAP_Output_t& output = params.stOutput;
     const auto block = block_of_phys(output.u64PhyAddr);
-    const auto memory = block ? hold_memory(block->virt) : nullptr; // a display may let the picture wait
+    // a display may let the picture wait
+    const auto memory = block ? hold_memory(block->virt) : nullptr;
     if (!memory) {
         HOST_LOGE(
             "A single capture is to write to physical address 0x%llx, which is not in the device's memory.",
@@ -196,10 +197,11 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
     const BrokenPipeGuard guard;
     {
         const std::lock_guard lock(source_mutex_);
-        // A still shows the screen as programs drew it; the pointer is the layer above it that can be asked
-        // for.
+        // A still shows the screen as programs drew it; the pointer is the layer above it that can
+        // be asked for.
         const auto image =
-            source_ ? source_->grab({target.size, stills_++, params.u32Osd != 0, {}, patience_of_stills})
+            source_ ? source_->grab(
+                          {target.size, stills_++, params.u32Osd != 0, {}, patience_of_stills})
                     : std::nullopt;
         if (!image)
             return ZU_FAILURE;

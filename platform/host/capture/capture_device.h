@@ -16,9 +16,9 @@
 namespace zu3host {
 
 /**
- * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in one pass
- * into a free slot and hands it to the callback, with no lock held. Results are ZU_* codes; any call may come
- * from any thread, also out of the callback, except close().
+ * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in
+ * one pass into a free slot and hands it to the callback, with no lock held. Results are ZU_*
+ * codes; any call may come from any thread, also out of the callback, except close().
  */
 class CaptureDevice {
 public:
@@ -34,11 +34,14 @@ public:
     uint32_t set_callback(const ZU_CAP_CallbackParams_t& params, uint64_t& id);
     uint32_t remove_callback(uint64_t id);
 
-    /** `handle` is what the callback is told. Throws std::system_error when the system gives no thread. */
+    /**
+     * `handle` is what the callback is told. Throws std::system_error when the system gives no
+     * thread.
+     */
     uint32_t start(uint32_t handle, const ZU_CAP_CaptureParams_t& params);
     /**
-     * Returns once nothing is written into a picture any more. A callback that is running is not waited for:
-     * it may need what only the caller can give.
+     * Returns once nothing is written into a picture any more. A callback that is running is not
+     * waited for: it may need what only the caller can give.
      */
     uint32_t stop();
     /** Stops and waits for a callback that is running; ZU_FAILURE out of the callback itself. */
@@ -49,7 +52,8 @@ public:
 
 private:
     struct Listener {
-        uint64_t id = 0; // 0 = none
+        // 0 = none
+        uint64_t id = 0;
         ZU_CAP_Callback call = nullptr;
         void* user = nullptr;
     };
@@ -67,19 +71,23 @@ private:
     void deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due);
 
     std::mutex
-        source_mutex_; // held while a picture is grabbed and converted; taken before mutex_ where both are
+        // held while a picture is grabbed and converted; taken before mutex_ where both are
+        source_mutex_;
     std::unique_ptr<PictureSource> source_;
     BgraScaler scaler_;
     uint32_t stills_ = 0;
 
-    std::mutex mutex_; // guards all below
+    // guards all below
+    std::mutex mutex_;
     std::condition_variable changed_;
     Listener listener_;
     uint64_t next_listener_ = 1;
     uint32_t handle_ = 0;
-    std::shared_ptr<CaptureRun> run_; // null while stopped
+    // null while stopped
+    std::shared_ptr<CaptureRun> run_;
     std::vector<std::shared_ptr<PicturePool>>
-        pools_; // the newest last, older ones while a picture of them is out
+        // the newest last, older ones while a picture of them is out
+        pools_;
     uint32_t next_index_ = 0;
     uint32_t stills_out_ = 0;
     bool closing_ = false;

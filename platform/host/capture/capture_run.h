@@ -12,9 +12,12 @@ namespace zu3host {
 /** What one start of a capture asked for. */
 struct CaptureRun {
     std::shared_ptr<PicturePool> pool;
-    PictureSize out;     /**< of the pictures, rounded */
-    PictureSize visible; /**< what of them is seen */
-    uint32_t rate;       /**< pictures per second */
+    /** of the pictures, rounded */
+    PictureSize out;
+    /** what of them is seen */
+    PictureSize visible;
+    /** pictures per second */
+    uint32_t rate;
     std::stop_source stop;
 };
 

@@ -6,9 +6,9 @@
 namespace zu3host {
 
 /**
- * The moments at which pictures are due: start + n / rate, whatever happens in between, so that nothing
- * drifts. A picture that is more than one interval late is passed over, but for the first few: who takes them
- * is slow until its memory has been touched once, and catches up.
+ * The moments at which pictures are due: start + n / rate, whatever happens in between, so that
+ * nothing drifts. A picture that is more than one interval late is passed over, but for the first
+ * few: who takes them is slow until its memory has been touched once, and catches up.
  */
 class CaptureSchedule {
 public:
@@ -26,7 +26,8 @@ public:
         const uint64_t before = number_;
         const bool may_catch_up = number_ < beginning && now <= moment(number_ + beginning);
         if (moment(number_ + 1) < now && !may_catch_up) {
-            const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
+            const auto elapsed =
+                std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
             // The newest that is due; the one before it may still be within its interval.
             number_ = static_cast<uint64_t>(elapsed / second) * rate_ +
                       static_cast<uint64_t>(elapsed % second) * rate_ / second;

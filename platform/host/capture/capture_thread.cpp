@@ -48,7 +48,8 @@ void CaptureDevice::stream(CaptureRun& run)
     while (wait_until_due(run, schedule.due())) {
         Counters& all = counters();
         if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
-            count_dropped(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late, late);
+            count_dropped(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late,
+                          late);
         blind = !capture_picture(run, schedule);
         schedule.advance();
     }
@@ -62,14 +63,15 @@ bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time 
 
 bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
-    const auto index =
-        at_border("Capturing a picture", std::optional<uint32_t>(), [&] { return run.pool->take(); });
+    const auto index = at_border("Capturing a picture", std::optional<uint32_t>(),
+                                 [&] { return run.pool->take(); });
     if (!index) {
         count_dropped(counters().pictures_dropped_no_buffer);
         return true;
     }
-    const Written written = at_border("Capturing a picture", Written::NoMemory,
-                                      [&] { return write_picture(run, schedule.number(), *index); });
+    const Written written = at_border("Capturing a picture", Written::NoMemory, [&] {
+        return write_picture(run, schedule.number(), *index);
+    });
     if (written == Written::Done) {
         deliver(run, *index, schedule.due());
         return true;
@@ -82,16 +84,16 @@ bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& sche
     return written == Written::NoMemory;
 }
 
-CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number, uint32_t index)
+CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number,
+                                                    uint32_t index)
 {
     const std::lock_guard lock(source_mutex_);
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
         return Written::Stopped;
-    auto image =
-        source_
-            ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop, patience_of_pictures})
-            : std::nullopt;
+    auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop,
+                                          patience_of_pictures})
+                         : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
 
@@ -135,13 +137,14 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
                              .phyCAddr = phys + run.pool->layout().luma_bytes(),
                              .u64Reserved1 = 0};
     const DueTimeInCallback due_time(due);
-    const CapturedPicture picture = run.pool->is_shared()
-                                        ? CapturedPicture{}
-                                        : CapturedPicture{run.pool->picture(index), run.pool->layout(),
-                                                          run.pool, run.pool->contents(index).serial};
+    const CapturedPicture picture =
+        run.pool->is_shared() ? CapturedPicture{}
+                              : CapturedPicture{run.pool->picture(index), run.pool->layout(),
+                                                run.pool, run.pool->contents(index).serial};
     const CapturedPictureInCallback in_callback(picture);
-    at_border("The callback with a picture",
-              [&] { return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user); });
+    at_border("The callback with a picture", [&] {
+        return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
+    });
 }
 
 } // namespace zu3host

@@ -12,7 +12,8 @@ constexpr uint8_t no_colour = 128;
 
 struct Plane {
     uint8_t* data;
-    uint32_t stride; // also its width
+    // also its width
+    uint32_t stride;
     uint32_t lines;
 };
 
@@ -45,10 +46,12 @@ constexpr uint32_t round_up_to_even(uint32_t value)
 
 } // namespace
 
-void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture, PictureLayout layout)
+void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
+                PictureLayout layout)
 {
     uint8_t* luma = picture + size_t{layout.stride} * placement.y + placement.x;
-    uint8_t* chroma = picture + layout.luma_bytes() + size_t{layout.stride} * (placement.y / 2) + placement.x;
+    uint8_t* chroma =
+        picture + layout.luma_bytes() + size_t{layout.stride} * (placement.y / 2) + placement.x;
     const int stride = static_cast<int>(layout.stride);
     libyuv::ARGBToNV12(image.pixels, static_cast<int>(image.stride), luma, stride, chroma, stride,
                        static_cast<int>(image.size.width), static_cast<int>(image.size.height));
@@ -57,12 +60,12 @@ void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* pic
 void blacken_border(const Placement& placement, uint8_t* picture, PictureLayout layout)
 {
     const PictureSize image = placement.image;
-    fill_around({picture, layout.stride, layout.lines}, {placement.x, placement.y, image.width, image.height},
-                black_luma);
-    fill_around(
-        {picture + layout.luma_bytes(), layout.stride, layout.lines / 2},
-        {placement.x, placement.y / 2, round_up_to_even(image.width), round_up_to_even(image.height) / 2},
-        no_colour);
+    fill_around({picture, layout.stride, layout.lines},
+                {placement.x, placement.y, image.width, image.height}, black_luma);
+    fill_around({picture + layout.luma_bytes(), layout.stride, layout.lines / 2},
+                {placement.x, placement.y / 2, round_up_to_even(image.width),
+                 round_up_to_even(image.height) / 2},
+                no_colour);
 }
 
 } // namespace zu3host

@@ -12,8 +12,9 @@ namespace zu3host {
 namespace {
 
 /**
- * Waits are counted in slices, not by the clock: a process that was stopped, or not scheduled, for longer
- * than any limit has waited for one slice when it goes on, and looks for the answer before it judges.
+ * Waits are counted in slices, not by the clock: a process that was stopped, or not scheduled, for
+ * longer than any limit has waited for one slice when it goes on, and looks for the answer before
+ * it judges.
  */
 constexpr auto slice = std::chrono::milliseconds(50);
 constexpr auto opening_limit = std::chrono::seconds(5);
@@ -25,10 +26,14 @@ constexpr uint32_t worth_a_word_ms = 1000;
 struct PatientSource::Desk {
     std::mutex mutex;
     std::condition_variable changed;
-    std::unique_ptr<WaitingSource> source; // used by the thread alone, but for cut()
-    GrabRequest request{};                 // the last one handed to the thread
-    std::optional<BgraImage> image;        // what came of it
-    bool busy = true;                      // the thread opens or grabs
+    // used by the thread alone, but for cut()
+    std::unique_ptr<WaitingSource> source;
+    // the last one handed to the thread
+    GrabRequest request{};
+    // what came of it
+    std::optional<BgraImage> image;
+    // the thread opens or grabs
+    bool busy = true;
     bool leaving = false;
 
     static void serve(const std::shared_ptr<Desk>& desk, const Open& open);

@@ -17,17 +17,17 @@ public:
 };
 
 /**
- * Grabs from a source whose grab may wait without a bound, on a thread of its own. A grab here gives up in
- * time while the one below goes on, and a later grab here gets its picture. How long the source has not
- * answered is in the statistics. One thread at a time.
+ * Grabs from a source whose grab may wait without a bound, on a thread of its own. A grab here
+ * gives up in time while the one below goes on, and a later grab here gets its picture. How long
+ * the source has not answered is in the statistics. One thread at a time.
  */
 class PatientSource : public PictureSource {
 public:
     using Open = std::function<std::unique_ptr<WaitingSource>()>;
 
     /**
-     * Opens the source on the thread. Null when `open` returns null, or does not return within five seconds;
-     * it may still return later.
+     * Opens the source on the thread. Null when `open` returns null, or does not return within five
+     * seconds; it may still return later.
      * @param name of the source, for the log
      */
     static std::unique_ptr<PatientSource> open(const std::string& name, Open open);
@@ -49,7 +49,8 @@ private:
     void note_answer();
 
     const std::string name_;
-    const std::shared_ptr<Desk> desk_; // shared with the thread, which may come back late from an opening
+    // shared with the thread, which may come back late from an opening
+    const std::shared_ptr<Desk> desk_;
     std::thread thread_;
     uint32_t silent_ms_ = 0;
 };

@@ -12,12 +12,14 @@ namespace {
 struct LeaseTable {
     LeaseTable() { pictures.reserve(64); }
     std::mutex mutex;
-    std::vector<const uint8_t*> pictures; // one entry a lease
+    // one entry a lease
+    std::vector<const uint8_t*> pictures;
 };
 
 LeaseTable& leases()
 {
-    static auto* table = new LeaseTable; // never destroyed: threads may outlive static destruction
+    // never destroyed: threads may outlive static destruction
+    static auto* table = new LeaseTable;
     return *table;
 }
 

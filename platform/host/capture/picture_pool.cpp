@@ -11,7 +11,8 @@ namespace zu3host {
 
 namespace {
 
-// An encoder may read as many as it lends buffers, out of the capture's memory, while one is written.
+// An encoder may read as many as it lends buffers, out of the capture's memory, while one is
+// written.
 constexpr uint32_t own_slots = 9;
 
 constexpr size_t aligned(size_t bytes)
@@ -19,7 +20,10 @@ constexpr size_t aligned(size_t bytes)
     return (bytes + picture_alignment - 1) / picture_alignment * picture_alignment;
 }
 
-/** Room for a chroma plane that is sized on 64 lines, which is how those who copy pictures may count them. */
+/**
+ * Room for a chroma plane that is sized on 64 lines, which is how those who copy pictures may count
+ * them.
+ */
 size_t own_slot_bytes(PictureLayout layout)
 {
     const size_t chroma_lines = ((size_t{layout.lines} + 63) & ~size_t{63}) / 2;
@@ -40,15 +44,16 @@ std::shared_ptr<PicturePool> PicturePool::own(PictureLayout layout, uint32_t fir
     const size_t slot_bytes = own_slot_bytes(layout);
     const auto block = allocate_block("capture", static_cast<uint32_t>(slot_bytes * own_slots));
     if (!block) {
-        HOST_LOGE("There is no memory for the capture's %u pictures of %zu bytes.", own_slots, slot_bytes);
+        HOST_LOGE("There is no memory for the capture's %u pictures of %zu bytes.", own_slots,
+                  slot_bytes);
         return nullptr;
     }
-    return std::shared_ptr<PicturePool>(
-        new PicturePool(layout, block->virt, block->phys, slot_bytes, own_slots, first_index, true));
+    return std::shared_ptr<PicturePool>(new PicturePool(layout, block->virt, block->phys,
+                                                        slot_bytes, own_slots, first_index, true));
 }
 
-std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64_t address, uint32_t size,
-                                                    uint32_t first_index)
+std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64_t address,
+                                                    uint32_t size, uint32_t first_index)
 {
     constexpr uint64_t most_slots = 64;
     const auto memory = hold_memory(reinterpret_cast<const void*>(static_cast<uintptr_t>(address)));
@@ -58,7 +63,8 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
                   static_cast<unsigned long long>(address));
         return nullptr;
     }
-    // The address may have been rounded up after the size was taken, so the block's end counts as well.
+    // The address may have been rounded up after the size was taken, so the block's end counts as
+    // well.
     const uint64_t offset = address - reinterpret_cast<uintptr_t>(block->virt);
     const uint64_t usable = std::min<uint64_t>(size, block->size - offset);
     const size_t slot_bytes = aligned(layout.picture_bytes());
@@ -70,8 +76,8 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
         return nullptr;
     }
     const auto count = static_cast<uint32_t>(std::min(slots, most_slots));
-    return std::shared_ptr<PicturePool>(new PicturePool(layout, block->virt + offset, block->phys + offset,
-                                                        slot_bytes, count, first_index, false));
+    return std::shared_ptr<PicturePool>(new PicturePool(
+        layout, block->virt + offset, block->phys + offset, slot_bytes, count, first_index, false));
 }
 
 PicturePool::~PicturePool()

@@ -12,30 +12,37 @@
 namespace zu3host {
 
 /**
- * The pictures that a capture writes: slots of one piece of device memory, either of its own or the encoder's
- * entire inject buffer. Always the first free slot is taken, so that a capture whose pictures come back at
- * once lives in the memory, and in the cache, of one. Thread-safe; a slot's contents belong to who holds it.
+ * The pictures that a capture writes: slots of one piece of device memory, either of its own or the
+ * encoder's entire inject buffer. Always the first free slot is taken, so that a capture whose
+ * pictures come back at once lives in the memory, and in the cache, of one. Thread-safe; a slot's
+ * contents belong to who holds it.
  */
 class PicturePool {
 public:
     /** Of a slot; only its holder touches it. */
     struct Contents {
-        std::optional<Placement> bordered_for; /**< the placement whose border is black */
-        uint64_t serial = 0;                   /**< of the image that it holds, 0 = none */
+        /** the placement whose border is black */
+        std::optional<Placement> bordered_for;
+        /** of the image that it holds, 0 = none */
+        uint64_t serial = 0;
     };
 
     /** A handful of slots of its own; null without memory. Indices count up from `first_index`. */
     static std::shared_ptr<PicturePool> own(PictureLayout layout, uint32_t first_index);
-    /** The slots that fit in `size` bytes at `address`; null, with a log line, where none fits or it is no
-     * memory. */
-    static std::shared_ptr<PicturePool> in_region(PictureLayout layout, uint64_t address, uint32_t size,
-                                                  uint32_t first_index);
+    /**
+     * The slots that fit in `size` bytes at `address`; null, with a log line, where none fits or it
+     * is no memory.
+     */
+    static std::shared_ptr<PicturePool> in_region(PictureLayout layout, uint64_t address,
+                                                  uint32_t size, uint32_t first_index);
     ~PicturePool();
     PicturePool(const PicturePool&) = delete;
     PicturePool& operator=(const PicturePool&) = delete;
 
     PictureLayout layout() const { return layout_; }
-    /** Whether others write into the pictures too: a renderer, where they lie in the inject buffer. */
+    /**
+     * Whether others write into the pictures too: a renderer, where they lie in the inject buffer.
+     */
     bool is_shared() const { return !owned_; }
     uint32_t count() const { return static_cast<uint32_t>(out_.size()); }
 
@@ -51,8 +58,8 @@ public:
     Contents& contents(uint32_t index) { return contents_[index - first_index_]; }
 
 private:
-    PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes, uint32_t count,
-                uint32_t first_index, bool owned);
+    PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes,
+                uint32_t count, uint32_t first_index, bool owned);
 
     const PictureLayout layout_;
     uint8_t* const base_;
@@ -61,7 +68,8 @@ private:
     const uint32_t first_index_;
     const bool owned_;
     const std::shared_ptr<const void>
-        memory_; // a picture is being written when an encoder gives its region up
+        // a picture is being written when an encoder gives its region up
+        memory_;
     std::vector<Contents> contents_;
 
     std::mutex mutex_;

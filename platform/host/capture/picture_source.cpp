@@ -23,7 +23,8 @@ namespace {
 std::unique_ptr<PictureSource> open_x11()
 {
     const char* display = secure_getenv("DISPLAY");
-    return PatientSource::open(std::string("The X display DISPLAY=\"") + (display ? display : "") + "\"",
+    return PatientSource::open(std::string("The X display DISPLAY=\"") + (display ? display : "") +
+                                   "\"",
                                [] { return X11Source::open(); });
 }
 
@@ -36,7 +37,8 @@ std::unique_ptr<PictureSource> open_picture_source()
     if (name == "testcard")
         return std::make_unique<TestCard>();
     if (name == "x11" || name.empty())
-        return open_x11(); // no test card in place of a screen that is missing: it would pass for one
+        // no test card in place of a screen that is missing: it would pass for one
+        return open_x11();
     HOST_LOGE(
         "ZU3_DISPLAY=\"%s\" is not known: it can be \"x11\" (the screen that DISPLAY names) or \"testcard\".",
         choice);

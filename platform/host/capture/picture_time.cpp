@@ -12,8 +12,8 @@ thread_local std::optional<uint64_t> due_time;
 DueTimeInCallback::DueTimeInCallback(std::chrono::steady_clock::time_point due)
 {
     using std::chrono::microseconds;
-    due_time =
-        static_cast<uint64_t>(std::chrono::duration_cast<microseconds>(due.time_since_epoch()).count());
+    due_time = static_cast<uint64_t>(
+        std::chrono::duration_cast<microseconds>(due.time_since_epoch()).count());
 }
 
 DueTimeInCallback::~DueTimeInCallback()

@@ -6,7 +6,9 @@
 
 namespace zu3host {
 
-/** While it lives, due_time_of_picture_in_callback() on this thread gives `due`. Not to be nested. */
+/**
+ * While it lives, due_time_of_picture_in_callback() on this thread gives `due`. Not to be nested.
+ */
 class DueTimeInCallback {
 public:
     explicit DueTimeInCallback(std::chrono::steady_clock::time_point due);

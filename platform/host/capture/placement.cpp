@@ -8,7 +8,10 @@ namespace zu3host {
 
 namespace {
 
-/** length * numerator / denominator to the nearest even number, from 2 to `limit` rounded up to even. */
+/**
+ * length * numerator / denominator to the nearest even number, from 2 to `limit` rounded up to
+ * even.
+ */
 uint32_t scaled_even(uint32_t length, uint32_t numerator, uint32_t denominator, uint32_t limit)
 {
     const uint64_t twice = 2ull * denominator;
@@ -26,7 +29,8 @@ uint32_t middle(uint32_t box, uint32_t length)
 PictureSize without_odd_edge(PictureSize display, PictureSize visible)
 {
     if (display.width > visible.width + 1 || display.height > visible.height + 1)
-        return display; // scaled down in any case
+        // scaled down in any case
+        return display;
     return {std::min(display.width, visible.width), std::min(display.height, visible.height)};
 }
 
@@ -35,7 +39,8 @@ Placement fit_into(PictureSize source, PictureSize box)
     if (source == box)
         return {0, 0, source};
     PictureSize image{};
-    const bool width_decides = uint64_t{source.width} * box.height >= uint64_t{source.height} * box.width;
+    const bool width_decides =
+        uint64_t{source.width} * box.height >= uint64_t{source.height} * box.width;
     if (width_decides) {
         image.width = (box.width + 1) & ~1u;
         image.height = scaled_even(source.height, box.width, source.width, box.height);

@@ -6,33 +6,36 @@
 
 namespace zu3host {
 
-/** Where in a picture the screen's image goes. Offsets are even, so that they hold for the chroma plane too.
+/**
+ * Where in a picture the screen's image goes. Offsets are even, so that they hold for the chroma
+ * plane too.
  */
 struct Placement {
     uint32_t x;
     uint32_t y;
-    PictureSize image; /**< size after scaling */
+    /** size after scaling */
+    PictureSize image;
     bool operator==(const Placement&) const = default;
 };
 
 /**
- * The size of a display without the last column or row that is one too many for `visible`: sizes of pictures
- * are even, and scaling a display of odd size would blur all of it. A display that is larger still keeps its
- * size, to be scaled down.
+ * The size of a display without the last column or row that is one too many for `visible`: sizes of
+ * pictures are even, and scaling a display of odd size would blur all of it. A display that is
+ * larger still keeps its size, to be scaled down.
  */
 PictureSize without_odd_edge(PictureSize display, PictureSize visible);
 
 /**
- * `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as large.
- * Neither is empty.
+ * `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as
+ * large. Neither is empty.
  */
 Placement fit_into(PictureSize source, PictureSize box);
 
 /**
- * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its top left.
- * A display whose own layout is that of the picture and which lies inside the visible part is taken as it is,
- * at the top left: that is how a recording of exactly the display's size arrives here, where only rounded
- * sizes do.
+ * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its
+ * top left. A display whose own layout is that of the picture and which lies inside the visible
+ * part is taken as it is, at the top left: that is how a recording of exactly the display's size
+ * arrives here, where only rounded sizes do.
  */
 Placement place_display(PictureSize display, PictureSize out, PictureSize visible);
 

@@ -5,7 +5,8 @@ namespace {
 
 const xcb_visualtype_t* root_visual(const xcb_screen_t& screen)
 {
-    for (auto depths = xcb_screen_allowed_depths_iterator(&screen); depths.rem; xcb_depth_next(&depths))
+    for (auto depths = xcb_screen_allowed_depths_iterator(&screen); depths.rem;
+         xcb_depth_next(&depths))
         for (auto visuals = xcb_depth_visuals_iterator(depths.data); visuals.rem;
              xcb_visualtype_next(&visuals))
             if (visuals.data->visual_id == screen.root_visual)

@@ -57,7 +57,8 @@ void write_bgra(const BgraImage& image, const StillTarget& target)
         for (uint32_t column = 0; column < image.size.width; ++column) {
             uint32_t pixel;
             std::memcpy(&pixel, from + size_t{4} * column, 4);
-            pixel |= 0xFF000000; // the server leaves the fourth byte undefined
+            // the server leaves the fourth byte undefined
+            pixel |= 0xFF000000;
             std::memcpy(to + size_t{4} * column, &pixel, 4);
         }
     }
@@ -71,7 +72,8 @@ void write_yuyv(const BgraImage& image, const StillTarget& target)
     for (uint32_t y = 0; y < image.size.height; ++y) {
         libyuv::ARGBToYUY2(image.pixels + size_t{image.stride} * y, static_cast<int>(image.stride),
                            line.data(), static_cast<int>(line.size()), width, 1);
-        std::memcpy(target.memory + size_t{target.pitch} * y, line.data(), size_t{2} * image.size.width);
+        std::memcpy(target.memory + size_t{target.pitch} * y, line.data(),
+                    size_t{2} * image.size.width);
     }
 }
 
@@ -81,9 +83,9 @@ void write_still_nv12(const BgraImage& image, const StillTarget& target)
     const size_t chroma_stride = (width + 1) & ~size_t{1};
     const size_t chroma_lines = (size_t{image.size.height} + 1) / 2;
     std::vector<uint8_t> chroma(chroma_stride * chroma_lines);
-    libyuv::ARGBToNV12(image.pixels, static_cast<int>(image.stride), target.memory, static_cast<int>(width),
-                       chroma.data(), static_cast<int>(chroma_stride), static_cast<int>(width),
-                       static_cast<int>(image.size.height));
+    libyuv::ARGBToNV12(image.pixels, static_cast<int>(image.stride), target.memory,
+                       static_cast<int>(width), chroma.data(), static_cast<int>(chroma_stride),
+                       static_cast<int>(width), static_cast<int>(image.size.height));
     size_t offset = width * image.size.height;
     for (size_t line = 0; line < chroma_lines && offset < target.capacity; ++line, offset += width)
         std::memcpy(target.memory + offset, chroma.data() + chroma_stride * line,
@@ -97,8 +99,8 @@ bool check_still(StillTarget& target)
     const uint32_t pixel_bytes = packed_bytes(target.format);
     const bool planar = target.format == E_ZU_CAP_FORMAT_NV12;
     const PictureSize size = target.size;
-    if ((!pixel_bytes && !planar) || !size.width || !size.height || size.width > max_picture_width ||
-        size.height > max_picture_height) {
+    if ((!pixel_bytes && !planar) || !size.width || !size.height ||
+        size.width > max_picture_width || size.height > max_picture_height) {
         HOST_LOGE(
             "A single capture cannot be %u x %u pixels of format %u: at most %u x %u of format 0, 1, 2 or 5.",
             size.width, size.height, target.format, max_picture_width, max_picture_height);
@@ -110,11 +112,10 @@ bool check_still(StillTarget& target)
     const uint64_t needed = uint64_t{target.pitch} * size.height;
     if (target.pitch >= line_bytes && needed <= target.capacity)
         return true;
-    HOST_LOGE("A single capture of %u x %u pixels does not fit: lines of %u bytes need at least %u, the "
-              "whole %llu, "
-              "and the buffer has %zu.",
-              size.width, size.height, target.pitch, line_bytes, static_cast<unsigned long long>(needed),
-              target.capacity);
+    HOST_LOGE(
+        "A single capture of %u x %u pixels does not fit: lines of %u bytes need at least %u, the whole %llu, and the buffer has %zu.",
+        size.width, size.height, target.pitch, line_bytes, static_cast<unsigned long long>(needed),
+        target.capacity);
     return false;
 }
 

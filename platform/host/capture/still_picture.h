@@ -10,22 +10,27 @@ namespace zu3host {
 /** What a single capture writes, in whichever of the capture's formats, and where. */
 struct StillTarget {
     uint8_t* memory;
-    size_t capacity;  /**< bytes that may be written */
-    uint32_t format;  /**< ZU_CAP_Format_e */
-    PictureSize size; /**< exact */
-    uint32_t pitch;   /**< bytes per line of the one-plane formats; NV12 lines have `width` bytes */
+    /** bytes that may be written */
+    size_t capacity;
+    /** ZU_CAP_Format_e */
+    uint32_t format;
+    /** exact */
+    PictureSize size;
+    /** bytes per line of the one-plane formats; NV12 lines have `width` bytes */
+    uint32_t pitch;
 };
 
 /**
- * Checks a target before anything is captured; a pitch of 0 becomes the format's own. False, with a log line,
- * for an unknown format, sizes out of range, and memory too small for `height` lines of the pitch.
+ * Checks a target before anything is captured; a pitch of 0 becomes the format's own. False, with a
+ * log line, for an unknown format, sizes out of range, and memory too small for `height` lines of
+ * the pitch.
  */
 bool check_still(StillTarget& target);
 
 /**
- * Scales an image into the target, letterboxed where the shape differs. NV12 is `width` x `height` luma bytes
- * with the chroma lines of `width` bytes straight behind: of an odd width the last sample's Cr does not fit,
- * of an odd height the last chroma line is written as far as it fits.
+ * Scales an image into the target, letterboxed where the shape differs. NV12 is `width` x `height`
+ * luma bytes with the chroma lines of `width` bytes straight behind: of an odd width the last
+ * sample's Cr does not fit, of an odd height the last chroma line is written as far as it fits.
  */
 void write_still(const BgraImage& image, const StillTarget& target);
 

@@ -71,8 +71,8 @@ void TestCard::fill(uint32_t x, uint32_t y, uint32_t width, uint32_t height, uin
     const uint32_t columns = std::min(width, size_.width - x);
     const uint32_t bottom = std::min(y + height, size_.height);
     for (uint32_t line = y; line < bottom; ++line)
-        std::fill_n(pixels_.begin() + static_cast<ptrdiff_t>(size_t{line} * size_.width + x), columns,
-                    colour);
+        std::fill_n(pixels_.begin() + static_cast<ptrdiff_t>(size_t{line} * size_.width + x),
+                    columns, colour);
 }
 
 } // namespace zu3host

@@ -32,14 +32,13 @@ std::unique_ptr<X11Connection> X11Connection::open()
 {
     const char* display = secure_getenv("DISPLAY");
     if (getauxval(AT_SECURE)) {
-        HOST_LOGE("This process has privileges of its own (set-uid, set-gid or file capabilities), so its "
-                  "environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads "
-                  "that are preferred.");
+        HOST_LOGE(
+            "This process has privileges of its own (set-uid, set-gid or file capabilities), so its environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads that are preferred.");
         return nullptr;
     }
     if (!display || !*display) {
-        HOST_LOGE("DISPLAY is not set, so there is no screen to capture: set it to the X display to record "
-                  "(such as DISPLAY=:0), or set ZU3_DISPLAY=testcard to record a test card.");
+        HOST_LOGE(
+            "DISPLAY is not set, so there is no screen to capture: set it to the X display to record (such as DISPLAY=:0), or set ZU3_DISPLAY=testcard to record a test card.");
         return nullptr;
     }
     int screen_index = 0;
@@ -47,9 +46,9 @@ std::unique_ptr<X11Connection> X11Connection::open()
     const int error = xcb_connection_has_error(xcb);
     const xcb_screen_t* screen = error ? nullptr : find_screen(*xcb_get_setup(xcb), screen_index);
     if (!screen) {
-        HOST_LOGE("The X display DISPLAY=\"%s\" cannot be reached: %s. Check DISPLAY and XAUTHORITY, or set "
-                  "ZU3_DISPLAY=testcard to record a test card.",
-                  display, reason(error ? error : XCB_CONN_CLOSED_INVALID_SCREEN));
+        HOST_LOGE(
+            "The X display DISPLAY=\"%s\" cannot be reached: %s. Check DISPLAY and XAUTHORITY, or set ZU3_DISPLAY=testcard to record a test card.",
+            display, reason(error ? error : XCB_CONN_CLOSED_INVALID_SCREEN));
         xcb_disconnect(xcb);
         return nullptr;
     }
@@ -65,7 +64,8 @@ bool X11Connection::is_local() const
 {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    return getsockname(xcb_get_file_descriptor(xcb_), reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+    return getsockname(xcb_get_file_descriptor(xcb_), reinterpret_cast<sockaddr*>(&address),
+                       &length) == 0 &&
            address.ss_family == AF_UNIX;
 }
 
@@ -85,13 +85,14 @@ void X11Connection::take_events()
 void X11Connection::wait_for(unsigned sequence, void** reply, xcb_generic_error_t** error)
 {
     *reply = xcb_wait_for_reply(xcb_, sequence, error);
-    take_events(); // those that came before it
+    // those that came before it
+    take_events();
 }
 
 bool X11Connection::succeeded(xcb_void_cookie_t cookie)
 {
-    // xcb's own check aborts the program when the server sends a reply where none belongs. With the answer to
-    // a request behind it, all that came to this one is here.
+    // xcb's own check aborts the program when the server sends a reply where none belongs. With the
+    // answer to a request behind it, all that came to this one is here.
     const auto behind = xcb_get_input_focus(xcb_);
     const bool answered = wait<xcb_get_input_focus_reply_t>(behind.sequence).reply != nullptr;
     void* reply = nullptr;

@@ -15,18 +15,20 @@ struct FreeDeleter {
 };
 template <typename T> using XcbOwned = std::unique_ptr<T, FreeDeleter>;
 
-/** What a request came to: a reply, an error, or neither when the connection ended or the server passed it
- * over. */
+/**
+ * What a request came to: a reply, an error, or neither when the connection ended or the server
+ * passed it over.
+ */
 template <typename T> struct XcbAnswer {
     XcbOwned<T> reply;
     XcbOwned<xcb_generic_error_t> error;
 };
 
 /**
- * A connection to the X server. Nearly every call may wait without a bound: xcb blocks while it connects,
- * asks for an extension, finds no room for a request, and from the first byte of a reply to the last. A
- * connection is lost when it ends, never for being slow; a lost one stays lost, and every later wait returns
- * at once. One thread at a time, but for cut().
+ * A connection to the X server. Nearly every call may wait without a bound: xcb blocks while it
+ * connects, asks for an extension, finds no room for a request, and from the first byte of a reply
+ * to the last. A connection is lost when it ends, never for being slow; a lost one stays lost, and
+ * every later wait returns at once. One thread at a time, but for cut().
  */
 class X11Connection {
 public:
@@ -40,7 +42,9 @@ public:
     const xcb_screen_t& screen() const { return *screen_; }
     /** The value of DISPLAY at the opening. */
     const std::string& display() const { return display_; }
-    /** Whether the server is on this machine, so that memory can be shared with it by descriptor. */
+    /**
+     * Whether the server is on this machine, so that memory can be shared with it by descriptor.
+     */
     bool is_local() const;
     bool lost() const { return xcb_connection_has_error(xcb_) != 0; }
     /** Ends the connection, and with it whatever waits; from any thread. */

@@ -12,8 +12,8 @@ X11Damage::X11Damage(X11Connection& connection) : connection_(connection)
         return;
     first_event_ = xcb_get_extension_data(xcb, &xcb_damage_id)->first_event;
     damage_ = xcb_generate_id(xcb);
-    // One event when the screen is no longer as it was, and none more before it is forgotten: whatever moves,
-    // that is one event a picture.
+    // One event when the screen is no longer as it was, and none more before it is forgotten:
+    // whatever moves, that is one event a picture.
     xcb_damage_create(xcb, damage_, connection.screen().root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
 }
 

@@ -16,9 +16,13 @@ public:
     bool available() const { return damage_ != 0; }
     /** Takes note of an event; false when it does not concern drawing. */
     bool see(const xcb_generic_event_t& event);
-    /** Sent ahead of a request for the picture: what is drawn from then on counts. No round trip. */
+    /**
+     * Sent ahead of a request for the picture: what is drawn from then on counts. No round trip.
+     */
     void forget();
-    /** Whether something was drawn, as far as events have been taken; may be true where nothing was. */
+    /**
+     * Whether something was drawn, as far as events have been taken; may be true where nothing was.
+     */
     bool any() const { return any_; }
 
 private:

@@ -31,8 +31,8 @@ int make_memory(size_t bytes)
 
 X11Image::X11Image(X11Connection& connection, PictureSize size)
     : connection_(connection), size_(size),
-      format_(
-          pixel_format(*xcb_get_setup(connection.xcb()), connection.screen()).value_or(PixelFormat::Bgrx8))
+      format_(pixel_format(*xcb_get_setup(connection.xcb()), connection.screen())
+                  .value_or(PixelFormat::Bgrx8))
 {
 }
 
@@ -62,7 +62,8 @@ bool X11Image::share()
     const auto asked = xcb_shm_query_version(connection_.xcb());
     const auto version = connection_.wait<xcb_shm_query_version_reply_t>(asked.sequence);
     if (!version.reply || (version.reply->major_version == 1 && version.reply->minor_version < 2))
-        return false; // 1.2 is the first that takes a descriptor
+        // 1.2 is the first that takes a descriptor
+        return false;
     const int fd = make_memory(bytes());
     if (fd < 0)
         return false;
@@ -92,9 +93,9 @@ void X11Image::request()
                                       XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0)
                         .sequence;
     else
-        sequence_ =
-            xcb_get_image(connection_.xcb(), XCB_IMAGE_FORMAT_Z_PIXMAP, root, 0, 0, width, height, all_planes)
-                .sequence;
+        sequence_ = xcb_get_image(connection_.xcb(), XCB_IMAGE_FORMAT_Z_PIXMAP, root, 0, 0, width,
+                                  height, all_planes)
+                        .sequence;
 }
 
 bool X11Image::collect()
@@ -125,7 +126,8 @@ void X11Image::bring_to_eight_bits()
     // In place: a pixel keeps its size.
     const auto convert = format_ == PixelFormat::Xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
     const auto line = static_cast<int>(stride());
-    convert(pixels_, line, pixels_, line, static_cast<int>(size_.width), static_cast<int>(size_.height));
+    convert(pixels_, line, pixels_, line, static_cast<int>(size_.width),
+            static_cast<int>(size_.height));
 }
 
 bool has_known_pixels(const X11Connection& connection)

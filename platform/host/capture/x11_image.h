@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * The pixels of the root window, fetched again and again: into memory shared with the server, or through the
- * connection where the server cannot share. One thread at a time.
+ * The pixels of the root window, fetched again and again: into memory shared with the server, or
+ * through the connection where the server cannot share. One thread at a time.
  */
 class X11Image {
 public:
@@ -25,14 +25,18 @@ public:
 
     /** Asks for the pixels; to be followed by collect(). */
     void request();
-    /** Waits for them. False when the server refuses, as where the window is no longer as large as the image.
+    /**
+     * Waits for them. False when the server refuses, as where the window is no longer as large as
+     * the image.
      */
     bool collect();
 
     PictureSize size() const { return size_; }
     uint32_t stride() const { return size_.width * 4; }
-    /** The pixels of the last fetch, as BgraImage describes them, which may be drawn on; null before the
-     * first. */
+    /**
+     * The pixels of the last fetch, as BgraImage describes them, which may be drawn on; null before
+     * the first.
+     */
     uint8_t* pixels() const { return pixels_; }
 
 private:
@@ -44,11 +48,14 @@ private:
 
     X11Connection& connection_;
     PictureSize size_;
-    PixelFormat format_; // of the server's pixels
+    // of the server's pixels
+    PixelFormat format_;
     unsigned sequence_ = 0;
     uint8_t* pixels_ = nullptr;
-    xcb_shm_seg_t segment_ = 0;             // of the shared kind
-    XcbOwned<xcb_get_image_reply_t> reply_; // of the other kind: holds the pixels
+    // of the shared kind
+    xcb_shm_seg_t segment_ = 0;
+    // of the other kind: holds the pixels
+    XcbOwned<xcb_get_image_reply_t> reply_;
 };
 
 /** Whether the screen's pixels have a format that is known; logged when not. */

@@ -14,7 +14,8 @@ X11Pointer::X11Pointer(X11Connection& connection) : connection_(connection)
     if (connection.has(&xcb_xfixes_id)) {
         // The server serves the extension's requests only to who has asked for its version.
         const auto asked = xcb_xfixes_query_version(xcb, 4, 0);
-        available_ = connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence).reply != nullptr;
+        available_ =
+            connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence).reply != nullptr;
     }
     if (!available_) {
         HOST_LOGW(
@@ -41,7 +42,8 @@ void X11Pointer::request()
         return;
     position_sequence_ = xcb_query_pointer(connection_.xcb(), connection_.screen().root).sequence;
     image_asked_ = image_stale_;
-    image_stale_ = false; // an event that comes from here on is about a change after the image
+    // an event that comes from here on is about a change after the image
+    image_stale_ = false;
     if (image_asked_)
         image_sequence_ = xcb_xfixes_get_cursor_image(connection_.xcb()).sequence;
 }
@@ -53,7 +55,8 @@ void X11Pointer::collect()
     const auto position = connection_.wait<xcb_query_pointer_reply_t>(position_sequence_);
     if (position.reply) {
         const xcb_query_pointer_reply_t& now = *position.reply;
-        const bool moved = (now.same_screen != 0) != on_screen_ || now.root_x != x_ || now.root_y != y_;
+        const bool moved =
+            (now.same_screen != 0) != on_screen_ || now.root_x != x_ || now.root_y != y_;
         on_screen_ = now.same_screen;
         x_ = now.root_x;
         y_ = now.root_y;
@@ -65,7 +68,8 @@ void X11Pointer::collect()
     if (image.reply || image.error)
         take_image(std::move(image.reply));
     else
-        image_stale_ = true; // passed over, or the connection ended
+        // passed over, or the connection ended
+        image_stale_ = true;
 }
 
 void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)
@@ -93,11 +97,11 @@ void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size) const
         return;
     const uint32_t* cursor = xcb_xfixes_get_cursor_image_cursor_image(image_.get());
     const auto* shown = reinterpret_cast<const uint8_t*>(cursor + (top - y) * width + (left - x));
-    uint8_t* under =
-        pixels + size_t{stride} * static_cast<uint32_t>(top) + size_t{4} * static_cast<uint32_t>(left);
+    uint8_t* under = pixels + size_t{stride} * static_cast<uint32_t>(top) +
+                     size_t{4} * static_cast<uint32_t>(left);
     // Both take colours multiplied by their alpha.
-    libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under, static_cast<int>(stride),
-                      right - left, bottom - top);
+    libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under,
+                      static_cast<int>(stride), right - left, bottom - top);
 }
 
 } // namespace zu3host

@@ -17,7 +17,10 @@ public:
     bool available() const { return available_; }
     /** Takes note of an event; false when it does not concern the pointer. */
     bool see(const xcb_generic_event_t& event);
-    /** Asks where the pointer is, and what it looks like if that changed; to be followed by collect(). */
+    /**
+     * Asks where the pointer is, and what it looks like if that changed; to be followed by
+     * collect().
+     */
     void request();
     /** Waits for the answers. */
     void collect();
@@ -37,7 +40,8 @@ private:
     bool image_asked_ = false;
     unsigned position_sequence_ = 0;
     unsigned image_sequence_ = 0;
-    XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image_; // null: nothing to draw
+    // null: nothing to draw
+    XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image_;
     bool on_screen_ = false;
     int32_t x_ = 0;
     int32_t y_ = 0;

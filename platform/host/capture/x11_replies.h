@@ -6,8 +6,8 @@
 
 namespace zu3host {
 
-// xcb's accessors and iterators believe the counts that stand in a reply, whatever its length. These compare
-// them with what came. Header only: the client's look at displays needs them as well.
+// xcb's accessors and iterators believe the counts that stand in a reply, whatever its length.
+// These compare them with what came. Header only: the client's look at displays needs them as well.
 
 /** Whether a reply has `bytes` behind its first 32, which xcb always reads. */
 template <typename Reply> bool holds_behind(const Reply& reply, uint64_t bytes)
@@ -18,7 +18,10 @@ template <typename Reply> bool holds_behind(const Reply& reply, uint64_t bytes)
 /** Walks over memory whose contents say how much follows. */
 class ReplyWalk {
 public:
-    ReplyWalk(const void* begin, uint64_t bytes) : at_(static_cast<const uint8_t*>(begin)), left_(bytes) {}
+    ReplyWalk(const void* begin, uint64_t bytes)
+        : at_(static_cast<const uint8_t*>(begin)), left_(bytes)
+    {
+    }
 
     /** The record that stands here, if it is whole; goes behind it. */
     template <typename Record> const Record* take()
@@ -51,10 +54,14 @@ inline bool skip_depths(ReplyWalk& walk, const xcb_screen_t& screen)
     return true;
 }
 
-/** Screen `number` of a server; null when there is none, or what the server says of itself is cut short. */
+/**
+ * Screen `number` of a server; null when there is none, or what the server says of itself is cut
+ * short.
+ */
 inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
 {
-    constexpr uint64_t head = 8; // what the length does not count
+    // what the length does not count
+    constexpr uint64_t head = 8;
     ReplyWalk walk(&setup, head + uint64_t{setup.length} * 4);
     if (number < 0 || !walk.take<xcb_setup_t>() ||
         !walk.skip((uint64_t{setup.vendor_len} + 3) & ~uint64_t{3}) ||

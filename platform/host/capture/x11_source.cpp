@@ -7,7 +7,10 @@ namespace zu3host {
 
 namespace {
 
-/** X counts pixels of a line in 16 bits with a sign; a whole picture of more than 1 GiB is no screen's. */
+/**
+ * X counts pixels of a line in 16 bits with a sign; a whole picture of more than 1 GiB is no
+ * screen's.
+ */
 bool is_possible(PictureSize size)
 {
     constexpr uint32_t longest = INT16_MAX;
@@ -31,13 +34,15 @@ X11Source::X11Source(std::unique_ptr<X11Connection> connection)
 {
     // The root window is reconfigured when the screen is resized.
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-    xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK, &events);
+    xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK,
+                                 &events);
     connection_->on_event([this](const xcb_generic_event_t& event) { see(event); });
 }
 
 X11Source::~X11Source()
 {
-    image_.reset(); // detaches over the connection
+    // detaches over the connection
+    image_.reset();
 }
 
 void X11Source::see(const xcb_generic_event_t& event)
@@ -50,7 +55,8 @@ void X11Source::see(const xcb_generic_event_t& event)
 
 std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
 {
-    constexpr int attempts = 3; // the screen may be resized between the question for its size and the fetch
+    // the screen may be resized between the question for its size and the fetch
+    constexpr int attempts = 3;
     connection_->take_events();
     pointer_known_ = false;
     if (still_shows(request))
@@ -87,8 +93,7 @@ bool X11Source::make_image()
         return image_ != nullptr;
     if (!told_of_plain_)
         HOST_LOGW(
-            "The X server of DISPLAY=\"%s\" cannot share memory with this program (MIT-SHM 1.2 on the same "
-            "machine): pictures come through the connection, which is slower.",
+            "The X server of DISPLAY=\"%s\" cannot share memory with this program (MIT-SHM 1.2 on the same machine): pictures come through the connection, which is slower.",
             connection_->display().c_str());
     told_of_plain_ = true;
     image_ = X11Image::plain(*connection_, size);
@@ -99,7 +104,9 @@ bool X11Source::still_shows(const GrabRequest& request)
 {
     // Should a driver draw without telling, it is seen a second later.
     constexpr auto longest = std::chrono::seconds(1);
-    const auto unchanged = [this] { return !damage_.any() && !size_stale_ && !connection_->lost(); };
+    const auto unchanged = [this] {
+        return !damage_.any() && !size_stale_ && !connection_->lost();
+    };
     if (!damage_.available() || !pointer_.available() || !request.pointer || !pointer_drawn_ ||
         !unchanged() || std::chrono::steady_clock::now() - fetched_ > longest)
         return false;
@@ -147,8 +154,7 @@ void X11Source::note_loss()
         return;
     told_of_loss_ = true;
     HOST_LOGE(
-        "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the "
-        "recording again when the display is back.",
+        "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the recording again when the display is back.",
         connection_->display().c_str());
     counters().display_lost.store(1, std::memory_order_relaxed);
 }

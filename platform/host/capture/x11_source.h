@@ -12,8 +12,9 @@
 namespace zu3host {
 
 /**
- * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that changes. When
- * the server goes away it says so once in the log and in the statistics, and has no pictures from then on.
+ * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that
+ * changes. When the server goes away it says so once in the log and in the statistics, and has no
+ * pictures from then on.
  */
 class X11Source : public WaitingSource {
 public:
@@ -31,7 +32,10 @@ private:
     bool make_image();
     bool still_shows(const GrabRequest& request);
     bool fetch(const GrabRequest& request);
-    BgraImage image() const { return {image_->pixels(), image_->stride(), image_->size(), serial_}; }
+    BgraImage image() const
+    {
+        return {image_->pixels(), image_->stride(), image_->size(), serial_};
+    }
     void note_loss();
     void note_refusal();
 
@@ -44,9 +48,12 @@ private:
     bool told_of_refusal_ = false;
     bool told_of_loss_ = false;
     uint64_t serial_ = 0;
-    bool pointer_known_ = false; // asked for within this grab
-    bool pointer_drawn_ = false; // into the image
-    uint64_t pointer_at_ = 0;    // its changes() then
+    // asked for within this grab
+    bool pointer_known_ = false;
+    // into the image
+    bool pointer_drawn_ = false;
+    // its changes() then
+    uint64_t pointer_at_ = 0;
     std::chrono::steady_clock::time_point fetched_{};
 };
 

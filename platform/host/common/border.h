@@ -10,23 +10,26 @@
 #include <utility>
 
 /**
- * Marks what a library of the host layer exports; all else stays inside. On a declaration of a class ahead of
- * its header it exports the table of its virtual functions and its type as well.
+ * Marks what a library of the host layer exports; all else stays inside. On a declaration of a
+ * class ahead of its header it exports the table of its virtual functions and its type as well.
  */
 #define HOST_EXPORT __attribute__((visibility("default")))
 
 namespace zu3host {
 
 /**
- * Writes an output argument in one piece: a caller may lend a field that its callbacks look at meanwhile, on
- * other threads and before the call returns.
+ * Writes an output argument in one piece: a caller may lend a field that its callbacks look at
+ * meanwhile, on other threads and before the call returns.
  */
 template <typename T> void store_output(T* output, T value)
 {
     std::atomic_ref(*output).store(value);
 }
 
-/** What `call` answers, or `failure` when it throws; `report` is told why. The one place that catches. */
+/**
+ * What `call` answers, or `failure` when it throws; `report` is told why. The one place that
+ * catches.
+ */
 template <typename Result, typename Call, typename Report>
 Result answer_or(Result failure, Call&& call, Report&& report) noexcept
 {
@@ -41,14 +44,16 @@ Result answer_or(Result failure, Call&& call, Report&& report) noexcept
 }
 
 /**
- * The border to foreign code. Each exported function that does more than look at its arguments, a clock or an
- * atomic works in here, and so does each thread and each callback that a C library calls: nothing is thrown
- * into code that may be built without exceptions and could not clean up. `what` names the work in the log.
+ * The border to foreign code. Each exported function that does more than look at its arguments, a
+ * clock or an atomic works in here, and so does each thread and each callback that a C library
+ * calls: nothing is thrown into code that may be built without exceptions and could not clean up.
+ * `what` names the work in the log.
  */
 template <typename Result, typename Call>
 Result at_border(const char* what, Result failure, Call&& call) noexcept
 {
-    return answer_or(std::move(failure), call, [&](const char* why) { HOST_LOGE("%s failed: %s.", what, why); });
+    return answer_or(std::move(failure), call,
+                     [&](const char* why) { HOST_LOGE("%s failed: %s.", what, why); });
 }
 
 /** For functions that answer with a result code. */
@@ -57,8 +62,10 @@ template <typename Call> u32 at_border(const char* function, Call&& call) noexce
     return at_border(function, u32{ZU_FAILURE}, [&] { return u32{call()}; });
 }
 
-/** At the border: what `call` answers for the object of an open handle, ZU_INVALID_ARGUMENT for any other
- * handle. */
+/**
+ * At the border: what `call` answers for the object of an open handle, ZU_INVALID_ARGUMENT for any
+ * other handle.
+ */
 template <typename T, typename Call>
 u32 with_object(const char* function, HandleTable<T>& (*table)(), u32 handle, Call&& call) noexcept
 {

@@ -8,12 +8,14 @@
 namespace zu3host {
 
 /**
- * The objects of one module by their u32 handle. A call that found its object keeps it alive, so that a close on
- * another thread cannot pull it away. Thread-safe.
+ * The objects of one module by their u32 handle. A call that found its object keeps it alive, so
+ * that a close on another thread cannot pull it away. Thread-safe.
  */
 template <typename T> class HandleTable {
 public:
-    /** Handles count up from `first`, so that those of different modules are told apart in a log. */
+    /**
+     * Handles count up from `first`, so that those of different modules are told apart in a log.
+     */
     explicit HandleTable(uint32_t first) : next_(first) {}
 
     uint32_t add(std::shared_ptr<T> object)

@@ -63,7 +63,8 @@ bool LineWriter::flush(Time limit)
     return written_.wait_until(lock, limit, [this] { return done_ == taken_over_; });
 }
 
-// A child of fork() has the object without its thread, and perhaps with a lock that is held for ever.
+// A child of fork() has the object without its thread, and perhaps with a lock that is held for
+// ever.
 bool LineWriter::is_copy() const
 {
     return process_ != 0 && process_ != getpid();

@@ -12,9 +12,10 @@
 namespace zu3host {
 
 /**
- * Writes lines to a descriptor from a thread of its own, so that one who has stopped reading, or a disk that stands
- * still, holds up that thread alone. What has been handed over waits in a buffer of fixed size; a line that does not
- * fit there is refused whole. From any thread. Never destroyed, since its thread may be held for ever.
+ * Writes lines to a descriptor from a thread of its own, so that one who has stopped reading, or a
+ * disk that stands still, holds up that thread alone. What has been handed over waits in a buffer
+ * of fixed size; a line that does not fit there is refused whole. From any thread. Never destroyed,
+ * since its thread may be held for ever.
  */
 class LineWriter {
 public:
@@ -25,13 +26,18 @@ public:
     LineWriter& operator=(const LineWriter&) = delete;
 
     /**
-     * Hands over text that ends with a line, and gives it a moment to be written: as long as everything moves, a
-     * crash loses nothing and what other threads write elsewhere comes in order. While nothing does, there is no
-     * wait. Up to 4096 bytes are one write(2), which a pipe keeps together.
-     * @return the size of the text, or -EAGAIN without room for it, or the negative errno of its write
+     * Hands over text that ends with a line, and gives it a moment to be written: as long as
+     * everything moves, a crash loses nothing and what other threads write elsewhere comes in
+     * order. While nothing does, there is no wait. Up to 4096 bytes are one write(2), which a pipe
+     * keeps together.
+     * @return the size of the text, or -EAGAIN without room for it, or the negative errno of its
+     *     write
      */
     int put(std::string_view text);
-    /** The same without giving it a moment, unless something still waits to be written: then nothing. */
+    /**
+     * The same without giving it a moment, unless something still waits to be written: then
+     * nothing.
+     */
     void put_if_idle(std::string_view text);
     /** Waits until all is written, at most until `limit`; whether it is. */
     bool flush(Time limit);
@@ -50,17 +56,21 @@ private:
     void copy_out(void* data, size_t size);
 
     const int fd_;
-    std::mutex mutex_; // guards what follows
+    // guards what follows
+    std::mutex mutex_;
     std::condition_variable filled_;
     std::condition_variable written_;
-    std::array<char, capacity> bytes_; // of each write its size, then its text; a ring
+    // of each write its size, then its text; a ring
+    std::array<char, capacity> bytes_;
     size_t begin_ = 0;
     size_t used_ = 0;
-    uint64_t taken_over_ = 0; // writes
+    // writes
+    uint64_t taken_over_ = 0;
     uint64_t done_ = 0;
     int last_error_ = 0;
     bool stuck_ = false;
-    std::atomic<pid_t> process_{0}; // that the thread runs in, 0 = none does
+    // that the thread runs in, 0 = none does
+    std::atomic<pid_t> process_{0};
 };
 
 } // namespace zu3host

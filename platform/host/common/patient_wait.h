@@ -7,10 +7,10 @@
 namespace zu3host {
 
 /**
- * Waits on a std::condition_variable until `condition` holds, at most for `limit` of the time that this
- * process runs. Returns whether it holds. A limit by the clock would pass while the process is stopped or not
- * scheduled, and the thread that was to make it hold could do nothing meanwhile: here that counts as one
- * slice.
+ * Waits on a std::condition_variable until `condition` holds, at most for `limit` of the time that
+ * this process runs. Returns whether it holds. A limit by the clock would pass while the process is
+ * stopped or not scheduled, and the thread that was to make it hold could do nothing meanwhile:
+ * here that counts as one slice.
  */
 template <typename Variable, typename Duration, typename Condition>
 bool wait_patiently(Variable& changed, std::unique_lock<std::mutex>& lock, Duration limit,

@@ -6,13 +6,15 @@
 namespace zu3host {
 
 /**
- * Where the planes of an NV12 picture lie on this platform: lines of the width rounded up to 16, the height
- * rounded up to 32 luma lines, the CbCr plane straight behind them. Capture writes it, the encoder reads it, and a
- * raw source file is a row of such pictures.
+ * Where the planes of an NV12 picture lie on this platform: lines of the width rounded up to 16,
+ * the height rounded up to 32 luma lines, the CbCr plane straight behind them. Capture writes it,
+ * the encoder reads it, and a raw source file is a row of such pictures.
  */
 struct PictureLayout {
-    uint32_t stride; /**< bytes per line of both planes */
-    uint32_t lines;  /**< luma lines; the chroma plane has half as many */
+    /** bytes per line of both planes */
+    uint32_t stride;
+    /** luma lines; the chroma plane has half as many */
+    uint32_t lines;
     bool operator==(const PictureLayout&) const = default;
 
     static constexpr PictureLayout of(uint32_t width, uint32_t height)

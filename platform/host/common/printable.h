@@ -6,15 +6,20 @@
 
 namespace zu3host {
 
-/** Characters that a terminal obeys instead of showing them, or that change the order of those around. */
+/**
+ * Characters that a terminal obeys instead of showing them, or that change the order of those
+ * around.
+ */
 constexpr bool is_control_character(char32_t c)
 {
     return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x061C || c == 0x200E || c == 0x200F ||
            (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069) || c == 0xFEFF;
 }
 
-/** Bytes of the UTF-8 character that `text`, which is not empty, begins with; 0 where it begins with none, or
- * with a control character. */
+/**
+ * Bytes of the UTF-8 character that `text`, which is not empty, begins with; 0 where it begins with
+ * none, or with a control character.
+ */
 constexpr size_t printable_length(std::string_view text)
 {
     const auto byte = [text](size_t at) { return static_cast<uint8_t>(text[at]); };
@@ -39,11 +44,12 @@ constexpr size_t printable_length(std::string_view text)
 }
 
 /**
- * Hands `text` to `put`, piece by piece, without what drives a terminal: each byte of a control character,
- * and each that is not UTF-8, becomes an escape such as "\x1b". Does not allocate.
+ * Hands `text` to `put`, piece by piece, without what drives a terminal: each byte of a control
+ * character, and each that is not UTF-8, becomes an escape such as "\x1b". Does not allocate.
  * @param own control characters in here pass
  */
-template <typename Put> void put_printable(std::string_view text, Put put, std::string_view own = {})
+template <typename Put>
+void put_printable(std::string_view text, Put put, std::string_view own = {})
 {
     while (!text.empty()) {
         size_t length = printable_length(text);
@@ -53,7 +59,8 @@ template <typename Put> void put_printable(std::string_view text, Put put, std::
             put(text.substr(0, length));
         } else {
             char escaped[8];
-            const int size = std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<uint8_t>(text[0]));
+            const int size =
+                std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<uint8_t>(text[0]));
             put(std::string_view(escaped, static_cast<size_t>(size)));
             length = 1;
         }

@@ -12,7 +12,8 @@ HOST_EXPORT u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* pstParams, u3
     if (!pstParams || !pstParams->pu8Name || !pu32Handle)
         return ZU_INVALID_ARGUMENT;
     if (std::strncmp(pstParams->pu8Name, main_name, name_buffer_bytes) != 0) {
-        HOST_LOGE("There is no display \"%.63s\"; the only one is \"%s\".", pstParams->pu8Name, main_name);
+        HOST_LOGE("There is no display \"%.63s\"; the only one is \"%s\".", pstParams->pu8Name,
+                  main_name);
         return ZU_INVALID_ARGUMENT;
     }
     *pu32Handle = zu3host::main_display;

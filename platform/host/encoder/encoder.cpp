@@ -19,8 +19,8 @@ namespace {
 // A stop must not wait for a callback that is blocked until the stop has returned.
 constexpr std::chrono::milliseconds time_to_drain{150};
 
-// A refusal makes a capture pause for 200 ms; waiting costs it the one or two pictures that get late
-// meanwhile.
+// A refusal makes a capture pause for 200 ms; waiting costs it the one or two pictures that get
+// late meanwhile.
 constexpr std::chrono::milliseconds time_to_make_room{80};
 
 // Two or three times what the first picture takes on a slow machine; then it is as if it were warm.
@@ -128,10 +128,12 @@ void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
         });
 }
 
-template <typename HasRoom> void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)
+template <typename HasRoom>
+void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)
 {
     if (std::this_thread::get_id() != thread_id_)
-        wait_patiently(changed_, lock, time_to_make_room, [&] { return !accepting() || has_room(); });
+        wait_patiently(changed_, lock, time_to_make_room,
+                       [&] { return !accepting() || has_room(); });
 }
 
 uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
@@ -159,7 +161,8 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
         .injected = buffer.bEntireInject != 0,
         .serial = 0,
     };
-    // From here on it is the encoder's: nobody else may write into it, not even while there is no room.
+    // From here on it is the encoder's: nobody else may write into it, not even while there is no
+    // room.
     if (picture.injected)
         lease_picture(picture.data);
     else
@@ -176,15 +179,15 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
 bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
 {
     const size_t bytes = settings_.layout.picture_bytes();
-    const bool known =
-        buffer.bEntireInject ? region_.contains(buffer.pu8Data, bytes) : lent_.is_lent(buffer.pu8Data);
+    const bool known = buffer.bEntireInject ? region_.contains(buffer.pu8Data, bytes)
+                                            : lent_.is_lent(buffer.pu8Data);
     if (known && buffer.u32DataSize >= bytes)
         return true;
     // What follows a failed query carries no picture, which is no mistake of the caller's.
     const bool nothing = !buffer.pu8Data && buffer.u32DataSize == 0;
     if (!nothing && !std::exchange(warned_of_address_, true))
-        HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s", buffer.u32DataSize,
-                  static_cast<const void*>(buffer.pu8Data), bytes,
+        HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s",
+                  buffer.u32DataSize, static_cast<const void*>(buffer.pu8Data), bytes,
                   buffer.bEntireInject ? "its inject buffer" : "the buffer that it lent");
     return false;
 }

@@ -17,10 +17,11 @@
 namespace zu3host {
 
 /**
- * An open encoder: takes pictures on any thread, encodes them on a thread of its own and hands the frames to
- * the callback there. It never waits for whoever delivers pictures. Who delivers waits a while where it has
- * no room, since to be refused costs a capture several pictures; then it refuses. Every call may come from
- * any thread, also out of the callback, except close(). Results are ZU_* codes.
+ * An open encoder: takes pictures on any thread, encodes them on a thread of its own and hands the
+ * frames to the callback there. It never waits for whoever delivers pictures. Who delivers waits a
+ * while where it has no room, since to be refused costs a capture several pictures; then it
+ * refuses. Every call may come from any thread, also out of the callback, except close(). Results
+ * are ZU_* codes.
  */
 class Encoder {
 public:
@@ -30,30 +31,35 @@ public:
     ~Encoder();
 
     /**
-     * Encodes from now on, what was taken before the first start included; begins with a key frame. `handle`
-     * is what the callback is told.
+     * Encodes from now on, what was taken before the first start included; begins with a key frame.
+     * `handle` is what the callback is told.
      */
     uint32_t start(uint32_t handle);
     /**
-     * Takes no more pictures, lets those in the queue be encoded if that is soon done, and drops the rest. No
-     * callback begins after it returned; one may still be running.
+     * Takes no more pictures, lets those in the queue be encoded if that is soon done, and drops
+     * the rest. No callback begins after it returned; one may still be running.
      */
     void stop();
-    /** Stops and joins the thread, so waits for a callback that is running; ZU_FAILURE out of the callback
-     * itself. */
+    /**
+     * Stops and joins the thread, so waits for a callback that is running; ZU_FAILURE out of the
+     * callback itself.
+     */
     uint32_t close();
 
     /** Lends an input buffer; waits for one, and ZU_BUSY when none has become free. */
     uint32_t lend(ZU_VENC_InputBuffer_t& buffer);
     /**
-     * Takes a filled picture: the lent buffer, or one in the inject region, which is leased until it is
-     * encoded. Waits for a place in the queue. Called within a capture's callback, the picture's time is when
-     * that picture was due, else the buffer's own.
-     * @return ZU_INVALID_ARGUMENT for any other address or too few bytes, ZU_FAILURE when stopped, ZU_BUSY
-     * when the queue stays full; in every case the picture is not encoded and counted as refused
+     * Takes a filled picture: the lent buffer, or one in the inject region, which is leased until
+     * it is encoded. Waits for a place in the queue. Called within a capture's callback, the
+     * picture's time is when that picture was due, else the buffer's own.
+     * @return ZU_INVALID_ARGUMENT for any other address or too few bytes, ZU_FAILURE when stopped,
+     * ZU_BUSY when the queue stays full; in every case the picture is not encoded and counted as
+     * refused
      */
     uint32_t take(const ZU_VENC_InputBuffer_t& buffer);
-    /** Describes the inject region, allocated at the first call; address 0 where none is offered. */
+    /**
+     * Describes the inject region, allocated at the first call; address 0 where none is offered.
+     */
     uint32_t offer_inject_region(ZU_VENC_EntireInjectBuf_t& region);
     /** From the next picture on; `bitrate` in units of 1024 bit/s, not 0. */
     uint32_t set_bitrate(uint32_t bitrate);
@@ -61,12 +67,15 @@ public:
 private:
     struct Picture {
         uint8_t* data;
-        uint64_t pts;  // of the frame's record
-        uint64_t time; // what time_of_frame_in_callback() gives
+        // of the frame's record
+        uint64_t pts;
+        // what time_of_frame_in_callback() gives
+        uint64_t time;
         uint32_t index;
         bool as_key;
         bool injected;
-        uint64_t serial; // pictures with the same one look the same; 0 = not known
+        // pictures with the same one look the same; 0 = not known
+        uint64_t serial;
     };
     /** A first-in first-out row of pictures in place. */
     class Queue {
@@ -97,13 +106,17 @@ private:
 
     uint32_t admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer);
     /**
-     * x264's first pictures take several times as long as later ones, since it touches its memory for the
-     * first time: until then pictures are taken one by one, so that none of them waits in memory that later
-     * is not needed. Waits, bounded.
+     * x264's first pictures take several times as long as later ones, since it touches its memory
+     * for the first time: until then pictures are taken one by one, so that none of them waits in
+     * memory that later is not needed. Waits, bounded.
      */
     void wait_until_warm(std::unique_lock<std::mutex>& lock);
-    /** Waits, bounded, for room; no longer than pictures are taken, and not on the thread that makes room. */
-    template <typename HasRoom> void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
+    /**
+     * Waits, bounded, for room; no longer than pictures are taken, and not on the thread that makes
+     * room.
+     */
+    template <typename HasRoom>
+    void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
     bool accepting() const { return state_ == State::Opened || state_ == State::Running; }
     bool address_is_known(const ZU_VENC_InputBuffer_t& buffer);
     void give_back(const Picture& picture);
@@ -118,16 +131,22 @@ private:
     const ZU_VENC_Callback callback_;
     void* const user_data_;
     const EncoderSettings settings_;
-    const std::unique_ptr<X264Encoder> x264_; // used on the thread only
-    uint64_t encoded_serial_ = 0;             // of the picture that x264 has encoded last; on the thread only
+    // used on the thread only
+    const std::unique_ptr<X264Encoder> x264_;
+    // of the picture that x264 has encoded last; on the thread only
+    uint64_t encoded_serial_ = 0;
 
-    std::mutex mutex_; // guards all below; a leaf but for the picture leases and the block table
+    // guards all below; a leaf but for the picture leases and the block table
+    std::mutex mutex_;
     std::condition_variable changed_;
     State state_ = State::Opened;
     uint32_t handle_ = 0;
-    uint32_t session_ = 0;       // counts starts: a frame of an earlier one is not handed out in a later one
-    bool busy_ = false;          // the thread is between a picture and the end of its callback
-    uint32_t cold_pictures_ = 4; // still to be encoded until it is warm
+    // counts starts: a frame of an earlier one is not handed out in a later one
+    uint32_t session_ = 0;
+    // the thread is between a picture and the end of its callback
+    bool busy_ = false;
+    // still to be encoded until it is warm
+    uint32_t cold_pictures_ = 4;
     bool key_due_ = true;
     bool warned_of_address_ = false;
     bool warned_of_x264_ = false;
@@ -137,8 +156,10 @@ private:
     Queue queue_;
 
     std::optional<OpenSize> size_while_open_;
-    std::thread::id thread_id_; // set before any other thread knows the encoder
-    std::mutex close_mutex_;    // held by the one who joins
+    // set before any other thread knows the encoder
+    std::thread::id thread_id_;
+    // held by the one who joins
+    std::mutex close_mutex_;
     std::thread thread_;
 };
 

@@ -8,7 +8,8 @@
 namespace zu3host {
 namespace {
 
-constexpr uint64_t most_bits_of_any_level = 240'000'000; // MaxBR of levels 5.1 and 5.2
+// MaxBR of levels 5.1 and 5.2
+constexpr uint64_t most_bits_of_any_level = 240'000'000;
 // What the writer of a recording can move with its tables, headers and sound.
 constexpr int recording_ceiling_kilobits = 4500;
 constexpr uint32_t default_frame_rate = 30;
@@ -39,7 +40,8 @@ bool format_is_possible(const ZU_VENC_OpenParams_t& params)
         HOST_LOGE("The encoder knows no codec %u: only 1 (H.264) is there", params.eCodecType);
         return false;
     }
-    if (params.eColorFormat != E_ZU_VENC_COLOR_COPY && params.eColorFormat != E_ZU_VENC_COLOR_INJECT) {
+    if (params.eColorFormat != E_ZU_VENC_COLOR_COPY &&
+        params.eColorFormat != E_ZU_VENC_COLOR_INJECT) {
         HOST_LOGE("The encoder knows no colour format %u: only 0 and 6 (both NV12) are there",
                   params.eColorFormat);
         return false;
@@ -50,8 +52,8 @@ bool format_is_possible(const ZU_VENC_OpenParams_t& params)
 bool stream_is_possible(const ZU_VENC_OpenParams_t& params)
 {
     if (params.u32FrameRate > max_encoder_frame_rate) {
-        HOST_LOGE("The encoder cannot encode %u pictures per second: at most %u", params.u32FrameRate,
-                  max_encoder_frame_rate);
+        HOST_LOGE("The encoder cannot encode %u pictures per second: at most %u",
+                  params.u32FrameRate, max_encoder_frame_rate);
         return false;
     }
     if (params.u32Profile != 0 && std::ranges::count(known_profiles, params.u32Profile) == 0) {

@@ -17,26 +17,34 @@ inline constexpr uint32_t max_encoder_frame_rate = 120;
 
 /** How many bits the stream may have. */
 struct EncoderRate {
-    bool as_needed; /**< constant quality under a ceiling instead of a rate */
-    int kilobits;   /**< the rate or the ceiling, 1000 bit/s, at least 1 */
+    /** constant quality under a ceiling instead of a rate */
+    bool as_needed;
+    /** the rate or the ceiling, 1000 bit/s, at least 1 */
+    int kilobits;
     bool operator==(const EncoderRate&) const = default;
 
     /**
-     * `bitrate` is in units of 1024 bit/s. 0, and more than 240 Mbit/s, which no level up to 5.2 allows
-     * (ISO/IEC 14496-10 table A-1), leave the choice to the encoder.
+     * `bitrate` is in units of 1024 bit/s. 0, and more than 240 Mbit/s, which no level up to 5.2
+     * allows (ISO/IEC 14496-10 table A-1), leave the choice to the encoder.
      */
     static EncoderRate of(uint32_t bitrate);
 };
 
-/** What an encoder was opened with, checked: every value lies in the range that the encoder handles. */
+/**
+ * What an encoder was opened with, checked: every value lies in the range that the encoder handles.
+ */
 struct EncoderSettings {
     PictureSize size;
     PictureLayout layout;
-    uint32_t frame_rate; /**< 1 to max_encoder_frame_rate */
+    /** 1 to max_encoder_frame_rate */
+    uint32_t frame_rate;
     EncoderRate rate;
-    uint32_t profile; /**< profile_idc 66, 77 or 100; 0 = the encoder's choice */
-    uint32_t level;   /**< ten times level_idc, 101 = level 1b; 0 = the encoder's choice */
-    bool inject;      /**< pictures may come in the entire inject buffer */
+    /** profile_idc 66, 77 or 100; 0 = the encoder's choice */
+    uint32_t profile;
+    /** ten times level_idc, 101 = level 1b; 0 = the encoder's choice */
+    uint32_t level;
+    /** pictures may come in the entire inject buffer */
+    bool inject;
 };
 
 /** Checks the record; what cannot be done is logged as a sentence, and nothing is returned. */

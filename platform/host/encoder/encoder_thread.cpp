@@ -1,5 +1,5 @@
-// The encoder's own thread: what runs between a picture that was taken and the end of the callback with its
-// frame.
+// The encoder's own thread: what runs between a picture that was taken and the end of the callback
+// with its frame.
 #include "common/border.h"
 #include "encoder/encoder.h"
 #include "encoder/exact_size.h"

@@ -12,7 +12,8 @@ namespace zu3host {
 namespace {
 
 std::mutex mutex;
-PictureSize asked_for{0, 0}; // under the mutex; 0x0 = nothing is asked for
+// under the mutex; 0x0 = nothing is asked for
+PictureSize asked_for{0, 0};
 
 } // namespace
 

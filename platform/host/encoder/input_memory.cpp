@@ -51,7 +51,8 @@ uint8_t* LentBuffers::lend(const CapturedPicture* captured)
         const auto found = std::ranges::find(buffers_, nullptr, &Buffer::data);
         lent_ = found == buffers_.end() ? nullptr : &*found;
     } else if (lent_->borrowed || usable) {
-        empty(*lent_); // the picture of an earlier callback is nobody's to write into
+        // the picture of an earlier callback is nobody's to write into
+        empty(*lent_);
     }
     if (!lent_)
         return nullptr;
@@ -78,7 +79,8 @@ uint8_t* LentBuffers::own_memory(Buffer& buffer)
         return buffer.own.get();
     const size_t bytes = rounded_up(layout_.picture_bytes());
     buffer.own = allocate_registered(bytes);
-    // A file may end within a picture. What was in this memory before is not to be seen behind its end.
+    // A file may end within a picture. What was in this memory before is not to be seen behind its
+    // end.
     if (buffer.own)
         std::memset(buffer.own.get(), 0, bytes);
     return buffer.own.get();
@@ -109,7 +111,8 @@ InjectRegion::~InjectRegion()
 bool InjectRegion::allocate(size_t picture_bytes)
 {
     if (!block_)
-        block_ = allocate_block("venc_inject", static_cast<uint32_t>(rounded_up(picture_bytes) * pictures));
+        block_ = allocate_block("venc_inject",
+                                static_cast<uint32_t>(rounded_up(picture_bytes) * pictures));
     if (!block_)
         HOST_LOGE("No memory for the encoder's inject buffer of %u pictures of %zu bytes", pictures,
                   picture_bytes);

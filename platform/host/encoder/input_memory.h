@@ -13,15 +13,16 @@
 namespace zu3host {
 
 /**
- * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a time. Within
- * a capture's callback that is the captured picture itself, so that nothing is copied and the picture needs
- * no second place; otherwise memory of the encoder's own, made when it is first needed. Not thread-safe.
+ * The buffers that an encoder lends out for pictures to be copied into. At most one is lent at a
+ * time. Within a capture's callback that is the captured picture itself, so that nothing is copied
+ * and the picture needs no second place; otherwise memory of the encoder's own, made when it is
+ * first needed. Not thread-safe.
  */
 class LentBuffers {
 public:
     /**
-     * A busy machine may leave an encoder without a core for a quarter of a second, eight pictures at 30 per
-     * second. Only buffers that are needed take memory.
+     * A busy machine may leave an encoder without a core for a quarter of a second, eight pictures
+     * at 30 per second. Only buffers that are needed take memory.
      */
     static constexpr size_t count = 8;
 
@@ -33,21 +34,28 @@ public:
     /** Whether one is lent already or free. */
     bool any_to_lend() const;
     /**
-     * The buffer that is lent already, else a free one; null when none is free or memory is short. Of a
-     * captured picture, which may be null, the memory is leased and held until release().
+     * The buffer that is lent already, else a free one; null when none is free or memory is short.
+     * Of a captured picture, which may be null, the memory is leased and held until release().
      */
     uint8_t* lend(const CapturedPicture* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
-    /** The lent buffer is filled: it is in use until release(). The captured picture's serial, else 0. */
+    /**
+     * The lent buffer is filled: it is in use until release(). The captured picture's serial, else
+     * 0.
+     */
     uint64_t complete();
     void release(const uint8_t* data);
 
 private:
     struct Buffer {
-        uint8_t* data = nullptr;              // null = free
-        std::shared_ptr<const void> borrowed; // the memory of a captured picture
-        uint64_t serial = 0;                  // of the captured picture
-        std::shared_ptr<uint8_t> own;         // may outlive the encoder where it is being filled
+        // null = free
+        uint8_t* data = nullptr;
+        // the memory of a captured picture
+        std::shared_ptr<const void> borrowed;
+        // of the captured picture
+        uint64_t serial = 0;
+        // may outlive the encoder where it is being filled
+        std::shared_ptr<uint8_t> own;
     };
     uint8_t* own_memory(Buffer& buffer);
     void empty(Buffer& buffer);
@@ -61,8 +69,8 @@ private:
 class InjectRegion {
 public:
     /**
-     * Fewer than the encoder's queue has places, since the block is allocated whole. While all are leased a
-     * capture drops its pictures.
+     * Fewer than the encoder's queue has places, since the block is allocated whole. While all are
+     * leased a capture drops its pictures.
      */
     static constexpr uint32_t pictures = 5;
 
@@ -71,7 +79,9 @@ public:
     InjectRegion(const InjectRegion&) = delete;
     InjectRegion& operator=(const InjectRegion&) = delete;
 
-    /** Allocates the block for pictures of this size, once; false when there is no memory, which is logged.
+    /**
+     * Allocates the block for pictures of this size, once; false when there is no memory, which is
+     * logged.
      */
     bool allocate(size_t picture_bytes);
     /** Whether `bytes` from `data` on lie inside. */

@@ -13,7 +13,8 @@ namespace {
 // Never destroyed: an encoder may still be open when the process ends.
 struct Sizes {
     std::mutex mutex;
-    std::vector<const PictureSize*> open; // oldest first
+    // oldest first
+    std::vector<const PictureSize*> open;
 };
 
 Sizes& sizes()

@@ -35,8 +35,8 @@ bool X264Encoder::reopen(EncoderRate rate)
     const ThreadInheritance for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
-        HOST_LOGE("x264 refused to open an encoder of %ux%u at %u pictures per second", settings_.size.width,
-                  settings_.size.height, settings_.frame_rate);
+        HOST_LOGE("x264 refused to open an encoder of %ux%u at %u pictures per second",
+                  settings_.size.width, settings_.size.height, settings_.frame_rate);
         return false;
     }
     encoder_ = std::move(encoder);
@@ -77,7 +77,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key, boo
     in.img.plane[0] = picture;
     in.img.plane[1] = picture + settings_.layout.luma_bytes();
     in.img.i_stride[0] = in.img.i_stride[1] = stride;
-    // An IDR picture, as groups are closed; asked for one by name, x264 warns where one is due anyway.
+    // An IDR picture, as groups are closed; asked for one by name, x264 warns where one is due
+    // anyway.
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = unchanged ? constant_.data() : nullptr;

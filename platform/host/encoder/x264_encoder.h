@@ -9,28 +9,35 @@
 
 namespace zu3host {
 
-/** One encoded access unit, ISO/IEC 14496-10 Annex B; the bytes are x264's and live until its next call. */
+/**
+ * One encoded access unit, ISO/IEC 14496-10 Annex B; the bytes are x264's and live until its next
+ * call.
+ */
 struct AccessUnit {
     uint8_t* data;
     uint32_t size;
-    bool key; /**< an IDR picture */
+    /** an IDR picture */
+    bool key;
 };
 
-/** An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a time. */
+/**
+ * An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a
+ * time.
+ */
 class X264Encoder {
 public:
     /** Opens one; null when x264 refuses, which is then logged. */
     static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
 
     /**
-     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. Of one that is
-     * `unchanged` from the last, x264 does not look for what changed.
+     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. Of one
+     * that is `unchanged` from the last, x264 does not look for what changed.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, bool unchanged);
     /**
-     * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate and "as
-     * needed" x264 cannot change its control, so a new encoder takes over, which begins with an IDR picture.
-     * Where x264 refuses, which is logged, the old rate stays.
+     * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate
+     * and "as needed" x264 cannot change its control, so a new encoder takes over, which begins
+     * with an IDR picture. Where x264 refuses, which is logged, the old rate stays.
      */
     void set_rate(EncoderRate rate) { settings_.rate = rate; }
 
@@ -45,12 +52,16 @@ private:
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
 
-    EncoderSettings settings_; // with the rate that is wanted
-    EncoderRate applied_{};    // the rate that encoder_ has, which the process's ceiling may lower
-    X264Log log_;              // before encoder_: x264 may still log while it is closed
+    // with the rate that is wanted
+    EncoderSettings settings_;
+    // the rate that encoder_ has, which the process's ceiling may lower
+    EncoderRate applied_{};
+    // before encoder_: x264 may still log while it is closed
+    X264Log log_;
     Handle encoder_;
     int64_t next_pts_ = 0;
-    std::vector<uint8_t> constant_; // a flag per macroblock, all of them set
+    // a flag per macroblock, all of them set
+    std::vector<uint8_t> constant_;
 };
 
 } // namespace zu3host

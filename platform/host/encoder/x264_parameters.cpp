@@ -13,27 +13,30 @@
 namespace zu3host {
 namespace {
 
-constexpr unsigned most_messages = 8; // some of x264's warnings come with every picture
+// some of x264's warnings come with every picture
+constexpr unsigned most_messages = 8;
 
-// Constant quality at which text on a screen stays sharp: x264's own default where it has a preset's
-// settings, and what takes about as many bits with the settings for screens.
+// Constant quality at which text on a screen stays sharp: x264's own default where it has a
+// preset's settings, and what takes about as many bits with the settings for screens.
 constexpr float quality_of_presets = 23.0f;
 constexpr float quality_of_screens = 22.0f;
 
-// How much may be spent ahead of the rate. With a rate that was asked for little, since that is also how fast
-// x264 follows a new one; but enough for a few pictures.
+// How much may be spent ahead of the rate. With a rate that was asked for little, since that is
+// also how fast x264 follows a new one; but enough for a few pictures.
 constexpr double seconds_ahead_of_rate = 0.25;
 constexpr double seconds_ahead_of_ceiling = 0.5;
 constexpr double least_pictures_ahead = 4;
 
-// Slices cost bits and computing time, so there are only as many threads as the pictures need: a core of 2015
-// encodes more than twice this many pixels in a second with the default preset.
+// Slices cost bits and computing time, so there are only as many threads as the pictures need: a
+// core of 2015 encodes more than twice this many pixels in a second with the default preset.
 constexpr uint64_t pixels_per_thread_and_second = 30'000'000;
 constexpr uint64_t most_threads = 4;
 
-constexpr uint32_t seconds_between_key_frames = 2; // what a player has to decode after a seek
+// what a player has to decode after a seek
+constexpr uint32_t seconds_between_key_frames = 2;
 
-constexpr int smpte_170m = 6; // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
+// ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
+constexpr int smpte_170m = 6;
 
 /** The preset that the environment asks for; null where it leaves the choice to us. */
 const char* preset_from_environment()
@@ -50,12 +53,13 @@ const char* preset_from_environment()
 
 /**
  * What differs from preset veryfast for what screens show. Measured with bench_settings, see
- * docs/performance.md: no worse pictures at the same number of bits for two thirds of the computing time.
+ * docs/performance.md: no worse pictures at the same number of bits for two thirds of the computing
+ * time.
  */
 void set_for_screens(x264_param_t& parameters, uint32_t profile)
 {
-    // What moves on a screen moves by whole pixels, so none are computed between them, but a scrolled page or
-    // a dragged window moves far at once.
+    // What moves on a screen moves by whole pixels, so none are computed between them, but a
+    // scrolled page or a dragged window moves far at once.
     parameters.analyse.i_subpel_refine = 0;
     parameters.analyse.i_me_method = X264_ME_UMH;
     parameters.analyse.i_me_range = 24;
@@ -84,8 +88,10 @@ std::optional<int> number_from_environment(const char* name, int least, int most
 
 int threads_for(const EncoderSettings& settings)
 {
-    const uint64_t pixels = uint64_t{settings.size.width} * settings.size.height * settings.frame_rate;
-    const uint64_t cores = std::clamp<uint64_t>(std::thread::hardware_concurrency(), 1, most_threads);
+    const uint64_t pixels =
+        uint64_t{settings.size.width} * settings.size.height * settings.frame_rate;
+    const uint64_t cores =
+        std::clamp<uint64_t>(std::thread::hardware_concurrency(), 1, most_threads);
     return static_cast<int>(std::min(pixels / pixels_per_thread_and_second + 1, cores));
 }
 
@@ -104,7 +110,8 @@ void set_stream_form(x264_param_t& parameters)
     parameters.b_repeat_headers = 1;
     parameters.b_open_gop = 0;
     parameters.i_nal_hrd =
-        X264_NAL_HRD_NONE; // a rate that changes in mid-stream would make its promise false
+        // a rate that changes in mid-stream would make its promise false
+        X264_NAL_HRD_NONE;
 }
 
 void set_timing(x264_param_t& parameters, uint32_t frame_rate)
@@ -115,14 +122,18 @@ void set_timing(x264_param_t& parameters, uint32_t frame_rate)
     parameters.i_timebase_num = 1;
     parameters.i_timebase_den = frame_rate;
     const int distance = static_cast<int>(seconds_between_key_frames * frame_rate);
-    parameters.i_keyint_max = number_from_environment("ZU3_X264_KEYINT", 1, 1 << 20).value_or(distance);
+    parameters.i_keyint_max =
+        number_from_environment("ZU3_X264_KEYINT", 1, 1 << 20).value_or(distance);
 }
 
 void set_profile_and_level(x264_param_t& parameters, uint32_t profile, uint32_t level)
 {
-    x264_param_apply_profile(&parameters, profile == 66 ? "baseline" : profile == 77 ? "main" : "high");
+    x264_param_apply_profile(&parameters, profile == 66   ? "baseline"
+                                          : profile == 77 ? "main"
+                                                          : "high");
     if (level != 0)
-        parameters.i_level_idc = level == 101 ? 9 : static_cast<int>(level / 10); // 9 is x264's level 1b
+        // 9 is x264's level 1b
+        parameters.i_level_idc = level == 101 ? 9 : static_cast<int>(level / 10);
 }
 
 android_LogPriority priority_of(int x264_level)
@@ -136,7 +147,8 @@ android_LogPriority priority_of(int x264_level)
 
 void X264Log::write(void* self, int level, const char* format, va_list arguments)
 {
-    if (static_cast<X264Log*>(self)->written_.fetch_add(1, std::memory_order_relaxed) >= most_messages)
+    if (static_cast<X264Log*>(self)->written_.fetch_add(1, std::memory_order_relaxed) >=
+        most_messages)
         return;
     char line[256];
     std::vsnprintf(line, sizeof(line), format, arguments);
@@ -158,7 +170,8 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     parameters.i_csp = X264_CSP_NV12;
     parameters.i_width = static_cast<int>(settings.size.width);
     parameters.i_height = static_cast<int>(settings.size.height);
-    parameters.i_threads = number_from_environment("ZU3_X264_THREADS", 1, 16).value_or(threads_for(settings));
+    parameters.i_threads =
+        number_from_environment("ZU3_X264_THREADS", 1, 16).value_or(threads_for(settings));
     set_colours(parameters);
     set_stream_form(parameters);
     set_timing(parameters, settings.frame_rate);
@@ -175,8 +188,9 @@ void set_rate(x264_param_t& parameters, EncoderRate rate)
     parameters.rc.i_rc_method = rate.as_needed ? X264_RC_CRF : X264_RC_ABR;
     parameters.rc.i_bitrate = rate.kilobits;
     parameters.rc.i_vbv_max_bitrate = rate.kilobits;
-    const double seconds = std::max(rate.as_needed ? seconds_ahead_of_ceiling : seconds_ahead_of_rate,
-                                    least_pictures_ahead * parameters.i_fps_den / parameters.i_fps_num);
+    const double seconds =
+        std::max(rate.as_needed ? seconds_ahead_of_ceiling : seconds_ahead_of_rate,
+                 least_pictures_ahead * parameters.i_fps_den / parameters.i_fps_num);
     parameters.rc.i_vbv_buffer_size = std::max(static_cast<int>(rate.kilobits * seconds), 1);
 }
 

@@ -16,8 +16,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-// Between its birth and its end the process is a copy of one thread of many: whatever lock another one held is
-// held for ever. So it makes system calls and nothing else, also none of a sanitizer's.
+// Between its birth and its end the process is a copy of one thread of many: whatever lock another
+// one held is held for ever. So it makes system calls and nothing else, also none of a sanitizer's.
 #if defined(__clang__)
 #define NOTHING_BUT_ITSELF __attribute__((disable_sanitizer_instrumentation))
 #else
@@ -29,8 +29,8 @@ namespace zu3host {
 namespace {
 
 /**
- * Processes that are told to end and may not have yet. They tell nobody of their end, so as not to disturb a
- * program that waits for children of its own, and have to be asked.
+ * Processes that are told to end and may not have yet. They tell nobody of their end, so as not to
+ * disturb a program that waits for children of its own, and have to be asked.
  */
 class Ending {
 public:
@@ -58,7 +58,8 @@ private:
 
 Ending& ending()
 {
-    static Ending all; // without a destructor that does anything: a file may be closed while the process exits
+    // without a destructor that does anything: a file may be closed while the process exits
+    static Ending all;
     return all;
 }
 
@@ -75,16 +76,20 @@ NOTHING_BUT_ITSELF void keep_only(int one, int other)
 
 } // namespace
 
-NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order, const uint8_t* shared, int file)
+NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order,
+                                                              const uint8_t* shared, int file)
 {
     rlimit64 limit;
-    if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, nullptr, &limit) == 0 && limit.rlim_cur != order.greatest_file) {
-        limit.rlim_cur = order.greatest_file < limit.rlim_max ? order.greatest_file : limit.rlim_max;
+    if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, nullptr, &limit) == 0 &&
+        limit.rlim_cur != order.greatest_file) {
+        limit.rlim_cur =
+            order.greatest_file < limit.rlim_max ? order.greatest_file : limit.rlim_max;
         syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, &limit, nullptr);
     }
     Answer answer{0, 0};
     while (answer.error == 0 && answer.written < order.size) {
-        const long written = syscall(SYS_write, file, shared + answer.written, order.size - answer.written);
+        const long written =
+            syscall(SYS_write, file, shared + answer.written, order.size - answer.written);
         if (written < 0)
             answer.error = errno;
         else
@@ -104,7 +109,8 @@ NOTHING_BUT_ITSELF void DiskProcess::run(const uint8_t* shared, int file, int so
         const Answer answer = carry_out(order, shared, file);
         syscall(SYS_write, socket, &answer, sizeof answer);
     }
-    // The kernel begins to write the file out. A busy disk may hold the call, and with it nobody but us.
+    // The kernel begins to write the file out. A busy disk may hold the call, and with it nobody
+    // but us.
     syscall(SYS_sync_file_range, file, 0L, 0L, static_cast<long>(SYNC_FILE_RANGE_WRITE));
     syscall(SYS_exit_group, 0);
     __builtin_unreachable();
@@ -123,8 +129,8 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     auto* const shared = static_cast<uint8_t*>(memory);
     long process = -1;
     {
-        // Not fork(): whatever a program has registered for that is none of this process's business, and no signal
-        // tells of its end.
+        // Not fork(): whatever a program has registered for that is none of this process's
+        // business, and no signal tells of its end.
         const SignalsBlocked guard;
         process = syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L);
         if (process == 0)
@@ -132,7 +138,8 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     }
     std::unique_ptr<DiskProcess> started(
         process < 0 ? nullptr
-                    : new (std::nothrow) DiskProcess(shared, std::move(ours), static_cast<pid_t>(process)));
+                    : new (std::nothrow)
+                          DiskProcess(shared, std::move(ours), static_cast<pid_t>(process)));
     if (!started)
         munmap(shared, capacity);
     return started;
@@ -151,7 +158,8 @@ void DiskProcess::write(const uint8_t* data, size_t size)
     std::memcpy(shared_, data, size);
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    const Order order{size, limit.rlim_cur == RLIM_INFINITY ? ~uint64_t{0} : uint64_t{limit.rlim_cur}};
+    const Order order{size,
+                      limit.rlim_cur == RLIM_INFINITY ? ~uint64_t{0} : uint64_t{limit.rlim_cur}};
     busy_ = true;
     ::send(socket_.get(), &order, sizeof order, MSG_NOSIGNAL);
 }
@@ -164,7 +172,8 @@ DiskProcess::Answer DiskProcess::answer()
         got = recv(socket_.get(), &answer, sizeof answer, 0);
     while (got < 0 && errno == EINTR);
     busy_ = false;
-    // Somebody has ended it: what it had written of this is not known, so that it counts as nothing.
+    // Somebody has ended it: what it had written of this is not known, so that it counts as
+    // nothing.
     return got == static_cast<ssize_t>(sizeof answer) ? answer : Answer{0, EIO};
 }
 

@@ -13,19 +13,26 @@ namespace zu3host {
 /**
  * Writes to an ordinary file from a process of its own.
  *
- * The kernel holds a thread whose disk stands still (a frozen file system, a dead server) in its write until the
- * disk moves again, and no signal ends that: neither the thread nor the process that it belongs to can go. So
- * the thread that may be held is the only one of a process that nobody waits for. It has the file and nothing
- * else of ours, ends once its owner has gone and its last write is through, and takes no signal but SIGKILL.
+ * The kernel holds a thread whose disk stands still (a frozen file system, a dead server) in its
+ * write until the disk moves again, and no signal ends that: neither the thread nor the process
+ * that it belongs to can go. So the thread that may be held is the only one of a process that
+ * nobody waits for. It has the file and nothing else of ours, ends once its owner has gone and its
+ * last write is through, and takes no signal but SIGKILL.
  *
  * One thread at a time uses an object.
  */
 class DiskProcess {
 public:
-    /** Bytes that one write() takes at most: the greatest picture, since a write is whole even if we are killed. */
+    /**
+     * Bytes that one write() takes at most: the greatest picture, since a write is whole even if we
+     * are killed.
+     */
     static constexpr size_t capacity = 4 << 20;
 
-    /** What became of a write: bytes that are with the kernel, and the errno that ended it early, 0 = none. */
+    /**
+     * What became of a write: bytes that are with the kernel, and the errno that ended it early, 0
+     * = none.
+     */
     struct Answer {
         size_t written;
         int error;
@@ -37,7 +44,10 @@ public:
     DiskProcess(const DiskProcess&) = delete;
     DiskProcess& operator=(const DiskProcess&) = delete;
 
-    /** Starts to write at the file's position what fits of `data`, which is copied; not while busy(). */
+    /**
+     * Starts to write at the file's position what fits of `data`, which is copied; not while
+     * busy().
+     */
     void write(const uint8_t* data, size_t size);
     /** Whether a write is under way. */
     bool busy() const { return busy_; }
@@ -48,8 +58,10 @@ public:
 
 private:
     struct Order {
-        uint64_t size;          /**< of the data, which is at the beginning of the shared memory */
-        uint64_t greatest_file; /**< RLIMIT_FSIZE of the owner, which may have changed */
+        /** of the data, which is at the beginning of the shared memory */
+        uint64_t size;
+        /** RLIMIT_FSIZE of the owner, which may have changed */
+        uint64_t greatest_file;
     };
 
     DiskProcess(uint8_t* shared, FileDescriptor socket, pid_t process)
@@ -59,7 +71,8 @@ private:
     [[noreturn]] static void run(const uint8_t* shared, int file, int socket);
     static Answer carry_out(const Order& order, const uint8_t* shared, int file);
 
-    uint8_t* shared_; /**< capacity bytes, of which what is never used is never there */
+    /** capacity bytes, of which what is never used is never there */
+    uint8_t* shared_;
     FileDescriptor socket_;
     pid_t process_;
     bool busy_ = false;

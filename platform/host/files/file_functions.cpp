@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <limits>
 
-#include <zu3/fs.h>
 #include "zu3_host/slow_disk.h"
+#include <zu3/fs.h>
 
 namespace {
 
@@ -14,8 +14,8 @@ using zu3host::at_border;
 using zu3host::HandleTable;
 using zu3host::OpenFile;
 
-// Never destroyed: a task may still write while the process exits. Handles count up from 1 and stay far below
-// bit 31, which users of a file clear for a mark of their own.
+// Never destroyed: a task may still write while the process exits. Handles count up from 1 and stay
+// far below bit 31, which users of a file clear for a mark of their own.
 HandleTable<OpenFile>& files()
 {
     static auto& all = *new HandleTable<OpenFile>(1);
@@ -87,8 +87,8 @@ HOST_EXPORT u32 ZU_FS_Fseek(u32 u32File, s64 s64Offset, u32 u32Whence)
     });
 }
 
-// Closing has started the way to the medium of each written file, and nothing of other programs' data is
-// pushed.
+// Closing has started the way to the medium of each written file, and nothing of other programs'
+// data is pushed.
 HOST_EXPORT u32 ZU_FS_Sync(void)
 {
     return ZU_OK;

@@ -39,7 +39,8 @@ struct Opened {
 Opened failed(int error)
 {
     return {{},
-            error == ELOOP ? "it is a symbolic link, which is not followed for writing" : strerror(error)};
+            error == ELOOP ? "it is a symbolic link, which is not followed for writing"
+                           : strerror(error)};
 }
 
 /** What was there before: judged by its descriptor, and emptied only then. */
@@ -59,7 +60,10 @@ Opened open_existing(const common::TrustedPath& place, int flags)
     return {std::move(fd)};
 }
 
-/** Opens a file to be written, or makes one for its owner alone: a recording of a screen is nobody else's. */
+/**
+ * Opens a file to be written, or makes one for its owner alone: a recording of a screen is nobody
+ * else's.
+ */
 Opened open_to_write(const char* name, int flags)
 {
     const common::TrustedPath place(name);
@@ -86,12 +90,15 @@ Opened open_to_read(const char* name, int flags)
     return {std::move(fd)};
 }
 
-/** Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN where they would.
+/**
+ * Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN where
+ * they would.
  */
 Opened open_now(const char* name, int flags)
 {
     flags |= O_NOCTTY | O_NONBLOCK;
-    Opened opened = (flags & O_ACCMODE) == O_RDONLY ? open_to_read(name, flags) : open_to_write(name, flags);
+    Opened opened =
+        (flags & O_ACCMODE) == O_RDONLY ? open_to_read(name, flags) : open_to_write(name, flags);
     if (opened.fd && is_regular(opened.fd.get()))
         fcntl(opened.fd.get(), F_SETFL, fcntl(opened.fd.get(), F_GETFL) & ~O_NONBLOCK);
     return opened;
@@ -107,7 +114,10 @@ std::string name_to_show(const char* name)
     return length > 0 ? std::string(target, static_cast<size_t>(length)) : name;
 }
 
-/** Waits for the other end of a pipe; an errno, ECANCELED when the task on this thread is being deleted. */
+/**
+ * Waits for the other end of a pipe; an errno, ECANCELED when the task on this thread is being
+ * deleted.
+ */
 int wait_until_ready(int fd, short event)
 {
     pollfd waited[] = {{fd, event, 0}, {Task::deletion_on_this_thread(), POLLIN, 0}};
@@ -116,7 +126,9 @@ int wait_until_ready(int fd, short event)
     return waited[1].revents != 0 ? ECANCELED : 0;
 }
 
-/** Whether it is a pipe that has had no writer yet since it was opened; none any more is the end of a file.
+/**
+ * Whether it is a pipe that has had no writer yet since it was opened; none any more is the end of
+ * a file.
  */
 bool awaits_its_first_writer(int fd)
 {
@@ -133,10 +145,11 @@ int given_up_event()
 }
 
 /**
- * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in between;
- * returns the bytes, and errno in `error` when it ended early.
+ * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in
+ * between; returns the bytes, and errno in `error` when it ended early.
  */
-template <typename Step> size_t transfer_all(int fd, short event, size_t size, int& error, Step step)
+template <typename Step>
+size_t transfer_all(int fd, short event, size_t size, int& error, Step step)
 {
     size_t done = 0;
     error = 0;
@@ -190,7 +203,8 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
     if ((flags & O_ACCMODE) != O_RDONLY && ordinary)
         disk = DiskProcess::start(opened.fd.get());
     const bool written_in_order = (flags & O_ACCMODE) == O_WRONLY && ordinary;
-    return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk), written_in_order);
+    return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk),
+                                      written_in_order);
 }
 
 OpenFile::~OpenFile()
@@ -214,7 +228,8 @@ int64_t OpenFile::read(void* dst, size_t size)
     if (error == 0)
         return static_cast<int64_t>(done);
     if (error == ECANCELED)
-        return -1; // a part of a picture would be taken for the last one
+        // a part of a picture would be taken for the last one
+        return -1;
     if (!std::exchange(failure_logged_, true))
         HOST_LOGE("Cannot read \"%s\": %s.", name_.c_str(), strerror(error));
     return done > 0 ? static_cast<int64_t>(done) : -1;
@@ -246,13 +261,16 @@ uint64_t OpenFile::write_now(const void* src, uint64_t item_bytes, uint64_t coun
     int error = 0;
     const size_t size = item_bytes * count_of_items;
     const auto* const bytes = static_cast<const uint8_t*>(src);
-    const size_t done = disk_ ? write_by_process(bytes, size, error) : write_here(bytes, size, error);
+    const size_t done =
+        disk_ ? write_by_process(bytes, size, error) : write_here(bytes, size, error);
     const uint64_t whole = done / item_bytes;
     if (done < size && error == ECANCELED && disk_) {
-        // The part that is under way may still come, so that the end of the file is not ours to cut.
+        // The part that is under way may still come, so that the end of the file is not ours to
+        // cut.
         if (!std::exchange(failure_logged_, true))
-            HOST_LOGW("The disk of \"%s\" stands still. What it has not taken may be missing from the file.",
-                      name_.c_str());
+            HOST_LOGW(
+                "The disk of \"%s\" stands still. What it has not taken may be missing from the file.",
+                name_.c_str());
     } else if (done < size) {
         count_failure(error ? error : EIO);
         cut_partial_item(done % item_bytes);
@@ -263,8 +281,9 @@ uint64_t OpenFile::write_now(const void* src, uint64_t item_bytes, uint64_t coun
 
 size_t OpenFile::write_here(const uint8_t* src, size_t size, int& error)
 {
-    return transfer_all(fd_.get(), POLLOUT, size, error,
-                        [&](size_t at, size_t bytes) { return ::write(fd_.get(), src + at, bytes); });
+    return transfer_all(fd_.get(), POLLOUT, size, error, [&](size_t at, size_t bytes) {
+        return ::write(fd_.get(), src + at, bytes);
+    });
 }
 
 size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
@@ -287,7 +306,8 @@ size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
     return done;
 }
 
-// Of one that was not waited for any longer. Until it is through, the kernel keeps even the file's position from us.
+// Of one that was not waited for any longer. Until it is through, the kernel keeps even the file's
+// position from us.
 int OpenFile::wait_for_earlier_write()
 {
     if (!disk_ || !disk_->busy())
@@ -315,8 +335,8 @@ void OpenFile::count_failure(int error)
     count(counters().write_failures);
     counters().last_write_errno.store(error, std::memory_order_relaxed);
     if (!failure_logged_)
-        HOST_LOGE("Cannot write to \"%s\": %s. What does not fit is missing from the file.", name_.c_str(),
-                  strerror(error));
+        HOST_LOGE("Cannot write to \"%s\": %s. What does not fit is missing from the file.",
+                  name_.c_str(), strerror(error));
     failure_logged_ = true;
 }
 
@@ -325,8 +345,8 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
     const off_t position = lseek(fd_.get(), 0, SEEK_CUR);
     struct stat status;
     // In the middle of a file, and where there is nothing to cut, the part has to stay.
-    if (partial_bytes == 0 || position < 0 || fstat(fd_.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_size != position)
+    if (partial_bytes == 0 || position < 0 || fstat(fd_.get(), &status) != 0 ||
+        !S_ISREG(status.st_mode) || status.st_size != position)
         return;
     const off_t end_of_whole_items = position - static_cast<off_t>(partial_bytes);
     if (ftruncate(fd_.get(), end_of_whole_items) == 0)
@@ -349,11 +369,13 @@ bool OpenFile::close()
         return false;
     }
     const bool whole = write_unfinished(unfinished_.whole_at_end());
-    // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds, while a
-    // close is to be over in a moment. What the medium does not take shows at the next use of the file.
+    // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds,
+    // while a close is to be over in a moment. What the medium does not take shows at the next use
+    // of the file.
     int error = 0;
     if (disk_)
-        disk_.reset(); // which begins that by itself
+        // which begins that by itself
+        disk_.reset();
     else if (written_ && is_regular(fd_.get()))
         sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     // Linux has released the descriptor whatever close reports.

@@ -10,13 +10,20 @@ namespace zu3host {
 
 namespace {
 
-/** More than any encoded picture with its packet headers; what is longer is no picture that ends one day. */
+/**
+ * More than any encoded picture with its packet headers; what is longer is no picture that ends one
+ * day.
+ */
 constexpr size_t greatest_picture = 4 << 20;
 
-/** Bytes of each packet, 188 or 192, of a piece of a transport stream; 0 when it is none of whole packets. */
+/**
+ * Bytes of each packet, 188 or 192, of a piece of a transport stream; 0 when it is none of whole
+ * packets.
+ */
 size_t packet_bytes_of(const uint8_t* data, size_t size)
 {
-    constexpr size_t plain = TS_SIZE, stamped = plain + 4; // with its arrival time
+    // with its arrival time
+    constexpr size_t plain = TS_SIZE, stamped = plain + 4;
     for (const size_t packet : {plain, stamped})
         if (size >= packet && size % packet == 0 && ts_validate(data + packet - plain) &&
             ts_validate(data + size - plain))
@@ -32,8 +39,10 @@ size_t payload_of(const uint8_t* packet)
     return ts_has_payload(packet) && adaptation < room ? room - adaptation : 0;
 }
 
-/** Whether a packet holds all that fits beside its marks (none, random access, clock reference): a picture of open
- * length goes on behind it, or ends there by chance, as one in 61 does. */
+/**
+ * Whether a packet holds all that fits beside its marks (none, random access, clock reference): a
+ * picture of open length goes on behind it, or ends there by chance, as one in 61 does.
+ */
 bool is_filled(size_t payload)
 {
     const size_t marks = TS_SIZE - TS_HEADER_SIZE - payload;
@@ -56,7 +65,8 @@ Begins begins_with(const uint8_t* packet)
         return Begins::sound;
     if ((id & 0xf0) != PES_STREAM_ID_VIDEO_MPEG)
         return Begins::nothing;
-    const bool random_access = adaptation && ts_get_adaptation(packet) > 0 && tsaf_has_randomaccess(packet);
+    const bool random_access =
+        adaptation && ts_get_adaptation(packet) > 0 && tsaf_has_randomaccess(packet);
     return random_access ? Begins::random_access : Begins::picture;
 }
 

@@ -10,27 +10,33 @@ namespace zu3host {
 /**
  * The end of a transport stream on its way into a file.
  *
- * A recording arrives in batches that end anywhere, while a file that a kill or a full disk ends should play
- * to its end. So what begins with the last picture that was begun stays here until the next one begins, or
- * the file is closed. A stream of sound alone is cut between its frames. Not thread-safe.
+ * A recording arrives in batches that end anywhere, while a file that a kill or a full disk ends
+ * should play to its end. So what begins with the last picture that was begun stays here until the
+ * next one begins, or the file is closed. A stream of sound alone is cut between its frames. Not
+ * thread-safe.
  */
 class UnfinishedPicture {
 public:
     /**
-     * Appends a batch. False, and nothing is appended, when it is no piece of a transport stream, or memory
-     * is short.
+     * Appends a batch. False, and nothing is appended, when it is no piece of a transport stream,
+     * or memory is short.
      */
     bool append(const void* batch, size_t size);
     const uint8_t* data() const { return bytes_.data(); }
     size_t size() const { return bytes_.size(); }
     /** Bytes from data() on that end with a whole picture. */
     size_t whole() const { return whole_; }
-    /** Bytes from data() on that go into a file that is closed: all, unless the last picture lacks its end. */
+    /**
+     * Bytes from data() on that go into a file that is closed: all, unless the last picture lacks
+     * its end.
+     */
     size_t whole_at_end() const { return pictures_ && !ended_ ? whole_ : bytes_.size(); }
     /** They are in the file, or lost. */
     void remove(size_t bytes);
-    /** A part of the stream is lost: what follows is dropped up to the next picture that needs none before
-     * it. */
+    /**
+     * A part of the stream is lost: what follows is dropped up to the next picture that needs none
+     * before it.
+     */
     void skip_to_random_access();
 
 private:
@@ -41,11 +47,15 @@ private:
 
     std::vector<uint8_t> bytes_;
     size_t whole_ = 0;
-    bool any_ = false;      /**< whether a picture, or a frame of sound, has begun yet */
-    bool pictures_ = false; /**< whether a picture has */
+    /** whether a picture, or a frame of sound, has begun yet */
+    bool any_ = false;
+    /** whether a picture has */
+    bool pictures_ = false;
     uint16_t picture_pid_ = 0;
-    std::optional<size_t> left_; /**< bytes that the last picture's PES packet still lacks; none if that is open */
-    bool ended_ = false;         /**< the last picture is whole */
+    /** bytes that the last picture's PES packet still lacks; none if that is open */
+    std::optional<size_t> left_;
+    /** the last picture is whole */
+    bool ended_ = false;
     bool skipping_ = false;
 };
 

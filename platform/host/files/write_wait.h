@@ -6,15 +6,20 @@
 
 namespace zu3host {
 
-/** While it lives, the statistics say since when a write waits; of several at a time the first to begin. */
+/**
+ * While it lives, the statistics say since when a write waits; of several at a time the first to
+ * begin.
+ */
 class WriteWait {
 public:
     WriteWait()
     {
         using namespace std::chrono;
-        const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+        const int64_t now =
+            duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
         int64_t none = 0;
-        first_ = counters().write_waits_since_us.compare_exchange_strong(none, now, std::memory_order_relaxed);
+        first_ = counters().write_waits_since_us.compare_exchange_strong(none, now,
+                                                                         std::memory_order_relaxed);
     }
     ~WriteWait()
     {

@@ -15,7 +15,8 @@ std::optional<int> priority_of(std::string_view text)
 {
     if (text.size() != 1)
         return std::nullopt;
-    const auto at = letters.find(static_cast<char>(std::toupper(static_cast<unsigned char>(text[0]))));
+    const auto at =
+        letters.find(static_cast<char>(std::toupper(static_cast<unsigned char>(text[0]))));
     if (at == std::string_view::npos)
         return std::nullopt;
     return ANDROID_LOG_VERBOSE + static_cast<int>(at);
@@ -53,8 +54,8 @@ void LogFilter::add(std::string_view word)
 
 bool LogFilter::shows(int priority, std::string_view tag) const
 {
-    const auto rule =
-        std::find_if(rules_.rbegin(), rules_.rend(), [tag](const Rule& each) { return each.tag == tag; });
+    const auto rule = std::find_if(rules_.rbegin(), rules_.rend(),
+                                   [tag](const Rule& each) { return each.tag == tag; });
     return priority >= (rule == rules_.rend() ? least_of_others_ : rule->least);
 }
 

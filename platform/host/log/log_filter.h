@@ -9,9 +9,10 @@
 namespace zu3host {
 
 /**
- * Which lines the log shows, from logcat's filter expressions: words "tag:priority" between blanks or commas,
- * the priority one of V D I W E F S; "*" stands for all other tags, a tag without a priority means all of its
- * lines, the later of two words for one tag counts. What no word covers is shown from warnings up.
+ * Which lines the log shows, from logcat's filter expressions: words "tag:priority" between blanks
+ * or commas, the priority one of V D I W E F S; "*" stands for all other tags, a tag without a
+ * priority means all of its lines, the later of two words for one tag counts. What no word covers
+ * is shown from warnings up.
  */
 class LogFilter {
 public:
@@ -31,7 +32,9 @@ private:
     int least_of_others_ = ANDROID_LOG_WARN;
 };
 
-/** The letter of a priority, in a line and in an expression; those outside the range take the nearest one's.
+/**
+ * The letter of a priority, in a line and in an expression; those outside the range take the
+ * nearest one's.
  */
 char priority_letter(int priority);
 

@@ -19,11 +19,16 @@
 
 namespace {
 
-/** One call's lines, cut where they do not fit. A pipe takes as many bytes without mixing in another
- * writer's. */
+/**
+ * One call's lines, cut where they do not fit. A pipe takes as many bytes without mixing in another
+ * writer's.
+ */
 class LineBuffer {
 public:
-    void put(std::string_view text) { size_ += text.copy(bytes_.data() + size_, bytes_.size() - size_); }
+    void put(std::string_view text)
+    {
+        size_ += text.copy(bytes_.data() + size_, bytes_.size() - size_);
+    }
     void end_line()
     {
         if (size_ == bytes_.size())
@@ -37,20 +42,24 @@ private:
     size_t size_ = 0;
 };
 
-// Read once: the environment is not to be touched while other threads run. Without memory for the rules,
-// which may be what the line is about, the line is shown.
+// Read once: the environment is not to be touched while other threads run. Without memory for the
+// rules, which may be what the line is about, the line is shown.
 bool is_shown(int priority, const char* tag)
 {
     const auto shows = [=] {
-        static const zu3host::LogFilter& only = *new zu3host::LogFilter(secure_getenv("ANDROID_LOG_TAGS"));
+        static const zu3host::LogFilter& only =
+            *new zu3host::LogFilter(secure_getenv("ANDROID_LOG_TAGS"));
         return only.shows(priority, tag);
     };
     return zu3host::answer_or(true, shows, [](const char*) {});
 }
 
-/** Every line of a message gets the prefix of its own; line breaks at the end make no empty lines. Of control
- * characters only those of the format pass, which the library colours some lines with. */
-void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message, std::string_view format)
+/**
+ * Every line of a message gets the prefix of its own; line breaks at the end make no empty lines.
+ * Of control characters only those of the format pass, which the library colours some lines with.
+ */
+void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message,
+               std::string_view format)
 {
     while (message.ends_with('\n'))
         message.remove_suffix(1);
@@ -109,15 +118,17 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
     if (!tag)
         tag = "";
     const bool shown = is_shown(prio, tag);
-    const zu3_host_log_listener_t listener = prio >= ANDROID_LOG_WARN ? log_listener.load() : nullptr;
+    const zu3_host_log_listener_t listener =
+        prio >= ANDROID_LOG_WARN ? log_listener.load() : nullptr;
     if (!shown && !listener)
         return 0;
-    // A caller's errno is not the log's to change: messages stand between a failure and what is made of it.
+    // A caller's errno is not the log's to change: messages stand between a failure and what is
+    // made of it.
     const int kept_errno = errno;
     std::array<char, 128> prefix;
-    const int prefix_length =
-        std::snprintf(prefix.data(), prefix.size(), "%c/%-8s(%5d): ", zu3host::priority_letter(prio), tag,
-                      static_cast<int>(getpid()));
+    const int prefix_length = std::snprintf(prefix.data(), prefix.size(),
+                                            "%c/%-8s(%5d): ", zu3host::priority_letter(prio), tag,
+                                            static_cast<int>(getpid()));
     std::array<char, 3584> message;
     va_list arguments;
     va_start(arguments, fmt);

@@ -8,8 +8,9 @@ using zu3host::at_border;
 using zu3host::block_of_phys;
 using zu3host::block_of_virt;
 
-// The host's caches are coherent, and capture and encoder are threads of this process: one mapping serves as
-// the cached and the uncached one, and what the device flushes needs no more than order here.
+// The host's caches are coherent, and capture and encoder are threads of this process: one mapping
+// serves as the cached and the uncached one, and what the device flushes needs no more than order
+// here.
 HOST_EXPORT u32 ZU_OS_Pa2CachedVa(u64 u64PhyAddr, u64* pu64VirtAddr)
 {
     if (!pu64VirtAddr)
@@ -45,7 +46,8 @@ HOST_EXPORT u32 ZU_OS_DcacheFlush(u64 u64VirtAddr, u32 u32Size)
 {
     return at_border(__func__, [=]() -> u32 {
         const auto block = block_of_virt(u64VirtAddr);
-        if (!block || u64VirtAddr - reinterpret_cast<uintptr_t>(block->virt) + u32Size > block->size)
+        if (!block ||
+            u64VirtAddr - reinterpret_cast<uintptr_t>(block->virt) + u32Size > block->size)
             return ZU_INVALID_ARGUMENT;
         return ZU_OS_FlushMemory();
     });

@@ -62,7 +62,9 @@ uint64_t address_of(const uint8_t* virt)
     return reinterpret_cast<uintptr_t>(virt);
 }
 
-/** A zeroed file in memory whose size nobody can change, also not one who was given its descriptor. */
+/**
+ * A zeroed file in memory whose size nobody can change, also not one who was given its descriptor.
+ */
 FileDescriptor make_sealed_file(const char* name, uint64_t bytes)
 {
     FileDescriptor file(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
@@ -73,7 +75,8 @@ FileDescriptor make_sealed_file(const char* name, uint64_t bytes)
 }
 
 /** The entry of `starts` with the greatest key that is not above `address`. */
-template <typename Map> typename Map::const_iterator at_or_below(const Map& starts, uint64_t address)
+template <typename Map>
+typename Map::const_iterator at_or_below(const Map& starts, uint64_t address)
 {
     const auto above = starts.upper_bound(address);
     return above == starts.begin() ? starts.end() : std::prev(above);
@@ -108,8 +111,8 @@ std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
     Blocks& all = blocks();
     const std::lock_guard lock(all.mutex);
     block->phys = all.next_phys;
-    // A page that belongs to nobody lies between two blocks, so that an overrun is never another block's
-    // address.
+    // A page that belongs to nobody lies between two blocks, so that an overrun is never another
+    // block's address.
     all.next_phys += whole_pages(size) + page_bytes;
     const MemoryBlock view = block->view();
     const auto by_virt = all.phys_by_virt.emplace(address_of(view.virt), view.phys).first;

@@ -6,15 +6,19 @@
 namespace zu3host {
 
 /**
- * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that an
- * address fits the u32 fields of the contract. Physical numbers are unique in the process and never reused.
- * Thread-safe.
+ * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that
+ * an address fits the u32 fields of the contract. Physical numbers are unique in the process and
+ * never reused. Thread-safe.
  */
 struct MemoryBlock {
-    uint64_t phys; /**< physical address of the first byte, 4096-aligned */
-    uint8_t* virt; /**< where the block is mapped; below 4 GiB */
-    uint32_t size; /**< bytes, as asked for */
-    int fd;        /**< the block's own descriptor, close-on-exec; stays the block's */
+    /** physical address of the first byte, 4096-aligned */
+    uint64_t phys;
+    /** where the block is mapped; below 4 GiB */
+    uint8_t* virt;
+    /** bytes, as asked for */
+    uint32_t size;
+    /** the block's own descriptor, close-on-exec; stays the block's */
+    int fd;
 };
 
 /** Allocates `size` zeroed bytes; nothing when there is no memory or no room below 4 GiB. */
@@ -29,8 +33,8 @@ std::optional<MemoryBlock> block_of_phys(uint64_t phys);
 /** The block that contains a virtual address. */
 std::optional<MemoryBlock> block_of_virt(uint64_t virt);
 /**
- * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes it. -1
- * and errno when there is no such block (ENXIO) or no descriptor left.
+ * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes
+ * it. -1 and errno when there is no such block (ENXIO) or no descriptor left.
  */
 int duplicate_descriptor(uint64_t phys);
 

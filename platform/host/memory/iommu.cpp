@@ -35,7 +35,8 @@ std::optional<FileIdentity> identity_of(int fd)
 
 struct Iommu {
     std::mutex mutex;
-    std::set<u64> blocks; /**< physical starts of what was allocated here, and not by another module */
+    /** physical starts of what was allocated here, and not by another module */
+    std::set<u64> blocks;
     std::map<int, FileIdentity> handed_out;
 };
 
@@ -81,15 +82,16 @@ u32 get_descriptor(ZU_OS_IommuBufFd_t& record)
     return ZU_OK;
 }
 
-// The descriptor alone says what is given back: some callers no longer know the address, and the block may be
-// gone.
+// The descriptor alone says what is given back: some callers no longer know the address, and the
+// block may be gone.
 u32 put_descriptor(const ZU_OS_IommuBufFd_t& record)
 {
     Iommu& all = iommu();
     const std::lock_guard lock(all.mutex);
     const auto found = all.handed_out.find(record.s32Fd);
     if (found == all.handed_out.end()) {
-        HOST_LOGE("Descriptor %d was given back as a block's, but was not handed out.", record.s32Fd);
+        HOST_LOGE("Descriptor %d was given back as a block's, but was not handed out.",
+                  record.s32Fd);
         return ZU_INVALID_ARGUMENT;
     }
     const bool unchanged = identity_of(record.s32Fd) == found->second;

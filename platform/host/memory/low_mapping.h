@@ -23,9 +23,9 @@ public:
     ~LowMapping();
 
     /**
-     * Maps the first `size` bytes of `fd`, a multiple of the page size, for reading and writing. The page
-     * behind them cannot be touched. An empty mapping, and errno, when the room below 4 GiB is taken or the
-     * kernel refuses.
+     * Maps the first `size` bytes of `fd`, a multiple of the page size, for reading and writing.
+     * The page behind them cannot be touched. An empty mapping, and errno, when the room below 4
+     * GiB is taken or the kernel refuses.
      */
     static LowMapping of(int fd, size_t size);
 
@@ -36,7 +36,8 @@ private:
     LowMapping(uint8_t* start, size_t reserved) : start_(start), reserved_(reserved) {}
 
     uint8_t* start_ = nullptr;
-    size_t reserved_ = 0; /**< bytes, with the page behind */
+    /** bytes, with the page behind */
+    size_t reserved_ = 0;
 };
 
 } // namespace zu3host

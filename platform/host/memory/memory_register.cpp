@@ -15,7 +15,8 @@ struct Entry {
 };
 
 struct Register {
-    std::mutex mutex; // a leaf: no memory is let go under it
+    // a leaf: no memory is let go under it
+    std::mutex mutex;
     std::map<uintptr_t, Entry> by_start;
 };
 

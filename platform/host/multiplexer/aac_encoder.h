@@ -7,12 +7,18 @@
 
 namespace zu3host {
 
-inline constexpr size_t aac_frame_samples = 1024; /**< of each channel */
+/** of each channel */
+inline constexpr size_t aac_frame_samples = 1024;
 
-/** AAC-LC, 48 kHz stereo, 128 kbit/s, each frame behind an ADTS header (ISO/IEC 13818-7). Not thread-safe. */
+/**
+ * AAC-LC, 48 kHz stereo, 128 kbit/s, each frame behind an ADTS header (ISO/IEC 13818-7). Not
+ * thread-safe.
+ */
 class AacEncoder {
 public:
-    /** Samples by which what a decoder gives is late against what went in; measured on the library. */
+    /**
+     * Samples by which what a decoder gives is late against what went in; measured on the library.
+     */
     static constexpr int64_t delay_samples = 1600;
 
     /** @return null, with a log line, when the library refuses */

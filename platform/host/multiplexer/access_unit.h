@@ -5,7 +5,9 @@
 
 namespace zu3host {
 
-/** Whether decoding can start at this H.264 access unit: its first slice is one of an IDR picture (Annex B).
+/**
+ * Whether decoding can start at this H.264 access unit: its first slice is one of an IDR picture
+ * (Annex B).
  */
 bool is_random_access_unit(std::span<const uint8_t> unit);
 

@@ -6,7 +6,9 @@ namespace zu3host {
 
 namespace {
 
-/** An encoder pushes from one thread, so that more at once are somebody's mistake, and cost memory. */
+/**
+ * An encoder pushes from one thread, so that more at once are somebody's mistake, and cost memory.
+ */
 constexpr size_t most_callers = 8;
 
 } // namespace
@@ -16,7 +18,8 @@ uint64_t EventCallback::set(const ZU_TSMUX_CallbackParams_t& params)
     const std::lock_guard lock(mutex_);
     if (callback_.pfnCallback)
         return 0;
-    callers_.reserve(most_callers); // an event that cannot be told would make its cause a failure
+    // an event that cannot be told would make its cause a failure
+    callers_.reserve(most_callers);
     callback_ = params;
     callback_.u64CallbackId = next_id_++;
     return callback_.u64CallbackId;
@@ -42,7 +45,8 @@ void EventCallback::wait_for_callers(std::unique_lock<std::mutex>& lock)
     callback_ = {};
     idle_.wait(lock, [this] {
         const auto self = std::this_thread::get_id();
-        return std::all_of(callers_.begin(), callers_.end(), [&](auto caller) { return caller == self; });
+        return std::all_of(callers_.begin(), callers_.end(),
+                           [&](auto caller) { return caller == self; });
     });
 }
 

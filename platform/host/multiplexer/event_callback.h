@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * The one callback that a multiplexer can have. It is called with no lock held; once it is removed it is not
- * running and will not be called again, except where it removes itself. Thread-safe.
+ * The one callback that a multiplexer can have. It is called with no lock held; once it is removed
+ * it is not running and will not be called again, except where it removes itself. Thread-safe.
  */
 class EventCallback {
 public:

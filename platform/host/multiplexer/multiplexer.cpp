@@ -83,13 +83,15 @@ uint32_t Multiplexer::push_locked(const ZU_TSMUX_MediaData_t& data)
     if (closed_ || !running_)
         return ZU_FAILURE;
     if (data.u64MuxSrcId == 0 || data.u64MuxSrcId != pictures_id_)
-        return ZU_INVALID_ARGUMENT; // sound is gathered here, nobody pushes it
+        // sound is gathered here, nobody pushes it
+        return ZU_INVALID_ARGUMENT;
     if (!data.pu8Data || data.u32DataSize == 0)
         return ZU_INVALID_ARGUMENT;
     if (writer_.greatest_picture_packets(data.u32DataSize) > ring_.capacity()) {
         if (!oversize_reported_)
-            HOST_LOGE("A picture of %u bytes is greater than the multiplexer's whole output buffer.",
-                      data.u32DataSize);
+            HOST_LOGE(
+                "A picture of %u bytes is greater than the multiplexer's whole output buffer.",
+                data.u32DataSize);
         oversize_reported_ = true;
         return ZU_FAILURE;
     }
@@ -131,8 +133,9 @@ void Multiplexer::warn_of_lateness(int64_t pts)
 {
     if (lateness_reported_ || writer_.now() <= static_cast<uint64_t>(pts) * 300)
         return;
-    HOST_LOGW("The constant rate of %u bit/s is too low for these pictures: they arrive after their time.",
-              params_.u32CbrBitrate);
+    HOST_LOGW(
+        "The constant rate of %u bit/s is too low for these pictures: they arrive after their time.",
+        params_.u32CbrBitrate);
     lateness_reported_ = true;
 }
 

@@ -17,8 +17,8 @@
 namespace zu3host {
 
 /**
- * One open multiplexer. Functions answer the contract's result codes and may be called from any thread; none
- * waits, but for a callback that is being called while it is removed.
+ * One open multiplexer. Functions answer the contract's result codes and may be called from any
+ * thread; none waits, but for a callback that is being called while it is removed.
  */
 class Multiplexer {
 public:
@@ -56,7 +56,8 @@ private:
     SoundQueue* queue() { return sound_ ? &sound_->queue() : nullptr; }
 
     const ZU_TSMUX_OpenParams_t params_;
-    const uint64_t start_; /**< the first time reference */
+    /** the first time reference */
+    const uint64_t start_;
     std::mutex mutex_;
     std::unique_ptr<OutputRegion> region_;
     PacketRing ring_;
@@ -66,7 +67,8 @@ private:
     EventCallback callback_;
     std::unique_ptr<SoundTrack> sound_;
     std::vector<ProgramStream> streams_;
-    uint64_t pictures_id_ = 0; /**< 0 = not attached */
+    /** 0 = not attached */
+    uint64_t pictures_id_ = 0;
     uint64_t sound_id_ = 0;
     uint64_t next_id_ = 1;
     bool pictures_announced_ = false;
@@ -76,8 +78,10 @@ private:
     bool full_reported_ = false;
     bool lateness_reported_ = false;
     bool oversize_reported_ = false;
-    int64_t last_pts_ = 0;        /**< of the last picture; 0 = none yet */
-    int64_t last_capture_us_ = 0; /**< when it was captured, monotonic clock */
+    /** of the last picture; 0 = none yet */
+    int64_t last_pts_ = 0;
+    /** when it was captured, monotonic clock */
+    int64_t last_capture_us_ = 0;
 };
 
 } // namespace zu3host

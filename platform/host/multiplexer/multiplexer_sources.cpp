@@ -1,4 +1,5 @@
-// What a multiplexer is opened with, and the sources and attributes that it is given before it runs.
+// What a multiplexer is opened with, and the sources and attributes that it is given before it
+// runs.
 #include "log/host_log.h"
 #include "multiplexer/multiplexer.h"
 #include "multiplexer/stream_timing.h"
@@ -26,8 +27,10 @@ bool valid_pid(uint16_t pid)
 
 bool valid_params(const ZU_TSMUX_OpenParams_t& params)
 {
-    if (params.u32TsPacketSize != ts_packet_bytes && params.u32TsPacketSize != timed_ts_packet_bytes) {
-        HOST_LOGE("A transport-stream packet has 188 or 192 bytes, not %u.", params.u32TsPacketSize);
+    if (params.u32TsPacketSize != ts_packet_bytes &&
+        params.u32TsPacketSize != timed_ts_packet_bytes) {
+        HOST_LOGE("A transport-stream packet has 188 or 192 bytes, not %u.",
+                  params.u32TsPacketSize);
         return false;
     }
     if (params.bCbrEnable && params.u32CbrBitrate < least_constant_rate) {
@@ -36,17 +39,22 @@ bool valid_params(const ZU_TSMUX_OpenParams_t& params)
         return false;
     }
     if (params.u32OutBufSize / params.u32TsPacketSize < least_ring_packets) {
-        HOST_LOGE("The multiplexer's output buffer of %u bytes is too small.", params.u32OutBufSize);
+        HOST_LOGE("The multiplexer's output buffer of %u bytes is too small.",
+                  params.u32OutBufSize);
         return false;
     }
-    if (!valid_pid(params.u16Pid0) || !valid_pid(params.u16Pid3) || params.u16Pid0 == params.u16Pid3) {
-        HOST_LOGE("0x%x and 0x%x cannot be the PIDs of map and time.", params.u16Pid0, params.u16Pid3);
+    if (!valid_pid(params.u16Pid0) || !valid_pid(params.u16Pid3) ||
+        params.u16Pid0 == params.u16Pid3) {
+        HOST_LOGE("0x%x and 0x%x cannot be the PIDs of map and time.", params.u16Pid0,
+                  params.u16Pid3);
         return false;
     }
     return true;
 }
 
-/** The first time reference: as if the stream had run for the seconds that the environment gives. */
+/**
+ * The first time reference: as if the stream had run for the seconds that the environment gives.
+ */
 uint64_t start_of_streams()
 {
     const char* const text = std::getenv("ZU3_STREAM_START");
@@ -76,7 +84,8 @@ Multiplexer::Multiplexer(const ZU_TSMUX_OpenParams_t& params, std::unique_ptr<Ou
       ring_(region_->memory(), params.u32TsPacketSize),
       writer_(ring_, start_, params.bCbrEnable ? params.u32CbrBitrate : 0)
 {
-    streams_.reserve(2); // so that to attach a source cannot fail half-way
+    // so that to attach a source cannot fail half-way
+    streams_.reserve(2);
     writer_.pictures().pid = params.u16Pid3;
     writer_.set_sound_lead(sound_lead);
     writer_.set_program(params.u16Pid0, streams_);
@@ -92,7 +101,8 @@ void Multiplexer::update_budget()
 bool Multiplexer::usable_pid(uint16_t pid) const
 {
     const auto same = [pid](const ProgramStream& stream) { return stream.pid == pid; };
-    if (valid_pid(pid) && pid != params_.u16Pid0 && std::none_of(streams_.begin(), streams_.end(), same))
+    if (valid_pid(pid) && pid != params_.u16Pid0 &&
+        std::none_of(streams_.begin(), streams_.end(), same))
         return true;
     HOST_LOGE("0x%x is no PID for a stream of this program.", pid);
     return false;
@@ -111,7 +121,8 @@ uint32_t Multiplexer::attach(const ZU_TSMUX_MediaSourceParams_t& params, uint64_
     if (closed_)
         return result;
     if (running_ || writer_.now() != start_) {
-        HOST_LOGE("Sources are attached before the multiplexer is started, since its tables never change.");
+        HOST_LOGE(
+            "Sources are attached before the multiplexer is started, since its tables never change.");
         return ZU_FAILURE;
     }
     switch (params.eStreamType) {
@@ -123,7 +134,8 @@ uint32_t Multiplexer::attach(const ZU_TSMUX_MediaSourceParams_t& params, uint64_
         result = attach_sound(params);
         break;
     default:
-        HOST_LOGE("Streams of type 0x%x cannot be multiplexed; pictures must be H.264.", params.eStreamType);
+        HOST_LOGE("Streams of type 0x%x cannot be multiplexed; pictures must be H.264.",
+                  params.eStreamType);
     }
     if (result == ZU_OK)
         source_id = next_id_++;

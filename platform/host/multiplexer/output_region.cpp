@@ -58,7 +58,8 @@ std::unique_ptr<OutputRegion> OutputRegion::claim(uint32_t address, uint32_t siz
 {
     const Range range{address, uint64_t{address} + size};
     if (size == 0 || !is_device_memory(range.begin, range.end)) {
-        HOST_LOGE("The multiplexer's output buffer (%u bytes at 0x%x) is no device memory.", size, address);
+        HOST_LOGE("The multiplexer's output buffer (%u bytes at 0x%x) is no device memory.", size,
+                  address);
         return nullptr;
     }
     if (take(range)) {
@@ -67,7 +68,8 @@ std::unique_ptr<OutputRegion> OutputRegion::claim(uint32_t address, uint32_t siz
     }
     const auto block = allocate_block("tsmux output", size);
     if (!block) {
-        HOST_LOGE("There is no memory for the output buffer of another multiplexer (%u bytes).", size);
+        HOST_LOGE("There is no memory for the output buffer of another multiplexer (%u bytes).",
+                  size);
         return nullptr;
     }
     return std::unique_ptr<OutputRegion>(new OutputRegion({block->virt, size}, block->phys));

@@ -7,15 +7,15 @@
 namespace zu3host {
 
 /**
- * The memory of one output ring. The contract gives the same region to every multiplexer of the process: the
- * first one takes it, another one that comes while it is taken gets a device block of its own of the same
- * size, so that their streams stay apart. Released on destruction.
+ * The memory of one output ring. The contract gives the same region to every multiplexer of the
+ * process: the first one takes it, another one that comes while it is taken gets a device block of
+ * its own of the same size, so that their streams stay apart. Released on destruction.
  */
 class OutputRegion {
 public:
     /**
-     * @return null, with a log line, when `address` is not `size` bytes of device memory or no block can be
-     * had
+     * @return null, with a log line, when `address` is not `size` bytes of device memory or no
+     * block can be had
      */
     static std::unique_ptr<OutputRegion> claim(uint32_t address, uint32_t size);
     OutputRegion(const OutputRegion&) = delete;
@@ -25,10 +25,14 @@ public:
     std::span<uint8_t> memory() const { return memory_; }
 
 private:
-    OutputRegion(std::span<uint8_t> memory, uint64_t own_block) : memory_(memory), own_block_(own_block) {}
+    OutputRegion(std::span<uint8_t> memory, uint64_t own_block)
+        : memory_(memory), own_block_(own_block)
+    {
+    }
 
     std::span<uint8_t> memory_;
-    uint64_t own_block_; /**< physical address of a block of our own; 0 = the given region */
+    /** physical address of a block of our own; 0 = the given region */
+    uint64_t own_block_;
 };
 
 } // namespace zu3host

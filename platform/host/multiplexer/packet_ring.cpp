@@ -37,8 +37,8 @@ size_t PacketRing::copy_out(uint8_t* dst, size_t max_bytes)
     std::memcpy(dst, memory_ + first_ * packet_bytes_, straight * packet_bytes_);
     std::memcpy(dst + straight * packet_bytes_, memory_, (wanted - straight) * packet_bytes_);
     used_ -= wanted;
-    // An empty ring begins anew: a stream that is read in time stays in the few pages that it fills each
-    // time.
+    // An empty ring begins anew: a stream that is read in time stays in the few pages that it fills
+    // each time.
     first_ = used_ == 0 ? 0 : (first_ + wanted) % capacity_;
     return wanted * packet_bytes_;
 }

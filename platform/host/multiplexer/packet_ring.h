@@ -6,16 +6,21 @@
 
 namespace zu3host {
 
-inline constexpr size_t ts_packet_bytes = 188;       /**< ISO/IEC 13818-1, 2.4.3.2 */
-inline constexpr size_t timed_ts_packet_bytes = 192; /**< the same behind a TP_extra_header of 4 bytes */
+/** ISO/IEC 13818-1, 2.4.3.2 */
+inline constexpr size_t ts_packet_bytes = 188;
+/** the same behind a TP_extra_header of 4 bytes */
+inline constexpr size_t timed_ts_packet_bytes = 192;
 
 /**
- * The multiplexed stream between the multiplexer and its reader: a ring of whole packets in memory of the
- * caller's. Not thread-safe.
+ * The multiplexed stream between the multiplexer and its reader: a ring of whole packets in memory
+ * of the caller's. Not thread-safe.
  */
 class PacketRing {
 public:
-    /** @param packet_bytes 188 or 192. The memory must hold at least one packet and outlive the ring. */
+    /**
+     * @param packet_bytes 188 or 192. The memory must hold at least one packet and outlive the
+     * ring.
+     */
     PacketRing(std::span<uint8_t> memory, size_t packet_bytes);
 
     size_t capacity() const { return capacity_; }
@@ -23,8 +28,10 @@ public:
 
     /**
      * Adds one packet; free_packets() must not be 0.
-     * @param arrival_27mhz the packet's place on the stream's clock, for the extra header of 192-byte packets
-     * @return where the 188 bytes go, which the caller fills before anything else is done with the ring
+     * @param arrival_27mhz the packet's place on the stream's clock, for the extra header of
+     *     192-byte packets
+     * @return where the 188 bytes go, which the caller fills before anything else is done with the
+     *     ring
      */
     uint8_t* append(uint64_t arrival_27mhz);
     /** Moves whole packets out, at most `max_bytes`. @return bytes moved */
@@ -33,7 +40,8 @@ public:
 private:
     uint8_t* memory_;
     size_t packet_bytes_;
-    size_t capacity_; /**< packets */
+    /** packets */
+    size_t capacity_;
     size_t first_ = 0;
     size_t used_ = 0;
 };

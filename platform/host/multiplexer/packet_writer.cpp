@@ -17,15 +17,15 @@ void set_pcr(uint8_t* packet, uint64_t time_27mhz)
 
 } // namespace
 
-PesPacket::PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data)
-    : data_(data)
+PesPacket::PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data) : data_(data)
 {
     // Pictures too long for the field leave it open, which is for pictures alone (2.4.3.7).
     const size_t behind_length = pes_header_bytes - PES_HEADER_SIZE + data.size();
     uint8_t* const header = header_.data();
     pes_init(header);
     pes_set_streamid(header, stream_id);
-    pes_set_length(header, behind_length <= UINT16_MAX ? static_cast<uint16_t>(behind_length) : uint16_t{0});
+    pes_set_length(header, behind_length <= UINT16_MAX ? static_cast<uint16_t>(behind_length)
+                                                       : uint16_t{0});
     pes_set_headerlength(header, PES_HEADER_TS_SIZE);
     pes_set_dataalignment(header);
     pes_set_pts(header, static_cast<uint64_t>(pts));
@@ -71,7 +71,8 @@ void PacketWriter::write_pcr(const PacketStream& stream)
     uint8_t* const packet = begin();
     ts_init(packet);
     ts_set_pid(packet, stream.pid);
-    ts_set_cc(packet, stream.continuity); // no payload: the counter stands still (2.4.3.3)
+    // no payload: the counter stands still (2.4.3.3)
+    ts_set_cc(packet, stream.continuity);
     ts_set_adaptation(packet, ts_payload_bytes - 1);
     set_pcr(packet, clock_.now());
     clock_.packet_sent();
@@ -87,7 +88,8 @@ void PacketWriter::write_pes(PesPacket& pes, PacketStream& stream, Marks marks)
     ts_set_payload(packet);
     if (pes.at_start())
         ts_set_unitstart(packet);
-    size_t adaptation = marks.pcr ? 8 : marks.random_access ? 2 : 0; // with its length byte
+    // with its length byte
+    size_t adaptation = marks.pcr ? 8 : marks.random_access ? 2 : 0;
     const size_t taken = std::min(pes.left(), ts_payload_bytes - adaptation);
     adaptation = ts_payload_bytes - taken;
     if (adaptation != 0)

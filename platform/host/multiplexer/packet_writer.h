@@ -10,18 +10,23 @@
 
 namespace zu3host {
 
-inline constexpr size_t ts_payload_bytes = 184; /**< of a packet without an adaptation field */
-inline constexpr size_t pes_header_bytes = 14;  /**< with a PTS and nothing else */
+/** of a packet without an adaptation field */
+inline constexpr size_t ts_payload_bytes = 184;
+/** with a PTS and nothing else */
+inline constexpr size_t pes_header_bytes = 14;
 
 /** One elementary stream and its place in the sequence of its packets. */
 struct PacketStream {
     uint16_t pid = 0;
-    uint8_t stream_id = 0; /**< of its PES packets */
+    /** of its PES packets */
+    uint8_t stream_id = 0;
     uint8_t continuity = 0;
 };
 
-/** A PES packet (2.4.3.6) on its way into transport packets: a header of its own before bytes of the
- * caller's. */
+/**
+ * A PES packet (2.4.3.6) on its way into transport packets: a header of its own before bytes of the
+ * caller's.
+ */
 class PesPacket {
 public:
     PesPacket(uint8_t stream_id, int64_t pts, std::span<const uint8_t> data);
@@ -35,7 +40,10 @@ private:
     size_t position_ = 0;
 };
 
-/** Writes transport packets straight into the ring and moves the stream's clock by each. Not thread-safe. */
+/**
+ * Writes transport packets straight into the ring and moves the stream's clock by each. Not
+ * thread-safe.
+ */
 class PacketWriter {
 public:
     PacketWriter(PacketRing& ring, StreamClock& clock) : ring_(ring), clock_(clock) {}

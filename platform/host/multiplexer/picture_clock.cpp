@@ -12,7 +12,10 @@ constexpr int64_t ticks_per_second = 90000;
 /** Ten minutes: without a continuity control there is still a step that nobody would wait for. */
 constexpr int64_t default_limit = 600 * ticks_per_second;
 
-/** To the nearest tick, so that times on the grid of a frame rate keep to it: 33333 us are 3000 ticks. */
+/**
+ * To the nearest tick, so that times on the grid of a frame rate keep to it: 33333 us are 3000
+ * ticks.
+ */
 constexpr int64_t ticks_of(int64_t microseconds)
 {
     return (microseconds * 9 + (microseconds < 0 ? -50 : 50)) / 100;

@@ -6,17 +6,18 @@
 namespace zu3host {
 
 /**
- * Presentation times of pictures, in ticks of 90 kHz from the first one, which strictly increase. The
- * capture's own clock is followed where it is known. Stated times are followed within the continuity limits;
- * a step beyond them is no real time, and the picture continues at the frame interval seen so far. So does
- * one without any time.
+ * Presentation times of pictures, in ticks of 90 kHz from the first one, which strictly increase.
+ * The capture's own clock is followed where it is known. Stated times are followed within the
+ * continuity limits; a step beyond them is no real time, and the picture continues at the frame
+ * interval seen so far. So does one without any time.
  */
 class PictureClock {
 public:
     /** A presentation time that was worked out but does not count until it is committed. */
     struct Stamp {
         int64_t ticks;
-        int64_t host_origin; /**< microseconds of the capture's clock at tick 0 */
+        /** microseconds of the capture's clock at tick 0 */
+        int64_t host_origin;
         int64_t stated_offset;
         bool host_known;
     };

@@ -63,7 +63,8 @@ TablePacket packet_of(const Section& section, uint16_t pid)
     ts_set_pid(packet.data(), pid);
     ts_set_unitstart(packet.data());
     ts_set_payload(packet.data());
-    packet[TS_HEADER_SIZE] = 0; // pointer_field
+    // pointer_field
+    packet[TS_HEADER_SIZE] = 0;
     const size_t bytes = psi_get_length(section.data()) + size_t{PSI_HEADER_SIZE};
     std::memcpy(packet.data() + TS_HEADER_SIZE + 1, section.data(), bytes);
     return packet;

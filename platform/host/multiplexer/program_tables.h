@@ -10,7 +10,8 @@ namespace zu3host {
 
 /** One line of the program map (ISO/IEC 13818-1, 2.4.4.8). */
 struct ProgramStream {
-    uint8_t stream_type; /**< table 2-34: 0x1B = H.264, 0x0F = AAC with ADTS */
+    /** table 2-34: 0x1B = H.264, 0x0F = AAC with ADTS */
+    uint8_t stream_type;
     uint16_t pid;
 };
 
@@ -22,7 +23,10 @@ struct ProgramTables {
     TablePacket map;
 };
 
-/** Tables of the one program, number 1, of at most eight streams; version 0, since they never change. */
+/**
+ * Tables of the one program, number 1, of at most eight streams; version 0, since they never
+ * change.
+ */
 ProgramTables make_program_tables(uint16_t map_pid, uint16_t pcr_pid,
                                   const std::vector<ProgramStream>& streams);
 

@@ -41,7 +41,8 @@ void RateBudget::set(uint64_t bits_per_second)
 
 uint64_t picture_budget(uint64_t stream_rate, bool with_sound)
 {
-    const uint64_t left = with_sound ? stream_rate - std::min(stream_rate / 2, sound_rate) : stream_rate;
+    const uint64_t left =
+        with_sound ? stream_rate - std::min(stream_rate / 2, sound_rate) : stream_rate;
     return left * 85 / 100;
 }
 

@@ -5,8 +5,9 @@
 namespace zu3host {
 
 /**
- * What one multiplexer of constant rate leaves for the pictures. While it lives it counts for the process's
- * rate ceiling, which is the lowest of all budgets. Thread-safe among budgets; one thread at a time uses one.
+ * What one multiplexer of constant rate leaves for the pictures. While it lives it counts for the
+ * process's rate ceiling, which is the lowest of all budgets. Thread-safe among budgets; one thread
+ * at a time uses one.
  */
 class RateBudget {
 public:
@@ -19,7 +20,9 @@ public:
     void set(uint64_t bits_per_second);
 };
 
-/** What remains of a transport-stream rate for pictures, beside tables, packet headers and sound. */
+/**
+ * What remains of a transport-stream rate for pictures, beside tables, packet headers and sound.
+ */
 uint64_t picture_budget(uint64_t stream_rate, bool with_sound);
 
 } // namespace zu3host

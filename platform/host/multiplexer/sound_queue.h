@@ -8,15 +8,16 @@
 namespace zu3host {
 
 /**
- * Encoded sound that waits for its place in the stream: a fixed number of AAC frames with their presentation
- * times (90 kHz, the stream's). Its memory is taken once. Not thread-safe.
+ * Encoded sound that waits for its place in the stream: a fixed number of AAC frames with their
+ * presentation times (90 kHz, the stream's). Its memory is taken once. Not thread-safe.
  */
 class SoundQueue {
 public:
-    static constexpr size_t frames = 128; /**< 2.7 seconds */
+    /** 2.7 seconds */
+    static constexpr size_t frames = 128;
     /**
-     * A frame has up to 6144 bits for each of two channels (ISO/IEC 14496-3) and an ADTS header of 7 bytes
-     * before them.
+     * A frame has up to 6144 bits for each of two channels (ISO/IEC 14496-3) and an ADTS header of
+     * 7 bytes before them.
      */
     static constexpr size_t greatest_frame = 2 * 6144 / 8 + 7;
 
@@ -28,7 +29,10 @@ public:
     void clear() { used_ = 0; }
 
     /** Where the next frame's bytes go; the queue must not be full. */
-    std::span<uint8_t> place() { return {data_.data() + index(used_) * greatest_frame, greatest_frame}; }
+    std::span<uint8_t> place()
+    {
+        return {data_.data() + index(used_) * greatest_frame, greatest_frame};
+    }
     void push(size_t bytes, int64_t pts)
     {
         entries_[index(used_)] = {pts, bytes};

@@ -8,7 +8,10 @@ namespace zu3host {
 
 namespace {
 
-/** Greatest difference of the two clocks that goes unheeded: less than an ear notices beside a picture. */
+/**
+ * Greatest difference of the two clocks that goes unheeded: less than an ear notices beside a
+ * picture.
+ */
 constexpr int64_t greatest_drift_samples = pcm_rate / 50;
 constexpr int64_t frame_ticks = int64_t{90000} * aac_frame_samples / pcm_rate;
 constexpr int64_t delay_ticks = 90000 * AacEncoder::delay_samples / pcm_rate;
@@ -42,7 +45,8 @@ void SoundTrack::begin(int64_t start_us, int64_t pts)
 
 int64_t SoundTrack::time_of_next_us() const
 {
-    const int64_t samples = frames_ * int64_t{aac_frame_samples} + static_cast<int64_t>(staged_samples_);
+    const int64_t samples =
+        frames_ * int64_t{aac_frame_samples} + static_cast<int64_t>(staged_samples_);
     return start_us_ + samples * 1000 / (pcm_rate / 1000);
 }
 
@@ -70,7 +74,8 @@ bool SoundTrack::gather_heard()
         return true;
     }
     const size_t room = (aac_frame_samples - staged_samples_) * pcm_frame_bytes;
-    const size_t read = reader_->read(staged_.data() + staged_samples_ * pcm_channels, std::min(room, level));
+    const size_t read =
+        reader_->read(staged_.data() + staged_samples_ * pcm_channels, std::min(room, level));
     staged_samples_ += read / pcm_frame_bytes;
     aligned_ = true;
     return read != 0;

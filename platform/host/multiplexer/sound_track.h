@@ -11,20 +11,24 @@
 namespace zu3host {
 
 /**
- * The sound of one recording: what the process's audio capture hears, from the first picture on, as one
- * unbroken row of AAC frames. Where nothing was heard, or what was heard got lost, there is silence, so that
- * sound and pictures stay together. Not thread-safe.
+ * The sound of one recording: what the process's audio capture hears, from the first picture on, as
+ * one unbroken row of AAC frames. Where nothing was heard, or what was heard got lost, there is
+ * silence, so that sound and pictures stay together. Not thread-safe.
  */
 class SoundTrack {
 public:
     /** @return null when there is no AAC encoder */
     static std::unique_ptr<SoundTrack> open();
 
-    /** What is heard comes from here, whether audio capture is started already or not; null = from nowhere.
+    /**
+     * What is heard comes from here, whether audio capture is started already or not; null = from
+     * nowhere.
      */
     void listen(std::unique_ptr<PcmReader> reader);
     bool begun() const { return begun_; }
-    /** The track begins at this moment of the monotonic clock, which is presented at `pts` (90 kHz). */
+    /**
+     * The track begins at this moment of the monotonic clock, which is presented at `pts` (90 kHz).
+     */
     void begin(int64_t start_us, int64_t pts);
     /**
      * Encodes what was heard, as far as the queue has room.
@@ -51,7 +55,8 @@ private:
     int64_t start_us_ = 0;
     int64_t start_pts_ = 0;
     bool begun_ = false;
-    bool aligned_ = false; /**< whether the last samples staged came from the reader */
+    /** whether the last samples staged came from the reader */
+    bool aligned_ = false;
 };
 
 } // namespace zu3host

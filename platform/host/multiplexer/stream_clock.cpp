@@ -9,7 +9,9 @@ namespace zu3host {
 namespace {
 
 constexpr uint64_t packet_bits_in_ticks = ts_packet_bytes * 8 * system_clock_hz;
-/** Packets at a variable rate are a microsecond apart at least, so that no two carry the same time. */
+/**
+ * Packets at a variable rate are a microsecond apart at least, so that no two carry the same time.
+ */
 constexpr uint64_t least_packet_ticks = 27;
 
 } // namespace

@@ -13,8 +13,9 @@ constexpr uint64_t system_ticks_of_ms(uint64_t milliseconds)
 }
 
 /**
- * Where the stream stands, on its own system clock; what a PCR says. At a constant rate it moves with the
- * packets alone, exactly; at a variable rate it also moves to the moments that the pictures ask for.
+ * Where the stream stands, on its own system clock; what a PCR says. At a constant rate it moves
+ * with the packets alone, exactly; at a variable rate it also moves to the moments that the
+ * pictures ask for.
  */
 class StreamClock {
 public:
@@ -31,8 +32,10 @@ public:
 private:
     uint64_t now_;
     uint64_t bits_per_second_;
-    uint64_t whole_ticks_;   /**< duration of a packet, rounded down */
-    uint64_t remainder_ = 0; /**< its rest, in 1/rate of a tick */
+    /** duration of a packet, rounded down */
+    uint64_t whole_ticks_;
+    /** its rest, in 1/rate of a tick */
+    uint64_t remainder_ = 0;
     uint64_t carried_ = 0;
 };
 

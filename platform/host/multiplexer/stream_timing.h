@@ -6,13 +6,19 @@
 
 namespace zu3host {
 
-/** The first time reference: small, and greater than nothing, so that no sum before it runs below zero. */
+/**
+ * The first time reference: small, and greater than nothing, so that no sum before it runs below
+ * zero.
+ */
 inline constexpr uint64_t stream_start = system_ticks_of_ms(100);
-/** Over how much of the stream a picture is spread at most, and before its end begins at the earliest. */
+/**
+ * Over how much of the stream a picture is spread at most, and before its end begins at the
+ * earliest.
+ */
 inline constexpr uint64_t picture_window = system_ticks_of_ms(100);
 /**
- * How long a picture is complete before it is due. At a constant rate a large picture takes its time, and
- * what a decoder must hold stays below one second with the window above.
+ * How long a picture is complete before it is due. At a constant rate a large picture takes its
+ * time, and what a decoder must hold stays below one second with the window above.
  */
 inline constexpr uint64_t variable_rate_lead = system_ticks_of_ms(300);
 inline constexpr uint64_t constant_rate_lead = system_ticks_of_ms(900);

@@ -10,14 +10,17 @@ namespace {
 
 constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
 /**
- * At a variable rate a reader takes the packets between two time references for evenly spread, however few
- * there are. Tables therefore follow straight behind a reference: the first one after the period, or one that
- * is written for them at its end. What is left of 100 ms is for the packets' apparent places, two of three at
- * most into the next 36 ms.
+ * At a variable rate a reader takes the packets between two time references for evenly spread,
+ * however few there are. Tables therefore follow straight behind a reference: the first one after
+ * the period, or one that is written for them at its end. What is left of 100 ms is for the
+ * packets' apparent places, two of three at most into the next 36 ms.
  */
 constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(60);
 constexpr uint64_t variable_rate_tables_limit = system_ticks_of_ms(75);
-/** Null packets would pay for the time at a constant rate anyway; a variable rate pays 188 bytes for each. */
+/**
+ * Null packets would pay for the time at a constant rate anyway; a variable rate pays 188 bytes for
+ * each.
+ */
 constexpr uint64_t constant_rate_time_period = system_ticks_of_ms(25);
 constexpr uint64_t variable_rate_time_period = system_ticks_of_ms(36);
 
@@ -69,8 +72,8 @@ void StreamWriter::write_tables()
     packets_.write_table(tables_.association, association_continuity_);
     packets_.write_table(tables_.map, map_continuity_);
     after_time_ = false;
-    tables_due_ =
-        clock_.now() + (clock_.constant_rate() ? constant_rate_tables_period : variable_rate_tables_period);
+    tables_due_ = clock_.now() + (clock_.constant_rate() ? constant_rate_tables_period
+                                                         : variable_rate_tables_period);
     tables_limit_ = clock_.now() + variable_rate_tables_limit;
 }
 
@@ -136,7 +139,8 @@ bool StreamWriter::advance(uint64_t moment, SoundQueue* queue)
 
 size_t StreamWriter::greatest_picture_packets(size_t bytes) const
 {
-    // Each packet lets time pass in which tables and time fall due; a few more for those due at once.
+    // Each packet lets time pass in which tables and time fall due; a few more for those due at
+    // once.
     const size_t payload = packets_of(bytes + pes_header_bytes) + 1;
     if (!clock_.constant_rate())
         return payload + payload / 20 + 16;

@@ -13,13 +13,14 @@ namespace zu3host {
 struct PictureUnit {
     std::span<const uint8_t> data;
     int64_t pts;
-    bool random_access; /**< decoding can start here: tables go before it */
+    /** decoding can start here: tables go before it */
+    bool random_access;
 };
 
 /**
- * The order of the stream: pictures, and between them whatever falls due on the stream's clock - program
- * clock references at most 40 ms apart, tables at most 100 ms apart, sound shortly before it is heard, null
- * packets at a constant rate. Not thread-safe.
+ * The order of the stream: pictures, and between them whatever falls due on the stream's clock -
+ * program clock references at most 40 ms apart, tables at most 100 ms apart, sound shortly before
+ * it is heard, null packets at a constant rate. Not thread-safe.
  */
 class StreamWriter {
 public:
@@ -34,25 +35,34 @@ public:
     uint64_t now() const { return clock_.now(); }
     bool constant_rate() const { return clock_.constant_rate(); }
 
-    /** What the tables say; before the first packet. Time references go with pictures(), also without
-     * pictures. */
+    /**
+     * What the tables say; before the first packet. Time references go with pictures(), also
+     * without pictures.
+     */
     void set_program(uint16_t map_pid, const std::vector<ProgramStream>& streams);
     PacketStream& pictures() { return pictures_; }
     PacketStream& sound() { return sound_; }
     /** How long before it is heard sound goes out, ticks of 27 MHz. */
     void set_sound_lead(uint64_t ticks) { sound_lead_ = ticks; }
 
-    /** Moves the stream to `moment`, with what falls due until then. @return false when the ring filled up
-     * first */
+    /**
+     * Moves the stream to `moment`, with what falls due until then. @return false when the ring
+     * filled up first
+     */
     bool advance(uint64_t moment, SoundQueue* queue);
-    /** Packets that a picture of `bytes` takes at most, with tables and time references, without sound. */
+    /**
+     * Packets that a picture of `bytes` takes at most, with tables and time references, without
+     * sound.
+     */
     size_t greatest_picture_packets(size_t bytes) const;
     /**
-     * Writes a picture whole, at a variable rate spread up to `end`. free_packets() of the ring must not be
-     * below greatest_picture_packets().
+     * Writes a picture whole, at a variable rate spread up to `end`. free_packets() of the ring
+     * must not be below greatest_picture_packets().
      */
     void write_picture(const PictureUnit& picture, uint64_t end, SoundQueue* queue);
-    /** Writes sound that is heard until `pts` at once, whatever its time; as far as there is room. */
+    /**
+     * Writes sound that is heard until `pts` at once, whatever its time; as far as there is room.
+     */
     void flush_sound(SoundQueue& queue, int64_t pts);
 
 private:
@@ -78,9 +88,11 @@ private:
     PacketStream sound_ = {0, 0, 15};
     uint64_t sound_lead_ = 0;
     uint64_t tables_due_;
-    uint64_t tables_limit_ = 0; /**< at a variable rate: when a time reference is written for them */
+    /** at a variable rate: when a time reference is written for them */
+    uint64_t tables_limit_ = 0;
     uint64_t time_due_;
-    bool after_time_ = true; /**< whether the packet written last carries the time; tables go first of all */
+    /** whether the packet written last carries the time; tables go first of all */
+    bool after_time_ = true;
 };
 
 } // namespace zu3host

@@ -95,12 +95,14 @@ HOST_EXPORT u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_Callback
     });
 }
 
-HOST_EXPORT u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams)
+HOST_EXPORT u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle,
+                                            const ZU_TSMUX_CallbackParams_t* pstParams)
 {
     if (!pstParams)
         return ZU_INVALID_ARGUMENT;
     return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) -> u32 {
-        return multiplexer.callback().remove(pstParams->u64CallbackId) ? ZU_OK : ZU_INVALID_ARGUMENT;
+        return multiplexer.callback().remove(pstParams->u64CallbackId) ? ZU_OK
+                                                                       : ZU_INVALID_ARGUMENT;
     });
 }
 
@@ -108,11 +110,13 @@ HOST_EXPORT u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue)
 {
     if (!pValue)
         return ZU_INVALID_ARGUMENT;
-    return with_object(__func__, multiplexers, u32Handle,
-                       [&](Multiplexer& multiplexer) { return set_attribute(multiplexer, u32Type, pValue); });
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) {
+        return set_attribute(multiplexer, u32Type, pValue);
+    });
 }
 
-HOST_EXPORT u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
+HOST_EXPORT u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle,
+                                           const ZU_TSMUX_MediaSourceParams_t* pstParams,
                                            u64* pu64MuxSrcId)
 {
     if (!pstParams || !pu64MuxSrcId)
@@ -150,11 +154,13 @@ HOST_EXPORT u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t
 {
     if (!pstData)
         return ZU_INVALID_ARGUMENT;
-    return with_object(__func__, multiplexers, u32Handle,
-                       [&](Multiplexer& multiplexer) { return multiplexer.push(u32Handle, *pstData); });
+    return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) {
+        return multiplexer.push(u32Handle, *pstData);
+    });
 }
 
-HOST_EXPORT u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied)
+HOST_EXPORT u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize,
+                                          u32* pu32Copied)
 {
     if (!pDst || !pu32Copied)
         return ZU_INVALID_ARGUMENT;

@@ -9,8 +9,8 @@ using zu3host::at_border;
 using zu3host::HandleTable;
 using zu3host::TimedMutex;
 
-// Never destroyed: threads may still hold mutexes while the process exits. Ids only count up, so that an old
-// one is never another mutex; -1 is a handle that counting does not reach.
+// Never destroyed: threads may still hold mutexes while the process exits. Ids only count up, so
+// that an old one is never another mutex; -1 is a handle that counting does not reach.
 HandleTable<TimedMutex>& mutexes()
 {
     static auto& all = *new HandleTable<TimedMutex>(0);
@@ -37,7 +37,8 @@ HOST_EXPORT u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32Mut
     if (!pstAttr || !ps32MutexId)
         return ZU_INVALID_ARGUMENT;
     return at_border(__func__, [=] {
-        zu3host::store_output(ps32MutexId, static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>())));
+        zu3host::store_output(ps32MutexId,
+                              static_cast<s32>(mutexes().add(std::make_shared<TimedMutex>())));
         return u32{ZU_OK};
     });
 }

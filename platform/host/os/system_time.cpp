@@ -17,7 +17,8 @@ timespec monotonic_now()
 u32 system_time_ms()
 {
     const timespec now = monotonic_now();
-    return static_cast<u32>(static_cast<u64>(now.tv_sec) * 1000u + static_cast<u64>(now.tv_nsec) / 1000000u);
+    return static_cast<u32>(static_cast<u64>(now.tv_sec) * 1000u +
+                            static_cast<u64>(now.tv_nsec) / 1000000u);
 }
 
 timespec after(timespec moment, u32 milliseconds)

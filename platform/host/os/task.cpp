@@ -12,8 +12,8 @@ namespace zu3host {
 
 namespace {
 
-// The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual 8 MiB
-// would count in full wherever address space or locked memory is limited.
+// The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual
+// 8 MiB would count in full wherever address space or locked memory is limited.
 constexpr size_t least_stack_bytes = 256 * 1024;
 
 thread_local int deletion_of_task = -1;
@@ -44,21 +44,23 @@ int Task::start(size_t stack_bytes)
     std::unique_ptr<std::shared_ptr<Task>> kept(itself);
     if (!kept)
         return ENOMEM;
-    // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task without
-    // it.
+    // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task
+    // without it.
     const std::lock_guard lock(mutex_);
     deletion_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!deletion_)
         return errno;
     const int error = pthread_create(&thread_, attributes.get(), run_thread, kept.get());
     if (error == 0)
-        static_cast<void>(kept.release()); // the thread's from here on
+        // the thread's from here on
+        static_cast<void>(kept.release());
     return error;
 }
 
 void* Task::run_thread(void* kept_task)
 {
-    const std::unique_ptr<std::shared_ptr<Task>> kept(static_cast<std::shared_ptr<Task>*>(kept_task));
+    const std::unique_ptr<std::shared_ptr<Task>> kept(
+        static_cast<std::shared_ptr<Task>*>(kept_task));
     (*kept)->run();
     return nullptr;
 }
@@ -90,7 +92,8 @@ Task::End Task::stop(std::chrono::milliseconds limit)
     if (state_ == State::created)
         state_ = State::cancelled;
     eventfd_write(deletion_.get(), 1);
-    const bool ends = wait_patiently(returned_, lock, limit, [this] { return state_ != State::running; });
+    const bool ends =
+        wait_patiently(returned_, lock, limit, [this] { return state_ != State::running; });
     lock.unlock();
     if (ends)
         pthread_join(thread_, nullptr);

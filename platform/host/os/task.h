@@ -15,8 +15,10 @@ class Task : public std::enable_shared_from_this<Task> {
 public:
     using Entry = void (*)(void*);
     enum class End {
-        finished,      /**< nothing of the task runs any more */
-        still_running, /**< the entry did not return within the limit; the thread is left to itself */
+        /** nothing of the task runs any more */
+        finished,
+        /** the entry did not return within the limit; the thread is left to itself */
+        still_running,
     };
 
     Task(const char* name, Entry entry, void* argument)
@@ -27,15 +29,15 @@ public:
     /** Starts the thread with a stack of at least `stack_bytes`; an errno, 0 = started. */
     int start(size_t stack_bytes);
     /**
-     * Keeps an entry that has not begun from ever running, and waits up to `limit` for one that runs. Waits
-     * of its thread for deletion_on_this_thread() are over.
+     * Keeps an entry that has not begun from ever running, and waits up to `limit` for one that
+     * runs. Waits of its thread for deletion_on_this_thread() are over.
      */
     End stop(std::chrono::milliseconds limit);
 
     bool runs_on_this_thread() const;
     /**
-     * For whoever polls on a task's thread: a descriptor that is readable from the task's deletion on; -1 on
-     * a thread that is no task's.
+     * For whoever polls on a task's thread: a descriptor that is readable from the task's deletion
+     * on; -1 on a thread that is no task's.
      */
     static int deletion_on_this_thread();
     const char* name() const { return name_.data(); }
@@ -54,7 +56,8 @@ private:
     std::condition_variable returned_;
     State state_ = State::created;
     pthread_t thread_{};
-    FileDescriptor deletion_; // an event
+    // an event
+    FileDescriptor deletion_;
 };
 
 } // namespace zu3host

@@ -32,7 +32,8 @@ bool is_complete(const ZU_OS_TaskAttr_t& attributes)
 
 u32 create_task(const ZU_OS_TaskAttr_t& attributes, s32& task_id)
 {
-    const auto task = std::make_shared<Task>(attributes.pName, attributes.pfnEntry, attributes.pArg);
+    const auto task =
+        std::make_shared<Task>(attributes.pName, attributes.pfnEntry, attributes.pArg);
     const u32 id = tasks().add(task);
     // Written before the thread exists, since the task may read it.
     zu3host::store_output(&task_id, static_cast<s32>(id));
@@ -58,8 +59,8 @@ u32 delete_task(s32 task_id)
         return ZU_INVALID_ARGUMENT;
     if (task->stop(deletion_limit) == Task::End::finished)
         return ZU_OK;
-    HOST_LOGE("Task \"%s\" still ran %lld ms after its deletion and is left to itself.", task->name(),
-              static_cast<long long>(deletion_limit.count()));
+    HOST_LOGE("Task \"%s\" still ran %lld ms after its deletion and is left to itself.",
+              task->name(), static_cast<long long>(deletion_limit.count()));
     return ZU_FAILURE;
 }
 

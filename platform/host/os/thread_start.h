@@ -29,8 +29,8 @@ inline void name_this_thread(const ThreadName& name)
 }
 
 /**
- * Raises the stack size that threads get by default, x264's own included, to what they need. It is that of
- * RLIMIT_STACK, which somebody may have set to less than x264 lays on a stack.
+ * Raises the stack size that threads get by default, x264's own included, to what they need. It is
+ * that of RLIMIT_STACK, which somebody may have set to less than x264 lays on a stack.
  */
 inline void give_threads_enough_stack()
 {
@@ -50,11 +50,13 @@ inline void give_threads_enough_stack()
 }
 
 /**
- * While it lives, the calling thread is what the threads of the host layer are to be; they inherit it.
+ * While it lives, the calling thread is what the threads of the host layer are to be; they inherit
+ * it.
  *
- * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and the like.
- * And it is preferred to ordinary programs where the system allows it (root, CAP_SYS_NICE, RLIMIT_NICE): the
- * picture or the sound that it comes late for is lost. A process that somebody gave a priority keeps it.
+ * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and
+ * the like. And it is preferred to ordinary programs where the system allows it (root,
+ * CAP_SYS_NICE, RLIMIT_NICE): the picture or the sound that it comes late for is lost. A process
+ * that somebody gave a priority keeps it.
  */
 class ThreadInheritance {
 public:
@@ -79,16 +81,18 @@ public:
     ThreadInheritance& operator=(const ThreadInheritance&) = delete;
 
 private:
-    static constexpr id_t this_thread = 0;    // on Linux a thread has a nice value of its own
-    static constexpr int nice_of_media = -10; // what sound servers take
+    // on Linux a thread has a nice value of its own
+    static constexpr id_t this_thread = 0;
+    // what sound servers take
+    static constexpr int nice_of_media = -10;
     sigset_t signals_before_;
     bool preferred_;
 };
 
 /**
- * Starts a thread of the host layer: named (cut at 15 characters), without signals, preferred. `entry` takes
- * no argument; what it throws ends the thread and not the process. Throws std::system_error when the system
- * gives no thread.
+ * Starts a thread of the host layer: named (cut at 15 characters), without signals, preferred.
+ * `entry` takes no argument; what it throws ends the thread and not the process. Throws
+ * std::system_error when the system gives no thread.
  */
 template <typename F> std::thread start_thread(const char* name, F entry)
 {

@@ -8,8 +8,8 @@ namespace zu3host {
 
 namespace {
 
-// The system gives the ids of finished threads to new ones, so that a new thread could pass for a dead
-// holder.
+// The system gives the ids of finished threads to new ones, so that a new thread could pass for a
+// dead holder.
 uint64_t number_of_this_thread()
 {
     static std::atomic<uint64_t> last{0};

@@ -8,8 +8,8 @@
 namespace zu3host {
 
 /**
- * A mutex with a time limit and an owner, which may be retired while threads hold it or wait for it; whoever
- * reaches it keeps it alive. The limit runs on the monotonic clock.
+ * A mutex with a time limit and an owner, which may be retired while threads hold it or wait for
+ * it; whoever reaches it keeps it alive. The limit runs on the monotonic clock.
  */
 class TimedMutex {
 public:
@@ -24,7 +24,8 @@ public:
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    uint64_t owner_ = 0; /**< number of the holding thread, 0 = none */
+    /** number of the holding thread, 0 = none */
+    uint64_t owner_ = 0;
     bool retired_ = false;
 };
 

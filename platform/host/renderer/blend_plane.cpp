@@ -36,11 +36,12 @@ void BlendPlane::draw(const TargetPlane& target) const
             continue;
         const uint16_t* const keep = keep_.data() + line * bytes_;
         const uint16_t* const add = add_.data() + line * bytes_;
-        uint8_t* const out = target.data + static_cast<size_t>(top_ + line) * target.pitch + (left_ + begin);
+        uint8_t* const out =
+            target.data + static_cast<size_t>(top_ + line) * target.pitch + (left_ + begin);
         for (int64_t byte = begin; byte < end; ++byte) {
             uint8_t& value = out[byte - begin];
-            value =
-                static_cast<uint8_t>((value * uint32_t{keep[byte]} / shift + add[byte] + level / 2) / level);
+            value = static_cast<uint8_t>(
+                (value * uint32_t{keep[byte]} / shift + add[byte] + level / 2) / level);
         }
     }
 }

@@ -15,15 +15,21 @@ struct TargetPlane {
 };
 
 /**
- * What is laid over one plane, prepared so that drawing is one multiplication a byte: each byte of the target
- * is scaled down by the opacity, and the opaque part of the logo, multiplied by it beforehand, is added.
+ * What is laid over one plane, prepared so that drawing is one multiplication a byte: each byte of
+ * the target is scaled down by the opacity, and the opaque part of the logo, multiplied by it
+ * beforehand, is added.
  */
 class BlendPlane {
 public:
-    static constexpr double keep_unit = 16384; /**< the target stays as it is */
-    static constexpr double add_unit = 256;    /**< one level of the target */
+    /** the target stays as it is */
+    static constexpr double keep_unit = 16384;
+    /** one level of the target */
+    static constexpr double add_unit = 256;
 
-    /** Covers `bytes` x `lines` from byte `left` of line `top` on, which may lie outside of the target. */
+    /**
+     * Covers `bytes` x `lines` from byte `left` of line `top` on, which may lie outside of the
+     * target.
+     */
     BlendPlane(int64_t left, int64_t top, int64_t bytes, int64_t lines);
 
     /** @param alpha 0 to 1; @param colour the logo's value times alpha, in levels */
@@ -33,7 +39,8 @@ public:
 
 private:
     struct Line {
-        int64_t begin, end; /**< bytes of the plane that are not fully transparent */
+        /** bytes of the plane that are not fully transparent */
+        int64_t begin, end;
     };
 
     int64_t left_, top_, bytes_;

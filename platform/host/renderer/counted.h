@@ -5,8 +5,10 @@
 
 namespace zu3host {
 
-/** The first reference to an object; null when there was no memory for it or for its counter, and then it is
- * gone. */
+/**
+ * The first reference to an object; null when there was no memory for it or for its counter, and
+ * then it is gone.
+ */
 template <typename Object> android::sp<Object> counted(Object* made)
 {
     std::unique_ptr<Object> uncounted(made);

@@ -21,7 +21,10 @@ uint64_t end_of_plane(uint32_t offset, uint32_t pitch, uint64_t bytes, uint64_t 
     return offset + pitch * (lines - 1) + bytes;
 }
 
-/** Whether the buffer's descriptor says that it ends earlier; one that is no ordinary file says nothing. */
+/**
+ * Whether the buffer's descriptor says that it ends earlier; one that is no ordinary file says
+ * nothing.
+ */
 bool is_beyond_file(int fd, uint64_t end)
 {
     struct stat status {};
@@ -56,8 +59,8 @@ void report(const qrl_native_buffer_t& buffer, const char* fault)
 {
     static std::atomic<const char*> reported{nullptr};
     if (reported.exchange(fault, std::memory_order_relaxed) != fault)
-        HOST_LOGE("No watermark can be drawn into a picture of %u x %u: %s.", buffer.width, buffer.height,
-                  fault);
+        HOST_LOGE("No watermark can be drawn into a picture of %u x %u: %s.", buffer.width,
+                  buffer.height, fault);
 }
 
 } // namespace
@@ -66,7 +69,8 @@ void report(const qrl_native_buffer_t& buffer, const char* fault)
 
 namespace android::vexa_screenrecord {
 
-HOST_EXPORT sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const qrl_native_buffer_t& buffer)
+HOST_EXPORT sp<SrGlWorker::VideoBuffer>
+SrGlWorker::VideoBuffer::newBuffer(const qrl_native_buffer_t& buffer)
 {
     using zu3host::TargetPlane;
     if (const char* const fault = zu3host::fault_of(buffer)) {
@@ -77,7 +81,8 @@ HOST_EXPORT sp<SrGlWorker::VideoBuffer> SrGlWorker::VideoBuffer::newBuffer(const
     const int64_t width = buffer.width, height = buffer.height;
     return zu3host::counted(new (std::nothrow) zu3host::Nv12Buffer(
         TargetPlane{start + buffer.offset[0], buffer.pitch, width, height},
-        TargetPlane{start + buffer.offset[1], buffer.pitch, (width + 1) / 2 * 2, (height + 1) / 2}));
+        TargetPlane{start + buffer.offset[1], buffer.pitch, (width + 1) / 2 * 2,
+                    (height + 1) / 2}));
 }
 
 } // namespace android::vexa_screenrecord

@@ -15,7 +15,8 @@ public:
     }
 
     const TargetPlane luma;
-    const TargetPlane chroma; /**< Cb and Cr of each two by two pixels, interleaved */
+    /** Cb and Cr of each two by two pixels, interleaved */
+    const TargetPlane chroma;
 };
 
 } // namespace zu3host

@@ -60,8 +60,9 @@ uint64_t stride_of(const WatermarkParams& params)
 
 Light pixel(const WatermarkParams& params, int64_t x, int64_t y)
 {
-    const auto* const at = static_cast<const uint8_t*>(params.spMemory->pointer()) + params.u32Offset +
-                           static_cast<uint64_t>(y) * stride_of(params) + static_cast<uint64_t>(x) * 4;
+    const auto* const at = static_cast<const uint8_t*>(params.spMemory->pointer()) +
+                           params.u32Offset + static_cast<uint64_t>(y) * stride_of(params) +
+                           static_cast<uint64_t>(x) * 4;
     const double alpha = at[3] / 255.0 * std::min(params.u32Opacity, 255u) / 255.0;
     return {at[0] / 255.0 * alpha, at[1] / 255.0 * alpha, at[2] / 255.0 * alpha, alpha};
 }
@@ -86,13 +87,15 @@ const char* fault_of(const WatermarkParams& params)
 
 bool Watermark::shows_nothing(const WatermarkParams& params)
 {
-    return !params.spMemory || params.u32Width == 0 || params.u32Height == 0 || params.u32Opacity == 0;
+    return !params.spMemory || params.u32Width == 0 || params.u32Height == 0 ||
+           params.u32Opacity == 0;
 }
 
 std::shared_ptr<const Watermark> Watermark::from(const WatermarkParams& params)
 {
     if (const char* const fault = fault_of(params)) {
-        HOST_LOGE("A watermark of %u x %u is refused: %s.", params.u32Width, params.u32Height, fault);
+        HOST_LOGE("A watermark of %u x %u is refused: %s.", params.u32Width, params.u32Height,
+                  fault);
         return nullptr;
     }
     return std::shared_ptr<const Watermark>(new Watermark(params));
@@ -118,7 +121,8 @@ void Watermark::convert_luma(const WatermarkParams& params)
     }
 }
 
-// A chroma sample belongs to two by two pixels of the picture, of which the logo may cover any part.
+// A chroma sample belongs to two by two pixels of the picture, of which the logo may cover any
+// part.
 void Watermark::convert_chroma(const WatermarkParams& params)
 {
     const int64_t odd_x = params.s32X & 1, odd_y = params.s32Y & 1;
@@ -126,8 +130,8 @@ void Watermark::convert_chroma(const WatermarkParams& params)
     for (int64_t row = 0; row * 2 - odd_y < height; ++row) {
         for (int64_t column = 0; column * 2 - odd_x < width; ++column) {
             Light sum;
-            for (int64_t y = std::max<int64_t>(0, row * 2 - odd_y); y < std::min(height, row * 2 - odd_y + 2);
-                 ++y)
+            for (int64_t y = std::max<int64_t>(0, row * 2 - odd_y);
+                 y < std::min(height, row * 2 - odd_y + 2); ++y)
                 for (int64_t x = std::max<int64_t>(0, column * 2 - odd_x);
                      x < std::min(width, column * 2 - odd_x + 2); ++x)
                     sum += pixel(params, x, y);

@@ -7,7 +7,9 @@
 
 namespace zu3host {
 
-/** A watermark as it is drawn: luma and chroma prepared for its place in the picture. Never changes. */
+/**
+ * A watermark as it is drawn: luma and chroma prepared for its place in the picture. Never changes.
+ */
 class Watermark {
 public:
     /** Whether there is nothing to show, which is no fault. */

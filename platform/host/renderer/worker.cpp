@@ -11,7 +11,10 @@ namespace zu3host {
 
 namespace {
 
-/** Holds the watermark of the moment: a picture that is being drawn keeps the one that it began with. */
+/**
+ * Holds the watermark of the moment: a picture that is being drawn keeps the one that it began
+ * with.
+ */
 class Worker final : public android::vexa_screenrecord::SrGlWorker {
 public:
     std::shared_ptr<const Watermark> watermark() const
@@ -27,7 +30,8 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    std::shared_ptr<const Watermark> watermark_; // under the mutex
+    // under the mutex
+    std::shared_ptr<const Watermark> watermark_;
 };
 
 } // namespace

@@ -5,7 +5,10 @@
 
 namespace zu3host {
 
-/** The live counters behind zu3_host_statistics_t, a field each with the same meaning; relaxed atomics. */
+/**
+ * The live counters behind zu3_host_statistics_t, a field each with the same meaning; relaxed
+ * atomics.
+ */
 struct Counters {
     std::atomic<uint64_t> pictures_due{0};
     std::atomic<uint64_t> pictures_captured{0};
@@ -29,8 +32,10 @@ struct Counters {
     std::atomic<uint64_t> audio_frames_encoded{0};
     std::atomic<uint32_t> display_silent_ms{0};
     std::atomic<uint64_t> pictures_left_out_for_room{0};
-    std::atomic<int64_t> write_waits_since_us{0};  /**< monotonic time, 0 = no write waits */
-    std::atomic<uint32_t> full_multiplexers{0};    /**< those whose last push was answered busy */
+    /** monotonic time, 0 = no write waits */
+    std::atomic<int64_t> write_waits_since_us{0};
+    /** those whose last push was answered busy */
+    std::atomic<uint32_t> full_multiplexers{0};
 };
 
 Counters& counters();
@@ -40,7 +45,10 @@ inline void count(std::atomic<uint64_t>& counter, uint64_t by = 1)
     counter.fetch_add(by, std::memory_order_relaxed);
 }
 
-/** Counts a picture that is lost; also as one that there was no room for, while a multiplexer is full. */
+/**
+ * Counts a picture that is lost; also as one that there was no room for, while a multiplexer is
+ * full.
+ */
 inline void count_lost_picture(std::atomic<uint64_t>& counter, uint64_t by = 1)
 {
     count(counter, by);

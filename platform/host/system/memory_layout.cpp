@@ -12,7 +12,10 @@ constexpr u32 tsmux_output_bytes = 8u << 20;
 // Addresses of a layout are told as a base and what lies above it.
 constexpr u64 base_mask = ~u64{0xFFFFFFFF};
 
-/** The one output buffer of the process; tried again at the next query when there was no memory for it. */
+/**
+ * The one output buffer of the process; tried again at the next query when there was no memory for
+ * it.
+ */
 std::optional<zu3host::MemoryBlock> tsmux_output()
 {
     static std::mutex mutex;

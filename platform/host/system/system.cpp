@@ -12,7 +12,8 @@ HOST_EXPORT u32 ZU_SYS_Init(u32 u32Flags)
     return initialised.exchange(true) ? ZU_ALREADY_INITIALISED : ZU_OK;
 }
 
-// The platform as a whole has no limits of its own: the modules' capabilities say what can be recorded.
+// The platform as a whole has no limits of its own: the modules' capabilities say what can be
+// recorded.
 HOST_EXPORT u32 ZU_VIDEO_GetCaps(ZU_VIDEO_Caps_t* pstCaps)
 {
     if (!pstCaps)

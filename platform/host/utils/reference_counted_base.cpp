@@ -12,9 +12,9 @@ class HOST_EXPORT RefBase;
 
 namespace android {
 
-// Until the first reference is taken the count stands at a value that references alone never reach. So
-// exactly one of several threads finds itself the first, and an object that gets back to nothing is told from
-// a new one.
+// Until the first reference is taken the count stands at a value that references alone never reach.
+// So exactly one of several threads finds itself the first, and an object that gets back to nothing
+// is told from a new one.
 constexpr int32_t no_reference_yet = 1 << 28;
 
 class RefBase::weakref_type {
@@ -22,8 +22,8 @@ public:
     std::atomic<int32_t> strong{no_reference_yet};
 };
 
-// Those who make one may be built without exceptions. Without memory for its counter an object is not
-// counted, so that it stays for ever, which is better than to go too soon.
+// Those who make one may be built without exceptions. Without memory for its counter an object is
+// not counted, so that it stays for ever, which is better than to go too soon.
 RefBase::RefBase() : mRefs(new (std::nothrow) weakref_type) {}
 
 RefBase::~RefBase()
@@ -59,7 +59,8 @@ void RefBase::onFirstRef() {}
 
 void RefBase::onLastStrongRef(const void*) {}
 
-// Without weak pointers nobody tries to revive an object, and none outlives its last strong reference.
+// Without weak pointers nobody tries to revive an object, and none outlives its last strong
+// reference.
 bool RefBase::onIncStrongAttempted(uint32_t, const void*)
 {
     return false;

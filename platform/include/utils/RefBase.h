@@ -9,8 +9,8 @@
 namespace android {
 
 /**
- * Base of objects held through sp<>: the last strong reference destroys the object. The counters live outside
- * the object, so it is two pointers large. Thread-safe.
+ * Base of objects held through sp<>: the last strong reference destroys the object. The counters
+ * live outside the object, so it is two pointers large. Thread-safe.
  */
 class RefBase {
 public:

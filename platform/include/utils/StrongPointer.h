@@ -15,7 +15,8 @@ public:
     }
     sp(const sp& other) : sp(other.m_ptr) {}
     sp(sp&& other) noexcept : m_ptr(other.m_ptr) { other.m_ptr = nullptr; }
-    template <typename U> sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {} // NOLINT: implicit
+    template <typename U>
+    sp(const sp<U>& other) : sp(static_cast<T*>(other.get())) {} // NOLINT: implicit
     ~sp()
     {
         if (m_ptr)

@@ -1,6 +1,7 @@
 /**
- * Display capture. A device captures nothing until its input is connected to a display; running, it calls the
- * registered callback on a thread of its own, one picture at a time. Handles are u32, 0 = none.
+ * Display capture. A device captures nothing until its input is connected to a display; running, it
+ * calls the registered callback on a thread of its own, one picture at a time. Handles are u32, 0 =
+ * none.
  */
 #ifndef ZU3_CAP_H
 #define ZU3_CAP_H
@@ -11,14 +12,19 @@ ZU_EXTERN_C_BEGIN
 
 /** Picture formats that a capture writes. */
 typedef enum {
-    E_ZU_CAP_FORMAT_YUYV = 0,   /**< packed 4:2:2, 2 bytes a pixel */
-    E_ZU_CAP_FORMAT_RGB565 = 1, /**< 2 bytes a pixel, little-endian */
-    E_ZU_CAP_FORMAT_BGRA = 2,   /**< 4 bytes a pixel, blue first in memory */
-    E_ZU_CAP_FORMAT_NV12 = 5    /**< 4:2:0, a luma plane and an interleaved CbCr plane */
+    /** packed 4:2:2, 2 bytes a pixel */
+    E_ZU_CAP_FORMAT_YUYV = 0,
+    /** 2 bytes a pixel, little-endian */
+    E_ZU_CAP_FORMAT_RGB565 = 1,
+    /** 4 bytes a pixel, blue first in memory */
+    E_ZU_CAP_FORMAT_BGRA = 2,
+    /** 4:2:0, a luma plane and an interleaved CbCr plane */
+    E_ZU_CAP_FORMAT_NV12 = 5
 } ZU_CAP_Format_e;
 
 typedef struct {
-    u8 u8CapturePath; /**< 0 = the composed picture */
+    /** 0 = the composed picture */
+    u8 u8CapturePath;
 } ZU_CAP_OpenParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_OpenParams_t, 1);
 
@@ -30,17 +36,28 @@ typedef struct {
 
 /** What a capture writes and where; inside ZU_CAP_CaptureParams_t. */
 typedef struct {
-    u64 u64VirtAddr;     /**< output buffer, 0 = the device's own buffers */
-    u32 u32OutSize;      /**< bytes of the output buffer */
-    u32 u32OutWidth;     /**< pixels; a multiple of 16 while streaming */
-    u32 u32OutHeight;    /**< lines; a multiple of 32 while streaming */
-    u32 u32OutFrameRate; /**< pictures per second, 0 for a single capture */
-    u32 eOutFormat;      /**< ZU_CAP_Format_e */
-    s32 s32OutFd;        /**< -1 = none, set before each start */
-    u32 u32Pitch;        /**< bytes per line, 0 = the format's own for the width */
-    u32 u32Reserved;     /**< 0 */
-    u64 u64PhyAddr;      /**< physical address of the output buffer, 0 = none */
-    u8 au8Reserved[40];  /**< 0 */
+    /** output buffer, 0 = the device's own buffers */
+    u64 u64VirtAddr;
+    /** bytes of the output buffer */
+    u32 u32OutSize;
+    /** pixels; a multiple of 16 while streaming */
+    u32 u32OutWidth;
+    /** lines; a multiple of 32 while streaming */
+    u32 u32OutHeight;
+    /** pictures per second, 0 for a single capture */
+    u32 u32OutFrameRate;
+    /** ZU_CAP_Format_e */
+    u32 eOutFormat;
+    /** -1 = none, set before each start */
+    s32 s32OutFd;
+    /** bytes per line, 0 = the format's own for the width */
+    u32 u32Pitch;
+    /** 0 */
+    u32 u32Reserved;
+    /** physical address of the output buffer, 0 = none */
+    u64 u64PhyAddr;
+    /** 0 */
+    u8 au8Reserved[40];
 } ZU_CAP_Output_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_Output_t, 88);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, u32OutSize, 8);
@@ -54,11 +71,15 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, u64PhyAddr, 40);
 
 /** Given to ZU_CAP_CaptureStart and ZU_CAP_CaptureOne; zero except where said. */
 typedef struct {
-    u32 u32CapturePath;   /**< 0 */
-    u32 u32Osd;           /**< 1 = the on-screen-display layer is part of the picture */
-    u8 au8Reserved0[168]; /**< 0 */
+    /** 0 */
+    u32 u32CapturePath;
+    /** 1 = the on-screen-display layer is part of the picture */
+    u32 u32Osd;
+    /** 0 */
+    u8 au8Reserved0[168];
     ZU_CAP_Output_t stOutput;
-    u8 au8Reserved1[32]; /**< 0 */
+    /** 0 */
+    u8 au8Reserved1[32];
 } ZU_CAP_CaptureParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_CaptureParams_t, 296);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CaptureParams_t, u32Osd, 4);
@@ -66,10 +87,13 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CaptureParams_t, stOutput, 176);
 
 /** A captured picture. Valid until its buffer is given back with ZU_CAP_ProcessBufDone. */
 typedef struct {
-    u32 u32BufIndex; /**< capture buffer that holds the picture */
+    /** capture buffer that holds the picture */
+    u32 u32BufIndex;
     u32 u32Reserved0;
-    u64 phyYAddr; /**< physical address of the luma plane (or of the only plane) */
-    u64 phyCAddr; /**< physical address of the chroma plane, 0 = none */
+    /** physical address of the luma plane (or of the only plane) */
+    u64 phyYAddr;
+    /** physical address of the chroma plane, 0 = none */
+    u64 phyCAddr;
     u64 u64Reserved1;
 } ZU_CAP_FrameInfo_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_FrameInfo_t, 32);
@@ -77,15 +101,20 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_FrameInfo_t, phyYAddr, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_FrameInfo_t, phyCAddr, 16);
 
 /** Called once per captured picture; what it returns is not looked at. */
-typedef u32 (*ZU_CAP_Callback)(s32 s32Handle, u32 u32Event, ZU_CAP_FrameInfo_t* pstFrame, void* pUserData);
+typedef u32 (*ZU_CAP_Callback)(s32 s32Handle, u32 u32Event, ZU_CAP_FrameInfo_t* pstFrame,
+                               void* pUserData);
 
 /** Exchanged with ZU_CAP_RegisterCallback and ZU_CAP_UnRegisterCallback. */
 typedef struct {
-    u64 u64CallbackId; /**< 0 when registering; the id that was returned when removing */
+    /** 0 when registering; the id that was returned when removing */
+    u64 u64CallbackId;
     ZU_CAP_Callback pfnCallback;
-    u32 u32EventMask; /**< 1 = captured pictures */
-    void* pUserData;  /**< handed to the callback as it stands */
-    u32 u32Reserved;  /**< 0 */
+    /** 1 = captured pictures */
+    u32 u32EventMask;
+    /** handed to the callback as it stands */
+    void* pUserData;
+    /** 0 */
+    u32 u32Reserved;
 } ZU_CAP_CallbackParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_CAP_CallbackParams_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CallbackParams_t, pfnCallback, 8);
@@ -97,19 +126,29 @@ u32 ZU_CAP_DeInit(void);
 /** Opens a capture device; writes its handle. */
 u32 ZU_CAP_Open(const ZU_CAP_OpenParams_t* pstParams, u32* pu32Handle);
 u32 ZU_CAP_Close(u32 u32Handle);
-/** Binds the device's input to a display (ZU_DISP_GetHandle); fails when the display cannot be reached. */
+/**
+ * Binds the device's input to a display (ZU_DISP_GetHandle); fails when the display cannot be
+ * reached.
+ */
 u32 ZU_CAP_ConnectInput(u32 u32Handle, u32 u32DispHandle, const ZU_CAP_ConnectParams_t* pstParams);
 u32 ZU_CAP_DisconnectInput(u32 u32Handle, u32 u32DispHandle);
-/** Sets the device's callback and writes the registration's id. Pictures may arrive before this returns. */
-u32 ZU_CAP_RegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams, u64* pu64CallbackId);
+/**
+ * Sets the device's callback and writes the registration's id. Pictures may arrive before this
+ * returns.
+ */
+u32 ZU_CAP_RegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams,
+                            u64* pu64CallbackId);
 u32 ZU_CAP_UnRegisterCallback(u32 u32Handle, const ZU_CAP_CallbackParams_t* pstParams);
 /** Starts delivering pictures at stOutput.u32OutFrameRate. */
 u32 ZU_CAP_CaptureStart(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams);
 /** Stops delivering. A callback that is running may still be running when this returns. */
 u32 ZU_CAP_CaptureStop(u32 u32Handle);
-/** Captures one picture into stOutput.u64PhyAddr; returns when it is there. The device need not be started.
+/**
+ * Captures one picture into stOutput.u64PhyAddr; returns when it is there. The device need not be
+ * started.
  */
-u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams, ZU_CAP_FrameInfo_t* pstFrame);
+u32 ZU_CAP_CaptureOne(u32 u32Handle, const ZU_CAP_CaptureParams_t* pstParams,
+                      ZU_CAP_FrameInfo_t* pstFrame);
 /** Gives a capture buffer back to the device. */
 u32 ZU_CAP_ProcessBufDone(u32 u32Handle, u32 u32BufIndex);
 

@@ -7,8 +7,8 @@
 ZU_EXTERN_C_BEGIN
 
 typedef struct {
-    char* pu8Name; /**< buffer of 64 bytes with the NUL-terminated display name, "ZU_DISP_HD0" for the main
-                      one */
+    /** buffer of 64 bytes with the NUL-terminated display name, "ZU_DISP_HD0" for the main one */
+    char* pu8Name;
 } ZU_DISP_GetHandleParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_DISP_GetHandleParams_t, 4);
 

@@ -1,6 +1,7 @@
 /**
- * Operating-system services of the middleware: mutexes, tasks, delays, system time, address conversion and
- * IOMMU memory. Ids are s32 with -1 meaning none. All functions may be called from any thread.
+ * Operating-system services of the middleware: mutexes, tasks, delays, system time, address
+ * conversion and IOMMU memory. Ids are s32 with -1 meaning none. All functions may be called from
+ * any thread.
  */
 #ifndef ZU3_OS_H
 #define ZU3_OS_H
@@ -11,8 +12,10 @@ ZU_EXTERN_C_BEGIN
 
 /** Given to ZU_OS_CreateMutex. */
 typedef struct {
-    const char* pName; /**< NUL-terminated, read during the call only */
-    u32 u32Reserved;   /**< 0 */
+    /** NUL-terminated, read during the call only */
+    const char* pName;
+    /** 0 */
+    u32 u32Reserved;
 } ZU_OS_MutexAttr_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_MutexAttr_t, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_MutexAttr_t, u32Reserved, 4);
@@ -23,14 +26,23 @@ typedef void (*ZU_OS_TaskEntry)(void* pArg);
 /** Given to ZU_OS_CreateTask. */
 typedef struct {
     ZU_OS_TaskEntry pfnEntry;
-    void* pArg;        /**< handed to the entry as it stands; the entry owns and frees what it points to. That
-                          of a task that was deleted before it ran, or was not created, stays its creator's */
-    u32 u32Priority;   /**< scheduling class, 4 = the middleware's default for media tasks */
-    u8 bAutoStart;     /**< 1 = runnable at once */
-    u8 au8Reserved[3]; /**< 0 */
-    void* pStack;      /**< stack block, owned by the creator and valid until ZU_OS_DeleteTask returned */
-    u32 u32StackSize;  /**< its size in bytes */
-    const char* pName; /**< NUL-terminated, read during the call only */
+    /**
+     * handed to the entry as it stands; the entry owns and frees what it points to. That of a task
+     * that was deleted before it ran, or was not created, stays its creator's
+     */
+    void* pArg;
+    /** scheduling class, 4 = the middleware's default for media tasks */
+    u32 u32Priority;
+    /** 1 = runnable at once */
+    u8 bAutoStart;
+    /** 0 */
+    u8 au8Reserved[3];
+    /** stack block, owned by the creator and valid until ZU_OS_DeleteTask returned */
+    void* pStack;
+    /** its size in bytes */
+    u32 u32StackSize;
+    /** NUL-terminated, read during the call only */
+    const char* pName;
 } ZU_OS_TaskAttr_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_TaskAttr_t, 28);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, u32Priority, 8);
@@ -50,9 +62,9 @@ u32 ZU_OS_DeleteMutex(s32 s32MutexId);
 /** Creates a task and writes its id, which is 1 or more. The entry may run before this returns. */
 u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId);
 /**
- * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never runs.
- * When it has returned, the task executes nothing more and its stack may be freed. Not for the calling task
- * itself.
+ * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never
+ * runs. When it has returned, the task executes nothing more and its stack may be freed. Not for
+ * the calling task itself.
  */
 u32 ZU_OS_DeleteTask(s32 s32TaskId);
 /** Blocks the calling thread for `u32Ms` milliseconds. */
@@ -76,12 +88,18 @@ u32 ZU_OS_FlushMemory(void);
 
 /** IOMMU allocation: the caller fills everything but the address. */
 typedef struct {
-    char acTag[32];    /**< NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
-    u32 u32Size;       /**< bytes */
-    u32 u32Flags;      /**< 3 = a block that both capture and CPU reach */
-    u8 bSecure;        /**< 0 */
-    u8 au8Reserved[7]; /**< 0 */
-    u64 u64PhyAddr;    /**< out: physical address of the block */
+    /** NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
+    char acTag[32];
+    /** bytes */
+    u32 u32Size;
+    /** 3 = a block that both capture and CPU reach */
+    u32 u32Flags;
+    /** 0 */
+    u8 bSecure;
+    /** 0 */
+    u8 au8Reserved[7];
+    /** out: physical address of the block */
+    u64 u64PhyAddr;
 } ZU_OS_IommuAlloc_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuAlloc_t, 56);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u32Size, 32);
@@ -90,38 +108,52 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, bSecure, 40);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuAlloc_t, u64PhyAddr, 48);
 
 typedef struct {
-    u64 u64PhyAddr;  /**< as ZU_OS_AllocateIommuMemory wrote it */
-    u32 u32Size;     /**< the size that was allocated, bytes */
-    u32 u32Reserved; /**< 0 */
+    /** as ZU_OS_AllocateIommuMemory wrote it */
+    u64 u64PhyAddr;
+    /** the size that was allocated, bytes */
+    u32 u32Size;
+    /** 0 */
+    u32 u32Reserved;
 } ZU_OS_IommuFree_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuFree_t, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuFree_t, u32Size, 8);
 
 /** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD and _PUT_BUFFD. */
 typedef struct {
-    u64 u64PhyAddr; /**< GET: physical address inside the block whose descriptor is wanted */
-    s32 s32Fd; /**< GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
-    u32 u32Reserved; /**< 0 */
+    /** GET: physical address inside the block whose descriptor is wanted */
+    u64 u64PhyAddr;
+    /** GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
+    s32 s32Fd;
+    /** 0 */
+    u32 u32Reserved;
 } ZU_OS_IommuBufFd_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufFd_t, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuBufFd_t, s32Fd, 8);
 
 /** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO. */
 typedef struct {
-    u64 u64PhyAddr;      /**< in: a physical address inside the block */
-    u64 u64StartPhyAddr; /**< out: physical start of the block that contains it */
-    u64 u64Reserved;     /**< 0 */
+    /** in: a physical address inside the block */
+    u64 u64PhyAddr;
+    /** out: physical start of the block that contains it */
+    u64 u64StartPhyAddr;
+    /** 0 */
+    u64 u64Reserved;
 } ZU_OS_IommuBufInfo_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufInfo_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuBufInfo_t, u64StartPhyAddr, 8);
 
 typedef enum {
-    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD = 0,   /**< ZU_OS_IommuBufFd_t; each GET is undone by one PUT */
-    E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD = 1,   /**< ZU_OS_IommuBufFd_t */
-    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO = 2 /**< ZU_OS_IommuBufInfo_t */
+    /** ZU_OS_IommuBufFd_t; each GET is undone by one PUT */
+    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD = 0,
+    /** ZU_OS_IommuBufFd_t */
+    E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD = 1,
+    /** ZU_OS_IommuBufInfo_t */
+    E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO = 2
 } ZU_OS_IommuOperationType_e;
 
-/** Allocates a physically contiguous block, 4096-aligned and zeroed; writes its physical address. */
+/**
+ * Allocates a physically contiguous block, 4096-aligned and zeroed; writes its physical address.
+ */
 u32 ZU_OS_AllocateIommuMemory(ZU_OS_IommuAlloc_t* pstAlloc);
 u32 ZU_OS_FreeIommuMemory(const ZU_OS_IommuFree_t* pstFree);
 u32 ZU_OS_IommuOperation(ZU_OS_IommuOperationType_e eOperation, void* pRecord);

@@ -14,9 +14,12 @@ enum {
 /** One region of the memory layout, filled by ZU_SYS_GetMmapLayout. */
 typedef struct {
     u8 au8Reserved0[8];
-    u64 phyMiuBaseAddr; /**< base address that phyMemAddr is relative to */
-    u64 phyMemAddr;     /**< address of the region relative to phyMiuBaseAddr */
-    u32 u32RegionSize;  /**< bytes; 0 = the device has no such region */
+    /** base address that phyMemAddr is relative to */
+    u64 phyMiuBaseAddr;
+    /** address of the region relative to phyMiuBaseAddr */
+    u64 phyMemAddr;
+    /** bytes; 0 = the device has no such region */
+    u32 u32RegionSize;
     u8 au8Reserved1[44];
 } ZU_SYS_MmapLayout_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_SYS_MmapLayout_t, 72);
@@ -24,7 +27,9 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, phyMiuBaseAddr, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, phyMemAddr, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, u32RegionSize, 24);
 
-/** Brings the middleware up; once per process, before any module is initialised. `u32Flags` is 0. */
+/**
+ * Brings the middleware up; once per process, before any module is initialised. `u32Flags` is 0.
+ */
 u32 ZU_SYS_Init(u32 u32Flags);
 /** Describes region `u32Id`; a region that the device lacks fails or has a size of 0. */
 u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout);

@@ -7,24 +7,39 @@
 ZU_EXTERN_C_BEGIN
 
 typedef struct {
-    u8 u8Reserved; /**< 0 */
+    /** 0 */
+    u8 u8Reserved;
 } ZU_TSMUX_InitParams_t;
 
 typedef struct {
-    u32 u32Reserved0;    /**< 0 */
-    u32 u32TsPacketSize; /**< 188, or 192 = each packet behind a 4-byte arrival time stamp */
-    u8 u8Reserved1;      /**< 1 */
-    u8 bCbrEnable;       /**< 1 = constant rate at u32CbrBitrate */
-    u16 u16Reserved2;    /**< 0 */
-    u32 u32Reserved3;    /**< 0 */
-    u32 u32Reserved4;    /**< 0 */
-    u16 u16Pid0;         /**< 0x1000 */
-    u16 u16Pid1;         /**< 0x0100 */
-    u16 u16Pid2;         /**< 0x0100 */
-    u16 u16Pid3;         /**< 0x0101 */
-    u32 u32CbrBitrate;   /**< bit/s */
-    u32 u32OutBufVa;     /**< address of the output buffer, which fits 32 bits */
-    u32 u32OutBufSize;   /**< its size in bytes */
+    /** 0 */
+    u32 u32Reserved0;
+    /** 188, or 192 = each packet behind a 4-byte arrival time stamp */
+    u32 u32TsPacketSize;
+    /** 1 */
+    u8 u8Reserved1;
+    /** 1 = constant rate at u32CbrBitrate */
+    u8 bCbrEnable;
+    /** 0 */
+    u16 u16Reserved2;
+    /** 0 */
+    u32 u32Reserved3;
+    /** 0 */
+    u32 u32Reserved4;
+    /** 0x1000 */
+    u16 u16Pid0;
+    /** 0x0100 */
+    u16 u16Pid1;
+    /** 0x0100 */
+    u16 u16Pid2;
+    /** 0x0101 */
+    u16 u16Pid3;
+    /** bit/s */
+    u32 u32CbrBitrate;
+    /** address of the output buffer, which fits 32 bits */
+    u32 u32OutBufVa;
+    /** its size in bytes */
+    u32 u32OutBufSize;
 } ZU_TSMUX_OpenParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_OpenParams_t, 40);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_OpenParams_t, u32TsPacketSize, 4);
@@ -35,17 +50,23 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_OpenParams_t, u32OutBufVa, 32);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_OpenParams_t, u32OutBufSize, 36);
 
 enum {
-    E_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL = 2 /**< the output buffer has no room; pushes answer ZU_BUSY */
+    /** the output buffer has no room; pushes answer ZU_BUSY */
+    E_ZU_TSMUX_EVENT_OUTPUT_BUFFER_FULL = 2
 };
 
 typedef u32 (*ZU_TSMUX_Callback)(s32 s32Handle, u32 u32Event, void* pEventData, void* pUserData);
 
 typedef struct {
-    u64 u64CallbackId;             /**< 0 when registering; the id that was returned when removing */
-    ZU_TSMUX_Callback pfnCallback; /**< NULL when removing */
-    u32 u32EventMask;              /**< 3 when registering */
-    void* pUserData;               /**< handed to the callback as it stands */
-    u32 u32Reserved;               /**< 0 */
+    /** 0 when registering; the id that was returned when removing */
+    u64 u64CallbackId;
+    /** NULL when removing */
+    ZU_TSMUX_Callback pfnCallback;
+    /** 3 when registering */
+    u32 u32EventMask;
+    /** handed to the callback as it stands */
+    void* pUserData;
+    /** 0 */
+    u32 u32Reserved;
 } ZU_TSMUX_CallbackParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_CallbackParams_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_CallbackParams_t, pfnCallback, 8);
@@ -54,24 +75,30 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_CallbackParams_t, pUserData, 16);
 
 /** Attributes of ZU_TSMUX_SetAttr. */
 typedef enum {
-    E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL = 0x200, /**< ZU_TSMUX_AvInterleaving_t */
+    /** ZU_TSMUX_AvInterleaving_t */
+    E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL = 0x200,
     E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP =
-        0x202,                                          /**< u8, 1 = a stop drops what was not multiplexed */
-    E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL = 0x203 /**< ZU_TSMUX_PtsContinuity_t */
+        /** u8, 1 = a stop drops what was not multiplexed */
+    0x202,
+    /** ZU_TSMUX_PtsContinuity_t */
+    E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL = 0x203
 } ZU_TSMUX_ParamType_e;
 
 typedef struct {
     u32 bEnable;
-    u32 u32LeavingTimeMs; /**< how far one stream may run ahead of the other, milliseconds */
+    /** how far one stream may run ahead of the other, milliseconds */
+    u32 u32LeavingTimeMs;
 } ZU_TSMUX_AvInterleaving_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_AvInterleaving_t, 8);
 
 typedef struct {
     u32 bEnable;
-    u32 u32Reserved;    /**< 0 */
-    u64 u64MaxForward;  /**< ticks of the 90 kHz clock (ISO/IEC 13818-1, 2.4.3.7): greatest step forward,
-                           180000 */
-    u64 u64MaxBackward; /**< greatest step backward, 90000 */
+    /** 0 */
+    u32 u32Reserved;
+    /** ticks of the 90 kHz clock (ISO/IEC 13818-1, 2.4.3.7): greatest step forward, 180000 */
+    u64 u64MaxForward;
+    /** greatest step backward, 90000 */
+    u64 u64MaxBackward;
 } ZU_TSMUX_PtsContinuity_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_PtsContinuity_t, 24);
 
@@ -83,21 +110,30 @@ typedef enum {
 } ZU_TSMUX_StreamType_e;
 
 typedef struct {
-    u32 u32Reserved0; /**< 0 */
-    u32 eStreamType;  /**< ZU_TSMUX_StreamType_e */
-    u16 u16Pid;       /**< 0x0101 video, 0x0102 audio */
-    u8 u8StreamId;    /**< PES stream_id (ISO/IEC 13818-1, table 2-22): 0xE0 video, 0xC0 audio */
-    u8 u8Reserved1;   /**< 0 */
+    /** 0 */
+    u32 u32Reserved0;
+    /** ZU_TSMUX_StreamType_e */
+    u32 eStreamType;
+    /** 0x0101 video, 0x0102 audio */
+    u16 u16Pid;
+    /** PES stream_id (ISO/IEC 13818-1, table 2-22): 0xE0 video, 0xC0 audio */
+    u8 u8StreamId;
+    /** 0 */
+    u8 u8Reserved1;
 } ZU_TSMUX_MediaSourceParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_MediaSourceParams_t, 12);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_MediaSourceParams_t, u16Pid, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_MediaSourceParams_t, u8StreamId, 10);
 
 typedef struct {
-    u64 u64MuxSrcId; /**< from ZU_TSMUX_AttachMediaSource */
-    u8* pu8Data;     /**< one access unit; must stay valid until the push returns */
-    u32 u32DataSize; /**< bytes */
-    u64 u64Pts;      /**< microseconds from the recording's first frame; all ones = none */
+    /** from ZU_TSMUX_AttachMediaSource */
+    u64 u64MuxSrcId;
+    /** one access unit; must stay valid until the push returns */
+    u8* pu8Data;
+    /** bytes */
+    u32 u32DataSize;
+    /** microseconds from the recording's first frame; all ones = none */
+    u64 u64Pts;
 } ZU_TSMUX_MediaData_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_TSMUX_MediaData_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_MediaData_t, pu8Data, 8);
@@ -105,14 +141,16 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_MediaData_t, u32DataSize, 12);
 ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_MediaData_t, u64Pts, 16);
 
 typedef struct {
-    u8 u8Reserved; /**< 0 */
+    /** 0 */
+    u8 u8Reserved;
 } ZU_TSMUX_StartParams_t;
 
 u32 ZU_TSMUX_Init(const ZU_TSMUX_InitParams_t* pstParams);
 u32 ZU_TSMUX_DeInit(void);
 u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle);
 u32 ZU_TSMUX_Close(u32 u32Handle);
-u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams, u64* pu64CallbackId);
+u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams,
+                              u64* pu64CallbackId);
 /** Removes the multiplexer's callback; succeeds when there is none (any more). */
 u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams);
 u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue);
@@ -120,12 +158,16 @@ u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t
                                u64* pu64MuxSrcId);
 u32 ZU_TSMUX_DetachMediaSource(u32 u32Handle, u64 u64MuxSrcId);
 u32 ZU_TSMUX_Start(u32 u32Handle, const ZU_TSMUX_StartParams_t* pstParams);
-/** Stops taking media data; what was multiplexed can be copied out until the multiplexer is closed. */
+/**
+ * Stops taking media data; what was multiplexed can be copied out until the multiplexer is closed.
+ */
 u32 ZU_TSMUX_Stop(u32 u32Handle);
 /** Multiplexes one access unit: 0 = taken whole, ZU_BUSY = nothing was taken for want of room. */
 u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t* pstData);
-/** Moves at most `u32MaxSize` bytes of the stream out, whole packets only; writes their number, 0 when there
- * are none. */
+/**
+ * Moves at most `u32MaxSize` bytes of the stream out, whole packets only; writes their number, 0
+ * when there are none.
+ */
 u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied);
 
 ZU_EXTERN_C_END

@@ -1,6 +1,7 @@
 /**
- * Video encoder. Pictures go in through lent buffers (query, fill, complete) or, where the encoder offers
- * one, out of its entire inject buffer; encoded frames come out on the encoder's own callback thread.
+ * Video encoder. Pictures go in through lent buffers (query, fill, complete) or, where the encoder
+ * offers one, out of its entire inject buffer; encoded frames come out on the encoder's own
+ * callback thread.
  */
 #ifndef ZU3_VENC_H
 #define ZU3_VENC_H
@@ -10,47 +11,64 @@
 ZU_EXTERN_C_BEGIN
 
 typedef struct {
-    u8 u8Reserved; /**< 0 */
+    /** 0 */
+    u8 u8Reserved;
 } ZU_VENC_InitParams_t;
 
 typedef struct {
-    u32 u32MaxWidth;     /**< pixels */
-    u32 u32MaxHeight;    /**< lines */
-    u32 u32MaxFrameRate; /**< pictures per second */
-    u32 u32CodecSupport; /**< bit 0 = H.264 */
-    u32 u32MemAlign;     /**< alignment of picture addresses in bytes, a power of two */
+    /** pixels */
+    u32 u32MaxWidth;
+    /** lines */
+    u32 u32MaxHeight;
+    /** pictures per second */
+    u32 u32MaxFrameRate;
+    /** bit 0 = H.264 */
+    u32 u32CodecSupport;
+    /** alignment of picture addresses in bytes, a power of two */
+    u32 u32MemAlign;
     u8 au8Reserved[16];
 } ZU_VENC_Caps_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_Caps_t, 36);
 
 typedef enum {
-    E_ZU_VENC_CODEC_H264 = 1 /**< ISO/IEC 14496-10 */
+    /** ISO/IEC 14496-10 */
+    E_ZU_VENC_CODEC_H264 = 1
 } ZU_VENC_CodecType_e;
 
 /** How the encoder takes its pictures; both values that the library passes mean NV12. */
 typedef enum {
-    E_ZU_VENC_COLOR_COPY = 0,  /**< pictures in lent buffers */
-    E_ZU_VENC_COLOR_INJECT = 6 /**< pictures in the entire inject buffer, where the encoder offers one */
+    /** pictures in lent buffers */
+    E_ZU_VENC_COLOR_COPY = 0,
+    /** pictures in the entire inject buffer, where the encoder offers one */
+    E_ZU_VENC_COLOR_INJECT = 6
 } ZU_VENC_ColorFormat_e;
 
 typedef enum {
     E_ZU_VENC_FRAME_TYPE_KEY =
-        0xFF /**< u8FrameType of a key frame; such a record has no input-buffer index */
+        /** u8FrameType of a key frame; such a record has no input-buffer index */
+    0xFF
 } ZU_VENC_FrameType_e;
 
 enum {
-    ZU_VENC_EVENT_FRAME = 1, /**< callback event: an encoded frame; as a mask, the wish for it */
-    ZU_VENC_ATTR_BITRATE = 1 /**< ZU_VENC_SetAttr: one u32, bit rate in units of 1024 bit/s */
+    /** callback event: an encoded frame; as a mask, the wish for it */
+    ZU_VENC_EVENT_FRAME = 1,
+    /** ZU_VENC_SetAttr: one u32, bit rate in units of 1024 bit/s */
+    ZU_VENC_ATTR_BITRATE = 1
 };
 
 /** An encoded frame; the record and its bytes are valid during the callback only. */
 typedef struct {
-    u8* pu8Data;     /**< the bytes; NULL with size 0 = the encoder dropped the picture */
-    u32 u32DataSize; /**< their number */
-    u8 u8FrameType;  /**< ZU_VENC_FrameType_e; other values are not key frames */
+    /** the bytes; NULL with size 0 = the encoder dropped the picture */
+    u8* pu8Data;
+    /** their number */
+    u32 u32DataSize;
+    /** ZU_VENC_FrameType_e; other values are not key frames */
+    u8 u8FrameType;
     u8 au8Reserved0[7];
-    u64 u64Pts;        /**< microseconds; all ones = none */
-    u32 u32InBufIndex; /**< u32InBufIndex of the input the frame was made from */
+    /** microseconds; all ones = none */
+    u64 u64Pts;
+    /** u32InBufIndex of the input the frame was made from */
+    u32 u32InBufIndex;
     u32 u32Reserved1;
 } ZU_VENC_FrameInfo_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_FrameInfo_t, 32);
@@ -59,26 +77,43 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u8FrameType, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u64Pts, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u32InBufIndex, 24);
 
-/** Called once per encoded frame on the encoder's thread; a result other than 0 is the callee's own report.
+/**
+ * Called once per encoded frame on the encoder's thread; a result other than 0 is the callee's own
+ * report.
  */
-typedef u32 (*ZU_VENC_Callback)(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame, void* pUserData);
+typedef u32 (*ZU_VENC_Callback)(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,
+                                void* pUserData);
 
 typedef struct {
-    const char* pu8Name; /**< "venc0" */
-    u32 eColorFormat;    /**< ZU_VENC_ColorFormat_e */
-    u32 u32Width;        /**< pixels */
-    u32 u32Height;       /**< lines */
-    u32 u32FrameRate;    /**< pictures per second */
-    u32 u32Bitrate;      /**< in units of 1024 bit/s */
-    u32 u32Reserved0;    /**< 0 */
-    u32 u32Reserved1;    /**< 0 */
-    u32 u32Profile;      /**< profile_idc (66 Baseline, 77 Main), 0 = the encoder's choice */
-    u32 u32Level;   /**< ten times level_idc (310 = level 3.1, 101 = level 1b), 0 = the encoder's choice */
-    u32 eCodecType; /**< ZU_VENC_CodecType_e */
+    /** "venc0" */
+    const char* pu8Name;
+    /** ZU_VENC_ColorFormat_e */
+    u32 eColorFormat;
+    /** pixels */
+    u32 u32Width;
+    /** lines */
+    u32 u32Height;
+    /** pictures per second */
+    u32 u32FrameRate;
+    /** in units of 1024 bit/s */
+    u32 u32Bitrate;
+    /** 0 */
+    u32 u32Reserved0;
+    /** 0 */
+    u32 u32Reserved1;
+    /** profile_idc (66 Baseline, 77 Main), 0 = the encoder's choice */
+    u32 u32Profile;
+    /** ten times level_idc (310 = level 3.1, 101 = level 1b), 0 = the encoder's choice */
+    u32 u32Level;
+    /** ZU_VENC_CodecType_e */
+    u32 eCodecType;
     ZU_VENC_Callback pfnCallback;
-    u32 u32EventMask; /**< ZU_VENC_EVENT_FRAME */
-    void* pUserData;  /**< handed to the callback as it stands */
-    u32 u32Reserved2; /**< 0 */
+    /** ZU_VENC_EVENT_FRAME */
+    u32 u32EventMask;
+    /** handed to the callback as it stands */
+    void* pUserData;
+    /** 0 */
+    u32 u32Reserved2;
 } ZU_VENC_OpenParams_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_OpenParams_t, 60);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_OpenParams_t, eColorFormat, 4);
@@ -89,19 +124,28 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_OpenParams_t, pfnCallback, 44);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_OpenParams_t, pUserData, 52);
 
 typedef struct {
-    u8 u8Reserved; /**< 0 */
+    /** 0 */
+    u8 u8Reserved;
 } ZU_VENC_StartParams_t;
 
 /** An input picture. */
 typedef struct {
-    u8* pu8Data;        /**< out of ZU_VENC_QueryBuffer, or set by the caller in inject mode */
-    u32 u32DataSize;    /**< bytes at pu8Data, from the same side */
-    u8 bEntireInject;   /**< 1 = pu8Data lies in the entire inject buffer, 0 = in a lent buffer */
-    u8 bRequestIFrame;  /**< 1 = encode this picture as a key frame */
-    u8 au8Reserved0[6]; /**< 0 */
-    u64 u64Pts;         /**< microseconds of the monotonic clock */
-    u32 u32InBufIndex;  /**< 0..15, comes back with the encoded frame */
-    u32 u32Reserved1;   /**< 0 */
+    /** out of ZU_VENC_QueryBuffer, or set by the caller in inject mode */
+    u8* pu8Data;
+    /** bytes at pu8Data, from the same side */
+    u32 u32DataSize;
+    /** 1 = pu8Data lies in the entire inject buffer, 0 = in a lent buffer */
+    u8 bEntireInject;
+    /** 1 = encode this picture as a key frame */
+    u8 bRequestIFrame;
+    /** 0 */
+    u8 au8Reserved0[6];
+    /** microseconds of the monotonic clock */
+    u64 u64Pts;
+    /** 0..15, comes back with the encoded frame */
+    u32 u32InBufIndex;
+    /** 0 */
+    u32 u32Reserved1;
 } ZU_VENC_InputBuffer_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_InputBuffer_t, 32);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_InputBuffer_t, u32DataSize, 4);
@@ -112,8 +156,10 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_InputBuffer_t, u32InBufIndex, 24);
 
 /** The encoder's entire inject buffer: a region that a capture may write its pictures into. */
 typedef struct {
-    u32 u32VirtAddr; /**< its address, which fits 32 bits; 0 = the encoder offers none */
-    u32 u32Size;     /**< bytes */
+    /** its address, which fits 32 bits; 0 = the encoder offers none */
+    u32 u32VirtAddr;
+    /** bytes */
+    u32 u32Size;
     u8 au8Reserved[24];
 } ZU_VENC_EntireInjectBuf_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_VENC_EntireInjectBuf_t, 32);
