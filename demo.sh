@@ -7,7 +7,13 @@ cd "$(dirname "$0")"
 programs=build/release/bin
 work=$(mktemp -d)
 started=
-trap 'for process in $started; do kill "$process" 2>/dev/null || true; done; rm -rf "$work"' EXIT
+clean_up() {
+    for process in $started; do
+        kill "$process" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap clean_up EXIT
 trap 'exit 130' INT TERM HUP
 
 # wait_for FILE PROCESS: until the process has written something to the file, for ten seconds at most.

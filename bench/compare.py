@@ -168,7 +168,8 @@ def markdown(results, lines):
     """The report as docs/performance.md shows it."""
     ratios = [f"| {one['what']} | {one['sense']} {one['limit']:.2f} | {one['aim']:.2f} | {one['ratio']:.2f} | "
               f"{one['verdict']} |" for one in lines]
-    costs = [f"| {case} | {name} | {' | '.join(f'{statistics.median(one[name][key] for one in rounds):.2f}' for key in COSTS)} |"
+    costs = [f"| {case} | {name} | "
+             f"{' | '.join(f'{statistics.median(one[name][key] for one in rounds):.2f}' for key in COSTS)} |"
              for case, rounds in results.items() if CASES[case][2] is not STAMPED for name in CASES[case][4]]
     return "\n".join(["| | at most/least | aim | measured | |", "|---|---|---|---|---|", *ratios, "",
                       f"| case | recorder | {' | '.join(COSTS.values())} |", "|---|---|" + "---|" * len(COSTS), *costs, ""])

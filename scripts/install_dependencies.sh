@@ -21,7 +21,8 @@ packages_of() {
     display) echo xvfb ;;
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool pulseaudio \
         pulseaudio-utils binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
-        gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev ;;
+        gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev clang-format \
+        clang-tidy shellcheck flake8 ;;
     *)
         echo "install_dependencies.sh: there is no group '$1', only build, display and test" >&2
         exit 2
@@ -53,6 +54,7 @@ export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 # A fresh machine has no package lists, an old one has stale ones.
+# shellcheck disable=SC2086 # a list of packages
 { apt-get -qq update && apt-get -qq -y --no-install-recommends install $missing; } >"$log" 2>&1 || {
     cat "$log" >&2
     exit 1

@@ -68,7 +68,8 @@ def numbers(lines, index):
 def mutants(folder, kinds):
     """All of these kinds, as (file, kind, lines to replace)."""
     found = []
-    for path in subprocess.run(["git", "ls-files", "src"], cwd=folder, capture_output=True, text=True, check=True).stdout.split():
+    listed = subprocess.run(["git", "ls-files", "src"], cwd=folder, capture_output=True, text=True, check=True)
+    for path in listed.stdout.split():
         if not path.endswith(".cpp"):
             continue
         with open(os.path.join(folder, path), encoding="utf-8") as file:
@@ -95,7 +96,8 @@ class Copy:
         subprocess.run(["git", "clone", "-q", SOURCE, self.folder], check=True)
         options = ["-DSCREENRECORD_HOST=OFF", "-DCMAKE_BUILD_TYPE=", "-DCMAKE_CXX_FLAGS=-O1",
                    "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"]
-        subprocess.run(["cmake", "-S", self.folder, "-B", self.build, "-G", "Ninja", *options], check=True, capture_output=True)
+        subprocess.run(["cmake", "-S", self.folder, "-B", self.build, "-G", "Ninja", *options], check=True,
+                       capture_output=True)
         with open(os.path.join(self.build, "compile_commands.json"), encoding="utf-8") as file:
             self.commands = {os.path.relpath(entry["file"], self.folder): entry["command"] for entry in json.load(file)}
 

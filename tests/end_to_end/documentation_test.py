@@ -32,7 +32,8 @@ class Documentation(EndToEndTest):
 
     def test_words_for_options(self):
         for word, option in {"help": "--help", "help record": "record --help", "version": "--version"}.items():
-            self.assertEqual(self.run_program("screenrecord", *word.split()), self.run_program("screenrecord", *option.split()))
+            self.assertEqual(self.run_program("screenrecord", *word.split()),
+                             self.run_program("screenrecord", *option.split()))
 
     def test_manual_page(self):
         text = (MADE / "screenrecord.1").read_text("utf-8").replace("\\-", "-")
@@ -55,9 +56,13 @@ class Documentation(EndToEndTest):
     def test_zsh(self):
         script = ('_arguments() { print -l -- "$@" }; _describe() { }; CURRENT=$(($# + 1)); words=(screenrecord "$@"); '
                   'source "$0"')
-        self.assert_same_as_help(lambda command: options_in(re.sub(
-            r"\[.*?\](?=:|$|\n)", "", self.run_program("zsh", "-fc", script, MADE / "_screenrecord",
-                                                        *([command] if command else []), ""))))
+
+        def offered(command):
+            words = [command, ""] if command else [""]
+            completed = self.run_program("zsh", "-fc", script, MADE / "_screenrecord", *words)
+            return options_in(re.sub(r"\[.*?\](?=:|$|\n)", "", completed))
+
+        self.assert_same_as_help(offered)
 
     def test_fish(self):
         script = f"source {MADE}/screenrecord.fish; complete -C "

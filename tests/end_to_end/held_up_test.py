@@ -1,6 +1,7 @@
 """Readers that have stopped reading, disks that stand still, pipes that nobody opens: signals are heard all the same."""
 
 import contextlib
+import functools
 import json
 import os
 import pathlib
@@ -136,5 +137,6 @@ class Limits(ShortEndToEndTest):
             if SANITIZED and limit == resource.RLIMIT_STACK:
                 continue  # an instrumented program needs more for itself
             with self.subTest(words):
-                client = self.client(*words, prepare=lambda limit=limit, value=value: resource.setrlimit(limit, (value,) * 2))
+                limits = (value, value)
+                client = self.client(*words, prepare=functools.partial(resource.setrlimit, limit, limits))
                 self.assert_exit(client, 0)

@@ -137,7 +137,6 @@ class Refusals(ShortEndToEndTest):
         self.run_program("screenrecord", "record", "-s", "64x64", "-t", "1", "-y", "-o", "old.ts")
         self.assertEqual(judges.faults(self.old), "")
 
-
     def test_verbose_explains_failures_alone(self):
         # Catches errors in a run without any, and a failure whose reason is lost among what its clean-up says.
         for code, limit, said in ((0, 64, ""), (1, 7, r"E/screenrecord\(.*\): \[SCREENRECORD_Open\].*Fopen.*\n")):
@@ -170,7 +169,6 @@ class Signals(ShortEndToEndTest):
                 self.assert_stops(recording, 0, getattr(signal, "SIG" + name))
                 self.assertEqual(recording.output().strip(), str(files[name]))
                 self.assertEqual(judges.faults(files[name]), "")
-
 
     def test_the_shortest_has_a_picture(self):
         # Catches a stop that comes before the first picture is encoded and leaves an empty file.

@@ -48,8 +48,8 @@ class Screen(ShortEndToEndTest):
             look("drawn on a still screen", {(2, 2): colour, (160, 128): colour})
         for x, other in ((100, 200), (200, 100)):
             self.move_pointer(x, 100)
-            look("the pointer", {(x, 100): BLACK, (x - 4, 96): BLACK, (x + 5, 105): BLACK, (x, 93): WHITE, (x - 7, 100): WHITE,
-                                 (x - 10, 90): WHITE, (x + 11, 111): WHITE, (other, 100): WHITE})
+            look("the pointer", {(x, 100): BLACK, (x - 4, 96): BLACK, (x + 5, 105): BLACK, (x, 93): WHITE,
+                                 (x - 7, 100): WHITE, (x - 10, 90): WHITE, (x + 11, 111): WHITE, (other, 100): WHITE})
         self.resize("120x256")
         self.fill(RED)
         look("a smaller screen", {(90, 128): BLACK, (104, 128): RED, (216, 128): RED, (230, 128): BLACK})

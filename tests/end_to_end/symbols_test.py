@@ -52,8 +52,8 @@ class Symbols(unittest.TestCase):
         self.assertGreater(len(declared), 70)
         worker = "android::vexa_screenrecord::SrGlWorker::"
         expected = {"libzu3.so": declared | {"android::RefBase"},
-                    "libSrGlWorker.so": {worker + name for name in ("newWorker", "prepare", "setWatermark", "render", "reset",
-                                                                    "VideoBuffer::newBuffer")}}
+                    "libSrGlWorker.so": {worker + name for name in (
+                        "newWorker", "prepare", "setWatermark", "render", "reset", "VideoBuffer::newBuffer")}}
         for library, names in expected.items():
             exported = demangled(symbols(BUILD / "lib" / library, "--defined-only")).values()
             self.assertEqual({re.sub(r".*(android::RefBase).*|\(.*", r"\1", name) for name in exported}, names)
@@ -68,7 +68,8 @@ class Symbols(unittest.TestCase):
         canaries = {
             "as saved": (saved, False),
             "a function that is gone": (saved.replace("video_cap_close", "video_cap_clone"), True),
-            "a record with a field elsewhere": (saved.replace("layout-offset-in-bits='128'", "layout-offset-in-bits='192'", 1), True),
+            "a record with a field elsewhere":
+                (saved.replace("layout-offset-in-bits='128'", "layout-offset-in-bits='192'", 1), True),
         }
         for name, (description, differs) in canaries.items():
             with self.subTest(name), tempfile.NamedTemporaryFile("w", suffix=".abi") as file:
