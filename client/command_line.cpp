@@ -35,7 +35,7 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
  */
 std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
 {
-    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     const auto is_named = [&words](const CLI::App* command) {
         return command->get_name() == words.back();
     };
@@ -58,7 +58,7 @@ Invocation read_command_line(int argc, char** argv)
         // as the parser wants them
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));
-        const Invocation invocation = chosen(app, all);
+        Invocation invocation = chosen(app, all);
         check_paths(invocation);
         return invocation;
     } catch (const CLI::Success& answered) { // help or version

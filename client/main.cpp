@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
+#include <string_view>
 #include <unistd.h>
 
 #include "commands.h"
@@ -63,11 +64,8 @@ template <typename Options> ExitCode run_command(const Options& options)
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int run_program(int argc, char** argv)
 {
-    fill_standard_descriptors();
     const Invocation invocation = read_command_line(argc, argv);
     const int code = std::visit(
         [](const auto& options) {
@@ -79,4 +77,19 @@ int main(int argc, char** argv)
         invocation);
     finish_messages();
     return code;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    fill_standard_descriptors();
+    try {
+        return run_program(argc, argv);
+    } catch (...) {
+        // No memory for the command line, or for the reason of another failure.
+        constexpr std::string_view text = "screenrecord: cannot go on\n";
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+        return static_cast<int>(ExitCode::failed);
+    }
 }
