@@ -44,7 +44,7 @@ public:
 
 private:
     static constexpr size_t greatest_write = 4096;
-    static constexpr size_t capacity = 64 * 1024;
+    static constexpr size_t capacity = size_t{64} * 1024;
 
     bool is_copy() const;
     bool ensure_thread();
