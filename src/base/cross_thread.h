@@ -37,6 +37,7 @@ public:
     T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }
 
 private:
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer
     static_assert(std::atomic<T>::is_always_lock_free && sizeof(std::atomic<T>) == sizeof(T));
     std::atomic<T> m_value;
 };

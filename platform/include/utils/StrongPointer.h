@@ -23,6 +23,7 @@ public:
             m_ptr->decStrong(this);
     }
 
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): copy and swap handles it
     sp& operator=(const sp& other)
     {
         sp copy(other);
