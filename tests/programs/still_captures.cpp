@@ -1,8 +1,10 @@
 /**
- * Captures COUNT pictures of the screen into four buffers, by turns, and looks at what that leaves.
+ * Captures COUNT pictures of the screen into four buffers in turn.
  *
- *   still_captures [COUNT]     default 100; exit code 0 when every capture succeeded and, from the fourth to
- * the last, neither a descriptor was added nor more than 256 KiB of memory
+ *     still_captures [COUNT]     default 100
+ *
+ * Exit code 0 if every capture succeeded and, from the fourth to the last, no descriptor and at most
+ * 256 KiB of memory were added.
  */
 #include "programs/support.h"
 

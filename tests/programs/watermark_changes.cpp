@@ -1,10 +1,11 @@
 /**
  * Changes the watermark of a running capture-encode pipeline N times, with every kind of change,
- * while frames are taken.
+ * while frames are read.
  *
- *   watermark_changes [N]     default 1000; exit code 0 when every change was accepted and frames kept coming
+ *     watermark_changes [N]     default 1000
  *
- * ThreadSanitizer is its judge: the renderer draws on the capture's thread.
+ * Exit code 0 if every change was accepted and frames kept coming. ThreadSanitizer is its judge: the
+ * renderer draws on the capture's thread.
  */
 #include "programs/support.h"
 

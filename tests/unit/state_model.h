@@ -49,9 +49,8 @@ public:
     /** how many; kept when they are freed */
     u32 buffers = 0;
     bool inject = false;
-    bool descriptor =
-        /** of the inject buffer, for the watermark; the encoder's close gives it back */
-        false;
+    /** of the inject buffer, for the watermark; the encoder's close gives it back */
+    bool descriptor = false;
     /** not in the library's table; false when in doubt */
     bool watermark = false;
 
