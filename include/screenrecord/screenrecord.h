@@ -1,38 +1,43 @@
 /**
- * screenrecord: captures the composed screen, encodes it as H.264 (ISO/IEC 14496-10) and either
- * multiplexes it into an MPEG transport-stream file (ISO/IEC 13818-1) or hands out the encoded
- * frames, screenshots or raw PCM.
+ * screenrecord: captures the composed screen and encodes it as H.264 (ISO/IEC 14496-10). It writes
+ * an MPEG transport stream (ISO/IEC 13818-1) to a file, or gives the caller encoded frames,
+ * screenshots or raw PCM.
  *
  * Five interfaces share two recording slots:
  *
- *  - SCREENRECORD_*            transport-stream recordings, step by step, on slot 0 or 1
- *  - startScreenRecord         the same on slot 0 with one call
- *  - video_capenc_*            encoded frames of the screen, on slot 0
- *  - video_cap_*               single pictures of the screen, on slot 0
- *  - audio_cap_*               raw PCM of what the device plays, on slot 0
+ *  - SCREENRECORD_*      transport-stream recording, step by step, on slot 0 or 1
+ *  - startScreenRecord   the same on slot 0, in one call
+ *  - video_capenc_*      encoded frames of the screen, on slot 0
+ *  - video_cap_*         screenshots, on slot 0
+ *  - audio_cap_*         raw PCM of the sound that the device plays, on slot 0
  *
- * Use slot 0 for one of them at a time, and close it before the next. The three last refuse to open
- * a capture, encoder or audio capture that is open; a recording refuses a slot where something
- * runs, but takes one where something is merely open for its own, and forgets it. A
- * SCREENRECORD_Init or startScreenRecord that brings the library up, the first of a process or the
- * first after SCREENRECORD_DeInit, begins with empty slots, whatever is open in them.
+ * Sharing a slot: use slot 0 for one interface at a time, and close that interface before you open
+ * the next.
  *
- * Threads: every function may be called from any thread; control calls (open, configure, start,
- * stop, close) exclude one another inside the library. Within a callback of the middleware only
- * video_capenc_pause, _resume and _getMaxEsSize and audio_cap_getPCM, _getInfo and _getLostSize may
- * be called. Media flows on threads of the middleware; once a close has returned, none of them
- * touches anything of the recording any more.
+ *  - video_capenc_open, video_cap_open and audio_cap_open refuse if the capture, encoder or audio
+ *    capture that they need is open.
+ *  - A recording refuses a slot with a running module. It treats an open but unstarted slot as
+ *    free; whatever was open there is lost.
+ *  - The SCREENRECORD_Init or startScreenRecord that initialises the library (the first of the
+ *    process, or the first after SCREENRECORD_DeInit) empties both slots, even if something is open
+ *    there.
  *
- * A child of fork() has none of those threads, and locks of theirs may be held in it for ever. It
- * may call video_capenc_getMaxEsSize, audio_cap_getInfo and _getLostSize and nothing else, and ends
- * with exec or _exit.
+ * Threads: call any function from any thread. Control calls (open, configure, start, stop, close)
+ * exclude one another inside the library. Media flows on threads of the middleware; after a close
+ * has returned, none of them touches the recording. In a callback of the middleware, call only
+ * video_capenc_pause, video_capenc_resume, video_capenc_getMaxEsSize, audio_cap_getPCM,
+ * audio_cap_getInfo and audio_cap_getLostSize.
  *
- * A dlclose does not unload the library, whatever runs.
+ * fork(): the child has none of the middleware's threads, and a lock that one of them owned stays
+ * locked in it forever. In the child, call only video_capenc_getMaxEsSize, audio_cap_getInfo and
+ * audio_cap_getLostSize, and finish with exec or _exit.
  *
- * Why a call failed is said in the Android log under the tag "screenrecord".
+ * dlclose() never unloads the library.
  *
- * All of it can be used from C and from C++, but for video_capenc_setWatermark, which takes a C++
- * object. The SCREENRECORD_ functions have C++ names in the library; C finds them by those.
+ * Errors: each failed call logs its reason to the Android log with the tag "screenrecord".
+ *
+ * Languages: C and C++, except video_capenc_setWatermark, which needs a C++ object. The
+ * SCREENRECORD_ functions have C++ symbol names; C code links to those names.
  */
 #ifndef SCREENRECORD_SCREENRECORD_H
 #define SCREENRECORD_SCREENRECORD_H
@@ -41,9 +46,7 @@
 
 #define SCREENRECORD_EXPORT __attribute__((visibility("default")))
 
-/**
- * The name that a C++ compiler gives to a function, for the C compiler, which would not make it.
- */
+/** Gives a declaration its C++ symbol name when a C compiler reads it. */
 #ifdef __cplusplus
 #define SCREENRECORD_CXX_NAME(name)
 #else
@@ -51,46 +54,47 @@
 #endif
 
 /**
- * Brings the library up: initialises the middleware's modules and reads their capabilities. Needed
- * once before the other SCREENRECORD_ functions; further calls do nothing.
- * @return 1 on success, 0 when a module could not be initialised (those that were are released
- *     again)
+ * Initialises the middleware's modules and reads their capabilities. Call it once before the other
+ * SCREENRECORD_ functions; further calls do nothing.
+ * @return 1 on success; 0 if a module failed to initialise (the others are released again)
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Init(void)
     SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_Initv");
 
 /**
- * Closes both slots and releases the modules that SCREENRECORD_Init initialised. Always ends
- * uninitialised.
- * @return 1 when both slots closed well, else 0 (also when the library was not initialised)
+ * Closes both slots and releases the modules that SCREENRECORD_Init initialised. The library is
+ * uninitialised afterwards, whatever the result.
+ * @return 1 if both slots closed without an error; 0 otherwise, and if the library was not
+ *     initialised
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_DeInit(void)
     SCREENRECORD_CXX_NAME("_Z19SCREENRECORD_DeInitv");
 
 /**
- * Opens a slot: resets it and creates the output file, truncating one that exists. The slot must be
- * closed; a slot whose modules run is refused.
+ * Resets a slot and creates its output file; an existing file is truncated. Close the slot before.
+ * Refused while a module of the slot runs.
  * @param pu32Handle slot, 0 or 1
  * @param pu8DstName NUL-terminated file name, copied; "wifi" is refused
- * @return 1 on success, 0 on failure (refused and nothing changed, or the slot is closed)
+ * @return 1 on success; 0 on failure (either refused, with nothing changed, or the slot is closed)
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Open(uint32_t* pu32Handle, uint8_t* pu8DstName)
     SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_OpenPjPh");
 
 /**
- * Chooses the video of an open slot and opens the encoder and its source. Before
+ * Sets the video source of an open slot, and opens the source and the encoder. Call it before
  * SCREENRECORD_SetTsMux.
  * @param pu32Handle    slot, 0 or 1
- * @param pu8SrcName    "cap" for the screen, on slot 0 only: captured pictures always go to slot
- * 0's encoder, and a recording of slot 1 would stay without any; else the name of a raw NV12 file
- * (lines of the width rounded up to 16, the height rounded up to 32 lines, chroma behind them),
- * which is played once
+ * @param pu8SrcName    "cap" for the screen, or the name of a file.
+ *     - "cap": slot 0 only. Captured pictures always go to the encoder of slot 0, so a recording of
+ *       the screen on slot 1 has no pictures.
+ *     - File: raw NV12, played once. Stride: the width rounded up to 16. Luma lines: the height
+ *       rounded up to 32; the chroma plane follows them.
  * @param pu8VencType   codec: NULL, "", "auto", "default" or "h264"
- * @param pu32Width     pixels, NULL or 0 = 640; at most what the encoder can
- * @param pu32Height    lines, NULL or 0 = 480; at most what the encoder can
- * @param pu32FrameRate frames per second, NULL or 0 = 30; at most what the encoder can
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name
- * closes the slot
+ * @param pu32Width     pixels, up to the encoder's maximum; NULL or 0 = 640
+ * @param pu32Height    lines, up to the encoder's maximum; NULL or 0 = 480
+ * @param pu32FrameRate frames per second, up to the encoder's maximum; NULL or 0 = 30
+ * @return 1 on success; 0 on failure. A failure closes the slot, unless the handle was bad, the
+ *     slot was running, or the name was NULL
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t* pu8SrcName,
                                                    uint8_t* pu8VencType, uint32_t* pu32Width,
@@ -98,59 +102,59 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetVideo(uint32_t* pu32Handle, uint8_t
     SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetVideoPjPhS0_S_S_S_");
 
 /**
- * Chooses the audio of an open slot and opens its source. Before SCREENRECORD_SetTsMux.
+ * Sets the audio source of an open slot and opens it. Call it before SCREENRECORD_SetTsMux.
  * @param pu32Handle   slot, 0 or 1
- * @param pu8SrcName   "cap" for what the device plays, else a file name (opened, but not read)
- * @param pu8AencType  codec: NULL, "", "auto", "default" or "aac"; "mp3" with "cap" only, and then
- * without capture
- * @param pu32BitWidth bits per sample, NULL or 0 = 16; stored only
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a NULL name
- * closes the slot
+ * @param pu8SrcName   "cap" for the sound that the device plays, or the name of a file, which is
+ *     opened but never read
+ * @param pu8AencType  codec: NULL, "", "auto", "default" or "aac"; "mp3" only with "cap", and
+ *     nothing is captured then
+ * @param pu32BitWidth bits per sample; NULL or 0 = 16. Stored, with no further effect
+ * @return 1 on success; 0 on failure. A failure closes the slot, unless the handle was bad, the
+ *     slot was running, or the name was NULL
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetAudio(uint32_t* pu32Handle, uint8_t* pu8SrcName,
                                                    uint8_t* pu8AencType, uint32_t* pu32BitWidth)
     SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetAudioPjPhS0_S_");
 
 /**
- * Opens the multiplexer of a slot whose video or audio is configured; the last step before
+ * Opens the multiplexer of a slot with a video or an audio source. Call it last before
  * SCREENRECORD_Start.
  * @param pu32Handle        slot, 0 or 1
- * @param pu32TsPacketSize  192 for packets behind a 4-byte arrival time stamp, any other value 188;
- * NULL = 192
- * @param pu32CbrBitrateMb  constant rate in units of 1048576 bit/s; NULL or 0 = as much as the
- * content needs. Keep to 4 at most: the writer moves 64 KiB every 100 ms, and what a higher rate
- * brings beyond that is lost
- * @return 1 on success, 0 on failure; a failure beyond a bad handle, a running slot or a missing
- * source closes the slot
+ * @param pu32TsPacketSize  bytes: 192 (a 4-byte arrival time stamp ahead of each packet); any other
+ *     value = 188; NULL = 192
+ * @param pu32CbrBitrateMb  constant bit rate in units of 1048576 bit/s, at most 4; NULL or 0 =
+ *     variable. The writer moves at most 64 KiB every 100 ms; a higher rate loses the excess
+ * @return 1 on success; 0 on failure. A failure closes the slot, unless the handle was bad, the
+ *     slot was running, or it had no source
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_SetTsMux(uint32_t* pu32Handle, uint32_t* pu32TsPacketSize,
                                                    uint32_t* pu32CbrBitrateMb)
     SCREENRECORD_CXX_NAME("_Z21SCREENRECORD_SetTsMuxPjS_S_");
 
 /**
- * Starts a configured slot. On a running slot it starts what does not run yet and succeeds.
+ * Starts a configured slot. On a running slot, starts the modules that do not run yet.
  * @param pu32Handle slot, 0 or 1
- * @return 1 when the slot records, 0 on failure; a module that cannot be started closes the slot
+ * @return 1 if the slot records; 0 on failure. A module that fails to start closes the slot
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Start(uint32_t* pu32Handle)
     SCREENRECORD_CXX_NAME("_Z18SCREENRECORD_StartPj");
 
 /**
- * Stops capture and encoder of a slot. The multiplexer goes on writing what it holds until the slot
- * is closed.
+ * Stops the capture and the encoder of a slot. The multiplexer keeps writing its remaining data
+ * until the slot is closed.
  * @param pu32Handle slot, 0 or 1
- * @return 1 on success (also when nothing ran), 0 on failure
+ * @return 1 on success, and if nothing was running; 0 on failure
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Stop(uint32_t* pu32Handle)
     SCREENRECORD_CXX_NAME("_Z17SCREENRECORD_StopPj");
 
 /**
- * Stops a slot, writes what is left, closes everything that it holds and its file. Harmless on a
- * closed slot. The writer, which copies at most 64 KiB every 100 ms, makes one more copy: of a
- * multiplexer that holds more, as after a disk that stood still until now, the rest is lost.
+ * Stops a slot, writes the remaining data, and closes its modules and its file. Does nothing on a
+ * closed slot. The writer makes one last copy of at most 64 KiB; if the multiplexer has more than
+ * that (the disk was stalled until now), the rest is lost.
  * @param pu32Handle slot, 0 or 1
- * @return 1 when the stop and the file's close succeeded, else 0; the slot is closed in either
- * case, unless the handle is bad or the library not initialised
+ * @return 1 if the stop and the close of the file succeeded; 0 otherwise. The slot is closed in
+ *     both cases, unless the handle was bad or the library was not initialised
  */
 SCREENRECORD_EXPORT uint32_t SCREENRECORD_Close(uint32_t* pu32Handle)
     SCREENRECORD_CXX_NAME("_Z18SCREENRECORD_ClosePj");
@@ -164,13 +168,13 @@ class WatermarkParams;
 extern "C" {
 
 /**
- * Sets or changes the watermark of the capture-encode interface; after video_capenc_open, also
- * while it runs. It is drawn only where the capture writes into the encoder's own buffer.
- * video_capenc_stop removes it; video_capenc_close does not, so stop first: what a later session
- * sets is else accepted and not drawn.
- * @param watermark copied; its picture is shared, not copied. srglworker/SrGlWorker.h of the
- * platform contract declares it, which CMake finds with find_package(screenrecord COMPONENTS
- * contract)
+ * Sets or changes the watermark of the capture-encode interface. Call it after video_capenc_open;
+ * allowed while the pipeline runs. The watermark is drawn only if the capture writes directly into
+ * the encoder's buffer. video_capenc_stop removes it. video_capenc_close does not: stop before you
+ * close; otherwise a watermark set in a later session is accepted but never drawn.
+ * @param watermark copied; the copy shares the picture. The type is declared in
+ *     srglworker/SrGlWorker.h of the platform contract, which CMake finds with
+ *     find_package(screenrecord COMPONENTS contract)
  * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int video_capenc_setWatermark(const android::WatermarkParams& watermark);
@@ -178,21 +182,20 @@ SCREENRECORD_EXPORT int video_capenc_setWatermark(const android::WatermarkParams
 #endif
 
 /**
- * Records screen and sound into a transport-stream file on slot 0: Init, Open, SetAudio, SetVideo,
- * SetTsMux, Start.
- * @param u32Width       pixels, 0 = 640
- * @param u32Height      lines, 0 = 480
- * @param u32FrameRate   frames per second, 0 = 30
- * @param u32CbrBitrateMb constant rate in units of 1048576 bit/s, at most 4; 0 = as much as the
- *     content needs
- * @param u32TsPacketSize 192, any other value 188
- * @param u32RecordTime  the recording ends by itself once more than so many whole seconds have
- * passed; 0 = never. The limit is one for the process: slot 1's recording ends at it too, and it
- * holds until stopScreenRecord succeeds or the next call of this function. What was still on its
- * way to the file is lost then; stopScreenRecord loses nothing
- * @param u8VencType     0 = H.264; nothing else is accepted
- * @param pu8FileName    NUL-terminated output file name
- * @return 0 when the recording runs, -1 on failure
+ * Records the screen and its sound to a transport-stream file, on slot 0. Equal to
+ * SCREENRECORD_Init, _Open, _SetAudio, _SetVideo, _SetTsMux and _Start.
+ * @param u32Width        pixels, 0 = 640
+ * @param u32Height       lines, 0 = 480
+ * @param u32FrameRate    frames per second, 0 = 30
+ * @param u32CbrBitrateMb constant bit rate in units of 1048576 bit/s, at most 4; 0 = variable
+ * @param u32TsPacketSize bytes: 192; any other value = 188
+ * @param u32RecordTime   time limit in seconds, 0 = none. The recording ends when more than this
+ *     many whole seconds have passed; data that has not reached the file by then is lost
+ *     (stopScreenRecord loses nothing). The limit belongs to the process: a recording on slot 1
+ *     ends at it too. It stays set until stopScreenRecord succeeds or this function is called again
+ * @param u8VencType      0 = H.264; any other value is refused
+ * @param pu8FileName     NUL-terminated name of the output file
+ * @return 0 if the recording runs, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t startScreenRecord(uint32_t u32Width, uint32_t u32Height,
                                               uint32_t u32FrameRate, uint32_t u32CbrBitrateMb,
@@ -200,12 +203,13 @@ SCREENRECORD_EXPORT int32_t startScreenRecord(uint32_t u32Width, uint32_t u32Hei
                                               uint8_t u8VencType, uint8_t* pu8FileName);
 
 /**
- * Stops and closes slot 0, whoever opened it; also harmless after the time limit has done so.
+ * Stops and closes slot 0, no matter which call opened it. Safe to call after the time limit has
+ * ended the recording.
  * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t stopScreenRecord(void);
 
-/** What video_capenc_open is given. */
+/** Parameters of video_capenc_open. */
 typedef struct CapEnc_OpenParams {
     /** pixels; rounded up to a multiple of 16, written back */
     uint32_t width;
@@ -215,89 +219,99 @@ typedef struct CapEnc_OpenParams {
     uint32_t frameRate;
     /** bit/s */
     uint32_t outputBitrate;
-    /** 1 = Baseline, 2 = Main; others leave it to the encoder */
+    /** 1 = Baseline, 2 = Main; any other value leaves the choice to the encoder */
     uint32_t profile;
     /**
-     * one bit a level: 0x1 = 1, 0x2 = 1b, 0x4 = 1.1 ... 0x1000 = 4.1; others leave it to the
-     * encoder
+     * one bit per level: 0x1 = 1, 0x2 = 1b, 0x4 = 1.1 ... 0x1000 = 4.1; any other value leaves the
+     * choice to the encoder
      */
     uint32_t level;
-    /** low byte not 0 = with the on-screen-display layer */
+    /** low byte other than 0 = include the on-screen-display layer */
     uint32_t osd;
 } CapEnc_OpenParams;
 
-/** What video_capenc_getES says of the frame that it took. */
+/** Description of a frame from video_capenc_getES. */
 typedef struct CapEnc_EsInfo {
-    /** 1 when the encoder's frame type code is 0 */
+    /** 1 if the encoder's frame type code is 0 */
     uint8_t bTypeZero;
-    /** 1 = an IDR access unit, where decoding can start */
+    /** 1 = IDR access unit; decoding can start here */
     uint8_t bKeyFrame;
-    /** when the picture was captured, microseconds of the monotonic clock */
+    /** capture time, microseconds of the monotonic clock */
     uint64_t u64Pts;
-    /** bytes of the frame; 0 = no frame was waiting, the other fields are untouched */
+    /** bytes; 0 = no frame was ready, and the other fields are unchanged */
     uint64_t u64DataSize;
 } CapEnc_EsInfo;
 
 /**
- * Opens the capture-encode pipeline on slot 0, whose capture and encoder must be closed.
- * @param params not NULL; width and height come back rounded
- * @return 0 on success, -1 on failure. After a failure video_capenc_close releases what is left;
- * when the failure was that the capture or the encoder was open already, they are another's, and it
- * would close those.
+ * Opens the capture-encode pipeline on slot 0. The slot's capture and encoder must be closed.
+ * @param params not NULL; width and height are rounded in place
+ * @return 0 on success, -1 on failure. After a failure, video_capenc_close releases the remains. Do
+ *     not call it if the failure was that the capture or encoder was already open: it would close
+ *     the other user's
  */
 SCREENRECORD_EXPORT int32_t video_capenc_open(CapEnc_OpenParams* params);
 
 /**
  * Starts the opened pipeline.
- * @param startTimeUs pictures captured before this time are dropped; microseconds of the monotonic
- * clock, 0 = none
- * @return 0 on success, -1 on failure (stopped and closed, except when only the watermark renderer
- *     refused)
+ * @param startTimeUs microseconds of the monotonic clock; pictures captured earlier are dropped;
+ *     0 = drop none
+ * @return 0 on success; -1 on failure. The pipeline is then stopped and closed, unless only the
+ *     watermark renderer refused
  */
 SCREENRECORD_EXPORT int32_t video_capenc_start(int64_t startTimeUs);
 
 /**
- * Stops the pipeline and removes its watermark; frames that wait can still be taken. @return 0, -1
- * on failure
+ * Stops the pipeline and removes its watermark. Frames that are ready can still be fetched.
+ * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t video_capenc_stop(void);
 
-/** Closes the pipeline from any state and frees its buffers. @return 0, -1 on failure */
+/**
+ * Closes the pipeline and frees its buffers. Allowed in any state.
+ * @return 0 on success, -1 on failure
+ */
 SCREENRECORD_EXPORT int32_t video_capenc_close(void);
 
 /**
- * Drops captured pictures until video_capenc_resume or the next video_capenc_open, also those of a
- * recording on slot 0 that is started after a close: end the pause first.
+ * Drops captured pictures until video_capenc_resume or the next video_capenc_open. The pause
+ * outlives video_capenc_close and also affects a later recording on slot 0: resume first.
  * @return 0
  */
 SCREENRECORD_EXPORT int32_t video_capenc_pause(void);
 
-/** Ends a pause; behind the frames that wait already, the next one is a key frame. @return 0 */
+/**
+ * Ends a pause. The first new frame after those already buffered is a key frame.
+ * @return 0
+ */
 SCREENRECORD_EXPORT int32_t video_capenc_resume(void);
 
 /**
- * Changes the bit rate of the open encoder. @param u32BitRate bit/s @return 0, -1 without encoder
- * or when refused
+ * Changes the bit rate of the open encoder.
+ * @param u32BitRate bit/s
+ * @return 0 on success; -1 if the encoder is not open or refuses the rate
  */
 SCREENRECORD_EXPORT int32_t video_capenc_setBitRate(uint32_t u32BitRate);
 
 /**
- * Takes the oldest waiting frame, one whole access unit (ISO/IEC 14496-10, Annex B); does not wait
- * for one. At most three frames wait; a caller that falls behind loses frames up to the next key
- * frame.
+ * Copies out and removes the oldest buffered frame: one whole access unit (ISO/IEC 14496-10, Annex
+ * B byte stream). Never waits for a frame. At most three frames are buffered; a caller that falls
+ * behind loses the frames up to the next key frame.
  * @param buffer     receives the frame; not NULL
- * @param bufferSize its size in bytes; video_capenc_getMaxEsSize() is always enough
- * @param info       not NULL; u64DataSize is 0 when no frame was waiting
- * @return 0; -1 when the frame did not fit and was dropped, or the lock was not obtained
- * (u64DataSize is 0 then)
+ * @param bufferSize bytes of `buffer`; video_capenc_getMaxEsSize() is always enough
+ * @param info       not NULL; u64DataSize is 0 if no frame was ready
+ * @return 0; -1 if the frame did not fit and was dropped, or if the lock was not obtained
+ *     (u64DataSize is 0 then)
  */
 SCREENRECORD_EXPORT int32_t video_capenc_getES(uint8_t* buffer, uint64_t bufferSize,
                                                CapEnc_EsInfo* info);
 
-/** The largest frame that video_capenc_getES hands out, in bytes. */
+/** @return the largest frame that video_capenc_getES can return, in bytes */
 SCREENRECORD_EXPORT uint32_t video_capenc_getMaxEsSize(void);
 
-/** Asks for a key frame: waiting frames before the next key frame are dropped. @return 0 */
+/**
+ * Requests a key frame. Buffered frames ahead of the next key frame are dropped.
+ * @return 0
+ */
 SCREENRECORD_EXPORT int32_t video_capenc_requestKeyFrame(void);
 
 /** Picture formats of the still-frame interface. */
@@ -312,7 +326,7 @@ typedef enum Cap_OutputFmt_e {
     E_CAP_OUTPUT_FMT_NV12 = 3
 } Cap_OutputFmt_e;
 
-/** What video_cap_open is given. */
+/** Parameters of video_cap_open. */
 typedef struct Cap_OpenParams {
     /** pixels, 0 = 640 */
     uint32_t width;
@@ -320,23 +334,19 @@ typedef struct Cap_OpenParams {
     uint32_t height;
     /** Cap_OutputFmt_e */
     uint32_t colorfmt;
-    /** low byte not 0 = with the on-screen-display layer */
+    /** low byte other than 0 = include the on-screen-display layer */
     uint32_t withosd;
-    /** frame buffers, 1 or more */
+    /** number of frame buffers, 1 or more */
     int32_t buffer_number;
 } Cap_OpenParams;
 
-/**
- * One frame buffer, as video_cap_getCaptureBuffers describes it. Entries beyond planeCount are
- * untouched.
- */
+/** A frame buffer. Array entries from planeCount on are unchanged. */
 typedef struct Cap_Buffer {
-    int32_t
-        /** descriptor to map each plane by; it stays the library's and is valid until the close */
-        fd[3];
-    /** byte of the descriptor's memory where the plane starts */
+    /** descriptor to map the plane with; owned by the library, valid until video_cap_close */
+    int32_t fd[3];
+    /** start of the plane in the descriptor's memory, bytes */
     uint32_t offset[3];
-    /** bytes of the plane (of the whole buffer where there is one plane) */
+    /** bytes of the plane; of the whole buffer if planeCount is 1 */
     uint64_t size[3];
     /** 1, or 2 for NV12 */
     uint32_t planeCount;
@@ -344,74 +354,80 @@ typedef struct Cap_Buffer {
     uint32_t width;
     /** lines */
     uint32_t height;
-    /** bytes per line; for NV12 of both planes together, width x 3 / 2 */
+    /** bytes per line; NV12: of both planes together, width x 3 / 2 */
     uint32_t pitch;
     /** Cap_OutputFmt_e */
     uint32_t format;
-    /** untouched */
+    /** unchanged */
     uint32_t reserved;
 } Cap_Buffer;
 
 /**
- * Opens still-frame capture on slot 0, whose capture must be closed, and allocates the buffers.
+ * Opens still-frame capture on slot 0 and allocates the buffers. The slot's capture must be closed.
  * @param params not NULL
- * @return 0 on success, also when the buffers could not be allocated (video_cap_getCaptureBuffers
- * then fails); -1 on failure. After a format that does not exist the device stays open: call
- * video_cap_close.
+ * @return 0 on success, and if only the buffers could not be allocated (video_cap_getCaptureBuffers
+ *     fails then); -1 on failure. An unknown format leaves the device open: call video_cap_close
  */
 SCREENRECORD_EXPORT int32_t video_cap_open(Cap_OpenParams* params);
 
 /**
  * Describes the buffers.
  * @param buffers array of `count` entries
- * @param count   the number of buffers that was opened
- * @return 0, -1 when the count differs or there are no buffers
+ * @param count   buffer_number of video_cap_open
+ * @return 0 on success; -1 if `count` differs or there are no buffers
  */
 SCREENRECORD_EXPORT int32_t video_cap_getCaptureBuffers(Cap_Buffer* buffers, uint32_t count);
 
 /**
- * Captures what is on the screen now into buffer `index`; returns when it is there. @return 0, -1
- * on failure
+ * Captures the current screen into a buffer. Blocks until the picture is complete.
+ * @param index buffer, 0 to buffer_number - 1
+ * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t video_cap_captureScreen(int32_t index);
 
 /**
- * Frees the buffers and closes the device. Their mappings stay valid, their descriptor does not.
- * @return 0 or -1
+ * Frees the buffers and closes the device. Existing mappings stay valid; the descriptor does not.
+ * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t video_cap_close(void);
 
-/** What audio_cap_getInfo says. */
+/** PCM format. */
 typedef struct AudioCap_Info {
-    /** bytes worth reading at once, 12288 */
+    /** recommended read size in bytes, 12288 */
     uint64_t u64BufSize;
     /** 2, interleaved */
     uint32_t u32Channels;
-    /** samples per second and channel, 48000 */
+    /** samples per second per channel, 48000 */
     uint64_t u64SampleRate;
     /** 1 = 16 bits, little-endian */
     uint32_t u32SampleFormat;
 } AudioCap_Info;
 
-/** Opens PCM capture on slot 0, whose audio capture must be closed. @return 0, -1 on failure */
+/**
+ * Opens PCM capture on slot 0. The slot's audio capture must be closed.
+ * @return 0 on success, -1 on failure
+ */
 SCREENRECORD_EXPORT int32_t audio_cap_open(void);
-/** Starts PCM capture. @return 0, -1 on failure */
+/** Starts PCM capture. @return 0 on success, -1 on failure */
 SCREENRECORD_EXPORT int32_t audio_cap_start(void);
-/** Stops PCM capture. @return 0, -1 on failure */
+/** Stops PCM capture. @return 0 on success, -1 on failure */
 SCREENRECORD_EXPORT int32_t audio_cap_stop(void);
-/** Closes PCM capture from any state. @return 0 (also when it was not open), -1 on failure */
+/**
+ * Closes PCM capture. Allowed in any state.
+ * @return 0 on success, and if it was not open; -1 on failure
+ */
 SCREENRECORD_EXPORT int32_t audio_cap_close(void);
-/** Describes the PCM. @param info not NULL @return 0 */
+/** Describes the PCM format. @param info not NULL @return 0 */
 SCREENRECORD_EXPORT int32_t audio_cap_getInfo(AudioCap_Info* info);
-/** Bytes lost because nobody read them: not counted, always 0. */
+/** @return 0: lost sound is not counted */
 SCREENRECORD_EXPORT uint64_t audio_cap_getLostSize(void);
 /**
- * Reads PCM once a whole buffer's worth is waiting; does not wait for it.
+ * Reads PCM if at least `bufSize` bytes are available. Never waits.
  * @param buffer  receives the samples; not NULL
- * @param bufSize its size in bytes
- * @param pSize   receives the bytes delivered, 0 when less than `bufSize` is waiting; untouched
- * when the device fails to read
- * @return 0; -1 when PCM capture is not open or its level is unknown
+ * @param bufSize bytes of `buffer`
+ * @param pSize   receives the number of bytes read; 0 if fewer than `bufSize` are available;
+ *     unchanged if the device fails to read
+ * @return 0; -1 if PCM capture is not open or the fill level is unknown
  */
 SCREENRECORD_EXPORT int32_t audio_cap_getPCM(uint8_t* buffer, uint64_t bufSize, uint64_t* pSize);
 
