@@ -1,31 +1,73 @@
 #!/usr/bin/env python3
-"""Makes the pictures of the README from a real session: docs/images/make.py [BUILD], with a display of its own.
+"""Makes the README's pictures from real sessions: docs/images/make.py [BUILD]
 
-Records some programs of x11-apps for ten seconds in a terminal of 80 columns, and writes what the terminal showed
-(client.svg, one picture a second) and a frame of the recording (frame.png).
+client.svg: what a terminal shows during a recording of ten seconds, one picture a second.
+frame.png:  a frame of a recording that a terminal on the recorded desktop runs.
+
+Debian packages: openbox tint2 pcmanfm geany lxterminal gnome-themes-extra gtk2-engines-pixbuf papirus-icon-theme
+hsetroot xdotool fonts-noto-core.
 """
 
 import html
 import os
 import pty
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "..", "..", "build", "release"))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "release"))
 COMMAND = ["screenrecord", "record", "-o", "meeting.ts", "-t", "10"]
-WINDOWS = (["xclock", "-update", "1", "-geometry", "300x300+40+40"], ["xcalc", "-geometry", "+400+60"],
-           ["xeyes", "-geometry", "260x180+700+80"], ["xlogo", "-geometry", "260x260+980+400"],
-           ["oclock", "-geometry", "200x200+60+440"])
+SETTINGS = {
+    ".config/gtk-3.0/settings.ini": "[Settings]\ngtk-icon-theme-name=Papirus\ngtk-font-name=Noto Sans 10\n",
+    ".gtkrc-2.0": 'gtk-theme-name="Adwaita"\ngtk-icon-theme-name="Papirus"\ngtk-font-name="Noto Sans 10"\n',
+    ".config/lxterminal/lxterminal.conf":
+        "[general]\nfontname=DejaVu Sans Mono 11\nbgcolor=rgb(30,30,46)\nfgcolor=rgb(224,224,224)\n"
+        "hidemenubar=true\nhidescrollbar=true\npalette_color_2=rgb(126,198,153)\npalette_color_1=rgb(255,95,86)\n",
+    ".config/geany/geany.conf":
+        "[geany]\npref_main_load_session=false\npref_main_confirm_exit=false\nsidebar_visible=false\n"
+        "msgwindow_visible=false\ntoolbar_visible=false\neditor_font=DejaVu Sans Mono 10\nload_vte=false\n",
+    ".bashrc": "PS1='\\[\\e[32m\\]\\w \\$\\[\\e[0m\\] '\n",
+}
+# programs, and the place and size of each window
+WINDOWS = (
+    (["pcmanfm", "--no-desktop", "project"], "project", (20, 20, 560, 330)),
+    (["geany", "project/first.c"], "first.c", (610, 20, 640, 400)),
+    (["lxterminal", "--no-remote", "-t", "Terminal", "-e", "bash"], "Terminal", (120, 380, 840, 280)),
+)
+
+
+def make_home(home):
+    for name, text in SETTINGS.items():
+        os.makedirs(os.path.dirname(os.path.join(home, name)), exist_ok=True)
+        with open(os.path.join(home, name), "w", encoding="utf-8") as file:
+            file.write(text)
+    project = os.path.join(home, "project")
+    shutil.copytree(os.path.join(ROOT, "examples"), project)
+    for name in ("README.md", "docs/performance.md", "docs/images/performance.svg"):
+        shutil.copy(os.path.join(ROOT, name), project)
+    with open(os.path.join(ROOT, "README.md"), encoding="utf-8") as readme:
+        program = re.search(r"```c\n(.*?)```", readme.read(), re.DOTALL).group(1)
+    with open(os.path.join(project, "first.c"), "w", encoding="utf-8") as file:
+        file.write(program)
+
+
+def place_window(title, x, y, width, height):
+    window = subprocess.run(["xdotool", "search", "--sync", "--onlyvisible", "--name", title], check=True,
+                            capture_output=True, text=True, timeout=60).stdout.split()[-1]
+    subprocess.run(["xdotool", "windowsize", window, str(width), str(height), "windowmove", window, str(x), str(y),
+                    "windowactivate", "--sync", window], check=True, timeout=60)
 
 
 def start_screen(folder):
+    """Starts X server, sound server and desktop. Returns their processes."""
     reader, writer = os.pipe()
-    started = [subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", "1280x720x24", "-nolisten", "tcp"],
-                                pass_fds=[writer], stderr=subprocess.DEVNULL)]
+    started = [subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", "1280x720x24", "-nolisten", "tcp",
+                                 "-noreset"], pass_fds=[writer], stderr=subprocess.DEVNULL)]
     os.close(writer)
     with os.fdopen(reader) as number:
         os.environ["DISPLAY"] = ":" + number.readline().strip()
@@ -33,8 +75,14 @@ def start_screen(folder):
     started.append(subprocess.Popen(["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
                                      "-L", "module-null-sink", "-L", f"module-native-protocol-unix socket={socket}"],
                                     stderr=subprocess.DEVNULL))
-    os.environ["PULSE_SERVER"] = "unix:" + socket
-    started += [subprocess.Popen(window, stderr=subprocess.DEVNULL) for window in WINDOWS]
+    os.environ.update(PULSE_SERVER="unix:" + socket, HOME=folder, XDG_RUNTIME_DIR=folder,
+                      XDG_CONFIG_HOME=os.path.join(folder, ".config"), GSETTINGS_BACKEND="memory",
+                      PATH=os.path.join(BUILD, "bin") + ":" + os.environ["PATH"])
+    make_home(folder)
+    os.chdir(folder)
+    subprocess.run(["hsetroot", "-add", "#16324f", "-add", "#2a628f", "-add", "#7fb7be", "-gradient", "160"],
+                   check=True, stdout=subprocess.DEVNULL)
+    started += [subprocess.Popen([program], stderr=subprocess.DEVNULL) for program in ("openbox", "tint2")]
     while not os.path.exists(socket):
         time.sleep(0.1)
     started.append(subprocess.Popen(["ffmpeg", "-v", "quiet", "-re", "-f", "lavfi", "-i", "sine=440:r=48000", "-ac",
@@ -42,8 +90,35 @@ def start_screen(folder):
     return started
 
 
+def open_windows():
+    started = []
+    for command, title, place in WINDOWS:
+        started.append(subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        place_window(title, *place)
+    return started
+
+
+def save_frame(folder):
+    """Types the command into the terminal of the desktop and takes a frame of its recording."""
+    subprocess.run(["xdotool", "type", "--delay", "60", "ls project; " + " ".join(COMMAND) + "\n"], check=True)
+    recording = os.path.join(folder, "meeting.ts")
+    deadline = time.monotonic() + 60
+    while not (os.path.exists(recording) and os.path.getsize(recording) and not recorder_runs()):
+        if time.monotonic() > deadline:
+            raise TimeoutError("the terminal has made no recording")
+        time.sleep(0.2)
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-ss", "7", "-i", recording, "-frames:v", "1", "-vf",
+                    "split[a][b];[a]palettegen=max_colors=192[p];[b][p]paletteuse=dither=none",
+                    os.path.join(HERE, "frame.png")], check=True)
+
+
+def recorder_runs():
+    """Whether a program has the recording locked, as it is while it is made."""
+    return subprocess.run(["flock", "--nonblock", "meeting.ts", "true"], check=False).returncode != 0
+
+
 def terminal_output(folder):
-    """What a terminal gets to see, until the program ends."""
+    """Runs the command in a terminal. Returns the terminal's bytes."""
     process, terminal = pty.fork()
     if process == 0:
         os.chdir(folder)
@@ -84,7 +159,9 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         started = start_screen(folder)
         try:
-            time.sleep(2)  # for the windows to be drawn
+            started += open_windows()
+            save_frame(folder)
+            os.remove(os.path.join(folder, "meeting.ts"))
             shown = terminal_output(folder)
         finally:
             for process in reversed(started):
@@ -92,8 +169,6 @@ def main():
                 process.wait()
         with open(os.path.join(HERE, "client.svg"), "w", encoding="utf-8") as file:
             file.write(svg(shown))
-        subprocess.run(["ffmpeg", "-v", "error", "-y", "-ss", "5", "-i", os.path.join(folder, "meeting.ts"),
-                        "-frames:v", "1", "-vf", "scale=800:-1", os.path.join(HERE, "frame.png")], check=True)
 
 
 main()
