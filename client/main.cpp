@@ -4,9 +4,10 @@
 #include <string_view>
 #include <unistd.h>
 
-#include "commands.h"
-#include "library_log.h"
-#include "messages.h"
+#include "command_line/command_line.h"
+#include "commands/commands.h"
+#include "process/messages.h"
+#include "running/library_log.h"
 
 namespace {
 

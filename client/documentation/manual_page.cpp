@@ -1,5 +1,5 @@
+#include "command_line/program_description.h"
 #include "documentation/outline.h"
-#include "program_description.h"
 
 namespace client {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "program_description.h"
+#include "command_line/program_description.h"
 
 namespace client {
 namespace {

@@ -5,12 +5,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "lost_frames.h"
-#include "messages.h"
-#include "option_values.h"
-#include "status_report.h"
-#include "stream_control.h"
-#include "wav_file.h"
+#include "command_line/option_values.h"
+#include "files/wav_file.h"
+#include "process/messages.h"
+#include "running/lost_frames.h"
+#include "running/stream_control.h"
+#include "showing/status_report.h"
 
 namespace {
 

@@ -8,14 +8,22 @@ import unittest
 from harness import SOURCE
 
 # The layers of each tree from the top down. A folder includes itself and the layers below its own; folders of one
-# layer do not include each other. A tree whose folders have such an order gets a row here, and its drawing in
-# docs/architecture.md a line a layer.
+# layer do not include each other; files beside the folders are above all of them. A tree whose folders have such an
+# order gets a row here, and its drawing in docs/architecture.md a line a layer.
 ORDERS = {
     "src": (
         ("recording", "capture_encode", "stills", "pcm"),
         ("modules",),
         ("table",),
         ("base",),
+    ),
+    "client": (
+        ("commands", "documentation"),
+        ("running", "showing"),
+        ("command_line",),
+        ("files",),
+        ("machine",),
+        ("process",),
     ),
 }
 OFFERED = ("include", "platform/include")  # for everything in src
@@ -36,11 +44,12 @@ def upward(tree, order):
     found = []
     for path in files(tree):
         folder = path.relative_to(tree).parts[0]
+        height = depth.get(folder, -1)
         for bracket, name in includes(path):
             target = name.split("/")[0]
             if bracket == '"' and not (tree / name).is_file():
                 found.append(f"{path.relative_to(tree)} includes {name}, which is no file here")
-            elif (tree / name).is_file() and target != folder and depth[target] <= depth[folder]:
+            elif (tree / name).is_file() and target != folder and depth.get(target, -1) <= height:
                 found.append(f"{path.relative_to(tree)} includes {name}")
     return found
 

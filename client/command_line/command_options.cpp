@@ -1,0 +1,298 @@
+#include "command_line/command_options.h"
+
+#include <algorithm>
+#include <CLI/CLI.hpp>
+#include <functional>
+
+#include "files/output_file.h"
+#include "process/messages.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+[[noreturn]] void refuse(const std::string& option, const std::string& reason)
+{
+    throw CLI::ValidationError(option, reason);
+}
+
+/** An option whose text `take` understands, or refuses with the end of a sentence on it. */
+CLI::Option* define_value(CLI::App& command, const char* names, const char* type, const char* text,
+                          std::function<std::string(const std::string&)> take)
+{
+    const std::string long_name = std::string(names).substr(std::string(names).find("--"));
+    return command
+        .add_option_function<std::string>(
+            names,
+            [take = std::move(take), long_name](const std::string& given) {
+                const std::string problem = take(given);
+                if (!problem.empty())
+                    refuse(long_name, "'" + given + "' " + problem);
+            },
+            text)
+        ->type_name(type);
+}
+
+CLI::Option* define_number(CLI::App& command, const char* names, const char* type, const char* text,
+                           uint32_t low, uint32_t high, std::function<void(uint32_t)> set)
+{
+    return define_value(command, names, type, text,
+                        [low, high, set = std::move(set)](const std::string& given) {
+                            const auto number = parse_number(given);
+                            if (!number || *number < low || *number > high)
+                                return format_text("is no whole number from %u to %u", low, high);
+                            set(*number);
+                            return std::string();
+                        });
+}
+
+/** @param choices as help shows them: "a|b|c" */
+CLI::Option* define_choice(CLI::App& command, const char* names, const char* choices,
+                           const char* text, std::function<void(const std::string&)> set)
+{
+    return define_value(command, names, choices, text,
+                        [choices, set = std::move(set)](const std::string& given) {
+                            const std::vector<std::string> words = choices_of(choices);
+                            if (std::find(words.begin(), words.end(), given) == words.end())
+                                return "is not " + listed(words, "or");
+                            set(given);
+                            return std::string();
+                        });
+}
+
+void define_output(CLI::App& command, CommonOptions& options, const char* type, const char* text)
+{
+    command.add_option("-o,--output", options.output, text)->required()->type_name(type);
+    command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
+    command.add_flag("-v,--verbose", options.verbose,
+                     "say what was chosen, and show of the library's log what explains a failure");
+}
+
+void define_display(CLI::App& command, CommonOptions& options)
+{
+    command.add_option("--display", options.display, "X display to capture, instead of DISPLAY")
+        ->type_name("NAME");
+}
+
+void define_time(CLI::App& command, CommonOptions& options)
+{
+    define_value(
+        command, "-t,--time", "TIME",
+        "end after so long, such as 90, 1m30s or 00:01:30; else at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+        [&options](const std::string& given) {
+            options.time = parse_time(given);
+            return options.time
+                       ? ""
+                       : "is no time such as 10, 90s, 1m30s or 00:01:30, more than 0 and up to 10000000 seconds";
+        });
+}
+
+void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
+{
+    define_value(command, "-s,--size", "WxH", text,
+                 [&size](const std::string& given) -> std::string {
+                     size = parse_size(given);
+                     if (!size)
+                         return "is no size such as 1280x720";
+                     const std::string problem = size_problem(*size);
+                     return problem.empty() ? "" : "cannot be captured: " + problem;
+                 });
+}
+
+void define_fps(CLI::App& command, uint32_t& fps)
+{
+    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; else 30", 1, 120,
+                  [&fps](uint32_t given) { fps = given; });
+}
+
+void define_rate(CLI::App& command, RecordOptions& options)
+{
+    define_value(
+        command, "--rate", "MBIT",
+        "constant rate, 1 to 4 in units of 1048576 bit/s; else as much as the content needs",
+        [&options](const std::string& given) -> std::string {
+            const auto rate = parse_number(given);
+            if (!rate || *rate < 1)
+                return "is no whole number from 1 to 4";
+            options.constant_mbit = *rate;
+            return *rate <= 4
+                       ? ""
+                       : "is more than 4 Mbit/s, the greatest constant rate that the library's writer keeps up with: it moves at most 64 KiB every 100 ms, which is 5.24 Mbit/s with everything";
+        });
+}
+
+void check_record(const RecordOptions& options)
+{
+    if (options.output == "wifi")
+        refuse("--output", "the name 'wifi' is reserved, but './wifi' is a file");
+    if (is_standard_output(options.output))
+        refuse(
+            "--output",
+            "'" + options.output +
+                "' is no file, which a recording needs; 'screenrecord stream -o -' writes to standard output");
+    if (is_standard_output(options.status_file))
+        refuse(
+            "--status-file",
+            "'" + options.status_file +
+                "' is no file, which is replaced each second; --json writes the same to standard error");
+    if (!options.source.empty() && !options.size)
+        refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
+    if (options.source.ends_with(".ts"))
+        refuse(
+            "--source",
+            "'" + options.source +
+                "' ends in .ts, so the library takes it for a transport stream, not for raw NV12 pictures; give it another name");
+    if (options.slot != 0 && options.source.empty() && !options.one_call)
+        refuse(
+            "--slot",
+            "1 cannot record the screen, whose pictures the library hands to slot 0 only; slot 1 encodes a --source");
+    if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
+        refuse(
+            "--one-call",
+            "always records the screen with sound on slot 0: the interface has no such choice, so it goes with none of --source, --slot 1 and --no-audio");
+}
+
+void check_shot(const ShotOptions& options)
+{
+    if (is_standard_output(options.output) && options.count != 1)
+        refuse("--count",
+               format_text(
+                   "%u pictures cannot be told apart on standard output; name a file with --output",
+                   options.count));
+}
+
+uint32_t format_code(const std::string& name)
+{
+    if (name == "yuyv")
+        return E_CAP_OUTPUT_FMT_YUYV;
+    if (name == "rgb565")
+        return E_CAP_OUTPUT_FMT_RGB565;
+    return name == "nv12" ? E_CAP_OUTPUT_FMT_NV12 : E_CAP_OUTPUT_FMT_BGRA;
+}
+
+void define_encoder(CLI::App& command, StreamOptions& options)
+{
+    define_value(
+        command, "-b,--bitrate", "RATE",
+        "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate",
+        [&options](const std::string& given) {
+            options.bit_rate = parse_bit_rate(given);
+            return options.bit_rate ? "" : "is no rate from 10k to 240M, such as 800k or 2.5M";
+        });
+    define_choice(
+        command, "--profile", "baseline|main", "H.264 profile; else the encoder's choice",
+        [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
+    define_choice(command, "--level", "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1",
+                  "H.264 level; else the encoder's choice",
+                  [&options](const std::string& name) { options.level = *parse_level(name); });
+}
+
+void define_watermark(CLI::App& command, WatermarkOptions& options)
+{
+    auto* image = command
+                      .add_option("--watermark", options.image,
+                                  "picture to draw into the stream, with its alpha")
+                      ->type_name("IMAGE.png");
+    define_value(command, "--at", "X,Y", "its top left corner in the stream's picture; else 16,16",
+                 [&options](const std::string& given) {
+                     const auto at = parse_position(given);
+                     options.at = at.value_or(options.at);
+                     return at ? "" : "is no position such as 16,16";
+                 })
+        ->needs(image);
+    define_number(command, "--opacity", "N",
+                  "0 (invisible) to 255 (as the picture's alpha says); else 255", 0, 255,
+                  [&options](uint32_t given) { options.opacity = given; })
+        ->needs(image);
+}
+
+} // namespace
+
+void define_record(CLI::App& command, RecordOptions& options)
+{
+    define_output(command, options, "FILE.ts", "file to record into");
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; else the display's own");
+    define_fps(command, options.fps);
+    define_time(command, options);
+    define_rate(command, options);
+    define_choice(
+        command, "--packet-size", "188|192",
+        "192 puts an arrival time before each packet of 188 bytes; else 188",
+        [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
+    command.add_flag_callback(
+        "--no-audio", [&options] { options.audio = false; }, "record no sound");
+    define_display(command, options);
+    define_choice(command, "--slot", "0|1",
+                  "recording slot of the library; 1 goes with --source only; else 0",
+                  [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
+    command
+        .add_option(
+            "--source", options.source,
+            "encode this file of raw NV12 pictures instead of the screen; lines of the width rounded up to 16, the height rounded up to 32 lines, chroma behind; ends with the file")
+        ->type_name("FILE.nv12");
+    command.add_flag("--one-call", options.one_call, "use the library's one-call interface");
+    command.add_flag("--json", options.json, "one JSON object a second on standard error");
+    command
+        .add_option("--status-file", options.status_file,
+                    "write the same object into this file, once a second")
+        ->type_name("FILE");
+    command.callback([&options] { check_record(options); });
+}
+
+void define_stream(CLI::App& command, StreamOptions& options)
+{
+    define_output(command, options, "FILE.h264|-", "file, or - for standard output");
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; else the display's own");
+    define_fps(command, options.fps);
+    define_encoder(command, options);
+    command.add_flag(
+        "--osd", options.osd,
+        "with the device's layer above the picture; a stream of an X display has the pointer in any case");
+    define_time(command, options);
+    define_watermark(command, options.watermark);
+    define_choice(
+        command, "--control", "-",
+        "take commands from standard input, one a line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answered on standard error. On a terminal always",
+        [&options](const std::string&) { options.control = true; });
+    define_display(command, options);
+}
+
+void define_shot(CLI::App& command, ShotOptions& options)
+{
+    define_output(
+        command, options, "FILE.png|-",
+        "picture to write, or - for a PNG on standard output; a name ending in .raw gets the captured bytes as they are");
+    define_size(command, options.size, "picture size; else the display's own");
+    define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
+                  "what is captured, before it is converted to PNG; else bgra",
+                  [&options](const std::string& name) { options.format = format_code(name); });
+    auto* count = define_number(command, "-n,--count", "COUNT",
+                                "take so many and number the files: shot-001.png ...", 1, 999999,
+                                [&options](uint32_t given) {
+                                    options.count = given;
+                                    options.numbered = true;
+                                });
+    define_number(command, "--interval", "MS", "milliseconds from one to the next; else 1000", 0,
+                  86400000,
+                  [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
+        ->needs(count);
+    command.add_flag("--pointer,--osd", options.osd, "with the pointer");
+    define_display(command, options);
+    command.callback([&options] { check_shot(options); });
+}
+
+void define_pcm(CLI::App& command, PcmOptions& options)
+{
+    define_output(command, options, "FILE.wav|-",
+                  "WAV file, or - for raw samples on standard output");
+    define_time(command, options);
+}
+
+void define_doctor(CLI::App& command, DoctorOptions& options)
+{
+    define_display(command, options);
+}
+
+} // namespace client

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "command_line/options.h"
+
+namespace client {
+
+/**
+ * Each defines a command's options: names, texts, limits and what they may not be combined with.
+ */
+void define_record(CLI::App& command, RecordOptions& options);
+void define_stream(CLI::App& command, StreamOptions& options);
+void define_shot(CLI::App& command, ShotOptions& options);
+void define_pcm(CLI::App& command, PcmOptions& options);
+void define_doctor(CLI::App& command, DoctorOptions& options);
+
+} // namespace client

@@ -1,0 +1,134 @@
+#include "command_line/command_paths.h"
+
+#include <CLI/CLI.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "files/output_file.h"
+#include "files/output_format.h"
+#include <common/trusted_path.h>
+
+namespace client {
+namespace {
+
+struct NamedPath {
+    const char* option;
+    std::string path;
+    bool written;
+};
+using Paths = std::vector<NamedPath>;
+
+Paths paths_of(const RecordOptions& options)
+{
+    return {{"--output", options.output, true},
+            {"--status-file", options.status_file, true},
+            {"--source", options.source, false}};
+}
+
+Paths paths_of(const StreamOptions& options)
+{
+    return {{"--output", options.output, true}, {"--watermark", options.watermark.image, false}};
+}
+
+Paths paths_of(const ShotOptions& options)
+{
+    return {{"--output", options.output, true}};
+}
+
+Paths paths_of(const PcmOptions& options)
+{
+    return {{"--output", options.output, true}};
+}
+
+[[noreturn]] void refuse_path(const NamedPath& path, const std::string& reason)
+{
+    throw CLI::ValidationError(path.option, "'" + path.path + "' " + reason);
+}
+
+void check_name(const NamedPath& path)
+{
+    if (path.path.starts_with('='))
+        refuse_path(
+            path,
+            "begins with '=', which does not stand between a short option and its value: '-o " +
+                path.path.substr(1) + "'; a file of that name is './" + path.path + "'");
+    if (path.path.starts_with('-') && path.path != "-")
+        refuse_path(path, "looks like an option; a file of that name is './" + path.path + "'");
+}
+
+bool is_same_file(const std::string& one, const std::string& other)
+{
+    struct stat first = {}, second = {};
+    const bool first_there = stat(one.c_str(), &first) == 0,
+               second_there = stat(other.c_str(), &second) == 0;
+    if (first_there != second_there)
+        return false;
+    if (first_there)
+        return common::is_one_file(first, second);
+    const common::TrustedPath first_place(one), second_place(other);
+    if (fstat(first_place.folder(), &first) != 0 || fstat(second_place.folder(), &second) != 0)
+        return one == other;
+    return common::is_one_file(first, second) && first_place.name() == second_place.name();
+}
+
+void check_pair(const NamedPath& one, const NamedPath& other)
+{
+    if ((one.written || other.written) && is_same_file(one.path, other.path))
+        refuse_path(other, "is the same file as " + std::string(one.option) + " '" + one.path +
+                               "'; give one of them another name");
+}
+
+/** A shell has opened these for us, perhaps a file that we are to write as well. */
+void check_against_standard_descriptors(const NamedPath& path)
+{
+    const char* const names[] = {"standard input", "standard output", "standard error"};
+    struct stat named = {}, open = {};
+    if (!path.written || stat(path.path.c_str(), &named) != 0 || !S_ISREG(named.st_mode))
+        return;
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fstat(fd, &open) == 0 && common::is_one_file(named, open))
+            refuse_path(path, std::string("is the file that ") + names[fd] +
+                                  " is redirected to; give one of them another name");
+}
+
+void check(Paths paths)
+{
+    std::erase_if(paths, [](const NamedPath& each) { return each.path.empty(); });
+    for (const NamedPath& path : paths)
+        check_name(path);
+    std::erase_if(paths, [](const NamedPath& each) { return is_standard_output(each.path); });
+    for (size_t i = 0; i < paths.size(); ++i) {
+        for (size_t j = 0; j < i; ++j)
+            check_pair(paths[j], paths[i]);
+        check_against_standard_descriptors(paths[i]);
+    }
+}
+
+template <typename Options>
+void check_output(const char* command, const Options& options, uint32_t fps = 0)
+{
+    const std::string problem = wrong_format(command, options.output, fps);
+    if (!problem.empty())
+        refuse_path({"--output", options.output, true}, problem);
+    check(paths_of(options));
+}
+
+struct CommandCheck {
+    void operator()(const RecordOptions& options) const { check_output("record", options); }
+    void operator()(const StreamOptions& options) const
+    {
+        check_output("stream", options, options.fps);
+    }
+    void operator()(const ShotOptions& options) const { check_output("shot", options); }
+    void operator()(const PcmOptions& options) const { check_output("pcm", options); }
+    void operator()(const auto&) const {} // no paths
+};
+
+} // namespace
+
+void check_paths(const Invocation& invocation)
+{
+    std::visit(CommandCheck{}, invocation);
+}
+
+} // namespace client

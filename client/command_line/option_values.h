@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "machine/picture_size.h"
+
+namespace client {
+
+/** A place in a picture, pixels from its top left corner; may lie outside. */
+struct Position {
+    int32_t x = 0;
+    int32_t y = 0;
+    bool operator==(const Position&) const = default;
+};
+
+/**
+ * "WxH", decimal; nothing for anything else. Whether it can be captured is said by size_problem().
+ */
+std::optional<Size> parse_size(std::string_view text);
+
+/** The rates that the encoder is asked for, bits per second: no level that it knows allows more. */
+inline constexpr uint32_t lowest_bit_rate = 10'000;
+inline constexpr uint32_t greatest_bit_rate = 240'000'000;
+
+/**
+ * One of these rates: a number with an optional fraction and suffix k (1000) or M (1000000), of
+ * either case.
+ */
+std::optional<uint32_t> parse_bit_rate(std::string_view text);
+
+/** "X,Y", each with a minus sign where it is negative; a plus sign is none of it. */
+std::optional<Position> parse_position(std::string_view text);
+
+/** "10", "10s", "1h2m3.5s", "01:30" or "00:01:30": more than 0 and at most 10000000 seconds. */
+std::optional<std::chrono::duration<double>> parse_time(std::string_view text);
+
+/** "a|b|c" as its words. */
+std::vector<std::string> choices_of(std::string_view text);
+
+/** Words as people list them: "a, b or c", with `last` before the last one. */
+std::string listed(const std::vector<std::string>& words, const char* last);
+
+/** The word of `words` that somebody may have meant by `typed`; nothing when none is near. */
+std::optional<std::string> nearest_word(const std::string& typed,
+                                        const std::vector<std::string>& words);
+
+/** A whole number from 0 to 4294967295, nothing around it. */
+std::optional<uint32_t> parse_number(std::string_view text);
+
+/** The level codes of CapEnc_OpenParams for "1", "1b", "1.1" ... "4.1". */
+std::optional<uint32_t> parse_level(std::string_view text);
+
+} // namespace client

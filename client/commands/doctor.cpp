@@ -1,0 +1,154 @@
+#include <cerrno>
+#include <cstdlib>
+#include <sys/statvfs.h>
+
+#include "commands/commands.h"
+#include "machine/display.h"
+#include "machine/host.h"
+#include "machine/sound_sources.h"
+#include "process/messages.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+constexpr uint64_t comfortable_free_bytes = 1'000'000'000;
+
+/** One finding, and whether recordings can do without what it is about. */
+struct Finding {
+    enum class Kind { good, limited, missing } kind;
+    std::string sentence;
+};
+
+Finding examine_platform()
+{
+    const char* platform = platform_sentence();
+    if (!platform)
+        return {Finding::Kind::limited,
+                "This platform counts nothing, so frames and losses are not shown."};
+    return {Finding::Kind::good, platform};
+}
+
+Finding examine_display()
+{
+    if (test_card_asked())
+        return {Finding::Kind::good,
+                "ZU3_DISPLAY asks for the test card, so no display is needed."};
+    try {
+        const DisplayInfo display = display_to_capture();
+        std::string sentence =
+            format_text("The display %s answers, with %ux%u", display.name.c_str(),
+                        display.size.width, display.size.height);
+        if (display.refresh_hz > 0)
+            sentence += format_text(" at %.2f Hz", display.refresh_hz);
+        return {Finding::Kind::good, sentence + "."};
+    } catch (const Failure& failure) {
+        return {
+            Finding::Kind::missing,
+            std::string(failure.what()) +
+                ". Start this from the desktop's own terminal, or on an X server without a screen: 'apt install xvfb', 'Xvfb :99 -screen 0 1280x720x24 &', 'export DISPLAY=:99'."};
+    }
+}
+
+Finding examine_shared_memory()
+{
+    if (test_card_asked())
+        return {Finding::Kind::good, "The test card needs no shared memory with a display."};
+    const char* name = secure_getenv("DISPLAY");
+    const auto display = name && *name ? probe_display(name) : std::nullopt;
+    if (!display)
+        return {
+            Finding::Kind::limited,
+            "Whether pictures come through shared memory (MIT-SHM) cannot be said without a display."};
+    if (!display->shared_memory)
+        return {
+            Finding::Kind::limited,
+            "The display has no shared memory (MIT-SHM), so capturing it costs much more: use a local display instead of a forwarded one."};
+    return {Finding::Kind::good, "The display hands its pictures over in shared memory (MIT-SHM)."};
+}
+
+Finding examine_sound()
+{
+    const char* chosen = secure_getenv("ZU3_AUDIO");
+    if (chosen && (std::string(chosen) == "tone" || std::string(chosen) == "silence"))
+        return {Finding::Kind::good,
+                "ZU3_AUDIO asks for " + std::string(chosen) + ", so no sound server is needed."};
+    const auto sources = list_sound_sources();
+    if (!sources)
+        return {
+            Finding::Kind::limited,
+            "No sound server answers, so recordings are silent: start PulseAudio or PipeWire ('apt install pulseaudio', 'pulseaudio --start'; libpulse0 is needed as well)."};
+    for (const SoundSource& source : *sources)
+        if (source.recorded)
+            return {Finding::Kind::good,
+                    "The sound of the desktop is heard through " + source.name + "."};
+    return {
+        Finding::Kind::limited,
+        "The sound server has no output whose sound could be heard, so recordings are silent: 'pactl load-module module-null-sink' makes one."};
+}
+
+Finding examine_disk()
+{
+    struct statvfs volume = {};
+    if (statvfs(".", &volume) != 0)
+        return {Finding::Kind::limited,
+                "The space in this folder cannot be said: " + error_text(errno) + "."};
+    const uint64_t free_bytes = uint64_t{volume.f_bavail} * volume.f_frsize;
+    const double hours = static_cast<double>(free_bytes) * 8 / 4.5e6 / 3600;
+    const std::string space =
+        format_text("This folder has room for %.1f GB, %.1f hours at the highest rate (4.5 Mbit/s)",
+                    static_cast<double>(free_bytes) / 1e9, hours);
+    if (free_bytes < comfortable_free_bytes)
+        return {Finding::Kind::limited, space + ": remove files or record elsewhere."};
+    if (access(".", W_OK) != 0)
+        return {Finding::Kind::limited,
+                space + ", but you may not write into it: record elsewhere."};
+    return {Finding::Kind::good, space + "."};
+}
+
+// Opened with a source file instead of the screen, so that a missing display is not taken for a
+// missing encoder.
+bool encoder_opens()
+{
+    uint32_t slot = 1, width = 1280, height = 720, fps = 30;
+    std::string nowhere = "/dev/null", source = "/dev/zero", codec = "h264";
+    const auto bytes = [](std::string& text) { return reinterpret_cast<uint8_t*>(text.data()); };
+    const bool opens =
+        SCREENRECORD_Init() && SCREENRECORD_Open(&slot, bytes(nowhere)) &&
+        SCREENRECORD_SetVideo(&slot, bytes(source), bytes(codec), &width, &height, &fps);
+    SCREENRECORD_Close(&slot);
+    SCREENRECORD_DeInit();
+    return opens;
+}
+
+Finding examine_encoder()
+{
+    if (encoder_opens())
+        return {Finding::Kind::good, "The H.264 encoder opens (1280x720 at 30 frames per second)."};
+    return {
+        Finding::Kind::missing,
+        "The H.264 encoder does not open: see that libx264 is installed ('apt install libx264-164'), and what ANDROID_LOG_TAGS='*:D' makes the library say."};
+}
+
+const char* mark(Finding::Kind kind)
+{
+    if (kind == Finding::Kind::good)
+        return "ok      ";
+    return kind == Finding::Kind::limited ? "limited " : "missing ";
+}
+
+} // namespace
+
+ExitCode run(const DoctorOptions&, Surroundings& surroundings)
+{
+    bool possible = true;
+    for (const auto examine : {examine_platform, examine_display, examine_shared_memory,
+                               examine_sound, examine_disk, examine_encoder}) {
+        const Finding finding = examine();
+        surroundings.output.print_line(mark(finding.kind) + finding.sentence);
+        possible = possible && finding.kind != Finding::Kind::missing;
+    }
+    return possible ? ExitCode::complete : ExitCode::failed;
+}
+
+} // namespace client

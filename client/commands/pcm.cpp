@@ -1,0 +1,229 @@
+#include <algorithm>
+#include <poll.h>
+#include <vector>
+
+#include "commands/commands.h"
+#include "files/byte_sink.h"
+#include "files/wav_file.h"
+#include "machine/host.h"
+#include "process/messages.h"
+#include "running/library_log.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+using std::chrono::milliseconds;
+
+/** How long the last samples may wait for a slow reader or disk once the end has come. */
+constexpr milliseconds patience_at_the_end(2000);
+
+/** The library's PCM capture, from its opening to its close. */
+class SoundCapture {
+public:
+    SoundCapture()
+    {
+        if (audio_cap_open() != 0 || audio_cap_start() != 0) {
+            audio_cap_close();
+            throw library_failure("cannot record sound: the library refused to open the capture");
+        }
+        audio_cap_getInfo(&info_);
+        buffer_.resize(info_.u64BufSize);
+    }
+    SoundCapture(const SoundCapture&) = delete;
+    SoundCapture& operator=(const SoundCapture&) = delete;
+    ~SoundCapture() { audio_cap_close(); }
+
+    PcmFormat format() const
+    {
+        return {.channels = info_.u32Channels,
+                .sample_rate = static_cast<uint32_t>(info_.u64SampleRate),
+                .bits = 16};
+    }
+    uint64_t buffer_bytes() const { return buffer_.size(); }
+
+    /**
+     * Samples, `bytes` of them (a buffer at most), once so many are waiting; else none. Throws
+     * Failure.
+     */
+    std::span<const uint8_t> read(uint64_t bytes)
+    {
+        uint64_t got = 0;
+        if (audio_cap_getPCM(buffer_.data(), std::min<uint64_t>(bytes, buffer_.size()), &got) != 0)
+            throw Failure("the sound capture gave up", ExitCode::ended_early);
+        return {buffer_.data(), std::min<uint64_t>(got, buffer_.size())};
+    }
+
+private:
+    AudioCap_Info info_ = {};
+    std::vector<uint8_t> buffer_;
+};
+
+class PcmRun {
+public:
+    PcmRun(const PcmOptions& options, Surroundings& surroundings)
+        : options_(options), surroundings_(surroundings),
+          sink_(options.output, options.overwrite, surroundings.output.fd(), surroundings.signals),
+          wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes()
+                               : UINT64_MAX),
+          before_(read_statistics())
+    {
+        if (options.time) // a capture that delivers too little does not hold the program for ever
+            deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time) +
+                        milliseconds(2000);
+        wav_ = !sink_.path().empty();
+    }
+
+    ExitCode run()
+    {
+        while (!ended_)
+            if (sink_.pending() || !take(sound_.buffer_bytes()))
+                wait();
+        const TimePoint limit = Clock::now() + patience_at_the_end;
+        take_the_rest(limit);
+        look_at(sink_.finish(limit));
+        update_header();
+        look_at(sink_.finish(limit));
+        look_at(sink_.problem_at_end());
+        return conclude();
+    }
+
+private:
+    uint64_t frames_of(Seconds time) const
+    {
+        return static_cast<uint64_t>(time.count() * sound_.format().sample_rate + 0.5);
+    }
+
+    bool take(uint64_t bytes)
+    {
+        const auto samples = sound_.read(std::min(bytes, wanted_ - taken_));
+        if (samples.empty())
+            return false;
+        const bool first = taken_ == 0;
+        taken_ += samples.size();
+        ended_ = ended_ || taken_ >= wanted_;
+        look_at(wav_ && first ? begin_file(samples) : sink_.put(samples));
+        return true;
+    }
+
+    /** The interface gives a whole buffer or nothing: the tail comes in ever smaller ones. */
+    void take_the_rest(TimePoint limit)
+    {
+        for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes();
+             bytes /= 2) {
+            bytes -= bytes % sound_.format().frame_bytes();
+            look_at(sink_.finish(limit));
+            if (sink_.pending() || problem_ || reader_gone_ || taken_ >= wanted_)
+                return;
+            take(bytes);
+        }
+    }
+
+    void wait()
+    {
+        pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
+                           {sink_.pending() ? sink_.fd() : -1, POLLIN, 0}};
+        // a buffer fills in 64 ms
+        poll(waited, 2, sink_.pending() ? 100 : 16);
+        if (waited[1].revents)
+            look_at(sink_.look());
+        ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
+        look_at(sink_.problem());
+        if (Clock::now() < next_header_)
+            return;
+        next_header_ = Clock::now() + milliseconds(900);
+        update_header();
+    }
+
+    /**
+     * The header comes with the first samples, so that a file without any stays empty and is
+     * removed.
+     */
+    ByteSink::State begin_file(std::span<const uint8_t> samples)
+    {
+        header_ = wav_header(sound_.format(), 0);
+        std::vector<uint8_t> both(header_.begin(), header_.end());
+        both.insert(both.end(), samples.begin(), samples.end());
+        return sink_.put(both);
+    }
+
+    // Kept right while the file grows, so that it plays even if we are killed.
+    void update_header()
+    {
+        if (!wav_ || sink_.pending() || sink_.delivered() < header_.size())
+            return;
+        header_ = wav_header(sound_.format(), sink_.delivered() - header_.size());
+        look_at(sink_.put_at_begin(header_));
+    }
+
+    void look_at(ByteSink::State state)
+    {
+        reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
+        if (state == ByteSink::State::failed)
+            problem_ =
+                "cannot write to " + options_.output + " any more: " + error_text(sink_.error());
+        ended_ = ended_ || reader_gone_ || problem_;
+    }
+
+    void look_at(std::optional<std::string> output_problem)
+    {
+        if (!problem_)
+            problem_ = std::move(output_problem);
+        ended_ = ended_ || problem_;
+    }
+
+    ExitCode conclude()
+    {
+        if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
+            problem_ = "the end is missing from " + options_.output + ": its disk stands still";
+        if (problem_)
+            say(*problem_);
+        const auto now = read_statistics();
+        if (now && before_ && now->audio_bytes_lost > before_->audio_bytes_lost)
+            say(format_text("%.2f seconds of sound are missing: they were not taken in time",
+                            static_cast<double>(now->audio_bytes_lost - before_->audio_bytes_lost) /
+                                static_cast<double>(sound_.format().bytes_per_second())));
+        if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
+            say("cannot record sound: none came");
+            if (const int error = wav_ ? sink_.empty_file()
+                                       : 0) // a header alone is no file; an empty one is removed
+                say("cannot empty " + options_.output + ": " + error_text(error));
+            return ExitCode::failed;
+        }
+        const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
+        if (lost_sound)
+            say("the sound server went away for a while: " +
+                (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
+                " is silent there");
+        if (!sink_.path().empty())
+            surroundings_.output.print_path(sink_.path());
+        return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    const PcmOptions& options_;
+    Surroundings& surroundings_;
+    // before the sound, which would be lost while a named pipe waits for its reader
+    ByteSink sink_;
+    SoundCapture sound_;
+    const uint64_t wanted_;
+    const std::optional<zu3_host_statistics_t> before_;
+    TimePoint deadline_ = TimePoint::max();
+    TimePoint next_header_ = Clock::now() + milliseconds(900);
+    uint64_t taken_ = 0;
+    std::array<uint8_t, wav_header_bytes> header_{};
+    bool wav_ = false;
+    bool reader_gone_ = false;
+    bool ended_ = false;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode run(const PcmOptions& options, Surroundings& surroundings)
+{
+    if (!is_standard_output(options.output))
+        check_output_path(options.output, options.overwrite);
+    return PcmRun(options, surroundings).run();
+}
+
+} // namespace client

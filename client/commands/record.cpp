@@ -1,0 +1,239 @@
+#include <filesystem>
+
+#include "commands/commands.h"
+#include "files/output_watch.h"
+#include "machine/display.h"
+#include "process/messages.h"
+#include "running/record_watch.h"
+#include "running/recording.h"
+#include "showing/status_report.h"
+
+namespace client {
+namespace {
+
+/** Pictures in a source file of `bytes`; the last one may be incomplete. */
+uint64_t pictures_in(const std::string& source, Size size)
+{
+    std::error_code error;
+    const auto kind = std::filesystem::status(source, error).type();
+    if (kind != std::filesystem::file_type::regular &&
+        kind != std::filesystem::file_type::not_found)
+        throw Failure(
+            "cannot read " + source +
+            ": it is no ordinary file, whose size tells how many pictures it holds; save them to one");
+    const uint64_t bytes = std::filesystem::file_size(source, error);
+    if (error)
+        throw Failure("cannot read " + source + ": " + error.message());
+    const uint64_t width = (size.width + 15) & ~15u, height = (size.height + 31) & ~31u;
+    const uint64_t picture = width * height * 3 / 2;
+    const std::string needed = format_text(
+        "%ux%u takes %llu bytes (%llu lines of %llu)", size.width, size.height,
+        static_cast<unsigned long long>(picture), static_cast<unsigned long long>(height),
+        static_cast<unsigned long long>(width));
+    if (bytes < picture)
+        throw Failure("cannot encode " + source + ": it holds no whole picture; one of " + needed);
+    if (bytes % picture != 0)
+        say(source +
+            " is not a whole number of pictures, so its size may not be what -s says: one of " +
+            needed);
+    return (bytes + picture - 1) / picture;
+}
+
+Size chosen_size(const RecordOptions& options)
+{
+    if (!options.source.empty())
+        return *options.size;
+    return size_to_capture(display_to_capture(), options.size);
+}
+
+RecordingSettings settings_for(const RecordOptions& options)
+{
+    return {.file = options.output,
+            .source = options.source,
+            .size = chosen_size(options),
+            .fps = options.fps,
+            .constant_mbit = options.constant_mbit,
+            .packet_size = options.packet_size,
+            .slot = options.slot,
+            .audio = options.audio,
+            .one_call = options.one_call};
+}
+
+void say_settings(const RecordingSettings& s)
+{
+    const std::string rate = s.constant_mbit
+                                 ? format_text("constant %u x 1048576 bit/s", s.constant_mbit)
+                                 : "rate by content";
+    say(format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
+                    s.source.empty() ? "screen" : s.source.c_str(), s.size.width, s.size.height,
+                    s.fps, rate.c_str(), s.packet_size, s.audio ? "AAC sound" : "no sound", s.slot,
+                    s.one_call ? ", one call" : "", s.file.c_str()));
+}
+
+/** How often a source file's progress is looked at. */
+constexpr auto source_look = std::chrono::milliseconds(20);
+
+/** Says when every picture of a source file is encoded, or nothing has moved for two seconds. */
+class SourceEnd {
+public:
+    explicit SourceEnd(uint64_t pictures) : pictures_(pictures), before_(read_statistics())
+    {
+        // Where nothing is counted, the time that the reader takes at least, and then the file's
+        // growth, must do.
+        if (!before_)
+            looks_left_ += std::chrono::milliseconds(28) * pictures / source_look;
+    }
+
+    bool reached(uint64_t file_bytes)
+    {
+        const uint64_t now = done();
+        if (now != last_ || file_bytes != last_bytes_) {
+            last_ = now;
+            last_bytes_ = file_bytes;
+            looks_left_ = std::max(looks_left_, patience);
+        }
+        return (before_ && now >= pictures_) || --looks_left_ < 0;
+    }
+
+    /** What is missing, as a sentence. */
+    std::optional<std::string> problem() const
+    {
+        if (!before_ || last_ >= pictures_)
+            return std::nullopt;
+        return format_text("cannot encode the whole source: the encoder took %llu of %llu pictures",
+                           static_cast<unsigned long long>(last_),
+                           static_cast<unsigned long long>(pictures_));
+    }
+
+private:
+    uint64_t done() const
+    {
+        const auto now = read_statistics();
+        return now && before_ ? now->pictures_encoded + now->pictures_refused -
+                                    before_->pictures_encoded - before_->pictures_refused
+                              : 0;
+    }
+
+    uint64_t pictures_;
+    std::optional<zu3_host_statistics_t> before_;
+    // Counted in looks, so that the reader has its turn after this process was stopped for so long.
+    static constexpr int64_t patience = std::chrono::seconds(2) / source_look;
+    int64_t looks_left_ = patience;
+    uint64_t last_ = 0;
+    uint64_t last_bytes_ = 0;
+};
+
+class RecordRun {
+public:
+    RecordRun(const RecordOptions& options, Surroundings& surroundings)
+        : options_(options), surroundings_(surroundings), settings_(settings_for(options))
+    {
+        if (!options.source.empty())
+            source_pictures_ = pictures_in(options.source, settings_.size);
+    }
+
+    ExitCode run()
+    {
+        if (options_.verbose)
+            say_settings(settings_);
+        check_output_path(options_.output, options_.overwrite);
+        StatusReport report(options_.json, options_.status_file);
+        const OutputFile file(options_.output, options_.overwrite, surroundings_.signals);
+        settings_.file = file.path_to_reopen();
+        RecordWatch watch(file);
+        OutputWatch output(file);
+        RecordProgress progress;
+        record(file, watch, output, progress, report);
+        report.finish(progress.measure(file.size()), !output_lost_ && !nothing_came(file));
+        return conclude(file, output.path());
+    }
+
+private:
+    void record(const OutputFile& file, RecordWatch& watch, OutputWatch& output,
+                RecordProgress& progress, StatusReport& report)
+    {
+        if (source_pictures_ > 0)
+            source_end_.emplace(source_pictures_);
+        Recording recording(settings_);
+        const TimePoint end =
+            options_.time
+                ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
+                : TimePoint::max();
+        while (!at_end(end, watch, output, file))
+            if (report.due())
+                report.update(progress.measure(file.size()));
+        const bool in_order =
+            recording.finish(surroundings_.signals.raised() ? Recording::patience_of_a_stop
+                                                            : Recording::patience_at_the_end);
+        shortfall_ = watch.shortfall();
+        if (!in_order && !problem_ && !shortfall_)
+            problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
+        if (!problem_) // the last batch is written by the close
+            look_at(output.problem_at_end(), watch);
+        if (!problem_ && watch.lost_sound())
+            problem_ =
+                "the sound server went away for a while: " + file.path() + " is silent there";
+    }
+
+    /**
+     * A write that fails is cut back, so that it is looked for behind what may be wrong with the
+     * file.
+     */
+    void look_at(std::optional<std::string> output_problem, RecordWatch& watch)
+    {
+        problem_ = watch.problem();
+        output_lost_ = !problem_ && output_problem;
+        if (output_lost_)
+            problem_ = std::move(output_problem);
+    }
+
+    bool at_end(TimePoint end, RecordWatch& watch, OutputWatch& output, const OutputFile& file)
+    {
+        const TimePoint next =
+            Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
+        if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
+            return true;
+        if (surroundings_.signals.take_pause_request() == PauseRequest::pause)
+            say("cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on, and 'screenrecord stream' is what can pause");
+        look_at(output.problem(), watch);
+        if (problem_ || !source_end_ || !source_end_->reached(file.size()))
+            return problem_.has_value();
+        problem_ = source_end_->problem();
+        return true;
+    }
+
+    static bool nothing_came(const OutputFile& file) { return file.regular() && file.size() == 0; }
+
+    /** @param path of the file by now, empty if it has none */
+    ExitCode conclude(const OutputFile& file, const std::string& path)
+    {
+        for (const auto& sentence : {problem_, shortfall_})
+            if (sentence)
+                say(*sentence);
+        if (nothing_came(file) && !output_lost_) {
+            say("cannot record: nothing reached " + file.path());
+            return ExitCode::failed;
+        }
+        if (!path.empty() && !nothing_came(file))
+            surroundings_.output.print_path(path);
+        return problem_ || shortfall_ ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    const RecordOptions& options_;
+    Surroundings& surroundings_;
+    RecordingSettings settings_;
+    uint64_t source_pictures_ = 0;
+    std::optional<SourceEnd> source_end_;
+    std::optional<std::string> problem_;
+    std::optional<std::string> shortfall_;
+    bool output_lost_ = false;
+};
+
+} // namespace
+
+ExitCode run(const RecordOptions& options, Surroundings& surroundings)
+{
+    return RecordRun(options, surroundings).run();
+}
+
+} // namespace client

@@ -1,0 +1,93 @@
+#include <filesystem>
+
+#include "commands/commands.h"
+#include "files/byte_sink.h"
+#include "files/output_file.h"
+#include "files/output_format.h"
+#include "files/png_file.h"
+#include "machine/display.h"
+#include "process/messages.h"
+#include "running/attended_work.h"
+#include "running/still_pictures.h"
+
+namespace client {
+namespace {
+
+std::string shot_path(const ShotOptions& options, uint32_t number)
+{
+    if (!options.numbered || is_standard_output(options.output))
+        return options.output;
+    std::filesystem::path path(options.output);
+    const std::string extension = path.extension();
+    path.replace_extension();
+    return path.string() + format_text("-%03u", number) + extension;
+}
+
+/**
+ * Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws
+ * Failure.
+ */
+void hand_out(const std::vector<uint8_t>& bytes, const std::string& path,
+              Surroundings& surroundings)
+{
+    ByteSink sink(path, false, surroundings.output.fd(), surroundings.signals);
+    ByteSink::State state = sink.put(bytes);
+    while (state == ByteSink::State::pending && !surroundings.signals.raised())
+        state = sink.finish(Clock::now() + std::chrono::milliseconds(100));
+    if (state == ByteSink::State::pending)
+        throw Failure(
+            "cannot write to standard output: stopped before its reader had taken the picture");
+    if (state != ByteSink::State::ready)
+        throw Failure("cannot write to standard output: " + error_text(sink.error()));
+}
+
+void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite,
+          Surroundings& surroundings)
+{
+    if (is_standard_output(path))
+        return hand_out(bytes, path, surroundings);
+    AttendedWork saving([bytes = std::move(bytes), path, overwrite] {
+        WholeFile file(path);
+        file.write(bytes.data(), bytes.size());
+        file.put_in_place(overwrite);
+    });
+    if (!saving.wait(surroundings.signals, std::chrono::seconds(1)))
+        throw Failure("cannot write to " + path +
+                      ": stopped before its disk had taken the picture");
+    saving.finish();
+    surroundings.output.print_path(path);
+}
+
+} // namespace
+
+ExitCode run(const ShotOptions& options, Surroundings& surroundings)
+{
+    for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output);
+         ++number)
+        check_whole_file_path(shot_path(options, number), options.overwrite);
+    const DisplayInfo display = display_to_capture();
+    const Size size = size_to_capture(display, options.size);
+    if (options.verbose)
+        say(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
+
+    StillPictures pictures(size, options.format, options.osd);
+    const TimePoint start = Clock::now();
+    for (uint32_t number = 1; number <= options.count; ++number) {
+        if (surroundings.signals.wait_until(start + options.interval * (number - 1)))
+            return number > 1 ? ExitCode::ended_early : ExitCode::failed;
+        const std::string path = shot_path(options, number);
+        try {
+            pictures.capture();
+            save(ending_of(path) == "raw" ? pictures.raw_bytes()
+                                          : encode_png(size, pictures.bgr_bytes()),
+                 path, options.overwrite, surroundings);
+        } catch (const Failure& failure) {
+            if (number > 1) // what was saved before is of use
+                throw Failure(failure.what(), ExitCode::ended_early);
+            throw;
+        }
+    }
+    return ExitCode::complete;
+}
+
+} // namespace client

@@ -1,0 +1,319 @@
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include "commands/commands.h"
+#include "files/byte_sink.h"
+#include "machine/display.h"
+#include "machine/host.h"
+#include "process/messages.h"
+#include "running/display_watch.h"
+#include "running/encoded_stream.h"
+#include "running/lost_frames.h"
+#include "running/stream_control.h"
+#include "running/watermark.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+using std::chrono::milliseconds;
+
+/** How long the last frame may wait for a slow reader once the end has come. */
+constexpr milliseconds patience_at_the_end(2000);
+
+// How often to look round by the clock: with frames that tell of themselves, and without, where a
+// look's distance adds to the latency of what comes between two.
+constexpr milliseconds look_interval(100);
+constexpr milliseconds look_interval_for_frames(1);
+
+uint64_t left_out_by_capture()
+{
+    const auto now = read_statistics();
+    return now ? dropped_pictures(*now) + now->pictures_refused : 0;
+}
+
+std::string requested_path(const StreamOptions& options)
+{
+    if (!is_standard_output(options.output))
+        check_output_path(options.output, options.overwrite);
+    return options.output;
+}
+
+/** Takes frames from the library as they come and hands them on, until the end. */
+class StreamRun {
+public:
+    StreamRun(const StreamOptions& options, Surroundings& surroundings)
+        : options_(options), surroundings_(surroundings), path_(requested_path(options)),
+          size_(size_to_capture(display_to_capture(), options.size)),
+          sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
+          stream_(options, size_, surroundings.signals), control_(options.control),
+          lost_(options.fps)
+    {
+        if (options.time)
+            deadline_ =
+                // until the first frame is there
+                Clock::now() + time_limit() + std::chrono::seconds(5);
+    }
+
+    ExitCode run()
+    {
+        say_settings();
+        while (!ended_)
+            if (sink_.pending() || !take_frame())
+                wait();
+        finish();
+        return conclude();
+    }
+
+private:
+    Clock::duration time_limit() const
+    {
+        return std::chrono::duration_cast<Clock::duration>(*options_.time);
+    }
+
+    void say_settings() const
+    {
+        if (options_.verbose)
+            say(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width,
+                            stream_.size().height, options_.fps, stream_.bit_rate()));
+        else if (options_.size && stream_.size() != *options_.size)
+            say(format_text(
+                "the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",
+                stream_.size().width, stream_.size().height));
+    }
+
+    bool take_frame()
+    {
+        EncodedFrame frame;
+        if (!stream_.take(frame))
+            return false;
+        if (frames_ == 0)
+            begin(frame, Clock::now());
+        ended_ = ended_ || is_behind_the_end(frame);
+        if (!is_behind_the_end(frame))
+            deliver(frame);
+        return true;
+    }
+
+    // By time stamps, which also count what is missing, and by number: key frames bear the time of
+    // the latest picture instead of their own, and with the first of them so late the end would be,
+    // too.
+    bool is_behind_the_end(const EncodedFrame& frame) const
+    {
+        return options_.time &&
+               (std::chrono::microseconds(frame.pts_us - first_pts_us_) >= time_limit() ||
+                static_cast<double>(frames_) >= options_.time->count() * options_.fps);
+    }
+
+    void begin(const EncodedFrame& first, TimePoint now)
+    {
+        first_pts_us_ = first.pts_us;
+        left_out_before_ = left_out_by_capture();
+        if (options_
+                .time) // for a stream that is paused at its end; otherwise the time stamps say when it is
+                       // over
+            deadline_ = now + time_limit() + milliseconds(150);
+    }
+
+    void deliver(const EncodedFrame& frame)
+    {
+        ++frames_;
+        key_frames_ += frame.key;
+        last_pts_us_ = frame.pts_us;
+        lost_.frame_taken(frame.pts_us);
+        look_at(sink_.put(frame.bytes));
+    }
+
+    void look_at(ByteSink::State state)
+    {
+        reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
+        if (state == ByteSink::State::failed)
+            problem_ = "cannot write to " + path_ + " any more: " + error_text(sink_.error());
+        ended_ = ended_ || reader_gone_ || problem_.has_value();
+    }
+
+    void look_at(std::optional<std::string> output_problem)
+    {
+        if (problem_ || !output_problem)
+            return;
+        problem_ = std::move(output_problem);
+        ended_ = true;
+    }
+
+    void wait()
+    {
+        const bool pending = sink_.pending();
+        const TimePoint look =
+            Clock::now() + (pending || event_ >= 0 ? look_interval : look_interval_for_frames);
+        pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
+                           {control_.fd(), POLLIN, 0},
+                           {pending ? sink_.fd() : -1, POLLIN, 0},
+                           {pending ? -1 : event_, POLLIN, 0},
+                           {watermark_ ? watermark_->reading().fd() : -1, POLLIN, 0}};
+        const timespec timeout = time_left(std::min(look, deadline_));
+        if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
+            if (waited[1].revents)
+                control_.read_lines([this](const std::string& line) { obey(line); });
+            if (waited[2].revents)
+                look_at(sink_.look());
+            if (eventfd_t frames = 0; waited[3].revents)
+                eventfd_read(event_, &frames);
+            if (waited[4].revents)
+                answer([this] { std::exchange(watermark_, std::nullopt)->apply(); });
+        }
+        reader_was_slow_ = reader_was_slow_ || (pending && sink_.pending());
+        check_end();
+    }
+
+    void check_end()
+    {
+        const TimePoint now = Clock::now();
+        ended_ = ended_ || surroundings_.signals.raised() || now >= deadline_;
+        const PauseRequest request = surroundings_.signals.take_pause_request();
+        if (request == PauseRequest::pause)
+            carry_out(control::Pause{});
+        else if (request == PauseRequest::resume)
+            carry_out(control::Resume{});
+        if (now < next_check_)
+            return;
+        next_check_ = now + milliseconds(200);
+        look_at(sink_.problem());
+        if (auto without_display = display_.problem("cannot stream")) {
+            problem_ = std::move(without_display);
+            ended_ = true;
+        }
+    }
+
+    void obey(const std::string& line)
+    {
+        const control::Command command = control::parse(line);
+        const auto* const watermark = std::get_if<WatermarkOptions>(&command);
+        if (watermark && !watermark_)
+            // answered once its picture is read
+            watermark_.emplace(*watermark);
+        else
+            answer([&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
+    }
+
+    template <typename Action> static void answer(Action action)
+    {
+        try {
+            action();
+            print_error_line("ok");
+        } catch (const Failure& failure) {
+            print_error_line(std::string("error: ") + failure.what());
+        }
+    }
+
+    void carry_out(const control::Unknown& unknown) { throw Failure(unknown.reason); }
+    void carry_out(const WatermarkOptions&)
+    {
+        throw Failure("the picture of the watermark before is still being read");
+    }
+    void carry_out(const control::Stop&) { ended_ = true; }
+    void carry_out(const control::BitRate& rate)
+    {
+        if (video_capenc_setBitRate(rate.bits_per_second) != 0)
+            throw Failure("the encoder refused this rate");
+    }
+    // What these leave out is left out on purpose.
+    void carry_out(const control::KeyFrame&)
+    {
+        lost_.break_stretch();
+        video_capenc_requestKeyFrame();
+    }
+    void carry_out(const control::Pause&)
+    {
+        lost_.break_stretch();
+        video_capenc_pause();
+    }
+    void carry_out(const control::Resume&)
+    {
+        lost_.break_stretch();
+        video_capenc_resume();
+    }
+
+    void finish()
+    {
+        stream_.stop();
+        if (sink_.pending())
+            lost_.nothing_taken_until(
+                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          Clock::now().time_since_epoch())
+                                          .count()));
+        const TimePoint limit = Clock::now() + patience_at_the_end;
+        look_at(sink_.finish(limit));
+        while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
+            look_at(sink_.finish(limit));
+        look_at(sink_.problem_at_end());
+    }
+
+    ExitCode conclude()
+    {
+        say_losses();
+        if (sink_.look() == ByteSink::State::pending && !problem_ && !sink_.path().empty())
+            problem_ = "the end is missing from " + path_ + ": its disk stands still";
+        if (problem_)
+            say(*problem_);
+        if (sink_.delivered() == 0) {
+            say("cannot stream: no frame came");
+            return ExitCode::failed;
+        }
+        if (options_.verbose)
+            say(format_text("%llu frames, %llu of them key frames, %llu bytes",
+                            static_cast<unsigned long long>(frames_),
+                            static_cast<unsigned long long>(key_frames_),
+                            static_cast<unsigned long long>(sink_.delivered())));
+        if (!sink_.path().empty())
+            surroundings_.output.print_path(sink_.path());
+        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    // Time stamps of key frames may be a frame late, so a distance of one says nothing.
+    void say_losses() const
+    {
+        const uint64_t by_capture = left_out_by_capture() - left_out_before_;
+        const uint64_t missing = lost_.count();
+        if (missing < by_capture + 2)
+            return;
+        say(format_text(
+            "%llu frames are missing from the stream: %s",
+            static_cast<unsigned long long>(missing - by_capture),
+            reader_was_slow_
+                ? "its reader was too slow, so it was taken up again at later key frames"
+                : "this machine was too busy to take them in time"));
+    }
+
+    const StreamOptions& options_;
+    Surroundings& surroundings_;
+    const std::string path_;
+    const Size size_;
+    ByteSink sink_;
+    EncodedStream stream_;
+    ControlInput control_;
+    /** asked for, and its picture not read yet */
+    std::optional<WatermarkChange> watermark_;
+    const int event_ = frame_event();
+    DisplayWatch display_;
+    LostFrames lost_;
+    TimePoint deadline_ = TimePoint::max();
+    TimePoint next_check_;
+    uint64_t frames_ = 0;
+    uint64_t key_frames_ = 0;
+    uint64_t first_pts_us_ = 0;
+    uint64_t last_pts_us_ = 0;
+    uint64_t left_out_before_ = 0;
+    bool reader_was_slow_ = false;
+    bool reader_gone_ = false;
+    bool ended_ = false;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode run(const StreamOptions& options, Surroundings& surroundings)
+{
+    return StreamRun(options, surroundings).run();
+}
+
+} // namespace client

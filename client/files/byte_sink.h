@@ -1,0 +1,79 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "files/output_watch.h"
+#include "process/signals.h"
+
+namespace client {
+
+class SinkThread;
+
+/**
+ * Destination of a stream: a file, or the reader of a pipe. A separate thread writes, so neither a
+ * slow reader nor a stalled disk blocks the program; data that has no room yet stays pending.
+ */
+class ByteSink {
+public:
+    enum class State {
+        /** everything was taken */
+        ready,
+        /** the rest waits for room; poll fd() for POLLIN, then look() */
+        pending,
+        /** nobody reads any more */
+        reader_gone,
+        /** see error() */
+        failed,
+    };
+
+    /**
+     * "-" is `standard_output`; waits for the reader of a named pipe until a stop is asked for.
+     * Throws Failure.
+     */
+    ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals);
+    ~ByteSink();
+
+    /**
+     * Starts to deliver `data`, which is copied; not while something is pending. What a disk has
+     * not taken yet is pending only beyond some MiB.
+     */
+    State put(std::span<const uint8_t> data);
+    /** The same for what replaces the first bytes of a file. */
+    State put_at_begin(std::span<const uint8_t> data);
+    /** How it stands, with all that was put. */
+    State look();
+    /** Waits until everything is taken, at most until `limit`. */
+    State finish(TimePoint limit);
+
+    /** Whether there is no room for more now. */
+    bool pending() const;
+    /** Readable once all that was put is taken. */
+    int fd() const;
+    int error() const { return error_; }
+    /** Bytes that were put behind one another and taken. */
+    uint64_t delivered() const;
+    /** The path of a finished file, of late; empty for a pipe, and for a file without a name. */
+    std::string path() const { return watch_ ? watch_->path() : std::string(); }
+    /** Why what was written to a file is lost, as OutputWatch::problem(); nothing for a pipe. */
+    std::optional<std::string> problem();
+    std::optional<std::string> problem_at_end();
+    /** Takes back all that is in the file, which is removed then; an errno, 0 = done. */
+    int empty_file();
+
+private:
+    State begin(std::span<const uint8_t> data, bool at_begin);
+
+    std::optional<OutputFile> file_;
+    std::optional<OutputWatch> watch_;
+    // shared with the thread itself, which may be held for ever
+    std::shared_ptr<SinkThread> thread_;
+    /** bytes that may wait for a disk */
+    uint64_t allowance_ = 0;
+    bool unfinished_ = false;
+    int error_ = 0;
+};
+
+} // namespace client

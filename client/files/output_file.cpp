@@ -1,0 +1,295 @@
+#include "files/output_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/random.h>
+
+#include "files/output_lock.h"
+#include "process/failure.h"
+#include "process/messages.h"
+
+namespace client {
+namespace {
+
+using common::Objection;
+using common::TrustedPath;
+
+/** Of what cannot become an output. */
+[[noreturn]] void refuse_output(const std::string& path, const std::string& reason)
+{
+    throw Failure("cannot write to " + path + ": " + reason, ExitCode::usage);
+}
+
+[[noreturn]] void refuse_existing(const std::string& path)
+{
+    refuse_output(path, "it exists already; -y overwrites it");
+}
+
+[[noreturn]] void refuse_replaced(const std::string& path)
+{
+    refuse_output(path, "another process is replacing it");
+}
+
+/** Of one that was fine at first. */
+[[noreturn]] void fail(const std::string& path, int error)
+{
+    throw Failure("cannot write to " + path + ": " + error_text(error));
+}
+
+std::string folder_of(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void check_folder(const std::string& path, const TrustedPath& place)
+{
+    if (place.error() == ENOENT)
+        refuse_output(path, "there is no folder " + folder_of(path));
+    if (place.error() != 0)
+        refuse_output(path, error_text(place.error()));
+}
+
+void check_existing(const std::string& path, const TrustedPath& place, const struct stat& found,
+                    bool overwrite)
+{
+    if (S_ISLNK(found.st_mode))
+        refuse_output(
+            path,
+            "it is a symbolic link, which somebody may have planted; remove it or name its target");
+    const Objection objection = common::objection_to_write(found);
+    if (objection == Objection::folder)
+        refuse_output(path, "it is a folder");
+    if (objection == Objection::special)
+        refuse_output(path, "it is no ordinary file");
+    if (objection == Objection::foreign && !place.in_proc()) // those are open already
+        refuse_output(
+            path, "it belongs to another user, who may read what is written; give it another name");
+    if (S_ISREG(found.st_mode) && !overwrite)
+        refuse_existing(path);
+    if (faccessat(place.folder(), place.name().c_str(), W_OK, AT_EACCESS) != 0)
+        refuse_output(path, error_text(errno));
+}
+
+/** Locks the ordinary file that is there, if one is that we may read. */
+UniqueFd lock_existing(const std::string& path, const TrustedPath& place)
+{
+    UniqueFd fd = place.open(O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (fd)
+        lock_output(fd.get(), path);
+    return fd;
+}
+
+/** Checks that `path` can become an output, and returns what is there already. */
+struct stat examine(const std::string& path, const TrustedPath& place, bool overwrite)
+{
+    check_folder(path, place);
+    struct stat found = {};
+    if (place.status(found) == 0) {
+        check_existing(path, place, found, overwrite);
+        return found;
+    }
+    if (errno != ENOENT)
+        refuse_output(path, error_text(errno));
+    if (faccessat(place.folder(), ".", W_OK | X_OK, AT_EACCESS) != 0)
+        refuse_output(path,
+                      "the folder " + folder_of(path) + " is not writable: " + error_text(errno));
+    return {};
+}
+
+/** The same, for a file that is to be replaced as a whole. */
+void examine_whole_file(const std::string& path, const TrustedPath& place, bool overwrite)
+{
+    const mode_t kind = examine(path, place, overwrite).st_mode;
+    // the rename would take away the link, even one of the kernel's
+    struct stat named = {};
+    const bool is_link =
+        fstatat(place.folder(), place.name().c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISLNK(named.st_mode);
+    if (is_link || (kind != 0 && !S_ISREG(kind)))
+        refuse_output(
+            path,
+            "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
+}
+
+bool leads_to(const TrustedPath& place, int fd)
+{
+    struct stat named = {}, held = {};
+    return place.status(named) == 0 && fstat(fd, &held) == 0 && common::is_one_file(named, held);
+}
+
+/**
+ * Renames where nothing is of the new name; several network file systems know no such rename, but
+ * links.
+ */
+int rename_to_free_name(int folder, const char* from, const char* to)
+{
+    if (renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL || linkat(folder, from, folder, to, 0) != 0)
+        return -1;
+    unlinkat(folder, from, 0);
+    return 0;
+}
+
+} // namespace
+
+bool is_standard_output(const std::string& path)
+{
+    if (path == "-")
+        return true;
+    const TrustedPath place(path);
+    struct stat folder = {}, ours = {}, ours_by_thread = {};
+    return place.error() == 0 && place.in_proc() && place.name() == "1" &&
+           fstat(place.folder(), &folder) == 0 &&
+           ((stat("/proc/self/fd", &ours) == 0 && common::is_one_file(folder, ours)) ||
+            (stat("/proc/thread-self/fd", &ours_by_thread) == 0 &&
+             common::is_one_file(folder, ours_by_thread)));
+}
+
+void check_output_path(const std::string& path, bool overwrite)
+{
+    if (path.empty())
+        refuse_output("''", "a file needs a name");
+    const TrustedPath place(path);
+    if (S_ISREG(examine(path, place, overwrite).st_mode))
+        lock_existing(path, place);
+}
+
+void check_whole_file_path(const std::string& path, bool overwrite)
+{
+    check_output_path(path, overwrite);
+    examine_whole_file(path, TrustedPath(path), overwrite);
+}
+
+OutputFile::OutputFile(std::string path, bool overwrite, StopSignals& signals)
+    : path_(std::move(path)), place_(path_)
+{
+    examine(path_, place_, overwrite);
+    fd_ = place_.create_private(O_WRONLY);
+    const bool fresh = static_cast<bool>(fd_);
+    if (!fd_ && errno == EEXIST)
+        open_existing(overwrite, signals);
+    struct stat opened = {};
+    if (!fd_ || fstat(fd_.get(), &opened) != 0)
+        refuse_output(path_, error_text(errno));
+    kind_ = opened.st_mode;
+    if (!fresh) // it may have come after the check
+        check_existing(path_, place_, opened, overwrite);
+    if (regular() || named_pipe())
+        lock_output(fd_.get(), path_);
+    if (!has_its_name())
+        refuse_replaced(path_);
+    if (!fresh && regular() && ftruncate(fd_.get(), 0) != 0)
+        refuse_output(path_, error_text(errno));
+    created_ = fresh;
+}
+
+void OutputFile::open_existing(bool overwrite, StopSignals& signals)
+{
+    const mode_t kind = examine(path_, place_, overwrite).st_mode;
+    if (S_ISFIFO(kind))
+        open_named_pipe(signals);
+    else
+        fd_ = place_.open(O_WRONLY | O_NONBLOCK | O_NOCTTY);
+}
+
+// Opened so that it does not block, again and again: a blocking open would also block the stop.
+void OutputFile::open_named_pipe(StopSignals& signals)
+{
+    while (true) {
+        fd_ = place_.open(O_WRONLY | O_NONBLOCK);
+        if (fd_ || errno != ENXIO)
+            return;
+        if (signals.wait_until(Clock::now() + std::chrono::milliseconds(50)))
+            throw Failure("cannot write to " + path_ +
+                          ": stopped before anybody opened it to read");
+    }
+}
+
+OutputFile::~OutputFile()
+{
+    if (fd_ && created_ && size() == 0 && has_its_name())
+        unlinkat(place_.folder(), place_.name().c_str(), 0);
+}
+
+bool OutputFile::has_its_name() const
+{
+    return leads_to(place_, fd_.get());
+}
+
+std::string OutputFile::path_to_reopen() const
+{
+    const std::string by_descriptor = format_text("/proc/self/fd/%d", fd_.get());
+    return access(by_descriptor.c_str(), F_OK) == 0 ? by_descriptor : path_;
+}
+
+uint64_t OutputFile::size() const
+{
+    struct stat now = {};
+    return regular() && fstat(fd_.get(), &now) == 0 ? static_cast<uint64_t>(now.st_size) : 0;
+}
+
+WholeFile::WholeFile(std::string path) : path_(std::move(path))
+{
+    // whether it may replace a file is said when it gets its name
+    check_whole_file_path(path_, true);
+    place_.emplace(path_);
+    in_place_ = lock_existing(path_, *place_);
+    if (in_place_ && !leads_to(*place_, in_place_.get()))
+        refuse_replaced(path_);
+    begin();
+}
+
+// Looks the folder up again each time, since it can have been moved. The temporary name is
+// independent of the file's name, which can have the greatest length, and cannot be guessed.
+void WholeFile::begin()
+{
+    place_.emplace(path_);
+    examine_whole_file(path_, *place_, true);
+    uint64_t number = 0;
+    [[maybe_unused]] const ssize_t got = getrandom(&number, sizeof number, GRND_NONBLOCK);
+    const std::string name = format_text(".screenrecord-%d-%016llx.part", getpid(),
+                                         static_cast<unsigned long long>(number));
+    fd_ = place_->create_beside(name, O_WRONLY);
+    if (!fd_)
+        refuse_output(path_, error_text(errno));
+    beside_ = name;
+    lock_output(fd_.get(), path_);
+}
+
+WholeFile::~WholeFile()
+{
+    if (!beside_.empty())
+        unlinkat(place_->folder(), beside_.c_str(), 0);
+}
+
+void WholeFile::write(const void* data, size_t size)
+{
+    if (beside_.empty())
+        begin();
+    const char* next = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd_.get(), next, size);
+        if (n < 0)
+            fail(path_, errno);
+        next += n;
+        size -= static_cast<size_t>(n);
+    }
+}
+
+void WholeFile::put_in_place(bool overwrite)
+{
+    const int folder = place_->folder();
+    const char* const name = place_->name().c_str();
+    if ((overwrite ? renameat(folder, beside_.c_str(), folder, name)
+                   : rename_to_free_name(folder, beside_.c_str(), name)) != 0)
+        errno == EEXIST ? refuse_existing(path_) : fail(path_, errno);
+    beside_.clear();
+    place_.reset();
+    in_place_ = std::move(fd_);
+    fd_ = {};
+}
+
+} // namespace client

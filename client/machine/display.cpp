@@ -1,0 +1,182 @@
+#include "machine/display.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <sys/auxv.h>
+#include <thread>
+#include <xcb/randr.h>
+#include <xcb/shm.h>
+
+#include "process/failure.h"
+#include "process/messages.h"
+#include <capture/screen_pixels.h>
+#include <capture/x11_replies.h>
+
+namespace client {
+namespace {
+
+template <typename T> using Reply = std::unique_ptr<T, decltype(&std::free)>;
+
+template <typename T> Reply<T> owned(T* reply)
+{
+    return Reply<T>(reply, std::free);
+}
+
+double rate_of(const xcb_randr_mode_info_t& mode)
+{
+    const double pixels = double(mode.htotal) * mode.vtotal;
+    return pixels > 0 ? mode.dot_clock / pixels : 0;
+}
+
+/** The rate of the first output that shows something. */
+double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
+{
+    const auto* extension = xcb_get_extension_data(connection, &xcb_randr_id);
+    if (!extension || !extension->present)
+        return 0;
+    const auto resources = owned(xcb_randr_get_screen_resources_current_reply(
+        connection, xcb_randr_get_screen_resources_current(connection, root), nullptr));
+    if (!resources ||
+        !zu3host::holds_behind(
+            *resources, uint64_t{4} * resources->num_crtcs + uint64_t{4} * resources->num_outputs +
+                            sizeof(xcb_randr_mode_info_t) * resources->num_modes))
+        return 0;
+    const auto* crtcs = xcb_randr_get_screen_resources_current_crtcs(resources.get());
+    const auto* modes = xcb_randr_get_screen_resources_current_modes(resources.get());
+    for (int i = 0; i < resources->num_crtcs; ++i) {
+        const auto crtc = owned(xcb_randr_get_crtc_info_reply(
+            connection, xcb_randr_get_crtc_info(connection, crtcs[i], XCB_CURRENT_TIME), nullptr));
+        const auto* end = modes + resources->num_modes;
+        const auto* mode = std::find_if(modes, end, [&](const auto& m) {
+            return crtc && crtc->mode == m.id && rate_of(m) > 0;
+        });
+        if (mode != end)
+            return rate_of(*mode);
+    }
+    return 0;
+}
+
+std::optional<DisplayInfo> ask(const std::string& name)
+{
+    int number = 0;
+    const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> connection(
+        xcb_connect(name.empty() ? nullptr : name.c_str(), &number), xcb_disconnect);
+    if (xcb_connection_has_error(connection.get()))
+        return std::nullopt;
+    const xcb_screen_t* screen = zu3host::find_screen(*xcb_get_setup(connection.get()), number);
+    if (!screen)
+        return std::nullopt;
+    const xcb_setup_t& server = *xcb_get_setup(connection.get());
+    const auto* shm = xcb_get_extension_data(connection.get(), &xcb_shm_id);
+    return DisplayInfo{.name = name,
+                       .size = {screen->width_in_pixels, screen->height_in_pixels},
+                       .refresh_hz = refresh_rate(connection.get(), screen->root),
+                       .shared_memory = shm && shm->present,
+                       .problem = zu3host::pixel_format(server, *screen)
+                                      ? ""
+                                      : zu3host::unknown_pixel_format(server, *screen)};
+}
+
+/** What the asking thread leaves behind; shared, because it may come too late for whoever asked. */
+struct Answer {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    bool there = false;
+    std::optional<DisplayInfo> display;
+};
+
+std::string environment(const char* name)
+{
+    const char* value = secure_getenv(name);
+    return value ? value : "";
+}
+
+} // namespace
+
+// A server that is stopped accepts the connection and never answers, and xcb has no time limit: so
+// a thread of its own asks, and is left alone when it takes too long.
+std::optional<DisplayInfo> probe_display(const std::string& name)
+{
+    const auto answer = std::make_shared<Answer>();
+    std::thread([answer, name] {
+        auto display = ask(name);
+        const std::lock_guard lock(answer->mutex);
+        answer->display = std::move(display);
+        answer->there = true;
+        answer->arrived.notify_one();
+    }).detach();
+    std::unique_lock lock(answer->mutex);
+    // In slices: when this process was stopped for all of the time, the thread has its turn before
+    // it is judged.
+    constexpr auto slice = std::chrono::milliseconds(50);
+    for (int left = std::chrono::seconds(3) / slice; left > 0 && !answer->there; --left)
+        answer->arrived.wait_for(lock, slice, [&] { return answer->there; });
+    return answer->display;
+}
+
+bool test_card_asked()
+{
+    return environment("ZU3_DISPLAY") == "testcard";
+}
+
+DisplayInfo display_to_capture()
+{
+    if (test_card_asked())
+        return {.name = "the test card", .size = {1280, 720}};
+    const std::string name = environment("DISPLAY");
+    if (name.empty() && getauxval(AT_SECURE))
+        throw Failure(
+            "cannot reach a display: this program was given privileges (set-uid, set-gid or file capabilities), so that its environment does not choose one; take them away");
+    if (name.empty())
+        throw Failure(
+            "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord devices'), or set ZU3_DISPLAY=testcard for a moving test card");
+    auto display = probe_display(name);
+    if (!display)
+        throw Failure(
+            "cannot reach the display '" + name +
+            "' (DISPLAY): there is no X server of that name, it does not answer, or it does not let us in; 'screenrecord devices' lists those that do");
+    if (!display->problem.empty())
+        throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
+    return *display;
+}
+
+Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked)
+{
+    const Size size = asked.value_or(size_for_display(display.size));
+    const Size whole = display.size;
+    const bool column = whole.width == size.width + 1, row = whole.height == size.height + 1;
+    // not scaled down
+    const bool shown = whole.width <= size.width + 1 && whole.height <= size.height + 1;
+    if (shown && (column || row))
+        say(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out",
+                        display.name.c_str(), whole.width, whole.height,
+                        column && row ? "column and its last row are"
+                        : column      ? "column is"
+                                      : "row is"));
+    return size;
+}
+
+std::vector<std::string> known_displays()
+{
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp/.X11-unix", none)) {
+        const std::string file = entry.path().filename();
+        if (file.size() > 1 && file[0] == 'X')
+            names.push_back(":" + file.substr(1));
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    });
+    const std::string own = environment("DISPLAY");
+    if (!own.empty() && std::find(names.begin(), names.end(), own) == names.end())
+        names.push_back(own);
+    return names;
+}
+
+} // namespace client

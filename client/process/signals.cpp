@@ -1,0 +1,87 @@
+#include "process/signals.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include "process/failure.h"
+#include "process/messages.h"
+
+namespace client {
+namespace {
+
+bool is_ignored(int signal_number)
+{
+    struct sigaction action = {};
+    return sigaction(signal_number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+sigset_t waited_set()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    // A shell script ignores SIGINT for what it starts in the background; a stop is asked for by it
+    // all the same.
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    if (!is_ignored(SIGHUP)) // nohup asks to outlive the terminal
+        sigaddset(&set, SIGHUP);
+    sigaddset(&set, SIGUSR1);
+    sigaddset(&set, SIGUSR2);
+    return set;
+}
+
+} // namespace
+
+int poll_timeout(TimePoint until)
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, 3'600'000));
+}
+
+timespec time_left(TimePoint until)
+{
+    using namespace std::chrono;
+    const auto left = std::clamp<nanoseconds>(until - Clock::now(), 0ns, 3600s);
+    return {duration_cast<seconds>(left).count(), (left % 1s).count()};
+}
+
+StopSignals::StopSignals()
+{
+    const sigset_t set = waited_set();
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0)
+        throw Failure("cannot block signals");
+    fd_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd_)
+        throw Failure("cannot wait for signals: " + error_text(errno));
+    // A reader that went away, a file size limit, and a terminal that belongs to another job show
+    // as errors.
+    for (const int number : {SIGPIPE, SIGXFSZ, SIGTTIN})
+        signal(number, SIG_IGN);
+}
+
+bool StopSignals::raised()
+{
+    signalfd_siginfo info;
+    while (read(fd_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGUSR1)
+            pause_request_ = PauseRequest::pause;
+        else if (info.ssi_signo == SIGUSR2)
+            pause_request_ = PauseRequest::resume;
+        else
+            raised_ = true;
+    }
+    return raised_;
+}
+
+bool StopSignals::wait_until(TimePoint until)
+{
+    pollfd waited{fd_.get(), POLLIN, 0};
+    while (!raised() && Clock::now() < until)
+        poll(&waited, 1, poll_timeout(until));
+    return raised_;
+}
+
+} // namespace client

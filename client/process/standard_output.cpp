@@ -1,0 +1,58 @@
+#include "process/standard_output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+
+#include "process/messages.h"
+
+namespace client {
+namespace {
+
+/** Kept until the process ends, since its thread may be held for as long. */
+zu3host::LineWriter& lines_of(int fd)
+{
+    static auto& lines = *new zu3host::LineWriter(fd);
+    return lines;
+}
+
+} // namespace
+
+ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
+    : signals_(signals), fd_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))),
+      lines_(lines_of(fd_))
+{
+    // The library prints a notice when its buffer is full; where nobody reads standard error any
+    // more, the exit would wait for ever to print it.
+    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
+}
+
+ProgramOutput::~ProgramOutput()
+{
+    while (!lines_.flush(Clock::now() + std::chrono::milliseconds(50)))
+        if (signals_.raised()) {
+            lines_.flush(Clock::now() + std::chrono::seconds(1));
+            return;
+        }
+}
+
+void ProgramOutput::print_line(const std::string& line)
+{
+    write_line(printable(line));
+}
+
+void ProgramOutput::print_path(const std::string& path)
+{
+    write_line(isatty(fd_) == 1 ? printable(path) : path);
+}
+
+void ProgramOutput::write_line(const std::string& line)
+{
+    // Nobody is told when nobody listens.
+    while (lines_.put(line + "\n") == -EAGAIN)
+        if (signals_.wait_until(Clock::now() + std::chrono::milliseconds(50)))
+            return;
+}
+
+} // namespace client

@@ -1,0 +1,61 @@
+#include "running/attended_work.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <thread>
+#include <utility>
+
+#include "process/failure.h"
+#include "process/messages.h"
+
+namespace client {
+
+AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_shared<Shared>())
+{
+    shared_->event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!shared_->event)
+        throw Failure("cannot go on: " + error_text(errno));
+    std::thread([shared = shared_, work = std::move(work)] {
+        try {
+            work();
+        } catch (...) {
+            shared->thrown = std::current_exception();
+        }
+        shared->through = true;
+        eventfd_write(shared->event.get(), 1);
+    }).detach();
+}
+
+int AttendedWork::fd() const
+{
+    return shared_->event.get();
+}
+
+bool AttendedWork::through() const
+{
+    return shared_->through;
+}
+
+void AttendedWork::finish()
+{
+    // Taken out of what the thread shares, so that the thread's end frees no exception that its
+    // receiver still reads.
+    if (auto thrown = std::exchange(shared_->thrown, nullptr))
+        std::rethrow_exception(std::move(thrown));
+}
+
+bool AttendedWork::wait(StopSignals& signals, Clock::duration patience) const
+{
+    TimePoint limit = TimePoint::max();
+    while (!through() && Clock::now() < limit) {
+        const bool stopped = signals.raised();
+        if (stopped && limit == TimePoint::max())
+            limit = Clock::now() + patience;
+        pollfd waited[] = {{fd(), POLLIN, 0}, {stopped ? -1 : signals.fd(), POLLIN, 0}};
+        poll(waited, 2, poll_timeout(std::min(limit, Clock::now() + std::chrono::hours(1))));
+    }
+    return through();
+}
+
+} // namespace client

@@ -1,0 +1,87 @@
+#include "running/encoded_stream.h"
+
+#include <algorithm>
+
+#include "machine/host.h"
+#include "running/library_log.h"
+#include "running/watermark.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+// A tenth of a bit a pixel shows text sharply while a screen is used as screens are.
+uint32_t sensible_bit_rate(Size size, uint32_t fps)
+{
+    const double rate = double(size.width) * size.height * fps / 10;
+    return static_cast<uint32_t>(std::clamp(rate, 300e3, 20e6));
+}
+
+} // namespace
+
+EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignals& signals)
+    : bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
+      buffer_(video_capenc_getMaxEsSize())
+{
+    CapEnc_OpenParams params = {.width = size.width,
+                                .height = size.height,
+                                .frameRate = options.fps,
+                                .outputBitrate = bit_rate_,
+                                .profile = options.profile,
+                                .level = options.level,
+                                .osd = options.osd};
+    const bool exact = want_exact_size(size.width, size.height);
+    if (video_capenc_open(&params) != 0) {
+        video_capenc_close();
+        throw library_failure(
+            "cannot stream: the library refused to open capture and encoder with this size, rate, profile and level");
+    }
+    forget_library_log();
+    size_ = exact ? size : Size{params.width, params.height};
+    try {
+        start(options.watermark, signals);
+    } catch (const Failure&) {
+        video_capenc_close();
+        throw;
+    }
+}
+
+void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signals)
+{
+    if (!watermark.image.empty()) {
+        WatermarkChange change(watermark);
+        if (!change.reading().wait(signals, Clock::duration::zero()))
+            throw Failure("cannot read the picture " + watermark.image +
+                          ": stopped before it had come");
+        change.apply();
+    }
+    if (video_capenc_start(0) != 0)
+        throw library_failure("cannot stream: the library refused to start");
+    running_ = true;
+}
+
+EncodedStream::~EncodedStream()
+{
+    stop();
+    video_capenc_close();
+}
+
+bool EncodedStream::take(EncodedFrame& frame)
+{
+    CapEnc_EsInfo info = {};
+    if (video_capenc_getES(buffer_.data(), buffer_.size(), &info) != 0 || info.u64DataSize == 0)
+        return false;
+    frame = {.bytes = {buffer_.data(), info.u64DataSize},
+             .pts_us = info.u64Pts,
+             .key = info.bKeyFrame != 0};
+    return true;
+}
+
+void EncodedStream::stop()
+{
+    if (running_)
+        video_capenc_stop();
+    running_ = false;
+}
+
+} // namespace client

@@ -1,0 +1,186 @@
+#include "running/recording.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <poll.h>
+#include <thread>
+
+#include "machine/host.h"
+#include "running/library_log.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told
+// to end is lost.
+constexpr uint64_t last_pass_bytes = 60 * 1024;
+
+uint64_t bytes_behind()
+{
+    const auto now = read_statistics();
+    return now && now->bytes_multiplexed > now->bytes_copied_out
+               ? now->bytes_multiplexed - now->bytes_copied_out
+               : 0;
+}
+
+/**
+ * While it lives, a disk that has not answered for a second is given up, also within calls of the
+ * library.
+ */
+class DiskPatience {
+public:
+    DiskPatience() : watch_([this](const std::stop_token& ended) { watch(ended); }) {}
+
+    bool given_up() const { return given_up_; }
+
+private:
+    void watch(const std::stop_token& ended)
+    {
+        std::unique_lock lock(mutex_);
+        // Counted in looks, so that the disk has its turn after this process was stopped for all of
+        // the time.
+        int looks = 0;
+        while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
+               !ended.stop_requested()) {
+            const auto now = read_statistics();
+            const bool waiting =
+                now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
+            looks = waiting && now->write_waiting_us > 0 ? looks + 1 : 0;
+            if (looks < 20)
+                continue;
+            given_up_ = true;
+            return give_up_writes();
+        }
+    }
+
+    std::atomic<bool> given_up_{false};
+    std::mutex mutex_;
+    std::condition_variable_any wake_;
+    // the last one: it uses the others
+    std::jthread watch_;
+};
+
+constexpr auto writer_look = 10ms;
+
+void wait_for_writer(const DiskPatience& patience, std::chrono::milliseconds limit)
+{
+    // Counted in looks, so that the writer has its turn after this process was stopped for all of
+    // the time.
+    for (auto looks = limit / writer_look;
+         bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
+        poll(nullptr, 0, static_cast<int>(writer_look.count()));
+}
+
+uint64_t multiplexed_pictures()
+{
+    const auto now = read_statistics();
+    return now ? now->access_units_multiplexed : 0;
+}
+
+uint8_t* bytes(std::string& text)
+{
+    return reinterpret_cast<uint8_t*>(text.data());
+}
+
+void require(uint32_t succeeded, const char* what)
+{
+    if (!succeeded)
+        throw library_failure(std::string("cannot record: the library refused to ") + what);
+    forget_library_log();
+}
+
+// "cap" means the screen; a file of that name needs a path.
+std::string source_name(const std::string& source)
+{
+    if (source.empty())
+        return "cap";
+    return source == "cap" ? "./cap" : source;
+}
+
+} // namespace
+
+Recording::Recording(const RecordingSettings& settings)
+    : slot_(settings.slot), one_call_(settings.one_call), pictures_before_(multiplexed_pictures())
+{
+    try {
+        if (one_call_)
+            open_in_one_call(settings);
+        else
+            open_step_by_step(settings);
+        open_ = true;
+    } catch (const Failure&) {
+        close();
+        SCREENRECORD_DeInit();
+        throw;
+    }
+}
+
+Recording::~Recording()
+{
+    if (open_)
+        finish(patience_of_a_stop);
+    SCREENRECORD_DeInit();
+}
+
+void Recording::open_step_by_step(const RecordingSettings& settings)
+{
+    std::string file = settings.file;
+    std::string source = source_name(settings.source);
+    std::string screen_sound = "cap";
+    uint32_t width = settings.size.width, height = settings.size.height, fps = settings.fps;
+    uint32_t packet_size = settings.packet_size, rate = settings.constant_mbit;
+
+    require(SCREENRECORD_Init(), "initialise");
+    require(SCREENRECORD_Open(&slot_, bytes(file)), "open the output file");
+    if (settings.audio)
+        require(SCREENRECORD_SetAudio(&slot_, bytes(screen_sound), nullptr, nullptr),
+                "open the sound");
+    require(SCREENRECORD_SetVideo(&slot_, bytes(source), nullptr, &width, &height, &fps),
+            "open the video with this size and rate");
+    require(SCREENRECORD_SetTsMux(&slot_, &packet_size, &rate), "open the multiplexer");
+    require(SCREENRECORD_Start(&slot_), "start");
+}
+
+// The library's own time limit counts whole seconds and then one more, so the end is ours to time.
+void Recording::open_in_one_call(const RecordingSettings& settings)
+{
+    std::string file = settings.file;
+    const int32_t result =
+        startScreenRecord(settings.size.width, settings.size.height, settings.fps,
+                          settings.constant_mbit, settings.packet_size, 0, 0, bytes(file));
+    require(result == 0, "start");
+}
+
+// The screen's first picture takes a moment to be encoded, and a stop before that would leave
+// nothing.
+void Recording::wait_for_first_picture() const
+{
+    const TimePoint limit = Clock::now() + std::chrono::milliseconds(1500);
+    const auto may_come = [] {
+        const auto now = read_statistics();
+        return now && !now->display_lost;
+    };
+    while (multiplexed_pictures() == pictures_before_ && may_come() && Clock::now() < limit)
+        poll(nullptr, 0, 10);
+}
+
+bool Recording::finish(std::chrono::milliseconds writer_limit)
+{
+    wait_for_first_picture();
+    const DiskPatience patience;
+    const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
+    wait_for_writer(patience, writer_limit);
+    return close() && stopped;
+}
+
+bool Recording::close()
+{
+    open_ = false;
+    return one_call_ ? stopScreenRecord() == 0 : SCREENRECORD_Close(&slot_) == 1;
+}
+
+} // namespace client

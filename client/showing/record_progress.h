@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "machine/host.h"
+#include "process/signals.h"
+
+namespace client {
+
+/** How a recording stands. What the platform does not count is missing. */
+struct Progress {
+    double elapsed_seconds = 0;
+    /** encoded */
+    std::optional<uint64_t> frames;
+    /** pictures left out by capture or encoder */
+    std::optional<uint64_t> dropped;
+    /** frames per second, of the last second or so */
+    std::optional<double> fps;
+    uint64_t file_bytes = 0;
+    /** growth of the file, of the last seconds */
+    double bits_per_second = 0;
+    /** 0 to 1, loudest sample of late */
+    std::optional<double> sound_level;
+    std::optional<bool> display_answers;
+    /** how long a write has waited for the disk, 0 = none waits */
+    std::optional<double> disk_waiting_seconds;
+};
+
+/** Measures a recording from its start; what was counted before belongs to others. */
+class RecordProgress {
+public:
+    RecordProgress();
+
+    /** @param file_bytes size of the output file now */
+    Progress measure(uint64_t file_bytes);
+
+private:
+    struct Sample {
+        TimePoint at;
+        uint64_t frames = 0;
+        uint64_t file_bytes = 0;
+    };
+    double per_second(const Sample& now, uint64_t Sample::*value) const;
+    void keep(const Sample& now);
+
+    /** samples a second apart that rates are measured over */
+    static constexpr unsigned kept = 4;
+    std::optional<zu3_host_statistics_t> before_;
+    Sample samples_[kept];
+    unsigned sample_count_ = 0;
+    TimePoint start_;
+};
+
+} // namespace client

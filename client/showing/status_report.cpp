@@ -1,0 +1,155 @@
+#include "showing/status_report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <vector>
+
+#include "process/messages.h"
+
+namespace client {
+namespace {
+
+bool colours_wanted()
+{
+    const char* no_colour = std::getenv("NO_COLOR");
+    return !no_colour || !*no_colour;
+}
+
+/** Whether standard error is a terminal on which a line can be refreshed. */
+bool line_can_be_refreshed()
+{
+    const char* terminal = std::getenv("TERM");
+    return isatty(STDERR_FILENO) == 1 && terminal && *terminal &&
+           std::strcmp(terminal, "dumb") != 0;
+}
+
+size_t terminal_columns()
+{
+    winsize size = {};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+std::string count_or_null(const std::optional<uint64_t>& value)
+{
+    return value ? std::to_string(*value) : "null";
+}
+
+std::string number_or_null(const std::optional<double>& value)
+{
+    return value ? format_text("%.3f", *value) : "null";
+}
+
+const char* truth_or_null(const std::optional<bool>& value)
+{
+    return !value ? "null" : *value ? "true" : "false";
+}
+
+std::string sound_text(double level)
+{
+    return level > 0 ? format_text("sound %.0f dB", 20 * std::log10(level)) : "sound silent";
+}
+
+} // namespace
+
+std::string progress_as_json(const Progress& p, const char* state)
+{
+    return format_text(
+        "{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
+        "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s,"
+        "\"disk_waiting\":%s}",
+        state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
+        count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes),
+        p.bits_per_second, number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
+        number_or_null(p.disk_waiting_seconds).c_str());
+}
+
+std::string progress_as_line(const Progress& p, size_t columns)
+{
+    const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
+    // From left to right, each with its worth: a narrow terminal goes without those of the least.
+    std::vector<std::pair<std::string, int>> parts = {
+        {format_text("%02lu:%02lu:%02lu", seconds / 3600, seconds / 60 % 60, seconds % 60), 7}};
+    if (p.display_answers == false)
+        parts.push_back({"display does not answer", 6});
+    if (p.disk_waiting_seconds.value_or(0) >= 1)
+        parts.push_back({format_text("disk stands still: %.0f s", *p.disk_waiting_seconds), 6});
+    if (p.frames && p.fps && p.dropped) {
+        parts.push_back(
+            {format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
+        parts.push_back({format_text("%.1f fps", *p.fps), 2});
+        parts.push_back(
+            {format_text("%llu dropped", static_cast<unsigned long long>(*p.dropped)), 3});
+    }
+    parts.push_back({format_text("%.1f MB", static_cast<double>(p.file_bytes) / 1e6), 5});
+    parts.push_back({format_text("%.2f Mbit/s", p.bits_per_second / 1e6), 4});
+    if (p.sound_level)
+        parts.push_back({sound_text(*p.sound_level), 1});
+    while (true) {
+        std::string line;
+        for (const auto& [text, worth] : parts)
+            line += (line.empty() ? "" : "  ") + text;
+        if (line.size() <= columns || parts.size() == 1)
+            return line.substr(0, columns);
+        parts.erase(std::min_element(parts.begin(), parts.end(), [](const auto& a, const auto& b) {
+            return a.second < b.second;
+        }));
+    }
+}
+
+StatusReport::StatusReport(bool json, std::string status_file)
+    : json_(json), terminal_(!json && line_can_be_refreshed()), colour_(colours_wanted()),
+      next_(Clock::now() + std::chrono::seconds(1))
+{
+    if (!status_file.empty())
+        status_file_.emplace(std::move(status_file), progress_as_json({}, "starting"));
+}
+
+StatusReport::~StatusReport()
+{
+    if (!finished_)
+        finish(last_, false);
+}
+
+// A recording does not end because nobody can watch it.
+void StatusReport::heed(const std::optional<std::string>& failure)
+{
+    if (!failure)
+        return;
+    say(*failure);
+    status_file_.reset();
+}
+
+void StatusReport::update(const Progress& progress)
+{
+    last_ = progress;
+    next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
+    if (terminal_) {
+        // the last column stays free
+        const size_t taken = std::strlen(colour_ ? "* " : "REC ") + 1;
+        const size_t columns = terminal_columns();
+        show_status_line(colour_ ? "\033[31m●\033[0m" : "REC",
+                         progress_as_line(progress, columns > taken ? columns - taken : 0));
+    }
+    const std::string object = progress_as_json(progress, "recording");
+    if (json_)
+        print_status_object(object);
+    if (status_file_)
+        heed(status_file_->update(object));
+}
+
+void StatusReport::finish(const Progress& progress, bool usable)
+{
+    finished_ = true;
+    clear_status_line();
+    const std::string object = progress_as_json(progress, usable ? "finished" : "failed");
+    if (json_)
+        print_error_line(object);
+    if (status_file_)
+        heed(status_file_->finish(object, Clock::now() + std::chrono::seconds(1)));
+}
+
+} // namespace client
