@@ -14,8 +14,7 @@
 
 #include "process/failure.h"
 #include "process/messages.h"
-#include <capture/screen_pixels.h>
-#include <capture/x11_replies.h>
+#include <common/x11_screen.h>
 
 namespace client {
 namespace {
@@ -42,9 +41,9 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
     const auto resources = owned(xcb_randr_get_screen_resources_current_reply(
         connection, xcb_randr_get_screen_resources_current(connection, root), nullptr));
     if (!resources ||
-        !zu3host::holds_behind(
-            *resources, uint64_t{4} * resources->num_crtcs + uint64_t{4} * resources->num_outputs +
-                            sizeof(xcb_randr_mode_info_t) * resources->num_modes))
+        !common::holds_behind(*resources, uint64_t{4} * resources->num_crtcs +
+                                              uint64_t{4} * resources->num_outputs +
+                                              sizeof(xcb_randr_mode_info_t) * resources->num_modes))
         return 0;
     const auto* crtcs = xcb_randr_get_screen_resources_current_crtcs(resources.get());
     const auto* modes = xcb_randr_get_screen_resources_current_modes(resources.get());
@@ -68,7 +67,7 @@ std::optional<DisplayInfo> ask(const std::string& name)
         xcb_connect(name.empty() ? nullptr : name.c_str(), &number), xcb_disconnect);
     if (xcb_connection_has_error(connection.get()))
         return std::nullopt;
-    const xcb_screen_t* screen = zu3host::find_screen(*xcb_get_setup(connection.get()), number);
+    const xcb_screen_t* screen = common::find_screen(*xcb_get_setup(connection.get()), number);
     if (!screen)
         return std::nullopt;
     const xcb_setup_t& server = *xcb_get_setup(connection.get());
@@ -77,9 +76,9 @@ std::optional<DisplayInfo> ask(const std::string& name)
                        .size = {screen->width_in_pixels, screen->height_in_pixels},
                        .refresh_hz = refresh_rate(connection.get(), screen->root),
                        .shared_memory = shm && shm->present,
-                       .problem = zu3host::pixel_format(server, *screen)
+                       .problem = common::pixel_format(server, *screen)
                                       ? ""
-                                      : zu3host::unknown_pixel_format(server, *screen)};
+                                      : common::unknown_pixel_format(server, *screen)};
 }
 
 /** What the asking thread leaves behind; shared, because it may come too late for whoever asked. */

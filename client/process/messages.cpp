@@ -14,9 +14,9 @@ namespace {
 
 bool status_line_shown = false;
 
-zu3host::LineWriter& standard_error()
+common::LineWriter& standard_error()
 {
-    static auto& lines = *new zu3host::LineWriter(STDERR_FILENO);
+    static auto& lines = *new common::LineWriter(STDERR_FILENO);
     return lines;
 }
 
@@ -27,7 +27,7 @@ constexpr const char* back_to_empty_line = "\r\033[K";
 std::string printable(const std::string& text)
 {
     std::string made;
-    zu3host::put_printable(text, [&made](std::string_view piece) { made += piece; });
+    common::put_printable(text, [&made](std::string_view piece) { made += piece; });
     return made;
 }
 

@@ -10,9 +10,9 @@ namespace client {
 namespace {
 
 /** Kept until the process ends, since its thread may be held for as long. */
-zu3host::LineWriter& lines_of(int fd)
+common::LineWriter& lines_of(int fd)
 {
-    static auto& lines = *new zu3host::LineWriter(fd);
+    static auto& lines = *new common::LineWriter(fd);
     return lines;
 }
 

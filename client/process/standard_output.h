@@ -35,7 +35,7 @@ private:
     StopSignals& signals_;
     // never closed: a thread may write to it until the process ends
     int fd_;
-    zu3host::LineWriter& lines_;
+    common::LineWriter& lines_;
 };
 
 } // namespace client

@@ -1,11 +1,11 @@
 // The capture device on its test card: when pictures come, what they may overwrite, and how it
 // stops.
+#include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
 #include "capture/patient_source.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
 #include "capture/placement.h"
-#include "common/picture_layout.h"
 #include "helpers.h"
 #include "statistics/counters.h"
 #include "zu3/cap.h"

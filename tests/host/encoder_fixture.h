@@ -1,8 +1,8 @@
 #pragma once
 
+#include "base/picture_layout.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time_scope.h"
-#include "common/picture_layout.h"
 #include "encoder/input_memory.h"
 #include "encoder/open_encoders.h"
 #include "encoder/rate_ceiling.h"

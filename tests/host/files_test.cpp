@@ -1,9 +1,9 @@
-#include "common/file_descriptor.h"
 #include "encoder_fixture.h"
 #include "helpers.h"
 #include "memory/memory_register.h"
 #include "multiplexer_fixture.h"
 #include "statistics/counters.h"
+#include <common/descriptor.h>
 
 #include <zu3/fs.h>
 #include <zu3/os.h>
@@ -87,7 +87,7 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
         for (const char* target : {"out", "nobody's"}) {
             fs::remove(path("link"));
             fs::create_symlink(path(target), path("link"));
-            const zu3host::FileDescriptor here(::open(folder_.c_str(), O_PATH));
+            const common::Descriptor here(::open(folder_.c_str(), O_PATH));
             const std::string by_kernel = "/proc/self/fd/" + std::to_string(here.get()) + "/link";
             for (const char* mode : {"wb", "ab", "r+b"}) {
                 EXPECT_EQ(open("link", mode), 0u) << target << mode;
@@ -109,13 +109,13 @@ TEST_F(Files, OfSomebodyElseAreNotWritten)
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     std::ofstream(path("file")) << "his";
     for (const char* name : {"pipe", "file"}) {
-        const zu3host::FileDescriptor reader(::open(path(name).c_str(), O_RDONLY | O_NONBLOCK));
+        const common::Descriptor reader(::open(path(name).c_str(), O_RDONLY | O_NONBLOCK));
         ASSERT_EQ(chown(path(name).c_str(), 12345, 12345), 0);
         for (const char* mode : {"wb", "ab", "r+b"})
             EXPECT_EQ(open(name, mode), 0u) << name << mode;
     }
     EXPECT_EQ(fs::file_size(path("file")), 3u);
-    const zu3host::FileDescriptor held(::open(path("file").c_str(), O_RDONLY));
+    const common::Descriptor held(::open(path("file").c_str(), O_RDONLY));
     const u32 file = ZU_FS_Fopen(("/proc/self/fd/" + std::to_string(held.get())).c_str(), "wb");
     EXPECT_NE(file, 0u);
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
@@ -342,7 +342,7 @@ TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
     };
     EXPECT_TRUE(zu3host::wait_until([&] { return answered() || (reader != 0 && sleeps(reader)); }));
     {
-        const zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+        const common::Descriptor writer(::open(path("pipe").c_str(), O_WRONLY));
         EXPECT_EQ(write(writer.get(), "abc", 3), 3);
     }
     EXPECT_EQ(answer.get(), 3);
@@ -356,7 +356,7 @@ TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
 TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
-    const zu3host::FileDescriptor end(::open(path("pipe").c_str(), O_RDWR | O_NONBLOCK));
+    const common::Descriptor end(::open(path("pipe").c_str(), O_RDWR | O_NONBLOCK));
     std::string memory(1 << 20, 'x');
     const struct {
         const char* mode;
@@ -399,7 +399,7 @@ TEST_F(Files, AreClosedBehindACallThatUsesThem)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     const u32 file = open("pipe", "rb");
-    zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+    common::Descriptor writer(::open(path("pipe").c_str(), O_WRONLY));
     char text[3] = {};
     auto read = std::async(std::launch::async, [&] { return ZU_FS_Fread(text, 1, 2, file); });
     ASSERT_EQ(write(writer.get(), "a", 1), 1);
@@ -439,7 +439,7 @@ TEST_F(Files, AreReadIntoMemoryThatWasGivenUpMeanwhile)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     const u32 file = open("pipe", "rb");
-    const zu3host::FileDescriptor writer(::open(path("pipe").c_str(), O_WRONLY));
+    const common::Descriptor writer(::open(path("pipe").c_str(), O_WRONLY));
     for (const bool of_encoder : {true, false}) {
         std::atomic<pid_t> reader{0};
         auto lender = std::make_unique<Lender>(of_encoder);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "log/host_log.h"
+#include "base/host_log.h"
 #include "memory/device_memory.h"
 
 #include <chrono>

@@ -1,6 +1,6 @@
-#include "common/file_descriptor.h"
 #include "helpers.h"
 #include "log/log_filter.h"
+#include <common/descriptor.h>
 
 #include <android/log.h>
 
@@ -71,11 +71,11 @@ TEST(Log, PrintsLogcatsBriefFormat)
 // that overruns.
 TEST(Log, WritesALineAtOnceWhateverItsLength)
 {
-    const FileDescriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    const common::Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     int ends[2] = {-1, -1};
     // keeps every write apart
     ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
-    const FileDescriptor reader(ends[0]), writer(ends[1]);
+    const common::Descriptor reader(ends[0]), writer(ends[1]);
     dup2(writer.get(), STDERR_FILENO);
     const std::string endless(100000, 'x');
     __android_log_print(ANDROID_LOG_ERROR, "b", "%s", "short");

@@ -1,5 +1,5 @@
-#include "common/file_descriptor.h"
 #include "memory/device_memory.h"
+#include <common/descriptor.h>
 
 #include <zu3/os.h>
 
@@ -26,7 +26,7 @@ bool is_readable(const uint8_t* byte)
     int ends[2];
     if (pipe(ends) != 0)
         return false;
-    const FileDescriptor reader(ends[0]), writer(ends[1]);
+    const common::Descriptor reader(ends[0]), writer(ends[1]);
     return write(writer.get(), byte, 1) == 1;
 }
 
@@ -142,7 +142,7 @@ TEST(Iommu, HandsOutDescriptorsOfTheSameMemory)
 TEST(Iommu, TakesBackOnlyWhatItHandedOut)
 {
     const auto block = allocate(4096);
-    const FileDescriptor foreign(dup(STDERR_FILENO));
+    const common::Descriptor foreign(dup(STDERR_FILENO));
     EXPECT_NE(put_descriptor(foreign.get()), ZU_OK);
     EXPECT_TRUE(is_open(foreign.get()));
     EXPECT_NE(put_descriptor(-1), ZU_OK);
@@ -154,7 +154,7 @@ TEST(Iommu, TakesBackOnlyWhatItHandedOut)
     EXPECT_TRUE(is_open(fd));
     close(fd);
 
-    const FileDescriptor standard_input(fcntl(STDIN_FILENO, F_DUPFD, 3));
+    const common::Descriptor standard_input(fcntl(STDIN_FILENO, F_DUPFD, 3));
     close(STDIN_FILENO);
     EXPECT_EQ(get_descriptor(block.u64PhyAddr), 0);
     EXPECT_EQ(put_descriptor(0), ZU_OK);

@@ -1,4 +1,4 @@
-#include "common/patient_wait.h"
+#include "base/threads.h"
 
 #include <zu3/os.h>
 

@@ -13,7 +13,7 @@
 
 #include <unistd.h>
 
-#include "common/picture_layout.h"
+#include "base/picture_layout.h"
 #include <screenrecord/screenrecord.h>
 #include <srglworker/SrGlWorker.h>
 

@@ -1,7 +1,7 @@
 // The audio capture's contract functions: handles to objects, arguments checked.
 #include "zu3/acap.h"
 #include "audio/audio_device.h"
-#include "common/border.h"
+#include "base/border.h"
 
 #include <atomic>
 

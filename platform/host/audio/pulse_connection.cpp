@@ -3,7 +3,7 @@
 #include "audio/monotonic_time.h"
 #include "audio/pcm_reader.h"
 #include "audio/pulse_memory.h"
-#include "common/border.h"
+#include "base/border.h"
 
 namespace zu3host {
 

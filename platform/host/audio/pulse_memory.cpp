@@ -1,6 +1,6 @@
 #include "audio/pulse_memory.h"
 
-#include "common/border.h"
+#include "base/border.h"
 
 #include <cstdlib>
 #include <fcntl.h>

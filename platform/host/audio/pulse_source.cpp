@@ -3,9 +3,9 @@
 #include "audio/monotonic_time.h"
 #include "audio/pulse_connection.h"
 #include "audio/sound_placement.h"
-#include "common/border.h"
-#include "log/host_log.h"
-#include "os/thread_start.h"
+#include "base/border.h"
+#include "base/host_log.h"
+#include "base/threads.h"
 #include "statistics/counters.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "audio/pulse_library.h"
 #include "audio/pulse_source.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
 
 #include <algorithm>
 #include <array>

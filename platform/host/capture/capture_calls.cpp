@@ -1,5 +1,5 @@
+#include "base/border.h"
 #include "capture/capture_device.h"
-#include "common/border.h"
 
 namespace {
 

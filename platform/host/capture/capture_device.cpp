@@ -1,12 +1,12 @@
 #include "capture/capture_device.h"
 
+#include "base/host_log.h"
+#include "base/threads.h"
 #include "capture/still_picture.h"
-#include "common/broken_pipe_guard.h"
 #include "display/displays.h"
-#include "log/host_log.h"
 #include "memory/device_memory.h"
 #include "memory/memory_register.h"
-#include "os/thread_start.h"
+#include <common/signals.h>
 
 #include <algorithm>
 
@@ -47,7 +47,7 @@ uint32_t CaptureDevice::connect(uint32_t display)
 {
     if (display != main_display)
         return ZU_INVALID_ARGUMENT;
-    const BrokenPipeGuard guard;
+    const common::BrokenPipeGuard guard;
     const std::lock_guard lock(source_mutex_);
     if (source_) {
         HOST_LOGE("The capture device is connected to a display already.");
@@ -61,7 +61,7 @@ uint32_t CaptureDevice::disconnect(uint32_t display)
 {
     if (display != main_display)
         return ZU_INVALID_ARGUMENT;
-    const BrokenPipeGuard guard;
+    const common::BrokenPipeGuard guard;
     const std::lock_guard lock(source_mutex_);
     if (!source_)
         return ZU_FAILURE;
@@ -167,7 +167,7 @@ uint32_t CaptureDevice::close()
     }
     if (thread.joinable())
         thread.join();
-    const BrokenPipeGuard guard;
+    const common::BrokenPipeGuard guard;
     const std::lock_guard lock(source_mutex_);
     source_.reset();
     return ZU_OK;
@@ -194,7 +194,7 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
                        output.u32Pitch};
     if (!check_still(target))
         return ZU_INVALID_ARGUMENT;
-    const BrokenPipeGuard guard;
+    const common::BrokenPipeGuard guard;
     {
         const std::lock_guard lock(source_mutex_);
         // A still shows the screen as programs drew it; the pointer is the layer above it that can

@@ -1,9 +1,9 @@
 #include "capture/capture_device.h"
 
+#include "base/border.h"
 #include "capture/captured_picture.h"
 #include "capture/nv12_picture.h"
 #include "capture/picture_time_scope.h"
-#include "common/border.h"
 #include "statistics/counters.h"
 
 namespace zu3host {

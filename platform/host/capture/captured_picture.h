@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/picture_layout.h"
+#include "base/picture_layout.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "base/picture_layout.h"
 #include "capture/picture_source.h"
 #include "capture/placement.h"
-#include "common/picture_layout.h"
 
 #include <cstdint>
 

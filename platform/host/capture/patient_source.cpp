@@ -1,7 +1,7 @@
 #include "capture/patient_source.h"
 
-#include "common/border.h"
-#include "os/thread_start.h"
+#include "base/border.h"
+#include "base/threads.h"
 #include "statistics/counters.h"
 
 #include <condition_variable>

@@ -1,7 +1,7 @@
 #include "capture/picture_pool.h"
 
+#include "base/host_log.h"
 #include "capture/picture_leases.h"
-#include "log/host_log.h"
 #include "memory/device_memory.h"
 #include "memory/memory_register.h"
 

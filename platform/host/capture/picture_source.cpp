@@ -1,9 +1,9 @@
 #include "capture/picture_source.h"
 
+#include "base/host_log.h"
 #include "capture/patient_source.h"
 #include "capture/test_card.h"
 #include "capture/x11_source.h"
-#include "log/host_log.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "capture/placement.h"
 
-#include "common/picture_layout.h"
+#include "base/picture_layout.h"
 
 #include <algorithm>
 

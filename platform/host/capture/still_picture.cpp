@@ -1,9 +1,9 @@
 #include "capture/still_picture.h"
 
+#include "base/host_log.h"
+#include "base/picture_layout.h"
 #include "capture/bgra_scaler.h"
 #include "capture/placement.h"
-#include "common/picture_layout.h"
-#include "log/host_log.h"
 #include "zu3/cap.h"
 
 #include <algorithm>

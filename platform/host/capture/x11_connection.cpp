@@ -1,7 +1,7 @@
 #include "capture/x11_connection.h"
 
-#include "capture/x11_replies.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
+#include <common/x11_screen.h>
 
 #include <cstdlib>
 #include <sys/auxv.h>
@@ -44,7 +44,8 @@ std::unique_ptr<X11Connection> X11Connection::open()
     int screen_index = 0;
     xcb_connection_t* xcb = xcb_connect(nullptr, &screen_index);
     const int error = xcb_connection_has_error(xcb);
-    const xcb_screen_t* screen = error ? nullptr : find_screen(*xcb_get_setup(xcb), screen_index);
+    const xcb_screen_t* screen =
+        error ? nullptr : common::find_screen(*xcb_get_setup(xcb), screen_index);
     if (!screen) {
         HOST_LOGE(
             "The X display DISPLAY=\"%s\" cannot be reached: %s. Check DISPLAY and XAUTHORITY, or set ZU3_DISPLAY=testcard to record a test card.",

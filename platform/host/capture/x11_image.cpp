@@ -1,7 +1,7 @@
 #include "capture/x11_image.h"
 
-#include "capture/x11_replies.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
+#include <common/x11_screen.h>
 
 #include <fcntl.h>
 #include <libyuv/convert_argb.h>
@@ -31,8 +31,8 @@ int make_memory(size_t bytes)
 
 X11Image::X11Image(X11Connection& connection, PictureSize size)
     : connection_(connection), size_(size),
-      format_(pixel_format(*xcb_get_setup(connection.xcb()), connection.screen())
-                  .value_or(PixelFormat::Bgrx8))
+      format_(common::pixel_format(*xcb_get_setup(connection.xcb()), connection.screen())
+                  .value_or(common::PixelFormat::Bgrx8))
 {
 }
 
@@ -105,7 +105,7 @@ bool X11Image::collect()
             return false;
     } else {
         auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_);
-        if (!answer.reply || !holds_behind(*answer.reply, bytes()))
+        if (!answer.reply || !common::holds_behind(*answer.reply, bytes()))
             return false;
         keep_plain(std::move(answer.reply));
     }
@@ -121,10 +121,11 @@ void X11Image::keep_plain(XcbOwned<xcb_get_image_reply_t> reply)
 
 void X11Image::bring_to_eight_bits()
 {
-    if (format_ == PixelFormat::Bgrx8)
+    if (format_ == common::PixelFormat::Bgrx8)
         return;
     // In place: a pixel keeps its size.
-    const auto convert = format_ == PixelFormat::Xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
+    const auto convert =
+        format_ == common::PixelFormat::Xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
     const auto line = static_cast<int>(stride());
     convert(pixels_, line, pixels_, line, static_cast<int>(size_.width),
             static_cast<int>(size_.height));
@@ -133,10 +134,10 @@ void X11Image::bring_to_eight_bits()
 bool has_known_pixels(const X11Connection& connection)
 {
     const xcb_setup_t& server = *xcb_get_setup(connection.xcb());
-    if (pixel_format(server, connection.screen()))
+    if (common::pixel_format(server, connection.screen()))
         return true;
     HOST_LOGE("The screen of DISPLAY=\"%s\" cannot be captured: %s.", connection.display().c_str(),
-              unknown_pixel_format(server, connection.screen()).c_str());
+              common::unknown_pixel_format(server, connection.screen()).c_str());
     return false;
 }
 

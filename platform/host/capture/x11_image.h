@@ -1,8 +1,8 @@
 #pragma once
 
-#include "capture/screen_pixels.h"
 #include "capture/x11_connection.h"
 #include "encoder/open_encoders.h"
+#include <common/x11_screen.h>
 
 #include <cstdint>
 #include <memory>
@@ -49,7 +49,7 @@ private:
     X11Connection& connection_;
     PictureSize size_;
     // of the server's pixels
-    PixelFormat format_;
+    common::PixelFormat format_;
     unsigned sequence_ = 0;
     uint8_t* pixels_ = nullptr;
     // of the shared kind

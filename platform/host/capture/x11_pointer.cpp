@@ -1,7 +1,7 @@
 #include "capture/x11_pointer.h"
 
-#include "capture/x11_replies.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
+#include <common/x11_screen.h>
 
 #include <algorithm>
 #include <libyuv/planar_functions.h>
@@ -76,7 +76,8 @@ void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)
 {
     // An error instead of an image means that the pointer is hidden.
     const bool complete =
-        image && holds_behind(*image, uint64_t{image->width} * image->height * sizeof(uint32_t));
+        image &&
+        common::holds_behind(*image, uint64_t{image->width} * image->height * sizeof(uint32_t));
     image_ = complete ? std::move(image) : nullptr;
     ++changes_;
 }

@@ -1,6 +1,6 @@
 #include "display/displays.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "zu3/disp.h"
 
 #include <cstring>

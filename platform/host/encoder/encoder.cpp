@@ -1,11 +1,11 @@
 #include "encoder/encoder.h"
 
+#include "base/border.h"
+#include "base/host_log.h"
+#include "base/threads.h"
 #include "capture/captured_picture.h"
 #include "capture/picture_leases.h"
 #include "capture/picture_time.h"
-#include "common/border.h"
-#include "common/patient_wait.h"
-#include "log/host_log.h"
 #include "statistics/counters.h"
 
 #include <chrono>

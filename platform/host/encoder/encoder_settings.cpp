@@ -1,6 +1,6 @@
 #include "encoder/encoder_settings.h"
 
-#include "log/host_log.h"
+#include "base/host_log.h"
 
 #include <algorithm>
 #include <array>

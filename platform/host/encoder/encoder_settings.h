@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/picture_layout.h"
+#include "base/picture_layout.h"
 #include "encoder/open_encoders.h"
 #include "zu3/venc.h"
 

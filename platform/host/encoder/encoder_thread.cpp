@@ -1,10 +1,10 @@
 // The encoder's own thread: what runs between a picture that was taken and the end of the callback
 // with its frame.
-#include "common/border.h"
+#include "base/border.h"
+#include "base/host_log.h"
+#include "base/threads.h"
 #include "encoder/encoder.h"
 #include "encoder/exact_size.h"
-#include "log/host_log.h"
-#include "os/thread_start.h"
 #include "statistics/counters.h"
 #include "statistics/frame_event.h"
 

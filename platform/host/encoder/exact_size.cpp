@@ -1,7 +1,7 @@
 #include "encoder/exact_size.h"
 
-#include "common/border.h"
-#include "common/picture_layout.h"
+#include "base/border.h"
+#include "base/picture_layout.h"
 #include "encoder/encoder_settings.h"
 #include "zu3_host/exact_size.h"
 

@@ -1,7 +1,7 @@
 #include "encoder/input_memory.h"
 
+#include "base/host_log.h"
 #include "capture/picture_leases.h"
-#include "log/host_log.h"
 #include "memory/memory_register.h"
 
 #include <algorithm>

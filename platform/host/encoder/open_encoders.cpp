@@ -1,6 +1,6 @@
 #include "encoder/open_encoders.h"
 
-#include "common/picture_layout.h"
+#include "base/picture_layout.h"
 #include "encoder/open_encoder_scopes.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The video encoder's contract functions: handles to objects, arguments checked.
 #include "zu3/venc.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "encoder/encoder.h"
 
 #include <atomic>

@@ -1,8 +1,8 @@
 #include "encoder/x264_encoder.h"
 
+#include "base/host_log.h"
+#include "base/threads.h"
 #include "encoder/rate_ceiling.h"
-#include "log/host_log.h"
-#include "os/thread_start.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "encoder/x264_parameters.h"
 
-#include "log/host_log.h"
+#include "base/host_log.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,6 +1,6 @@
 #include "files/disk_process.h"
 
-#include "common/signals_blocked.h"
+#include <common/signals.h>
 
 #include <algorithm>
 #include <array>
@@ -121,7 +121,7 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return nullptr;
-    FileDescriptor ours(ends[0]), theirs(ends[1]);
+    common::Descriptor ours(ends[0]), theirs(ends[1]);
     void* const memory =
         mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
@@ -131,7 +131,7 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     {
         // Not fork(): whatever a program has registered for that is none of this process's
         // business, and no signal tells of its end.
-        const SignalsBlocked guard;
+        const common::SignalsBlocked guard;
         process = syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L);
         if (process == 0)
             run(shared, fd, theirs.get());

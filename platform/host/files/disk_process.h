@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/file_descriptor.h"
+#include <common/descriptor.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -64,7 +64,7 @@ private:
         uint64_t greatest_file;
     };
 
-    DiskProcess(uint8_t* shared, FileDescriptor socket, pid_t process)
+    DiskProcess(uint8_t* shared, common::Descriptor socket, pid_t process)
         : shared_(shared), socket_(std::move(socket)), process_(process)
     {
     }
@@ -73,7 +73,7 @@ private:
 
     /** capacity bytes, of which what is never used is never there */
     uint8_t* shared_;
-    FileDescriptor socket_;
+    common::Descriptor socket_;
     pid_t process_;
     bool busy_ = false;
 };

@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 #include "files/open_file.h"
 #include "memory/memory_register.h"
 

@@ -1,10 +1,10 @@
 #include "files/open_file.h"
 
-#include "common/trusted_path.h"
+#include "base/host_log.h"
 #include "files/write_wait.h"
-#include "log/host_log.h"
 #include "os/task.h"
 #include "statistics/counters.h"
+#include <common/trusted_path.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,7 +32,7 @@ bool is_regular(int fd)
 
 /** A descriptor, or why there is none. */
 struct Opened {
-    FileDescriptor fd;
+    common::Descriptor fd;
     const char* refusal = nullptr;
 };
 
@@ -46,7 +46,7 @@ Opened failed(int error)
 /** What was there before: judged by its descriptor, and emptied only then. */
 Opened open_existing(const common::TrustedPath& place, int flags)
 {
-    FileDescriptor fd = place.open(flags & ~(O_CREAT | O_TRUNC));
+    common::Descriptor fd = place.open(flags & ~(O_CREAT | O_TRUNC));
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0)
         return failed(errno);
@@ -70,7 +70,7 @@ Opened open_to_write(const char* name, int flags)
     if (place.error() != 0)
         return failed(place.error());
     if (flags & O_CREAT) {
-        FileDescriptor fresh = place.create_private(flags & ~O_TRUNC);
+        common::Descriptor fresh = place.create_private(flags & ~O_TRUNC);
         if (fresh)
             return {std::move(fresh)};
         if (errno != EEXIST)
@@ -81,7 +81,7 @@ Opened open_to_write(const char* name, int flags)
 
 Opened open_to_read(const char* name, int flags)
 {
-    FileDescriptor fd(::open(name, flags | O_CLOEXEC));
+    common::Descriptor fd(::open(name, flags | O_CLOEXEC));
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0)
         return failed(errno);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "common/file_descriptor.h"
 #include "files/disk_process.h"
 #include "files/unfinished_picture.h"
+#include <common/descriptor.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -40,7 +40,7 @@ public:
      * pipe.
      */
     static std::shared_ptr<OpenFile> open(const char* name, int flags);
-    OpenFile(std::string name, FileDescriptor fd, std::unique_ptr<DiskProcess> disk,
+    OpenFile(std::string name, common::Descriptor fd, std::unique_ptr<DiskProcess> disk,
              bool written_in_order)
         : name_(std::move(name)), fd_(std::move(fd)), disk_(std::move(disk)),
           written_in_order_(written_in_order)
@@ -81,7 +81,7 @@ private:
     std::string name_;
     // held within each call; guards what follows
     std::mutex in_use_;
-    FileDescriptor fd_;
+    common::Descriptor fd_;
     // of an ordinary file that is written, if the system gives one
     std::unique_ptr<DiskProcess> disk_;
     /** an ordinary file, from one end to the other */

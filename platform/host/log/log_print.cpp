@@ -1,9 +1,9 @@
-#include "common/border.h"
-#include "common/line_writer.h"
-#include "common/printable.h"
-#include "log/host_log.h"
+#include "base/border.h"
+#include "base/host_log.h"
 #include "log/log_filter.h"
 #include "zu3_host/log_listener.h"
+#include <common/line_writer.h>
+#include <common/printable.h>
 
 #include <algorithm>
 #include <array>
@@ -66,7 +66,7 @@ void put_lines(LineBuffer& out, std::string_view prefix, std::string_view messag
     while (true) {
         const size_t length = std::min(message.find('\n'), message.size());
         out.put(prefix);
-        zu3host::put_printable(
+        common::put_printable(
             message.substr(0, length), [&out](std::string_view piece) { out.put(piece); }, format);
         out.end_line();
         if (length == message.size())
@@ -79,12 +79,12 @@ void put_lines(LineBuffer& out, std::string_view prefix, std::string_view messag
 constexpr std::chrono::milliseconds patience_at_the_end(200);
 
 /** Standard error; never destroyed, and made without memory, which may be what a line is about. */
-zu3host::LineWriter& standard_error()
+common::LineWriter& standard_error()
 {
-    alignas(zu3host::LineWriter) static std::byte memory[sizeof(zu3host::LineWriter)];
-    static zu3host::LineWriter& lines = []() -> zu3host::LineWriter& {
+    alignas(common::LineWriter) static std::byte memory[sizeof(common::LineWriter)];
+    static common::LineWriter& lines = []() -> common::LineWriter& {
         std::atexit([] { zu3host::flush_log(patience_at_the_end); });
-        return *new (memory) zu3host::LineWriter(STDERR_FILENO);
+        return *new (memory) common::LineWriter(STDERR_FILENO);
     }();
     return lines;
 }

@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 #include "memory/device_memory.h"
 
 #include <atomic>

@@ -1,9 +1,9 @@
 #include "memory/device_memory.h"
 
-#include "common/file_descriptor.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
 #include "memory/low_mapping.h"
 #include "memory/memory_register.h"
+#include <common/descriptor.h>
 
 #include <cerrno>
 #include <cstring>
@@ -35,7 +35,7 @@ struct OwnedBlock {
             forget_memory(mapping.start());
     }
 
-    FileDescriptor fd;
+    common::Descriptor fd;
     LowMapping mapping;
     uint64_t phys = 0;
     uint32_t size = 0;
@@ -65,9 +65,9 @@ uint64_t address_of(const uint8_t* virt)
 /**
  * A zeroed file in memory whose size nobody can change, also not one who was given its descriptor.
  */
-FileDescriptor make_sealed_file(const char* name, uint64_t bytes)
+common::Descriptor make_sealed_file(const char* name, uint64_t bytes)
 {
-    FileDescriptor file(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    common::Descriptor file(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!file || ftruncate(file.get(), static_cast<off_t>(bytes)) != 0 ||
         fcntl(file.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
         return {};

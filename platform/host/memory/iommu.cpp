@@ -1,6 +1,6 @@
-#include "common/border.h"
-#include "common/file_descriptor.h"
+#include "base/border.h"
 #include "memory/device_memory.h"
+#include <common/descriptor.h>
 
 #include <cerrno>
 #include <cstring>
@@ -15,7 +15,6 @@
 namespace {
 
 using zu3host::at_border;
-using zu3host::FileDescriptor;
 using zu3host::MemoryBlock;
 
 /** What identifies a file, whatever descriptor leads to it. */
@@ -67,7 +66,7 @@ u32 allocate(ZU_OS_IommuAlloc_t& record)
 
 u32 get_descriptor(ZU_OS_IommuBufFd_t& record)
 {
-    FileDescriptor copy(zu3host::duplicate_descriptor(record.u64PhyAddr));
+    common::Descriptor copy(zu3host::duplicate_descriptor(record.u64PhyAddr));
     const auto identity = copy ? identity_of(copy.get()) : std::nullopt;
     if (!identity) {
         HOST_LOGE("No descriptor for the device memory at 0x%llx: %s.",
@@ -101,7 +100,7 @@ u32 put_descriptor(const ZU_OS_IommuBufFd_t& record)
                   record.s32Fd);
         return ZU_FAILURE;
     }
-    const FileDescriptor closed_here(record.s32Fd);
+    const common::Descriptor closed_here(record.s32Fd);
     return ZU_OK;
 }
 

@@ -1,7 +1,7 @@
 #include "multiplexer/aac_encoder.h"
 
 #include "audio/pcm_reader.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
 
 extern "C" {
 #include <vo-aacenc/cmnMemory.h>

@@ -1,7 +1,7 @@
 #include "multiplexer/multiplexer.h"
 
+#include "base/host_log.h"
 #include "encoder/open_encoders.h"
-#include "log/host_log.h"
 #include "multiplexer/access_unit.h"
 #include "multiplexer/stream_timing.h"
 #include "statistics/counters.h"

@@ -1,6 +1,6 @@
 // What a multiplexer is opened with, and the sources and attributes that it is given before it
 // runs.
-#include "log/host_log.h"
+#include "base/host_log.h"
 #include "multiplexer/multiplexer.h"
 #include "multiplexer/stream_timing.h"
 

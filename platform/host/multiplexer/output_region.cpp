@@ -1,6 +1,6 @@
 #include "multiplexer/output_region.h"
 
-#include "log/host_log.h"
+#include "base/host_log.h"
 #include "memory/device_memory.h"
 
 #include <algorithm>

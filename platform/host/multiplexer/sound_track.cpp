@@ -1,6 +1,6 @@
 #include "multiplexer/sound_track.h"
 
-#include "log/host_log.h"
+#include "base/host_log.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "zu3/tsmux.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>

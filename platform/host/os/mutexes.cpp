@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 #include "os/timed_mutex.h"
 
 #include <zu3/os.h>

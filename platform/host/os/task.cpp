@@ -1,7 +1,7 @@
 #include "os/task.h"
 
-#include "common/border.h"
-#include "common/patient_wait.h"
+#include "base/border.h"
+#include "base/threads.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,7 +47,7 @@ int Task::start(size_t stack_bytes)
     // Held until the thread's handle is stored, so that neither the thread nor a stop sees the task
     // without it.
     const std::lock_guard lock(mutex_);
-    deletion_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    deletion_ = common::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!deletion_)
         return errno;
     const int error = pthread_create(&thread_, attributes.get(), run_thread, kept.get());

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "common/file_descriptor.h"
-#include "os/thread_start.h"
+#include "base/threads.h"
+#include <common/descriptor.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -57,7 +57,7 @@ private:
     State state_ = State::created;
     pthread_t thread_{};
     // an event
-    FileDescriptor deletion_;
+    common::Descriptor deletion_;
 };
 
 } // namespace zu3host

@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 #include "os/task.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "os/timed_mutex.h"
 
-#include "common/patient_wait.h"
+#include "base/threads.h"
 
 #include <atomic>
 

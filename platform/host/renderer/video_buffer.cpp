@@ -1,6 +1,6 @@
 #include "renderer/video_buffer.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "renderer/counted.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #include "renderer/video_buffer.h"
 #include "renderer/watermark.h"
 
-#include "common/border.h"
+#include "base/border.h"
 
 #include <mutex>
 #include <new>

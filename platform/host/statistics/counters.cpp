@@ -1,6 +1,6 @@
 #include "statistics/counters.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "zu3_host/statistics.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "statistics/frame_event.h"
 
-#include "common/border.h"
+#include "base/border.h"
 #include "zu3_host/frame_event.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 
 #include <ctime>
 #include <utils/Timers.h>

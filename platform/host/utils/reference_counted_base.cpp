@@ -1,4 +1,4 @@
-#include "common/border.h"
+#include "base/border.h"
 
 #include <atomic>
 #include <new>

@@ -1,6 +1,6 @@
-#include "capture/screen_pixels.h"
+#include "common/x11_screen.h"
 
-namespace zu3host {
+namespace common {
 namespace {
 
 const xcb_visualtype_t* root_visual(const xcb_screen_t& screen)
@@ -58,4 +58,4 @@ std::string unknown_pixel_format(const xcb_setup_t& server, const xcb_screen_t& 
            "; run it at depth 24 or 30, with 8 or 10 bits each of red, green and blue in a pixel of 32";
 }
 
-} // namespace zu3host
+} // namespace common

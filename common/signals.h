@@ -4,7 +4,24 @@
 #include <ctime>
 #include <pthread.h>
 
-namespace zu3host {
+namespace common {
+
+/** Blocks every signal of this thread while it lives; what is born meanwhile inherits that. */
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_;
+};
 
 /**
  * While it lives, a write of this thread to what the other end has closed raises no SIGPIPE. For
@@ -42,4 +59,4 @@ private:
     bool was_pending_;
 };
 
-} // namespace zu3host
+} // namespace common

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-namespace zu3host {
+namespace common {
 
 /**
  * Writes lines to a descriptor from a thread of its own, so that one who has stopped reading, or a
@@ -73,4 +73,4 @@ private:
     std::atomic<pid_t> process_{0};
 };
 
-} // namespace zu3host
+} // namespace common

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string_view>
 
-namespace zu3host {
+namespace common {
 
 /**
  * Characters that a terminal obeys instead of showing them, or that change the order of those
@@ -68,4 +68,4 @@ void put_printable(std::string_view text, Put put, std::string_view own = {})
     }
 }
 
-} // namespace zu3host
+} // namespace common

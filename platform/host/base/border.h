@@ -1,11 +1,14 @@
 #pragma once
 
-#include "common/handle_table.h"
-#include "log/host_log.h"
+#include "base/host_log.h"
 #include "zu3/types.h"
 
 #include <atomic>
+#include <cstdint>
 #include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -16,6 +19,49 @@
 #define HOST_EXPORT __attribute__((visibility("default")))
 
 namespace zu3host {
+
+/**
+ * The objects of one module by their u32 handle. A call that found its object keeps it alive, so
+ * that a close on another thread cannot pull it away. Thread-safe.
+ */
+template <typename T> class HandleTable {
+public:
+    /**
+     * Handles count up from `first`, so that those of different modules are told apart in a log.
+     */
+    explicit HandleTable(uint32_t first) : next_(first) {}
+
+    uint32_t add(std::shared_ptr<T> object)
+    {
+        const std::lock_guard lock(mutex_);
+        const uint32_t handle = next_++;
+        objects_.emplace(handle, std::move(object));
+        return handle;
+    }
+    /** The object, or null for a handle that is not open. */
+    std::shared_ptr<T> find(uint32_t handle) const
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = objects_.find(handle);
+        return found == objects_.end() ? nullptr : found->second;
+    }
+    /** Takes the object out; null for a handle that is not open. */
+    std::shared_ptr<T> remove(uint32_t handle)
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = objects_.find(handle);
+        if (found == objects_.end())
+            return nullptr;
+        std::shared_ptr<T> object = std::move(found->second);
+        objects_.erase(found);
+        return object;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    uint32_t next_;
+    std::map<uint32_t, std::shared_ptr<T>> objects_;
+};
 
 /**
  * Writes an output argument in one piece: a caller may lend a field that its callbacks look at

@@ -1,7 +1,6 @@
 #include "common/line_writer.h"
 
-#include "common/broken_pipe_guard.h"
-#include "common/signals_blocked.h"
+#include "common/signals.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
-namespace zu3host {
+namespace common {
 
 namespace {
 
@@ -164,4 +163,4 @@ void LineWriter::run()
     }
 }
 
-} // namespace zu3host
+} // namespace common
