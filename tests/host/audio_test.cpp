@@ -1,6 +1,5 @@
 // Audio capture without a server: exact samples and levels, and sound in its place in time.
 #include "audio/capture_session.h"
-#include "audio/session_reader.h"
 #include "audio/sound_placement.h"
 #include "helpers.h"
 #include "statistics/counters.h"

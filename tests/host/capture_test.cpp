@@ -2,11 +2,10 @@
 // stops.
 #include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
+#include "capture/image_placement.h"
 #include "capture/patient_source.h"
-#include "capture/picture_leases.h"
-#include "capture/picture_time.h"
-#include "capture/placement.h"
 #include "helpers.h"
+#include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 #include "zu3/cap.h"
 #include "zu3/disp.h"
@@ -219,7 +218,7 @@ TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
     ASSERT_EQ(start(640, 480, 60), ZU_OK);
     uint64_t due = 0, late = 0, captured = 0;
     look([&](const Frame&) {
-        due = due_time_of_picture_in_callback().value();
+        due = captured_picture_in_callback()->time_us;
         late = counters().pictures_dropped_late;
         captured = counters().pictures_captured;
         // what the library does to it when the encoder is busy
@@ -229,13 +228,13 @@ TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
         late = counters().pictures_dropped_late - late;
         captured = counters().pictures_captured - captured;
         EXPECT_GE(late, 7u);
-        const uint64_t now_due = due_time_of_picture_in_callback().value();
+        const uint64_t now_due = captured_picture_in_callback()->time_us;
         EXPECT_NEAR(static_cast<double>(now_due - due),
                     static_cast<double>(late + captured) * 1e6 / 60, 1.0);
         EXPECT_LE(now_due,
                   static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / 1us));
     });
-    EXPECT_FALSE(due_time_of_picture_in_callback()) << "on another thread";
+    EXPECT_FALSE(captured_picture_in_callback()) << "on another thread";
     EXPECT_EQ(ZU_CAP_Close(handle), ZU_OK);
     zu3_host_statistics_t told{}, begun{};
     EXPECT_EQ(zu3_host_statistics(&told, sizeof told + 100), sizeof told);

@@ -1,12 +1,9 @@
 #pragma once
 
 #include "base/picture_layout.h"
-#include "capture/picture_leases.h"
-#include "capture/picture_time_scope.h"
 #include "encoder/input_memory.h"
-#include "encoder/open_encoders.h"
-#include "encoder/rate_ceiling.h"
 #include "helpers.h"
+#include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 #include "zu3/venc.h"
 
@@ -40,7 +37,7 @@ public:
             const std::lock_guard lock(self.mutex_);
             self.frames.push_back({Bytes(frame->pu8Data, frame->pu8Data + frame->u32DataSize),
                                    frame->u8FrameType == 0xFF, frame->u64Pts, frame->u32InBufIndex,
-                                   time_of_frame_in_callback()});
+                                   encoded_picture_in_callback()->time_us});
         }
         self.held_ = self.blocked_.load();
         self.blocked_.wait(true);

@@ -244,9 +244,9 @@ TEST(EncoderStop, LetsWhatItTookBeEncodedFirst)
 
 constexpr PictureLayout layout = PictureLayout::of(64, 64);
 
-CapturedPicture picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t index)
+PictureInFlight picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t index)
 {
-    return {pool->picture(index), pool->layout(), pool};
+    return {.data = pool->picture(index), .layout = pool->layout(), .memory = pool};
 }
 
 // Catches a picture that is captured into while the encoder reads it, memory that goes under it,
@@ -259,7 +259,7 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
     std::set<uint8_t*> lent;
     while (buffers.any_to_lend()) {
         const uint32_t index = pool->take().value();
-        const CapturedPicture picture = picture_of(pool, index);
+        const PictureInFlight picture = picture_of(pool, index);
         ASSERT_EQ(buffers.lend(&picture), picture.data);
         EXPECT_TRUE(buffers.is_lent(picture.data));
         buffers.complete();
@@ -282,9 +282,9 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
 TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
 {
     const auto pool = PicturePool::own(layout, 0);
-    const CapturedPicture first = picture_of(pool, *pool->take());
-    const CapturedPicture second = picture_of(pool, *pool->take());
-    CapturedPicture other = second;
+    const PictureInFlight first = picture_of(pool, *pool->take());
+    const PictureInFlight second = picture_of(pool, *pool->take());
+    PictureInFlight other = second;
     other.layout.lines *= 2;
     LentBuffers buffers(layout);
     ASSERT_EQ(buffers.lend(&first), first.data);
@@ -312,12 +312,12 @@ TEST(EncoderLending, LendsMemoryWithNothingInIt)
 TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
 {
     const auto pool = PicturePool::own(layout, 0);
-    CapturedPicture picture = picture_of(pool, *pool->take());
+    PictureInFlight picture = picture_of(pool, *pool->take());
     TestEncoder encoder(params_of(64, 64));
     encoder.start();
     for (const uint64_t serial : {1, 1, 2, 0, 0}) {
         picture.serial = serial;
-        const CapturedPictureInCallback in_callback(picture);
+        const PictureInCallback in_callback(picture);
         // draws another picture every time
         encoder.encode(1);
     }

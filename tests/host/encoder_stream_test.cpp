@@ -25,9 +25,10 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
     std::vector<uint32_t> keys;
     encoder.start();
     for (uint32_t number = 1; number <= 66; ++number) {
-        std::optional<DueTimeInCallback> captured;
+        const PictureInFlight picture{.time_us = number * 900u};
+        std::optional<PictureInCallback> captured;
         if (number >= 3)
-            captured.emplace(std::chrono::steady_clock::time_point(number * 900us + 1ns));
+            captured.emplace(picture);
         ASSERT_EQ(encoder.feed(number, number == 4), ZU_OK);
         ASSERT_TRUE(encoder.receiver.wait_for_frames(number));
         const Frame& frame = encoder.receiver.frames.back();
@@ -45,7 +46,7 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
     // the first, the one asked for, and one within two seconds of that
     ASSERT_EQ(keys.size(), 3u);
     EXPECT_EQ(keys[0] * 10 + keys[1], 14u);
-    EXPECT_FALSE(time_of_frame_in_callback());
+    EXPECT_FALSE(encoded_picture_in_callback());
 }
 
 // Catches a warning of x264's, or no key frame, when one is asked for just where it is due by
@@ -110,11 +111,12 @@ TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
     };
     encoder.start();
     EXPECT_GT(encoder.encode(2 * second), 90'000);
-    set_rate_ceiling(50'000);
+    RateBudget budget;
+    budget.set(50'000);
     // settles
     encoder.encode(2 * second);
     EXPECT_LT(encoder.encode(2 * second), 60'000);
-    set_rate_ceiling(0);
+    budget.set(0);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 0), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE + 1, 500), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(set(ZU_VENC_ATTR_BITRATE, 500), ZU_OK);

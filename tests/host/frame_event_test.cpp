@@ -1,4 +1,4 @@
-#include "statistics/frame_event.h"
+#include "encoder/encoder.h"
 #include "zu3_host/frame_event.h"
 
 #include <fcntl.h>

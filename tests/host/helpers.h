@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/host_log.h"
+#include "log/log.h"
 #include "memory/device_memory.h"
 
 #include <chrono>

@@ -1,5 +1,5 @@
 #include "helpers.h"
-#include "log/log_filter.h"
+#include "log/log.h"
 #include <common/descriptor.h>
 
 #include <android/log.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "encoder/open_encoder_scopes.h"
 #include "helpers.h"
+#include "picture/picture_in_flight.h"
 #include "transport_stream/checker.h"
 #include "zu3/tsmux.h"
 
@@ -83,7 +83,8 @@ public:
      */
     unsigned push_captured(const Bytes& unit, uint64_t us, u32 piece = 0x10000)
     {
-        const FrameTimeInCallback time(us);
+        const PictureInFlight encoded{.stage = PictureInFlight::Stage::encoded, .time_us = us};
+        const PictureInCallback in_callback(encoded);
         for (unsigned busy = 0;; ++busy) {
             const u32 result = push(unit, no_pts);
             if (result != ZU_BUSY || copy(piece) == 0) {

@@ -1,6 +1,6 @@
 // The multiplexer through its contract. A packet checker of its own judges what comes out.
-#include "encoder/rate_ceiling.h"
 #include "multiplexer_fixture.h"
+#include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 
 using namespace zu3host;
@@ -103,7 +103,8 @@ TEST(Multiplexer, IsFullFromABusyPushToItsClose)
         EXPECT_EQ(lost_for_room(), 0u);
         u32 result = ZU_OK;
         for (uint64_t us = 1'000'000; result == ZU_OK; us += 40'000) {
-            const FrameTimeInCallback time(us);
+            const PictureInFlight encoded{.stage = PictureInFlight::Stage::encoded, .time_us = us};
+            const PictureInCallback in_callback(encoded);
             result = recording.push(units.make_any(false, 12000), no_pts);
         }
         EXPECT_EQ(result, ZU_BUSY);

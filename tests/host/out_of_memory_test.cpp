@@ -1,8 +1,8 @@
 // Calls that need memory, with every allocation failing in turn, and the host layer's threads with
 // none to be had.
-#include "capture/picture_leases.h"
 #include "encoder_fixture.h"
 #include "multiplexer_fixture.h"
+#include "picture/picture_in_flight.h"
 #include "srglworker/SrGlWorker.h"
 
 #include <zu3/acap.h>

@@ -1,9 +1,95 @@
+#include "audio/capture_session.h"
+#include "audio/pcm_reader.h"
+
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace zu3host {
+
+/** One open audio capture handle. Thread-safe. */
+class AudioDevice {
+public:
+    /** Listens from now on; again without effect. Throws as CaptureUse does. */
+    void start();
+    /** Ends listening and drops what was not read. */
+    void stop();
+    /** Bytes waiting to be read; 0 while not started. */
+    size_t level();
+    /** Moves whole frames out, at most `size` bytes. */
+    size_t read(void* dst, size_t size);
+    /** @param percent 0 to 100; what is read from now on is scaled by it */
+    void set_volume(uint32_t percent);
+
+private:
+    std::mutex mutex_;
+    std::unique_ptr<CaptureUse> use_;
+    std::unique_ptr<PcmReader> reader_;
+    uint32_t volume_ = 100;
+};
+
+namespace {
+
+/** `bytes` of samples at an address of any alignment. */
+void scale(void* samples, size_t bytes, uint32_t percent)
+{
+    auto* at = static_cast<uint8_t*>(samples);
+    for (size_t done = 0; done < bytes; done += sizeof(int16_t)) {
+        int16_t sample;
+        std::memcpy(&sample, at + done, sizeof sample);
+        sample = static_cast<int16_t>(sample * static_cast<int32_t>(percent) / 100);
+        std::memcpy(at + done, &sample, sizeof sample);
+    }
+}
+
+} // namespace
+
+void AudioDevice::start()
+{
+    const std::lock_guard lock(mutex_);
+    if (use_)
+        return;
+    auto use = std::make_unique<CaptureUse>();
+    reader_ = make_pcm_reader();
+    use_ = std::move(use);
+}
+
+void AudioDevice::stop()
+{
+    const std::lock_guard lock(mutex_);
+    reader_.reset();
+    use_.reset();
+}
+
+size_t AudioDevice::level()
+{
+    const std::lock_guard lock(mutex_);
+    return reader_ ? reader_->level() : 0;
+}
+
+size_t AudioDevice::read(void* dst, size_t size)
+{
+    const std::lock_guard lock(mutex_);
+    const size_t bytes = reader_ ? reader_->read(dst, size) : 0;
+    if (volume_ != 100)
+        scale(dst, bytes, volume_);
+    return bytes;
+}
+
+void AudioDevice::set_volume(uint32_t percent)
+{
+    const std::lock_guard lock(mutex_);
+    volume_ = percent;
+}
+
+} // namespace zu3host
+
 // The audio capture's contract functions: handles to objects, arguments checked.
-#include "zu3/acap.h"
-#include "audio/audio_device.h"
 #include "base/border.h"
+#include "zu3/acap.h"
 
 #include <atomic>
+#include <common/never_destroyed.h>
 
 using namespace zu3host;
 
@@ -11,12 +97,10 @@ namespace {
 
 constexpr uint32_t first_handle = 0x500;
 
-// Never destroyed: a capture that is still open when the process ends may be in use on another
-// thread.
 HandleTable<AudioDevice>& devices()
 {
-    static auto& table = *new HandleTable<AudioDevice>(first_handle);
-    return table;
+    static common::NeverDestroyed<HandleTable<AudioDevice>> table(first_handle);
+    return *table;
 }
 
 std::atomic<bool> initialised{false};

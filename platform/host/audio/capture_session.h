@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/pcm_reader.h"
 #include "audio/sound_source.h"
 
 #include <cstdint>
@@ -48,6 +49,39 @@ private:
     bool finished_ = false;
     // the pointer under the timeline's lock
     std::unique_ptr<SoundSource> source_;
+};
+
+/** Reads session after session: what is left of a finished one, then the next from its start on. */
+class SessionReader final : public PcmReader {
+public:
+    using Current = std::shared_ptr<CaptureSession> (*)();
+
+    /** @param current tells the session that runs, null when none does */
+    explicit SessionReader(Current current);
+
+    size_t level() override;
+    size_t read(void* dst, size_t size) override;
+    int64_t time_of_next_us() override;
+
+private:
+    int64_t waiting();
+    void lose(int64_t frames);
+
+    const Current current_;
+    std::shared_ptr<CaptureSession> session_;
+    int64_t position_ = 0;
+};
+
+/**
+ * A started audio capture: while at least one lives, the process listens. Throws std::bad_alloc or
+ * std::system_error when it cannot.
+ */
+class CaptureUse {
+public:
+    CaptureUse();
+    CaptureUse(const CaptureUse&) = delete;
+    CaptureUse& operator=(const CaptureUse&) = delete;
+    ~CaptureUse();
 };
 
 } // namespace zu3host

@@ -1,6 +1,6 @@
 #include "audio/pulse_connection.h"
 
-#include "audio/monotonic_time.h"
+#include <common/clock.h>
 #include "audio/pcm_reader.h"
 #include "audio/pulse_memory.h"
 #include "base/border.h"
@@ -141,7 +141,7 @@ std::optional<int64_t> PulseConnection::time_of_next_us() const
         bytes < -greatest_backlog_bytes)
         return std::nullopt;
     const int64_t frames = bytes / int64_t{pcm_frame_bytes};
-    return monotonic_us() - static_cast<int64_t>(age) - static_cast<int64_t>(timing->source_usec) +
+    return common::monotonic_us() - static_cast<int64_t>(age) - static_cast<int64_t>(timing->source_usec) +
            static_cast<int64_t>(timing->sink_usec) + frames * 1000 / (pcm_rate / 1000);
 }
 

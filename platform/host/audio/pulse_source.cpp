@@ -1,6 +1,6 @@
 #include "audio/pulse_source.h"
 
-#include "audio/monotonic_time.h"
+#include <common/clock.h>
 #include "audio/pulse_connection.h"
 #include "audio/sound_placement.h"
 #include "base/border.h"
@@ -130,9 +130,9 @@ bool PulseSource::listen()
 /** Waits; false when the main loop is broken. */
 bool PulseSource::pass(int64_t us)
 {
-    const int64_t until = monotonic_us() + us;
+    const int64_t until = common::monotonic_us() + us;
     bool usable = true;
-    for (int64_t left = us; usable && left > 0 && !stopping(); left = until - monotonic_us())
+    for (int64_t left = us; usable && left > 0 && !stopping(); left = until - common::monotonic_us())
         usable = iterate(static_cast<int>(left));
     return usable;
 }
@@ -146,7 +146,7 @@ bool PulseSource::iterate(int timeout_us)
     // wakes the poll. What is prepared then stays so, since nothing iterates any more.
     if (stopping())
         return true;
-    const int64_t begin_us = monotonic_us();
+    const int64_t begin_us = common::monotonic_us();
     const int events = pa_mainloop_poll(loop_.get());
     note_look(begin_us, events);
     return events >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
@@ -159,7 +159,7 @@ bool PulseSource::iterate(int timeout_us)
 void PulseSource::note_look(int64_t begin_us, int events)
 {
     constexpr int64_t at_once_us = 1000;
-    const int64_t end_us = monotonic_us();
+    const int64_t end_us = common::monotonic_us();
     const std::lock_guard lock(shared_.mutex);
     if (events == 0)
         nothing_came_until_us_ = end_us;

@@ -2,8 +2,6 @@
 
 #include <android/log.h>
 
-#include <chrono>
-
 /**
  * The host layer's own log lines, under the tag "zu3": sentences that say what happened and what to
  * do.
@@ -12,10 +10,3 @@
 #define HOST_LOGW(...) __android_log_print(ANDROID_LOG_WARN, "zu3", __VA_ARGS__)
 #define HOST_LOGI(...) __android_log_print(ANDROID_LOG_INFO, "zu3", __VA_ARGS__)
 #define HOST_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, "zu3", __VA_ARGS__)
-
-namespace zu3host {
-
-/** Waits until the lines so far are written, and no longer than `patience`. */
-void flush_log(std::chrono::milliseconds patience);
-
-} // namespace zu3host

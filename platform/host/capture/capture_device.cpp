@@ -1,14 +1,16 @@
 #include "capture/capture_device.h"
 
+#include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
+#include "capture/image_placement.h"
 #include "capture/still_picture.h"
-#include "display/displays.h"
-#include "memory/device_memory.h"
-#include "memory/memory_register.h"
-#include <common/signals.h>
+#include "picture/picture_in_flight.h"
+#include "statistics/counters.h"
 
 #include <algorithm>
+#include <common/clock.h>
+#include <common/signals.h>
 
 namespace zu3host {
 
@@ -176,23 +178,8 @@ uint32_t CaptureDevice::close()
 uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP_FrameInfo_t& frame)
 {
     const ZU_CAP_Output_t& output = params.stOutput;
-    const auto block = block_of_phys(output.u64PhyAddr);
-    // a display may let the picture wait
-    const auto memory = block ? hold_memory(block->virt) : nullptr;
-    if (!memory) {
-        HOST_LOGE(
-            "A single capture is to write to physical address 0x%llx, which is not in the device's memory.",
-            static_cast<unsigned long long>(output.u64PhyAddr));
-        return ZU_INVALID_ARGUMENT;
-    }
-    const uint64_t offset = output.u64PhyAddr - block->phys;
-    const size_t capacity = std::min<uint64_t>(output.u32OutSize, block->size - offset);
-    StillTarget target{block->virt + offset,
-                       capacity,
-                       output.eOutFormat,
-                       {output.u32OutWidth, output.u32OutHeight},
-                       output.u32Pitch};
-    if (!check_still(target))
+    const auto target = still_target(output);
+    if (!target)
         return ZU_INVALID_ARGUMENT;
     const common::BrokenPipeGuard guard;
     {
@@ -201,14 +188,14 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
         // be asked for.
         const auto image =
             source_ ? source_->grab(
-                          {target.size, stills_++, params.u32Osd != 0, {}, patience_of_stills})
+                          {target->size, stills_++, params.u32Osd != 0, {}, patience_of_stills})
                     : std::nullopt;
         if (!image)
             return ZU_FAILURE;
-        write_still(*image, target);
+        write_still(*image, *target);
     }
-    const bool planar = target.format == E_ZU_CAP_FORMAT_NV12;
-    const uint64_t luma_bytes = uint64_t{target.size.width} * target.size.height;
+    const bool planar = target->format == E_ZU_CAP_FORMAT_NV12;
+    const uint64_t luma_bytes = uint64_t{target->size.width} * target->size.height;
     frame = {.u32BufIndex = still_index,
              .u32Reserved0 = 0,
              .phyYAddr = output.u64PhyAddr,
@@ -232,6 +219,149 @@ uint32_t CaptureDevice::give_back(uint32_t index)
         if (pool->give_back(index))
             return ZU_OK;
     return ZU_FAILURE;
+}
+
+namespace {
+
+constexpr uint32_t picture_event = 1;
+// What a display that does not answer leaves out is counted once in so long.
+constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
+
+void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count(outcome, by);
+}
+
+void count_dropped(std::atomic<uint64_t>& reason, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count_lost_picture(reason, by);
+}
+
+} // namespace
+
+void CaptureDevice::run_thread()
+{
+    while (const std::shared_ptr<CaptureRun> run = next_run())
+        stream(*run);
+}
+
+std::shared_ptr<CaptureRun> CaptureDevice::next_run()
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closing_ || run_; });
+    return closing_ ? nullptr : run_;
+}
+
+void CaptureDevice::stream(CaptureRun& run)
+{
+    CaptureSchedule schedule(std::chrono::steady_clock::now(), run.rate);
+    bool blind = false;
+    while (wait_until_due(run, schedule.due())) {
+        Counters& all = counters();
+        if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
+            count_dropped(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late,
+                          late);
+        blind = !capture_picture(run, schedule);
+        schedule.advance();
+    }
+}
+
+bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time due)
+{
+    std::unique_lock lock(mutex_);
+    return !changed_.wait_until(lock, due, [&run] { return run.stop.stop_requested(); });
+}
+
+bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
+{
+    const auto index = at_border("Capturing a picture", std::optional<uint32_t>(),
+                                 [&] { return run.pool->take(); });
+    if (!index) {
+        count_dropped(counters().pictures_dropped_no_buffer);
+        return true;
+    }
+    const Written written = at_border("Capturing a picture", Written::NoMemory, [&] {
+        return write_picture(run, schedule.number(), *index);
+    });
+    if (written == Written::Done) {
+        deliver(run, *index, schedule.due());
+        return true;
+    }
+    run.pool->give_back(*index);
+    if (written == Written::NoDisplay)
+        count_due(counters().pictures_dropped_no_display);
+    else if (written == Written::NoMemory)
+        count_due(counters().pictures_dropped_no_buffer);
+    return written == Written::NoMemory;
+}
+
+CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number,
+                                                    uint32_t index)
+{
+    const std::lock_guard lock(source_mutex_);
+    const std::stop_token stop = run.stop.get_token();
+    if (stop.stop_requested())
+        return Written::Stopped;
+    auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop,
+                                          patience_of_pictures})
+                         : std::nullopt;
+    if (!image)
+        return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
+
+    image->size = without_odd_edge(image->size, run.visible);
+    PicturePool& pool = *run.pool;
+    PicturePool::Contents& contents = pool.contents(index);
+    uint8_t* picture = pool.picture(index);
+    const Placement placement = place_display(image->size, run.out, run.visible);
+    // A slot of the capture's own still holds what it was given.
+    if (!pool.is_shared() && contents.serial == image->serial && contents.bordered_for == placement)
+        return Written::Done;
+    // Where a renderer draws into the pictures, it may have drawn into a border that is seen.
+    const bool border_seen = placement.image != run.visible;
+    if (contents.bordered_for != placement || (border_seen && pool.is_shared()))
+        blacken_border(placement, picture, pool.layout());
+    contents = {placement, image->serial};
+    write_nv12(scaler_.scaled(*image, placement.image), placement, picture, pool.layout());
+    return Written::Done;
+}
+
+void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due)
+{
+    Listener listener;
+    uint32_t handle = 0;
+    {
+        // What stops or unregisters takes the same lock: no callback begins after either.
+        const std::lock_guard lock(mutex_);
+        if (!run.stop.stop_requested())
+            listener = listener_;
+        handle = handle_;
+    }
+    if (!listener.call) {
+        run.pool->give_back(index);
+        return;
+    }
+    count_due(counters().pictures_captured);
+    const uint64_t phys = run.pool->phys(index);
+    ZU_CAP_FrameInfo_t frame{.u32BufIndex = index,
+                             .u32Reserved0 = 0,
+                             .phyYAddr = phys,
+                             .phyCAddr = phys + run.pool->layout().luma_bytes(),
+                             .u64Reserved1 = 0};
+    PictureInFlight picture{.stage = PictureInFlight::Stage::captured,
+                            .time_us = static_cast<uint64_t>(common::microseconds_of(due))};
+    // A picture in the encoder's own inject buffer is read there.
+    if (!run.pool->is_shared()) {
+        picture.data = run.pool->picture(index);
+        picture.layout = run.pool->layout();
+        picture.memory = run.pool;
+        picture.serial = run.pool->contents(index).serial;
+    }
+    const PictureInCallback in_callback(picture);
+    at_border("The callback with a picture", [&] {
+        return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
+    });
 }
 
 } // namespace zu3host

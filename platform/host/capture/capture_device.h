@@ -1,8 +1,9 @@
 #pragma once
 
-#include "capture/bgra_scaler.h"
-#include "capture/capture_run.h"
+#include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
+#include "capture/image_placement.h"
+#include "capture/picture_pool.h"
 #include "capture/picture_source.h"
 #include "zu3/cap.h"
 
@@ -10,10 +11,29 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <thread>
 #include <vector>
 
 namespace zu3host {
+
+/**
+ * The one display of this platform, "ZU_DISP_HD0": the X11 screen or what ZU3_DISPLAY puts in its
+ * place.
+ */
+inline constexpr uint32_t main_display = 0xD1500000;
+
+/** What one start of a capture asked for. */
+struct CaptureRun {
+    std::shared_ptr<PicturePool> pool;
+    /** of the pictures, rounded */
+    PictureSize out;
+    /** what of them is seen */
+    PictureSize visible;
+    /** pictures per second */
+    uint32_t rate;
+    std::stop_source stop;
+};
 
 /**
  * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in

@@ -1,9 +1,9 @@
 #include "capture/picture_pool.h"
 
 #include "base/host_log.h"
-#include "capture/picture_leases.h"
 #include "memory/device_memory.h"
 #include "memory/memory_register.h"
+#include "picture/picture_in_flight.h"
 
 #include <algorithm>
 
@@ -17,7 +17,7 @@ constexpr uint32_t own_slots = 9;
 
 constexpr size_t aligned(size_t bytes)
 {
-    return (bytes + picture_alignment - 1) / picture_alignment * picture_alignment;
+    return common::round_up(bytes, size_t{picture_alignment});
 }
 
 /**
@@ -26,7 +26,7 @@ constexpr size_t aligned(size_t bytes)
  */
 size_t own_slot_bytes(PictureLayout layout)
 {
-    const size_t chroma_lines = ((size_t{layout.lines} + 63) & ~size_t{63}) / 2;
+    const size_t chroma_lines = common::round_up(size_t{layout.lines}, size_t{64}) / 2;
     return aligned(layout.luma_bytes() + chroma_lines * layout.stride);
 }
 

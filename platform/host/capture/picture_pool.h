@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/picture_layout.h"
-#include "capture/placement.h"
+#include "capture/image_placement.h"
 
 #include <cstdint>
 #include <memory>

@@ -2,7 +2,6 @@
 
 #include "base/host_log.h"
 #include "capture/patient_source.h"
-#include "capture/test_card.h"
 #include "capture/x11_source.h"
 
 #include <atomic>
@@ -35,7 +34,7 @@ std::unique_ptr<PictureSource> open_picture_source()
     const char* choice = secure_getenv("ZU3_DISPLAY");
     const std::string_view name = choice ? choice : "";
     if (name == "testcard")
-        return std::make_unique<TestCard>();
+        return open_test_card();
     if (name == "x11" || name.empty())
         // no test card in place of a screen that is missing: it would pass for one
         return open_x11();

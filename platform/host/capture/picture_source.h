@@ -1,6 +1,6 @@
 #pragma once
 
-#include "encoder/open_encoders.h"
+#include "base/picture_layout.h"
 
 #include <chrono>
 #include <cstdint>
@@ -46,6 +46,9 @@ public:
      */
     virtual std::optional<BgraImage> grab(const GrabRequest& request) = 0;
 };
+
+/** A moving picture that needs no display, in any size; test_card.cpp says what it shows. */
+std::unique_ptr<PictureSource> open_test_card();
 
 /** The next serial of an image. */
 uint64_t next_image_serial();

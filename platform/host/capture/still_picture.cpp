@@ -2,13 +2,14 @@
 
 #include "base/host_log.h"
 #include "base/picture_layout.h"
-#include "capture/bgra_scaler.h"
-#include "capture/placement.h"
-#include "zu3/cap.h"
+#include "capture/image_placement.h"
+#include "memory/device_memory.h"
+#include "memory/memory_register.h"
 
 #include <algorithm>
 #include <cstring>
 #include <libyuv/convert_from_argb.h>
+#include <utility>
 #include <vector>
 
 namespace zu3host {
@@ -92,8 +93,7 @@ void write_still_nv12(const BgraImage& image, const StillTarget& target)
                     std::min(width, target.capacity - offset));
 }
 
-} // namespace
-
+/** A pitch of 0 becomes the format's own; false, with a log line, if it cannot be written. */
 bool check_still(StillTarget& target)
 {
     const uint32_t pixel_bytes = packed_bytes(target.format);
@@ -117,6 +117,26 @@ bool check_still(StillTarget& target)
         size.width, size.height, target.pitch, line_bytes, static_cast<unsigned long long>(needed),
         target.capacity);
     return false;
+}
+
+} // namespace
+
+std::optional<StillTarget> still_target(const ZU_CAP_Output_t& output)
+{
+    const auto block = block_of_phys(output.u64PhyAddr);
+    auto memory = block ? hold_memory(block->virt) : nullptr;
+    if (!memory) {
+        HOST_LOGE(
+            "A single capture is to write to physical address 0x%llx, which is not in the device's memory.",
+            static_cast<unsigned long long>(output.u64PhyAddr));
+        return std::nullopt;
+    }
+    const uint64_t offset = output.u64PhyAddr - block->phys;
+    StillTarget target{
+        block->virt + offset, std::min<uint64_t>(output.u32OutSize, block->size - offset),
+        output.eOutFormat,    {output.u32OutWidth, output.u32OutHeight},
+        output.u32Pitch,      std::move(memory)};
+    return check_still(target) ? std::optional(std::move(target)) : std::nullopt;
 }
 
 void write_still(const BgraImage& image, const StillTarget& target)

@@ -4,6 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
+#include <zu3/cap.h>
 
 namespace zu3host {
 
@@ -18,14 +21,16 @@ struct StillTarget {
     PictureSize size;
     /** bytes per line of the one-plane formats; NV12 lines have `width` bytes */
     uint32_t pitch;
+    /** keeps `memory`: a display may let the picture wait */
+    std::shared_ptr<const void> held;
 };
 
 /**
- * Checks a target before anything is captured; a pitch of 0 becomes the format's own. False, with a
- * log line, for an unknown format, sizes out of range, and memory too small for `height` lines of
- * the pitch.
+ * The target that a single capture names, checked before anything is captured; a pitch of 0 becomes
+ * the format's own. Nullopt, with a log line, for an address outside of the device's memory, an
+ * unknown format, sizes out of range, and memory too small for `height` lines of the pitch.
  */
-bool check_still(StillTarget& target);
+std::optional<StillTarget> still_target(const ZU_CAP_Output_t& output);
 
 /**
  * Scales an image into the target, letterboxed where the shape differs. NV12 is `width` x `height`

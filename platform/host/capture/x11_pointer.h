@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/picture_layout.h"
 #include "capture/x11_connection.h"
-#include "encoder/open_encoders.h"
 
 #include <cstdint>
 #include <xcb/xfixes.h>

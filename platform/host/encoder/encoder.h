@@ -2,8 +2,8 @@
 
 #include "encoder/encoder_settings.h"
 #include "encoder/input_memory.h"
-#include "encoder/open_encoder_scopes.h"
 #include "encoder/x264_encoder.h"
+#include "picture/picture_in_flight.h"
 #include "zu3/venc.h"
 
 #include <array>
@@ -69,7 +69,7 @@ private:
         uint8_t* data;
         // of the frame's record
         uint64_t pts;
-        // what time_of_frame_in_callback() gives
+        // PictureInFlight::time_us of its frame
         uint64_t time;
         uint32_t index;
         bool as_key;
@@ -155,12 +155,18 @@ private:
     InjectRegion region_;
     Queue queue_;
 
-    std::optional<OpenSize> size_while_open_;
+    std::optional<OpenEncoderSize> size_while_open_;
     // set before any other thread knows the encoder
     std::thread::id thread_id_;
     // held by the one who joins
     std::mutex close_mutex_;
     std::thread thread_;
 };
+
+/**
+ * Makes zu3_host_frame_event() readable: the encoder's callback has accepted a frame. Does nothing
+ * before the first call of zu3_host_frame_event(). From any thread.
+ */
+void signal_frame();
 
 } // namespace zu3host

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "base/picture_layout.h"
-#include "encoder/open_encoders.h"
 #include "zu3/venc.h"
 
 #include <cstdint>
@@ -9,10 +8,7 @@
 
 namespace zu3host {
 
-/** The sizes and rates of an encoder; UHD counts in full, also with its lines rounded up to 32. */
-inline constexpr uint32_t min_encoder_size = 64;
-inline constexpr uint32_t max_encoder_width = 3840;
-inline constexpr uint32_t max_encoder_height = 2176;
+/** Pictures per second. */
 inline constexpr uint32_t max_encoder_frame_rate = 120;
 
 /** How many bits the stream may have. */

@@ -1,8 +1,8 @@
 #include "encoder/input_memory.h"
 
 #include "base/host_log.h"
-#include "capture/picture_leases.h"
 #include "memory/memory_register.h"
+#include "picture/picture_in_flight.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,11 +11,6 @@
 
 namespace zu3host {
 namespace {
-
-constexpr size_t rounded_up(size_t bytes)
-{
-    return (bytes + picture_alignment - 1) & ~(size_t{picture_alignment} - 1);
-}
 
 /** Memory that a reader may fill longer than its owner waits; null without. */
 std::shared_ptr<uint8_t> allocate_registered(size_t bytes)
@@ -44,9 +39,9 @@ bool LentBuffers::any_to_lend() const
     return lent_ || std::ranges::count(buffers_, nullptr, &Buffer::data) > 0;
 }
 
-uint8_t* LentBuffers::lend(const CapturedPicture* captured)
+uint8_t* LentBuffers::lend(const PictureInFlight* captured)
 {
-    const bool usable = captured && captured->layout == layout_;
+    const bool usable = captured && captured->data && captured->layout == layout_;
     if (!lent_) {
         const auto found = std::ranges::find(buffers_, nullptr, &Buffer::data);
         lent_ = found == buffers_.end() ? nullptr : &*found;
@@ -77,7 +72,7 @@ uint8_t* LentBuffers::own_memory(Buffer& buffer)
 {
     if (buffer.own)
         return buffer.own.get();
-    const size_t bytes = rounded_up(layout_.picture_bytes());
+    const size_t bytes = common::round_up(layout_.picture_bytes(), size_t{picture_alignment});
     buffer.own = allocate_registered(bytes);
     // A file may end within a picture. What was in this memory before is not to be seen behind its
     // end.
@@ -111,8 +106,10 @@ InjectRegion::~InjectRegion()
 bool InjectRegion::allocate(size_t picture_bytes)
 {
     if (!block_)
-        block_ = allocate_block("venc_inject",
-                                static_cast<uint32_t>(rounded_up(picture_bytes) * pictures));
+        block_ = allocate_block(
+            "venc_inject",
+            static_cast<uint32_t>(common::round_up(picture_bytes, size_t{picture_alignment}) *
+                                  pictures));
     if (!block_)
         HOST_LOGE("No memory for the encoder's inject buffer of %u pictures of %zu bytes", pictures,
                   picture_bytes);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "capture/captured_picture.h"
 #include "memory/device_memory.h"
+#include "picture/picture_in_flight.h"
 #include "zu3/types.h"
 
 #include <array>
@@ -37,7 +37,7 @@ public:
      * The buffer that is lent already, else a free one; null when none is free or memory is short.
      * Of a captured picture, which may be null, the memory is leased and held until release().
      */
-    uint8_t* lend(const CapturedPicture* captured);
+    uint8_t* lend(const PictureInFlight* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
     /**
      * The lent buffer is filled: it is in use until release(). The captured picture's serial, else

@@ -5,6 +5,7 @@
 #include "encoder/encoder.h"
 
 #include <atomic>
+#include <common/never_destroyed.h>
 
 using namespace zu3host;
 
@@ -12,11 +13,10 @@ namespace {
 
 constexpr uint32_t first_handle = 0x300;
 
-// Never destroyed: an encoder that is still open when the process ends is not waited for.
 HandleTable<Encoder>& encoders()
 {
-    static auto& table = *new HandleTable<Encoder>(first_handle);
-    return table;
+    static common::NeverDestroyed<HandleTable<Encoder>> table(first_handle);
+    return *table;
 }
 
 std::atomic<bool> initialised{false};

@@ -2,7 +2,7 @@
 
 #include "base/host_log.h"
 #include "base/threads.h"
-#include "encoder/rate_ceiling.h"
+#include "picture/picture_in_flight.h"
 
 #include <algorithm>
 

@@ -1,5 +1,6 @@
 #include "files/disk_process.h"
 
+#include <common/never_destroyed.h>
 #include <common/signals.h>
 
 #include <algorithm>
@@ -58,9 +59,8 @@ private:
 
 Ending& ending()
 {
-    // without a destructor that does anything: a file may be closed while the process exits
-    static Ending all;
-    return all;
+    static common::NeverDestroyed<Ending> all;
+    return *all;
 }
 
 NOTHING_BUT_ITSELF void keep_only(int one, int other)

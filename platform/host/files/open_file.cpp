@@ -1,9 +1,9 @@
 #include "files/open_file.h"
 
 #include "base/host_log.h"
-#include "files/write_wait.h"
-#include "os/task.h"
+#include "os/task_deletion.h"
 #include "statistics/counters.h"
+#include <common/clock.h>
 #include <common/trusted_path.h>
 
 #include <algorithm>
@@ -120,7 +120,7 @@ std::string name_to_show(const char* name)
  */
 int wait_until_ready(int fd, short event)
 {
-    pollfd waited[] = {{fd, event, 0}, {Task::deletion_on_this_thread(), POLLIN, 0}};
+    pollfd waited[] = {{fd, event, 0}, {deletion_on_this_thread(), POLLIN, 0}};
     if (poll(waited, 2, -1) < 0)
         return errno == EINTR ? 0 : errno;
     return waited[1].revents != 0 ? ECANCELED : 0;
@@ -143,6 +143,30 @@ int given_up_event()
     static const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     return event;
 }
+
+/**
+ * While it lives, the statistics say since when a write waits; of several at a time the first to
+ * begin.
+ */
+class WriteWait {
+public:
+    WriteWait()
+    {
+        int64_t none = 0;
+        first_ = counters().write_waits_since_us.compare_exchange_strong(
+            none, common::monotonic_us(), std::memory_order_relaxed);
+    }
+    ~WriteWait()
+    {
+        if (first_)
+            counters().write_waits_since_us.store(0, std::memory_order_relaxed);
+    }
+    WriteWait(const WriteWait&) = delete;
+    WriteWait& operator=(const WriteWait&) = delete;
+
+private:
+    bool first_;
+};
 
 /**
  * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in
@@ -168,28 +192,6 @@ size_t transfer_all(int fd, short event, size_t size, int& error, Step step)
 }
 
 } // namespace
-
-std::optional<int> open_flags_of_mode(const char* mode)
-{
-    std::string_view text = mode ? mode : "";
-    if (text.empty())
-        return std::nullopt;
-    const char first = text[0];
-    text.remove_prefix(1);
-    if (text.find_first_not_of("b+") != std::string_view::npos || text.size() > 2)
-        return std::nullopt;
-    const bool both = text.find('+') != std::string_view::npos;
-    switch (first) {
-    case 'r':
-        return both ? O_RDWR : O_RDONLY;
-    case 'w':
-        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
-    case 'a':
-        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
-    default:
-        return std::nullopt;
-    }
-}
 
 std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
 {
@@ -322,7 +324,7 @@ int OpenFile::wait_for_disk()
 {
     const WriteWait wait;
     pollfd waited[] = {{disk_->fd(), POLLIN, 0},
-                       {Task::deletion_on_this_thread(), POLLIN, 0},
+                       {deletion_on_this_thread(), POLLIN, 0},
                        {given_up_event(), POLLIN, 0}};
     while (poll(waited, std::size(waited), -1) < 0)
         if (errno != EINTR)

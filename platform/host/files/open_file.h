@@ -14,12 +14,6 @@
 namespace zu3host {
 
 /**
- * How a file is opened, from a stdio mode: the flags of open(2); nothing for a text that is no
- * mode.
- */
-std::optional<int> open_flags_of_mode(const char* mode);
-
-/**
  * From now on no write waits for a disk that stands still: those under way and later ones end at
  * once.
  */

@@ -1,19 +1,113 @@
 #include "memory/device_memory.h"
 
 #include "base/host_log.h"
-#include "memory/low_mapping.h"
 #include "memory/memory_register.h"
-#include <common/descriptor.h>
 
 #include <cerrno>
+#include <common/descriptor.h>
+#include <common/never_destroyed.h>
+#include <common/rounding.h>
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
 #include <map>
 #include <mutex>
 #include <sys/mman.h>
+#include <unistd.h>
+#include <utility>
+
+#ifndef MAP_FIXED_NOREPLACE
+#define MAP_FIXED_NOREPLACE 0x100000
+#endif
 
 namespace zu3host {
+
+/** A shared mapping of a file, wholly below 4 GiB; unmapped with its owner. Move-only. */
+class LowMapping {
+public:
+    LowMapping() = default;
+    LowMapping(LowMapping&& other) noexcept
+        : start_(std::exchange(other.start_, nullptr)), reserved_(std::exchange(other.reserved_, 0))
+    {
+    }
+    LowMapping& operator=(LowMapping&& other) noexcept
+    {
+        std::swap(start_, other.start_);
+        std::swap(reserved_, other.reserved_);
+        return *this;
+    }
+    ~LowMapping();
+
+    /**
+     * Maps the first `size` bytes of `fd`, a multiple of the page size, for reading and writing.
+     * The page behind them cannot be touched. An empty mapping, and errno, when the room below 4
+     * GiB is taken or the kernel refuses.
+     */
+    static LowMapping of(int fd, size_t size);
+
+    explicit operator bool() const { return start_ != nullptr; }
+    uint8_t* start() const { return start_; }
+
+private:
+    LowMapping(uint8_t* start, size_t reserved) : start_(start), reserved_(reserved) {}
+
+    uint8_t* start_ = nullptr;
+    /** bytes, with the page behind */
+    size_t reserved_ = 0;
+};
+
+namespace {
+
+// MAP_32BIT would give a range of one gigabyte on x86-64 and exists nowhere else, so places are
+// tried in turn. The kernel refuses those that are taken: by earlier blocks, a program that is
+// linked low, or a sanitizer's shadow.
+constexpr uint64_t first_place = 0x10000000;
+constexpr uint64_t end_of_places = 0x100000000;
+constexpr uint64_t place_step = 0x100000;
+
+uint8_t* reserve_at(uint64_t place, size_t bytes)
+{
+    void* const wanted = reinterpret_cast<void*>(static_cast<uintptr_t>(place));
+    void* const got =
+        mmap(wanted, bytes, PROT_NONE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+    if (got == wanted)
+        return static_cast<uint8_t*>(got);
+    // A kernel that does not know the flag takes the address for a hint.
+    if (got != MAP_FAILED)
+        munmap(got, bytes);
+    return nullptr;
+}
+
+uint8_t* reserve_below_4gib(size_t bytes)
+{
+    for (uint64_t place = first_place; place + bytes <= end_of_places; place += place_step) {
+        if (uint8_t* const start = reserve_at(place, bytes))
+            return start;
+    }
+    errno = ENOMEM;
+    return nullptr;
+}
+
+} // namespace
+
+LowMapping LowMapping::of(int fd, size_t size)
+{
+    const size_t reserved = size + static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    LowMapping mapping(reserve_below_4gib(reserved), reserved);
+    if (!mapping)
+        return {};
+    if (mmap(mapping.start_, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0) ==
+        MAP_FAILED)
+        return {};
+    return mapping;
+}
+
+LowMapping::~LowMapping()
+{
+    if (start_)
+        munmap(start_, reserved_);
+}
 
 namespace {
 
@@ -22,7 +116,7 @@ constexpr uint64_t first_phys = 0x100000000;
 
 constexpr uint64_t whole_pages(uint64_t bytes)
 {
-    return (bytes + page_bytes - 1) / page_bytes * page_bytes;
+    return common::round_up(bytes, page_bytes);
 }
 
 struct OwnedBlock {
@@ -50,11 +144,10 @@ struct Blocks {
     std::map<uint64_t, uint64_t> phys_by_virt;
 };
 
-// Never destroyed: threads may still reach their buffers while the process exits.
 Blocks& blocks()
 {
-    static Blocks& all = *new Blocks;
-    return all;
+    static common::NeverDestroyed<Blocks> all;
+    return *all;
 }
 
 uint64_t address_of(const uint8_t* virt)

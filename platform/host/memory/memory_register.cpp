@@ -1,5 +1,6 @@
 #include "memory/memory_register.h"
 
+#include <common/never_destroyed.h>
 #include <cstdint>
 #include <iterator>
 #include <map>
@@ -20,11 +21,10 @@ struct Register {
     std::map<uintptr_t, Entry> by_start;
 };
 
-// Never destroyed: threads may still transfer while the process exits.
 Register& known()
 {
-    static Register& only = *new Register;
-    return only;
+    static common::NeverDestroyed<Register> only;
+    return *only;
 }
 
 uintptr_t number_of(const void* address)

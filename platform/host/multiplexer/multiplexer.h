@@ -2,11 +2,11 @@
 
 #include "multiplexer/event_callback.h"
 #include "multiplexer/output_region.h"
-#include "multiplexer/packet_ring.h"
+#include "multiplexer/packets.h"
 #include "multiplexer/picture_clock.h"
-#include "multiplexer/rate_budget.h"
 #include "multiplexer/sound_track.h"
 #include "multiplexer/stream_writer.h"
+#include "picture/picture_in_flight.h"
 #include "zu3/tsmux.h"
 
 #include <cstdint>

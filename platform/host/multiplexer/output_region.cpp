@@ -4,6 +4,7 @@
 #include "memory/device_memory.h"
 
 #include <algorithm>
+#include <common/never_destroyed.h>
 #include <mutex>
 #include <vector>
 
@@ -18,11 +19,10 @@ struct Range {
 
 std::mutex taken_mutex;
 
-// Never destroyed: a multiplexer may still be closed on another thread while the process exits.
 std::vector<Range>& taken()
 {
-    static auto& ranges = *new std::vector<Range>;
-    return ranges;
+    static common::NeverDestroyed<std::vector<Range>> ranges;
+    return *ranges;
 }
 
 bool is_device_memory(uint64_t begin, uint64_t end)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "multiplexer/packet_ring.h"
+#include "multiplexer/packets.h"
 
 #include <array>
 #include <cstdint>
@@ -14,8 +14,6 @@ struct ProgramStream {
     uint8_t stream_type;
     uint16_t pid;
 };
-
-using TablePacket = std::array<uint8_t, ts_packet_bytes>;
 
 /** The stream's program association and map, a packet each, with a continuity counter of 0. */
 struct ProgramTables {

@@ -1,8 +1,12 @@
 #include "multiplexer/stream_clock.h"
 
-#include "multiplexer/packet_ring.h"
+#include "base/host_log.h"
+#include "multiplexer/packets.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
 
 namespace zu3host {
 
@@ -15,6 +19,20 @@ constexpr uint64_t packet_bits_in_ticks = ts_packet_bytes * 8 * system_clock_hz;
 constexpr uint64_t least_packet_ticks = 27;
 
 } // namespace
+
+uint64_t start_of_streams()
+{
+    const char* const text = std::getenv("ZU3_STREAM_START");
+    if (!text)
+        return stream_start;
+    uint32_t seconds = 0;
+    const char* const end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, seconds);
+    if (error == std::errc{} && stop == end)
+        return stream_start + seconds * system_clock_hz;
+    HOST_LOGW("ZU3_STREAM_START is no number of seconds (\"%s\"); it is ignored.", text);
+    return stream_start;
+}
 
 StreamClock::StreamClock(uint64_t start, uint64_t bits_per_second)
     : now_(start), bits_per_second_(bits_per_second), whole_ticks_(least_packet_ticks)

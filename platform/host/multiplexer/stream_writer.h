@@ -1,6 +1,7 @@
 #pragma once
 
-#include "multiplexer/packet_writer.h"
+#include "multiplexer/packets.h"
+#include "multiplexer/program_tables.h"
 #include "multiplexer/sound_queue.h"
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>
+#include <common/never_destroyed.h>
 
 namespace zu3host {
 
@@ -11,11 +12,41 @@ namespace {
 
 std::atomic<bool> initialised{false};
 
-// Never destroyed: an encoder's callback or a writer may still call in while the process exits.
 HandleTable<Multiplexer>& multiplexers()
 {
-    static auto& table = *new HandleTable<Multiplexer>(0x600);
-    return table;
+    static common::NeverDestroyed<HandleTable<Multiplexer>> table(0x600);
+    return *table;
+}
+
+/** Below this, packets are too far apart to keep the time references within 40 ms. */
+constexpr uint32_t least_constant_rate = 500000;
+constexpr size_t least_ring_packets = 64;
+
+bool valid_params(const ZU_TSMUX_OpenParams_t& params)
+{
+    if (params.u32TsPacketSize != ts_packet_bytes &&
+        params.u32TsPacketSize != timed_ts_packet_bytes) {
+        HOST_LOGE("A transport-stream packet has 188 or 192 bytes, not %u.",
+                  params.u32TsPacketSize);
+        return false;
+    }
+    if (params.bCbrEnable && params.u32CbrBitrate < least_constant_rate) {
+        HOST_LOGE("A constant rate of %u bit/s is too low for a stream; the least is %u.",
+                  params.u32CbrBitrate, least_constant_rate);
+        return false;
+    }
+    if (params.u32OutBufSize / params.u32TsPacketSize < least_ring_packets) {
+        HOST_LOGE("The multiplexer's output buffer of %u bytes is too small.",
+                  params.u32OutBufSize);
+        return false;
+    }
+    if (!valid_pid(params.u16Pid0) || !valid_pid(params.u16Pid3) ||
+        params.u16Pid0 == params.u16Pid3) {
+        HOST_LOGE("0x%x and 0x%x cannot be the PIDs of map and time.", params.u16Pid0,
+                  params.u16Pid3);
+        return false;
+    }
+    return true;
 }
 
 uint32_t set_attribute(Multiplexer& multiplexer, uint32_t type, const void* value)
@@ -60,6 +91,8 @@ HOST_EXPORT u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32H
         return ZU_FAILURE;
     }
     return at_border(__func__, [=]() -> u32 {
+        if (!valid_params(*pstParams))
+            return ZU_FAILURE;
         auto multiplexer = Multiplexer::open(*pstParams);
         if (!multiplexer)
             return ZU_FAILURE;

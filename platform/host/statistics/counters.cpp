@@ -4,7 +4,7 @@
 #include "zu3_host/statistics.h"
 
 #include <algorithm>
-#include <chrono>
+#include <common/clock.h>
 #include <cstring>
 
 namespace zu3host {
@@ -26,9 +26,8 @@ template <typename T> T value_of(const std::atomic<T>& counter)
 
 uint64_t microseconds_since(int64_t begin_us)
 {
-    using namespace std::chrono;
-    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-    return begin_us == 0 ? 0 : static_cast<uint64_t>(std::max<int64_t>(now - begin_us, 0));
+    const int64_t passed = common::monotonic_us() - begin_us;
+    return begin_us == 0 ? 0 : static_cast<uint64_t>(std::max<int64_t>(passed, 0));
 }
 
 zu3_host_statistics_t snapshot(const zu3host::Counters& live)

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "base/picture_layout.h"
+#include "capture/picture_source.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * Where in a picture the screen's image goes. Offsets are even, so that they hold for the chroma
+ * plane too.
+ */
+struct Placement {
+    uint32_t x;
+    uint32_t y;
+    /** size after scaling */
+    PictureSize image;
+    bool operator==(const Placement&) const = default;
+};
+
+/**
+ * The size of a display without the last column or row that is one too many for `visible`: sizes of
+ * pictures are even, and scaling a display of odd size would blur all of it. A display that is
+ * larger still keeps its size, to be scaled down.
+ */
+PictureSize without_odd_edge(PictureSize display, PictureSize visible);
+
+/**
+ * `source` scaled with its shape kept into the middle of `box`; even sizes unless it is exactly as
+ * large. Neither is empty.
+ */
+Placement fit_into(PictureSize source, PictureSize box);
+
+/**
+ * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its
+ * top left. A display whose own layout is that of the picture and which lies inside the visible
+ * part is taken as it is, at the top left: that is how a recording of exactly the display's size
+ * arrives here, where only rounded sizes do.
+ */
+Placement place_display(PictureSize display, PictureSize out, PictureSize visible);
+
+/** Scales images to the size of their placement, in a buffer that is kept from one to the next. */
+class BgraScaler {
+public:
+    /**
+     * The image itself where it has that size, else a scaled one, which lives until the next call.
+     */
+    BgraImage scaled(const BgraImage& image, PictureSize size);
+
+private:
+    std::vector<uint8_t> pixels_;
+};
+
+/**
+ * Converts an image, which has its placement's size, to its place in the NV12 picture at `picture`;
+ * BT.601 limited.
+ */
+void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
+                PictureLayout layout);
+
+/** Makes black what the placement leaves of the picture. */
+void blacken_border(const Placement& placement, uint8_t* picture, PictureLayout layout);
+
+} // namespace zu3host

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <android/log.h>
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * Which lines the log shows, from logcat's filter expressions: words "tag:priority" between blanks
+ * or commas, the priority one of V D I W E F S; "*" stands for all other tags, a tag without a
+ * priority means all of its lines, the later of two words for one tag counts. What no word covers
+ * is shown from warnings up.
+ */
+class LogFilter {
+public:
+    /** Words that are no expression are left out; `expressions` may be null. */
+    explicit LogFilter(const char* expressions);
+
+    bool shows(int priority, std::string_view tag) const;
+
+private:
+    struct Rule {
+        std::string tag;
+        int least;
+    };
+    void add(std::string_view word);
+
+    std::vector<Rule> rules_;
+    int least_of_others_ = ANDROID_LOG_WARN;
+};
+
+/**
+ * The letter of a priority, in a line and in an expression; those outside the range take the
+ * nearest one's.
+ */
+char priority_letter(int priority);
+
+/** Waits until the lines so far are written, and no longer than `patience`. */
+void flush_log(std::chrono::milliseconds patience);
+
+} // namespace zu3host
