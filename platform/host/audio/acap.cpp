@@ -1,9 +1,13 @@
 #include "audio/capture_session.h"
 #include "audio/pcm_reader.h"
+#include "base/border.h"
 
+#include <atomic>
+#include <common/never_destroyed.h>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <zu3/acap.h>
 
 namespace zu3host {
 
@@ -85,11 +89,6 @@ void AudioDevice::set_volume(uint32_t percent)
 } // namespace zu3host
 
 // The audio capture's contract functions: handles to objects, arguments checked.
-#include "base/border.h"
-#include "zu3/acap.h"
-
-#include <atomic>
-#include <common/never_destroyed.h>
 
 using namespace zu3host;
 

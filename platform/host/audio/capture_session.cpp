@@ -1,9 +1,9 @@
 #include "audio/capture_session.h"
 
 #include "statistics/counters.h"
-#include <common/clock.h>
 
 #include <algorithm>
+#include <common/clock.h>
 #include <common/never_destroyed.h>
 #include <mutex>
 

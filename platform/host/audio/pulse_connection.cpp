@@ -1,9 +1,13 @@
 #include "audio/pulse_connection.h"
 
-#include <common/clock.h>
 #include "audio/pcm_reader.h"
-#include "audio/pulse_memory.h"
 #include "base/border.h"
+
+#include <common/clock.h>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
 
 namespace zu3host {
 
@@ -21,11 +25,28 @@ constexpr pa_usec_t greatest_latency = 5'000'000;
 constexpr pa_usec_t greatest_age = 60'000'000;
 constexpr int64_t greatest_backlog_bytes = greatest_age / 1'000'000 * pcm_rate * pcm_frame_bytes;
 
-/** What a callback of libpulse does; it comes from C code, through which nothing is thrown. */
-template <typename Call> void in_callback(void* self, Call call)
+/**
+ * Has the memory files of libpulse, which it opens without O_CLOEXEC, closed in programs that this
+ * process starts.
+ */
+bool mark_memory_files()
 {
-    at_border("Listening to the sound server", false,
-              [=] { return call(*static_cast<PulseConnection*>(self)), true; });
+    std::error_code error;
+    for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
+         at.increment(error)) {
+        std::error_code closed_meanwhile;
+        const std::string target =
+            std::filesystem::read_symlink(at->path(), closed_meanwhile).string();
+        if (target.starts_with("/memfd:pulseaudio"))
+            fcntl(std::atoi(at->path().filename().c_str()), F_SETFD, FD_CLOEXEC);
+    }
+    return true;
+}
+
+/** To be called when libpulse may have made or received a memory file. */
+void keep_pulse_memory_from_children()
+{
+    answer_or(false, mark_memory_files, [](const char*) {});
 }
 
 } // namespace
@@ -56,12 +77,11 @@ PulseConnection::~PulseConnection()
 void PulseConnection::context_changed(pa_context* context, void* self)
 {
     const pa_context_state_t state = pa_context_get_state(context);
-    in_callback(self, [=](PulseConnection& connection) {
-        if (state == PA_CONTEXT_READY)
-            connection.open_stream();
-        else if (!PA_CONTEXT_IS_GOOD(state))
-            connection.fail_as_context_says();
-    });
+    auto& connection = *static_cast<PulseConnection*>(self);
+    if (state == PA_CONTEXT_READY)
+        connection.open_stream();
+    else if (!PA_CONTEXT_IS_GOOD(state))
+        connection.fail_as_context_says();
 }
 
 void PulseConnection::open_stream()
@@ -96,18 +116,17 @@ void PulseConnection::close_stream()
 void PulseConnection::stream_changed(pa_stream* stream, void* self)
 {
     const pa_stream_state_t state = pa_stream_get_state(stream);
-    in_callback(self, [=](PulseConnection& connection) {
-        if (state == PA_STREAM_READY) {
-            connection.listener_.connected();
-            keep_pulse_memory_from_children();
-        } else if (!PA_STREAM_IS_GOOD(state))
-            connection.fail_as_context_says();
-    });
+    auto& connection = *static_cast<PulseConnection*>(self);
+    if (state == PA_STREAM_READY) {
+        connection.listener_.connected();
+        keep_pulse_memory_from_children();
+    } else if (!PA_STREAM_IS_GOOD(state))
+        connection.fail_as_context_says();
 }
 
 void PulseConnection::stream_readable(pa_stream*, size_t, void* self)
 {
-    in_callback(self, [](PulseConnection& connection) { connection.read_all(); });
+    static_cast<PulseConnection*>(self)->read_all();
 }
 
 void PulseConnection::read_all()
@@ -141,8 +160,9 @@ std::optional<int64_t> PulseConnection::time_of_next_us() const
         bytes < -greatest_backlog_bytes)
         return std::nullopt;
     const int64_t frames = bytes / int64_t{pcm_frame_bytes};
-    return common::monotonic_us() - static_cast<int64_t>(age) - static_cast<int64_t>(timing->source_usec) +
-           static_cast<int64_t>(timing->sink_usec) + frames * 1000 / (pcm_rate / 1000);
+    return common::monotonic_us() - static_cast<int64_t>(age) -
+           static_cast<int64_t>(timing->source_usec) + static_cast<int64_t>(timing->sink_usec) +
+           frames * 1000 / (pcm_rate / 1000);
 }
 
 void PulseConnection::fail(const char* why)

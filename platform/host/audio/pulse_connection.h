@@ -1,26 +1,12 @@
 #pragma once
 
-#include <pulse/pulseaudio.h>
+#include "audio/pulse_module.h"
 
 #include <cstdint>
 #include <optional>
+#include <pulse/pulseaudio.h>
 
 namespace zu3host {
-
-/** Hears what a PulseConnection delivers; called on the thread that runs the main loop. */
-class PulseListener {
-public:
-    /** From now on sound arrives, unless the connection fails. */
-    virtual void connected() = 0;
-    /**
-     * @param samples `frames` frames of 48 kHz stereo, or null where the server lost them
-     * @param heard_us when the first one was heard, monotonic clock
-     */
-    virtual void heard(const int16_t* samples, int64_t frames, int64_t heard_us) = 0;
-
-protected:
-    ~PulseListener() = default;
-};
 
 /**
  * One connection to the sound server, which records the monitor of the default output, also when

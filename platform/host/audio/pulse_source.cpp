@@ -1,8 +1,6 @@
-#include "audio/pulse_source.h"
-
-#include <common/clock.h>
-#include "audio/pulse_connection.h"
+#include "audio/pulse_module.h"
 #include "audio/sound_placement.h"
+#include "audio/sound_source.h"
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
@@ -10,8 +8,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <common/clock.h>
+#include <common/never_destroyed.h>
+#include <dlfcn.h>
+#include <filesystem>
 #include <new>
+#include <string>
 #include <thread>
+#include <zu3_host/sound_sources.h>
 
 namespace zu3host {
 
@@ -35,13 +39,48 @@ constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */
 constexpr int64_t first_retry_us = 250'000;
 
-struct FreeMainloop {
-    void operator()(pa_mainloop* loop) const { pa_mainloop_free(loop); }
+/** The folder that this code was loaded from; empty if the system does not tell. */
+std::filesystem::path own_folder()
+{
+    static const char here = 0;
+    Dl_info found{};
+    if (dladdr(&here, &found) == 0 || !found.dli_fname)
+        return {};
+    std::error_code error;
+    return std::filesystem::canonical(found.dli_fname, error).parent_path();
+}
+
+struct Loaded {
+    const PulseModule* module = nullptr;
+    std::string failure;
+
+    Loaded()
+    {
+        // Beside libzu3.so; a program that contains the host layer lies in bin/ beside lib/.
+        for (const char* folder : {".", "../lib"}) {
+            const auto file = own_folder() / folder / ZU3_PULSE_MODULE;
+            // never closed: threads of libpulse may linger
+            void* const handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+            void* const entry = handle ? dlsym(handle, pulse_module_entry) : nullptr;
+            if (entry) {
+                module = reinterpret_cast<PulseModuleEntry>(entry)();
+                return;
+            }
+            // A module that is there says what it lacks; another place cannot know better.
+            const char* const why = dlerror();
+            std::error_code error;
+            if (failure.empty() || std::filesystem::exists(file, error))
+                failure = why ? why : "it has no entry";
+        }
+    }
 };
+
+constexpr char listening[] = "Listening to the sound server";
 
 class PulseSource final : public SoundSource, private PulseListener {
 public:
-    explicit PulseSource(SharedTimeline& shared) : shared_(shared), loop_(pa_mainloop_new())
+    PulseSource(SharedTimeline& shared, const PulseModule& module)
+        : shared_(shared), loop_(module.make_loop())
     {
         if (!loop_)
             throw std::bad_alloc();
@@ -50,7 +89,7 @@ public:
     ~PulseSource() override
     {
         stopping_.store(true, std::memory_order_release);
-        pa_mainloop_wakeup(loop_.get());
+        loop_->wake_up();
         thread_.join();
     }
 
@@ -64,7 +103,7 @@ public:
     }
 
 private:
-    void connected() override
+    void connected() noexcept override
     {
         if (reported_)
             HOST_LOGI("The sound server is there; what the desktop plays is heard.");
@@ -72,10 +111,13 @@ private:
         was_connected_ = true;
         set_live(true);
     }
-    void heard(const int16_t* samples, int64_t frames, int64_t heard_us) override
+    void heard(const int16_t* samples, int64_t frames, int64_t heard_us) noexcept override
     {
-        const std::lock_guard lock(shared_.mutex);
-        placement_.place(shared_.timeline, samples, frames, heard_us);
+        at_border(listening, false, [&] {
+            const std::lock_guard lock(shared_.mutex);
+            placement_.place(shared_.timeline, samples, frames, heard_us);
+            return true;
+        });
     }
 
     bool stopping() const { return stopping_.load(std::memory_order_acquire); }
@@ -97,7 +139,7 @@ private:
     // of the thread, as is what follows
     bool was_connected_ = false;
     bool reported_ = false;
-    std::unique_ptr<pa_mainloop, FreeMainloop> loop_;
+    const std::unique_ptr<PulseLoop> loop_;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
@@ -107,7 +149,7 @@ void PulseSource::run()
     bool usable = true;
     while (usable && !stopping()) {
         was_connected_ = false;
-        usable = at_border("Listening to the sound server", true, [this] { return listen(); }) &&
+        usable = at_border(listening, true, [this] { return listen(); }) &&
                  pass(was_connected_ ? first_retry_us : retry_us);
     }
     if (!usable)
@@ -117,13 +159,17 @@ void PulseSource::run()
 /** Until the connection fails; false when the main loop itself is broken. */
 bool PulseSource::listen()
 {
-    PulseConnection connection(loop_.get(), *this);
+    struct Disconnect {
+        PulseLoop& loop;
+        ~Disconnect() { loop.disconnect(); }
+    } const at_the_end{*loop_};
+    loop_->connect(*this);
     bool usable = true;
-    while (usable && !stopping() && !connection.failed())
+    while (usable && !stopping() && !loop_->failure())
         usable = iterate(look_us);
     set_live(false);
-    if (connection.failed() && !stopping())
-        report(connection.failure());
+    if (loop_->failure() && !stopping())
+        report(loop_->failure());
     return usable;
 }
 
@@ -132,7 +178,8 @@ bool PulseSource::pass(int64_t us)
 {
     const int64_t until = common::monotonic_us() + us;
     bool usable = true;
-    for (int64_t left = us; usable && left > 0 && !stopping(); left = until - common::monotonic_us())
+    for (int64_t left = us; usable && left > 0 && !stopping();
+         left = until - common::monotonic_us())
         usable = iterate(static_cast<int>(left));
     return usable;
 }
@@ -140,16 +187,16 @@ bool PulseSource::pass(int64_t us)
 /** Waits for one event and handles it; false when the main loop is broken. */
 bool PulseSource::iterate(int timeout_us)
 {
-    if (pa_mainloop_prepare(loop_.get(), timeout_us) < 0)
+    if (loop_->prepare(timeout_us) < 0)
         return false;
     // The preparation swallows a wakeup, so that a stop before it shows here only; a later one
     // wakes the poll. What is prepared then stays so, since nothing iterates any more.
     if (stopping())
         return true;
     const int64_t begin_us = common::monotonic_us();
-    const int events = pa_mainloop_poll(loop_.get());
+    const int events = loop_->poll();
     note_look(begin_us, events);
-    return events >= 0 && pa_mainloop_dispatch(loop_.get()) >= 0;
+    return events >= 0 && loop_->dispatch() >= 0;
 }
 
 /**
@@ -189,9 +236,41 @@ void PulseSource::report(const char* failure)
 
 } // namespace
 
-std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared)
+const PulseModule* load_pulse_module(const char*& failure)
 {
-    return std::make_unique<PulseSource>(shared);
+    static common::NeverDestroyed<Loaded> loaded;
+    failure = loaded->failure.c_str();
+    return loaded->module;
 }
 
+std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module)
+{
+    return std::make_unique<PulseSource>(shared, module);
+}
+
+namespace {
+
+int tell_sources(zu3_host_sound_source_receiver_t receiver, void* user)
+{
+    const char* failure = nullptr;
+    const PulseModule* const module = load_pulse_module(failure);
+    std::vector<PulseSourceInfo> sources;
+    if (!receiver || !module || !module->list_sources(sources))
+        return -1;
+    for (const PulseSourceInfo& source : sources) {
+        const zu3_host_sound_source_t told{source.name.c_str(), source.description.c_str(),
+                                           source.sample_rate, source.channels,
+                                           source.recorded ? 1u : 0u};
+        receiver(&told, user);
+    }
+    return static_cast<int>(sources.size());
+}
+
+} // namespace
+
 } // namespace zu3host
+
+HOST_EXPORT int zu3_host_sound_sources(zu3_host_sound_source_receiver_t receiver, void* user)
+{
+    return zu3host::at_border(__func__, -1, [=] { return zu3host::tell_sources(receiver, user); });
+}

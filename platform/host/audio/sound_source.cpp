@@ -1,7 +1,5 @@
 #include "audio/sound_source.h"
 
-#include "audio/pulse_library.h"
-#include "audio/pulse_source.h"
 #include "base/host_log.h"
 
 #include <algorithm>
@@ -74,14 +72,16 @@ std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
     const char* const setting = secure_getenv("ZU3_AUDIO");
     const std::string_view name = setting && *setting ? setting : "pulse";
     const bool by_pulse = name == "pulse";
-    if (by_pulse && load_pulse_library().empty())
-        return open_pulse_source(shared);
+    const char* failure = nullptr;
+    const PulseModule* const module = by_pulse ? load_pulse_module(failure) : nullptr;
+    if (module)
+        return open_pulse_source(shared, *module);
     if (name == "tone")
         return open_tone();
     if (by_pulse)
         HOST_LOGW(
             "No sound can be recorded (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
-            load_pulse_library().c_str());
+            failure);
     else if (name != "silence")
         HOST_LOGE(
             "ZU3_AUDIO=%.40s is no source of sound, there are pulse, tone and silence; silence is heard.",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/pulse_module.h"
 #include "audio/sound_timeline.h"
 
 #include <memory>
@@ -23,6 +24,13 @@ public:
  * server: silence is heard until one answers. `shared` must outlive the source.
  */
 std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
+
+/**
+ * What the desktop plays, by way of its PulseAudio server (PipeWire offers the same). A thread
+ * connects, and connects again after the server went away; without a server silence is heard.
+ * Throws std::system_error when the system gives no thread, std::bad_alloc without memory.
+ */
+std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module);
 
 /** 440 Hz on both channels, without a seam. */
 std::unique_ptr<SoundSource> open_tone();

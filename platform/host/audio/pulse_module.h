@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zu3host {
+
+/** Receives what a PulseLoop hears, within dispatch(). Must not throw: libpulse calls it. */
+class PulseListener {
+public:
+    /** Sound arrives from now on, unless the connection fails. */
+    virtual void connected() noexcept = 0;
+    /**
+     * @param samples `frames` frames of 48 kHz stereo, or null if the server lost them
+     * @param heard_us when the first one was heard, microseconds of the monotonic clock
+     */
+    virtual void heard(const int16_t* samples, int64_t frames, int64_t heard_us) noexcept = 0;
+
+protected:
+    ~PulseListener() = default;
+};
+
+/**
+ * A main loop of libpulse with at most one connection, which records the monitor of the default
+ * output, also after the default changes. It never starts a server. All calls but wake_up() belong
+ * to one thread.
+ */
+class PulseLoop {
+public:
+    virtual ~PulseLoop() = default;
+
+    /** Replaces an earlier connection; failure() tells if it ends. Throws std::bad_alloc. */
+    virtual void connect(PulseListener& listener) = 0;
+    virtual void disconnect() = 0;
+    /**
+     * Why the connection ended or never came about; it does not recover. Null while it has not
+     * failed. Lives as long as the process.
+     */
+    virtual const char* failure() const = 0;
+
+    /** The three steps of one iteration, as pa_mainloop_prepare() and so on; negative = broken. */
+    virtual int prepare(int timeout_us) = 0;
+    virtual int poll() = 0;
+    virtual int dispatch() = 0;
+    /** Ends a poll(). From any thread. */
+    virtual void wake_up() = 0;
+};
+
+/** A source of the sound server. */
+struct PulseSourceInfo {
+    std::string name;
+    std::string description;
+    /** samples per second and channel */
+    uint32_t sample_rate;
+    uint32_t channels;
+    /** whether recordings hear it: the monitor of the default output */
+    bool recorded;
+};
+
+/**
+ * What the module libzu3_pulse.so offers, the only thing that links libpulse. The library brings two
+ * dozen others along, 3 MiB of memory and 2 ms of a program's start, which recordings without sound
+ * and screenshots do without.
+ */
+struct PulseModule {
+    /** Null without memory. */
+    std::unique_ptr<PulseLoop> (*make_loop)();
+    /** False if no server answers within 3 s. May throw std::bad_alloc. */
+    bool (*list_sources)(std::vector<PulseSourceInfo>& sources);
+};
+
+/**
+ * Loads the module, once a process. From any thread.
+ * @param failure why it cannot be loaded
+ * @return null if it, or libpulse, cannot be loaded
+ */
+const PulseModule* load_pulse_module(const char*& failure);
+
+/** The module's one exported function. */
+inline constexpr char pulse_module_entry[] = "zu3_pulse_module";
+using PulseModuleEntry = const PulseModule* (*)();
+
+} // namespace zu3host

@@ -1,0 +1,39 @@
+/**
+ * Lists what the sound server offers, beside the contract. A client looks the function up by name
+ * (dlsym), since another platform has none.
+ */
+#ifndef ZU3_HOST_SOUND_SOURCES_H
+#define ZU3_HOST_SOUND_SOURCES_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** A source of the sound server; its texts live until the receiver returns. */
+typedef struct {
+    const char* name;
+    const char* description;
+    /** samples per second and channel */
+    uint32_t sample_rate;
+    uint32_t channels;
+    /** 1 = recordings hear it: the monitor of the default output; 0 = they do not */
+    uint32_t recorded;
+} zu3_host_sound_source_t;
+
+/** Receives one source; `user` is what was given to zu3_host_sound_sources(). */
+typedef void (*zu3_host_sound_source_receiver_t)(const zu3_host_sound_source_t* source, void* user);
+
+/**
+ * Calls `receiver` for each source, on this thread. Waits up to 3 s for the server. Any thread.
+ *
+ * @return the number of sources; -1 when no server answers, libpulse is missing or memory is short
+ */
+int zu3_host_sound_sources(zu3_host_sound_source_receiver_t receiver, void* user);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
