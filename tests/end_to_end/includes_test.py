@@ -25,6 +25,13 @@ ORDERS = {
         ("machine",),
         ("process",),
     ),
+    "platform/host": (
+        ("capture", "encoder", "multiplexer", "renderer"),
+        ("audio", "files", "picture", "system"),
+        ("log", "memory", "os", "statistics", "utils"),
+        ("base",),
+        ("include",),
+    ),
 }
 OFFERED = ("include", "platform/include")  # for everything in src
 

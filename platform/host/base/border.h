@@ -1,7 +1,6 @@
 #pragma once
 
 #include "base/host_log.h"
-#include "zu3/types.h"
 
 #include <atomic>
 #include <cstdint>
@@ -11,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <utility>
+#include <zu3/types.h>
 
 /**
  * Marks what a library of the host layer exports; all else stays inside. On a declaration of a

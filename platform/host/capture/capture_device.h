@@ -5,7 +5,6 @@
 #include "capture/image_placement.h"
 #include "capture/picture_pool.h"
 #include "capture/picture_source.h"
-#include "zu3/cap.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <stop_token>
 #include <thread>
 #include <vector>
+#include <zu3/cap.h>
 
 namespace zu3host {
 

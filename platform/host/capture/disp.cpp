@@ -1,9 +1,8 @@
+#include "base/border.h"
 #include "capture/capture_device.h"
 
-#include "base/border.h"
-#include "zu3/disp.h"
-
 #include <cstring>
+#include <zu3/disp.h>
 
 HOST_EXPORT u32 ZU_DISP_GetHandle(const ZU_DISP_GetHandleParams_t* pstParams, u32* pu32Handle)
 {

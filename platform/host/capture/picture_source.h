@@ -2,6 +2,7 @@
 
 #include "base/picture_layout.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -51,12 +52,10 @@ public:
 std::unique_ptr<PictureSource> open_test_card();
 
 /** The next serial of an image. */
-uint64_t next_image_serial();
-
-/**
- * The source that ZU3_DISPLAY names, X11 where it is not set. Null with a log line when there is
- * none.
- */
-std::unique_ptr<PictureSource> open_picture_source();
+inline uint64_t next_image_serial()
+{
+    static std::atomic<uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 } // namespace zu3host

@@ -1,8 +1,8 @@
 #include "capture/x11_connection.h"
 
 #include "base/host_log.h"
-#include <common/x11_screen.h>
 
+#include <common/x11_screen.h>
 #include <cstdlib>
 #include <sys/auxv.h>
 #include <sys/socket.h>

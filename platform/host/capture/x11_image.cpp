@@ -1,8 +1,8 @@
 #include "capture/x11_image.h"
 
 #include "base/host_log.h"
-#include <common/x11_screen.h>
 
+#include <common/x11_screen.h>
 #include <fcntl.h>
 #include <libyuv/convert_argb.h>
 #include <sys/mman.h>

@@ -2,8 +2,8 @@
 
 #include "base/picture_layout.h"
 #include "capture/x11_connection.h"
-#include <common/x11_screen.h>
 
+#include <common/x11_screen.h>
 #include <cstdint>
 #include <memory>
 #include <xcb/shm.h>

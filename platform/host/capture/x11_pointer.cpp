@@ -1,9 +1,9 @@
 #include "capture/x11_pointer.h"
 
 #include "base/host_log.h"
-#include <common/x11_screen.h>
 
 #include <algorithm>
+#include <common/x11_screen.h>
 #include <libyuv/planar_functions.h>
 
 namespace zu3host {

@@ -4,7 +4,6 @@
 #include "encoder/input_memory.h"
 #include "encoder/x264_encoder.h"
 #include "picture/picture_in_flight.h"
-#include "zu3/venc.h"
 
 #include <array>
 #include <condition_variable>
@@ -13,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <zu3/venc.h>
 
 namespace zu3host {
 

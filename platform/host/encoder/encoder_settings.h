@@ -1,10 +1,10 @@
 #pragma once
 
 #include "base/picture_layout.h"
-#include "zu3/venc.h"
 
 #include <cstdint>
 #include <optional>
+#include <zu3/venc.h>
 
 namespace zu3host {
 

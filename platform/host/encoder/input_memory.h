@@ -2,13 +2,13 @@
 
 #include "memory/device_memory.h"
 #include "picture/picture_in_flight.h"
-#include "zu3/types.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <zu3/types.h>
 
 namespace zu3host {
 

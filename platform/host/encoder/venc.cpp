@@ -1,11 +1,10 @@
 // The video encoder's contract functions: handles to objects, arguments checked.
-#include "zu3/venc.h"
-
 #include "base/border.h"
 #include "encoder/encoder.h"
 
 #include <atomic>
 #include <common/never_destroyed.h>
+#include <zu3/venc.h>
 
 using namespace zu3host;
 

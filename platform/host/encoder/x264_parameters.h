@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdarg>
-
 #include <x264.h>
 
 namespace zu3host {

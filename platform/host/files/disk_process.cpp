@@ -1,11 +1,10 @@
 #include "files/disk_process.h"
 
-#include <common/never_destroyed.h>
-#include <common/signals.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <common/never_destroyed.h>
+#include <common/signals.h>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <common/descriptor.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>

@@ -3,12 +3,12 @@
 #include "base/host_log.h"
 #include "os/task_deletion.h"
 #include "statistics/counters.h"
-#include <common/clock.h>
-#include <common/trusted_path.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <common/clock.h>
+#include <common/trusted_path.h>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>

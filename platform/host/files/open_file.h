@@ -2,8 +2,8 @@
 
 #include "files/disk_process.h"
 #include "files/unfinished_picture.h"
-#include <common/descriptor.h>
 
+#include <common/descriptor.h>
 #include <cstddef>
 #include <cstdint>
 #include <memory>

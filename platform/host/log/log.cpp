@@ -1,4 +1,5 @@
 #include "log/log.h"
+
 #include "base/border.h"
 #include "base/host_log.h"
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <android/log.h>
-
 #include <chrono>
 #include <string>
 #include <string_view>

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "zu3/tsmux.h"
-
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <thread>
 #include <vector>
+#include <zu3/tsmux.h>
 
 namespace zu3host {
 

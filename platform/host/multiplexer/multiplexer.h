@@ -7,12 +7,12 @@
 #include "multiplexer/sound_track.h"
 #include "multiplexer/stream_writer.h"
 #include "picture/picture_in_flight.h"
-#include "zu3/tsmux.h"
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
+#include <zu3/tsmux.h>
 
 namespace zu3host {
 

@@ -9,11 +9,6 @@
 
 namespace zu3host {
 
-/** ISO/IEC 13818-1, 2.4.3.2 */
-inline constexpr size_t ts_packet_bytes = 188;
-/** the same behind a TP_extra_header of 4 bytes */
-inline constexpr size_t timed_ts_packet_bytes = 192;
-
 /**
  * The multiplexed stream between the multiplexer and its reader: a ring of whole packets in memory
  * of the caller's. Not thread-safe.

@@ -1,7 +1,6 @@
 #include "multiplexer/stream_clock.h"
 
 #include "base/host_log.h"
-#include "multiplexer/packets.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,8 +1,14 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace zu3host {
+
+/** ISO/IEC 13818-1, 2.4.3.2 */
+inline constexpr size_t ts_packet_bytes = 188;
+/** the same behind a TP_extra_header of 4 bytes */
+inline constexpr size_t timed_ts_packet_bytes = 192;
 
 /** Ticks of the system clock, 27 MHz (ISO/IEC 13818-1, 2.4.2.1). */
 inline constexpr uint64_t system_clock_hz = 27000000;

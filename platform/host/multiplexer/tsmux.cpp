@@ -1,10 +1,9 @@
-#include "zu3/tsmux.h"
-
 #include "base/border.h"
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>
 #include <common/never_destroyed.h>
+#include <zu3/tsmux.h>
 
 namespace zu3host {
 

@@ -1,11 +1,11 @@
 #include "statistics/counters.h"
 
 #include "base/border.h"
-#include "zu3_host/statistics.h"
 
 #include <algorithm>
 #include <common/clock.h>
 #include <cstring>
+#include <zu3_host/statistics.h>
 
 namespace zu3host {
 

@@ -1,21 +1,14 @@
-#include "capture/picture_source.h"
+#include "capture/source_choice.h"
 
 #include "base/host_log.h"
 #include "capture/patient_source.h"
 #include "capture/x11_source.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
 namespace zu3host {
-
-uint64_t next_image_serial()
-{
-    static std::atomic<uint64_t> last{0};
-    return last.fetch_add(1, std::memory_order_relaxed) + 1;
-}
 
 namespace {
 
