@@ -32,11 +32,11 @@ int LineWriter::put(std::string_view text)
     std::unique_lock lock(mutex_);
     if (!ensure_thread())
         return write_directly(text);
-    if (!take_over(text))
+    if (!append(text))
         return -EAGAIN;
     if (stuck_)
         return static_cast<int>(text.size());
-    const uint64_t mine = taken_over_;
+    const uint64_t mine = appended_;
     stuck_ = !written_.wait_for(lock, moment, [&] { return done_ >= mine; });
     return stuck_ || last_error_ == 0 ? static_cast<int>(text.size()) : -last_error_;
 }
@@ -50,8 +50,8 @@ void LineWriter::put_if_idle(std::string_view text)
     const std::lock_guard lock(mutex_);
     if (!ensure_thread())
         write_directly(text);
-    else if (done_ == taken_over_)
-        take_over(text);
+    else if (done_ == appended_)
+        append(text);
 }
 
 bool LineWriter::flush(Time limit)
@@ -59,7 +59,7 @@ bool LineWriter::flush(Time limit)
     if (process_ != getpid())
         return true;
     std::unique_lock lock(mutex_);
-    return written_.wait_until(lock, limit, [this] { return done_ == taken_over_; });
+    return written_.wait_until(lock, limit, [this] { return done_ == appended_; });
 }
 
 // A child of fork() has the object without its thread, and perhaps with a lock that is held for
@@ -95,7 +95,7 @@ int LineWriter::write_directly(std::string_view text) const
     return written < 0 ? -errno : static_cast<int>(written);
 }
 
-bool LineWriter::take_over(std::string_view text)
+bool LineWriter::append(std::string_view text)
 {
     const size_t writes = (text.size() + greatest_write - 1) / greatest_write;
     if (text.size() + writes * sizeof(uint32_t) > capacity - used_)
@@ -105,7 +105,7 @@ bool LineWriter::take_over(std::string_view text)
         copy_in(&size, sizeof size);
         copy_in(text.data(), size);
         text.remove_prefix(size);
-        ++taken_over_;
+        ++appended_;
     }
     filled_.notify_one();
     return true;
@@ -129,7 +129,7 @@ void LineWriter::copy_out(void* data, size_t size)
     used_ -= size;
 }
 
-size_t LineWriter::take_out(std::array<char, greatest_write>& bytes)
+size_t LineWriter::pop(std::array<char, greatest_write>& bytes)
 {
     std::unique_lock lock(mutex_);
     filled_.wait(lock, [this] { return used_ > 0; });
@@ -144,13 +144,13 @@ void LineWriter::run()
     pthread_setname_np(pthread_self(), "lines");
     std::array<char, greatest_write> bytes;
     while (true) {
-        const size_t size = take_out(bytes);
+        const size_t size = pop(bytes);
         int error = 0;
         for (size_t at = 0; at < size && error == 0;) {
             const ssize_t written = write(fd_, bytes.data() + at, size - at);
             if (written >= 0)
                 at += static_cast<size_t>(written);
-            else if (errno == EAGAIN) // somebody has made the descriptor non-blocking
+            else if (errno == EAGAIN) // the descriptor was made non-blocking
                 wait_for_room(fd_);
             else if (errno != EINTR)
                 error = errno;
@@ -158,7 +158,7 @@ void LineWriter::run()
         const std::lock_guard lock(mutex_);
         last_error_ = error;
         ++done_;
-        stuck_ = stuck_ && done_ != taken_over_;
+        stuck_ = stuck_ && done_ != appended_;
         written_.notify_all();
     }
 }

@@ -12,10 +12,10 @@
 namespace common {
 
 /**
- * Writes lines to a descriptor from a thread of its own, so that one who has stopped reading, or a
- * disk that stands still, holds up that thread alone. What has been handed over waits in a buffer
- * of fixed size; a line that does not fit there is refused whole. From any thread. Never destroyed,
- * since its thread may be held for ever.
+ * Writes lines to a descriptor from its own thread, so that a reader that has stopped, or a disk
+ * that stands still, holds up that thread alone. Lines wait in a buffer of fixed size; a line that
+ * does not fit is refused whole. From any thread. Keep it in a NeverDestroyed: its thread may be
+ * held for ever.
  */
 class LineWriter {
 public:
@@ -49,9 +49,9 @@ private:
     bool is_copy() const;
     bool ensure_thread();
     int write_directly(std::string_view text) const;
-    bool take_over(std::string_view text);
+    bool append(std::string_view text);
     void run();
-    size_t take_out(std::array<char, greatest_write>& bytes);
+    size_t pop(std::array<char, greatest_write>& bytes);
     void copy_in(const void* data, size_t size);
     void copy_out(void* data, size_t size);
 
@@ -65,7 +65,7 @@ private:
     size_t begin_ = 0;
     size_t used_ = 0;
     // writes
-    uint64_t taken_over_ = 0;
+    uint64_t appended_ = 0;
     uint64_t done_ = 0;
     int last_error_ = 0;
     bool stuck_ = false;

@@ -8,12 +8,11 @@
 namespace common {
 
 /**
- * The end of a path: the folder that it leads to, held open, and the name in it. What is judged
- * here and what is opened afterwards lie in the same folder, even if somebody changes the path in
- * between.
+ * The end of a path: the folder that it leads to, kept open, and the name in it. The checks here
+ * and a later open use the same folder, even if the path changes in between.
  *
- * A symbolic link at the end is followed only if nobody can have planted it: the kernel makes those
- * in /proc, and only root those in /dev. That is judged by the folder itself, so
+ * A symbolic link at the end is followed only if no other user can have made it: the kernel makes
+ * those in /proc, and only root those in /dev. That is judged by the folder itself, so
  * "/proc/self/cwd/link" is a link in the current folder, and not one of the kernel's.
  */
 class TrustedPath {
@@ -51,11 +50,11 @@ private:
     bool in_proc_ = false;
 };
 
-/** Why a file that was there before is not to be written to. */
+/** Why an existing file must not be written to. */
 enum class Objection {
     none,
     folder,
-    /** an ordinary file or a named pipe of another user, who reads what is written */
+    /** an ordinary file or a named pipe of another user, which that user reads */
     foreign,
     /** a block device or a socket */
     special,

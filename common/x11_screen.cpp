@@ -37,9 +37,9 @@ std::optional<PixelFormat> pixel_format(const xcb_setup_t& server, const xcb_scr
         uint32_t red, green, blue;
     };
     static constexpr Layout layouts[] = {
-        {PixelFormat::Bgrx8, 0xFF0000, 0xFF00, 0xFF},
-        {PixelFormat::Xrgb10, 0x3FF00000, 0xFFC00, 0x3FF},
-        {PixelFormat::Xbgr10, 0x3FF, 0xFFC00, 0x3FF00000},
+        {PixelFormat::bgrx8, 0xFF0000, 0xFF00, 0xFF},
+        {PixelFormat::xrgb10, 0x3FF00000, 0xFFC00, 0x3FF},
+        {PixelFormat::xbgr10, 0x3FF, 0xFFC00, 0x3FF00000},
     };
     const xcb_visualtype_t* visual = root_visual(screen);
     if (!visual || bits_per_pixel(server, screen) != 32 || !lowest_byte_first(server))

@@ -84,11 +84,11 @@ inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
 /** How the pixels of a screen lie in memory, each in 32 bits of the lowest byte first. */
 enum class PixelFormat {
     /** eight bits a colour: blue in the lowest, then green and red */
-    Bgrx8,
+    bgrx8,
     /** ten bits a colour: blue in the lowest, then green and red */
-    Xrgb10,
+    xrgb10,
     /** ten bits a colour: red in the lowest, then green and blue */
-    Xbgr10,
+    xbgr10,
 };
 
 /**

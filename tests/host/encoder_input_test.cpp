@@ -258,15 +258,15 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
     LentBuffers buffers(layout);
     std::set<uint8_t*> lent;
     while (buffers.any_to_lend()) {
-        const uint32_t index = pool->take().value();
+        const uint32_t index = pool->acquire().value();
         const PictureInFlight picture = picture_of(pool, index);
         ASSERT_EQ(buffers.lend(&picture), picture.data);
         EXPECT_TRUE(buffers.is_lent(picture.data));
         buffers.complete();
-        EXPECT_TRUE(pool->give_back(index));
+        EXPECT_TRUE(pool->release(index));
         EXPECT_TRUE(lent.insert(picture.data).second) << "captured into while it is lent";
     }
-    EXPECT_FALSE(lent.contains(pool->picture(pool->take().value())));
+    EXPECT_FALSE(lent.contains(pool->picture(pool->acquire().value())));
     pool.reset();
     EXPECT_FALSE(memory.expired());
     for (uint8_t* const data : lent) {
@@ -282,8 +282,8 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
 TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
 {
     const auto pool = PicturePool::own(layout, 0);
-    const PictureInFlight first = picture_of(pool, *pool->take());
-    const PictureInFlight second = picture_of(pool, *pool->take());
+    const PictureInFlight first = picture_of(pool, *pool->acquire());
+    const PictureInFlight second = picture_of(pool, *pool->acquire());
     PictureInFlight other = second;
     other.layout.lines *= 2;
     LentBuffers buffers(layout);
@@ -312,7 +312,7 @@ TEST(EncoderLending, LendsMemoryWithNothingInIt)
 TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
 {
     const auto pool = PicturePool::own(layout, 0);
-    PictureInFlight picture = picture_of(pool, *pool->take());
+    PictureInFlight picture = picture_of(pool, *pool->acquire());
     TestEncoder encoder(params_of(64, 64));
     encoder.start();
     for (const uint64_t serial : {1, 1, 2, 0, 0}) {

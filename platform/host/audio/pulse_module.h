@@ -60,9 +60,9 @@ struct PulseSourceInfo {
 };
 
 /**
- * What the module libzu3_pulse.so offers, the only thing that links libpulse. The library brings two
- * dozen others along, 3 MiB of memory and 2 ms of a program's start, which recordings without sound
- * and screenshots do without.
+ * What the module libzu3_pulse.so offers, the only thing that links libpulse. The library brings
+ * two dozen others along, 3 MiB of memory and 2 ms of a program's start, which recordings without
+ * sound and screenshots do without.
  */
 struct PulseModule {
     /** Null without memory. */

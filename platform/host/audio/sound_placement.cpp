@@ -26,7 +26,7 @@ void SoundPlacement::place(SoundTimeline& timeline, const int16_t* samples, int6
     if (frames <= 0)
         return;
     const int64_t error = timeline.frame_at(heard_us) - timeline.end();
-    // Somebody filled a gap with silence meanwhile: what comes now belongs behind it.
+    // A gap was filled with silence meanwhile: this piece belongs behind it.
     if (!continues(timeline)) {
         align(timeline, samples, frames, error);
         return;

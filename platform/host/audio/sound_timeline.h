@@ -30,8 +30,8 @@ private:
 
 /**
  * The sound of one capture from its start on, of which the last seconds are kept. Frame n was heard
- * exactly n / 48000 s after the start, by the monotonic clock: who fills it keeps that true, who
- * reads it can rely on it. Not thread-safe.
+ * exactly n / 48000 s after the start, by the monotonic clock: its writer keeps that true, and its
+ * readers rely on it. Not thread-safe.
  */
 class SoundTimeline {
 public:

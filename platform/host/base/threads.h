@@ -33,7 +33,7 @@ inline void name_this_thread(const ThreadName& name)
 
 /**
  * Raises the stack size that threads get by default, x264's own included, to what they need. It is
- * that of RLIMIT_STACK, which somebody may have set to less than x264 lays on a stack.
+ * that of RLIMIT_STACK, which may be set to less than x264 lays on a stack.
  */
 inline void give_threads_enough_stack()
 {
@@ -59,7 +59,7 @@ inline void give_threads_enough_stack()
  * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and
  * the like. And it is preferred to ordinary programs where the system allows it (root,
  * CAP_SYS_NICE, RLIMIT_NICE): the picture or the sound that it comes late for is lost. A process
- * that somebody gave a priority keeps it.
+ * that was given a priority keeps it.
  */
 class ThreadInheritance {
 public:

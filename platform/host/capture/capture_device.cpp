@@ -217,7 +217,7 @@ uint32_t CaptureDevice::give_back(uint32_t index)
         return ZU_OK;
     }
     for (const auto& pool : pools_)
-        if (pool->give_back(index))
+        if (pool->release(index))
             return ZU_OK;
     return ZU_FAILURE;
 }
@@ -278,24 +278,24 @@ bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time 
 bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
     const auto index = at_border("Capturing a picture", std::optional<uint32_t>(),
-                                 [&] { return run.pool->take(); });
+                                 [&] { return run.pool->acquire(); });
     if (!index) {
         count_dropped(counters().pictures_dropped_no_buffer);
         return true;
     }
-    const Written written = at_border("Capturing a picture", Written::NoMemory, [&] {
+    const Written written = at_border("Capturing a picture", Written::no_memory, [&] {
         return write_picture(run, schedule.number(), *index);
     });
-    if (written == Written::Done) {
+    if (written == Written::done) {
         deliver(run, *index, schedule.due());
         return true;
     }
-    run.pool->give_back(*index);
-    if (written == Written::NoDisplay)
+    run.pool->release(*index);
+    if (written == Written::no_display)
         count_due(counters().pictures_dropped_no_display);
-    else if (written == Written::NoMemory)
+    else if (written == Written::no_memory)
         count_due(counters().pictures_dropped_no_buffer);
-    return written == Written::NoMemory;
+    return written == Written::no_memory;
 }
 
 CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number,
@@ -304,12 +304,12 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     const std::lock_guard lock(source_mutex_);
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
-        return Written::Stopped;
+        return Written::stopped;
     auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop,
                                           patience_of_pictures})
                          : std::nullopt;
     if (!image)
-        return stop.stop_requested() ? Written::Stopped : Written::NoDisplay;
+        return stop.stop_requested() ? Written::stopped : Written::no_display;
 
     image->size = without_odd_edge(image->size, run.visible);
     PicturePool& pool = *run.pool;
@@ -318,14 +318,14 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     const Placement placement = place_display(image->size, run.out, run.visible);
     // A slot of the capture's own still holds what it was given.
     if (!pool.is_shared() && contents.serial == image->serial && contents.bordered_for == placement)
-        return Written::Done;
+        return Written::done;
     // Where a renderer draws into the pictures, it may have drawn into a border that is seen.
     const bool border_seen = placement.image != run.visible;
     if (contents.bordered_for != placement || (border_seen && pool.is_shared()))
         blacken_border(placement, picture, pool.layout());
     contents = {placement, image->serial};
     write_nv12(scaler_.scaled(*image, placement.image), placement, picture, pool.layout());
-    return Written::Done;
+    return Written::done;
 }
 
 void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due)
@@ -340,7 +340,7 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
         handle = handle_;
     }
     if (!listener.call) {
-        run.pool->give_back(index);
+        run.pool->release(index);
         return;
     }
     count_due(counters().pictures_captured);

@@ -77,7 +77,7 @@ private:
         ZU_CAP_Callback call = nullptr;
         void* user = nullptr;
     };
-    enum class Written { Done, NoDisplay, NoMemory, Stopped };
+    enum class Written { done, no_display, no_memory, stopped };
 
     std::shared_ptr<PicturePool> make_pool(const ZU_CAP_Output_t& output);
 

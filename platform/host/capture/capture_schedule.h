@@ -8,7 +8,7 @@ namespace zu3host {
 /**
  * The moments at which pictures are due: start + n / rate, whatever happens in between, so that
  * nothing drifts. A picture that is more than one interval late is passed over, but for the first
- * few: who takes them is slow until its memory has been touched once, and catches up.
+ * few: the encoder is slow until its memory has been touched once, and catches up.
  */
 class CaptureSchedule {
 public:

@@ -23,7 +23,7 @@ constexpr uint32_t worth_a_word_ms = 1000;
 } // namespace
 
 /** Where the two threads meet. */
-struct PatientSource::Desk {
+struct PatientSource::Shared {
     std::mutex mutex;
     std::condition_variable changed;
     // used by the thread alone, but for cut()
@@ -36,7 +36,7 @@ struct PatientSource::Desk {
     bool busy = true;
     bool leaving = false;
 
-    static void serve(const std::shared_ptr<Desk>& desk, const Open& open);
+    static void serve(const std::shared_ptr<Shared>& shared, const Open& open);
     void hand_over(const GrabRequest& next);
     bool wait_a_slice(std::unique_lock<std::mutex>& lock)
     {
@@ -44,28 +44,28 @@ struct PatientSource::Desk {
     }
 };
 
-void PatientSource::Desk::serve(const std::shared_ptr<Desk>& desk, const Open& open)
+void PatientSource::Shared::serve(const std::shared_ptr<Shared>& shared, const Open& open)
 {
     auto opened = at_border("Opening the display", std::unique_ptr<WaitingSource>(), open);
-    std::unique_lock lock(desk->mutex);
-    desk->source = std::move(opened);
+    std::unique_lock lock(shared->mutex);
+    shared->source = std::move(opened);
     while (true) {
-        desk->busy = false;
-        desk->changed.notify_all();
-        desk->changed.wait(lock, [&] { return desk->busy || desk->leaving; });
-        if (desk->leaving)
+        shared->busy = false;
+        shared->changed.notify_all();
+        shared->changed.wait(lock, [&] { return shared->busy || shared->leaving; });
+        if (shared->leaving)
             break;
-        const GrabRequest request = desk->request;
+        const GrabRequest request = shared->request;
         lock.unlock();
         const auto image = at_border("Reading the display", std::optional<BgraImage>(),
-                                     [&] { return desk->source->grab(request); });
+                                     [&] { return shared->source->grab(request); });
         lock.lock();
-        desk->image = image;
+        shared->image = image;
     }
-    desk->source.reset();
+    shared->source.reset();
 }
 
-void PatientSource::Desk::hand_over(const GrabRequest& next)
+void PatientSource::Shared::hand_over(const GrabRequest& next)
 {
     request = next;
     image.reset();
@@ -75,17 +75,17 @@ void PatientSource::Desk::hand_over(const GrabRequest& next)
 
 std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open open)
 {
-    const auto desk = std::make_shared<Desk>();
-    std::thread thread =
-        start_thread("zu3 display", [desk, open = std::move(open)] { Desk::serve(desk, open); });
-    std::unique_lock lock(desk->mutex);
+    const auto shared = std::make_shared<Shared>();
+    std::thread thread = start_thread(
+        "zu3 display", [shared, open = std::move(open)] { Shared::serve(shared, open); });
+    std::unique_lock lock(shared->mutex);
     bool answered = false;
     for (int left = opening_limit / slice; left > 0 && !answered; --left)
-        answered = desk->wait_a_slice(lock);
-    if (desk->source)
-        return std::unique_ptr<PatientSource>(new PatientSource(name, desk, std::move(thread)));
-    desk->leaving = true;
-    desk->changed.notify_all();
+        answered = shared->wait_a_slice(lock);
+    if (shared->source)
+        return std::unique_ptr<PatientSource>(new PatientSource(name, shared, std::move(thread)));
+    shared->leaving = true;
+    shared->changed.notify_all();
     lock.unlock();
     if (answered) {
         thread.join();
@@ -99,11 +99,11 @@ std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open
 PatientSource::~PatientSource()
 {
     {
-        const std::lock_guard lock(desk_->mutex);
-        desk_->leaving = true;
-        if (desk_->busy)
-            desk_->source->cut();
-        desk_->changed.notify_all();
+        const std::lock_guard lock(shared_->mutex);
+        shared_->leaving = true;
+        if (shared_->busy)
+            shared_->source->cut();
+        shared_->changed.notify_all();
     }
     thread_.join();
     counters().display_silent_ms.store(0, std::memory_order_relaxed);
@@ -111,20 +111,20 @@ PatientSource::~PatientSource()
 
 std::optional<BgraImage> PatientSource::grab(const GrabRequest& request)
 {
-    std::unique_lock lock(desk_->mutex);
-    if (!desk_->busy)
-        desk_->hand_over(request);
+    std::unique_lock lock(shared_->mutex);
+    if (!shared_->busy)
+        shared_->hand_over(request);
     for (auto left = request.patience / slice; left > 0 && !request.stop.stop_requested();) {
-        if (!desk_->wait_a_slice(lock)) {
+        if (!shared_->wait_a_slice(lock)) {
             --left;
             note_silence();
             continue;
         }
         note_answer();
         // What was asked for before may be a picture of another kind.
-        if (desk_->request.pointer == request.pointer)
-            return desk_->image;
-        desk_->hand_over(request);
+        if (shared_->request.pointer == request.pointer)
+            return shared_->image;
+        shared_->hand_over(request);
     }
     return std::nullopt;
 }

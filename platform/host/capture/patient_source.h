@@ -39,10 +39,10 @@ public:
     std::optional<BgraImage> grab(const GrabRequest& request) override;
 
 private:
-    struct Desk;
+    struct Shared;
 
-    PatientSource(std::string name, std::shared_ptr<Desk> desk, std::thread thread)
-        : name_(std::move(name)), desk_(std::move(desk)), thread_(std::move(thread))
+    PatientSource(std::string name, std::shared_ptr<Shared> shared, std::thread thread)
+        : name_(std::move(name)), shared_(std::move(shared)), thread_(std::move(thread))
     {
     }
     void note_silence();
@@ -50,7 +50,7 @@ private:
 
     const std::string name_;
     // shared with the thread, which may come back late from an opening
-    const std::shared_ptr<Desk> desk_;
+    const std::shared_ptr<Shared> shared_;
     std::thread thread_;
     uint32_t silent_ms_ = 0;
 };

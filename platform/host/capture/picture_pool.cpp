@@ -21,8 +21,7 @@ constexpr size_t aligned(size_t bytes)
 }
 
 /**
- * Room for a chroma plane that is sized on 64 lines, which is how those who copy pictures may count
- * them.
+ * Includes a chroma plane sized on 64 lines, as a caller that copies pictures may count them.
  */
 size_t own_slot_bytes(PictureLayout layout)
 {
@@ -83,12 +82,12 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
 PicturePool::~PicturePool()
 {
     for (uint32_t slot = 0; slot < count(); ++slot)
-        give_back(first_index_ + slot);
+        release(first_index_ + slot);
     if (owned_)
         free_block(phys_);
 }
 
-std::optional<uint32_t> PicturePool::take()
+std::optional<uint32_t> PicturePool::acquire()
 {
     const std::lock_guard lock(mutex_);
     for (uint32_t slot = 0; slot < out_.size(); ++slot) {
@@ -103,7 +102,7 @@ std::optional<uint32_t> PicturePool::take()
     return std::nullopt;
 }
 
-bool PicturePool::give_back(uint32_t index)
+bool PicturePool::release(uint32_t index)
 {
     const std::lock_guard lock(mutex_);
     const uint32_t slot = index - first_index_;

@@ -13,9 +13,9 @@ namespace zu3host {
 
 /**
  * The pictures that a capture writes: slots of one piece of device memory, either of its own or the
- * encoder's entire inject buffer. Always the first free slot is taken, so that a capture whose
+ * encoder's entire inject buffer. The first free slot is used, so that a capture whose
  * pictures come back at once lives in the memory, and in the cache, of one. Thread-safe; a slot's
- * contents belong to who holds it.
+ * contents belong to its holder.
  */
 class PicturePool {
 public:
@@ -46,10 +46,10 @@ public:
     bool is_shared() const { return !owned_; }
     uint32_t count() const { return static_cast<uint32_t>(out_.size()); }
 
-    /** Takes a slot that is neither out nor leased; nothing when there is none. */
-    std::optional<uint32_t> take();
+    /** The first slot that is neither out nor leased; nullopt if there is none. */
+    std::optional<uint32_t> acquire();
     /** Puts a slot back; false for an index that is not out. */
-    bool give_back(uint32_t index);
+    bool release(uint32_t index);
     bool any_out();
 
     /** Of a slot that is out. */

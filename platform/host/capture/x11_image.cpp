@@ -32,7 +32,7 @@ int make_memory(size_t bytes)
 X11Image::X11Image(X11Connection& connection, PictureSize size)
     : connection_(connection), size_(size),
       format_(common::pixel_format(*xcb_get_setup(connection.xcb()), connection.screen())
-                  .value_or(common::PixelFormat::Bgrx8))
+                  .value_or(common::PixelFormat::bgrx8))
 {
 }
 
@@ -121,11 +121,11 @@ void X11Image::keep_plain(XcbOwned<xcb_get_image_reply_t> reply)
 
 void X11Image::bring_to_eight_bits()
 {
-    if (format_ == common::PixelFormat::Bgrx8)
+    if (format_ == common::PixelFormat::bgrx8)
         return;
     // In place: a pixel keeps its size.
     const auto convert =
-        format_ == common::PixelFormat::Xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
+        format_ == common::PixelFormat::xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
     const auto line = static_cast<int>(stride());
     convert(pixels_, line, pixels_, line, static_cast<int>(size_.width),
             static_cast<int>(size_.height));

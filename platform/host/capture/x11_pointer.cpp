@@ -12,7 +12,7 @@ X11Pointer::X11Pointer(X11Connection& connection) : connection_(connection)
 {
     xcb_connection_t* xcb = connection.xcb();
     if (connection.has(&xcb_xfixes_id)) {
-        // The server serves the extension's requests only to who has asked for its version.
+        // The server serves the extension only after a request for its version.
         const auto asked = xcb_xfixes_query_version(xcb, 4, 0);
         available_ =
             connection.wait<xcb_xfixes_query_version_reply_t>(asked.sequence).reply != nullptr;
@@ -28,7 +28,7 @@ X11Pointer::X11Pointer(X11Connection& connection) : connection_(connection)
                                    XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
 }
 
-bool X11Pointer::see(const xcb_generic_event_t& event)
+bool X11Pointer::handle_event(const xcb_generic_event_t& event)
 {
     if (!available_ || (event.response_type & 0x7F) != first_event_ + XCB_XFIXES_CURSOR_NOTIFY)
         return false;

@@ -16,7 +16,7 @@ public:
 
     bool available() const { return available_; }
     /** Takes note of an event; false when it does not concern the pointer. */
-    bool see(const xcb_generic_event_t& event);
+    bool handle_event(const xcb_generic_event_t& event);
     /**
      * Asks where the pointer is, and what it looks like if that changed; to be followed by
      * collect().

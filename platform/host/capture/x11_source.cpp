@@ -20,19 +20,19 @@ X11Damage::X11Damage(X11Connection& connection) : connection_(connection)
     xcb_damage_create(xcb, damage_, connection.screen().root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
 }
 
-bool X11Damage::see(const xcb_generic_event_t& event)
+bool X11Damage::handle_event(const xcb_generic_event_t& event)
 {
     if (!available() || (event.response_type & 0x7F) != first_event_ + XCB_DAMAGE_NOTIFY)
         return false;
-    any_ = true;
+    changed_ = true;
     return true;
 }
 
-void X11Damage::forget()
+void X11Damage::reset()
 {
     if (!available())
         return;
-    any_ = false;
+    changed_ = false;
     xcb_damage_subtract(connection_.xcb(), damage_, XCB_NONE, XCB_NONE);
 }
 
@@ -67,7 +67,7 @@ X11Source::X11Source(std::unique_ptr<X11Connection> connection)
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
     xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK,
                                  &events);
-    connection_->on_event([this](const xcb_generic_event_t& event) { see(event); });
+    connection_->on_event([this](const xcb_generic_event_t& event) { handle_event(event); });
 }
 
 X11Source::~X11Source()
@@ -76,9 +76,9 @@ X11Source::~X11Source()
     image_.reset();
 }
 
-void X11Source::see(const xcb_generic_event_t& event)
+void X11Source::handle_event(const xcb_generic_event_t& event)
 {
-    if (pointer_.see(event) || damage_.see(event))
+    if (pointer_.handle_event(event) || damage_.handle_event(event))
         return;
     if ((event.response_type & 0x7F) == XCB_CONFIGURE_NOTIFY)
         size_stale_ = true;
@@ -136,7 +136,7 @@ bool X11Source::still_shows(const GrabRequest& request)
     // Should a driver draw without telling, it is seen a second later.
     constexpr auto longest = std::chrono::seconds(1);
     const auto unchanged = [this] {
-        return !damage_.any() && !size_stale_ && !connection_->lost();
+        return !damage_.changed() && !size_stale_ && !connection_->lost();
     };
     if (!damage_.available() || !pointer_.available() || !request.pointer || !pointer_drawn_ ||
         !unchanged() || std::chrono::steady_clock::now() - fetched_ > longest)
@@ -152,7 +152,7 @@ bool X11Source::fetch(const GrabRequest& request)
 {
     const bool ask_pointer = request.pointer && !pointer_known_;
     // All questions travel together: one round trip a picture.
-    damage_.forget();
+    damage_.reset();
     image_->request();
     if (ask_pointer)
         pointer_.request();

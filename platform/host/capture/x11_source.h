@@ -20,21 +20,21 @@ public:
     /** Whether the server can tell. */
     bool available() const { return damage_ != 0; }
     /** Takes note of an event; false when it does not concern drawing. */
-    bool see(const xcb_generic_event_t& event);
+    bool handle_event(const xcb_generic_event_t& event);
     /**
      * Sent ahead of a request for the picture: what is drawn from then on counts. No round trip.
      */
-    void forget();
+    void reset();
     /**
      * Whether something was drawn, as far as events have been taken; may be true where nothing was.
      */
-    bool any() const { return any_; }
+    bool changed() const { return changed_; }
 
 private:
     X11Connection& connection_;
     xcb_damage_damage_t damage_ = 0;
     uint8_t first_event_ = 0;
-    bool any_ = true;
+    bool changed_ = true;
 };
 
 /**
@@ -54,7 +54,7 @@ public:
 
 private:
     explicit X11Source(std::unique_ptr<X11Connection> connection);
-    void see(const xcb_generic_event_t& event);
+    void handle_event(const xcb_generic_event_t& event);
     bool make_image();
     bool still_shows(const GrabRequest& request);
     bool fetch(const GrabRequest& request);

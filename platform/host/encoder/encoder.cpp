@@ -67,14 +67,14 @@ Encoder::Picture Encoder::Queue::pop()
 uint32_t Encoder::start(uint32_t handle)
 {
     const std::lock_guard lock(mutex_);
-    if (state_ == State::Running)
+    if (state_ == State::running)
         return ZU_OK;
-    if (state_ == State::Draining || state_ == State::Closed)
+    if (state_ == State::draining || state_ == State::closed)
         return ZU_FAILURE;
     handle_ = handle;
     ++session_;
     key_due_ = true;
-    state_ = State::Running;
+    state_ = State::running;
     changed_.notify_all();
     return ZU_OK;
 }
@@ -82,16 +82,16 @@ uint32_t Encoder::start(uint32_t handle)
 void Encoder::stop()
 {
     std::unique_lock lock(mutex_);
-    if (state_ == State::Running) {
-        state_ = State::Draining;
+    if (state_ == State::running) {
+        state_ = State::draining;
         changed_.notify_all();
     }
-    if (state_ == State::Draining && std::this_thread::get_id() != thread_id_)
+    if (state_ == State::draining && std::this_thread::get_id() != thread_id_)
         wait_patiently(changed_, lock, time_to_drain,
-                       [this] { return state_ != State::Draining || (queue_.empty() && !busy_); });
-    if (state_ != State::Draining && state_ != State::Opened)
+                       [this] { return state_ != State::draining || (queue_.empty() && !busy_); });
+    if (state_ != State::draining && state_ != State::opened)
         return;
-    state_ = State::Stopped;
+    state_ = State::stopped;
     drop_queue();
     changed_.notify_all();
 }
@@ -105,7 +105,7 @@ uint32_t Encoder::close()
     stop();
     {
         const std::lock_guard lock(mutex_);
-        state_ = State::Closed;
+        state_ = State::closed;
         changed_.notify_all();
     }
     const std::lock_guard lock(close_mutex_);
@@ -134,7 +134,7 @@ void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
 {
     if (std::this_thread::get_id() != thread_id_)
         wait_patiently(changed_, lock, time_to_get_warm, [this] {
-            return state_ != State::Running || cold_pictures_ == 0 || (queue_.empty() && !busy_);
+            return state_ != State::running || cold_pictures_ == 0 || (queue_.empty() && !busy_);
         });
 }
 
@@ -146,10 +146,10 @@ void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room
                        [&] { return !accepting() || has_room(); });
 }
 
-uint32_t Encoder::take(const ZU_VENC_InputBuffer_t& buffer)
+uint32_t Encoder::accept(const ZU_VENC_InputBuffer_t& buffer)
 {
     std::unique_lock lock(mutex_);
-    const uint32_t result = at_border("Taking a picture", [&] { return admit(lock, buffer); });
+    const uint32_t result = at_border("Accepting a picture", [&] { return admit(lock, buffer); });
     if (result != ZU_OK) {
         count_lost_picture(counters().pictures_refused);
         return result;
@@ -172,8 +172,7 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
         .injected = buffer.bEntireInject != 0,
         .serial = 0,
     };
-    // From here on it is the encoder's: nobody else may write into it, not even while there is no
-    // room.
+    // From here on the picture must not be overwritten, not even while there is no room.
     if (picture.injected)
         lease_picture(picture.data);
     else
@@ -290,10 +289,10 @@ std::optional<Encoder::Work> Encoder::next_work()
     busy_ = false;
     changed_.notify_all();
     changed_.wait(lock, [this] {
-        const bool encoding = state_ == State::Running || state_ == State::Draining;
-        return state_ == State::Closed || (encoding && !queue_.empty());
+        const bool encoding = state_ == State::running || state_ == State::draining;
+        return state_ == State::closed || (encoding && !queue_.empty());
     });
-    if (state_ == State::Closed)
+    if (state_ == State::closed)
         return std::nullopt;
     busy_ = true;
     Work work{queue_.pop(), std::exchange(new_rate_, std::nullopt), session_, handle_};
@@ -347,7 +346,7 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
 bool Encoder::may_deliver(uint32_t session)
 {
     const std::lock_guard lock(mutex_);
-    return session == session_ && (state_ == State::Running || state_ == State::Draining);
+    return session == session_ && (state_ == State::running || state_ == State::draining);
 }
 
 void signal_frame()

@@ -17,11 +17,10 @@
 namespace zu3host {
 
 /**
- * An open encoder: takes pictures on any thread, encodes them on a thread of its own and hands the
- * frames to the callback there. It never waits for whoever delivers pictures. Who delivers waits a
- * while where it has no room, since to be refused costs a capture several pictures; then it
- * refuses. Every call may come from any thread, also out of the callback, except close(). Results
- * are ZU_* codes.
+ * An open encoder: accepts pictures on any thread, encodes them on its own and calls back there
+ * with the frames. It never blocks on its producer; a producer blocks briefly when the queue is
+ * full, since a refusal costs a capture several pictures, and is refused then. Any thread may make
+ * every call, also within the callback, except close(). Results are ZU_* codes.
  */
 class Encoder {
 public:
@@ -31,34 +30,33 @@ public:
     ~Encoder();
 
     /**
-     * Encodes from now on, what was taken before the first start included; begins with a key frame.
-     * `handle` is what the callback is told.
+     * Encodes from now on, pictures accepted before the first start included; begins with a key
+     * frame. The callback gets `handle`.
      */
     uint32_t start(uint32_t handle);
     /**
-     * Takes no more pictures, lets those in the queue be encoded if that is soon done, and drops
-     * the rest. No callback begins after it returned; one may still be running.
+     * Accepts no more pictures, encodes those in the queue for up to 150 ms, and drops the rest. No
+     * callback begins after it returned; one may still be running.
      */
     void stop();
     /**
-     * Stops and joins the thread, so waits for a callback that is running; ZU_FAILURE out of the
-     * callback itself.
+     * Stops, and joins the thread, which waits for a callback that is running. ZU_FAILURE within
+     * the callback itself.
      */
     uint32_t close();
 
-    /** Lends an input buffer; waits for one, and ZU_BUSY when none has become free. */
+    /** Lends an input buffer; waits up to 80 ms for one. @return ZU_BUSY if none became free */
     uint32_t lend(ZU_VENC_InputBuffer_t& buffer);
     /**
-     * Takes a filled picture: the lent buffer, or one in the inject region, which is leased until
-     * it is encoded. Waits for a place in the queue. Called within a capture's callback, the
-     * picture's time is when that picture was due, else the buffer's own.
+     * Accepts a filled picture: the lent buffer, or one in the inject region, which is leased until
+     * it is encoded. Waits up to 80 ms for a place in the queue. Within a capture's callback the
+     * picture's time is when that picture was due, otherwise the buffer's time stamp.
      * @return ZU_INVALID_ARGUMENT for any other address or too few bytes, ZU_FAILURE when stopped,
-     * ZU_BUSY when the queue stays full; in every case the picture is not encoded and counted as
-     * refused
+     * ZU_BUSY if the queue stays full; the picture is then not encoded, and counted as refused
      */
-    uint32_t take(const ZU_VENC_InputBuffer_t& buffer);
+    uint32_t accept(const ZU_VENC_InputBuffer_t& buffer);
     /**
-     * Describes the inject region, allocated at the first call; address 0 where none is offered.
+     * Describes the inject region, allocated at the first call; address 0 if none is offered.
      */
     uint32_t offer_inject_region(ZU_VENC_EntireInjectBuf_t& region);
     /** From the next picture on; `bitrate` in units of 1024 bit/s, not 0. */
@@ -99,7 +97,7 @@ private:
         uint32_t session;
         uint32_t handle;
     };
-    enum class State { Opened, Running, Draining, Stopped, Closed };
+    enum class State { opened, running, draining, stopped, closed };
 
     Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
             std::unique_ptr<X264Encoder> x264);
@@ -107,17 +105,17 @@ private:
     uint32_t admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer);
     /**
      * x264's first pictures take several times as long as later ones, since it touches its memory
-     * for the first time: until then pictures are taken one by one, so that none of them waits in
-     * memory that later is not needed. Waits, bounded.
+     * for the first time. Until then pictures are accepted one by one, so that none waits in memory
+     * that later is not needed. Waits up to 250 ms.
      */
     void wait_until_warm(std::unique_lock<std::mutex>& lock);
     /**
-     * Waits, bounded, for room; no longer than pictures are taken, and not on the thread that makes
-     * room.
+     * Waits, bounded, for room; no longer than pictures are accepted, and not on the thread that
+     * makes room.
      */
     template <typename HasRoom>
     void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
-    bool accepting() const { return state_ == State::Opened || state_ == State::Running; }
+    bool accepting() const { return state_ == State::opened || state_ == State::running; }
     bool address_is_known(const ZU_VENC_InputBuffer_t& buffer);
     void give_back(const Picture& picture);
     void drop_queue();
@@ -139,7 +137,7 @@ private:
     // guards all below; a leaf but for the picture leases and the block table
     std::mutex mutex_;
     std::condition_variable changed_;
-    State state_ = State::Opened;
+    State state_ = State::opened;
     uint32_t handle_ = 0;
     // counts starts: a frame of an earlier one is not handed out in a later one
     uint32_t session_ = 0;
@@ -158,7 +156,7 @@ private:
     std::optional<OpenEncoderSize> size_while_open_;
     // set before any other thread knows the encoder
     std::thread::id thread_id_;
-    // held by the one who joins
+    // held while joining
     std::mutex close_mutex_;
     std::thread thread_;
 };

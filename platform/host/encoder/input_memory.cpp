@@ -46,7 +46,7 @@ uint8_t* LentBuffers::lend(const PictureInFlight* captured)
         const auto found = std::ranges::find(buffers_, nullptr, &Buffer::data);
         lent_ = found == buffers_.end() ? nullptr : &*found;
     } else if (lent_->borrowed || usable) {
-        // the picture of an earlier callback is nobody's to write into
+        // the picture of an earlier callback must not be written into
         empty(*lent_);
     }
     if (!lent_)

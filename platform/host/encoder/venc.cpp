@@ -101,7 +101,7 @@ HOST_EXPORT u32 ZU_VENC_WriteBufferComplete(u32 u32Handle, const ZU_VENC_InputBu
     if (!pstBuffer)
         return ZU_INVALID_ARGUMENT;
     return with_object(__func__, encoders, u32Handle,
-                       [=](Encoder& encoder) { return encoder.take(*pstBuffer); });
+                       [=](Encoder& encoder) { return encoder.accept(*pstBuffer); });
 }
 
 HOST_EXPORT u32 ZU_VENC_QueryEntireInjectBuffer(u32 u32Handle, ZU_VENC_EntireInjectBuf_t* pstBuffer)

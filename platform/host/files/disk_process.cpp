@@ -29,8 +29,8 @@ namespace zu3host {
 namespace {
 
 /**
- * Processes that are told to end and may not have yet. They tell nobody of their end, so as not to
- * disturb a program that waits for children of its own, and have to be asked.
+ * Processes that were told to end and may not have yet. Their end sends no signal, which could
+ * disturb a program that waits for its own children, so they are polled.
  */
 class Ending {
 public:
@@ -108,8 +108,8 @@ NOTHING_BUT_ITSELF void DiskProcess::run(const uint8_t* shared, int file, int so
         const Answer answer = carry_out(order, shared, file);
         syscall(SYS_write, socket, &answer, sizeof answer);
     }
-    // The kernel begins to write the file out. A busy disk may hold the call, and with it nobody
-    // but us.
+    // The kernel begins to write the file out. A busy disk may hold the call, and only this process
+    // with it.
     syscall(SYS_sync_file_range, file, 0L, 0L, static_cast<long>(SYNC_FILE_RANGE_WRITE));
     syscall(SYS_exit_group, 0);
     __builtin_unreachable();
@@ -171,8 +171,7 @@ DiskProcess::Answer DiskProcess::answer()
         got = recv(socket_.get(), &answer, sizeof answer, 0);
     while (got < 0 && errno == EINTR);
     busy_ = false;
-    // Somebody has ended it: what it had written of this is not known, so that it counts as
-    // nothing.
+    // The process was killed: how much of this it had written is not known and counts as nothing.
     return got == static_cast<ssize_t>(sizeof answer) ? answer : Answer{0, EIO};
 }
 

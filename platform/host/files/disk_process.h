@@ -13,24 +13,24 @@ namespace zu3host {
  * Writes to an ordinary file from a process of its own.
  *
  * The kernel holds a thread whose disk stands still (a frozen file system, a dead server) in its
- * write until the disk moves again, and no signal ends that: neither the thread nor the process
- * that it belongs to can go. So the thread that may be held is the only one of a process that
- * nobody waits for. It has the file and nothing else of ours, ends once its owner has gone and its
- * last write is through, and takes no signal but SIGKILL.
+ * write until the disk moves again, and no signal ends that: neither the thread nor its process can
+ * exit. So the thread that may be held is the only one of a process that is never waited for. It
+ * has the file and nothing else of ours, ends once its owner has gone and its last write is
+ * through, and receives no signal but SIGKILL.
  *
  * One thread at a time uses an object.
  */
 class DiskProcess {
 public:
     /**
-     * Bytes that one write() takes at most: the greatest picture, since a write is whole even if we
+     * The most bytes of one write(): the greatest picture, since a write is whole even if we
      * are killed.
      */
     static constexpr size_t capacity = 4 << 20;
 
     /**
-     * What became of a write: bytes that are with the kernel, and the errno that ended it early, 0
-     * = none.
+     * The result of a write: bytes that the kernel has, and the errno that ended it early, 0 =
+     * none.
      */
     struct Answer {
         size_t written;
@@ -52,7 +52,7 @@ public:
     bool busy() const { return busy_; }
     /** Readable once the write under way is through. */
     int fd() const { return socket_.get(); }
-    /** What became of the write; waits for it. */
+    /** The result of the write; waits for it. */
     Answer answer();
 
 private:

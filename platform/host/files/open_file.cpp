@@ -61,8 +61,8 @@ Opened open_existing(const common::TrustedPath& place, int flags)
 }
 
 /**
- * Opens a file to be written, or makes one for its owner alone: a recording of a screen is nobody
- * else's.
+ * Opens a file to be written, or makes one that only its owner may read, since it may show a
+ * screen.
  */
 Opened open_to_write(const char* name, int flags)
 {
@@ -371,9 +371,8 @@ bool OpenFile::close()
         return false;
     }
     const bool whole = write_unfinished(unfinished_.whole_at_end());
-    // The kernel begins to write the file out, and nobody waits for it: a busy disk takes seconds,
-    // while a close is to be over in a moment. What the medium does not take shows at the next use
-    // of the file.
+    // The kernel begins to write the file out without a wait: a busy disk needs seconds, and a
+    // close has to be short. An error of the medium shows at the next use of the file.
     int error = 0;
     if (disk_)
         // which begins that by itself

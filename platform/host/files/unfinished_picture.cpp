@@ -87,13 +87,13 @@ bool UnfinishedPicture::append(const void* batch, size_t size)
     if (skipping_)
         drop_until_random_access(packet_bytes);
     for (size_t at = std::min(before, bytes_.size()); at < bytes_.size(); at += packet_bytes)
-        look_at(at, packet_bytes);
+        scan_packet(at, packet_bytes);
     if (!any_ || bytes_.size() - whole_ > greatest_picture)
         whole_ = bytes_.size();
     return true;
 }
 
-void UnfinishedPicture::look_at(size_t packet_at, size_t packet_bytes)
+void UnfinishedPicture::scan_packet(size_t packet_at, size_t packet_bytes)
 {
     const uint8_t* const packet = bytes_.data() + packet_at + packet_bytes - TS_SIZE;
     const Begins begins = begins_with(packet);

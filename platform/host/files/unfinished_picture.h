@@ -40,7 +40,7 @@ public:
     void skip_to_random_access();
 
 private:
-    void look_at(size_t packet_at, size_t packet_bytes);
+    void scan_packet(size_t packet_at, size_t packet_bytes);
     void begin_picture(const uint8_t* packet);
     void go_on_with_picture(const uint8_t* packet);
     void drop_until_random_access(size_t packet_bytes);

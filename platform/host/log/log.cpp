@@ -139,7 +139,7 @@ void put_lines(LineBuffer& out, std::string_view prefix, std::string_view messag
     }
 }
 
-// Nobody waits long for who does not read: a log must not hold up a recording, nor its end.
+// A log that is not read must not hold up a recording, nor its end.
 constexpr std::chrono::milliseconds patience_at_the_end(200);
 
 /** Standard error; made without memory, the lack of which a line may report. */

@@ -156,7 +156,7 @@ uint64_t address_of(const uint8_t* virt)
 }
 
 /**
- * A zeroed file in memory whose size nobody can change, also not one who was given its descriptor.
+ * A zeroed file in memory whose size cannot change, not even through a duplicated descriptor.
  */
 common::Descriptor make_sealed_file(const char* name, uint64_t bytes)
 {
@@ -204,7 +204,7 @@ std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
     Blocks& all = blocks();
     const std::lock_guard lock(all.mutex);
     block->phys = all.next_phys;
-    // A page that belongs to nobody lies between two blocks, so that an overrun is never another
+    // An unused page lies between two blocks, so that an overrun is never another
     // block's address.
     all.next_phys += whole_pages(size) + page_bytes;
     const MemoryBlock view = block->view();

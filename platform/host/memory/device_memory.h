@@ -24,7 +24,7 @@ struct MemoryBlock {
 /** Allocates `size` zeroed bytes; nothing when there is no memory or no room below 4 GiB. */
 std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size);
 /**
- * Forgets the block that starts at `phys`, and unmaps and closes it, once nobody holds its memory
+ * Forgets the block that starts at `phys`, and unmaps and closes it, once its memory has no holder
  * (memory_register.h); false when there is none.
  */
 bool free_block(uint64_t phys);

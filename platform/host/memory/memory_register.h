@@ -18,8 +18,7 @@ namespace zu3host {
  */
 void register_memory(const void* start, size_t bytes, std::weak_ptr<const void> memory);
 /**
- * To be called by the owner before the addresses can be somebody else's; for memory that is not
- * known too.
+ * The owner calls it before the addresses can be reused; also for memory that is not known.
  */
 void forget_memory(const void* start);
 

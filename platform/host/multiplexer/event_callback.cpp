@@ -7,7 +7,7 @@ namespace zu3host {
 namespace {
 
 /**
- * An encoder pushes from one thread, so that more at once are somebody's mistake, and cost memory.
+ * An encoder pushes from one thread: more at once are a mistake, and cost memory.
  */
 constexpr size_t most_callers = 8;
 

@@ -262,7 +262,7 @@ uint32_t Multiplexer::push_locked(const ZU_TSMUX_MediaData_t& data)
     if (closed_ || !running_)
         return ZU_FAILURE;
     if (data.u64MuxSrcId == 0 || data.u64MuxSrcId != pictures_id_)
-        // sound is gathered here, nobody pushes it
+        // sound is gathered here and never pushed
         return ZU_INVALID_ARGUMENT;
     if (!data.pu8Data || data.u32DataSize == 0)
         return ZU_INVALID_ARGUMENT;

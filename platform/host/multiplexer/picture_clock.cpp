@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint64_t no_time = std::numeric_limits<uint64_t>::max();
 constexpr int64_t ticks_per_second = 90000;
-/** Ten minutes: without a continuity control there is still a step that nobody would wait for. */
+/** Ten minutes: the greatest step that is believed without a continuity control. */
 constexpr int64_t default_limit = 600 * ticks_per_second;
 
 /**

@@ -13,7 +13,7 @@ namespace zu3host {
 
 /**
  * A mutex with a time limit and an owner, which may be retired while threads hold it or wait for
- * it; whoever reaches it keeps it alive. The limit runs on the monotonic clock.
+ * it. The limit counts the time that this process runs.
  */
 class TimedMutex {
 public:
@@ -22,7 +22,7 @@ public:
     Result obtain(std::chrono::milliseconds limit);
     /** False when the calling thread does not hold it. */
     bool release();
-    /** From now on nobody obtains it; those who wait are told at once. */
+    /** From now on no thread obtains it; those that wait return at once. */
     void retire();
 
 private:

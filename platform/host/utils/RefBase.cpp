@@ -22,7 +22,7 @@ public:
     std::atomic<int32_t> strong{no_reference_yet};
 };
 
-// Those who make one may be built without exceptions. Without memory for its counter an object is
+// A caller may be built without exceptions. Without memory for its counter an object is
 // not counted, so that it stays for ever, which is better than to go too soon.
 RefBase::RefBase() : mRefs(new (std::nothrow) weakref_type) {}
 
@@ -59,7 +59,7 @@ void RefBase::onFirstRef() {}
 
 void RefBase::onLastStrongRef(const void*) {}
 
-// Without weak pointers nobody tries to revive an object, and none outlives its last strong
+// Without weak pointers no object is revived, and none outlives its last strong
 // reference.
 bool RefBase::onIncStrongAttempted(uint32_t, const void*)
 {

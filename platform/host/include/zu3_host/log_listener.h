@@ -14,7 +14,7 @@ extern "C" {
 /**
  * Receives what is logged, on the thread that logs: it returns at once and logs nothing itself.
  *
- * @param tag who logs
+ * @param tag names the part that logs
  * @param lines what would be printed: one line or several, each with its line end; not terminated
  *     by a 0
  * @param size bytes of it
