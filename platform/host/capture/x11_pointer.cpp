@@ -97,7 +97,8 @@ void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size) const
     if (left >= right || top >= bottom)
         return;
     const uint32_t* cursor = xcb_xfixes_get_cursor_image_cursor_image(image_.get());
-    const auto* shown = reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{top - y} * width + (left - x));
+    const auto* shown =
+        reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{top - y} * width + (left - x));
     uint8_t* under = pixels + size_t{stride} * static_cast<uint32_t>(top) +
                      size_t{4} * static_cast<uint32_t>(left);
     // Both take colours multiplied by their alpha.
