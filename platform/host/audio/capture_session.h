@@ -15,16 +15,16 @@ public:
     using Clock = int64_t (*)();
     using OpenSource = std::function<std::unique_ptr<SoundSource>(SharedTimeline&)>;
 
-    /** Starts to listen; `clock` tells microseconds of the monotonic clock. */
+    /** Starts to listen; `clock` returns microseconds of the monotonic clock. */
     CaptureSession(const OpenSource& open, Clock clock,
                    int64_t capacity = SoundTimeline::usual_capacity);
 
-    /** Ends listening for good. What was heard until now can still be read. */
+    /** Ends listening for good. Sound heard until now can still be read. */
     void finish();
 
-    /** The frame at which a reader that comes now begins. */
+    /** The frame at which a new reader begins. */
     int64_t end();
-    /** What a read took. */
+    /** The result of a read. */
     struct Taken {
         /** frames copied */
         int64_t frames;
@@ -56,7 +56,7 @@ class SessionReader final : public PcmReader {
 public:
     using Current = std::shared_ptr<CaptureSession> (*)();
 
-    /** @param current tells the session that runs, null when none does */
+    /** @param current returns the running session, null if there is none */
     explicit SessionReader(Current current);
 
     size_t level() override;

@@ -39,6 +39,22 @@ bool output_is_possible(const ZU_CAP_Output_t& output)
     return false;
 }
 
+constexpr uint32_t picture_event = 1;
+// What a display that does not answer leaves out is counted once in so long.
+constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
+
+void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count(outcome, by);
+}
+
+void count_dropped(std::atomic<uint64_t>& reason, uint64_t by = 1)
+{
+    count(counters().pictures_due, by);
+    count_lost_picture(reason, by);
+}
+
 } // namespace
 
 CaptureDevice::~CaptureDevice()
@@ -221,26 +237,6 @@ uint32_t CaptureDevice::give_back(uint32_t index)
             return ZU_OK;
     return ZU_FAILURE;
 }
-
-namespace {
-
-constexpr uint32_t picture_event = 1;
-// What a display that does not answer leaves out is counted once in so long.
-constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
-
-void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
-{
-    count(counters().pictures_due, by);
-    count(outcome, by);
-}
-
-void count_dropped(std::atomic<uint64_t>& reason, uint64_t by = 1)
-{
-    count(counters().pictures_due, by);
-    count_lost_picture(reason, by);
-}
-
-} // namespace
 
 void CaptureDevice::run_thread()
 {

@@ -23,12 +23,12 @@ namespace zu3host {
  */
 inline constexpr uint32_t main_display = 0xD1500000;
 
-/** What one start of a capture asked for. */
+/** The parameters of one start of a capture. */
 struct CaptureRun {
     std::shared_ptr<PicturePool> pool;
     /** of the pictures, rounded */
     PictureSize out;
-    /** what of them is seen */
+    /** the part that is seen */
     PictureSize visible;
     /** pictures per second */
     uint32_t rate;
@@ -37,8 +37,8 @@ struct CaptureRun {
 
 /**
  * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in
- * one pass into a free slot and hands it to the callback, with no lock held. Results are ZU_*
- * codes; any call may come from any thread, also out of the callback, except close().
+ * one pass into a free slot and passes it to the callback, with no lock held. Results are ZU_*
+ * codes. Any thread may make any call, also within the callback, except close().
  */
 class CaptureDevice {
 public:
@@ -55,16 +55,15 @@ public:
     uint32_t remove_callback(uint64_t id);
 
     /**
-     * `handle` is what the callback is told. Throws std::system_error when the system gives no
-     * thread.
+     * The callback gets `handle`. Throws std::system_error when the system gives no thread.
      */
     uint32_t start(uint32_t handle, const ZU_CAP_CaptureParams_t& params);
     /**
-     * Returns once nothing is written into a picture any more. A callback that is running is not
-     * waited for: it may need what only the caller can give.
+     * Returns once no picture is written any more. Does not wait for a running callback, which may
+     * wait for the caller.
      */
     uint32_t stop();
-    /** Stops and waits for a callback that is running; ZU_FAILURE out of the callback itself. */
+    /** Stops, and waits for a running callback; ZU_FAILURE within the callback itself. */
     uint32_t close();
 
     uint32_t capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP_FrameInfo_t& frame);
@@ -85,14 +84,13 @@ private:
     std::shared_ptr<CaptureRun> next_run();
     void stream(CaptureRun& run);
     bool wait_until_due(const CaptureRun& run, CaptureSchedule::Time due);
-    /** False when the display gave no picture. */
+    /** False if the display gave no picture. */
     bool capture_picture(CaptureRun& run, const CaptureSchedule& schedule);
     Written write_picture(CaptureRun& run, uint64_t number, uint32_t index);
     void deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due);
 
-    std::mutex
-        // held while a picture is grabbed and converted; taken before mutex_ where both are
-        source_mutex_;
+    // held while a picture is grabbed and converted; locked before mutex_ if both are
+    std::mutex source_mutex_;
     std::unique_ptr<PictureSource> source_;
     BgraScaler scaler_;
     uint32_t stills_ = 0;
@@ -105,9 +103,8 @@ private:
     uint32_t handle_ = 0;
     // null while stopped
     std::shared_ptr<CaptureRun> run_;
-    std::vector<std::shared_ptr<PicturePool>>
-        // the newest last, older ones while a picture of them is out
-        pools_;
+    // the newest last, older ones while a picture of them is out
+    std::vector<std::shared_ptr<PicturePool>> pools_;
     uint32_t next_index_ = 0;
     uint32_t stills_out_ = 0;
     bool closing_ = false;

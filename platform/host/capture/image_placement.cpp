@@ -27,6 +27,38 @@ uint32_t middle(uint32_t box, uint32_t length)
     return length < box ? (box - length) / 2 & ~1u : 0;
 }
 
+constexpr uint8_t black_luma = 16;
+constexpr uint8_t no_colour = 128;
+
+struct Plane {
+    uint8_t* data;
+    // also its width
+    uint32_t stride;
+    uint32_t lines;
+};
+
+/** A part of a plane, in bytes and lines. */
+struct Window {
+    uint32_t x;
+    uint32_t y;
+    uint32_t width;
+    uint32_t height;
+};
+
+void fill_around(const Plane& plane, const Window& kept, uint8_t value)
+{
+    const uint32_t right = kept.x + kept.width;
+    const uint32_t bottom = kept.y + kept.height;
+    std::memset(plane.data, value, size_t{plane.stride} * kept.y);
+    for (uint32_t line = kept.y; line < bottom; ++line) {
+        uint8_t* start = plane.data + size_t{plane.stride} * line;
+        std::memset(start, value, kept.x);
+        std::memset(start + right, value, plane.stride - right);
+    }
+    std::memset(plane.data + size_t{plane.stride} * bottom, value,
+                size_t{plane.stride} * (plane.lines - bottom));
+}
+
 } // namespace
 
 PictureSize without_odd_edge(PictureSize display, PictureSize visible)
@@ -77,42 +109,6 @@ BgraImage BgraScaler::scaled(const BgraImage& image, PictureSize size)
                       static_cast<int>(size.height), libyuv::kFilterBox);
     return {pixels_.data(), stride, size, image.serial};
 }
-
-namespace {
-
-constexpr uint8_t black_luma = 16;
-constexpr uint8_t no_colour = 128;
-
-struct Plane {
-    uint8_t* data;
-    // also its width
-    uint32_t stride;
-    uint32_t lines;
-};
-
-/** A part of a plane, in bytes and lines. */
-struct Window {
-    uint32_t x;
-    uint32_t y;
-    uint32_t width;
-    uint32_t height;
-};
-
-void fill_around(const Plane& plane, const Window& kept, uint8_t value)
-{
-    const uint32_t right = kept.x + kept.width;
-    const uint32_t bottom = kept.y + kept.height;
-    std::memset(plane.data, value, size_t{plane.stride} * kept.y);
-    for (uint32_t line = kept.y; line < bottom; ++line) {
-        uint8_t* start = plane.data + size_t{plane.stride} * line;
-        std::memset(start, value, kept.x);
-        std::memset(start + right, value, plane.stride - right);
-    }
-    std::memset(plane.data + size_t{plane.stride} * bottom, value,
-                size_t{plane.stride} * (plane.lines - bottom));
-}
-
-} // namespace
 
 void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
                 PictureLayout layout)

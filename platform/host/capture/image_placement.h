@@ -45,7 +45,7 @@ Placement place_display(PictureSize display, PictureSize out, PictureSize visibl
 class BgraScaler {
 public:
     /**
-     * The image itself where it has that size, else a scaled one, which lives until the next call.
+     * The image itself if it has that size, otherwise a scaled one, valid until the next call.
      */
     BgraImage scaled(const BgraImage& image, PictureSize size);
 
@@ -60,7 +60,7 @@ private:
 void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
                 PictureLayout layout);
 
-/** Makes black what the placement leaves of the picture. */
+/** Blackens the part of the picture that the placement leaves free. */
 void blacken_border(const Placement& placement, uint8_t* picture, PictureLayout layout);
 
 } // namespace zu3host

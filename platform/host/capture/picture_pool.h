@@ -27,7 +27,7 @@ public:
         uint64_t serial = 0;
     };
 
-    /** A handful of slots of its own; null without memory. Indices count up from `first_index`. */
+    /** Nine slots in its own memory; null without memory. Indices count up from `first_index`. */
     static std::shared_ptr<PicturePool> own(PictureLayout layout, uint32_t first_index);
     /**
      * The slots that fit in `size` bytes at `address`; null, with a log line, where none fits or it
@@ -67,9 +67,8 @@ private:
     const size_t slot_bytes_;
     const uint32_t first_index_;
     const bool owned_;
-    const std::shared_ptr<const void>
-        // a picture is being written when an encoder gives its region up
-        memory_;
+    // keeps the region while a picture is written, after the encoder has freed it
+    const std::shared_ptr<const void> memory_;
     std::vector<Contents> contents_;
 
     std::mutex mutex_;

@@ -25,7 +25,7 @@ struct BgraImage {
 };
 
 struct GrabRequest {
-    /** the size that is best to get; a source with a size of its own keeps it */
+    /** the preferred size; a source with a fixed size ignores it */
     PictureSize wanted;
     /** of the picture in the schedule; a source may show it */
     uint32_t number;
@@ -37,13 +37,13 @@ struct GrabRequest {
     std::chrono::milliseconds patience;
 };
 
-/** Where pictures come from: a display, or what stands in for one. One thread at a time. */
+/** A display, or a replacement for one. One thread at a time. */
 class PictureSource {
 public:
     virtual ~PictureSource() = default;
     /**
-     * What is on the display now; nothing when it cannot be had (in time), the reason of which is
-     * logged once.
+     * The display's picture now; nullopt if it cannot be read (in time), with the reason logged
+     * once.
      */
     virtual std::optional<BgraImage> grab(const GrabRequest& request) = 0;
 };

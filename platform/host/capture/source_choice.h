@@ -7,8 +7,8 @@
 namespace zu3host {
 
 /**
- * The source that ZU3_DISPLAY names, X11 where it is not set. Null with a log line when there is
- * none.
+ * The source that ZU3_DISPLAY names, X11 if it is not set. Null, with a log line, if it cannot be
+ * opened.
  */
 std::unique_ptr<PictureSource> open_picture_source();
 

@@ -12,10 +12,10 @@ namespace {
  * it:
  *
  *  - the picture's number, 32 bits: bit i (0 = least significant) is the block of 16x16 pixels at
- *    x = 16 * (i % 16), y = 16 * (i / 16), white (luma 235) for 1 and black (luma 16) for 0. The mean luma of
- * a block's inner 8x8 pixels above 128 means 1, whatever the encoder did to its edges. The number
- * is that of the picture's moment in the capture's schedule, so that a dropped picture leaves a
- * gap;
+ *    x = 16 * (i % 16), y = 16 * (i / 16), white (luma 235) for 1 and black (luma 16) for 0. A mean
+ *    luma above 128 in the inner 8x8 pixels means 1, whatever the encoder did to the edges. The
+ *    number is that of the picture's moment in the capture's schedule, so that a dropped picture
+ *    leaves a gap;
  *  - colours: patches of 48x48 pixels with their top left at (0,48) red, (64,48) white, (128,48)
  *    black.
  *

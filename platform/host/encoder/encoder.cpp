@@ -42,6 +42,17 @@ bool inject_is_allowed()
     return !wish || std::strcmp(wish, "0") != 0;
 }
 
+ZU_VENC_FrameInfo_t frame_record(const AccessUnit& unit, uint64_t pts, uint32_t index)
+{
+    ZU_VENC_FrameInfo_t frame{};
+    frame.pu8Data = unit.data;
+    frame.u32DataSize = unit.size;
+    frame.u8FrameType = unit.key ? E_ZU_VENC_FRAME_TYPE_KEY : 1;
+    frame.u64Pts = pts;
+    frame.u32InBufIndex = unit.key ? UINT32_MAX : index;
+    return frame;
+}
+
 } // namespace
 
 Encoder::Encoder(const ZU_VENC_OpenParams_t& params, const EncoderSettings& settings,
@@ -239,27 +250,6 @@ uint32_t Encoder::set_bitrate(uint32_t bitrate)
     new_rate_ = EncoderRate::of(bitrate);
     return ZU_OK;
 }
-
-} // namespace zu3host
-
-// The encoder's own thread: what runs between a picture that was taken and the end of the callback
-// with its frame.
-
-namespace zu3host {
-namespace {
-
-ZU_VENC_FrameInfo_t frame_record(const AccessUnit& unit, uint64_t pts, uint32_t index)
-{
-    ZU_VENC_FrameInfo_t frame{};
-    frame.pu8Data = unit.data;
-    frame.u32DataSize = unit.size;
-    frame.u8FrameType = unit.key ? E_ZU_VENC_FRAME_TYPE_KEY : 1;
-    frame.u64Pts = pts;
-    frame.u32InBufIndex = unit.key ? UINT32_MAX : index;
-    return frame;
-}
-
-} // namespace
 
 std::shared_ptr<Encoder> Encoder::open(const ZU_VENC_OpenParams_t& params)
 {

@@ -27,7 +27,7 @@ struct EncoderRate {
 };
 
 /**
- * What an encoder was opened with, checked: every value lies in the range that the encoder handles.
+ * The checked parameters of an encoder: each lies in the range that it handles.
  */
 struct EncoderSettings {
     PictureSize size;
@@ -43,7 +43,7 @@ struct EncoderSettings {
     bool inject;
 };
 
-/** Checks the record; what cannot be done is logged as a sentence, and nothing is returned. */
+/** Checks the record; nullopt, with a log line, if the encoder cannot do it. */
 std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params);
 
 } // namespace zu3host

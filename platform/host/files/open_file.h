@@ -20,9 +20,9 @@ namespace zu3host {
 void give_up_writes();
 
 /**
- * A file without a buffer of its own: what a write took is with the kernel. But an ordinary file
- * that a transport stream is written to ends with a whole picture, also when it is closed: one that
- * may not be whole yet waits, and one that lacks its end is left out. One thread at a time reads,
+ * An unbuffered file: data that a write accepted is with the kernel. Exception: an ordinary file of
+ * a transport stream ends with a whole picture, also when it is closed. A picture that may be
+ * incomplete waits, and one that lacks its end is left out. One thread at a time reads,
  * writes or seeks; others wait. A transfer that waits for the other end of a pipe, and a write that
  * waits for its disk, is over when the task that it is in is deleted: it answers what is through by
  * then.

@@ -16,7 +16,7 @@ namespace zu3host {
  */
 class LogFilter {
 public:
-    /** Words that are no expression are left out; `expressions` may be null. */
+    /** Ignores invalid words; `expressions` may be null. */
     explicit LogFilter(const char* expressions);
 
     bool shows(int priority, std::string_view tag) const;

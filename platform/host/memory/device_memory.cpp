@@ -89,28 +89,6 @@ uint8_t* reserve_below_4gib(size_t bytes)
     return nullptr;
 }
 
-} // namespace
-
-LowMapping LowMapping::of(int fd, size_t size)
-{
-    const size_t reserved = size + static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    LowMapping mapping(reserve_below_4gib(reserved), reserved);
-    if (!mapping)
-        return {};
-    if (mmap(mapping.start_, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0) ==
-        MAP_FAILED)
-        return {};
-    return mapping;
-}
-
-LowMapping::~LowMapping()
-{
-    if (start_)
-        munmap(start_, reserved_);
-}
-
-namespace {
-
 constexpr uint64_t page_bytes = 4096;
 constexpr uint64_t first_phys = 0x100000000;
 
@@ -184,6 +162,24 @@ const OwnedBlock* find_phys(const Blocks& all, uint64_t phys)
 }
 
 } // namespace
+
+LowMapping LowMapping::of(int fd, size_t size)
+{
+    const size_t reserved = size + static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    LowMapping mapping(reserve_below_4gib(reserved), reserved);
+    if (!mapping)
+        return {};
+    if (mmap(mapping.start_, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0) ==
+        MAP_FAILED)
+        return {};
+    return mapping;
+}
+
+LowMapping::~LowMapping()
+{
+    if (start_)
+        munmap(start_, reserved_);
+}
 
 std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
 {

@@ -27,6 +27,29 @@ uint64_t picture_budget(uint64_t stream_rate, bool with_sound)
     return left * 85 / 100;
 }
 
+enum NalType : uint8_t { slice = 1, slice_idr = 5 };
+
+/**
+ * Whether decoding can start at this H.264 access unit: its first slice is one of an IDR picture
+ * (Annex B).
+ */
+bool is_random_access_unit(std::span<const uint8_t> unit)
+{
+    const uint8_t* at = unit.data();
+    const uint8_t* const end = at + unit.size();
+    while (end - at >= 4) {
+        at = static_cast<const uint8_t*>(std::memchr(at + 2, 1, static_cast<size_t>(end - at - 3)));
+        if (!at)
+            return false;
+        const bool start_code = at[-1] == 0 && at[-2] == 0;
+        const uint8_t type = at[1] & 0x1f;
+        if (start_code && type >= slice && type <= slice_idr)
+            return type == slice_idr;
+        --at;
+    }
+    return false;
+}
+
 } // namespace
 
 std::shared_ptr<Multiplexer> Multiplexer::open(const ZU_TSMUX_OpenParams_t& params)
@@ -175,29 +198,6 @@ uint32_t Multiplexer::set_continuity(const ZU_TSMUX_PtsContinuity_t& value)
     clock_.set_limits(static_cast<int64_t>(std::min(forward, unlimited)),
                       static_cast<int64_t>(std::min(backward, unlimited)));
     return ZU_OK;
-}
-
-namespace {
-
-enum NalType : uint8_t { slice = 1, slice_idr = 5 };
-
-} // namespace
-
-bool is_random_access_unit(std::span<const uint8_t> unit)
-{
-    const uint8_t* at = unit.data();
-    const uint8_t* const end = at + unit.size();
-    while (end - at >= 4) {
-        at = static_cast<const uint8_t*>(std::memchr(at + 2, 1, static_cast<size_t>(end - at - 3)));
-        if (!at)
-            return false;
-        const bool start_code = at[-1] == 0 && at[-2] == 0;
-        const uint8_t type = at[1] & 0x1f;
-        if (start_code && type >= slice && type <= slice_idr)
-            return type == slice_idr;
-        --at;
-    }
-    return false;
 }
 
 uint32_t Multiplexer::set_ignore_remain(bool ignore)

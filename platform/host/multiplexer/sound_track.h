@@ -21,8 +21,7 @@ public:
     static std::unique_ptr<SoundTrack> open();
 
     /**
-     * What is heard comes from here, whether audio capture is started already or not; null = from
-     * nowhere.
+     * Sets the source of sound, whether audio capture has started or not; null = none.
      */
     void listen(std::unique_ptr<PcmReader> reader);
     bool begun() const { return begun_; }
