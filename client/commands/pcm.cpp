@@ -65,8 +65,7 @@ public:
         : options_(options), surroundings_(surroundings),
           sink_(options.output, options.overwrite, surroundings.output.fd(), surroundings.signals),
           wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes()
-                               : UINT64_MAX),
-          before_(read_statistics())
+                               : UINT64_MAX)
     {
         if (options.time) // a capture that delivers too little does not hold the program for ever
             deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time) +
@@ -178,10 +177,10 @@ private:
             problem_ = "the end is missing from " + options_.output + ": its disk stands still";
         if (problem_)
             say(*problem_);
-        const auto now = read_statistics();
-        if (now && before_ && now->audio_bytes_lost > before_->audio_bytes_lost)
+        const auto counted = statistics_.read();
+        if (counted && counted->audio_bytes_lost > 0)
             say(format_text("%.2f seconds of sound are missing: they were not taken in time",
-                            static_cast<double>(now->audio_bytes_lost - before_->audio_bytes_lost) /
+                            static_cast<double>(counted->audio_bytes_lost) /
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
             say("cannot record sound: none came");
@@ -190,7 +189,7 @@ private:
                 say("cannot empty " + options_.output + ": " + error_text(error));
             return ExitCode::failed;
         }
-        const bool lost_sound = now && before_ && now->sound_lost && !before_->sound_lost;
+        const bool lost_sound = counted && counted->sound_lost;
         if (lost_sound)
             say("the sound server went away for a while: " +
                 (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
@@ -206,7 +205,7 @@ private:
     ByteSink sink_;
     SoundCapture sound_;
     const uint64_t wanted_;
-    const std::optional<zu3_host_statistics_t> before_;
+    const StatisticsDelta statistics_;
     TimePoint deadline_ = TimePoint::max();
     TimePoint next_header_ = Clock::now() + milliseconds(900);
     uint64_t taken_ = 0;

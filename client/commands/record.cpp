@@ -4,8 +4,8 @@
 #include "files/output_watch.h"
 #include "machine/display.h"
 #include "process/messages.h"
-#include "running/record_watch.h"
 #include "running/recording.h"
+#include "running/recording_monitor.h"
 #include "showing/status_report.h"
 
 namespace client {
@@ -46,28 +46,15 @@ Size chosen_size(const RecordOptions& options)
     return size_to_capture(display_to_capture(), options.size);
 }
 
-RecordingSettings settings_for(const RecordOptions& options)
+void say_settings(const RecordOptions& o, Size size)
 {
-    return {.file = options.output,
-            .source = options.source,
-            .size = chosen_size(options),
-            .fps = options.fps,
-            .constant_mbit = options.constant_mbit,
-            .packet_size = options.packet_size,
-            .slot = options.slot,
-            .audio = options.audio,
-            .one_call = options.one_call};
-}
-
-void say_settings(const RecordingSettings& s)
-{
-    const std::string rate = s.constant_mbit
-                                 ? format_text("constant %u x 1048576 bit/s", s.constant_mbit)
+    const std::string rate = o.constant_mbit
+                                 ? format_text("constant %u x 1048576 bit/s", o.constant_mbit)
                                  : "rate by content";
     say(format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
-                    s.source.empty() ? "screen" : s.source.c_str(), s.size.width, s.size.height,
-                    s.fps, rate.c_str(), s.packet_size, s.audio ? "AAC sound" : "no sound", s.slot,
-                    s.one_call ? ", one call" : "", s.file.c_str()));
+                    o.source.empty() ? "screen" : o.source.c_str(), size.width, size.height, o.fps,
+                    rate.c_str(), o.packet_size, o.audio ? "AAC sound" : "no sound", o.slot,
+                    o.one_call ? ", one call" : "", o.output.c_str()));
 }
 
 /** How often a source file's progress is looked at. */
@@ -76,29 +63,30 @@ constexpr auto source_look = std::chrono::milliseconds(20);
 /** Says when every picture of a source file is encoded, or nothing has moved for two seconds. */
 class SourceEnd {
 public:
-    explicit SourceEnd(uint64_t pictures) : pictures_(pictures), before_(read_statistics())
+    explicit SourceEnd(uint64_t pictures) : pictures_(pictures)
     {
-        // Where nothing is counted, the time that the reader takes at least, and then the file's
-        // growth, must do.
-        if (!before_)
+        // A platform without statistics: wait for the shortest time that reading takes, then until the
+        // file stops growing.
+        if (!counted())
             looks_left_ += std::chrono::milliseconds(28) * pictures / source_look;
     }
 
     bool reached(uint64_t file_bytes)
     {
-        const uint64_t now = done();
+        const auto done = counted();
+        const uint64_t now = done.value_or(0);
         if (now != last_ || file_bytes != last_bytes_) {
             last_ = now;
             last_bytes_ = file_bytes;
             looks_left_ = std::max(looks_left_, patience);
         }
-        return (before_ && now >= pictures_) || --looks_left_ < 0;
+        return (done && now >= pictures_) || --looks_left_ < 0;
     }
 
     /** What is missing, as a sentence. */
     std::optional<std::string> problem() const
     {
-        if (!before_ || last_ >= pictures_)
+        if (!counted() || last_ >= pictures_)
             return std::nullopt;
         return format_text("cannot encode the whole source: the encoder took %llu of %llu pictures",
                            static_cast<unsigned long long>(last_),
@@ -106,16 +94,15 @@ public:
     }
 
 private:
-    uint64_t done() const
+    /** Pictures that the encoder has accepted or refused. */
+    std::optional<uint64_t> counted() const
     {
-        const auto now = read_statistics();
-        return now && before_ ? now->pictures_encoded + now->pictures_refused -
-                                    before_->pictures_encoded - before_->pictures_refused
-                              : 0;
+        const auto now = statistics_.read();
+        return now ? std::optional(now->pictures_encoded + now->pictures_refused) : std::nullopt;
     }
 
     uint64_t pictures_;
-    std::optional<zu3_host_statistics_t> before_;
+    StatisticsDelta statistics_;
     // Counted in looks, so that the reader has its turn after this process was stopped for so long.
     static constexpr int64_t patience = std::chrono::seconds(2) / source_look;
     int64_t looks_left_ = patience;
@@ -126,21 +113,20 @@ private:
 class RecordRun {
 public:
     RecordRun(const RecordOptions& options, Surroundings& surroundings)
-        : options_(options), surroundings_(surroundings), settings_(settings_for(options))
+        : options_(options), surroundings_(surroundings), size_(chosen_size(options))
     {
         if (!options.source.empty())
-            source_pictures_ = pictures_in(options.source, settings_.size);
+            source_pictures_ = pictures_in(options.source, size_);
     }
 
     ExitCode run()
     {
         if (options_.verbose)
-            say_settings(settings_);
+            say_settings(options_, size_);
         check_output_path(options_.output, options_.overwrite);
         StatusReport report(options_.json, options_.status_file);
         const OutputFile file(options_.output, options_.overwrite, surroundings_.signals);
-        settings_.file = file.path_to_reopen();
-        RecordWatch watch(file);
+        RecordingMonitor watch(file);
         OutputWatch output(file);
         RecordProgress progress;
         record(file, watch, output, progress, report);
@@ -149,12 +135,12 @@ public:
     }
 
 private:
-    void record(const OutputFile& file, RecordWatch& watch, OutputWatch& output,
+    void record(const OutputFile& file, RecordingMonitor& watch, OutputWatch& output,
                 RecordProgress& progress, StatusReport& report)
     {
         if (source_pictures_ > 0)
             source_end_.emplace(source_pictures_);
-        Recording recording(settings_);
+        Recording recording(options_, file.path_to_reopen(), size_);
         const TimePoint end =
             options_.time
                 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
@@ -179,7 +165,7 @@ private:
      * A write that fails is cut back, so that it is looked for behind what may be wrong with the
      * file.
      */
-    void look_at(std::optional<std::string> output_problem, RecordWatch& watch)
+    void look_at(std::optional<std::string> output_problem, RecordingMonitor& watch)
     {
         problem_ = watch.problem();
         output_lost_ = !problem_ && output_problem;
@@ -187,7 +173,7 @@ private:
             problem_ = std::move(output_problem);
     }
 
-    bool at_end(TimePoint end, RecordWatch& watch, OutputWatch& output, const OutputFile& file)
+    bool at_end(TimePoint end, RecordingMonitor& watch, OutputWatch& output, const OutputFile& file)
     {
         const TimePoint next =
             Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
@@ -221,7 +207,7 @@ private:
 
     const RecordOptions& options_;
     Surroundings& surroundings_;
-    RecordingSettings settings_;
+    const Size size_;
     uint64_t source_pictures_ = 0;
     std::optional<SourceEnd> source_end_;
     std::optional<std::string> problem_;

@@ -6,7 +6,6 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
-#include "running/display_watch.h"
 #include "running/encoded_stream.h"
 #include "running/lost_frames.h"
 #include "running/stream_control.h"
@@ -25,12 +24,6 @@ constexpr milliseconds patience_at_the_end(2000);
 // look's distance adds to the latency of what comes between two.
 constexpr milliseconds look_interval(100);
 constexpr milliseconds look_interval_for_frames(1);
-
-uint64_t left_out_by_capture()
-{
-    const auto now = read_statistics();
-    return now ? dropped_pictures(*now) + now->pictures_refused : 0;
-}
 
 std::string requested_path(const StreamOptions& options)
 {
@@ -108,7 +101,7 @@ private:
     void begin(const EncodedFrame& first, TimePoint now)
     {
         first_pts_us_ = first.pts_us;
-        left_out_before_ = left_out_by_capture();
+        since_first_frame_ = {};
         if (options_
                 .time) // for a stream that is paused at its end; otherwise the time stamps say when it is
                        // over
@@ -178,10 +171,8 @@ private:
             return;
         next_check_ = now + milliseconds(200);
         look_at(sink_.problem());
-        if (auto without_display = display_.problem("cannot stream")) {
-            problem_ = std::move(without_display);
-            ended_ = true;
-        }
+        if (const auto counted = statistics_.read())
+            look_at(display_problem(*counted, "cannot stream"));
     }
 
     void obey(const std::string& line)
@@ -272,7 +263,8 @@ private:
     // Time stamps of key frames may be a frame late, so a distance of one says nothing.
     void say_losses() const
     {
-        const uint64_t by_capture = left_out_by_capture() - left_out_before_;
+        const auto counted = since_first_frame_.read();
+        const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
         const uint64_t missing = lost_.count();
         if (missing < by_capture + 2)
             return;
@@ -294,7 +286,7 @@ private:
     /** asked for, and its picture not read yet */
     std::optional<WatermarkChange> watermark_;
     const int event_ = frame_event();
-    DisplayWatch display_;
+    StatisticsDelta statistics_;
     LostFrames lost_;
     TimePoint deadline_ = TimePoint::max();
     TimePoint next_check_;
@@ -302,7 +294,8 @@ private:
     uint64_t key_frames_ = 0;
     uint64_t first_pts_us_ = 0;
     uint64_t last_pts_us_ = 0;
-    uint64_t left_out_before_ = 0;
+    /** for what is missing behind the first frame */
+    StatisticsDelta since_first_frame_;
     bool reader_was_slow_ = false;
     bool reader_gone_ = false;
     bool ended_ = false;

@@ -160,6 +160,20 @@ Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& aske
     return size;
 }
 
+std::optional<std::string> display_problem(const zu3_host_statistics_t& since_start,
+                                           const std::string& purpose)
+{
+    // A slow display is not lost, but a recording without pictures for so long is over.
+    constexpr uint32_t longest_silence_ms = 60'000;
+    const std::string ended =
+        purpose + " the display " + environment("DISPLAY") + " (DISPLAY) any more: ";
+    if (since_start.display_lost)
+        return ended + "it went away";
+    if (since_start.display_silent_ms >= longest_silence_ms)
+        return ended + "it has not answered for a minute";
+    return std::nullopt;
+}
+
 std::vector<std::string> known_displays()
 {
     std::vector<std::string> names;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "machine/host.h"
 #include "machine/picture_size.h"
 
 namespace client {
@@ -37,6 +38,13 @@ DisplayInfo display_to_capture();
  * Says so when a display of odd size loses its last column or row to it.
  */
 Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked);
+
+/**
+ * Why the display that is being captured gives no more pictures: "<purpose> the display ... any
+ * more: ..."; nullopt while it may give some.
+ */
+std::optional<std::string> display_problem(const zu3_host_statistics_t& since_start,
+                                           const std::string& purpose);
 
 /** Names of the displays of this machine whose socket exists, and of DISPLAY. */
 std::vector<std::string> known_displays();

@@ -3,12 +3,16 @@
 #include <dlfcn.h>
 
 namespace client {
+namespace {
 
-// Looked up by name: the program also runs on a platform that counts nothing.
+template <typename Function> Function* find(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
+}
+
 std::optional<zu3_host_statistics_t> read_statistics()
 {
-    using Read = uint32_t (*)(zu3_host_statistics_t*, uint32_t);
-    static const auto read = reinterpret_cast<Read>(dlsym(RTLD_DEFAULT, "zu3_host_statistics"));
+    static const auto read = find<decltype(zu3_host_statistics)>("zu3_host_statistics");
     if (!read)
         return std::nullopt;
     zu3_host_statistics_t statistics = {};
@@ -16,36 +20,74 @@ std::optional<zu3_host_statistics_t> read_statistics()
     return statistics;
 }
 
+constexpr uint64_t zu3_host_statistics_t::*counters[] = {
+    &zu3_host_statistics_t::pictures_due,
+    &zu3_host_statistics_t::pictures_captured,
+    &zu3_host_statistics_t::pictures_dropped_late,
+    &zu3_host_statistics_t::pictures_dropped_no_buffer,
+    &zu3_host_statistics_t::pictures_dropped_no_display,
+    &zu3_host_statistics_t::pictures_encoded,
+    &zu3_host_statistics_t::pictures_refused,
+    &zu3_host_statistics_t::bytes_encoded,
+    &zu3_host_statistics_t::access_units_multiplexed,
+    &zu3_host_statistics_t::multiplexer_busy,
+    &zu3_host_statistics_t::bytes_multiplexed,
+    &zu3_host_statistics_t::bytes_copied_out,
+    &zu3_host_statistics_t::bytes_written,
+    &zu3_host_statistics_t::write_failures,
+    &zu3_host_statistics_t::audio_bytes_lost,
+    &zu3_host_statistics_t::audio_frames_encoded,
+    &zu3_host_statistics_t::pictures_left_out_for_room,
+};
+
+} // namespace
+
+StatisticsDelta::StatisticsDelta() : before_(read_statistics()) {}
+
+std::optional<zu3_host_statistics_t> StatisticsDelta::read() const
+{
+    auto now = read_statistics();
+    if (!now || !before_)
+        return std::nullopt;
+    for (const auto counter : counters)
+        *now.*counter -= *before_.*counter;
+    now->display_lost = now->display_lost && !before_->display_lost;
+    now->sound_lost = now->sound_lost && !before_->sound_lost;
+    return now;
+}
+
 int frame_event()
 {
-    using Event = int (*)();
-    static const auto event = reinterpret_cast<Event>(dlsym(RTLD_DEFAULT, "zu3_host_frame_event"));
+    static const auto event = find<decltype(zu3_host_frame_event)>("zu3_host_frame_event");
     return event ? event() : -1;
 }
 
 void give_up_writes()
 {
-    using GiveUp = void (*)();
-    static const auto give_up =
-        reinterpret_cast<GiveUp>(dlsym(RTLD_DEFAULT, "zu3_host_give_up_writes"));
+    static const auto give_up = find<decltype(zu3_host_give_up_writes)>("zu3_host_give_up_writes");
     if (give_up)
         give_up();
 }
 
 bool want_exact_size(uint32_t width, uint32_t height)
 {
-    using Want = void (*)(uint32_t, uint32_t);
-    static const auto want = reinterpret_cast<Want>(dlsym(RTLD_DEFAULT, "zu3_host_exact_size"));
+    static const auto want = find<decltype(zu3_host_exact_size)>("zu3_host_exact_size");
     if (want)
         want(width, height);
     return want;
 }
 
+void listen_to_host_log(zu3_host_log_listener_t listener)
+{
+    static const auto listen = find<decltype(zu3_host_listen_to_log)>("zu3_host_listen_to_log");
+    if (listen)
+        listen(listener);
+}
+
 const char* platform_sentence()
 {
-    using Name = const char* (*)();
-    static const auto name = reinterpret_cast<Name>(dlsym(RTLD_DEFAULT, "zu3_host_platform"));
-    return name ? name() : nullptr;
+    static const auto sentence = find<decltype(zu3_host_platform)>("zu3_host_platform");
+    return sentence ? sentence() : nullptr;
 }
 
 } // namespace client

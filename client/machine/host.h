@@ -3,49 +3,67 @@
 #include <optional>
 #include <zu3_host/exact_size.h>
 #include <zu3_host/frame_event.h>
+#include <zu3_host/log_listener.h>
+#include <zu3_host/slow_disk.h>
 #include <zu3_host/statistics.h>
 
 namespace client {
 
-/**
- * What the platform counts, or nothing where it does not. Fields that an older platform lacks are
- * 0.
- */
-std::optional<zu3_host_statistics_t> read_statistics();
+// What the host layer offers beside the contract. Each function looks its entry up by name, so the
+// program also runs on a platform without it.
 
-/**
- * A descriptor that becomes readable with each encoded frame, -1 where the platform has none; see
- * frame_event.h.
- */
+/** What the host layer counts, from the construction of this object on. */
+class StatisticsDelta {
+public:
+    StatisticsDelta();
+
+    /**
+     * The statistics now: counters as the difference to those at construction, `display_lost` and
+     * `sound_lost` 1 only if lost meanwhile, everything that is not a count (levels, waiting times,
+     * the last errno) as it is. Fields that an older host layer lacks are 0.
+     * @return nullopt if the platform counts nothing
+     */
+    std::optional<zu3_host_statistics_t> read() const;
+
+private:
+    std::optional<zu3_host_statistics_t> before_;
+};
+
+/** A descriptor that becomes readable with each encoded frame (frame_event.h); -1 = none. */
 int frame_event();
 
-/** Lets no write wait for its disk any longer; see slow_disk.h. */
+/** Makes writes that wait for their disk fail from now on (slow_disk.h). */
 void give_up_writes();
+
 /**
- * Asks for a stream of exactly this size, see exact_size.h; false where the platform has none but
- * the rounded ones.
+ * Asks for a stream of exactly this size (exact_size.h).
+ * @return false if the platform offers rounded sizes only
  */
 bool want_exact_size(uint32_t width, uint32_t height);
 
-/** One sentence on the platform, NULL where it has none. */
+/** Has `listener` called with each line of the log (log_listener.h), if the platform offers it. */
+void listen_to_host_log(zu3_host_log_listener_t listener);
+
+/** One sentence on the platform; NULL = it has none. */
 const char* platform_sentence();
 
-/** Bytes of all streams that no file has yet. */
+/** Multiplexed bytes that are not in a file yet. */
 inline uint64_t unwritten_bytes(const zu3_host_statistics_t& s)
 {
     return s.bytes_multiplexed > s.bytes_written ? s.bytes_multiplexed - s.bytes_written : 0;
+}
+
+/** Pictures that capture dropped or the encoder refused. */
+inline uint64_t pictures_left_out(const zu3_host_statistics_t& s)
+{
+    return s.pictures_dropped_late + s.pictures_dropped_no_buffer + s.pictures_dropped_no_display +
+           s.pictures_refused;
 }
 
 /** Whether a picture of the display has been waited for in vain for a second. */
 inline bool display_is_silent(const zu3_host_statistics_t& s)
 {
     return s.display_silent_ms >= 1000;
-}
-
-/** Pictures that capture dropped, for any reason. */
-inline uint64_t dropped_pictures(const zu3_host_statistics_t& s)
-{
-    return s.pictures_dropped_late + s.pictures_dropped_no_buffer + s.pictures_dropped_no_display;
 }
 
 } // namespace client

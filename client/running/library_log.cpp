@@ -1,12 +1,11 @@
 #include "running/library_log.h"
 
 #include <deque>
-#include <dlfcn.h>
 #include <mutex>
 #include <new>
 #include <string_view>
-#include <zu3_host/log_listener.h>
 
+#include "machine/host.h"
 #include "process/messages.h"
 
 namespace client {
@@ -51,9 +50,7 @@ try {
 
 void keep_library_log()
 {
-    using Listen = void (*)(zu3_host_log_listener_t);
-    if (const auto listen = reinterpret_cast<Listen>(dlsym(RTLD_DEFAULT, "zu3_host_listen_to_log")))
-        listen(keep);
+    listen_to_host_log(keep);
 }
 
 void forget_library_log()

@@ -19,9 +19,9 @@ using namespace std::chrono_literals;
 // to end is lost.
 constexpr uint64_t last_pass_bytes = 60 * 1024;
 
-uint64_t bytes_behind()
+uint64_t bytes_behind(const StatisticsDelta& statistics)
 {
-    const auto now = read_statistics();
+    const auto now = statistics.read();
     return now && now->bytes_multiplexed > now->bytes_copied_out
                ? now->bytes_multiplexed - now->bytes_copied_out
                : 0;
@@ -33,7 +33,10 @@ uint64_t bytes_behind()
  */
 class DiskPatience {
 public:
-    DiskPatience() : watch_([this](const std::stop_token& ended) { watch(ended); }) {}
+    explicit DiskPatience(const StatisticsDelta& statistics)
+        : statistics_(statistics), watch_([this](const std::stop_token& ended) { watch(ended); })
+    {
+    }
 
     bool given_up() const { return given_up_; }
 
@@ -46,7 +49,7 @@ private:
         int looks = 0;
         while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
                !ended.stop_requested()) {
-            const auto now = read_statistics();
+            const auto now = statistics_.read();
             const bool waiting =
                 now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
             looks = waiting && now->write_waiting_us > 0 ? looks + 1 : 0;
@@ -57,6 +60,7 @@ private:
         }
     }
 
+    const StatisticsDelta& statistics_;
     std::atomic<bool> given_up_{false};
     std::mutex mutex_;
     std::condition_variable_any wake_;
@@ -66,19 +70,14 @@ private:
 
 constexpr auto writer_look = 10ms;
 
-void wait_for_writer(const DiskPatience& patience, std::chrono::milliseconds limit)
+void wait_for_writer(const StatisticsDelta& statistics, const DiskPatience& patience,
+                     std::chrono::milliseconds limit)
 {
     // Counted in looks, so that the writer has its turn after this process was stopped for all of
     // the time.
     for (auto looks = limit / writer_look;
-         bytes_behind() >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
+         bytes_behind(statistics) >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
         poll(nullptr, 0, static_cast<int>(writer_look.count()));
-}
-
-uint64_t multiplexed_pictures()
-{
-    const auto now = read_statistics();
-    return now ? now->access_units_multiplexed : 0;
 }
 
 uint8_t* bytes(std::string& text)
@@ -103,14 +102,14 @@ std::string source_name(const std::string& source)
 
 } // namespace
 
-Recording::Recording(const RecordingSettings& settings)
-    : slot_(settings.slot), one_call_(settings.one_call), pictures_before_(multiplexed_pictures())
+Recording::Recording(const RecordOptions& options, const std::string& file, Size size)
+    : slot_(options.slot), one_call_(options.one_call)
 {
     try {
         if (one_call_)
-            open_in_one_call(settings);
+            open_in_one_call(options, file, size);
         else
-            open_step_by_step(settings);
+            open_step_by_step(options, file, size);
         open_ = true;
     } catch (const Failure&) {
         close();
@@ -126,32 +125,29 @@ Recording::~Recording()
     SCREENRECORD_DeInit();
 }
 
-void Recording::open_step_by_step(const RecordingSettings& settings)
+void Recording::open_step_by_step(const RecordOptions& options, std::string file, Size size)
 {
-    std::string file = settings.file;
-    std::string source = source_name(settings.source);
+    std::string source = source_name(options.source);
     std::string screen_sound = "cap";
-    uint32_t width = settings.size.width, height = settings.size.height, fps = settings.fps;
-    uint32_t packet_size = settings.packet_size, rate = settings.constant_mbit;
+    uint32_t fps = options.fps, packet_size = options.packet_size, rate = options.constant_mbit;
 
     require(SCREENRECORD_Init(), "initialise");
     require(SCREENRECORD_Open(&slot_, bytes(file)), "open the output file");
-    if (settings.audio)
+    if (options.audio)
         require(SCREENRECORD_SetAudio(&slot_, bytes(screen_sound), nullptr, nullptr),
                 "open the sound");
-    require(SCREENRECORD_SetVideo(&slot_, bytes(source), nullptr, &width, &height, &fps),
+    require(SCREENRECORD_SetVideo(&slot_, bytes(source), nullptr, &size.width, &size.height, &fps),
             "open the video with this size and rate");
     require(SCREENRECORD_SetTsMux(&slot_, &packet_size, &rate), "open the multiplexer");
     require(SCREENRECORD_Start(&slot_), "start");
 }
 
 // The library's own time limit counts whole seconds and then one more, so the end is ours to time.
-void Recording::open_in_one_call(const RecordingSettings& settings)
+void Recording::open_in_one_call(const RecordOptions& options, std::string file, Size size)
 {
-    std::string file = settings.file;
     const int32_t result =
-        startScreenRecord(settings.size.width, settings.size.height, settings.fps,
-                          settings.constant_mbit, settings.packet_size, 0, 0, bytes(file));
+        startScreenRecord(size.width, size.height, options.fps, options.constant_mbit,
+                          options.packet_size, 0, 0, bytes(file));
     require(result == 0, "start");
 }
 
@@ -160,20 +156,20 @@ void Recording::open_in_one_call(const RecordingSettings& settings)
 void Recording::wait_for_first_picture() const
 {
     const TimePoint limit = Clock::now() + std::chrono::milliseconds(1500);
-    const auto may_come = [] {
-        const auto now = read_statistics();
-        return now && !now->display_lost;
+    const auto may_come = [this] {
+        const auto now = statistics_.read();
+        return now && now->access_units_multiplexed == 0 && !now->display_lost;
     };
-    while (multiplexed_pictures() == pictures_before_ && may_come() && Clock::now() < limit)
+    while (may_come() && Clock::now() < limit)
         poll(nullptr, 0, 10);
 }
 
 bool Recording::finish(std::chrono::milliseconds writer_limit)
 {
     wait_for_first_picture();
-    const DiskPatience patience;
+    const DiskPatience patience(statistics_);
     const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
-    wait_for_writer(patience, writer_limit);
+    wait_for_writer(statistics_, patience, writer_limit);
     return close() && stopped;
 }
 

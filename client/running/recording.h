@@ -4,24 +4,11 @@
 #include <cstdint>
 #include <string>
 
-#include "command_line/option_values.h"
+#include "command_line/options.h"
+#include "machine/host.h"
 #include "process/signals.h"
 
 namespace client {
-
-/** Everything that a recording is opened with. */
-struct RecordingSettings {
-    std::string file;
-    /** raw picture file, empty = the screen */
-    std::string source;
-    Size size;
-    uint32_t fps = 30;
-    uint32_t constant_mbit = 0;
-    uint32_t packet_size = 188;
-    uint32_t slot = 0;
-    bool audio = true;
-    bool one_call = false;
-};
 
 /**
  * One recording of the library, from its opening to its close; also closed when something fails
@@ -36,8 +23,12 @@ public:
     static constexpr std::chrono::milliseconds patience_of_a_stop{2000},
         patience_at_the_end{15'000};
 
-    /** Opens and starts it; throws Failure. */
-    explicit Recording(const RecordingSettings& settings);
+    /**
+     * Opens and starts it; throws Failure.
+     * @param file what the library opens instead of `options.output`
+     * @param size of the pictures, instead of `options.size`
+     */
+    Recording(const RecordOptions& options, const std::string& file, Size size);
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
     ~Recording();
@@ -51,15 +42,14 @@ public:
     bool finish(std::chrono::milliseconds writer_limit);
 
 private:
-    void open_step_by_step(const RecordingSettings& settings);
-    void open_in_one_call(const RecordingSettings& settings);
+    void open_step_by_step(const RecordOptions& options, std::string file, Size size);
+    void open_in_one_call(const RecordOptions& options, std::string file, Size size);
     void wait_for_first_picture() const;
     bool close();
 
     uint32_t slot_;
     bool one_call_;
-    /** of earlier recordings; 0 where nothing is counted */
-    const uint64_t pictures_before_;
+    StatisticsDelta statistics_;
     bool open_ = false;
 };
 

@@ -3,16 +3,8 @@
 #include <algorithm>
 
 namespace client {
-namespace {
 
-uint64_t left_out(const zu3_host_statistics_t& s)
-{
-    return dropped_pictures(s) + s.pictures_refused;
-}
-
-} // namespace
-
-RecordProgress::RecordProgress() : before_(read_statistics()), start_(Clock::now())
+RecordProgress::RecordProgress() : start_(Clock::now())
 {
     keep({.at = start_});
 }
@@ -45,11 +37,11 @@ Progress RecordProgress::measure(uint64_t file_bytes)
     progress.elapsed_seconds = std::chrono::duration<double>(now.at - start_).count();
     progress.file_bytes = file_bytes;
     progress.bits_per_second = per_second(now, &Sample::file_bytes) * 8;
-    if (const auto counted = read_statistics(); counted && before_) {
-        now.frames = counted->pictures_encoded - before_->pictures_encoded;
+    if (const auto counted = statistics_.read()) {
+        now.frames = counted->pictures_encoded;
         progress.frames = now.frames;
         progress.fps = per_second(now, &Sample::frames);
-        progress.dropped = left_out(*counted) - left_out(*before_);
+        progress.dropped = pictures_left_out(*counted);
         progress.sound_level = counted->sound_level / 32768.0;
         progress.display_answers = !display_is_silent(*counted);
         progress.disk_waiting_seconds = static_cast<double>(counted->write_waiting_us) / 1e6;

@@ -46,7 +46,7 @@ private:
 
     /** samples a second apart that rates are measured over */
     static constexpr unsigned kept = 4;
-    std::optional<zu3_host_statistics_t> before_;
+    StatisticsDelta statistics_;
     Sample samples_[kept];
     unsigned sample_count_ = 0;
     TimePoint start_;

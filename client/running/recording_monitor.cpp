@@ -1,7 +1,8 @@
-#include "running/record_watch.h"
+#include "running/recording_monitor.h"
 
 #include <sys/statvfs.h>
 
+#include "machine/display.h"
 #include "process/messages.h"
 
 namespace client {
@@ -17,20 +18,19 @@ uint64_t free_bytes(int fd)
 
 } // namespace
 
-RecordWatch::RecordWatch(const OutputFile& file)
-    : file_(file), before_(read_statistics()), last_growth_(Clock::now())
+RecordingMonitor::RecordingMonitor(const OutputFile& file) : file_(file), last_growth_(Clock::now())
 {
 }
 
-std::optional<std::string> RecordWatch::write_problem(const zu3_host_statistics_t& now) const
+std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statistics_t& now) const
 {
-    if (now.write_failures == before_->write_failures)
+    if (now.write_failures == 0)
         return std::nullopt;
     return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
 }
 
-// Where nothing is counted: a file that stands still on a full disk.
-std::optional<std::string> RecordWatch::growth_problem()
+// For a platform without statistics: a file that does not grow on a full disk.
+std::optional<std::string> RecordingMonitor::growth_problem()
 {
     const uint64_t size = file_.size();
     const bool room = !file_.regular() || free_bytes(file_.fd()) > writer_batch_bytes;
@@ -43,16 +43,13 @@ std::optional<std::string> RecordWatch::growth_problem()
     return "cannot write to " + file_.path() + " any more: the disk is full";
 }
 
-std::optional<std::string> RecordWatch::shortfall() const
+std::optional<std::string> RecordingMonitor::shortfall() const
 {
-    const auto now = read_statistics();
-    if (!now || !before_)
+    const auto now = statistics_.read();
+    if (!now)
         return std::nullopt;
-    const auto pictures = static_cast<unsigned long long>(now->pictures_left_out_for_room -
-                                                          before_->pictures_left_out_for_room);
-    const uint64_t unwritten = unwritten_bytes(*now), unwritten_before = unwritten_bytes(*before_);
-    const auto bytes = static_cast<unsigned long long>(
-        unwritten > unwritten_before ? unwritten - unwritten_before : 0);
+    const auto pictures = static_cast<unsigned long long>(now->pictures_left_out_for_room);
+    const auto bytes = static_cast<unsigned long long>(unwritten_bytes(*now));
     std::string missing;
     if (pictures > 0)
         missing = format_text("%llu pictures", pictures);
@@ -64,18 +61,18 @@ std::optional<std::string> RecordWatch::shortfall() const
            file_.path() + ": its disk did not take them";
 }
 
-bool RecordWatch::lost_sound() const
+bool RecordingMonitor::lost_sound() const
 {
-    const auto now = read_statistics();
-    return now && before_ && now->sound_lost && !before_->sound_lost;
+    const auto now = statistics_.read();
+    return now && now->sound_lost;
 }
 
-std::optional<std::string> RecordWatch::problem()
+std::optional<std::string> RecordingMonitor::problem()
 {
-    const auto now = read_statistics();
-    if (!now || !before_)
+    const auto now = statistics_.read();
+    if (!now)
         return growth_problem();
-    if (auto without_display = display_.problem("cannot record"))
+    if (auto without_display = display_problem(*now, "cannot record"))
         return without_display;
     return write_problem(*now);
 }
