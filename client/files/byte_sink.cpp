@@ -1,12 +1,163 @@
 #include "files/byte_sink.h"
 
+#include <atomic>
 #include <cerrno>
+#include <common/descriptor.h>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
 #include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <poll.h>
+#include <span>
+#include <sys/eventfd.h>
+#include <thread>
+#include <utility>
+#include <vector>
 
-#include "files/sink_thread.h"
+#include "process/failure.h"
+#include "process/messages.h"
 
 namespace client {
+
+/**
+ * A thread that writes one piece after the other, and tells by a descriptor when it is through with
+ * all.
+ */
+class SinkThread {
+public:
+    /** @param owned the same descriptor where it is the thread's to close. Throws Failure. */
+    static std::shared_ptr<SinkThread> start(int fd, common::Descriptor owned);
+
+    /** Copies `data`, to be written behind what was written or from the file's begin on. */
+    void begin(std::span<const uint8_t> data, bool at_begin);
+    /** Readable once it is through with all. */
+    int fd() const { return event_.get(); }
+    /**
+     * The errno of what was begun, 0 = all of it was taken; nothing while it is being written.
+     * Once.
+     */
+    std::optional<int> take_result();
+    /** Bytes that are begun and not through. */
+    uint64_t backlog() const { return backlog_; }
+    /** Bytes taken of those that were written behind one another. */
+    uint64_t delivered() const { return delivered_; }
+    /** The thread ends once it is through with all. */
+    void end();
+
+private:
+    SinkThread(int fd, common::Descriptor owned);
+    void run();
+    struct Piece {
+        std::vector<uint8_t> data;
+        bool at_begin;
+    };
+    int write_piece(const Piece& piece);
+    ssize_t write_some(const Piece& piece, size_t at);
+
+    const int fd_;
+    const common::Descriptor owned_;
+    common::Descriptor event_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::atomic<uint64_t> delivered_{0};
+    std::atomic<uint64_t> backlog_{0};
+    std::deque<Piece> pieces_;
+    // the thread's own: the errno that nothing is written behind
+    int failed_ = 0;
+    bool ended_ = false;
+    std::optional<int> result_;
+};
+
+SinkThread::SinkThread(int fd, common::Descriptor owned)
+    : fd_(fd), owned_(std::move(owned)), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (!event_)
+        throw Failure("cannot write: " + error_text(errno));
+}
+
+std::shared_ptr<SinkThread> SinkThread::start(int fd, common::Descriptor owned)
+{
+    std::shared_ptr<SinkThread> sink(new SinkThread(fd, std::move(owned)));
+    std::thread([sink] { sink->run(); }).detach();
+    return sink;
+}
+
+void SinkThread::begin(std::span<const uint8_t> data, bool at_begin)
+{
+    const std::lock_guard lock(mutex_);
+    result_.reset();
+    backlog_ += data.size();
+    pieces_.push_back({{data.begin(), data.end()}, at_begin});
+    changed_.notify_one();
+}
+
+std::optional<int> SinkThread::take_result()
+{
+    eventfd_t count = 0;
+    eventfd_read(event_.get(), &count);
+    const std::lock_guard lock(mutex_);
+    return pieces_.empty() ? std::exchange(result_, std::nullopt) : std::nullopt;
+}
+
+void SinkThread::end()
+{
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_one();
+}
+
+void SinkThread::run()
+{
+    std::unique_lock lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [this] { return !pieces_.empty() || ended_; });
+        if (pieces_.empty())
+            return;
+        const Piece& piece = pieces_.front();
+        lock.unlock();
+        if (failed_ == 0) // else what follows would stand in the wrong place
+            failed_ = write_piece(piece);
+        lock.lock();
+        backlog_ -= piece.data.size();
+        pieces_.pop_front();
+        if (!pieces_.empty())
+            continue;
+        result_ = failed_;
+        eventfd_write(event_.get(), 1);
+    }
+}
+
+int SinkThread::write_piece(const Piece& piece)
+{
+    for (size_t at = 0; at < piece.data.size();) {
+        const ssize_t written = write_some(piece, at);
+        if (written < 0 &&
+            errno ==
+                EAGAIN) { // a named pipe, or a descriptor that another process made non-blocking
+            pollfd room{fd_, POLLOUT, 0};
+            poll(&room, 1, -1);
+        } else if (written < 0 && errno == ESPIPE) { // a device that has no begin
+            return 0;
+        } else if (written < 0 && errno != EINTR) {
+            return errno;
+        } else if (written > 0) {
+            at += static_cast<size_t>(written);
+            delivered_ += piece.at_begin ? 0 : static_cast<uint64_t>(written);
+        }
+    }
+    return 0;
+}
+
+ssize_t SinkThread::write_some(const Piece& piece, size_t at)
+{
+    const size_t left = piece.data.size() - at;
+    return piece.at_begin ? pwrite(fd_, piece.data.data() + at, left, static_cast<off_t>(at))
+                          : write(fd_, piece.data.data() + at, left);
+}
+
 namespace {
 
 /** A write that is through this fast needs no second look. */
@@ -21,12 +172,12 @@ ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output,
                    StopSignals& signals)
 {
     if (is_standard_output(path)) {
-        thread_ = SinkThread::start(standard_output, UniqueFd());
+        thread_ = SinkThread::start(standard_output, common::Descriptor());
         return;
     }
     file_.emplace(path, overwrite, signals);
     // Of its own, since the thread may outlive the file's.
-    UniqueFd fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
+    common::Descriptor fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
     const int number = fd.get();
     thread_ = SinkThread::start(number, std::move(fd));
     if (!file_->named_pipe())

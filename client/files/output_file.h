@@ -5,10 +5,13 @@
 #include <string>
 
 #include "process/signals.h"
-#include "process/unique_fd.h"
+#include <common/descriptor.h>
 #include <common/trusted_path.h>
 
 namespace client {
+
+/** The name of the process that writes a status file. */
+inline constexpr const char* status_writer_name = "status writer";
 
 /** "-" and the names that mean the same. */
 bool is_standard_output(const std::string& path);
@@ -63,7 +66,7 @@ private:
 
     std::string path_;
     common::TrustedPath place_;
-    UniqueFd fd_;
+    common::Descriptor fd_;
     mode_t kind_ = 0;
     bool created_ = false;
 };
@@ -97,9 +100,9 @@ private:
     /** name in the same folder; empty = nothing is there */
     std::string beside_;
     /** of what is beside */
-    UniqueFd fd_;
+    common::Descriptor fd_;
     /** holds the lock of what has the name */
-    UniqueFd in_place_;
+    common::Descriptor in_place_;
 };
 
 } // namespace client

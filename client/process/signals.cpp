@@ -53,7 +53,7 @@ StopSignals::StopSignals()
     const sigset_t set = waited_set();
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0)
         throw Failure("cannot block signals");
-    fd_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    fd_ = common::Descriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd_)
         throw Failure("cannot wait for signals: " + error_text(errno));
     // A reader that went away, a file size limit, and a terminal that belongs to another job show

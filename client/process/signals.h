@@ -4,7 +4,7 @@
 #include <ctime>
 #include <utility>
 
-#include "process/unique_fd.h"
+#include <common/descriptor.h>
 
 namespace client {
 
@@ -50,7 +50,7 @@ public:
     bool wait_until(TimePoint until);
 
 private:
-    UniqueFd fd_;
+    common::Descriptor fd_;
     bool raised_ = false;
     PauseRequest pause_request_ = PauseRequest::none;
 };

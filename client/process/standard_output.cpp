@@ -24,7 +24,7 @@ ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
 {
     // The library prints a notice when its buffer is full; where nobody reads standard error any
     // more, the exit would wait for ever to print it.
-    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const common::Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
 }
 

@@ -13,7 +13,7 @@ namespace client {
 
 AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_shared<Shared>())
 {
-    shared_->event = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    shared_->event = common::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!shared_->event)
         throw Failure("cannot go on: " + error_text(errno));
     std::thread([shared = shared_, work = std::move(work)] {

@@ -34,7 +34,7 @@ public:
 
 private:
     struct Shared {
-        UniqueFd event;
+        common::Descriptor event;
         std::exception_ptr thrown;
         /** set behind `thrown`, ahead of the event */
         std::atomic<bool> through{false};

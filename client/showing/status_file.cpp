@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 
 #include "files/output_file.h"
-#include "files/output_lock.h"
 #include "process/failure.h"
 #include "process/messages.h"
 
@@ -60,7 +59,7 @@ StatusFile::StatusFile(std::string path, const std::string& text) : path_(std::m
 // It ends by itself once it has written what it has got. One that a disk holds is left to that.
 StatusFile::~StatusFile()
 {
-    socket_ = UniqueFd();
+    socket_ = common::Descriptor();
     waitpid(process_, nullptr, WNOHANG);
 }
 
@@ -69,8 +68,8 @@ void StatusFile::start_process()
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         throw Failure("cannot write to " + path_ + ": " + error_text(errno));
-    socket_ = UniqueFd(ends[0]);
-    const UniqueFd other_end(ends[1]);
+    socket_ = common::Descriptor(ends[0]);
+    const common::Descriptor other_end(ends[1]);
     process_ = fork();
     if (process_ < 0)
         throw Failure("cannot write to " + path_ + ": " + error_text(errno));

@@ -39,7 +39,7 @@ private:
     std::optional<std::string> take_answer(TimePoint limit);
 
     std::string path_;
-    UniqueFd socket_;
+    common::Descriptor socket_;
     pid_t process_ = -1;
     /** an answer is to come */
     bool pending_ = false;
