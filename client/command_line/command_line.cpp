@@ -101,38 +101,56 @@ std::string unexpected_word(const CLI::App& command, const std::string& name)
                                                     : "");
 }
 
-/** The library's messages begin with the option's name. */
-std::string option_in(const std::string& message)
+template <typename Condition>
+const CLI::Option* find_option(const CLI::App& command, Condition condition)
 {
-    return message.substr(0, message.find_first_of(": "));
+    const std::vector<const CLI::Option*> options = command.get_options();
+    const auto found = std::find_if(options.begin(), options.end(), condition);
+    return found == options.end() ? nullptr : *found;
 }
 
-std::string wrong_count(const CLI::App& command, const std::string& name)
+std::string missing_option(const CLI::App& command)
 {
-    const CLI::Option* option = command.get_option_no_throw(name);
-    if (!option)
-        return name + " is given in a way that it cannot be";
-    if (option->count() > 1)
-        return name + " is given " + std::to_string(option->count()) +
+    const CLI::Option* option = find_option(
+        command, [](const auto* each) { return each->get_required() && each->count() == 0; });
+    return option->get_name() + " is missing: " + command.get_name() + " needs " +
+           option->get_name() + " " + option->get_type_name();
+}
+
+/** @param last_word of the command line; only there can an option lack its value */
+std::string wrong_count(const CLI::App& command, const std::string& last_word)
+{
+    const CLI::Option* repeated = find_option(
+        command, [](const auto* each) { return each->get_type_size() != 0 && each->count() > 1; });
+    if (repeated)
+        return repeated->get_name() + " is given " + std::to_string(repeated->count()) +
                " times, but can be given once";
-    if (option->get_type_size() == 0)
-        return name + " takes no value";
-    return name + " needs a value behind it: " + option->get_type_name();
+    const CLI::Option* last = command.get_option_no_throw(last_word);
+    return (last ? last->get_name() : last_word) + " needs a value behind it" +
+           (last ? ": " + last->get_type_name() : "");
 }
 
-std::string required_option(const CLI::App& command, const std::string& name)
+/** An option that was given without the one it depends on. */
+std::string missing_partner(const CLI::App& command)
 {
-    return name + " is missing: " + command.get_name() + " needs " + name + " " +
-           command.get_option(name)->get_type_name();
+    const CLI::Option* partner = nullptr;
+    const CLI::Option* option = find_option(command, [&partner](const auto* each) {
+        for (const CLI::Option* needed : each->get_needs())
+            if (each->count() > 0 && needed->count() == 0)
+                partner = needed;
+        return partner != nullptr;
+    });
+    return option->get_name() + " goes with " + partner->get_name() + " only, which is missing";
 }
 
-std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error)
+/** The error in a command line, the word that has it, and the right form if there is one. */
+std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
+                           const std::string& last_word)
 {
     const auto chosen = app.get_subcommands();
     if (chosen.empty())
         return no_command(app);
     const CLI::App& command = *chosen.front();
-    const std::string message = error.what(), option = option_in(message);
     if (chosen.size() > 1 || !app.remaining().empty())
         return "'" + (chosen.size() > 1 ? chosen.back()->get_name() : app.remaining().front()) +
                "' cannot follow " + command.get_name() + ": one command at a time";
@@ -142,13 +160,13 @@ std::string what_is_wrong(const CLI::App& app, const CLI::ParseError& error)
     if (!command.remaining().empty())
         return unexpected_word(command, command.get_name());
     if (dynamic_cast<const CLI::RequiredError*>(&error))
-        return required_option(command, option);
+        return missing_option(command);
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
-        return wrong_count(command, option);
+        return wrong_count(command, last_word);
     if (dynamic_cast<const CLI::RequiresError*>(&error))
-        return option + " goes with " + message.substr(message.rfind(' ') + 1) +
-               " only, which is missing";
-    return message;
+        return missing_partner(command);
+    // one of our own refusals
+    return error.what();
 }
 
 } // namespace
@@ -172,7 +190,7 @@ Invocation read_command_line(int argc, char** argv)
         return static_cast<int>(ExitCode::complete);
     } catch (const CLI::ParseError& error) {
         const auto command = app.get_subcommands();
-        say(what_is_wrong(app, error) + "; see 'screenrecord " +
+        say(error_sentence(app, error, argv[argc - 1]) + "; see 'screenrecord " +
             (command.empty() ? "" : command.front()->get_name() + " ") + "--help'");
         return static_cast<int>(ExitCode::usage);
     }
