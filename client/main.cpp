@@ -51,16 +51,16 @@ template <typename Options> ExitCode run_command(const Options& options)
         const CommonOptions* const given = common(options);
         ProgramOutput output(given && given->verbose, signals);
         prepare_environment(given);
-        Surroundings surroundings{signals, output};
-        const ExitCode code = run(options, surroundings);
+        CommandContext context{signals, output};
+        const ExitCode code = run(options, context);
         if (code != ExitCode::complete)
             show_library_log();
         return code;
     } catch (const Failure& failure) {
-        say(failure.what());
+        print_message(failure.what());
         return failure.code();
     } catch (const std::exception& error) {
-        say(std::string("cannot go on: ") + error.what());
+        print_message(std::string("cannot go on: ") + error.what());
         return ExitCode::failed;
     }
 }

@@ -190,8 +190,8 @@ Invocation read_command_line(int argc, char** argv)
         return static_cast<int>(ExitCode::complete);
     } catch (const CLI::ParseError& error) {
         const auto command = app.get_subcommands();
-        say(error_sentence(app, error, argv[argc - 1]) + "; see 'screenrecord " +
-            (command.empty() ? "" : command.front()->get_name() + " ") + "--help'");
+        print_message(error_sentence(app, error, argv[argc - 1]) + "; see 'screenrecord " +
+                      (command.empty() ? "" : command.front()->get_name() + " ") + "--help'");
         return static_cast<int>(ExitCode::usage);
     }
 }

@@ -7,18 +7,18 @@
 
 namespace client {
 
-/** What every command works with. */
-struct Surroundings {
+/** The parts of the program that every command uses. */
+struct CommandContext {
     StopSignals& signals;
     ProgramOutput& output;
 };
 
-/** Each runs a command to its end; a Failure says why it could not. */
-ExitCode run(const RecordOptions& options, Surroundings& surroundings);
-ExitCode run(const StreamOptions& options, Surroundings& surroundings);
-ExitCode run(const ShotOptions& options, Surroundings& surroundings);
-ExitCode run(const PcmOptions& options, Surroundings& surroundings);
-ExitCode run(const DevicesOptions& options, Surroundings& surroundings);
-ExitCode run(const DoctorOptions& options, Surroundings& surroundings);
+/** Each runs a command to its end; throws Failure. */
+ExitCode run(const RecordOptions& options, CommandContext& context);
+ExitCode run(const StreamOptions& options, CommandContext& context);
+ExitCode run(const ShotOptions& options, CommandContext& context);
+ExitCode run(const PcmOptions& options, CommandContext& context);
+ExitCode run(const DevicesOptions& options, CommandContext& context);
+ExitCode run(const DoctorOptions& options, CommandContext& context);
 
 } // namespace client

@@ -27,18 +27,18 @@ std::string source_line(const SoundSource& source)
 
 } // namespace
 
-ExitCode run(const DevicesOptions&, Surroundings& surroundings)
+ExitCode run(const DevicesOptions&, CommandContext& context)
 {
     for (const std::string& name : known_displays())
-        surroundings.output.print_line(display_line(name));
+        context.output.print_line(display_line(name));
     if (known_displays().empty())
-        say("there is no X display on this machine and DISPLAY is not set");
+        print_message("there is no X display on this machine and DISPLAY is not set");
     const auto sources = list_sound_sources();
     if (!sources)
-        say("no sound server answers; recordings are silent");
+        print_message("no sound server answers; recordings are silent");
     else
         for (const SoundSource& source : *sources)
-            surroundings.output.print_line(source_line(source));
+            context.output.print_line(source_line(source));
     return ExitCode::complete;
 }
 

@@ -139,13 +139,13 @@ const char* mark(Finding::Kind kind)
 
 } // namespace
 
-ExitCode run(const DoctorOptions&, Surroundings& surroundings)
+ExitCode run(const DoctorOptions&, CommandContext& context)
 {
     bool possible = true;
     for (const auto examine : {examine_platform, examine_display, examine_shared_memory,
                                examine_sound, examine_disk, examine_encoder}) {
         const Finding finding = examine();
-        surroundings.output.print_line(mark(finding.kind) + finding.sentence);
+        context.output.print_line(mark(finding.kind) + finding.sentence);
         possible = possible && finding.kind != Finding::Kind::missing;
     }
     return possible ? ExitCode::complete : ExitCode::failed;

@@ -61,9 +61,9 @@ private:
 
 class PcmRun {
 public:
-    PcmRun(const PcmOptions& options, Surroundings& surroundings)
-        : options_(options), surroundings_(surroundings),
-          sink_(options.output, options.overwrite, surroundings.output.fd(), surroundings.signals),
+    PcmRun(const PcmOptions& options, CommandContext& context)
+        : options_(options), context_(context),
+          sink_(options.output, options.overwrite, context.output.fd(), context.signals),
           wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes()
                                : UINT64_MAX)
     {
@@ -80,10 +80,10 @@ public:
                 wait();
         const TimePoint limit = Clock::now() + patience_at_the_end;
         take_the_rest(limit);
-        look_at(sink_.finish(limit));
+        check(sink_.finish(limit));
         update_header();
-        look_at(sink_.finish(limit));
-        look_at(sink_.problem_at_end());
+        check(sink_.finish(limit));
+        check(sink_.problem_at_end());
         return conclude();
     }
 
@@ -101,7 +101,7 @@ private:
         const bool first = taken_ == 0;
         taken_ += samples.size();
         ended_ = ended_ || taken_ >= wanted_;
-        look_at(wav_ && first ? begin_file(samples) : sink_.put(samples));
+        check(wav_ && first ? begin_file(samples) : sink_.put(samples));
         return true;
     }
 
@@ -111,7 +111,7 @@ private:
         for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes();
              bytes /= 2) {
             bytes -= bytes % sound_.format().frame_bytes();
-            look_at(sink_.finish(limit));
+            check(sink_.finish(limit));
             if (sink_.pending() || problem_ || reader_gone_ || taken_ >= wanted_)
                 return;
             take(bytes);
@@ -120,14 +120,14 @@ private:
 
     void wait()
     {
-        pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
+        pollfd waited[] = {{context_.signals.fd(), POLLIN, 0},
                            {sink_.pending() ? sink_.fd() : -1, POLLIN, 0}};
         // a buffer fills in 64 ms
         poll(waited, 2, sink_.pending() ? 100 : 16);
         if (waited[1].revents)
-            look_at(sink_.look());
-        ended_ = ended_ || surroundings_.signals.raised() || Clock::now() >= deadline_;
-        look_at(sink_.problem());
+            check(sink_.look());
+        ended_ = ended_ || context_.signals.raised() || Clock::now() >= deadline_;
+        check(sink_.problem());
         if (Clock::now() < next_header_)
             return;
         next_header_ = Clock::now() + milliseconds(900);
@@ -152,10 +152,10 @@ private:
         if (!wav_ || sink_.pending() || sink_.delivered() < header_.size())
             return;
         header_ = wav_header(sound_.format(), sink_.delivered() - header_.size());
-        look_at(sink_.put_at_begin(header_));
+        check(sink_.put_at_begin(header_));
     }
 
-    void look_at(ByteSink::State state)
+    void check(ByteSink::State state)
     {
         reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
         if (state == ByteSink::State::failed)
@@ -164,7 +164,7 @@ private:
         ended_ = ended_ || reader_gone_ || problem_;
     }
 
-    void look_at(std::optional<std::string> output_problem)
+    void check(std::optional<std::string> output_problem)
     {
         if (!problem_)
             problem_ = std::move(output_problem);
@@ -176,31 +176,32 @@ private:
         if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
             problem_ = "the end is missing from " + options_.output + ": its disk stands still";
         if (problem_)
-            say(*problem_);
+            print_message(*problem_);
         const auto counted = statistics_.read();
         if (counted && counted->audio_bytes_lost > 0)
-            say(format_text("%.2f seconds of sound are missing: they were not taken in time",
+            print_message(
+                format_text("%.2f seconds of sound are missing: they were not taken in time",
                             static_cast<double>(counted->audio_bytes_lost) /
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
-            say("cannot record sound: none came");
+            print_message("cannot record sound: none came");
             if (const int error = wav_ ? sink_.empty_file()
                                        : 0) // a header alone is no file; an empty one is removed
-                say("cannot empty " + options_.output + ": " + error_text(error));
+                print_message("cannot empty " + options_.output + ": " + error_text(error));
             return ExitCode::failed;
         }
         const bool lost_sound = counted && counted->sound_lost;
         if (lost_sound)
-            say("the sound server went away for a while: " +
-                (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
-                " is silent there");
+            print_message("the sound server went away for a while: " +
+                          (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
+                          " is silent there");
         if (!sink_.path().empty())
-            surroundings_.output.print_path(sink_.path());
+            context_.output.print_path(sink_.path());
         return problem_ || lost_sound ? ExitCode::ended_early : ExitCode::complete;
     }
 
     const PcmOptions& options_;
-    Surroundings& surroundings_;
+    CommandContext& context_;
     // before the sound, which would be lost while a named pipe waits for its reader
     ByteSink sink_;
     SoundCapture sound_;
@@ -218,11 +219,11 @@ private:
 
 } // namespace
 
-ExitCode run(const PcmOptions& options, Surroundings& surroundings)
+ExitCode run(const PcmOptions& options, CommandContext& context)
 {
     if (!is_standard_output(options.output))
         check_output_path(options.output, options.overwrite);
-    return PcmRun(options, surroundings).run();
+    return PcmRun(options, context).run();
 }
 
 } // namespace client

@@ -33,7 +33,8 @@ uint64_t pictures_in(const std::string& source, Size size)
     if (bytes < picture)
         throw Failure("cannot encode " + source + ": it holds no whole picture; one of " + needed);
     if (bytes % picture != 0)
-        say(source +
+        print_message(
+            source +
             " is not a whole number of pictures, so its size may not be what -s says: one of " +
             needed);
     return (bytes + picture - 1) / picture;
@@ -46,12 +47,13 @@ Size chosen_size(const RecordOptions& options)
     return size_to_capture(display_to_capture(), options.size);
 }
 
-void say_settings(const RecordOptions& o, Size size)
+void print_settings(const RecordOptions& o, Size size)
 {
     const std::string rate = o.constant_mbit
                                  ? format_text("constant %u x 1048576 bit/s", o.constant_mbit)
                                  : "rate by content";
-    say(format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
+    print_message(
+        format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
                     o.source.empty() ? "screen" : o.source.c_str(), size.width, size.height, o.fps,
                     rate.c_str(), o.packet_size, o.audio ? "AAC sound" : "no sound", o.slot,
                     o.one_call ? ", one call" : "", o.output.c_str()));
@@ -112,8 +114,8 @@ private:
 
 class RecordRun {
 public:
-    RecordRun(const RecordOptions& options, Surroundings& surroundings)
-        : options_(options), surroundings_(surroundings), size_(chosen_size(options))
+    RecordRun(const RecordOptions& options, CommandContext& context)
+        : options_(options), context_(context), size_(chosen_size(options))
     {
         if (!options.source.empty())
             source_pictures_ = pictures_in(options.source, size_);
@@ -122,10 +124,10 @@ public:
     ExitCode run()
     {
         if (options_.verbose)
-            say_settings(options_, size_);
+            print_settings(options_, size_);
         check_output_path(options_.output, options_.overwrite);
         StatusReport report(options_.json, options_.status_file);
-        const OutputFile file(options_.output, options_.overwrite, surroundings_.signals);
+        const OutputFile file(options_.output, options_.overwrite, context_.signals);
         RecordingMonitor watch(file);
         OutputWatch output(file);
         RecordProgress progress;
@@ -149,13 +151,13 @@ private:
             if (report.due())
                 report.update(progress.measure(file.size()));
         const bool in_order =
-            recording.finish(surroundings_.signals.raised() ? Recording::patience_of_a_stop
-                                                            : Recording::patience_at_the_end);
+            recording.finish(context_.signals.raised() ? Recording::patience_of_a_stop
+                                                       : Recording::patience_at_the_end);
         shortfall_ = watch.shortfall();
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the last batch is written by the close
-            look_at(output.problem_at_end(), watch);
+            check_file(output.problem_at_end(), watch);
         if (!problem_ && watch.lost_sound())
             problem_ =
                 "the sound server went away for a while: " + file.path() + " is silent there";
@@ -165,7 +167,7 @@ private:
      * A write that fails is cut back, so that it is looked for behind what may be wrong with the
      * file.
      */
-    void look_at(std::optional<std::string> output_problem, RecordingMonitor& watch)
+    void check_file(std::optional<std::string> output_problem, RecordingMonitor& watch)
     {
         problem_ = watch.problem();
         output_lost_ = !problem_ && output_problem;
@@ -177,11 +179,12 @@ private:
     {
         const TimePoint next =
             Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
-        if (surroundings_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
+        if (context_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
             return true;
-        if (surroundings_.signals.take_pause_request() == PauseRequest::pause)
-            say("cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on, and 'screenrecord stream' is what can pause");
-        look_at(output.problem(), watch);
+        if (context_.signals.take_pause_request() == PauseRequest::pause)
+            print_message(
+                "cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on, and 'screenrecord stream' is what can pause");
+        check_file(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
         problem_ = source_end_->problem();
@@ -195,18 +198,18 @@ private:
     {
         for (const auto& sentence : {problem_, shortfall_})
             if (sentence)
-                say(*sentence);
+                print_message(*sentence);
         if (nothing_came(file) && !output_lost_) {
-            say("cannot record: nothing reached " + file.path());
+            print_message("cannot record: nothing reached " + file.path());
             return ExitCode::failed;
         }
         if (!path.empty() && !nothing_came(file))
-            surroundings_.output.print_path(path);
+            context_.output.print_path(path);
         return problem_ || shortfall_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
     const RecordOptions& options_;
-    Surroundings& surroundings_;
+    CommandContext& context_;
     const Size size_;
     uint64_t source_pictures_ = 0;
     std::optional<SourceEnd> source_end_;
@@ -217,9 +220,9 @@ private:
 
 } // namespace
 
-ExitCode run(const RecordOptions& options, Surroundings& surroundings)
+ExitCode run(const RecordOptions& options, CommandContext& context)
 {
-    return RecordRun(options, surroundings).run();
+    return RecordRun(options, context).run();
 }
 
 } // namespace client

@@ -27,12 +27,12 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
  * Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws
  * Failure.
  */
-void hand_out(const std::vector<uint8_t>& bytes, const std::string& path,
-              Surroundings& surroundings)
+void write_to_standard_output(const std::vector<uint8_t>& bytes, const std::string& path,
+                              CommandContext& context)
 {
-    ByteSink sink(path, false, surroundings.output.fd(), surroundings.signals);
+    ByteSink sink(path, false, context.output.fd(), context.signals);
     ByteSink::State state = sink.put(bytes);
-    while (state == ByteSink::State::pending && !surroundings.signals.raised())
+    while (state == ByteSink::State::pending && !context.signals.raised())
         state = sink.finish(Clock::now() + std::chrono::milliseconds(100));
     if (state == ByteSink::State::pending)
         throw Failure(
@@ -42,25 +42,25 @@ void hand_out(const std::vector<uint8_t>& bytes, const std::string& path,
 }
 
 void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite,
-          Surroundings& surroundings)
+          CommandContext& context)
 {
     if (is_standard_output(path))
-        return hand_out(bytes, path, surroundings);
+        return write_to_standard_output(bytes, path, context);
     AttendedWork saving([bytes = std::move(bytes), path, overwrite] {
-        WholeFile file(path);
+        AtomicFile file(path);
         file.write(bytes.data(), bytes.size());
         file.put_in_place(overwrite);
     });
-    if (!saving.wait(surroundings.signals, std::chrono::seconds(1)))
+    if (!saving.wait(context.signals, std::chrono::seconds(1)))
         throw Failure("cannot write to " + path +
                       ": stopped before its disk had taken the picture");
     saving.finish();
-    surroundings.output.print_path(path);
+    context.output.print_path(path);
 }
 
 } // namespace
 
-ExitCode run(const ShotOptions& options, Surroundings& surroundings)
+ExitCode run(const ShotOptions& options, CommandContext& context)
 {
     for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output);
          ++number)
@@ -68,19 +68,19 @@ ExitCode run(const ShotOptions& options, Surroundings& surroundings)
     const DisplayInfo display = display_to_capture();
     const Size size = size_to_capture(display, options.size);
     if (options.verbose)
-        say(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
+        print_message(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
 
     StillPictures pictures(size, options.format, options.osd);
     const TimePoint start = Clock::now();
     for (uint32_t number = 1; number <= options.count; ++number) {
-        if (surroundings.signals.wait_until(start + options.interval * (number - 1)))
+        if (context.signals.wait_until(start + options.interval * (number - 1)))
             return number > 1 ? ExitCode::ended_early : ExitCode::failed;
         const std::string path = shot_path(options, number);
         try {
             pictures.capture();
             save(ending_of(path) == "raw" ? pictures.raw_bytes()
                                           : encode_png(size, pictures.bgr_bytes()),
-                 path, options.overwrite, surroundings);
+                 path, options.overwrite, context);
         } catch (const Failure& failure) {
             if (number > 1) // what was saved before is of use
                 throw Failure(failure.what(), ExitCode::ended_early);

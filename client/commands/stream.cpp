@@ -35,12 +35,11 @@ std::string requested_path(const StreamOptions& options)
 /** Takes frames from the library as they come and hands them on, until the end. */
 class StreamRun {
 public:
-    StreamRun(const StreamOptions& options, Surroundings& surroundings)
-        : options_(options), surroundings_(surroundings), path_(requested_path(options)),
+    StreamRun(const StreamOptions& options, CommandContext& context)
+        : options_(options), context_(context), path_(requested_path(options)),
           size_(size_to_capture(display_to_capture(), options.size)),
-          sink_(path_, options.overwrite, surroundings.output.fd(), surroundings.signals),
-          stream_(options, size_, surroundings.signals), control_(options.control),
-          lost_(options.fps)
+          sink_(path_, options.overwrite, context.output.fd(), context.signals),
+          stream_(options, size_, context.signals), control_(options.control), lost_(options.fps)
     {
         if (options.time)
             deadline_ =
@@ -50,7 +49,7 @@ public:
 
     ExitCode run()
     {
-        say_settings();
+        print_settings();
         while (!ended_)
             if (sink_.pending() || !take_frame())
                 wait();
@@ -64,13 +63,13 @@ private:
         return std::chrono::duration_cast<Clock::duration>(*options_.time);
     }
 
-    void say_settings() const
+    void print_settings() const
     {
         if (options_.verbose)
-            say(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width,
-                            stream_.size().height, options_.fps, stream_.bit_rate()));
+            print_message(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width,
+                                      stream_.size().height, options_.fps, stream_.bit_rate()));
         else if (options_.size && stream_.size() != *options_.size)
-            say(format_text(
+            print_message(format_text(
                 "the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",
                 stream_.size().width, stream_.size().height));
     }
@@ -114,10 +113,10 @@ private:
         key_frames_ += frame.key;
         last_pts_us_ = frame.pts_us;
         lost_.frame_taken(frame.pts_us);
-        look_at(sink_.put(frame.bytes));
+        check(sink_.put(frame.bytes));
     }
 
-    void look_at(ByteSink::State state)
+    void check(ByteSink::State state)
     {
         reader_gone_ = reader_gone_ || state == ByteSink::State::reader_gone;
         if (state == ByteSink::State::failed)
@@ -125,7 +124,7 @@ private:
         ended_ = ended_ || reader_gone_ || problem_.has_value();
     }
 
-    void look_at(std::optional<std::string> output_problem)
+    void check(std::optional<std::string> output_problem)
     {
         if (problem_ || !output_problem)
             return;
@@ -138,7 +137,7 @@ private:
         const bool pending = sink_.pending();
         const TimePoint look =
             Clock::now() + (pending || event_ >= 0 ? look_interval : look_interval_for_frames);
-        pollfd waited[] = {{surroundings_.signals.fd(), POLLIN, 0},
+        pollfd waited[] = {{context_.signals.fd(), POLLIN, 0},
                            {control_.fd(), POLLIN, 0},
                            {pending ? sink_.fd() : -1, POLLIN, 0},
                            {pending ? -1 : event_, POLLIN, 0},
@@ -148,7 +147,7 @@ private:
             if (waited[1].revents)
                 control_.read_lines([this](const std::string& line) { obey(line); });
             if (waited[2].revents)
-                look_at(sink_.look());
+                check(sink_.look());
             if (eventfd_t frames = 0; waited[3].revents)
                 eventfd_read(event_, &frames);
             if (waited[4].revents)
@@ -161,8 +160,8 @@ private:
     void check_end()
     {
         const TimePoint now = Clock::now();
-        ended_ = ended_ || surroundings_.signals.raised() || now >= deadline_;
-        const PauseRequest request = surroundings_.signals.take_pause_request();
+        ended_ = ended_ || context_.signals.raised() || now >= deadline_;
+        const PauseRequest request = context_.signals.take_pause_request();
         if (request == PauseRequest::pause)
             carry_out(control::Pause{});
         else if (request == PauseRequest::resume)
@@ -170,9 +169,9 @@ private:
         if (now < next_check_)
             return;
         next_check_ = now + milliseconds(200);
-        look_at(sink_.problem());
+        check(sink_.problem());
         if (const auto counted = statistics_.read())
-            look_at(display_problem(*counted, "cannot stream"));
+            check(display_problem(*counted, "cannot stream"));
     }
 
     void obey(const std::string& line)
@@ -233,42 +232,42 @@ private:
                                           Clock::now().time_since_epoch())
                                           .count()));
         const TimePoint limit = Clock::now() + patience_at_the_end;
-        look_at(sink_.finish(limit));
+        check(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
-            look_at(sink_.finish(limit));
-        look_at(sink_.problem_at_end());
+            check(sink_.finish(limit));
+        check(sink_.problem_at_end());
     }
 
     ExitCode conclude()
     {
-        say_losses();
+        print_losses();
         if (sink_.look() == ByteSink::State::pending && !problem_ && !sink_.path().empty())
             problem_ = "the end is missing from " + path_ + ": its disk stands still";
         if (problem_)
-            say(*problem_);
+            print_message(*problem_);
         if (sink_.delivered() == 0) {
-            say("cannot stream: no frame came");
+            print_message("cannot stream: no frame came");
             return ExitCode::failed;
         }
         if (options_.verbose)
-            say(format_text("%llu frames, %llu of them key frames, %llu bytes",
-                            static_cast<unsigned long long>(frames_),
-                            static_cast<unsigned long long>(key_frames_),
-                            static_cast<unsigned long long>(sink_.delivered())));
+            print_message(format_text("%llu frames, %llu of them key frames, %llu bytes",
+                                      static_cast<unsigned long long>(frames_),
+                                      static_cast<unsigned long long>(key_frames_),
+                                      static_cast<unsigned long long>(sink_.delivered())));
         if (!sink_.path().empty())
-            surroundings_.output.print_path(sink_.path());
+            context_.output.print_path(sink_.path());
         return problem_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
     // Time stamps of key frames may be a frame late, so a distance of one says nothing.
-    void say_losses() const
+    void print_losses() const
     {
         const auto counted = since_first_frame_.read();
         const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
         const uint64_t missing = lost_.count();
         if (missing < by_capture + 2)
             return;
-        say(format_text(
+        print_message(format_text(
             "%llu frames are missing from the stream: %s",
             static_cast<unsigned long long>(missing - by_capture),
             reader_was_slow_
@@ -277,7 +276,7 @@ private:
     }
 
     const StreamOptions& options_;
-    Surroundings& surroundings_;
+    CommandContext& context_;
     const std::string path_;
     const Size size_;
     ByteSink sink_;
@@ -304,9 +303,9 @@ private:
 
 } // namespace
 
-ExitCode run(const StreamOptions& options, Surroundings& surroundings)
+ExitCode run(const StreamOptions& options, CommandContext& context)
 {
-    return StreamRun(options, surroundings).run();
+    return StreamRun(options, context).run();
 }
 
 } // namespace client

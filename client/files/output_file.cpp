@@ -279,7 +279,7 @@ uint64_t OutputFile::size() const
     return regular() && fstat(fd_.get(), &now) == 0 ? static_cast<uint64_t>(now.st_size) : 0;
 }
 
-WholeFile::WholeFile(std::string path) : path_(std::move(path))
+AtomicFile::AtomicFile(std::string path) : path_(std::move(path))
 {
     // whether it may replace a file is said when it gets its name
     check_whole_file_path(path_, true);
@@ -292,7 +292,7 @@ WholeFile::WholeFile(std::string path) : path_(std::move(path))
 
 // Looks the folder up again each time, since it can have been moved. The temporary name is
 // independent of the file's name, which can have the greatest length, and cannot be guessed.
-void WholeFile::begin()
+void AtomicFile::begin()
 {
     place_.emplace(path_);
     examine_whole_file(path_, *place_, true);
@@ -307,13 +307,13 @@ void WholeFile::begin()
     lock_output(fd_.get(), path_);
 }
 
-WholeFile::~WholeFile()
+AtomicFile::~AtomicFile()
 {
     if (!beside_.empty())
         unlinkat(place_->folder(), beside_.c_str(), 0);
 }
 
-void WholeFile::write(const void* data, size_t size)
+void AtomicFile::write(const void* data, size_t size)
 {
     if (beside_.empty())
         begin();
@@ -327,7 +327,7 @@ void WholeFile::write(const void* data, size_t size)
     }
 }
 
-void WholeFile::put_in_place(bool overwrite)
+void AtomicFile::put_in_place(bool overwrite)
 {
     const int folder = place_->folder();
     const char* const name = place_->name().c_str();

@@ -24,7 +24,7 @@ bool is_standard_output(const std::string& path);
 void check_output_path(const std::string& path, bool overwrite);
 
 /**
- * The same for a WholeFile, whose rename would replace whatever has that name: of what exists it
+ * The same for a AtomicFile, whose rename would replace whatever has that name: of what exists it
  * takes ordinary files alone.
  */
 void check_whole_file_path(const std::string& path, bool overwrite);
@@ -76,16 +76,16 @@ private:
  * half of it and a failure leaves what was there before. The file that has the name is locked, from
  * the beginning and from one content to the next.
  */
-class WholeFile {
+class AtomicFile {
 public:
     /**
      * Throws Failure when nothing can be created beside `path`, or what is there is no ordinary
      * file or not the user's. Only its owner may read it.
      */
-    explicit WholeFile(std::string path);
-    WholeFile(const WholeFile&) = delete;
-    WholeFile& operator=(const WholeFile&) = delete;
-    ~WholeFile();
+    explicit AtomicFile(std::string path);
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+    ~AtomicFile();
 
     /** Writes all of it, of the next content after put_in_place(); throws Failure. */
     void write(const void* data, size_t size);

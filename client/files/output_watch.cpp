@@ -102,8 +102,8 @@ void OutputWatch::follow_name()
         return;
     path_ = name;
     const std::string begin = file_.path() + " was renamed";
-    say(name.empty() ? begin + "; its new name is not known"
-                     : begin + "; the recording goes on in " + name);
+    print_message(name.empty() ? begin + "; its new name is not known"
+                               : begin + "; the recording goes on in " + name);
 }
 
 } // namespace client

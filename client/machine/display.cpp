@@ -152,11 +152,11 @@ Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& aske
     // not scaled down
     const bool shown = whole.width <= size.width + 1 && whole.height <= size.height + 1;
     if (shown && (column || row))
-        say(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out",
-                        display.name.c_str(), whole.width, whole.height,
-                        column && row ? "column and its last row are"
-                        : column      ? "column is"
-                                      : "row is"));
+        print_message(format_text("%s has %ux%u pixels, and sizes are even: its last %s left out",
+                                  display.name.c_str(), whole.width, whole.height,
+                                  column && row ? "column and its last row are"
+                                  : column      ? "column is"
+                                                : "row is"));
     return size;
 }
 

@@ -31,7 +31,7 @@ std::string printable(const std::string& text)
     return made;
 }
 
-void say(const std::string& sentence)
+void print_message(const std::string& sentence)
 {
     print_error_line("screenrecord: " + sentence);
 }

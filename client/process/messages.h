@@ -19,7 +19,7 @@ std::string printable(const std::string& text);
  * Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line
  * shown there.
  */
-void say(const std::string& sentence);
+void print_message(const std::string& sentence);
 
 /** Prints `line` alone on standard error, in place of a status line shown there. */
 void print_error_line(const std::string& line);

@@ -21,7 +21,7 @@ constexpr size_t longest_text = 16384;
  * Why the text is not there, as a sentence; empty when it is. `file` stays locked from text to
  * text.
  */
-std::string write_whole(std::optional<WholeFile>& file, const std::string& path,
+std::string write_whole(std::optional<AtomicFile>& file, const std::string& path,
                         const std::string& line)
 {
     try {
@@ -84,7 +84,7 @@ void StatusFile::run(int socket, const std::string& path)
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
     keep_only(socket);
-    std::optional<WholeFile> file;
+    std::optional<AtomicFile> file;
     std::string text(longest_text, '\0');
     while (true) {
         const ssize_t size = recv(socket, text.data(), text.size(), 0);

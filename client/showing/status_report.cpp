@@ -119,7 +119,7 @@ void StatusReport::heed(const std::optional<std::string>& failure)
 {
     if (!failure)
         return;
-    say(*failure);
+    print_message(*failure);
     status_file_.reset();
 }
 
