@@ -13,6 +13,12 @@ struct CommandContext {
     ProgramOutput& output;
 };
 
+/**
+ * Runs the command that the command line names, and prints the reason if it fails.
+ * @return the program's exit code
+ */
+int run(const Invocation& invocation);
+
 /** Each runs a command to its end; throws Failure. */
 ExitCode run(const RecordOptions& options, CommandContext& context);
 ExitCode run(const StreamOptions& options, CommandContext& context);

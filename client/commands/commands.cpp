@@ -1,0 +1,69 @@
+#include "commands/commands.h"
+
+#include <cstdlib>
+#include <exception>
+#include <type_traits>
+
+#include "process/messages.h"
+#include "running/library_log.h"
+
+namespace client {
+namespace {
+
+template <typename Options> const CommonOptions* common(const Options& options)
+{
+    if constexpr (std::is_base_of_v<CommonOptions, Options>)
+        return &options;
+    return nullptr;
+}
+
+// Call it before any thread exists: setenv() is not thread-safe.
+void prepare_environment(const CommonOptions* options)
+{
+    // The library logs an error for each module that a recording does not use, so its log is off.
+    // With --verbose it is kept for a failure, and the platform's choices are shown. A variable
+    // that the user has set overrides both.
+    const bool verbose = options && options->verbose;
+    if (verbose && !secure_getenv("ANDROID_LOG_TAGS"))
+        keep_library_log();
+    setenv("ANDROID_LOG_TAGS", verbose ? "zu3:I screenrecord:S" : "screenrecord:S", 0);
+    if (options && !options->display.empty())
+        setenv("DISPLAY", options->display.c_str(), 1);
+}
+
+template <typename Options> ExitCode run_command(const Options& options)
+{
+    try {
+        StopSignals signals;
+        const CommonOptions* const given = common(options);
+        ProgramOutput output(given && given->verbose, signals);
+        prepare_environment(given);
+        CommandContext context{signals, output};
+        const ExitCode code = run(options, context);
+        if (code != ExitCode::complete)
+            show_library_log();
+        return code;
+    } catch (const Failure& failure) {
+        print_message(failure.what());
+        return failure.code();
+    } catch (const std::exception& error) {
+        print_message(std::string("cannot go on: ") + error.what());
+        return ExitCode::failed;
+    }
+}
+
+} // namespace
+
+int run(const Invocation& invocation)
+{
+    return std::visit(
+        [](const auto& options) {
+            if constexpr (std::is_same_v<std::decay_t<decltype(options)>, int>)
+                return options;
+            else
+                return static_cast<int>(run_command(options));
+        },
+        invocation);
+}
+
+} // namespace client
