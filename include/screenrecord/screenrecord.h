@@ -1,4 +1,5 @@
 /**
+ * @file
  * screenrecord: captures the composed screen and encodes it as H.264 (ISO/IEC 14496-10). It writes
  * an MPEG transport stream (ISO/IEC 13818-1) to a file, or gives the caller encoded frames,
  * screenshots or raw PCM.
@@ -44,6 +45,7 @@
 
 #include <stdint.h>
 
+/** Exports the declaration; the library hides all others. */
 #define SCREENRECORD_EXPORT __attribute__((visibility("default")))
 
 /** Gives a declaration its C++ symbol name when a C compiler reads it. */
