@@ -49,7 +49,7 @@ public:
 private:
     static constexpr int64_t frames = 1200;
     static constexpr int periods = 11;
-    static_assert(pcm_rate * periods == 440 * frames);
+    static_assert(int64_t{pcm_rate} * periods == 440 * frames);
     static constexpr double amplitude = 16000;
 
     std::array<int16_t, frames * pcm_channels> samples_;

@@ -37,7 +37,7 @@ inline void name_this_thread(const ThreadName& name)
  */
 inline void give_threads_enough_stack()
 {
-    constexpr size_t enough = 512 * 1024;
+    constexpr size_t enough = size_t{512} * 1024;
     static const int done = [] {
         pthread_attr_t defaults;
         size_t bytes = 0;

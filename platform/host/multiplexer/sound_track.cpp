@@ -83,7 +83,7 @@ bool SoundTrack::gather_heard()
 
 void SoundTrack::drop(int64_t samples)
 {
-    std::array<int16_t, 512 * pcm_channels> dropped;
+    std::array<int16_t, size_t{512} * pcm_channels> dropped;
     int64_t bytes = samples * int64_t{pcm_frame_bytes};
     while (bytes > 0) {
         const size_t read = reader_->read(dropped.data(), std::min<size_t>(sizeof dropped, bytes));

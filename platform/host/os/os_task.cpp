@@ -66,7 +66,7 @@ namespace {
 
 // The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual
 // 8 MiB would count in full wherever address space or locked memory is limited.
-constexpr size_t least_stack_bytes = 256 * 1024;
+constexpr size_t least_stack_bytes = size_t{256} * 1024;
 
 thread_local int deletion_of_task = -1;
 

@@ -19,7 +19,7 @@ namespace zu3host {
 template <typename Object> android::sp<Object> counted(Object* made)
 {
     std::unique_ptr<Object> uncounted(made);
-    const android::sp<Object> first = made;
+    android::sp<Object> first = made;
     if (!made || made->getStrongCount() == 0)
         return nullptr;
     static_cast<void>(uncounted.release());
