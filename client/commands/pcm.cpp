@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <poll.h>
 #include <vector>
 
@@ -90,7 +91,7 @@ public:
 private:
     uint64_t frames_of(Seconds time) const
     {
-        return static_cast<uint64_t>(time.count() * sound_.format().sample_rate + 0.5);
+        return static_cast<uint64_t>(std::llround(time.count() * sound_.format().sample_rate));
     }
 
     bool take(uint64_t bytes)

@@ -70,7 +70,8 @@ public:
         // A platform without statistics: wait for the shortest time that reading takes, then until the
         // file stops growing.
         if (!counted())
-            looks_left_ += std::chrono::milliseconds(28) * pictures / source_look;
+            looks_left_ +=
+                std::chrono::milliseconds(28) * static_cast<int64_t>(pictures) / source_look;
     }
 
     bool reached(uint64_t file_bytes)

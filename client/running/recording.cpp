@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 // The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told
 // to end is lost.
-constexpr uint64_t last_pass_bytes = 60 * 1024;
+constexpr uint64_t last_pass_bytes = uint64_t{60} * 1024;
 
 uint64_t bytes_behind(const StatisticsDelta& statistics)
 {

@@ -8,7 +8,7 @@
 namespace client {
 namespace {
 
-constexpr uint64_t writer_batch_bytes = 128 * 1024;
+constexpr uint64_t writer_batch_bytes = uint64_t{128} * 1024;
 
 uint64_t free_bytes(int fd)
 {

@@ -118,7 +118,7 @@ std::optional<std::string> StatusFile::take_answer(TimePoint limit)
 
 std::optional<std::string> StatusFile::update(const std::string& text)
 {
-    const auto failure = take_answer(Clock::now());
+    auto failure = take_answer(Clock::now());
     if (!failure && !pending_)
         send(text);
     return failure;
@@ -126,7 +126,7 @@ std::optional<std::string> StatusFile::update(const std::string& text)
 
 std::optional<std::string> StatusFile::finish(const std::string& text, TimePoint limit)
 {
-    if (const auto failure = take_answer(limit))
+    if (auto failure = take_answer(limit))
         return failure;
     // a disk that still holds the one before gets it behind that
     send(text);
