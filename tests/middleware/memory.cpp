@@ -46,24 +46,23 @@ u64 block_of(u64 physical)
 } // namespace
 
 /**
- * Records hold some addresses in 32 bits, so their memory must lie that low also where pointers are
- * longer.
+ * Records store some addresses in 32 bits, so their memory must lie that low also where pointers
+ * are longer. Only x86 has MAP_32BIT, and an emulator may treat MAP_FIXED_NOREPLACE as a hint.
  */
 std::span<u8> new_low_memory(size_t size)
 {
-#ifdef MAP_32BIT
-    const int low = MAP_32BIT;
-#else
-    const int low = 0;
-#endif
-    void* const hint = low ? nullptr : reinterpret_cast<void*>(0x20000000);
-    void* const memory =
-        mmap(hint, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | low, -1, 0);
-    if (memory == MAP_FAILED || reinterpret_cast<uintptr_t>(memory) + size > UINT32_MAX) {
-        ADD_FAILURE() << "no memory below 4 GiB";
-        std::abort();
+    constexpr uintptr_t first = 0x20000000, end = 0x70000000, step = 0x100000;
+    for (uintptr_t address = first; address < end; address += step) {
+        void* const wanted = reinterpret_cast<void*>(address);
+        void* const memory = mmap(wanted, size, PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+        if (memory == wanted)
+            return state().low_memory.emplace_back(static_cast<u8*>(memory), size);
+        if (memory != MAP_FAILED)
+            munmap(memory, size);
     }
-    return state().low_memory.emplace_back(static_cast<u8*>(memory), size);
+    ADD_FAILURE() << "no memory below 4 GiB";
+    std::abort();
 }
 
 InjectBuffer Middleware::offer_inject_buffer(u32 size)
