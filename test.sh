@@ -1,9 +1,10 @@
 #!/bin/sh
-# Installs what is missing, builds every preset and runs every test.
+# Installs what is missing, builds every preset, runs every test and scripts/lint.sh.
 #
 #   ./test.sh [--long]    --long runs the long forms of the tests as well, and the unit tests as GCC compiles them
 #                         for the device; else they run there as clang does, and GCC compiles the library alone.
-#                         It compiles each file by itself too
+#                         It compiles the tests without precompiled headers and the whole for arm64 too, and has
+#                         clang-tidy read all of the product
 set -eu
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")"
@@ -71,8 +72,14 @@ scripts/install_dependencies.sh build
 scripts/install_dependencies.sh display test &
 installing=$!
 # The one whose tests take longest is built first, so that most is left to be built beside them.
-presets="release tsan asan armhf-clang"
-[ -z "$configuration" ] || presets="$presets armhf"
+presets="release tsan asan libcxx armhf-clang"
+lint=
+if [ -n "$configuration" ]; then
+    scripts/install_dependencies.sh arm64
+    scripts/arm64_sysroot.sh build/arm64-sysroot
+    presets="$presets armhf arm64"
+    lint=--all
+fi
 for next in $presets; do
     built=true
     build "$next" || built=false
@@ -86,6 +93,11 @@ for next in $presets; do
 done
 [ -z "$configuration" ] || build each-file || failed="$failed each-file(build)"
 [ -n "$configuration" ] || build armhf screenrecord_objects || failed="$failed armhf(build)"
+# shellcheck disable=SC2086 # no argument or one
+$idle scripts/lint.sh $lint >build/lint.log 2>&1 || {
+    failed="$failed lint"
+    cat build/lint.log
+}
 finish_tests
 
 if [ -n "$failed" ]; then

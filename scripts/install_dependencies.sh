@@ -5,7 +5,8 @@
 #
 #   build    what the library, the host layer, the client and the test programs are built with
 #   display  a display without a screen, for a machine that has none
-#   test     what the tests and the cross build need besides
+#   test     what the tests and the other presets need besides
+#   arm64    what the preset arm64 needs besides; scripts/arm64_sysroot.sh fetches its libraries
 set -eu
 
 packages_of() {
@@ -22,9 +23,11 @@ packages_of() {
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool pulseaudio \
         pulseaudio-utils binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
         gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev clang-format \
-        clang-tidy shellcheck flake8 ;;
+        clang-tidy shellcheck flake8 doxygen clang-16 libc++-16-dev \
+        libc++abi-16-dev ;; # libc++ 14 lacks std::ranges::any_of and the like, which the tests use
+    arm64) echo g++-aarch64-linux-gnu qemu-user ;;
     *)
-        echo "install_dependencies.sh: there is no group '$1', only build, display and test" >&2
+        echo "install_dependencies.sh: there is no group '$1', only build, display, test and arm64" >&2
         exit 2
         ;;
     esac
