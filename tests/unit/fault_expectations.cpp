@@ -6,165 +6,640 @@ namespace faults {
 
 namespace {
 
-struct Row {
-    const char* kinds;
-    /** "name=7" is for that result alone, and comes before the others of the name */
-    const char* call;
-    /** 0 = whichever, -1 = what only several faults of it lead to */
-    int nth;
-    const char* failing;
-    /** '|' between them; 0x%x and %d stand for the result, ~ for SCREENRECORD_ */
-    const char* errors;
+/** For what only several faults of a call lead to. */
+constexpr int only_with_others = -1;
+
+/** A call that fails, and what a client sees of it. */
+struct Rule {
+    /** kinds of scenarios, as bits */
+    unsigned in = 0;
+    std::string call = {};
+    /** for this result alone; such a rule stands before the others of its call */
+    std::optional<s64> result = {};
+    /** among the calls of that name; 0 = any */
+    int nth = 0;
+    /** the client's call that answers failure */
+    std::string failing = {};
+    /** 0x%x and %d stand for the result */
+    std::vector<std::string> errors = {};
 };
 
-// Ends that several faults have in common.
-#define VENC_FAILED "~SetVideo][DEMO TRANSCODE] Open Venc Failed!"
-#define VCAP_FAILED "~SetVideo][DEMO TRANSCODE] Open Vcap Failed!"
-#define NO_TS_FAILED "video_capenc_open] _~OpenVenc Failed!"
-#define MUX_FAILED "~SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"
-#define NO_MUTEX "_~CreateTask]Fail to create Trancode mutex|"
-#define NO_TASK "_~CreateTask]Failed to ZU_OS_CreateTask(...)!|"
-#define NO_STACK "_~CreateTask]Failed to malloc for VENC Get Source Tack Stack!|"
-#define WRITER_FAILED                                                                              \
-    "_~StartModule]Error 0x3: failed to _~CreateTask()|~Start]Error 0x3: failed to Start TSMUX"
-#define AREADER_FAILED                                                                             \
-    "_~StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!|"                          \
-    "~Start]Error 0x3: failed to Start AUDIO SrcReader"
-#define VREADER_FAILED                                                                             \
-    "_~StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!|"                          \
-    "~Start]Error 0x3: failed to Start VIDEO SrcReader"
+using Rules = std::vector<Rule>;
 
-/** A call that is in no row fails unnoticed. The order is that of a recording. */
-// clang-format off
-const Row rows[] = {
-    {"rficsp", "ZU_SYS_Init", 0, "", "_~InitModule]Error 0x%x: failed to ZU_SYS_Init()"},
-    {"rfp", "ZU_ACAP_Init=2", 0, "", ""},
-    {"rf", "ZU_VENC_Init=2", 0, "", ""},
-    {"rf", "ZU_TSMUX_Init=2", 0, "", ""},
-    {"rf", "ZU_ACAP_Init", 0, "~Init", "_~InitModule]Failed to ZU_ACAP_Init(...)!|~Init]Failed to ZU_ACAP_Init(...)!"},
-    {"p", "ZU_ACAP_Init", 0, "audio_cap_open", "_~InitModule]Failed to ZU_ACAP_Init(...)!|audio_cap_open] _~InitModule Failed!"},
-    {"rf", "ZU_VENC_Init", 0, "~Init", "_~InitModule]Fail to call ZU_VENC_Init() %d|~Init]Failed to ZU_VENC_Init(...)!"},
-    {"rf", "ZU_TSMUX_Init", 0, "~Init", "_~InitModule]Error 0x%x: failed to ZU_TSMUX_Init()|~Init]Failed to ZU Tsmux Init(...)!"},
-    {"rf", "ZU_VIDEO_GetCaps", 0, "~SetVideo", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps|_~OpenVenc]Venc Support!|" VENC_FAILED},
-    {"rf", "ZU_VENC_GetCaps", 0, "~SetVideo", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps|_~OpenVenc]Venc Support!|" VENC_FAILED},
-    {"ic", "ZU_VIDEO_GetCaps", 0, "video_capenc_open", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps|_~OpenVenc_NoTs]Out of Venc Support size, 0x0@0)|" NO_TS_FAILED},
-    {"ic", "ZU_VENC_GetCaps", 0, "video_capenc_open", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps|_~OpenVenc_NoTs]Out of Venc Support size, 0x0@0)|" NO_TS_FAILED},
-    {"rfic", "ZU_AUDIO_GetCaps", 0, "", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Audio Caps"},
-    {"rfic", "ZU_ACAP_GetCaps", 0, "", "_~GetModuleCaps][DEMO TRANSCODE] Failed to Get Acap Caps"},
+constexpr unsigned recordings = screen | files;
+constexpr unsigned encoded_frames = inject | copy;
 
-    {"rf", "ZU_FS_Fopen", 1, "~Open", "~Open]Error: failed to ZU_FS_Fopen(out.ts) for output TS stream"},
-    {"f", "ZU_FS_Fopen", 2, "~SetAudio", "_~OpenSrcReader]Error: failed to ZU_FS_Fopen(a.aac) for Input Sourcen|~SetAudio][DEMO TRANSCODE] Open AUDIO Src File Reader Failed!"},
-    {"f", "ZU_FS_Fopen", 3, "~SetVideo", "_~OpenSrcReader]Error: failed to ZU_FS_Fopen(a.nv12) for Input Sourcen|~SetVideo][DEMO TRANSCODE] Open Src File Reader Failed!"},
-    {"r", "ZU_ACAP_Open", 0, "~SetAudio", "_~OpenAcap]ZU_ACAP_OPEN FAIL|~SetAudio][DEMO TRANSCODE] Open Acap Failed!"},
-    {"p", "ZU_ACAP_Open", 0, "audio_cap_open", "_~OpenAcap]ZU_ACAP_OPEN FAIL|audio_cap_open] _~OpenAcap Failed!"},
-    {"r", "ZU_ACAP_RegisterCallback", 0, "~SetAudio", "_~OpenAcap]_~OpenAcap[*] Error:%d Fail to register callback !.|~SetAudio][DEMO TRANSCODE] Open Acap Failed!"},
-    {"rf", "ZU_VENC_Open", 0, "~SetVideo", "_~OpenVenc]Fail to call ZU_VENC_Open()|" VENC_FAILED},
-    {"ic", "ZU_VENC_Open", 0, "video_capenc_open", "_~OpenVenc_NoTs]Fail to call ZU_VENC_Open()|" NO_TS_FAILED},
-    {"r", "ZU_CAP_Open", 0, "~SetVideo", "_~OpenVcap]Failed to ZU_CAP_Open(0x%x)!|" VCAP_FAILED},
-    {"ic", "ZU_CAP_Open", 0, "video_capenc_open", "_~OpenVcap]Failed to ZU_CAP_Open(0x%x)!|video_capenc_open] _~OpenVcap Failed!"},
-    {"s", "ZU_CAP_Open", 0, "video_cap_open", "_~OpenVcapNoEnc]Failed to ZU_CAP_Open(...)!|video_cap_open] _~OpenVcap Failed!"},
-    {"r", "ZU_DISP_GetHandle", 0, "~SetVideo", "_~ConnectDisp]Fail to ZU_DISP_GetHandle |_~OpenVcap]Fail to Connect Disp!|" VCAP_FAILED},
-    {"ic", "ZU_DISP_GetHandle", 0, "video_capenc_open", "_~ConnectDisp]Fail to ZU_DISP_GetHandle |_~OpenVcap]Fail to Connect Disp!|video_capenc_open] _~OpenVcap Failed!"},
-    {"s", "ZU_DISP_GetHandle", 0, "video_cap_open", "_~ConnectDisp]Fail to ZU_DISP_GetHandle |_~OpenVcapNoEnc]Fail to Connect Disp!|video_cap_open] _~OpenVcap Failed!"},
-    {"r", "ZU_CAP_ConnectInput", 0, "~SetVideo", "_~ConnectDisp]Fail to connect disp|_~OpenVcap]Fail to Connect Disp!|" VCAP_FAILED},
-    {"ic", "ZU_CAP_ConnectInput", 0, "video_capenc_open", "_~ConnectDisp]Fail to connect disp|_~OpenVcap]Fail to Connect Disp!|video_capenc_open] _~OpenVcap Failed!"},
-    {"s", "ZU_CAP_ConnectInput", 0, "video_cap_open", "_~ConnectDisp]Fail to connect disp|_~OpenVcapNoEnc]Fail to Connect Disp!|video_cap_open] _~OpenVcap Failed!"},
-    {"r", "ZU_CAP_RegisterCallback", 0, "~SetVideo", "_~RegisterCallback]ZU_CAP_RegisterCallback fail! |_~OpenVcap]Error: _~OpenVcap(*) _~RegisterCallback failed|" VCAP_FAILED},
-    {"ic", "ZU_CAP_RegisterCallback", 0, "video_capenc_open", "_~RegisterCallback]ZU_CAP_RegisterCallback fail! |_~OpenVcap]Error: _~OpenVcap(*) _~RegisterCallback failed|video_capenc_open] _~OpenVcap Failed!"},
-    {"i", "ZU_VENC_QueryEntireInjectBuffer=0", 0, "video_capenc_setWatermark", ""},
-    {"c", "ZU_VENC_QueryEntireInjectBuffer=0", 0, "", ""},
-    {"ic", "ZU_VENC_QueryEntireInjectBuffer", 0, "video_capenc_open", "_~OpenVenc_NoTs]Failed to ZU_VENC_QueryBuffer(...)!|" NO_TS_FAILED},
-    {"rf", "ZU_SYS_GetMmapLayout", 0, "~SetTsMux", "_~OpenTsmux]Error: Invalid mmap layout with id = 306|" MUX_FAILED},
-    {"rf", "ZU_OS_Pa2NonCachedVa", 1, "", "_~OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000"},
-    {"rf", "ZU_TSMUX_Open", 0, "~SetTsMux", "_~OpenTsmux]Error 0x%x: failed to ZU_TSMUX_Open()|" MUX_FAILED},
-    {"rf", "ZU_TSMUX_RegisterCallback", 0, "~SetTsMux", "_~OpenTsmux]Error 0x%x: failed to ZU_TSMUX_RegisterCallback()|" MUX_FAILED},
-    {"rf", "ZU_TSMUX_SetAttr:0x203", 0, "~SetTsMux", "_~OpenTsmux]Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)|" MUX_FAILED},
-    {"rf", "ZU_TSMUX_AttachMediaSource", 1, "~SetTsMux", "~SetTsMux]Error 0x%x: failed to Attach Venc Stream for Tsmux"},
-    {"rf", "ZU_TSMUX_AttachMediaSource", 2, "~SetTsMux", ""},
-    {"rf", "ZU_TSMUX_SetAttr:0x200", 1, "~SetTsMux", "~SetTsMux]Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = 1000 ms)"},
-    {"i", "ZU_OS_Va2Pa", 0, "video_capenc_setWatermark", "video_capenc_setWatermark ZU_OS_Va2Pa failed with external memory"},
-    {"i", "ZU_OS_IommuOperation:GET_BUFFINFO", 0, "video_capenc_setWatermark", "video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed"},
-    {"i", "ZU_OS_IommuOperation:GET_BUFFD", 0, "video_capenc_setWatermark", "video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed"},
-    {"i", "SrGlWorker::newWorker", 0, "video_capenc_setWatermark", "newWorker failed"},
-    {"i", "SrGlWorker::setWatermark", 0, "video_capenc_setWatermark", "setWatermark failed"},
-    {"s", "ZU_OS_AllocateIommuMemory", 0, "video_cap_getCaptureBuffers", "_video_cap_allocBuffer]_video_cap_allocBuffer ZU_OS_AllocateIommuMemory fail, tag: vdec_fb, size: 0x8000"},
-    {"s", "ZU_OS_IommuOperation:GET_BUFFD", 0, "video_cap_getCaptureBuffers", "_video_cap_allocBuffer]_video_cap_allocBuffer GET_BUFFD fail, tag: vdec_fb, size: 0x8000"},
+// Lines that several faults have in common.
+const std::string encoder_failed = "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Venc Failed!";
+const std::string capture_failed = "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Vcap Failed!";
+const std::string frames_encoder_failed = "video_capenc_open] _SCREENRECORD_OpenVenc Failed!";
+const std::string multiplexer_failed = "SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!";
+const std::string no_mutex = "_SCREENRECORD_CreateTask]Fail to create Trancode mutex";
+const std::string no_task = "_SCREENRECORD_CreateTask]Failed to ZU_OS_CreateTask(...)!";
+const std::string no_stack =
+    "_SCREENRECORD_CreateTask]Failed to malloc for VENC Get Source Tack Stack!";
+const std::vector<std::string> writer_failed = {
+    "_SCREENRECORD_StartModule]Error 0x3: failed to _SCREENRECORD_CreateTask()",
+    "SCREENRECORD_Start]Error 0x3: failed to Start TSMUX"};
+const std::vector<std::string> audio_reader_failed = {
+    "_SCREENRECORD_StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!",
+    "SCREENRECORD_Start]Error 0x3: failed to Start AUDIO SrcReader"};
+const std::vector<std::string> video_reader_failed = {
+    "_SCREENRECORD_StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!",
+    "SCREENRECORD_Start]Error 0x3: failed to Start VIDEO SrcReader"};
 
-    {"i", "SrGlWorker::prepare", 0, "video_capenc_start", "prepare failed"},
-    {"rf", "ZU_OS_CreateMutex", 1, "~Start", NO_MUTEX WRITER_FAILED},
-    {"rf", "ZU_OS_CreateMutex", 2, "~Start", NO_MUTEX "_~StartModule]Failed to ZU VENC CreateTask(...)!|~Start]Error 0x3: failed to Start VENC"},
-    {"f", "ZU_OS_CreateMutex", 3, "~Start", NO_MUTEX AREADER_FAILED},
-    {"f", "ZU_OS_CreateMutex", 4, "~Start", NO_MUTEX VREADER_FAILED},
-    {"ic", "ZU_OS_CreateMutex", 1, "video_capenc_start", NO_MUTEX "_~StartModule]Failed to ZU VENC CreateTask(...)!|video_capenc_start]Error 0x3: failed to Start VENC"},
-    {"rf", "ZU_OS_CreateTask", 1, "~Start", NO_TASK WRITER_FAILED},
-    {"f", "ZU_OS_CreateTask", 2, "~Start", NO_TASK AREADER_FAILED},
-    {"f", "ZU_OS_CreateTask", 3, "~Start", NO_TASK VREADER_FAILED},
-    {"rf", "ZU_TSMUX_Start", 0, "~Start", "_~StartModule]Error 0x%x: failed to ZU_TSMUX_Start()|~Start]Error 0x%x: failed to Start TSMUX"},
-    {"rf", "ZU_VENC_Start", 0, "~Start", "_~StartModule]Fail to call ZU_VENC_Start()|~Start]Error 0x%x: failed to Start VENC"},
-    {"ic", "ZU_VENC_Start", 0, "video_capenc_start", "_~StartModule]Fail to call ZU_VENC_Start()|video_capenc_start]Error 0x%x: failed to Start VENC"},
-    {"r", "ZU_ACAP_Start", 0, "~Start", "_~StartModule]Failed to ZU_ACAP_Start(...)!|~Start]Error 0x%x: failed to Start ACAP"},
-    {"p", "ZU_ACAP_Start", 0, "audio_cap_start", "_~StartModule]Failed to ZU_ACAP_Start(...)!|audio_cap_start] _~StartModule cap Failed!"},
-    {"r", "ZU_CAP_CaptureStart", 0, "~Start", "_~StartModule]Failed to ZU_CAP_CaptureStart(...)!|~Start]Error 0x%x: failed to Start VCAP"},
-    {"ic", "ZU_CAP_CaptureStart", 0, "video_capenc_start", "_~StartModule]Failed to ZU_CAP_CaptureStart(...)!|video_capenc_start]Error 0x%x: failed to Start Vcap"},
+std::vector<std::string> after(const std::string& first, const std::vector<std::string>& rest)
+{
+    std::vector<std::string> lines = {first};
+    lines.insert(lines.end(), rest.begin(), rest.end());
+    return lines;
+}
 
-    {"ric", "ZU_CAP_ProcessBufDone", 0, "", "_~Callback]\033[35m_~Callback *[ ZU_CAP_ProcessBufDone bufindex = 0 fail !!]\033[m"},
-    {"s", "ZU_CAP_ProcessBufDone", 0, "", "video_cap_captureScreen]\033[35mvideo_cap_captureScreen *[ ZU_CAP_ProcessBufDone bufindex = 5 fail !!]\033[m"},
-    {"ric", "ZU_VENC_WriteBufferComplete", 0, "", "_~Callback]Failed to ZU_VENC_WriteBufferComplete(...)!"},
-    {"f", "ZU_VENC_WriteBufferComplete", 0, "", "_~VreaderTaskHandler]Failed to ZU_VENC_WriteBufferComplete(...)!"},
-    {"i", "VideoBuffer::newBuffer", 0, "", "_~Callback]VideoBuffer::newBuffer failed"},
-    {"i", "SrGlWorker::render", 0, "", "_~Callback]SrGlWorker::onRender failed"},
-    {"rf", "ZU_TSMUX_PushMediaData=15", 0, "", ""},
-    {"rf", "ZU_TSMUX_PushMediaData", 0, "", "_~VencCbHandler]Error 0x%x: failed to ZU_TSMUX_PushMediaData(VencCbHandler)"},
-    {"rf", "ZU_TSMUX_CopyOutputStream=0", 0, "", ""},
-    {"rf", "ZU_TSMUX_CopyOutputStream", 0, "", "_~TsmuxTaskHandler]Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()"},
-    {"ic", "ZU_OS_ObtainMutex", 3, "video_capenc_getES", ""},
-    {"ic", "ZU_OS_ObtainMutex", 4, "video_capenc_setBitRate", ""},
-    {"ic", "ZU_VENC_SetAttr:0x1", 0, "video_capenc_setBitRate", ""},
-    {"ic", "ZU_OS_ObtainMutex", 5, "", "video_capenc_requestKeyFrame]No key frame requested, the lock was not obtained"},
-    {"s", "ZU_CAP_CaptureOne", 0, "video_cap_captureScreen", "video_cap_captureScreen]ZU_CAP_CaptureOne fail! "},
-    {"p", "ZU_ACAP_GetAttr=0", 0, "", ""},
-    {"p", "ZU_ACAP_GetAttr", 0, "audio_cap_getPCM", "audio_cap_getPCM]Error: audio_cap_getPCM: ZU_ACAP_GetAttr fail, ret=0x%x!!"},
-    {"p", "ZU_ACAP_Read=0", 0, "", ""},
-    {"p", "ZU_ACAP_Read", 0, "", "audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x%x!!"},
+Rules modules()
+{
+    return {
+        {.in = recordings | encoded_frames | stills | pcm,
+         .call = "ZU_SYS_Init",
+         .errors = {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_SYS_Init()"}},
+        {.in = recordings | pcm, .call = "ZU_ACAP_Init", .result = 2},
+        {.in = recordings, .call = "ZU_VENC_Init", .result = 2},
+        {.in = recordings, .call = "ZU_TSMUX_Init", .result = 2},
+        {.in = recordings,
+         .call = "ZU_ACAP_Init",
+         .failing = "SCREENRECORD_Init",
+         .errors = {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
+                    "SCREENRECORD_Init]Failed to ZU_ACAP_Init(...)!"}},
+        {.in = pcm,
+         .call = "ZU_ACAP_Init",
+         .failing = "audio_cap_open",
+         .errors = {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
+                    "audio_cap_open] _SCREENRECORD_InitModule Failed!"}},
+        {.in = recordings,
+         .call = "ZU_VENC_Init",
+         .failing = "SCREENRECORD_Init",
+         .errors = {"_SCREENRECORD_InitModule]Fail to call ZU_VENC_Init() %d",
+                    "SCREENRECORD_Init]Failed to ZU_VENC_Init(...)!"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_Init",
+         .failing = "SCREENRECORD_Init",
+         .errors = {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_TSMUX_Init()",
+                    "SCREENRECORD_Init]Failed to ZU Tsmux Init(...)!"}},
+        {.in = recordings,
+         .call = "ZU_VIDEO_GetCaps",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps",
+                    "_SCREENRECORD_OpenVenc]Venc Support!", encoder_failed}},
+        {.in = recordings,
+         .call = "ZU_VENC_GetCaps",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps",
+                    "_SCREENRECORD_OpenVenc]Venc Support!", encoder_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_VIDEO_GetCaps",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps",
+                    "_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 0x0@0)",
+                    frames_encoder_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_VENC_GetCaps",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps",
+                    "_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 0x0@0)",
+                    frames_encoder_failed}},
+        {.in = recordings | encoded_frames,
+         .call = "ZU_AUDIO_GetCaps",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Audio Caps"}},
+        {.in = recordings | encoded_frames,
+         .call = "ZU_ACAP_GetCaps",
+         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Acap Caps"}},
+        {.in = recordings | pcm,
+         .call = "ZU_ACAP_DeInit",
+         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit ACap"}},
+        {.in = recordings,
+         .call = "ZU_VENC_DeInit",
+         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit Venc"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_DeInit",
+         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit Tsmux"}},
+    };
+}
 
-    {"ric", "ZU_CAP_CaptureStop", 0, "", "_~StopModule][DEMO TRANSCODE] ZU_VCAP_STOP FAIL"},
-    {"ric", "ZU_CAP_UnRegisterCallback", 0, "", "_~UnRegisterCallback]ZU_CAP_UnRegisterCallback fail! |_~StopModule][DEMO TRANSCODE] _~UnRegisterCallback FAIL"},
-    {"rics", "ZU_CAP_DisconnectInput", 0, "", "_~StopModule][DEMO TRANSCODE] ZU_CAP_DisconnectInput FAIL"},
-    {"ris", "ZU_CAP_DisconnectInput", -1, "", "_~ConnectDisp]Cap has connected to 0xd0"},
-    {"rp", "ZU_ACAP_Stop", 0, "", "_~StopModule][DEMO TRANSCODE] ZU_ACAP_STOP FAIL"},
-    {"rfic", "ZU_VENC_Stop", 0, "", "_~StopModule][DEMO TRANSCODE] ZU_VENC_STOP FAIL"},
-    {"rics", "ZU_CAP_Close", 0, "", "_~CloseVcap]ZU_CAP_Close Failed"},
-    {"rp", "ZU_ACAP_UnRegisterCallback", 0, "", "_~CloseAcap]ZU_ACAP_UnRegisterCallback Failed"},
-    {"rp", "ZU_ACAP_Close", 0, "", "_~CloseAcap]ZU_ACAP_Close Failed"},
-    {"rf", "ZU_TSMUX_SetAttr:0x200", 2, "", "~Close]Failed to ZU_TSMUX_SetAttr()"},
-    {"rfic", "ZU_VENC_Close", 0, "", "_~CloseVenc]ZU_VENC_Close Failed"},
-    {"rf", "ZU_TSMUX_DetachMediaSource", 0, "", "~Close]Failed to DetachMediaSource() Video"},
-    {"rf", "ZU_TSMUX_UnRegisterCallback", 0, "", "_~StopModule]Error 0x%x: failed to ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x*)"},
-    {"rf", "ZU_TSMUX_SetAttr:0x202", 0, "", "_~StopModule]Error 0x%x: failed to ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, bForceStop = 1)"},
-    {"rf", "ZU_TSMUX_Stop", 0, "", "_~StopModule]Failed to ZU_TSMUX_Stop() with force stop = 1"},
-    {"rf", "ZU_TSMUX_Close", 0, "", "_~CloseTsmux]Failed to ZU_TSMUX_Close()"},
-    {"r", "ZU_FS_Fclose", 0, "~Close", "~Close]ZU_FS_Fclose Failed!"},
-    {"f", "ZU_FS_Fclose", 3, "~Close", "~Close]ZU_FS_Fclose Failed!"},
-    {"f", "ZU_FS_Fclose", 0, "", "_~CloseSrcReader]ZU_FS_Fclose Failed!"},
-    {"rfp", "ZU_ACAP_DeInit", 0, "", "_~DeInitModule]Failed to Deinit ACap"},
-    {"rf", "ZU_VENC_DeInit", 0, "", "_~DeInitModule]Failed to Deinit Venc"},
-    {"rf", "ZU_TSMUX_DeInit", 0, "", "_~DeInitModule]Failed to Deinit Tsmux"},
+Rules files_of_the_recording()
+{
+    return {
+        {.in = recordings,
+         .call = "ZU_FS_Fopen",
+         .nth = 1,
+         .failing = "SCREENRECORD_Open",
+         .errors = {"SCREENRECORD_Open]Error: failed to ZU_FS_Fopen(out.ts) for output TS stream"}},
+        {.in = files,
+         .call = "ZU_FS_Fopen",
+         .nth = 2,
+         .failing = "SCREENRECORD_SetAudio",
+         .errors =
+             {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.aac) for Input Sourcen",
+              "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open AUDIO Src File Reader Failed!"}},
+        {.in = files,
+         .call = "ZU_FS_Fopen",
+         .nth = 3,
+         .failing = "SCREENRECORD_SetVideo",
+         .errors =
+             {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.nv12) for Input Sourcen",
+              "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Src File Reader Failed!"}},
+        {.in = screen,
+         .call = "ZU_FS_Fclose",
+         .failing = "SCREENRECORD_Close",
+         .errors = {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}},
+        {.in = files,
+         .call = "ZU_FS_Fclose",
+         .nth = 3,
+         .failing = "SCREENRECORD_Close",
+         .errors = {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}},
+        {.in = files,
+         .call = "ZU_FS_Fclose",
+         .errors = {"_SCREENRECORD_CloseSrcReader]ZU_FS_Fclose Failed!"}},
+    };
+}
 
-    {"rf", "malloc", 1, "~Open", "~Open][DEMO TRANSCODE] FAILED malloc memory!"},
-    {"rf", "malloc", 2, "~SetAudio", "~SetAudio][DEMO TRANSCODE] FAILED malloc memory!"},
-    {"rf", "malloc", 3, "~SetVideo", "~SetVideo][DEMO TRANSCODE] FAILED malloc memory!"},
-    {"rf", "malloc", 4, "~Start", NO_STACK WRITER_FAILED},
-    {"rf", "malloc", 5, "~Start", NO_TASK WRITER_FAILED},
-    {"rf", "malloc", 6, "", "_~TsmuxTaskHandler]Error: failed to malloc(131072) for batch write"},
-    {"f", "malloc", 7, "~Start", NO_STACK AREADER_FAILED},
-    {"f", "malloc", 8, "~Start", NO_TASK AREADER_FAILED},
-    {"f", "malloc", 9, "~Start", NO_STACK VREADER_FAILED},
-    {"f", "malloc", 10, "~Start", NO_TASK VREADER_FAILED},
-    {"i", "malloc", 4, "video_capenc_setWatermark", "video_capenc_setWatermark no memory for the watermark"},
-    {"c", "malloc", 4, "", "video_capenc_setWatermark no memory for the watermark"},
-    {"ic", "malloc", 0, "video_capenc_open", "video_capenc_open]malloc 2097152 failed"},
-};
-// clang-format on
+Rules sound()
+{
+    return {
+        {.in = screen,
+         .call = "ZU_ACAP_Open",
+         .failing = "SCREENRECORD_SetAudio",
+         .errors = {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL",
+                    "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open Acap Failed!"}},
+        {.in = pcm,
+         .call = "ZU_ACAP_Open",
+         .failing = "audio_cap_open",
+         .errors = {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL",
+                    "audio_cap_open] _SCREENRECORD_OpenAcap Failed!"}},
+        {.in = screen,
+         .call = "ZU_ACAP_RegisterCallback",
+         .failing = "SCREENRECORD_SetAudio",
+         .errors = {"_SCREENRECORD_OpenAcap]_SCREENRECORD_OpenAcap[*] Error:%d Fail to register "
+                    "callback !.",
+                    "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open Acap Failed!"}},
+        {.in = screen,
+         .call = "ZU_ACAP_Start",
+         .failing = "SCREENRECORD_Start",
+         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
+                    "SCREENRECORD_Start]Error 0x%x: failed to Start ACAP"}},
+        {.in = pcm,
+         .call = "ZU_ACAP_Start",
+         .failing = "audio_cap_start",
+         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
+                    "audio_cap_start] _SCREENRECORD_StartModule cap Failed!"}},
+        {.in = pcm, .call = "ZU_ACAP_GetAttr", .result = 0},
+        {.in = pcm,
+         .call = "ZU_ACAP_GetAttr",
+         .failing = "audio_cap_getPCM",
+         .errors = {"audio_cap_getPCM]Error: audio_cap_getPCM: ZU_ACAP_GetAttr fail, ret=0x%x!!"}},
+        {.in = pcm, .call = "ZU_ACAP_Read", .result = 0},
+        {.in = pcm,
+         .call = "ZU_ACAP_Read",
+         .errors = {"audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x%x!!"}},
+        {.in = screen | pcm,
+         .call = "ZU_ACAP_Stop",
+         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_ACAP_STOP FAIL"}},
+        {.in = screen | pcm,
+         .call = "ZU_ACAP_UnRegisterCallback",
+         .errors = {"_SCREENRECORD_CloseAcap]ZU_ACAP_UnRegisterCallback Failed"}},
+        {.in = screen | pcm,
+         .call = "ZU_ACAP_Close",
+         .errors = {"_SCREENRECORD_CloseAcap]ZU_ACAP_Close Failed"}},
+    };
+}
+
+Rules encoder()
+{
+    return {
+        {.in = recordings,
+         .call = "ZU_VENC_Open",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_OpenVenc]Fail to call ZU_VENC_Open()", encoder_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_VENC_Open",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_OpenVenc_NoTs]Fail to call ZU_VENC_Open()",
+                    frames_encoder_failed}},
+        {.in = inject,
+         .call = "ZU_VENC_QueryEntireInjectBuffer",
+         .result = 0,
+         .failing = "video_capenc_setWatermark"},
+        {.in = copy, .call = "ZU_VENC_QueryEntireInjectBuffer", .result = 0},
+        {.in = encoded_frames,
+         .call = "ZU_VENC_QueryEntireInjectBuffer",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_OpenVenc_NoTs]Failed to ZU_VENC_QueryBuffer(...)!",
+                    frames_encoder_failed}},
+        {.in = recordings,
+         .call = "ZU_VENC_Start",
+         .failing = "SCREENRECORD_Start",
+         .errors = {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
+                    "SCREENRECORD_Start]Error 0x%x: failed to Start VENC"}},
+        {.in = encoded_frames,
+         .call = "ZU_VENC_Start",
+         .failing = "video_capenc_start",
+         .errors = {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
+                    "video_capenc_start]Error 0x%x: failed to Start VENC"}},
+        {.in = encoded_frames | screen,
+         .call = "ZU_VENC_WriteBufferComplete",
+         .errors = {"_SCREENRECORD_Callback]Failed to ZU_VENC_WriteBufferComplete(...)!"}},
+        {.in = files,
+         .call = "ZU_VENC_WriteBufferComplete",
+         .errors =
+             {"_SCREENRECORD_VreaderTaskHandler]Failed to ZU_VENC_WriteBufferComplete(...)!"}},
+        {.in = encoded_frames, .call = "ZU_VENC_SetAttr:0x1", .failing = "video_capenc_setBitRate"},
+        {.in = recordings | encoded_frames,
+         .call = "ZU_VENC_Stop",
+         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_VENC_STOP FAIL"}},
+        {.in = recordings | encoded_frames,
+         .call = "ZU_VENC_Close",
+         .errors = {"_SCREENRECORD_CloseVenc]ZU_VENC_Close Failed"}},
+    };
+}
+
+Rules capture()
+{
+    return {
+        {.in = screen,
+         .call = "ZU_CAP_Open",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!", capture_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_CAP_Open",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!",
+                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = stills,
+         .call = "ZU_CAP_Open",
+         .failing = "video_cap_open",
+         .errors = {"_SCREENRECORD_OpenVcapNoEnc]Failed to ZU_CAP_Open(...)!",
+                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = screen,
+         .call = "ZU_DISP_GetHandle",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
+                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!", capture_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_DISP_GetHandle",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
+                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!",
+                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = stills,
+         .call = "ZU_DISP_GetHandle",
+         .failing = "video_cap_open",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
+                    "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!",
+                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = screen,
+         .call = "ZU_CAP_ConnectInput",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
+                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!", capture_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_CAP_ConnectInput",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
+                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!",
+                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = stills,
+         .call = "ZU_CAP_ConnectInput",
+         .failing = "video_cap_open",
+         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
+                    "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!",
+                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = screen,
+         .call = "ZU_CAP_RegisterCallback",
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
+                    "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
+                    "_SCREENRECORD_RegisterCallback failed",
+                    capture_failed}},
+        {.in = encoded_frames,
+         .call = "ZU_CAP_RegisterCallback",
+         .failing = "video_capenc_open",
+         .errors = {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
+                    "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
+                    "_SCREENRECORD_RegisterCallback failed",
+                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
+        {.in = screen,
+         .call = "ZU_CAP_CaptureStart",
+         .failing = "SCREENRECORD_Start",
+         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
+                    "SCREENRECORD_Start]Error 0x%x: failed to Start VCAP"}},
+        {.in = encoded_frames,
+         .call = "ZU_CAP_CaptureStart",
+         .failing = "video_capenc_start",
+         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
+                    "video_capenc_start]Error 0x%x: failed to Start Vcap"}},
+        {.in = encoded_frames | screen,
+         .call = "ZU_CAP_ProcessBufDone",
+         .errors = {"_SCREENRECORD_Callback]\033[35m_SCREENRECORD_Callback *[ "
+                    "ZU_CAP_ProcessBufDone bufindex = 0 fail !!]\033[m"}},
+        {.in = stills,
+         .call = "ZU_CAP_ProcessBufDone",
+         .errors = {"video_cap_captureScreen]\033[35mvideo_cap_captureScreen *[ "
+                    "ZU_CAP_ProcessBufDone bufindex = 5 fail !!]\033[m"}},
+        {.in = stills,
+         .call = "ZU_CAP_CaptureOne",
+         .failing = "video_cap_captureScreen",
+         .errors = {"video_cap_captureScreen]ZU_CAP_CaptureOne fail! "}},
+        {.in = encoded_frames | screen,
+         .call = "ZU_CAP_CaptureStop",
+         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_VCAP_STOP FAIL"}},
+        {.in = encoded_frames | screen,
+         .call = "ZU_CAP_UnRegisterCallback",
+         .errors =
+             {"_SCREENRECORD_UnRegisterCallback]ZU_CAP_UnRegisterCallback fail! ",
+              "_SCREENRECORD_StopModule][DEMO TRANSCODE] _SCREENRECORD_UnRegisterCallback FAIL"}},
+        {.in = encoded_frames | screen | stills,
+         .call = "ZU_CAP_DisconnectInput",
+         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_CAP_DisconnectInput FAIL"}},
+        {.in = screen | inject | stills,
+         .call = "ZU_CAP_DisconnectInput",
+         .nth = only_with_others,
+         .errors = {"_SCREENRECORD_ConnectDisp]Cap has connected to 0xd0"}},
+        {.in = encoded_frames | screen | stills,
+         .call = "ZU_CAP_Close",
+         .errors = {"_SCREENRECORD_CloseVcap]ZU_CAP_Close Failed"}},
+    };
+}
+
+Rules multiplexer()
+{
+    return {
+        {.in = recordings,
+         .call = "ZU_SYS_GetMmapLayout",
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"_SCREENRECORD_OpenTsmux]Error: Invalid mmap layout with id = 306",
+                    multiplexer_failed}},
+        {.in = recordings,
+         .call = "ZU_OS_Pa2NonCachedVa",
+         .nth = 1,
+         .errors = {"_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_Open",
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_Open()",
+                    multiplexer_failed}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_RegisterCallback",
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_RegisterCallback()",
+                    multiplexer_failed}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_SetAttr:0x203",
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to "
+                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)",
+                    multiplexer_failed}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_AttachMediaSource",
+         .nth = 1,
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"SCREENRECORD_SetTsMux]Error 0x%x: failed to Attach Venc Stream for Tsmux"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_AttachMediaSource",
+         .nth = 2,
+         .failing = "SCREENRECORD_SetTsMux"},
+        {.in = recordings,
+         .call = "ZU_TSMUX_SetAttr:0x200",
+         .nth = 1,
+         .failing = "SCREENRECORD_SetTsMux",
+         .errors = {"SCREENRECORD_SetTsMux]Error 0x%x: failed to "
+                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = "
+                    "1000 ms)"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_Start",
+         .failing = "SCREENRECORD_Start",
+         .errors = {"_SCREENRECORD_StartModule]Error 0x%x: failed to ZU_TSMUX_Start()",
+                    "SCREENRECORD_Start]Error 0x%x: failed to Start TSMUX"}},
+        {.in = recordings, .call = "ZU_TSMUX_PushMediaData", .result = 15},
+        {.in = recordings,
+         .call = "ZU_TSMUX_PushMediaData",
+         .errors = {"_SCREENRECORD_VencCbHandler]Error 0x%x: failed to "
+                    "ZU_TSMUX_PushMediaData(VencCbHandler)"}},
+        {.in = recordings, .call = "ZU_TSMUX_CopyOutputStream", .result = 0},
+        {.in = recordings,
+         .call = "ZU_TSMUX_CopyOutputStream",
+         .errors =
+             {"_SCREENRECORD_TsmuxTaskHandler]Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_SetAttr:0x200",
+         .nth = 2,
+         .errors = {"SCREENRECORD_Close]Failed to ZU_TSMUX_SetAttr()"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_DetachMediaSource",
+         .errors = {"SCREENRECORD_Close]Failed to DetachMediaSource() Video"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_UnRegisterCallback",
+         .errors = {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
+                    "ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x*)"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_SetAttr:0x202",
+         .errors = {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
+                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, "
+                    "bForceStop = 1)"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_Stop",
+         .errors = {"_SCREENRECORD_StopModule]Failed to ZU_TSMUX_Stop() with force stop = 1"}},
+        {.in = recordings,
+         .call = "ZU_TSMUX_Close",
+         .errors = {"_SCREENRECORD_CloseTsmux]Failed to ZU_TSMUX_Close()"}},
+    };
+}
+
+Rules memory_and_watermark()
+{
+    return {
+        {.in = inject,
+         .call = "ZU_OS_Va2Pa",
+         .failing = "video_capenc_setWatermark",
+         .errors = {"video_capenc_setWatermark ZU_OS_Va2Pa failed with external memory"}},
+        {.in = inject,
+         .call = "ZU_OS_IommuOperation:GET_BUFFINFO",
+         .failing = "video_capenc_setWatermark",
+         .errors = {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed"}},
+        {.in = inject,
+         .call = "ZU_OS_IommuOperation:GET_BUFFD",
+         .failing = "video_capenc_setWatermark",
+         .errors = {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed"}},
+        {.in = inject,
+         .call = "SrGlWorker::newWorker",
+         .failing = "video_capenc_setWatermark",
+         .errors = {"newWorker failed"}},
+        {.in = inject,
+         .call = "SrGlWorker::setWatermark",
+         .failing = "video_capenc_setWatermark",
+         .errors = {"setWatermark failed"}},
+        {.in = stills,
+         .call = "ZU_OS_AllocateIommuMemory",
+         .failing = "video_cap_getCaptureBuffers",
+         .errors = {"_video_cap_allocBuffer]_video_cap_allocBuffer ZU_OS_AllocateIommuMemory fail, "
+                    "tag: vdec_fb, size: 0x8000"}},
+        {.in = stills,
+         .call = "ZU_OS_IommuOperation:GET_BUFFD",
+         .failing = "video_cap_getCaptureBuffers",
+         .errors = {"_video_cap_allocBuffer]_video_cap_allocBuffer GET_BUFFD fail, tag: vdec_fb, "
+                    "size: 0x8000"}},
+        {.in = inject,
+         .call = "SrGlWorker::prepare",
+         .failing = "video_capenc_start",
+         .errors = {"prepare failed"}},
+        {.in = inject,
+         .call = "VideoBuffer::newBuffer",
+         .errors = {"_SCREENRECORD_Callback]VideoBuffer::newBuffer failed"}},
+        {.in = inject,
+         .call = "SrGlWorker::render",
+         .errors = {"_SCREENRECORD_Callback]SrGlWorker::onRender failed"}},
+    };
+}
+
+Rules workers()
+{
+    return {
+        {.in = recordings,
+         .call = "ZU_OS_CreateMutex",
+         .nth = 1,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_mutex, writer_failed)},
+        {.in = recordings,
+         .call = "ZU_OS_CreateMutex",
+         .nth = 2,
+         .failing = "SCREENRECORD_Start",
+         .errors = {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
+                    "SCREENRECORD_Start]Error 0x3: failed to Start VENC"}},
+        {.in = files,
+         .call = "ZU_OS_CreateMutex",
+         .nth = 3,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_mutex, audio_reader_failed)},
+        {.in = files,
+         .call = "ZU_OS_CreateMutex",
+         .nth = 4,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_mutex, video_reader_failed)},
+        {.in = encoded_frames,
+         .call = "ZU_OS_CreateMutex",
+         .nth = 1,
+         .failing = "video_capenc_start",
+         .errors = {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
+                    "video_capenc_start]Error 0x3: failed to Start VENC"}},
+        {.in = recordings,
+         .call = "ZU_OS_CreateTask",
+         .nth = 1,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, writer_failed)},
+        {.in = files,
+         .call = "ZU_OS_CreateTask",
+         .nth = 2,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, audio_reader_failed)},
+        {.in = files,
+         .call = "ZU_OS_CreateTask",
+         .nth = 3,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, video_reader_failed)},
+        {.in = encoded_frames,
+         .call = "ZU_OS_ObtainMutex",
+         .nth = 3,
+         .failing = "video_capenc_getES"},
+        {.in = encoded_frames,
+         .call = "ZU_OS_ObtainMutex",
+         .nth = 4,
+         .failing = "video_capenc_setBitRate"},
+        {.in = encoded_frames,
+         .call = "ZU_OS_ObtainMutex",
+         .nth = 5,
+         .errors =
+             {"video_capenc_requestKeyFrame]No key frame requested, the lock was not obtained"}},
+    };
+}
+
+Rules allocations()
+{
+    return {
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 1,
+         .failing = "SCREENRECORD_Open",
+         .errors = {"SCREENRECORD_Open][DEMO TRANSCODE] FAILED malloc memory!"}},
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 2,
+         .failing = "SCREENRECORD_SetAudio",
+         .errors = {"SCREENRECORD_SetAudio][DEMO TRANSCODE] FAILED malloc memory!"}},
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 3,
+         .failing = "SCREENRECORD_SetVideo",
+         .errors = {"SCREENRECORD_SetVideo][DEMO TRANSCODE] FAILED malloc memory!"}},
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 4,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_stack, writer_failed)},
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 5,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, writer_failed)},
+        {.in = recordings,
+         .call = "malloc",
+         .nth = 6,
+         .errors =
+             {"_SCREENRECORD_TsmuxTaskHandler]Error: failed to malloc(131072) for batch write"}},
+        {.in = files,
+         .call = "malloc",
+         .nth = 7,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_stack, audio_reader_failed)},
+        {.in = files,
+         .call = "malloc",
+         .nth = 8,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, audio_reader_failed)},
+        {.in = files,
+         .call = "malloc",
+         .nth = 9,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_stack, video_reader_failed)},
+        {.in = files,
+         .call = "malloc",
+         .nth = 10,
+         .failing = "SCREENRECORD_Start",
+         .errors = after(no_task, video_reader_failed)},
+        {.in = inject,
+         .call = "malloc",
+         .nth = 4,
+         .failing = "video_capenc_setWatermark",
+         .errors = {"video_capenc_setWatermark no memory for the watermark"}},
+        {.in = copy,
+         .call = "malloc",
+         .nth = 4,
+         .errors = {"video_capenc_setWatermark no memory for the watermark"}},
+        {.in = encoded_frames,
+         .call = "malloc",
+         .failing = "video_capenc_open",
+         .errors = {"video_capenc_open]malloc 2097152 failed"}},
+    };
+}
+
+/** A call that no rule names fails unnoticed. */
+const Rules& all_rules()
+{
+    static const Rules all = [] {
+        Rules rules;
+        for (const auto list : {modules, files_of_the_recording, sound, encoder, capture,
+                                multiplexer, memory_and_watermark, workers, allocations})
+            std::ranges::copy(list(), std::back_inserter(rules));
+        return rules;
+    }();
+    return all;
+}
 
 void replace_all(std::string& text, const std::string& from, const std::string& to)
 {
@@ -172,36 +647,31 @@ void replace_all(std::string& text, const std::string& from, const std::string& 
         text.replace(at, from.size(), to);
 }
 
-std::vector<std::string> split(std::string text, s64 result)
+std::string with_result(std::string text, s64 result)
 {
     replace_all(text, "0x%x", middleware::hex(static_cast<u32>(result)));
     replace_all(text, "%d", std::to_string(result));
-    replace_all(text, "~", "SCREENRECORD_");
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, '|');)
-        parts.push_back(part);
-    return parts;
+    return text;
 }
 
-bool is_for(const Row& row, char kind, const Fault& fault)
+bool is_for(const Rule& rule, Kind kind, const Fault& fault)
 {
-    return std::string_view(row.kinds).find(kind) != std::string_view::npos &&
-           (row.call == fault.call || row.call == fault.call + "=" + std::to_string(fault.result));
+    return (rule.in & kind) != 0 && rule.call == fault.call &&
+           (!rule.result || rule.result == fault.result);
 }
 
 } // namespace
 
-Expectation expected_of(char kind, const Fault& fault, bool wherever)
+Expectation expected_of(Kind kind, const Fault& fault, bool wherever)
 {
     Expectation e;
-    for (const Row& row : rows) {
-        if (!is_for(row, kind, fault) || (!wherever && row.nth != 0 && row.nth != fault.nth))
+    for (const Rule& rule : all_rules()) {
+        if (!is_for(rule, kind, fault) || (!wherever && rule.nth != 0 && rule.nth != fault.nth))
             continue;
-        for (const std::string& step : split(row.failing, fault.result))
-            e.failing.insert(step);
-        for (std::string& line : split(row.errors, fault.result))
-            e.errors.push_back(std::move(line));
+        if (!rule.failing.empty())
+            e.failing.insert(rule.failing);
+        for (const std::string& line : rule.errors)
+            e.errors.push_back(with_result(line, fault.result));
         if (!wherever)
             break;
     }

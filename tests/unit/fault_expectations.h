@@ -27,12 +27,25 @@ struct Expectation {
     std::vector<std::string> errors;
 };
 
+/** What a scenario does, as bits: a rule may be for several. */
+enum Kind : unsigned {
+    /** records the screen */
+    screen = 1,
+    /** records files */
+    files = 2,
+    /** capture-encode, with pictures injected into the encoder's buffer */
+    inject = 4,
+    /** capture-encode, with pictures copied */
+    copy = 8,
+    stills = 16,
+    pcm = 32,
+};
+
 /**
- * Of a fault that comes once, in a scenario of that kind: 'r' recording the screen, 'f' recording
- * files, 'c' and 'i' capture-encode with copied and injected pictures, 's' stills, 'p' PCM.
- * `wherever`: of all faults of that call, wherever in the scenario they come.
+ * Of a fault that comes once in a scenario of that kind. `wherever`: of all faults of that call,
+ * wherever in the scenario they come.
  */
-Expectation expected_of(char kind, const Fault& fault, bool wherever = false);
+Expectation expected_of(Kind kind, const Fault& fault, bool wherever = false);
 
 bool matches(const std::string& pattern, const std::string& text);
 

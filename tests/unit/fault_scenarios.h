@@ -3,6 +3,7 @@
 
 #include <srglworker/SrGlWorker.h>
 
+#include "fault_expectations.h"
 #include "library_test.h"
 
 /** A call of the client's; one that is not needed may fail without ending the way in. */
@@ -15,7 +16,7 @@ struct Step {
 struct Scenario {
     const char* name;
     /** of its expectations */
-    char kind;
+    faults::Kind kind;
     std::vector<Step> in, out;
     /** how often it does the same */
     int passes = 1;
@@ -81,9 +82,9 @@ protected:
     static inline const Step deinit_after_init = {
         "SCREENRECORD_DeInit", [] { return !_bModuleInited || SCREENRECORD_DeInit() == 1; }};
 
-    Scenario recording(const char* name, u32 slot, char kind)
+    Scenario recording(const char* name, u32 slot, faults::Kind kind)
     {
-        const bool file = kind == 'f';
+        const bool file = kind == faults::files;
         const char *const video = file ? "a.nv12" : "cap", *const audio = file ? "a.aac" : "cap";
         return {name,
                 kind,
@@ -102,7 +103,7 @@ protected:
     {
         return {
             "one-call",
-            'r',
+            faults::screen,
             {{"startScreenRecord", [] { return ok(steps::one_call(3600)); }}, recorded_media(true)},
             {{"stopScreenRecord", [] { return !_bModuleInited || ok(stopScreenRecord()); }},
              deinit_after_init}};
@@ -110,7 +111,7 @@ protected:
 
     Scenario open_again()
     {
-        Scenario scenario = recording("open again after close", 0, 'r');
+        Scenario scenario = recording("open again after close", 0, faults::screen);
         std::vector<Step> again = scenario.in;
         // closed instead of initialised
         again.front() = scenario.out.front();
@@ -119,11 +120,11 @@ protected:
         return scenario;
     }
 
-    Scenario capture_encode(const char* name, char kind)
+    Scenario capture_encode(const char* name, faults::Kind kind)
     {
         static u8 frame[16];
         static CapEnc_EsInfo info;
-        const bool inject = kind == 'i';
+        const bool inject = kind == faults::inject;
         const auto pictures = [=, this] { return media(true, inject ? inject_.physical : luma); };
         const auto open = [=, this] {
             if (inject)
@@ -155,7 +156,7 @@ protected:
         static Cap_OpenParams params = {width, height, 2, 0, 2};
         static Cap_Buffer buffers[2];
         return {"stills",
-                's',
+                faults::stills,
                 {{"video_cap_open", [] { return ok(video_cap_open(&params)); }},
                  {"video_cap_getCaptureBuffers",
                   [] { return ok(video_cap_getCaptureBuffers(buffers, 2)); }},
@@ -172,7 +173,7 @@ protected:
             return ok(audio_cap_getPCM(buffer, sizeof(buffer), &size));
         };
         return {"PCM",
-                'p',
+                faults::pcm,
                 {{"audio_cap_open", [] { return ok(audio_cap_open()); }},
                  {"audio_cap_start", [] { return ok(audio_cap_start()); }},
                  {"audio_cap_getPCM", read, false},
@@ -183,11 +184,11 @@ protected:
     std::vector<Scenario> scenarios()
     {
         return {one_call(),
-                recording("step by step, slot 0", 0, 'r'),
-                recording("step by step, slot 1", 1, 'r'),
-                recording("file source", 1, 'f'),
-                capture_encode("capture-encode, inject, watermark", 'i'),
-                capture_encode("capture-encode, copy, watermark", 'c'),
+                recording("step by step, slot 0", 0, faults::screen),
+                recording("step by step, slot 1", 1, faults::screen),
+                recording("file source", 1, faults::files),
+                capture_encode("capture-encode, inject, watermark", faults::inject),
+                capture_encode("capture-encode, copy, watermark", faults::copy),
                 stills(),
                 pcm(),
                 open_again()};
