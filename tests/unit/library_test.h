@@ -22,8 +22,9 @@ constexpr auto VREADER = E_SCREENRECORD_MODULE_VIDEO_SRC_READER,
                ACAP = E_SCREENRECORD_MODULE_ACAP, VENC = E_SCREENRECORD_MODULE_VENC,
                TSMUX = E_SCREENRECORD_MODULE_TSMUX;
 
-/** Where programs run many times slower, the same trials are made with fewer numbers. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
+/** Fewer trials for instrumented programs, and for ARM, whose programs run under an emulator. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__) ||           \
+    defined(__aarch64__)
 constexpr bool runs_slowly = true;
 #else
 constexpr bool runs_slowly = false;
