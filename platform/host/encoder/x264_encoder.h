@@ -1,5 +1,6 @@
 #pragma once
 
+#include "encoder/repeated_pictures.h"
 #include "encoder/x264_parameters.h"
 
 #include <cstdint>
@@ -10,8 +11,8 @@
 namespace zu3host {
 
 /**
- * One encoded access unit, ISO/IEC 14496-10 Annex B; the bytes are x264's and live until its next
- * call.
+ * One encoded access unit, ISO/IEC 14496-10 Annex B; the bytes are the encoder's and live until its
+ * next call.
  */
 struct AccessUnit {
     uint8_t* data;
@@ -30,8 +31,9 @@ public:
     static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
 
     /**
-     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. Of one
-     * that is `unchanged` from the last, x264 does not look for what changed.
+     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. In one
+     * that is `unchanged` from the last, x264 does not search for changes; it goes on refining the
+     * picture, and once there is nothing left to refine, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, bool unchanged);
     /**
@@ -51,6 +53,12 @@ private:
     void follow_rate();
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
+    std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key, bool unchanged);
+    bool may_repeat() const;
+    void note(const AccessUnit& unit, bool unchanged);
+
+    /** Unchanged pictures of one size in a row, after which x264 would encode that size for ever. */
+    static constexpr uint32_t pictures_until_settled = 3;
 
     // with the rate that is wanted
     EncoderSettings settings_;
@@ -60,8 +68,19 @@ private:
     X264Log log_;
     Handle encoder_;
     int64_t next_pts_ = 0;
+    // null: every picture is encoded
+    std::unique_ptr<RepeatedPictures> repetitions_;
+    uint32_t pictures_between_keys_ = 0;
+    uint32_t pictures_since_key_ = 0;
+    // unchanged pictures in a row whose access units had this size
+    uint32_t equal_sizes_ = 0;
+    uint32_t last_size_ = 0;
+    // of x264's rate control: what it believes to have spent ahead of the rate, bits
+    uint64_t bits_ahead_ = 0;
     // a flag per macroblock, all of them set
     std::vector<uint8_t> constant_;
+    // per macroblock, what a key frame of a still picture is finer by
+    std::vector<float> finer_;
 };
 
 } // namespace zu3host
