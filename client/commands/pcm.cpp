@@ -16,9 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/** How long the last samples may wait for a slow reader or disk once the end has come. */
-constexpr milliseconds patience_at_the_end(2000);
-
 /** The library's PCM capture, from its opening to its close. */
 class SoundCapture {
 public:
@@ -79,7 +76,7 @@ public:
         while (!ended_)
             if (sink_.pending() || !take(sound_.buffer_bytes()))
                 wait();
-        const TimePoint limit = Clock::now() + patience_at_the_end;
+        const TimePoint limit = Clock::now() + ByteSink::patience_at_the_end;
         take_the_rest(limit);
         check(sink_.finish(limit));
         update_header();

@@ -17,9 +17,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/** How long the last frame may wait for a slow reader once the end has come. */
-constexpr milliseconds patience_at_the_end(2000);
-
 // How often to look round by the clock: with frames that tell of themselves, and without, where a
 // look's distance adds to the latency of what comes between two.
 constexpr milliseconds look_interval(100);
@@ -231,7 +228,7 @@ private:
                 static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
                                           Clock::now().time_since_epoch())
                                           .count()));
-        const TimePoint limit = Clock::now() + patience_at_the_end;
+        const TimePoint limit = Clock::now() + ByteSink::patience_at_the_end;
         check(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())
             check(sink_.finish(limit));

@@ -18,6 +18,9 @@ class SinkThread;
  */
 class ByteSink {
 public:
+    /** How long a command that ends waits for a slow reader or disk. */
+    static constexpr std::chrono::milliseconds patience_at_the_end{2000};
+
     enum class State {
         /** everything was taken */
         ready,
