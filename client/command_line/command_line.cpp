@@ -126,8 +126,20 @@ std::string wrong_count(const CLI::App& command, const std::string& last_word)
         return repeated->get_name() + " is given " + std::to_string(repeated->count()) +
                " times, but can be given once";
     const CLI::Option* last = command.get_option_no_throw(last_word);
+    // letters behind one dash
+    if (!last && !last_word.empty())
+        last = command.get_option_no_throw(std::string("-") + last_word.back());
     return (last ? last->get_name() : last_word) + " needs a value behind it" +
            (last ? ": " + last->get_type_name() : "");
+}
+
+std::string flag_with_value(const CLI::App& command)
+{
+    const CLI::Option* flag = find_option(command, [](const auto* each) {
+        return each->get_items_expected_max() == 0 && each->count() > 0 &&
+               each->results().front() != "true";
+    });
+    return flag->get_name() + " accepts no value, and has '" + flag->results().front() + "'";
 }
 
 /** An option that was given without the one it depends on. */
@@ -163,6 +175,8 @@ std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
         return missing_option(command);
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
         return wrong_count(command, last_word);
+    if (dynamic_cast<const CLI::ConversionError*>(&error))
+        return flag_with_value(command);
     if (dynamic_cast<const CLI::RequiresError*>(&error))
         return missing_partner(command);
     // one of our own refusals

@@ -92,6 +92,8 @@ class Refusals(ShortEndToEndTest):
             ("record -o a.ts --slot 1", "slot 0 only", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
             ("record -o -", "'-'", "screenrecord stream"), ("record -o wifi", "'wifi'", "./wifi"),
             ("record -o a.ts --source x", "'x'", "--size"), ("stream -o a -b 5", "'5'", "10k to 240M"),
+            ("record -o a.ts -t", "--time", "TIME"), ("record -yo", "--output", "FILE.ts"),
+            ("record -o a.ts --no-audio=x", "--no-audio", "no value"), ("shot -o a --interval 5", "--interval", "--count"),
             ("record -o a.ts --status-file -", "'-'", "--json"),
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
