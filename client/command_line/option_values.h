@@ -45,7 +45,7 @@ std::vector<std::string> choices_of(std::string_view text);
 /** Words as people list them: "a, b or c", with `last` before the last one. */
 std::string listed(const std::vector<std::string>& words, const char* last);
 
-/** The word of `words` that somebody may have meant by `typed`; nothing when none is near. */
+/** The word of `words` that is most like `typed`; nullopt if none is similar. */
 std::optional<std::string> nearest_word(const std::string& typed,
                                         const std::vector<std::string>& words);
 

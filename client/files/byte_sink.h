@@ -26,7 +26,7 @@ public:
         ready,
         /** the rest waits for room; poll fd() for POLLIN, then look() */
         pending,
-        /** nobody reads any more */
+        /** the pipe has no reader */
         reader_gone,
         /** see error() */
         failed,
@@ -44,7 +44,7 @@ public:
      * not taken yet is pending only beyond some MiB.
      */
     State put(std::span<const uint8_t> data);
-    /** The same for what replaces the first bytes of a file. */
+    /** The same, but replaces the first bytes of a file. */
     State put_at_begin(std::span<const uint8_t> data);
     /** How it stands, with all that was put. */
     State look();

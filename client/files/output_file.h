@@ -24,8 +24,8 @@ bool is_standard_output(const std::string& path);
 void check_output_path(const std::string& path, bool overwrite);
 
 /**
- * The same for a AtomicFile, whose rename would replace whatever has that name: of what exists it
- * takes ordinary files alone.
+ * The same for an AtomicFile, whose rename replaces the file of that name: only an ordinary file
+ * may be there.
  */
 void check_whole_file_path(const std::string& path, bool overwrite);
 
@@ -53,7 +53,7 @@ public:
      * file by then.
      */
     std::string path_to_reopen() const;
-    /** Bytes in the file now; 0 for what is no regular file. */
+    /** Bytes in the file now; 0 if it is not a regular file. */
     uint64_t size() const;
     /** Whether it is an ordinary file, as against a pipe or a device. */
     bool regular() const { return S_ISREG(kind_); }

@@ -26,9 +26,9 @@ public:
     /** The same behind the last write, with a closer look; at most once. */
     std::optional<std::string> problem_at_end();
     /**
-     * For a writer that knows how much it has written, before each write: shows at once if others
-     * have cut the file. Else it is looked for holes, which some file systems also make of zeros
-     * that were written.
+     * Call it before each write if the number of written bytes is known: it detects at once that
+     * another program has cut the file. Otherwise problem() searches for holes, which some file
+     * systems also make of written zeros.
      */
     void expect_size(uint64_t bytes);
     /** The file's name of late; empty when it has none that is known. */

@@ -14,7 +14,7 @@ struct SoundSource {
     /** samples per second and channel */
     uint32_t sample_rate = 0;
     uint32_t channels = 0;
-    /** what recordings hear: the monitor of the default output */
+    /** recordings use it: it is the monitor of the default output */
     bool recorded = false;
 };
 

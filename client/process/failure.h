@@ -7,13 +7,13 @@ namespace client {
 
 /** How the program ended; scripts rely on the numbers. */
 enum class ExitCode : int {
-    /** everything that was asked for is there */
+    /** the output is complete */
     complete = 0,
     /** no usable file was made */
     failed = 1,
-    /** the command line asks for something that cannot be, such as its output */
+    /** the command line is wrong, or its output cannot be written */
     usage = 2,
-    /** what was made ended before it was asked to, lacks some of it, or was lost to others */
+    /** the output ended early, is incomplete, or was removed, replaced or cut by another program */
     ended_early = 3,
 };
 

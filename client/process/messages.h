@@ -4,9 +4,8 @@
 
 namespace client {
 
-// A reader of standard error who has stopped reading never holds the program up: messages wait for
-// him beside it, up to 64 KiB of them, and a second at the end; a status that the next one replaces
-// does not wait.
+// A stalled reader of standard error never blocks the program: up to 64 KiB of messages wait in a
+// queue, and for a second at the end. A status that the next one replaces is not queued.
 
 /**
  * `text` as a terminal may get it. All that is printed here passes through it, since names of
@@ -36,7 +35,7 @@ void show_status_line(const std::string& mark, const std::string& line);
 /** Removes the refreshed line, if one is shown. */
 void clear_status_line();
 
-/** Gives what was said the time to be read, a second at most. */
+/** Waits until the messages are read, at most a second. */
 void finish_messages();
 
 /** The text that printf would make. */

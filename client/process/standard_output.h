@@ -21,7 +21,7 @@ public:
     ProgramOutput& operator=(const ProgramOutput&) = delete;
 
     int fd() const { return fd_; }
-    // A reader who is behind is waited for, until a stop is asked for: then the line is dropped.
+    // Both wait for a slow reader; after a stop signal they drop the line.
     /** For people, without control characters. */
     void print_line(const std::string& line);
     /**

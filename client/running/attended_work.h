@@ -10,9 +10,8 @@
 namespace client {
 
 /**
- * Runs work that can block without a limit (the far end of a pipe, a disk) on a thread of its own
- * while the caller keeps listening. The work owns everything it uses, since it can outlive the
- * caller.
+ * Runs work that may block for ever (on a pipe or a disk) on a separate thread, while the caller
+ * still reacts to signals. The work must own everything that it uses: it can outlive the caller.
  */
 class AttendedWork {
 public:
@@ -25,7 +24,7 @@ public:
     /** Readable once it is through. */
     int fd() const;
     bool through() const;
-    /** Throws what the through work has thrown. */
+    /** After the work is through: rethrows its exception, if any. */
     void finish();
     /**
      * Waits until it is through, or for `patience` once a stop is asked for; whether it is through.

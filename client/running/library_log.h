@@ -10,19 +10,19 @@ namespace client {
 // lines are kept aside, and shown when something has failed.
 
 /**
- * Keeps what the library logs from now on, the latest of it, where the platform lets us hear that.
+ * Keeps the latest lines of the library's log from now on, if the platform offers them.
  */
 void keep_library_log();
 
 /** What it has logged so far led to nothing bad. */
 void forget_library_log();
 
-/** Shows what is kept, and keeps it no longer; false when there was nothing. */
+/** Prints the kept lines and forgets them; false if there are none. */
 bool show_library_log();
 
 /**
- * What to throw when the library refused something: shows its reasons first, where they are kept.
- * @param sentence what cannot be done, without an end
+ * The failure to throw if a library call failed; prints the kept lines first.
+ * @param sentence the failed action, without a full stop
  */
 Failure library_failure(const std::string& sentence);
 

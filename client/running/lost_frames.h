@@ -6,7 +6,7 @@ namespace client {
 
 /**
  * Counts frames that were never handed over, by the distance of the time stamps from end to end of
- * a stretch. A stretch ends where frames are left out because we asked for it.
+ * a stretch. A stretch ends at each request that makes the encoder leave out frames.
  */
 class LostFrames {
 public:

@@ -10,7 +10,7 @@ namespace client {
 
 /**
  * A watermark on its way into the stream. Its picture is read beside the caller, since it may come
- * out of a pipe that nobody writes to.
+ * from a pipe without a writer.
  */
 class WatermarkChange {
 public:

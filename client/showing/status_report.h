@@ -8,7 +8,7 @@
 
 namespace client {
 
-/** The progress as one JSON object, without a line end; what is not known is null. */
+/** The progress as one JSON object, without a line end; unknown values are null. */
 std::string progress_as_json(const Progress& progress, const char* state);
 
 /**
@@ -36,7 +36,7 @@ public:
     void finish(const Progress& progress, bool usable);
 
 private:
-    /** Says what is the matter with the status file, which is given up then. */
+    /** Prints a failure of the status file, and gives the file up. */
     void heed(const std::optional<std::string>& failure);
 
     bool json_;
