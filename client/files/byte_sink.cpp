@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <common/descriptor.h>
+#include <common/disk_process.h>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -13,6 +14,7 @@
 #include <poll.h>
 #include <span>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -24,7 +26,8 @@ namespace client {
 
 /**
  * A thread that writes one piece after the other, and tells by a descriptor when it is through with
- * all.
+ * all. It has an ordinary file written by a process, so that a disk that stands still holds neither
+ * the thread nor the end of the program.
  */
 class SinkThread {
 public:
@@ -56,10 +59,13 @@ private:
     };
     int write_piece(const Piece& piece);
     ssize_t write_some(const Piece& piece, size_t at);
+    ssize_t write_to_disk(const Piece& piece, size_t at);
 
     const int fd_;
     const common::Descriptor owned_;
     common::Descriptor event_;
+    // null: the thread writes itself
+    const std::unique_ptr<common::DiskProcess> disk_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::atomic<uint64_t> delivered_{0};
@@ -71,8 +77,19 @@ private:
     std::optional<int> result_;
 };
 
+namespace {
+
+bool is_regular(int fd)
+{
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+} // namespace
+
 SinkThread::SinkThread(int fd, common::Descriptor owned)
-    : fd_(fd), owned_(std::move(owned)), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : fd_(fd), owned_(std::move(owned)), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      disk_(is_regular(fd) ? common::DiskProcess::start(fd) : nullptr)
 {
     if (!event_)
         throw Failure("cannot write: " + error_text(errno));
@@ -151,8 +168,23 @@ int SinkThread::write_piece(const Piece& piece)
     return 0;
 }
 
+// The process writes where the file's position is, which both share.
+ssize_t SinkThread::write_to_disk(const Piece& piece, size_t at)
+{
+    if (piece.at_begin && lseek(fd_, static_cast<off_t>(at), SEEK_SET) < 0)
+        return -1;
+    disk_->write(piece.data.data() + at, piece.data.size() - at);
+    const common::DiskProcess::Answer answer = disk_->answer();
+    if (piece.at_begin)
+        lseek(fd_, 0, SEEK_END);
+    errno = answer.error;
+    return answer.written == 0 && answer.error != 0 ? -1 : static_cast<ssize_t>(answer.written);
+}
+
 ssize_t SinkThread::write_some(const Piece& piece, size_t at)
 {
+    if (disk_)
+        return write_to_disk(piece, at);
     const size_t left = piece.data.size() - at;
     return piece.at_begin ? pwrite(fd_, piece.data.data() + at, left, static_cast<off_t>(at))
                           : write(fd_, piece.data.data() + at, left);

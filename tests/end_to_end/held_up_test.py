@@ -18,11 +18,13 @@ from harness import SANITIZED, ShortEndToEndTest, full_pipe, size_of, wait_until
 STOP = 30 if SANITIZED else 3
 
 
-def opens(client):
-    """Whether a thread of the process waits in an open."""
-    openat = {"x86_64": "257", "aarch64": "56"}[platform.machine()]
+CALLS = {"openat": {"x86_64": "257", "aarch64": "56"}, "recvfrom": {"x86_64": "45", "aarch64": "207"}}
+
+
+def waits_in(client, call):
+    """Whether a thread of the process waits in that system call."""
     calls = pathlib.Path(f"/proc/{client.process.pid}/task").glob("*/syscall")
-    return any(call.read_text("ascii").split()[0] == openat for call in calls)
+    return any(each.read_text("ascii").split()[0] == CALLS[call][platform.machine()] for each in calls)
 
 
 class Disk(ShortEndToEndTest):
@@ -76,6 +78,17 @@ class Disk(ShortEndToEndTest):
         self.assertNotIn("missing", recording.errors())
         self.assertEqual(judges.faults(self.path("b.ts")), "")
 
+    def test_stands_still_while_streaming(self):
+        # Catches a stream that a thread of ours writes: the kernel would keep the whole process for the disk.
+        for words in (["stream", "-o", "c.h264"], ["pcm", "-o", "c.wav"]):
+            with self.subTest(words[0]):
+                running = self.client(*words, environment={"ZU3_AUDIO": "silence"})
+                wait_until(lambda path=self.path(words[2]): size_of(path) > 1000, "the first bytes")
+                self.hold(running, "disk writer")
+                wait_until(lambda client=running: waits_in(client, "recvfrom"), "bytes that the disk does not take")
+                self.assert_stops(running, 3, seconds=STOP)
+                self.assertIn(f"the end is missing from {words[2]}: its disk stands still", running.errors())
+
 
 class Readers(ShortEndToEndTest):
     """Pipes and terminals that are full, or empty for ever."""
@@ -111,7 +124,7 @@ class Readers(ShortEndToEndTest):
             wait_until(lambda path=self.path(name): size_of(path) > 0, name)
         before = size_of(self.path("d.h264"))
         wait_until(lambda: size_of(self.path("d.h264")) > before, "frames while the picture is waited for")
-        wait_until(lambda: opens(running["fifo"][0]), "an open that waits")
+        wait_until(lambda: waits_in(running["fifo"][0], "openat"), "an open that waits")
         for name, (client, code) in running.items():
             with self.subTest(name):
                 self.assert_stops(client, code, seconds=STOP)

@@ -201,9 +201,9 @@ std::shared_ptr<OpenFile> OpenFile::open(const char* name, int flags)
         return nullptr;
     }
     const bool ordinary = is_regular(opened.fd.get());
-    std::unique_ptr<DiskProcess> disk;
+    std::unique_ptr<common::DiskProcess> disk;
     if ((flags & O_ACCMODE) != O_RDONLY && ordinary)
-        disk = DiskProcess::start(opened.fd.get());
+        disk = common::DiskProcess::start(opened.fd.get());
     const bool written_in_order = (flags & O_ACCMODE) == O_WRONLY && ordinary;
     return std::make_shared<OpenFile>(name_to_show(name), std::move(opened.fd), std::move(disk),
                                       written_in_order);
@@ -299,7 +299,7 @@ size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
         error = wait_for_disk();
         if (error != 0)
             break;
-        const DiskProcess::Answer answer = disk_->answer();
+        const common::DiskProcess::Answer answer = disk_->answer();
         done += answer.written;
         error = answer.error;
         if (answer.written == 0 && error == 0)

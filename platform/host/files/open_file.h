@@ -1,9 +1,9 @@
 #pragma once
 
-#include "files/disk_process.h"
 #include "files/unfinished_picture.h"
 
 #include <common/descriptor.h>
+#include <common/disk_process.h>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -34,7 +34,7 @@ public:
      * pipe.
      */
     static std::shared_ptr<OpenFile> open(const char* name, int flags);
-    OpenFile(std::string name, common::Descriptor fd, std::unique_ptr<DiskProcess> disk,
+    OpenFile(std::string name, common::Descriptor fd, std::unique_ptr<common::DiskProcess> disk,
              bool written_in_order)
         : name_(std::move(name)), fd_(std::move(fd)), disk_(std::move(disk)),
           written_in_order_(written_in_order)
@@ -77,7 +77,7 @@ private:
     std::mutex in_use_;
     common::Descriptor fd_;
     // of an ordinary file that is written, if the system gives one
-    std::unique_ptr<DiskProcess> disk_;
+    std::unique_ptr<common::DiskProcess> disk_;
     /** an ordinary file, from one end to the other */
     bool written_in_order_;
     UnfinishedPicture unfinished_;

@@ -7,7 +7,7 @@
 #include <sys/types.h>
 #include <utility>
 
-namespace zu3host {
+namespace common {
 
 /**
  * Writes to an ordinary file from a process of its own.
@@ -63,7 +63,7 @@ private:
         uint64_t greatest_file;
     };
 
-    DiskProcess(uint8_t* shared, common::Descriptor socket, pid_t process)
+    DiskProcess(uint8_t* shared, Descriptor socket, pid_t process)
         : shared_(shared), socket_(std::move(socket)), process_(process)
     {
     }
@@ -72,9 +72,9 @@ private:
 
     /** capacity bytes, of which what is never used is never there */
     uint8_t* shared_;
-    common::Descriptor socket_;
+    Descriptor socket_;
     pid_t process_;
     bool busy_ = false;
 };
 
-} // namespace zu3host
+} // namespace common

@@ -1,10 +1,11 @@
-#include "files/disk_process.h"
+#include "common/disk_process.h"
+
+#include "common/never_destroyed.h"
+#include "common/signals.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <common/never_destroyed.h>
-#include <common/signals.h>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
@@ -24,7 +25,7 @@
 #define NOTHING_BUT_ITSELF __attribute__((no_sanitize("address", "undefined", "thread")))
 #endif
 
-namespace zu3host {
+namespace common {
 
 namespace {
 
@@ -58,7 +59,7 @@ private:
 
 Ending& ending()
 {
-    static common::NeverDestroyed<Ending> all;
+    static NeverDestroyed<Ending> all;
     return *all;
 }
 
@@ -120,7 +121,7 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return nullptr;
-    common::Descriptor ours(ends[0]), theirs(ends[1]);
+    Descriptor ours(ends[0]), theirs(ends[1]);
     void* const memory =
         mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
@@ -130,7 +131,7 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     {
         // Not fork(): whatever a program has registered for that is none of this process's
         // business, and no signal tells of its end.
-        const common::SignalsBlocked guard;
+        const SignalsBlocked guard;
         process = syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L);
         if (process == 0)
             run(shared, fd, theirs.get());
@@ -175,4 +176,4 @@ DiskProcess::Answer DiskProcess::answer()
     return got == static_cast<ssize_t>(sizeof answer) ? answer : Answer{0, EIO};
 }
 
-} // namespace zu3host
+} // namespace common
