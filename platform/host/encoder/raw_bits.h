@@ -40,6 +40,7 @@ public:
     void trailing_bits();
     /** What was written; bits that are missing to a whole byte are 0. */
     const std::vector<uint8_t>& bytes() const { return bytes_; }
+    void reserve(size_t bytes) { bytes_.reserve(bytes); }
     /** Begins anew and keeps the memory. */
     void clear();
 

@@ -20,6 +20,9 @@ constexpr uint32_t all_slices_are_p = 5;
 // Bytes of a slice in which its frame_num ends: three Exp-Golomb codes of 32 bits at most, 16 bits.
 constexpr size_t slice_head = 32;
 
+// Half of a macroblock's raw size, 4:2:0.
+constexpr size_t likely_macroblock_bytes = 192;
+
 /** What follows a NAL unit's start code and header byte. */
 std::span<const uint8_t> payload(const x264_nal_t& unit)
 {
@@ -112,6 +115,10 @@ std::unique_ptr<RepeatedPictures> RepeatedPictures::into(x264_t* encoder)
 RepeatedPictures::RepeatedPictures(const Sequence& sequence)
     : sequence_(sequence), parameter_set_(parameter_set_for(sequence.id))
 {
+    // Memory that is not written to costs nothing, and a frame must not get lost for want of it.
+    bytes_.reserve(size_t{sequence.macroblocks} * likely_macroblock_bytes);
+    rbsp_.reserve(bytes_.capacity());
+    slice_.reserve(slice_head);
 }
 
 uint32_t RepeatedPictures::wrapped(uint32_t frame_number) const
@@ -127,25 +134,41 @@ void RepeatedPictures::begin_unit(uint8_t header)
 
 std::span<uint8_t> RepeatedPictures::pass_on(std::span<const x264_nal_t> units)
 {
+    const bool has_parameter_set = std::any_of(
+        units.begin(), units.end(), [](const x264_nal_t& unit) { return unit.i_type == NAL_PPS; });
+    if (repeated_ == 0 && !has_parameter_set)
+        return as_they_are(units);
     bytes_.clear();
     for (const x264_nal_t& unit : units) {
+        if (unit.i_type == NAL_SLICE_IDR)
+            frame_number_ = repeated_ = 0;
         if (unit.i_type == NAL_SLICE)
-            pass_on_slice(unit);
+            append_slice(unit);
         else
             bytes_.insert(bytes_.end(), unit.p_payload, unit.p_payload + unit.i_payload);
         if (unit.i_type == NAL_PPS) {
             begin_unit(parameter_set_header);
             append_escaped(bytes_, parameter_set_);
         }
-        if (unit.i_type == NAL_SLICE_IDR)
-            frame_number_ = repeated_ = 0;
     }
     return bytes_;
 }
 
-void RepeatedPictures::pass_on_slice(const x264_nal_t& unit)
+// x264's payloads of one call follow each other without a gap.
+std::span<uint8_t> RepeatedPictures::as_they_are(std::span<const x264_nal_t> units)
 {
-    const std::span<const uint8_t> escaped = payload(unit);
+    size_t size = 0;
+    for (const x264_nal_t& unit : units) {
+        size += static_cast<size_t>(unit.i_payload);
+        if (unit.i_type == NAL_SLICE)
+            read_frame_number(unit);
+    }
+    return {units.front().p_payload, size};
+}
+
+size_t RepeatedPictures::read_frame_number(const x264_nal_t& slice)
+{
+    const std::span<const uint8_t> escaped = payload(slice);
     rbsp_.clear();
     append_unescaped(rbsp_, escaped.first(std::min(escaped.size(), slice_head)));
     RawBitReader bits(rbsp_);
@@ -153,12 +176,14 @@ void RepeatedPictures::pass_on_slice(const x264_nal_t& unit)
         bits.golomb();
     const size_t position = bits.position();
     frame_number_ = wrapped(bits.number(sequence_.frame_number_bits) + repeated_);
-    if (repeated_ == 0) {
-        bytes_.insert(bytes_.end(), unit.p_payload, unit.p_payload + unit.i_payload);
-        return;
-    }
+    return position;
+}
+
+void RepeatedPictures::append_slice(const x264_nal_t& unit)
+{
+    const size_t position = read_frame_number(unit);
     rbsp_.clear();
-    append_unescaped(rbsp_, escaped);
+    append_unescaped(rbsp_, payload(unit));
     overwrite_bits(rbsp_, position, frame_number_, sequence_.frame_number_bits);
     begin_unit(header(unit));
     append_escaped(bytes_, rbsp_);

@@ -30,8 +30,8 @@ public:
     static std::unique_ptr<RepeatedPictures> into(x264_t* encoder);
 
     /**
-     * An access unit of x264's in its place in the stream. The bytes live until the next call, the
-     * NAL units as long as x264's.
+     * An access unit of x264's in its place in the stream. The bytes live until the next call, here
+     * or of x264. Without memory it throws, and the unit is lost.
      */
     std::span<uint8_t> pass_on(std::span<const x264_nal_t> units);
     /** An access unit that repeats the last one's picture; the bytes live until the next call. */
@@ -47,7 +47,10 @@ private:
     static bool read(std::span<const uint8_t> rbsp, Sequence& sequence);
 
     explicit RepeatedPictures(const Sequence& sequence);
-    void pass_on_slice(const x264_nal_t& unit);
+    std::span<uint8_t> as_they_are(std::span<const x264_nal_t> units);
+    /** Notes a slice's frame_num as the stream has it; the position of that in its RBSP. */
+    size_t read_frame_number(const x264_nal_t& slice);
+    void append_slice(const x264_nal_t& unit);
     void begin_unit(uint8_t header);
     uint32_t wrapped(uint32_t frame_number) const;
 

@@ -5,6 +5,7 @@
 #include "picture/picture_in_flight.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zu3host {
 namespace {
@@ -137,7 +138,10 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     const bool key = out.i_type == X264_TYPE_IDR;
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};
+    // x264 predicts from a picture that is lost here, so a key frame follows.
+    const uint32_t since_key = std::exchange(pictures_since_key_, pictures_between_keys_);
     const std::span<uint8_t> bytes = repetitions_->pass_on({nals, static_cast<size_t>(count)});
+    pictures_since_key_ = since_key;
     return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), key};
 }
 
