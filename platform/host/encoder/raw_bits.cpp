@@ -31,13 +31,13 @@ uint32_t RawBitReader::golomb()
 
 void RawBitWriter::number(uint32_t value, unsigned bits)
 {
-    while (bits-- > 0) {
+    for (; bits > 0; --bits) {
         if (used_in_last_ == 8) {
             bytes_.push_back(0);
             used_in_last_ = 0;
         }
         ++used_in_last_;
-        bytes_.back() |= static_cast<uint8_t>((value >> bits & 1) << (8 - used_in_last_));
+        bytes_.back() |= static_cast<uint8_t>((value >> (bits - 1) & 1) << (8 - used_in_last_));
     }
 }
 
@@ -62,11 +62,11 @@ void RawBitWriter::clear()
 
 void overwrite_bits(std::span<uint8_t> rbsp, size_t position, uint32_t value, unsigned bits)
 {
-    while (bits-- > 0) {
+    for (; bits > 0; --bits, ++position) {
         uint8_t& byte = rbsp[position / 8];
-        const auto mask = static_cast<uint8_t>(0x80u >> position % 8);
-        byte = static_cast<uint8_t>(value >> bits & 1 ? byte | mask : byte & ~mask);
-        ++position;
+        const unsigned mask = 0x80u >> position % 8;
+        const bool set = (value >> (bits - 1) & 1) != 0;
+        byte = static_cast<uint8_t>(set ? byte | mask : byte & ~mask);
     }
 }
 
