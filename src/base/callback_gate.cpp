@@ -12,7 +12,7 @@ u32 CallbackGate::Enter()
         m_au32Inside[u32Epoch & 1].fetch_add(1);
         if (m_u32Epoch.load() == u32Epoch)
             return u32Epoch & 1;
-        // A drain began in between and may not have counted us: leave, and enter behind it.
+        // A drain began meanwhile and may have missed this thread: leave, and enter after it.
         Leave(u32Epoch & 1);
     }
 }
@@ -21,8 +21,8 @@ void CallbackGate::Leave(u32 u32Ticket)
 {
     if (m_au32Inside[u32Ticket].fetch_sub(1) != 1 || (m_u32Epoch.load() & 1) == u32Ticket)
         return;
-    // The last one of an epoch that is being drained. The mutex keeps the wake-up from falling
-    // between the drain's look at the count and its wait.
+    // The last thread of an epoch that is being drained. Without the mutex, the wake-up could fall
+    // between the drain's check of the count and its wait.
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_left.notify_all();
 }
@@ -39,8 +39,8 @@ bool CallbackGate::Drain()
         std::chrono::steady_clock::now() + std::chrono::milliseconds(SCREENRECORD_LOCK_TIMEOUT_MS);
     std::unique_lock<std::mutex> lock(m_mutex);
     const u32 u32Current = m_u32Epoch.load() & 1;
-    // A thread that outstayed an earlier drain counts under the other parity, which the next epoch
-    // reuses.
+    // A thread that an earlier drain gave up is counted under the other parity, which the next
+    // epoch reuses.
     if (AwaitEmpty(lock, u32Current ^ 1, deadline)) {
         m_u32Epoch.fetch_add(1);
         if (AwaitEmpty(lock, u32Current, deadline))

@@ -8,26 +8,25 @@
 #include <zu3/types.h>
 
 /**
- * Tells a close when the last foreign thread has left a module's record.
+ * Lets a close wait until the last foreign thread has left a module's record.
  *
- * The middleware calls in on its own threads, also while a module is being closed and after it. A
- * callback enters the gate and only then looks for its handle in the record; a close withdraws the
- * handle from the record and then drains the gate. So a callback either finds no handle and leaves,
- * or the close waits for it: no callback meets the steps after a drain, without a lock per picture
- * and without a protective sleep.
+ * The middleware calls back on its threads during a module's close and after it. A callback enters
+ * the gate before it looks for its handle in the record; a close withdraws the handle before it
+ * drains the gate. So a callback either finds no handle and leaves, or the close waits for it. No
+ * callback overlaps the steps after a drain, and that needs neither a lock per picture nor a sleep.
  *
- * Callbacks are counted by the parity of an epoch that each drain advances, so that those that come
- * in during a drain do not prolong it.
+ * Each drain advances an epoch, and the gate counts callbacks by its parity: callbacks that arrive
+ * during a drain do not prolong it.
  */
 class CallbackGate {
 public:
-    /** Counts the calling thread in; the result is the ticket for Leave. */
+    /** Counts the calling thread in. @return the ticket for Leave */
     u32 Enter();
     void Leave(u32 u32Ticket);
     /**
-     * Waits, up to 5000 ms, until every thread that entered before this call has left. One drain at
-     * a time.
-     * @return false, which is logged, when one has not
+     * Waits until every thread that entered before this call has left, at most 5000 ms. One drain
+     * at a time.
+     * @return false, and a log line, on a timeout
      */
     bool Drain();
 
@@ -41,7 +40,7 @@ private:
     std::condition_variable m_left;
 };
 
-/** Holds a gate for a scope. */
+/** Keeps the calling thread inside a gate for a scope. */
 class GatePass {
 public:
     explicit GatePass(CallbackGate& gate) : m_pGate(&gate), m_u32Ticket(gate.Enter()) {}

@@ -5,10 +5,10 @@
 
 /**
  * A field that one thread writes while another reads it. It has the size of T and can be copied, so
- * that the records that hold such fields are still reset by assignment.
+ * assignment still resets a record with such fields.
  *
- * Every access is sequentially consistent: the callback gate needs a handle's store and the count
- * of callbacks in one order for all threads, and one picture costs a handful of accesses.
+ * Every access is sequentially consistent: the callback gate needs all threads to see the store of
+ * a handle and the count of callbacks in one order. A picture costs a handful of accesses.
  */
 template <typename T> class CrossThread {
 public:
@@ -24,15 +24,15 @@ public:
     operator T() const { return Get(); }
     T Get() const { return m_value.load(); }
     T Exchange(T value) { return m_value.exchange(value); }
-    /** Replaces `from` by `to`; false, and nothing replaced, when the value is another one. */
+    /** Replaces `from` by `to`. False, and no change, if the value differs from `from`. */
     bool Replace(T from, T to) { return m_value.compare_exchange_strong(from, to); }
-    /** Blocks while the value is `value`. */
+    /** Blocks until the value differs from `value`. */
     void AwaitChangeFrom(T value) const { m_value.wait(value); }
     void WakeWaiters() { m_value.notify_all(); }
     /**
-     * The field itself, as the output argument of a call of the middleware: the result is in the
-     * record at once, also if the call fails or calls back before it returns. A middleware stores
-     * an aligned value of this size in one piece.
+     * The field as an output argument of a middleware call. The result is in the record at once,
+     * even if the call fails or calls back before it returns. The middleware stores an aligned
+     * value of this size in one piece.
      */
     T* OutputArgument() { return reinterpret_cast<T*>(&m_value); }
 

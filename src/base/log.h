@@ -1,4 +1,4 @@
-/** The library's log lines: tag, and the function's name and source line in front of every text. */
+/** The library's log lines: tag, function and source line before each text. */
 #ifndef SCREENRECORD_BASE_LOG_H
 #define SCREENRECORD_BASE_LOG_H
 
@@ -7,10 +7,10 @@
 #define SR_TAG "screenrecord"
 
 /**
- * The name that helpers log under, for a scope of this thread: a check or a step that several
- * functions share reports under the function that it works for. A function opens the scope as
- * `const LogAs as(__func__);` before it calls a helper; the outer name returns with the end of the
- * scope.
+ * Sets the function name that helpers log on this thread, for a scope: a helper that several
+ * functions share logs the name of its caller. A function opens the scope with
+ * `const LogAs as(__func__);` before it calls a helper. The end of the scope restores the outer
+ * name.
  */
 class LogAs {
 public:
@@ -19,7 +19,7 @@ public:
     LogAs(const LogAs&) = delete;
     LogAs& operator=(const LogAs&) = delete;
 
-    /** The innermost scope's name; empty outside of all. */
+    /** Name of the innermost scope; empty without a scope. */
     static const char* Name() { return _pName; }
 
 private:
@@ -32,8 +32,8 @@ private:
                         __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 /**
- * The same for texts that begin with function and line once more: both numbers are one value, since
- * the compiler's differ within a call that stands over several lines.
+ * The same for texts that repeat function and line. Both line numbers are one value: __LINE__
+ * differs within a call that spans several lines.
  */
 #define SR_LOG_LINE(priority, name, format, ...)                                                   \
     do {                                                                                           \
@@ -46,13 +46,13 @@ private:
 #define SR_LOGE(format, ...) SR_LOG(ANDROID_LOG_ERROR, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 /** Progress, configured values and refusals of state. */
 #define SR_LOGD(format, ...) SR_LOG(ANDROID_LOG_DEBUG, __func__, format __VA_OPT__(, ) __VA_ARGS__)
-/** Either with function and line once more. */
+/** The same, for texts that repeat function and line. */
 #define SR_LOGE_LINE(format, ...)                                                                  \
     SR_LOG_LINE(ANDROID_LOG_ERROR, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define SR_LOGD_LINE(format, ...)                                                                  \
     SR_LOG_LINE(ANDROID_LOG_DEBUG, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 
-/** The same in a helper, under the name of the scope that it works in. */
+/** The same in a helper, with the name of the current LogAs scope. */
 #define SR_HELPER_LOGE(format, ...)                                                                \
     SR_LOG(ANDROID_LOG_ERROR, LogAs::Name(), format __VA_OPT__(, ) __VA_ARGS__)
 #define SR_HELPER_LOGD(format, ...)                                                                \

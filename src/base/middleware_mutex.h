@@ -6,11 +6,11 @@
 enum {
     /** task, mutex or descriptor: none */
     SCREENRECORD_NO_ID = -1,
-    /** limit of every wait for a middleware mutex */
+    /** timeout of every wait for a middleware mutex */
     SCREENRECORD_LOCK_TIMEOUT_MS = 5000,
 };
 
-/** Obtains a module's mutex for a scope, and releases it only if it was obtained. */
+/** Obtains a module's mutex for a scope. Releases it only if it was obtained. */
 class MiddlewareLock {
 public:
     explicit MiddlewareLock(s32 s32MutexId)
@@ -27,7 +27,7 @@ public:
     MiddlewareLock(const MiddlewareLock&) = delete;
     MiddlewareLock& operator=(const MiddlewareLock&) = delete;
 
-    /** Whether the protected data is safe to use: the mutex was obtained, or there is none. */
+    /** True if the protected data is safe to use: the mutex was obtained, or there is none. */
     bool HeldOrNone() const { return m_bObtained || m_s32MutexId == SCREENRECORD_NO_ID; }
 
 private:

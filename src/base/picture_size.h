@@ -16,9 +16,8 @@ inline u32 _SCREENRECORD_ValueOr(u32 u32Value, u32 u32Default)
 }
 
 /**
- * Rounds up to a multiple of `u32Alignment`, a power of two. A value without such a multiple in 32
- * bits gives the greatest one there is, which every encoder refuses: a huge size must not wrap into
- * a small one.
+ * Rounds up to a multiple of `u32Alignment`, a power of two. If that exceeds 32 bits, returns the
+ * greatest multiple, which every encoder refuses: a huge size must not wrap into a small one.
  */
 inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
 {
@@ -26,9 +25,7 @@ inline u32 _SCREENRECORD_AlignUpSaturating(u32 u32Value, u32 u32Alignment)
     return u32Value > ~u32Mask ? ~u32Mask : (u32Value + u32Mask) & ~u32Mask;
 }
 
-/**
- * Lines of a captured picture are a multiple of 16 pixels, and there is a multiple of 32 of them.
- */
+/* A captured picture's width is a multiple of 16 pixels, its height a multiple of 32 lines. */
 inline u32 _SCREENRECORD_CaptureWidth(u32 u32Width)
 {
     return _SCREENRECORD_AlignUpSaturating(u32Width, 16);
@@ -39,8 +36,8 @@ inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
 }
 
 /**
- * Bytes of a captured 4:2:0 picture, whose chroma plane is sized as if for whole 64-line blocks. A
- * picture that 64 bits cannot count gives the greatest size there is, which every check refuses.
+ * Bytes of a captured 4:2:0 picture. Its chroma plane has room for whole blocks of 64 lines.
+ * Saturates at the greatest 64-bit value, which every check refuses.
  */
 inline u64 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
 {

@@ -21,7 +21,7 @@ SCREENRECORD_TaskCtrl_s* EncoderTask()
 }
 
 /**
- * Rounds the caller's size, and copies the record's values into the slot, with defaults for zeros.
+ * Rounds the caller's size and copies the parameters into the slot; 0 becomes the default.
  */
 void ApplyParams(CapEnc_OpenParams* pstParams)
 {
@@ -36,7 +36,7 @@ void ApplyParams(CapEnc_OpenParams* pstParams)
     stSrcInfo.bOsd = static_cast<u8>(pstParams->osd);
 }
 
-/** A start that failed half-way ends stopped and closed. */
+/** Stops and closes after a start that failed half-way. */
 s32 AbandonStart()
 {
     video_capenc_stop();

@@ -11,7 +11,7 @@
 
 namespace {
 
-/** The address of a picture in the uncached or the cached mapping; NULL when there is neither. */
+/** A picture's address in the uncached, otherwise the cached mapping; NULL if it has neither. */
 u8* AddressOf(u64 u64PhyAddr)
 {
     u64 u64VirtAddr = 0;
@@ -22,7 +22,7 @@ u8* AddressOf(u64 u64PhyAddr)
     return reinterpret_cast<u8*>(static_cast<uintptr_t>(u64VirtAddr));
 }
 
-/** The picture stays where the capture wrote it, and the encoder is told where that is. */
+/** Inject mode: gives the encoder the address of the picture, without a copy. */
 void PointEncoderAt(u8* pu8Picture, ZU_VENC_InputBuffer_t& stInput)
 {
     stInput.pu8Data = pu8Picture;
@@ -31,8 +31,8 @@ void PointEncoderAt(u8* pu8Picture, ZU_VENC_InputBuffer_t& stInput)
 }
 
 /**
- * Copies the picture into a buffer that the encoder lends: as much as fits, and no more than the
- * capture wrote (`u32PictureSize`).
+ * Copy mode: copies the picture into a buffer that the encoder lends, as much as fits.
+ * @param u32PictureSize bytes that the capture wrote
  */
 void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize,
                    ZU_VENC_InputBuffer_t& stInput)
@@ -43,16 +43,16 @@ void CopyToEncoder(u32 u32Venc, const u8* pu8Picture, u32 u32PictureSize,
         ZU_OS_DelayTask(SCREENRECORD_ENCODER_BUSY_MS);
         SR_HELPER_LOGD("venc query buffer is null\n");
     }
-    // A failed query has lent nothing, even if it wrote into the record.
-    // An encoder that lends the captured picture itself has it already.
+    // A failed query lends nothing, even if it wrote to the record. If the encoder lends the
+    // captured picture itself, there is nothing to copy.
     if (bLent && stInput.pu8Data != nullptr && stInput.pu8Data != pu8Picture)
         memcpy(stInput.pu8Data, pu8Picture,
                stInput.u32DataSize < u32PictureSize ? stInput.u32DataSize : u32PictureSize);
 }
 
 /**
- * Numbers and stamps the picture. The table is written first: the encoder's output looks the time
- * up there.
+ * Numbers and stamps the picture. Writes _au64InputPts before the encoder gets the picture, because
+ * the encoder's output callback reads the time there.
  */
 void StampPicture(SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, ZU_VENC_InputBuffer_t& stInput)
 {
@@ -66,7 +66,7 @@ void StampPicture(SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts, ZU_VENC_InputBuf
     _u64LastPts = static_cast<u64>(s64Pts);
 }
 
-/** Whether the picture comes before the start time or during a pause. */
+/** True if the picture is older than the start time or falls into a pause. */
 bool IsDropped(const SCREENRECORD_TaskCtrl_s* pstVenc, s64 s64Pts)
 {
     const s64 s64StartTimeUs = pstVenc->u64StartTimeUs;
@@ -93,8 +93,7 @@ u32 _SCREENRECORD_Callback(s32 s32Handle, u32, ZU_CAP_FrameInfo_t* pstFrame, voi
         SR_LOGD("Drop capture frame, its capture is closed\n");
         return 1;
     }
-    // The pictures of both slots go to slot 0's encoder, so it must not be closed meanwhile
-    // either.
+    // The pictures of both slots go to slot 0's encoder, so that must not close meanwhile either.
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
     const GatePass encoderPass(pstVenc->callbackGate);
     const u32 u32Cap = static_cast<u32>(s32Handle);

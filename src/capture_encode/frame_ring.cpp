@@ -34,14 +34,14 @@ CapEnc_EsFrame _astEsFrameRing[RING_SIZE];
 u8 _u8EsReadIdx;
 CrossThread<u8> _u8EsWriteIdx;
 /**
- * The frame that should follow the last one in the ring was lost: while it is set, so is
- * _bWaitKeyFrame.
+ * The frame after the last one in the ring was lost. Implies _bWaitKeyFrame.
  */
 bool _bTailLost;
 
 /**
- * Guards the ring beside the encoder's middleware mutex, which exists only between start and stop:
- * frames are fetched before and after that span too, when a late callback may still be on its way.
+ * Guards the ring. The encoder's middleware mutex is not enough, because it exists only between
+ * start and stop: before and after, the caller fetches frames while a late callback may still
+ * arrive.
  */
 std::mutex _ringMutex;
 
@@ -56,7 +56,7 @@ void LogDrop(u64 u64Pts, u32 u32DataSize, u8 u8FrameType)
                    static_cast<long long>(u64Pts), static_cast<int>(u32DataSize), u8FrameType);
 }
 
-/** Drops a buffered frame, the oldest in a ring whose indices are in step. */
+/** Drops a buffered frame: the oldest one, if the ring's indices are consistent. */
 void DropBuffered(CapEnc_EsFrame& stFrame)
 {
     LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
@@ -65,8 +65,8 @@ void DropBuffered(CapEnc_EsFrame& stFrame)
 }
 
 /**
- * Drops frames up to the next key frame; without one, waits for the encoder to deliver it. So it
- * does with one that was buffered before a loss: the next frame does not continue it.
+ * Drops frames up to the next key frame. Keeps waiting for a new key frame if none is buffered, or
+ * if the frame after the buffered ones was lost.
  */
 void _dropToNextKeyFrame_lock()
 {
@@ -82,8 +82,8 @@ void _dropToNextKeyFrame_lock()
 }
 
 /**
- * The capture time of the picture that a frame was made from; a key frame names none and gets the
- * last one's.
+ * Capture time of a frame's picture. A key frame has no input index and gets the last picture's
+ * time.
  */
 u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame)
 {
@@ -96,7 +96,7 @@ u64 CaptureTimeOf(const ZU_VENC_FrameInfo_t& stFrame)
     return u64LastPts;
 }
 
-/** Notes the first valid time. False for a frame that comes before it without one. */
+/** Records the first valid time. False for an earlier frame, which has none. */
 bool NoteFirstPts(SCREENRECORD_TaskCtrl_s* pstVenc, u64 u64Pts)
 {
     if (pstVenc->bFirstPtsSet != 0)
@@ -118,7 +118,7 @@ bool RingIsAllocated()
     return false;
 }
 
-/** Makes room in a full ring, at the price of everything before its next key frame. */
+/** Makes room in a full ring: drops the frames before its next key frame. */
 void MakeRoom()
 {
     CapEnc_EsFrame& stNext = _astEsFrameRing[_u8EsWriteIdx];
@@ -129,7 +129,7 @@ void MakeRoom()
     _dropToNextKeyFrame_lock();
 }
 
-/** Whether a frame fits the rules: after a loss, nothing but a key frame goes on. */
+/** False for a frame that must be dropped: after a loss, any frame before the next key frame. */
 bool PassesKeyFrameWait(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (_bWaitKeyFrame != 1)
@@ -160,12 +160,11 @@ void Store(const ZU_VENC_FrameInfo_t& stFrame)
     _u8EsWriteIdx = NextIndex(_u8EsWriteIdx);
 }
 
-/** Stores a stamped frame in the ring, or drops it by one of the ring's rules. */
+/** Stores a stamped frame in the ring, or drops it if it is too large or the ring is waiting. */
 void StoreOrDrop(const ZU_VENC_FrameInfo_t& stFrame)
 {
     if (stFrame.u32DataSize > CAPENC_MAX_FRAME_SIZE) {
-        // The frames behind it cannot be decoded without it, so the stream resumes at a key frame
-        // as after any loss.
+        // The next frames cannot be decoded without it: resume at a key frame, as after any loss.
         LogDrop(stFrame.u64Pts, stFrame.u32DataSize, stFrame.u8FrameType);
         _bWaitKeyFrame = 1;
         _bTailLost = true;
@@ -176,7 +175,7 @@ void StoreOrDrop(const ZU_VENC_FrameInfo_t& stFrame)
         Store(stFrame);
 }
 
-/** Hands out the head of the ring, which is consumed in either case. */
+/** Copies the head of the ring to the caller and removes it, even if it does not fit. */
 s32 video_capenc_getES_lock(u8* pu8Buffer, u64 u64BufferSize, CapEnc_EsInfo* pstInfo)
 {
     CapEnc_EsFrame& stHead = _astEsFrameRing[_u8EsReadIdx];
@@ -249,7 +248,7 @@ u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameI
     if (!lock.HeldOrNone())
         return ZU_FAILURE;
     const std::lock_guard<std::mutex> ringLock(_ringMutex);
-    if (!RingIsAllocated()) // a close that did not wait any longer for this callback
+    if (!RingIsAllocated()) // freed by a close that timed out on this callback
         return ZU_FAILURE;
 
     if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))

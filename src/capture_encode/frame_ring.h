@@ -29,21 +29,20 @@ extern CrossThread<u64> _au64InputPts[CAPENC_INPUT_COUNT];
 extern CrossThread<u64> _u64LastPts;
 
 /**
- * Rewinds the ring and waits for a key frame. The allocation that follows drops the buffered
- * frames.
+ * Rewinds the ring and waits for a key frame. The next allocation drops the buffered frames.
  */
 void _SCREENRECORD_ResetRing();
 /**
- * Allocates the buffers that are not there yet. False when one cannot be had; those allocated
- * guard.
+ * Allocates the missing buffers. False if one cannot be allocated; the others stay.
  */
 bool _SCREENRECORD_AllocateRing();
 void _SCREENRECORD_FreeRing();
 
 /**
- * Encoder callback of the capture-encode interface: stores each encoded frame in the ring.
- * @return ZU_OK (stored or dropped by rule), ZU_INVALID_ARGUMENT for inconsistent data, ZU_FAILURE
- * for an unknown encoder, a ring without buffers, or a lock that was not obtained
+ * Encoder callback of the capture-encode interface, on the encoder's thread: stores each access
+ * unit in the ring.
+ * @return ZU_OK (stored or dropped); ZU_INVALID_ARGUMENT for inconsistent data; ZU_FAILURE for an
+ *     unknown encoder, a ring without buffers, or a lock that was not obtained
  */
 u32 _SCREENRECORD_VencCbHandler_NoTs(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,
                                      void* pUserData);

@@ -15,7 +15,7 @@ using android::vexa_screenrecord::SrGlWorker;
 
 namespace {
 
-/** A reference that stays when the process exits: a callback may still be drawing then. */
+/** A reference that is never released at exit, because a callback may still draw then. */
 union KeptWorker_u {
     KeptWorker_u() : sp() {}
     ~KeptWorker_u() {}
@@ -23,20 +23,20 @@ union KeptWorker_u {
 };
 KeptWorker_u _uWorker;
 KeptWorker_u _uBusyWorker;
-/** The reference that keeps the worker; control calls only. */
+/** Owns the worker; control calls only. */
 sp<SrGlWorker>& _spSrGlWorker = _uWorker.sp;
 /**
- * A worker that a callback had not left when it was to be released; goes with a later release, and
- * before the next worker comes: a second one put aside would free this one under its callback.
+ * A worker whose release timed out because a callback was still in it. A later release frees it,
+ * and it must be free before the next worker is created: there is room for one.
  */
 sp<SrGlWorker>& _spBusyWorker = _uBusyWorker.sp;
 /**
- * The same worker for the captured-frame handler: set once the worker is complete, cleared before
- * its release.
+ * The worker, for the captured-frame handler: set when the worker is complete, cleared before its
+ * release.
  */
 CrossThread<SrGlWorker*> _pPublishedWorker;
 
-/** This interface's error lines carry no line number, and some no function name. */
+/** This interface's error lines have no line number, and some have no function name. */
 #define WATERMARK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, SR_TAG, __VA_ARGS__)
 
 bool IsInInjectBuffer(u64 u64PhyAddr)
@@ -85,7 +85,7 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
             return -1;
         }
         if (_spBusyWorker)
-            // its callback may have left since
+            // its callback may have returned since
             _SCREENRECORD_ReleaseWatermark();
         if (_spBusyWorker) {
             WATERMARK_LOGE("%s the last watermark is still being drawn", __func__);
@@ -100,8 +100,8 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
         }
         _pPublishedWorker = _spSrGlWorker.get();
     }
-    // The worker may ask the client's memory for its address, and the client may stop the pipeline
-    // there.
+    // The worker calls the client's memory object, in which the client may stop the pipeline: keep
+    // a reference.
     const sp<SrGlWorker> spWorker = _spSrGlWorker;
     if (spWorker->setWatermark(spCopy) != 0) {
         WATERMARK_LOGE("setWatermark failed");
@@ -112,7 +112,7 @@ int video_capenc_setWatermark(const WatermarkParams& watermark)
 
 bool _SCREENRECORD_PrepareWatermark()
 {
-    // for a stop from inside it, as above
+    // keeps the worker during a stop from inside it, as above
     const sp<SrGlWorker> spWorker = _spSrGlWorker;
     if (!spWorker || spWorker->prepare() == 0)
         return true;
@@ -136,7 +136,7 @@ void _SCREENRECORD_ReleaseWatermark()
     }
     for (sp<SrGlWorker>* pspWorker : {&_spSrGlWorker, &_spBusyWorker}) {
         const sp<SrGlWorker> spWorker = *pspWorker;
-        // ahead of the reset: a stop from inside it has nothing more to release
+        // before the reset, so a stop from inside it finds nothing to release
         pspWorker->clear();
         if (spWorker)
             spWorker->reset();

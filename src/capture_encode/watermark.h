@@ -5,17 +5,16 @@
 #include <srglworker/SrGlWorker.h>
 #include <zu3/cap.h>
 
-/** Makes the worker, if any, ready to render. False when it refuses. */
+/** Prepares the worker, if any. False if it fails. */
 bool _SCREENRECORD_PrepareWatermark();
 /**
- * Withdraws the worker from the captured-frame handler, waits until the handler has let go, and
+ * Withdraws the worker from the captured-frame handler, waits for handlers that use it, and
  * releases it.
  */
 void _SCREENRECORD_ReleaseWatermark();
 /**
- * Draws the watermark into a captured picture of the inject buffer, in place; on the capture's
- * thread. Nothing happens without a worker, without a descriptor, or for a picture outside the
- * buffer.
+ * Draws the watermark into a captured picture in place, on the capture's thread. Does nothing
+ * without a worker or a descriptor, or if the picture is outside the inject buffer.
  */
 void _SCREENRECORD_RenderWatermark(const ZU_CAP_FrameInfo_t& stFrame);
 

@@ -16,12 +16,11 @@ u8 _bCapCallbackRegistered;
 u32 _u32RegisteredCap;
 /** the capture that connected the display */
 u32 _u32ConnectedCap;
-/** 1 = no record holds that capture any more */
+/** 1 = that capture is no longer in any record */
 u8 _bConnectionOrphaned;
 
 /**
- * Handed back to the handler, which prints it; not const, since the middleware's user pointer is
- * not.
+ * Passed back to the handler, which logs it. Not const, because the middleware's pointer is not.
  */
 char _acUserData[] = "Callback user parameter!";
 

@@ -9,8 +9,7 @@
 namespace {
 
 /**
- * More than any level of H.264 allows: the encoder chooses. The file's writer is the limit of a
- * recording.
+ * Beyond every level of H.264, so the encoder chooses. The file's writer limits a recording's rate.
  */
 constexpr u32 RECORDING_BITRATE = 0x100000;
 
@@ -28,7 +27,7 @@ u32 _SCREENRECORD_Venc_Profile_Convert(u32 u32Profile)
     }
 }
 
-/** Android's AVC level code, a bit a level, to a hundred times the level's number. */
+/** Android's AVC level code, one bit per level, to a hundred times the level's number. */
 u32 _SCREENRECORD_Venc_Level_Convert(u32 u32Level)
 {
     static constexpr u32 au32Levels[] = {100, 101, 110, 120, 130, 200, 210,
@@ -97,8 +96,8 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         _SCREENRECORD_CloseVenc(pstTask);
         return ZU_FAILURE;
     }
-    // The pictures go to slot 0's encoder. If that is this one, which lends buffers, or is not
-    // open, the inject buffer of an earlier capture-encode session went with its encoder.
+    // Pictures go to slot 0's encoder. If that is this one, which lends buffers, or is not open,
+    // the inject buffer of an earlier capture-encode session went with its encoder.
     const u32 u32PictureEncoder = _astSlotCtrl[0].astTaskCtrl[E_SCREENRECORD_MODULE_VENC].u32Handle;
     if (u32PictureEncoder == pstTask->u32Handle || u32PictureEncoder == 0)
         _bUseEntireInjectBuf = 0;

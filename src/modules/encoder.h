@@ -1,4 +1,4 @@
-/** The video encoder. An opening that fails half-way leaves nothing open. */
+/** The video encoder. A failed open leaves nothing open. */
 #ifndef SCREENRECORD_MODULES_ENCODER_H
 #define SCREENRECORD_MODULES_ENCODER_H
 
@@ -8,18 +8,18 @@
 #include "table/recording_table.h"
 
 /**
- * Opens the slot's encoder for transport-stream recording. ZU_OK, ZU_INVALID_ARGUMENT for NULL,
- * otherwise ZU_FAILURE.
+ * Opens the slot's encoder for a transport-stream recording.
+ * @return ZU_OK; ZU_INVALID_ARGUMENT for NULL; otherwise ZU_FAILURE
  */
 u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
 /**
- * Opens slot 0's encoder for the capture-encode interface, with the inject buffer if it offers one;
- * `pfnOutput` gets its frames. ZU_OK or ZU_FAILURE.
+ * Opens slot 0's encoder for the capture-encode interface, with its inject buffer if it offers one.
+ * @param pfnOutput receives the encoded frames
+ * @return ZU_OK or ZU_FAILURE
  */
 u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams, ZU_VENC_Callback pfnOutput);
 /**
- * Stops the encoder first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for
- * NULL.
+ * Stops and closes the encoder; the record has no handle then. ZU_OK; ZU_INVALID_ARGUMENT for NULL.
  */
 u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask);
 

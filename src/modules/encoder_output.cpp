@@ -9,7 +9,8 @@ namespace {
 enum { MULTIPLEXER_BUSY_MS = 200 };
 
 /**
- * Sets the origin of the relative times at the first frame that has one. False while there is none.
+ * Sets the origin of relative times from the first frame with a time stamp. False while there is
+ * none.
  */
 bool EstablishOrigin(SCREENRECORD_TaskCtrl_s* pstVenc, const ZU_VENC_FrameInfo_t& stFrame)
 {
@@ -27,15 +28,15 @@ u64 RelativePts(const SCREENRECORD_TaskCtrl_s* pstVenc, const ZU_VENC_FrameInfo_
     if (stFrame.u64Pts == SCREENRECORD_NO_PTS || stFrame.u8FrameType == E_ZU_VENC_FRAME_TYPE_KEY)
         return SCREENRECORD_NO_PTS;
     u64 u64Relative = 0;
-    // Modulo 2^64 on purpose: a frame from before the origin keeps its distance from the others.
+    // Modulo 2^64 by design: a frame from before the origin keeps its distance from the others.
     static_cast<void>(
         __builtin_sub_overflow(stFrame.u64Pts, pstVenc->u64FirstPts.Get(), &u64Relative));
     return u64Relative;
 }
 
 /**
- * Pushes, and tries again while the multiplexer is busy. It gives up when the encoder is being
- * stopped, and when its handle has gone: then a close waits for this callback.
+ * Pushes, and retries while the multiplexer is busy. Gives up when the encoder is stopping or its
+ * handle is gone, because a close then waits for this callback.
  */
 u32 Push(const SCREENRECORD_TaskCtrl_s* pstVenc, u32 u32Venc, u32 u32Tsmux,
          const ZU_TSMUX_MediaData_t& stData)
@@ -83,9 +84,8 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
     if (_SCREENRECORD_Handle2SlotId(guard, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
-    const MiddlewareLock lock(
-        // without it the frame still goes on: there is one encoder thread
-        pstVenc->s32MutexId);
+    // not checked: there is one encoder thread, so the frame may proceed without the mutex
+    const MiddlewareLock lock(pstVenc->s32MutexId);
 
     if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))
         return *answer;
@@ -98,7 +98,7 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
                                          .u64Pts = RelativePts(pstVenc, *pstFrame)};
     if (pstVenc->bTaskExit != 0)
         return ZU_OK;
-    // Also where there is no multiplexer yet, or none any more: the middleware refuses by itself.
+    // Also without a multiplexer: the middleware then refuses.
     const u32 u32Tsmux = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX)->u32Handle;
     const u32 u32Result = Push(pstVenc, u32Venc, u32Tsmux, stData);
     if (u32Result != ZU_OK && u32Result != ZU_BUSY)

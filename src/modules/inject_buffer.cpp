@@ -54,7 +54,7 @@ bool _SCREENRECORD_DescribeInjectBuffer()
     ZU_OS_IommuBufFd_t stFd = {
         .u64PhyAddr = ullPhyAddr, .s32Fd = SCREENRECORD_NO_ID, .u32Reserved = 0};
     const u32 u32Result = ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD, &stFd);
-    // also of a call that failed: the encoder's close gives it back
+    // even if the call failed: the encoder's close returns it
     _stInjectBufFd.s32Fd = stFd.s32Fd;
     if (u32Result != ZU_OK) {
         INJECT_LOGE("E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed");

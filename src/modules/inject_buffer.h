@@ -1,6 +1,4 @@
-/**
- * The encoder's entire inject buffer: a capture that writes there needs no copy of its pictures.
- */
+/** The encoder's entire inject buffer: pictures that the capture writes there need no copy. */
 #ifndef SCREENRECORD_MODULES_INJECT_BUFFER_H
 #define SCREENRECORD_MODULES_INJECT_BUFFER_H
 
@@ -8,10 +6,10 @@
 
 #include "base/cross_thread.h"
 
-/** 1 = the capture writes its pictures straight into the encoder's entire inject buffer. */
+/** 1 = the capture writes its pictures directly into the encoder's entire inject buffer. */
 extern CrossThread<u8> _bUseEntireInjectBuf;
 
-/** The buffer, as the encoder described it. */
+/** The buffer's description from the encoder. */
 struct SCREENRECORD_EntireInjectBuf_s {
     /** 0 = none */
     CrossThread<u32> u32VirtAddr;
@@ -37,13 +35,13 @@ struct SCREENRECORD_InjectBufInfo_s {
 extern SCREENRECORD_InjectBufInfo_s _stInjectBufInfo;
 
 /**
- * Asks an encoder for its buffer, and uses it if it holds a picture of this size. False, and no
- * buffer in use, when the encoder does not answer.
+ * Queries an encoder's buffer, and uses it if a picture of this size fits. False if the query
+ * fails; no buffer is in use then.
  */
 bool _SCREENRECORD_QueryInjectBuffer(u32 u32Venc, u32 u32Width, u32 u32Height);
-/** Finds the buffer's block and gets a descriptor of it. A failure is logged. */
+/** Finds the buffer's IOMMU block and opens a descriptor for it. A failure is logged. */
 bool _SCREENRECORD_DescribeInjectBuffer();
-/** Gives the descriptor back, once no picture is drawn by it; nothing when there is none. */
+/** Returns the descriptor, if any, once no picture is being drawn through it. */
 void _SCREENRECORD_PutInjectDescriptor();
 
 #endif

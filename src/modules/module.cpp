@@ -22,7 +22,7 @@ void InitSystemOnce()
     _bSysInited = 1;
 }
 
-/** Enters an initialisation's result into the masks. False when the module cannot be used. */
+/** Records an initialisation's result in the masks. False if the module is unusable. */
 bool NoteInit(SCREENRECORD_ZuModule_e eModule, u32 u32Result)
 {
     if (u32Result != ZU_OK && u32Result != ZU_ALREADY_INITIALISED)
@@ -33,7 +33,7 @@ bool NoteInit(SCREENRECORD_ZuModule_e eModule, u32 u32Result)
     return true;
 }
 
-/** A capability query's outcome; a record that could not be filled is left zero. */
+/** Queries capabilities. False, with a zero record, on a failure. */
 template <typename T> bool Query(u32 (*pfnGetCaps)(T*), T* pstCaps)
 {
     if (pfnGetCaps(pstCaps) == ZU_OK)
@@ -67,7 +67,7 @@ void _SCREENRECORD_DeInitModule(u32 u32Module)
     _u32ModuleInitMask &= ~BitOf(u32Module);
     _u32ModuleDeinitMask &= ~BitOf(u32Module);
     if (!bOurs)
-        // another user of the process initialised it, or it has no initialisation
+        // initialised by another user of the process, or without an initialisation
         return;
     const SCREENRECORD_ModuleOperations_s& stModule = _astModuleOperations[u32Module];
     if (stModule.pfnDeInit != nullptr && stModule.pfnDeInit() != ZU_OK)

@@ -1,54 +1,53 @@
-/** The operations that every module has. Results are the middleware's codes. */
+/** Operations of every module. Results are middleware codes. */
 #ifndef SCREENRECORD_MODULES_MODULE_H
 #define SCREENRECORD_MODULES_MODULE_H
 
 #include "table/recording_table.h"
 
 /**
- * The operations of a module. NULL: nothing to do; only the initialisation is never NULL. They log
- * under the name of the function that calls them: the initialisation, the start, the stop.
+ * The operations of a module. NULL = nothing to do; pfnInit is never NULL. Each logs under the name
+ * of its caller.
  */
 struct SCREENRECORD_ModuleOperations_s {
     /**
-     * Initialises the module in the process. ZU_OK, ZU_ALREADY_INITIALISED: another user of the
-     * process did it, or there is nothing to undo; another result is a failure, which it logs.
+     * Initialises the module in the process. ZU_OK; ZU_ALREADY_INITIALISED if another user of the
+     * process did it or there is nothing to undo; any other result is a failure, and logged.
      */
     u32 (*pfnInit)() = nullptr;
     u32 (*pfnDeInit)() = nullptr;
-    /** text for the log */
+    /** log text */
     const char* pDeInitFailure = nullptr;
-    /** Starts an opened module; `u32SlotId` goes to its worker. A failure is logged. */
+    /** Starts an opened module; passes `u32SlotId` to its worker. A failure is logged. */
     u32 (*pfnStart)(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId) = nullptr;
-    /** Stops a module; failures are logged only. Its worker is deleted afterwards. */
+    /** Stops a module; failures are only logged. The caller then deletes its worker. */
     void (*pfnStop)(SCREENRECORD_TaskCtrl_s* pstTask) = nullptr;
-    /** Forgets a handle (0 = none) that its record loses while it is open. */
+    /** Handles the loss of an open handle (0 = none) by a reset of its record. */
     void (*pfnForget)(u32 u32Handle) = nullptr;
 };
 /** By SCREENRECORD_ZuModule_e. */
 extern const SCREENRECORD_ModuleOperations_s _astModuleOperations[E_SCREENRECORD_MODULE_MAX];
 
-/** Initialises a module unless it is. ZU_OK, ZU_FAILURE, ZU_INVALID_ARGUMENT for no module. */
+/** Initialises a module once. ZU_OK; ZU_FAILURE; ZU_INVALID_ARGUMENT for an unknown module. */
 u32 _SCREENRECORD_InitModule(SCREENRECORD_ZuModule_e eModule);
 /** De-initialises a module that this library initialised; a failure is logged. */
 void _SCREENRECORD_DeInitModule(u32 u32Module);
-/** Queries _stModuleCaps anew; a record whose query fails stays zero. */
+/** Refreshes _stModuleCaps; a record whose query fails is zero. */
 void _SCREENRECORD_GetModuleCaps(void);
 
-/** Clears a module's record and gives it its index; waits for callbacks that are in it. */
+/** Clears a module's record and sets its index; waits for callbacks inside it. */
 void _SCREENRECORD_ResetTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
 
 /**
- * Starts an opened module; nothing to do for one that is not open or runs already. `u32SlotId` goes
- * to its worker.
+ * Starts a module if it is open and not running. Passes `u32SlotId` to its worker.
  * @return ZU_OK, ZU_INVALID_ARGUMENT, or the failing call's result (the module is stopped again)
  */
 u32 _SCREENRECORD_StartModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 /**
- * Stops a module, whether it runs or not. Failures of the middleware are logged only. ZU_OK,
+ * Stops a module, running or not. Failures of the middleware are only logged. ZU_OK or
  * ZU_INVALID_ARGUMENT.
  */
 u32 _SCREENRECORD_StopModule(SCREENRECORD_TaskCtrl_s* pstTask);
-/** The stop that a module's close begins with; a failure is logged under the close's name. */
+/** The stop at the start of a module's close; logs a failure under the close's name. */
 void _SCREENRECORD_StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask);
 
 #endif

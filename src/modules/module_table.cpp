@@ -9,13 +9,13 @@
 
 namespace {
 
-/** Counts as initialised by this library; there is nothing to undo. */
+/** Counts as initialised by this library, with nothing to undo. */
 u32 InitNothing()
 {
     return ZU_OK;
 }
 
-/** Has no initialisation of its own in the middleware. */
+/** The middleware has no initialisation for this module. */
 u32 InitElsewhere()
 {
     return ZU_ALREADY_INITIALISED;
@@ -24,8 +24,8 @@ u32 InitElsewhere()
 } // namespace
 
 /**
- * A source reader is its worker, which the stop of every module deletes; the audio encoder has no
- * operation.
+ * The stop of every module deletes its worker, so source readers need no stop. The audio encoder
+ * has no operation.
  */
 const SCREENRECORD_ModuleOperations_s _astModuleOperations[E_SCREENRECORD_MODULE_MAX] = {
     /* VIDEO_SRC_READER */ {.pfnInit = InitNothing, .pfnStart = _SCREENRECORD_StartVideoReader},

@@ -12,13 +12,13 @@
 
 namespace {
 
-/** The region of the multiplexer's output, as it is mapped. */
+/** The mapped region of the multiplexer's output. */
 struct OutputBuffer {
     u64 u64VirtAddr;
     u32 u32Size;
 };
 
-/** Reports a full output buffer; only the writer's regular copying relieves it. */
+/** Reports a full output buffer. The writer's next copy makes room. */
 u32 _SCREENRECORD_TsmuxCallback(s32, u32 u32Event, void*, void* pUserData)
 {
     const u64 u64CallbackId =
@@ -29,7 +29,7 @@ u32 _SCREENRECORD_TsmuxCallback(s32, u32 u32Event, void*, void* pUserData)
     return ZU_OK;
 }
 
-/** Maps the region uncached or, where that cannot be had, cached. */
+/** Maps the region uncached; if that fails, cached. */
 bool MapOutputBuffer(SCREENRECORD_TaskCtrl_s* pstTask, OutputBuffer* pstBuffer)
 {
     ZU_SYS_MmapLayout_t stLayout = {};
@@ -68,7 +68,7 @@ bool OpenDevice(const SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s
     stParams.u16Pid1 = 0x0100;
     stParams.u16Pid2 = 0x0100;
     stParams.u16Pid3 = 0x0101;
-    // The record's rate is modulo 2^32, so the excess is cut off here and not by the shift.
+    // The record's rate is modulo 2^32: truncate here, not in the shift.
     stParams.u32CbrBitrate = static_cast<u32>(static_cast<u64>(stSrcInfo.u32CbrBitrateMb) << 20);
     stParams.u32OutBufVa = static_cast<u32>(stBuffer.u64VirtAddr);
     stParams.u32OutBufSize = stBuffer.u32Size;
@@ -141,7 +141,7 @@ bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_Tas
 }
 
 /**
- * The writer exists before the multiplexer runs, so that its output is drained from the first
+ * Creates the writer before it starts the multiplexer, so the output is drained from the first
  * packet on.
  */
 u32 _SCREENRECORD_StartTsmux(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
@@ -190,7 +190,7 @@ u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask)
         return ZU_INVALID_ARGUMENT;
     _SCREENRECORD_StopBeforeClose(pstTask);
     const u32 u32Handle = pstTask->u32Handle.Exchange(0);
-    // The callbacks that push into a multiplexer are its slot's encoder's.
+    // The callbacks of its slot's encoder push into the multiplexer.
     if (SCREENRECORD_SlotCtrl_s* pstSlot = _SCREENRECORD_SlotOf(pstTask))
         pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC].callbackGate.Drain();
     if (u32Handle != 0 && ZU_TSMUX_Close(u32Handle) != ZU_OK)

@@ -1,17 +1,17 @@
-/** The transport-stream multiplexer. An opening that fails half-way leaves nothing open. */
+/** The transport-stream multiplexer. A failed open leaves nothing open. */
 #ifndef SCREENRECORD_MODULES_MULTIPLEXER_H
 #define SCREENRECORD_MODULES_MULTIPLEXER_H
 
 #include "table/recording_table.h"
 
 /**
- * Opens the slot's multiplexer with the packet size and rate of `stSrcInfo`, where it notes the
- * success. A failure is logged.
+ * Opens the slot's multiplexer with the packet size and rate of `stSrcInfo`; on success sets its
+ * bTsmuxOpened. A failure is logged.
  */
 bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_TaskCtrl_s* pstTask);
 /**
- * Stops the multiplexer first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT
- * for NULL.
+ * Stops and closes the multiplexer; the record has no handle then. ZU_OK; ZU_INVALID_ARGUMENT for
+ * NULL.
  */
 u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask);
 

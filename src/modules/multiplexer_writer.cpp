@@ -22,7 +22,7 @@ enum {
     WRITER_PASS_MS = 100,
 };
 
-/** The multiplexed stream on its way into the file, and the time limit. */
+/** Moves the multiplexed stream to the file and enforces the time limit. */
 class Writer {
 public:
     Writer(WorkerRun& run, u8* pu8Batch) : m_run(run), m_pu8Batch(pu8Batch)
@@ -32,15 +32,15 @@ public:
     }
 
     /**
-     * Copies and writes until the deletion asks for the end, a copy fails, or the time limit closes
+     * Copies and writes until the deletion requests the end, a copy fails, or the time limit closes
      * the slot.
      */
     void Run()
     {
         while (!m_run.GivenUp() && CopyStream() && !m_run.GivenUp()) {
-            // Looked at behind the copy: the deletion asks once the multiplexer has stopped, so
-            // this copy or the next one brings the last bytes of the file; output beyond one copy
-            // is lost then.
+            // Checked after the copy: the deletion requests the end once the multiplexer has
+            // stopped, so this copy or the next one has the last bytes. Output beyond one copy is
+            // lost then.
             const bool bLast = m_run.ExitRequested();
             if (m_u32Filled > COPY_SIZE || bLast)
                 WriteBatch();
@@ -62,14 +62,14 @@ private:
             SR_HELPER_LOGE("Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()\n", u32Result);
             return false;
         }
-        // A count beyond the request is not believed: the next copy would go past the batch buffer.
+        // Clamp a count beyond the request: the next copy would overflow the batch buffer.
         m_u32Filled += u32Copied <= COPY_SIZE ? u32Copied : static_cast<u32>(COPY_SIZE);
         return true;
     }
 
     /**
-     * The result is not looked at: a full disk costs the rest of the file, not the recording of the
-     * other slot.
+     * Ignores the result: a full disk costs the rest of this file, not the recording of the other
+     * slot.
      */
     void WriteBatch()
     {
@@ -85,7 +85,7 @@ private:
         if (u32Limit == 0)
             return false;
         if (!m_bTimerRuns)
-            // the limit was set, through the other slot, after this writer had begun
+            // the other slot set the limit after this writer started
             StartTimer();
         u32 u32ElapsedMs = 0;
         return m_bTimerRuns && ZU_OS_TimerDiffTimeFromNow(m_u32StartMs, &u32ElapsedMs) == ZU_OK &&
@@ -93,9 +93,9 @@ private:
     }
 
     /**
-     * Stops and closes the slot by the library's own calls. Afterwards the record is another run's
-     * and this one only ends, as it does where the record was another's before. False, and nothing
-     * done, while a client is in a control call.
+     * Stops and closes the slot with the library's exported calls. On true the record belongs to
+     * another run, and this one must end. False, and no change, while a client is in a control
+     * call.
      */
     bool TryCloseOwnSlot()
     {

@@ -6,8 +6,9 @@
 enum { SCREENRECORD_WRITER_STACK_SIZE = 0x20800 };
 
 /**
- * The multiplexer's worker: copies the stream out, writes it to the file, and closes its own slot
- * at the time limit. `pArg`: its argument block.
+ * The multiplexer's worker: copies the stream out, writes it to the file, and closes its slot at
+ * the time limit.
+ * @param pArg the argument block
  */
 void _SCREENRECORD_TsmuxTaskHandler(void* pArg);
 

@@ -8,8 +8,7 @@
 namespace {
 
 /**
- * Rounds up to a multiple of `u32Alignment`, a power of two; 0 = the encoder did not say, so none
- * is needed.
+ * Rounds up to a multiple of `u32Alignment`, a power of two; 0 = unknown, returns the address.
  */
 u64 AlignAddressUp(u32 u32Address, u32 u32Alignment)
 {
@@ -84,7 +83,6 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     return ZU_OK;
 }
 
-/** Opens the capture without an encoder behind it. */
 bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask)
 {
     const ZU_CAP_OpenParams_t stParams = {.u8CapturePath = 0};

@@ -1,4 +1,4 @@
-/** The screen capture. An opening that fails half-way leaves nothing open. */
+/** The screen capture. A failed open leaves nothing open. */
 #ifndef SCREENRECORD_MODULES_SCREEN_CAPTURE_H
 #define SCREENRECORD_MODULES_SCREEN_CAPTURE_H
 
@@ -8,18 +8,17 @@
 /**
  * Opens the capture at the slot's size, connects it to the display and registers the captured-frame
  * handler.
- * @return ZU_OK, ZU_INVALID_ARGUMENT for a NULL task or a picture whose size does not fit,
- * otherwise the failing call's code
+ * @return ZU_OK; ZU_INVALID_ARGUMENT for a NULL task or a picture that is too large; otherwise the
+ *     failing call's result
  */
 u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
 /**
- * Opens the capture for single pictures, without the handler, and connects it to the display. False
- * on a failure.
+ * Opens the capture for stills, without an encoder or the handler, and connects it to the display.
+ * False on a failure.
  */
 bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask);
 /**
- * Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for
- * NULL.
+ * Stops and closes the capture; the record has no handle then. ZU_OK; ZU_INVALID_ARGUMENT for NULL.
  */
 u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask);
 

@@ -9,7 +9,7 @@ namespace {
 
 enum { CAPTURE_VOLUME = 100 };
 
-/** Events of the audio capture change nothing here; each is reported as unexpected. */
+/** Reports each event of the audio capture as unexpected, and does nothing else. */
 u32 _SCREENRECORD_AcapCbHandler(s32 s32Handle, ZU_ACAP_CallbackEvent_e, void*, void*)
 {
     const CallbackGuard guard(E_SCREENRECORD_MODULE_ACAP, static_cast<u32>(s32Handle));
@@ -26,7 +26,7 @@ bool RegisterAcapCallback(u32 u32Handle)
                                                .u32EventMask = 1,
                                                .pUserData = nullptr,
                                                .u32Reserved = 0};
-    // the removal names none
+    // unused: the removal needs no id
     u64 u64CallbackId = 0;
     const u32 u32Result = ZU_ACAP_RegisterCallback(u32Handle, &stParams, &u64CallbackId);
     if (u32Result == ZU_OK)

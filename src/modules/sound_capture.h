@@ -1,16 +1,17 @@
-/** The sound capture. An opening that fails half-way leaves nothing open. */
+/** The sound capture. A failed open leaves nothing open. */
 #ifndef SCREENRECORD_MODULES_SOUND_CAPTURE_H
 #define SCREENRECORD_MODULES_SOUND_CAPTURE_H
 
 #include "table/recording_table.h"
 
 /**
- * Opens the sound capture; `bRegisterCallback` 1 = with the event callback. ZU_OK or ZU_FAILURE.
+ * Opens the sound capture.
+ * @param bRegisterCallback 1 = register the event callback
+ * @return ZU_OK or ZU_FAILURE
  */
 u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallback);
 /**
- * Stops the capture first and leaves the record without a handle. ZU_OK, ZU_INVALID_ARGUMENT for
- * NULL.
+ * Stops and closes the capture; the record has no handle then. ZU_OK; ZU_INVALID_ARGUMENT for NULL.
  */
 u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask);
 

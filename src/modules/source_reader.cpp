@@ -17,8 +17,7 @@ enum {
 enum class Feeding { DONE, ENCODER_BUSY, END_OF_FILE };
 
 /**
- * Fills one encoder input buffer from the source file; a close of the encoder waits until it is
- * done.
+ * Fills one encoder input buffer from the source file. A close of the encoder waits for it.
  */
 Feeding FillInputBuffer(WorkerRun& run)
 {
@@ -33,7 +32,7 @@ Feeding FillInputBuffer(WorkerRun& run)
     const s32 s32Read =
         ZU_FS_Fread(stBuffer.pu8Data, 1, stBuffer.u32DataSize, run.Task()->u32SrcFile);
     if (run.GivenUp())
-        // the buffer went back with its encoder, and the next one is not this run's
+        // the buffer went with its encoder, and the record belongs to another run
         return Feeding::DONE;
     if (s32Read <= 0) {
         SR_HELPER_LOGD("Read end of file!\n");
@@ -52,7 +51,7 @@ Feeding FillInputBuffer(WorkerRun& run)
     return Feeding::DONE;
 }
 
-/** One pass of the reader. False at the end of the file. */
+/** One pass of the reader. False at end of file. */
 bool FeedEncoder(WorkerRun& run)
 {
     const Feeding feeding = FillInputBuffer(run);
@@ -121,7 +120,7 @@ void _SCREENRECORD_VreaderTaskHandler(void* pArg)
     run.End();
 }
 
-/** Audio from a file is fed nowhere: the task only exists, as long as its source is open. */
+/** The file's audio is not used: the task only waits until it is deleted. */
 void _SCREENRECORD_AreaderTaskHandler(void* pArg)
 {
     const LogAs as(__func__);

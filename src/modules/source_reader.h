@@ -1,5 +1,5 @@
 /**
- * The two source readers: a file that is read instead of a capture, and the worker that reads it.
+ * The video and audio source readers: a file in place of a capture, and the worker that reads it.
  */
 #ifndef SCREENRECORD_MODULES_SOURCE_READER_H
 #define SCREENRECORD_MODULES_SOURCE_READER_H
@@ -7,11 +7,11 @@
 #include "table/recording_table.h"
 
 /**
- * Opens the file that a source reader reads. ZU_OK, ZU_INVALID_ARGUMENT for no reader, ZU_FAILURE.
+ * Opens a source reader's file. ZU_OK; ZU_INVALID_ARGUMENT for another module; ZU_FAILURE.
  */
 u32 _SCREENRECORD_OpenSrcReader(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask);
 /**
- * Stops the reader first and leaves the record without a file. ZU_OK, ZU_INVALID_ARGUMENT for NULL.
+ * Stops the reader and closes its file. ZU_OK; ZU_INVALID_ARGUMENT for NULL.
  */
 u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask);
 

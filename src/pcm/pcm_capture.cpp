@@ -13,7 +13,7 @@ enum {
     SAMPLE_RATE = 48000,
     CHANNELS = 2,
     SAMPLE_FORMAT_S16 = 1,
-    /** bytes; a fuller device buffer is about to lose sound */
+    /** bytes; beyond it the device is about to lose sound */
     HIGHEST_LEVEL = 49152,
 };
 
@@ -119,7 +119,8 @@ s32 audio_cap_getPCM(u8* buffer, u64 bufSize, u64* pSize)
                                              .u32Size = static_cast<u32>(bufSize)};
     ZU_ACAP_ReadResult_t stResult = {};
     u32Result = ZU_ACAP_Read(u32Handle, &stRequest, &stResult);
-    if (u32Result == ZU_OK) // a count beyond the request is not believed: the caller goes by it
+    if (u32Result == ZU_OK)
+        // clamp a count beyond the request: the caller relies on it
         *pSize = stResult.u32Size < stRequest.u32Size ? stResult.u32Size : stRequest.u32Size;
     else
         SR_LOGE("%s: ZU_ACAP_Read fail, ret=0x%x!!", __func__, u32Result);

@@ -14,7 +14,7 @@ enum {
     AENC_TYPE_MP3 = 1,
 };
 
-/** The name as text; NULL is the empty name. */
+/** The name as text; NULL = empty. */
 const char* TextOf(const u8* pu8Name)
 {
     return pu8Name != nullptr ? reinterpret_cast<const char*>(pu8Name) : "";

@@ -11,8 +11,8 @@ namespace {
 void ClearTable()
 {
     for (SCREENRECORD_SlotCtrl_s& stSlot : _astSlotCtrl) {
-        // Each record knows its module also before the slot's first open: a source that is
-        // configured without one is then closed by its module.
+        // Set each record's module before the slot's first open, so that a source configured
+        // without an open is closed by its module.
         for (u32 u32Module = 0; u32Module < E_SCREENRECORD_MODULE_MAX; u32Module++)
             _SCREENRECORD_ResetTask(&stSlot.astTaskCtrl[u32Module],
                                     static_cast<SCREENRECORD_ZuModule_e>(u32Module));

@@ -18,7 +18,7 @@ enum {
 };
 
 /**
- * Attaches a media source and notes its id in the record whose frames go there. Returns the
+ * Attaches a media source and stores its id in the record of the module that feeds it. Returns the
  * middleware's result.
  */
 u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
@@ -33,7 +33,7 @@ u32 AttachSource(u32 u32TsmuxHandle, u32 eStreamType, u16 u16Pid, u8 u8StreamId,
                                       stTask.u64MuxSrcId.OutputArgument());
 }
 
-/** Attaches the configured sources, video first; with both, switches interleaving on. */
+/** Attaches the configured sources, video first; enables interleaving if there are both. */
 bool AttachSources(SCREENRECORD_SlotCtrl_s& stSlot)
 {
     const SCREENRECORD_SrcInfo_s& stSrcInfo = stSlot.stSrcInfo;

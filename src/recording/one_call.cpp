@@ -6,7 +6,7 @@
 
 namespace {
 
-/** Not const, since the exported functions' parameters are not. */
+/** Not const, because the exported functions' parameters are not. */
 u8 _au8ScreenSource[] = "cap";
 
 } // namespace

@@ -16,13 +16,13 @@
 
 namespace {
 
-/** A module in the order of a whole slot's start or stop, with its name in the log of a failure. */
+/** A step of a slot's start or stop: the module, and its name in the log. */
 struct ModuleStep {
     SCREENRECORD_ZuModule_e eModule;
     const char* pName;
 };
 
-/** Consumers ahead of their producers. */
+/** Each consumer before its producer. */
 constexpr ModuleStep astStartOrder[] = {
     {E_SCREENRECORD_MODULE_TSMUX, "TSMUX"},
     {E_SCREENRECORD_MODULE_AENC, "AENC"},
@@ -33,7 +33,7 @@ constexpr ModuleStep astStartOrder[] = {
     {E_SCREENRECORD_MODULE_VIDEO_SRC_READER, "VIDEO SrcReader"},
 };
 
-/** Producers first; the multiplexer goes on until the slot is closed. */
+/** Producers first; the multiplexer runs until the slot is closed. */
 constexpr ModuleStep astStopOrder[] = {
     {E_SCREENRECORD_MODULE_VIDEO_SRC_READER, "VIDEO SRC_READER"},
     {E_SCREENRECORD_MODULE_AUDIO_SRC_READER, "AUDIO SRC_READER"},
@@ -82,7 +82,7 @@ void CloseModules(SCREENRECORD_SlotCtrl_s& stSlot)
         LogIfFailed(_SCREENRECORD_CloseAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP]),
                     "Failed to CloseAcap()");
     CloseEncoderOf(stSlot);
-    // The writer ends here, behind all that feeds the multiplexer, and writes the rest.
+    // Last: the writer ends here and writes the rest, after everything that feeds the multiplexer.
     if (pastTask[E_SCREENRECORD_MODULE_TSMUX].u32Handle != 0)
         LogIfFailed(_SCREENRECORD_CloseTsmux(&pastTask[E_SCREENRECORD_MODULE_TSMUX]),
                     "Failed to _SCREENRECORD_CloseTsmux()");

@@ -21,7 +21,7 @@ u32 PointedValueOr(const u32* pu32Value, u32 u32Default)
 }
 
 /**
- * Keeps a file source's name, drops the screen's, and checks the codec name. False when that is
+ * Checks the codec name, and frees the source's name if it is the screen. False if the codec is
  * rejected.
  */
 bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
@@ -56,8 +56,7 @@ bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 }
 
 /**
- * Keeps a file source's name, drops the capture's, and checks the codec name; a rejection is
- * logged.
+ * Checks the codec name, and frees the source's name if it is the capture. A rejection is logged.
  */
 bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
 {

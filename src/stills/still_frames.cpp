@@ -13,7 +13,7 @@ namespace {
 
 constexpr u32 IOMMU_CPU_AND_CAPTURE = 3;
 
-/** Bytes per line of a public format; false for one that does not exist. */
+/** Bytes per line of a public format. False for an unknown format. */
 bool video_cap_GetOutFmtPitch(u32 u32Format, u32 u32Width, u64* pu64Pitch)
 {
     const u64 u64Width = u32Width;
@@ -34,7 +34,7 @@ bool video_cap_GetOutFmtPitch(u32 u32Format, u32 u32Width, u64* pu64Pitch)
     }
 }
 
-/** The capture's own code of a public format; false for one that does not exist. */
+/** The capture's code of a public format. False for an unknown format. */
 bool video_cap_ConverOutPutFormat(u32 u32Format, u32* pu32CapFormat)
 {
     static constexpr u32 au32CapFormat[] = {E_ZU_CAP_FORMAT_YUYV, E_ZU_CAP_FORMAT_RGB565,
@@ -55,8 +55,8 @@ void FreeBlock(u64 u64PhyAddr, u64 u64Size)
 }
 
 /**
- * Allocates the block of frame buffers and gets its descriptor. 1 on success, 0 with address 0 and
- * descriptor -1.
+ * Allocates the block of frame buffers and gets its descriptor. 1 on success; 0, with address 0 and
+ * descriptor -1, on failure.
  */
 u32 _video_cap_allocBuffer(u64 u64Size, u64* pu64PhyAddr, s32* ps32Fd)
 {
@@ -66,7 +66,7 @@ u32 _video_cap_allocBuffer(u64 u64Size, u64* pu64PhyAddr, s32* ps32Fd)
     snprintf(stAlloc.acTag, sizeof(stAlloc.acTag), "%s", "vdec_fb");
     stAlloc.u32Size = static_cast<u32>(u64Size);
     stAlloc.u32Flags = IOMMU_CPU_AND_CAPTURE;
-    // The record's size has 32 bits: a larger block must not come back as a smaller one.
+    // The record's size has 32 bits: do not allocate a truncated size.
     if (u64Size > UINT32_MAX || ZU_OS_AllocateIommuMemory(&stAlloc) != ZU_OK) {
         SR_LOGE("%s ZU_OS_AllocateIommuMemory fail, tag: %s, size: 0x%llx", __func__, stAlloc.acTag,
                 static_cast<unsigned long long>(u64Size));
@@ -88,8 +88,8 @@ u32 _video_cap_allocBuffer(u64 u64Size, u64* pu64PhyAddr, s32* ps32Fd)
 }
 
 /**
- * Allocates the buffers of an opened capture. Without them the device stays open, and captures are
- * refused.
+ * Allocates the buffers of an opened capture. After a failure the device stays open, and captures
+ * are refused.
  */
 void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count)
 {
@@ -97,7 +97,7 @@ void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count
     u64 u64Total = 0;
     u64 u64PhyAddr = 0;
     s32 s32Fd = SCREENRECORD_NO_ID;
-    // A size that 64 bits cannot hold is a block of 4 GiB or more all the same.
+    // A size beyond 64 bits counts as a block of 4 GiB or more.
     if (__builtin_mul_overflow(static_cast<u64>(stSlot.stSrcInfo.u32Height), u64Pitch,
                                &u64FrameSize) ||
         __builtin_add_overflow((u64FrameSize - 1) | 0xFFF, 1, &u64FrameSize) ||
@@ -117,8 +117,7 @@ void AllocateBuffers(SCREENRECORD_SlotCtrl_s& stSlot, u64 u64Pitch, u32 u32Count
 }
 
 /**
- * Describes buffer `u32Index`: one plane, or luma and behind it chroma with the rest that 4:2:0
- * has.
+ * Describes buffer `u32Index`: one plane; for NV12, luma followed by chroma.
  */
 void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_Buffer* pstBuffer)
 {
@@ -140,8 +139,7 @@ void FillCaptureBuffer(const SCREENRECORD_SlotCtrl_s& stSlot, u32 u32Index, Cap_
     pstBuffer->size[0] = u64LumaSize;
     pstBuffer->fd[1] = stSlot.s32CapBufFd;
     pstBuffer->offset[1] = static_cast<u32>(pstBuffer->offset[0] + u64LumaSize);
-    // A line's share of chroma is rounded down with the pitch, so that the plane ends within its
-    // buffer.
+    // Chroma bytes per line are rounded down with the pitch, so the plane ends within its buffer.
     pstBuffer->size[1] = (u64Pitch - stSrcInfo.u32Width) * stSrcInfo.u32Height;
 }
 
@@ -233,8 +231,8 @@ s32 video_cap_captureScreen(s32 index)
         return -1;
     }
     const u32 u32Handle = _SCREENRECORD_CaptureTask()->u32Handle;
-    if (stSlot.u64CapBufPhyAddr == 0 ||
-        u32Handle == 0) { // the count may be left from an earlier open
+    // needed beside the index check: the count may be that of an earlier open
+    if (stSlot.u64CapBufPhyAddr == 0 || u32Handle == 0) {
         SR_LOGE("No capture buffer, index: %u", static_cast<u32>(index));
         return -1;
     }

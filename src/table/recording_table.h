@@ -16,13 +16,13 @@
 
 enum {
     SCREENRECORD_SLOT_COUNT = 2,
-    /** the wait for an encoder that has no input buffer free */
+    /** delay if the encoder has no free input buffer */
     SCREENRECORD_ENCODER_BUSY_MS = 100,
 };
 
-/** A module of a slot: index of its record, and its bit in the two module masks. */
+/** A module of a slot: the index of its record, and its bit in the two module masks. */
 enum SCREENRECORD_ZuModule_e : u32 {
-    /** feeds a file's bytes into the video encoder */
+    /** feeds a file to the video encoder */
     E_SCREENRECORD_MODULE_VIDEO_SRC_READER = 0,
     E_SCREENRECORD_MODULE_AUDIO_SRC_READER = 1,
     /** screen capture */
@@ -31,14 +31,14 @@ enum SCREENRECORD_ZuModule_e : u32 {
     E_SCREENRECORD_MODULE_ACAP = 3,
     /** video encoder */
     E_SCREENRECORD_MODULE_VENC = 4,
-    /** audio encoder; has no middleware operation of its own */
+    /** audio encoder; the middleware has no operation for it */
     E_SCREENRECORD_MODULE_AENC = 5,
     /** transport-stream multiplexer and the output file */
     E_SCREENRECORD_MODULE_TSMUX = 6,
     E_SCREENRECORD_MODULE_MAX = 7
 };
 
-/** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID mean none. */
+/** The fields of a module's record that a reset clears. 0 and SCREENRECORD_NO_ID = none. */
 struct SCREENRECORD_TaskFields_s {
     /** 1 from a successful module start until the module is stopped */
     CrossThread<u8> bRunning;
@@ -55,7 +55,7 @@ struct SCREENRECORD_TaskFields_s {
     /** parameter of the capture start */
     ZU_CAP_Output_t stCapOutput = {};
     u32 u32CapturePath = 0;
-    /** 1 = with the on-screen-display layer */
+    /** 1 = include the on-screen-display layer */
     u32 u32Osd = 0;
 
     /* VENC, and AENC for u64MuxSrcId */
@@ -63,9 +63,9 @@ struct SCREENRECORD_TaskFields_s {
     CrossThread<u8> bFirstPtsSet;
     /** time stamp of the first encoded frame that had one, microseconds */
     CrossThread<u64> u64FirstPts;
-    /** pictures captured earlier are not encoded; monotonic microseconds */
+    /** microseconds of the monotonic clock; pictures captured earlier are dropped */
     CrossThread<s64> u64StartTimeUs;
-    /** 0..15, of the last picture handed to the encoder */
+    /** 0 to 15, of the last picture passed to the encoder */
     CrossThread<u32> u32InBufIndex;
     /** of the last encoded frame that carried one */
     CrossThread<u32> u32LastInBufIndex;
@@ -77,9 +77,8 @@ struct SCREENRECORD_TaskFields_s {
     u64 u64OutBufVa = 0;
     /** bytes */
     u32 u32OutBufSize = 0;
-    CrossThread<u64>
-        /** of the callback's registration, whose user data is this field's address */
-        u64CallbackId;
+    /** of the callback's registration; its user data is the address of this field */
+    CrossThread<u64> u64CallbackId;
     /** output file */
     CrossThread<u32> u32OutFile;
     /** 1 = the output buffer is mapped cached */
@@ -107,8 +106,8 @@ struct SCREENRECORD_RetiredWriter_s {
 };
 
 /**
- * One module of one slot. The fields of its own outlive resets, as a late callback and a late
- * worker do.
+ * One module of one slot. The fields below outlive a reset, because a late callback and a late
+ * worker do so too.
  */
 struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
     CallbackGate callbackGate;
@@ -117,7 +116,7 @@ struct SCREENRECORD_TaskCtrl_s : SCREENRECORD_TaskFields_s {
     SCREENRECORD_RetiredWriter_s stRetiredWriter;
 };
 
-/** Sources and destination of a recording. The three names are owned. */
+/** Sources and destination of a recording. Owns the three names. */
 struct SCREENRECORD_SrcInfo_s {
     u8 bVideoSrcAssigned = 0;
     u8 bAudioSrcAssigned = 0;
@@ -131,9 +130,9 @@ struct SCREENRECORD_SrcInfo_s {
     CrossThread<u32> u32Height;
     /** frames per second */
     u32 u32FrameRate = 0;
-    /** 1 = with the on-screen-display layer */
+    /** 1 = include the on-screen-display layer */
     u8 bOsd = 0;
-    /** of the capture-encode interface, bit/s */
+    /** capture-encode interface: bit/s */
     u32 u32OutputBitrate = 0;
     /** bytes of one captured picture */
     CrossThread<u32> u32FrameSize;
@@ -188,7 +187,7 @@ extern u8 _bModuleInited;
 extern u32 _u32ModuleInitMask;
 /** bit m: this library initialised module m and de-initialises it */
 extern u32 _u32ModuleDeinitMask;
-/** once set, for the life of the process */
+/** 1 = ZU_SYS_Init was called; never cleared */
 extern u8 _bSysInited;
 /** record-time limit in seconds, 0 = none */
 extern CrossThread<u32> _u32RecordTime;
@@ -197,28 +196,28 @@ inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_TaskOf(u32 u32SlotId, SCREENRECORD
 {
     return &_astSlotCtrl[u32SlotId].astTaskCtrl[eModule];
 }
-/** Slot 0's, which the capture-encode and still-frame interfaces capture with as well. */
+/** The capture of slot 0, which the capture-encode and still-frame interfaces also use. */
 inline SCREENRECORD_TaskCtrl_s* _SCREENRECORD_CaptureTask(void)
 {
     return _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VCAP);
 }
-/** The slot that a module's record belongs to. */
+/** The slot of a module's record; NULL for a record outside the table. */
 SCREENRECORD_SlotCtrl_s* _SCREENRECORD_SlotOf(const SCREENRECORD_TaskCtrl_s* pstTask);
 
-/** Clears the fields of a module's record, whose handle was withdrawn, and gives it its index. */
+/** Clears a module's record and sets its index. Withdraw the handle first. */
 void _SCREENRECORD_ClearTask(SCREENRECORD_TaskCtrl_s* pstTask, SCREENRECORD_ZuModule_e eModule);
 /** Frees the names and clears the record. */
 void _SCREENRECORD_ClearSrcInfo(SCREENRECORD_SrcInfo_s* pstSrcInfo);
 
 /**
- * Withdraws the handle from a record and waits for the callbacks that found it there; returns the
- * handle.
+ * Withdraws the handle from a record and waits for the callbacks that found it there.
+ * @return the handle
  */
 u32 _SCREENRECORD_WithdrawHandle(SCREENRECORD_TaskCtrl_s* pstTask);
 
 /**
- * Keeps the record that holds a callback's handle: while the guard lives, closing that module
- * waits. Empty when no slot holds the handle, and then the callback leaves.
+ * Finds the record with a callback's handle. A close of that module waits while the guard lives. If
+ * no slot has the handle, Found() is false and the callback must return.
  */
 class CallbackGuard {
 public:
@@ -232,7 +231,7 @@ private:
     std::optional<GatePass> m_pass;
 };
 
-/** The slot that a guard keeps; ZU_FAILURE, logged, and slot 0 when no slot holds its handle. */
+/** The guard's slot. ZU_FAILURE, a log line and slot 0 if no slot has its handle. */
 u32 _SCREENRECORD_Handle2SlotId(const CallbackGuard& guard, u32* pu32SlotId);
 
 #endif

@@ -1,4 +1,4 @@
-/** The state of a module's worker, and the changes that it allows. */
+/** The states of a module's worker and their transitions. */
 #ifndef SCREENRECORD_TABLE_WORKER_STATE_H
 #define SCREENRECORD_TABLE_WORKER_STATE_H
 
@@ -8,22 +8,22 @@
 
 enum SCREENRECORD_WorkerState_e : u32 {
     E_SCREENRECORD_WORKER_NONE,
-    /** not run yet: its argument block is still the creator's to free */
+    /** not run yet; the creator still owns its argument block */
     E_SCREENRECORD_WORKER_CREATED,
-    /** is being deleted before it ran, and does nothing should it run now */
+    /** deleted before it ran; does nothing if it runs now */
     E_SCREENRECORD_WORKER_CANCELLED,
-    /** runs, and is about to obtain its mutex */
+    /** runs, and is obtaining its mutex */
     E_SCREENRECORD_WORKER_ENTERED,
-    /** has its mutex, if it obtained it */
+    /** runs, with its mutex unless that timed out */
     E_SCREENRECORD_WORKER_RUNNING,
-    /** has left its loop by itself; not deleted yet */
+    /** has left its loop; not deleted yet */
     E_SCREENRECORD_WORKER_ENDED,
-    /** a writer past its time limit, which stops and closes its own slot */
+    /** a writer that stops and closes its slot at the time limit */
     E_SCREENRECORD_WORKER_CLOSING,
-    /* of a worker whose record has gone on to the next one */
-    /** its own close deleted it: it ends, and a later control call joins it */
+    /* of a worker whose record belongs to the next one */
+    /** deleted by its own close: it ends, and a later control call joins it */
     E_SCREENRECORD_WORKER_RETIRED,
-    /** its deletion waited in vain: it touches nothing more of the record */
+    /** its deletion timed out: it no longer touches the record */
     E_SCREENRECORD_WORKER_GIVEN_UP,
 };
 
@@ -33,8 +33,8 @@ struct SCREENRECORD_WorkerChange_s {
 };
 
 /**
- * All changes of a worker's state. A deletion ends any state: the record has NONE and its next
- * worker then.
+ * All transitions of a worker. A deletion is allowed in any state; the record then starts its next
+ * worker with NONE.
  */
 inline constexpr SCREENRECORD_WorkerChange_s _astWorkerChanges[] = {
     /* creation */
@@ -42,14 +42,14 @@ inline constexpr SCREENRECORD_WorkerChange_s _astWorkerChanges[] = {
     {E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_CREATED},
     /* deletion of a task that has not run */
     {E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_CANCELLED},
-    /* the task's function; also called by itself, without a creation */
+    /* the task's function; also if called without a creation */
     {E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED},
     {E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED},
     {E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED},
     {E_SCREENRECORD_WORKER_ENTERED, E_SCREENRECORD_WORKER_RUNNING},
     {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED},
     {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_GIVEN_UP},
-    /* the writer at its time limit; RUNNING again if its close found no task to delete */
+    /* the writer at the time limit; RUNNING again if its close found no task to delete */
     {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING},
     {E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RUNNING},
     {E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RETIRED},
@@ -65,8 +65,8 @@ constexpr bool _SCREENRECORD_IsWorkerChange(SCREENRECORD_WorkerState_e eFrom,
 }
 
 /**
- * The state of a record's current worker, and its number: the deletions that the record has seen.
- * Both change in one step, so a worker that was given up never meets the next one's state as its
+ * State and number of a record's current worker. The number counts the record's deletions. Both
+ * change in one step, so a worker that was given up never mistakes the next worker's state for its
  * own.
  */
 class WorkerState {
@@ -78,8 +78,8 @@ public:
     u32 Number() const { return m_u32Word >> STATE_BITS; }
 
     /**
-     * Changes the state of worker `u32Number`. False, and nothing changed, if the record's worker
-     * or its state is another. A change that the table does not have does not compile.
+     * Changes the state of worker `u32Number`. False, and no change, if the record has another
+     * worker or state. A transition that is not in the table does not compile.
      */
     template <SCREENRECORD_WorkerState_e FROM, SCREENRECORD_WorkerState_e TO>
     bool Change(u32 u32Number)
@@ -90,14 +90,14 @@ public:
         m_u32Word.WakeWaiters();
         return true;
     }
-    /** Blocks while the worker is about to obtain its mutex. */
+    /** Blocks until the worker has obtained its mutex or failed to. */
     void AwaitMutex() const
     {
         const u32 u32Word = m_u32Word;
         if ((u32Word & STATE_MASK) == E_SCREENRECORD_WORKER_ENTERED)
             m_u32Word.AwaitChangeFrom(u32Word);
     }
-    /** Ends the current worker's time in the record, in any state. */
+    /** Starts the record's next worker, from any state of the current one. */
     void Delete() { m_u32Word = Word(Number() + 1, E_SCREENRECORD_WORKER_NONE); }
 
 private:

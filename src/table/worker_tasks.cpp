@@ -14,11 +14,10 @@ void FreeTaskArg(SCREENRECORD_TaskCtrl_s* pstTask)
 }
 
 /**
- * Decides the race between a deletion and the first steps of its task. A task that has not run yet
- * is cancelled, so that it leaves at once should it still run; one that runs gets the moment that
- * it needs to obtain its mutex, since otherwise its deletion could obtain the mutex first and both
- * would wait for the other.
- * @return true when the task was cancelled
+ * Decides the race between a deletion and the first steps of its task. Cancels a task that has not
+ * run yet, so it returns at once if it still runs. Waits until a running task has its mutex:
+ * otherwise the deletion could obtain the mutex first, and both would wait for each other.
+ * @return true if the task was cancelled
  */
 bool CancelUnlessEntered(WorkerState& state)
 {
@@ -30,8 +29,8 @@ bool CancelUnlessEntered(WorkerState& state)
 }
 
 /**
- * Joins a task through its mutex and frees its stack. `pGate`: of a module whose callbacks use the
- * mutex.
+ * Joins a task through its mutex and frees its stack. `pGate`: the module's gate, if its callbacks
+ * use the mutex.
  */
 void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId,
               CrossThread<s32>* ps32PublishedMutexId, CallbackGate* pGate)
@@ -48,7 +47,7 @@ void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId,
         ZU_OS_ReleaseMutex(s32MutexId);
     if (!bHasMutex)
         return;
-    // A callback that read the id before it was withdrawn may hold the mutex or wait for it.
+    // A callback that read the id before may own the mutex or wait for it.
     if (pGate != nullptr)
         pGate->Drain();
     ZU_OS_DeleteMutex(s32MutexId);
@@ -64,8 +63,7 @@ void RetireWriter(SCREENRECORD_TaskCtrl_s* pstTask)
 }
 
 /**
- * Creates the mutex of a record. The callbacks that entered before it existed have left when this
- * returns.
+ * Creates the mutex of a record. Callbacks that entered before it existed have left on return.
  */
 bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
 {
@@ -79,8 +77,8 @@ bool CreateModuleMutex(SCREENRECORD_TaskCtrl_s* pstTask)
 }
 
 /**
- * Creates the task of a record whose stack is allocated. The deletion removes the remains of a
- * failure: the argument block stays until no task can have it.
+ * Creates the task of a record; its stack must be allocated. On a failure the caller deletes the
+ * task, which frees the argument block once no task can use it.
  */
 bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize,
                ZU_OS_TaskEntry pfnEntry)
@@ -92,7 +90,7 @@ bool StartTask(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId, u32 u32StackSize
         return false;
     *pu32Arg = u32SlotId;
     pstTask->pu32TaskArg = pu32Arg;
-    // changed before the task exists: it may run at once
+    // before the task exists, because it may run at once
     WorkerState& state = pstTask->workerState;
     const u32 u32Number = state.Number();
     if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_CREATED>(u32Number))
@@ -157,7 +155,7 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
         JoinTask(pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID), pTaskStack, pstTask->s32MutexId,
                  &pstTask->s32MutexId, &pstTask->callbackGate);
         if (bCancelled)
-            // the task that would have freed it has never run
+            // the task, which would have freed it, never ran
             FreeTaskArg(pstTask);
     }
     pstTask->workerState.Delete();
@@ -171,7 +169,7 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
         _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
     const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
     pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
-    // Its mutex left the record when it retired, and no callback uses a writer's.
+    // Its mutex left the record when it retired, and no callback uses a writer's mutex.
     if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
         JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
 }
@@ -182,7 +180,7 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     WorkerState& state = m_pstTask->workerState;
     const u32 u32Number = state.Number();
     if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
-        // the block is this run's from here on
+        // this run owns the block from here on
         m_pstTask->pu32TaskArg = nullptr;
     else if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED>(u32Number) &&
              !state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
@@ -199,7 +197,7 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
 }
 
 /**
- * CLOSING and RUNNING are left for RETIRED and GIVEN_UP when the record goes on to its next worker.
+ * When the record starts its next worker, CLOSING becomes RETIRED and RUNNING becomes GIVEN_UP.
  */
 SCREENRECORD_WorkerState_e WorkerRun::State() const
 {
@@ -220,7 +218,7 @@ void WorkerRun::End()
     const bool bRetired = State() == E_SCREENRECORD_WORKER_RETIRED;
     m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED>(
         m_u32Number);
-    // A deletion that gave up waiting has removed the mutex and withdrawn its id from the record.
+    // A deletion that timed out has deleted the mutex and withdrawn its id from the record.
     if (m_s32HeldMutexId != SCREENRECORD_NO_ID &&
         (bRetired || (!GivenUp() && m_pstTask->s32MutexId == m_s32HeldMutexId)))
         ZU_OS_ReleaseMutex(m_s32HeldMutexId);
