@@ -10,21 +10,19 @@
 namespace common {
 
 /**
- * Writes to an ordinary file from a process of its own.
+ * Writes to a regular file from a separate process.
  *
- * The kernel holds a thread whose disk stands still (a frozen file system, a dead server) in its
- * write until the disk moves again, and no signal ends that: neither the thread nor its process can
- * exit. So the thread that may be held is the only one of a process that is never waited for. It
- * has the file and nothing else of ours, ends once its owner has gone and its last write is
- * through, and receives no signal but SIGKILL.
+ * While a disk is stalled (a frozen file system, a dead server), the kernel blocks a thread in its
+ * write, and no signal ends that: neither the thread nor its process can exit. So the write happens
+ * in a single-threaded process that nothing waits for. It has no other descriptors of ours, exits
+ * after its last write once its owner has gone, and blocks every signal but SIGKILL.
  *
- * One thread at a time uses an object.
+ * One thread at a time.
  */
 class DiskProcess {
 public:
     /**
-     * The most bytes of one write(): the greatest picture, since a write is whole even if we
-     * are killed.
+     * The most bytes of one write(). The largest picture fits, so a kill never leaves part of one.
      */
     static constexpr size_t capacity = 4 << 20;
 
@@ -37,20 +35,20 @@ public:
         int error;
     };
 
-    /** Null, and errno, when the system gives no process or memory. `fd` stays the caller's. */
+    /** Null, and errno, without a process or memory. The caller keeps `fd`. */
     static std::unique_ptr<DiskProcess> start(int fd);
     ~DiskProcess();
     DiskProcess(const DiskProcess&) = delete;
     DiskProcess& operator=(const DiskProcess&) = delete;
 
     /**
-     * Starts to write at the file's position what fits of `data`, which is copied; not while
+     * Starts to write `data`, cut at `capacity` and copied, at the file's position. Not while
      * busy().
      */
     void write(const uint8_t* data, size_t size);
     /** Whether a write is under way. */
     bool busy() const { return busy_; }
-    /** Readable once the write under way is through. */
+    /** Readable once the write is done. */
     int fd() const { return socket_.get(); }
     /** The result of the write; waits for it. */
     Answer answer();
@@ -70,7 +68,7 @@ private:
     [[noreturn]] static void run(const uint8_t* shared, int file, int socket);
     static Answer carry_out(const Order& order, const uint8_t* shared, int file);
 
-    /** capacity bytes, of which what is never used is never there */
+    /** `capacity` bytes; unused pages cost nothing */
     uint8_t* shared_;
     Descriptor socket_;
     pid_t process_;

@@ -12,10 +12,9 @@
 namespace common {
 
 /**
- * Writes lines to a descriptor from its own thread, so that a reader that has stopped, or a disk
- * that stands still, holds up that thread alone. Lines wait in a buffer of fixed size; a line that
- * does not fit is refused whole. From any thread. Keep it in a NeverDestroyed: its thread may be
- * held for ever.
+ * Writes lines to a descriptor on its own thread, so a stopped reader or a stalled disk blocks that
+ * thread alone. Lines wait in a buffer of fixed size; a line that does not fit is refused as a
+ * whole. Any thread. Keep it in a NeverDestroyed: its thread may never return.
  */
 class LineWriter {
 public:
@@ -26,20 +25,17 @@ public:
     LineWriter& operator=(const LineWriter&) = delete;
 
     /**
-     * Hands over text that ends with a line, and gives it a moment to be written: as long as
-     * everything moves, a crash loses nothing and what other threads write elsewhere comes in
-     * order. While nothing does, there is no wait. Up to 4096 bytes are one write(2), which a pipe
-     * keeps together.
-     * @return the size of the text, or -EAGAIN without room for it, or the negative errno of its
-     *     write
+     * Queues whole lines and waits a moment for them to be written, so that a crash loses nothing
+     * and the order with other writers is kept. Does not wait while the descriptor is blocked. Up
+     * to 4096 bytes are one write(2), which a pipe keeps together.
+     * @return the size of the text; -EAGAIN without room for it; or the negative errno of its write
      */
     int put(std::string_view text);
     /**
-     * The same without giving it a moment, unless something still waits to be written: then
-     * nothing.
+     * Queues lines without waiting, but only if nothing else is queued.
      */
     void put_if_idle(std::string_view text);
-    /** Waits until all is written, at most until `limit`; whether it is. */
+    /** Waits until all is written, at most until `limit`; true if it is. */
     bool flush(Time limit);
 
 private:

@@ -53,13 +53,12 @@ inline void give_threads_enough_stack()
 }
 
 /**
- * While it lives, the calling thread is what the threads of the host layer are to be; they inherit
- * it.
+ * For a scope, gives the calling thread the signal mask and priority of host-layer threads, which
+ * those that it starts inherit.
  *
- * It takes no signal but the synchronous faults, so that the client's own threads get SIGINT and
- * the like. And it is preferred to ordinary programs where the system allows it (root,
- * CAP_SYS_NICE, RLIMIT_NICE): the picture or the sound that it comes late for is lost. A process
- * that was given a priority keeps it.
+ * It blocks all signals but the synchronous faults, so the client's threads get SIGINT and others.
+ * It raises the priority if the system allows that (root, CAP_SYS_NICE, RLIMIT_NICE), because a
+ * late thread loses pictures or sound; a process that has a nice value already keeps it.
  */
 class ThreadInheritance {
 public:
@@ -84,9 +83,9 @@ public:
     ThreadInheritance& operator=(const ThreadInheritance&) = delete;
 
 private:
-    // on Linux a thread has a nice value of its own
+    // on Linux, nice values are per thread
     static constexpr id_t this_thread = 0;
-    // what sound servers take
+    // the value that sound servers use
     static constexpr int nice_of_media = -10;
     sigset_t signals_before_;
     bool preferred_;
@@ -107,10 +106,10 @@ template <typename F> std::thread start_thread(const char* name, F entry)
 }
 
 /**
- * Waits on a std::condition_variable until `condition` holds, at most for `limit` of the time that
- * this process runs. Returns whether it holds. A limit by the clock would pass while the process is
- * stopped or not scheduled, and the thread that was to make it hold could do nothing meanwhile:
- * here that counts as one slice.
+ * Waits on a std::condition_variable until `condition` is true, at most for `limit` of the time in
+ * which this process runs. Returns the condition. A limit by the clock would expire while the
+ * process is stopped, although the thread that makes the condition true cannot run either; here a
+ * stop counts as one slice.
  */
 template <typename Variable, typename Duration, typename Condition>
 bool wait_patiently(Variable& changed, std::unique_lock<std::mutex>& lock, Duration limit,

@@ -1,8 +1,8 @@
 /**
- * The exact size of a stream of encoded frames, beside the contract. The capture-encode interface
- * rounds sizes up to multiples of 16x32, and its pictures have that many lines; with this the
- * stream says which of them are to be seen. A client looks the function up by name (dlsym), since
- * another platform has none: there the stream has the rounded size.
+ * Sets the exact size of a stream of encoded frames, beside the contract. The capture-encode
+ * interface rounds sizes up to multiples of 16x32; with this call the stream crops the excess. Look
+ * the function up by name (dlsym): another platform has none, and its streams have the rounded
+ * size.
  */
 #ifndef ZU3_HOST_EXACT_SIZE_H
 #define ZU3_HOST_EXACT_SIZE_H
@@ -14,10 +14,9 @@ extern "C" {
 #endif
 
 /**
- * Has the next encoder that is opened make a stream of this size, if it is opened with it rounded
- * up to 16x32; whatever it is opened with, the call is used up. The screen is placed into the exact
- * size, and what else is drawn to the right of it or below, into an inject buffer for example, is
- * cropped. Without the call all of the rounded size is seen. From any thread.
+ * Applies to the next encoder that opens, if it opens with this size rounded up to 16x32; any other
+ * open uses the call up without effect. The screen fills the exact size. Pixels to the right of it
+ * or below are cropped, including those that a client draws into an inject buffer. Any thread.
  *
  * @param width,height even, 64x64 to 3840x2176 pixels; other sizes change nothing
  */

@@ -1,6 +1,6 @@
 /**
- * Wakes a client that takes encoded frames, beside the contract. A client looks the function up by
- * name (dlsym), since another platform has none: there it looks for frames by the clock.
+ * Wakes a client that fetches encoded frames, beside the contract. Look the function up by name
+ * (dlsym): another platform has none, and its clients poll.
  */
 #ifndef ZU3_HOST_FRAME_EVENT_H
 #define ZU3_HOST_FRAME_EVENT_H
@@ -10,12 +10,11 @@ extern "C" {
 #endif
 
 /**
- * A descriptor that becomes readable when an encoder's callback has taken a frame, so that
- * video_capenc_getES has it. It is an eventfd (close-on-exec, non-blocking): read its 8 bytes, then
- * take frames until there is none. One for the whole process, made by the first call, from any
- * thread; it belongs to the platform, so do not close it.
+ * Returns a descriptor that becomes readable when video_capenc_getES has a frame. It is an eventfd
+ * (close-on-exec, non-blocking): read its 8 bytes, then fetch frames until there are none. The
+ * first call creates the one descriptor of the process; do not close it. Any thread.
  *
- * @return the descriptor, or -1 where none could be had
+ * @return the descriptor, or -1 on a failure
  */
 int zu3_host_frame_event(void);
 

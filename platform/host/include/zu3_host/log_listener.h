@@ -1,6 +1,6 @@
 /**
- * Lets a client hear the log, beside the contract. A client looks the function up by name (dlsym),
- * since another platform has none.
+ * Passes the log to a client, beside the contract. Look the function up by name (dlsym): another
+ * platform has none.
  */
 #ifndef ZU3_HOST_LOG_LISTENER_H
 #define ZU3_HOST_LOG_LISTENER_H
@@ -12,19 +12,18 @@ extern "C" {
 #endif
 
 /**
- * Receives what is logged, on the thread that logs: it returns at once and logs nothing itself.
+ * Receives log lines, on the thread that logs. It must return at once and must not log.
  *
- * @param tag names the part that logs
- * @param lines what would be printed: one line or several, each with its line end; not terminated
- *     by a 0
- * @param size bytes of it
+ * @param tag names the component that logs
+ * @param lines one or more lines, each with its line end; not NUL-terminated
+ * @param size bytes of `lines`
  */
 typedef void (*zu3_host_log_listener_t)(const char* tag, const char* lines, uint32_t size);
 
 /**
- * Has warnings and errors handed to `listener` as well, whether ANDROID_LOG_TAGS shows them or not.
- * One for the whole process, from any thread; a call to an earlier one may still be under way when
- * this returns.
+ * Also passes warnings and errors to `listener`, even those that ANDROID_LOG_TAGS hides. A process
+ * has one listener. A call to the previous one may still be under way when this returns. Any
+ * thread.
  *
  * @param listener NULL = none
  */

@@ -1,6 +1,6 @@
 /**
- * For a client that has to end while a disk stands still, beside the contract. A client looks the
- * function up by name (dlsym), since another platform has none.
+ * Lets a client exit while a disk is stalled, beside the contract. Look the function up by name
+ * (dlsym): another platform has none.
  */
 #ifndef ZU3_HOST_SLOW_DISK_H
 #define ZU3_HOST_SLOW_DISK_H
@@ -10,9 +10,9 @@ extern "C" {
 #endif
 
 /**
- * From this call on no write of the process to an ordinary file waits for its disk: those under way
- * end at once, and so do later ones unless the disk answers first. What was handed over to the disk
- * may still reach the file. From any thread; for good.
+ * Stops waiting for disks, permanently: writes to regular files that are under way return at once,
+ * and later ones return at once unless the disk answers first. Data that the disk has may still
+ * reach the file. Any thread.
  */
 void zu3_host_give_up_writes(void);
 

@@ -1,6 +1,6 @@
 /**
- * Lists what the sound server offers, beside the contract. A client looks the function up by name
- * (dlsym), since another platform has none.
+ * Lists the sources of the sound server, beside the contract. Look the function up by name (dlsym):
+ * another platform has none.
  */
 #ifndef ZU3_HOST_SOUND_SOURCES_H
 #define ZU3_HOST_SOUND_SOURCES_H
@@ -11,7 +11,7 @@
 extern "C" {
 #endif
 
-/** A source of the sound server; its texts live until the receiver returns. */
+/** A source of the sound server; its strings are valid until the receiver returns. */
 typedef struct {
     const char* name;
     const char* description;

@@ -1,6 +1,6 @@
 /**
- * What the Linux host layer counts, beside the contract. A client that wants to show it looks the
- * function up by name (dlsym), since another platform has none.
+ * Counters of the Linux host layer, beside the contract. Look the functions up by name (dlsym):
+ * another platform has none.
  */
 #ifndef ZU3_HOST_STATISTICS_H
 #define ZU3_HOST_STATISTICS_H
@@ -11,13 +11,13 @@
 extern "C" {
 #endif
 
-/** Counted over the life of the process, all recordings together. Only ever grows at its end. */
+/** Totals of the process, over all recordings. Later versions add fields at the end only. */
 typedef struct {
     /** pictures that the capture rate asked for; = captured + the three dropped */
     uint64_t pictures_due;
     /** pictures handed to the capture callback */
     uint64_t pictures_captured;
-    /** dropped: the capture came too late for their moment */
+    /** dropped: the capture was more than a period late */
     uint64_t pictures_dropped_late;
     /** dropped: every capture buffer was in use */
     uint64_t pictures_dropped_no_buffer;
@@ -31,7 +31,7 @@ typedef struct {
     uint64_t bytes_encoded;
     /** access units that a multiplexer accepted, all streams */
     uint64_t access_units_multiplexed;
-    /** pushes that were answered busy */
+    /** pushes that a multiplexer refused as busy */
     uint64_t multiplexer_busy;
     /** bytes that multiplexers produced */
     uint64_t bytes_multiplexed;
@@ -45,24 +45,24 @@ typedef struct {
     int32_t last_write_errno;
     /** greatest absolute sample of the last 100 ms heard, 0 to 32768 */
     uint32_t sound_level;
-    /** PCM lost by readers that came late */
+    /** bytes of PCM that readers lost by reading too late */
     uint64_t audio_bytes_lost;
-    /** 1 = a display that was being captured went away */
+    /** 1 = a captured display went away */
     uint32_t display_lost;
-    /** 1 = a sound server that was being heard went away */
+    /** 1 = a captured sound server went away */
     uint32_t sound_lost;
     /** AAC frames multiplexed */
     uint64_t audio_frames_encoded;
     /**
-     * how long a captured display has not answered while a picture was waited for; 0 = it answers
+     * how long the capture has waited for a picture that the display has not sent, 0 = not now
      */
     uint32_t display_silent_ms;
     /**
-     * of the dropped and refused, those while a multiplexer had no room, since its output was not
-     * copied out; and encoded ones it never took
+     * of those dropped and refused, the ones lost because a multiplexer's output was not copied out
+     * in time; plus encoded ones that it refused for that reason
      */
     uint64_t pictures_left_out_for_room;
-    /** how long a write to an ordinary file has waited for its disk, 0 = none waits now */
+    /** how long a write to a regular file has waited for its disk, 0 = none waits */
     uint64_t write_waiting_us;
 } zu3_host_statistics_t;
 
@@ -73,7 +73,7 @@ typedef struct {
 uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint32_t size);
 
 /**
- * One sentence that names this platform and what it captures with, e.g. for a version line; static.
+ * Names this platform and its media libraries, e.g. for a version line. Static string.
  */
 const char* zu3_host_platform(void);
 
