@@ -26,6 +26,8 @@ protected:
     static s32 set_watermark() { return video_capenc_setWatermark(android::WatermarkParams()); }
 };
 
+// Catches a changed order or argument of the device calls, and a start that reuses the buffer
+// indices, descriptor or path of an earlier run.
 TEST_F(CaptureEncode, OpenToCloseCallByCall)
 {
     ASSERT_EQ(open(), 0);
@@ -65,6 +67,8 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
     EXPECT_EQ(video_capenc_setBitRate(1048576), -1);
 }
 
+// Catches a profile or level code that reaches the encoder as another one, and an unknown code that
+// is accepted without an error line.
 TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
 {
     const std::pair<u32, u32> levels[] = {{1, 100},      {2, 101},     {4, 110},     {8, 120},
@@ -85,6 +89,8 @@ TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
     }
 }
 
+// Catches a second open, a size or rate beyond the encoder's and a watermark without an inject
+// buffer that are accepted, and an open that passes the slot's defaults to the encoder.
 TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
 {
     ASSERT_EQ(open(), 0);
@@ -115,6 +121,8 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
     EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32Width, 640u);
 }
 
+// Catches a second worker for a new watermark, a worker that survives a stop, and a buffer
+// descriptor that a close does not give back.
 TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
 {
     const auto buffer = open_to_inject();
@@ -142,6 +150,8 @@ TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
     EXPECT_EQ(_stInjectBufFd.s32Fd, -1);
 }
 
+// Catches an inject buffer's address that stays behind a close: the next recording would capture
+// into memory that is gone.
 TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
 {
     for (const u32 slot : {0u, 1u}) {
@@ -156,10 +166,8 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
     }
 }
 
-/**
- * The client's picture may be asked for its memory inside any of these, and may stop the pipeline
- * there.
- */
+// Catches a stop that deletes the worker under a call of it: the client's picture may stop the
+// pipeline from inside each of these calls.
 TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItReturns)
 {
     for (const char* const call :
@@ -179,6 +187,7 @@ TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItRetu
     }
 }
 
+// Catches a descriptor that leaks because the call that wrote it answered a failure.
 TEST_F(CaptureEncode, ADescriptorThatAFailingCallWroteIsGivenBack)
 {
     open_to_inject();
@@ -212,6 +221,8 @@ TEST_F(CaptureEncode, TheWatermarksWorkerOutlivesAnExit)
     EXPECT_EXIT(exit_while_it_draws(), testing::ExitedWithCode(1), "");
 }
 
+// Catches an inject buffer of an earlier open that still serves a watermark or a start after a
+// failed open.
 TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
 {
     open_to_inject();
@@ -229,6 +240,8 @@ TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
     EXPECT_EQ(video_capenc_start(0), 0);
 }
 
+// Catches a start that runs the capture without its worker or closes the slot because of it, and a
+// capture that fails to start and leaves the slot open or the worker alive.
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
 {
     open_to_inject();
@@ -244,7 +257,7 @@ TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
 
-/** A capture stop that cannot be waited for must still not pull the worker away under a picture. */
+// Catches a stop that deletes the worker while a picture is drawn, which no capture stop waits for.
 TEST_F(CaptureEncode, TheWorkerIsReleasedOnlyWhenNoPictureIsBeingDrawn)
 {
     const u64 at = open_to_inject().physical;
