@@ -39,6 +39,8 @@ protected:
     middleware::InjectBuffer inject_ = {};
 };
 
+// Catches a picture that goes back to the capture before it is copied or reaches the encoder
+// damaged, and an index that runs past its sixteen time stamps.
 TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
 {
     ASSERT_TRUE(steps::record_pictures(0, width, height));
@@ -62,6 +64,8 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
     EXPECT_EQ(venc().u32InBufIndex, 1u) << "sixteen pictures later";
 }
 
+// Catches a dropped picture that the capture never gets back or that counts as an input, a start
+// time that is off by one, and a resume that requests no key frame.
 TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
 {
     capture_encode(0);
@@ -89,6 +93,8 @@ TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
     EXPECT_EQ(inputs[0].bRequestIFrame, 1) << "after a pause as after an open";
 }
 
+// Catches a failing call that costs more than its picture, waits for another time than it should,
+// or stamps an input that does not exist.
 TEST_F(CapturedFrame, WhatAFailingCallCosts)
 {
     struct Case {
@@ -117,6 +123,7 @@ TEST_F(CapturedFrame, WhatAFailingCallCosts)
     EXPECT_EQ(std::ranges::count(mw.take_logs(), said), 1);
 }
 
+// Catches an injected picture that is copied, or announced at another address or with another size.
 TEST_F(CapturedFrame, InInjectModeTheEncoderIsPointedAtThePicture)
 {
     capture_encode(4 * frame_size);
@@ -128,6 +135,7 @@ TEST_F(CapturedFrame, InInjectModeTheEncoderIsPointedAtThePicture)
     EXPECT_EQ(mw.count("ZU_VENC_QueryBuffer"), 0);
 }
 
+// Catches an allocation per frame, and a second copy of a picture or an encoded frame.
 TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMost)
 {
     for (const u32 inject : {0u, 4 * frame_size}) {
@@ -152,7 +160,8 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
     }
 }
 
-/** Where a picture and the inject buffer lie decides whether the watermark is drawn. */
+// Catches a watermark that is drawn outside of the inject buffer, and one that is missing from a
+// picture at the buffer's first or last byte.
 TEST_F(CapturedFrame, TheWatermarkIsDrawnIntoPicturesOfTheInjectBufferOnly)
 {
     for (const s32 fd : {0, 1}) { // as the double counts them; the library takes 0 for none
