@@ -40,6 +40,8 @@ private:
     std::vector<u8> picture_ = std::vector<u8>(640 * 480 * 2);
 };
 
+// Catches a late callback that still pushes a frame, feeds the encoder or counts in the closed
+// slot.
 TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
 {
     record();
@@ -61,6 +63,8 @@ TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
     EXPECT_EQ(traces(), before);
 }
 
+// Catches a device handle that a callback can still use after the close has given it up, at any
+// step of the close.
 TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
 {
     bool came = true;
@@ -90,10 +94,8 @@ TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
     }
 }
 
-/**
- * A callback that is held up inside the middleware while the slot closes: the close waits for it to
- * leave.
- */
+// Catches a close that frees a device under a callback, and one that waits out its time limit
+// although the callback has left.
 TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
 {
     for (const char* inside : {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete",
@@ -121,7 +123,8 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
     }
 }
 
-/** Capture-encode, opened in vain over a recording from a file, closes that recording's encoder. */
+// Catches an encoder that goes while a file's reader fills its buffer, as when capture-encode fails
+// to open over a recording and is closed.
 TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
 {
     mw.add_file("film.ts", Bytes(100000));
@@ -148,7 +151,8 @@ TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
     EXPECT_TRUE(completed);
 }
 
-/** The descriptor goes with any encoder, also with one that the pictures do not go to. */
+// Catches a buffer descriptor that the close of another slot's encoder gives back while a watermark
+// is drawn into the buffer.
 TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
 {
     mw.add_file("film.ts", Bytes(100000));
@@ -165,10 +169,8 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
     EXPECT_TRUE(given_back);
 }
 
-/**
- * A callback that does not come back in time: what it uses is left alone, and the next drain waits
- * for it too.
- */
+// Catches a worker that is deleted under a callback which outlasts a drain, and a next drain that
+// forgets this callback.
 TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
@@ -192,6 +194,8 @@ TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 
 constexpr int limit_trials = runs_slowly ? 1000 : 10000;
 
+// Catches a slot that the time limit and a client's call close twice, never, or with a wrong
+// answer, at whichever step they meet.
 TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
 {
     struct Client {
@@ -257,7 +261,8 @@ TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
     printf("time limit against a client: %d trials\n", trials);
 }
 
-/** All callbacks live while a slot starts and stops; ThreadSanitizer is the judge. */
+// Catches a data race between the callbacks and a slot that opens and closes, under
+// ThreadSanitizer.
 TEST_F(CloseRaces, StartAndStopUnderFire)
 {
     // between a close and the next registration
