@@ -19,6 +19,8 @@ protected:
 
 constexpr u64 none = ~u64{0};
 
+// Catches times that start from an invalid one or from a key frame's missing one, and an origin
+// that a stop loses or a close keeps.
 TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
 {
     struct Frame {
@@ -66,6 +68,8 @@ TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
     EXPECT_EQ(mw.pushed().back().pts, 1000u);
 }
 
+// Catches a frame without data, size, record or known encoder that is pushed, or refused with
+// another answer or line.
 TEST_F(EncoderOutput, WhatIsRefusedAndHow)
 {
     struct Case {
@@ -99,7 +103,8 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
                                   "E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!"});
 }
 
-/** Whether there is a multiplexer, and a source at it, is its own business. */
+// Catches a frame that the library drops for lack of a multiplexer or source, which is the
+// multiplexer's to refuse.
 TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
 {
     steps::close(0);
@@ -120,6 +125,8 @@ TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
     task(0, VENC).u64MuxSrcId = 0x1'0000'0053;
 }
 
+// Catches a frame that is lost or pushed twice because the multiplexer was busy, and a loop that
+// spins without its pause.
 TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
 {
     for (int i = 0; i < 3; i++)
@@ -132,6 +139,8 @@ TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
     EXPECT_TRUE(mw.take_logs().empty());
 }
 
+// Catches a stop that waits for ever behind a busy multiplexer, and a frame that is pushed while
+// the encoder's record is deleted.
 TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
 {
     mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY, .forever = true});
@@ -160,6 +169,8 @@ TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
     EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 0);
 }
 
+// Catches another event that is reported as a full buffer, and an event of the audio capture that
+// is accepted.
 TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
 {
     testing::internal::CaptureStdout();
