@@ -318,16 +318,19 @@ public: // for the tests, which name its trials
     static inline int tried_ = 0, breaches_ = 0;
 };
 
+// Catches a failed device call that is ignored, reported wrongly, or leaves something open.
 TEST_F(FaultInjection, EveryCallFailsInEveryWay)
 {
     in_every_scenario(&FaultInjection::try_single_faults);
 }
 
+// Catches a failed allocation that crashes, is reported wrongly, or leaves something open.
 TEST_F(FaultInjection, EveryAllocationFails)
 {
     in_every_scenario(&FaultInjection::try_allocations);
 }
 
+// Catches a clean-up that ends at its first failing call and leaves the rest open.
 TEST_F(FaultInjection, EverySecondFaultDuringTheCleanUpBehindAFirst)
 {
     in_every_scenario(&FaultInjection::try_second_faults);
