@@ -53,6 +53,8 @@ protected:
     CapEnc_EsInfo info = {};
 };
 
+// Catches a ring that hands out a frame whose key frame it dropped, or drops frames that can still
+// be decoded.
 TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
 {
     struct Case {
@@ -83,6 +85,7 @@ TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
     }
 }
 
+// Catches a frame that is dropped without a line in the log.
 TEST_F(FrameRing, EachDroppedFrameIsLogged)
 {
     // one that is too large, one that waits for a key frame, and the oldest of four
@@ -96,7 +99,8 @@ TEST_F(FrameRing, EachDroppedFrameIsLogged)
                                     line + "u32DataSize: 1, u8FrameType: 255"}));
 }
 
-/** A refused open sets the indices back while frames are still marked as filled. */
+// Catches a frame that is handed out without its key frame after a refused open, which resets the
+// indices while frames are still marked as filled.
 TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
 {
     play("A-B");
@@ -112,6 +116,8 @@ TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
     EXPECT_EQ(take_all(), "F");
 }
 
+// Catches a frame before the first key frame that is handed out, a wrong frame type, and an empty
+// ring that writes to the caller's buffer.
 TEST_F(FrameRing, TheFirstFrameHandedOutIsAKeyFrameAndSaysSo)
 {
     play("aB");
@@ -129,6 +135,8 @@ TEST_F(FrameRing, TheFirstFrameHandedOutIsAKeyFrameAndSaysSo)
     EXPECT_EQ(info.u64Pts, 77u) << "an empty ring touches nothing else";
 }
 
+// Catches a frame that gets another picture's time, and an index past the table that reads behind
+// it.
 TEST_F(FrameRing, FramesGetTheTimeOfTheirPicture)
 {
     for (u32 i = 0; i < 16; i++)
@@ -150,6 +158,8 @@ TEST_F(FrameRing, FramesGetTheTimeOfTheirPicture)
     EXPECT_EQ(task(0, VENC).u32LastInBufIndex, 0xFFFFFFFF);
 }
 
+// Catches a recording that starts with an invalid time, and a later frame that is dropped because
+// it has none.
 TEST_F(FrameRing, NoTimeIsRefusedAsTheFirstOnly)
 {
     _u64LastPts = ~u64{0};
@@ -163,6 +173,8 @@ TEST_F(FrameRing, NoTimeIsRefusedAsTheFirstOnly)
     EXPECT_EQ(take_all(), "BC");
 }
 
+// Catches an event without a record, without data or of another kind that gets into the ring or
+// sets the first time.
 TEST_F(FrameRing, WhatTheCallbackRefusesAndHow)
 {
     EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .null_record = true}), ZU_INVALID_ARGUMENT);
@@ -172,6 +184,7 @@ TEST_F(FrameRing, WhatTheCallbackRefusesAndHow)
     EXPECT_EQ(task(0, VENC).bFirstPtsSet, 0);
 }
 
+// Catches a change of the ring without its lock.
 TEST_F(FrameRing, WithoutTheLockTheRingStaysUntouched)
 {
     play("A");
@@ -185,6 +198,7 @@ TEST_F(FrameRing, WithoutTheLockTheRingStaysUntouched)
     EXPECT_EQ(take_all(), "A");
 }
 
+// Catches a stop that discards finished frames, and a close that leaves them to the next recording.
 TEST_F(FrameRing, FramesThatWaitCanBeTakenAfterTheStopAndNotAfterTheClose)
 {
     play("A");
@@ -195,10 +209,8 @@ TEST_F(FrameRing, FramesThatWaitCanBeTakenAfterTheStopAndNotAfterTheClose)
     EXPECT_EQ(take_all(), "");
 }
 
-/**
- * A reader in its loop, an encoder in its callback, and a client that starts and stops;
- * ThreadSanitizer judges.
- */
+// Catches a data race between a reader, the encoder's callback and a client that starts and stops,
+// under ThreadSanitizer.
 TEST_F(FrameRing, ReadersAndEncoderMayRunThroughStopAndClose)
 {
     u32 delivered = 0, turns = 0;
