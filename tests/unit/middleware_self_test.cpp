@@ -22,6 +22,7 @@ u32 open_capture()
     return handle;
 }
 
+// Catches a misuse that the double overlooks.
 TEST_F(MiddlewareTest, EveryMisuseIsNamed)
 {
     const u32 capture = open_capture();
