@@ -7,6 +7,8 @@ namespace {
 
 using RecordingCalls = LibraryTest;
 
+// Catches a module that is initialised twice, one that another client initialised and that is shut
+// down here, and a slot that starts with the values of an earlier use.
 TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
 {
     mw.fail("ZU_VENC_Init", {.result = ZU_ALREADY_INITIALISED});
@@ -46,6 +48,8 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     EXPECT_EQ(slot.astTaskCtrl[VCAP].eModule, VCAP);
 }
 
+// Catches a changed order or argument of the device calls of a screen recording, and a second start
+// or close that repeats them.
 TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
 {
     SCREENRECORD_Init();
@@ -114,6 +118,8 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
     EXPECT_CALLS(mw.take_calls(), {"ZU_FS_Sync()=0"});
 }
 
+// Catches a recording of files that opens a capture, leaves a file open, or disturbs the other
+// slot.
 TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
 {
     ASSERT_TRUE(steps::record(0));
@@ -140,6 +146,7 @@ TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
     EXPECT_EQ(task(0, VCAP).bRunning, 1) << "the other slot records on";
 }
 
+// Catches a left-out argument that crashes, keeps an earlier call's value, or gets a wrong default.
 TEST_F(RecordingCalls, ArgumentsMayBeLeftOut)
 {
     SCREENRECORD_Init();
@@ -171,6 +178,8 @@ TEST_F(RecordingCalls, ArgumentsMayBeLeftOut)
     }
 }
 
+// Catches a recording without sound that waits to interleave it, and MPEG-4 that is announced as
+// H.264.
 TEST_F(RecordingCalls, PicturesAloneAreNotInterleavedAndAnotherCodecIsAnnouncedAsAnother)
 {
     SCREENRECORD_Init();
@@ -181,6 +190,8 @@ TEST_F(RecordingCalls, PicturesAloneAreNotInterleavedAndAnotherCodecIsAnnouncedA
          "ZU_TSMUX_AttachMediaSource(0x41, type=0x3 pid=0x101 stream=0xe0)=0 id=0x100000051"});
 }
 
+// Catches a cached output buffer that is not flushed when it is opened or given up: its last lines
+// would stay in the cache.
 TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
 {
     SCREENRECORD_Init();
@@ -194,6 +205,8 @@ TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
     EXPECT_EQ(task(0, TSMUX).u32OutBufSize, 0u);
 }
 
+// Catches a codec name that opens another codec, is refused although it is valid, or is refused
+// with the wrong lines.
 TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
 {
     struct Case {
@@ -238,6 +251,8 @@ TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
         }
 }
 
+// Catches a source name that is taken for a file or a screen by mistake, and a codec that is
+// checked for a transport stream.
 TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
 {
     SCREENRECORD_Init();
@@ -266,6 +281,8 @@ TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
                             "E [SCREENRECORD_SetAudio]Error: only aac could support file source"});
 }
 
+// Catches a width, height or rate limit that is off by one, and a refusal that leaves the slot
+// open.
 TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
 {
     struct Case {
@@ -287,6 +304,8 @@ TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
     }
 }
 
+// Catches an argument of the single call that gets lost on its way, and a time limit that a failure
+// clears or a stop leaves.
 TEST_F(RecordingCalls, OneCallRunsTheWholeSequenceOnSlotZero)
 {
     ASSERT_EQ(startScreenRecord(320, 240, 25, 3, 192, 0, 0, steps::text("out.ts")), 0);
