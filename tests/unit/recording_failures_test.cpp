@@ -15,6 +15,8 @@ namespace {
 
 using RecordingFailures = LibraryTest;
 
+// Catches a check of a control call that is missing, comes in another order, or changes the slot
+// before it refuses.
 TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
 {
     struct Case {
@@ -73,6 +75,7 @@ TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
     }
 }
 
+// Catches a start without a source, multiplexer or file, and checks in another order.
 TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
 {
     ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0));
@@ -88,6 +91,8 @@ TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
     task(0, TSMUX).u32OutFile = file;
 }
 
+// Catches a device or file that stays open after a failed configuration, also if the failing call
+// has opened it.
 TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
 {
     const struct {
@@ -128,7 +133,8 @@ TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
         }
 }
 
-/** The same of the other interfaces, whose close takes what is left. */
+// Catches a device that leaks in the other interfaces because the call that opened it answered a
+// failure.
 TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
 {
     const struct {
@@ -156,9 +162,8 @@ TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
     }
 }
 
-/**
- * A slot that is opened again forgets its devices; the display must not stay taken by one of them.
- */
+// Catches a display that stays marked as connected after its slot was opened again: no later
+// capture would connect it.
 TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
 {
     static Cap_OpenParams stills = {64, 64, 0, 0, 1};
@@ -203,7 +208,7 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
     }
 }
 
-/** What the other slot's capture is connected to stays when this one's is forgotten. */
+// Catches a forgotten capture that takes along the display connection of the other slot.
 TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
 {
     ASSERT_TRUE(steps::record(0) && steps::open(1) && steps::set_video(1) && steps::open(1));
@@ -215,6 +220,7 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
     EXPECT_EQ(mw.count("ZU_CAP_DisconnectInput"), 1);
 }
 
+// Catches a failed start that closes devices which still run.
 TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
 {
     SCREENRECORD_Init();
@@ -235,6 +241,8 @@ TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
                          "ZU_VENC_Close(0x21)=0"});
 }
 
+// Catches a reserved destination that is opened as a file, a similar name that is refused, and a
+// slot that stays open without its file.
 TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
 {
     SCREENRECORD_Init();
@@ -252,6 +260,7 @@ TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
     }
 }
 
+// Catches a multiplexer that is opened on memory without an address.
 TEST_F(RecordingFailures, ARegionWithoutAddressIsRefused)
 {
     SCREENRECORD_Init();
@@ -266,6 +275,8 @@ TEST_F(RecordingFailures, ARegionWithoutAddressIsRefused)
                   "E [SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"});
 }
 
+// Catches an internal call that follows a null record or calls the device for a module that does
+// not exist.
 TEST_F(RecordingFailures, NoRecordAndNoSuchModuleAreRefusedUntouched)
 {
     _bSysInited = 1;
