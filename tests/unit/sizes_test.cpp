@@ -53,6 +53,8 @@ protected:
     ZU_CAP_Output_t capture_output() { return mw.last().capture.stOutput; }
 };
 
+// Catches a picture size that overflows into a small buffer, and a size at a boundary that is
+// refused although it fits.
 TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
 {
     // wraps into something that fits
@@ -92,6 +94,8 @@ TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
     }
 }
 
+// Catches a rate or bit rate that is clamped, rounded or replaced on its way, and a packet size
+// that reaches the multiplexer unchecked.
 TEST_F(Sizes, RatesAndPacketSizesArriveAsTheyWereGiven)
 {
     for (const u32 value : boundaries) {
@@ -115,6 +119,7 @@ TEST_F(Sizes, RatesAndPacketSizesArriveAsTheyWereGiven)
     }
 }
 
+// Catches an inject buffer that is misaligned, and an alignment of 0 that divides or wraps.
 TEST_F(Sizes, TheInjectBuffersAddressIsRoundedAndNeverWraps)
 {
     mw.offer_inject_buffer(64 * 64 * 3 / 2);
@@ -127,6 +132,8 @@ TEST_F(Sizes, TheInjectBuffersAddressIsRoundedAndNeverWraps)
     }
 }
 
+// Catches a copy past the end of the picture or of the encoder's buffer, and one that stops short
+// of both.
 TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
 {
     constexpr u8 not_the_picture = 0xEE;
@@ -158,6 +165,8 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
     }
 }
 
+// Catches a last read of a file that is lost, sent twice, or passes the end of the encoder's
+// buffer.
 TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
 {
     for (const u32 lent : real_sizes) {
@@ -180,7 +189,7 @@ TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
     }
 }
 
-/** A query that succeeds with a buffer of no bytes has lent none: the file keeps its place. */
+// Catches a reader that takes a buffer of no bytes for the end of its file, or reads into it.
 TEST_F(Sizes, AnEncoderThatLendsNoByteIsAskedAgain)
 {
     mw.settings.encoder_input_size = 0;
@@ -192,6 +201,8 @@ TEST_F(Sizes, AnEncoderThatLendsNoByteIsAskedAgain)
     next();
 }
 
+// Catches a frame that is cut, written past the caller's buffer, or refused although it fits
+// exactly.
 TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
 {
     ASSERT_TRUE(steps::capture_encode(64, 64));
@@ -218,7 +229,8 @@ TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
     }
 }
 
-/** What the multiplexer says that it copied may lie; it is never past the batch buffer. */
+// Catches a writer that writes past its batch because the multiplexer claims to have copied more
+// than it was asked for.
 TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
 {
     for (const u32 claimed : boundaries) {
@@ -234,6 +246,8 @@ TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
     }
 }
 
+// Catches a read that waits for sound, reports more bytes than the caller has room for, or cuts a
+// 64-bit size to 32 bits.
 TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
 {
     ASSERT_EQ(audio_cap_open(), 0);
@@ -261,6 +275,8 @@ TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
     }
 }
 
+// Catches a block of stills whose size overflows into a small allocation, or is refused although it
+// fits.
 TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
 {
     // by format
@@ -293,6 +309,7 @@ TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
                 }
 }
 
+// Catches a file name that is cut, or that overruns a buffer of fixed size.
 TEST_F(Sizes, NamesOfEveryLengthAreCopiedWhole)
 {
     for (const u32 length : {1u, 15u, 16u, 17u, 4095u, 4096u, 4097u, 65535u, 65536u}) {
