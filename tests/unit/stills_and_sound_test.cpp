@@ -14,6 +14,8 @@ protected:
     }
 };
 
+// Catches a client that is told another offset, pitch or size than the capture, stills that
+// overlap, and a block that is freed before its descriptor is given back.
 TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
 {
     struct Case {
@@ -85,6 +87,8 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
     }
 }
 
+// Catches a count, format or index out of range that is accepted, and a capture into memory that
+// was never allocated.
 TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
 {
     for (const s32 count : {0, -1}) {
@@ -119,6 +123,8 @@ TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
 
 using Pcm = LibraryTest;
 
+// Catches a changed order of the audio device's calls, and a module mark of an earlier use that an
+// open keeps.
 TEST_F(Pcm, OpenToCloseCallByCall)
 {
     EXPECT_EQ(audio_cap_close(), 0) << "not open";
@@ -142,6 +148,8 @@ TEST_F(Pcm, OpenToCloseCallByCall)
     EXPECT_EQ(audio_cap_getLostSize(), 0u);
 }
 
+// Catches sound that arrives changed, a failed read that reports bytes, and an overfull device
+// buffer that is not reported.
 TEST_F(Pcm, WhatIsReadAndWhatIsSaidOfIt)
 {
     ASSERT_EQ(audio_cap_open(), 0);
