@@ -12,6 +12,8 @@ namespace {
 
 using WorkerTasks = LibraryTest;
 
+// Catches a write per pass instead of per batch, and the end of a stream that never reaches the
+// file.
 TEST_F(WorkerTasks, WriterBatchesMoreThan64KiBAndWritesTheRestAtTheEnd)
 {
     ASSERT_TRUE(steps::record(0));
@@ -33,6 +35,7 @@ TEST_F(WorkerTasks, WriterBatchesMoreThan64KiBAndWritesTheRestAtTheEnd)
                  {"ZU_FS_Fwrite(98304, 1, 0x800000f1)=1", "ZU_FS_Fwrite(65536, 1, 0x800000f1)=1"});
 }
 
+// Catches a writer that runs on after a failed copy or writes a batch that is no longer whole.
 TEST_F(WorkerTasks, AFailedCopyEndsTheWriterWithoutItsBatch)
 {
     ASSERT_TRUE(steps::record(0));
@@ -48,6 +51,8 @@ TEST_F(WorkerTasks, AFailedCopyEndsTheWriterWithoutItsBatch)
     EXPECT_TRUE(mw.file("out.ts").empty());
 }
 
+// Catches a time limit that ends a recording early, late or not completely, and a writer that
+// deletes itself.
 TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
 {
     ASSERT_EQ(steps::one_call(10), 0);
@@ -72,6 +77,8 @@ TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
                  {"ZU_OS_DeleteMutex(m1)=0", "ZU_OS_DeleteMutex(m0)=0"});
 }
 
+// Catches a writer that ended at its time limit and that a next call of another kind leaks or
+// deletes twice.
 TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
 {
     for (void (*next)() : {+[] { steps::open(0, "next.ts"); }, +[] { stopScreenRecord(); },
@@ -87,6 +94,8 @@ TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
     }
 }
 
+// Catches a stop that waits for a worker which never ran, and the memory that such a worker would
+// have freed.
 TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
 {
     mw.add_file("a.nv12", Bytes(16));
@@ -100,7 +109,7 @@ TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
     EXPECT_EQ(mw.count("ZU_FS_Fwrite"), 0);
 }
 
-/** A deletion and a task's first steps, in whichever order the threads happen to run. */
+// Catches a deletion that stalls when it meets a task's first steps.
 TEST_F(WorkerTasks, StartsAndStopsInAThousandOrdersNeverStall)
 {
     mw.add_file("a.nv12", Bytes(16));
@@ -114,6 +123,8 @@ TEST_F(WorkerTasks, StartsAndStopsInAThousandOrdersNeverStall)
     }
 }
 
+// Catches a stop that waits for ever for a hanging worker, and a mutex that is released by a thread
+// other than its owner.
 TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
 {
     mw.add_file("a.nv12", Bytes(640 * 480 * 3 / 2 * 2));
@@ -131,10 +142,8 @@ TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
     EXPECT_EQ(task(1, VREADER).s32MutexId, -1);
 }
 
-/**
- * Where a thread cannot be killed, one that a dead disk holds comes back into the slot's next
- * recording.
- */
+// Catches a worker that a dead disk delayed past its deletion and that writes into, or ends, the
+// slot's next recording.
 TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
 {
     for (const char* const call : {"ZU_FS_Fwrite", "ZU_TSMUX_CopyOutputStream"}) {
@@ -168,10 +177,8 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
 // what counts as the library's
 extern "C" void* __wrap_malloc(size_t size);
 
-/**
- * A platform may call an entry by itself; only one that was cancelled before it ran has nothing to
- * do.
- */
+// Catches an entry that depends on this library's own task records, leaks its argument, or runs
+// although it was cancelled before it began.
 TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
 {
     mw.tolerate_problem("ZU_TSMUX_CopyOutputStream is called on unknown handle 0x0");
@@ -208,6 +215,7 @@ TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
     EXPECT_CALLS(mw.take_logs(), {});
 }
 
+// Catches a second task in a record, which would lose the first.
 TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
 {
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
@@ -220,6 +228,7 @@ TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
     EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
 }
 
+// Catches a mutex, stack or argument that leaks if the task cannot be created.
 TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
 {
     SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
@@ -232,6 +241,8 @@ TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
     EXPECT_CALLS(mw.ledger_problems(), {});
 }
 
+// Catches a reader that skips or repeats part of its file, announces a short last picture, or
+// repeats an index or a time.
 TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
 {
     const u32 size = mw.settings.encoder_input_size = 1000;
@@ -261,6 +272,8 @@ TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
     EXPECT_CALLS(logs, expected);
 }
 
+// Catches a reader that asks without a pause, gives up, or reuses the index of a picture that the
+// encoder did not accept.
 TEST_F(WorkerTasks, ReaderWaitsForAnEncoderThatLendsNothing)
 {
     mw.settings.encoder_input_size = 1000;
