@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <zu3/acap.h>
+#include <zu3_host/sound_time.h>
 
 namespace zu3host {
 
@@ -46,6 +47,8 @@ void scale(void* samples, size_t bytes, uint32_t percent)
     }
 }
 
+std::atomic<uint64_t> time_of_last_read{0};
+
 } // namespace
 
 void AudioDevice::start()
@@ -74,7 +77,16 @@ size_t AudioDevice::level()
 size_t AudioDevice::read(void* dst, size_t size)
 {
     const std::lock_guard lock(mutex_);
-    const size_t bytes = reader_ ? reader_->read(dst, size) : 0;
+    if (!reader_)
+        return 0;
+    const size_t bytes = reader_->read(dst, size);
+    // From its end, since a read may begin behind sound that was lost.
+    if (bytes > 0)
+        time_of_last_read.store(
+            static_cast<uint64_t>(reader_->time_of_next_us() -
+                                  static_cast<int64_t>(bytes / pcm_frame_bytes) * 1'000'000 /
+                                      pcm_rate),
+            std::memory_order_relaxed);
     if (volume_ != 100)
         scale(dst, bytes, volume_);
     return bytes;
@@ -217,4 +229,9 @@ HOST_EXPORT u32 ZU_ACAP_Read(u32 u32Handle, const ZU_ACAP_ReadRequest_t* pstRequ
         pstResult->u32Size =
             static_cast<u32>(device.read(pstRequest->pBuffer, pstRequest->u32Size));
     });
+}
+
+HOST_EXPORT uint64_t zu3_host_sound_time(void)
+{
+    return zu3host::time_of_last_read.load(std::memory_order_relaxed);
 }

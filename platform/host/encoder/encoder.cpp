@@ -3,6 +3,7 @@
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
+#include "encoder/quality.h"
 #include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 
@@ -257,6 +258,7 @@ std::shared_ptr<Encoder> Encoder::open(const ZU_VENC_OpenParams_t& params)
     if (!settings)
         return nullptr;
     settings->size = take_exact_size(settings->size);
+    take_quality(*settings);
     auto x264 = X264Encoder::open(*settings);
     if (!x264)
         return nullptr;

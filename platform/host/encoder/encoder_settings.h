@@ -41,6 +41,8 @@ struct EncoderSettings {
     uint32_t level;
     /** pictures may come in the entire inject buffer */
     bool inject;
+    /** x264's rate factor where the rate is as needed; 0 = the usual one */
+    int quality = 0;
 };
 
 /** Checks the record; nullopt, with a log line, if the encoder cannot do it. */

@@ -26,6 +26,8 @@ constexpr float quality_of_screens = 22.0f;
 constexpr double seconds_ahead_of_rate = 0.25;
 constexpr double seconds_ahead_of_ceiling = 0.5;
 constexpr double least_pictures_ahead = 4;
+// A frame that is larger than 2 MiB, as high rates would allow, is not handed out.
+constexpr double most_kilobits_ahead = 15'000;
 
 // Slices cost bits and computing time, so there are only as many threads as the pictures need: a
 // core of 2015 encodes more than twice this many pixels in a second with the default preset.
@@ -163,7 +165,9 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     x264_param_default_preset(&parameters, preset ? preset : "veryfast", "zerolatency");
     if (!preset)
         set_for_screens(parameters, settings.profile);
-    parameters.rc.f_rf_constant = preset ? quality_of_presets : quality_of_screens;
+    parameters.rc.f_rf_constant = settings.quality != 0 ? static_cast<float>(settings.quality)
+                                  : preset              ? quality_of_presets
+                                                        : quality_of_screens;
     parameters.pf_log = &X264Log::write;
     parameters.p_log_private = &log;
     parameters.i_log_level = X264_LOG_WARNING;
@@ -187,11 +191,15 @@ void set_rate(x264_param_t& parameters, EncoderRate rate)
 {
     parameters.rc.i_rc_method = rate.as_needed ? X264_RC_CRF : X264_RC_ABR;
     parameters.rc.i_bitrate = rate.kilobits;
-    parameters.rc.i_vbv_max_bitrate = rate.kilobits;
     const double seconds =
         std::max(rate.as_needed ? seconds_ahead_of_ceiling : seconds_ahead_of_rate,
                  least_pictures_ahead * parameters.i_fps_den / parameters.i_fps_num);
-    parameters.rc.i_vbv_buffer_size = std::max(static_cast<int>(rate.kilobits * seconds), 1);
+    const double ahead = std::min(rate.kilobits * seconds, most_kilobits_ahead);
+    parameters.rc.i_vbv_buffer_size = std::max(static_cast<int>(ahead), 1);
+    // no more in an average picture than in the largest one
+    const double most = most_kilobits_ahead * parameters.i_fps_num / parameters.i_fps_den;
+    parameters.rc.i_vbv_max_bitrate =
+        static_cast<int>(std::min(static_cast<double>(rate.kilobits), most));
 }
 
 } // namespace zu3host
