@@ -8,54 +8,12 @@
 #include "files/wav_file.h"
 #include "machine/host.h"
 #include "process/messages.h"
-#include "running/library_log.h"
-#include <screenrecord/screenrecord.h>
+#include "running/sound_capture.h"
 
 namespace client {
 namespace {
 
 using std::chrono::milliseconds;
-
-/** The library's PCM capture, from its opening to its close. */
-class SoundCapture {
-public:
-    SoundCapture()
-    {
-        if (audio_cap_open() != 0 || audio_cap_start() != 0) {
-            audio_cap_close();
-            throw library_failure("cannot record sound: the library refused to open the capture");
-        }
-        audio_cap_getInfo(&info_);
-        buffer_.resize(info_.u64BufSize);
-    }
-    SoundCapture(const SoundCapture&) = delete;
-    SoundCapture& operator=(const SoundCapture&) = delete;
-    ~SoundCapture() { audio_cap_close(); }
-
-    PcmFormat format() const
-    {
-        return {.channels = info_.u32Channels,
-                .sample_rate = static_cast<uint32_t>(info_.u64SampleRate),
-                .bits = 16};
-    }
-    uint64_t buffer_bytes() const { return buffer_.size(); }
-
-    /**
-     * Samples, `bytes` of them (a buffer at most), once so many are waiting; else none. Throws
-     * Failure.
-     */
-    std::span<const uint8_t> read(uint64_t bytes)
-    {
-        uint64_t got = 0;
-        if (audio_cap_getPCM(buffer_.data(), std::min<uint64_t>(bytes, buffer_.size()), &got) != 0)
-            throw Failure("the sound capture gave up", ExitCode::ended_early);
-        return {buffer_.data(), std::min<uint64_t>(got, buffer_.size())};
-    }
-
-private:
-    AudioCap_Info info_ = {};
-    std::vector<uint8_t> buffer_;
-};
 
 class PcmRun {
 public:
@@ -150,7 +108,7 @@ private:
         if (!wav_ || sink_.pending() || sink_.delivered() < header_.size())
             return;
         header_ = wav_header(sound_.format(), sink_.delivered() - header_.size());
-        check(sink_.put_at_begin(header_));
+        check(sink_.put_at(0, header_));
     }
 
     void check(ByteSink::State state)

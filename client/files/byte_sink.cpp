@@ -34,8 +34,8 @@ public:
     /** @param owned the same descriptor where it is the thread's to close. Throws Failure. */
     static std::shared_ptr<SinkThread> start(int fd, common::Descriptor owned);
 
-    /** Copies `data`, to be written behind what was written or from the file's begin on. */
-    void begin(std::span<const uint8_t> data, bool at_begin);
+    /** Copies `data`, to be written behind what was written, or `at` a place in the file. */
+    void begin(std::span<const uint8_t> data, std::optional<uint64_t> at);
     /** Readable once it is through with all. */
     int fd() const { return event_.get(); }
     /**
@@ -55,7 +55,7 @@ private:
     void run();
     struct Piece {
         std::vector<uint8_t> data;
-        bool at_begin;
+        std::optional<uint64_t> at;
     };
     int write_piece(const Piece& piece);
     ssize_t write_some(const Piece& piece, size_t at);
@@ -102,12 +102,12 @@ std::shared_ptr<SinkThread> SinkThread::start(int fd, common::Descriptor owned)
     return sink;
 }
 
-void SinkThread::begin(std::span<const uint8_t> data, bool at_begin)
+void SinkThread::begin(std::span<const uint8_t> data, std::optional<uint64_t> at)
 {
     const std::lock_guard lock(mutex_);
     result_.reset();
     backlog_ += data.size();
-    pieces_.push_back({{data.begin(), data.end()}, at_begin});
+    pieces_.push_back({{data.begin(), data.end()}, at});
     changed_.notify_one();
 }
 
@@ -162,7 +162,7 @@ int SinkThread::write_piece(const Piece& piece)
             return errno;
         } else if (written > 0) {
             at += static_cast<size_t>(written);
-            delivered_ += piece.at_begin ? 0 : static_cast<uint64_t>(written);
+            delivered_ += piece.at ? 0 : static_cast<uint64_t>(written);
         }
     }
     return 0;
@@ -171,11 +171,11 @@ int SinkThread::write_piece(const Piece& piece)
 // The process writes where the file's position is, which both share.
 ssize_t SinkThread::write_to_disk(const Piece& piece, size_t at)
 {
-    if (piece.at_begin && lseek(fd_, static_cast<off_t>(at), SEEK_SET) < 0)
+    if (piece.at && lseek(fd_, static_cast<off_t>(*piece.at + at), SEEK_SET) < 0)
         return -1;
     disk_->write(piece.data.data() + at, piece.data.size() - at);
     const common::DiskProcess::Answer answer = disk_->answer();
-    if (piece.at_begin)
+    if (piece.at)
         lseek(fd_, 0, SEEK_END);
     errno = answer.error;
     return answer.written == 0 && answer.error != 0 ? -1 : static_cast<ssize_t>(answer.written);
@@ -186,8 +186,8 @@ ssize_t SinkThread::write_some(const Piece& piece, size_t at)
     if (disk_)
         return write_to_disk(piece, at);
     const size_t left = piece.data.size() - at;
-    return piece.at_begin ? pwrite(fd_, piece.data.data() + at, left, static_cast<off_t>(at))
-                          : write(fd_, piece.data.data() + at, left);
+    return piece.at ? pwrite(fd_, piece.data.data() + at, left, static_cast<off_t>(*piece.at + at))
+                    : write(fd_, piece.data.data() + at, left);
 }
 
 namespace {
@@ -223,6 +223,11 @@ bool ByteSink::pending() const
     return unfinished_ && thread_->backlog() > allowance_;
 }
 
+uint64_t ByteSink::backlog() const
+{
+    return thread_->backlog();
+}
+
 ByteSink::~ByteSink()
 {
     thread_->end();
@@ -254,18 +259,18 @@ std::optional<std::string> ByteSink::problem_at_end()
     return watch_->problem_at_end();
 }
 
-int ByteSink::empty_file()
+int ByteSink::cut_file(uint64_t bytes)
 {
-    return !unfinished_ && ftruncate(file_->fd(), 0) == 0 ? 0 : errno;
+    return !unfinished_ && ftruncate(file_->fd(), static_cast<off_t>(bytes)) == 0 ? 0 : errno;
 }
 
-ByteSink::State ByteSink::begin(std::span<const uint8_t> data, bool at_begin)
+ByteSink::State ByteSink::begin(std::span<const uint8_t> data, std::optional<uint64_t> at)
 {
     if (data.empty())
         return State::ready;
     if (watch_)
         watch_->expect_size(delivered());
-    thread_->begin(data, at_begin);
+    thread_->begin(data, at);
     unfinished_ = true;
     const State state = allowance_ > 0 ? look() : finish(Clock::now() + moment);
     return state == State::pending && !pending() ? State::ready : state;
@@ -273,12 +278,12 @@ ByteSink::State ByteSink::begin(std::span<const uint8_t> data, bool at_begin)
 
 ByteSink::State ByteSink::put(std::span<const uint8_t> data)
 {
-    return begin(data, false);
+    return begin(data, std::nullopt);
 }
 
-ByteSink::State ByteSink::put_at_begin(std::span<const uint8_t> data)
+ByteSink::State ByteSink::put_at(uint64_t at, std::span<const uint8_t> data)
 {
-    return begin(data, true);
+    return begin(data, at);
 }
 
 ByteSink::State ByteSink::look()

@@ -39,13 +39,18 @@ public:
     ByteSink(const std::string& path, bool overwrite, int standard_output, StopSignals& signals);
     ~ByteSink();
 
+    /** Lets so many bytes wait before it is pending, whatever the destination. */
+    void allow(uint64_t bytes) { allowance_ = bytes; }
+    /** The file that is written, null for standard output. */
+    const OutputFile* file() const { return file_ ? &*file_ : nullptr; }
+
     /**
      * Starts to deliver `data`, which is copied; not while something is pending. What a disk has
      * not taken yet is pending only beyond some MiB.
      */
     State put(std::span<const uint8_t> data);
-    /** The same, but replaces the first bytes of a file. */
-    State put_at_begin(std::span<const uint8_t> data);
+    /** The same, but replaces bytes of a file. @param at place of the first one */
+    State put_at(uint64_t at, std::span<const uint8_t> data);
     /** How it stands, with all that was put. */
     State look();
     /** Waits until everything is taken, at most until `limit`. */
@@ -53,6 +58,8 @@ public:
 
     /** Whether there is no room for more now. */
     bool pending() const;
+    /** Bytes that wait. */
+    uint64_t backlog() const;
     /** Readable once all that was put is taken. */
     int fd() const;
     int error() const { return error_; }
@@ -64,10 +71,12 @@ public:
     std::optional<std::string> problem();
     std::optional<std::string> problem_at_end();
     /** Takes back all that is in the file, which is removed then; an errno, 0 = done. */
-    int empty_file();
+    int empty_file() { return cut_file(0); }
+    /** Takes back what is in the file behind its first `bytes`; an errno, 0 = done. */
+    int cut_file(uint64_t bytes);
 
 private:
-    State begin(std::span<const uint8_t> data, bool at_begin);
+    State begin(std::span<const uint8_t> data, std::optional<uint64_t> at);
 
     std::optional<OutputFile> file_;
     std::optional<OutputWatch> watch_;
