@@ -14,7 +14,7 @@ packages_of() {
     build)
         echo g++ ninja-build pkg-config libx264-dev libyuv-dev libbitstream-dev libxcb1-dev libxcb-shm0-dev \
             libxcb-xfixes0-dev libxcb-randr0-dev libxcb-damage0-dev libpulse-dev libvo-aacenc-dev libcli11-dev \
-            libpng-dev googletest libgtest-dev python3
+            libpng-dev libavformat-dev libavcodec-dev libavutil-dev googletest libgtest-dev python3
         # A cmake from elsewhere serves as well, when it is new enough.
         cmake --version 2>/dev/null | awk '/^cmake version/ { split($3, v, "."); found = v[1] * 1000 + v[2] >= 3025 }
             END { exit !found }' || echo cmake

@@ -24,6 +24,8 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
         return all.shot;
     if (name == "pcm")
         return all.pcm;
+    if (name == "remux")
+        return all.remux;
     if (name == "devices")
         return all.devices;
     return all.doctor;

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 
+#include "files/container.h"
 #include "files/output_file.h"
 #include "process/messages.h"
 #include <screenrecord/screenrecord.h>
@@ -60,12 +61,15 @@ CLI::Option* define_choice(CLI::App& command, const char* names, const char* cho
                         });
 }
 
-void define_output(CLI::App& command, CommonOptions& options, const char* type, const char* text)
+CLI::Option* define_output(CLI::App& command, CommonOptions& options, const char* type,
+                           const char* text)
 {
-    command.add_option("-o,--output", options.output, text)->required()->type_name(type);
+    CLI::Option* const output =
+        command.add_option("-o,--output", options.output, text)->required()->type_name(type);
     command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
     command.add_flag("-v,--verbose", options.verbose,
                      "say what was chosen, and show of the library's log what explains a failure");
+    return output;
 }
 
 void define_display(CLI::App& command, CommonOptions& options)
@@ -109,7 +113,7 @@ void define_rate(CLI::App& command, RecordOptions& options)
 {
     define_value(
         command, "--rate", "MBIT",
-        "constant rate, 1 to 4 in units of 1048576 bit/s; else as much as the content needs",
+        "constant rate of a .ts file, 1 to 4 in units of 1048576 bit/s; else as much as the content needs",
         [&options](const std::string& given) -> std::string {
             const auto rate = parse_number(given);
             if (!rate || *rate < 1)
@@ -121,15 +125,44 @@ void define_rate(CLI::App& command, RecordOptions& options)
         });
 }
 
-void check_record(const RecordOptions& options)
+void define_bit_rate(CLI::App& command, std::optional<uint32_t>& bit_rate, const char* text)
 {
+    define_value(command, "-b,--bitrate", "RATE", text, [&bit_rate](const std::string& given) {
+        bit_rate = parse_bit_rate(given);
+        return bit_rate ? "" : "is no rate from 10k to 240M, such as 800k or 2.5M";
+    });
+}
+
+void define_quality(CLI::App& command, std::optional<uint32_t>& quality, const char* text)
+{
+    define_value(command, "--quality", "QUALITY", text, [&quality](const std::string& given) {
+        quality = parse_quality(given);
+        return quality ? "" : "is none of low, medium and high, and no whole number from 0 to 51";
+    });
+}
+
+/** Of what the library records, and of what the client joins itself. */
+void check_container(const CLI::App& command, const RecordOptions& options)
+{
+    const bool movie = container_of(options.output, options.format).has_value();
+    const auto check = [&command](const char* option, bool goes, const char* with) {
+        if (!goes && command.count(option) > 0)
+            refuse(option, std::string("goes with ") + with + " only");
+    };
+    for (const char* option : {"--rate", "--packet-size", "--slot", "--source", "--one-call"})
+        check(option, !movie, "a .ts file");
+    for (const char* option : {"--bitrate", "--fragmented", "--control"})
+        check(option, movie, "an .mp4 or .mkv file or '-o -'");
+    check("--format", is_standard_output(options.output), "'-o -'");
+    if (options.bit_rate && options.quality)
+        refuse("--quality", "does not go with --bitrate: one of them decides");
+}
+
+void check_record(const CLI::App& command, const RecordOptions& options)
+{
+    check_container(command, options);
     if (options.output == "wifi")
         refuse("--output", "the name 'wifi' is reserved, but './wifi' is a file");
-    if (is_standard_output(options.output))
-        refuse(
-            "--output",
-            "'" + options.output +
-                "' is no file, which a recording needs; 'screenrecord stream -o -' writes to standard output");
     if (is_standard_output(options.status_file))
         refuse(
             "--status-file",
@@ -172,13 +205,11 @@ uint32_t format_code(const std::string& name)
 
 void define_encoder(CLI::App& command, StreamOptions& options)
 {
-    define_value(
-        command, "-b,--bitrate", "RATE",
-        "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate",
-        [&options](const std::string& given) {
-            options.bit_rate = parse_bit_rate(given);
-            return options.bit_rate ? "" : "is no rate from 10k to 240M, such as 800k or 2.5M";
-        });
+    define_bit_rate(
+        command, options.bit_rate,
+        "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate");
+    define_quality(command, options.quality,
+                   "constant quality instead of a bit rate: low, medium, high, or 0 (best) to 51");
     define_choice(
         command, "--profile", "baseline|main", "H.264 profile; else the encoder's choice",
         [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
@@ -210,15 +241,33 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
 
 void define_record(CLI::App& command, RecordOptions& options)
 {
-    define_output(command, options, "FILE.ts", "file to record into");
+    define_output(
+        command, options, "FILE.mp4|FILE.mkv|FILE.ts|-",
+        "file to record into, its format by its ending, or - for standard output; else an MP4 file named by date and time in the folder for videos (XDG_VIDEOS_DIR), or in the current one")
+        ->required(false);
     define_size(command, options.size,
                 "picture size, even, 64x64 to 3840x2160; else the display's own");
     define_fps(command, options.fps);
     define_time(command, options);
+    define_quality(
+        command, options.quality,
+        "constant quality: low (about half the bits of medium), medium, high (about 1.6 times as many), or x264's rate factor, 0 (best) to 51; else medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
+    define_bit_rate(
+        command, options.bit_rate,
+        "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
+    command.add_flag(
+        "--fragmented", options.fragmented,
+        "leave an MP4 file in fragments, instead of rewriting it at the end with its index in front");
+    define_choice(command, "--format", "mkv|ts", "what to write to standard output; else mkv",
+                  [&options](const std::string& name) { options.format = name; });
+    define_choice(
+        command, "--control", "-",
+        "read commands from standard input, one per line: pause, resume, stop; answered on standard error, and read from a terminal in any case; not for a .ts file",
+        [&options](const std::string&) { options.control = true; });
     define_rate(command, options);
     define_choice(
         command, "--packet-size", "188|192",
-        "192 puts an arrival time before each packet of 188 bytes; else 188",
+        "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; else 188",
         [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
@@ -237,7 +286,7 @@ void define_record(CLI::App& command, RecordOptions& options)
         .add_option("--status-file", options.status_file,
                     "write the same object into this file, once a second")
         ->type_name("FILE");
-    command.callback([&options] { check_record(options); });
+    command.callback([&command, &options] { check_record(command, options); });
 }
 
 void define_stream(CLI::App& command, StreamOptions& options)
@@ -288,6 +337,17 @@ void define_pcm(CLI::App& command, PcmOptions& options)
     define_output(command, options, "FILE.wav|-",
                   "WAV file, or - for raw samples on standard output");
     define_time(command, options);
+}
+
+void define_remux(CLI::App& command, RemuxOptions& options)
+{
+    command.add_option("input", options.input, "the recording to read")
+        ->required()
+        ->type_name("FILE.ts");
+    command.add_option("output", options.output, "the file to write")
+        ->required()
+        ->type_name("FILE.mp4|FILE.mkv");
+    command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
 }
 
 void define_doctor(CLI::App& command, DoctorOptions& options)

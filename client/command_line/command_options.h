@@ -13,6 +13,7 @@ void define_record(CLI::App& command, RecordOptions& options);
 void define_stream(CLI::App& command, StreamOptions& options);
 void define_shot(CLI::App& command, ShotOptions& options);
 void define_pcm(CLI::App& command, PcmOptions& options);
+void define_remux(CLI::App& command, RemuxOptions& options);
 void define_doctor(CLI::App& command, DoctorOptions& options);
 
 } // namespace client

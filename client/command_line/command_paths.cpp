@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "files/container.h"
 #include "files/output_file.h"
 #include "files/output_format.h"
 #include <common/trusted_path.h>
@@ -33,6 +34,11 @@ Paths paths_of(const StreamOptions& options)
 Paths paths_of(const ShotOptions& options)
 {
     return {{"--output", options.output, true}};
+}
+
+Paths paths_of(const RemuxOptions& options)
+{
+    return {{"output", options.output, true}, {"input", options.input, false}};
 }
 
 Paths paths_of(const PcmOptions& options)
@@ -121,6 +127,13 @@ struct CommandCheck {
     }
     void operator()(const ShotOptions& options) const { check_output("shot", options); }
     void operator()(const PcmOptions& options) const { check_output("pcm", options); }
+    void operator()(const RemuxOptions& options) const
+    {
+        if (is_standard_output(options.output) || !container_of(options.output, ""))
+            refuse_path({"output", options.output, true},
+                        "is no name for an MP4 or Matroska file: such names end in .mp4 or .mkv");
+        check(paths_of(options));
+    }
     void operator()(const auto&) const {} // no paths
 };
 

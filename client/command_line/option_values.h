@@ -33,6 +33,9 @@ inline constexpr uint32_t greatest_bit_rate = 240'000'000;
  */
 std::optional<uint32_t> parse_bit_rate(std::string_view text);
 
+/** x264's rate factor, 0 to 51, by number or as low, medium or high. */
+std::optional<uint32_t> parse_quality(std::string_view text);
+
 /** "X,Y", each with a minus sign where it is negative; a plus sign is none of it. */
 std::optional<Position> parse_position(std::string_view text);
 

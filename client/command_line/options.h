@@ -35,6 +35,14 @@ struct RecordOptions : CommonOptions {
     bool one_call = false;
     bool json = false;
     std::string status_file;
+    /** bit/s */
+    std::optional<uint32_t> bit_rate;
+    /** x264's rate factor, 0 to 51 */
+    std::optional<uint32_t> quality;
+    /** of standard output: "mkv" or "ts"; empty = not given */
+    std::string format;
+    bool fragmented = false;
+    bool control = false;
 };
 
 struct WatermarkOptions {
@@ -49,6 +57,8 @@ struct StreamOptions : CommonOptions {
     uint32_t fps = 30;
     /** bit/s */
     std::optional<uint32_t> bit_rate;
+    /** x264's rate factor, 0 to 51; goes before the bit rate */
+    std::optional<uint32_t> quality;
     /** code of CapEnc_OpenParams, 0 = the encoder's choice */
     uint32_t profile = 0;
     /** the same */
@@ -70,6 +80,10 @@ struct ShotOptions : CommonOptions {
 };
 
 struct PcmOptions : CommonOptions {};
+/** `display` and `time` stand for nothing here. */
+struct RemuxOptions : CommonOptions {
+    std::string input;
+};
 struct DevicesOptions {};
 struct DoctorOptions : CommonOptions {};
 
@@ -78,6 +92,6 @@ struct DoctorOptions : CommonOptions {};
  * version, error).
  */
 using Invocation = std::variant<int, RecordOptions, StreamOptions, ShotOptions, PcmOptions,
-                                DevicesOptions, DoctorOptions>;
+                                RemuxOptions, DevicesOptions, DoctorOptions>;
 
 } // namespace client

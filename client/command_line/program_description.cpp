@@ -20,7 +20,7 @@ std::string version_text()
 constexpr Term signal_terms[] = {
     {"INT, TERM, HUP",
      "end well: the file is completed, and its path printed; a HUP that nohup ignores stays so"},
-    {"USR1, USR2", "stream: pause and resume; record says that it cannot, and goes on"},
+    {"USR1, USR2", "pause and resume; record of a .ts file says that it cannot, and goes on"},
 };
 constexpr Term exit_codes[] = {
     {"0", "complete"},
@@ -35,6 +35,8 @@ constexpr Term environment_terms[] = {
     {"ZU3_DISPLAY", "x11 or testcard (a moving test card, no display needed)"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ANDROID_LOG_TAGS", "what the library and the platform log on standard error, e.g. '*:D'"},
+    {"XDG_VIDEOS_DIR",
+     "the folder of a recording without -o; else that of user-dirs.dirs, or ~/Videos"},
     {"NO_COLOR", "set and not empty: no colours"},
     {"TERM", "dumb or not set: no line of status, which such a terminal cannot refresh"},
 };
@@ -63,14 +65,19 @@ void describe_program(CLI::App& app, AllOptions& all)
     app.set_help_flag("-h,--help", "say this and end");
     app.set_version_flag("--version", version_text, "say which version this is and end");
     app.footer(footer());
-    define_record(*app.add_subcommand(
-                      "record", "Record screen and sound into an MPEG transport-stream file."),
-                  all.record);
+    define_record(
+        *app.add_subcommand(
+            "record",
+            "Record screen and sound into an MP4, Matroska or MPEG transport-stream file."),
+        all.record);
     define_stream(*app.add_subcommand(
                       "stream", "Write the screen as a raw H.264 stream, to a file or a pipe."),
                   all.stream);
     define_shot(*app.add_subcommand("shot", "Take screenshots."), all.shot);
     define_pcm(*app.add_subcommand("pcm", "Record the desktop's sound, uncompressed."), all.pcm);
+    define_remux(*app.add_subcommand("remux", "Copy a recording into an MP4 or Matroska file as it "
+                                              "is: screenrecord remux FILE.ts FILE.mp4"),
+                 all.remux);
     app.add_subcommand("devices", "List displays and sound sources.");
     define_doctor(*app.add_subcommand(
                       "doctor", "Say what works on this machine and how to get what is missing."),

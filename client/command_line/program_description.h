@@ -13,6 +13,7 @@ struct AllOptions {
     StreamOptions stream;
     ShotOptions shot;
     PcmOptions pcm;
+    RemuxOptions remux;
     DevicesOptions devices;
     DoctorOptions doctor;
 };

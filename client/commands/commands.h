@@ -24,6 +24,7 @@ ExitCode run(const RecordOptions& options, CommandContext& context);
 ExitCode run(const StreamOptions& options, CommandContext& context);
 ExitCode run(const ShotOptions& options, CommandContext& context);
 ExitCode run(const PcmOptions& options, CommandContext& context);
+ExitCode run(const RemuxOptions& options, CommandContext& context);
 ExitCode run(const DevicesOptions& options, CommandContext& context);
 ExitCode run(const DoctorOptions& options, CommandContext& context);
 

@@ -1,6 +1,8 @@
 #include <filesystem>
 
 #include "commands/commands.h"
+#include "commands/record_movie.h"
+#include "files/container.h"
 #include "files/output_watch.h"
 #include "machine/display.h"
 #include "process/messages.h"
@@ -184,7 +186,7 @@ private:
             return true;
         if (context_.signals.take_pause_request() == PauseRequest::pause)
             print_message(
-                "cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on, and 'screenrecord stream' is what can pause");
+                "cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on; an .mp4 or .mkv file can be paused");
         check_file(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
@@ -223,6 +225,8 @@ private:
 
 ExitCode run(const RecordOptions& options, CommandContext& context)
 {
+    if (const auto container = container_of(options.output, options.format))
+        return record_movie(options, *container, context);
     return RecordRun(options, context).run();
 }
 

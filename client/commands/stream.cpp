@@ -63,8 +63,8 @@ private:
     void print_settings() const
     {
         if (options_.verbose)
-            print_message(format_text("%ux%u at %u fps, H.264, %u bit/s", stream_.size().width,
-                                      stream_.size().height, options_.fps, stream_.bit_rate()));
+            print_message(format_text("%ux%u at %u fps, H.264, %s", stream_.size().width,
+                                      stream_.size().height, options_.fps, stream_.aim().c_str()));
         else if (options_.size && stream_.size() != *options_.size)
             print_message(format_text(
                 "the stream is %ux%u: the encoder rounds sizes up to multiples of 16x32",

@@ -44,7 +44,8 @@ std::string bash_completion()
             names += " " + command.name;
         options += "        " + (command.name.empty() ? "\"\"" : command.name) + ") words=\"" +
                    words_of(command) +
-                   (command.name.empty() || command.takes_command ? "$names" : "") + "\" ;;\n";
+                   (command.name.empty() || command.takes_command ? "$names" : "") + "\"" +
+                   (command.takes_files ? "; files=-f" : "") + " ;;\n";
         for (const OptionOutline& option : command.options)
             if (!option.value.empty())
                 values += value_case(command, option);
@@ -55,7 +56,7 @@ std::string bash_completion()
            "command=\"\"\n"
            "    local names=\"" +
            names +
-           "\" words\n"
+           "\" words files=\"\"\n"
            "    [ \"$COMP_CWORD\" -gt 1 ] && command=\"${COMP_WORDS[1]}\"\n"
            "    COMPREPLY=()\n"
            "    case \"$command:$before\" in\n" +
@@ -64,7 +65,8 @@ std::string bash_completion()
            "    case \"$command\" in\n" +
            options +
            "    esac\n"
-           "    COMPREPLY=($(compgen -W \"$words\" -- \"$word\"))\n"
+           "    [ -z \"$files\" ] || compopt -o filenames 2>/dev/null\n"
+           "    COMPREPLY=($(compgen $files -W \"$words\" -- \"$word\"))\n"
            "}\n"
            "complete -F _screenrecord screenrecord\n";
 }

@@ -53,6 +53,8 @@ std::string fish_completion()
         if (command.takes_command)
             made +=
                 "complete -c screenrecord -n '" + condition + "' -a " + fish_quoted(names) + "\n";
+        if (command.takes_files)
+            made += "complete -c screenrecord -n '" + condition + "' -F\n";
         for (const OptionOutline& option : command.options)
             made += line(option, condition);
     }

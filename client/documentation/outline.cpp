@@ -41,8 +41,13 @@ CommandOutline outline_of(const CLI::App& app, const std::string& name)
     CommandOutline made{.name = name,
                         .text = app.get_description(),
                         .options = {},
-                        .takes_command = name == help_command};
+                        .takes_command = name == help_command,
+                        .takes_files = false};
     for (const CLI::Option* option : app.get_options()) {
+        if (option->get_positional()) {
+            made.takes_files = true;
+            continue;
+        }
         const OptionOutline whole = outline_of(*option);
         made.options.push_back(whole);
         for (const std::string& other : option->get_lnames())

@@ -27,6 +27,8 @@ struct CommandOutline {
     std::vector<OptionOutline> options;
     /** another command's name follows */
     bool takes_command = false;
+    /** names of files follow */
+    bool takes_files = false;
 };
 
 /**

@@ -52,6 +52,8 @@ std::string arguments(const CommandOutline& command)
         made += " \\\n            '1:command:{_describe command commands}'";
     for (const OptionOutline& option : command.options)
         made += " \\\n            " + argument(option);
+    if (command.takes_files)
+        made += " \\\n            '*:file:_files'";
     return made;
 }
 

@@ -24,9 +24,9 @@ const Format& format_of(std::string_view command)
 {
     static const Format formats[] = {
         {"record",
-         "an MPEG transport stream",
+         "an MP4, Matroska or MPEG transport-stream file",
          Kind::video,
-         {"ts", "m2ts", "mts", "m2t", "tp", "trp", "mpegts"}},
+         {"mp4", "mkv", "ts", "m2ts", "mts", "m2t", "tp", "trp", "mpegts"}},
         {"stream", "a raw H.264 stream", Kind::video, {"h264", "264", "avc", "raw"}},
         {"shot", "a PNG picture", Kind::picture, {"png", "raw"}},
         {"pcm", "a WAV file", Kind::sound, {"wav", "wave"}},
@@ -44,19 +44,19 @@ struct Ending {
 
 /** Of files that ffmpeg makes of ours. */
 constexpr Ending other_endings[] = {
-    {"mp4", Kind::video, true},     {"m4v", Kind::video, true},     {"mov", Kind::video, true},
-    {"mkv", Kind::video, true},     {"flv", Kind::video, true},     {"3gp", Kind::video, false},
-    {"webm", Kind::video, false},   {"avi", Kind::video, false},    {"wmv", Kind::video, false},
-    {"asf", Kind::video, false},    {"mpg", Kind::video, false},    {"mpeg", Kind::video, false},
-    {"vob", Kind::video, false},    {"ogv", Kind::video, false},    {"hevc", Kind::video, false},
-    {"265", Kind::video, false},    {"h265", Kind::video, false},   {"gif", Kind::video, false},
-    {"gif", Kind::picture, false},  {"jpg", Kind::picture, false},  {"jpeg", Kind::picture, false},
-    {"bmp", Kind::picture, false},  {"webp", Kind::picture, false}, {"tif", Kind::picture, false},
-    {"tiff", Kind::picture, false}, {"ppm", Kind::picture, false},  {"avif", Kind::picture, false},
-    {"mp3", Kind::sound, false},    {"ogg", Kind::sound, false},    {"oga", Kind::sound, false},
-    {"opus", Kind::sound, false},   {"flac", Kind::sound, false},   {"aac", Kind::sound, false},
-    {"m4a", Kind::sound, false},    {"mka", Kind::sound, false},    {"ac3", Kind::sound, false},
-    {"aif", Kind::sound, false},    {"aiff", Kind::sound, false},   {"wma", Kind::sound, false},
+    {"m4v", Kind::video, true},     {"mov", Kind::video, true},     {"flv", Kind::video, true},
+    {"3gp", Kind::video, false},    {"webm", Kind::video, false},   {"avi", Kind::video, false},
+    {"wmv", Kind::video, false},    {"asf", Kind::video, false},    {"mpg", Kind::video, false},
+    {"mpeg", Kind::video, false},   {"vob", Kind::video, false},    {"ogv", Kind::video, false},
+    {"hevc", Kind::video, false},   {"265", Kind::video, false},    {"h265", Kind::video, false},
+    {"gif", Kind::video, false},    {"gif", Kind::picture, false},  {"jpg", Kind::picture, false},
+    {"jpeg", Kind::picture, false}, {"bmp", Kind::picture, false},  {"webp", Kind::picture, false},
+    {"tif", Kind::picture, false},  {"tiff", Kind::picture, false}, {"ppm", Kind::picture, false},
+    {"avif", Kind::picture, false}, {"mp3", Kind::sound, false},    {"ogg", Kind::sound, false},
+    {"oga", Kind::sound, false},    {"opus", Kind::sound, false},   {"flac", Kind::sound, false},
+    {"aac", Kind::sound, false},    {"m4a", Kind::sound, false},    {"mka", Kind::sound, false},
+    {"ac3", Kind::sound, false},    {"aif", Kind::sound, false},    {"aiff", Kind::sound, false},
+    {"wma", Kind::sound, false},
 };
 
 bool has(const Format& format, std::string_view ending)
@@ -122,7 +122,9 @@ std::string wrong_format(const std::string& command, const std::string& path, ui
         if (each.name == ending && (!known || each.kind == format.kind))
             known = &each;
     if (!known)
-        return "";
+        return command == "record" ? "is no name for " + std::string(format.what) +
+                                         ": such names end in .mp4, .mkv or .ts"
+                                   : "";
     return begin + (known->kind == format.kind ? converted(format, ours, path, known->copied, fps)
                                                : std::string(command_for(known->kind)));
 }

@@ -84,6 +84,20 @@ void listen_to_host_log(zu3_host_log_listener_t listener)
         listen(listener);
 }
 
+bool want_quality(uint32_t quality, uint32_t ceiling)
+{
+    static const auto want = find<decltype(zu3_host_quality)>("zu3_host_quality");
+    if (want)
+        want(quality, ceiling / 1000);
+    return want;
+}
+
+uint64_t time_of_sound()
+{
+    static const auto time = find<decltype(zu3_host_sound_time)>("zu3_host_sound_time");
+    return time ? time() : 0;
+}
+
 const char* platform_sentence()
 {
     static const auto sentence = find<decltype(zu3_host_platform)>("zu3_host_platform");

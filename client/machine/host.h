@@ -4,7 +4,9 @@
 #include <zu3_host/exact_size.h>
 #include <zu3_host/frame_event.h>
 #include <zu3_host/log_listener.h>
+#include <zu3_host/quality.h>
 #include <zu3_host/slow_disk.h>
+#include <zu3_host/sound_time.h>
 #include <zu3_host/statistics.h>
 
 namespace client {
@@ -40,6 +42,15 @@ void give_up_writes();
  * @return false if the platform offers rounded sizes only
  */
 bool want_exact_size(uint32_t width, uint32_t height);
+
+/**
+ * Asks for a constant quality under a ceiling in bits per second (quality.h).
+ * @return false if the platform offers bit rates only
+ */
+bool want_quality(uint32_t quality, uint32_t ceiling);
+
+/** When the first sample of the last read was heard (sound_time.h); 0 = unknown. */
+uint64_t time_of_sound();
 
 /** Has `listener` called with each line of the log (log_listener.h), if the platform offers it. */
 void listen_to_host_log(zu3_host_log_listener_t listener);

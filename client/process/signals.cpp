@@ -64,6 +64,11 @@ StopSignals::StopSignals()
 
 bool StopSignals::raised()
 {
+    return stops() > 0;
+}
+
+unsigned StopSignals::stops()
+{
     signalfd_siginfo info;
     while (read(fd_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         if (info.ssi_signo == SIGUSR1)
@@ -71,9 +76,9 @@ bool StopSignals::raised()
         else if (info.ssi_signo == SIGUSR2)
             pause_request_ = PauseRequest::resume;
         else
-            raised_ = true;
+            ++stops_;
     }
-    return raised_;
+    return stops_;
 }
 
 bool StopSignals::wait_until(TimePoint until)
@@ -81,7 +86,7 @@ bool StopSignals::wait_until(TimePoint until)
     pollfd waited{fd_.get(), POLLIN, 0};
     while (!raised() && Clock::now() < until)
         poll(&waited, 1, poll_timeout(until));
-    return raised_;
+    return raised();
 }
 
 } // namespace client

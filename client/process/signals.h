@@ -39,6 +39,8 @@ public:
 
     /** Whether a stop was asked for, ever. */
     bool raised();
+    /** How many times, with what was not looked at. */
+    unsigned stops();
 
     /** What was asked for of late, by the last signal that did; once. */
     PauseRequest take_pause_request() { return std::exchange(pause_request_, PauseRequest::none); }
@@ -51,7 +53,7 @@ public:
 
 private:
     common::Descriptor fd_;
-    bool raised_ = false;
+    unsigned stops_ = 0;
     PauseRequest pause_request_ = PauseRequest::none;
 };
 

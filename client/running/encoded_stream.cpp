@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "machine/host.h"
+#include "process/messages.h"
 #include "running/library_log.h"
 #include "running/watermark.h"
 #include <screenrecord/screenrecord.h>
@@ -17,16 +18,23 @@ uint32_t sensible_bit_rate(Size size, uint32_t fps)
     return static_cast<uint32_t>(std::clamp(rate, 300e3, 20e6));
 }
 
+// More than any level allows: the encoder chooses.
+constexpr uint32_t no_bit_rate = UINT32_MAX;
+
 } // namespace
 
-EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignals& signals)
-    : bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
+EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignals& signals,
+                             std::string purpose)
+    : purpose_(std::move(purpose)),
+      bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
       buffer_(video_capenc_getMaxEsSize())
 {
+    if (options.quality && want_quality(*options.quality, greatest_bit_rate))
+        quality_ = options.quality;
     CapEnc_OpenParams params = {.width = size.width,
                                 .height = size.height,
                                 .frameRate = options.fps,
-                                .outputBitrate = bit_rate_,
+                                .outputBitrate = quality_ ? no_bit_rate : bit_rate_,
                                 .profile = options.profile,
                                 .level = options.level,
                                 .osd = options.osd};
@@ -34,7 +42,8 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
     if (video_capenc_open(&params) != 0) {
         video_capenc_close();
         throw library_failure(
-            "cannot stream: the library refused to open capture and encoder with this size, rate, profile and level");
+            purpose_ +
+            ": the library refused to open capture and encoder with this size, rate, profile and level");
     }
     forget_library_log();
     size_ = exact ? size : Size{params.width, params.height};
@@ -56,7 +65,7 @@ void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signal
         change.apply();
     }
     if (video_capenc_start(0) != 0)
-        throw library_failure("cannot stream: the library refused to start");
+        throw library_failure(purpose_ + ": the library refused to start");
     running_ = true;
 }
 
@@ -64,6 +73,11 @@ EncodedStream::~EncodedStream()
 {
     stop();
     video_capenc_close();
+}
+
+std::string EncodedStream::aim() const
+{
+    return quality_ ? format_text("quality %u", *quality_) : format_text("%u bit/s", bit_rate_);
 }
 
 bool EncodedStream::take(EncodedFrame& frame)

@@ -22,16 +22,19 @@ class EncodedStream {
 public:
     /**
      * Opens it, sets the watermark, whose picture is waited for until a stop is asked for, and
-     * starts it; throws Failure. @param size what was asked for, not rounded
+     * starts it; throws Failure, which begins with `purpose`. @param size what was asked for, not
+     * rounded
      */
-    EncodedStream(const StreamOptions& options, Size size, StopSignals& signals);
+    EncodedStream(const StreamOptions& options, Size size, StopSignals& signals,
+                  std::string purpose = "cannot stream");
     EncodedStream(const EncodedStream&) = delete;
     EncodedStream& operator=(const EncodedStream&) = delete;
     ~EncodedStream();
 
     /** Size of the encoded pictures. */
     Size size() const { return size_; }
-    uint32_t bit_rate() const { return bit_rate_; }
+    /** What the encoder aims at, for people. */
+    std::string aim() const;
 
     /** Takes the oldest waiting frame; false when none is waiting. */
     bool take(EncodedFrame& frame);
@@ -41,7 +44,9 @@ public:
 private:
     void start(const WatermarkOptions& watermark, StopSignals& signals);
 
+    const std::string purpose_;
     Size size_;
+    std::optional<uint32_t> quality_;
     uint32_t bit_rate_;
     bool running_ = false;
     std::vector<uint8_t> buffer_;

@@ -25,6 +25,8 @@ struct Progress {
     std::optional<bool> display_answers;
     /** how long a write has waited for the disk, 0 = none waits */
     std::optional<double> disk_waiting_seconds;
+    /** part of the file that was rewritten with its index in front, 0 to 1 */
+    std::optional<double> finished_part;
 };
 
 /** Measures a recording from its start; what was counted before belongs to others. */

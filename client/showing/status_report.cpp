@@ -48,6 +48,14 @@ const char* truth_or_null(const std::optional<bool>& value)
     return !value ? "null" : *value ? "true" : "false";
 }
 
+std::string finishing_as_line(double part)
+{
+    constexpr size_t length = 30;
+    const auto done = static_cast<size_t>(std::clamp(part, 0.0, 1.0) * length);
+    return format_text("index to the front  [%s%s] %.0f %%", std::string(done, '=').c_str(),
+                       std::string(length - done, ' ').c_str(), part * 100);
+}
+
 std::string sound_text(double level)
 {
     return level > 0 ? format_text("sound %.0f dB", 20 * std::log10(level)) : "sound silent";
@@ -60,15 +68,17 @@ std::string progress_as_json(const Progress& p, const char* state)
     return format_text(
         "{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
         "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s,"
-        "\"disk_waiting\":%s}",
+        "\"disk_waiting\":%s,\"finished_part\":%s}",
         state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
         count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes),
         p.bits_per_second, number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
-        number_or_null(p.disk_waiting_seconds).c_str());
+        number_or_null(p.disk_waiting_seconds).c_str(), number_or_null(p.finished_part).c_str());
 }
 
 std::string progress_as_line(const Progress& p, size_t columns)
 {
+    if (p.finished_part)
+        return finishing_as_line(*p.finished_part).substr(0, columns);
     const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
     // From left to right, each with its worth: a narrow terminal goes without those of the least.
     std::vector<std::pair<std::string, int>> parts = {
@@ -123,7 +133,7 @@ void StatusReport::heed(const std::optional<std::string>& failure)
     status_file_.reset();
 }
 
-void StatusReport::update(const Progress& progress)
+void StatusReport::update(const Progress& progress, const char* state)
 {
     last_ = progress;
     next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
@@ -134,7 +144,7 @@ void StatusReport::update(const Progress& progress)
         show_status_line(colour_ ? "\033[31m●\033[0m" : "REC",
                          progress_as_line(progress, columns > taken ? columns - taken : 0));
     }
-    const std::string object = progress_as_json(progress, "recording");
+    const std::string object = progress_as_json(progress, state);
     if (json_)
         print_status_object(object);
     if (status_file_)

@@ -31,7 +31,7 @@ public:
 
     /** When the next update is due; further ones before that are left out. */
     bool due() const { return Clock::now() >= next_; }
-    void update(const Progress& progress);
+    void update(const Progress& progress, const char* state = "recording");
     /** The last one, which says whether there is a usable file; the refreshed line goes away. */
     void finish(const Progress& progress, bool usable);
 

@@ -6,7 +6,7 @@ import re
 from harness import BUILD, EndToEndTest
 
 MADE = BUILD / "documentation"
-COMMANDS = ("", "record", "stream", "shot", "pcm", "devices", "doctor", "help", "version")
+COMMANDS = ("", "record", "stream", "shot", "pcm", "remux", "devices", "doctor", "help", "version")
 
 
 def options_in(text):

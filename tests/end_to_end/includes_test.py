@@ -19,6 +19,7 @@ ORDERS = {
     ),
     "client": (
         ("commands", "documentation"),
+        ("movie",),
         ("running", "showing"),
         ("command_line",),
         ("files",),

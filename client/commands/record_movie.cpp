@@ -1,0 +1,452 @@
+#include "commands/record_movie.h"
+
+#include <cmath>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utility>
+
+#include "files/container.h"
+#include "machine/display.h"
+#include "machine/host.h"
+#include "movie/index_in_front.h"
+#include "movie/movie_recording.h"
+#include "process/messages.h"
+#include "running/lost_frames.h"
+#include "running/sound_capture.h"
+#include "running/stream_control.h"
+#include "showing/status_report.h"
+#include <screenrecord/screenrecord.h>
+
+namespace client {
+namespace {
+
+using namespace movie;
+
+using std::chrono::milliseconds;
+
+// How often to look round by the clock: with frames that tell of themselves, and without.
+constexpr milliseconds movie_look(50);
+constexpr milliseconds movie_look_for_frames(2);
+/** Longest wait for a disk that is behind: a stop must end the program within three seconds. */
+constexpr milliseconds disk_patience_of_a_stop(2000), disk_patience_at_the_end(15'000);
+/** Longest wait for the screen's first picture, without which a stop would leave nothing. */
+constexpr milliseconds first_frame_patience(1500);
+/** Bytes of sound that are read at once, 21 ms. */
+constexpr uint64_t sound_piece = 4096;
+/** x264's rate factor at which text stays sharp. */
+constexpr uint32_t usual_quality = 22;
+
+uint64_t now_us()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+            .count());
+}
+
+StreamOptions stream_options(const RecordOptions& options)
+{
+    StreamOptions stream;
+    stream.fps = options.fps;
+    stream.bit_rate = options.bit_rate;
+    stream.quality = options.bit_rate ? std::nullopt : options.quality;
+    if (!options.bit_rate && !options.quality)
+        stream.quality = usual_quality;
+    return stream;
+}
+
+std::string checked_path(const RecordOptions& options)
+{
+    if (!is_standard_output(options.output))
+        check_output_path(options.output, options.overwrite);
+    return options.output;
+}
+
+/** Sound as it comes, each piece with the time when it was heard. */
+class TimedSound {
+public:
+    template <typename Take> void read(Take take)
+    {
+        for (auto samples = sound_.read(sound_piece); !samples.empty();
+             samples = sound_.read(sound_piece))
+            take(time_of(samples.size()),
+                 std::span(reinterpret_cast<const int16_t*>(samples.data()), samples.size() / 2));
+    }
+
+private:
+    // Where the platform does not tell, the capture began to hear when it was started.
+    uint64_t time_of(uint64_t bytes)
+    {
+        const uint64_t told = time_of_sound();
+        const uint64_t time =
+            told != 0 ? told : start_us_ + read_ * 1'000'000 / sound_.format().bytes_per_second();
+        read_ += bytes;
+        return time;
+    }
+
+    SoundCapture sound_;
+    uint64_t start_us_ = now_us();
+    uint64_t read_ = 0;
+};
+
+/**
+ * While it lives, this thread is preferred to ordinary programs where the system allows it, as the
+ * threads are that capture: it has three frames' time to take a frame.
+ */
+class Preferred {
+public:
+    Preferred()
+        : preferred_(getpriority(PRIO_PROCESS, 0) == 0 && setpriority(PRIO_PROCESS, 0, -10) == 0)
+    {
+    }
+    Preferred(const Preferred&) = delete;
+    Preferred& operator=(const Preferred&) = delete;
+    ~Preferred()
+    {
+        if (preferred_)
+            setpriority(PRIO_PROCESS, 0, 0);
+    }
+
+private:
+    const bool preferred_;
+};
+
+class MovieRun {
+public:
+    MovieRun(const RecordOptions& options, Container container, CommandContext& context)
+        : options_(options), context_(context), container_(container), path_(checked_path(options)),
+          size_(size_to_capture(display_to_capture(), options.size)),
+          report_(options.json, options.status_file),
+          sink_(path_, options.overwrite, context.output.fd(), context.signals),
+          movie_(format(), frame_limit(), sink_)
+    {
+        sink_.allow(most_waiting);
+    }
+
+    ExitCode run()
+    {
+        if (options_.audio)
+            sound_.emplace();
+        stream_.emplace(stream_options(options_), size_, context_.signals, "cannot record");
+        print_settings();
+        try {
+            const Preferred preferred;
+            while (!ended_)
+                if (!take())
+                    wait();
+        } catch (const Failure& failure) {
+            give_up(failure);
+        }
+        finish();
+        return conclude();
+    }
+
+private:
+    MovieFormat format() const
+    {
+        return {.container = container_,
+                .width = size_.width,
+                .height = size_.height,
+                .fps = options_.fps,
+                .sound = options_.audio,
+                .seekable = sink_.file() && sink_.file()->regular()};
+    }
+
+    int64_t frame_limit() const
+    {
+        return options_.time
+                   ? std::max<int64_t>(1, std::llround(options_.time->count() * options_.fps))
+                   : INT64_MAX;
+    }
+
+    void print_settings() const
+    {
+        if (options_.verbose)
+            print_message(format_text("screen, %ux%u at %u fps, H.264, %s, %s, into %s",
+                                      size_.width, size_.height, options_.fps,
+                                      stream_->aim().c_str(),
+                                      options_.audio ? "AAC sound" : "no sound", path_.c_str()));
+    }
+
+    /** All that is there; whether a frame was among it. */
+    bool take()
+    {
+        if (sound_)
+            sound_->read([this](uint64_t time_us, std::span<const int16_t> samples) {
+                if (!paused_)
+                    movie_.put_sound(time_us, samples);
+            });
+        EncodedFrame frame;
+        if (!stream_->take(frame))
+            return false;
+        lost_.frame_taken(frame.pts_us);
+        movie_.put_frame(frame);
+        ended_ = ended_ || movie_.at_end();
+        return true;
+    }
+
+    void wait()
+    {
+        const TimePoint look = Clock::now() + (event_ >= 0 ? movie_look : movie_look_for_frames);
+        pollfd waited[] = {
+            {context_.signals.fd(), POLLIN, 0}, {event_, POLLIN, 0}, {control_.fd(), POLLIN, 0}};
+        const timespec timeout = time_left(look);
+        if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
+            if (eventfd_t frames = 0; waited[1].revents)
+                eventfd_read(event_, &frames);
+            if (waited[2].revents)
+                control_.read_lines([this](const std::string& line) { obey(line); });
+        }
+        look_at(sink_.look());
+        check_end();
+        if (report_.due())
+            report_.update(progress_.measure(sink_.delivered()), paused_ ? "paused" : "recording");
+    }
+
+    void look_at(ByteSink::State state)
+    {
+        if (state == ByteSink::State::failed)
+            disk_failed_ = true;
+        if (state == ByteSink::State::reader_gone)
+            reader_gone_ = true;
+        if (disk_failed_ && !problem_)
+            problem_ = "cannot write to " + path_ + " any more: " + error_text(sink_.error());
+        ended_ = ended_ || reader_gone_ || problem_;
+    }
+
+    /** Of what is thrown while the movie is written. */
+    void give_up(const Failure& failure)
+    {
+        look_at(sink_.look());
+        if (!problem_ && !reader_gone_)
+            problem_ = failure.what();
+        ended_ = broken_ = true;
+    }
+
+    void check_end()
+    {
+        if (context_.signals.raised() || stop_asked_)
+            stop_limit_ = std::min(stop_limit_, Clock::now() + first_frame_patience);
+        const bool stopped =
+            stop_limit_ != TimePoint::max() && (movie_.frames() > 0 || Clock::now() >= stop_limit_);
+        ended_ = ended_ || stopped;
+        take_pause_request();
+        if (Clock::now() < next_check_)
+            return;
+        next_check_ = Clock::now() + milliseconds(200);
+        if (auto lost = sink_.problem(); lost && !problem_) {
+            problem_ = std::move(lost);
+            output_lost_ = ended_ = true;
+        }
+        const auto counted = statistics_.read();
+        auto without_display = counted ? display_problem(*counted, "cannot record") : std::nullopt;
+        if (without_display && !problem_) {
+            problem_ = std::move(without_display);
+            ended_ = true;
+        }
+    }
+
+    void take_pause_request()
+    {
+        const PauseRequest request = context_.signals.take_pause_request();
+        if (request == PauseRequest::pause)
+            pause();
+        else if (request == PauseRequest::resume)
+            resume();
+    }
+
+    void pause()
+    {
+        paused_ = true;
+        video_capenc_pause();
+    }
+
+    void resume()
+    {
+        if (!std::exchange(paused_, false))
+            return;
+        // What is left out on purpose is not lost.
+        lost_.break_stretch();
+        movie_.resume_at(now_us());
+        video_capenc_resume();
+    }
+
+    void obey(const std::string& line)
+    {
+        const control::Command command = control::parse(line);
+        if (std::holds_alternative<control::Pause>(command))
+            pause();
+        else if (std::holds_alternative<control::Resume>(command))
+            resume();
+        else if (std::holds_alternative<control::Stop>(command))
+            stop_asked_ = true;
+        else
+            return print_error_line("error: a recording knows pause, resume and stop");
+        print_error_line("ok");
+    }
+
+    void finish()
+    {
+        stream_->stop();
+        try {
+            take_the_rest();
+            if (!broken_ && !disk_failed_ && !reader_gone_)
+                movie_.finish();
+        } catch (const Failure& failure) {
+            give_up(failure);
+        }
+        stream_.reset();
+        sound_.reset();
+        look_at(
+            sink_.finish(Clock::now() + (context_.signals.raised() ? disk_patience_of_a_stop
+                                                                   : disk_patience_at_the_end)));
+        if (disk_failed_)
+            cut_torn_piece();
+        else if (sink_.look() == ByteSink::State::pending && !problem_ && sink_.file())
+            problem_ = "the end is missing from " + path_ + ": its disk stands still";
+        else if (auto lost = sink_.problem_at_end(); lost && !problem_) {
+            problem_ = std::move(lost);
+            output_lost_ = true;
+        }
+    }
+
+    void take_the_rest()
+    {
+        const TimePoint limit = Clock::now() + milliseconds(100);
+        while (!movie_.at_end() && !broken_ && take())
+            ;
+        while (sound_ && !movie_.has_sound_for_all() && Clock::now() < limit && !broken_) {
+            take();
+            poll(nullptr, 0, 5);
+        }
+    }
+
+    /** A full disk ends a file anywhere. */
+    void cut_torn_piece()
+    {
+        if (sink_.file() && sink_.file()->regular())
+            sink_.cut_file(movie_.end_of_pieces(sink_.delivered()));
+    }
+
+    bool nothing_came() const
+    {
+        return movie_.frames() == 0 || movie_.end_of_pieces(sink_.delivered()) == 0;
+    }
+
+    ExitCode conclude()
+    {
+        const auto shortfall = lacking();
+        const std::string path = sink_.path();
+        const bool usable = !nothing_came() && !output_lost_;
+        std::optional<std::string> notice;
+        if (usable && container_ == Container::mp4 && !options_.fragmented && !disk_failed_ &&
+            !path.empty() && sink_.look() == ByteSink::State::ready)
+            notice = put_index_in_front(path);
+        report_.finish(progress_.measure(sink_.delivered()), usable);
+        for (const auto& sentence : {problem_, shortfall, notice})
+            if (sentence)
+                print_message(*sentence);
+        if (nothing_came() && !output_lost_) {
+            print_message("cannot record: nothing reached " + path_);
+            return ExitCode::failed;
+        }
+        if (!path.empty())
+            context_.output.print_path(path);
+        return problem_ || shortfall ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+    /** What the movie lacks, as a sentence. */
+    std::optional<std::string> lacking() const
+    {
+        if (movie_.left_out() > 0)
+            return format_text("%llu pictures are missing from %s: its %s too slow",
+                               static_cast<unsigned long long>(movie_.left_out()), path_.c_str(),
+                               sink_.file() && sink_.file()->regular() ? "disk was" : "reader was");
+        const auto counted = statistics_.read();
+        const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
+        // Time stamps of key frames may be a frame late, so one says nothing.
+        if (lost_.count() >= by_capture + 2)
+            return format_text("%llu pictures are missing from %s: this machine was too busy to "
+                               "take them in time",
+                               static_cast<unsigned long long>(lost_.count() - by_capture),
+                               path_.c_str());
+        if (options_.audio && counted && counted->sound_lost)
+            return "the sound server went away for a while: " + path_ + " is silent there";
+        return std::nullopt;
+    }
+
+    /** Why the file stays as it is, as a sentence; nothing when the index is in front. */
+    std::optional<std::string> put_index_in_front(const std::string& path)
+    {
+        try {
+            IndexInFront work(*sink_.file(), path);
+            attend(work);
+            if (!work.through())
+                throw Failure("its disk stands still");
+            work.finish();
+            return std::nullopt;
+        } catch (const std::exception& failure) {
+            return path + " stays in fragments, which play, but its index is not in front: " +
+                   failure.what();
+        }
+    }
+
+    void attend(IndexInFront& work)
+    {
+        const TimePoint begin = Clock::now();
+        const unsigned stops = context_.signals.stops();
+        TimePoint limit = TimePoint::max();
+        while (!work.through() && Clock::now() < limit) {
+            pollfd waited[] = {{work.fd(), POLLIN, 0}, {context_.signals.fd(), POLLIN, 0}};
+            poll(waited, std::size(waited), 100);
+            if (limit == TimePoint::max() && context_.signals.stops() != stops) {
+                work.cancel();
+                limit = Clock::now() + disk_patience_of_a_stop;
+            }
+            if (!report_.due() || Clock::now() - begin < std::chrono::seconds(1))
+                continue;
+            Progress progress = progress_.measure(sink_.delivered());
+            progress.finished_part = work.part();
+            report_.update(progress, "finishing");
+        }
+    }
+
+    const RecordOptions& options_;
+    CommandContext& context_;
+    const Container container_;
+    const std::string path_;
+    const Size size_;
+    StatusReport report_;
+    ByteSink sink_;
+    MovieRecording movie_;
+    std::optional<TimedSound> sound_;
+    std::optional<EncodedStream> stream_;
+    ControlInput control_{options_.control};
+    const int event_ = frame_event();
+    StatisticsDelta statistics_;
+    RecordProgress progress_;
+    LostFrames lost_{options_.fps};
+    TimePoint stop_limit_ = TimePoint::max();
+    TimePoint next_check_;
+    bool paused_ = false;
+    bool stop_asked_ = false;
+    bool ended_ = false;
+    bool broken_ = false;
+    bool disk_failed_ = false;
+    bool reader_gone_ = false;
+    bool output_lost_ = false;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode record_movie(const RecordOptions& options, Container container, CommandContext& context)
+{
+    RecordOptions named = options;
+    if (named.output.empty())
+        named.output = new_movie_name();
+    return MovieRun(named, container, context).run();
+}
+
+} // namespace client

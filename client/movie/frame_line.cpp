@@ -1,0 +1,60 @@
+#include "movie/frame_line.h"
+
+#include <algorithm>
+
+#include "movie/movie_module.h"
+
+namespace client::movie {
+namespace {
+
+/** `us` in units of which a second has `rate`, rounded to the nearest. */
+int64_t units(int64_t us, int64_t rate)
+{
+    return (us * rate + (us < 0 ? -500'000 : 500'000)) / 1'000'000;
+}
+
+} // namespace
+
+void FrameLine::put(const EncodedFrame& frame)
+{
+    // A later frame with the time of the key frame, or an earlier one: that time was not its own.
+    if (held_us_ && frame.pts_us <= *held_us_ + period_us() / 2)
+        held_us_ = frame.pts_us - period_us();
+    flush();
+    if (!frame.key)
+        return place(frame.bytes, false, frame.pts_us);
+    held_.assign(frame.bytes.begin(), frame.bytes.end());
+    held_us_ = frame.pts_us;
+}
+
+void FrameLine::flush()
+{
+    if (held_us_)
+        place(held_, true, *held_us_);
+    held_us_.reset();
+}
+
+void FrameLine::place(std::span<const uint8_t> bytes, bool key, uint64_t time_us)
+{
+    if (!begun_) {
+        origin_us_ = time_us;
+        origin_ = next_;
+        begun_ = true;
+    }
+    const int64_t index = origin_ + units(static_cast<int64_t>(time_us - origin_us_), fps_);
+    next_ = std::max(index, next_) + 1;
+    take_({.bytes = bytes, .index = next_ - 1, .key = key});
+}
+
+int64_t FrameLine::sample_at(uint64_t time_us) const
+{
+    return sample_behind(origin_) +
+           units(static_cast<int64_t>(time_us - origin_us_), int64_t{sound_rate});
+}
+
+int64_t FrameLine::sample_behind(int64_t index) const
+{
+    return index * sound_rate / fps_;
+}
+
+} // namespace client::movie

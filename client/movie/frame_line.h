@@ -1,0 +1,62 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "running/encoded_stream.h"
+
+namespace client::movie {
+
+/** A frame and its place on the grid of the frame rate. */
+struct PlacedFrame {
+    std::span<const uint8_t> bytes;
+    /** from 0; what was never encoded leaves a gap */
+    int64_t index = 0;
+    bool key = false;
+};
+
+/**
+ * Places frames on the grid of the frame rate by their time stamps. What is recorded before and
+ * behind a pause are stretches that follow one another without a gap. The time stamp of a key frame
+ * may be that of a later picture, so a key frame waits until the next frame tells.
+ */
+class FrameLine {
+public:
+    using Take = std::function<void(const PlacedFrame&)>;
+
+    FrameLine(uint32_t fps, Take take) : fps_(fps), take_(std::move(take)) {}
+
+    void put(const EncodedFrame& frame);
+    /** Hands on the key frame that waits, if one does. */
+    void flush();
+    /** The next frame follows the last one, whatever their time stamps; flushed before. */
+    void begin_stretch() { begun_ = false; }
+
+    /** The place behind the last frame that was handed on. */
+    int64_t next() const { return next_; }
+    /**
+     * The sample that is heard at a time of the running stretch, which has a frame, counted from
+     * the one heard with frame 0.
+     */
+    int64_t sample_at(uint64_t time_us) const;
+    /** The first sample behind `index` frames. */
+    int64_t sample_behind(int64_t index) const;
+
+private:
+    void place(std::span<const uint8_t> bytes, bool key, uint64_t time_us);
+    uint64_t period_us() const { return 1'000'000 / fps_; }
+
+    const uint32_t fps_;
+    const Take take_;
+    std::vector<uint8_t> held_;
+    /** time stamp of the key frame that is held */
+    std::optional<uint64_t> held_us_;
+    bool begun_ = false;
+    /** of the stretch's first frame */
+    uint64_t origin_us_ = 0;
+    int64_t origin_ = 0;
+    int64_t next_ = 0;
+};
+
+} // namespace client::movie

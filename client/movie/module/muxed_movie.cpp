@@ -1,0 +1,172 @@
+#include "movie/module/muxed_movie.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "movie/module/parameter_sets.h"
+
+namespace client::movie {
+namespace {
+
+// Microseconds of sound that may lack while frames wait for it.
+constexpr int64_t patience_with_sound = 1'000'000;
+
+OutputContext make_context(const MovieFormat& format, AVIOContext* io)
+{
+    AVFormatContext* context = nullptr;
+    checked(
+        avformat_alloc_output_context2(&context, nullptr, muxer_name(format.container), nullptr));
+    OutputContext made(context);
+    context->pb = io;
+    context->flags |= AVFMT_FLAG_CUSTOM_IO;
+    context->flush_packets = 1;
+    context->max_interleave_delta = patience_with_sound;
+    return made;
+}
+
+void set_colours(AVCodecParameters& parameters)
+{
+    parameters.color_range = AVCOL_RANGE_MPEG;
+    parameters.color_primaries = AVCOL_PRI_SMPTE170M;
+    parameters.color_trc = AVCOL_TRC_SMPTE170M;
+    parameters.color_space = AVCOL_SPC_SMPTE170M;
+    parameters.chroma_location = AVCHROMA_LOC_LEFT;
+}
+
+// A piece is half a second, so that with what is on its way less than a second is lost.
+// delay_moov writes the header with the first fragment, when the sound's delay is known.
+AVDictionary* muxer_options(Container container)
+{
+    AVDictionary* options = nullptr;
+    if (container == Container::mp4) {
+        av_dict_set(&options, "movflags",
+                    "+frag_keyframe+empty_moov+delay_moov+default_base_moof+write_colr", 0);
+        av_dict_set(&options, "frag_duration", "500000", 0);
+    } else if (container == Container::matroska) {
+        av_dict_set(&options, "cluster_time_limit", "500", 0);
+    }
+    return options;
+}
+
+} // namespace
+
+const char* muxer_name(Container container)
+{
+    switch (container) {
+    case Container::mp4:
+        return "mp4";
+    case Container::matroska:
+        return "matroska";
+    case Container::transport_stream:
+        return "mpegts";
+    }
+    return nullptr;
+}
+
+MuxedMovie::MuxedMovie(const MovieFormat& format, MovieOutput& output)
+    : format_(format), output_(output, format.seekable),
+      context_(make_context(format, output_.io())), packet_(make_packet())
+{
+    if (format.sound)
+        encoder_.emplace();
+}
+
+void MuxedMovie::add_video(std::span<const uint8_t> first_frame)
+{
+    const std::vector<uint8_t> sets = parameter_sets(first_frame);
+    if (sets.empty())
+        throw std::runtime_error("the first frame has no parameter sets");
+    video_ = avformat_new_stream(context_.get(), nullptr);
+    if (!video_)
+        throw std::bad_alloc();
+    AVCodecParameters& parameters = *video_->codecpar;
+    parameters.codec_type = AVMEDIA_TYPE_VIDEO;
+    parameters.codec_id = AV_CODEC_ID_H264;
+    parameters.width = static_cast<int>(format_.width);
+    parameters.height = static_cast<int>(format_.height);
+    parameters.format = AV_PIX_FMT_YUV420P;
+    set_colours(parameters);
+    parameters.extradata =
+        static_cast<uint8_t*>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!parameters.extradata)
+        throw std::bad_alloc();
+    std::memcpy(parameters.extradata, sets.data(), sets.size());
+    parameters.extradata_size = static_cast<int>(sets.size());
+    video_->time_base = {1, static_cast<int>(format_.fps)};
+    video_->avg_frame_rate = video_->r_frame_rate = {static_cast<int>(format_.fps), 1};
+}
+
+void MuxedMovie::add_sound()
+{
+    sound_ = avformat_new_stream(context_.get(), nullptr);
+    if (!sound_)
+        throw std::bad_alloc();
+    checked(avcodec_parameters_from_context(sound_->codecpar, &encoder_->context()));
+    if (format_.container != Container::mp4)
+        sound_->codecpar->initial_padding = 0;
+    sound_->time_base = {1, sound_rate};
+}
+
+void MuxedMovie::begin(std::span<const uint8_t> first_frame)
+{
+    add_video(first_frame);
+    if (encoder_)
+        add_sound();
+    AVDictionary* options = muxer_options(format_.container);
+    const int result = avformat_write_header(context_.get(), &options);
+    av_dict_free(&options);
+    output_.rethrow();
+    checked(result);
+    begun_ = true;
+}
+
+void MuxedMovie::write(AVPacket& packet, const AVStream& stream, AVRational time_base)
+{
+    packet.stream_index = stream.index;
+    av_packet_rescale_ts(&packet, time_base, stream.time_base);
+    const int result = av_interleaved_write_frame(context_.get(), &packet);
+    output_.rethrow();
+    checked(result);
+}
+
+void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool key)
+{
+    if (!begun_)
+        begin(frame);
+    av_packet_unref(packet_.get());
+    // only read: a packet that owns no bytes is copied
+    packet_->data = const_cast<uint8_t*>(frame.data());
+    packet_->size = static_cast<int>(frame.size());
+    packet_->pts = packet_->dts = index;
+    packet_->duration = 1;
+    packet_->flags = key ? AV_PKT_FLAG_KEY : 0;
+    write(*packet_, *video_, {1, static_cast<int>(format_.fps)});
+}
+
+// MP4 has an edit list for the encoder's delay. Elsewhere the packet that is nothing else is left
+// out, so that times begin at 0: a decoder then fades the first 21 ms in.
+void MuxedMovie::write_sound(AVPacket& packet)
+{
+    if (packet.pts < 0 && format_.container != Container::mp4)
+        return;
+    write(packet, *sound_, {1, sound_rate});
+}
+
+void MuxedMovie::put_sound(std::span<const int16_t> samples)
+{
+    encoder_->put(samples, [this](AVPacket& packet) { write_sound(packet); });
+}
+
+void MuxedMovie::finish()
+{
+    if (!begun_)
+        return;
+    if (encoder_)
+        encoder_->finish([this](AVPacket& packet) { write_sound(packet); });
+    const int result = av_write_trailer(context_.get());
+    avio_flush(output_.io());
+    output_.rethrow();
+    checked(result);
+}
+
+} // namespace client::movie

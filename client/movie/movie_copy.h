@@ -1,0 +1,39 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "files/container.h"
+#include "running/attended_work.h"
+
+namespace client::movie {
+
+/** Copies a movie into another container, on a separate thread that no disk keeps the program with. */
+class MovieCopy {
+public:
+    /**
+     * @param from,to ordinary files, open to read and to write; the caller's. Throws Failure when it
+     *     cannot begin.
+     */
+    MovieCopy(int from, int to, Container container);
+
+    /** Readable once it is through. */
+    int fd() const { return work_->fd(); }
+    bool through() const { return work_->through(); }
+    /** The part that is done, 0 to 1. */
+    double part() const { return shared_->part; }
+    /** Has it end soon, with a failure. */
+    void cancel() { shared_->cancelled = true; }
+    /** Throws, when it is through, what kept it from success, as the end of a sentence. */
+    void finish() { work_->finish(); }
+
+private:
+    struct Shared {
+        std::atomic<double> part{0};
+        std::atomic<bool> cancelled{false};
+    };
+    std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+    std::unique_ptr<AttendedWork> work_;
+};
+
+} // namespace client::movie

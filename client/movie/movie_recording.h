@@ -1,0 +1,70 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+#include "files/byte_sink.h"
+#include "movie/frame_line.h"
+#include "movie/movie_module.h"
+#include "movie/sound_line.h"
+
+namespace client::movie {
+
+/** Bytes that may wait for a disk or a reader: seconds of the highest rates. */
+inline constexpr uint64_t most_waiting = 32 << 20;
+
+/** Joins frames and sound as the library hands them out, and writes the movie to a sink. */
+class MovieRecording final : private MovieOutput {
+public:
+    /**
+     * @param limit frames after which it is at its end
+     * @param sink outlives it
+     */
+    MovieRecording(const MovieFormat& format, int64_t limit, ByteSink& sink);
+    ~MovieRecording() override;
+
+    // Throw Failure where the sink or the module gives up; the sink's error() says more.
+    void put_frame(const EncodedFrame& frame);
+    /** @param time_us when the first of the samples was heard */
+    void put_sound(uint64_t time_us, std::span<const int16_t> samples);
+    /** Frames behind this time follow those before it without a gap, and so does the sound. */
+    void resume_at(uint64_t time_us) { resumed_us_ = time_us; }
+    /** Whether there is sound for all frames. */
+    bool has_sound_for_all() const;
+    /** Completes the movie; nothing may follow. */
+    void finish();
+
+    bool at_end() const { return frames_.next() >= limit_; }
+    /** Frames in the movie. */
+    uint64_t frames() const { return written_; }
+    /** Frames that there was no room for. */
+    uint64_t left_out() const { return left_out_; }
+    /** The end of the last piece among the first `bytes`: what lies behind it does not play. */
+    uint64_t end_of_pieces(uint64_t bytes) const;
+
+private:
+    void write(uint64_t at, std::span<const uint8_t> bytes) override;
+    void take(const PlacedFrame& frame);
+    bool has_room_for(const PlacedFrame& frame);
+    int64_t sound_end() const;
+    void end_stretch();
+    template <typename Action> void with_writer(Action action);
+    void note_piece();
+
+    const MovieFormat format_;
+    const int64_t limit_;
+    ByteSink& sink_;
+    std::unique_ptr<MovieWriter> writer_;
+    FrameLine frames_;
+    SoundLine sound_;
+    std::optional<uint64_t> resumed_us_;
+    bool waits_for_key_ = false;
+    uint64_t end_ = 0;
+    /** ends of fragments or clusters: the last that is written, and those that wait */
+    std::deque<uint64_t> pieces_{0};
+    uint64_t written_ = 0;
+    uint64_t left_out_ = 0;
+};
+
+} // namespace client::movie
