@@ -14,6 +14,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -86,7 +87,10 @@ NOTHING_BUT_ITSELF DiskProcess::Answer DiskProcess::carry_out(const Order& order
             order.greatest_file < limit.rlim_max ? order.greatest_file : limit.rlim_max;
         syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, &limit, nullptr);
     }
-    Answer answer{0, 0};
+    Answer answer{0, 0, 0};
+    struct statx status;
+    if (syscall(SYS_statx, file, "", AT_EMPTY_PATH, STATX_SIZE, &status) == 0)
+        answer.size_before = status.stx_size;
     while (answer.error == 0 && answer.written < order.size) {
         const long written =
             syscall(SYS_write, file, shared + answer.written, order.size - answer.written);
@@ -166,14 +170,14 @@ void DiskProcess::write(const uint8_t* data, size_t size)
 
 DiskProcess::Answer DiskProcess::answer()
 {
-    Answer answer{0, EIO};
+    Answer answer{0, EIO, 0};
     ssize_t got = -1;
     do
         got = recv(socket_.get(), &answer, sizeof answer, 0);
     while (got < 0 && errno == EINTR);
     busy_ = false;
     // The process was killed: how much of this it had written is not known and counts as nothing.
-    return got == static_cast<ssize_t>(sizeof answer) ? answer : Answer{0, EIO};
+    return got == static_cast<ssize_t>(sizeof answer) ? answer : Answer{0, EIO, 0};
 }
 
 } // namespace common

@@ -33,6 +33,8 @@ public:
     struct Answer {
         size_t written;
         int error;
+        /** The file's size just before: less than its writers know if others have cut it. */
+        uint64_t size_before = 0;
     };
 
     /** Null, and errno, without a process or memory. The caller keeps `fd`. */

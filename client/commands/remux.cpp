@@ -50,7 +50,8 @@ void attend(movie::MovieCopy& copy, StopSignals& signals)
 ExitCode run(const RemuxOptions& options, CommandContext& context)
 {
     const common::Descriptor from = open_input(options.input);
-    const OutputFile to(options.output, options.overwrite, context.signals);
+    check_output_path(options.output, options.overwrite);
+    AtomicFile to(options.output);
     try {
         movie::MovieCopy copy(from.get(), to.fd(), *container_of(options.output, ""));
         attend(copy, context.signals);
@@ -58,11 +59,10 @@ ExitCode run(const RemuxOptions& options, CommandContext& context)
             throw Failure("its disk stands still");
         copy.finish();
     } catch (const std::exception& failure) {
-        // an empty one is removed
-        const bool emptied = ftruncate(to.fd(), 0) == 0;
         throw Failure("cannot make " + options.output + " of " + options.input + ": " +
-                      failure.what() + (emptied ? "" : "; what is there is not complete"));
+                      failure.what());
     }
+    to.put_in_place(options.overwrite);
     context.output.print_path(options.output);
     return ExitCode::complete;
 }

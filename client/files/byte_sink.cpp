@@ -47,6 +47,8 @@ public:
     uint64_t backlog() const { return backlog_; }
     /** Bytes taken of those that were written behind one another. */
     uint64_t delivered() const { return delivered_; }
+    /** Whether the file once had fewer bytes than were delivered. */
+    bool cut() const { return cut_; }
     /** The thread ends once it is through with all. */
     void end();
 
@@ -69,6 +71,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::atomic<uint64_t> delivered_{0};
+    std::atomic<bool> cut_{false};
     std::atomic<uint64_t> backlog_{0};
     std::deque<Piece> pieces_;
     // the thread's own: the errno that nothing is written behind
@@ -175,6 +178,8 @@ ssize_t SinkThread::write_to_disk(const Piece& piece, size_t at)
         return -1;
     disk_->write(piece.data.data() + at, piece.data.size() - at);
     const common::DiskProcess::Answer answer = disk_->answer();
+    // Written on behind a cut, the file soon has its old size again.
+    cut_ = cut_ || (answer.error == 0 && answer.size_before < delivered_);
     if (piece.at)
         lseek(fd_, 0, SEEK_END);
     errno = answer.error;
@@ -243,11 +248,16 @@ uint64_t ByteSink::delivered() const
     return thread_->delivered();
 }
 
+void ByteSink::expect_delivered()
+{
+    watch_->expect_size(thread_->cut() ? UINT64_MAX : delivered());
+}
+
 std::optional<std::string> ByteSink::problem()
 {
     if (!watch_)
         return std::nullopt;
-    watch_->expect_size(delivered());
+    expect_delivered();
     return watch_->problem();
 }
 
@@ -255,7 +265,7 @@ std::optional<std::string> ByteSink::problem_at_end()
 {
     if (!watch_)
         return std::nullopt;
-    watch_->expect_size(delivered());
+    expect_delivered();
     return watch_->problem_at_end();
 }
 
@@ -269,7 +279,7 @@ ByteSink::State ByteSink::begin(std::span<const uint8_t> data, std::optional<uin
     if (data.empty())
         return State::ready;
     if (watch_)
-        watch_->expect_size(delivered());
+        expect_delivered();
     thread_->begin(data, at);
     unfinished_ = true;
     const State state = allowance_ > 0 ? look() : finish(Clock::now() + moment);

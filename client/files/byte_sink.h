@@ -76,6 +76,7 @@ public:
     int cut_file(uint64_t bytes);
 
 private:
+    void expect_delivered();
     State begin(std::span<const uint8_t> data, std::optional<uint64_t> at);
 
     std::optional<OutputFile> file_;

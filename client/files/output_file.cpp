@@ -300,7 +300,7 @@ void AtomicFile::begin()
     [[maybe_unused]] const ssize_t got = getrandom(&number, sizeof number, GRND_NONBLOCK);
     const std::string name = format_text(".screenrecord-%d-%016llx.part", getpid(),
                                          static_cast<unsigned long long>(number));
-    fd_ = place_->create_beside(name, O_WRONLY);
+    fd_ = place_->create_beside(name, O_RDWR);
     if (!fd_)
         refuse_output(path_, error_text(errno));
     beside_ = name;

@@ -89,6 +89,8 @@ public:
 
     /** Writes all of it, of the next content after put_in_place(); throws Failure. */
     void write(const void* data, size_t size);
+    /** The first content, for a writer with its own means; open to read and write. */
+    int fd() const { return fd_.get(); }
     /** Gives it its name, in place of a file of that name only with `overwrite`; throws Failure. */
     void put_in_place(bool overwrite);
 

@@ -244,13 +244,16 @@ class Ways(ShortEndToEndTest, MovieChecks):
             self.assertAlmostEqual(times(path)[0], 0, delta=0.002)
         self.assertLess(boxes(self.path("new.mp4")).index("moov"), boxes(self.path("new.mp4")).index("mdat"))
         self.path("no.ts").write_bytes(bytes(100_000))
-        for code, wrong, words in ((1, "no.ts", "no.ts made.mp4"), (2, "made.ts", "old.ts made.ts"), (2, "none.ts", "none.ts made.mp4"),
-                                   (2, "new.mp4", "old.ts new.mp4"), (2, "same file", "-y new.mp4 ./new.mp4")):
+        before = self.path("new.mkv").read_bytes()
+        cases = [(1, "no.ts", "no.ts made.mp4"), (1, "no.ts", "-y no.ts new.mkv"), (2, "made.ts", "old.ts made.ts"),
+                 (2, "none.ts", "none.ts made.mp4"), (2, "new.mp4", "old.ts new.mp4"), (2, "same file", "-y new.mp4 ./new.mp4")]
+        for code, wrong, words in cases:
             with self.subTest(words):
                 refused = self.client("remux", *words.split())
                 self.assert_exit(refused, code)
                 self.assertIn(wrong, refused.errors())
         self.assertEqual(list(self.path(".").glob("made*")), [])
+        self.assertEqual(self.path("new.mkv").read_bytes(), before)
 
     def test_refusals(self):
         cases = [("-o a.xyz", "'a.xyz'", ".mp4, .mkv or .ts"), ("-o a.mp4 --rate 2", "--rate", ".ts file"),
