@@ -6,625 +6,413 @@ namespace faults {
 
 namespace {
 
-/** For what only several faults of a call lead to. */
+constexpr int any = 0;
+/** For lines that only several faults of a call lead to. */
 constexpr int only_with_others = -1;
 
-/** A call that fails, and what a client sees of it. */
+/** A call that fails, as the tables name it. */
+struct Call {
+    Call(const char* call, int number = any, std::optional<s64> only = {})
+        : name(call), nth(number), result(only)
+    {
+    }
+    std::string name;
+    /** among the calls of that name */
+    int nth;
+    /** for this result alone; such a rule stands before the others of its call */
+    std::optional<s64> result;
+};
+
+using Lines = std::vector<std::string>;
+
+/** What a client sees of a call that fails. */
 struct Rule {
     /** kinds of scenarios, as bits */
-    unsigned in = 0;
-    std::string call = {};
-    /** for this result alone; such a rule stands before the others of its call */
-    std::optional<s64> result = {};
-    /** among the calls of that name; 0 = any */
-    int nth = 0;
+    unsigned in;
+    Call call;
     /** the client's call that answers failure */
     std::string failing = {};
     /** 0x%x and %d stand for the result */
-    std::vector<std::string> errors = {};
+    Lines errors = {};
 };
 
 using Rules = std::vector<Rule>;
 
+/** The last lines that several faults have in common. */
+struct Ending {
+    unsigned in;
+    Lines lines;
+};
+
 constexpr unsigned recordings = screen | files;
 constexpr unsigned encoded_frames = inject | copy;
+constexpr unsigned any_scenario = recordings | encoded_frames | stills | pcm;
 
-// Lines that several faults have in common.
-const std::string encoder_failed = "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Venc Failed!";
-const std::string capture_failed = "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Vcap Failed!";
-const std::string frames_encoder_failed = "video_capenc_open] _SCREENRECORD_OpenVenc Failed!";
-const std::string multiplexer_failed = "SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!";
 const std::string no_mutex = "_SCREENRECORD_CreateTask]Fail to create Trancode mutex";
 const std::string no_task = "_SCREENRECORD_CreateTask]Failed to ZU_OS_CreateTask(...)!";
 const std::string no_stack =
     "_SCREENRECORD_CreateTask]Failed to malloc for VENC Get Source Tack Stack!";
-const std::vector<std::string> writer_failed = {
-    "_SCREENRECORD_StartModule]Error 0x3: failed to _SCREENRECORD_CreateTask()",
-    "SCREENRECORD_Start]Error 0x3: failed to Start TSMUX"};
-const std::vector<std::string> audio_reader_failed = {
-    "_SCREENRECORD_StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!",
-    "SCREENRECORD_Start]Error 0x3: failed to Start AUDIO SrcReader"};
-const std::vector<std::string> video_reader_failed = {
-    "_SCREENRECORD_StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!",
-    "SCREENRECORD_Start]Error 0x3: failed to Start VIDEO SrcReader"};
+const std::string not_connected = "_SCREENRECORD_OpenVcap]Fail to Connect Disp!";
+const std::string no_caps = "_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 0x0@0)";
 
-std::vector<std::string> after(const std::string& first, const std::vector<std::string>& rest)
+const Ending encoder_of_a_recording = {
+    recordings, {"SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Venc Failed!"}};
+const Ending encoder_of_frames = {encoded_frames,
+                                  {"video_capenc_open] _SCREENRECORD_OpenVenc Failed!"}};
+const Ending capture_of_a_recording = {
+    screen, {"SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Vcap Failed!"}};
+const Ending capture_of_frames = {encoded_frames,
+                                  {"video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}};
+const Ending capture_of_stills = {stills, {"video_cap_open] _SCREENRECORD_OpenVcap Failed!"}};
+const Ending sound_of_a_recording = {screen,
+                                     {"SCREENRECORD_SetAudio][DEMO TRANSCODE] Open Acap Failed!"}};
+const Ending multiplexer_of_a_recording = {
+    recordings, {"SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"}};
+const Ending writer = {recordings,
+                       {"_SCREENRECORD_StartModule]Error 0x3: failed to _SCREENRECORD_CreateTask()",
+                        "SCREENRECORD_Start]Error 0x3: failed to Start TSMUX"}};
+const Ending audio_reader = {
+    files,
+    {"_SCREENRECORD_StartModule]Failed to Create AUDIO Src Reader Handler Task(...)!",
+     "SCREENRECORD_Start]Error 0x3: failed to Start AUDIO SrcReader"}};
+const Ending video_reader = {
+    files,
+    {"_SCREENRECORD_StartModule]Failed to Create VIDEO Src Reader Handler Task(...)!",
+     "SCREENRECORD_Start]Error 0x3: failed to Start VIDEO SrcReader"}};
+
+std::string no_capabilities(const std::string& module)
 {
-    std::vector<std::string> lines = {first};
-    lines.insert(lines.end(), rest.begin(), rest.end());
-    return lines;
+    return "_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get " + module + " Caps";
+}
+
+std::string not_stopped(const std::string& call)
+{
+    return "_SCREENRECORD_StopModule][DEMO TRANSCODE] " + call + " FAIL";
+}
+
+/** Only the log shows it. */
+Rule says(unsigned in, const Call& call, const Lines& lines)
+{
+    return {in, call, "", lines};
+}
+
+Rule fails(unsigned in, const Call& call, const std::string& failing, const Lines& lines)
+{
+    return {in, call, failing, lines};
+}
+
+/** The client's call that writes the last line answers failure. */
+Rule fails(unsigned in, const Call& call, const Lines& lines)
+{
+    return {in, call, lines.back().substr(0, lines.back().find(']')), lines};
+}
+
+Rule fails(const Ending& ending, const Call& call, Lines lines)
+{
+    lines.insert(lines.end(), ending.lines.begin(), ending.lines.end());
+    return fails(ending.in, call, lines);
 }
 
 Rules modules()
 {
     return {
-        {.in = recordings | encoded_frames | stills | pcm,
-         .call = "ZU_SYS_Init",
-         .errors = {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_SYS_Init()"}},
-        {.in = recordings | pcm, .call = "ZU_ACAP_Init", .result = 2},
-        {.in = recordings, .call = "ZU_VENC_Init", .result = 2},
-        {.in = recordings, .call = "ZU_TSMUX_Init", .result = 2},
-        {.in = recordings,
-         .call = "ZU_ACAP_Init",
-         .failing = "SCREENRECORD_Init",
-         .errors = {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
-                    "SCREENRECORD_Init]Failed to ZU_ACAP_Init(...)!"}},
-        {.in = pcm,
-         .call = "ZU_ACAP_Init",
-         .failing = "audio_cap_open",
-         .errors = {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
-                    "audio_cap_open] _SCREENRECORD_InitModule Failed!"}},
-        {.in = recordings,
-         .call = "ZU_VENC_Init",
-         .failing = "SCREENRECORD_Init",
-         .errors = {"_SCREENRECORD_InitModule]Fail to call ZU_VENC_Init() %d",
-                    "SCREENRECORD_Init]Failed to ZU_VENC_Init(...)!"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_Init",
-         .failing = "SCREENRECORD_Init",
-         .errors = {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_TSMUX_Init()",
-                    "SCREENRECORD_Init]Failed to ZU Tsmux Init(...)!"}},
-        {.in = recordings,
-         .call = "ZU_VIDEO_GetCaps",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps",
-                    "_SCREENRECORD_OpenVenc]Venc Support!", encoder_failed}},
-        {.in = recordings,
-         .call = "ZU_VENC_GetCaps",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps",
-                    "_SCREENRECORD_OpenVenc]Venc Support!", encoder_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_VIDEO_GetCaps",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Video Caps",
-                    "_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 0x0@0)",
-                    frames_encoder_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_VENC_GetCaps",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Venc Caps",
-                    "_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 0x0@0)",
-                    frames_encoder_failed}},
-        {.in = recordings | encoded_frames,
-         .call = "ZU_AUDIO_GetCaps",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Audio Caps"}},
-        {.in = recordings | encoded_frames,
-         .call = "ZU_ACAP_GetCaps",
-         .errors = {"_SCREENRECORD_GetModuleCaps][DEMO TRANSCODE] Failed to Get Acap Caps"}},
-        {.in = recordings | pcm,
-         .call = "ZU_ACAP_DeInit",
-         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit ACap"}},
-        {.in = recordings,
-         .call = "ZU_VENC_DeInit",
-         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit Venc"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_DeInit",
-         .errors = {"_SCREENRECORD_DeInitModule]Failed to Deinit Tsmux"}},
+        says(any_scenario, "ZU_SYS_Init",
+             {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_SYS_Init()"}),
+        {recordings | pcm, {"ZU_ACAP_Init", any, 2}},
+        {recordings, {"ZU_VENC_Init", any, 2}},
+        {recordings, {"ZU_TSMUX_Init", any, 2}},
+        fails(recordings, "ZU_ACAP_Init",
+              {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
+               "SCREENRECORD_Init]Failed to ZU_ACAP_Init(...)!"}),
+        fails(pcm, "ZU_ACAP_Init",
+              {"_SCREENRECORD_InitModule]Failed to ZU_ACAP_Init(...)!",
+               "audio_cap_open] _SCREENRECORD_InitModule Failed!"}),
+        fails(recordings, "ZU_VENC_Init",
+              {"_SCREENRECORD_InitModule]Fail to call ZU_VENC_Init() %d",
+               "SCREENRECORD_Init]Failed to ZU_VENC_Init(...)!"}),
+        fails(recordings, "ZU_TSMUX_Init",
+              {"_SCREENRECORD_InitModule]Error 0x%x: failed to ZU_TSMUX_Init()",
+               "SCREENRECORD_Init]Failed to ZU Tsmux Init(...)!"}),
+    };
+}
+
+Rules capabilities_and_shutdown()
+{
+    return {
+        fails(encoder_of_a_recording, "ZU_VIDEO_GetCaps",
+              {no_capabilities("Video"), "_SCREENRECORD_OpenVenc]Venc Support!"}),
+        fails(encoder_of_a_recording, "ZU_VENC_GetCaps",
+              {no_capabilities("Venc"), "_SCREENRECORD_OpenVenc]Venc Support!"}),
+        fails(encoder_of_frames, "ZU_VIDEO_GetCaps", {no_capabilities("Video"), no_caps}),
+        fails(encoder_of_frames, "ZU_VENC_GetCaps", {no_capabilities("Venc"), no_caps}),
+        says(recordings | encoded_frames, "ZU_AUDIO_GetCaps", {no_capabilities("Audio")}),
+        says(recordings | encoded_frames, "ZU_ACAP_GetCaps", {no_capabilities("Acap")}),
+        says(recordings | pcm, "ZU_ACAP_DeInit",
+             {"_SCREENRECORD_DeInitModule]Failed to Deinit ACap"}),
+        says(recordings, "ZU_VENC_DeInit", {"_SCREENRECORD_DeInitModule]Failed to Deinit Venc"}),
+        says(recordings, "ZU_TSMUX_DeInit", {"_SCREENRECORD_DeInitModule]Failed to Deinit Tsmux"}),
     };
 }
 
 Rules files_of_the_recording()
 {
     return {
-        {.in = recordings,
-         .call = "ZU_FS_Fopen",
-         .nth = 1,
-         .failing = "SCREENRECORD_Open",
-         .errors = {"SCREENRECORD_Open]Error: failed to ZU_FS_Fopen(out.ts) for output TS stream"}},
-        {.in = files,
-         .call = "ZU_FS_Fopen",
-         .nth = 2,
-         .failing = "SCREENRECORD_SetAudio",
-         .errors =
-             {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.aac) for Input Sourcen",
-              "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open AUDIO Src File Reader Failed!"}},
-        {.in = files,
-         .call = "ZU_FS_Fopen",
-         .nth = 3,
-         .failing = "SCREENRECORD_SetVideo",
-         .errors =
-             {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.nv12) for Input Sourcen",
-              "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Src File Reader Failed!"}},
-        {.in = screen,
-         .call = "ZU_FS_Fclose",
-         .failing = "SCREENRECORD_Close",
-         .errors = {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}},
-        {.in = files,
-         .call = "ZU_FS_Fclose",
-         .nth = 3,
-         .failing = "SCREENRECORD_Close",
-         .errors = {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}},
-        {.in = files,
-         .call = "ZU_FS_Fclose",
-         .errors = {"_SCREENRECORD_CloseSrcReader]ZU_FS_Fclose Failed!"}},
+        fails(recordings, {"ZU_FS_Fopen", 1},
+              {"SCREENRECORD_Open]Error: failed to ZU_FS_Fopen(out.ts) for output TS stream"}),
+        fails(files, {"ZU_FS_Fopen", 2},
+              {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.aac) for Input Sourcen",
+               "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open AUDIO Src File Reader Failed!"}),
+        fails(files, {"ZU_FS_Fopen", 3},
+              {"_SCREENRECORD_OpenSrcReader]Error: failed to ZU_FS_Fopen(a.nv12) for Input Sourcen",
+               "SCREENRECORD_SetVideo][DEMO TRANSCODE] Open Src File Reader Failed!"}),
+        fails(screen, "ZU_FS_Fclose", {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}),
+        fails(files, {"ZU_FS_Fclose", 3}, {"SCREENRECORD_Close]ZU_FS_Fclose Failed!"}),
+        says(files, "ZU_FS_Fclose", {"_SCREENRECORD_CloseSrcReader]ZU_FS_Fclose Failed!"}),
     };
 }
 
 Rules sound()
 {
     return {
-        {.in = screen,
-         .call = "ZU_ACAP_Open",
-         .failing = "SCREENRECORD_SetAudio",
-         .errors = {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL",
-                    "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open Acap Failed!"}},
-        {.in = pcm,
-         .call = "ZU_ACAP_Open",
-         .failing = "audio_cap_open",
-         .errors = {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL",
-                    "audio_cap_open] _SCREENRECORD_OpenAcap Failed!"}},
-        {.in = screen,
-         .call = "ZU_ACAP_RegisterCallback",
-         .failing = "SCREENRECORD_SetAudio",
-         .errors = {"_SCREENRECORD_OpenAcap]_SCREENRECORD_OpenAcap[*] Error:%d Fail to register "
-                    "callback !.",
-                    "SCREENRECORD_SetAudio][DEMO TRANSCODE] Open Acap Failed!"}},
-        {.in = screen,
-         .call = "ZU_ACAP_Start",
-         .failing = "SCREENRECORD_Start",
-         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
-                    "SCREENRECORD_Start]Error 0x%x: failed to Start ACAP"}},
-        {.in = pcm,
-         .call = "ZU_ACAP_Start",
-         .failing = "audio_cap_start",
-         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
-                    "audio_cap_start] _SCREENRECORD_StartModule cap Failed!"}},
-        {.in = pcm, .call = "ZU_ACAP_GetAttr", .result = 0},
-        {.in = pcm,
-         .call = "ZU_ACAP_GetAttr",
-         .failing = "audio_cap_getPCM",
-         .errors = {"audio_cap_getPCM]Error: audio_cap_getPCM: ZU_ACAP_GetAttr fail, ret=0x%x!!"}},
-        {.in = pcm, .call = "ZU_ACAP_Read", .result = 0},
-        {.in = pcm,
-         .call = "ZU_ACAP_Read",
-         .errors = {"audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x%x!!"}},
-        {.in = screen | pcm,
-         .call = "ZU_ACAP_Stop",
-         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_ACAP_STOP FAIL"}},
-        {.in = screen | pcm,
-         .call = "ZU_ACAP_UnRegisterCallback",
-         .errors = {"_SCREENRECORD_CloseAcap]ZU_ACAP_UnRegisterCallback Failed"}},
-        {.in = screen | pcm,
-         .call = "ZU_ACAP_Close",
-         .errors = {"_SCREENRECORD_CloseAcap]ZU_ACAP_Close Failed"}},
+        fails(sound_of_a_recording, "ZU_ACAP_Open", {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL"}),
+        fails(pcm, "ZU_ACAP_Open",
+              {"_SCREENRECORD_OpenAcap]ZU_ACAP_OPEN FAIL",
+               "audio_cap_open] _SCREENRECORD_OpenAcap Failed!"}),
+        fails(sound_of_a_recording, "ZU_ACAP_RegisterCallback",
+              {"_SCREENRECORD_OpenAcap]_SCREENRECORD_OpenAcap[*] Error:%d Fail to "
+               "register callback !."}),
+        fails(screen, "ZU_ACAP_Start",
+              {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
+               "SCREENRECORD_Start]Error 0x%x: failed to Start ACAP"}),
+        fails(pcm, "ZU_ACAP_Start",
+              {"_SCREENRECORD_StartModule]Failed to ZU_ACAP_Start(...)!",
+               "audio_cap_start] _SCREENRECORD_StartModule cap Failed!"}),
+        {pcm, {"ZU_ACAP_GetAttr", any, 0}},
+        fails(pcm, "ZU_ACAP_GetAttr",
+              {"audio_cap_getPCM]Error: audio_cap_getPCM: ZU_ACAP_GetAttr fail, ret=0x%x!!"}),
+        {pcm, {"ZU_ACAP_Read", any, 0}},
+        says(pcm, "ZU_ACAP_Read",
+             {"audio_cap_getPCM]audio_cap_getPCM: ZU_ACAP_Read fail, ret=0x%x!!"}),
+        says(screen | pcm, "ZU_ACAP_Stop", {not_stopped("ZU_ACAP_STOP")}),
+        says(screen | pcm, "ZU_ACAP_UnRegisterCallback",
+             {"_SCREENRECORD_CloseAcap]ZU_ACAP_UnRegisterCallback Failed"}),
+        says(screen | pcm, "ZU_ACAP_Close", {"_SCREENRECORD_CloseAcap]ZU_ACAP_Close Failed"}),
     };
 }
 
 Rules encoder()
 {
     return {
-        {.in = recordings,
-         .call = "ZU_VENC_Open",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_OpenVenc]Fail to call ZU_VENC_Open()", encoder_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_VENC_Open",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_OpenVenc_NoTs]Fail to call ZU_VENC_Open()",
-                    frames_encoder_failed}},
-        {.in = inject,
-         .call = "ZU_VENC_QueryEntireInjectBuffer",
-         .result = 0,
-         .failing = "video_capenc_setWatermark"},
-        {.in = copy, .call = "ZU_VENC_QueryEntireInjectBuffer", .result = 0},
-        {.in = encoded_frames,
-         .call = "ZU_VENC_QueryEntireInjectBuffer",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_OpenVenc_NoTs]Failed to ZU_VENC_QueryBuffer(...)!",
-                    frames_encoder_failed}},
-        {.in = recordings,
-         .call = "ZU_VENC_Start",
-         .failing = "SCREENRECORD_Start",
-         .errors = {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
-                    "SCREENRECORD_Start]Error 0x%x: failed to Start VENC"}},
-        {.in = encoded_frames,
-         .call = "ZU_VENC_Start",
-         .failing = "video_capenc_start",
-         .errors = {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
-                    "video_capenc_start]Error 0x%x: failed to Start VENC"}},
-        {.in = encoded_frames | screen,
-         .call = "ZU_VENC_WriteBufferComplete",
-         .errors = {"_SCREENRECORD_Callback]Failed to ZU_VENC_WriteBufferComplete(...)!"}},
-        {.in = files,
-         .call = "ZU_VENC_WriteBufferComplete",
-         .errors =
-             {"_SCREENRECORD_VreaderTaskHandler]Failed to ZU_VENC_WriteBufferComplete(...)!"}},
-        {.in = encoded_frames, .call = "ZU_VENC_SetAttr:0x1", .failing = "video_capenc_setBitRate"},
-        {.in = recordings | encoded_frames,
-         .call = "ZU_VENC_Stop",
-         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_VENC_STOP FAIL"}},
-        {.in = recordings | encoded_frames,
-         .call = "ZU_VENC_Close",
-         .errors = {"_SCREENRECORD_CloseVenc]ZU_VENC_Close Failed"}},
+        fails(encoder_of_a_recording, "ZU_VENC_Open",
+              {"_SCREENRECORD_OpenVenc]Fail to call ZU_VENC_Open()"}),
+        fails(encoder_of_frames, "ZU_VENC_Open",
+              {"_SCREENRECORD_OpenVenc_NoTs]Fail to call ZU_VENC_Open()"}),
+        {inject, {"ZU_VENC_QueryEntireInjectBuffer", any, 0}, "video_capenc_setWatermark"},
+        {copy, {"ZU_VENC_QueryEntireInjectBuffer", any, 0}},
+        fails(encoder_of_frames, "ZU_VENC_QueryEntireInjectBuffer",
+              {"_SCREENRECORD_OpenVenc_NoTs]Failed to ZU_VENC_QueryBuffer(...)!"}),
+        fails(recordings, "ZU_VENC_Start",
+              {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
+               "SCREENRECORD_Start]Error 0x%x: failed to Start VENC"}),
+        fails(encoded_frames, "ZU_VENC_Start",
+              {"_SCREENRECORD_StartModule]Fail to call ZU_VENC_Start()",
+               "video_capenc_start]Error 0x%x: failed to Start VENC"}),
+        says(encoded_frames | screen, "ZU_VENC_WriteBufferComplete",
+             {"_SCREENRECORD_Callback]Failed to ZU_VENC_WriteBufferComplete(...)!"}),
+        says(files, "ZU_VENC_WriteBufferComplete",
+             {"_SCREENRECORD_VreaderTaskHandler]Failed to ZU_VENC_WriteBufferComplete(...)!"}),
+        {encoded_frames, "ZU_VENC_SetAttr:0x1", "video_capenc_setBitRate"},
+        says(recordings | encoded_frames, "ZU_VENC_Stop", {not_stopped("ZU_VENC_STOP")}),
+        says(recordings | encoded_frames, "ZU_VENC_Close",
+             {"_SCREENRECORD_CloseVenc]ZU_VENC_Close Failed"}),
     };
 }
 
-Rules capture()
+Rules capture_opens()
 {
     return {
-        {.in = screen,
-         .call = "ZU_CAP_Open",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!", capture_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_CAP_Open",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!",
-                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = stills,
-         .call = "ZU_CAP_Open",
-         .failing = "video_cap_open",
-         .errors = {"_SCREENRECORD_OpenVcapNoEnc]Failed to ZU_CAP_Open(...)!",
-                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = screen,
-         .call = "ZU_DISP_GetHandle",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
-                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!", capture_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_DISP_GetHandle",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
-                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!",
-                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = stills,
-         .call = "ZU_DISP_GetHandle",
-         .failing = "video_cap_open",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
-                    "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!",
-                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = screen,
-         .call = "ZU_CAP_ConnectInput",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
-                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!", capture_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_CAP_ConnectInput",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
-                    "_SCREENRECORD_OpenVcap]Fail to Connect Disp!",
-                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = stills,
-         .call = "ZU_CAP_ConnectInput",
-         .failing = "video_cap_open",
-         .errors = {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
-                    "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!",
-                    "video_cap_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = screen,
-         .call = "ZU_CAP_RegisterCallback",
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
-                    "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
-                    "_SCREENRECORD_RegisterCallback failed",
-                    capture_failed}},
-        {.in = encoded_frames,
-         .call = "ZU_CAP_RegisterCallback",
-         .failing = "video_capenc_open",
-         .errors = {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
-                    "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
-                    "_SCREENRECORD_RegisterCallback failed",
-                    "video_capenc_open] _SCREENRECORD_OpenVcap Failed!"}},
-        {.in = screen,
-         .call = "ZU_CAP_CaptureStart",
-         .failing = "SCREENRECORD_Start",
-         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
-                    "SCREENRECORD_Start]Error 0x%x: failed to Start VCAP"}},
-        {.in = encoded_frames,
-         .call = "ZU_CAP_CaptureStart",
-         .failing = "video_capenc_start",
-         .errors = {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
-                    "video_capenc_start]Error 0x%x: failed to Start Vcap"}},
-        {.in = encoded_frames | screen,
-         .call = "ZU_CAP_ProcessBufDone",
-         .errors = {"_SCREENRECORD_Callback]\033[35m_SCREENRECORD_Callback *[ "
-                    "ZU_CAP_ProcessBufDone bufindex = 0 fail !!]\033[m"}},
-        {.in = stills,
-         .call = "ZU_CAP_ProcessBufDone",
-         .errors = {"video_cap_captureScreen]\033[35mvideo_cap_captureScreen *[ "
-                    "ZU_CAP_ProcessBufDone bufindex = 5 fail !!]\033[m"}},
-        {.in = stills,
-         .call = "ZU_CAP_CaptureOne",
-         .failing = "video_cap_captureScreen",
-         .errors = {"video_cap_captureScreen]ZU_CAP_CaptureOne fail! "}},
-        {.in = encoded_frames | screen,
-         .call = "ZU_CAP_CaptureStop",
-         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_VCAP_STOP FAIL"}},
-        {.in = encoded_frames | screen,
-         .call = "ZU_CAP_UnRegisterCallback",
-         .errors =
+        fails(capture_of_a_recording, "ZU_CAP_Open",
+              {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!"}),
+        fails(capture_of_frames, "ZU_CAP_Open",
+              {"_SCREENRECORD_OpenVcap]Failed to ZU_CAP_Open(0x%x)!"}),
+        fails(capture_of_stills, "ZU_CAP_Open",
+              {"_SCREENRECORD_OpenVcapNoEnc]Failed to ZU_CAP_Open(...)!"}),
+        fails(capture_of_a_recording, "ZU_DISP_GetHandle",
+              {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ", not_connected}),
+        fails(capture_of_frames, "ZU_DISP_GetHandle",
+              {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ", not_connected}),
+        fails(capture_of_stills, "ZU_DISP_GetHandle",
+              {"_SCREENRECORD_ConnectDisp]Fail to ZU_DISP_GetHandle ",
+               "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!"}),
+        fails(capture_of_a_recording, "ZU_CAP_ConnectInput",
+              {"_SCREENRECORD_ConnectDisp]Fail to connect disp", not_connected}),
+        fails(capture_of_frames, "ZU_CAP_ConnectInput",
+              {"_SCREENRECORD_ConnectDisp]Fail to connect disp", not_connected}),
+        fails(capture_of_stills, "ZU_CAP_ConnectInput",
+              {"_SCREENRECORD_ConnectDisp]Fail to connect disp",
+               "_SCREENRECORD_OpenVcapNoEnc]Fail to Connect Disp!"}),
+        fails(capture_of_a_recording, "ZU_CAP_RegisterCallback",
+              {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
+               "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
+               "_SCREENRECORD_RegisterCallback failed"}),
+        fails(capture_of_frames, "ZU_CAP_RegisterCallback",
+              {"_SCREENRECORD_RegisterCallback]ZU_CAP_RegisterCallback fail! ",
+               "_SCREENRECORD_OpenVcap]Error: _SCREENRECORD_OpenVcap(*) "
+               "_SCREENRECORD_RegisterCallback failed"}),
+    };
+}
+
+Rules capture_runs_and_closes()
+{
+    return {
+        fails(screen, "ZU_CAP_CaptureStart",
+              {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
+               "SCREENRECORD_Start]Error 0x%x: failed to Start VCAP"}),
+        fails(encoded_frames, "ZU_CAP_CaptureStart",
+              {"_SCREENRECORD_StartModule]Failed to ZU_CAP_CaptureStart(...)!",
+               "video_capenc_start]Error 0x%x: failed to Start Vcap"}),
+        says(encoded_frames | screen, "ZU_CAP_ProcessBufDone",
+             {"_SCREENRECORD_Callback]\033[35m_SCREENRECORD_Callback *[ "
+              "ZU_CAP_ProcessBufDone bufindex = 0 fail !!]\033[m"}),
+        says(stills, "ZU_CAP_ProcessBufDone",
+             {"video_cap_captureScreen]\033[35mvideo_cap_captureScreen *[ "
+              "ZU_CAP_ProcessBufDone bufindex = 5 fail !!]\033[m"}),
+        fails(stills, "ZU_CAP_CaptureOne", {"video_cap_captureScreen]ZU_CAP_CaptureOne fail! "}),
+        says(encoded_frames | screen, "ZU_CAP_CaptureStop", {not_stopped("ZU_VCAP_STOP")}),
+        says(encoded_frames | screen, "ZU_CAP_UnRegisterCallback",
              {"_SCREENRECORD_UnRegisterCallback]ZU_CAP_UnRegisterCallback fail! ",
-              "_SCREENRECORD_StopModule][DEMO TRANSCODE] _SCREENRECORD_UnRegisterCallback FAIL"}},
-        {.in = encoded_frames | screen | stills,
-         .call = "ZU_CAP_DisconnectInput",
-         .errors = {"_SCREENRECORD_StopModule][DEMO TRANSCODE] ZU_CAP_DisconnectInput FAIL"}},
-        {.in = screen | inject | stills,
-         .call = "ZU_CAP_DisconnectInput",
-         .nth = only_with_others,
-         .errors = {"_SCREENRECORD_ConnectDisp]Cap has connected to 0xd0"}},
-        {.in = encoded_frames | screen | stills,
-         .call = "ZU_CAP_Close",
-         .errors = {"_SCREENRECORD_CloseVcap]ZU_CAP_Close Failed"}},
+              not_stopped("_SCREENRECORD_UnRegisterCallback")}),
+        says(encoded_frames | screen | stills, "ZU_CAP_DisconnectInput",
+             {not_stopped("ZU_CAP_DisconnectInput")}),
+        says(screen | inject | stills, {"ZU_CAP_DisconnectInput", only_with_others},
+             {"_SCREENRECORD_ConnectDisp]Cap has connected to 0xd0"}),
+        says(encoded_frames | screen | stills, "ZU_CAP_Close",
+             {"_SCREENRECORD_CloseVcap]ZU_CAP_Close Failed"}),
     };
 }
 
-Rules multiplexer()
+Rules multiplexer_opens()
 {
     return {
-        {.in = recordings,
-         .call = "ZU_SYS_GetMmapLayout",
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"_SCREENRECORD_OpenTsmux]Error: Invalid mmap layout with id = 306",
-                    multiplexer_failed}},
-        {.in = recordings,
-         .call = "ZU_OS_Pa2NonCachedVa",
-         .nth = 1,
-         .errors = {"_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_Open",
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_Open()",
-                    multiplexer_failed}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_RegisterCallback",
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_RegisterCallback()",
-                    multiplexer_failed}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_SetAttr:0x203",
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to "
-                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)",
-                    multiplexer_failed}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_AttachMediaSource",
-         .nth = 1,
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"SCREENRECORD_SetTsMux]Error 0x%x: failed to Attach Venc Stream for Tsmux"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_AttachMediaSource",
-         .nth = 2,
-         .failing = "SCREENRECORD_SetTsMux"},
-        {.in = recordings,
-         .call = "ZU_TSMUX_SetAttr:0x200",
-         .nth = 1,
-         .failing = "SCREENRECORD_SetTsMux",
-         .errors = {"SCREENRECORD_SetTsMux]Error 0x%x: failed to "
-                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, leaving time = "
-                    "1000 ms)"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_Start",
-         .failing = "SCREENRECORD_Start",
-         .errors = {"_SCREENRECORD_StartModule]Error 0x%x: failed to ZU_TSMUX_Start()",
-                    "SCREENRECORD_Start]Error 0x%x: failed to Start TSMUX"}},
-        {.in = recordings, .call = "ZU_TSMUX_PushMediaData", .result = 15},
-        {.in = recordings,
-         .call = "ZU_TSMUX_PushMediaData",
-         .errors = {"_SCREENRECORD_VencCbHandler]Error 0x%x: failed to "
-                    "ZU_TSMUX_PushMediaData(VencCbHandler)"}},
-        {.in = recordings, .call = "ZU_TSMUX_CopyOutputStream", .result = 0},
-        {.in = recordings,
-         .call = "ZU_TSMUX_CopyOutputStream",
-         .errors =
-             {"_SCREENRECORD_TsmuxTaskHandler]Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_SetAttr:0x200",
-         .nth = 2,
-         .errors = {"SCREENRECORD_Close]Failed to ZU_TSMUX_SetAttr()"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_DetachMediaSource",
-         .errors = {"SCREENRECORD_Close]Failed to DetachMediaSource() Video"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_UnRegisterCallback",
-         .errors = {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
-                    "ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x*)"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_SetAttr:0x202",
-         .errors = {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
-                    "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, "
-                    "bForceStop = 1)"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_Stop",
-         .errors = {"_SCREENRECORD_StopModule]Failed to ZU_TSMUX_Stop() with force stop = 1"}},
-        {.in = recordings,
-         .call = "ZU_TSMUX_Close",
-         .errors = {"_SCREENRECORD_CloseTsmux]Failed to ZU_TSMUX_Close()"}},
+        fails(multiplexer_of_a_recording, "ZU_SYS_GetMmapLayout",
+              {"_SCREENRECORD_OpenTsmux]Error: Invalid mmap layout with id = 306"}),
+        says(recordings, {"ZU_OS_Pa2NonCachedVa", 1},
+             {"_SCREENRECORD_OpenTsmux]phyMemAddr: 0x2000000 phyMiuBaseAddr: 0x100000000"}),
+        fails(multiplexer_of_a_recording, "ZU_TSMUX_Open",
+              {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_Open()"}),
+        fails(multiplexer_of_a_recording, "ZU_TSMUX_RegisterCallback",
+              {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to ZU_TSMUX_RegisterCallback()"}),
+        fails(multiplexer_of_a_recording, "ZU_TSMUX_SetAttr:0x203",
+              {"_SCREENRECORD_OpenTsmux]Error 0x%x: failed to "
+               "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL)"}),
+        fails(recordings, {"ZU_TSMUX_AttachMediaSource", 1},
+              {"SCREENRECORD_SetTsMux]Error 0x%x: failed to Attach Venc Stream for Tsmux"}),
+        {recordings, {"ZU_TSMUX_AttachMediaSource", 2}, "SCREENRECORD_SetTsMux"},
+        fails(recordings, {"ZU_TSMUX_SetAttr:0x200", 1},
+              {"SCREENRECORD_SetTsMux]Error 0x%x: failed to "
+               "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL, "
+               "leaving time = 1000 ms)"}),
+    };
+}
+
+Rules multiplexer_runs_and_closes()
+{
+    return {
+        fails(recordings, "ZU_TSMUX_Start",
+              {"_SCREENRECORD_StartModule]Error 0x%x: failed to ZU_TSMUX_Start()",
+               "SCREENRECORD_Start]Error 0x%x: failed to Start TSMUX"}),
+        {recordings, {"ZU_TSMUX_PushMediaData", any, 15}},
+        says(recordings, "ZU_TSMUX_PushMediaData",
+             {"_SCREENRECORD_VencCbHandler]Error 0x%x: failed to "
+              "ZU_TSMUX_PushMediaData(VencCbHandler)"}),
+        {recordings, {"ZU_TSMUX_CopyOutputStream", any, 0}},
+        says(recordings, "ZU_TSMUX_CopyOutputStream",
+             {"_SCREENRECORD_TsmuxTaskHandler]Error 0x%x: failed to ZU_TSMUX_CopyOutputStream()"}),
+        says(recordings, {"ZU_TSMUX_SetAttr:0x200", 2},
+             {"SCREENRECORD_Close]Failed to ZU_TSMUX_SetAttr()"}),
+        says(recordings, "ZU_TSMUX_DetachMediaSource",
+             {"SCREENRECORD_Close]Failed to DetachMediaSource() Video"}),
+        says(recordings, "ZU_TSMUX_UnRegisterCallback",
+             {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
+              "ZU_TSMUX_UnRegisterCallback(u64CallbackId = 0x*)"}),
+        says(recordings, "ZU_TSMUX_SetAttr:0x202",
+             {"_SCREENRECORD_StopModule]Error 0x%x: failed to "
+              "ZU_TSMUX_SetAttr(E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP, "
+              "bForceStop = 1)"}),
+        says(recordings, "ZU_TSMUX_Stop",
+             {"_SCREENRECORD_StopModule]Failed to ZU_TSMUX_Stop() with force stop = 1"}),
+        says(recordings, "ZU_TSMUX_Close", {"_SCREENRECORD_CloseTsmux]Failed to ZU_TSMUX_Close()"}),
     };
 }
 
 Rules memory_and_watermark()
 {
     return {
-        {.in = inject,
-         .call = "ZU_OS_Va2Pa",
-         .failing = "video_capenc_setWatermark",
-         .errors = {"video_capenc_setWatermark ZU_OS_Va2Pa failed with external memory"}},
-        {.in = inject,
-         .call = "ZU_OS_IommuOperation:GET_BUFFINFO",
-         .failing = "video_capenc_setWatermark",
-         .errors = {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed"}},
-        {.in = inject,
-         .call = "ZU_OS_IommuOperation:GET_BUFFD",
-         .failing = "video_capenc_setWatermark",
-         .errors = {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed"}},
-        {.in = inject,
-         .call = "SrGlWorker::newWorker",
-         .failing = "video_capenc_setWatermark",
-         .errors = {"newWorker failed"}},
-        {.in = inject,
-         .call = "SrGlWorker::setWatermark",
-         .failing = "video_capenc_setWatermark",
-         .errors = {"setWatermark failed"}},
-        {.in = stills,
-         .call = "ZU_OS_AllocateIommuMemory",
-         .failing = "video_cap_getCaptureBuffers",
-         .errors = {"_video_cap_allocBuffer]_video_cap_allocBuffer ZU_OS_AllocateIommuMemory fail, "
-                    "tag: vdec_fb, size: 0x8000"}},
-        {.in = stills,
-         .call = "ZU_OS_IommuOperation:GET_BUFFD",
-         .failing = "video_cap_getCaptureBuffers",
-         .errors = {"_video_cap_allocBuffer]_video_cap_allocBuffer GET_BUFFD fail, tag: vdec_fb, "
-                    "size: 0x8000"}},
-        {.in = inject,
-         .call = "SrGlWorker::prepare",
-         .failing = "video_capenc_start",
-         .errors = {"prepare failed"}},
-        {.in = inject,
-         .call = "VideoBuffer::newBuffer",
-         .errors = {"_SCREENRECORD_Callback]VideoBuffer::newBuffer failed"}},
-        {.in = inject,
-         .call = "SrGlWorker::render",
-         .errors = {"_SCREENRECORD_Callback]SrGlWorker::onRender failed"}},
+        fails(inject, "ZU_OS_Va2Pa", "video_capenc_setWatermark",
+              {"video_capenc_setWatermark ZU_OS_Va2Pa failed with external memory"}),
+        fails(inject, "ZU_OS_IommuOperation:GET_BUFFINFO", "video_capenc_setWatermark",
+              {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFINFO failed"}),
+        fails(inject, "ZU_OS_IommuOperation:GET_BUFFD", "video_capenc_setWatermark",
+              {"video_capenc_setWatermark E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD failed"}),
+        fails(inject, "SrGlWorker::newWorker", "video_capenc_setWatermark", {"newWorker failed"}),
+        fails(inject, "SrGlWorker::setWatermark", "video_capenc_setWatermark",
+              {"setWatermark failed"}),
+        fails(stills, "ZU_OS_AllocateIommuMemory", "video_cap_getCaptureBuffers",
+              {"_video_cap_allocBuffer]_video_cap_allocBuffer "
+               "ZU_OS_AllocateIommuMemory fail, tag: vdec_fb, size: 0x8000"}),
+        fails(stills, "ZU_OS_IommuOperation:GET_BUFFD", "video_cap_getCaptureBuffers",
+              {"_video_cap_allocBuffer]_video_cap_allocBuffer GET_BUFFD fail, tag: "
+               "vdec_fb, size: 0x8000"}),
+        fails(inject, "SrGlWorker::prepare", "video_capenc_start", {"prepare failed"}),
+        says(inject, "VideoBuffer::newBuffer",
+             {"_SCREENRECORD_Callback]VideoBuffer::newBuffer failed"}),
+        says(inject, "SrGlWorker::render", {"_SCREENRECORD_Callback]SrGlWorker::onRender failed"}),
     };
 }
 
 Rules workers()
 {
     return {
-        {.in = recordings,
-         .call = "ZU_OS_CreateMutex",
-         .nth = 1,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_mutex, writer_failed)},
-        {.in = recordings,
-         .call = "ZU_OS_CreateMutex",
-         .nth = 2,
-         .failing = "SCREENRECORD_Start",
-         .errors = {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
-                    "SCREENRECORD_Start]Error 0x3: failed to Start VENC"}},
-        {.in = files,
-         .call = "ZU_OS_CreateMutex",
-         .nth = 3,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_mutex, audio_reader_failed)},
-        {.in = files,
-         .call = "ZU_OS_CreateMutex",
-         .nth = 4,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_mutex, video_reader_failed)},
-        {.in = encoded_frames,
-         .call = "ZU_OS_CreateMutex",
-         .nth = 1,
-         .failing = "video_capenc_start",
-         .errors = {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
-                    "video_capenc_start]Error 0x3: failed to Start VENC"}},
-        {.in = recordings,
-         .call = "ZU_OS_CreateTask",
-         .nth = 1,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, writer_failed)},
-        {.in = files,
-         .call = "ZU_OS_CreateTask",
-         .nth = 2,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, audio_reader_failed)},
-        {.in = files,
-         .call = "ZU_OS_CreateTask",
-         .nth = 3,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, video_reader_failed)},
-        {.in = encoded_frames,
-         .call = "ZU_OS_ObtainMutex",
-         .nth = 3,
-         .failing = "video_capenc_getES"},
-        {.in = encoded_frames,
-         .call = "ZU_OS_ObtainMutex",
-         .nth = 4,
-         .failing = "video_capenc_setBitRate"},
-        {.in = encoded_frames,
-         .call = "ZU_OS_ObtainMutex",
-         .nth = 5,
-         .errors =
-             {"video_capenc_requestKeyFrame]No key frame requested, the lock was not obtained"}},
+        fails(writer, {"ZU_OS_CreateMutex", 1}, {no_mutex}),
+        fails(recordings, {"ZU_OS_CreateMutex", 2},
+              {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
+               "SCREENRECORD_Start]Error 0x3: failed to Start VENC"}),
+        fails(audio_reader, {"ZU_OS_CreateMutex", 3}, {no_mutex}),
+        fails(video_reader, {"ZU_OS_CreateMutex", 4}, {no_mutex}),
+        fails(encoded_frames, {"ZU_OS_CreateMutex", 1},
+              {no_mutex, "_SCREENRECORD_StartModule]Failed to ZU VENC CreateTask(...)!",
+               "video_capenc_start]Error 0x3: failed to Start VENC"}),
+        fails(writer, {"ZU_OS_CreateTask", 1}, {no_task}),
+        fails(audio_reader, {"ZU_OS_CreateTask", 2}, {no_task}),
+        fails(video_reader, {"ZU_OS_CreateTask", 3}, {no_task}),
+        {encoded_frames, {"ZU_OS_ObtainMutex", 3}, "video_capenc_getES"},
+        {encoded_frames, {"ZU_OS_ObtainMutex", 4}, "video_capenc_setBitRate"},
+        says(encoded_frames, {"ZU_OS_ObtainMutex", 5},
+             {"video_capenc_requestKeyFrame]No key frame requested, the lock was not obtained"}),
     };
 }
 
 Rules allocations()
 {
     return {
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 1,
-         .failing = "SCREENRECORD_Open",
-         .errors = {"SCREENRECORD_Open][DEMO TRANSCODE] FAILED malloc memory!"}},
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 2,
-         .failing = "SCREENRECORD_SetAudio",
-         .errors = {"SCREENRECORD_SetAudio][DEMO TRANSCODE] FAILED malloc memory!"}},
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 3,
-         .failing = "SCREENRECORD_SetVideo",
-         .errors = {"SCREENRECORD_SetVideo][DEMO TRANSCODE] FAILED malloc memory!"}},
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 4,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_stack, writer_failed)},
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 5,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, writer_failed)},
-        {.in = recordings,
-         .call = "malloc",
-         .nth = 6,
-         .errors =
-             {"_SCREENRECORD_TsmuxTaskHandler]Error: failed to malloc(131072) for batch write"}},
-        {.in = files,
-         .call = "malloc",
-         .nth = 7,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_stack, audio_reader_failed)},
-        {.in = files,
-         .call = "malloc",
-         .nth = 8,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, audio_reader_failed)},
-        {.in = files,
-         .call = "malloc",
-         .nth = 9,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_stack, video_reader_failed)},
-        {.in = files,
-         .call = "malloc",
-         .nth = 10,
-         .failing = "SCREENRECORD_Start",
-         .errors = after(no_task, video_reader_failed)},
-        {.in = inject,
-         .call = "malloc",
-         .nth = 4,
-         .failing = "video_capenc_setWatermark",
-         .errors = {"video_capenc_setWatermark no memory for the watermark"}},
-        {.in = copy,
-         .call = "malloc",
-         .nth = 4,
-         .errors = {"video_capenc_setWatermark no memory for the watermark"}},
-        {.in = encoded_frames,
-         .call = "malloc",
-         .failing = "video_capenc_open",
-         .errors = {"video_capenc_open]malloc 2097152 failed"}},
+        fails(recordings, {"malloc", 1},
+              {"SCREENRECORD_Open][DEMO TRANSCODE] FAILED malloc memory!"}),
+        fails(recordings, {"malloc", 2},
+              {"SCREENRECORD_SetAudio][DEMO TRANSCODE] FAILED malloc memory!"}),
+        fails(recordings, {"malloc", 3},
+              {"SCREENRECORD_SetVideo][DEMO TRANSCODE] FAILED malloc memory!"}),
+        fails(writer, {"malloc", 4}, {no_stack}),
+        fails(writer, {"malloc", 5}, {no_task}),
+        says(recordings, {"malloc", 6},
+             {"_SCREENRECORD_TsmuxTaskHandler]Error: failed to malloc(131072) for batch write"}),
+        fails(audio_reader, {"malloc", 7}, {no_stack}),
+        fails(audio_reader, {"malloc", 8}, {no_task}),
+        fails(video_reader, {"malloc", 9}, {no_stack}),
+        fails(video_reader, {"malloc", 10}, {no_task}),
+        fails(inject, {"malloc", 4}, "video_capenc_setWatermark",
+              {"video_capenc_setWatermark no memory for the watermark"}),
+        says(copy, {"malloc", 4}, {"video_capenc_setWatermark no memory for the watermark"}),
+        fails(encoded_frames, "malloc", {"video_capenc_open]malloc 2097152 failed"}),
     };
 }
 
@@ -633,8 +421,10 @@ const Rules& all_rules()
 {
     static const Rules all = [] {
         Rules rules;
-        for (const auto list : {modules, files_of_the_recording, sound, encoder, capture,
-                                multiplexer, memory_and_watermark, workers, allocations})
+        for (const auto list :
+             {modules, capabilities_and_shutdown, files_of_the_recording, sound, encoder,
+              capture_opens, capture_runs_and_closes, multiplexer_opens,
+              multiplexer_runs_and_closes, memory_and_watermark, workers, allocations})
             std::ranges::copy(list(), std::back_inserter(rules));
         return rules;
     }();
@@ -656,8 +446,8 @@ std::string with_result(std::string text, s64 result)
 
 bool is_for(const Rule& rule, Kind kind, const Fault& fault)
 {
-    return (rule.in & kind) != 0 && rule.call == fault.call &&
-           (!rule.result || rule.result == fault.result);
+    return (rule.in & kind) != 0 && rule.call.name == fault.call &&
+           (!rule.call.result || rule.call.result == fault.result);
 }
 
 } // namespace
@@ -666,7 +456,8 @@ Expectation expected_of(Kind kind, const Fault& fault, bool wherever)
 {
     Expectation e;
     for (const Rule& rule : all_rules()) {
-        if (!is_for(rule, kind, fault) || (!wherever && rule.nth != 0 && rule.nth != fault.nth))
+        if (!is_for(rule, kind, fault) ||
+            (!wherever && rule.call.nth != any && rule.call.nth != fault.nth))
             continue;
         if (!rule.failing.empty())
             e.failing.insert(rule.failing);
