@@ -5,7 +5,15 @@
 
 namespace {
 
-using RecordingCalls = LibraryTest;
+class RecordingCalls : public LibraryTest {
+protected:
+    /** All steps of a recording of the screen and its sound before its start. */
+    static void configure()
+    {
+        ASSERT_TRUE(SCREENRECORD_Init() && steps::open(0) && steps::set_audio(0) &&
+                    steps::set_video(0, "cap", nullptr, 1280, 720) && steps::set_mux(0, 192, 2));
+    }
+};
 
 // Catches a module that is initialised twice, one that another client initialised and that is shut
 // down here, and a slot that starts with the values of an earlier use.
@@ -48,9 +56,8 @@ TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
     EXPECT_EQ(slot.astTaskCtrl[VCAP].eModule, VCAP);
 }
 
-// Catches a changed order or argument of the device calls of a screen recording, and a second start
-// or close that repeats them.
-TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
+// Catches a changed order or argument of the device calls that configure a screen recording.
+TEST_F(RecordingCalls, ScreenAndSoundAreConfiguredCallByCall)
 {
     SCREENRECORD_Init();
     forget();
@@ -80,6 +87,14 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
          "ZU_TSMUX_AttachMediaSource(0x41, type=0x104 pid=0x102 stream=0xc0)=0 "
          "id=0x100000052",
          "ZU_TSMUX_SetAttr(0x41, 0x200, {1, 1000})=0"});
+}
+
+// Catches a changed order or argument of the device calls that start and stop a screen recording,
+// and a second start that repeats them.
+TEST_F(RecordingCalls, ScreenAndSoundStartAndStopCallByCall)
+{
+    configure();
+    forget();
     // its passes would stand between the calls in any place
     mw.hold_tasks();
     ASSERT_EQ(steps::start(0), 1u);
@@ -93,13 +108,23 @@ TEST_F(RecordingCalls, ScreenAndSoundFromOpenToClose)
          "phys=0x0)=0"});
     EXPECT_EQ(steps::start(0), 1u);
     EXPECT_CALLS(mw.take_calls(), {});
-    mw.take_logs();
 
     EXPECT_EQ(steps::stop(0), 1u);
     EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_CaptureStop(0x11)=0",
                                    "ZU_CAP_UnRegisterCallback(0x11, id=0x1000000c2 mask=1)=0",
                                    "ZU_CAP_DisconnectInput(0x11, 0xd0)=0", "ZU_ACAP_Stop(0x31)=0",
                                    "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m1)=0"});
+}
+
+// Catches a changed order or argument of the device calls that close a stopped recording, a slot
+// that stays open behind them, and a second close that repeats them.
+TEST_F(RecordingCalls, ScreenAndSoundCloseCallByCall)
+{
+    configure();
+    mw.hold_tasks();
+    ASSERT_TRUE(steps::start(0) && steps::stop(0));
+    mw.take_calls();
+    mw.take_logs();
     EXPECT_EQ(steps::close(0), 1u);
     EXPECT_CALLS(mw.take_calls(),
                  {"ZU_ACAP_Stop(0x31)=0", "ZU_VENC_Stop(0x21)=0", "ZU_CAP_Close(0x11)=0",
