@@ -15,59 +15,71 @@ namespace {
 
 using RecordingFailures = LibraryTest;
 
-// Catches a check of a control call that is missing, comes in another order, or changes the slot
-// before it refuses.
-TEST_F(RecordingFailures, ChecksComeInTheirOrderAndChangeNothing)
+struct ControlCall {
+    const char* name;
+    u32 (*call)(u32* slot);
+    bool refuses_running;
+    /** the argument check behind the common ones, none = no argument */
+    const char* last_check;
+
+    std::string line(const char* level, const std::string& text) const
+    {
+        return middleware::text(level, " [SCREENRECORD_", name, "]", text);
+    }
+};
+
+const ControlCall control_calls[] = {
+    {"Open", [](u32* slot) { return SCREENRECORD_Open(slot, nullptr); }, true,
+     "Error: invalid destination file name"},
+    {"SetVideo",
+     [](u32* slot) {
+         return SCREENRECORD_SetVideo(slot, nullptr, nullptr, nullptr, nullptr, nullptr);
+     },
+     true, "Error: invalid Source name"},
+    {"SetAudio", [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); },
+     true, "Error: invalid Source name"},
+    {"SetTsMux", [](u32* slot) { return SCREENRECORD_SetTsMux(slot, nullptr, nullptr); }, true,
+     "Need to Assign one source!"},
+    {"Start", SCREENRECORD_Start, false, "Need to Assign one source!"},
+    {"Stop", SCREENRECORD_Stop, false, nullptr},
+    {"Close", SCREENRECORD_Close, false, nullptr},
+};
+
+// Catches a control call that follows a missing slot number, accepts one out of range, or calls the
+// device before the initialisation.
+TEST_F(RecordingFailures, ASlotAndTheInitialisationAreCheckedFirst)
 {
-    struct Case {
-        const char* name;
-        u32 (*call)(u32* slot);
-        bool refuses_running;
-        /** the argument check behind the common ones, none = no argument */
-        const char* last_check;
-    };
-    const Case cases[] = {
-        {"Open", [](u32* slot) { return SCREENRECORD_Open(slot, nullptr); }, true,
-         "Error: invalid destination file name"},
-        {"SetVideo",
-         [](u32* slot) {
-             return SCREENRECORD_SetVideo(slot, nullptr, nullptr, nullptr, nullptr, nullptr);
-         },
-         true, "Error: invalid Source name"},
-        {"SetAudio",
-         [](u32* slot) { return SCREENRECORD_SetAudio(slot, nullptr, nullptr, nullptr); }, true,
-         "Error: invalid Source name"},
-        {"SetTsMux", [](u32* slot) { return SCREENRECORD_SetTsMux(slot, nullptr, nullptr); }, true,
-         "Need to Assign one source!"},
-        {"Start", SCREENRECORD_Start, false, "Need to Assign one source!"},
-        {"Stop", SCREENRECORD_Stop, false, nullptr},
-        {"Close", SCREENRECORD_Close, false, nullptr},
-    };
-    for (const Case& c : cases) {
+    for (const ControlCall& c : control_calls) {
         SCOPED_TRACE(c.name);
         u32 slot = 0, none = 2;
-        const std::string at = "[SCREENRECORD_" + std::string(c.name) + "]";
-        forget();
         EXPECT_EQ(c.call(nullptr), 0u);
         EXPECT_EQ(c.call(&none), 0u);
         EXPECT_EQ(c.call(&slot), 0u);
-        EXPECT_CALLS(mw.take_logs(),
-                     {"E " + at + "INVALID Trancode Id!", "E " + at + "INVALID Trancode Id!",
-                      "D " + at + "init module first!"});
+        const std::string no_slot = c.line("E", "INVALID Trancode Id!");
+        EXPECT_CALLS(mw.take_logs(), {no_slot, no_slot, c.line("D", "init module first!")});
         EXPECT_CALLS(mw.take_calls(), {});
+    }
+}
+
+// Catches an argument that is used without a check, and a check that comes before that of a running
+// recording or ends it.
+TEST_F(RecordingFailures, ARunningRecordingIsRefusedBeforeTheArguments)
+{
+    for (const ControlCall& c : control_calls) {
+        SCOPED_TRACE(c.name);
+        u32 slot = 0;
         ASSERT_EQ(SCREENRECORD_Init(), 1u);
         if (c.last_check) {
             forget();
             EXPECT_EQ(c.call(&slot), 0u);
-            EXPECT_CALLS(mw.take_logs(), {"E " + at + c.last_check});
+            EXPECT_CALLS(mw.take_logs(), {c.line("E", c.last_check)});
         }
         if (c.refuses_running) {
             ASSERT_TRUE(steps::record(0));
             forget();
             EXPECT_EQ(c.call(&slot), 0u);
-            EXPECT_CALLS(
-                mw.take_logs(),
-                {"D " + at + "Some modules are Transcoding now, please stop transcoding first! "});
+            EXPECT_CALLS(mw.take_logs(), {c.line("D", "Some modules are Transcoding now, please "
+                                                      "stop transcoding first! ")});
             EXPECT_EQ(task(0, VCAP).bRunning, 1);
             steps::close(0);
         }
