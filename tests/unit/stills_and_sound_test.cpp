@@ -14,18 +14,39 @@ protected:
     }
 };
 
-// Catches a client that is told another offset, pitch or size than the capture, stills that
-// overlap, and a block that is freed before its descriptor is given back.
+struct Layout {
+    u32 width, height, format;
+    u32 pitch;
+    u64 frame_size;
+    /** what the capture is told of it */
+    const char* output;
+};
+
+/** Still number `i` of a block, as a client must be told of it. */
+Cap_Buffer described(const Layout& layout, u32 i)
+{
+    const s32 fd = _astSlotCtrl[0].s32CapBufFd;
+    const u32 width = layout.width ? layout.width : 640,
+              height = layout.height ? layout.height : 480, luma = width * height,
+              at = static_cast<u32>(i * layout.frame_size);
+    if (layout.format != 3)
+        return {{fd}, {at}, {layout.frame_size}, 1, width, height, layout.pitch, layout.format, 0};
+    return {{fd, fd},
+            {at, at + luma},
+            {luma, (layout.pitch - width) * height},
+            2,
+            width,
+            height,
+            layout.pitch,
+            3,
+            0};
+}
+
+// Catches a client that is told another offset, pitch or size than the capture, and stills that
+// overlap.
 TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
 {
-    struct Case {
-        u32 width, height, format;
-        u32 pitch;
-        u64 frame_size;
-        /** what the capture is told of it */
-        const char* output;
-    };
-    const Case cases[] = {
+    const Layout cases[] = {
         {0, 0, 0, 1280, 614400, "640x480@0 format=0 size=614400 pitch=1280"},
         {640, 480, 1, 1280, 614400, "640x480@0 format=1 size=614400 pitch=1280"},
         {640, 480, 2, 2560, 1228800, "640x480@0 format=2 size=1228800 pitch=2560"},
@@ -36,12 +57,11 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
         {1024, 1, 2, 4096, 4096, "1024x1@0 format=2 size=4096 pitch=4096"},
         {1025, 1, 2, 4100, 8192, "1025x1@0 format=2 size=8192 pitch=4100"},
     };
-    for (const Case& c : cases) {
+    for (const Layout& c : cases) {
         SCOPED_TRACE(c.output);
         mw.settings.first_fd = 5;
         ASSERT_EQ(open(c.width, c.height, c.format, 3, 1), 0);
         Cap_Buffer buffers[3] = {};
-        EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 2), -1);
         ASSERT_EQ(video_cap_getCaptureBuffers(buffers, 3), 0);
         const std::string allocation =
             "ZU_OS_AllocateIommuMemory(tag=vdec_fb size=" + std::to_string(3 * c.frame_size) +
@@ -49,42 +69,36 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
         EXPECT_EQ(mw.calls_of({allocation}).size(), 1u);
         mw.take_calls();
         const u64 start = _astSlotCtrl[0].u64CapBufPhyAddr;
-        const s32 fd = _astSlotCtrl[0].s32CapBufFd;
-        const u32 width = c.width ? c.width : 640, height = c.height ? c.height : 480,
-                  luma = width * height;
         for (u32 i = 0; i < 3; i++) {
-            const u32 at = static_cast<u32>(i * c.frame_size);
-            const Cap_Buffer packed = {{fd},   {at},    {c.frame_size}, 1, width,
-                                       height, c.pitch, c.format,       0};
-            const Cap_Buffer planes = {{fd, fd},
-                                       {at, at + luma},
-                                       {luma, (c.pitch - width) * height},
-                                       2,
-                                       width,
-                                       height,
-                                       c.pitch,
-                                       3,
-                                       0};
-            EXPECT_EQ(testing::PrintToString(buffers[i]),
-                      testing::PrintToString(c.format == 3 ? planes : packed));
+            EXPECT_EQ(testing::PrintToString(buffers[i]), testing::PrintToString(described(c, i)));
             ASSERT_EQ(video_cap_captureScreen(static_cast<s32>(i)), 0);
             EXPECT_EQ(mw.take_calls().front(),
                       middleware::text("ZU_CAP_CaptureOne(0x11, path=0 osd=1 ", c.output,
                                        " fd=0 virt=0 phys=",
                                        middleware::hex(start + i * c.frame_size), ")=0 buffer=5"));
         }
-        mw.take_calls();
         EXPECT_EQ(video_cap_close(), 0);
-        const auto given_back = mw.calls_of({"ZU_OS_"});
-        ASSERT_GE(given_back.size(), 2u);
-        EXPECT_NE(given_back[0].find("PUT_BUFFD"), std::string::npos)
-            << "before the block that it describes";
-        EXPECT_TRUE(given_back[1].starts_with("ZU_OS_FreeIommuMemory"));
-        EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 3), -1);
         EXPECT_CALLS(mw.ledger_problems(), {});
         // the next capture has the first handle
         mw.reset();
     }
+}
+
+// Catches a wrong number of buffers that is accepted, a block that is freed before its descriptor is
+// given back, and buffers that are described after the close.
+TEST_F(StillFrames, TheCloseGivesBackTheDescriptorBeforeTheBlock)
+{
+    ASSERT_EQ(open(640, 480, 2, 3), 0);
+    Cap_Buffer buffers[3] = {};
+    EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 2), -1);
+    ASSERT_EQ(video_cap_getCaptureBuffers(buffers, 3), 0);
+    mw.take_calls();
+    EXPECT_EQ(video_cap_close(), 0);
+    const auto given_back = mw.calls_of({"ZU_OS_"});
+    ASSERT_GE(given_back.size(), 2u);
+    EXPECT_NE(given_back[0].find("PUT_BUFFD"), std::string::npos);
+    EXPECT_TRUE(given_back[1].starts_with("ZU_OS_FreeIommuMemory"));
+    EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 3), -1);
 }
 
 // Catches a count, format or index out of range that is accepted, and a capture into memory that
