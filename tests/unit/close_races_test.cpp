@@ -194,50 +194,63 @@ TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
 
 constexpr int limit_trials = runs_slowly ? 1000 : 10000;
 
-// Catches a slot that the time limit and a client's call close twice, never, or with a wrong
-// answer, at whichever step they meet.
-TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
-{
-    struct Client {
-        const char* name;
-        s64 (*call)();
-        s64 answer;
-    };
-    const Client clients[] = {
-        {"stop", [] { return s64{steps::stop(0)}; }, 1},
-        {"close", [] { return s64{steps::close(0)}; }, 1},
-        {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
-        {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
-    };
-    // nothing, less than a batch, just one, more
-    const u32 outputs[] = {0, 188, 0x10000, 0x18000};
-    int trials = 0;
-    for (; trials < limit_trials && !HasFailure(); trials++) {
-        const Client& client = clients[trials % 4];
-        const bool behind = trials / 4 % 2, client_first = trials / 8 % 2;
-        // a close makes fewer than 60 calls: some come after it
-        const int phase = trials / 16 % 60 + 1;
-        SCOPED_TRACE(std::string(client.name) + (client_first ? " before" : " after") +
-                     " the limit, phase " + std::to_string(phase) + (behind ? " behind" : ""));
-        EXPECT_EQ(steps::one_call(1), 0);
-        mw.settle();
-        mw.queue_output(Bytes(outputs[trials / 16 / 60 % 4], 7));
-        // the next pass but one finds the limit passed
-        mw.set_now_us(mw.now_ms() * 1000 + 1'950'000);
+/** A client's call that meets the time limit. */
+struct LimitClient {
+    const char* name;
+    s64 (*call)();
+    s64 answer;
+};
+
+const LimitClient limit_clients[] = {
+    {"stop", [] { return s64{steps::stop(0)}; }, 1},
+    {"close", [] { return s64{steps::close(0)}; }, 1},
+    {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
+    {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
+};
+
+/** One way in which both can meet. */
+struct Meeting {
+    const LimitClient& client;
+    /** the middleware's call, counted from 1, at which the later one comes */
+    int phase;
+    bool behind, client_first;
+    u32 output;
+
+    explicit Meeting(int trial)
+        : client(limit_clients[trial % 4]),
+          // a close makes fewer than 60 calls: some come after it
+          phase(trial / 16 % 60 + 1), behind(trial / 4 % 2), client_first(trial / 8 % 2)
+    {
+        // nothing, less than a batch, just one, more
+        const u32 outputs[] = {0, 188, 0x10000, 0x18000};
+        output = outputs[trial / 16 / 60 % 4];
+    }
+    std::string text() const
+    {
+        return middleware::text(client.name, client_first ? " before" : " after",
+                                " the limit, phase ", phase, behind ? " behind" : "");
+    }
+};
+
+class TimeLimit : public CloseRaces {
+protected:
+    /** Answers what the client's call answered. */
+    s64 meet(const Meeting& meeting)
+    {
         s64 answer = -100;
         std::future<u32> met;
         const auto call = [&] {
-            answer = client.call();
+            answer = meeting.client.call();
             return 0u;
         };
-        const auto meet = [&] {
-            if (client_first)
+        const auto come = [&] {
+            if (meeting.client_first)
                 ZU_OS_DelayTask(200);
             else
                 met = mw.fire_on_thread(call);
         };
-        mw.inside("*", meet, {.nth = phase, .behind = behind});
-        if (client_first)
+        mw.inside("*", come, {.nth = meeting.phase, .behind = meeting.behind});
+        if (meeting.client_first)
             // the limit passes while the client is at that phase of its call
             call();
         else
@@ -246,13 +259,31 @@ TEST_F(CloseRaces, TheTimeLimitAgainstAClientAtEveryPhaseInBothOrders)
         mw.clear_script();
         if (met.valid())
             met.get();
-        else if (!client_first)
+        else if (!meeting.client_first)
             call();
         mw.advance(300);
+        return answer;
+    }
+};
+
+// Catches a slot that the time limit and a client's call close twice, never, or with a wrong
+// answer, at whichever step they meet.
+TEST_F(TimeLimit, MeetsAClientAtEveryPhaseInBothOrders)
+{
+    int trials = 0;
+    for (; trials < limit_trials && !HasFailure(); trials++) {
+        const Meeting meeting(trials);
+        SCOPED_TRACE(meeting.text());
+        EXPECT_EQ(steps::one_call(1), 0);
+        mw.settle();
+        mw.queue_output(Bytes(meeting.output, 7));
+        // the next pass but one finds the limit passed
+        mw.set_now_us(mw.now_ms() * 1000 + 1'950'000);
+        const s64 answer = meet(meeting), expected = meeting.client.answer;
         // An open comes either behind the writer's close or to a slot that still records.
-        const bool refused =
-            client.answer != mw.count("ZU_FS_Fopen") - 1 && std::string_view(client.name) == "open";
-        EXPECT_EQ(answer, refused ? 0 : client.answer);
+        const bool refused = expected != mw.count("ZU_FS_Fopen") - 1 &&
+                             std::string_view(meeting.client.name) == "open";
+        EXPECT_EQ(answer, refused ? 0 : expected);
         EXPECT_EQ(mw.count("ZU_FS_Fclose"), 1);
         steps::close_all();
         EXPECT_CALLS(mw.ledger_problems(), {});
