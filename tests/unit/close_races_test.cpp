@@ -171,7 +171,7 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
 
 // Catches a worker that is deleted under a callback which outlasts a drain, and a next drain that
 // forgets this callback.
-TEST_F(CloseRaces, WhoOutstaysADrainKeepsItsWorkerAndIsWaitedForAgain)
+TEST_F(CloseRaces, ACallbackThatOutlastsADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
         GTEST_SKIP() << "four drains take 20 s of real time; once is enough";

@@ -246,8 +246,8 @@ TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
     }
 }
 
-// Catches a read that waits for sound, reports more bytes than the caller has room for, or cuts a
-// 64-bit size to 32 bits.
+// Catches a read before a whole buffer is there, more bytes reported than the caller has room for,
+// and a 64-bit size that is cut to 32 bits.
 TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
 {
     ASSERT_EQ(audio_cap_open(), 0);

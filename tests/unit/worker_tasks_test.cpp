@@ -1,7 +1,4 @@
-/**
- * The workers of a recording: what they move, how they end, and that nobody waits for one that has
- * not run.
- */
+/** The workers of a recording: what they move, how they end, and that no stop waits for an idle one. */
 #include "modules/multiplexer_writer.h"
 #include "modules/source_reader.h"
 #include "table/worker_tasks.h"
@@ -103,7 +100,7 @@ TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
     ASSERT_TRUE(steps::record(1, "a.nv12", "a.nv12"));
     const s64 before = mw.now_ms();
     EXPECT_EQ(steps::close(1), 1u);
-    EXPECT_EQ(mw.now_ms(), before) << "nobody waited";
+    EXPECT_EQ(mw.now_ms(), before) << "a call waited";
     EXPECT_EQ(middleware::library_allocations_left(), 0u)
         << "the argument blocks of tasks that never ran";
     EXPECT_EQ(mw.count("ZU_FS_Fwrite"), 0);
