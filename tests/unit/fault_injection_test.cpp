@@ -124,7 +124,8 @@ public: // for the tests, which name its trials
                 (text == "SCREENRECORD_Close]Failed to ZU_TSMUX_SetAttr()" &&
                  !is_among(injected, "ZU_TSMUX_SetAttr:0x200")) ||
                 text ==
-                    "video_capenc_setWatermark watermark flow is supported in external memory case only now";
+                    "video_capenc_setWatermark watermark flow is supported in external memory case "
+                    "only now";
             if (!usual)
                 texts.push_back(text);
         }

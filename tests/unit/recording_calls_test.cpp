@@ -104,8 +104,8 @@ TEST_F(RecordingCalls, ScreenAndSoundStartAndStopCallByCall)
          "ZU_OS_CreateTask(name=Tscode:6 priority=4 stack=133120 start=1)=0 t1",
          "ZU_TSMUX_Start(0x41, 0)=0", "ZU_OS_CreateMutex(name=Tscode: 4)=0 m1",
          "ZU_VENC_Start(0x21, 0)=0", "ZU_ACAP_Start(0x31, 0)=0",
-         "ZU_CAP_CaptureStart(0x11, path=0 osd=0 1280x736@30 format=5 size=2867200 pitch=0 fd=-1 virt=0 "
-         "phys=0x0)=0"});
+         "ZU_CAP_CaptureStart(0x11, path=0 osd=0 1280x736@30 format=5 size=2867200 pitch=0 "
+         "fd=-1 virt=0 phys=0x0)=0"});
     EXPECT_EQ(steps::start(0), 1u);
     EXPECT_CALLS(mw.take_calls(), {});
 

@@ -84,8 +84,8 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
     }
 }
 
-// Catches a wrong number of buffers that is accepted, a block that is freed before its descriptor is
-// given back, and buffers that are described after the close.
+// Catches a wrong number of buffers that is accepted, a block that is freed before its descriptor
+// is given back, and buffers that are described after the close.
 TEST_F(StillFrames, TheCloseGivesBackTheDescriptorBeforeTheBlock)
 {
     ASSERT_EQ(open(640, 480, 2, 3), 0);

@@ -1,4 +1,7 @@
-/** The workers of a recording: what they move, how they end, and that no stop waits for an idle one. */
+/**
+ * The workers of a recording: the data that they move, their end, and stops that do not wait for
+ * one that has not run.
+ */
 #include "modules/multiplexer_writer.h"
 #include "modules/source_reader.h"
 #include "table/worker_tasks.h"
