@@ -298,13 +298,13 @@ ByteSink::State ByteSink::put_at(uint64_t at, std::span<const uint8_t> data)
 
 ByteSink::State ByteSink::look()
 {
-    if (!unfinished_)
-        return State::ready;
-    const auto error = thread_->take_result();
-    if (!error)
-        return State::pending;
-    unfinished_ = false;
-    error_ = *error;
+    if (unfinished_) {
+        const auto error = thread_->take_result();
+        if (!error)
+            return State::pending;
+        unfinished_ = false;
+        error_ = *error;
+    }
     if (error_ == 0)
         return State::ready;
     return error_ == EPIPE ? State::reader_gone : State::failed;

@@ -34,7 +34,7 @@ class Files(ShortEndToEndTest):
         running = []
         for mask in (0, 0o022, 0o777):
             for name, arguments in COMMANDS.items():
-                path = self.path(f"{name}.{mask:o}")
+                path = self.path(f"{name}-{mask:o}")
                 running.append((path, self.client(*arguments, "-o", path, prepare=lambda mask=mask: os.umask(mask))))
         for path, client in running:
             self.assert_exit(client, 0)
