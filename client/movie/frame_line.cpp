@@ -13,6 +13,12 @@ int64_t units(int64_t us, int64_t rate)
     return (us * rate + (us < 0 ? -500'000 : 500'000)) / 1'000'000;
 }
 
+/** From one time to another, which may be earlier. */
+int64_t microseconds(uint64_t from, uint64_t to)
+{
+    return static_cast<int64_t>(to) - static_cast<int64_t>(from);
+}
+
 } // namespace
 
 void FrameLine::put(const EncodedFrame& frame)
@@ -41,15 +47,14 @@ void FrameLine::place(std::span<const uint8_t> bytes, bool key, uint64_t time_us
         origin_ = next_;
         begun_ = true;
     }
-    const int64_t index = origin_ + units(static_cast<int64_t>(time_us - origin_us_), fps_);
+    const int64_t index = origin_ + units(microseconds(origin_us_, time_us), fps_);
     next_ = std::max(index, next_) + 1;
     take_({.bytes = bytes, .index = next_ - 1, .key = key});
 }
 
 int64_t FrameLine::sample_at(uint64_t time_us) const
 {
-    return sample_behind(origin_) +
-           units(static_cast<int64_t>(time_us - origin_us_), int64_t{sound_rate});
+    return sample_behind(origin_) + units(microseconds(origin_us_, time_us), int64_t{sound_rate});
 }
 
 int64_t FrameLine::sample_behind(int64_t index) const

@@ -65,13 +65,13 @@ class SoundLines : public testing::Test {
 protected:
     static int64_t sample_at(uint64_t time_us)
     {
-        return static_cast<int64_t>(time_us - start) * 48 / 1000;
+        return (static_cast<int64_t>(time_us) - static_cast<int64_t>(start)) * 48 / 1000;
     }
     /** `count` pairs of one value, the first heard so many samples behind the start. */
     void put(int64_t sample, int64_t count, int16_t value)
     {
         const std::vector<int16_t> samples(static_cast<size_t>(count) * 2, value);
-        line_.put(start + static_cast<uint64_t>(sample * 1000 / 48), samples);
+        line_.put(static_cast<uint64_t>(static_cast<int64_t>(start) + sample * 1000 / 48), samples);
     }
 
     std::vector<int16_t> heard_;
