@@ -82,7 +82,7 @@ void define_time(CLI::App& command, CommonOptions& options)
 {
     define_value(
         command, "-t,--time", "TIME",
-        "end after so long, such as 90, 1m30s or 00:01:30; else at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+        "stop after this time, such as 90, 1m30s or 00:01:30; default: until SIGINT (Ctrl-C), SIGTERM or SIGHUP",
         [&options](const std::string& given) {
             options.time = parse_time(given);
             return options.time
@@ -105,7 +105,7 @@ void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
 
 void define_fps(CLI::App& command, uint32_t& fps)
 {
-    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; else 30", 1, 120,
+    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; default: 30", 1, 120,
                   [&fps](uint32_t given) { fps = given; });
 }
 
@@ -113,7 +113,7 @@ void define_rate(CLI::App& command, RecordOptions& options)
 {
     define_value(
         command, "--rate", "MBIT",
-        "constant rate of a .ts file, 1 to 4 in units of 1048576 bit/s; else as much as the content needs",
+        "constant rate of a .ts file, 1 to 4 in units of 1048576 bit/s; default: as much as the content needs",
         [&options](const std::string& given) -> std::string {
             const auto rate = parse_number(given);
             if (!rate || *rate < 1)
@@ -207,14 +207,14 @@ void define_encoder(CLI::App& command, StreamOptions& options)
 {
     define_bit_rate(
         command, options.bit_rate,
-        "bits per second, with k (1000) or M (1000000); else chosen by size and frame rate");
+        "bits per second, with k (1000) or M (1000000); default: chosen by size and frame rate");
     define_quality(command, options.quality,
                    "constant quality instead of a bit rate: low, medium, high, or 0 (best) to 51");
     define_choice(
-        command, "--profile", "baseline|main", "H.264 profile; else the encoder's choice",
+        command, "--profile", "baseline|main", "H.264 profile; default: the encoder's choice",
         [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
     define_choice(command, "--level", "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1",
-                  "H.264 level; else the encoder's choice",
+                  "H.264 level; default: the encoder's choice",
                   [&options](const std::string& name) { options.level = *parse_level(name); });
 }
 
@@ -224,7 +224,8 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
                       .add_option("--watermark", options.image,
                                   "picture to draw into the stream, with its alpha")
                       ->type_name("IMAGE.png");
-    define_value(command, "--at", "X,Y", "its top left corner in the stream's picture; else 16,16",
+    define_value(command, "--at", "X,Y",
+                 "its top left corner in the stream's picture; default: 16,16",
                  [&options](const std::string& given) {
                      const auto at = parse_position(given);
                      options.at = at.value_or(options.at);
@@ -232,7 +233,7 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
                  })
         ->needs(image);
     define_number(command, "--opacity", "N",
-                  "0 (invisible) to 255 (as the picture's alpha says); else 255", 0, 255,
+                  "0 (invisible) to 255 (as the picture's alpha says); default: 255", 0, 255,
                   [&options](uint32_t given) { options.opacity = given; })
         ->needs(image);
 }
@@ -243,22 +244,22 @@ void define_record(CLI::App& command, RecordOptions& options)
 {
     define_output(
         command, options, "FILE.mp4|FILE.mkv|FILE.ts|-",
-        "file to record into, its format by its ending, or - for standard output; else an MP4 file named by date and time in the folder for videos (XDG_VIDEOS_DIR), or in the current one")
+        "file to record into, its format by its ending, or - for standard output; default: an MP4 file named by date and time in the folder for videos (XDG_VIDEOS_DIR), or in the current folder")
         ->required(false);
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; else the display's own");
+                "picture size, even, 64x64 to 3840x2160; default: the display's own");
     define_fps(command, options.fps);
     define_time(command, options);
     define_quality(
         command, options.quality,
-        "constant quality: low (about half the bits of medium), medium, high (about 1.6 times as many), or x264's rate factor, 0 (best) to 51; else medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
+        "constant quality: low (about half the bits of medium), medium, high (about 1.6 times as many), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
     define_bit_rate(
         command, options.bit_rate,
         "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
     command.add_flag(
         "--fragmented", options.fragmented,
         "leave an MP4 file in fragments, instead of rewriting it at the end with its index in front");
-    define_choice(command, "--format", "mkv|ts", "what to write to standard output; else mkv",
+    define_choice(command, "--format", "mkv|ts", "what to write to standard output; default: mkv",
                   [&options](const std::string& name) { options.format = name; });
     define_choice(
         command, "--control", "-",
@@ -267,13 +268,13 @@ void define_record(CLI::App& command, RecordOptions& options)
     define_rate(command, options);
     define_choice(
         command, "--packet-size", "188|192",
-        "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; else 188",
+        "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; default: 188",
         [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
     define_choice(command, "--slot", "0|1",
-                  "recording slot of the library; 1 goes with --source only; else 0",
+                  "recording slot of the library; 1 goes with --source only; default: 0",
                   [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
     command
         .add_option(
@@ -293,7 +294,7 @@ void define_stream(CLI::App& command, StreamOptions& options)
 {
     define_output(command, options, "FILE.h264|-", "file, or - for standard output");
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; else the display's own");
+                "picture size, even, 64x64 to 3840x2160; default: the display's own");
     define_fps(command, options.fps);
     define_encoder(command, options);
     command.add_flag(
@@ -313,9 +314,9 @@ void define_shot(CLI::App& command, ShotOptions& options)
     define_output(
         command, options, "FILE.png|-",
         "picture to write, or - for a PNG on standard output; a name ending in .raw gets the captured bytes as they are");
-    define_size(command, options.size, "picture size; else the display's own");
+    define_size(command, options.size, "picture size; default: the display's own");
     define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
-                  "what is captured, before it is converted to PNG; else bgra",
+                  "what is captured, before it is converted to PNG; default: bgra",
                   [&options](const std::string& name) { options.format = format_code(name); });
     auto* count = define_number(command, "-n,--count", "COUNT",
                                 "take so many and number the files: shot-001.png ...", 1, 999999,
@@ -323,8 +324,8 @@ void define_shot(CLI::App& command, ShotOptions& options)
                                     options.count = given;
                                     options.numbered = true;
                                 });
-    define_number(command, "--interval", "MS", "milliseconds from one to the next; else 1000", 0,
-                  86400000,
+    define_number(command, "--interval", "MS", "milliseconds from one to the next; default: 1000",
+                  0, 86400000,
                   [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
         ->needs(count);
     command.add_flag("--pointer,--osd", options.osd, "with the pointer");

@@ -84,9 +84,8 @@ private:
         return true;
     }
 
-    // By time stamps, which also count what is missing, and by number: key frames bear the time of
-    // the latest picture instead of their own, and with the first of them so late the end would be,
-    // too.
+    // By time stamps, which also count missing frames, and by number: a key frame has the time of
+    // the latest picture, so a late first key frame would also delay the end.
     bool is_behind_the_end(const EncodedFrame& frame) const
     {
         return options_.time &&

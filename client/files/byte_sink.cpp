@@ -213,7 +213,7 @@ ByteSink::ByteSink(const std::string& path, bool overwrite, int standard_output,
         return;
     }
     file_.emplace(path, overwrite, signals);
-    // Of its own, since the thread may outlive the file's.
+    // A duplicate, since the thread may outlive the file.
     common::Descriptor fd(fcntl(file_->fd(), F_DUPFD_CLOEXEC, 3));
     const int number = fd.get();
     thread_ = SinkThread::start(number, std::move(fd));

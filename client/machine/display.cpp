@@ -97,8 +97,8 @@ std::string environment(const char* name)
 
 } // namespace
 
-// A server that is stopped accepts the connection and never answers, and xcb has no time limit: so
-// a thread of its own asks, and is left alone when it takes too long.
+// A stopped server accepts the connection and never answers, and xcb has no timeout: so a separate
+// thread asks, and is abandoned after a while.
 std::optional<DisplayInfo> probe_display(const std::string& name)
 {
     const auto answer = std::make_shared<Answer>();

@@ -10,10 +10,9 @@
 
 namespace client::movie {
 
-// What the program and its module for movie files say to one another. Both are built together, so
-// classes can pass between them; libavformat and libavcodec are seen by the module alone, which is
-// loaded where a movie is written. Failures are thrown as std::runtime_error, whose text is the end
-// of a sentence.
+// The interface between the program and its module for movie files. Both are built together, so
+// classes can pass between them. Only the module links libavformat and libavcodec; the program
+// loads it to write a movie. Failures are std::runtime_error; the text ends a sentence.
 
 /** Sound in a movie: 48 kHz, two channels, interleaved. */
 inline constexpr uint32_t sound_rate = 48000;

@@ -92,7 +92,7 @@ void ControlInput::read_lines(const std::function<void(const std::string&)>& han
     const ssize_t n = read(fd_, bytes, sizeof bytes);
     if (n < 0 && (errno == EINTR || errno == EAGAIN))
         return;
-    if (n <= 0) { // whoever sent commands is gone; the stream goes on
+    if (n <= 0) { // no more commands; the stream goes on
         fd_ = -1;
         if (!unfinished_.empty() && !refused_)
             handle(unfinished_);

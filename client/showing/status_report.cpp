@@ -124,7 +124,7 @@ StatusReport::~StatusReport()
         finish(last_, false);
 }
 
-// A recording does not end because nobody can watch it.
+// A recording goes on without its status.
 void StatusReport::heed(const std::optional<std::string>& failure)
 {
     if (!failure)
