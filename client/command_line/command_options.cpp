@@ -252,7 +252,7 @@ void define_record(CLI::App& command, RecordOptions& options)
     define_time(command, options);
     define_quality(
         command, options.quality,
-        "constant quality: low (about half the bits of medium), medium, high (about 1.6 times as many), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
+        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
     define_bit_rate(
         command, options.bit_rate,
         "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
