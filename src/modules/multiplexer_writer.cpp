@@ -16,9 +16,8 @@ namespace {
 enum {
     /** bytes of the batch buffer */
     BATCH_SIZE = 0x20000,
-    COPY_SIZE =
-        /** most that one copy brings; a batch beyond it is written, so a copy always fits */
-    0x10000,
+    /** greatest size of one copy, bytes; a fuller batch is written, so the next copy always fits */
+    COPY_SIZE = 0x10000,
     WRITER_PASS_MS = 100,
 };
 

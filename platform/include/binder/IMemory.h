@@ -8,7 +8,7 @@
 
 namespace android {
 
-/** A piece of shared memory; held through sp<IMemory>. */
+/** A piece of shared memory; use it through sp<IMemory>. */
 class IMemory : public virtual RefBase {
 public:
     /** Start of the piece in this process; valid while the object lives. */

@@ -31,7 +31,7 @@ struct qrl_native_buffer_t {
     uint32_t reserved0;
     /** physical start of that buffer */
     uint64_t phys;
-    /** descriptor of the buffer, one a plane */
+    /** descriptor of the buffer, one per plane */
     int32_t fd[2];
     /** 0 */
     uint32_t reserved1;
@@ -46,16 +46,15 @@ static_assert(sizeof(void*) != 4 || sizeof(qrl_native_buffer_t) == 72,
 namespace android {
 
 /**
- * A watermark: an RGBA picture in shared memory and where it goes. A NULL memory, a width or height
- * of 0 or an opacity of 0 shows nothing, which is how a watermark is removed.
+ * A watermark: an RGBA picture in shared memory and its position. A NULL memory, a width or height
+ * of 0 or an opacity of 0 draws nothing; use that to remove a watermark.
  */
 class WatermarkParams : public RefBase {
 public:
     /** the picture: u32Height lines of u32Stride bytes from u32Offset on */
     sp<IMemory> spMemory;
-    uint32_t u32BytesPerPixel =
-        /** 4 = R, G, B, A, one byte each, alpha not premultiplied; nothing else is drawn */
-        4;
+    /** 4 = R, G, B, A, one byte each, alpha not premultiplied; no other value is drawn */
+    uint32_t u32BytesPerPixel = 4;
     /** left edge in the captured picture, pixels; may be negative or odd */
     int32_t s32X = 0;
     /** top edge, lines; may be negative or odd */
@@ -73,7 +72,7 @@ public:
     uint32_t au32Reserved[3] = {0, 0, 0};
 
     WatermarkParams() = default;
-    /** Copies everything but the reference counts; takes a strong reference to the memory. */
+    /** Copies everything but the reference counts; adds a strong reference to the memory. */
     WatermarkParams(const WatermarkParams& other)
         : RefBase(), spMemory(other.spMemory), u32BytesPerPixel(other.u32BytesPerPixel),
           s32X(other.s32X), s32Y(other.s32Y), u32Width(other.u32Width), u32Height(other.u32Height),
@@ -97,8 +96,7 @@ namespace vexa_screenrecord {
 class SrGlWorker : public RefBase {
 public:
     /**
-     * One picture to draw into; the memory that it describes must stay valid while the object
-     * lives.
+     * A picture to draw into. Its memory must stay valid while the object lives.
      */
     class VideoBuffer : public RefBase {
     public:
@@ -115,13 +113,13 @@ public:
     /** Makes the worker ready to render; 0 on success. */
     int prepare();
     /**
-     * Replaces the watermark from the next picture on; 0 when it is accepted, else the old one
+     * Replaces the watermark from the next picture on. 0 if it is accepted; otherwise the old one
      * stays.
      */
     int setWatermark(sp<WatermarkParams> params);
     /** Draws the current watermark into the picture in place; 0 on success. */
     int render(sp<VideoBuffer> buffer);
-    /** Forgets the watermark and releases what prepare() took. */
+    /** Removes the watermark and releases the resources of prepare(). */
     int reset();
 
 protected:

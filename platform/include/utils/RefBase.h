@@ -9,7 +9,7 @@
 namespace android {
 
 /**
- * Base of objects held through sp<>: the last strong reference destroys the object. The counters
+ * Base of objects in an sp<>: the last strong reference destroys the object. The counters
  * live outside the object, so it is two pointers large. Thread-safe.
  */
 class RefBase {
@@ -24,7 +24,7 @@ protected:
     RefBase();
     virtual ~RefBase();
 
-    /** Called when the first strong reference is taken. */
+    /** Called at the first strong reference. */
     virtual void onFirstRef();
     /** Called when the last strong reference is gone, before the destructor. */
     virtual void onLastStrongRef(const void* id);

@@ -4,7 +4,7 @@
 
 namespace android {
 
-/** Holds one strong reference; not safe for two threads at the same pointer. */
+/** One strong reference. Two threads must not use one pointer at the same time. */
 template <typename T> class sp {
 public:
     sp() : m_ptr(nullptr) {}

@@ -1,6 +1,6 @@
 /**
- * Audio capture: PCM of what the device plays, 48 kHz, two channels, 16 bits, little-endian,
- * interleaved.
+ * Audio capture: PCM of the sound that the device plays, 48 kHz, two channels, 16 bits,
+ * little-endian, interleaved.
  */
 #ifndef ZU3_ACAP_H
 #define ZU3_ACAP_H
@@ -61,9 +61,9 @@ enum {
 };
 
 typedef struct {
-    /** where the bytes go */
+    /** destination */
     void* pBuffer;
-    /** at most so many */
+    /** size of the destination, bytes */
     u32 u32Size;
 } ZU_ACAP_ReadRequest_t;
 ZU_ASSERT_DEVICE_SIZE(ZU_ACAP_ReadRequest_t, 8);
@@ -89,7 +89,7 @@ u32 ZU_ACAP_Start(u32 u32Handle, const ZU_ACAP_StartParams_t* pstParams);
 u32 ZU_ACAP_Stop(u32 u32Handle);
 /** Reads attribute `u32Type`; `u32Index` is 0. */
 u32 ZU_ACAP_GetAttr(u32 u32Handle, u32 u32Type, u32 u32Index, void* pValue);
-/** Moves waiting bytes out; does not wait for more. */
+/** Copies out available bytes. Does not wait for more. */
 u32 ZU_ACAP_Read(u32 u32Handle, const ZU_ACAP_ReadRequest_t* pstRequest,
                  ZU_ACAP_ReadResult_t* pstResult);
 

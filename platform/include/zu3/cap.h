@@ -1,6 +1,6 @@
 /**
- * Display capture. A device captures nothing until its input is connected to a display; running, it
- * calls the registered callback on a thread of its own, one picture at a time. Handles are u32, 0 =
+ * Display capture. A device captures nothing until its input is connected to a display; while it
+ * runs, it calls the registered callback on its thread, one picture at a time. Handles are u32, 0 =
  * none.
  */
 #ifndef ZU3_CAP_H
@@ -12,11 +12,11 @@ ZU_EXTERN_C_BEGIN
 
 /** Picture formats that a capture writes. */
 typedef enum {
-    /** packed 4:2:2, 2 bytes a pixel */
+    /** packed 4:2:2, 2 bytes per pixel */
     E_ZU_CAP_FORMAT_YUYV = 0,
-    /** 2 bytes a pixel, little-endian */
+    /** 2 bytes per pixel, little-endian */
     E_ZU_CAP_FORMAT_RGB565 = 1,
-    /** 4 bytes a pixel, blue first in memory */
+    /** 4 bytes per pixel, blue first in memory */
     E_ZU_CAP_FORMAT_BGRA = 2,
     /** 4:2:0, a luma plane and an interleaved CbCr plane */
     E_ZU_CAP_FORMAT_NV12 = 5
@@ -34,7 +34,7 @@ typedef struct {
     u8 au8Reserved[3];
 } ZU_CAP_ConnectParams_t;
 
-/** What a capture writes and where; inside ZU_CAP_CaptureParams_t. */
+/** Output of a capture; inside ZU_CAP_CaptureParams_t. */
 typedef struct {
     /** output buffer, 0 = the device's own buffers */
     u64 u64VirtAddr;
@@ -69,7 +69,7 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, s32OutFd, 28);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, u32Pitch, 32);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_Output_t, u64PhyAddr, 40);
 
-/** Given to ZU_CAP_CaptureStart and ZU_CAP_CaptureOne; zero except where said. */
+/** Given to ZU_CAP_CaptureStart and ZU_CAP_CaptureOne; zero except the fields below. */
 typedef struct {
     /** 0 */
     u32 u32CapturePath;
@@ -87,7 +87,7 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_CaptureParams_t, stOutput, 176);
 
 /** A captured picture. Valid until its buffer is given back with ZU_CAP_ProcessBufDone. */
 typedef struct {
-    /** capture buffer that holds the picture */
+    /** capture buffer with the picture */
     u32 u32BufIndex;
     u32 u32Reserved0;
     /** physical address of the luma plane (or of the only plane) */
@@ -100,7 +100,7 @@ ZU_ASSERT_DEVICE_SIZE(ZU_CAP_FrameInfo_t, 32);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_FrameInfo_t, phyYAddr, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_CAP_FrameInfo_t, phyCAddr, 16);
 
-/** Called once per captured picture; what it returns is not looked at. */
+/** Called once per captured picture; the result is ignored. */
 typedef u32 (*ZU_CAP_Callback)(s32 s32Handle, u32 u32Event, ZU_CAP_FrameInfo_t* pstFrame,
                                void* pUserData);
 

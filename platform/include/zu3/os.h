@@ -20,15 +20,15 @@ typedef struct {
 ZU_ASSERT_DEVICE_SIZE(ZU_OS_MutexAttr_t, 8);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_MutexAttr_t, u32Reserved, 4);
 
-/** Entry of a task; the task ends when it returns. */
+/** Entry of a task. The task ends when the entry returns. */
 typedef void (*ZU_OS_TaskEntry)(void* pArg);
 
 /** Given to ZU_OS_CreateTask. */
 typedef struct {
     ZU_OS_TaskEntry pfnEntry;
     /**
-     * handed to the entry as it stands; the entry owns and frees what it points to. That of a task
-     * that was deleted before it ran, or was not created, stays its creator's
+     * passed to the entry unchanged; the entry owns and frees the block. If the task was deleted
+     * before it ran, or was not created, the creator still owns it
      */
     void* pArg;
     /** scheduling class, 4 = the middleware's default for media tasks */
@@ -53,7 +53,7 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_OS_TaskAttr_t, pName, 24);
 
 /** Creates an unlocked, non-recursive mutex; writes its id, which is 0 or more. */
 u32 ZU_OS_CreateMutex(const ZU_OS_MutexAttr_t* pstAttr, s32* ps32MutexId);
-/** Waits up to `u32TimeoutMs` milliseconds; 0 only when the caller holds the mutex afterwards. */
+/** Waits at most `u32TimeoutMs` milliseconds. 0 only if the caller owns the mutex afterwards. */
 u32 ZU_OS_ObtainMutex(s32 s32MutexId, u32 u32TimeoutMs);
 /** Only the thread that obtained the mutex releases it. */
 u32 ZU_OS_ReleaseMutex(s32 s32MutexId);
@@ -62,9 +62,8 @@ u32 ZU_OS_DeleteMutex(s32 s32MutexId);
 /** Creates a task and writes its id, which is 1 or more. The entry may run before this returns. */
 u32 ZU_OS_CreateTask(const ZU_OS_TaskAttr_t* pstAttr, s32* ps32TaskId);
 /**
- * Deletes a task; also one whose entry has returned, and one that has not run yet, which then never
- * runs. When it has returned, the task executes nothing more and its stack may be freed. Not for
- * the calling task itself.
+ * Deletes a task, even if its entry has returned or has not run yet; it then never runs. After the
+ * call the task executes nothing, and its stack may be freed. Do not call it for the calling task.
  */
 u32 ZU_OS_DeleteTask(s32 s32TaskId);
 /** Blocks the calling thread for `u32Ms` milliseconds. */
@@ -81,18 +80,18 @@ u32 ZU_OS_Pa2NonCachedVa(u64 u64PhyAddr, u64* pu64VirtAddr);
 u32 ZU_OS_Pa2CachedVa(u64 u64PhyAddr, u64* pu64VirtAddr);
 /** Virtual to physical address, for an address of either mapping. */
 u32 ZU_OS_Va2Pa(u64 u64VirtAddr, u64* pu64PhyAddr);
-/** Writes the data cache back over a virtual range of `u32Size` bytes. */
+/** Writes back the data cache of a virtual range of `u32Size` bytes. */
 u32 ZU_OS_DcacheFlush(u64 u64VirtAddr, u32 u32Size);
 /** Drains the write buffers between CPU and memory. */
 u32 ZU_OS_FlushMemory(void);
 
 /** IOMMU allocation: the caller fills everything but the address. */
 typedef struct {
-    /** NUL-terminated name of the heap the block comes from, "vdec_fb" for pictures */
+    /** NUL-terminated name of the block's heap, "vdec_fb" for pictures */
     char acTag[32];
     /** bytes */
     u32 u32Size;
-    /** 3 = a block that both capture and CPU reach */
+    /** 3 = accessible to capture and CPU */
     u32 u32Flags;
     /** 0 */
     u8 bSecure;
@@ -120,9 +119,9 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuFree_t, u32Size, 8);
 
 /** Record of E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD and _PUT_BUFFD. */
 typedef struct {
-    /** GET: physical address inside the block whose descriptor is wanted */
+    /** GET: physical address inside the block to describe */
     u64 u64PhyAddr;
-    /** GET: out, a descriptor that can be mapped; PUT: the descriptor given back; -1 = none */
+    /** GET: out, a descriptor to map; PUT: the descriptor to return; -1 = none */
     s32 s32Fd;
     /** 0 */
     u32 u32Reserved;
@@ -143,7 +142,7 @@ ZU_ASSERT_DEVICE_SIZE(ZU_OS_IommuBufInfo_t, 24);
 ZU_ASSERT_DEVICE_OFFSET(ZU_OS_IommuBufInfo_t, u64StartPhyAddr, 8);
 
 typedef enum {
-    /** ZU_OS_IommuBufFd_t; each GET is undone by one PUT */
+    /** ZU_OS_IommuBufFd_t; each GET needs one PUT */
     E_ZU_OS_IOMMU_OPERATION_TYPE_GET_BUFFD = 0,
     /** ZU_OS_IommuBufFd_t */
     E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD = 1,

@@ -14,7 +14,7 @@ enum {
 /** One region of the memory layout, filled by ZU_SYS_GetMmapLayout. */
 typedef struct {
     u8 au8Reserved0[8];
-    /** base address that phyMemAddr is relative to */
+    /** base address of phyMemAddr */
     u64 phyMiuBaseAddr;
     /** address of the region relative to phyMiuBaseAddr */
     u64 phyMemAddr;
@@ -28,10 +28,11 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, phyMemAddr, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_SYS_MmapLayout_t, u32RegionSize, 24);
 
 /**
- * Brings the middleware up; once per process, before any module is initialised. `u32Flags` is 0.
+ * Initialises the middleware. Call it once per process, before any module's initialisation.
+ * `u32Flags` is 0.
  */
 u32 ZU_SYS_Init(u32 u32Flags);
-/** Describes region `u32Id`; a region that the device lacks fails or has a size of 0. */
+/** Describes region `u32Id`; for a missing region it fails, or the size is 0. */
 u32 ZU_SYS_GetMmapLayout(u32 u32Id, ZU_SYS_MmapLayout_t* pstLayout);
 
 ZU_EXTERN_C_END

@@ -14,7 +14,7 @@ typedef struct {
 typedef struct {
     /** 0 */
     u32 u32Reserved0;
-    /** 188, or 192 = each packet behind a 4-byte arrival time stamp */
+    /** 188, or 192 = a 4-byte arrival time stamp before each packet */
     u32 u32TsPacketSize;
     /** 1 */
     u8 u8Reserved1;
@@ -63,7 +63,7 @@ typedef struct {
     ZU_TSMUX_Callback pfnCallback;
     /** 3 when registering */
     u32 u32EventMask;
-    /** handed to the callback as it stands */
+    /** passed to the callback unchanged */
     void* pUserData;
     /** 0 */
     u32 u32Reserved;
@@ -77,9 +77,8 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_TSMUX_CallbackParams_t, pUserData, 16);
 typedef enum {
     /** ZU_TSMUX_AvInterleaving_t */
     E_ZU_TSMUX_PARAMTYPE_AV_INTERLEAVING_CONTROL = 0x200,
-    E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP =
-        /** u8, 1 = a stop drops what was not multiplexed */
-    0x202,
+    /** u8, 1 = a stop drops data that is not multiplexed yet */
+    E_ZU_TSMUX_PARAMTYPE_IGNORE_REMAIN_MEDIA_DATA_WHEN_STOP = 0x202,
     /** ZU_TSMUX_PtsContinuity_t */
     E_ZU_TSMUX_PARAMTYPE_PTS_CONTINUITY_CONTROL = 0x203
 } ZU_TSMUX_ParamType_e;
@@ -151,7 +150,7 @@ u32 ZU_TSMUX_Open(const ZU_TSMUX_OpenParams_t* pstParams, u32* pu32Handle);
 u32 ZU_TSMUX_Close(u32 u32Handle);
 u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams,
                               u64* pu64CallbackId);
-/** Removes the multiplexer's callback; succeeds when there is none (any more). */
+/** Removes the multiplexer's callback; succeeds if there is none. */
 u32 ZU_TSMUX_UnRegisterCallback(u32 u32Handle, const ZU_TSMUX_CallbackParams_t* pstParams);
 u32 ZU_TSMUX_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue);
 u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t* pstParams,
@@ -159,14 +158,14 @@ u32 ZU_TSMUX_AttachMediaSource(u32 u32Handle, const ZU_TSMUX_MediaSourceParams_t
 u32 ZU_TSMUX_DetachMediaSource(u32 u32Handle, u64 u64MuxSrcId);
 u32 ZU_TSMUX_Start(u32 u32Handle, const ZU_TSMUX_StartParams_t* pstParams);
 /**
- * Stops taking media data; what was multiplexed can be copied out until the multiplexer is closed.
+ * Stops accepting media data. Multiplexed data can be copied out until the multiplexer is closed.
  */
 u32 ZU_TSMUX_Stop(u32 u32Handle);
-/** Multiplexes one access unit: 0 = taken whole, ZU_BUSY = nothing was taken for want of room. */
+/** Multiplexes one access unit. 0 = accepted whole; ZU_BUSY = no room, nothing accepted. */
 u32 ZU_TSMUX_PushMediaData(u32 u32Handle, const ZU_TSMUX_MediaData_t* pstData);
 /**
- * Moves at most `u32MaxSize` bytes of the stream out, whole packets only; writes their number, 0
- * when there are none.
+ * Moves at most `u32MaxSize` bytes of the stream to `pDst`, whole packets only. `pu32Copied`
+ * receives the number of bytes, 0 if there are none.
  */
 u32 ZU_TSMUX_CopyOutputStream(u32 u32Handle, void* pDst, u32 u32MaxSize, u32* pu32Copied);
 

@@ -3,7 +3,7 @@
  *
  * Every middleware function has C linkage and returns a u32 result unless its declaration says
  * otherwise. All records are little-endian and naturally aligned; on the 32-bit device their layout
- * is fixed, which the static assertions beside each record hold wherever a pointer has four bytes.
+ * is fixed, which the static assertions beside each record check if a pointer has four bytes.
  */
 #ifndef ZU3_TYPES_H
 #define ZU3_TYPES_H
@@ -18,23 +18,24 @@ typedef uint64_t u64;
 typedef int32_t s32;
 typedef int64_t s64;
 
-/** Results of middleware calls. Any other value is a failure whose meaning is the module's own. */
+/** Results of middleware calls. Any other value is a failure; its meaning depends on the module. */
 enum {
     /** success */
     ZU_OK = 0,
-    /** from a module initialisation: another user of the process was first */
+    /** from a module initialisation: another user of the process has done it */
     ZU_ALREADY_INITIALISED = 2,
     /** a step or a precondition failed */
     ZU_FAILURE = 3,
     /** a NULL record, an unknown handle or a value out of range */
     ZU_INVALID_ARGUMENT = 8,
-    /** from a multiplexer push: nothing was taken, try again */
+    /** from a multiplexer push: nothing was accepted; try again */
     ZU_BUSY = 15,
 };
 
 #ifdef __cplusplus
 /**
- * Holds a record to the device's layout; on other pointer sizes both sides compile the same header.
+ * Checks a record against the device's layout. With other pointer sizes, both sides compile the
+ * same header.
  */
 #define ZU_ASSERT_DEVICE_SIZE(type, bytes)                                                         \
     static_assert(sizeof(void*) != 4 || sizeof(type) == (bytes),                                   \

@@ -1,7 +1,7 @@
 /**
- * Video encoder. Pictures go in through lent buffers (query, fill, complete) or, where the encoder
- * offers one, out of its entire inject buffer; encoded frames come out on the encoder's own
- * callback thread.
+ * Video encoder. Pictures enter through lent buffers (query, fill, complete) or, if the encoder
+ * offers one, through its entire inject buffer. Encoded frames arrive on the encoder's callback
+ * thread.
  */
 #ifndef ZU3_VENC_H
 #define ZU3_VENC_H
@@ -35,22 +35,21 @@ typedef enum {
     E_ZU_VENC_CODEC_H264 = 1
 } ZU_VENC_CodecType_e;
 
-/** How the encoder takes its pictures; both values that the library passes mean NV12. */
+/** How the encoder gets its pictures; both values mean NV12. */
 typedef enum {
     /** pictures in lent buffers */
     E_ZU_VENC_COLOR_COPY = 0,
-    /** pictures in the entire inject buffer, where the encoder offers one */
+    /** pictures in the entire inject buffer, if the encoder offers one */
     E_ZU_VENC_COLOR_INJECT = 6
 } ZU_VENC_ColorFormat_e;
 
 typedef enum {
-    E_ZU_VENC_FRAME_TYPE_KEY =
-        /** u8FrameType of a key frame; such a record has no input-buffer index */
-    0xFF
+    /** u8FrameType of a key frame; such a record has no input-buffer index */
+    E_ZU_VENC_FRAME_TYPE_KEY = 0xFF
 } ZU_VENC_FrameType_e;
 
 enum {
-    /** callback event: an encoded frame; as a mask, the wish for it */
+    /** callback event: an encoded frame; also its bit in u32EventMask */
     ZU_VENC_EVENT_FRAME = 1,
     /** ZU_VENC_SetAttr: one u32, bit rate in units of 1024 bit/s */
     ZU_VENC_ATTR_BITRATE = 1
@@ -67,7 +66,7 @@ typedef struct {
     u8 au8Reserved0[7];
     /** microseconds; all ones = none */
     u64 u64Pts;
-    /** u32InBufIndex of the input the frame was made from */
+    /** u32InBufIndex of the frame's input picture */
     u32 u32InBufIndex;
     u32 u32Reserved1;
 } ZU_VENC_FrameInfo_t;
@@ -110,7 +109,7 @@ typedef struct {
     ZU_VENC_Callback pfnCallback;
     /** ZU_VENC_EVENT_FRAME */
     u32 u32EventMask;
-    /** handed to the callback as it stands */
+    /** passed to the callback unchanged */
     void* pUserData;
     /** 0 */
     u32 u32Reserved2;
@@ -130,7 +129,7 @@ typedef struct {
 
 /** An input picture. */
 typedef struct {
-    /** out of ZU_VENC_QueryBuffer, or set by the caller in inject mode */
+    /** from ZU_VENC_QueryBuffer, or set by the caller in inject mode */
     u8* pu8Data;
     /** bytes at pu8Data, from the same side */
     u32 u32DataSize;
@@ -142,7 +141,7 @@ typedef struct {
     u8 au8Reserved0[6];
     /** microseconds of the monotonic clock */
     u64 u64Pts;
-    /** 0..15, comes back with the encoded frame */
+    /** 0 to 15, returned with the encoded frame */
     u32 u32InBufIndex;
     /** 0 */
     u32 u32Reserved1;
@@ -170,11 +169,11 @@ u32 ZU_VENC_GetCaps(ZU_VENC_Caps_t* pstCaps);
 u32 ZU_VENC_Open(const ZU_VENC_OpenParams_t* pstParams, u32* pu32Handle);
 u32 ZU_VENC_Close(u32 u32Handle);
 u32 ZU_VENC_Start(u32 u32Handle, const ZU_VENC_StartParams_t* pstParams);
-/** Stops encoding. A callback that is running may still be running when this returns. */
+/** Stops encoding. A callback in progress may outlast this call. */
 u32 ZU_VENC_Stop(u32 u32Handle);
-/** Lends an input buffer: fills pu8Data and u32DataSize, or fails when none is free. */
+/** Lends an input buffer: fills pu8Data and u32DataSize. Fails if none is free. */
 u32 ZU_VENC_QueryBuffer(u32 u32Handle, ZU_VENC_InputBuffer_t* pstBuffer);
-/** Hands a filled picture to the encoder. */
+/** Passes a filled picture to the encoder. */
 u32 ZU_VENC_WriteBufferComplete(u32 u32Handle, const ZU_VENC_InputBuffer_t* pstBuffer);
 u32 ZU_VENC_QueryEntireInjectBuffer(u32 u32Handle, ZU_VENC_EntireInjectBuf_t* pstBuffer);
 u32 ZU_VENC_SetAttr(u32 u32Handle, u32 u32Type, const void* pValue);
