@@ -26,16 +26,16 @@ from measuring import BusyLoops, Display, latencies, record
 from recorders import DEFAULT, FLOOR, OURS, PEERS
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-# Rates that share no factor with 30: each turn meets the screen's changes at all distances, not at three of its own.
+# The rates share no factor with 30, so each turn covers all phases between screen and capture, not three.
 STAMPED = ["--fps", "53", "--stamps", "1007"]
 MOVING, STILL = ["--fps", "60"], ["--static"]
 
-# name: size, pictures per second, what the screen shows, busy loops beside it, who records
+# name: size, pictures per second, screen content, busy loops, recorders
 CASES = {
     "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS, DEFAULT]),
-    # A size that the encoder of elementary streams does not round up, so that all encode as many lines.
+    # A size that the elementary-stream encoder does not round up, so all encode the same number of lines.
     "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
     "busy60": ("1920x1080", 60, MOVING, 6, [OURS, *PEERS]),
@@ -43,7 +43,7 @@ CASES = {
 
 COSTS = {"cpu": "CPU s", "memory": "MiB", "server": "X server's CPU s", "size": "KiB", "frames": "pictures"}
 LESS, MORE = "at most", "at least"
-# What is wanted at the peers' settings: words, case, figure, against whom ("peers" is the best of them), limit, aim
+# Goals at the peers' settings: text, case, figure, opponent ("peers" = the best of them), limit, aim
 WANTED = [
     ("CPU, 720p", "720p", "cpu", "peers", LESS, 0.85, 0.80),
     ("CPU, 1080p", "1080p", "cpu", "peers", LESS, 0.85, 0.80),
@@ -62,13 +62,13 @@ WANTED = [
     ("size of the file, 720p", "720p", "size", "peers", LESS, 1.05, 1.00),
     ("size of the file, 1080p", "1080p", "size", "peers", LESS, 1.05, 1.00),
 ]
-# The same of what the client does when it is left to choose.
+# The same for the client's default settings.
 BY_DEFAULT = [("by default: " + one[0], *one[1:]) for one in WANTED
               if one[3] == "peers" and one[2] != "size" and DEFAULT in CASES[one[1]][4]]
 
 
 def measure(case, name, options, display, folder):
-    """One recorder's turn in one round; again when pictures are missing, which nothing but a busy machine explains."""
+    """One recorder's turn in one round; repeated if pictures are missing, because only a busy machine explains that."""
     for _ in range(3):
         found = measure_once(case, name, options, display, folder)
         if CASES[case][3] or found.get("share", 1) >= 0.99:
@@ -86,7 +86,7 @@ def measure_once(case, name, options, display, folder):
         values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))
         return {"median": statistics.median(values), "p99": values[int(0.99 * (len(values) - 1))], "frames": len(values)}
     path = f"{folder}/{case}-{name}.{'h264' if name == FLOOR else 'ts'}"
-    # Under load GStreamer slips: its time is up before it has its pictures.
+    # Under load GStreamer falls behind: its time ends before it has its pictures.
     end_after = options.seconds if loops and name == "gstreamer" else None
     with BusyLoops(loops) if loops else contextlib.nullcontext():
         found = record(recorders.recording(name, task, path), environment, path, display, end_after)
@@ -107,7 +107,7 @@ def turns(case, names):
 
 
 def measure_round(case, names, options, display, folder):
-    """Everybody's turns, and the mean of what they cost each."""
+    """The turns of all recorders; returns the mean cost of each."""
     costs = {name: [] for name in names}
     for name in turns(case, names):
         costs[name].append(measure(case, name, options, display, folder))
@@ -144,7 +144,7 @@ def compare(wanted, rounds, who):
 
 
 def report(results):
-    """Prints what was measured and how it compares; the lines as a list for the file and the plot."""
+    """Prints the figures and the comparison. Returns the lines for the file and the plot."""
     for case, rounds in results.items():
         print(f"{case}: {CASES[case][0]} at {CASES[case][1]} per second, {len(rounds)} rounds, medians")
         for name in CASES[case][4]:
@@ -165,7 +165,7 @@ def report(results):
 
 
 def markdown(results, lines):
-    """The report as docs/performance.md shows it."""
+    """The report in the format of docs/performance.md."""
     ratios = [f"| {one['what']} | {one['sense']} {one['limit']:.2f} | {one['aim']:.2f} | {one['ratio']:.2f} | "
               f"{one['verdict']} |" for one in lines]
     costs = [f"| {case} | {name} | "

@@ -1,11 +1,11 @@
 /**
- * The floor of what recording a screen costs: a bare loop of shared-memory image, one colour
- * conversion and x264 on one thread, without everything else that a recorder does.
+ * The minimum cost of recording a screen: a loop of shared-memory image, one colour conversion and
+ * x264 on one thread, without the other work of a recorder.
  *
  *   bench_floor FPS SECONDS FILE.h264 [KEY=VALUE...]
  *
- * Records the screen of DISPLAY in its own size, on the schedule start + n / FPS. The x264 options
- * come behind preset veryfast and tune zerolatency.
+ * Records the screen of DISPLAY at its size, on the schedule start + n / FPS. The x264 options are
+ * applied after preset veryfast and tune zerolatency.
  */
 #include <cstdint>
 #include <cstdio>

@@ -1,12 +1,11 @@
 /**
- * Measures how long it takes from a picture being complete in capture to its access unit in the
- * caller's hand.
+ * Measures the time from a complete picture in the capture to its access unit in the caller.
  *
- *   bench_latency [FRAMES [WIDTH HEIGHT FPS]]     default 300 frames of 1280x720 at 30 per second
+ * bench_latency [FRAMES [WIDTH HEIGHT FPS]]     default 300 frames of 1280x720 at 30 per second
  *
- * A frame's time stamp is the moment at which the capture handed the picture over, so the distance
- * to now is the latency. Key frames carry the time of the newest picture instead of their own and
- * are left out. The caller polls every 200 us, which is part of what is measured.
+ * A frame's time stamp is the time at which the capture delivered the picture, so the latency is
+ * now minus the time stamp. Key frames have the time of the newest picture and are not counted. The
+ * measurement includes the caller's polling interval of 200 us.
  */
 #include <algorithm>
 #include <cstdio>
@@ -31,7 +30,7 @@ void pause_us(long us)
     nanosleep(&pause, nullptr);
 }
 
-/** Takes frames until `count` latencies are known; fewer when no frame comes for five seconds. */
+/** Collects `count` latencies; fewer if no frame arrives for five seconds. */
 std::vector<int64_t> measure(size_t count)
 {
     std::vector<uint8_t> frame(video_capenc_getMaxEsSize());

@@ -1,4 +1,4 @@
-"""Starts displays, load and recorders, and takes what they cost."""
+"""Starts displays, load and recorders, and measures their cost."""
 
 import glob
 import os
@@ -8,7 +8,7 @@ import time
 
 
 class Display:
-    """An X server of its own with something moving on it; DISPLAY while it is open."""
+    """A private X server with moving content; sets DISPLAY while it is open."""
 
     def __init__(self, programs, size, screen_options):
         reader, writer = os.pipe()
@@ -18,7 +18,7 @@ class Display:
         with os.fdopen(reader) as numbers:
             os.environ["DISPLAY"] = ":" + numbers.readline().strip()
         self.screen = subprocess.Popen([f"{programs}/moving_screen", *screen_options], stdout=subprocess.PIPE)
-        self.screen.stdout.read(1)  # it says when it shows
+        self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
 
     def __enter__(self):
         return self
@@ -29,7 +29,7 @@ class Display:
             process.wait()
 
     def cpu_seconds(self):
-        """What the server has used; finer than the clock ticks of its resource usage."""
+        """CPU time of the server; finer than the clock ticks of its resource usage."""
         total = 0
         for path in glob.glob(f"/proc/{self.server.pid}/task/*/schedstat"):
             with open(path, encoding="ascii") as file:
@@ -38,7 +38,7 @@ class Display:
 
 
 class BusyLoops:
-    """Programs that take all the CPU they get."""
+    """Busy loops."""
 
     def __init__(self, count):
         self.loops = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(count)]
@@ -53,7 +53,7 @@ class BusyLoops:
 
 
 def record(command, environment, path, display, end_after=None):
-    """Runs one recorder to its end, or to SIGINT; what it cost, or an exception when it failed."""
+    """Runs one recorder to its end, or to SIGINT. Returns its cost; raises an exception if it failed."""
     server = display.cpu_seconds()
     process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.DEVNULL)
     if end_after:
@@ -70,7 +70,7 @@ def record(command, environment, path, display, end_after=None):
 
 
 def packet_times(path):
-    """Presentation times of the access units in a file; of a bare elementary stream all 0."""
+    """Presentation times of the access units in a file; all 0 for an elementary stream."""
     found = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "packet=pts_time", "-of",
                             "csv=p=0", path], capture_output=True, text=True, check=True)
     times = [line.strip(",") for line in found.stdout.split()]
@@ -85,7 +85,7 @@ def latencies(command, environment, task, folder):
     is kept, and the pictures are decoded when all is over.
     """
     path = f"{folder}/latency.h264"
-    # What they say about a pipe that is closed on them is no news.
+    # Hides their messages about the closed pipe.
     process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     arrivals, stream = read_stream(process, task)
     with open(path, "wb") as file:
@@ -96,7 +96,7 @@ def latencies(command, environment, task, folder):
         raise RuntimeError(f"{command[0]}: {len(ends)} access units and {len(stamps)} pictures of {task.frames}")
     values, reads = [], iter(arrivals)
     offset, moment = next(reads)
-    for end, stamp in list(zip(ends, stamps))[task.fps:]:  # the first second is its start
+    for end, stamp in list(zip(ends, stamps))[task.fps:]:  # the first second is warm-up
         while offset < end:
             offset, moment = next(reads)
         values.append((moment // 100_000 - stamp) % 2**32 / 10)
@@ -121,7 +121,7 @@ def read_stream(process, task):
 
 
 def unit_ends(stream):
-    """Where each access unit ends: before the delimiter (NAL unit type 9) of the next; of the last it is not known."""
+    """Where each access unit ends: before the delimiter (NAL unit type 9) of the next one; unknown for the last."""
     starts, at = [], stream.find(b"\0\0\1\x09")
     while at >= 0:
         starts.append(at - (1 if at and stream[at - 1] == 0 else 0))
@@ -130,7 +130,7 @@ def unit_ends(stream):
 
 
 def shown_stamps(path):
-    """The time that each picture shows, in units of 100 us: 32 squares of 16 x 16 pixels, lowest bit first."""
+    """The time drawn in each picture, in units of 100 us: 32 squares of 16 x 16 pixels, lowest bit first."""
     pixels = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-fps_mode", "passthrough", "-vf",
                              "crop=512:16:64:224,scale=32:1:flags=area,format=gray", "-f", "rawvideo", "-"],
                             capture_output=True, check=True).stdout

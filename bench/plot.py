@@ -1,9 +1,9 @@
-"""Draws what bench/compare.py measured as an SVG: one bar a line of the report, with its limit and its aim."""
+"""Draws the report of bench/compare.py as an SVG: one bar per line, with limit and aim."""
 
 from html import escape
 
 WIDTH, LABEL, BAR, ROW, TOP = 960, 380, 400, 30, 60
-LONGEST = 2  # a ratio beyond it ends at the edge, else the others were too short to compare
+LONGEST = 2  # greater ratios end at the edge, to keep the other bars long enough to compare
 COLOURS = {"FAIL": "#c0392b", "PASS": "#2e86c1", "PASS, aim reached": "#1e8449"}
 
 

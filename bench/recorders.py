@@ -1,19 +1,19 @@
-"""The recorders that are compared, and the command line of each, all of them at the same settings of x264."""
+"""The compared recorders and their command lines, all at the same x264 settings."""
 
 import os
 import shutil
 import subprocess
 
 OURS, FLOOR = "screenrecord", "floor"
-DEFAULT = "default"  # this client with the settings that it takes by itself
+DEFAULT = "default"  # this client with its default settings
 PEERS = ["ffmpeg", "gstreamer"]
 
-# What x264 writes about itself into a stream, but for what says the same in other words.
+# Settings in x264's stream header that may differ in wording but mean the same.
 SAME_IN_OTHER_WORDS = {"threads", "lookahead_threads", "vbv_maxrate", "vbv_bufsize", "nal_hrd", "fps", "timebase"}
 
 
 class Task:
-    """What is to be recorded: size, pictures per second, seconds, and whether the machine is loaded beside it."""
+    """A recording: size, pictures per second, seconds, and whether busy loops load the machine."""
 
     def __init__(self, programs, size, fps, seconds, loaded=False):
         self.programs, self.size, self.fps, self.seconds, self.loaded = programs, size, fps, seconds, loaded
@@ -28,7 +28,7 @@ def environment(name, task):
 
 
 def recording(name, task, path):
-    """Command line of a recording into a file: constant quality 23 under 4.5 Mbit/s, as the host layer chooses it."""
+    """Command line of a recording into a file: constant quality 23 under 4.5 Mbit/s, like the host layer's default."""
     fps, seconds = str(task.fps), str(task.seconds)
     if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-s", task.size, "-r", fps, "-t", seconds,
@@ -37,7 +37,7 @@ def recording(name, task, path):
         return [f"{task.programs}/bench_floor", fps, seconds, path, "crf=23", "vbv-maxrate=4500", "vbv-bufsize=2250",
                 f"keyint={task.keyint}", "threads=1", "sliced-threads=0", "aud=1"]
     if name == "ffmpeg":
-        # Where pictures are left out, the number wanted would take it longer.
+        # With dropped pictures, a fixed number of them would take longer.
         end = ["-t", seconds] if task.loaded else ["-frames:v", str(task.frames)]
         return [*ffmpeg_input(task), *end, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
                 "-crf", "23", "-f", "mpegts", path]
@@ -72,7 +72,7 @@ def ffmpeg_encoder(task, rate):
 
 
 def gstreamer_input(task):
-    # With damage motion costs half as much again; without I420 it may encode 4:4:4.
+    # use-damage makes motion cost half as much again; without I420 it may encode 4:4:4.
     return ["gst-launch-1.0", "-q", "-e", "ximagesrc", "use-damage=false", f"num-buffers={task.frames}", "!",
             f"video/x-raw,framerate={task.fps}/1", "!", "videoconvert", "!",
             f"video/x-raw,format=I420,framerate={task.fps}/1"]
@@ -88,7 +88,7 @@ def installed(name):
 
 
 def x264_settings(path):
-    """What x264 says in the stream that it was told, as a dictionary."""
+    """The settings that x264 wrote into the stream."""
     stream = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-c", "copy", "-frames:v", "2", "-f", "h264", "-"],
                             capture_output=True, check=True).stdout
     start = stream.find(b"options: ")
@@ -99,7 +99,7 @@ def x264_settings(path):
 
 
 def differences(settings):
-    """Per setting that is not the same in all recorders' streams, what each says."""
+    """The settings that differ between the recorders' streams: setting, recorder, value."""
     keys = {key for one in settings.values() for key in one} - SAME_IN_OTHER_WORDS
     return {key: {name: one.get(key) for name, one in settings.items()} for key in sorted(keys)
             if len({one.get(key) for one in settings.values()}) > 1}

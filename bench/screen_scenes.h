@@ -28,7 +28,7 @@ public:
             text_.push_back(random_() % 6 == 0 ? 0 : static_cast<uint8_t>(1 + random_() % 62));
     }
 
-    /** Draws picture `number` and gives its pixels, 0xRRGGBB, lines of `width`. */
+    /** Draws picture `number`. Returns its pixels, 0xRRGGBB, in lines of `width`. */
     const uint32_t* draw(int number)
     {
         if (name_ == "typing")
@@ -48,7 +48,7 @@ private:
     static constexpr int glyph_width = 8;
     static constexpr int glyph_height = 16;
     static constexpr int line_height = 18;
-    // how much of each pixel is ink
+    // ink coverage of each pixel
     using Glyph = std::array<uint8_t, glyph_width * glyph_height>;
 
     // A letter is two to four strokes between points of a grid, with smooth edges as fonts have
@@ -170,7 +170,7 @@ private:
             window(700, 116, 180, 220, 3000);
     }
 
-    // Soft shapes that pan by parts of a pixel, an edge that moves against them, and grain.
+    // Soft shapes that pan by fractions of a pixel, an edge that moves the other way, and grain.
     void video(int number)
     {
         desktop();

@@ -1,15 +1,14 @@
 /**
- * Compares settings of x264 on scenes of a screen: computing time, and picture at the same number
- * of bits.
+ * Compares x264 settings on scenes of a screen: CPU time, and picture quality at equal bits.
  *
- *   bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
+ * bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
  *
  * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. The reference encodes at
- * constant quality 23; for each candidate the quality is sought at which a scene takes as many bits
- * (within 0.2 percent), so that the pictures can be compared. Prints per scene the CPU time against
- * the reference's and the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as a key
- * tells x264 which macroblocks did not change. --picture writes the middle picture of the scene and
- * encodes nothing.
+ * constant quality 23; for each candidate it searches for the quality at which a scene needs as
+ * many bits (within 0.2 percent), to make the pictures comparable. Prints per scene the CPU time
+ * against the reference's and the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as
+ * a key tells x264 which macroblocks did not change. --picture writes the middle picture of the
+ * scene and encodes nothing.
  */
 #include <algorithm>
 #include <array>
@@ -128,7 +127,7 @@ x264_param_t parameters_of(const std::string& settings, double quality)
 }
 
 /**
- * Encodes a scene; the picture is only measured where `measured`, which would cost time otherwise.
+ * Encodes a scene. Measures the picture only if `measured`, because that costs time.
  */
 Result encode(Scene& scene, const std::string& settings, double quality, bool measured)
 {
@@ -152,7 +151,7 @@ Result encode(Scene& scene, const std::string& settings, double quality, bool me
         x264_nal_t* nals = nullptr;
         int count = 0;
         result.bits += 8.0 * x264_encoder_encode(encoder, &nals, &count, &in, &out);
-        // Below a fully right picture, about 50 dB, differences are nothing that is seen.
+        // Above about 50 dB differences are invisible.
         result.psnr += std::min(out.prop.f_psnr_avg, 60.0) / pictures;
         result.ssim += out.prop.f_ssim / pictures;
     }
@@ -176,8 +175,8 @@ double quality_for(Scene& scene, const std::string& settings, double bits)
 }
 
 /**
- * CPU time of a candidate against the reference's, turn by turn, since a virtual machine's speed
- * jumps by a third from one ten seconds to the next; the median of five such ratios.
+ * Ratio of a candidate's CPU time to the reference's: the median of five ratios in alternating
+ * turns, because a virtual machine's speed jumps by a third within ten seconds.
  */
 double cpu_ratio(Scene& scene, const std::string& candidate, double quality,
                  const std::string& reference)
@@ -242,7 +241,7 @@ int main(int argc, char** argv)
         return show_usage();
     if (picture)
         return write_picture(scenes[0], picture);
-    // CPU over all scenes, against the reference's
+    // CPU of all scenes, relative to the reference
     std::map<std::string, double> total;
     for (const std::string& name : scenes) {
         Scene scene = draw_scene(name);

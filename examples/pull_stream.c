@@ -1,7 +1,7 @@
 /*
- * Pulls the encoded stream out of the library, frame by frame, and hands it on to standard output.
+ * Pulls the encoded stream from the library, frame by frame, and writes it to standard output.
  *
- *   pull_stream [SECONDS] | ffplay -          without SECONDS until its reader goes away
+ *   pull_stream [SECONDS] | ffplay -          without SECONDS: until the reader exits
  */
 #include <screenrecord/screenrecord.h>
 
@@ -18,8 +18,8 @@ static double now(void)
 }
 
 /*
- * Takes the frames that wait; they are few, so this is done several times in the time of one. 0 at
- * the end of the reader.
+ * Writes all buffered frames. Few are buffered, so call this several times per frame interval.
+ * Returns 0 if the reader has exited.
  */
 static int hand_on(uint8_t* buffer, uint64_t size)
 {
@@ -39,7 +39,7 @@ int main(int argc, char** argv)
     const uint64_t size = video_capenc_getMaxEsSize();
     uint8_t* buffer = malloc(size);
 
-    signal(SIGPIPE, SIG_IGN); /* a reader that goes away shows in what fwrite returns */
+    signal(SIGPIPE, SIG_IGN); /* fwrite then reports that the reader has exited */
     if (buffer == NULL || video_capenc_open(&params) != 0 || video_capenc_start(0) != 0) {
         fprintf(stderr, "cannot capture; the log says why\n");
         video_capenc_close();

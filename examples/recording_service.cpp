@@ -1,5 +1,5 @@
-// Records the screen into one file after another, as a service would: the library ends each file by
-// itself at its time limit, and the service sees it and starts the next. Ends at SIGINT or SIGTERM.
+// Records the screen into one file after another, like a service: the library ends each file at its
+// time limit, and the service notices and starts the next. Ends at SIGINT or SIGTERM.
 //
 //   recording_service FOLDER SECONDS [FILES]      prints the name of each file when it is complete
 #include <screenrecord/screenrecord.h>
@@ -30,8 +30,7 @@ bool start(std::string file, uint32_t seconds)
                              h264, reinterpret_cast<uint8_t*>(file.data())) == 0;
 }
 
-// A start changes nothing where a recording runs, and is refused where the time limit has closed
-// it.
+// A start has no effect on a running recording, and fails if the time limit has closed it.
 bool still_recording()
 {
     uint32_t slot = 0;
@@ -46,18 +45,18 @@ void pause_for(std::chrono::milliseconds time)
         std::this_thread::sleep_for(50ms);
 }
 
-/** Records one file to its limit or to a stop. False when it could not even be started. */
+/** Records one file until its limit or a stop. False if it did not start. */
 bool record(const std::string& file, uint32_t seconds)
 {
     if (!start(file, seconds)) {
         std::fprintf(stderr, "cannot record into %s; the log says why\n", file.c_str());
-        // a start that failed half-way may have left something open
+        // a start that failed half-way may leave modules open
         stopScreenRecord();
         return false;
     }
     while (!stop_asked && still_recording())
         pause_for(200ms);
-    // harmless where the limit has done it
+    // harmless if the limit has closed it
     stopScreenRecord();
     std::printf("%s\n", file.c_str());
     std::fflush(stdout);
@@ -84,7 +83,7 @@ int main(int argc, char** argv)
         if (record(folder + "/recording-" + std::to_string(made + 1) + ".ts", seconds)) {
             ++made;
             patience = 1000ms;
-        } else { // the display may come back; asking too often helps nobody
+        } else { // the display may come back; do not retry too often
             pause_for(patience);
             patience = patience < 30000ms ? patience * 2 : patience;
         }

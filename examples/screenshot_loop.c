@@ -1,7 +1,6 @@
 /*
- * Takes one picture of the screen after another into two buffers by turns, and says how much has
- * changed in between. The pictures are looked at where the library put them: the buffers are mapped
- * once, and nothing is copied.
+ * Captures the screen repeatedly into two alternating buffers, and prints the number of pixels that
+ * changed. Reads the pictures in the library's buffers, which are mapped once; nothing is copied.
  *
  *   screenshot_loop COUNT MILLISECONDS [LAST.ppm]
  */
@@ -35,7 +34,7 @@ static unsigned long changed_pixels(const Cap_Buffer* shape, const uint8_t* befo
         const uint32_t* a = (const uint32_t*)(before + (size_t)y * shape->pitch);
         const uint32_t* b = (const uint32_t*)(now + (size_t)y * shape->pitch);
         for (uint32_t x = 0; x < shape->width; x++)
-            changed += ((a[x] ^ b[x]) & 0xffffff) != 0; /* the fourth byte says nothing */
+            changed += ((a[x] ^ b[x]) & 0xffffff) != 0; /* the fourth byte is unused */
     }
     return changed;
 }
@@ -87,6 +86,6 @@ int main(int argc, char** argv)
         video_cap_open(&params) == 0 && run(count, &pause, argc > 3 ? argv[3] : NULL);
     if (!complete)
         fprintf(stderr, "cannot take the pictures; the log says why\n");
-    video_cap_close(); /* the mappings stay, until the process ends */
+    video_cap_close(); /* the mappings stay valid until the process ends */
     return complete ? 0 : 1;
 }

@@ -1,13 +1,12 @@
 /**
- * Flashes the whole X display white at the very moment when a beep sounds through the sound server:
- * once a second, each for 100 ms. A recording's picture and sound can be held against each other by
- * it.
+ * Flashes the whole X display white while a beep sounds through the sound server, once a second,
+ * for 100 ms each. Use it to compare the timing of picture and sound in a recording.
  *
- *   flash_beep [--seconds N]     60 unless said
+ * flash_beep [--seconds N]     default 60
  *
- * Sound is written ahead, its place in time is the stream's own clock, and the flash is drawn when
- * that clock reaches the beep's first sample. Prints "ready" once both are under way. Exit code 1
- * when display or sound server cannot be reached or went away.
+ * The sound is written in advance; the flash is drawn when the stream's clock reaches the beep's
+ * first sample. Prints "ready" once both run. Exit code 1 if the display or the sound server is
+ * unreachable or goes away.
  */
 #include <atomic>
 #include <cmath>
@@ -24,7 +23,7 @@ namespace {
 constexpr uint32_t sample_rate = 48000;
 constexpr uint32_t beep_samples = sample_rate / 10;
 constexpr int64_t second_ns = 1'000'000'000;
-// A sink may have rendered two seconds ahead before it learns of our latency; until they are over
+// A sink may have rendered two seconds ahead before it learns of the requested latency; until then
 // its clock is wrong.
 constexpr int64_t rendered_ahead_ns = 5 * second_ns / 2;
 
@@ -49,7 +48,7 @@ public:
         pa_threaded_mainloop_free(loop_);
     }
 
-    /** Waits for the server and then for the stream's clock; false when either fails. */
+    /** Waits for the server, then for the stream. False if either fails. */
     bool play()
     {
         pa_threaded_mainloop_lock(loop_);
@@ -59,8 +58,8 @@ public:
     }
 
     /**
-     * When the stream's sample 0 is heard, on the monotonic clock; 0 while unknown, -1 when the
-     * stream is lost.
+     * Monotonic time at which the stream's sample 0 is audible; 0 while unknown, -1 if the stream
+     * is lost.
      */
     int64_t origin_ns()
     {
@@ -103,8 +102,8 @@ private:
             return false;
         pa_stream_set_state_callback(stream_, signal_stream, this);
         pa_stream_set_write_callback(stream_, write_samples, this);
-        // Without pre-buffering the clock runs through an underrun, and each sample keeps its place
-        // in time.
+        // Without pre-buffering the clock continues through an underrun, so each sample keeps its
+        // time.
         const pa_buffer_attr buffer{UINT32_MAX, sample_rate * 2 / 10, 0, UINT32_MAX, UINT32_MAX};
         const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
                           PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_NOT_MONOTONIC;
@@ -151,11 +150,11 @@ private:
     pa_threaded_mainloop* loop_;
     pa_context* context_ = nullptr;
     pa_stream* stream_ = nullptr;
-    // of the main loop's thread
+    // main loop's thread only
     uint64_t written_ = 0;
 };
 
-/** Shows each flash when its beep is heard; false when display or stream is lost. */
+/** Shows each flash when its beep is audible. False if display or stream is lost. */
 bool flash(XScreen& screen, BeepStream& beeps, int seconds)
 {
     const xcb_rectangle_t all{0, 0, screen.width, screen.height};
@@ -163,7 +162,7 @@ bool flash(XScreen& screen, BeepStream& beeps, int seconds)
     int64_t origin = 0;
     while (XScreen::now_ns() < end) {
         const int64_t before = std::exchange(origin, beeps.origin_ns());
-        // The clock may jump after an underrun, and is the surer the later it is asked.
+        // The clock may jump after an underrun; a late query is more accurate.
         const bool settled = origin > 0 && std::abs(origin - before) < 2'000'000;
         const int64_t now = XScreen::now_ns();
         const int64_t due = now + second_ns - (now - origin) % second_ns;

@@ -1,27 +1,22 @@
 /**
  * Covers the X display of DISPLAY with moving content whose fixed parts a test can check.
  *
- *   moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | --check
+ * moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | --check
  *
- *   --fps N      pictures per second, 30 unless said
- *   --stamps N   show the time instead of the picture's number, drawn N times a second, a multiple of the
- * fps: of the monotonic clock in units of 100 us, its lowest 32 bits
- *   --seconds N  end after so long; unless said, when the display dies or the program is killed
- *   --noise      random pixels everywhere, new ones in every picture: what costs an encoder most
- *   --static     draw one picture and leave it
- *   --check      draw nothing, only try whether the display can be reached
+ * --fps N      pictures per second, default 30 --stamps N   show the time instead of the picture's
+ * number, drawn N times a second, a multiple of the fps: of the monotonic clock in units of 100 us,
+ * its lowest 32 bits --seconds N  run time; default: until the display goes away or the program is
+ * killed --noise      random pixels, new in every picture: the highest load for an encoder --static
+ * draw one picture and leave it --check      draw nothing; check that the display is reachable
  *
- * Fixed in every picture, in pixels from the top left corner (what a small display has no room for
- * is cut off):
+ * Fixed in every picture, in pixels from the top left corner (a small display cuts off the rest):
  *
- *   x  64..191, y 64..191   pure red   (255, 0, 0)
- *   x 256..383, y 64..191   pure white (255, 255, 255)
- *   x 448..575, y 64..191   pure black (0, 0, 0)
- *   x  64..575, y 224..239  the picture's number: 32 squares of 16 x 16, lowest bit at the left, white = 1;
- * on black from x 48, y 208 to x 591, y 255
+ * x  64..191, y 64..191   pure red   (255, 0, 0) x 256..383, y 64..191   pure white (255, 255, 255)
+ * x 448..575, y 64..191   pure black (0, 0, 0) x  64..575, y 224..239  the picture's number: 32
+ * squares of 16 x 16, lowest bit at the left, white = 1; on black from x 48, y 208 to x 591, y 255
  *
- * Prints "ready" once the first picture is on the screen. Exit code 1 when the display cannot be
- * reached.
+ * Prints "ready" once the first picture is on the screen. Exit code 1 if the display is
+ * unreachable.
  */
 #include <algorithm>
 #include <cstdio>

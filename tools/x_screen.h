@@ -11,9 +11,9 @@
 #include <xcb/xcb.h>
 
 /**
- * What the screen programs share: a connection to the display of DISPLAY and one window that covers
- * it, without a border, above everything, and with an invisible pointer, so that every pixel of the
- * screen is the program's.
+ * Shared by the screen programs: a connection to the display of DISPLAY, and a window that covers
+ * it without a border, above all others and with an invisible pointer. The program thus controls
+ * every pixel of the screen.
  */
 class XScreen {
 public:
@@ -41,10 +41,10 @@ public:
     /** Shows the window. */
     void show() { xcb_map_window(x(), window); }
 
-    /** False once the display cannot be reached or has gone away. */
+    /** False if the display is unreachable or gone. */
     bool alive() const { return xcb_connection_has_error(x()) == 0; }
 
-    /** A new pixmap of the screen's depth; it lives as long as the connection. */
+    /** Creates a pixmap of the screen's depth; the connection owns it. */
     xcb_pixmap_t new_pixmap(uint16_t pixmap_width, uint16_t pixmap_height)
     {
         const xcb_pixmap_t pixmap = xcb_generate_id(x());
@@ -67,7 +67,7 @@ public:
         xcb_copy_area(x(), from, to, gc_, from_x, from_y, at.x, at.y, at.width, at.height);
     }
 
-    /** Writes pixels 0xRRGGBB, in as many requests as the server's limit needs. */
+    /** Writes pixels 0xRRGGBB, split into requests within the server's limit. */
     void put(xcb_drawable_t target, const std::vector<uint32_t>& pixels, uint16_t image_width)
     {
         const size_t lines = pixels.size() / image_width;
@@ -82,13 +82,11 @@ public:
         }
     }
 
-    /** Returns when the server has drawn everything so far. */
+    /** Blocks until the server has drawn all previous requests. */
     void finish() { free(xcb_get_input_focus_reply(x(), xcb_get_input_focus(x()), nullptr)); }
     void flush() { xcb_flush(x()); }
 
-    /**
-     * Waits until `deadline_ns` of the monotonic clock or, when it is earlier, the display's death.
-     */
+    /** Waits until `deadline_ns` of the monotonic clock. False if the display goes away before. */
     bool wait_until(int64_t deadline_ns)
     {
         for (;;) {
