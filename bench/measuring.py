@@ -104,7 +104,7 @@ def latencies(command, environment, task, folder):
 
 
 def read_stream(process, task):
-    """All that the process writes until the task's frames are there: (bytes so far, moment in ns) a read, and the bytes."""
+    """The process's output until the task's time has passed: (bytes so far, time in ns) per read, and all bytes."""
     arrivals, stream = [], bytearray()
     end = time.monotonic() + task.seconds + 1
     descriptor = process.stdout.fileno()

@@ -104,7 +104,7 @@ x264_param_t parameters_of(const std::string& settings, double quality)
     x264_param_t parameters;
     if (x264_param_default_preset(&parameters, preset.c_str(), "zerolatency") != 0)
         exit((fprintf(stderr, "bench_settings: no preset %s\n", preset.c_str()), 2));
-    // x264 only measures pictures for those who would be told.
+    // x264 measures pictures only if its log level would print the result.
     parameters.i_log_level = X264_LOG_INFO;
     parameters.pf_log = [](void*, int, const char*, va_list) {};
     parameters.i_csp = X264_CSP_NV12;

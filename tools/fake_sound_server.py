@@ -14,13 +14,13 @@ import sys
 import threading
 import time
 
-# The protocol's numbers of the commands that we send, and of what a server says without being asked.
+# The protocol's numbers of the commands that clients send and of the server's unsolicited messages.
 COMMANDS = {8: "auth", 9: "name", 5: "stream", 57: "latency", 20: "server", 24: "sources"}
 ERROR, REPLY = 0, 2
 CONTROL = 0xFFFFFFFF
 LATE_SECONDS = 1.5
 TARGETS = [*COMMANDS.values(), "sound"]
-# The bytes of a value behind its type, of types whose length is fixed.
+# Sizes in bytes of the values of fixed length, after their type byte.
 SIZES = {"N": 0, "L": 4, "B": 1, "R": 8, "r": 8, "a": 6, "1": 0, "0": 0, "T": 8, "U": 8, "P": 0, "V": 4, "f": 0}
 
 

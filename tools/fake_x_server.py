@@ -32,7 +32,7 @@ def extension(request):
     return 0, fields("BBBB", name in EXTENSIONS, EXTENSIONS.get(name, 0), 64, 128), b""
 
 
-# (opcode, minor opcode or None): target, what makes data byte, fields and the rest of the reply.
+# (opcode, minor opcode or None): target, functions that make data byte, fields and the rest of the reply.
 REPLIES = {
     (98, None): ("extension", extension),
     (14, None): ("geometry", lambda _: (24, fields("IhhHHH", ROOT, 0, 0, WIDTH, HEIGHT, 0), b"")),
@@ -90,7 +90,7 @@ def setup():
 
 
 def setup_answer(way):
-    """The answer to the first message: eight bytes and what they count, of which nothing is a reply's."""
+    """The answer to the first message: eight bytes and the data that they count. It is not a reply."""
     head, rest = setup()
 
     def message(content, length=None):
@@ -158,7 +158,7 @@ class Connection:
 
 
 def listen():
-    """A socket of a free display number, and the number. Abstract, so that nobody finds it who was not told of it."""
+    """A socket of a free display number, and the number. Abstract, so other programs do not find it by accident."""
     for number in range(20000, 60000):
         server = socket.socket(socket.AF_UNIX)
         with contextlib.suppress(OSError):

@@ -105,7 +105,7 @@ private:
         return pixmap;
     }
 
-    // The server holds the noise already: a picture costs a copy there from a random place.
+    // The noise is already in the server: a picture costs a copy from a random place.
     void draw_noise(uint32_t number)
     {
         screen_.copy(noise_[number % std::size(noise_)], picture_,

@@ -1,6 +1,6 @@
 /**
  * Checks a transport stream file: ts_check FILE [--packet-size 188|192] [--rate BITS] [--live].
- * Prints what it holds, a line for each error, and exits with 1 when there is one.
+ * Prints the contents, then one line per error. Exit code 1 if there is an error.
  */
 #include "transport_stream/checker.h"
 

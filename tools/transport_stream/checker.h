@@ -46,7 +46,7 @@ struct Report {
 
 /**
  * Checks a transport stream of one program against ISO/IEC 13818-1, with the limits of ETSI TR 101
- * 290. Knows nothing of who wrote it.
+ * 290. Independent of the program that wrote it.
  */
 Report check(std::span<const uint8_t> stream, const CheckOptions& options);
 

@@ -11,7 +11,7 @@ namespace {
 constexpr int64_t pts_wrap = int64_t{1} << 33;
 // TR 101 290, 2.5
 constexpr int64_t longest_pts_interval = 90 * 700;
-/** What a decoder holds (2.4.2.6), with a tenth for the way from the first byte to the last. */
+/** Decoder buffer (2.4.2.6), plus a tenth for the time from the first byte to the last. */
 constexpr int64_t longest_lead = 90 * 1100;
 
 enum NalType { nal_slice = 1, nal_idr = 5, nal_sps = 7, nal_pps = 8, nal_delimiter = 9 };
