@@ -12,7 +12,8 @@ namespace {
 
 // x264 derives the quantizer of a key frame from those of the pictures before it, which get ever
 // finer while a picture stands still. Repetitions are missing from that. With this offset a still
-// picture is as sharp as without repetitions, or sharper, in no more bits (docs/performance.md).
+// picture is as sharp as without repetitions, or sharper, in no more bits
+// (docs/measurements/repeated_pictures.md).
 constexpr float quantizer_of_still_key_frame = -1.0f;
 
 EncoderRate under_process_ceiling(EncoderRate rate)
