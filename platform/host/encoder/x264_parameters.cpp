@@ -55,8 +55,8 @@ const char* preset_from_environment()
 
 /**
  * What differs from preset veryfast for what screens show. Measured with bench_settings, see
- * docs/measurements/x264_settings.md: no worse pictures at the same number of bits for two thirds of the computing
- * time.
+ * docs/measurements/x264_settings.md: no worse pictures at the same number of bits for two thirds
+ * of the computing time.
  */
 void set_for_screens(x264_param_t& parameters, uint32_t profile)
 {
@@ -182,8 +182,8 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     set_rate(parameters, settings.rate);
     set_profile_and_level(parameters, settings.profile, settings.level);
     HOST_LOGI("The encoder takes x264's %s, %d thread%s, a key frame every %d pictures",
-              preset ? preset : "settings for screens (docs/measurements/x264_settings.md)", parameters.i_threads,
-              parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
+              preset ? preset : "settings for screens (docs/measurements/x264_settings.md)",
+              parameters.i_threads, parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
     return parameters;
 }
 
