@@ -24,7 +24,7 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
 }
 
 /**
- * Gives a picture to whoever reads standard output, until he has it or a stop is asked for; throws
+ * Writes a picture to standard output. Waits until its reader has it or a stop is requested; throws
  * Failure.
  */
 void write_to_standard_output(const std::vector<uint8_t>& bytes, const std::string& path,

@@ -16,10 +16,10 @@ inline constexpr uint32_t pcm_frame_bytes = 4;
 bool audio_capture_running();
 
 /**
- * A reader of the process's audio capture with a position of its own. Sound is gathered while at
- * least one audio capture is started; the reader begins where it was made. Where nothing is heard
- * it reads silence, at the rate of the clock. A reader that comes late loses the oldest, which is
- * counted in the statistics. One thread at a time uses a reader.
+ * Reads the process's audio capture from its own position, which begins at its creation. Sound is
+ * captured while at least one audio capture is started. Without sound it reads silence, at the rate
+ * of the clock. A late reader loses the oldest samples, which the statistics count. One thread at a
+ * time.
  */
 class PcmReader {
 public:

@@ -17,9 +17,9 @@ public:
 };
 
 /**
- * Grabs from a source whose grab may wait without a bound, on a thread of its own. A grab here
- * gives up in time while the one below goes on, and a later grab here gets its picture. How long
- * the source has not answered is in the statistics. One thread at a time.
+ * Grabs, on a separate thread, from a source whose grab may block without limit. A grab here times
+ * out while the source's goes on; a later grab here returns that picture. The statistics tell how
+ * long the source has not answered. One thread at a time.
  */
 class PatientSource : public PictureSource {
 public:

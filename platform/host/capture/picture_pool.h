@@ -12,10 +12,10 @@
 namespace zu3host {
 
 /**
- * The pictures that a capture writes: slots of one piece of device memory, either of its own or the
- * encoder's entire inject buffer. The first free slot is used, so that a capture whose
- * pictures come back at once lives in the memory, and in the cache, of one. Thread-safe; a slot's
- * contents belong to its holder.
+ * The pictures that a capture writes: slots of one block of device memory, either the capture's or
+ * the encoder's entire inject buffer. Uses the first free slot, so a capture whose pictures return
+ * at once touches the memory, and the cache, of one. Thread-safe; the contents of a taken slot
+ * belong to the thread that took it.
  */
 class PicturePool {
 public:

@@ -119,7 +119,7 @@ bool is_shown(int priority, const char* tag)
 }
 
 /**
- * Every line of a message gets the prefix of its own; line breaks at the end make no empty lines.
+ * Puts the prefix before every line of a message; line breaks at the end add no empty lines.
  * Of control characters only those of the format pass, which the library colours some lines with.
  */
 void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message,
