@@ -12,13 +12,13 @@ namespace {
 
 using namespace client;
 
-// Otherwise the recording could become descriptor 2 and receive the log. Opened to read only, so
-// that a write to a missing descriptor still fails.
+// Keeps a recording from becoming descriptor 2 and receiving the log. Opened read-only, so a write
+// to a missing descriptor still fails.
 void fill_standard_descriptors()
 {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (fcntl(fd, F_GETFD) < 0)
-            // the lowest free number, which is this one
+            // open() returns the lowest free number, which is fd
             open("/dev/null", O_RDONLY);
 }
 
@@ -37,8 +37,8 @@ int main(int argc, char** argv)
     try {
         return run_program(argc, argv);
     } catch (...) {
-        // No memory for the command line, or for the reason of another failure.
-        constexpr std::string_view text = "screenrecord: cannot go on\n";
+        // Out of memory, perhaps while another failure was described.
+        constexpr std::string_view text = "screenrecord: cannot continue\n";
         [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
         return static_cast<int>(ExitCode::failed);
     }

@@ -31,10 +31,7 @@ Invocation chosen(const CLI::App& app, const AllOptions& all)
     return all.doctor;
 }
 
-/**
- * The words after the program's name, of which "help" and "help COMMAND" become the option that
- * they stand for.
- */
+/** The words after the program's name; "help" and "help COMMAND" become --help. */
 std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
 {
     std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
@@ -48,7 +45,7 @@ std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
     return words;
 }
 
-/** Names of the commands, or of an app's options in their long form. */
+/** The names of all commands. */
 std::vector<std::string> command_names(const CLI::App& app)
 {
     std::vector<std::string> names;
@@ -70,7 +67,7 @@ std::string or_nearest(const std::string& typed, const std::vector<std::string>&
                        const std::string& all)
 {
     const auto meant = nearest_word(typed, words);
-    return meant ? "perhaps " + *meant + " was meant" : all;
+    return meant ? "perhaps you mean " + *meant : all;
 }
 
 std::string unknown_command(const CLI::App& app, const std::string& typed)
@@ -99,8 +96,7 @@ std::string unexpected_word(const CLI::App& command, const std::string& name)
                or_nearest(*option, option_names(command),
                           "its options are " + listed(option_names(command), "and"));
     return "'" + words.front() + "' belongs to no option of " + name +
-           (command.get_option_no_throw("--output") ? ": a file to write is named with --output"
-                                                    : "");
+           (command.get_option_no_throw("--output") ? ": name the output file with --output" : "");
 }
 
 template <typename Condition>
@@ -119,19 +115,19 @@ std::string missing_option(const CLI::App& command)
            option->get_name() + " " + option->get_type_name();
 }
 
-/** @param last_word of the command line; only there can an option lack its value */
+/** @param last_word of the command line: only the last option can lack its value */
 std::string wrong_count(const CLI::App& command, const std::string& last_word)
 {
     const CLI::Option* repeated = find_option(
         command, [](const auto* each) { return each->get_type_size() != 0 && each->count() > 1; });
     if (repeated)
         return repeated->get_name() + " is given " + std::to_string(repeated->count()) +
-               " times, but can be given once";
+               " times; only once is allowed";
     const CLI::Option* last = command.get_option_no_throw(last_word);
-    // letters behind one dash
+    // several letters after one dash
     if (!last && !last_word.empty())
         last = command.get_option_no_throw(std::string("-") + last_word.back());
-    return (last ? last->get_name() : last_word) + " needs a value behind it" +
+    return (last ? last->get_name() : last_word) + " needs a value" +
            (last ? ": " + last->get_type_name() : "");
 }
 
@@ -141,10 +137,10 @@ std::string flag_with_value(const CLI::App& command)
         return each->get_items_expected_max() == 0 && each->count() > 0 &&
                each->results().front() != "true";
     });
-    return flag->get_name() + " accepts no value, and has '" + flag->results().front() + "'";
+    return flag->get_name() + " accepts no value, but has '" + flag->results().front() + "'";
 }
 
-/** An option that was given without the one it depends on. */
+/** The given option whose required partner is missing. */
 std::string missing_partner(const CLI::App& command)
 {
     const CLI::Option* partner = nullptr;
@@ -154,10 +150,10 @@ std::string missing_partner(const CLI::App& command)
                 partner = needed;
         return partner != nullptr;
     });
-    return option->get_name() + " goes with " + partner->get_name() + " only, which is missing";
+    return option->get_name() + " needs " + partner->get_name() + ", which is missing";
 }
 
-/** The error in a command line, the word that has it, and the right form if there is one. */
+/** One sentence: the error, the word that caused it, and the correct form if there is one. */
 std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
                            const std::string& last_word)
 {
@@ -181,7 +177,7 @@ std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
         return flag_with_value(command);
     if (dynamic_cast<const CLI::RequiresError*>(&error))
         return missing_partner(command);
-    // one of our own refusals
+    // our own refusal
     return error.what();
 }
 
@@ -194,7 +190,7 @@ Invocation read_command_line(int argc, char** argv)
     describe_program(app, all);
     try {
         std::vector<std::string> words = given_words(app, argc, argv);
-        // as the parser wants them
+        // the parser reads them from the back
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));
         Invocation invocation = chosen(app, all);

@@ -4,7 +4,7 @@
 
 namespace client {
 
-/** Reads the command line. Prints the help, the version, or the error in it. */
+/** Parses the command line. Prints the help, the version, or the error if there is one. */
 Invocation read_command_line(int argc, char** argv);
 
 } // namespace client

@@ -17,16 +17,19 @@ namespace {
     throw CLI::ValidationError(option, reason);
 }
 
-/** An option whose text `take` understands, or refuses with the end of a sentence on it. */
+/**
+ * Defines an option with a value.
+ * @param parse stores the value; returns why it refuses it, as the end of a sentence, or ""
+ */
 CLI::Option* define_value(CLI::App& command, const char* names, const char* type, const char* text,
-                          std::function<std::string(const std::string&)> take)
+                          std::function<std::string(const std::string&)> parse)
 {
     const std::string long_name = std::string(names).substr(std::string(names).find("--"));
     return command
         .add_option_function<std::string>(
             names,
-            [take = std::move(take), long_name](const std::string& given) {
-                const std::string problem = take(given);
+            [parse = std::move(parse), long_name](const std::string& given) {
+                const std::string problem = parse(given);
                 if (!problem.empty())
                     refuse(long_name, "'" + given + "' " + problem);
             },
@@ -37,14 +40,14 @@ CLI::Option* define_value(CLI::App& command, const char* names, const char* type
 CLI::Option* define_number(CLI::App& command, const char* names, const char* type, const char* text,
                            uint32_t low, uint32_t high, std::function<void(uint32_t)> set)
 {
-    return define_value(command, names, type, text,
-                        [low, high, set = std::move(set)](const std::string& given) {
-                            const auto number = parse_number(given);
-                            if (!number || *number < low || *number > high)
-                                return format_text("is no whole number from %u to %u", low, high);
-                            set(*number);
-                            return std::string();
-                        });
+    return define_value(
+        command, names, type, text, [low, high, set = std::move(set)](const std::string& given) {
+            const auto number = parse_number(given);
+            if (!number || *number < low || *number > high)
+                return format_text("is not a whole number from %u to %u", low, high);
+            set(*number);
+            return std::string();
+        });
 }
 
 /** @param choices as help shows them: "a|b|c" */
@@ -68,7 +71,7 @@ CLI::Option* define_output(CLI::App& command, CommonOptions& options, const char
         command.add_option("-o,--output", options.output, text)->required()->type_name(type);
     command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
     command.add_flag("-v,--verbose", options.verbose,
-                     "say what was chosen, and show of the library's log what explains a failure");
+                     "print the chosen settings and, after a failure, the library's log");
     return output;
 }
 
@@ -82,12 +85,12 @@ void define_time(CLI::App& command, CommonOptions& options)
 {
     define_value(
         command, "-t,--time", "TIME",
-        "stop after this time, such as 90, 1m30s or 00:01:30; default: until SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+        "stop after this time, such as 90, 1m30s or 00:01:30; default: at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
         [&options](const std::string& given) {
             options.time = parse_time(given);
             return options.time
                        ? ""
-                       : "is no time such as 10, 90s, 1m30s or 00:01:30, more than 0 and up to 10000000 seconds";
+                       : "is not a time, such as 10, 90s, 1m30s or 00:01:30, above 0 and up to 10000000 seconds";
         });
 }
 
@@ -97,7 +100,7 @@ void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
                  [&size](const std::string& given) -> std::string {
                      size = parse_size(given);
                      if (!size)
-                         return "is no size such as 1280x720";
+                         return "is not a size such as 1280x720";
                      const std::string problem = size_problem(*size);
                      return problem.empty() ? "" : "cannot be captured: " + problem;
                  });
@@ -117,11 +120,11 @@ void define_rate(CLI::App& command, RecordOptions& options)
         [&options](const std::string& given) -> std::string {
             const auto rate = parse_number(given);
             if (!rate || *rate < 1)
-                return "is no whole number from 1 to 4";
+                return "is not a whole number from 1 to 4";
             options.constant_mbit = *rate;
             return *rate <= 4
                        ? ""
-                       : "is more than 4 Mbit/s, the greatest constant rate that the library's writer keeps up with: it moves at most 64 KiB every 100 ms, which is 5.24 Mbit/s with everything";
+                       : "is above 4: the library's writer moves at most 64 KiB every 100 ms, 5.24 Mbit/s including sound and overhead";
         });
 }
 
@@ -129,7 +132,7 @@ void define_bit_rate(CLI::App& command, std::optional<uint32_t>& bit_rate, const
 {
     define_value(command, "-b,--bitrate", "RATE", text, [&bit_rate](const std::string& given) {
         bit_rate = parse_bit_rate(given);
-        return bit_rate ? "" : "is no rate from 10k to 240M, such as 800k or 2.5M";
+        return bit_rate ? "" : "is not a rate from 10k to 240M, such as 800k or 2.5M";
     });
 }
 
@@ -137,17 +140,17 @@ void define_quality(CLI::App& command, std::optional<uint32_t>& quality, const c
 {
     define_value(command, "--quality", "QUALITY", text, [&quality](const std::string& given) {
         quality = parse_quality(given);
-        return quality ? "" : "is none of low, medium and high, and no whole number from 0 to 51";
+        return quality ? "" : "is not low, medium, high or a whole number from 0 to 51";
     });
 }
 
-/** Of what the library records, and of what the client joins itself. */
+/** Refuses options that the container of the output does not support. */
 void check_container(const CLI::App& command, const RecordOptions& options)
 {
     const bool movie = container_of(options.output, options.format).has_value();
-    const auto check = [&command](const char* option, bool goes, const char* with) {
-        if (!goes && command.count(option) > 0)
-            refuse(option, std::string("goes with ") + with + " only");
+    const auto check = [&command](const char* option, bool works, const char* with) {
+        if (!works && command.count(option) > 0)
+            refuse(option, std::string("works only with ") + with);
     };
     for (const char* option : {"--rate", "--packet-size", "--slot", "--source", "--one-call"})
         check(option, !movie, "a .ts file");
@@ -155,34 +158,32 @@ void check_container(const CLI::App& command, const RecordOptions& options)
         check(option, movie, "an .mp4 or .mkv file or '-o -'");
     check("--format", is_standard_output(options.output), "'-o -'");
     if (options.bit_rate && options.quality)
-        refuse("--quality", "does not go with --bitrate: one of them decides");
+        refuse("--quality", "cannot be combined with --bitrate");
 }
 
 void check_record(const CLI::App& command, const RecordOptions& options)
 {
     check_container(command, options);
     if (options.output == "wifi")
-        refuse("--output", "the name 'wifi' is reserved, but './wifi' is a file");
+        refuse("--output", "the name 'wifi' is reserved; a file of that name is './wifi'");
     if (is_standard_output(options.status_file))
-        refuse(
-            "--status-file",
-            "'" + options.status_file +
-                "' is no file, which is replaced each second; --json writes the same to standard error");
+        refuse("--status-file", "'" + options.status_file +
+                                    "' is not a file; --json writes the status to standard error");
     if (!options.source.empty() && !options.size)
         refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
     if (options.source.ends_with(".ts"))
         refuse(
             "--source",
             "'" + options.source +
-                "' ends in .ts, so the library takes it for a transport stream, not for raw NV12 pictures; give it another name");
+                "' ends in .ts, so the library would read it as a transport stream, not as raw NV12 pictures; rename it");
     if (options.slot != 0 && options.source.empty() && !options.one_call)
         refuse(
             "--slot",
-            "1 cannot record the screen, whose pictures the library hands to slot 0 only; slot 1 encodes a --source");
+            "1 cannot record the screen: the library delivers screen pictures only to slot 0; slot 1 encodes a --source");
     if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
         refuse(
             "--one-call",
-            "always records the screen with sound on slot 0: the interface has no such choice, so it goes with none of --source, --slot 1 and --no-audio");
+            "always records the screen with sound on slot 0; it cannot be combined with --source, --slot 1 or --no-audio");
 }
 
 void check_shot(const ShotOptions& options)
@@ -190,7 +191,7 @@ void check_shot(const ShotOptions& options)
     if (is_standard_output(options.output) && options.count != 1)
         refuse("--count",
                format_text(
-                   "%u pictures cannot be told apart on standard output; name a file with --output",
+                   "%u pictures cannot be separated on standard output; name a file with --output",
                    options.count));
 }
 
@@ -229,11 +230,11 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
                  [&options](const std::string& given) {
                      const auto at = parse_position(given);
                      options.at = at.value_or(options.at);
-                     return at ? "" : "is no position such as 16,16";
+                     return at ? "" : "is not a position such as 16,16";
                  })
         ->needs(image);
     define_number(command, "--opacity", "N",
-                  "0 (invisible) to 255 (as the picture's alpha says); default: 255", 0, 255,
+                  "0 (invisible) to 255 (the picture's alpha unchanged); default: 255", 0, 255,
                   [&options](uint32_t given) { options.opacity = given; })
         ->needs(image);
 }
@@ -244,26 +245,26 @@ void define_record(CLI::App& command, RecordOptions& options)
 {
     define_output(
         command, options, "FILE.mp4|FILE.mkv|FILE.ts|-",
-        "file to record into, its format by its ending, or - for standard output; default: an MP4 file named by date and time in the folder for videos (XDG_VIDEOS_DIR), or in the current folder")
+        "file to record into, its ending chooses the format, or - for standard output; default: an MP4 file named by date and time in the videos folder (XDG_VIDEOS_DIR) or the current folder")
         ->required(false);
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: the display's own");
+                "picture size, even, 64x64 to 3840x2160; default: the display's size");
     define_fps(command, options.fps);
     define_time(command, options);
     define_quality(
         command, options.quality,
-        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file has at most 4.5 Mbit/s whatever the quality");
+        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file never exceeds 4.5 Mbit/s");
     define_bit_rate(
         command, options.bit_rate,
         "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
     command.add_flag(
         "--fragmented", options.fragmented,
-        "leave an MP4 file in fragments, instead of rewriting it at the end with its index in front");
-    define_choice(command, "--format", "mkv|ts", "what to write to standard output; default: mkv",
+        "leave an MP4 file in fragments; do not rewrite it at the end with its index in front");
+    define_choice(command, "--format", "mkv|ts", "format of standard output; default: mkv",
                   [&options](const std::string& name) { options.format = name; });
     define_choice(
         command, "--control", "-",
-        "read commands from standard input, one per line: pause, resume, stop; answered on standard error, and read from a terminal in any case; not for a .ts file",
+        "read commands from standard input, one per line: pause, resume, stop; answers go to standard error; a terminal is always read; not for a .ts file",
         [&options](const std::string&) { options.control = true; });
     define_rate(command, options);
     define_choice(
@@ -274,18 +275,18 @@ void define_record(CLI::App& command, RecordOptions& options)
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
     define_choice(command, "--slot", "0|1",
-                  "recording slot of the library; 1 goes with --source only; default: 0",
+                  "recording slot of the library; 1 needs --source; default: 0",
                   [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
     command
         .add_option(
             "--source", options.source,
-            "encode this file of raw NV12 pictures instead of the screen; lines of the width rounded up to 16, the height rounded up to 32 lines, chroma behind; ends with the file")
+            "encode this file of raw NV12 pictures instead of the screen, and stop at its end; in each picture the stride is the width rounded up to 16, the height is rounded up to 32 lines, and chroma follows luma")
         ->type_name("FILE.nv12");
     command.add_flag("--one-call", options.one_call, "use the library's one-call interface");
-    command.add_flag("--json", options.json, "one JSON object a second on standard error");
+    command.add_flag("--json", options.json, "print one JSON object per second on standard error");
     command
         .add_option("--status-file", options.status_file,
-                    "write the same object into this file, once a second")
+                    "write the same object to this file once per second")
         ->type_name("FILE");
     command.callback([&command, &options] { check_record(command, options); });
 }
@@ -294,17 +295,17 @@ void define_stream(CLI::App& command, StreamOptions& options)
 {
     define_output(command, options, "FILE.h264|-", "file, or - for standard output");
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: the display's own");
+                "picture size, even, 64x64 to 3840x2160; default: the display's size");
     define_fps(command, options.fps);
     define_encoder(command, options);
     command.add_flag(
         "--osd", options.osd,
-        "with the device's layer above the picture; a stream of an X display has the pointer in any case");
+        "include the device's overlay; a stream of an X display always shows the pointer");
     define_time(command, options);
     define_watermark(command, options.watermark);
     define_choice(
         command, "--control", "-",
-        "take commands from standard input, one a line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answered on standard error. On a terminal always",
+        "read commands from standard input, one per line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answers go to standard error; a terminal is always read",
         [&options](const std::string&) { options.control = true; });
     define_display(command, options);
 }
@@ -313,22 +314,22 @@ void define_shot(CLI::App& command, ShotOptions& options)
 {
     define_output(
         command, options, "FILE.png|-",
-        "picture to write, or - for a PNG on standard output; a name ending in .raw gets the captured bytes as they are");
-    define_size(command, options.size, "picture size; default: the display's own");
+        "picture to write, or - for a PNG on standard output; a name ending in .raw receives the captured bytes unconverted");
+    define_size(command, options.size, "picture size; default: the display's size");
     define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
-                  "what is captured, before it is converted to PNG; default: bgra",
+                  "pixel format to capture, before the conversion to PNG; default: bgra",
                   [&options](const std::string& name) { options.format = format_code(name); });
     auto* count = define_number(command, "-n,--count", "COUNT",
-                                "take so many and number the files: shot-001.png ...", 1, 999999,
-                                [&options](uint32_t given) {
+                                "take this many screenshots and number the files: shot-001.png ...",
+                                1, 999999, [&options](uint32_t given) {
                                     options.count = given;
                                     options.numbered = true;
                                 });
-    define_number(command, "--interval", "MS", "milliseconds from one to the next; default: 1000",
-                  0, 86400000,
+    define_number(command, "--interval", "MS",
+                  "milliseconds between two screenshots; default: 1000", 0, 86400000,
                   [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
         ->needs(count);
-    command.add_flag("--pointer,--osd", options.osd, "with the pointer");
+    command.add_flag("--pointer,--osd", options.osd, "include the pointer");
     define_display(command, options);
     command.callback([&options] { check_shot(options); });
 }

@@ -6,9 +6,7 @@
 
 namespace client {
 
-/**
- * Each defines a command's options: names, texts, limits and what they may not be combined with.
- */
+/** Each defines the options of a command: names, texts, limits and forbidden combinations. */
 void define_record(CLI::App& command, RecordOptions& options);
 void define_stream(CLI::App& command, StreamOptions& options);
 void define_shot(CLI::App& command, ShotOptions& options);

@@ -54,10 +54,9 @@ Paths paths_of(const PcmOptions& options)
 void check_name(const NamedPath& path)
 {
     if (path.path.starts_with('='))
-        refuse_path(
-            path,
-            "begins with '=', which does not stand between a short option and its value: '-o " +
-                path.path.substr(1) + "'; a file of that name is './" + path.path + "'");
+        refuse_path(path, "begins with '='; a short option has none before its value: '-o " +
+                              path.path.substr(1) + "'; a file of that name is './" + path.path +
+                              "'");
     if (path.path.starts_with('-') && path.path != "-")
         refuse_path(path, "looks like an option; a file of that name is './" + path.path + "'");
 }
@@ -84,7 +83,7 @@ void check_pair(const NamedPath& one, const NamedPath& other)
                                "'; give one of them another name");
 }
 
-/** A shell has opened these for us, perhaps a file that we are to write as well. */
+/** A shell may have redirected one of these to an output file. */
 void check_against_standard_descriptors(const NamedPath& path)
 {
     const char* const names[] = {"standard input", "standard output", "standard error"};
@@ -131,7 +130,7 @@ struct CommandCheck {
     {
         if (is_standard_output(options.output) || !container_of(options.output, ""))
             refuse_path({"output", options.output, true},
-                        "is no name for an MP4 or Matroska file: such names end in .mp4 or .mkv");
+                        "is not a name for an MP4 or Matroska file: those end in .mp4 or .mkv");
         check(paths_of(options));
     }
     void operator()(const auto&) const {} // no paths

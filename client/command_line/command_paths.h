@@ -5,10 +5,10 @@
 namespace client {
 
 /**
- * Judges all paths of a command before the first of them is opened: none looks like an option that
- * was meant, an output's name does not tell of another format, and nothing that is written is also
- * something else of the command, by device and inode or, where a file does not exist yet, by its
- * folder and name. Throws CLI::ValidationError.
+ * Checks all paths of a command before any of them is opened: none looks like an option, the ending
+ * of an output fits its format, and no output is another file of the command as well. Two paths are
+ * the same file if device and inode are equal, or, for a file that does not exist yet, folder and
+ * name. Throws CLI::ValidationError.
  */
 void check_paths(const Invocation& invocation);
 

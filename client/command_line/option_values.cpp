@@ -21,7 +21,7 @@ template <typename Number> std::optional<Number> parse_whole(std::string_view te
     return value;
 }
 
-/** Decimal, with an optional fraction; nothing for a sign, an exponent or a word. */
+/** A decimal number with an optional fraction; nullopt for a sign, an exponent or a word. */
 std::optional<double> parse_decimal(std::string_view text)
 {
     double value = 0;
@@ -33,7 +33,7 @@ std::optional<double> parse_decimal(std::string_view text)
     return value;
 }
 
-/** "[HH:]MM:SS", of which the last may have a fraction and all but the first stay below 60. */
+/** "[HH:]MM:SS"; only the last part may have a fraction, only the first may exceed 59. */
 std::optional<double> clock_seconds(std::string_view text)
 {
     double seconds = 0;
@@ -53,7 +53,7 @@ std::optional<double> clock_seconds(std::string_view text)
     return std::nullopt;
 }
 
-/** "1h2m3.5s" without what is not needed of it, or a plain number of seconds. */
+/** "1h2m3.5s", in which any part may be missing, or a plain number of seconds. */
 std::optional<double> unit_seconds(std::string_view text)
 {
     if (const auto plain = parse_decimal(text))

@@ -11,14 +11,14 @@ namespace client {
 
 using Seconds = std::chrono::duration<double>;
 
-/** What several commands share. */
+/** Options that several commands share. */
 struct CommonOptions {
     std::string output;
-    /** empty = DISPLAY as it is */
+    /** empty = the DISPLAY of the environment */
     std::string display;
     bool overwrite = false;
     bool verbose = false;
-    /** nothing = until a stop is asked for */
+    /** nullopt = until a stop is requested */
     std::optional<Seconds> time;
 };
 
@@ -57,7 +57,7 @@ struct StreamOptions : CommonOptions {
     uint32_t fps = 30;
     /** bit/s */
     std::optional<uint32_t> bit_rate;
-    /** x264's rate factor, 0 to 51; goes before the bit rate */
+    /** x264's rate factor, 0 to 51; overrides the bit rate */
     std::optional<uint32_t> quality;
     /** code of CapEnc_OpenParams, 0 = the encoder's choice */
     uint32_t profile = 0;
@@ -80,7 +80,7 @@ struct ShotOptions : CommonOptions {
 };
 
 struct PcmOptions : CommonOptions {};
-/** `display` and `time` stand for nothing here. */
+/** `display` and `time` are unused. */
 struct RemuxOptions : CommonOptions {
     std::string input;
 };
@@ -88,7 +88,7 @@ struct DevicesOptions {};
 struct DoctorOptions : CommonOptions {};
 
 /**
- * A command and its options; an exit code where the command line was already answered (help,
+ * A command with its options, or an exit code if the command line has been answered already (help,
  * version, error).
  */
 using Invocation = std::variant<int, RecordOptions, StreamOptions, ShotOptions, PcmOptions,

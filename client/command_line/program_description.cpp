@@ -19,26 +19,26 @@ std::string version_text()
 
 constexpr Term signal_terms[] = {
     {"INT, TERM, HUP",
-     "end well: the file is completed, and its path printed; a HUP that nohup ignores stays so"},
-    {"USR1, USR2", "pause and resume; record of a .ts file says that it cannot, and goes on"},
+     "stop: complete the file and print its path; under nohup, HUP stays ignored"},
+    {"USR1, USR2",
+     "pause and resume; a recording into a .ts file cannot pause: it prints a message and continues"},
 };
 constexpr Term exit_codes[] = {
     {"0", "complete"},
-    {"1", "failed, no usable file was made"},
-    {"2",
-     "the command line is wrong, or its output cannot be written, before anything was recorded"},
+    {"1", "failed; there is no usable file"},
+    {"2", "the command line is wrong or the output cannot be written; nothing was recorded"},
     {"3",
-     "ended early (disk full, display gone) with a usable file, or without all of its pictures (disk too slow) or sound; or others removed, replaced or cut the file meanwhile"},
+     "a usable file that ended early (disk full, display gone) or lacks pictures (disk too slow) or sound; or another program removed, replaced or cut the file"},
 };
 constexpr Term environment_terms[] = {
-    {"DISPLAY", "the X display that is captured"},
+    {"DISPLAY", "the X display to capture"},
     {"ZU3_DISPLAY", "x11 or testcard (a moving test card, no display needed)"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
-    {"ANDROID_LOG_TAGS", "what the library and the platform log on standard error, e.g. '*:D'"},
+    {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
     {"XDG_VIDEOS_DIR",
-     "the folder of a recording without -o; else that of user-dirs.dirs, or ~/Videos"},
-    {"NO_COLOR", "set and not empty: no colours"},
-    {"TERM", "dumb or not set: no line of status, which such a terminal cannot refresh"},
+     "the folder for recordings without -o; default: that of user-dirs.dirs, or ~/Videos"},
+    {"NO_COLOR", "no colours if set and not empty"},
+    {"TERM", "no status line if dumb or not set: such a terminal cannot refresh it"},
 };
 constexpr std::array<Section, 3> all_sections = {
     {{"Signals", signal_terms}, {"Exit codes", exit_codes}, {"Environment", environment_terms}}};
@@ -62,8 +62,8 @@ void describe_program(CLI::App& app, AllOptions& all)
     app.name("screenrecord");
     app.description("screenrecord captures the screen and the sound of this machine.");
     app.require_subcommand(1);
-    app.set_help_flag("-h,--help", "say this and end");
-    app.set_version_flag("--version", version_text, "say which version this is and end");
+    app.set_help_flag("-h,--help", "print this help and exit");
+    app.set_version_flag("--version", version_text, "print the version and exit");
     app.footer(footer());
     define_record(
         *app.add_subcommand(
@@ -75,16 +75,16 @@ void describe_program(CLI::App& app, AllOptions& all)
                   all.stream);
     define_shot(*app.add_subcommand("shot", "Take screenshots."), all.shot);
     define_pcm(*app.add_subcommand("pcm", "Record the desktop's sound, uncompressed."), all.pcm);
-    define_remux(*app.add_subcommand("remux", "Copy a recording into an MP4 or Matroska file as it "
-                                              "is: screenrecord remux FILE.ts FILE.mp4"),
+    define_remux(*app.add_subcommand("remux",
+                                     "Copy a recording into an MP4 or Matroska file without "
+                                     "encoding it again: screenrecord remux FILE.ts FILE.mp4"),
                  all.remux);
     app.add_subcommand("devices", "List displays and sound sources.");
     define_doctor(*app.add_subcommand(
-                      "doctor", "Say what works on this machine and how to get what is missing."),
+                      "doctor", "Check this machine, and say how to install what is missing."),
                   all.doctor);
-    app.add_subcommand(help_command,
-                       "Explain the command that is named behind it, or the program.");
-    app.add_subcommand("version", "Say which version this is.")->callback([] {
+    app.add_subcommand(help_command, "Print the help of the given command or of the program.");
+    app.add_subcommand("version", "Print the version.")->callback([] {
         throw CLI::CallForVersion(version_text(), 0);
     });
 }

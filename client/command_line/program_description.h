@@ -7,7 +7,7 @@
 
 namespace client {
 
-/** Everything that options are read into, while the command is not known yet. */
+/** The options of all commands: the parser fills them before the command is known. */
 struct AllOptions {
     RecordOptions record;
     StreamOptions stream;
@@ -19,21 +19,20 @@ struct AllOptions {
 };
 
 /**
- * The whole command line: what it is read by, and what help, the manual page and the completions
- * are made from.
+ * Describes the whole command line, for the parser, the help, the manual page and the completions.
  */
 void describe_program(CLI::App& app, AllOptions& all);
 
-/** The command whose one word is the name of another. */
+/** The command that explains another one. */
 inline constexpr const char* help_command = "help";
 
-/** Something that is explained beside the options. */
+/** A signal, exit code or environment variable. */
 struct Term {
     const char* name;
     const char* text;
 };
 
-/** A heading and its terms, as help and manual page show them below the options. */
+/** A heading and its terms, shown by help and manual page below the options. */
 struct Section {
     const char* title;
     std::span<const Term> terms;

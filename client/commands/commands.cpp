@@ -21,8 +21,8 @@ template <typename Options> const CommonOptions* common(const Options& options)
 void prepare_environment(const CommonOptions* options)
 {
     // The library logs an error for each module that a recording does not use, so its log is off.
-    // With --verbose it is kept for a failure, and the platform's choices are shown. A variable
-    // that the user has set overrides both.
+    // --verbose keeps it for a failure and shows the choices of the platform. A variable that the
+    // user has set overrides both.
     const bool verbose = options && options->verbose;
     if (verbose && !secure_getenv("ANDROID_LOG_TAGS"))
         keep_library_log();
@@ -47,7 +47,7 @@ template <typename Options> ExitCode run_command(const Options& options)
         print_message(failure.what());
         return failure.code();
     } catch (const std::exception& error) {
-        print_message(std::string("cannot go on: ") + error.what());
+        print_message(std::string("cannot continue: ") + error.what());
         return ExitCode::failed;
     }
 }

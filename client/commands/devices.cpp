@@ -14,7 +14,7 @@ std::string display_line(const std::string& name)
     std::string line =
         format_text("display  %s  %ux%u", name.c_str(), display->size.width, display->size.height);
     line += display->refresh_hz > 0 ? format_text("  %.2f Hz", display->refresh_hz)
-                                    : "  no rate of its own";
+                                    : "  no refresh rate";
     return display->problem.empty() ? line : line + "  cannot be captured: " + display->problem;
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint64_t comfortable_free_bytes = 1'000'000'000;
 
-/** One finding, and whether recordings can do without what it is about. */
+/** A finding, and whether recordings work despite it. */
 struct Finding {
     enum class Kind { good, limited, missing } kind;
     std::string sentence;
@@ -25,7 +25,7 @@ Finding examine_platform()
     const char* platform = platform_sentence();
     if (!platform)
         return {Finding::Kind::limited,
-                "This platform counts nothing, so frames and losses are not shown."};
+                "This platform has no statistics, so frames and losses are not shown."};
     return {Finding::Kind::good, platform};
 }
 
@@ -57,14 +57,13 @@ Finding examine_shared_memory()
     const char* name = secure_getenv("DISPLAY");
     const auto display = name && *name ? probe_display(name) : std::nullopt;
     if (!display)
-        return {
-            Finding::Kind::limited,
-            "Whether pictures come through shared memory (MIT-SHM) cannot be said without a display."};
+        return {Finding::Kind::limited,
+                "Without a display, shared memory (MIT-SHM) cannot be checked."};
     if (!display->shared_memory)
         return {
             Finding::Kind::limited,
             "The display has no shared memory (MIT-SHM), so capturing it costs much more: use a local display instead of a forwarded one."};
-    return {Finding::Kind::good, "The display hands its pictures over in shared memory (MIT-SHM)."};
+    return {Finding::Kind::good, "The display delivers its pictures in shared memory (MIT-SHM)."};
 }
 
 Finding examine_sound()
@@ -81,10 +80,10 @@ Finding examine_sound()
     for (const SoundSource& source : *sources)
         if (source.recorded)
             return {Finding::Kind::good,
-                    "The sound of the desktop is heard through " + source.name + "."};
+                    "Recordings contain the sound of the desktop, from " + source.name + "."};
     return {
         Finding::Kind::limited,
-        "The sound server has no output whose sound could be heard, so recordings are silent: 'pactl load-module module-null-sink' makes one."};
+        "The sound server has no output to record, so recordings are silent: 'pactl load-module module-null-sink' makes one."};
 }
 
 Finding examine_disk()
@@ -92,7 +91,7 @@ Finding examine_disk()
     struct statvfs volume = {};
     if (statvfs(".", &volume) != 0)
         return {Finding::Kind::limited,
-                "The space in this folder cannot be said: " + error_text(errno) + "."};
+                "The free space in this folder is unknown: " + error_text(errno) + "."};
     const uint64_t free_bytes = uint64_t{volume.f_bavail} * volume.f_frsize;
     const double hours = static_cast<double>(free_bytes) * 8 / 4.5e6 / 3600;
     const std::string space =
@@ -106,8 +105,8 @@ Finding examine_disk()
     return {Finding::Kind::good, space + "."};
 }
 
-// Opened with a source file instead of the screen, so that a missing display is not taken for a
-// missing encoder.
+// Uses a source file instead of the screen, so that a missing display does not look like a missing
+// encoder.
 bool encoder_opens()
 {
     uint32_t slot = 1, width = 1280, height = 720, fps = 30;
@@ -127,7 +126,7 @@ Finding examine_encoder()
         return {Finding::Kind::good, "The H.264 encoder opens (1280x720 at 30 frames per second)."};
     return {
         Finding::Kind::missing,
-        "The H.264 encoder does not open: see that libx264 is installed ('apt install libx264-164'), and what ANDROID_LOG_TAGS='*:D' makes the library say."};
+        "The H.264 encoder does not open: check that libx264 is installed ('apt install libx264-164'); ANDROID_LOG_TAGS='*:D' shows the library's log."};
 }
 
 const char* mark(Finding::Kind kind)

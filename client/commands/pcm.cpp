@@ -23,7 +23,7 @@ public:
           wanted_(options.time ? frames_of(*options.time) * sound_.format().frame_bytes()
                                : UINT64_MAX)
     {
-        if (options.time) // a capture that delivers too little does not hold the program for ever
+        if (options.time) // ends a capture that delivers too little
             deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time) +
                         milliseconds(2000);
         wav_ = !sink_.path().empty();
@@ -61,7 +61,9 @@ private:
         return true;
     }
 
-    /** The interface gives a whole buffer or nothing: the tail comes in ever smaller ones. */
+    /**
+     * The interface returns a full buffer or nothing, so the tail is read with ever smaller ones.
+     */
     void take_the_rest(TimePoint limit)
     {
         for (uint64_t bytes = sound_.buffer_bytes(); bytes >= sound_.format().frame_bytes();
@@ -90,10 +92,7 @@ private:
         update_header();
     }
 
-    /**
-     * The header comes with the first samples, so that a file without any stays empty and is
-     * removed.
-     */
+    /** Writes the header with the first samples: a file without any stays empty and is removed. */
     ByteSink::State begin_file(std::span<const uint8_t> samples)
     {
         header_ = wav_header(sound_.format(), 0);
@@ -102,7 +101,7 @@ private:
         return sink_.put(both);
     }
 
-    // Kept right while the file grows, so that it plays even if we are killed.
+    // Keeps the header correct while the file grows, so that it plays even after SIGKILL.
     void update_header()
     {
         if (!wav_ || sink_.pending() || sink_.delivered() < header_.size())
@@ -130,26 +129,26 @@ private:
     ExitCode conclude()
     {
         if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
-            problem_ = "the end is missing from " + options_.output + ": its disk stands still";
+            problem_ = "the end is missing from " + options_.output + ": its disk does not respond";
         if (problem_)
             print_message(*problem_);
         const auto counted = statistics_.read();
         if (counted && counted->audio_bytes_lost > 0)
             print_message(
-                format_text("%.2f seconds of sound are missing: they were not taken in time",
+                format_text("%.2f seconds of sound are missing: they were not read in time",
                             static_cast<double>(counted->audio_bytes_lost) /
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
-            print_message("cannot record sound: none came");
-            if (const int error = wav_ ? sink_.empty_file()
-                                       : 0) // a header alone is no file; an empty one is removed
+            print_message("cannot record sound: there was none");
+            if (const int error =
+                    wav_ ? sink_.empty_file() : 0) // not a header alone: an empty file is removed
                 print_message("cannot empty " + options_.output + ": " + error_text(error));
             return ExitCode::failed;
         }
         const bool lost_sound = counted && counted->sound_lost;
         if (lost_sound)
             print_message("the sound server went away for a while: " +
-                          (sink_.path().empty() ? std::string("what was recorded") : sink_.path()) +
+                          (sink_.path().empty() ? std::string("the recording") : sink_.path()) +
                           " is silent there");
         if (!sink_.path().empty())
             context_.output.print_path(sink_.path());
@@ -158,7 +157,7 @@ private:
 
     const PcmOptions& options_;
     CommandContext& context_;
-    // before the sound, which would be lost while a named pipe waits for its reader
+    // constructed before the sound, which would be lost while a named pipe waits for its reader
     ByteSink sink_;
     SoundCapture sound_;
     const uint64_t wanted_;

@@ -13,7 +13,7 @@
 namespace client {
 namespace {
 
-/** Pictures in a source file of `bytes`; the last one may be incomplete. */
+/** The number of pictures in a source file; the last one may be incomplete. Throws Failure. */
 uint64_t pictures_in(const std::string& source, Size size)
 {
     std::error_code error;
@@ -22,23 +22,20 @@ uint64_t pictures_in(const std::string& source, Size size)
         kind != std::filesystem::file_type::not_found)
         throw Failure(
             "cannot read " + source +
-            ": it is no ordinary file, whose size tells how many pictures it holds; save them to one");
+            ": it is not an ordinary file, whose size gives the number of pictures; save them to one");
     const uint64_t bytes = std::filesystem::file_size(source, error);
     if (error)
         throw Failure("cannot read " + source + ": " + error.message());
     const uint64_t width = (size.width + 15) & ~15u, height = (size.height + 31) & ~31u;
     const uint64_t picture = width * height * 3 / 2;
     const std::string needed = format_text(
-        "%ux%u takes %llu bytes (%llu lines of %llu)", size.width, size.height,
+        "a picture of %ux%u has %llu bytes (%llu lines of %llu)", size.width, size.height,
         static_cast<unsigned long long>(picture), static_cast<unsigned long long>(height),
         static_cast<unsigned long long>(width));
     if (bytes < picture)
-        throw Failure("cannot encode " + source + ": it holds no whole picture; one of " + needed);
+        throw Failure("cannot encode " + source + ": it is shorter than one picture; " + needed);
     if (bytes % picture != 0)
-        print_message(
-            source +
-            " is not a whole number of pictures, so its size may not be what -s says: one of " +
-            needed);
+        print_message(source + " ends in the middle of a picture, so -s may be wrong: " + needed);
     return (bytes + picture - 1) / picture;
 }
 
@@ -61,16 +58,19 @@ void print_settings(const RecordOptions& o, Size size)
                     o.one_call ? ", one call" : "", o.output.c_str()));
 }
 
-/** How often a source file's progress is looked at. */
+/** Interval of the looks at a source file's progress. */
 constexpr auto source_look = std::chrono::milliseconds(20);
 
-/** Says when every picture of a source file is encoded, or nothing has moved for two seconds. */
+/**
+ * Detects the end of a source file: every picture is encoded, or nothing has changed for two
+ * seconds.
+ */
 class SourceEnd {
 public:
     explicit SourceEnd(uint64_t pictures) : pictures_(pictures)
     {
-        // A platform without statistics: wait for the shortest time that reading takes, then until the
-        // file stops growing.
+        // Without statistics: wait for the shortest time that reading can need, then until the file
+        // stops growing.
         if (!counted())
             looks_left_ +=
                 std::chrono::milliseconds(28) * static_cast<int64_t>(pictures) / source_look;
@@ -88,14 +88,14 @@ public:
         return (done && now >= pictures_) || --looks_left_ < 0;
     }
 
-    /** What is missing, as a sentence. */
+    /** The missing part as a sentence; nullopt if there is none. */
     std::optional<std::string> problem() const
     {
         if (!counted() || last_ >= pictures_)
             return std::nullopt;
-        return format_text("cannot encode the whole source: the encoder took %llu of %llu pictures",
-                           static_cast<unsigned long long>(last_),
-                           static_cast<unsigned long long>(pictures_));
+        return format_text(
+            "cannot encode the whole source: the encoder accepted %llu of %llu pictures",
+            static_cast<unsigned long long>(last_), static_cast<unsigned long long>(pictures_));
     }
 
 private:
@@ -108,7 +108,7 @@ private:
 
     uint64_t pictures_;
     StatisticsDelta statistics_;
-    // Counted in looks, so that the reader has its turn after this process was stopped for so long.
+    // Counts looks instead of time: after SIGSTOP and SIGCONT the reader still has all of it.
     static constexpr int64_t patience = std::chrono::seconds(2) / source_look;
     int64_t looks_left_ = patience;
     uint64_t last_ = 0;
@@ -159,7 +159,7 @@ private:
         shortfall_ = watch.shortfall();
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
-        if (!problem_) // the last batch is written by the close
+        if (!problem_) // the close writes the last batch
             check_file(output.problem_at_end(), watch);
         if (!problem_ && watch.lost_sound())
             problem_ =
@@ -167,8 +167,8 @@ private:
     }
 
     /**
-     * A write that fails is cut back, so that it is looked for behind what may be wrong with the
-     * file.
+     * Asks `watch` first: after a failed write the library shortens the file, which would look like
+     * a cut by another program.
      */
     void check_file(std::optional<std::string> output_problem, RecordingMonitor& watch)
     {
@@ -186,7 +186,7 @@ private:
             return true;
         if (context_.signals.take_pause_request() == PauseRequest::pause)
             print_message(
-                "cannot pause: the library can end a recording but not hold it, since its stop gives the screen back for good; this one goes on; an .mp4 or .mkv file can be paused");
+                "cannot pause: the library can only end a recording into a .ts file; it continues; .mp4 and .mkv files can be paused");
         check_file(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
@@ -196,7 +196,7 @@ private:
 
     static bool nothing_came(const OutputFile& file) { return file.regular() && file.size() == 0; }
 
-    /** @param path of the file by now, empty if it has none */
+    /** @param path the current path of the file, empty if it has none */
     ExitCode conclude(const OutputFile& file, const std::string& path)
     {
         for (const auto& sentence : {problem_, shortfall_})

@@ -26,14 +26,14 @@ using namespace movie;
 
 using std::chrono::milliseconds;
 
-// How often to look round by the clock: with frames that tell of themselves, and without.
+// Interval of the checks: with the event of each frame, and without it.
 constexpr milliseconds movie_look(50);
 constexpr milliseconds movie_look_for_frames(2);
 /** Longest wait for a disk that is behind: a stop must end the program within three seconds. */
 constexpr milliseconds disk_patience_of_a_stop(2000), disk_patience_at_the_end(15'000);
-/** Longest wait for the screen's first picture, without which a stop would leave nothing. */
+/** Longest wait for the screen's first picture; without one a stop would leave no file. */
 constexpr milliseconds first_frame_patience(1500);
-/** Bytes of sound that are read at once, 21 ms. */
+/** Bytes of sound in one read, 21 ms. */
 constexpr uint64_t sound_piece = 4096;
 /** x264's rate factor at which text stays sharp. */
 constexpr uint32_t usual_quality = 22;
@@ -63,7 +63,7 @@ std::string checked_path(const RecordOptions& options)
     return options.output;
 }
 
-/** Sound as it comes, each piece with the time when it was heard. */
+/** Reads sound in pieces, each with the time when it was heard. */
 class TimedSound {
 public:
     template <typename Take> void read(Take take)
@@ -75,7 +75,7 @@ public:
     }
 
 private:
-    // Where the platform does not tell, the capture began to hear when it was started.
+    // If the platform does not tell the time, sound begins at the start of the capture.
     uint64_t time_of(uint64_t bytes)
     {
         const uint64_t told = time_of_sound();
@@ -91,8 +91,8 @@ private:
 };
 
 /**
- * While it lives, this thread is preferred to ordinary programs where the system allows it, as the
- * threads are that capture: it has three frames' time to take a frame.
+ * While it exists, this thread runs at the higher priority of the capture threads, if the system
+ * allows it: it has three frame periods to read a frame.
  */
 class Preferred {
 public:
@@ -169,7 +169,7 @@ private:
                                       options_.audio ? "AAC sound" : "no sound", path_.c_str()));
     }
 
-    /** All that is there; whether a frame was among it. */
+    /** Reads all waiting sound and one frame; false if no frame was waiting. */
     bool take()
     {
         if (sound_)
@@ -215,7 +215,7 @@ private:
         ended_ = ended_ || reader_gone_ || problem_;
     }
 
-    /** Of what is thrown while the movie is written. */
+    /** Ends the recording after a failure to write the movie. */
     void give_up(const Failure& failure)
     {
         look_at(sink_.look());
@@ -266,7 +266,7 @@ private:
     {
         if (!std::exchange(paused_, false))
             return;
-        // What is left out on purpose is not lost.
+        // Frames of a pause are not lost.
         lost_.break_stretch();
         movie_.resume_at(now_us());
         video_capenc_resume();
@@ -282,7 +282,7 @@ private:
         else if (std::holds_alternative<control::Stop>(command))
             stop_asked_ = true;
         else
-            return print_error_line("error: a recording knows pause, resume and stop");
+            return print_error_line("error: a recording accepts pause, resume and stop");
         print_error_line("ok");
     }
 
@@ -304,7 +304,7 @@ private:
         if (disk_failed_)
             cut_torn_piece();
         else if (sink_.look() == ByteSink::State::pending && !problem_ && sink_.file())
-            problem_ = "the end is missing from " + path_ + ": its disk stands still";
+            problem_ = "the end is missing from " + path_ + ": its disk does not respond";
         else if (auto lost = sink_.problem_at_end(); lost && !problem_) {
             problem_ = std::move(lost);
             output_lost_ = true;
@@ -322,7 +322,7 @@ private:
         }
     }
 
-    /** A full disk ends a file anywhere. */
+    /** A full disk can end the file in the middle of a piece. */
     void cut_torn_piece()
     {
         if (sink_.file() && sink_.file()->regular())
@@ -356,7 +356,7 @@ private:
         return problem_ || shortfall ? ExitCode::ended_early : ExitCode::complete;
     }
 
-    /** What the movie lacks, as a sentence. */
+    /** The missing pictures or sound as a sentence; nullopt if the movie is complete. */
     std::optional<std::string> lacking() const
     {
         if (movie_.left_out() > 0)
@@ -365,10 +365,10 @@ private:
                                sink_.file() && sink_.file()->regular() ? "disk was" : "reader was");
         const auto counted = statistics_.read();
         const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
-        // Time stamps of key frames may be a frame late, so one says nothing.
+        // The time stamp of a key frame may be a frame late, so one proves no loss.
         if (lost_.count() >= by_capture + 2)
             return format_text("%llu pictures are missing from %s: this machine was too busy to "
-                               "take them in time",
+                               "read them in time",
                                static_cast<unsigned long long>(lost_.count() - by_capture),
                                path_.c_str());
         if (options_.audio && counted && counted->sound_lost)
@@ -376,18 +376,18 @@ private:
         return std::nullopt;
     }
 
-    /** Why the file stays as it is, as a sentence; nothing when the index is in front. */
+    /** Why the file stays in fragments, as a sentence; nullopt if the index is in front. */
     std::optional<std::string> put_index_in_front(const std::string& path)
     {
         try {
             IndexInFront work(*sink_.file(), path);
             attend(work);
             if (!work.through())
-                throw Failure("its disk stands still");
+                throw Failure("its disk does not respond");
             work.finish();
             return std::nullopt;
         } catch (const std::exception& failure) {
-            return path + " stays in fragments, which play, but its index is not in front: " +
+            return path + " stays in fragments and plays, but its index is not in front: " +
                    failure.what();
         }
     }

@@ -6,8 +6,8 @@
 namespace client {
 
 /**
- * Records screen and sound into a movie, from the library's encoded frames and PCM, until the end
- * that the options or a signal name.
+ * Records screen and sound into a movie, from the encoded frames and PCM of the library, until the
+ * time limit or a stop.
  */
 ExitCode record_movie(const RecordOptions& options, Container container, CommandContext& context);
 

@@ -21,7 +21,7 @@ common::Descriptor open_input(const std::string& path)
     if (!fd || fstat(fd.get(), &file) != 0)
         throw Failure("cannot read " + path + ": " + error_text(errno), ExitCode::usage);
     if (!S_ISREG(file.st_mode))
-        throw Failure("cannot read " + path + ": it is no ordinary file", ExitCode::usage);
+        throw Failure("cannot read " + path + ": it is not an ordinary file", ExitCode::usage);
     return fd;
 }
 
@@ -56,7 +56,7 @@ ExitCode run(const RemuxOptions& options, CommandContext& context)
         movie::MovieCopy copy(from.get(), to.fd(), *container_of(options.output, ""));
         attend(copy, context.signals);
         if (!copy.through())
-            throw Failure("its disk stands still");
+            throw Failure("its disk does not respond");
         copy.finish();
     } catch (const std::exception& failure) {
         throw Failure("cannot make " + options.output + " of " + options.input + ": " +

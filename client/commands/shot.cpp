@@ -36,7 +36,7 @@ void write_to_standard_output(const std::vector<uint8_t>& bytes, const std::stri
         state = sink.finish(Clock::now() + std::chrono::milliseconds(100));
     if (state == ByteSink::State::pending)
         throw Failure(
-            "cannot write to standard output: stopped before its reader had taken the picture");
+            "cannot write to standard output: stopped before its reader had read the picture");
     if (state != ByteSink::State::ready)
         throw Failure("cannot write to standard output: " + error_text(sink.error()));
 }
@@ -52,8 +52,7 @@ void save(std::vector<uint8_t> bytes, const std::string& path, bool overwrite,
         file.put_in_place(overwrite);
     });
     if (!saving.wait(context.signals, std::chrono::seconds(1)))
-        throw Failure("cannot write to " + path +
-                      ": stopped before its disk had taken the picture");
+        throw Failure("cannot write to " + path + ": stopped before the picture was on its disk");
     saving.finish();
     context.output.print_path(path);
 }
@@ -82,7 +81,7 @@ ExitCode run(const ShotOptions& options, CommandContext& context)
                                           : encode_png(size, pictures.bgr_bytes()),
                  path, options.overwrite, context);
         } catch (const Failure& failure) {
-            if (number > 1) // what was saved before is of use
+            if (number > 1) // the earlier files are usable
                 throw Failure(failure.what(), ExitCode::ended_early);
             throw;
         }

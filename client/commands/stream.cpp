@@ -17,8 +17,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// How often to look round by the clock: with frames that tell of themselves, and without, where a
-// look's distance adds to the latency of what comes between two.
+// Interval of the checks: with the event of each frame, and without it, when the interval adds to
+// the latency of a frame.
 constexpr milliseconds look_interval(100);
 constexpr milliseconds look_interval_for_frames(1);
 
@@ -29,7 +29,7 @@ std::string requested_path(const StreamOptions& options)
     return options.output;
 }
 
-/** Takes frames from the library as they come and hands them on, until the end. */
+/** Reads frames from the library and writes them, until the end. */
 class StreamRun {
 public:
     StreamRun(const StreamOptions& options, CommandContext& context)
@@ -39,9 +39,8 @@ public:
           stream_(options, size_, context.signals), control_(options.control), lost_(options.fps)
     {
         if (options.time)
-            deadline_ =
-                // until the first frame is there
-                Clock::now() + time_limit() + std::chrono::seconds(5);
+            // for the time until the first frame arrives
+            deadline_ = Clock::now() + time_limit() + std::chrono::seconds(5);
     }
 
     ExitCode run()
@@ -84,8 +83,8 @@ private:
         return true;
     }
 
-    // By time stamps, which also count missing frames, and by number: a key frame has the time of
-    // the latest picture, so a late first key frame would also delay the end.
+    // By time stamps, which also count missing frames, and by number: a key frame has the time
+    // stamp of the latest picture, so a late first key frame would move the end.
     bool is_behind_the_end(const EncodedFrame& frame) const
     {
         return options_.time &&
@@ -97,9 +96,8 @@ private:
     {
         first_pts_us_ = first.pts_us;
         since_first_frame_ = {};
-        if (options_
-                .time) // for a stream that is paused at its end; otherwise the time stamps say when it is
-                       // over
+        // for a stream that is paused at its end; otherwise the time stamps end it
+        if (options_.time)
             deadline_ = now + time_limit() + milliseconds(150);
     }
 
@@ -175,7 +173,7 @@ private:
         const control::Command command = control::parse(line);
         const auto* const watermark = std::get_if<WatermarkOptions>(&command);
         if (watermark && !watermark_)
-            // answered once its picture is read
+            // answered after its picture is read
             watermark_.emplace(*watermark);
         else
             answer([&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
@@ -194,7 +192,7 @@ private:
     void carry_out(const control::Unknown& unknown) { throw Failure(unknown.reason); }
     void carry_out(const WatermarkOptions&)
     {
-        throw Failure("the picture of the watermark before is still being read");
+        throw Failure("the picture of the previous watermark is still being read");
     }
     void carry_out(const control::Stop&) { ended_ = true; }
     void carry_out(const control::BitRate& rate)
@@ -202,7 +200,7 @@ private:
         if (video_capenc_setBitRate(rate.bits_per_second) != 0)
             throw Failure("the encoder refused this rate");
     }
-    // What these leave out is left out on purpose.
+    // Frames that these leave out are not lost.
     void carry_out(const control::KeyFrame&)
     {
         lost_.break_stretch();
@@ -238,11 +236,11 @@ private:
     {
         print_losses();
         if (sink_.look() == ByteSink::State::pending && !problem_ && !sink_.path().empty())
-            problem_ = "the end is missing from " + path_ + ": its disk stands still";
+            problem_ = "the end is missing from " + path_ + ": its disk does not respond";
         if (problem_)
             print_message(*problem_);
         if (sink_.delivered() == 0) {
-            print_message("cannot stream: no frame came");
+            print_message("cannot stream: no frame arrived");
             return ExitCode::failed;
         }
         if (options_.verbose)
@@ -255,7 +253,7 @@ private:
         return problem_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
-    // Time stamps of key frames may be a frame late, so a distance of one says nothing.
+    // The time stamp of a key frame may be a frame late, so a distance of one proves no loss.
     void print_losses() const
     {
         const auto counted = since_first_frame_.read();
@@ -266,9 +264,8 @@ private:
         print_message(format_text(
             "%llu frames are missing from the stream: %s",
             static_cast<unsigned long long>(missing - by_capture),
-            reader_was_slow_
-                ? "its reader was too slow, so it was taken up again at later key frames"
-                : "this machine was too busy to take them in time"));
+            reader_was_slow_ ? "its reader was too slow, so it was resumed at later key frames"
+                             : "this machine was too busy to read them in time"));
     }
 
     const StreamOptions& options_;
@@ -278,7 +275,7 @@ private:
     ByteSink sink_;
     EncodedStream stream_;
     ControlInput control_;
-    /** asked for, and its picture not read yet */
+    /** requested, its picture not read yet */
     std::optional<WatermarkChange> watermark_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;
@@ -289,7 +286,7 @@ private:
     uint64_t key_frames_ = 0;
     uint64_t first_pts_us_ = 0;
     uint64_t last_pts_us_ = 0;
-    /** for what is missing behind the first frame */
+    /** for the frames lost after the first one */
     StatisticsDelta since_first_frame_;
     bool reader_was_slow_ = false;
     bool reader_gone_ = false;

@@ -16,7 +16,7 @@ std::string words_of(const CommandOutline& command)
     return words;
 }
 
-/** What stands behind an option that takes a value. */
+/** The case of an option with a value. */
 std::string value_case(const CommandOutline& command, const OptionOutline& option)
 {
     std::string made =

@@ -4,7 +4,7 @@
 namespace client {
 namespace {
 
-/** Text as roff takes it: no dash that becomes a hyphen, no line that begins with a request. */
+/** Escapes text for roff: no dash becomes a hyphen, no line begins with a request. */
 std::string roff(const std::string& text)
 {
     std::string made;
@@ -49,40 +49,39 @@ constexpr const char* head =
     ".SH SYNOPSIS\n"
     ".B screenrecord\n\\fICOMMAND\\fR [\\fIOPTIONS\\fR]\n"
     ".SH DESCRIPTION\n"
-    "Captures an X display, encodes it as H.264, and writes a file that any player opens, or a stream.\n"
-    "While it records, a terminal shows one line: time, frames, frames per second, dropped frames, file "
+    "Captures an X display, encodes it as H.264, and writes a file that any player opens, or streams it.\n"
+    "During a recording a terminal shows one line: time, frames, frames per second, dropped frames, file "
     "size, bit rate and sound level.\n"
-    "A narrow terminal drops fields; time, size and rate stay longest.\n"
-    "Standard output gets the path of the finished file, or the stream or picture itself, and nothing else.\n"
-    "On a terminal and in messages, control characters in names are shown as \\ex1b; a pipe gets the path as "
-    "it "
-    "is.\n"
+    "A narrow terminal shows only the most important parts: time, size and rate.\n"
+    "Standard output receives only the path of the finished file, or the stream or picture itself.\n"
+    "A terminal and messages show control characters in names as \\ex1b; a pipe receives the path "
+    "unchanged.\n"
     ".SH COMMANDS AND OPTIONS\n";
 
 constexpr const char* tail =
     ".SH FILES\n"
-    "New files are private (mode 0600, whatever the umask); an overwritten file keeps its mode.\n"
-    "With \\fB\\-y\\fR a regular file of yours is overwritten. A symbolic link, and a file or a named pipe "
-    "of another user, is never written to; your own pipe is, as soon as it has a reader.\n"
-    "A file is locked while it is recorded: a second screenrecord is refused. If it is renamed meanwhile, "
-    "the "
-    "recording goes on, and its new path is printed at the end; if it is removed, replaced or cut, the "
+    "A new file has mode 0600, whatever the umask; an overwritten file keeps its mode.\n"
+    "\\fB\\-y\\fR overwrites an ordinary file of the user. Symbolic links, and files and named pipes of other "
+    "users, are never written to. A named pipe of the user is written to once it has a reader.\n"
+    "A file is locked during its recording: a second screenrecord cannot write to it. If the file is renamed, "
+    "the recording continues, and its new path is printed at the end; if it is removed, replaced or cut, the "
     "recording ends.\n"
     ".SH STATUS\n"
-    "With \\fB\\-\\-json\\fR, an object a second:\n"
-    "\\fBstate\\fR (recording; at the end finished or, without a usable file, failed), \\fBelapsed\\fR "
+    "\\fB\\-\\-json\\fR prints one object per second:\n"
+    "\\fBstate\\fR (recording, paused or finishing; at the end finished or, without a usable file, failed), \\fBelapsed\\fR "
     "(seconds), \\fBframes\\fR, \\fBfps\\fR, "
     "\\fBdropped\\fR, \\fBfile_bytes\\fR, \\fBbits_per_second\\fR, \\fBsound_level\\fR (0 to 1), "
-    "\\fBdisplay_answers\\fR (false while pictures are missing because the display does not answer), and "
-    "\\fBdisk_waiting\\fR (seconds that a write has waited for its disk, 0 = none waits); null "
-    "for what the platform does not count.\n"
-    "The file of \\fB\\-\\-status\\-file\\fR has the same, and the state starting before, which "
-    "\\fB\\-\\-json\\fR never says. It is replaced as a whole each time.\n"
+    "\\fBdisplay_answers\\fR (false while pictures are missing because the display does not answer), "
+    "\\fBdisk_waiting\\fR (seconds that a write has waited for its disk, 0 = none waits) and "
+    "\\fBfinished_part\\fR (part of an MP4 file rewritten with its index in front, 0 to 1). A value that "
+    "the platform does not count is null.\n"
+    "\\fB\\-\\-status\\-file\\fR writes the same object, preceded by one with the state starting. Each "
+    "object replaces the whole file.\n"
     ".SH EXAMPLES\n"
     ".TP\n.B screenrecord record \\-o meeting.ts\nthe whole screen, with sound, until Ctrl\\-C\n"
     ".TP\n.B screenrecord record \\-o clip.ts \\-s 1280x720 \\-r 60 \\-t 10\nten seconds at 60 frames per "
     "second\n"
-    ".TP\n.B screenrecord stream \\-o \\- \\-b 2M | ffplay \\-\nwatch it as it is encoded\n"
+    ".TP\n.B screenrecord stream \\-o \\- \\-b 2M | ffplay \\-\nwatch the stream while it is encoded\n"
     ".TP\n.B screenrecord shot \\-o now.png\na screenshot\n"
     ".SH SEE ALSO\n.BR Xorg (1),\n.BR pulseaudio (1),\n.BR ffplay (1)\n";
 

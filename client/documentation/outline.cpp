@@ -7,8 +7,7 @@
 namespace client {
 namespace {
 
-// A value that help writes in capitals stands for something; small letters and digits are the words
-// themselves.
+// In help, a value in capitals is a placeholder; lower case and digits are the words themselves.
 OptionOutline outline_of(const CLI::Option& option)
 {
     OptionOutline made;

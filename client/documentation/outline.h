@@ -11,9 +11,9 @@ struct OptionOutline {
     std::string letter;
     /** without its dashes */
     std::string name;
-    /** what stands for its value in help, such as SECONDS; empty = it takes none */
+    /** placeholder of its value in help, such as SECONDS; empty = it has no value */
     std::string value;
-    /** the only values, where there are such */
+    /** the only values; empty = any */
     std::vector<std::string> choices;
     bool takes_file = false;
     bool required = false;
@@ -31,13 +31,10 @@ struct CommandOutline {
     bool takes_files = false;
 };
 
-/**
- * What can be typed: the program first, then its commands. Made from the description that help is
- * made from.
- */
+/** The program first, then its commands, from the same description as help. */
 std::vector<CommandOutline> outline();
 
-/** What is printed by each generator: a whole file. */
+/** Each generator returns a whole file. */
 std::string manual_page();
 std::string bash_completion();
 std::string zsh_completion();

@@ -3,7 +3,7 @@
 namespace client {
 namespace {
 
-/** Inside single quotes, and inside the brackets or colons of _arguments. */
+/** Escapes text inside single quotes and inside the brackets or colons of _arguments. */
 std::string zsh_quoted(const std::string& text)
 {
     std::string made;

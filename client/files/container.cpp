@@ -18,7 +18,7 @@ std::string from_environment(const char* name)
     return value ? value : "";
 }
 
-/** The line XDG_VIDEOS_DIR="$HOME/..." of the user's list of folders; empty without one. */
+/** The folder of the line XDG_VIDEOS_DIR="$HOME/..." in user-dirs.dirs; empty without one. */
 std::string listed_folder(const std::string& home)
 {
     const std::string config = from_environment("XDG_CONFIG_HOME");

@@ -22,7 +22,7 @@ struct flock whole_file(short type)
     return lock;
 }
 
-/** The recorder that a status file's writer belongs to; any other process itself. */
+/** The recorder that owns this status-file writer; any other process itself. */
 pid_t recorder_of(pid_t process)
 {
     std::ifstream status(format_text("/proc/%d/status", static_cast<int>(process)));
@@ -35,7 +35,7 @@ pid_t recorder_of(pid_t process)
     return process;
 }
 
-/** The process that has this record lock; 0 if it cannot be seen from here. */
+/** The process with this record lock; 0 if it is not visible from here. */
 pid_t holder(int fd)
 {
     struct flock lock = whole_file(F_WRLCK);
@@ -43,9 +43,9 @@ pid_t holder(int fd)
     return held ? recorder_of(lock.l_pid) : 0;
 }
 
-// What counts is flock(2), which stays while the descriptor is open, whatever else the process
-// opens and closes. A record lock, which any close of the file ends, only tells others the process:
-// flock(2) does not.
+// flock(2) is the lock: it lasts while the descriptor is open, whatever else the process opens and
+// closes. A record lock ends at any close of the file; it only names the process, which flock(2)
+// does not.
 void lock_output(int fd, const std::string& path)
 {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
@@ -63,7 +63,7 @@ void lock_output(int fd, const std::string& path)
 using common::Objection;
 using common::TrustedPath;
 
-/** Of what cannot become an output. */
+/** Refuses a path before it is an output. */
 [[noreturn]] void refuse_output(const std::string& path, const std::string& reason)
 {
     throw Failure("cannot write to " + path + ": " + reason, ExitCode::usage);
@@ -79,7 +79,7 @@ using common::TrustedPath;
     refuse_output(path, "another process is replacing it");
 }
 
-/** Of one that was fine at first. */
+/** Reports an output that failed later. */
 [[noreturn]] void fail(const std::string& path, int error)
 {
     throw Failure("cannot write to " + path + ": " + error_text(error));
@@ -105,13 +105,14 @@ void check_existing(const std::string& path, const TrustedPath& place, const str
     if (S_ISLNK(found.st_mode))
         refuse_output(
             path,
-            "it is a symbolic link, which somebody may have planted; remove it or name its target");
+            "it is a symbolic link, which another user may have planted; remove it or name its target");
     const Objection objection = common::objection_to_write(found);
     if (objection == Objection::folder)
         refuse_output(path, "it is a folder");
     if (objection == Objection::special)
-        refuse_output(path, "it is no ordinary file");
-    if (objection == Objection::foreign && !place.in_proc()) // those are open already
+        refuse_output(path, "it is not an ordinary file");
+    if (objection == Objection::foreign &&
+        !place.in_proc()) // /proc lists files that are open already
         refuse_output(
             path, "it belongs to another user, who may read what is written; give it another name");
     if (S_ISREG(found.st_mode) && !overwrite)
@@ -120,7 +121,7 @@ void check_existing(const std::string& path, const TrustedPath& place, const str
         refuse_output(path, error_text(errno));
 }
 
-/** Locks the ordinary file that is there, if one is that we may read. */
+/** Locks the existing ordinary file, if there is one that this process may read. */
 common::Descriptor lock_existing(const std::string& path, const TrustedPath& place)
 {
     common::Descriptor fd = place.open(O_RDONLY | O_NONBLOCK | O_NOCTTY);
@@ -129,7 +130,7 @@ common::Descriptor lock_existing(const std::string& path, const TrustedPath& pla
     return fd;
 }
 
-/** Checks that `path` can become an output, and returns what is there already. */
+/** Checks that `path` can become an output; returns the status of the existing file, or zeros. */
 struct stat examine(const std::string& path, const TrustedPath& place, bool overwrite)
 {
     check_folder(path, place);
@@ -146,11 +147,11 @@ struct stat examine(const std::string& path, const TrustedPath& place, bool over
     return {};
 }
 
-/** The same, for a file that is to be replaced as a whole. */
+/** The same for a file that is replaced as a whole. */
 void examine_whole_file(const std::string& path, const TrustedPath& place, bool overwrite)
 {
     const mode_t kind = examine(path, place, overwrite).st_mode;
-    // the rename would take away the link, even one of the kernel's
+    // the rename would replace the link, even one of the kernel
     struct stat named = {};
     const bool is_link =
         fstatat(place.folder(), place.name().c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -158,18 +159,18 @@ void examine_whole_file(const std::string& path, const TrustedPath& place, bool 
     if (is_link || (kind != 0 && !S_ISREG(kind)))
         refuse_output(
             path,
-            "it is no ordinary file, and one would take its place; name an ordinary file or a new one");
+            "it is not an ordinary file, and would be replaced by one; name an ordinary file or a new one");
 }
 
-bool leads_to(const TrustedPath& place, int fd)
+bool place_leads_to(const TrustedPath& place, int fd)
 {
     struct stat named = {}, held = {};
     return place.status(named) == 0 && fstat(fd, &held) == 0 && common::is_one_file(named, held);
 }
 
 /**
- * Renames where nothing is of the new name; several network file systems know no such rename, but
- * links.
+ * Renames to a name that is not in use. Some network file systems cannot do it in one step; they
+ * use a link.
  */
 int rename_to_free_name(int folder, const char* from, const char* to)
 {
@@ -223,7 +224,7 @@ OutputFile::OutputFile(std::string path, bool overwrite, StopSignals& signals)
     if (!fd_ || fstat(fd_.get(), &opened) != 0)
         refuse_output(path_, error_text(errno));
     kind_ = opened.st_mode;
-    if (!fresh) // it may have come after the check
+    if (!fresh) // it may have appeared after the check
         check_existing(path_, place_, opened, overwrite);
     if (regular() || named_pipe())
         lock_output(fd_.get(), path_);
@@ -243,7 +244,7 @@ void OutputFile::open_existing(bool overwrite, StopSignals& signals)
         fd_ = place_.open(O_WRONLY | O_NONBLOCK | O_NOCTTY);
 }
 
-// Opened so that it does not block, again and again: a blocking open would also block the stop.
+// Tries non-blocking opens: a blocking one would also delay a stop.
 void OutputFile::open_named_pipe(StopSignals& signals)
 {
     while (true) {
@@ -251,8 +252,7 @@ void OutputFile::open_named_pipe(StopSignals& signals)
         if (fd_ || errno != ENXIO)
             return;
         if (signals.wait_until(Clock::now() + std::chrono::milliseconds(50)))
-            throw Failure("cannot write to " + path_ +
-                          ": stopped before anybody opened it to read");
+            throw Failure("cannot write to " + path_ + ": stopped before it had a reader");
     }
 }
 
@@ -264,7 +264,7 @@ OutputFile::~OutputFile()
 
 bool OutputFile::has_its_name() const
 {
-    return leads_to(place_, fd_.get());
+    return place_leads_to(place_, fd_.get());
 }
 
 std::string OutputFile::path_to_reopen() const
@@ -281,17 +281,17 @@ uint64_t OutputFile::size() const
 
 AtomicFile::AtomicFile(std::string path) : path_(std::move(path))
 {
-    // whether it may replace a file is said when it gets its name
+    // put_in_place() is told whether it may replace a file
     check_whole_file_path(path_, true);
     place_.emplace(path_);
     in_place_ = lock_existing(path_, *place_);
-    if (in_place_ && !leads_to(*place_, in_place_.get()))
+    if (in_place_ && !place_leads_to(*place_, in_place_.get()))
         refuse_replaced(path_);
     begin();
 }
 
-// Looks the folder up again each time, since it can have been moved. The temporary name is
-// independent of the file's name, which can have the greatest length, and cannot be guessed.
+// Opens the folder again each time, since it can have been moved. The temporary name cannot be
+// guessed and does not depend on the file's name, which can have the maximum length.
 void AtomicFile::begin()
 {
     place_.emplace(path_);

@@ -13,33 +13,31 @@ namespace client {
 /** The name of the process that writes a status file. */
 inline constexpr const char* status_writer_name = "status writer";
 
-/** "-" and the names that mean the same. */
+/** Whether the path is "-" or another name of standard output. */
 bool is_standard_output(const std::string& path);
 
 /**
- * Throws Failure, with the reason, when `path` cannot become an output file: a folder, a place that
- * cannot be written, a symbolic link, another user's file or pipe, a file that exists without
- * `overwrite` or that is being recorded. Creates nothing.
+ * Checks that `path` can become an output file. Throws Failure for a folder, a place that is not
+ * writable, a symbolic link, a file or pipe of another user, an existing file without `overwrite`,
+ * and a file that is being recorded. Creates nothing.
  */
 void check_output_path(const std::string& path, bool overwrite);
 
 /**
- * The same for an AtomicFile, whose rename replaces the file of that name: only an ordinary file
- * may be there.
+ * The same for an AtomicFile, whose rename replaces an existing file: that must be an ordinary one.
  */
 void check_whole_file_path(const std::string& path, bool overwrite);
 
 /**
- * An output file under its final name, filled as time goes by and locked meanwhile. Created by us,
- * for its owner alone, or one of the user's own that was there, emptied where `overwrite` allows
- * it, with the mode that it had; one that we created and that is still empty at the end is removed
- * again. Or a named pipe of the user's own.
+ * An output file under its final name, filled over time and locked meanwhile: a new file for its
+ * owner alone (mode 0600), an existing one of the user, which is emptied if `overwrite` allows it
+ * and keeps its mode, or a named pipe of the user. A new file that is empty at the end is removed.
  */
 class OutputFile {
 public:
     /**
-     * Waits for the reader of a named pipe until a stop is asked for. Throws Failure as
-     * check_output_path() does, and when the file cannot be created.
+     * Waits for the reader of a named pipe until a stop is requested. Throws Failure as
+     * check_output_path() does, and if the file cannot be created.
      */
     OutputFile(std::string path, bool overwrite, StopSignals& signals);
     OutputFile(const OutputFile&) = delete;
@@ -49,13 +47,13 @@ public:
     int fd() const { return fd_.get(); }
     const std::string& path() const { return path_; }
     /**
-     * A name under which this process opens the same file again, even if the path leads to another
-     * file by then.
+     * A name that opens the same file again in this process, even if the path leads to another file
+     * by then.
      */
     std::string path_to_reopen() const;
     /** Bytes in the file now; 0 if it is not a regular file. */
     uint64_t size() const;
-    /** Whether it is an ordinary file, as against a pipe or a device. */
+    /** Whether it is an ordinary file, not a pipe or a device. */
     bool regular() const { return S_ISREG(kind_); }
     bool named_pipe() const { return S_ISFIFO(kind_); }
 
@@ -72,26 +70,29 @@ private:
 };
 
 /**
- * Puts a whole file in place at once: written beside it, then renamed, so that no reader ever sees
- * half of it and a failure leaves what was there before. The file that has the name is locked, from
- * the beginning and from one content to the next.
+ * Replaces a file as a whole: writes beside it, then renames, so no reader sees half a file and a
+ * failure leaves the old one. Locks the file of this name from construction to destruction.
  */
 class AtomicFile {
 public:
     /**
-     * Throws Failure when nothing can be created beside `path`, or what is there is no ordinary
-     * file or not the user's. Only its owner may read it.
+     * Throws Failure if no file can be created beside `path`, or if the existing one is not an
+     * ordinary file of the user. The new file has mode 0600.
      */
     explicit AtomicFile(std::string path);
     AtomicFile(const AtomicFile&) = delete;
     AtomicFile& operator=(const AtomicFile&) = delete;
     ~AtomicFile();
 
-    /** Writes all of it, of the next content after put_in_place(); throws Failure. */
+    /** Writes all bytes; after put_in_place() they begin the next content. Throws Failure. */
     void write(const void* data, size_t size);
-    /** The first content, for a writer with its own means; open to read and write. */
+    /**
+     * Descriptor of the first content, open to read and write, for a writer that uses it directly.
+     */
     int fd() const { return fd_.get(); }
-    /** Gives it its name, in place of a file of that name only with `overwrite`; throws Failure. */
+    /**
+     * Gives the content its name; replaces an existing file only with `overwrite`. Throws Failure.
+     */
     void put_in_place(bool overwrite);
 
 private:
@@ -99,11 +100,11 @@ private:
 
     std::string path_;
     std::optional<common::TrustedPath> place_;
-    /** name in the same folder; empty = nothing is there */
+    /** temporary name in the same folder; empty = no file has it */
     std::string beside_;
-    /** of what is beside */
+    /** of the temporary file */
     common::Descriptor fd_;
-    /** holds the lock of what has the name */
+    /** of the file in place, which it keeps locked */
     common::Descriptor in_place_;
 };
 

@@ -12,7 +12,7 @@ namespace {
 
 enum class Kind { video, picture, sound };
 
-/** What a command writes, and the endings that say so; the first is the one to use. */
+/** The format of a command and its endings; the first is the recommended one. */
 struct Format {
     const char* command;
     const char* what;
@@ -38,11 +38,11 @@ const Format& format_of(std::string_view command)
 struct Ending {
     std::string_view name;
     Kind kind;
-    /** holds H.264 as it is */
+    /** can contain H.264 unchanged */
     bool copied;
 };
 
-/** Of files that ffmpeg makes of ours. */
+/** Endings of files that ffmpeg can convert ours to. */
 constexpr Ending other_endings[] = {
     {"m4v", Kind::video, true},     {"mov", Kind::video, true},     {"flv", Kind::video, true},
     {"3gp", Kind::video, false},    {"webm", Kind::video, false},   {"avi", Kind::video, false},
@@ -64,7 +64,7 @@ bool has(const Format& format, std::string_view ending)
     return std::find(format.endings.begin(), format.endings.end(), ending) != format.endings.end();
 }
 
-/** The command that writes files of this ending; empty when none does. */
+/** The command that writes files of this ending; empty if there is none. */
 std::string command_for(std::string_view ending)
 {
     for (const char* command : {"record", "stream", "shot", "pcm"})
@@ -73,7 +73,7 @@ std::string command_for(std::string_view ending)
     return "";
 }
 
-const char* command_for(Kind kind)
+const char* hint_for(Kind kind)
 {
     return kind == Kind::video     ? "'screenrecord record' records video"
            : kind == Kind::picture ? "'screenrecord shot' takes pictures"
@@ -110,8 +110,8 @@ std::string wrong_format(const std::string& command, const std::string& path, ui
         return "";
     const std::string ours =
         path.substr(0, path.size() - ending.size()) + std::string(format.endings.front());
-    const std::string begin = std::string("is no name for ") + format.what + ", which " + command +
-                              " writes: name it " + ours + "; ";
+    const std::string begin = std::string("is not a name for ") + format.what + ", which " +
+                              command + " writes: name it " + ours + "; ";
     if (command == "pcm" && (ending == "raw" || ending == "pcm"))
         return begin + "'-o -' writes raw samples to standard output";
     if (const std::string other = command_for(ending); !other.empty())
@@ -122,11 +122,11 @@ std::string wrong_format(const std::string& command, const std::string& path, ui
         if (each.name == ending && (!known || each.kind == format.kind))
             known = &each;
     if (!known)
-        return command == "record" ? "is no name for " + std::string(format.what) +
+        return command == "record" ? "is not a name for " + std::string(format.what) +
                                          ": such names end in .mp4, .mkv or .ts"
                                    : "";
     return begin + (known->kind == format.kind ? converted(format, ours, path, known->copied, fps)
-                                               : std::string(command_for(known->kind)));
+                                               : std::string(hint_for(known->kind)));
 }
 
 } // namespace client

@@ -5,15 +5,15 @@
 
 namespace client {
 
-/** What stands behind the last point of a file's name, in small letters; empty without one. */
+/** The part of a file name after its last point, in lower case; empty without one. */
 std::string ending_of(const std::string& path);
 
 /**
- * Why `command` ("record", ...) is not to write a file of this name, as the end of a sentence that
- * begins with the name, together with the way to what the name asks for; empty when it may. Names
- * that tell of no format say nothing wrong.
+ * Why `command` ("record", ...) should not write a file of this name, as the end of a sentence that
+ * begins with the name, with the way to the wanted format. Empty if it may; a name that indicates
+ * no format is never wrong.
  *
- * @param fps pictures per second of a stream, which a raw one does not say
+ * @param fps frame rate of a stream: a raw one does not contain it
  */
 std::string wrong_format(const std::string& command, const std::string& path, uint32_t fps);
 

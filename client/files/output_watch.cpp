@@ -8,7 +8,7 @@
 namespace client {
 namespace {
 
-// of st_blocks, whatever the file system's own
+// unit of st_blocks on every file system
 constexpr off_t block_bytes = 512;
 
 bool leads_to(const std::string& path, const struct stat& file)
@@ -17,7 +17,7 @@ bool leads_to(const std::string& path, const struct stat& file)
     return stat(path.c_str(), &named) == 0 && common::is_one_file(named, file);
 }
 
-/** The name that the kernel knows the file by; empty when it leads nowhere from here. */
+/** The name that the kernel has for the file; empty if it does not lead to the file. */
 std::string name_known_to_kernel(int fd, const struct stat& file)
 {
     char target[PATH_MAX];
@@ -28,7 +28,8 @@ std::string name_known_to_kernel(int fd, const struct stat& file)
 }
 
 /**
- * Whether a part is missing in the middle, as when a writer goes on behind where others have cut.
+ * Whether a part in the middle is missing, as after a write behind the end of a file that another
+ * program has cut.
  */
 bool has_hole(int fd, off_t size)
 {
@@ -61,13 +62,13 @@ std::optional<std::string> OutputWatch::problem_at_end()
 {
     auto found = look(true);
     if (!found && path_.empty())
-        found =
-            "the recording is no longer called " + file_.path() + ", and its new name is not known";
+        found = "the recording no longer has the name " + file_.path() +
+                ", and its new name is not known";
     return found;
 }
 
-// Searching for a hole blocks behind a write that is under way, on a slow disk for long. So it
-// happens at the end only, unless the file has less on its disk than its size.
+// The search for a hole blocks behind a running write, on a slow disk for long. So it runs only at
+// the end, or if the file has fewer bytes on its disk than its size.
 std::optional<std::string> OutputWatch::look(bool closely)
 {
     struct stat now = {};
@@ -79,13 +80,13 @@ std::optional<std::string> OutputWatch::look(bool closely)
         path_.clear();
         return lost +
                (stat(file_.path().c_str(), &named) == 0
-                    ? "another file has taken its place, and what was recorded went with the old one"
-                    : "it was removed, and what was recorded with it");
+                    ? "another file has replaced it, and the recording is lost with the old one"
+                    : "it was removed, and the recording with it");
     }
     const bool look_for_hole =
         !writer_knows_size_ && (closely || now.st_blocks * block_bytes < now.st_size);
     if (cut_ || now.st_size < size_ || (look_for_hole && has_hole(file_.fd(), now.st_size)))
-        return lost + "another program has cut it, and what was recorded before is missing";
+        return lost + "another program has cut it, and the recording before is missing";
     size_ = now.st_size;
     if (!leads_to(path_, now))
         follow_name();
@@ -103,7 +104,7 @@ void OutputWatch::follow_name()
     path_ = name;
     const std::string begin = file_.path() + " was renamed";
     print_message(name.empty() ? begin + "; its new name is not known"
-                               : begin + "; the recording goes on in " + name);
+                               : begin + "; the recording continues in " + name);
 }
 
 } // namespace client

@@ -9,21 +9,21 @@
 namespace client {
 
 /**
- * Looks whether an ordinary output file is still what its path leads to. Others may rename it,
- * which costs nothing, or remove, replace or cut it, which loses what was recorded: then there is
- * no sense in going on.
+ * Checks that the path of an ordinary output file still leads to it. If another program renames the
+ * file, the recording continues. If it removes, replaces or cuts the file, the recorded data is
+ * lost, and the recording should end.
  */
 class OutputWatch {
 public:
-    /** Made before anything is written; `file` outlives it. */
+    /** Construct it before the first write; `file` must outlive it. */
     explicit OutputWatch(const OutputFile& file);
 
     /**
-     * Why what was recorded is lost, as a sentence; nothing while it is not. Looks once a second,
-     * however often it is asked, and says when the file has got another name.
+     * Why the recorded data is lost, as a sentence; nullopt while it is not. Checks once per
+     * second, however often it is called, and prints a message if the file was renamed.
      */
     std::optional<std::string> problem();
-    /** The same behind the last write, with a closer look; at most once. */
+    /** The same after the last write, with a thorough check; call it once. */
     std::optional<std::string> problem_at_end();
     /**
      * Call it before each write if the number of written bytes is known: it detects at once that
@@ -31,7 +31,7 @@ public:
      * systems also make of written zeros.
      */
     void expect_size(uint64_t bytes);
-    /** The file's name of late; empty when it has none that is known. */
+    /** The current name of the file; empty if unknown. */
     const std::string& path() const { return path_; }
 
 private:

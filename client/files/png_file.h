@@ -8,7 +8,7 @@
 
 namespace client {
 
-/** A picture of four bytes a pixel, R, G, B, A, alpha not premultiplied, lines without gaps. */
+/** A picture of four bytes per pixel: R, G, B, A, alpha not premultiplied, lines without gaps. */
 struct RgbaPicture {
     Size size;
     std::vector<uint8_t> bytes;
@@ -17,7 +17,7 @@ struct RgbaPicture {
 /** Reads a PNG file of at most 4096x4096 pixels; throws Failure. */
 RgbaPicture read_png(const std::string& path);
 
-/** Makes a PNG file, in memory, of lines of B, G, R bytes without gaps; throws Failure. */
+/** Encodes lines of B, G, R bytes without gaps as a PNG file in memory. Throws Failure. */
 std::vector<uint8_t> encode_png(Size size, const std::vector<uint8_t>& bgr);
 
 } // namespace client

@@ -6,7 +6,7 @@
 
 namespace client {
 
-/** Samples as a WAV file holds them: little-endian, channels interleaved. */
+/** Samples as in a WAV file: little-endian, channels interleaved. */
 struct PcmFormat {
     uint32_t channels = 2;
     /** per second and channel */
@@ -20,8 +20,8 @@ struct PcmFormat {
 inline constexpr size_t wav_header_bytes = 44;
 
 /**
- * The header of a WAV file (RIFF, PCM) with `data_bytes` of samples. A size field holds 32 bits:
- * for more than that it says its greatest value, which players take as "up to the end of the file".
+ * The header of a WAV file (RIFF, PCM) with `data_bytes` of samples. Its size fields have 32 bits:
+ * beyond that they contain the greatest value, which players read as "up to the end of the file".
  */
 std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64_t data_bytes);
 

@@ -32,7 +32,7 @@ double rate_of(const xcb_randr_mode_info_t& mode)
     return pixels > 0 ? mode.dot_clock / pixels : 0;
 }
 
-/** The rate of the first output that shows something. */
+/** The refresh rate of the first active output; 0 if there is none. */
 double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
 {
     const auto* extension = xcb_get_extension_data(connection, &xcb_randr_id);
@@ -81,7 +81,7 @@ std::optional<DisplayInfo> ask(const std::string& name)
                                       : common::unknown_pixel_format(server, *screen)};
 }
 
-/** What the asking thread leaves behind; shared, because it may come too late for whoever asked. */
+/** The result of the asking thread; shared, because it may come after the caller has given up. */
 struct Answer {
     std::mutex mutex;
     std::condition_variable arrived;
@@ -97,8 +97,8 @@ std::string environment(const char* name)
 
 } // namespace
 
-// A stopped server accepts the connection and never answers, and xcb has no timeout: so a separate
-// thread asks, and is abandoned after a while.
+// A stopped server accepts the connection and never answers, and xcb has no time limit. So a thread
+// asks, and is abandoned if it is too slow.
 std::optional<DisplayInfo> probe_display(const std::string& name)
 {
     const auto answer = std::make_shared<Answer>();
@@ -110,8 +110,7 @@ std::optional<DisplayInfo> probe_display(const std::string& name)
         answer->arrived.notify_one();
     }).detach();
     std::unique_lock lock(answer->mutex);
-    // In slices: when this process was stopped for all of the time, the thread has its turn before
-    // it is judged.
+    // In slices: after SIGSTOP and SIGCONT the thread still has its turn before the time is up.
     constexpr auto slice = std::chrono::milliseconds(50);
     for (int left = std::chrono::seconds(3) / slice; left > 0 && !answer->there; --left)
         answer->arrived.wait_for(lock, slice, [&] { return answer->there; });
@@ -130,7 +129,7 @@ DisplayInfo display_to_capture()
     const std::string name = environment("DISPLAY");
     if (name.empty() && getauxval(AT_SECURE))
         throw Failure(
-            "cannot reach a display: this program was given privileges (set-uid, set-gid or file capabilities), so that its environment does not choose one; take them away");
+            "cannot reach a display: this program has privileges (set-uid, set-gid or file capabilities) and therefore ignores DISPLAY; remove them");
     if (name.empty())
         throw Failure(
             "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord devices'), or set ZU3_DISPLAY=testcard for a moving test card");
@@ -138,7 +137,7 @@ DisplayInfo display_to_capture()
     if (!display)
         throw Failure(
             "cannot reach the display '" + name +
-            "' (DISPLAY): there is no X server of that name, it does not answer, or it does not let us in; 'screenrecord devices' lists those that do");
+            "' (DISPLAY): there is no X server of that name, or it does not answer or refuses access; 'screenrecord devices' lists the others");
     if (!display->problem.empty())
         throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
     return *display;
@@ -163,7 +162,7 @@ Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& aske
 std::optional<std::string> display_problem(const zu3_host_statistics_t& since_start,
                                            const std::string& purpose)
 {
-    // A slow display is not lost, but a recording without pictures for so long is over.
+    // A slow display is not lost, but one without pictures for this long ends a recording.
     constexpr uint32_t longest_silence_ms = 60'000;
     const std::string ended =
         purpose + " the display " + environment("DISPLAY") + " (DISPLAY) any more: ";

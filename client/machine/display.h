@@ -9,47 +9,47 @@
 
 namespace client {
 
-/** What a display says of itself. */
+/** Properties of a display. */
 struct DisplayInfo {
     std::string name;
     Size size;
-    /** 0 = it does not say */
+    /** 0 = unknown */
     double refresh_hz = 0;
     /** pictures can be fetched through shared memory */
     bool shared_memory = false;
-    /** why it cannot be captured, as the end of a sentence; empty when it can */
+    /** why it cannot be captured, as the end of a sentence; empty if it can */
     std::string problem = {};
 };
 
 /**
- * Asks the X server `name` ("" = DISPLAY); nothing when it cannot be reached or does not answer
+ * Asks the X server `name` ("" = DISPLAY); nullopt if it cannot be reached or does not answer
  * within 3 s.
  */
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
 /**
- * What the capture will show: DISPLAY, or the platform's test card where ZU3_DISPLAY asks for it.
- * Throws Failure, also for a display whose pixels cannot be read.
+ * The display to capture: DISPLAY, or the test card of the platform if ZU3_DISPLAY selects it.
+ * Throws Failure, also for a display with an unknown pixel format.
  */
 DisplayInfo display_to_capture();
 
 /**
- * The size to capture of `display`: the one that was asked for, else the display's own, made even.
- * Says so when a display of odd size loses its last column or row to it.
+ * The size to capture: `asked`, or by default the display's size, made even. Prints a message if a
+ * display of odd size loses its last column or row.
  */
 Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked);
 
 /**
- * Why the display that is being captured gives no more pictures: "<purpose> the display ... any
- * more: ..."; nullopt while it may give some.
+ * Why the captured display delivers no more pictures, as "<purpose> the display ... any more: ...";
+ * nullopt while it may deliver some.
  */
 std::optional<std::string> display_problem(const zu3_host_statistics_t& since_start,
                                            const std::string& purpose);
 
-/** Names of the displays of this machine whose socket exists, and of DISPLAY. */
+/** Names of the displays of this machine that have a socket, and DISPLAY. */
 std::vector<std::string> known_displays();
 
-/** Whether ZU3_DISPLAY asks for the test card. */
+/** Whether ZU3_DISPLAY selects the test card. */
 bool test_card_asked();
 
 } // namespace client

@@ -11,19 +11,19 @@
 
 namespace client {
 
-// What the host layer offers beside the contract. Each function looks its entry up by name, so the
-// program also runs on a platform without it.
+// Extensions of the host layer beside the contract. Each function looks its entry up by name, so
+// the program also runs on a platform without it.
 
-/** What the host layer counts, from the construction of this object on. */
+/** The statistics of the host layer since the construction of this object. */
 class StatisticsDelta {
 public:
     StatisticsDelta();
 
     /**
-     * The statistics now: counters as the difference to those at construction, `display_lost` and
-     * `sound_lost` 1 only if lost meanwhile, everything that is not a count (levels, waiting times,
-     * the last errno) as it is. Fields that an older host layer lacks are 0.
-     * @return nullopt if the platform counts nothing
+     * The current statistics: counters as the difference to those at construction, `display_lost`
+     * and `sound_lost` 1 only if lost since then, everything else (levels, waiting times, the last
+     * errno) unchanged. Fields that an older host layer lacks are 0.
+     * @return nullopt if the platform has no statistics
      */
     std::optional<zu3_host_statistics_t> read() const;
 
@@ -55,10 +55,10 @@ uint64_t time_of_sound();
 /** Has `listener` called with each line of the log (log_listener.h), if the platform offers it. */
 void listen_to_host_log(zu3_host_log_listener_t listener);
 
-/** One sentence on the platform; NULL = it has none. */
+/** A sentence about the platform; NULL = there is none. */
 const char* platform_sentence();
 
-/** Multiplexed bytes that are not in a file yet. */
+/** Multiplexed bytes that are not yet in a file. */
 inline uint64_t unwritten_bytes(const zu3_host_statistics_t& s)
 {
     return s.bytes_multiplexed > s.bytes_written ? s.bytes_multiplexed - s.bytes_written : 0;
@@ -71,7 +71,7 @@ inline uint64_t pictures_left_out(const zu3_host_statistics_t& s)
            s.pictures_refused;
 }
 
-/** Whether a picture of the display has been waited for in vain for a second. */
+/** Whether the display has not delivered a due picture for a second. */
 inline bool display_is_silent(const zu3_host_statistics_t& s)
 {
     return s.display_silent_ms >= 1000;

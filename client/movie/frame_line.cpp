@@ -7,7 +7,7 @@
 namespace client::movie {
 namespace {
 
-/** `us` in units of which a second has `rate`, rounded to the nearest. */
+/** `us` microseconds in units of 1/`rate` s, rounded to the nearest. */
 int64_t units(int64_t us, int64_t rate)
 {
     return (us * rate + (us < 0 ? -500'000 : 500'000)) / 1'000'000;
@@ -23,7 +23,8 @@ int64_t microseconds(uint64_t from, uint64_t to)
 
 void FrameLine::put(const EncodedFrame& frame)
 {
-    // A later frame with the time of the key frame, or an earlier one: that time was not its own.
+    // The next frame has the same time or an earlier one: the time of the key frame was that of a
+    // later picture.
     if (held_us_ && frame.pts_us <= *held_us_ + period_us() / 2)
         held_us_ = frame.pts_us - period_us();
     flush();

@@ -8,18 +8,18 @@
 
 namespace client::movie {
 
-/** A frame and its place on the grid of the frame rate. */
+/** A frame and its index on the grid of the frame rate. */
 struct PlacedFrame {
     std::span<const uint8_t> bytes;
-    /** from 0; what was never encoded leaves a gap */
+    /** from 0; a frame that was never encoded leaves a gap */
     int64_t index = 0;
     bool key = false;
 };
 
 /**
- * Places frames on the grid of the frame rate by their time stamps. What is recorded before and
- * behind a pause are stretches that follow one another without a gap. The time stamp of a key frame
- * may be that of a later picture, so a key frame waits until the next frame tells.
+ * Places frames on the grid of the frame rate by their time stamps. Recordings before and after a
+ * pause are stretches that follow one another without a gap. The time stamp of a key frame may be
+ * that of a later picture, so a key frame waits for the time of the next frame.
  */
 class FrameLine {
 public:
@@ -28,19 +28,22 @@ public:
     FrameLine(uint32_t fps, Take take) : fps_(fps), take_(std::move(take)) {}
 
     void put(const EncodedFrame& frame);
-    /** Hands on the key frame that waits, if one does. */
+    /** Releases the waiting key frame, if there is one. */
     void flush();
-    /** The next frame follows the last one, whatever their time stamps; flushed before. */
+    /**
+     * Begins a stretch: the next frame follows the last one, whatever their time stamps. Call flush
+     * before.
+     */
     void begin_stretch() { begun_ = false; }
 
-    /** The place behind the last frame that was handed on. */
+    /** The index after the last released frame. */
     int64_t next() const { return next_; }
     /**
-     * The sample that is heard at a time of the running stretch, which has a frame, counted from
-     * the one heard with frame 0.
+     * The sample heard at a time of the current stretch, which must have a frame; counted from the
+     * sample heard with frame 0.
      */
     int64_t sample_at(uint64_t time_us) const;
-    /** The first sample behind `index` frames. */
+    /** The first sample after `index` frames. */
     int64_t sample_behind(int64_t index) const;
 
 private:
@@ -50,7 +53,7 @@ private:
     const uint32_t fps_;
     const Take take_;
     std::vector<uint8_t> held_;
-    /** time stamp of the key frame that is held */
+    /** time stamp of the waiting key frame */
     std::optional<uint64_t> held_us_;
     bool begun_ = false;
     /** of the stretch's first frame */

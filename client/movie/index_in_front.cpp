@@ -31,8 +31,8 @@ std::string temporary_name()
 }
 
 /**
- * A file beside the one to be replaced; gone again unless it is put in place. Without a name until
- * then, where the file system can do that, so that nothing of it stays behind when we are killed.
+ * A temporary file beside the one to replace, removed unless it is put in place. It has no name
+ * until then if the file system supports that, so SIGKILL leaves nothing behind.
  */
 class Beside {
 public:
@@ -48,7 +48,7 @@ public:
                 fail(errno);
             name_ = name;
         }
-        // so that no other screenrecord writes to it once it has its name
+        // so that no other screenrecord writes to it when it gets its name
         flock(fd_.get(), LOCK_EX | LOCK_NB);
     }
     Beside(const Beside&) = delete;
@@ -78,7 +78,7 @@ private:
         struct stat named = {};
         if (place_.error() != 0 || place_.status(named) != 0 ||
             !common::is_one_file(named, original_))
-            throw Failure("it is called otherwise by now");
+            throw Failure("it was renamed");
     }
     void give_name()
     {
@@ -100,7 +100,7 @@ void check_room(int fd, off_t size)
     struct statvfs volume = {};
     if (fstatvfs(fd, &volume) == 0 &&
         uint64_t{volume.f_bavail} * volume.f_frsize < static_cast<uint64_t>(size) + (1 << 20))
-        throw Failure("there is no room for both on its disk");
+        throw Failure("its disk has no room for both files");
 }
 
 void rewrite(int original, const std::string& path, std::function<bool(double)> go_on)
@@ -125,7 +125,7 @@ void rewrite(int original, const std::string& path, std::function<bool(double)> 
 
 IndexInFront::IndexInFront(const OutputFile& file, const std::string& path)
 {
-    // with a descriptor for the thread, which may outlive the file's owner
+    // duplicated for the thread, which may outlive the owner of the file
     auto original = std::make_shared<common::Descriptor>(fcntl(file.fd(), F_DUPFD_CLOEXEC, 3));
     if (!*original)
         fail(errno);

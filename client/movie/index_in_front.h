@@ -10,12 +10,12 @@
 namespace client::movie {
 
 /**
- * Rewrites a complete MP4 file of fragments as one with its index in front: beside the file, synced,
- * then renamed. On a separate thread, which no disk keeps the program with.
+ * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs, then
+ * renames. Runs on a separate thread, so a stalled disk does not block the program.
  */
 class IndexInFront {
 public:
-    /** @param path of `file` by now. Throws Failure when it cannot begin. */
+    /** @param path the current path of `file`. Throws Failure if it cannot begin. */
     IndexInFront(const OutputFile& file, const std::string& path);
 
     /** Readable once it is through. */
@@ -23,9 +23,9 @@ public:
     bool through() const { return work_->through(); }
     /** The part that is done, 0 to 1. */
     double part() const { return shared_->part; }
-    /** Has it end soon, with the file as it was. */
+    /** Makes it end soon and leave the file unchanged. */
     void cancel() { shared_->cancelled = true; }
-    /** Throws, when it is through, what kept it from success, as the end of a sentence. */
+    /** After it is through: throws the reason of a failure, as the end of a sentence. */
     void finish() { work_->finish(); }
 
 private:

@@ -5,8 +5,8 @@
 namespace client::movie {
 
 /**
- * The module that writes movies, which is loaded by the first call and stays. Throws Failure when
- * it, or what it is built on, is not installed.
+ * The module that writes movies; the first call loads it, and it stays loaded. Throws Failure if
+ * it, or a library below it, is not installed.
  */
 const MovieModule& movie_module();
 

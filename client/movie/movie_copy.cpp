@@ -10,7 +10,7 @@
 namespace client::movie {
 namespace {
 
-/** The thread may outlive the caller's descriptor. */
+/** Duplicates a descriptor: the thread may outlive the caller's. */
 std::shared_ptr<common::Descriptor> duplicate(int fd)
 {
     auto made = std::make_shared<common::Descriptor>(fcntl(fd, F_DUPFD_CLOEXEC, 3));

@@ -8,12 +8,15 @@
 
 namespace client::movie {
 
-/** Copies a movie into another container, on a separate thread that no disk keeps the program with. */
+/**
+ * Copies a movie into another container on a separate thread, so a stalled disk does not block the
+ * program.
+ */
 class MovieCopy {
 public:
     /**
-     * @param from,to ordinary files, open to read and to write; the caller's. Throws Failure when it
-     *     cannot begin.
+     * @param from,to ordinary files, open to read and to write; they stay the caller's. Throws
+     *     Failure if it cannot begin.
      */
     MovieCopy(int from, int to, Container container);
 
@@ -22,9 +25,9 @@ public:
     bool through() const { return work_->through(); }
     /** The part that is done, 0 to 1. */
     double part() const { return shared_->part; }
-    /** Has it end soon, with a failure. */
+    /** Makes it end soon, with a failure. */
     void cancel() { shared_->cancelled = true; }
-    /** Throws, when it is through, what kept it from success, as the end of a sentence. */
+    /** After it is through: throws the reason of a failure, as the end of a sentence. */
     void finish() { work_->finish(); }
 
 private:

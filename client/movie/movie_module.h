@@ -11,8 +11,8 @@
 namespace client::movie {
 
 // The interface between the program and its module for movie files. Both are built together, so
-// classes can pass between them. Only the module links libavformat and libavcodec; the program
-// loads it to write a movie. Failures are std::runtime_error; the text ends a sentence.
+// classes can pass between them. Only the module links libavformat and libavcodec; it is loaded
+// when a movie is written. Failures are thrown as std::runtime_error with the end of a sentence.
 
 /** Sound in a movie: 48 kHz, two channels, interleaved. */
 inline constexpr uint32_t sound_rate = 48000;
@@ -26,15 +26,15 @@ struct MovieFormat {
     /** frames per second: the grid that frames lie on */
     uint32_t fps = 30;
     bool sound = true;
-    /** whether bytes can be written over again, as in a file and unlike in a pipe */
+    /** whether written bytes can be replaced, as in a file and unlike in a pipe */
     bool seekable = true;
 };
 
-/** Where the bytes of a movie go. */
+/** Destination of the bytes of a movie. */
 class MovieOutput {
 public:
     virtual ~MovieOutput() = default;
-    /** @param at the first byte's place; behind the end unless the format is seekable */
+    /** @param at offset of the first byte; the end of the file unless the format is seekable */
     virtual void write(uint64_t at, std::span<const uint8_t> bytes) = 0;
 };
 
@@ -48,13 +48,15 @@ public:
      * @param index its place on the grid, from 0, each greater than the last
      */
     virtual void put_frame(std::span<const uint8_t> frame, int64_t index, bool key) = 0;
-    /** @param samples whole pairs that follow the last ones; the first is heard with frame 0 */
+    /** @param samples whole pairs that follow the previous ones; the first is heard with frame 0 */
     virtual void put_sound(std::span<const int16_t> samples) = 0;
-    /** Writes what is left, and the index. */
+    /** Writes the rest and the index. */
     virtual void finish() = 0;
 };
 
-/** A movie to be copied as it is into another container, or with its index in front. */
+/**
+ * A movie to copy into another container, or with its index in front, without encoding it again.
+ */
 struct CopyJob {
     /** open to read, an ordinary file */
     int from = -1;
@@ -62,8 +64,7 @@ struct CopyJob {
     int to = -1;
     Container container = Container::mp4;
     /**
-     * Hears which part is done, 0 to 1, and says whether to go on; else the copy ends with a
-     * failure.
+     * Called with the finished part, 0 to 1; returns whether to continue, otherwise the copy fails.
      */
     std::function<bool(double)> go_on;
 };
@@ -74,7 +75,7 @@ public:
     /** @param output outlives the writer */
     virtual std::unique_ptr<MovieWriter> open(const MovieFormat& format,
                                               MovieOutput& output) const = 0;
-    /** Copies; the caller removes what a failure leaves. */
+    /** Copies; after a failure the caller removes the output. */
     virtual void copy(const CopyJob& job) const = 0;
 };
 

@@ -9,7 +9,7 @@
 namespace client::movie {
 namespace {
 
-// Sound goes on for so many bytes more where frames have no room, and is silence beyond.
+// If frames have no room, sound is accepted for this many more bytes, then replaced by silence.
 constexpr uint64_t room_for_sound = 4 << 20;
 
 } // namespace
@@ -37,7 +37,7 @@ template <typename Action> void MovieRecording::with_writer(Action action)
     note_piece();
 }
 
-// A muxer puts out whole fragments or clusters.
+// A muxer writes whole fragments or clusters.
 void MovieRecording::note_piece()
 {
     if (pieces_.back() != end_)
@@ -122,7 +122,7 @@ void MovieRecording::end_stretch()
         sound_.hand_on(sound_end(), [this](uint64_t us) { return frames_.sample_at(us); });
         sound_.fill(sound_end());
     }
-    // What waits and was heard ahead of the next stretch has no place in it.
+    // Waiting sound from before the next stretch has no place in it.
     frames_.begin_stretch();
 }
 

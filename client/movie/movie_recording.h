@@ -14,33 +14,33 @@ namespace client::movie {
 /** Bytes that may wait for a disk or a reader: seconds of the highest rates. */
 inline constexpr uint64_t most_waiting = 32 << 20;
 
-/** Joins frames and sound as the library hands them out, and writes the movie to a sink. */
+/** Joins the frames and sound of the library, and writes the movie to a sink. */
 class MovieRecording final : private MovieOutput {
 public:
     /**
-     * @param limit frames after which it is at its end
-     * @param sink outlives it
+     * @param limit number of frames after which the movie is at its end
+     * @param sink must outlive this object
      */
     MovieRecording(const MovieFormat& format, int64_t limit, ByteSink& sink);
     ~MovieRecording() override;
 
-    // Throw Failure where the sink or the module gives up; the sink's error() says more.
+    // These throw Failure if the sink or the module fails; error() of the sink has details.
     void put_frame(const EncodedFrame& frame);
     /** @param time_us when the first of the samples was heard */
     void put_sound(uint64_t time_us, std::span<const int16_t> samples);
-    /** Frames behind this time follow those before it without a gap, and so does the sound. */
+    /** Frames after this time follow the earlier ones without a gap, and so does sound. */
     void resume_at(uint64_t time_us) { resumed_us_ = time_us; }
     /** Whether there is sound for all frames. */
     bool has_sound_for_all() const;
-    /** Completes the movie; nothing may follow. */
+    /** Completes the movie; the last call. */
     void finish();
 
     bool at_end() const { return frames_.next() >= limit_; }
     /** Frames in the movie. */
     uint64_t frames() const { return written_; }
-    /** Frames that there was no room for. */
+    /** Frames left out for lack of room. */
     uint64_t left_out() const { return left_out_; }
-    /** The end of the last piece among the first `bytes`: what lies behind it does not play. */
+    /** The end of the last whole piece in the first `bytes`: the rest does not play. */
     uint64_t end_of_pieces(uint64_t bytes) const;
 
 private:
@@ -61,7 +61,7 @@ private:
     std::optional<uint64_t> resumed_us_;
     bool waits_for_key_ = false;
     uint64_t end_ = 0;
-    /** ends of fragments or clusters: the last that is written, and those that wait */
+    /** ends of fragments or clusters: the last written one, and the waiting ones */
     std::deque<uint64_t> pieces_{0};
     uint64_t written_ = 0;
     uint64_t left_out_ = 0;

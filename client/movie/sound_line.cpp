@@ -8,8 +8,8 @@
 namespace client::movie {
 namespace {
 
-// Pairs of samples by which a piece may miss the end of the one before it: times are whole
-// microseconds.
+// Tolerance in pairs of samples between the end of one piece and the start of the next: times are
+// whole microseconds.
 constexpr int64_t seam = 48;
 
 } // namespace

@@ -9,8 +9,8 @@
 namespace client::movie {
 
 /**
- * Sound that waits until its place in the movie is known. Handed on without a seam: silence stands
- * where none was heard.
+ * Keeps sound until its place in the movie is known, and releases it without a gap: silence fills
+ * the times without sound.
  */
 class SoundLine {
 public:
@@ -21,27 +21,30 @@ public:
 
     /** @param time_us when the first of the samples was heard */
     void put(uint64_t time_us, std::span<const int16_t> samples);
-    /** Hands on what waits, up to the sample `end`. @param sample_at tells the place of a time */
+    /**
+     * Releases waiting sound up to the sample `end`.
+     * @param sample_at returns the sample of a time
+     */
     void hand_on(int64_t end, const SampleAt& sample_at);
-    /** Silence up to the sample `end`, behind what was handed on. */
+    /** Releases silence up to the sample `end`, after the released sound. */
     void fill(int64_t end);
-    /** Forgets what waits. */
+    /** Forgets the waiting sound. */
     void forget() { pieces_.clear(); }
-    /** Whether what waits reaches the sample `end`. */
+    /** Whether the waiting sound reaches the sample `end`. */
     bool reaches(int64_t end, const SampleAt& sample_at) const;
 
 private:
     struct Piece {
         uint64_t time_us;
         std::vector<int16_t> samples;
-        /** pairs that were handed on or left out */
+        /** pairs that were released or left out */
         int64_t used = 0;
         int64_t pairs() const { return static_cast<int64_t>(samples.size() / 2); }
     };
 
     const Take take_;
     std::deque<Piece> pieces_;
-    /** the sample to hand on next */
+    /** the next sample to release */
     int64_t next_ = 0;
 };
 

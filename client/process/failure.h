@@ -17,7 +17,7 @@ enum class ExitCode : int {
     ended_early = 3,
 };
 
-/** A failure that ends the command: a sentence for people, and the exit code. */
+/** A failure that ends the command: a sentence for the user, and the exit code. */
 class Failure : public std::runtime_error {
 public:
     explicit Failure(const std::string& sentence, ExitCode code = ExitCode::failed)

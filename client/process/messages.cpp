@@ -49,7 +49,8 @@ void print_status_object(const std::string& object)
 
 void show_status_line(const std::string& mark, const std::string& line)
 {
-    // What others write begins at its begin.
+    // Ends with a carriage return, so that the output of other programs begins at the start of the
+    // line.
     standard_error().put_if_idle(back_to_empty_line + mark + " " + printable(line) + "\r");
     status_line_shown = true;
 }

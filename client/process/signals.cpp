@@ -22,8 +22,7 @@ sigset_t waited_set()
 {
     sigset_t set;
     sigemptyset(&set);
-    // A shell script ignores SIGINT for what it starts in the background; a stop is asked for by it
-    // all the same.
+    // Also if it is ignored: a shell script ignores SIGINT for programs in the background.
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
     if (!is_ignored(SIGHUP)) // nohup asks to outlive the terminal
@@ -56,8 +55,7 @@ StopSignals::StopSignals()
     fd_ = common::Descriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd_)
         throw Failure("cannot wait for signals: " + error_text(errno));
-    // A reader that went away, a file size limit, and a terminal that belongs to another job show
-    // as errors.
+    // A lost reader, a file size limit and a terminal of another job show as errors.
     for (const int number : {SIGPIPE, SIGXFSZ, SIGTTIN})
         signal(number, SIG_IGN);
 }

@@ -11,44 +11,39 @@ namespace client {
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 
-/**
- * Milliseconds to hand to poll() so that it returns at or after `until`; 0 when that has passed.
- */
+/** Milliseconds for poll() so that it returns at or after `until`; 0 if that has passed. */
 int poll_timeout(TimePoint until);
 /** The same for ppoll(), which can wait for less than a millisecond. */
 timespec time_left(TimePoint until);
 
-/** What SIGUSR1 and SIGUSR2 ask for. */
+/** The requests of SIGUSR1 and SIGUSR2. */
 enum class PauseRequest { none, pause, resume };
 
 /**
- * SIGINT, SIGTERM and SIGHUP as something to wait for, and SIGUSR1 and SIGUSR2 beside them. They
- * stay blocked for the life of the process, so that another one while a file is being closed
- * changes nothing. Made before any thread exists: threads inherit the mask.
+ * SIGINT, SIGTERM and SIGHUP as a stop request, SIGUSR1 and SIGUSR2 as pause requests, to poll for.
+ * They stay blocked until the process ends, so a second signal during the close of a file changes
+ * nothing. Construct it before any thread exists: threads inherit the mask.
  */
 class StopSignals {
 public:
     /**
-     * Blocks the signals and ignores SIGPIPE and the like, whose errors are handled where they
-     * happen.
+     * Blocks the signals, and ignores SIGPIPE and similar ones: their errors are handled where they
+     * occur.
      */
     StopSignals();
 
-    /** Readable when a signal has come that was not looked at. */
+    /** Readable while a signal has not been read. */
     int fd() const { return fd_.get(); }
 
-    /** Whether a stop was asked for, ever. */
+    /** Whether a stop was ever requested. */
     bool raised();
-    /** How many times, with what was not looked at. */
+    /** The number of stop signals so far. */
     unsigned stops();
 
-    /** What was asked for of late, by the last signal that did; once. */
+    /** The latest pause request since the last call. */
     PauseRequest take_pause_request() { return std::exchange(pause_request_, PauseRequest::none); }
 
-    /**
-     * Waits until a stop is asked for or `until` has come; returns whether a stop was asked for,
-     * ever.
-     */
+    /** Waits until a stop is requested or `until` has passed; returns raised(). */
     bool wait_until(TimePoint until);
 
 private:

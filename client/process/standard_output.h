@@ -8,25 +8,23 @@
 namespace client {
 
 /**
- * Standard output, kept for what the program itself delivers: the path of a finished file, or the
- * stream. The library prints notices with printf, which go nowhere from then on, or to standard
- * error when it is to say what it does.
+ * Standard output for the results of the program: the path of a finished file, or the stream.
+ * Notices that the library prints with printf are discarded, or go to standard error with
+ * --verbose.
  */
 class ProgramOutput {
 public:
     ProgramOutput(bool verbose, StopSignals& signals);
-    /** Waits until the lines are read, and no longer than a second once a stop is asked for. */
+    /** Waits until the lines are read; after a stop request at most one second. */
     ~ProgramOutput();
     ProgramOutput(const ProgramOutput&) = delete;
     ProgramOutput& operator=(const ProgramOutput&) = delete;
 
     int fd() const { return fd_; }
     // Both wait for a slow reader; after a stop signal they drop the line.
-    /** For people, without control characters. */
+    /** For the user, without control characters. */
     void print_line(const std::string& line);
-    /**
-     * The path of a finished file: to a program as it is, to a terminal without control characters.
-     */
+    /** The path of a finished file: unchanged, but to a terminal without control characters. */
     void print_path(const std::string& path);
 
 private:

@@ -15,7 +15,7 @@ AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_share
 {
     shared_->event = common::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!shared_->event)
-        throw Failure("cannot go on: " + error_text(errno));
+        throw Failure("cannot continue: " + error_text(errno));
     std::thread([shared = shared_, work = std::move(work)] {
         try {
             work();
@@ -39,8 +39,8 @@ bool AttendedWork::through() const
 
 void AttendedWork::finish()
 {
-    // Taken out of what the thread shares, so that the thread's end frees no exception that its
-    // receiver still reads.
+    // Moved out of the shared state, so that the end of the thread does not free an exception that
+    // the caller still reads.
     if (auto thrown = std::exchange(shared_->thrown, nullptr))
         std::rethrow_exception(std::move(thrown));
 }

@@ -16,18 +16,18 @@ namespace client {
 class AttendedWork {
 public:
     /**
-     * Starts it; what it throws is thrown by finish(). Throws Failure when the system gives no
-     * thread.
+     * Starts the work; finish() rethrows its exception. Throws Failure if the system has no thread.
      */
     explicit AttendedWork(std::function<void()> work);
 
-    /** Readable once it is through. */
+    /** Readable once the work is through. */
     int fd() const;
     bool through() const;
     /** After the work is through: rethrows its exception, if any. */
     void finish();
     /**
-     * Waits until it is through, or for `patience` once a stop is asked for; whether it is through.
+     * Waits until the work is through, but after a stop request only for `patience`; returns
+     * through().
      */
     bool wait(StopSignals& signals, Clock::duration patience) const;
 
@@ -35,7 +35,7 @@ private:
     struct Shared {
         common::Descriptor event;
         std::exception_ptr thrown;
-        /** set behind `thrown`, ahead of the event */
+        /** set after `thrown` and before the event */
         std::atomic<bool> through{false};
     };
     std::shared_ptr<Shared> shared_;

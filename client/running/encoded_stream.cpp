@@ -11,14 +11,14 @@
 namespace client {
 namespace {
 
-// A tenth of a bit a pixel shows text sharply while a screen is used as screens are.
+// A tenth of a bit per pixel keeps text sharp in ordinary use of a screen.
 uint32_t sensible_bit_rate(Size size, uint32_t fps)
 {
     const double rate = double(size.width) * size.height * fps / 10;
     return static_cast<uint32_t>(std::clamp(rate, 300e3, 20e6));
 }
 
-// More than any level allows: the encoder chooses.
+// Above the limit of every level: the encoder chooses.
 constexpr uint32_t no_bit_rate = UINT32_MAX;
 
 } // namespace
@@ -61,7 +61,7 @@ void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signal
         WatermarkChange change(watermark);
         if (!change.reading().wait(signals, Clock::duration::zero()))
             throw Failure("cannot read the picture " + watermark.image +
-                          ": stopped before it had come");
+                          ": stopped before it was read");
         change.apply();
     }
     if (video_capenc_start(0) != 0)

@@ -9,7 +9,7 @@
 
 namespace client {
 
-/** One frame as the library hands it out; the bytes stay until the next one is taken. */
+/** One frame of the library; its bytes are valid until the next take(). */
 struct EncodedFrame {
     std::span<const uint8_t> bytes;
     /** of the monotonic clock */
@@ -21,9 +21,9 @@ struct EncodedFrame {
 class EncodedStream {
 public:
     /**
-     * Opens it, sets the watermark, whose picture is waited for until a stop is asked for, and
-     * starts it; throws Failure, which begins with `purpose`. @param size what was asked for, not
-     * rounded
+     * Opens the pipeline, sets the watermark, and starts. Waits for the picture of the watermark
+     * until a stop is requested. Throws Failure, which begins with `purpose`.
+     * @param size the requested size, not rounded
      */
     EncodedStream(const StreamOptions& options, Size size, StopSignals& signals,
                   std::string purpose = "cannot stream");
@@ -33,12 +33,12 @@ public:
 
     /** Size of the encoded pictures. */
     Size size() const { return size_; }
-    /** What the encoder aims at, for people. */
+    /** The target of the encoder, for the user. */
     std::string aim() const;
 
-    /** Takes the oldest waiting frame; false when none is waiting. */
+    /** Removes the oldest waiting frame; false if none is waiting. */
     bool take(EncodedFrame& frame);
-    /** Ends capture; frames that wait can still be taken. */
+    /** Ends capture; waiting frames can still be taken. */
     void stop();
 
 private:

@@ -25,7 +25,7 @@ KeptLines& kept()
     return lines;
 }
 
-// Every stop says this of each module that the recording had no use for.
+// Every stop logs this for each module that the recording did not use.
 bool explains_nothing(std::string_view line)
 {
     return line.find("handle is NULL") != line.npos;
@@ -43,7 +43,7 @@ try {
         if (kept().lines.size() > most_lines)
             kept().lines.pop_front();
     }
-} catch (const std::bad_alloc&) { // the caller knows no exceptions, and can do without this line
+} catch (const std::bad_alloc&) { // the caller is C, and the line is not essential
 }
 
 } // namespace

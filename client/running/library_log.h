@@ -6,15 +6,13 @@
 
 namespace client {
 
-// The library logs errors in runs without any, about modules that a run has no use for. So its
-// lines are kept aside, and shown when something has failed.
+// The library logs errors even in successful runs, for each module that a run does not use. So its
+// lines are kept and shown only after a failure.
 
-/**
- * Keeps the latest lines of the library's log from now on, if the platform offers them.
- */
+/** Starts to keep the latest lines of the log, if the platform offers them. */
 void keep_library_log();
 
-/** What it has logged so far led to nothing bad. */
+/** Forgets the kept lines: they led to no failure. */
 void forget_library_log();
 
 /** Prints the kept lines and forgets them; false if there are none. */

@@ -5,17 +5,18 @@
 namespace client {
 
 /**
- * Counts frames that were never handed over, by the distance of the time stamps from end to end of
- * a stretch. A stretch ends at each request that makes the encoder leave out frames.
+ * Counts frames that the library never delivered: the frames due between the first and the last
+ * time stamp of a stretch, minus those that came. A stretch ends at each request that makes the
+ * encoder leave out frames.
  */
 class LostFrames {
 public:
     explicit LostFrames(uint32_t fps) : fps_(fps) {}
 
     void frame_taken(uint64_t pts_us);
-    /** Until this time of the same clock nothing more was taken: whatever was due is lost. */
+    /** Nothing more was taken until this time of the same clock: the frames due are lost. */
     void nothing_taken_until(uint64_t time_us);
-    /** What is left out from here to the next frame is not lost. */
+    /** Frames left out from here to the next one are not lost. */
     void break_stretch();
     uint64_t count() const { return finished_ + in_stretch(); }
 

@@ -15,8 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The writer's last pass moves at most 64 KiB. What it has not fetched beyond that when it is told
-// to end is lost.
+// The last pass of the writer moves at most 64 KiB; at its end anything beyond that is lost.
 constexpr uint64_t last_pass_bytes = uint64_t{60} * 1024;
 
 uint64_t bytes_behind(const StatisticsDelta& statistics)
@@ -28,7 +27,7 @@ uint64_t bytes_behind(const StatisticsDelta& statistics)
 }
 
 /**
- * While it lives, a disk that has not answered for a second is given up, also within calls of the
+ * While it exists, it gives up a disk that has not answered for a second, also within calls of the
  * library.
  */
 class DiskPatience {
@@ -44,8 +43,7 @@ private:
     void watch(const std::stop_token& ended)
     {
         std::unique_lock lock(mutex_);
-        // Counted in looks, so that the disk has its turn after this process was stopped for all of
-        // the time.
+        // Counts looks instead of time: after SIGSTOP and SIGCONT the disk still has all of it.
         int looks = 0;
         while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
                !ended.stop_requested()) {
@@ -64,7 +62,7 @@ private:
     std::atomic<bool> given_up_{false};
     std::mutex mutex_;
     std::condition_variable_any wake_;
-    // the last one: it uses the others
+    // last member: it uses the others
     std::jthread watch_;
 };
 
@@ -73,8 +71,7 @@ constexpr auto writer_look = 10ms;
 void wait_for_writer(const StatisticsDelta& statistics, const DiskPatience& patience,
                      std::chrono::milliseconds limit)
 {
-    // Counted in looks, so that the writer has its turn after this process was stopped for all of
-    // the time.
+    // Counts looks instead of time: after SIGSTOP and SIGCONT the writer still has all of it.
     for (auto looks = limit / writer_look;
          bytes_behind(statistics) >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
         poll(nullptr, 0, static_cast<int>(writer_look.count()));
@@ -85,14 +82,14 @@ uint8_t* bytes(std::string& text)
     return reinterpret_cast<uint8_t*>(text.data());
 }
 
-void require(uint32_t succeeded, const char* what)
+void require(uint32_t succeeded, const char* action)
 {
     if (!succeeded)
-        throw library_failure(std::string("cannot record: the library refused to ") + what);
+        throw library_failure(std::string("cannot record: the library refused to ") + action);
     forget_library_log();
 }
 
-// "cap" means the screen; a file of that name needs a path.
+// "cap" means the screen; a file of that name needs a folder before it.
 std::string source_name(const std::string& source)
 {
     if (source.empty())
@@ -142,7 +139,8 @@ void Recording::open_step_by_step(const RecordOptions& options, std::string file
     require(SCREENRECORD_Start(&slot_), "start");
 }
 
-// The library's own time limit counts whole seconds and then one more, so the end is ours to time.
+// The time limit of the library counts whole seconds and adds one, so the client ends the
+// recording.
 void Recording::open_in_one_call(const RecordOptions& options, std::string file, Size size)
 {
     const int32_t result =
@@ -151,8 +149,8 @@ void Recording::open_in_one_call(const RecordOptions& options, std::string file,
     require(result == 0, "start");
 }
 
-// The screen's first picture takes a moment to be encoded, and a stop before that would leave
-// nothing.
+// The first picture of the screen needs a moment to be encoded; a stop before that would leave no
+// file.
 void Recording::wait_for_first_picture() const
 {
     const TimePoint limit = Clock::now() + std::chrono::milliseconds(1500);

@@ -10,22 +10,19 @@
 
 namespace client {
 
-/**
- * One recording of the library, from its opening to its close; also closed when something fails
- * half-way.
- */
+/** One recording of the library, from its opening to its close. Closes it if a step fails. */
 class Recording {
 public:
     /**
-     * Longest wait for a writer that is behind: a stop must end the program within three seconds; a
-     * time limit can wait.
+     * Longest wait for a writer that is behind. A stop must end the program within three seconds; a
+     * time limit can wait longer.
      */
     static constexpr std::chrono::milliseconds patience_of_a_stop{2000},
         patience_at_the_end{15'000};
 
     /**
      * Opens and starts it; throws Failure.
-     * @param file what the library opens instead of `options.output`
+     * @param file the name for the library, instead of `options.output`
      * @param size of the pictures, instead of `options.size`
      */
     Recording(const RecordOptions& options, const std::string& file, Size size);
@@ -35,9 +32,9 @@ public:
 
     /**
      * Waits for the first picture (1.5 s at most), stops capture, waits until the writer has caught
-     * up with what is multiplexed, at most for `writer_limit`, and closes the file. A disk that
-     * stands still gets a second.
-     * @return whether the library says that all of it succeeded
+     * up with the multiplexer (`writer_limit` at most), and closes the file. A stalled disk gets
+     * one second.
+     * @return whether every call of the library succeeded
      */
     bool finish(std::chrono::milliseconds writer_limit);
 

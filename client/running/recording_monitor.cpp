@@ -29,7 +29,7 @@ std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statis
     return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
 }
 
-// For a platform without statistics: a file that does not grow on a full disk.
+// Without statistics: a file that does not grow on a full disk.
 std::optional<std::string> RecordingMonitor::growth_problem()
 {
     const uint64_t size = file_.size();
@@ -58,7 +58,7 @@ std::optional<std::string> RecordingMonitor::shortfall() const
     if (missing.empty())
         return std::nullopt;
     return missing + (pictures > 0 || bytes > 1 ? " are" : " is") + " missing from " +
-           file_.path() + ": its disk did not take them";
+           file_.path() + ": its disk did not accept them";
 }
 
 bool RecordingMonitor::lost_sound() const

@@ -11,8 +11,8 @@
 namespace client {
 
 /**
- * Detects what ends a recording early. The library does not report it: it ignores the results of
- * its writes, and if a display goes away or stops answering, only the pictures stop.
+ * Detects failures that end a recording early. The library does not report them: it ignores the
+ * results of its writes, and if a display goes away or stops answering, only the pictures stop.
  */
 class RecordingMonitor {
 public:
@@ -20,13 +20,13 @@ public:
     explicit RecordingMonitor(const OutputFile& file);
 
     /**
-     * Why the recording cannot go on, as a sentence; nullopt while it can. Losing the sound server
-     * is no reason: the platform logs it and silence is recorded.
+     * Why the recording cannot continue, as a sentence; nullopt while it can. A lost sound server
+     * does not end it: the platform logs the loss and records silence.
      */
     std::optional<std::string> problem();
     /**
-     * What a closed recording lacks because its disk was too slow, as a sentence: pictures that
-     * found no room, and bytes that did not reach the file.
+     * The pictures that found no room and the bytes that did not reach the file because the disk
+     * was too slow, as a sentence for a closed recording; nullopt if none.
      */
     std::optional<std::string> shortfall() const;
     /** Whether the sound server went away since construction. */

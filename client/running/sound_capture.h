@@ -22,8 +22,8 @@ public:
     uint64_t buffer_bytes() const { return buffer_.size(); }
 
     /**
-     * Samples, `bytes` of them (a buffer at most), once so many are waiting; else none. They stay
-     * until the next read. Throws Failure.
+     * `bytes` of samples (at most a buffer) if that many are waiting, otherwise none. They stay
+     * valid until the next read. Throws Failure.
      */
     std::span<const uint8_t> read(uint64_t bytes);
 

@@ -9,7 +9,7 @@
 namespace client {
 
 /**
- * The library's still-frame capture with one buffer that is mapped, from its opening to its close.
+ * The still-frame capture of the library, with one mapped buffer, from its opening to its close.
  */
 class StillPictures {
 public:
@@ -19,18 +19,17 @@ public:
     StillPictures& operator=(const StillPictures&) = delete;
     ~StillPictures();
 
-    /** Captures what the display shows now; throws Failure. */
+    /** Captures the current picture of the display; throws Failure. */
     void capture();
     /**
-     * The captured bytes, as they are in memory: lines without gaps, the chroma plane behind the
-     * luma plane.
+     * The captured bytes unconverted: lines without gaps, the chroma plane after the luma plane.
      */
     std::vector<uint8_t> raw_bytes() const;
     /** The captured picture as lines of B, G, R bytes without gaps. */
     std::vector<uint8_t> bgr_bytes() const;
 
 private:
-    /** A mapped plane; the mapping starts at a page, the plane maybe behind it. */
+    /** A mapped plane; the mapping begins at a page, the plane perhaps later. */
     struct Plane {
         uint8_t* mapping = nullptr;
         size_t mapped = 0;

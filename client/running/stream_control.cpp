@@ -26,16 +26,16 @@ control::Command parse_bit_rate_command(const std::vector<std::string>& words)
 {
     const auto rate = words.size() == 2 ? parse_bit_rate(words[1]) : std::nullopt;
     if (!rate)
-        return control::Unknown{"bitrate takes a rate from 10k to 240M, such as 800k or 2.5M"};
+        return control::Unknown{"bitrate needs a rate from 10k to 240M, such as 800k or 2.5M"};
     return control::BitRate{*rate};
 }
 
-// The name comes first and may hold blanks, so the numbers are looked for at the end.
+// The name comes first and may contain blanks, so the numbers are parsed from the end.
 control::Command parse_watermark_command(std::vector<std::string> words)
 {
     words.erase(words.begin());
     if (words.empty())
-        return control::Unknown{"watermark takes FILE [X,Y [OPACITY]], or none"};
+        return control::Unknown{"watermark needs FILE [X,Y [OPACITY]] or none"};
     WatermarkOptions options;
     if (words.size() == 1 && words[0] == "none")
         return options;
@@ -76,7 +76,7 @@ control::Command control::parse(const std::string& line)
     if (words.size() == 1 && verb == "stop")
         return Stop{};
     return Unknown{
-        "no such command; there are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
+        "no such command; the commands are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
 }
 
 ControlInput::ControlInput(bool asked)
@@ -92,7 +92,7 @@ void ControlInput::read_lines(const std::function<void(const std::string&)>& han
     const ssize_t n = read(fd_, bytes, sizeof bytes);
     if (n < 0 && (errno == EINTR || errno == EAGAIN))
         return;
-    if (n <= 0) { // no more commands; the stream goes on
+    if (n <= 0) { // the sender is gone; the stream continues
         fd_ = -1;
         if (!unfinished_.empty() && !refused_)
             handle(unfinished_);
@@ -106,7 +106,7 @@ void ControlInput::read_lines(const std::function<void(const std::string&)>& han
     unfinished_.erase(0, start);
     if (unfinished_.size() <= longest_line)
         return;
-    // Refused with its first part already; what follows up to its end is no command either.
+    // Refuses the line once; the rest up to its end is no command either.
     if (!std::exchange(refused_, true))
         handle(unfinished_);
     unfinished_.clear();

@@ -16,13 +16,13 @@ struct KeyFrame {};
 struct Pause {};
 struct Resume {};
 struct Stop {};
-/** What a line that is no command gets to hear. */
+/** Any other line, with the answer to it. */
 struct Unknown {
     std::string reason;
 };
 using Command = std::variant<Unknown, BitRate, KeyFrame, Pause, Resume, Stop, WatermarkOptions>;
 
-/** Understands one line, without its line end. */
+/** Parses one line without its line end. */
 Command parse(const std::string& line);
 } // namespace control
 
@@ -30,19 +30,19 @@ Command parse(const std::string& line);
 class ControlInput {
 public:
     /**
-     * @param asked by --control; else only a terminal of which we are the foreground job is read
+     * @param asked by --control; otherwise only a terminal is read, if this is its foreground job
      */
     explicit ControlInput(bool asked);
 
-    /** To poll for POLLIN; -1 when there is nothing to read (any more). */
+    /** To poll for POLLIN; -1 = nothing to read (any more). */
     int fd() const { return fd_; }
-    /** Reads what is there, and hands each complete line to `handle`. */
+    /** Reads the available bytes, and calls `handle` with each complete line. */
     void read_lines(const std::function<void(const std::string&)>& handle);
 
 private:
     int fd_ = -1;
     std::string unfinished_;
-    /** the line that is being read, since it is too long */
+    /** the current line is too long */
     bool refused_ = false;
 };
 

@@ -7,7 +7,7 @@
 namespace client {
 namespace {
 
-/** A picture as the renderer reads it: it keeps a reference as long as it draws. */
+/** A picture for the renderer, which keeps a reference while it draws it. */
 class PictureMemory : public android::IMemory {
 public:
     explicit PictureMemory(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}

@@ -9,25 +9,25 @@
 namespace client {
 
 /**
- * A watermark on its way into the stream. Its picture is read beside the caller, since it may come
- * from a pipe without a writer.
+ * A requested watermark. A separate thread reads its picture, which may come from a pipe without a
+ * writer.
  */
 class WatermarkChange {
 public:
     /** Starts to read the picture, if there is one. Throws Failure. */
     explicit WatermarkChange(const WatermarkOptions& options);
 
-    /** The reading, to wait for. */
+    /** The work of reading, to wait for. */
     const AttendedWork& reading() const { return reading_; }
     /**
-     * Once the picture is read: draws it into the stream, or replaces the one that is drawn; after
-     * video_capenc_open. An image of "" draws none any more. Throws Failure.
+     * Draws the picture into the stream, or replaces the current one; an image of "" removes it.
+     * Call it after the picture is read and after video_capenc_open. Throws Failure.
      */
     void apply();
 
 private:
     WatermarkOptions options_;
-    // the reading's own, too
+    // shared with the reading thread
     std::shared_ptr<RgbaPicture> picture_;
     AttendedWork reading_;
 };

@@ -9,7 +9,7 @@ RecordProgress::RecordProgress() : start_(Clock::now())
     keep({.at = start_});
 }
 
-// Over the oldest sample kept: the file grows by batches, so one second alone says little.
+// Since the oldest sample: the file grows in batches, so one second alone is misleading.
 double RecordProgress::per_second(const Sample& now, uint64_t Sample::*value) const
 {
     const Sample& then = samples_[0];

@@ -8,7 +8,7 @@
 
 namespace client {
 
-/** How a recording stands. What the platform does not count is missing. */
+/** Progress of a recording. Values that the platform does not count are missing. */
 struct Progress {
     double elapsed_seconds = 0;
     /** encoded */
@@ -18,18 +18,18 @@ struct Progress {
     /** frames per second, of the last second or so */
     std::optional<double> fps;
     uint64_t file_bytes = 0;
-    /** growth of the file, of the last seconds */
+    /** growth of the file in the last seconds */
     double bits_per_second = 0;
-    /** 0 to 1, loudest sample of late */
+    /** 0 to 1, loudest recent sample */
     std::optional<double> sound_level;
     std::optional<bool> display_answers;
-    /** how long a write has waited for the disk, 0 = none waits */
+    /** time that a write has waited for the disk, 0 = none waits */
     std::optional<double> disk_waiting_seconds;
     /** part of the file that was rewritten with its index in front, 0 to 1 */
     std::optional<double> finished_part;
 };
 
-/** Measures a recording from its start; what was counted before belongs to others. */
+/** Measures a recording from its start; earlier counts do not belong to it. */
 class RecordProgress {
 public:
     RecordProgress();
@@ -46,7 +46,7 @@ private:
     double per_second(const Sample& now, uint64_t Sample::*value) const;
     void keep(const Sample& now);
 
-    /** samples a second apart that rates are measured over */
+    /** samples, a second apart, for the rates */
     static constexpr unsigned kept = 4;
     StatisticsDelta statistics_;
     Sample samples_[kept];

@@ -14,12 +14,11 @@
 namespace client {
 namespace {
 
-// a path of 4096 bytes and a sentence round it are less
+// more than a path of 4096 bytes and a sentence around it
 constexpr size_t longest_text = 16384;
 
 /**
- * Why the text is not there, as a sentence; empty when it is. `file` stays locked from text to
- * text.
+ * Why the text was not written, as a sentence; empty if it was. `file` stays locked between texts.
  */
 std::string write_whole(std::optional<AtomicFile>& file, const std::string& path,
                         const std::string& line)
@@ -35,9 +34,7 @@ std::string write_whole(std::optional<AtomicFile>& file, const std::string& path
     }
 }
 
-/**
- * Closes everything but `kept`: who waits for the end of a pipe of ours is not to wait for a disk.
- */
+/** Closes everything but `kept`, so that no reader of our pipes waits for the disk. */
 void keep_only(int kept)
 {
     const auto fd = static_cast<unsigned>(kept);
@@ -56,7 +53,7 @@ StatusFile::StatusFile(std::string path, const std::string& text) : path_(std::m
         throw Failure(*failure, ExitCode::usage);
 }
 
-// It ends by itself once it has written what it has got. One that a disk holds is left to that.
+// The process ends after its last write; if its disk blocks it, it is left behind.
 StatusFile::~StatusFile()
 {
     socket_ = common::Descriptor();
@@ -128,7 +125,7 @@ std::optional<std::string> StatusFile::finish(const std::string& text, TimePoint
 {
     if (auto failure = take_answer(limit))
         return failure;
-    // a disk that still holds the one before gets it behind that
+    // queued after the previous text, if the disk still blocks that one
     send(text);
     return take_answer(limit);
 }

@@ -9,15 +9,15 @@
 namespace client {
 
 /**
- * A file that always holds one whole line, the latest text. A separate process writes it: while a
- * disk stands still, the kernel releases neither a thread that writes to it nor the process of that
- * thread. A text that arrives during a write is dropped, since another follows.
+ * A file that always contains one whole line, the latest text. A separate process writes it: the
+ * kernel releases neither a thread that writes to a stalled disk nor the process of that thread. A
+ * text that arrives during a write is dropped, since another follows.
  */
 class StatusFile {
 public:
     /**
-     * Starts the process and has the first text written. Throws Failure when it cannot be; a disk
-     * that does not answer within a second is no such failure.
+     * Starts the process, which writes the first text. Throws Failure if it cannot; a disk that
+     * does not answer within a second is not a failure.
      */
     StatusFile(std::string path, const std::string& text);
     StatusFile(const StatusFile&) = delete;
@@ -25,11 +25,11 @@ public:
     ~StatusFile();
 
     /**
-     * Never waits. A sentence when an earlier text could not be written: then this one is not
-     * either.
+     * Never blocks. Returns a sentence if an earlier text could not be written; then `text` is not
+     * written either.
      */
     std::optional<std::string> update(const std::string& text);
-    /** The same for the last text, which is waited for until `limit`. */
+    /** The same for the last text; waits for it until `limit`. */
     std::optional<std::string> finish(const std::string& text, TimePoint limit);
 
 private:
@@ -41,7 +41,7 @@ private:
     std::string path_;
     common::Descriptor socket_;
     pid_t process_ = -1;
-    /** an answer is to come */
+    /** an answer is due */
     bool pending_ = false;
 };
 

@@ -80,13 +80,13 @@ std::string progress_as_line(const Progress& p, size_t columns)
     if (p.finished_part)
         return finishing_as_line(*p.finished_part).substr(0, columns);
     const auto seconds = static_cast<unsigned long>(p.elapsed_seconds);
-    // From left to right, each with its worth: a narrow terminal goes without those of the least.
+    // From left to right, each with its rank: a narrow terminal drops the lowest ranks.
     std::vector<std::pair<std::string, int>> parts = {
         {format_text("%02lu:%02lu:%02lu", seconds / 3600, seconds / 60 % 60, seconds % 60), 7}};
     if (p.display_answers == false)
         parts.push_back({"display does not answer", 6});
     if (p.disk_waiting_seconds.value_or(0) >= 1)
-        parts.push_back({format_text("disk stands still: %.0f s", *p.disk_waiting_seconds), 6});
+        parts.push_back({format_text("disk does not respond: %.0f s", *p.disk_waiting_seconds), 6});
     if (p.frames && p.fps && p.dropped) {
         parts.push_back(
             {format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});
@@ -100,7 +100,7 @@ std::string progress_as_line(const Progress& p, size_t columns)
         parts.push_back({sound_text(*p.sound_level), 1});
     while (true) {
         std::string line;
-        for (const auto& [text, worth] : parts)
+        for (const auto& [text, rank] : parts)
             line += (line.empty() ? "" : "  ") + text;
         if (line.size() <= columns || parts.size() == 1)
             return line.substr(0, columns);
@@ -124,7 +124,7 @@ StatusReport::~StatusReport()
         finish(last_, false);
 }
 
-// A recording goes on without its status.
+// A failed status file does not end the recording.
 void StatusReport::heed(const std::optional<std::string>& failure)
 {
     if (!failure)

@@ -12,31 +12,31 @@ namespace client {
 std::string progress_as_json(const Progress& progress, const char* state);
 
 /**
- * The progress as a line for people, at most `columns` long: what has no room is left out, time,
- * size and rate last.
+ * The progress as a line for a terminal of `columns`: parts without room are left out, time, size
+ * and rate last.
  */
 std::string progress_as_line(const Progress& progress, size_t columns);
 
 /**
- * Shows progress where it was asked for: one refreshed line on a terminal, or one JSON object a
- * second on standard error, and the same object in a file. Nothing else ever reaches standard error
- * from here.
+ * Shows progress in the requested form: one refreshed line on a terminal, or one JSON object per
+ * second on standard error, and the same object in a file. It writes nothing else to standard
+ * error.
  */
 class StatusReport {
 public:
-    /** @param status_file empty = none. Throws Failure when it cannot be written. */
+    /** @param status_file empty = none. Throws Failure if it cannot be written. */
     StatusReport(bool json, std::string status_file);
-    /** A report that was not finished ends with the state "failed". */
+    /** Reports the state "failed" unless finish() was called. */
     ~StatusReport();
 
-    /** When the next update is due; further ones before that are left out. */
+    /** Whether an update is due, once per second. */
     bool due() const { return Clock::now() >= next_; }
     void update(const Progress& progress, const char* state = "recording");
-    /** The last one, which says whether there is a usable file; the refreshed line goes away. */
+    /** The last update: states whether there is a usable file, and removes the refreshed line. */
     void finish(const Progress& progress, bool usable);
 
 private:
-    /** Prints a failure of the status file, and gives the file up. */
+    /** Prints a failure of the status file and stops writing it. */
     void heed(const std::optional<std::string>& failure);
 
     bool json_;

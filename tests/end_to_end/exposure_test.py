@@ -81,7 +81,7 @@ class Files(ShortEndToEndTest):
         for words in (["record", "-t", "0.2", "-o", "a.ts", "--status-file"], ["shot", "-y", "-o"]):
             refused = self.client(*words, pipe)
             self.assert_exit(refused, 2)
-            self.assertIn(f"{pipe}: it is no ordinary file", refused.errors())
+            self.assertIn(f"{pipe}: it is not an ordinary file", refused.errors())
             self.assertTrue(pipe.is_fifo())
 
 

@@ -87,7 +87,7 @@ class Disk(ShortEndToEndTest):
                 self.hold(running, "disk writer")
                 wait_until(lambda client=running: waits_in(client, "recvfrom"), "bytes that the disk does not take")
                 self.assert_stops(running, 3, seconds=STOP)
-                self.assertIn(f"the end is missing from {words[2]}: its disk stands still", running.errors())
+                self.assertIn(f"the end is missing from {words[2]}: its disk does not respond", running.errors())
 
 
 class Readers(ShortEndToEndTest):

@@ -58,7 +58,7 @@ class Locked(ShortEndToEndTest):
 class Watched(ShortEndToEndTest):
     LOSSES = {
         "removed": (os.unlink, "it was removed"),
-        "replaced": (lambda path: os.replace(shutil.copy(path, f"{path}.other"), path), "another file has taken"),
+        "replaced": (lambda path: os.replace(shutil.copy(path, f"{path}.other"), path), "another file has replaced it"),
         "cut": (lambda path: os.truncate(path, 0), "another program has cut it"),
         "gone": (lambda path: shutil.rmtree(path.parent), "it was removed"),
     }

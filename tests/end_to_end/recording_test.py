@@ -82,14 +82,14 @@ class Refusals(ShortEndToEndTest):
         # Catches a refusal that is silent, is more than a sentence, or leaves out what was wrong or would be right.
         os.link(self.old, self.path("link"))
         cases = [
-            ("", "command is missing", "record, stream"), ("recrod", "'recrod'", "perhaps record"),
+            ("", "command is missing", "record, stream"), ("recrod", "'recrod'", "perhaps you mean record"),
             ("-o a.ts", "'-o'", "record, stream"), ("stream", "--output", "FILE.h264"),
             ("record -o", "--output", "FILE.ts"), ("record a.ts", "'a.ts'", "--output"),
             ("record -o a.ts --fsp 3", "'--fsp'", "--fps"), ("record -o a.ts -r 0", "'0'", "1 to 120"),
             ("record -o a.ts -t soon", "'soon'", "such as 10, 90s"), ("record -o a.ts -s 9x9", "'9x9'", "even"),
             ("record -o a.ts -s wide", "'wide'", "x"), ("record -o a.ts --packet-size 189", "189", "188"),
-            ("record -o a.ts --rate 5", "'5'", "4 Mbit/s"), ("record -o a.ts --slot 2", "'2'", "0 or 1"),
-            ("record -o a.ts --slot 1", "slot 0 only", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
+            ("record -o a.ts --rate 5", "'5'", "above 4"), ("record -o a.ts --slot 2", "'2'", "0 or 1"),
+            ("record -o a.ts --slot 1", "only to slot 0", "--source"), ("record -o a.ts -o b.ts", "2 times", "once"),
             ("record -o wifi", "'wifi'", "./wifi"),
             ("record -o a.ts --source x", "'x'", "--size"), ("stream -o a -b 5", "'5'", "10k to 240M"),
             ("record -o a.ts -t", "--time", "TIME"), ("record -yo", "--output", "FILE.ts"),
@@ -98,7 +98,7 @@ class Refusals(ShortEndToEndTest):
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
             ("record -y -o old.ts --source link -s 64x64", "'link'", "--output 'old.ts'"),
-            ("record -o a.ts --source old.ts --status-file link -s 64x64", "'old.ts'", "another name"),
+            ("record -o a.ts --source link --status-file old.ts -s 64x64", "'link'", "--status-file 'old.ts'"),
             ("stream -y -o link --watermark old.ts", "'old.ts'", "another name"),
             ("record -o=x", "'=x'", "'./=x'"), ("shot -o --", "'--'", "'./--'"), ("pcm -o -y", "'-y'", "'./-y'"),
             ("record -o a.FLV", "'a.FLV'", "'ffmpeg -i a.mp4 -c copy a.FLV'"),
@@ -108,7 +108,7 @@ class Refusals(ShortEndToEndTest):
             ("shot -o a.jpg", "'a.jpg'", "'ffmpeg -i a.png a.jpg'"), ("pcm -o a.mp3", "'a.mp3'", "a.wav a.mp3"),
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
-            ("devices now", "'now'", "no option of devices"), ("help recrod", "'recrod'", "perhaps record"),
+            ("devices now", "'now'", "no option of devices"), ("help recrod", "'recrod'", "perhaps you mean record"),
             ("help me out", "'me'", "record, stream"), ("version 2", "'2'", "no option of version"),
         ]
         for words, wrong, right in cases:
@@ -128,7 +128,7 @@ class Refusals(ShortEndToEndTest):
                  (2, "no-such-folder", "no-such-folder/a.ts", [], {}), (2, "a folder", "home", [], {}),
                  (2, "status", "new.ts", ["--status-file", "no-such-folder/status"], {}),
                  (2, "too long", "x" * 256, [], {}),
-                 (1, "no ordinary file", "new.ts", ["-s", "64x64", "--source", "/dev/null"], {})]
+                 (1, "not an ordinary file", "new.ts", ["-s", "64x64", "--source", "/dev/null"], {})]
         for code, word, name, options, environment in cases:
             with self.subTest(word):
                 refused = self.client("record", "-t", "1", "-o", name, *options, environment=environment)

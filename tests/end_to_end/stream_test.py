@@ -126,7 +126,7 @@ class Watermark(ShortEndToEndTest):
 
     def test_what_is_no_picture(self):
         # Catches libpng's own words, which do not say what is wrong with a file.
-        cases = [(b"just a text", "is no PNG picture"), (b"", "ends too early"),
+        cases = [(b"just a text", "is not a PNG picture"), (b"", "ends too early"),
                  (b"\x89PNG\r\n\x1a\n" + bytes(99), "is a damaged"), (None, "No such file")]
         for content, said in cases:
             self.path("no.png").unlink(missing_ok=True)

@@ -9,7 +9,7 @@ extern "C" {
 
 namespace client::movie {
 
-/** Throws what libavutil says of `result` where it is an error; else returns it. */
+/** Throws the text of libavutil if `result` is an error; otherwise returns it. */
 int checked(int result);
 
 struct FreeContext {
@@ -41,7 +41,7 @@ using Packet = std::unique_ptr<AVPacket, FreePacket>;
 using Frame = std::unique_ptr<AVFrame, FreeFrame>;
 using Io = std::unique_ptr<AVIOContext, FreeIo>;
 
-/** Each throws std::bad_alloc instead of giving none. */
+/** Each throws std::bad_alloc instead of returning null. */
 Packet make_packet();
 Frame make_frame();
 

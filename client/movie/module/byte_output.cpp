@@ -8,7 +8,7 @@
 namespace client::movie {
 namespace {
 
-/** Bytes handed on at once, a frame or less. */
+/** Bytes written at once, a frame or less. */
 constexpr int output_buffer_bytes = 256 << 10;
 
 } // namespace

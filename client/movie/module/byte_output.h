@@ -5,7 +5,7 @@
 
 namespace client::movie {
 
-/** A MovieOutput as libavformat writes to it. */
+/** Adapter for libavformat to write to a MovieOutput. */
 class ByteOutput {
 public:
     ByteOutput(MovieOutput& output, bool seekable);
@@ -13,7 +13,7 @@ public:
     ByteOutput& operator=(const ByteOutput&) = delete;
 
     AVIOContext* io() const { return io_.get(); }
-    /** Throws what the output has thrown meanwhile, which cannot pass through C. */
+    /** Rethrows an exception of the output, which cannot pass through C. */
     void rethrow();
 
 private:

@@ -20,7 +20,7 @@ extern "C" __attribute__((visibility("default"))) const client::movie::MovieModu
 screenrecord_movie_module()
 {
     static const client::movie::Module module;
-    // libavformat's own lines are no sentences of ours: what fails is thrown
+    // silences the log of libavformat: failures are thrown
     av_log_set_level(AV_LOG_QUIET);
     return &module;
 }

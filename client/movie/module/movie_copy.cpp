@@ -16,7 +16,7 @@ namespace {
 
 constexpr int input_buffer_bytes = 256 << 10;
 
-/** A descriptor as libavformat reads it, from the file's begin on. */
+/** Adapter for libavformat to read a descriptor, from the start of the file. */
 class FileInput {
 public:
     explicit FileInput(int fd) : fd_(fd)
@@ -89,7 +89,7 @@ private:
     const int fd_;
 };
 
-/** Only counts. */
+/** Counts the bytes, and discards them. */
 class NoOutput final : public MovieOutput {
 public:
     void write(uint64_t, std::span<const uint8_t>) override {}
@@ -101,7 +101,7 @@ struct Sizes {
     int64_t index;
 };
 
-/** One pass through the input into one output. */
+/** One pass over the input into one output. */
 class Pass {
 public:
     Pass(const CopyJob& job, MovieOutput& output)
@@ -111,7 +111,7 @@ public:
         open_output();
     }
 
-    /** @param index_bytes room for the index in front, 0 = behind */
+    /** @param index_bytes room for the index in front, 0 = at the end */
     Sizes run(int64_t index_bytes, const std::function<bool(double)>& go_on)
     {
         write_header(index_bytes);
@@ -136,7 +136,7 @@ private:
         if (!context)
             throw std::bad_alloc();
         context->pb = input_file_.io();
-        // frees the context where it fails
+        // frees the context if it fails
         checked(avformat_open_input(&context, "", nullptr, nullptr));
         input_.reset(context);
         checked(avformat_find_stream_info(context, nullptr));
@@ -153,10 +153,10 @@ private:
         for (unsigned i = 0; i < input_->nb_streams; ++i)
             places_.push_back(add_stream(*input_->streams[i]));
         if (context->nb_streams == 0)
-            throw std::runtime_error("there is neither H.264 nor AAC in it");
+            throw std::runtime_error("it contains neither H.264 nor AAC");
     }
 
-    /** Its index in the output, -1 = it is left out. */
+    /** Index of the stream in the output, -1 = left out. */
     int add_stream(const AVStream& from)
     {
         if (from.codecpar->codec_id != AV_CODEC_ID_H264 &&
@@ -175,7 +175,7 @@ private:
         return to->index;
     }
 
-    /** Whether times begin anywhere, as those of a transport stream do. */
+    /** Whether times begin at any value, as in a transport stream. */
     bool starts_late() const { return std::strcmp(input_->iformat->name, "mpegts") == 0; }
 
     void write_header(int64_t index_bytes)
@@ -202,7 +202,7 @@ private:
             packet.pts -= begin;
         if (packet.dts != AV_NOPTS_VALUE)
             packet.dts -= begin;
-        // Sound ahead of the first picture: MP4 has an edit list for it.
+        // Sound before the first picture: MP4 has an edit list for it.
         if (packet.pts != AV_NOPTS_VALUE && packet.pts < 0 && job_.container != Container::mp4)
             return;
         packet.stream_index = places_[from];
@@ -235,8 +235,8 @@ private:
     int64_t begin_us_ = 0;
 };
 
-// Room for the empty box behind the index, and for offsets of 8 bytes instead of 4 where the index
-// in front moves the last chunks beyond 4 GiB.
+// Room for the empty box after the index, and for offsets of 8 bytes instead of 4 if the index in
+// front moves the last chunks beyond 4 GiB.
 int64_t with_reserve(int64_t index_bytes, int64_t movie_bytes)
 {
     const bool near_limit = movie_bytes > UINT32_MAX - 2 * index_bytes;
@@ -245,7 +245,8 @@ int64_t with_reserve(int64_t index_bytes, int64_t movie_bytes)
 
 } // namespace
 
-// The index's size is known once all of it is: so the input is read twice, and written once.
+// The size of the index is known only after all packets, so the input is read twice and written
+// once.
 void copy_movie(const CopyJob& job)
 {
     FileOutput file(job.to);

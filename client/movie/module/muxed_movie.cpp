@@ -8,7 +8,7 @@
 namespace client::movie {
 namespace {
 
-// Microseconds of sound that may lack while frames wait for it.
+// Microseconds by which sound may be behind the frames that wait for it.
 constexpr int64_t patience_with_sound = 1'000'000;
 
 OutputContext make_context(const MovieFormat& format, AVIOContext* io)
@@ -33,8 +33,8 @@ void set_colours(AVCodecParameters& parameters)
     parameters.chroma_location = AVCHROMA_LOC_LEFT;
 }
 
-// A piece is half a second, so that with what is on its way less than a second is lost.
-// delay_moov writes the header with the first fragment, when the sound's delay is known.
+// A piece has half a second, so less than a second is lost, including the data on its way.
+// delay_moov writes the header with the first fragment, when the delay of the sound is known.
 AVDictionary* muxer_options(Container container)
 {
     AVDictionary* options = nullptr;
@@ -134,7 +134,7 @@ void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool k
     if (!begun_)
         begin(frame);
     av_packet_unref(packet_.get());
-    // only read: a packet that owns no bytes is copied
+    // read only: libavformat copies a packet that does not own its bytes
     packet_->data = const_cast<uint8_t*>(frame.data());
     packet_->size = static_cast<int>(frame.size());
     packet_->pts = packet_->dts = index;
@@ -143,8 +143,8 @@ void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool k
     write(*packet_, *video_, {1, static_cast<int>(format_.fps)});
 }
 
-// MP4 has an edit list for the encoder's delay. Elsewhere the packet that is nothing else is left
-// out, so that times begin at 0: a decoder then fades the first 21 ms in.
+// MP4 has an edit list for the encoder's delay. In other containers the packet that contains only
+// this delay is left out, so that times begin at 0; a decoder then fades in the first 21 ms.
 void MuxedMovie::write_sound(AVPacket& packet)
 {
     if (packet.pts < 0 && format_.container != Container::mp4)

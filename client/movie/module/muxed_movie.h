@@ -7,9 +7,7 @@
 
 namespace client::movie {
 
-/**
- * A movie as libavformat joins it, in MP4 fragments or Matroska clusters of half a second.
- */
+/** A movie muxed by libavformat, in MP4 fragments or Matroska clusters of half a second. */
 class MuxedMovie final : public MovieWriter {
 public:
     MuxedMovie(const MovieFormat& format, MovieOutput& output);

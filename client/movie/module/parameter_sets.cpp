@@ -25,7 +25,7 @@ std::vector<uint8_t> parameter_sets(std::span<const uint8_t> access_unit)
             continue;
         sets.push_back(0);
         sets.insert(sets.end(), start_code.begin(), start_code.end());
-        // a zero in front of the next start code belongs to that
+        // a zero before the next start code belongs to that code
         auto end = at;
         while (end > unit && end[-1] == 0)
             --end;

@@ -41,7 +41,7 @@ SoundEncoder::SoundEncoder()
     begin_frame();
 }
 
-// The encoder may keep the samples, so each frame gets memory that is its alone.
+// The encoder may keep a reference to the samples, so each frame has separate memory.
 void SoundEncoder::begin_frame()
 {
     av_frame_unref(frame_.get());

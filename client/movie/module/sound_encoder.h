@@ -7,21 +7,21 @@
 
 namespace client::movie {
 
-/** AAC (ISO/IEC 14496-3, Low Complexity) from samples of any number at once. */
+/** Encodes samples, in any number at a time, as AAC (ISO/IEC 14496-3, Low Complexity). */
 class SoundEncoder {
 public:
     using Take = std::function<void(AVPacket&)>;
 
     SoundEncoder();
 
-    /** The encoder's parameters, as a muxer wants them. */
+    /** The parameters of the encoder for a muxer. */
     const AVCodecContext& context() const { return *encoder_; }
     /**
-     * Hands each packet that is complete to `take`; its time is in samples and negative for the
-     * encoder's own delay.
+     * Calls `take` with each complete packet; its time is in samples, and negative for the delay of
+     * the encoder.
      */
     void put(std::span<const int16_t> samples, const Take& take);
-    /** Encodes what is left; nothing may follow. */
+    /** Encodes the rest; the last call. */
     void finish(const Take& take);
 
 private:
@@ -31,7 +31,7 @@ private:
     EncoderContext encoder_;
     Frame frame_;
     Packet packet_;
-    /** samples of each channel in the frame */
+    /** samples per channel in the frame */
     int filled_ = 0;
     int64_t position_ = 0;
 };
