@@ -7,7 +7,6 @@
 #include "command_line/command_paths.h"
 #include "command_line/option_values.h"
 #include "command_line/program_description.h"
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

@@ -4,8 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 
-#include "files/container.h"
 #include "files/output_file.h"
+#include "files/output_format.h"
 #include "process/messages.h"
 #include <screenrecord/screenrecord.h>
 

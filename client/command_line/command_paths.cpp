@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "files/container.h"
 #include "files/output_file.h"
 #include "files/output_format.h"
 #include <common/trusted_path.h>

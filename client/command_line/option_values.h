@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "machine/picture_size.h"
+#include "machine/display.h"
 
 namespace client {
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "command_line/options.h"
-#include "process/failure.h"
+#include "process/messages.h"
 #include "process/signals.h"
 #include "process/standard_output.h"
 

@@ -1,6 +1,6 @@
 #include "commands/commands.h"
 #include "machine/display.h"
-#include "machine/sound_sources.h"
+#include "machine/host.h"
 #include "process/messages.h"
 
 namespace client {

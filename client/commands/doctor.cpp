@@ -5,7 +5,6 @@
 #include "commands/commands.h"
 #include "machine/display.h"
 #include "machine/host.h"
-#include "machine/sound_sources.h"
 #include "process/messages.h"
 #include <screenrecord/screenrecord.h>
 

@@ -2,7 +2,7 @@
 
 #include "commands/commands.h"
 #include "commands/record_movie.h"
-#include "files/container.h"
+#include "files/output_format.h"
 #include "files/output_watch.h"
 #include "machine/display.h"
 #include "process/messages.h"

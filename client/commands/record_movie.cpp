@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "files/container.h"
+#include "files/output_format.h"
 #include "machine/display.h"
 #include "machine/host.h"
 #include "movie/index_in_front.h"

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "commands/commands.h"
-#include "files/container.h"
+#include "files/output_format.h"
 
 namespace client {
 

@@ -3,8 +3,8 @@
 #include <poll.h>
 
 #include "commands/commands.h"
-#include "files/container.h"
 #include "files/output_file.h"
+#include "files/output_format.h"
 #include "movie/movie_copy.h"
 #include "process/messages.h"
 #include "showing/status_report.h"

@@ -19,7 +19,6 @@
 #include <utility>
 #include <vector>
 
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

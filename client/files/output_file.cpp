@@ -8,7 +8,6 @@
 #include <sys/file.h>
 #include <sys/random.h>
 
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

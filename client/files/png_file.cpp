@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <png.h>
 
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "machine/picture_size.h"
+#include "machine/display.h"
 
 namespace client {
 

@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <zu3_host/sound_sources.h>
+
 namespace client {
 namespace {
 
@@ -39,6 +41,15 @@ constexpr uint64_t zu3_host_statistics_t::*counters[] = {
     &zu3_host_statistics_t::audio_frames_encoded,
     &zu3_host_statistics_t::pictures_left_out_for_room,
 };
+
+void add_source(const zu3_host_sound_source_t* source, void* list)
+{
+    static_cast<std::vector<SoundSource>*>(list)->push_back({.name = source->name,
+                                                             .description = source->description,
+                                                             .sample_rate = source->sample_rate,
+                                                             .channels = source->channels,
+                                                             .recorded = source->recorded != 0});
+}
 
 } // namespace
 
@@ -102,6 +113,15 @@ const char* platform_sentence()
 {
     static const auto sentence = find<decltype(zu3_host_platform)>("zu3_host_platform");
     return sentence ? sentence() : nullptr;
+}
+
+std::optional<std::vector<SoundSource>> list_sound_sources()
+{
+    static const auto list = find<decltype(zu3_host_sound_sources)>("zu3_host_sound_sources");
+    std::vector<SoundSource> sources;
+    if (!list || list(add_source, &sources) < 0)
+        return std::nullopt;
+    return sources;
 }
 
 } // namespace client

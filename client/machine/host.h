@@ -1,6 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
+
 #include <zu3_host/exact_size.h>
 #include <zu3_host/frame_event.h>
 #include <zu3_host/log_listener.h>
@@ -76,5 +80,19 @@ inline bool display_is_silent(const zu3_host_statistics_t& s)
 {
     return s.display_silent_ms >= 1000;
 }
+
+/** A source of the sound server. */
+struct SoundSource {
+    std::string name;
+    std::string description;
+    /** samples per second and channel */
+    uint32_t sample_rate = 0;
+    uint32_t channels = 0;
+    /** whether recordings use it: it is the monitor of the default output */
+    bool recorded = false;
+};
+
+/** The sources of the sound server; nullopt if none answers within 3 s or libpulse is missing. */
+std::optional<std::vector<SoundSource>> list_sound_sources();
 
 } // namespace client

@@ -8,7 +8,6 @@
 #include <sys/statvfs.h>
 
 #include "movie/module_loader.h"
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client::movie {

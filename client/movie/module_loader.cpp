@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <string>
 
-#include "process/failure.h"
+#include "process/messages.h"
 
 namespace client::movie {
 namespace {

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 
 #include "movie/module_loader.h"
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client::movie {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <memory>
 
-#include "files/container.h"
+#include "files/output_format.h"
 #include "running/attended_work.h"
 
 namespace client::movie {

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "files/container.h"
+#include "files/output_format.h"
 
 namespace client::movie {
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "movie/module_loader.h"
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client::movie {

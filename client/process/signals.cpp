@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

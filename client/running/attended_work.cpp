@@ -6,7 +6,6 @@
 #include <thread>
 #include <utility>
 
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {

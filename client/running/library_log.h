@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "process/failure.h"
+#include "process/messages.h"
 
 namespace client {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "process/failure.h"
+#include "process/messages.h"
 #include "running/library_log.h"
 
 namespace client {

@@ -5,7 +5,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "process/failure.h"
 #include "process/messages.h"
 #include "running/library_log.h"
 #include <screenrecord/screenrecord.h>

@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 
 #include "files/output_file.h"
-#include "process/failure.h"
 #include "process/messages.h"
 
 namespace client {
