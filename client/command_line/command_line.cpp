@@ -4,8 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-#include "command_line/command_paths.h"
-#include "command_line/option_values.h"
+#include "command_line/command_checks.h"
+#include "command_line/options.h"
 #include "command_line/program_description.h"
 #include "process/messages.h"
 

@@ -1,14 +1,306 @@
 #include "command_line/program_description.h"
 
+#include <algorithm>
 #include <array>
 #include <CLI/CLI.hpp>
+#include <functional>
 
-#include "command_line/command_options.h"
+#include "command_line/command_checks.h"
+#include "files/output_file.h"
+#include "files/output_format.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include <screenrecord/screenrecord.h>
 
 namespace client {
 namespace {
+
+/**
+ * Defines an option with a value.
+ * @param parse stores the value; returns why it refuses it, as the end of a sentence, or ""
+ */
+CLI::Option* define_value(CLI::App& command, const char* names, const char* type, const char* text,
+                          std::function<std::string(const std::string&)> parse)
+{
+    const std::string long_name = std::string(names).substr(std::string(names).find("--"));
+    return command
+        .add_option_function<std::string>(
+            names,
+            [parse = std::move(parse), long_name](const std::string& given) {
+                const std::string problem = parse(given);
+                if (!problem.empty())
+                    throw CLI::ValidationError(long_name, "'" + given + "' " + problem);
+            },
+            text)
+        ->type_name(type);
+}
+
+CLI::Option* define_number(CLI::App& command, const char* names, const char* type, const char* text,
+                           uint32_t low, uint32_t high, std::function<void(uint32_t)> set)
+{
+    return define_value(
+        command, names, type, text, [low, high, set = std::move(set)](const std::string& given) {
+            const auto number = parse_number(given);
+            if (!number || *number < low || *number > high)
+                return format_text("is not a whole number from %u to %u", low, high);
+            set(*number);
+            return std::string();
+        });
+}
+
+/** @param choices as help shows them: "a|b|c" */
+CLI::Option* define_choice(CLI::App& command, const char* names, const char* choices,
+                           const char* text, std::function<void(const std::string&)> set)
+{
+    return define_value(command, names, choices, text,
+                        [choices, set = std::move(set)](const std::string& given) {
+                            const std::vector<std::string> words = choices_of(choices);
+                            if (std::find(words.begin(), words.end(), given) == words.end())
+                                return "is not " + listed(words, "or");
+                            set(given);
+                            return std::string();
+                        });
+}
+
+CLI::Option* define_output(CLI::App& command, CommonOptions& options, const char* type,
+                           const char* text)
+{
+    CLI::Option* const output =
+        command.add_option("-o,--output", options.output, text)->required()->type_name(type);
+    command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
+    command.add_flag("-v,--verbose", options.verbose,
+                     "print the chosen settings and, after a failure, the library's log");
+    return output;
+}
+
+void define_display(CLI::App& command, CommonOptions& options)
+{
+    command.add_option("--display", options.display, "X display to capture, instead of DISPLAY")
+        ->type_name("NAME");
+}
+
+void define_time(CLI::App& command, CommonOptions& options)
+{
+    define_value(
+        command, "-t,--time", "TIME",
+        "stop after this time, such as 90, 1m30s or 00:01:30; default: at SIGINT (Ctrl-C), SIGTERM or SIGHUP",
+        [&options](const std::string& given) {
+            options.time = parse_time(given);
+            return options.time
+                       ? ""
+                       : "is not a time, such as 10, 90s, 1m30s or 00:01:30, above 0 and up to 10000000 seconds";
+        });
+}
+
+void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
+{
+    define_value(command, "-s,--size", "WxH", text,
+                 [&size](const std::string& given) -> std::string {
+                     size = parse_size(given);
+                     if (!size)
+                         return "is not a size such as 1280x720";
+                     const std::string problem = size_problem(*size);
+                     return problem.empty() ? "" : "cannot be captured: " + problem;
+                 });
+}
+
+void define_fps(CLI::App& command, uint32_t& fps)
+{
+    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; default: 30", 1, 120,
+                  [&fps](uint32_t given) { fps = given; });
+}
+
+void define_rate(CLI::App& command, RecordOptions& options)
+{
+    define_value(
+        command, "--rate", "MBIT",
+        "constant rate of a .ts file, 1 to 4 in units of 1048576 bit/s; default: as much as the content needs",
+        [&options](const std::string& given) -> std::string {
+            const auto rate = parse_number(given);
+            if (!rate || *rate < 1)
+                return "is not a whole number from 1 to 4";
+            options.constant_mbit = *rate;
+            return *rate <= 4
+                       ? ""
+                       : "is above 4: the library's writer moves at most 64 KiB every 100 ms, 5.24 Mbit/s including sound and overhead";
+        });
+}
+
+void define_bit_rate(CLI::App& command, std::optional<uint32_t>& bit_rate, const char* text)
+{
+    define_value(command, "-b,--bitrate", "RATE", text, [&bit_rate](const std::string& given) {
+        bit_rate = parse_bit_rate(given);
+        return bit_rate ? "" : "is not a rate from 10k to 240M, such as 800k or 2.5M";
+    });
+}
+
+void define_quality(CLI::App& command, std::optional<uint32_t>& quality, const char* text)
+{
+    define_value(command, "--quality", "QUALITY", text, [&quality](const std::string& given) {
+        quality = parse_quality(given);
+        return quality ? "" : "is not low, medium, high or a whole number from 0 to 51";
+    });
+}
+
+uint32_t format_code(const std::string& name)
+{
+    if (name == "yuyv")
+        return E_CAP_OUTPUT_FMT_YUYV;
+    if (name == "rgb565")
+        return E_CAP_OUTPUT_FMT_RGB565;
+    return name == "nv12" ? E_CAP_OUTPUT_FMT_NV12 : E_CAP_OUTPUT_FMT_BGRA;
+}
+
+void define_encoder(CLI::App& command, StreamOptions& options)
+{
+    define_bit_rate(
+        command, options.bit_rate,
+        "bits per second, with k (1000) or M (1000000); default: chosen by size and frame rate");
+    define_quality(command, options.quality,
+                   "constant quality instead of a bit rate: low, medium, high, or 0 (best) to 51");
+    define_choice(
+        command, "--profile", "baseline|main", "H.264 profile; default: the encoder's choice",
+        [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
+    define_choice(command, "--level", "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1",
+                  "H.264 level; default: the encoder's choice",
+                  [&options](const std::string& name) { options.level = *parse_level(name); });
+}
+
+void define_watermark(CLI::App& command, WatermarkOptions& options)
+{
+    auto* image = command
+                      .add_option("--watermark", options.image,
+                                  "picture to draw into the stream, with its alpha")
+                      ->type_name("IMAGE.png");
+    define_value(command, "--at", "X,Y",
+                 "its top left corner in the stream's picture; default: 16,16",
+                 [&options](const std::string& given) {
+                     const auto at = parse_position(given);
+                     options.at = at.value_or(options.at);
+                     return at ? "" : "is not a position such as 16,16";
+                 })
+        ->needs(image);
+    define_number(command, "--opacity", "N",
+                  "0 (invisible) to 255 (the picture's alpha unchanged); default: 255", 0, 255,
+                  [&options](uint32_t given) { options.opacity = given; })
+        ->needs(image);
+}
+
+void define_record(CLI::App& command, RecordOptions& options)
+{
+    define_output(
+        command, options, "FILE.mp4|FILE.mkv|FILE.ts|-",
+        "file to record into, its ending chooses the format, or - for standard output; default: an MP4 file named by date and time in the videos folder (XDG_VIDEOS_DIR) or the current folder")
+        ->required(false);
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+    define_fps(command, options.fps);
+    define_time(command, options);
+    define_quality(
+        command, options.quality,
+        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file never exceeds 4.5 Mbit/s");
+    define_bit_rate(
+        command, options.bit_rate,
+        "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
+    command.add_flag(
+        "--fragmented", options.fragmented,
+        "leave an MP4 file in fragments; do not rewrite it at the end with its index in front");
+    define_choice(command, "--format", "mkv|ts", "format of standard output; default: mkv",
+                  [&options](const std::string& name) { options.format = name; });
+    define_choice(
+        command, "--control", "-",
+        "read commands from standard input, one per line: pause, resume, stop; answers go to standard error; a terminal is always read; not for a .ts file",
+        [&options](const std::string&) { options.control = true; });
+    define_rate(command, options);
+    define_choice(
+        command, "--packet-size", "188|192",
+        "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; default: 188",
+        [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
+    command.add_flag_callback(
+        "--no-audio", [&options] { options.audio = false; }, "record no sound");
+    define_display(command, options);
+    define_choice(command, "--slot", "0|1",
+                  "recording slot of the library; 1 needs --source; default: 0",
+                  [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
+    command
+        .add_option(
+            "--source", options.source,
+            "encode this file of raw NV12 pictures instead of the screen, and stop at its end; in each picture the stride is the width rounded up to 16, the height is rounded up to 32 lines, and chroma follows luma")
+        ->type_name("FILE.nv12");
+    command.add_flag("--one-call", options.one_call, "use the library's one-call interface");
+    command.add_flag("--json", options.json, "print one JSON object per second on standard error");
+    command
+        .add_option("--status-file", options.status_file,
+                    "write the same object to this file once per second")
+        ->type_name("FILE");
+    command.callback([&command, &options] { check_record(command, options); });
+}
+
+void define_stream(CLI::App& command, StreamOptions& options)
+{
+    define_output(command, options, "FILE.h264|-", "file, or - for standard output");
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+    define_fps(command, options.fps);
+    define_encoder(command, options);
+    command.add_flag(
+        "--osd", options.osd,
+        "include the device's overlay; a stream of an X display always shows the pointer");
+    define_time(command, options);
+    define_watermark(command, options.watermark);
+    define_choice(
+        command, "--control", "-",
+        "read commands from standard input, one per line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answers go to standard error; a terminal is always read",
+        [&options](const std::string&) { options.control = true; });
+    define_display(command, options);
+}
+
+void define_shot(CLI::App& command, ShotOptions& options)
+{
+    define_output(
+        command, options, "FILE.png|-",
+        "picture to write, or - for a PNG on standard output; a name ending in .raw receives the captured bytes unconverted");
+    define_size(command, options.size, "picture size; default: the display's size");
+    define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
+                  "pixel format to capture, before the conversion to PNG; default: bgra",
+                  [&options](const std::string& name) { options.format = format_code(name); });
+    auto* count = define_number(command, "-n,--count", "COUNT",
+                                "take this many screenshots and number the files: shot-001.png ...",
+                                1, 999999, [&options](uint32_t given) {
+                                    options.count = given;
+                                    options.numbered = true;
+                                });
+    define_number(command, "--interval", "MS",
+                  "milliseconds between two screenshots; default: 1000", 0, 86400000,
+                  [&options](uint32_t ms) { options.interval = std::chrono::milliseconds(ms); })
+        ->needs(count);
+    command.add_flag("--pointer,--osd", options.osd, "include the pointer");
+    define_display(command, options);
+    command.callback([&options] { check_shot(options); });
+}
+
+void define_pcm(CLI::App& command, PcmOptions& options)
+{
+    define_output(command, options, "FILE.wav|-",
+                  "WAV file, or - for raw samples on standard output");
+    define_time(command, options);
+}
+
+void define_remux(CLI::App& command, RemuxOptions& options)
+{
+    command.add_option("input", options.input, "the recording to read")
+        ->required()
+        ->type_name("FILE.ts");
+    command.add_option("output", options.output, "the file to write")
+        ->required()
+        ->type_name("FILE.mp4|FILE.mkv");
+    command.add_flag("-y,--overwrite", options.overwrite, "overwrite a file that exists");
+}
+
+void define_doctor(CLI::App& command, DoctorOptions& options)
+{
+    define_display(command, options);
+}
 
 std::string version_text()
 {

@@ -5,7 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "command_line/option_values.h"
+#include "command_line/options.h"
 #include "files/wav_file.h"
 #include "process/messages.h"
 #include "running/lost_frames.h"

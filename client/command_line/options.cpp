@@ -1,4 +1,4 @@
-#include "command_line/option_values.h"
+#include "command_line/options.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "command_line/command_paths.h"
+#include "command_line/command_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <sys/stat.h>
@@ -6,10 +6,33 @@
 
 #include "files/output_file.h"
 #include "files/output_format.h"
+#include "process/messages.h"
 #include <common/trusted_path.h>
 
 namespace client {
 namespace {
+
+[[noreturn]] void refuse(const std::string& option, const std::string& reason)
+{
+    throw CLI::ValidationError(option, reason);
+}
+
+/** Refuses options that the container of the output does not support. */
+void check_container(const CLI::App& command, const RecordOptions& options)
+{
+    const bool movie = container_of(options.output, options.format).has_value();
+    const auto check = [&command](const char* option, bool works, const char* with) {
+        if (!works && command.count(option) > 0)
+            refuse(option, std::string("works only with ") + with);
+    };
+    for (const char* option : {"--rate", "--packet-size", "--slot", "--source", "--one-call"})
+        check(option, !movie, "a .ts file");
+    for (const char* option : {"--bitrate", "--fragmented", "--control"})
+        check(option, movie, "an .mp4 or .mkv file or '-o -'");
+    check("--format", is_standard_output(options.output), "'-o -'");
+    if (options.bit_rate && options.quality)
+        refuse("--quality", "cannot be combined with --bitrate");
+}
 
 struct NamedPath {
     const char* option;
@@ -136,6 +159,40 @@ struct CommandCheck {
 };
 
 } // namespace
+
+void check_record(const CLI::App& command, const RecordOptions& options)
+{
+    check_container(command, options);
+    if (options.output == "wifi")
+        refuse("--output", "the name 'wifi' is reserved; a file of that name is './wifi'");
+    if (is_standard_output(options.status_file))
+        refuse("--status-file", "'" + options.status_file +
+                                    "' is not a file; --json writes the status to standard error");
+    if (!options.source.empty() && !options.size)
+        refuse("--source", "'" + options.source + "' needs --size, the size of the pictures in it");
+    if (options.source.ends_with(".ts"))
+        refuse(
+            "--source",
+            "'" + options.source +
+                "' ends in .ts, so the library would read it as a transport stream, not as raw NV12 pictures; rename it");
+    if (options.slot != 0 && options.source.empty() && !options.one_call)
+        refuse(
+            "--slot",
+            "1 cannot record the screen: the library delivers screen pictures only to slot 0; slot 1 encodes a --source");
+    if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
+        refuse(
+            "--one-call",
+            "always records the screen with sound on slot 0; it cannot be combined with --source, --slot 1 or --no-audio");
+}
+
+void check_shot(const ShotOptions& options)
+{
+    if (is_standard_output(options.output) && options.count != 1)
+        refuse("--count",
+               format_text(
+                   "%u pictures cannot be separated on standard output; name a file with --output",
+                   options.count));
+}
 
 void check_paths(const Invocation& invocation)
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <CLI/App.hpp>
+
 #include "command_line/options.h"
 
 namespace client {
@@ -11,5 +13,12 @@ namespace client {
  * name. Throws CLI::ValidationError.
  */
 void check_paths(const Invocation& invocation);
+
+/**
+ * Each checks a command's combination of options. Throws CLI::ValidationError.
+ * @param command tells which options are given
+ */
+void check_record(const CLI::App& command, const RecordOptions& options);
+void check_shot(const ShotOptions& options);
 
 } // namespace client
