@@ -5,7 +5,6 @@
 
 #include "commands/commands.h"
 #include "files/byte_sink.h"
-#include "files/wav_file.h"
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/sound_capture.h"

@@ -7,7 +7,6 @@
 #include "machine/display.h"
 #include "process/messages.h"
 #include "running/recording.h"
-#include "running/recording_monitor.h"
 #include "showing/status_report.h"
 
 namespace client {

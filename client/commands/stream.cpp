@@ -7,9 +7,7 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/encoded_stream.h"
-#include "running/lost_frames.h"
 #include "running/stream_control.h"
-#include "running/watermark.h"
 #include <screenrecord/screenrecord.h>
 
 namespace client {

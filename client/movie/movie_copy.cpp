@@ -1,9 +1,13 @@
 #include "movie/movie_copy.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/statvfs.h>
 
-#include "movie/module_loader.h"
+#include "movie/movie_module.h"
 #include "process/messages.h"
 
 namespace client::movie {
@@ -16,6 +20,113 @@ std::shared_ptr<common::Descriptor> duplicate(int fd)
     if (!*made)
         throw Failure(error_text(errno));
     return made;
+}
+
+using common::TrustedPath;
+
+[[noreturn]] void fail(int error)
+{
+    throw Failure(error_text(error));
+}
+
+/** A name in the same folder that cannot be guessed. */
+std::string temporary_name()
+{
+    uint64_t number = 0;
+    [[maybe_unused]] const ssize_t got = getrandom(&number, sizeof number, GRND_NONBLOCK);
+    return format_text(".screenrecord-%d-%016llx.part", getpid(),
+                       static_cast<unsigned long long>(number));
+}
+
+/**
+ * A temporary file beside the one to replace, removed unless it is put in place. It has no name
+ * until then if the file system supports that, so SIGKILL leaves nothing behind.
+ */
+class Beside {
+public:
+    Beside(const std::string& path, const struct stat& original) : place_(path), original_(original)
+    {
+        check_place();
+        fd_ =
+            common::Descriptor(openat(place_.folder(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+        if (!fd_) {
+            const std::string name = temporary_name();
+            fd_ = place_.create_beside(name, O_RDWR);
+            if (!fd_)
+                fail(errno);
+            name_ = name;
+        }
+        // so that no other screenrecord writes to it when it gets its name
+        flock(fd_.get(), LOCK_EX | LOCK_NB);
+    }
+    Beside(const Beside&) = delete;
+    Beside& operator=(const Beside&) = delete;
+    ~Beside()
+    {
+        if (!name_.empty())
+            unlinkat(place_.folder(), name_.c_str(), 0);
+    }
+
+    int fd() const { return fd_.get(); }
+    void put_in_place()
+    {
+        if (fchmod(fd_.get(), original_.st_mode & 07777) != 0 || fsync(fd_.get()) != 0)
+            fail(errno);
+        if (name_.empty())
+            give_name();
+        check_place();
+        if (renameat(place_.folder(), name_.c_str(), place_.folder(), place_.name().c_str()) != 0)
+            fail(errno);
+        name_.clear();
+    }
+
+private:
+    void check_place() const
+    {
+        struct stat named = {};
+        if (place_.error() != 0 || place_.status(named) != 0 ||
+            !common::is_one_file(named, original_))
+            throw Failure("it was renamed");
+    }
+    void give_name()
+    {
+        const std::string name = temporary_name();
+        if (linkat(AT_FDCWD, format_text("/proc/self/fd/%d", fd_.get()).c_str(), place_.folder(),
+                   name.c_str(), AT_SYMLINK_FOLLOW) != 0)
+            fail(errno);
+        name_ = name;
+    }
+
+    const TrustedPath place_;
+    const struct stat original_;
+    std::string name_;
+    common::Descriptor fd_;
+};
+
+void check_room(int fd, off_t size)
+{
+    struct statvfs volume = {};
+    if (fstatvfs(fd, &volume) == 0 &&
+        uint64_t{volume.f_bavail} * volume.f_frsize < static_cast<uint64_t>(size) + (1 << 20))
+        throw Failure("its disk has no room for both files");
+}
+
+void rewrite(int original, const std::string& path, std::function<bool(double)> go_on)
+{
+    struct stat file = {};
+    if (fstat(original, &file) != 0)
+        fail(errno);
+    check_room(original, file.st_size);
+    const common::Descriptor from(
+        open(format_text("/proc/self/fd/%d", original).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!from)
+        fail(errno);
+    Beside beside(path, file);
+    movie_module().copy({.from = from.get(),
+                         .to = beside.fd(),
+                         .container = Container::mp4,
+                         .go_on = std::move(go_on)});
+    beside.put_in_place();
 }
 
 } // namespace
@@ -35,6 +146,20 @@ MovieCopy::MovieCopy(int from, int to, Container container)
             if (fsync(target->get()) != 0)
                 throw Failure(error_text(errno));
         });
+}
+
+IndexInFront::IndexInFront(const OutputFile& file, const std::string& path)
+{
+    // duplicated for the thread, which may outlive the owner of the file
+    auto original = std::make_shared<common::Descriptor>(fcntl(file.fd(), F_DUPFD_CLOEXEC, 3));
+    if (!*original)
+        fail(errno);
+    work_ = std::make_unique<AttendedWork>([original, path, shared = shared_] {
+        rewrite(original->get(), path, [&shared](double part) {
+            shared->part = part;
+            return !shared->cancelled;
+        });
+    });
 }
 
 } // namespace client::movie

@@ -83,4 +83,10 @@ public:
 using GetModule = const MovieModule* (*)();
 inline constexpr const char* module_function = "screenrecord_movie_module";
 
+/**
+ * The module that writes movies; the first call loads it, and it stays loaded. Throws Failure if
+ * it, or a library below it, is not installed.
+ */
+const MovieModule& movie_module();
+
 } // namespace client::movie

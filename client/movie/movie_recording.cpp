@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "movie/module_loader.h"
+#include "movie/movie_module.h"
 #include "process/messages.h"
 
 namespace client::movie {

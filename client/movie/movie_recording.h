@@ -5,9 +5,8 @@
 #include <optional>
 
 #include "files/byte_sink.h"
-#include "movie/frame_line.h"
 #include "movie/movie_module.h"
-#include "movie/sound_line.h"
+#include "movie/timeline.h"
 
 namespace client::movie {
 

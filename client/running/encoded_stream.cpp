@@ -5,11 +5,24 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/library_log.h"
-#include "running/watermark.h"
 #include <screenrecord/screenrecord.h>
+#include <srglworker/SrGlWorker.h>
 
 namespace client {
 namespace {
+
+/** A picture for the renderer, which keeps a reference while it draws it. */
+class PictureMemory : public android::IMemory {
+public:
+    explicit PictureMemory(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
+    void* pointer() const override { return const_cast<uint8_t*>(bytes_.data()); }
+    size_t size() const override { return bytes_.size(); }
+
+private:
+    ~PictureMemory() override = default;
+
+    std::vector<uint8_t> bytes_;
+};
 
 // A tenth of a bit per pixel keeps text sharp in ordinary use of a screen.
 uint32_t sensible_bit_rate(Size size, uint32_t fps)
@@ -22,6 +35,32 @@ uint32_t sensible_bit_rate(Size size, uint32_t fps)
 constexpr uint32_t no_bit_rate = UINT32_MAX;
 
 } // namespace
+
+WatermarkChange::WatermarkChange(const WatermarkOptions& options)
+    : options_(options), picture_(std::make_shared<RgbaPicture>()),
+      reading_([picture = picture_, image = options.image] {
+          if (!image.empty())
+              *picture = read_png(image);
+      })
+{
+}
+
+void WatermarkChange::apply()
+{
+    reading_.finish();
+    android::WatermarkParams params;
+    if (!options_.image.empty()) {
+        params.u32Width = picture_->size.width;
+        params.u32Height = picture_->size.height;
+        params.s32X = options_.at.x;
+        params.s32Y = options_.at.y;
+        params.u32Opacity = options_.opacity;
+        params.spMemory =
+            android::sp<android::IMemory>(new PictureMemory(std::move(picture_->bytes)));
+    }
+    if (video_capenc_setWatermark(params) != 0)
+        throw library_failure("cannot draw the watermark: the library refused it");
+}
 
 EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignals& signals,
                              std::string purpose)
@@ -96,6 +135,33 @@ void EncodedStream::stop()
     if (running_)
         video_capenc_stop();
     running_ = false;
+}
+
+void LostFrames::frame_taken(uint64_t pts_us)
+{
+    if (frames_ == 0)
+        first_pts_us_ = pts_us;
+    last_pts_us_ = std::max(first_pts_us_, pts_us);
+    ++frames_;
+}
+
+void LostFrames::nothing_taken_until(uint64_t time_us)
+{
+    last_pts_us_ = std::max(last_pts_us_, time_us);
+}
+
+void LostFrames::break_stretch()
+{
+    finished_ += in_stretch();
+    frames_ = 0;
+}
+
+uint64_t LostFrames::in_stretch() const
+{
+    if (frames_ == 0)
+        return 0;
+    const uint64_t due = ((last_pts_us_ - first_pts_us_) * fps_ + 500'000) / 1'000'000 + 1;
+    return due > frames_ ? due - frames_ : 0;
 }
 
 } // namespace client

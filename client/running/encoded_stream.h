@@ -1,13 +1,40 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "command_line/options.h"
+#include "files/png_file.h"
 #include "process/signals.h"
+#include "running/attended_work.h"
 
 namespace client {
+
+/**
+ * A requested watermark. A separate thread reads its picture, which may come from a pipe without a
+ * writer.
+ */
+class WatermarkChange {
+public:
+    /** Starts to read the picture, if there is one. Throws Failure. */
+    explicit WatermarkChange(const WatermarkOptions& options);
+
+    /** The work of reading, to wait for. */
+    const AttendedWork& reading() const { return reading_; }
+    /**
+     * Draws the picture into the stream, or replaces the current one; an image of "" removes it.
+     * Call it after the picture is read and after video_capenc_open. Throws Failure.
+     */
+    void apply();
+
+private:
+    WatermarkOptions options_;
+    // shared with the reading thread
+    std::shared_ptr<RgbaPicture> picture_;
+    AttendedWork reading_;
+};
 
 /** One frame of the library; its bytes are valid until the next take(). */
 struct EncodedFrame {
@@ -50,6 +77,32 @@ private:
     uint32_t bit_rate_;
     bool running_ = false;
     std::vector<uint8_t> buffer_;
+};
+
+/**
+ * Counts frames that the library never delivered: the frames due between the first and the last
+ * time stamp of a stretch, minus those that came. A stretch ends at each request that makes the
+ * encoder leave out frames.
+ */
+class LostFrames {
+public:
+    explicit LostFrames(uint32_t fps) : fps_(fps) {}
+
+    void frame_taken(uint64_t pts_us);
+    /** Nothing more was taken until this time of the same clock: the frames due are lost. */
+    void nothing_taken_until(uint64_t time_us);
+    /** Frames left out from here to the next one are not lost. */
+    void break_stretch();
+    uint64_t count() const { return finished_ + in_stretch(); }
+
+private:
+    uint64_t in_stretch() const;
+
+    uint32_t fps_;
+    uint64_t finished_ = 0;
+    uint64_t first_pts_us_ = 0;
+    uint64_t last_pts_us_ = 0;
+    uint64_t frames_ = 0;
 };
 
 } // namespace client

@@ -1,11 +1,53 @@
 #include "running/sound_capture.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "process/messages.h"
 #include "running/library_log.h"
 
 namespace client {
+namespace {
+
+class HeaderWriter {
+public:
+    void text(std::string_view letters) { at_ = std::copy(letters.begin(), letters.end(), at_); }
+    void number(uint64_t value, int bytes)
+    {
+        for (int i = 0; i < bytes; ++i)
+            *at_++ = static_cast<uint8_t>(value >> 8 * i);
+    }
+    std::array<uint8_t, wav_header_bytes> header{};
+
+private:
+    uint8_t* at_ = header.data();
+};
+
+uint64_t in_32_bits(uint64_t size)
+{
+    return std::min<uint64_t>(size, UINT32_MAX);
+}
+
+} // namespace
+
+std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64_t data_bytes)
+{
+    HeaderWriter w;
+    w.text("RIFF");
+    w.number(in_32_bits(data_bytes + wav_header_bytes - 8), 4);
+    w.text("WAVEfmt ");
+    w.number(16, 4);
+    // PCM
+    w.number(1, 2);
+    w.number(format.channels, 2);
+    w.number(format.sample_rate, 4);
+    w.number(format.bytes_per_second(), 4);
+    w.number(format.frame_bytes(), 2);
+    w.number(format.bits, 2);
+    w.text("data");
+    w.number(in_32_bits(data_bytes), 4);
+    return w.header;
+}
 
 SoundCapture::SoundCapture()
 {

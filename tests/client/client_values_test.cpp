@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include "command_line/options.h"
-#include "files/wav_file.h"
 #include "process/messages.h"
-#include "running/lost_frames.h"
+#include "running/encoded_stream.h"
+#include "running/sound_capture.h"
 #include "running/stream_control.h"
 #include "showing/status_report.h"
 

@@ -1,6 +1,5 @@
 // Where frames and sound land in a movie.
-#include "movie/frame_line.h"
-#include "movie/sound_line.h"
+#include "movie/timeline.h"
 
 #include <gtest/gtest.h>
 

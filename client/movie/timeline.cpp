@@ -1,4 +1,4 @@
-#include "movie/sound_line.h"
+#include "movie/timeline.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,11 +8,65 @@
 namespace client::movie {
 namespace {
 
+/** `us` microseconds in units of 1/`rate` s, rounded to the nearest. */
+int64_t units(int64_t us, int64_t rate)
+{
+    return (us * rate + (us < 0 ? -500'000 : 500'000)) / 1'000'000;
+}
+
+/** From one time to another, which may be earlier. */
+int64_t microseconds(uint64_t from, uint64_t to)
+{
+    return static_cast<int64_t>(to) - static_cast<int64_t>(from);
+}
+
 // Tolerance in pairs of samples between the end of one piece and the start of the next: times are
 // whole microseconds.
 constexpr int64_t seam = 48;
 
 } // namespace
+
+void FrameLine::put(const EncodedFrame& frame)
+{
+    // The next frame has the same time or an earlier one: the time of the key frame was that of a
+    // later picture.
+    if (held_us_ && frame.pts_us <= *held_us_ + period_us() / 2)
+        held_us_ = frame.pts_us - period_us();
+    flush();
+    if (!frame.key)
+        return place(frame.bytes, false, frame.pts_us);
+    held_.assign(frame.bytes.begin(), frame.bytes.end());
+    held_us_ = frame.pts_us;
+}
+
+void FrameLine::flush()
+{
+    if (held_us_)
+        place(held_, true, *held_us_);
+    held_us_.reset();
+}
+
+void FrameLine::place(std::span<const uint8_t> bytes, bool key, uint64_t time_us)
+{
+    if (!begun_) {
+        origin_us_ = time_us;
+        origin_ = next_;
+        begun_ = true;
+    }
+    const int64_t index = origin_ + units(microseconds(origin_us_, time_us), fps_);
+    next_ = std::max(index, next_) + 1;
+    take_({.bytes = bytes, .index = next_ - 1, .key = key});
+}
+
+int64_t FrameLine::sample_at(uint64_t time_us) const
+{
+    return sample_behind(origin_) + units(microseconds(origin_us_, time_us), int64_t{sound_rate});
+}
+
+int64_t FrameLine::sample_behind(int64_t index) const
+{
+    return index * sound_rate / fps_;
+}
 
 void SoundLine::put(uint64_t time_us, std::span<const int16_t> samples)
 {

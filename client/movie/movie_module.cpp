@@ -1,4 +1,4 @@
-#include "movie/module_loader.h"
+#include "movie/movie_module.h"
 
 #include <dlfcn.h>
 #include <filesystem>
