@@ -7,6 +7,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "movie/movie_module.h"
+
 namespace client::movie {
 
 /** Throws the text of libavutil if `result` is an error; otherwise returns it. */
@@ -44,5 +46,27 @@ using Io = std::unique_ptr<AVIOContext, FreeIo>;
 /** Each throws std::bad_alloc instead of returning null. */
 Packet make_packet();
 Frame make_frame();
+
+/** Adapter for libavformat to write to a MovieOutput. */
+class ByteOutput {
+public:
+    ByteOutput(MovieOutput& output, bool seekable);
+    ByteOutput(const ByteOutput&) = delete;
+    ByteOutput& operator=(const ByteOutput&) = delete;
+
+    AVIOContext* io() const { return io_.get(); }
+    /** Rethrows an exception of the output, which cannot pass through C. */
+    void rethrow();
+
+private:
+    static int write(void* self, uint8_t* bytes, int count);
+    static int64_t seek(void* self, int64_t offset, int whence);
+
+    MovieOutput& output_;
+    Io io_;
+    uint64_t at_ = 0;
+    uint64_t end_ = 0;
+    std::exception_ptr thrown_;
+};
 
 } // namespace client::movie

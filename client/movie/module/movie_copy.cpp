@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "movie/module/byte_output.h"
+#include "movie/module/av_objects.h"
 #include "movie/module/muxed_movie.h"
 
 namespace client::movie {

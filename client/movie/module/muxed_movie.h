@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "movie/module/byte_output.h"
+#include "movie/module/av_objects.h"
 #include "movie/module/sound_encoder.h"
 
 namespace client::movie {
