@@ -379,36 +379,21 @@ private:
     /** Why the file stays in fragments, as a sentence; nullopt if the index is in front. */
     std::optional<std::string> put_index_in_front(const std::string& path)
     {
+        const TimePoint begin = Clock::now();
         try {
-            IndexInFront work(*sink_.file(), path);
-            attend(work);
-            if (!work.through())
-                throw Failure("its disk does not respond");
-            work.finish();
+            auto copy = MovieCopy::with_index_in_front(*sink_.file(), path);
+            copy.attend(context_.signals, context_.signals.stops(), [this, begin](double part) {
+                if (!report_.due() || Clock::now() - begin < std::chrono::seconds(1))
+                    return;
+                Progress progress = progress_.measure(sink_.delivered());
+                progress.finished_part = part;
+                report_.update(progress, "finishing");
+            });
+            copy.finish();
             return std::nullopt;
         } catch (const std::exception& failure) {
             return path + " stays in fragments and plays, but its index is not in front: " +
                    failure.what();
-        }
-    }
-
-    void attend(IndexInFront& work)
-    {
-        const TimePoint begin = Clock::now();
-        const unsigned stops = context_.signals.stops();
-        TimePoint limit = TimePoint::max();
-        while (!work.through() && Clock::now() < limit) {
-            pollfd waited[] = {{work.fd(), POLLIN, 0}, {context_.signals.fd(), POLLIN, 0}};
-            poll(waited, std::size(waited), 100);
-            if (limit == TimePoint::max() && context_.signals.stops() != stops) {
-                work.cancel();
-                limit = Clock::now() + disk_patience_of_a_stop;
-            }
-            if (!report_.due() || Clock::now() - begin < std::chrono::seconds(1))
-                continue;
-            Progress progress = progress_.measure(sink_.delivered());
-            progress.finished_part = work.part();
-            report_.update(progress, "finishing");
         }
     }
 

@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <fcntl.h>
-#include <poll.h>
 
 #include "commands/commands.h"
 #include "files/output_file.h"
@@ -11,8 +10,6 @@
 
 namespace client {
 namespace {
-
-constexpr std::chrono::milliseconds patience_with_disk(2000);
 
 common::Descriptor open_input(const std::string& path)
 {
@@ -28,20 +25,13 @@ common::Descriptor open_input(const std::string& path)
 void attend(movie::MovieCopy& copy, StopSignals& signals)
 {
     StatusReport report(false, "");
-    TimePoint limit = TimePoint::max();
-    while (!copy.through() && Clock::now() < limit) {
-        pollfd waited[] = {{copy.fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
-        poll(waited, std::size(waited), 100);
-        if (limit == TimePoint::max() && signals.raised()) {
-            copy.cancel();
-            limit = Clock::now() + patience_with_disk;
-        }
+    copy.attend(signals, 0, [&report](double part) {
         if (!report.due())
-            continue;
+            return;
         Progress progress;
-        progress.finished_part = copy.part();
+        progress.finished_part = part;
         report.update(progress, "finishing");
-    }
+    });
     report.finish({}, true);
 }
 
@@ -53,10 +43,9 @@ ExitCode run(const RemuxOptions& options, CommandContext& context)
     check_output_path(options.output, options.overwrite);
     AtomicFile to(options.output);
     try {
-        movie::MovieCopy copy(from.get(), to.fd(), *container_of(options.output, ""));
+        auto copy = movie::MovieCopy::into_container(from.get(), to.fd(),
+                                                     *container_of(options.output, ""));
         attend(copy, context.signals);
-        if (!copy.through())
-            throw Failure("its disk does not respond");
         copy.finish();
     } catch (const std::exception& failure) {
         throw Failure("cannot make " + options.output + " of " + options.input + ": " +

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/statvfs.h>
@@ -13,21 +14,24 @@
 namespace client::movie {
 namespace {
 
-/** Duplicates a descriptor: the thread may outlive the caller's. */
-std::shared_ptr<common::Descriptor> duplicate(int fd)
-{
-    auto made = std::make_shared<common::Descriptor>(fcntl(fd, F_DUPFD_CLOEXEC, 3));
-    if (!*made)
-        throw Failure(error_text(errno));
-    return made;
-}
-
-using common::TrustedPath;
+/** Longest wait for a stalled disk after a stop, which must end the program within three seconds. */
+constexpr std::chrono::milliseconds disk_patience_of_a_stop(2000);
 
 [[noreturn]] void fail(int error)
 {
     throw Failure(error_text(error));
 }
+
+/** Duplicates a descriptor: the thread may outlive the caller's. */
+std::shared_ptr<common::Descriptor> duplicate(int fd)
+{
+    auto made = std::make_shared<common::Descriptor>(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+    if (!*made)
+        fail(errno);
+    return made;
+}
+
+using common::TrustedPath;
 
 /** A name in the same folder that cannot be guessed. */
 std::string temporary_name()
@@ -131,35 +135,60 @@ void rewrite(int original, const std::string& path, std::function<bool(double)> 
 
 } // namespace
 
-MovieCopy::MovieCopy(int from, int to, Container container)
+std::function<bool(double)> MovieCopy::go_on(std::shared_ptr<Shared> shared)
 {
-    const MovieModule& module = movie_module();
-    work_ = std::make_unique<AttendedWork>(
-        [&module, container, source = duplicate(from), target = duplicate(to), shared = shared_] {
-            module.copy({.from = source->get(),
-                         .to = target->get(),
-                         .container = container,
-                         .go_on = [&shared](double part) {
-                             shared->part = part;
-                             return !shared->cancelled;
-                         }});
-            if (fsync(target->get()) != 0)
-                throw Failure(error_text(errno));
-        });
+    return [shared = std::move(shared)](double part) {
+        shared->part = part;
+        return !shared->cancelled;
+    };
 }
 
-IndexInFront::IndexInFront(const OutputFile& file, const std::string& path)
+MovieCopy MovieCopy::into_container(int from, int to, Container container)
 {
-    // duplicated for the thread, which may outlive the owner of the file
-    auto original = std::make_shared<common::Descriptor>(fcntl(file.fd(), F_DUPFD_CLOEXEC, 3));
-    if (!*original)
-        fail(errno);
-    work_ = std::make_unique<AttendedWork>([original, path, shared = shared_] {
-        rewrite(original->get(), path, [&shared](double part) {
-            shared->part = part;
-            return !shared->cancelled;
-        });
+    const MovieModule& module = movie_module();
+    MovieCopy copy;
+    copy.work_ = std::make_unique<AttendedWork>([&module, container, source = duplicate(from),
+                                                 target = duplicate(to), shared = copy.shared_] {
+        module.copy({.from = source->get(),
+                     .to = target->get(),
+                     .container = container,
+                     .go_on = go_on(shared)});
+        if (fsync(target->get()) != 0)
+            fail(errno);
     });
+    return copy;
+}
+
+MovieCopy MovieCopy::with_index_in_front(const OutputFile& file, const std::string& path)
+{
+    MovieCopy copy;
+    copy.work_ = std::make_unique<AttendedWork>(
+        [original = duplicate(file.fd()), path, shared = copy.shared_] {
+            rewrite(original->get(), path, go_on(shared));
+        });
+    return copy;
+}
+
+void MovieCopy::attend(StopSignals& signals, unsigned stops,
+                       const std::function<void(double)>& show)
+{
+    TimePoint limit = TimePoint::max();
+    while (!through() && Clock::now() < limit) {
+        pollfd waited[] = {{work_->fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
+        poll(waited, std::size(waited), 100);
+        if (limit == TimePoint::max() && signals.stops() != stops) {
+            shared_->cancelled = true;
+            limit = Clock::now() + disk_patience_of_a_stop;
+        }
+        show(shared_->part);
+    }
+}
+
+void MovieCopy::finish()
+{
+    if (!through())
+        throw Failure("its disk does not respond");
+    work_->finish();
 }
 
 } // namespace client::movie

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -10,61 +11,41 @@
 
 namespace client::movie {
 
-/**
- * Copies a movie into another container on a separate thread, so a stalled disk does not block the
- * program.
- */
+/** A copy of a movie on a separate thread, so a stalled disk does not block the program. */
 class MovieCopy {
 public:
     /**
+     * Copies a movie into another container.
      * @param from,to ordinary files, open to read and to write; they stay the caller's. Throws
      *     Failure if it cannot begin.
      */
-    MovieCopy(int from, int to, Container container);
+    static MovieCopy into_container(int from, int to, Container container);
+    /**
+     * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs, then
+     * renames. A failure leaves the file unchanged.
+     * @param path the current path of `file`. Throws Failure if it cannot begin.
+     */
+    static MovieCopy with_index_in_front(const OutputFile& file, const std::string& path);
 
-    /** Readable once it is through. */
-    int fd() const { return work_->fd(); }
     bool through() const { return work_->through(); }
-    /** The part that is done, 0 to 1. */
-    double part() const { return shared_->part; }
-    /** Makes it end soon, with a failure. */
-    void cancel() { shared_->cancelled = true; }
-    /** After it is through: throws the reason of a failure, as the end of a sentence. */
-    void finish() { work_->finish(); }
+    /**
+     * Waits until it is through. A stop cancels it, and then the disk has two seconds.
+     * @param stops stop signals that do not count, since they came before
+     * @param show called every 100 ms with the finished part, 0 to 1
+     */
+    void attend(StopSignals& signals, unsigned stops, const std::function<void(double)>& show);
+    /** Throws the reason of a failure, also of one that is not through, as the end of a sentence. */
+    void finish();
 
 private:
     struct Shared {
         std::atomic<double> part{0};
         std::atomic<bool> cancelled{false};
     };
-    std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
-    std::unique_ptr<AttendedWork> work_;
-};
+    MovieCopy() = default;
+    /** A callback for CopyJob::go_on. */
+    static std::function<bool(double)> go_on(std::shared_ptr<Shared> shared);
 
-/**
- * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs, then
- * renames. Runs on a separate thread, so a stalled disk does not block the program.
- */
-class IndexInFront {
-public:
-    /** @param path the current path of `file`. Throws Failure if it cannot begin. */
-    IndexInFront(const OutputFile& file, const std::string& path);
-
-    /** Readable once it is through. */
-    int fd() const { return work_->fd(); }
-    bool through() const { return work_->through(); }
-    /** The part that is done, 0 to 1. */
-    double part() const { return shared_->part; }
-    /** Makes it end soon and leave the file unchanged. */
-    void cancel() { shared_->cancelled = true; }
-    /** After it is through: throws the reason of a failure, as the end of a sentence. */
-    void finish() { work_->finish(); }
-
-private:
-    struct Shared {
-        std::atomic<double> part{0};
-        std::atomic<bool> cancelled{false};
-    };
     std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
     std::unique_ptr<AttendedWork> work_;
 };
