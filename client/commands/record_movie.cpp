@@ -33,17 +33,8 @@ constexpr milliseconds movie_look_for_frames(2);
 constexpr milliseconds disk_patience_of_a_stop(2000), disk_patience_at_the_end(15'000);
 /** Longest wait for the screen's first picture; without one a stop would leave no file. */
 constexpr milliseconds first_frame_patience(1500);
-/** Bytes of sound in one read, 21 ms. */
-constexpr uint64_t sound_piece = 4096;
 /** x264's rate factor at which text stays sharp. */
 constexpr uint32_t usual_quality = 22;
-
-uint64_t now_us()
-{
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
-            .count());
-}
 
 StreamOptions stream_options(const RecordOptions& options)
 {
@@ -62,33 +53,6 @@ std::string checked_path(const RecordOptions& options)
         check_output_path(options.output, options.overwrite);
     return options.output;
 }
-
-/** Reads sound in pieces, each with the time when it was heard. */
-class TimedSound {
-public:
-    template <typename Take> void read(Take take)
-    {
-        for (auto samples = sound_.read(sound_piece); !samples.empty();
-             samples = sound_.read(sound_piece))
-            take(time_of(samples.size()),
-                 std::span(reinterpret_cast<const int16_t*>(samples.data()), samples.size() / 2));
-    }
-
-private:
-    // If the platform does not tell the time, sound begins at the start of the capture.
-    uint64_t time_of(uint64_t bytes)
-    {
-        const uint64_t told = time_of_sound();
-        const uint64_t time =
-            told != 0 ? told : start_us_ + read_ * 1'000'000 / sound_.format().bytes_per_second();
-        read_ += bytes;
-        return time;
-    }
-
-    SoundCapture sound_;
-    uint64_t start_us_ = now_us();
-    uint64_t read_ = 0;
-};
 
 /**
  * While it exists, this thread runs at the higher priority of the capture threads, if the system

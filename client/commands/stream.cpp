@@ -219,10 +219,7 @@ private:
     {
         stream_.stop();
         if (sink_.pending())
-            lost_.nothing_taken_until(
-                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                          Clock::now().time_since_epoch())
-                                          .count()));
+            lost_.nothing_taken_until(now_us());
         const TimePoint limit = Clock::now() + ByteSink::patience_at_the_end;
         check(sink_.finish(limit));
         while (!reader_gone_ && !problem_ && !sink_.pending() && take_frame())

@@ -33,6 +33,13 @@ sigset_t waited_set()
 
 } // namespace
 
+uint64_t now_us()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+            .count());
+}
+
 int poll_timeout(TimePoint until)
 {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <utility>
 
@@ -10,6 +11,9 @@ namespace client {
 
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
+
+/** The time of Clock in microseconds, as in the time stamps of frames and sound. */
+uint64_t now_us();
 
 /** Milliseconds for poll() so that it returns at or after `until`; 0 if that has passed. */
 int poll_timeout(TimePoint until);

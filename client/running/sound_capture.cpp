@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <string_view>
 
+#include "machine/host.h"
 #include "process/messages.h"
 #include "running/library_log.h"
 
 namespace client {
 namespace {
+
+/** Bytes of sound in one read, 21 ms. */
+constexpr uint64_t piece_bytes = 4096;
 
 class HeaderWriter {
 public:
@@ -77,6 +81,24 @@ std::span<const uint8_t> SoundCapture::read(uint64_t bytes)
     if (audio_cap_getPCM(buffer_.data(), std::min<uint64_t>(bytes, buffer_.size()), &got) != 0)
         throw Failure("the sound capture gave up", ExitCode::ended_early);
     return {buffer_.data(), std::min<uint64_t>(got, buffer_.size())};
+}
+
+void TimedSound::read(const std::function<void(uint64_t, std::span<const int16_t>)>& take)
+{
+    for (auto samples = sound_.read(piece_bytes); !samples.empty();
+         samples = sound_.read(piece_bytes))
+        take(time_of(samples.size()),
+             std::span(reinterpret_cast<const int16_t*>(samples.data()), samples.size() / 2));
+}
+
+// If the platform does not tell the time, sound begins at the start of the capture.
+uint64_t TimedSound::time_of(uint64_t bytes)
+{
+    const uint64_t told = time_of_sound();
+    const uint64_t time =
+        told != 0 ? told : start_us_ + read_ * 1'000'000 / sound_.format().bytes_per_second();
+    read_ += bytes;
+    return time;
 }
 
 } // namespace client

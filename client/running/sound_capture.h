@@ -3,9 +3,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
+#include "process/signals.h"
 #include <screenrecord/screenrecord.h>
 
 namespace client {
@@ -50,6 +52,20 @@ public:
 private:
     AudioCap_Info info_ = {};
     std::vector<uint8_t> buffer_;
+};
+
+/** Captures sound in pieces, each with the time when it was heard. */
+class TimedSound {
+public:
+    /** Calls `take` with the time and the samples of each waiting piece. Throws Failure. */
+    void read(const std::function<void(uint64_t time_us, std::span<const int16_t>)>& take);
+
+private:
+    uint64_t time_of(uint64_t bytes);
+
+    SoundCapture sound_;
+    uint64_t start_us_ = now_us();
+    uint64_t read_ = 0;
 };
 
 } // namespace client
