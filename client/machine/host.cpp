@@ -53,18 +53,24 @@ void add_source(const zu3_host_sound_source_t* source, void* list)
 
 } // namespace
 
+zu3_host_statistics_t statistics_since(const zu3_host_statistics_t& before,
+                                       zu3_host_statistics_t now)
+{
+    for (const auto counter : counters)
+        now.*counter -= before.*counter;
+    now.display_lost = now.display_lost && !before.display_lost;
+    now.sound_lost = now.sound_lost && !before.sound_lost;
+    return now;
+}
+
 StatisticsDelta::StatisticsDelta() : before_(read_statistics()) {}
 
 std::optional<zu3_host_statistics_t> StatisticsDelta::read() const
 {
-    auto now = read_statistics();
+    const auto now = read_statistics();
     if (!now || !before_)
         return std::nullopt;
-    for (const auto counter : counters)
-        *now.*counter -= *before_.*counter;
-    now->display_lost = now->display_lost && !before_->display_lost;
-    now->sound_lost = now->sound_lost && !before_->sound_lost;
-    return now;
+    return statistics_since(*before_, *now);
 }
 
 int frame_event()

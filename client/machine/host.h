@@ -18,15 +18,20 @@ namespace client {
 // Extensions of the host layer beside the contract. Each function looks its entry up by name, so
 // the program also runs on a platform without it.
 
+/**
+ * `now` with each counter as the difference to `before`, `display_lost` and `sound_lost` 1 only if
+ * lost since then, and everything else (levels, waiting times, the last errno) unchanged.
+ */
+zu3_host_statistics_t statistics_since(const zu3_host_statistics_t& before,
+                                       zu3_host_statistics_t now);
+
 /** The statistics of the host layer since the construction of this object. */
 class StatisticsDelta {
 public:
     StatisticsDelta();
 
     /**
-     * The current statistics: counters as the difference to those at construction, `display_lost`
-     * and `sound_lost` 1 only if lost since then, everything else (levels, waiting times, the last
-     * errno) unchanged. Fields that an older host layer lacks are 0.
+     * statistics_since() the construction; fields that an older host layer lacks are 0.
      * @return nullopt if the platform has no statistics
      */
     std::optional<zu3_host_statistics_t> read() const;

@@ -2,10 +2,14 @@
 // end.
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstring>
+#include <map>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "command_line/options.h"
+#include "machine/host.h"
 #include "process/messages.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"
@@ -16,6 +20,30 @@ namespace {
 
 using namespace client;
 using namespace std::chrono_literals;
+
+// Catches a counter of the host layer, perhaps a new one, that still contains earlier recordings.
+// Goes through the record by its layout, so a new field that is no counter needs a line here.
+TEST(Statistics, EveryCounterBeginsAtZero)
+{
+    using Record = zu3_host_statistics_t;
+    const std::map<size_t, uint32_t> no_counters = {
+        {offsetof(Record, last_write_errno), 3}, // and sound_level
+        {offsetof(Record, display_lost), 0},     // and sound_lost: lost before, so not since then
+        {offsetof(Record, display_silent_ms), 3},
+        {offsetof(Record, write_waiting_us), 3},
+    };
+    for (size_t at = 0; at < sizeof(Record); at += sizeof(uint64_t)) {
+        Record before{}, now{};
+        uint32_t value = 1;
+        std::memcpy(reinterpret_cast<char*>(&before) + at, &value, sizeof value);
+        value = 3;
+        std::memcpy(reinterpret_cast<char*>(&now) + at, &value, sizeof value);
+        const Record since = statistics_since(before, now);
+        std::memcpy(&value, reinterpret_cast<const char*>(&since) + at, sizeof value);
+        const auto other = no_counters.find(at);
+        EXPECT_EQ(value, other == no_counters.end() ? 2 : other->second) << "offset " << at;
+    }
+}
 
 // Catches a count or a size of 32 bits, which a recording of days passes.
 TEST(Progress, CountsBeyondFourThousandMillion)
