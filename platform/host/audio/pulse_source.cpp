@@ -5,13 +5,12 @@
 #include "base/host_log.h"
 #include "base/threads.h"
 #include "statistics/counters.h"
+#include "utils/private_module.h"
 
 #include <algorithm>
 #include <atomic>
 #include <common/clock.h>
 #include <common/never_destroyed.h>
-#include <dlfcn.h>
-#include <filesystem>
 #include <new>
 #include <string>
 #include <thread>
@@ -38,42 +37,6 @@ constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */
 constexpr int64_t first_retry_us = 250'000;
-
-/** The folder that this code was loaded from; empty if the system does not tell. */
-std::filesystem::path own_folder()
-{
-    static const char here = 0;
-    Dl_info found{};
-    if (dladdr(&here, &found) == 0 || !found.dli_fname)
-        return {};
-    std::error_code error;
-    return std::filesystem::canonical(found.dli_fname, error).parent_path();
-}
-
-struct Loaded {
-    const PulseModule* module = nullptr;
-    std::string failure;
-
-    Loaded()
-    {
-        // Beside libzu3.so; a program that contains the host layer lies in bin/ beside lib/.
-        for (const char* folder : {".", "../lib"}) {
-            const auto file = own_folder() / folder / ZU3_PULSE_MODULE;
-            // never closed: threads of libpulse may linger
-            void* const handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-            void* const entry = handle ? dlsym(handle, pulse_module_entry) : nullptr;
-            if (entry) {
-                module = reinterpret_cast<PulseModuleEntry>(entry)();
-                return;
-            }
-            // A module that is there says what it lacks; another place cannot know better.
-            const char* const why = dlerror();
-            std::error_code error;
-            if (failure.empty() || std::filesystem::exists(file, error))
-                failure = why ? why : "it has no entry";
-        }
-    }
-};
 
 constexpr char listening[] = "Listening to the sound server";
 
@@ -238,9 +201,11 @@ void PulseSource::report(const char* failure)
 
 const PulseModule* load_pulse_module(const char*& failure)
 {
-    static common::NeverDestroyed<Loaded> loaded;
+    static common::NeverDestroyed<PrivateModule> loaded(ZU3_PULSE_MODULE, pulse_module_entry);
+    static const PulseModule* const module =
+        loaded->entry ? reinterpret_cast<PulseModuleEntry>(loaded->entry)() : nullptr;
     failure = loaded->failure.c_str();
-    return loaded->module;
+    return module;
 }
 
 std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module)
