@@ -4,7 +4,7 @@
 #include "base/host_log.h"
 #include "base/threads.h"
 #include "capture/image_placement.h"
-#include "capture/source_choice.h"
+#include "capture/screen.h"
 #include "capture/still_picture.h"
 #include "picture/picture_in_flight.h"
 #include "statistics/counters.h"

@@ -17,7 +17,6 @@ namespace {
  * it judges.
  */
 constexpr auto slice = std::chrono::milliseconds(50);
-constexpr auto opening_limit = std::chrono::seconds(5);
 constexpr uint32_t worth_a_word_ms = 1000;
 
 } // namespace
@@ -73,14 +72,15 @@ void PatientSource::Shared::hand_over(const GrabRequest& next)
     changed.notify_all();
 }
 
-std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open open)
+std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open open,
+                                                   std::chrono::milliseconds limit)
 {
     const auto shared = std::make_shared<Shared>();
     std::thread thread = start_thread(
         "zu3 display", [shared, open = std::move(open)] { Shared::serve(shared, open); });
     std::unique_lock lock(shared->mutex);
     bool answered = false;
-    for (int left = opening_limit / slice; left > 0 && !answered; --left)
+    for (auto left = limit / slice; left > 0 && !answered; --left)
         answered = shared->wait_a_slice(lock);
     if (shared->source)
         return std::unique_ptr<PatientSource>(new PatientSource(name, shared, std::move(thread)));

@@ -2,6 +2,7 @@
 
 #include "capture/picture_source.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,13 +25,16 @@ public:
 class PatientSource : public PictureSource {
 public:
     using Open = std::function<std::unique_ptr<WaitingSource>()>;
+    /** for a server that only has to answer */
+    static constexpr std::chrono::milliseconds usual_limit{5000};
 
     /**
-     * Opens the source on the thread. Null when `open` returns null, or does not return within five
-     * seconds; it may still return later.
+     * Opens the source on the thread. Null when `open` returns null, or does not return within the
+     * limit; it may still return later.
      * @param name of the source, for the log
      */
-    static std::unique_ptr<PatientSource> open(const std::string& name, Open open);
+    static std::unique_ptr<PatientSource> open(const std::string& name, Open open,
+                                               std::chrono::milliseconds limit = usual_limit);
     /** Ends a grab that still waits below. */
     ~PatientSource() override;
     PatientSource(const PatientSource&) = delete;

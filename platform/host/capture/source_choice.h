@@ -1,15 +1,37 @@
 #pragma once
 
-#include "capture/picture_source.h"
+#include "capture/screen_module.h"
 
 #include <memory>
+#include <string>
+#include <vector>
+#include <zu3_host/screen.h>
 
 namespace zu3host {
 
-/**
- * The source that ZU3_DISPLAY names, X11 if it is not set. Null, with a log line, if it cannot be
- * opened.
- */
-std::unique_ptr<PictureSource> open_picture_source();
+/** A screen to capture, or why there is none. */
+struct ChosenScreen {
+    /** ZU3_HOST_SCREEN_* */
+    uint32_t kind = ZU3_HOST_SCREEN_UNKNOWN;
+    /** null on failure */
+    std::unique_ptr<PictureSource> source{};
+    /** for messages */
+    std::string name{};
+    /** the end of a sentence; empty if it can be captured, or if the log says why it cannot */
+    std::string problem{};
+    uint32_t refresh_mhz = 0;
+};
+
+/** Opens the source that ZU3_DISPLAY names, or by default the session's. */
+ChosenScreen open_chosen_screen();
+
+/** The source that open_chosen_screen() opens, without opening X11's or the test card. */
+ChosenScreen open_wayland_screen();
+
+/** Why this source is used, then what it needs; as zu3_host_examine_screen(). */
+uint32_t examine_screen(std::vector<ScreenFinding>& findings);
+
+/** The outputs of the Wayland session; empty if no compositor answers. */
+std::vector<ScreenOutput> list_wayland_outputs();
 
 } // namespace zu3host
