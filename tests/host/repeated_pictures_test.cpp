@@ -175,6 +175,11 @@ TEST(RepeatedPictures, AreRefusedWhereTheStreamHasNoPlaceForThem)
     }
 }
 
+ChangedRectangles changes_of(bool unchanged)
+{
+    return unchanged ? ChangedRectangles(std::in_place) : std::nullopt;
+}
+
 /** The product's encoder with pictures of this test. */
 struct StillEncoder {
     explicit StillEncoder(EncoderRate rate = EncoderRate::of(0))
@@ -184,7 +189,7 @@ struct StillEncoder {
     AccessUnit encode(uint32_t number, bool unchanged, bool as_key = false)
     {
         Bytes picture = drawn(number);
-        const auto unit = encoder->encode(picture.data(), as_key, unchanged);
+        const auto unit = encoder->encode(picture.data(), as_key, changes_of(unchanged));
         stream.insert(stream.end(), unit->data, unit->data + unit->size);
         return *unit;
     }

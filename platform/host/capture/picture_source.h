@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/changed_parts.h"
 #include "base/picture_layout.h"
 
 #include <atomic>
@@ -7,25 +8,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 #include <stop_token>
 
 namespace zu3host {
-
-/** In pixels of an image; x and y count from its top left. */
-struct PictureRectangle {
-    uint32_t x;
-    uint32_t y;
-    PictureSize size;
-};
-
-/** The parts of an image that may differ from an earlier image of its source. */
-struct ChangedParts {
-    /** serial of the earlier image; 0 when every pixel may differ */
-    uint64_t since = 0;
-    /** within the image; may overlap; of the source until its next grab */
-    std::span<const PictureRectangle> parts;
-};
 
 /**
  * A view of four bytes a pixel, blue first; the fourth is undefined. Of its source until the next
@@ -38,7 +23,10 @@ struct BgraImage {
     PictureSize size;
     /** images of the process with the same number have the same pixels; never 0 */
     uint64_t serial;
-    /** every pixel outside these parts equals that of the earlier image */
+    /**
+     * Every pixel outside these parts equals that of the earlier image; of the source until its
+     * next grab.
+     */
     ChangedParts changed{};
 };
 

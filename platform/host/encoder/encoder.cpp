@@ -182,13 +182,13 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
         .index = buffer.u32InBufIndex,
         .as_key = buffer.bRequestIFrame != 0,
         .injected = buffer.bEntireInject != 0,
-        .serial = 0,
+        .contents = {},
     };
     // From here on the picture must not be overwritten, not even while there is no room.
     if (picture.injected)
         lease_picture(picture.data);
     else
-        picture.serial = lent_.complete();
+        picture.contents = lent_.complete();
     wait_for_room(lock, [this] { return !queue_.full(); });
     if (!accepting() || queue_.full()) {
         give_back(picture);
@@ -292,16 +292,25 @@ std::optional<Encoder::Work> Encoder::next_work()
     return work;
 }
 
+ChangedRectangles Encoder::changed_in(const Picture& picture) const
+{
+    const auto& [serial, changed] = picture.contents;
+    if (encoded_serial_ == 0)
+        return std::nullopt;
+    if (serial == encoded_serial_)
+        return ChangedRectangles(std::in_place);
+    return changed.since == encoded_serial_ ? ChangedRectangles(changed.parts) : std::nullopt;
+}
+
 std::optional<AccessUnit> Encoder::encode(const Work& work)
 {
     const Picture& picture = work.picture;
-    const bool unchanged = picture.serial != 0 && picture.serial == encoded_serial_;
     const auto unit = at_border("Encoding a picture", std::optional<AccessUnit>(), [&] {
         if (work.rate)
             x264_->set_rate(*work.rate);
-        return x264_->encode(picture.data, picture.as_key, unchanged);
+        return x264_->encode(picture.data, picture.as_key, changed_in(picture));
     });
-    encoded_serial_ = unit ? picture.serial : 0;
+    encoded_serial_ = unit ? picture.contents.serial : 0;
     const std::lock_guard lock(mutex_);
     give_back(work.picture);
     cold_pictures_ -= cold_pictures_ != 0;

@@ -72,8 +72,7 @@ private:
         uint32_t index;
         bool as_key;
         bool injected;
-        // pictures with the same one look the same; 0 = not known
-        uint64_t serial;
+        LentBuffers::Contents contents;
     };
     /** A first-in first-out row of pictures in place. */
     class Queue {
@@ -122,6 +121,7 @@ private:
 
     void run();
     std::optional<Work> next_work();
+    ChangedRectangles changed_in(const Picture& picture) const;
     std::optional<AccessUnit> encode(const Work& work);
     void deliver(const Work& work, const AccessUnit& unit);
     bool may_deliver(uint32_t session);

@@ -54,7 +54,7 @@ uint8_t* LentBuffers::lend(const PictureInFlight* captured)
     if (usable) {
         lease_picture(captured->data);
         lent_->borrowed = captured->memory;
-        lent_->serial = captured->serial;
+        lent_->contents = {captured->serial, captured->changed};
     }
     lent_->data = usable ? captured->data : own_memory(*lent_);
     uint8_t* const data = lent_->data;
@@ -63,9 +63,9 @@ uint8_t* LentBuffers::lend(const PictureInFlight* captured)
     return data;
 }
 
-uint64_t LentBuffers::complete()
+LentBuffers::Contents LentBuffers::complete()
 {
-    return std::exchange(lent_, nullptr)->serial;
+    return std::exchange(lent_, nullptr)->contents;
 }
 
 uint8_t* LentBuffers::own_memory(Buffer& buffer)
@@ -87,7 +87,7 @@ void LentBuffers::empty(Buffer& buffer)
         return_picture(buffer.data);
     buffer.borrowed.reset();
     buffer.data = nullptr;
-    buffer.serial = 0;
+    buffer.contents = {};
 }
 
 void LentBuffers::release(const uint8_t* data)

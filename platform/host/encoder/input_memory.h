@@ -39,11 +39,13 @@ public:
      */
     uint8_t* lend(const PictureInFlight* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
-    /**
-     * The lent buffer is filled: it is in use until release(). The captured picture's serial, else
-     * 0.
-     */
-    uint64_t complete();
+    /** Of a captured picture, what PictureInFlight says; nothing is known of another one. */
+    struct Contents {
+        uint64_t serial = 0;
+        ChangedParts changed{};
+    };
+    /** The lent buffer is filled: it is in use until release(). */
+    Contents complete();
     void release(const uint8_t* data);
 
 private:
@@ -52,8 +54,7 @@ private:
         uint8_t* data = nullptr;
         // the memory of a captured picture
         std::shared_ptr<const void> borrowed;
-        // of the captured picture
-        uint64_t serial = 0;
+        Contents contents;
         // may outlive the encoder where it is being filled
         std::shared_ptr<uint8_t> own;
     };

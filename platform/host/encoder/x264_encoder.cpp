@@ -78,8 +78,10 @@ void X264Encoder::follow_rate()
     settings_.rate = applied_;
 }
 
-std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key, bool unchanged)
+std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
+                                              ChangedRectangles changed)
 {
+    const bool unchanged = changed && changed->empty();
     follow_rate();
     // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
     as_key = as_key || pictures_since_key_ >= pictures_between_keys_;

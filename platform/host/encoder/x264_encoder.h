@@ -1,11 +1,13 @@
 #pragma once
 
+#include "base/changed_parts.h"
 #include "encoder/repeated_pictures.h"
 #include "encoder/x264_parameters.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace zu3host {
@@ -22,6 +24,12 @@ struct AccessUnit {
 };
 
 /**
+ * Outside of these rectangles a picture equals the last one that was encoded. None: the whole
+ * picture does; nullopt: all of it may differ.
+ */
+using ChangedRectangles = std::optional<std::span<const PictureRectangle>>;
+
+/**
  * An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a
  * time.
  */
@@ -32,10 +40,10 @@ public:
 
     /**
      * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. In one
-     * that is `unchanged` from the last, x264 does not search for changes; it goes on refining the
-     * picture, and once there is nothing left to refine, the access unit is written without x264.
+     * without changes x264 does not search for any; it goes on refining the picture, and once there
+     * is nothing left to refine, the access unit is written without x264.
      */
-    std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, bool unchanged);
+    std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /**
      * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate
      * and "as needed" x264 cannot change its control, so a new encoder takes over, which begins

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/changed_parts.h"
 #include "base/picture_layout.h"
 
 #include <cstdint>
@@ -30,6 +31,11 @@ struct PictureInFlight {
     std::shared_ptr<const void> memory{};
     /** Pictures with the same number are identical; 0 = not known. */
     uint64_t serial = 0;
+    /**
+     * Every pixel outside these parts, which are in pixels of this picture, equals that of the
+     * earlier one. The rectangles live as long as the picture at `data` is out or leased.
+     */
+    ChangedParts changed{};
 };
 
 /** While it lives, this thread is in a callback with `picture`, which it refers to. Do not nest. */
