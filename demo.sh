@@ -31,7 +31,7 @@ wait_for() {
 
 start_own_display() {
     scripts/install_dependencies.sh display
-    Xvfb -displayfd 3 -screen 0 1280x720x24 -nolisten tcp 3>"$work/number" >"$work/xvfb.log" 2>&1 &
+    scripts/virtual_display.sh 1280x720 >"$work/number" 2>"$work/xvfb.log" &
     started="$started $!"
     wait_for "$work/number" $!
     DISPLAY=:$(cat "$work/number")

@@ -11,12 +11,9 @@ class Display:
     """A private X server with moving content; sets DISPLAY while it is open."""
 
     def __init__(self, programs, size, screen_options):
-        reader, writer = os.pipe()
-        self.server = subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", f"{size}x24", "-nolisten", "tcp"],
-                                       pass_fds=[writer], stderr=subprocess.DEVNULL)
-        os.close(writer)
-        with os.fdopen(reader) as numbers:
-            os.environ["DISPLAY"] = ":" + numbers.readline().strip()
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "virtual_display.sh")
+        self.server = subprocess.Popen([script, size], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        os.environ["DISPLAY"] = ":" + self.server.stdout.readline().strip()
         self.screen = subprocess.Popen([f"{programs}/moving_screen", *screen_options], stdout=subprocess.PIPE)
         self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
 

@@ -65,12 +65,9 @@ def place_window(title, x, y, width, height):
 
 def start_screen(folder):
     """Starts X server, sound server and desktop. Returns their processes."""
-    reader, writer = os.pipe()
-    started = [subprocess.Popen(["Xvfb", "-displayfd", str(writer), "-screen", "0", "1280x720x24", "-nolisten", "tcp",
-                                 "-noreset"], pass_fds=[writer], stderr=subprocess.DEVNULL)]
-    os.close(writer)
-    with os.fdopen(reader) as number:
-        os.environ["DISPLAY"] = ":" + number.readline().strip()
+    started = [subprocess.Popen([os.path.join(ROOT, "scripts", "virtual_display.sh"), "1280x720"],
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)]
+    os.environ["DISPLAY"] = ":" + started[0].stdout.readline().strip()
     socket = os.path.join(folder, "sound")
     started.append(subprocess.Popen(["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
                                      "-L", "module-null-sink", "-L", f"module-native-protocol-unix socket={socket}"],

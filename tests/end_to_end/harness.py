@@ -160,8 +160,7 @@ class EndToEndTest(unittest.TestCase):
     @classmethod
     def start_display(cls, size="1280x720", *options):
         """A display of its own for the class, of depth 24 unless the size ends in another; the started server."""
-        screen = size + "x24" * (size.count("x") == 1)
-        server = cls.start("Xvfb", "-displayfd", 1, "-screen", 0, screen, "-nolisten", "tcp", "-noreset", *options)
+        server = cls.start(SOURCE / "scripts" / "virtual_display.sh", size, *options)
         cls.environment["DISPLAY"] = ":" + server.first_line()
         return server
 
