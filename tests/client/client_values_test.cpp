@@ -1,5 +1,4 @@
-// What the client computes by itself from words, sizes and times; the commands are judged end to
-// end.
+// What the client computes from words, sizes and times; end-to-end tests judge the commands.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -21,8 +20,7 @@ namespace {
 using namespace client;
 using namespace std::chrono_literals;
 
-// Catches a counter of the host layer, perhaps a new one, that still contains earlier recordings.
-// Goes through the record by its layout, so a new field that is no counter needs a line here.
+// Catches a counter that still contains earlier recordings; new fields that are none belong below.
 TEST(Statistics, EveryCounterBeginsAtZero)
 {
     using Record = zu3_host_statistics_t;
@@ -98,8 +96,7 @@ TEST(OptionValues, EveryDisplayHasASizeToRecord)
     }
 }
 
-// Catches suffixes of 1024, lost fractions, overflow of 32 bits, and words that only begin like a
-// number.
+// Catches suffixes of 1024, lost fractions, an overflow of 32 bits, and words after a number.
 TEST(OptionValues, BitRates)
 {
     EXPECT_EQ(parse_bit_rate("800000"), 800000u);
@@ -155,8 +152,7 @@ TEST(StreamControl, WatermarkLines)
         EXPECT_TRUE(std::holds_alternative<control::Unknown>(control::parse(wrong))) << wrong;
 }
 
-// Catches a terminal that somebody's file name drives, or reads backwards, and names that are
-// mangled though they are harmless.
+// Catches a file name that drives the terminal or reads backwards, and a harmless one mangled.
 TEST(Messages, HaveNoControlCharactersOfOthers)
 {
     const std::pair<const char*, const char*> cases[] = {
@@ -176,8 +172,7 @@ TEST(Messages, HaveNoControlCharactersOfOthers)
         EXPECT_EQ(printable(text), expected);
 }
 
-// Catches a line that is cut in the middle of a number, or that wraps, which leaves old lines
-// standing.
+// Catches a line that is cut in the middle of a number, or wraps and leaves old lines standing.
 TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
 {
     Progress progress;
@@ -222,8 +217,7 @@ TEST(StreamControl, LinesThatAreTooLongAreRefusedWhole)
     EXPECT_EQ(lines[1], "keyframe");
 }
 
-// Catches a wrap to a tiny size beyond 4 GiB. That the header is right, readers of recorded files
-// show.
+// Catches a wrap to a tiny size beyond 4 GiB.
 TEST(WavHeader, SaysTheGreatestSizeForMore)
 {
     const auto header = wav_header({}, uint64_t{5} << 30);
@@ -232,8 +226,7 @@ TEST(WavHeader, SaysTheGreatestSizeForMore)
             << place;
 }
 
-// Catches losses that jitter makes up, losses that are missed, and a pause that is taken for a
-// loss.
+// Catches losses that jitter makes up, losses that are missed, and a pause counted as a loss.
 TEST(LostFrames, CountsByTimeStamps)
 {
     LostFrames lost(30);

@@ -27,8 +27,7 @@ std::vector<int64_t> places(const std::vector<EncodedFrame>& frames)
     return found;
 }
 
-// Catches a grid that drifts, that has no gap where a frame is missing, or that a key frame with the
-// time stamp of a later picture shifts.
+// Catches a grid that drifts, hides a missing frame, or moves with a key frame's late time stamp.
 TEST(FrameLine, PlacesFramesByTheirTimes)
 {
     using Places = std::vector<int64_t>;

@@ -1,7 +1,4 @@
-/**
- * The random calls, their bytes chosen by libFuzzer: it looks for sequences that reach code no
- * other did.
- */
+/** The random calls, their bytes chosen by libFuzzer to reach code that none reached before. */
 #include <gtest/gtest.h>
 
 #include "unit/random_calls.h"

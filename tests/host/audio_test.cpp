@@ -164,9 +164,7 @@ TEST(SessionReader, LateOnesLoseTheOldestAndDisturbNoOther)
     test_session.reset();
 }
 
-/**
- * A server whose clock runs `ppm` fast, seen with a jitter; frame n carries n, so that seams show.
- */
+/** A server whose clock runs `ppm` fast and jitters; frame n carries n, so that seams show. */
 struct PieceStream {
     PieceStream(double ppm, double jitter_us)
         : us_per_frame(1e6 / 48000 / (1 + ppm * 1e-6)), jitter(-jitter_us, jitter_us)

@@ -1,5 +1,4 @@
-// The capture device on its test card: when pictures come, what they may overwrite, and how it
-// stops.
+// The capture device on its test card: when pictures come, what they overwrite, how it stops.
 #include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
 #include "capture/image_placement.h"
@@ -115,9 +114,7 @@ struct HeldSource : WaitingSource {
     bool ended = false;
 };
 
-// Catches a display that is taken for lost because it is slow, one that is asked again while its
-// answer is on the way, a picture of another kind than was asked for, and a stop or a close that
-// waits for the display.
+// Catches a slow display taken for lost or asked twice, a stale picture, a stop that waits for it.
 TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
 {
     HeldSource* held = nullptr;
@@ -154,8 +151,7 @@ TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
     EXPECT_FALSE(PatientSource::open("None", [] { return nullptr; }));
 }
 
-// Catches a screen that is recorded blurred where it fits exactly, distorted, or outside of what is
-// seen.
+// Catches a screen that is blurred although it fits exactly, distorted, or out of sight.
 TEST(CapturePlacement, KeepsShapeAndOneToOne)
 {
     const struct {
@@ -177,8 +173,7 @@ TEST(CapturePlacement, KeepsShapeAndOneToOne)
         EXPECT_EQ(place_display(c.display, c.out, c.visible), c.placed) << "case " << &c - cases;
 }
 
-// Catches a display of odd size that is scaled, and one that is cut where it fits, or is scaled in
-// any case.
+// Catches an odd display that is scaled although cutting suffices, or cut although it fits.
 TEST(CapturePlacement, LeavesOutTheLastColumnOrRowOfAnOddSize)
 {
     const struct {
@@ -210,9 +205,7 @@ TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
     EXPECT_EQ(schedule.due() - start, 24h);
 }
 
-// Catches a queue that grows behind a slow callback, drops that the statistics do not show, times
-// that are off the rate's grid, and a record of statistics that is filled past the size its reader
-// knows.
+// Catches a queue behind a slow callback, drops that are not counted, times off the rate's grid.
 TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
 {
     ASSERT_EQ(start(640, 480, 60), ZU_OK);
@@ -276,8 +269,7 @@ TEST_F(TestCardCapture, LeavesLeasedPicturesAlone)
         EXPECT_FALSE(picture_is_leased(picture)) << "a lease is left";
 }
 
-// Catches a stop that waits for a callback which waits for the one who stops, and callbacks after a
-// close.
+// Catches a stop that deadlocks with the callback that waits for it, and callbacks after a close.
 TEST_F(TestCardCapture, StopsWhileACallbackIsHeld)
 {
     for (int round = 0; round < 2; ++round) { // a start after it works again

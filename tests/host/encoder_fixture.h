@@ -147,10 +147,7 @@ public:
     {
         return take({data, static_cast<u32>(layout.picture_bytes()), 1, 0, {}, 1, 1, 0});
     }
-    /**
-     * Feeds pictures, each when the one before is encoded; their bits per second at 30 pictures per
-     * second.
-     */
+    /** Feeds pictures one by one; returns their bits per second at 30 pictures per second. */
     double encode(uint32_t count)
     {
         double bytes = 0;

@@ -17,8 +17,7 @@ namespace {
 using Params = ZU_VENC_OpenParams_t;
 using Buffer = ZU_VENC_InputBuffer_t;
 
-// Catches sizes and values that x264 would choke on later, or that would overflow a size
-// computation.
+// Catches sizes and values that x264 would refuse later or that would overflow.
 TEST(EncoderOpen, RefusesWhatItCannotEncode)
 {
     const std::pair<u32 Params::*, u32> spoil[] = {
@@ -72,8 +71,7 @@ TEST(EncoderOpen, TellsItsExactSizeWhileItIsOpen)
     }
 }
 
-// Catches reading memory that is not the encoder's, and a lent buffer that is lost when its lender
-// gives up.
+// Catches a read of memory that is not the encoder's, and a lent buffer that is lost when given up.
 TEST(EncoderInput, RefusesWhatItDidNotLend)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -97,8 +95,7 @@ TEST(EncoderInput, RefusesWhatItDidNotLend)
         change(buffer);
         testing::internal::CaptureStderr();
         EXPECT_EQ(encoder.take(buffer), ZU_INVALID_ARGUMENT);
-        // Nothing at all follows a failed query, which is no mistake to be told of; others are told
-        // of once.
+        // A caller whose query failed passes an empty record: no error worth a line.
         EXPECT_EQ(captured_log() == "", &change - spoil != 1) << &change - spoil;
         EXPECT_EQ(counters().pictures_refused, ++refused) << &change - spoil;
     }
@@ -127,8 +124,7 @@ TEST(EncoderInput, TakesTheFirstPicturesOneByOne)
     }
 }
 
-// Catches a full queue that costs pictures at once although it is about to have room, copied or
-// injected.
+// Catches a full queue that drops pictures although it is about to have room, copied or injected.
 TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
 {
     for (const bool injected : {false, true}) {
@@ -148,8 +144,7 @@ TEST(EncoderInput, WaitsForRoomWhenPicturesComeTooFast)
     }
 }
 
-// Catches a region too small to work with, a picture that capture may overwrite too early, and a
-// lease never ended.
+// Catches a region that is too small, a picture overwritten too early, and a lease never ended.
 TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
 {
     TestEncoder encoder(params_of(320, 256, E_ZU_VENC_COLOR_INJECT));
@@ -179,8 +174,7 @@ TEST(EncoderInput, EncodesOutOfTheInjectRegionUnderALease)
     EXPECT_FALSE(picture_is_leased(start + bytes));
 }
 
-// Catches a stop that waits for a callback which waits for the stop, and a callback that begins
-// after it.
+// Catches a stop that deadlocks with a callback, and a callback that begins after the stop.
 TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -221,8 +215,7 @@ TEST(EncoderStop, WakesWhoWaitsForRoom)
     EXPECT_LT(shortest, 60ms);
 }
 
-// Catches the end of a recording being lost, and pictures of a start that comes after the
-// capture's.
+// Catches a lost end of a recording, and pictures handed in before the start that are lost.
 TEST(EncoderStop, LetsWhatItTookBeEncodedFirst)
 {
     const uint64_t encoded = counters().pictures_encoded;
@@ -249,8 +242,7 @@ PictureInFlight picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t in
     return {.data = pool->picture(index), .layout = pool->layout(), .memory = pool};
 }
 
-// Catches a picture that is captured into while the encoder reads it, memory that goes under it,
-// and a capture that can fill an encoder's queue and then has no picture to write into.
+// Catches a picture overwritten while the encoder reads it, and a queue that takes all buffers.
 TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
 {
     auto pool = PicturePool::own(layout, 0);
@@ -276,9 +268,7 @@ TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
     EXPECT_TRUE(memory.expired());
 }
 
-// Catches a reader of a file, or the next callback, that writes into a captured picture which was
-// lent before and never handed in; and a picture of another layout being taken for one of the
-// encoder's.
+// Catches a writer that gets a captured picture to write into, and a picture of another layout.
 TEST(EncoderLending, LendsMemoryOfItsOwnOrTheNewPictureInsteadOfAnOlderOne)
 {
     const auto pool = PicturePool::own(layout, 0);
@@ -307,8 +297,7 @@ TEST(EncoderLending, LendsMemoryWithNothingInIt)
     mallopt(M_PERTURB, 0);
 }
 
-// Catches a still screen being searched for changes, and a picture taken for unchanged that is not:
-// what differs only becomes a large frame where x264 looks for it.
+// Catches a still screen that is searched for changes, and a change that is not looked for.
 TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
 {
     const auto pool = PicturePool::own(layout, 0);

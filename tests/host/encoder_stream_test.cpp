@@ -1,5 +1,4 @@
-// What comes out of the encoder: its form, key frames, profile and rate. That it shows the pictures
-// that went in, recordings of a screen show.
+// What the encoder puts out: form, key frames, profile and rate; other tests look at the pictures.
 #include "encoder_fixture.h"
 
 using namespace zu3host;
@@ -16,9 +15,7 @@ std::vector<std::pair<int, const uint8_t*>> nal_units(const Bytes& frame)
     return units;
 }
 
-// Catches a delimiter, parameter sets or a key frame that is missing, late or not flagged, records
-// of one picture that carry another's values, and captured pictures that are not timed by when they
-// were due.
+// Catches a missing delimiter, parameter set or key frame, and values of another picture.
 TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -49,8 +46,7 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
     EXPECT_FALSE(encoded_picture_in_callback());
 }
 
-// Catches a warning of x264's, or no key frame, when one is asked for just where it is due by
-// itself.
+// Catches a warning of x264's, or a lost key frame, if one is requested just where it is due.
 TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
 {
     TestEncoder encoder(params_of(64, 64));
@@ -68,8 +64,7 @@ TEST(EncoderStream, MakesAKeyFrameOfAWishForTheOneThatIsDue)
     EXPECT_EQ(keys, (std::vector<size_t>{0, 60}));
 }
 
-// Catches a profile or level that is not what was asked for; the bytes are profile_idc,
-// constraints, level_idc.
+// Catches a wrong profile or level; the bytes are profile_idc, constraints, level_idc.
 TEST(EncoderStream, SaysProfileAndLevelInTheSps)
 {
     const struct {
@@ -99,9 +94,7 @@ TEST(EncoderStream, SaysProfileAndLevelInTheSps)
     }
 }
 
-// Catches a stream of constant rate that comes ever later because its pictures need more than the
-// multiplexer's ceiling, and a change of rate control that does not begin anew. That rates are
-// followed, whole streams show.
+// Catches a stream above the multiplexer's ceiling, and a new rate control without a key frame.
 TEST(EncoderStream, FollowsTheCeilingAndBeginsAnewWithAnotherRateControl)
 {
     constexpr uint32_t second = 30;

@@ -44,8 +44,7 @@ protected:
     std::string folder_ = testing::TempDir() + "files_test_XXXXXX";
 };
 
-// Catches a position of 32 bits, a read that stops at a short count, and a handle that outlives its
-// file.
+// Catches a position of 32 bits, a read that stops at a short count, and a handle after its close.
 TEST_F(Files, ReadBackWhatWasWrittenBeyondFourGigabytes)
 {
     const s64 far = s64{5} << 30;
@@ -70,8 +69,7 @@ TEST_F(Files, ReadBackWhatWasWrittenBeyondFourGigabytes)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches data kept back in the process, a file that others may read, and a planted link
-// that has somebody's file overwritten, or made.
+// Catches buffered data, a file that others may read, and a planted link that is followed.
 TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
 {
     for (const mode_t mask : {0u, 0777u}) {
@@ -100,8 +98,7 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
     }
 }
 
-// Catches a file of somebody else that is emptied, a pipe of his that is written to, and the
-// refusal of a descriptor that is open already.
+// Catches another user's file or pipe that is written, and an open descriptor that is refused.
 TEST_F(Files, OfSomebodyElseAreNotWritten)
 {
     if (geteuid() != 0)
@@ -131,8 +128,7 @@ void limit_files(rlim_t bytes)
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
 }
 
-// Catches a cut item at the end of a full disk's file, a silent loss, a line in the log for every
-// batch, and a failure that cuts off what lies behind a write in the middle of a file.
+// Catches a cut item on a full disk, a silent loss, and a line in the log for every batch.
 TEST_F(Files, KeepWholeItemsWhenTheDiskIsFull)
 {
     const std::string items(3000, 'x');
@@ -164,8 +160,7 @@ TEST_F(Files, KeepWholeItemsWhenTheDiskIsFull)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches a handle for what cannot be written or read, and an open that waits for a pipe's reader
-// for ever.
+// Catches a handle of a file that cannot be used, and an open that waits for a pipe's reader.
 TEST_F(Files, AreRefusedWithAReason)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -245,9 +240,7 @@ Stream stream_of_pictures(u32 packet_size, uint32_t rate, size_t greatest)
     return stream;
 }
 
-// Catches a recorder's kill that leaves a part of a picture in the file, a picture greater than a
-// batch that never comes through, one that waits though the next has begun, and a last one that a
-// close forgets.
+// Catches a killed recording that ends within a picture, and a picture that is held back too long.
 TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
 {
     const struct {
@@ -285,8 +278,7 @@ TEST_F(Files, OfPicturesEndWithAWholeOneUntilTheyAreClosed)
     }
 }
 
-// Catches a full disk's file that ends in the middle of a picture, and one that goes on behind the
-// gap with pictures that need those which are missing.
+// Catches a full disk's file that ends within a picture or goes on without the pictures it needs.
 TEST_F(Files, OfPicturesGoOnBehindAFullDiskWhereDecodingCanStart)
 {
     const Stream stream = stream_of_pictures(188, 0, 30000);
@@ -325,8 +317,7 @@ bool sleeps(pid_t thread)
     return name_end != std::string::npos && line[name_end + 2] == 'S';
 }
 
-// Catches a pipe that counts as ended because its writer has not come yet, and one whose writer has
-// gone being waited for.
+// Catches a pipe that ends before its writer has come, and one that never ends once it has gone.
 TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -351,8 +342,7 @@ TEST_F(Files, OfAPipeEndWhenItsWriterGoes)
     EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
 }
 
-// Catches a task whose deletion leaves it in a read or a write of a pipe whose other end idles, and
-// a part of what was asked for that is taken for all there is.
+// Catches a deleted task that stays in a read or write of a pipe, and a part reported as the whole.
 TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -393,8 +383,7 @@ TEST_F(Files, LetATaskGoThatWaitsForTheOtherEndOfAPipe)
     }
 }
 
-// Catches a descriptor that is closed, and perhaps another file's by then, under a call that uses
-// it.
+// Catches a descriptor that is closed under a call that uses it.
 TEST_F(Files, AreClosedBehindACallThatUsesThem)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -433,8 +422,7 @@ private:
     std::optional<zu3host::DeviceBlock> block_;
 };
 
-// Catches a read from a dead disk that comes back when its buffer was given up, and writes into
-// memory of others.
+// Catches a late read of a dead disk that writes into memory which was given up meanwhile.
 TEST_F(Files, AreReadIntoMemoryThatWasGivenUpMeanwhile)
 {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);

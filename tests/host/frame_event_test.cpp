@@ -8,8 +8,7 @@
 
 namespace {
 
-// Catches an event that stays quiet, never becomes quiet again, or blocks who reads it once too
-// often.
+// Catches an event that stays quiet, stays loud, or blocks a reader that reads once too often.
 TEST(FrameEvent, TellsOfFramesUntilItIsRead)
 {
     // nobody has asked yet

@@ -12,10 +12,7 @@ namespace zu3host {
 
 using namespace std::chrono_literals;
 
-/**
- * Waits until a condition holds; false when it does not in time. A sanitizer on a busy machine is
- * slow.
- */
+/** Waits for a condition; false after a minute: a sanitizer on a busy machine is slow. */
 template <typename Condition> bool wait_until(Condition condition)
 {
     const auto deadline = std::chrono::steady_clock::now() + 60s;
@@ -27,10 +24,7 @@ template <typename Condition> bool wait_until(Condition condition)
     return true;
 }
 
-/**
- * What was logged since testing::internal::CaptureStderr(). A thread writes the log, late on a busy
- * machine.
- */
+/** The log since testing::internal::CaptureStderr(); a thread writes it, late on a busy machine. */
 inline std::string captured_log()
 {
     flush_log(10s);

@@ -20,8 +20,8 @@ namespace {
 // Read by the log at its first line, so set before any test.
 const int environment_set = setenv("ANDROID_LOG_TAGS", "loud:V *:E", 1);
 
-// Catches a priority that is off by one, a rule for the wrong tag, and an expression that silences
-// everything.
+// Catches a priority that is off by one, a rule for the wrong tag, and a bad rule that silences
+// all.
 TEST(LogFilter, FollowsLogcatsExpressions)
 {
     const struct {
@@ -47,8 +47,7 @@ TEST(LogFilter, FollowsLogcatsExpressions)
     }
 }
 
-// Catches a format that log readers do not know, lines without a prefix, a filter that is not
-// asked, and control characters of others.
+// Catches a format that readers do not know, an ignored filter, and control characters of others.
 TEST(Log, PrintsLogcatsBriefFormat)
 {
     const std::string pid = std::to_string(getpid());
@@ -67,8 +66,7 @@ TEST(Log, PrintsLogcatsBriefFormat)
     EXPECT_EQ(captured_log(), expected);
 }
 
-// Catches a line that is written in pieces, which those of other threads would get into, and one
-// that overruns.
+// Catches a line in pieces, which lines of other threads would part, and one that overruns.
 TEST(Log, WritesALineAtOnceWhateverItsLength)
 {
     const common::Descriptor before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));

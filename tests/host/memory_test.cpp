@@ -62,8 +62,7 @@ u32 put_descriptor(s32 fd)
     return ZU_OS_IommuOperation(E_ZU_OS_IOMMU_OPERATION_TYPE_PUT_BUFFD, &record);
 }
 
-// Catches an address that a 32-bit field would cut, old data in new memory, an overrun that goes
-// unnoticed, a lookup that is off by one, and a file whose size a client could change under us.
+// Catches 64-bit addresses, old data, a silent overrun, a lookup off by one, and a resizable file.
 TEST(DeviceMemory, IsLowZeroedGuardedSealedAndFoundByEachByte)
 {
     for (const uint32_t size : {1u, 4096u, 4097u, 8u << 20}) {
@@ -111,8 +110,7 @@ TEST(AddressConversion, GoesBothWaysInsideABlockOnly)
     EXPECT_NE(ZU_OS_Va2Pa(virt, &phys), ZU_OK);
 }
 
-// Catches a descriptor of another block, one that a child would inherit, and one that dies with the
-// block.
+// Catches a descriptor of another block, one that children inherit, one that dies with the block.
 TEST(Iommu, HandsOutDescriptorsOfTheSameMemory)
 {
     const auto block = allocate(3 * 4096);

@@ -78,8 +78,8 @@ public:
         return ZU_TSMUX_PushMediaData(handle, &data);
     }
     /**
-     * Pushes as the encoder does, inside its callback for a picture captured at `us`, and copies
-     * `piece` bytes out whenever there is no room; how often that was.
+     * Pushes as the encoder does for a picture captured at `us`, and copies `piece` bytes out while
+     * there is no room. Returns how often there was none.
      */
     unsigned push_captured(const Bytes& unit, uint64_t us, u32 piece = 0x10000)
     {

@@ -21,9 +21,7 @@ Report expect_all_of(const UnitMaker& units, Recording& recording, const Form& f
     return report;
 }
 
-// Catches tables, time references or sound that come too rarely or too late at some frame rate,
-// pictures that are not there before their time, a rate that is not constant, counters that skip,
-// lost or swapped bytes, and times that are not the capture's.
+// Catches late tables, times or sound, early pictures, an uneven rate, and lost or swapped bytes.
 TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
 {
     const struct {
@@ -113,8 +111,7 @@ TEST(Multiplexer, IsFullFromABusyPushToItsClose)
     EXPECT_EQ(lost_for_room(), 0u);
 }
 
-// Catches a push that takes half a picture, loses what was pushed while the ring was full, cries
-// once a retry, or holds a lock while the callback runs, which calls back into the multiplexer.
+// Catches a push of half a picture, a loss while the ring is full, and a lock during the callback.
 TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
 {
     for (const u32 mask : {3u, 1u}) {
@@ -156,8 +153,7 @@ TEST(Multiplexer, FullRingAnswersBusyAndLosesNothing)
     }
 }
 
-// Catches a pause that breaks the constant rate, and a fill that never ends because the ring is
-// smaller than it.
+// Catches a pause that breaks the constant rate, and a fill that never ends in a smaller ring.
 TEST(Multiplexer, LongPauseIsFilledPieceByPiece)
 {
     const Form form{.rate = 4 * mebibit, .sound = true};
@@ -173,8 +169,7 @@ TEST(Multiplexer, LongPauseIsFilledPieceByPiece)
         EXPECT_EQ(finding.kind, "pts_interval") << finding.what;
 }
 
-// Catches an encoder that goes on filling a constant rate beyond its limit, or is held down by one
-// that is over.
+// Catches an encoder that exceeds a constant rate, or that a closed multiplexer still limits.
 TEST(Multiplexer, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
 {
     {
@@ -193,8 +188,7 @@ TEST(Multiplexer, ConstantRatesLimitTheEncodersWhileTheyAreOpen)
     EXPECT_EQ(rate_ceiling(), 0u);
 }
 
-// Catches key frames (which come without a time) at a wrong place, times that run backwards, and a
-// wrapped negative time that sends the stream years ahead.
+// Catches misplaced key frames (which come without a time), and times that run back or years ahead.
 TEST(Multiplexer, StatedTimesAreFollowedWhereTheyAreCredible)
 {
     const struct {
@@ -253,8 +247,7 @@ TEST(Multiplexer, RefusesWhatMakesNoStream)
     EXPECT_EQ(id, 0u);
 }
 
-// Catches a push that is taken in a state in which nobody reads it, and a stream that is gone after
-// the stop: the writer's last copy comes after it.
+// Catches a push without a reader, and output that is gone before the copy that follows the stop.
 TEST(Multiplexer, StatesDecideWhatIsTaken)
 {
     Recording recording;

@@ -41,8 +41,7 @@ s32 make_task(const std::function<void()>& body, const char* name = "test")
     return id;
 }
 
-// Catches a mutex that lets two in, that anybody can release, that waits past its limit, or an id
-// that lives on.
+// Catches a mutex that lets two in, that all may release, that waits too long, and a reused id.
 TEST(Mutex, BelongsToItsHolderUntilReleased)
 {
     const s32 id = make_mutex();
@@ -69,8 +68,7 @@ TEST(Mutex, BelongsToItsHolderUntilReleased)
     }
 }
 
-// Catches a deletion that leaves waiters to run into their limit, or pulls the mutex away under
-// them.
+// Catches a deletion that leaves waiters to run into their limit, or frees the mutex under them.
 TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
 {
     const s32 id = make_mutex();
@@ -88,8 +86,7 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
               std::chrono::milliseconds(long_wait_ms / 2));
 }
 
-// Catches a thread on the 4096 bytes it was given, one that takes the client's SIGINT, and a name
-// that Linux refuses.
+// Catches a stack of only the 4096 bytes given, a task that gets SIGINT, and a name Linux refuses.
 /** A condition variable of a process that is stopped during the first wait. */
 struct StoppedDuringAWait {
     int waits = 0;
@@ -138,13 +135,11 @@ TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
     EXPECT_FALSE(sigismember(&own_mask, SIGINT)) << "the creator's own mask was changed";
 }
 
-// Catches an entry that goes on after the deletion said that the task is gone, and deletions that
-// let every entry begin first.
+// Catches an entry that runs on after its deletion, and deletions that let every entry begin first.
 TEST(Task, RunsNothingAfterItsDeletion)
 {
     std::async(std::launch::async, [] {
-        // On one processor a new thread does not run before its creator waits, unless it is
-        // preferred: so the creator has a priority that somebody gave it.
+        // With one processor, only a preferred thread runs before its creator waits.
         cpu_set_t one;
         CPU_ZERO(&one);
         CPU_SET(sched_getcpu(), &one);
@@ -191,8 +186,7 @@ TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
     held.ended.get_future().wait();
 }
 
-// Catches a media thread that waits like any other, one that overrides what its user chose, and a
-// creator that stays preferred.
+// Catches a media thread without its priority, one that overrides the user's, a preferred creator.
 TEST(Task, IsPreferredWhereTheSystemAllowsItAndNobodySaidOtherwise)
 {
     const auto own_nice = [] { return getpriority(PRIO_PROCESS, 0); };

@@ -1,5 +1,4 @@
-// Calls that need memory, with every allocation failing in turn, and the host layer's threads with
-// none to be had.
+// Calls with every allocation failing in turn, and the host layer's threads without memory.
 #include "encoder_fixture.h"
 #include "multiplexer_fixture.h"
 #include "picture/picture_in_flight.h"
@@ -159,10 +158,7 @@ struct Case {
     std::function<bool()> call;
 };
 
-/**
- * Makes each call with one allocation more than the last time, until it succeeds; it has to fail at
- * least once.
- */
+/** Repeats each call with one allocation more until it succeeds; it has to fail at least once. */
 void try_with_ever_more(const std::vector<Case>& cases)
 {
     for (const Case& each : cases) {
@@ -175,8 +171,7 @@ void try_with_ever_more(const std::vector<Case>& cases)
     }
 }
 
-// Catches an exception in a caller that cannot take one, and a descriptor or a block that stays
-// behind.
+// Catches an exception that reaches the caller, and a descriptor or block that is left behind.
 TEST(OutOfMemory, IsAnswered)
 {
     // makes what it shows
@@ -259,8 +254,7 @@ struct Sound {
     u32 handle = 0;
 };
 
-// Catches a call on what is open that ends the process, and one that fails half-way: tried again on
-// the same object it has to succeed.
+// Catches a call that ends the process or fails half-way: repeated on its object it must succeed.
 TEST(OutOfMemory, LeavesWhatIsOpenUsable)
 {
     Capture capture;
@@ -306,8 +300,7 @@ TEST(OutOfMemory, LeavesWhatIsOpenUsable)
     EXPECT_TRUE(with_so_many(0, [&] { return stream.push(unit, no_pts) == ZU_OK; }));
 }
 
-// Catches a thread of the host layer that takes the process with it, and one that never works
-// again.
+// Catches a thread that ends the process, and one that never works again.
 TEST(OutOfMemory, EndsNoThread)
 {
     setenv("PULSE_SERVER", "unix:/nonexistent", 1);

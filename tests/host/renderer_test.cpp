@@ -34,9 +34,7 @@ constexpr size_t width = 64, height = 48;
 // of that many pixels
 using Field = std::vector<Rgb>;
 
-/**
- * Random colours, in each square of four the same: what is behind a chroma sample has one colour.
- */
+/** Random colors, the same in each square of four, so that a chroma sample has one color. */
 Field random_field()
 {
     std::mt19937 random(1);
@@ -182,8 +180,7 @@ TEST(Renderer, DrawsAsAComposerInRgbWould)
     }
 }
 
-// Catches memory that is read beyond its end, a refusal that takes the old logo away, and one that
-// stays.
+// Catches a read beyond the memory, a refusal that removes the old logo, and a logo that stays.
 TEST(Renderer, ShowsTheLastLogoThatWasPossible)
 {
     const Picture blank(64, random_field());

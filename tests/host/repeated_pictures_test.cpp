@@ -141,8 +141,7 @@ Streams random_streams(uint32_t profile, int slices, uint32_t seed)
     return streams;
 }
 
-// Catches a stream that a decoder refuses, or that drifts from what x264 predicts from, in any place
-// of a group of pictures and behind any number of repetitions.
+// Catches a stream that a decoder refuses, or that drifts from x264's, behind any repetition.
 TEST(RepeatedPictures, ShowWhatX264AloneShows)
 {
     for (const uint32_t profile : {66, 77, 100})
@@ -160,8 +159,7 @@ TEST(RepeatedPictures, ShowWhatX264AloneShows)
         }
 }
 
-// Catches a stream that is continued although its slices cannot be: more reference pictures than
-// one, or picture order counts that a repetition would have to carry.
+// Catches repetitions in streams without room for them: several references or B pictures.
 TEST(RepeatedPictures, AreRefusedWhereTheStreamHasNoPlaceForThem)
 {
     X264Log log;
@@ -204,8 +202,7 @@ struct StillEncoder {
     Bytes stream;
 };
 
-// Catches a still picture that costs as much as a moving one, and key frames that repetitions put
-// off: a player could not seek.
+// Catches a still picture that costs as much as a moving one, and key frames that come too late.
 TEST(X264EncoderStill, RepeatsASettledPictureAndKeepsTheKeyFramesDistance)
 {
     StillEncoder still;
@@ -246,8 +243,7 @@ double squared_error(const Bytes& shown, const Bytes& original)
     return sum / (width * height);
 }
 
-// Catches repetitions that begin before the picture has reached its quality, or while x264 still
-// waits for bits: it would go on from there when the picture moves again.
+// Catches repetitions that begin before the picture has its quality or x264 has its bits.
 TEST(X264EncoderStill, IsRefinedBeforeItIsRepeated)
 {
     for (const int kilobits : {60, 4500}) {

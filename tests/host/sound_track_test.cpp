@@ -84,8 +84,7 @@ double presented_burst(SoundTrack& track, int64_t until_us)
     return static_cast<double>(first_pts) * 100 / 9 + place / 0.048;
 }
 
-// Catches sound that is early or late against the pictures: by the encoder's delay, by what was
-// heard before the first picture, by what was lost in between, or by a clock that was set back.
+// Catches sound off its time: by the encoder's delay, an early start, a loss, or a clock set back.
 TEST(SoundTrack, PresentsWhatWasHeardWhenItWasHeard)
 {
     const struct {

@@ -1,5 +1,4 @@
-// The packet checker on streams in which one thing was broken. It must say so, and find nothing in
-// the whole ones.
+// The packet checker on broken streams, one defect each; whole streams have no findings.
 #include "multiplexer_fixture.h"
 
 #include <functional>

@@ -47,8 +47,7 @@ void forget_library_allocations()
 
 } // namespace middleware
 
-// The names that the linker's --wrap gives the library's references; operator new's mangled name
-// holds the type of size_t.
+// The names that --wrap gives the library's references; operator new's holds the type of size_t.
 #if __SIZEOF_SIZE_T__ == 8
 #define WRAPPED_NEW(kind, tail) __wrap__Zn##kind##m##tail
 #else

@@ -1,8 +1,4 @@
-/**
- * Counts the library's own allocations, and lets one fail. The library's objects are linked into
- * one object with their malloc, calloc, realloc, free and operator new bound to this file; nobody
- * else's are.
- */
+/** Counts the library's allocations, whose heap functions are bound to this file; fails one. */
 #pragma once
 
 #include <atomic>
@@ -10,16 +6,10 @@
 
 namespace middleware {
 
-/**
- * While it lives, allocations of the library are counted. One at a time; any thread's allocations
- * count.
- */
+/** Counts the library's allocations on all threads while it lives. One at a time. */
 class AllocationWindow {
 public:
-    /**
-     * `fail_number`: the n-th allocation in the window fails, 0 = none; `and_later`: so do all that
-     * follow.
-     */
+    /** `fail_number`: the n-th allocation fails, 0 = none; `and_later`: so do all that follow. */
     explicit AllocationWindow(int fail_number = 0, bool and_later = false);
     ~AllocationWindow() { counting = false; }
     AllocationWindow(const AllocationWindow&) = delete;
@@ -27,10 +17,7 @@ public:
 
     /** Allocations asked for in the window so far. */
     int count() const { return asked; }
-    /**
-     * Bytes that the library copied in the window; not counted under AddressSanitizer, which copies
-     * itself.
-     */
+    /** Bytes that the library copied; not counted under AddressSanitizer, which copies itself. */
     size_t copied_bytes() const { return copied; }
     /** Whether the one that was to fail was asked for. */
     bool failed() const { return failing != 0 && asked >= failing; }

@@ -15,10 +15,7 @@ namespace {
 
 std::atomic<int> objects_alive = 0;
 
-/**
- * "[f][123](f 123)": where a line names its function a second time with a number, it is the same
- * number.
- */
+/** "[f][123](f 123)": a line that names its function twice must give the same number. */
 void check_line_numbers(const std::string& line)
 {
     const size_t bracket = line.find("][");

@@ -18,10 +18,7 @@ bool waits(std::thread::id thread)
                                [&](const Waiter* w) { return w->thread == thread && !w->woken; });
 }
 
-/**
- * Whether a task, a callback thread or the holder of a mutex runs, or will as soon as its machine
- * lets it.
- */
+/** Whether a task, a callback thread or the holder of a mutex runs or is about to. */
 bool somebody_runs()
 {
     const State& s = state();

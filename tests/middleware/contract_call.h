@@ -1,16 +1,11 @@
-/**
- * The frame that every contract function uses, and what the parts of the double do for one another.
- */
+/** The frame of every contract function, and what the parts of the double do for one another. */
 #pragma once
 
 #include "middleware/middleware.h"
 
 namespace middleware {
 
-/**
- * Set while the calling thread runs a callback of a device that was closed: its calls on dead
- * handles are not its fault.
- */
+/** Set during a callback of a closed device: its calls on dead handles are no fault. */
 extern thread_local u32 late_callback_depth;
 /** Set on tasks: their waits alone do not let time pass. */
 extern thread_local bool task_thread;
@@ -18,10 +13,7 @@ extern thread_local bool task_thread;
 /** Adds a sentence to the problems; the state's lock is held. */
 void problem(std::string sentence);
 
-/**
- * What the effect of a call gets: the state's lock held, and room for what the log should show
- * behind the result.
- */
+/** For the effect of a call: the state's lock, held, and a note for the log behind the result. */
 struct Context {
     Lock lock;
     // a call that ends something is scripted to fail
@@ -39,10 +31,7 @@ struct Ticket {
 Ticket begin_call(const std::string& function, const std::string& variant, std::string arguments);
 void end_call(const Ticket& ticket, s64 result, const std::string& note);
 
-/**
- * Frame of every contract function: log, hooks, script, effect. `ends` = the effect runs also when
- * it is to fail.
- */
+/** Frame of every contract function; `ends`: the effect runs even if the call is to fail. */
 template <class Effect>
 auto perform(bool ends, const std::string& function, const std::string& variant,
              std::string arguments, Effect&& effect)
@@ -74,9 +63,7 @@ inline u32 call(const std::string& function, std::string arguments = "")
 {
     return call(function, std::move(arguments), [](Context&) { return ZU_OK; });
 }
-/**
- * Writes an output argument in one piece, as a device does: it may be a field that callbacks read.
- */
+/** Writes an output argument in one piece, as a device does: callbacks may read it. */
 template <class T> void store_output(T* output, T value)
 {
     __atomic_store_n(output, value, __ATOMIC_SEQ_CST);
@@ -88,9 +75,7 @@ auto ending_call(const std::string& function, std::string arguments, Effect&& ef
     return perform(true, function, "", std::move(arguments), effect);
 }
 
-/**
- * Blocks the calling thread until another one wakes `waiter`, or virtual time passes its deadline.
- */
+/** Blocks the calling thread until `waiter` is woken or virtual time passes its deadline. */
 void wait(Lock& lock, Waiter& waiter, const std::string& what);
 void wake(Waiter& waiter);
 /** Moves the clock if nobody can run; called whenever somebody stopped running. */

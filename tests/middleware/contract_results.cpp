@@ -6,10 +6,7 @@ namespace middleware {
 
 namespace {
 
-/**
- * "Any other value is a failure whose meaning is the module's own": this one stands for all of
- * them.
- */
+/** Stands for all failures whose meaning is the module's own. */
 constexpr s64 module_failure = 0x7F;
 
 const std::vector<s64> failures = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure};

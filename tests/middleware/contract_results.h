@@ -1,7 +1,4 @@
-/**
- * What the platform contract lets each call answer besides its plain success, for tests that try
- * all of it.
- */
+/** What the contract lets each call answer besides its plain success. */
 #pragma once
 
 #include <string>
@@ -12,9 +9,8 @@
 namespace middleware {
 
 /**
- * The answers of `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") that differ from doing what
- * was asked, the plain failure first. A success is among them where the contract lets it come with
- * nothing: no region, no buffer, no bytes. Empty for calls that cannot fail.
+ * The answers of `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") other than full success, the
+ * plain failure first, then also successes without a result. Empty for calls that cannot fail.
  */
 std::vector<s64> contract_results(const std::string& call);
 

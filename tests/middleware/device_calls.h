@@ -13,8 +13,8 @@ u32 open_call(const char* function, Kind kind, std::string arguments, u32* handl
 {
     return call(function, std::move(arguments), [&](Context& context) {
         State& s = state();
-        // Fifteen of a kind look alike in their last digits; the next fifteen are told apart from
-        // other kinds higher up.
+        // Fifteen of a kind differ in the last digit; later ones differ from other kinds further
+        // up.
         u32& next = s.next_handle.try_emplace(kind, facts(kind).first_handle).first->second;
         store_output(handle, s.last_of_kind[kind] = next++);
         if ((next & 0xF) == 0)
@@ -26,9 +26,7 @@ u32 open_call(const char* function, Kind kind, std::string arguments, u32* handl
     });
 }
 
-/**
- * A call on a device that must be alive; `effect` gets it. `more` follows the handle in the log.
- */
+/** A call on a device that must be alive; `more` follows the handle in the log. */
 template <class Effect>
 u32 device_call(const char* function, Kind kind, u32 handle, const std::string& more, Effect effect,
                 bool ends = false)

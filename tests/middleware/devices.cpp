@@ -13,8 +13,7 @@ void note_attachments(const Device& device, const std::string& name)
         problem(name + " is closed while its callback is registered");
     if (device.display != 0)
         problem(name + " is closed while it is connected to a display");
-    // An audio source ends with its multiplexer, for the library pushes nothing to it; a video
-    // source does not.
+    // An audio source ends with its multiplexer: the library pushes nothing to it.
     for (const auto& [id, source] : device.sources)
         if (source.u8StreamId == 0xE0)
             problem(text(name, " is closed while media source ", hex(id), " is attached"));
@@ -60,8 +59,7 @@ u32 unregister_call(const char* function, Kind kind, u32 handle, u64 id, u32 mas
                 state().excused_registrations.insert(device.registration);
                 return ZU_OK;
             }
-            // A module is stopped at its own failed start and again when its
-            // slot closes: removing twice is no fault.
+            // A failed start stops a module, and so does its slot's close: no fault.
             if (id != 0 && device.registration != 0 && id != device.registration) {
                 if (!state().excused_registrations.contains(id))
                     problem(text(function, " names registration ", hex(id), ", which ",

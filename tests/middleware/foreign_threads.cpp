@@ -6,10 +6,7 @@ namespace middleware {
 
 namespace {
 
-/**
- * Calls in for the device of the kind that was opened last, `picture` being what it hands out.
- * While that device is dead or unregistered, calls on dead handles are not the library's fault.
- */
+/** Calls in for the last device of a kind; once that is dead, dead handles are no fault. */
 u32 call_in(Kind kind, u32 event, void* record, std::optional<u32> picture = {})
 {
     Lock lock(state().mutex);
@@ -43,8 +40,7 @@ u32 Middleware::fire_picture(const Picture& picture)
 
 u32 Middleware::fire_encoded_frame(const EncodedFrame& frame)
 {
-    // A block of its own of exactly this size, gone when the callback returns: who keeps or
-    // overruns it is found.
+    // A block of exactly this size, gone after the callback: a read beyond it or after it is found.
     const auto bytes = std::make_unique<u8[]>(frame.bytes.size());
     std::ranges::copy(frame.bytes, bytes.get());
     ZU_VENC_FrameInfo_t record = {};

@@ -46,8 +46,8 @@ u64 block_of(u64 physical)
 } // namespace
 
 /**
- * Records store some addresses in 32 bits, so their memory must lie that low also where pointers
- * are longer. Only x86 has MAP_32BIT, and an emulator may treat MAP_FIXED_NOREPLACE as a hint.
+ * Memory whose address fits in 32 bits, for records that store it so. Only x86 has MAP_32BIT, and
+ * an emulator may ignore MAP_FIXED_NOREPLACE.
  */
 std::span<u8> new_low_memory(size_t size)
 {

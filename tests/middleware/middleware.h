@@ -42,10 +42,7 @@
 
 namespace middleware {
 
-/**
- * A point where threads stop until the test lets them go; while they wait there they count as
- * waiting.
- */
+/** A point where threads stop, and count as waiting, until the test opens it. */
 class Gate {
 public:
     /** Called from a hook: waits until the gate is open. */
@@ -92,10 +89,7 @@ public:
     void reset();
 
     // --- the log of calls
-    /**
-     * Calls so far, without mutex obtaining and releasing, delays, clocks and log lines; forgets
-     * all calls.
-     */
+    /** Calls so far, without mutexes, delays, clocks and log lines; forgets all calls. */
     std::vector<std::string> take_calls();
     /** Every call by the name that scripts know it by, with its variant where it has one. */
     std::vector<std::string> call_names() const;
@@ -106,16 +100,11 @@ public:
     LastParams last() const { return Locked()->last; }
 
     // --- Android's log
-    /**
-     * "E [SCREENRECORD_Open]INVALID Trancode Id!": priority letter, no line number, no line end;
-     * forgets them.
-     */
+    /** "E [SCREENRECORD_Open]INVALID Trancode Id!": no line number, no line end; forgets them. */
     std::vector<std::string> take_logs() { return std::exchange(Locked()->log, {}); }
 
     // --- the script
-    /**
-     * The name "*" is that of all calls but those that cannot fail: clocks, delays, releases, log.
-     */
+    /** "*" names all calls but those that cannot fail: clocks, delays, releases, log. */
     void fail(const std::string& name, Answer answer = {})
     {
         Locked()->script.push_back({name, answer});
@@ -136,10 +125,7 @@ public:
     void clear_script() { Locked()->script.clear(); }
 
     // --- the ledger
-    /**
-     * A sentence for every wrong use so far and for everything that is left; without what is
-     * tolerated.
-     */
+    /** A sentence for each wrong use so far and for each leftover, except what is tolerated. */
     std::vector<std::string> ledger_problems() const;
     /** Such a problem may be there; a part of the sentence is enough. */
     void tolerate_problem(const std::string& part) { Locked()->tolerated.push_back(part); }
@@ -147,9 +133,7 @@ public:
     // --- time and tasks
     s64 now_ms() const { return Locked()->now_ns / 1'000'000; }
     void set_now_us(s64 us) { Locked()->now_ns = us * 1000; }
-    /**
-     * Lets `ms` pass, waking whoever waits in its order, and returns when everybody waits again.
-     */
+    /** Lets `ms` pass, waking waiters in their order; returns when all threads wait again. */
     void advance(s64 ms);
     /** Waits until every task and callback thread waits in the middleware or has ended. */
     void settle() { advance(0); }
@@ -163,8 +147,8 @@ public:
     u32 fire_encoded_frame(const EncodedFrame& frame);
     u32 fire_event(Kind kind, u32 event);
     /**
-     * Runs `work` (one of the above) on a thread of the middleware; the future joins it. With
-     * `lets_time_pass` false its waits alone do not move the clock, as a task's do not.
+     * Runs `work` (one of the above) on a thread of the middleware; the future joins it. Without
+     * `lets_time_pass` its waits do not move the clock, as a task's do not.
      */
     std::future<u32> fire_on_thread(std::function<u32()> work, bool lets_time_pass = true);
 
@@ -201,10 +185,7 @@ public:
         u32 encoder_input_size = 640 * 480 * 3 / 2;
         /** none = what is queued */
         std::optional<u32> audio_level = {};
-        /**
-         * What a device claims, true or not, of the bytes that it read, copied out, or offers for
-         * injection.
-         */
+        /** Bytes that a device claims to have read, copied out, or offered; may be a lie. */
         std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
         /** the first IOMMU descriptor; 0 is a good one */
         s32 first_fd = 0;

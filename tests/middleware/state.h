@@ -1,7 +1,4 @@
-/**
- * The state of the double, which its parts share under one mutex, and the records that it is made
- * of.
- */
+/** The double's state, which its parts share under one mutex, and its records. */
 #pragma once
 
 #include <condition_variable>

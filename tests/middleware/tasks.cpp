@@ -31,8 +31,7 @@ u32 create(Context& context, const ZU_OS_TaskAttr_t& attributes, s32* id)
 {
     State& s = state();
     if (attributes.pStack && attributes.u32StackSize != 0)
-        // A stack that is not live memory of this size is found here by AddressSanitizer, or by a
-        // crash.
+        // AddressSanitizer or a crash finds a stack that is not live memory of this size.
         for (const u32 place : {u32{0}, attributes.u32StackSize - 1})
             static_cast<volatile u8*>(attributes.pStack)[place] = 0;
     else

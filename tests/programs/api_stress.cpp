@@ -97,8 +97,7 @@ void cycles(const std::string& file, int count, uint32_t seed)
         must(recording.open(file, "cap", 320, 240, 60), "opening" + in_cycle);
         const Clock::time_point begin = Clock::now();
         must(recording.start(), "SCREENRECORD_Start" + in_cycle);
-        // One cycle in two stops at once; the distance of the others is left out of the measured
-        // time.
+        // One cycle in two stops at once; the others' distance is not measured.
         const milliseconds distance(n % 2 ? random() % 60 : 0);
         std::this_thread::sleep_for(distance);
         must(recording.stop() && recording.close(), "stop or close" + in_cycle);
@@ -118,8 +117,7 @@ void pair(const std::string& screen_file, const std::string& raw_file,
              raw.open(raw_recording, raw_file, width, height, 30),
          "opening");
     must(screen.start() && raw.start(), "starting");
-    // A reader passes on a picture every 28 ms and a little; after this long it has met the end of
-    // its file.
+    // A reader passes on a picture every 28 ms; by then it has met the end of its file.
     std::this_thread::sleep_for(milliseconds(raw_pictures * 28 * 2));
     must(raw.stop() && screen.stop() && raw.close() && screen.close(), "stop or close");
 }

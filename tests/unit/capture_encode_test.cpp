@@ -26,8 +26,7 @@ protected:
     static s32 set_watermark() { return video_capenc_setWatermark(android::WatermarkParams()); }
 };
 
-// Catches a changed order or argument of the device calls, and a start that reuses the buffer
-// indices, descriptor or path of an earlier run.
+// Catches a changed device call, and a start that reuses an earlier index, descriptor or path.
 TEST_F(CaptureEncode, OpenToCloseCallByCall)
 {
     ASSERT_EQ(open(), 0);
@@ -67,8 +66,7 @@ TEST_F(CaptureEncode, OpenToCloseCallByCall)
     EXPECT_EQ(video_capenc_setBitRate(1048576), -1);
 }
 
-// Catches a profile or level code that reaches the encoder as another one, and an unknown code that
-// is accepted without an error line.
+// Catches a profile or level that becomes another one, and an unknown one without an error line.
 TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
 {
     const std::pair<u32, u32> levels[] = {{1, 100},      {2, 101},     {4, 110},     {8, 120},
@@ -89,8 +87,7 @@ TEST_F(CaptureEncode, ProfileAndLevelCodesAreConverted)
     }
 }
 
-// Catches a second open, a size or rate beyond the encoder's and a watermark without an inject
-// buffer that are accepted, and an open that passes the slot's defaults to the encoder.
+// Catches a second open, a size beyond the encoder's and a watermark without an inject buffer.
 TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
 {
     ASSERT_EQ(open(), 0);
@@ -121,8 +118,7 @@ TEST_F(CaptureEncode, RefusalsAndWhatIsLeftOpenAfterThem)
     EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32Width, 640u);
 }
 
-// Catches a second worker for a new watermark, a worker that survives a stop, and a buffer
-// descriptor that a close does not give back.
+// Catches a second worker, a worker that survives a stop, and a descriptor that a close keeps.
 TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
 {
     const auto buffer = open_to_inject();
@@ -150,8 +146,7 @@ TEST_F(CaptureEncode, TheWatermarksOrderOfCalls)
     EXPECT_EQ(_stInjectBufFd.s32Fd, -1);
 }
 
-// Catches an inject buffer's address that stays behind a close: the next recording would capture
-// into memory that is gone.
+// Catches an inject buffer's address that survives a close: the next capture would write there.
 TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
 {
     for (const u32 slot : {0u, 1u}) {
@@ -166,8 +161,7 @@ TEST_F(CaptureEncode, ARecordingBehindItDoesNotCaptureIntoItsInjectBuffer)
     }
 }
 
-// Catches a stop that deletes the worker under a call of it: the client's picture may stop the
-// pipeline from inside each of these calls.
+// Catches a stop that deletes the worker under a call of it, from which a client may stop.
 TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItReturns)
 {
     for (const char* const call :
@@ -208,8 +202,7 @@ struct LastLook {
 };
 __attribute__((init_priority(101))) LastLook last_look;
 
-// Catches a worker that goes with the static objects: until the process is gone a callback may be
-// drawing.
+// Catches a worker that goes with the static objects: callbacks may draw until the process is gone.
 TEST_F(CaptureEncode, TheWatermarksWorkerOutlivesAnExit)
 {
     const auto exit_while_it_draws = [&] {
@@ -221,8 +214,7 @@ TEST_F(CaptureEncode, TheWatermarksWorkerOutlivesAnExit)
     EXPECT_EXIT(exit_while_it_draws(), testing::ExitedWithCode(1), "");
 }
 
-// Catches an inject buffer of an earlier open that still serves a watermark or a start after a
-// failed open.
+// Catches an earlier open's inject buffer that serves a watermark or a start after a failed open.
 TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
 {
     open_to_inject();
@@ -240,8 +232,7 @@ TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
     EXPECT_EQ(video_capenc_start(0), 0);
 }
 
-// Catches a start that runs the capture without its worker or closes the slot because of it, and a
-// capture that fails to start and leaves the slot open or the worker alive.
+// Catches a start without its worker, and a failed start that leaves slot or worker behind.
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
 {
     open_to_inject();

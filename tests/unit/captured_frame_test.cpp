@@ -1,7 +1,4 @@
-/**
- * From a captured picture to the encoder's input: the drop rules, both ways of handing over, the
- * watermark.
- */
+/** From a captured picture to the encoder's input: drop rules, copy and injection, watermark. */
 #include <numeric>
 
 #include "capture_encode/frame_ring.h"
@@ -39,8 +36,7 @@ protected:
     middleware::InjectBuffer inject_ = {};
 };
 
-// Catches a picture that goes back to the capture before it is copied or reaches the encoder
-// damaged, and an index that runs past its sixteen time stamps.
+// Catches a picture given back before its copy, a damaged one, an index beyond its time stamps.
 TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
 {
     ASSERT_TRUE(steps::record_pictures(0, width, height));
@@ -64,8 +60,7 @@ TEST_F(CapturedFrame, APictureIsCopiedGivenBackAndStampedInThatOrder)
     EXPECT_EQ(venc().u32InBufIndex, 1u) << "sixteen pictures later";
 }
 
-// Catches a dropped picture that the capture never gets back or that counts as an input, a start
-// time that is off by one, and a resume that requests no key frame.
+// Catches a dropped picture that the capture never gets back or that counts; a start off by one.
 TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
 {
     capture_encode(0);
@@ -93,8 +88,7 @@ TEST_F(CapturedFrame, DroppedPicturesGoBackAndLeaveNoTrace)
     EXPECT_EQ(inputs[0].bRequestIFrame, 1) << "after a pause as after an open";
 }
 
-// Catches a failing call that costs more than its picture, waits for another time than it should,
-// or stamps an input that does not exist.
+// Catches a failing call that costs more than its picture, waits wrongly, or stamps no input.
 TEST_F(CapturedFrame, WhatAFailingCallCosts)
 {
     struct Case {
@@ -160,8 +154,7 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
     }
 }
 
-// Catches a watermark that is drawn outside of the inject buffer, and one that is missing from a
-// picture at the buffer's first or last byte.
+// Catches a watermark outside of the inject buffer, and a picture at its edge without one.
 TEST_F(CapturedFrame, TheWatermarkIsDrawnIntoPicturesOfTheInjectBufferOnly)
 {
     for (const s32 fd : {0, 1}) { // as the double counts them; the library takes 0 for none

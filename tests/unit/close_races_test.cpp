@@ -1,6 +1,4 @@
-/**
- * The middleware's threads against a close: once it has returned, nothing late touches anything.
- */
+/** The middleware's threads against a close: after it, nothing late touches anything. */
 #include <thread>
 
 #include <srglworker/SrGlWorker.h>
@@ -17,10 +15,7 @@ protected:
         ASSERT_TRUE(steps::record(0));
     }
 
-    /**
-     * Starts capture-encode, and a picture on a thread of its own whose watermark is drawn until
-     * the gate opens.
-     */
+    /** Starts capture-encode and, on a thread, a watermark that is drawn until the gate opens. */
     std::future<u32> draw_watermark(middleware::Gate& held)
     {
         mw.settings.first_fd = 1;
@@ -40,8 +35,7 @@ private:
     std::vector<u8> picture_ = std::vector<u8>(640 * 480 * 2);
 };
 
-// Catches a late callback that still pushes a frame, feeds the encoder or counts in the closed
-// slot.
+// Catches a late callback that still pushes a frame, feeds the encoder or counts in the slot.
 TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
 {
     record();
@@ -63,8 +57,7 @@ TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
     EXPECT_EQ(traces(), before);
 }
 
-// Catches a device handle that a callback can still use after the close has given it up, at any
-// step of the close.
+// Catches a device handle that a callback can use after some step of the close has given it up.
 TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
 {
     bool came = true;
@@ -94,8 +87,7 @@ TEST_F(CloseRaces, CallbacksInsideEveryStepOfACloseCallNothingDead)
     }
 }
 
-// Catches a close that frees a device under a callback, and one that waits out its time limit
-// although the callback has left.
+// Catches a close that frees a device under a callback, or waits longer than the callback stays.
 TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
 {
     for (const char* inside : {"ZU_CAP_ProcessBufDone", "ZU_VENC_WriteBufferComplete",
@@ -123,8 +115,7 @@ TEST_F(CloseRaces, ACloseWaitsForTheCallbackThatIsInside)
     }
 }
 
-// Catches an encoder that goes while a file's reader fills its buffer, as when capture-encode fails
-// to open over a recording and is closed.
+// Catches an encoder that is closed while a file's reader fills its buffer.
 TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
 {
     mw.add_file("film.ts", Bytes(100000));
@@ -151,8 +142,7 @@ TEST_F(CloseRaces, ACloseOfTheEncoderWaitsForTheReaderThatFillsItsBuffer)
     EXPECT_TRUE(completed);
 }
 
-// Catches a buffer descriptor that the close of another slot's encoder gives back while a watermark
-// is drawn into the buffer.
+// Catches a buffer descriptor that another slot's close gives back while a watermark is drawn.
 TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
 {
     mw.add_file("film.ts", Bytes(100000));
@@ -169,8 +159,7 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
     EXPECT_TRUE(given_back);
 }
 
-// Catches a worker that is deleted under a callback which outlasts a drain, and a next drain that
-// forgets this callback.
+// Catches a worker deleted under a callback that outlasts a drain, at that drain or the next.
 TEST_F(CloseRaces, ACallbackThatOutlastsADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
     if (runs_slowly)
@@ -266,8 +255,7 @@ protected:
     }
 };
 
-// Catches a slot that the time limit and a client's call close twice, never, or with a wrong
-// answer, at whichever step they meet.
+// Catches a slot that the time limit and a client's call close twice, never, or answer wrongly.
 TEST_F(TimeLimit, MeetsAClientAtEveryPhaseInBothOrders)
 {
     int trials = 0;
@@ -292,14 +280,12 @@ TEST_F(TimeLimit, MeetsAClientAtEveryPhaseInBothOrders)
     printf("time limit against a client: %d trials\n", trials);
 }
 
-// Catches a data race between the callbacks and a slot that opens and closes, under
-// ThreadSanitizer.
+// Catches a data race between callbacks and a slot that opens and closes, under ThreadSanitizer.
 TEST_F(CloseRaces, StartAndStopUnderFire)
 {
     // between a close and the next registration
     mw.tolerate_problem("nobody ever registered");
-    // Once the handle is withdrawn a picture cannot be given back any more; it goes with its
-    // device.
+    // A picture cannot be given back once the handle is withdrawn; it goes with its device.
     mw.tolerate_problem("was never given back");
     record();
     const auto encoder = [&] {

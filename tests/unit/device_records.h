@@ -1,7 +1,4 @@
-/**
- * What the assertions that are made of device_layout.txt need. Other pointer sizes are not the
- * device's.
- */
+/** For the assertions made of device_layout.txt; only 4-byte pointers are the device's. */
 #pragma once
 
 #include <cstddef>

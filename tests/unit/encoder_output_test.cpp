@@ -19,8 +19,7 @@ protected:
 
 constexpr u64 none = ~u64{0};
 
-// Catches times that start from an invalid one or from a key frame's missing one, and an origin
-// that a stop loses or a close keeps.
+// Catches times that start from a missing one, and an origin that a stop loses or a close keeps.
 TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
 {
     struct Frame {
@@ -68,8 +67,7 @@ TEST_F(EncoderOutput, TimesAreRelativeToTheFirstValidOne)
     EXPECT_EQ(mw.pushed().back().pts, 1000u);
 }
 
-// Catches a frame without data, size, record or known encoder that is pushed, or refused with
-// another answer or line.
+// Catches a frame without data, size, record or encoder that is pushed or refused differently.
 TEST_F(EncoderOutput, WhatIsRefusedAndHow)
 {
     struct Case {
@@ -103,8 +101,7 @@ TEST_F(EncoderOutput, WhatIsRefusedAndHow)
                                   "E [_SCREENRECORD_Handle2SlotId]Can't find Transcode SlotID!"});
 }
 
-// Catches a frame that the library drops for lack of a multiplexer or source, which is the
-// multiplexer's to refuse.
+// Catches a frame dropped for lack of a multiplexer, which is the multiplexer's to refuse.
 TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
 {
     steps::close(0);
@@ -125,8 +122,7 @@ TEST_F(EncoderOutput, AFrameIsPushedAlsoWhereNothingIsAttached)
     task(0, VENC).u64MuxSrcId = 0x1'0000'0053;
 }
 
-// Catches a frame that is lost or pushed twice because the multiplexer was busy, and a loop that
-// spins without its pause.
+// Catches a frame that a busy multiplexer loses or gets twice, and a loop without its pause.
 TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
 {
     for (int i = 0; i < 3; i++)
@@ -139,8 +135,7 @@ TEST_F(EncoderOutput, ABusyMultiplexerIsTriedEvery200MsUntilItTakesTheFrame)
     EXPECT_TRUE(mw.take_logs().empty());
 }
 
-// Catches a stop that waits for ever behind a busy multiplexer, and a frame that is pushed while
-// the encoder's record is deleted.
+// Catches a stop that waits behind a busy multiplexer, and a push while the record is deleted.
 TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
 {
     mw.fail("ZU_TSMUX_PushMediaData", {.result = ZU_BUSY, .forever = true});
@@ -169,8 +164,7 @@ TEST_F(EncoderOutput, AStopEndsTheBusyLoopAndNothingIsPushedAfterIt)
     EXPECT_EQ(mw.count("ZU_TSMUX_PushMediaData"), 0);
 }
 
-// Catches another event that is reported as a full buffer, and an event of the audio capture that
-// is accepted.
+// Catches another event reported as a full buffer, and an accepted event of the audio capture.
 TEST_F(EncoderOutput, AFullOutputBufferIsOneLineOnStandardOutput)
 {
     testing::internal::CaptureStdout();

@@ -1,7 +1,4 @@
-/**
- * What a client sees of a middleware call that fails: which of its own calls fail, and what the log
- * says.
- */
+/** What a client sees of a call that fails: which of its own calls fail, what the log says. */
 #pragma once
 
 #include <set>
@@ -41,10 +38,7 @@ enum Kind : unsigned {
     pcm = 32,
 };
 
-/**
- * Of a fault that comes once in a scenario of that kind. `wherever`: of all faults of that call,
- * wherever in the scenario they come.
- */
+/** Of a fault that comes once; `wherever`: of all faults of that call, wherever in the scenario. */
 Expectation expected_of(Kind kind, const Fault& fault, bool wherever = false);
 
 bool matches(const std::string& pattern, const std::string& text);

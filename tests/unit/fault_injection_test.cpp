@@ -1,8 +1,7 @@
 /**
- * Every call fails: eight scenarios, and in each the n-th middleware call answers everything that
- * its contract lets it answer, once and from there on; so does every allocation; and so does every
- * call of the clean-up behind a first fault. A breach is a wrong answer or message, anything left
- * open or used dead, or a scenario that does not run afterwards as it ran before.
+ * In nine scenarios each middleware call and allocation fails in every way of the contract, once
+ * and for ever, and so does each clean-up call behind a first fault. A breach is a wrong answer or
+ * message, a leftover, a use after a close, or a scenario that runs differently afterwards.
  */
 #include "modules/display_connection.h"
 
@@ -28,10 +27,7 @@ struct Outcome {
     size_t closing = 0;
 };
 
-/**
- * Every so manieth fault is tried; the strides meet each way of failing in turn. ThreadSanitizer is
- * the slowest, and looks for what a clean-up, which is one thread's, rarely has.
- */
+/** One fault in so many is tried; a clean-up, on one thread, rarely interests ThreadSanitizer. */
 #ifdef __SANITIZE_THREAD__
 constexpr int stride_of_faults = 19, stride_of_second_faults = 97;
 #else
@@ -44,10 +40,7 @@ bool is_among(const std::vector<Fault>& faults, const char* call)
     return std::ranges::count(faults, call, &Fault::call) != 0;
 }
 
-/**
- * Every call of a run that can fail: its name, its number among those of that name, and its plain
- * failure.
- */
+/** Each call of a run that can fail: its name, its number among its like, its plain failure. */
 std::vector<Fault> faults_of(const std::vector<std::string>& calls, size_t from = 0)
 {
     std::map<std::string, int> seen;
@@ -110,10 +103,7 @@ public: // for the tests, which name its trials
         printf("all scenarios: injections tried %d, breaches %d\n", tried_, breaches_);
     }
 
-    /**
-     * Error lines without those that say what every stop and every de-initialisation of less than
-     * all says.
-     */
+    /** Error lines without those that every stop and every partial de-initialisation writes. */
     std::vector<std::string> error_texts(const std::vector<Fault>& injected)
     {
         std::vector<std::string> texts;

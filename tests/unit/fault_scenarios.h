@@ -40,8 +40,7 @@ protected:
         mw.settings.encoder_input_size = picture_size;
         mw.settings.first_fd = 3;
         mw.map_physical(luma, picture_.data(), picture_size);
-        // A task's first steps belong to its creation: so the order of all calls is always the
-        // same.
+        // A task's first steps belong to its creation: the order of calls is then always the same.
         mw.inside("ZU_OS_CreateTask", [this] { mw.settle(); }, {.forever = true, .behind = true});
     }
 

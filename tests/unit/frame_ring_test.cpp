@@ -17,8 +17,8 @@ protected:
     }
 
     /**
-     * A frame for each letter, upper case being a key frame, and one that is far too large for '!';
-     * '-' takes one, '?' requests a key frame.
+     * A frame for each letter, a capital being a key frame; '!' is too large, '-' takes one, '?'
+     * requests a key frame.
      */
     u32 play(std::string_view script)
     {
@@ -53,8 +53,7 @@ protected:
     CapEnc_EsInfo info = {};
 };
 
-// Catches a ring that hands out a frame whose key frame it dropped, or drops frames that can still
-// be decoded.
+// Catches a frame without its dropped key frame, and a dropped frame that could be decoded.
 TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
 {
     struct Case {
@@ -99,8 +98,7 @@ TEST_F(FrameRing, EachDroppedFrameIsLogged)
                                     line + "u32DataSize: 1, u8FrameType: 255"}));
 }
 
-// Catches a frame that is handed out without its key frame after a refused open, which resets the
-// indices while frames are still marked as filled.
+// Catches a frame without its key frame after a refused open, which resets the indices only.
 TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
 {
     play("A-B");
@@ -116,8 +114,7 @@ TEST_F(FrameRing, ARefusedOpenLeavesNothingToBeTakenWithoutAKeyFrame)
     EXPECT_EQ(take_all(), "F");
 }
 
-// Catches a frame before the first key frame that is handed out, a wrong frame type, and an empty
-// ring that writes to the caller's buffer.
+// Catches a frame before the first key frame, a wrong type, and an empty ring that writes anything.
 TEST_F(FrameRing, TheFirstFrameHandedOutIsAKeyFrameAndSaysSo)
 {
     play("aB");
@@ -135,8 +132,7 @@ TEST_F(FrameRing, TheFirstFrameHandedOutIsAKeyFrameAndSaysSo)
     EXPECT_EQ(info.u64Pts, 77u) << "an empty ring touches nothing else";
 }
 
-// Catches a frame that gets another picture's time, and an index past the table that reads behind
-// it.
+// Catches a frame that gets another picture's time, and an index beyond the table.
 TEST_F(FrameRing, FramesGetTheTimeOfTheirPicture)
 {
     for (u32 i = 0; i < 16; i++)
@@ -158,8 +154,7 @@ TEST_F(FrameRing, FramesGetTheTimeOfTheirPicture)
     EXPECT_EQ(task(0, VENC).u32LastInBufIndex, 0xFFFFFFFF);
 }
 
-// Catches a recording that starts with an invalid time, and a later frame that is dropped because
-// it has none.
+// Catches a recording that starts without a valid time, and a later frame dropped for lack of one.
 TEST_F(FrameRing, NoTimeIsRefusedAsTheFirstOnly)
 {
     _u64LastPts = ~u64{0};
@@ -173,8 +168,7 @@ TEST_F(FrameRing, NoTimeIsRefusedAsTheFirstOnly)
     EXPECT_EQ(take_all(), "BC");
 }
 
-// Catches an event without a record, without data or of another kind that gets into the ring or
-// sets the first time.
+// Catches an event without record or data, or of another kind, that enters the ring.
 TEST_F(FrameRing, WhatTheCallbackRefusesAndHow)
 {
     EXPECT_EQ(mw.fire_encoded_frame({.bytes = {1}, .null_record = true}), ZU_INVALID_ARGUMENT);
@@ -209,8 +203,7 @@ TEST_F(FrameRing, FramesThatWaitCanBeTakenAfterTheStopAndNotAfterTheClose)
     EXPECT_EQ(take_all(), "");
 }
 
-// Catches a data race between a reader, the encoder's callback and a client that starts and stops,
-// under ThreadSanitizer.
+// Catches a data race between reader, callback and a restarting client, under ThreadSanitizer.
 TEST_F(FrameRing, ReadersAndEncoderMayRunThroughStopAndClose)
 {
     u32 delivered = 0, turns = 0;

@@ -37,10 +37,7 @@ constexpr bool copies_are_counted = false;
 constexpr bool copies_are_counted = true;
 #endif
 
-/**
- * Starts each test with the library as it is at load, and ends it with everything closed and
- * nothing left.
- */
+/** Starts each test with the library as loaded; ends it with nothing open or left. */
 class LibraryTest : public middleware::MiddlewareTest {
 protected:
     /** of a picture that a test maps there, physical */
@@ -69,10 +66,7 @@ protected:
         mw.take_logs();
     }
 
-    /**
-     * Error lines since the last look, without those that every stop writes for modules that are
-     * not open.
-     */
+    /** Error lines since the last look, without those that every stop writes for closed modules. */
     std::vector<std::string> errors()
     {
         std::vector<std::string> lines = mw.take_logs();
@@ -82,9 +76,7 @@ protected:
         return lines;
     }
 
-    /**
-     * Runs `client` while each of `works` is done every millisecond on a thread of the middleware.
-     */
+    /** Runs `client` while threads of the middleware do each of `works` every millisecond. */
     void under_fire(std::initializer_list<std::function<void()>> works,
                     const std::function<void()>& client)
     {

@@ -1,5 +1,4 @@
-// The double must find what it says it finds: a checker that is silent makes every other test
-// worthless.
+// The double must find what it claims to find: a silent checker makes every other test worthless.
 #include "middleware/middleware.h"
 
 namespace {
@@ -32,8 +31,7 @@ void expect_problems(std::initializer_list<const char*> expected)
     mw.reset();
 }
 
-// Catches a double that overlooks a call on a device which is closed or never was open, and a
-// picture that never goes back.
+// Catches a double that overlooks a call on a closed or unknown device, or a picture not returned.
 TEST_F(MiddlewareTest, ADeviceThatIsUsedWronglyIsNamed)
 {
     const u32 capture = open_capture();
@@ -74,8 +72,7 @@ TEST_F(MiddlewareTest, EverythingThatIsLeftIsNamed)
                      "task idle is left"});
 }
 
-// Catches a double that overlooks a lock order which may deadlock, and a mutex that another thread
-// releases, or that is deleted or left while it is held.
+// Catches a double that overlooks a lock order that may deadlock or a misused mutex.
 TEST_F(MiddlewareTest, AMutexThatIsUsedWronglyIsNamed)
 {
     const s32 a = new_mutex("a"), b = new_mutex("b"), m = new_mutex("m");

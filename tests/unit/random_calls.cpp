@@ -42,8 +42,7 @@ public:
         mw_.add_file("a.nv12", Bytes(1000));
         mw_.map_physical(PICTURE, picture_.data(), PICTURE_SIZE);
         mw_.offer_inject_buffer(320 * 256 * 3 / 2);
-        // What a call that fails leaves by its nature, and pictures that come with no encoder
-        // behind them.
+        // What a failing call leaves by its nature, and pictures that come without an encoder.
         for (const char* tolerated :
              {"nobody ever registered", "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
               "ZU_VENC_WriteBufferComplete is called on unknown handle 0x0"})
@@ -98,10 +97,7 @@ private:
                 timer_from_[index] = mw_.now_ms();
     }
 
-    /**
-     * Prefers what the state allows, and what changes it but ends nothing: a sequence of refusals
-     * says little.
-     */
+    /** Prefers calls that the state allows and that end nothing: refusals say little. */
     const Operation& choose(Choice& choice)
     {
         choice.slot = dice_.roll(8) == 0 ? dice_.roll(4) : dice_.roll(2);
@@ -188,9 +184,7 @@ private:
     /** In seconds; without one, more than any sequence takes. */
     static u32 limit() { return _u32RecordTime != 0 ? _u32RecordTime.Get() : ~0u; }
 
-    /**
-     * The writer closes its slot when more whole seconds than the limit have passed; never earlier.
-     */
+    /** The writer closes its slot once more whole seconds than the limit have passed. */
     void note_limit_closes(StateModel& next, u32 least, bool faulted)
     {
         for (u32 index = 0; index < SCREENRECORD_SLOT_COUNT; index++) {

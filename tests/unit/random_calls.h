@@ -1,7 +1,4 @@
-/**
- * Sequences of calls over all exported functions, chosen by bytes: from a random generator in the
- * unit tests, from libFuzzer in the long form, from the corpus of what was once found.
- */
+/** Sequences of calls of all exported functions, chosen by random bytes, libFuzzer or corpus. */
 #pragma once
 
 #include <string>
@@ -21,8 +18,6 @@ struct RandomCallCounts {
 };
 
 /**
- * Runs one sequence of at most `most` calls on a fresh double, compares every answer and the state
- * behind it with the model's, closes everything and looks at what is left.
- * @return what was wrong, with the calls that led there; empty when nothing was
+ * Runs at most `most` calls on a fresh double and compares each answer and state with the model's.
  */
 std::string run_random_calls(const std::vector<u8>& bytes, int most, RandomCallCounts& counts);

@@ -18,8 +18,7 @@ long long number_from(const char* variable, long long otherwise)
 
 class RandomCalls : public LibraryTest {};
 
-// Catches an order of calls, callbacks and faults that no written case has and that gets another
-// answer than the model's.
+// Catches an order of calls, callbacks and faults that gets another answer than the model's.
 TEST_F(RandomCalls, EveryAnswerIsTheModels)
 {
     const auto seed = static_cast<u32>(number_from("RANDOM_CALLS_SEED", std::random_device{}()));

@@ -1,6 +1,4 @@
-/**
- * The good way of a recording, call by call: a changed order or argument is a fault on the device.
- */
+/** A recording call by call: a changed order or argument is a fault on the device. */
 #include "library_test.h"
 
 namespace {
@@ -15,8 +13,7 @@ protected:
     }
 };
 
-// Catches a module that is initialised twice, one that another client initialised and that is shut
-// down here, and a slot that starts with the values of an earlier use.
+// Catches a module initialised twice, another's that is shut down, and a slot with old values.
 TEST_F(RecordingCalls, InitBringsUpEachModuleOnceAndDeInitUndoesOnlyItsOwn)
 {
     mw.fail("ZU_VENC_Init", {.result = ZU_ALREADY_INITIALISED});
@@ -89,8 +86,7 @@ TEST_F(RecordingCalls, ScreenAndSoundAreConfiguredCallByCall)
          "ZU_TSMUX_SetAttr(0x41, 0x200, {1, 1000})=0"});
 }
 
-// Catches a changed order or argument of the device calls that start and stop a screen recording,
-// and a second start that repeats them.
+// Catches a changed device call of start or stop, and a second start that repeats them.
 TEST_F(RecordingCalls, ScreenAndSoundStartAndStopCallByCall)
 {
     configure();
@@ -116,8 +112,7 @@ TEST_F(RecordingCalls, ScreenAndSoundStartAndStopCallByCall)
                                    "ZU_VENC_Stop(0x21)=0", "ZU_OS_DeleteMutex(m1)=0"});
 }
 
-// Catches a changed order or argument of the device calls that close a stopped recording, a slot
-// that stays open behind them, and a second close that repeats them.
+// Catches a changed device call of close, a slot that stays open, and a second close that repeats.
 TEST_F(RecordingCalls, ScreenAndSoundCloseCallByCall)
 {
     configure();
@@ -143,8 +138,7 @@ TEST_F(RecordingCalls, ScreenAndSoundCloseCallByCall)
     EXPECT_CALLS(mw.take_calls(), {"ZU_FS_Sync()=0"});
 }
 
-// Catches a recording of files that opens a capture, leaves a file open, or disturbs the other
-// slot.
+// Catches a recording of files that opens a capture, leaves a file open, or disturbs the other.
 TEST_F(RecordingCalls, FilesAsSourcesOnTheOtherSlotWhileTheFirstRecords)
 {
     ASSERT_TRUE(steps::record(0));
@@ -203,8 +197,7 @@ TEST_F(RecordingCalls, ArgumentsMayBeLeftOut)
     }
 }
 
-// Catches a recording without sound that waits to interleave it, and MPEG-4 that is announced as
-// H.264.
+// Catches a recording without sound that waits to interleave it, and MPEG-4 announced as H.264.
 TEST_F(RecordingCalls, PicturesAloneAreNotInterleavedAndAnotherCodecIsAnnouncedAsAnother)
 {
     SCREENRECORD_Init();
@@ -215,8 +208,7 @@ TEST_F(RecordingCalls, PicturesAloneAreNotInterleavedAndAnotherCodecIsAnnouncedA
          "ZU_TSMUX_AttachMediaSource(0x41, type=0x3 pid=0x101 stream=0xe0)=0 id=0x100000051"});
 }
 
-// Catches a cached output buffer that is not flushed when it is opened or given up: its last lines
-// would stay in the cache.
+// Catches a cached output buffer that is not flushed when it is opened or given up.
 TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
 {
     SCREENRECORD_Init();
@@ -230,8 +222,7 @@ TEST_F(RecordingCalls, AnOutputBufferThatIsMappedCachedIsFlushed)
     EXPECT_EQ(task(0, TSMUX).u32OutBufSize, 0u);
 }
 
-// Catches a codec name that opens another codec, is refused although it is valid, or is refused
-// with the wrong lines.
+// Catches a codec name that opens another codec, or is refused or accepted wrongly.
 TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
 {
     struct Case {
@@ -276,8 +267,7 @@ TEST_F(RecordingCalls, CodecNamesDecideWhatIsOpened)
         }
 }
 
-// Catches a source name that is taken for a file or a screen by mistake, and a codec that is
-// checked for a transport stream.
+// Catches a source name that is mistaken for a file or a screen, and a codec checked needlessly.
 TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
 {
     SCREENRECORD_Init();
@@ -306,8 +296,7 @@ TEST_F(RecordingCalls, SourceNamesDecideWhatIsOpened)
                             "E [SCREENRECORD_SetAudio]Error: only aac could support file source"});
 }
 
-// Catches a width, height or rate limit that is off by one, and a refusal that leaves the slot
-// open.
+// Catches a limit of width, height or rate off by one, and a refusal that leaves the slot open.
 TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
 {
     struct Case {
@@ -329,8 +318,7 @@ TEST_F(RecordingCalls, NoMoreThanTheEncoderCanIsTaken)
     }
 }
 
-// Catches an argument of the single call that gets lost on its way, and a time limit that a failure
-// clears or a stop leaves.
+// Catches a lost argument of the single call, and a limit cleared by a failure or kept by a stop.
 TEST_F(RecordingCalls, OneCallRunsTheWholeSequenceOnSlotZero)
 {
     ASSERT_EQ(startScreenRecord(320, 240, 25, 3, 192, 0, 0, steps::text("out.ts")), 0);

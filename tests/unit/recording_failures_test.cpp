@@ -45,8 +45,7 @@ const ControlCall control_calls[] = {
     {"Close", SCREENRECORD_Close, false, nullptr},
 };
 
-// Catches a control call that follows a missing slot number, accepts one out of range, or calls the
-// device before the initialisation.
+// Catches a missing or impossible slot that is used, and device calls before the initialisation.
 TEST_F(RecordingFailures, ASlotAndTheInitialisationAreCheckedFirst)
 {
     for (const ControlCall& c : control_calls) {
@@ -61,8 +60,7 @@ TEST_F(RecordingFailures, ASlotAndTheInitialisationAreCheckedFirst)
     }
 }
 
-// Catches an argument that is used without a check, and a check that comes before that of a running
-// recording or ends it.
+// Catches an unchecked argument, and a check before that of a running recording or that ends it.
 TEST_F(RecordingFailures, ARunningRecordingIsRefusedBeforeTheArguments)
 {
     for (const ControlCall& c : control_calls) {
@@ -103,8 +101,7 @@ TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
     task(0, TSMUX).u32OutFile = file;
 }
 
-// Catches a device or file that stays open after a failed configuration, also if the failing call
-// has opened it.
+// Catches a device or file left open by a failed configuration, even if the failing call opened it.
 TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
 {
     const struct {
@@ -145,8 +142,7 @@ TEST_F(RecordingFailures, AConfigurationThatFailsHalfWayClosesItsSlot)
         }
 }
 
-// Catches a device that leaks in the other interfaces because the call that opened it answered a
-// failure.
+// Catches a device that leaks because the call that opened it answered a failure.
 TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
 {
     const struct {
@@ -174,8 +170,7 @@ TEST_F(RecordingFailures, AnOpenThatFailsAndStillOpensLeavesNothing)
     }
 }
 
-// Catches a display that stays marked as connected after its slot was opened again: no later
-// capture would connect it.
+// Catches a display that stays marked as connected when its slot is opened again.
 TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
 {
     static Cap_OpenParams stills = {64, 64, 0, 0, 1};
@@ -253,8 +248,7 @@ TEST_F(RecordingFailures, AStartThatFailsStopsTheSlotBeforeItClosesIt)
                          "ZU_VENC_Close(0x21)=0"});
 }
 
-// Catches a reserved destination that is opened as a file, a similar name that is refused, and a
-// slot that stays open without its file.
+// Catches a reserved destination opened as a file, and a slot that stays open without its file.
 TEST_F(RecordingFailures, ADestinationThatIsNoFileClosesTheSlot)
 {
     SCREENRECORD_Init();
@@ -287,8 +281,7 @@ TEST_F(RecordingFailures, ARegionWithoutAddressIsRefused)
                   "E [SCREENRECORD_SetTsMux][DEMO TRANSCODE] Open Tsmux Failed!"});
 }
 
-// Catches an internal call that follows a null record or calls the device for a module that does
-// not exist.
+// Catches an internal call that uses a null record, or calls the device for an unknown module.
 TEST_F(RecordingFailures, NoRecordAndNoSuchModuleAreRefusedUntouched)
 {
     _bSysInited = 1;

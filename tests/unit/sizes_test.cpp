@@ -1,7 +1,4 @@
-/**
- * Sizes from clients and from the middleware at their boundaries, alone and in pairs: each is
- * refused or exact. What must come out is counted here by division, where nothing can wrap.
- */
+/** Sizes at their boundaries, against counts by division, which cannot wrap. */
 #include <algorithm>
 #include <limits>
 
@@ -53,8 +50,7 @@ protected:
     ZU_CAP_Output_t capture_output() { return mw.last().capture.stOutput; }
 };
 
-// Catches a picture size that overflows into a small buffer, and a size at a boundary that is
-// refused although it fits.
+// Catches a picture size that overflows into a small buffer, or is refused although it fits.
 TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
 {
     // wraps into something that fits
@@ -94,8 +90,7 @@ TEST_F(Sizes, APictureOfARecordingIsCountedExactlyOrRefused)
     }
 }
 
-// Catches a rate or bit rate that is clamped, rounded or replaced on its way, and a packet size
-// that reaches the multiplexer unchecked.
+// Catches a rate that is clamped, rounded or replaced, and a packet size that is not checked.
 TEST_F(Sizes, RatesAndPacketSizesArriveAsTheyWereGiven)
 {
     for (const u32 value : boundaries) {
@@ -132,8 +127,7 @@ TEST_F(Sizes, TheInjectBuffersAddressIsRoundedAndNeverWraps)
     }
 }
 
-// Catches a copy past the end of the picture or of the encoder's buffer, and one that stops short
-// of both.
+// Catches a copy past the picture or the encoder's buffer, and one that stops short of both.
 TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
 {
     constexpr u8 not_the_picture = 0xEE;
@@ -165,8 +159,7 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
     }
 }
 
-// Catches a last read of a file that is lost, sent twice, or passes the end of the encoder's
-// buffer.
+// Catches a last read of a file that is lost, sent twice, or passes the encoder's buffer.
 TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
 {
     for (const u32 lent : real_sizes) {
@@ -201,8 +194,7 @@ TEST_F(Sizes, AnEncoderThatLendsNoByteIsAskedAgain)
     next();
 }
 
-// Catches a frame that is cut, written past the caller's buffer, or refused although it fits
-// exactly.
+// Catches a frame that is cut, overruns the caller's buffer, or is refused although it fits.
 TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
 {
     ASSERT_TRUE(steps::capture_encode(64, 64));
@@ -229,8 +221,7 @@ TEST_F(Sizes, AFrameIsHandedOutWholeOrNotAtAll)
     }
 }
 
-// Catches a writer that writes past its batch because the multiplexer claims to have copied more
-// than it was asked for.
+// Catches a write past the batch if the multiplexer claims more bytes than were asked for.
 TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
 {
     for (const u32 claimed : boundaries) {
@@ -246,8 +237,7 @@ TEST_F(Sizes, TheWriterBelievesNoMoreThanItAskedFor)
     }
 }
 
-// Catches a read before a whole buffer is there, more bytes reported than the caller has room for,
-// and a 64-bit size that is cut to 32 bits.
+// Catches a read of less than a buffer, a report beyond the caller's room, and a cut 64-bit size.
 TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
 {
     ASSERT_EQ(audio_cap_open(), 0);
@@ -275,8 +265,7 @@ TEST_F(Sizes, SoundIsReadOnceAWholeBufferIsThere)
     }
 }
 
-// Catches a block of stills whose size overflows into a small allocation, or is refused although it
-// fits.
+// Catches a block of stills whose size overflows, or is refused although it fits.
 TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
 {
     // by format

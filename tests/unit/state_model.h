@@ -76,9 +76,9 @@ public:
 };
 
 /**
- * An operation: the call, the model's answer to it, and when it may be made. Where a step would
- * open a device over one that is open, the interface asks the client for a close first; such calls
- * are not made. The middleware has one capture connection, so two slots do not capture at a time.
+ * A call, the model's answer, and when it may be made. Calls that would open a device over an open
+ * one are not made: clients must close first. Nor do two slots capture at a time, since the
+ * middleware has one capture connection.
  */
 struct Operation {
     const char* name;

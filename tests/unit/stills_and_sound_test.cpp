@@ -1,6 +1,4 @@
-/**
- * Still frames and PCM. That slot 0 serves one interface at a time is the random calls' to judge.
- */
+/** Still frames and PCM; random calls judge that slot 0 serves one interface at a time. */
 #include "library_test.h"
 
 namespace {
@@ -42,8 +40,7 @@ Cap_Buffer described(const Layout& layout, u32 i)
             0};
 }
 
-// Catches a client that is told another offset, pitch or size than the capture, and stills that
-// overlap.
+// Catches a client that gets another offset, pitch or size than the capture; overlapping stills.
 TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
 {
     const Layout cases[] = {
@@ -84,8 +81,7 @@ TEST_F(StillFrames, BuffersAreDescribedAsTheyAreCapturedInto)
     }
 }
 
-// Catches a wrong number of buffers that is accepted, a block that is freed before its descriptor
-// is given back, and buffers that are described after the close.
+// Catches a wrong number of buffers, a block freed before its descriptor, buffers after a close.
 TEST_F(StillFrames, TheCloseGivesBackTheDescriptorBeforeTheBlock)
 {
     ASSERT_EQ(open(640, 480, 2, 3), 0);
@@ -101,8 +97,7 @@ TEST_F(StillFrames, TheCloseGivesBackTheDescriptorBeforeTheBlock)
     EXPECT_EQ(video_cap_getCaptureBuffers(buffers, 3), -1);
 }
 
-// Catches a count, format or index out of range that is accepted, and a capture into memory that
-// was never allocated.
+// Catches a count, format or index out of range, and a capture into memory never allocated.
 TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
 {
     for (const s32 count : {0, -1}) {
@@ -137,8 +132,7 @@ TEST_F(StillFrames, RefusalsAndWhatIsLeftAfterThem)
 
 using Pcm = LibraryTest;
 
-// Catches a changed order of the audio device's calls, and a module mark of an earlier use that an
-// open keeps.
+// Catches a changed order of the audio device's calls, and an open that keeps an old module mark.
 TEST_F(Pcm, OpenToCloseCallByCall)
 {
     EXPECT_EQ(audio_cap_close(), 0) << "not open";
@@ -162,8 +156,7 @@ TEST_F(Pcm, OpenToCloseCallByCall)
     EXPECT_EQ(audio_cap_getLostSize(), 0u);
 }
 
-// Catches sound that arrives changed, a failed read that reports bytes, and an overfull device
-// buffer that is not reported.
+// Catches sound that arrives changed, a failed read that reports bytes, and a silent overflow.
 TEST_F(Pcm, WhatIsReadAndWhatIsSaidOfIt)
 {
     ASSERT_EQ(audio_cap_open(), 0);

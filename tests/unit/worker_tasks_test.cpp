@@ -1,7 +1,4 @@
-/**
- * The workers of a recording: the data that they move, their end, and stops that do not wait for
- * one that has not run.
- */
+/** The workers of a recording: the data they move, their end, and stops before they run. */
 #include "modules/multiplexer_writer.h"
 #include "modules/source_reader.h"
 #include "table/worker_tasks.h"
@@ -12,8 +9,7 @@ namespace {
 
 using WorkerTasks = LibraryTest;
 
-// Catches a write per pass instead of per batch, and the end of a stream that never reaches the
-// file.
+// Catches a write per pass instead of per batch, and an end of the stream that is not written.
 TEST_F(WorkerTasks, WriterBatchesMoreThan64KiBAndWritesTheRestAtTheEnd)
 {
     ASSERT_TRUE(steps::record(0));
@@ -51,8 +47,7 @@ TEST_F(WorkerTasks, AFailedCopyEndsTheWriterWithoutItsBatch)
     EXPECT_TRUE(mw.file("out.ts").empty());
 }
 
-// Catches a time limit that ends a recording early, late or not completely, and a writer that
-// deletes itself.
+// Catches a time limit that ends early, late or not completely, and a writer that deletes itself.
 TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
 {
     ASSERT_EQ(steps::one_call(10), 0);
@@ -77,8 +72,7 @@ TEST_F(WorkerTasks, TheTimeLimitClosesTheSlotAtTheFirstCheckBeyondIt)
                  {"ZU_OS_DeleteMutex(m1)=0", "ZU_OS_DeleteMutex(m0)=0"});
 }
 
-// Catches a writer that ended at its time limit and that a next call of another kind leaks or
-// deletes twice.
+// Catches a writer that ended at its limit and that the next call leaks or deletes twice.
 TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
 {
     for (void (*next)() : {+[] { steps::open(0, "next.ts"); }, +[] { stopScreenRecord(); },
@@ -94,8 +88,7 @@ TEST_F(WorkerTasks, ARetiredWriterIsReclaimedByWhateverComesNext)
     }
 }
 
-// Catches a stop that waits for a worker which never ran, and the memory that such a worker would
-// have freed.
+// Catches a stop that waits for a worker that never ran, or leaks its memory.
 TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
 {
     mw.add_file("a.nv12", Bytes(16));
@@ -123,8 +116,7 @@ TEST_F(WorkerTasks, StartsAndStopsInAThousandOrdersNeverStall)
     }
 }
 
-// Catches a stop that waits for ever for a hanging worker, and a mutex that is released by a thread
-// other than its owner.
+// Catches a stop that waits for a hanging worker for ever, and a mutex released by another thread.
 TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
 {
     mw.add_file("a.nv12", Bytes(640 * 480 * 3 / 2 * 2));
@@ -142,8 +134,7 @@ TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
     EXPECT_EQ(task(1, VREADER).s32MutexId, -1);
 }
 
-// Catches a worker that a dead disk delayed past its deletion and that writes into, or ends, the
-// slot's next recording.
+// Catches a worker that outlives its deletion and writes into, or ends, the next recording.
 TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
 {
     for (const char* const call : {"ZU_FS_Fwrite", "ZU_TSMUX_CopyOutputStream"}) {
@@ -177,8 +168,7 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
 // what counts as the library's
 extern "C" void* __wrap_malloc(size_t size);
 
-// Catches an entry that depends on this library's own task records, leaks its argument, or runs
-// although it was cancelled before it began.
+// Catches an entry that needs the library's task records, leaks its argument, or runs cancelled.
 TEST_F(WorkerTasks, AnEntryRunsWithoutACreationAndNotOnceItIsCancelled)
 {
     mw.tolerate_problem("ZU_TSMUX_CopyOutputStream is called on unknown handle 0x0");
@@ -241,8 +231,7 @@ TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
     EXPECT_CALLS(mw.ledger_problems(), {});
 }
 
-// Catches a reader that skips or repeats part of its file, announces a short last picture, or
-// repeats an index or a time.
+// Catches a reader that skips or repeats data, an index or a time, or shortens the last picture.
 TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
 {
     const u32 size = mw.settings.encoder_input_size = 1000;
@@ -272,8 +261,7 @@ TEST_F(WorkerTasks, ReaderFeedsWholeBuffersWithRotatingIndexAndTime)
     EXPECT_CALLS(logs, expected);
 }
 
-// Catches a reader that asks without a pause, gives up, or reuses the index of a picture that the
-// encoder did not accept.
+// Catches a reader that polls without a pause, gives up, or reuses a refused picture's index.
 TEST_F(WorkerTasks, ReaderWaitsForAnEncoderThatLendsNothing)
 {
     mw.settings.encoder_input_size = 1000;
