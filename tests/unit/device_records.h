@@ -14,9 +14,9 @@
 #include <zu3/tsmux.h>
 #include <zu3/venc.h>
 
-#define HOLD_RECORD(record, bytes)                                                                 \
+#define ASSERT_RECORD(record, bytes)                                                               \
     static_assert(sizeof(void*) != 4 || sizeof(record) == (bytes), #record " has changed its size")
-#define HOLD_FIELD(record, field, offset, bytes)                                                   \
+#define ASSERT_FIELD(record, field, offset, bytes)                                                 \
     static_assert(sizeof(void*) != 4 ||                                                            \
                       (offsetof(record, field) == (offset) && sizeof(record::field) == (bytes)),   \
                   #record "::" #field " has moved or changed its size")
