@@ -4,6 +4,7 @@
 #include "base/host_log.h"
 #include "base/threads.h"
 #include "capture/image_placement.h"
+#include "capture/part_choice.h"
 #include "capture/screen.h"
 #include "capture/still_picture.h"
 #include "picture/picture_in_flight.h"
@@ -72,7 +73,11 @@ uint32_t CaptureDevice::connect(uint32_t display)
         HOST_LOGE("The capture device is connected to a display already.");
         return ZU_FAILURE;
     }
-    source_ = open_picture_source();
+    const auto part = chosen_screen_part();
+    if (!part)
+        return ZU_FAILURE;
+    source_ = open_picture_source(*part);
+    pointer_ = part->pointer;
     return source_ ? ZU_OK : ZU_FAILURE;
 }
 
@@ -301,8 +306,8 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
         return Written::stopped;
-    auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), true, stop,
-                                          patience_of_pictures})
+    auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), pointer_,
+                                          stop, patience_of_pictures})
                          : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::stopped : Written::no_display;

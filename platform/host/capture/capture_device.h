@@ -92,6 +92,8 @@ private:
     // held while a picture is grabbed and converted; locked before mutex_ if both are
     std::mutex source_mutex_;
     std::unique_ptr<PictureSource> source_;
+    // recordings show the pointer
+    bool pointer_ = true;
     BgraScaler scaler_;
     uint32_t stills_ = 0;
 

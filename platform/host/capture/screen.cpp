@@ -1,6 +1,7 @@
 #include "capture/screen.h"
 
 #include "base/border.h"
+#include "capture/part_choice.h"
 #include "capture/source_choice.h"
 
 #include <cmath>
@@ -41,7 +42,10 @@ int tell_screen(zu3_host_screen_receiver_t receiver, void* user)
 {
     // two sessions at once would ask the user twice
     kept_screen().take();
-    ChosenScreen screen = open_wayland_screen();
+    const auto part = chosen_screen_part();
+    if (!part)
+        return -1;
+    ChosenScreen screen = open_wayland_screen(*part);
     PictureSize size{};
     if (screen.source) {
         const auto image = screen.source->grab({{}, 0, false, {}, patience_of_first_picture});
@@ -88,11 +92,11 @@ uint32_t tell_findings(zu3_host_finding_receiver_t receiver, void* user)
 
 } // namespace
 
-std::unique_ptr<PictureSource> open_picture_source()
+std::unique_ptr<PictureSource> open_picture_source(const common::ScreenPart& part)
 {
     if (auto kept = kept_screen().take())
         return kept;
-    ChosenScreen screen = open_chosen_screen();
+    ChosenScreen screen = open_chosen_screen(part);
     if (!screen.problem.empty())
         HOST_LOGE("The screen cannot be captured: %s.", screen.problem.c_str());
     return std::move(screen.source);

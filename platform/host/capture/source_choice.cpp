@@ -82,9 +82,21 @@ struct Opened {
     ScreenFailure failure = ScreenFailure::none;
 };
 
-Opened open_by(const Way& way)
+/** The end of a sentence: why a source has no part; empty for the whole screen. */
+std::string refusal_of_part(const common::ScreenPart& part)
+{
+    return part.is_whole() ? ""
+                           : "this source captures the whole screen (unset ZU3_REGION, ZU3_MONITOR "
+                             "and ZU3_WINDOW, or choose another ZU3_DISPLAY)";
+}
+
+Opened open_by(const Way& way, const common::ScreenPart& part)
 {
     Opened opened{.screen = {.kind = way.kind, .name = way.name}};
+    if (opened.screen.problem = refusal_of_part(part); !opened.screen.problem.empty()) {
+        opened.failure = ScreenFailure::failed;
+        return opened;
+    }
     if (!way.module) {
         opened.failure = ScreenFailure::not_offered;
         opened.screen.problem = "a module cannot be loaded (" + way.failure + ")";
@@ -133,16 +145,16 @@ bool goes_to_x11(ScreenFailure failure)
     return failure == ScreenFailure::no_session && !environment("DISPLAY").empty();
 }
 
-ChosenScreen open_session()
+ChosenScreen open_session(const common::ScreenPart& part)
 {
     if (!session_is_wayland())
         return {.kind = ZU3_HOST_SCREEN_X11};
-    Opened direct = open_by(wayland_way());
+    Opened direct = open_by(wayland_way(), part);
     if (goes_to_x11(direct.failure))
         return {.kind = ZU3_HOST_SCREEN_X11};
     if (direct.failure != ScreenFailure::not_offered)
         return std::move(direct.screen);
-    ChosenScreen portal = open_by(portal_way()).screen;
+    ChosenScreen portal = open_by(portal_way(), part).screen;
     if (!portal.problem.empty())
         portal.problem = direct.screen.problem + "; " + portal.problem;
     return portal;
@@ -210,17 +222,17 @@ uint32_t examine_session(Findings& findings)
 
 } // namespace
 
-ChosenScreen open_wayland_screen()
+ChosenScreen open_wayland_screen(const common::ScreenPart& part)
 {
     switch (setting()) {
     case Setting::session:
-        return open_session();
+        return open_session(part);
     case Setting::x11:
         return {.kind = ZU3_HOST_SCREEN_X11};
     case Setting::wayland:
-        return open_by(wayland_way()).screen;
+        return open_by(wayland_way(), part).screen;
     case Setting::portal:
-        return open_by(portal_way()).screen;
+        return open_by(portal_way(), part).screen;
     case Setting::test_card:
         return {.kind = ZU3_HOST_SCREEN_TESTCARD};
     case Setting::unknown:
@@ -229,9 +241,13 @@ ChosenScreen open_wayland_screen()
     return unknown_setting();
 }
 
-ChosenScreen open_chosen_screen()
+ChosenScreen open_chosen_screen(const common::ScreenPart& part)
 {
-    ChosenScreen screen = open_wayland_screen();
+    ChosenScreen screen = open_wayland_screen(part);
+    if (screen.kind == ZU3_HOST_SCREEN_X11 || screen.kind == ZU3_HOST_SCREEN_TESTCARD)
+        screen.problem = refusal_of_part(part);
+    if (!screen.problem.empty())
+        return screen;
     if (screen.kind == ZU3_HOST_SCREEN_X11)
         screen.source = open_x11();
     else if (screen.kind == ZU3_HOST_SCREEN_TESTCARD)

@@ -2,6 +2,7 @@
 
 #include "capture/screen_module.h"
 
+#include <common/screen_part.h>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,11 +23,11 @@ struct ChosenScreen {
     uint32_t refresh_mhz = 0;
 };
 
-/** Opens the source that ZU3_DISPLAY names, or by default the session's. */
-ChosenScreen open_chosen_screen();
+/** Opens a part of the source that ZU3_DISPLAY names, or by default of the session's. */
+ChosenScreen open_chosen_screen(const common::ScreenPart& part);
 
 /** The source that open_chosen_screen() opens, without opening X11's or the test card. */
-ChosenScreen open_wayland_screen();
+ChosenScreen open_wayland_screen(const common::ScreenPart& part);
 
 /** Why this source is used, then what it needs; as zu3_host_examine_screen(). */
 uint32_t examine_screen(std::vector<ScreenFinding>& findings);

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <common/picture_size.h>
+
+namespace common {
+
+/** In pixels of the screen; the corner may lie outside of it, to the left and above too. */
+struct ScreenRegion {
+    int32_t x;
+    int32_t y;
+    PictureSize size;
+    bool operator==(const ScreenRegion&) const = default;
+};
+
+/** The part of a screen that is captured; at most one of the first three is set. */
+struct ScreenPart {
+    /** stands for the window that has the keyboard's focus at the start */
+    static constexpr uint32_t active_window = 0;
+    /** stands for the primary monitor */
+    static constexpr std::string_view primary_monitor = "primary";
+
+    std::optional<ScreenRegion> region{};
+    /** as the system names it; empty = not set */
+    std::string monitor{};
+    /** an X11 window, or active_window */
+    std::optional<uint32_t> window{};
+    /** recordings show the pointer */
+    bool pointer = true;
+
+    bool is_whole() const { return !region && monitor.empty() && !window; }
+    bool operator==(const ScreenPart&) const = default;
+};
+
+/** "WxH+X+Y", decimal, X and Y with an optional minus sign after the plus; no side is 0. */
+std::optional<ScreenRegion> parse_region(std::string_view text);
+
+/** "active", or a window's number, decimal or hexadecimal after "0x"; not 0. */
+std::optional<uint32_t> parse_window(std::string_view text);
+
+/** A region as parse_region() reads it. */
+std::string region_text(const ScreenRegion& region);
+
+/** The common part of two regions; nullopt if there is none. */
+std::optional<ScreenRegion> overlap(const ScreenRegion& a, const ScreenRegion& b);
+
+} // namespace common
