@@ -187,8 +187,8 @@ TEST(CapturePlacement, LeavesOutTheLastColumnOrRowOfAnOddSize)
         EXPECT_EQ(without_odd_edge(c.display, c.visible), c.shown) << "case " << &c - cases;
 }
 
-// Catches drift, bursts after a pause, and pictures that are counted twice or not at all.
-TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
+// Catches drift, a long burst after a pause, and pictures that are counted twice or not at all.
+TEST(CaptureScheduleTimes, PassesOverWhatIsTooLateToBeMadeUp)
 {
     const CaptureSchedule::Time start{};
     CaptureSchedule schedule(start, 30);
@@ -196,13 +196,31 @@ TEST(CaptureScheduleTimes, PassesOverWhatIsMoreThanAnIntervalLate)
     schedule.advance();
     EXPECT_EQ(schedule.due() - start, 33'333'333ns);
     EXPECT_EQ(schedule.pass_over_late(start + 66'000'000ns), 0u) << "late by less than an interval";
-    EXPECT_EQ(schedule.pass_over_late(start + 300'000'000ns), 0u)
-        << "the first ones are caught up with";
-    EXPECT_EQ(schedule.pass_over_late(start + 301'000'000ns), 8u) << "but not by more than eight";
+    EXPECT_EQ(schedule.pass_over_late(start + 300'000'000ns), 0u) << "made up";
+    EXPECT_EQ(schedule.pass_over_late(start + 301'000'000ns), 8u) << "but not more than eight";
     EXPECT_EQ(schedule.number(), 9u);
-    EXPECT_EQ(schedule.pass_over_late(start + 366'000'000ns), 1u);
-    EXPECT_EQ(schedule.pass_over_late(start + 24h), 24 * 3600 * 30 - 10u);
+    EXPECT_EQ(schedule.pass_over_late(start + 24h), 24 * 3600 * 30 - 9u);
     EXPECT_EQ(schedule.due() - start, 24h);
+}
+
+// Catches a machine that stays too slow whose pictures all show what came after their time, and a
+// short delay, minutes later, that costs pictures.
+TEST(CaptureScheduleTimes, MakesUpOncePerSecondInTime)
+{
+    const CaptureSchedule::Time start{};
+    CaptureSchedule schedule(start, 30);
+    const auto passed_over = [&schedule](int pictures, std::chrono::nanoseconds late) {
+        uint64_t passed = 0;
+        for (int i = 0; i < pictures; ++i, schedule.advance())
+            passed += schedule.pass_over_late(schedule.due() + late);
+        return passed;
+    };
+    EXPECT_EQ(passed_over(8, 50ms), 0u);
+    EXPECT_EQ(passed_over(1, 50ms), 1u) << "the ninth in a row";
+    EXPECT_EQ(passed_over(29, 10ms), 0u);
+    EXPECT_EQ(passed_over(1, 50ms), 1u) << "too soon after";
+    EXPECT_EQ(passed_over(30, 10ms), 0u);
+    EXPECT_EQ(passed_over(8, 50ms), 0u);
 }
 
 // Catches a queue behind a slow callback, drops that are not counted, times off the rate's grid.

@@ -7,8 +7,10 @@ namespace zu3host {
 
 /**
  * The moments at which pictures are due: start + n / rate, whatever happens in between, so that
- * nothing drifts. A picture that is more than one interval late is passed over, but for the first
- * few: the encoder is slow until its memory has been touched once, and catches up.
+ * nothing drifts. After a short delay, the first pictures of a cold encoder among them, those that
+ * came due meanwhile are made up one after the other. A longer delay is passed over, and so are the
+ * pictures of a machine that stays too slow: made up, they would all show what came after their
+ * time.
  */
 class CaptureSchedule {
 public:
@@ -20,20 +22,30 @@ public:
     uint64_t number() const { return number_; }
     /** When it is due. */
     Time due() const { return moment(number_); }
-    /** Goes past the pictures that are too late at `now`; returns how many. */
+    /**
+     * Goes past the pictures that are too late at `now`; returns how many. Call it once for each
+     * picture that is captured.
+     */
     uint64_t pass_over_late(Time now)
     {
-        const uint64_t before = number_;
-        const bool may_catch_up = number_ < beginning && now <= moment(number_ + beginning);
-        if (moment(number_ + 1) < now && !may_catch_up) {
-            const auto elapsed =
-                std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
-            // The newest that is due; the one before it may still be within its interval.
-            number_ = static_cast<uint64_t>(elapsed / second) * rate_ +
-                      static_cast<uint64_t>(elapsed % second) * rate_ / second;
-            if (number_ < before)
-                number_ = before;
+        if (now <= moment(number_ + 1)) {
+            if (++in_time_ >= rate_)
+                to_make_up_ = most_made_up;
+            return 0;
         }
+        in_time_ = 0;
+        if (to_make_up_ > 0 && now <= moment(number_ + most_made_up)) {
+            --to_make_up_;
+            return 0;
+        }
+        const uint64_t before = number_;
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
+        // The newest that is due; the one before it may still be within its interval.
+        number_ = static_cast<uint64_t>(elapsed / second) * rate_ +
+                  static_cast<uint64_t>(elapsed % second) * rate_ / second;
+        if (number_ < before)
+            number_ = before;
         return number_ - before;
     }
     /** The next picture has been dealt with. */
@@ -41,8 +53,8 @@ public:
 
 private:
     static constexpr int64_t second = 1'000'000'000;
-    /** Pictures that are not passed over, and how many of them the last one taken may be behind. */
-    static constexpr uint64_t beginning = 8;
+    /** Pictures made up until a second's worth has been in time, and how many one may be behind. */
+    static constexpr uint64_t most_made_up = 8;
 
     Time moment(uint64_t number) const
     {
@@ -54,6 +66,9 @@ private:
     Time start_;
     uint32_t rate_;
     uint64_t number_ = 0;
+    uint64_t to_make_up_ = most_made_up;
+    /** pictures in a row that were in time */
+    uint64_t in_time_ = 0;
 };
 
 } // namespace zu3host
