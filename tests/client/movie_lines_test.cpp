@@ -93,7 +93,7 @@ TEST_F(SoundLines, WaitsForThePictures)
     EXPECT_EQ(heard_.size(), 2400u);
 }
 
-// Catches silence that is missing where sound was lost, so that what follows comes too early.
+// Catches missing silence for lost sound, so that the rest comes too early.
 TEST_F(SoundLines, KeepsItsPlaceBehindAGap)
 {
     put(-480, 960, 1);

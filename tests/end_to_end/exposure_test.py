@@ -41,7 +41,7 @@ class Files(ShortEndToEndTest):
             self.assertEqual(path.stat().st_mode & 0o777, 0o600, path)
 
     def test_planted_links_are_refused(self):
-        # Catches somebody's file that is overwritten, emptied or made because a link to it was waiting, also where
+        # Catches another user's file that is overwritten, emptied or made because a link to it was waiting, even if
         # the path begins with a link of the kernel's.
         precious, missing = self.path("precious"), self.path("not-there")
         precious.write_text("precious", encoding="utf-8")
@@ -58,9 +58,9 @@ class Files(ShortEndToEndTest):
         self.assertEqual(precious.read_text(encoding="utf-8"), "precious")
         self.assertFalse(missing.exists())
 
-    @unittest.skipIf(os.geteuid() != 0, "only root makes files of somebody else")
+    @unittest.skipIf(os.geteuid() != 0, "only root makes files of another user")
     def test_what_belongs_to_somebody_else_is_refused(self):
-        # Catches a pipe or a file that somebody has put there to read the screen.
+        # Catches a pipe or a file that another user has put there to read the screen.
         for name, make in {"his-file": lambda path: path.write_text("his", encoding="utf-8"), "his-pipe": os.mkfifo}.items():
             make(self.path(name))
             os.chown(self.path(name), 12345, 12345)
@@ -131,7 +131,7 @@ class Descriptors(ShortEndToEndTest):
         os.close(full)
 
     def test_none_is_inherited_and_no_shared_memory_shrinks(self):
-        # Catches a child that keeps a recording open, and one who shrinks a buffer under a reader.
+        # Catches a child that keeps a recording open, and a buffer that shrinks under a reader.
         self.start_display("320x240")
         self.start_screen("--noise")
         self.start_sound()
@@ -187,12 +187,12 @@ class Hardening(unittest.TestCase):
 
     @unittest.skipIf(os.geteuid() != 0, "only root gives a file away")
     def test_privileged_process_is_not_led_by_its_environment(self):
-        # Catches somebody who lends a program's rights, and chooses what it connects to.
+        # Catches a user who borrows a program's rights and chooses its server.
         with tempfile.TemporaryDirectory() as folder:
             program = pathlib.Path(folder, "set-uid")
             shutil.copy(BUILD / "bin/host_capture_test", program)
             os.chmod(folder, 0o755)
-            for mode, said, passes in ((0o755, "", True), (0o4755, "privileges of its own", False)):
+            for mode, said, passes in ((0o755, "", True), (0o4755, "more privileges than its user", False)):
                 program.chmod(mode)
                 ended = subprocess.run([program, "--gtest_filter=*LeavesLeasedPicturesAlone"], user=65534, cwd="/",
                                        env={}, capture_output=True, text=True)
@@ -208,7 +208,7 @@ class Hardening(unittest.TestCase):
                     self.assertRegex(listing, wanted)
                 self.assertNotIn("TEXTREL", listing)
                 self.assertNotRegex(listing, r"RUNPATH.*(\[:|::|:\])", "an empty entry is the current folder")
-                self.assertNotIn("libpulse", listing, "loaded by whoever starts, with its two dozen libraries")
+                self.assertNotIn("libpulse", listing, "loaded at every start, with its two dozen libraries")
                 self.assertIn("__stack_chk_fail", needs)
                 if platform.machine() == "x86_64":
                     self.assertRegex(listing, r"x86 feature:.*\bSHSTK\b")

@@ -17,7 +17,7 @@ BUILD = pathlib.Path(os.environ.get("SCREENRECORD_BUILD_DIR", SOURCE / "build" /
 SANITIZED = os.environ.get("SCREENRECORD_SANITIZED", "") != ""
 # Time that things may take which are not what a test measures; instrumented programs are slower.
 PATIENCE = 60 if SANITIZED else 20
-# What a client has to notice within a second, which an instrumented one on a busy machine cannot promise.
+# A client notices some things within a second, which an instrumented one on a busy machine cannot promise.
 SOON = 10 if SANITIZED else 1
 SANITIZER_EXIT = 99
 SANITIZER_REPORTS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
@@ -159,7 +159,7 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def start_display(cls, size="1280x720", *options):
-        """A display of its own for the class, of depth 24 unless the size ends in another; the started server."""
+        """A private display for the class, of depth 24 unless the size ends in another; the started server."""
         server = cls.start(SOURCE / "scripts" / "virtual_display.sh", size, *options)
         cls.environment["DISPLAY"] = ":" + server.first_line()
         return server
@@ -171,7 +171,7 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def start_sound(cls):
-        """A sound server of its own, with two sinks that nobody hears, of which the first is in use."""
+        """A private sound server with two silent sinks, of which the first is in use."""
         socket = cls.path("pulse-socket")
         socket.unlink(missing_ok=True)  # of a server that was killed
         server = cls.start("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
@@ -181,7 +181,7 @@ class EndToEndTest(unittest.TestCase):
         cls.environment["PULSE_SERVER"] = f"unix:{socket}"
         cls.environment.pop("ZU3_AUDIO", None)
         wait_until(lambda: socket.exists() or server.process.poll() is not None, "the sound server's socket")
-        # The sink renders two seconds ahead before it learns that somebody wants less; a listener makes it learn.
+        # The sink renders two seconds ahead before it learns that a listener wants less; a listener makes it learn.
         listener = cls.start("parec", "-d", "test.monitor", "--raw", "--rate=8000", "--channels=1", "--latency-msec=10")
         wait_until(lambda: size_of(listener.out.name) > 0, "the sink's first sound")
         return server

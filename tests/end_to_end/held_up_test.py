@@ -1,4 +1,4 @@
-"""Readers that have stopped reading, disks that stand still, pipes that nobody opens: signals are heard all the same."""
+"""Readers that have stopped reading, disks that stand still, pipes without a reader: signals are heard all the same."""
 
 import contextlib
 import functools
@@ -14,7 +14,7 @@ import subprocess
 import judges
 from harness import SANITIZED, ShortEndToEndTest, full_pipe, size_of, wait_until
 
-# What a stop may take, whatever else stands still.
+# Seconds for a stop, whatever stands still.
 STOP = 30 if SANITIZED else 3
 
 
@@ -68,7 +68,7 @@ class Disk(ShortEndToEndTest):
         self.assertTrue(judges.whole_packets(self.path("a.ts")))
 
     def test_moves_again(self):
-        # Catches a loss that is told where there is none, and an end that does not wait for what comes yet.
+        # Catches a loss that is told although there is none, and an end that does not wait for what comes yet.
         recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "b.ts")
         wait_until(lambda: size_of(self.path("b.ts")) > 0, "the first batch")
         held = self.hold(recording, "disk writer")

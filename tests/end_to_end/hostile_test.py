@@ -72,7 +72,7 @@ class HostileServers:
                 for mode in modes}
 
 
-# What they would do wrong shows best there, and their time is spent once.
+# It shows their mistakes best, and their time is spent once.
 with_address_sanitizer = unittest.skipUnless("address" in os.environ.get("SCREENRECORD_SANITIZED", ""),
                                              "only with the address sanitizer")
 

@@ -37,7 +37,7 @@ def packets(path, kind="v"):
 
 def decoder_messages(path):
     """
-    All that ffmpeg's decoder says of a file; nothing when it is well. Time is counted as the file does: on the grid of
+    All that ffmpeg's decoder says of a file; empty for a good one. Time is counted as the file does: on the grid of
     the frame rate, which ffmpeg takes otherwise, two pictures that a busy machine took late can fall together.
     """
     result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-i", path, "-enc_time_base", "-1",
@@ -106,7 +106,7 @@ def colour_faults(path, index, tolerance=3):
 
 
 def access_units(data):
-    """Splits an Annex B stream at its access-unit delimiters; something else in front is the first unit's."""
+    """Splits an Annex B stream at its access-unit delimiters; bytes in front belong to the first unit."""
     starts = [0] + [match.start() for match in re.finditer(rb"\x00?\x00\x00\x01\x09", data)][1:]
     return [data[a:b] for a, b in zip(starts, starts[1:] + [len(data)])]
 

@@ -1,4 +1,4 @@
-"""The installed package, as somebody meets it who builds on it: the README's first program and the examples."""
+"""The installed package, for a project that builds on it: the README's first program and the examples."""
 
 import os
 import re

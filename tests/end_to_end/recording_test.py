@@ -184,7 +184,7 @@ class Signals(ShortEndToEndTest):
 
 
 class Killed(EndToEndTest):
-    """SIGKILL at random moments: what is lost is what the writer had not passed on, and nothing is left behind."""
+    """SIGKILL at random moments: only data that the writer still had is lost, and nothing is left behind."""
 
     MOMENTS, AT_ONCE = 20, 10
     SCREEN, OPTIONS = ("--fps", "30"), ("-r", "10", "--rate", "2")
@@ -270,7 +270,7 @@ class FullDisk(ShortEndToEndTest):
         self.start_screen("--noise")
         path = folder / "a.ts"
         recording = self.client("record", "-o", path)
-        # Not for a disk without a free block: what did not fit whole is taken back at once.
+        # Not for a disk without a free block: a part that did not fit is taken back at once.
         wait_until(lambda: "No space left on device" in recording.errors(), "the message")
         self.assert_exit(recording, 3, SOON)
         self.assertGreater(path.stat().st_size, 800_000)

@@ -1,4 +1,4 @@
-"""The captured display: what is drawn on it, its pointer, its size, and a server that is not there, hangs or dies."""
+"""The captured display: its content, pointer and size, and a server that is missing, hangs or dies."""
 
 import json
 import signal

@@ -43,7 +43,7 @@ class Shots(ShortEndToEndTest):
         self.assert_within(nv12[:pixels], luma, 1.6)
         self.assert_within(yuyv[0::2], luma, 1.6)
         self.assertEqual(len(nv12), pixels * 3 // 2)
-        # Chroma where the colour is the same all around: inside the patches.
+        # Chroma inside the patches, whose color is the same all around.
         for (left, top), (red, green, blue) in judges.PATCHES.items():
             x, y = left + 64, top + 64
             wanted = (128 + (-37.797 * red - 74.203 * green + 112 * blue) / 255,

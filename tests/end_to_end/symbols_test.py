@@ -63,7 +63,7 @@ class Symbols(unittest.TestCase):
         self.assertLessEqual(needed, set(RUNTIME + CONTRACT_LIBRARIES))
 
     def test_interface_is_the_saved_one(self):
-        """Whoever was built on an earlier version still fits: names, arguments, records, the values of enumerations."""
+        """A program built on an earlier version still fits: names, arguments, records, the values of enumerations."""
         saved = (SOURCE / "src/screenrecord.abi").read_text("utf-8")
         canaries = {
             "as saved": (saved, False),

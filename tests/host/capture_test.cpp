@@ -232,7 +232,7 @@ TEST_F(TestCardCapture, CountsWhatASlowCallbackMisses)
         due = captured_picture_in_callback()->time_us;
         late = counters().pictures_dropped_late;
         captured = counters().pictures_captured;
-        // what the library does to it when the encoder is busy
+        // as the library does when the encoder is busy
         std::this_thread::sleep_for(170ms);
     });
     look([&](const Frame&) {

@@ -82,7 +82,7 @@ inline ZU_VENC_OpenParams_t params_of(uint32_t width, uint32_t height,
     return params;
 }
 
-/** A texture that moves by three pixels a picture, with some noise of its own in each. */
+/** A texture that moves by three pixels a picture, with different noise in each. */
 inline void draw(uint8_t* picture, PictureLayout layout, uint32_t number)
 {
     uint32_t random = number * 2654435761u + 1;

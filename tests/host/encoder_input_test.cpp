@@ -1,4 +1,4 @@
-// What the encoder lends, takes and refuses, and what becomes of it when it stops.
+// The pictures that the encoder lends, accepts and refuses, and its stop.
 #include "capture/picture_pool.h"
 #include "encoder/input_memory.h"
 #include "encoder_fixture.h"
@@ -57,7 +57,7 @@ TEST(EncoderOpen, TellsItsExactSizeWhileItIsOpen)
     }
     EXPECT_EQ(exact_size_of_open_encoder(1376, 768), std::nullopt);
 
-    // What a stream's client asks for holds for one encoder, of that size rounded up.
+    // A request of a stream's client is for one encoder, of that size rounded up.
     const struct {
         PictureSize asked, opened, exact;
     } cases[] = {{{1280, 720}, {1280, 736}, {1280, 720}},
@@ -197,8 +197,8 @@ TEST(EncoderStop, ReturnsWhileACallbackIsBlockedAndDropsTheQueue)
     EXPECT_EQ(encoder.receiver.frames[1].pts, 6000u);
 }
 
-// Catches one who waits for room, or who holds up the end, while the encoder stops.
-TEST(EncoderStop, WakesWhoWaitsForRoom)
+// Catches a producer that waits for room, or delays the stop, while the encoder stops.
+TEST(EncoderStop, WakesAProducerThatWaitsForRoom)
 {
     auto shortest = std::chrono::steady_clock::duration::max();
     for (int round = 0; round < 3; ++round) { // a busy machine may hold up one of them

@@ -82,7 +82,7 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
         EXPECT_EQ(status.st_size, 3);
         EXPECT_EQ(status.st_mode & 0777, 0600u);
         EXPECT_EQ(ZU_FS_Fclose(file), ZU_OK);
-        for (const char* target : {"out", "nobody's"}) {
+        for (const char* target : {"out", "missing"}) {
             fs::remove(path("link"));
             fs::create_symlink(path(target), path("link"));
             const common::Descriptor here(::open(folder_.c_str(), O_PATH));
@@ -93,16 +93,16 @@ TEST_F(Files, GiveEachWriteToTheKernelAndKeepTheFilePrivate)
             }
         }
         EXPECT_EQ(fs::file_size(path("out")), 3u);
-        EXPECT_FALSE(fs::exists(path("nobody's")));
+        EXPECT_FALSE(fs::exists(path("missing")));
         fs::remove(path("out"));
     }
 }
 
 // Catches another user's file or pipe that is written, and an open descriptor that is refused.
-TEST_F(Files, OfSomebodyElseAreNotWritten)
+TEST_F(Files, OfAnotherUserAreNotWritten)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "only root makes files of somebody else";
+        GTEST_SKIP() << "only root makes files of another user";
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     std::ofstream(path("file")) << "his";
     for (const char* name : {"pipe", "file"}) {
@@ -192,7 +192,7 @@ int bytes_in(int pipe)
     return ioctl(pipe, FIONREAD, &bytes) == 0 ? bytes : -1;
 }
 
-/** A stream, and where each of its pictures ends. */
+/** A stream, and the end of each of its pictures. */
 struct Stream {
     zu3host::Bytes bytes;
     std::vector<size_t> ends;

@@ -11,8 +11,7 @@ namespace {
 // Catches an event that stays quiet, stays loud, or blocks a reader that reads once too often.
 TEST(FrameEvent, TellsOfFramesUntilItIsRead)
 {
-    // nobody has asked yet
-    zu3host::signal_frame();
+    zu3host::signal_frame(); // without a listener
     const int event = zu3_host_frame_event();
     ASSERT_GE(event, 0);
     ASSERT_EQ(zu3_host_frame_event(), event);

@@ -94,10 +94,10 @@ TEST(Log, WritesALineAtOnceWhateverItsLength)
     EXPECT_LE(third.size(), 4096u);
 }
 
-// Catches a line that ends the process, since whoever read standard error has gone.
+// Catches a line that ends the process because the reader of standard error has gone.
 TEST(Log, SurvivesItsReader)
 {
-    const auto log_to_nobody = [] {
+    const auto log_without_a_reader = [] {
         int ends[2] = {-1, -1};
         if (pipe(ends) != 0 || signal(SIGPIPE, SIG_DFL) == SIG_ERR)
             _exit(2);
@@ -105,7 +105,7 @@ TEST(Log, SurvivesItsReader)
         dup2(ends[1], STDERR_FILENO);
         _exit(__android_log_print(ANDROID_LOG_ERROR, "a", "unread") == -EPIPE ? 0 : 1);
     };
-    EXPECT_EXIT(log_to_nobody(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(log_without_a_reader(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -93,7 +93,7 @@ TEST(DeviceMemory, IsLowZeroedGuardedSealedAndFoundByEachByte)
     }
 }
 
-// Catches a conversion that forgets the offset or answers for an address of nobody.
+// Catches a conversion that forgets the offset or answers for a foreign address.
 TEST(AddressConversion, GoesBothWaysInsideABlockOnly)
 {
     const auto block = allocate(10000);
@@ -136,7 +136,7 @@ TEST(Iommu, HandsOutDescriptorsOfTheSameMemory)
     EXPECT_EQ(get_descriptor(block.u64PhyAddr), -1);
 }
 
-// Catches a give-back that closes somebody else's descriptor, or takes descriptor 0 for none.
+// Catches a give-back that closes a foreign descriptor, or treats descriptor 0 as none.
 TEST(Iommu, TakesBackOnlyWhatItHandedOut)
 {
     const auto block = allocate(4096);

@@ -69,7 +69,7 @@ TEST(Mutex, BelongsToItsHolderUntilReleased)
 }
 
 // Catches a deletion that leaves waiters to run into their limit, or frees the mutex under them.
-TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
+TEST(Mutex, DeletionWhileHeldWakesItsWaiters)
 {
     const s32 id = make_mutex();
     ASSERT_EQ(ZU_OS_ObtainMutex(id, 0), ZU_OK);
@@ -86,7 +86,6 @@ TEST(Mutex, DeletionWhileHeldWakesThoseWhoWait)
               std::chrono::milliseconds(long_wait_ms / 2));
 }
 
-// Catches a stack of only the 4096 bytes given, a task that gets SIGINT, and a name Linux refuses.
 /** A condition variable of a process that is stopped during the first wait. */
 struct StoppedDuringAWait {
     int waits = 0;
@@ -99,7 +98,7 @@ struct StoppedDuringAWait {
     }
 };
 
-// Catches a limit that passes while the process is stopped, which gives nobody the time to answer.
+// Catches a limit that passes while the process is stopped, which gives no thread the time to answer.
 TEST(PatientWait, CountsAStopAsOneSlice)
 {
     std::mutex mutex;
@@ -111,6 +110,7 @@ TEST(PatientWait, CountsAStopAsOneSlice)
     EXPECT_EQ(changed.waits, 6);
 }
 
+// Catches a stack of only the 4096 bytes given, a task that gets SIGINT, and a name Linux refuses.
 TEST(Task, IsANamedThreadWithRoomThatLeavesSignalsToTheClient)
 {
     char name[16] = {};
@@ -175,7 +175,7 @@ struct Held {
 // Catches a deletion that hangs on a task that never ends, or claims that it is gone.
 TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 {
-    // outlives the task, which nobody joins
+    // outlives the task, which is never joined
     static Held& held = *new Held;
     const s32 id = make_task(held.body);
     held.running.get_future().wait();
@@ -187,7 +187,7 @@ TEST(Task, DeletionOfOneThatDoesNotEndFailsInBoundedTime)
 }
 
 // Catches a media thread without its priority, one that overrides the user's, a preferred creator.
-TEST(Task, IsPreferredWhereTheSystemAllowsItAndNobodySaidOtherwise)
+TEST(Task, IsPreferredIfTheSystemAllowsItAndItsUserDoes)
 {
     const auto own_nice = [] { return getpriority(PRIO_PROCESS, 0); };
     const auto set_nice = [](int nice) { return setpriority(PRIO_PROCESS, 0, nice) == 0; };

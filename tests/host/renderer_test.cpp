@@ -1,4 +1,4 @@
-// Watermarks: what is drawn, against a composition in RGB; what is left alone; what is refused.
+// Watermarks: pixels drawn, against a composition in RGB, pixels left alone, refusals.
 #include "srglworker/SrGlWorker.h"
 
 #include <gtest/gtest.h>
@@ -116,7 +116,7 @@ sp<WatermarkParams> logo(int x, int y, uint32_t columns, uint32_t lines, uint32_
     return params;
 }
 
-/** The same by the book, in RGB; marks where the logo is. */
+/** The same by the book, in RGB; marks the pixels of the logo. */
 void compose(const WatermarkParams& params, Field& colours, Field& marks)
 {
     const uint32_t stride = params.u32Stride ? params.u32Stride : params.u32Width * 4;
@@ -141,6 +141,7 @@ int render(const sp<SrGlWorker>& worker, Picture& picture)
     return buffer ? worker->render(buffer) : -100;
 }
 
+// Catches a logo that is off its place, color, opacity or edge, and a pixel changed outside of it.
 TEST(Renderer, DrawsAsAComposerInRgbWould)
 {
     const std::pair<const char*, sp<WatermarkParams>> cases[] = {
@@ -173,7 +174,7 @@ TEST(Renderer, DrawsAsAComposerInRgbWould)
         ASSERT_EQ(render(worker, drawn), 0);
         const Picture composed(80, wanted), marked(80, marks), unmarked(80, black);
         for (size_t i = 0; i < drawn.bytes.size(); ++i) {
-            // One level: what is behind was rounded when it became NV12. Where no logo is, none.
+            // One level: the background was rounded when it became NV12. None beside the logo.
             const int allowed = marked.bytes[i] != unmarked.bytes[i];
             ASSERT_NEAR(drawn.bytes[i], composed.bytes[i], allowed) << "byte " << i;
         }
@@ -225,6 +226,7 @@ TEST(Renderer, ShowsTheLastLogoThatWasPossible)
     EXPECT_EQ(shown(), blank.bytes);
 }
 
+// Catches a described picture that reaches beyond its memory.
 TEST(Renderer, RefusesPicturesThatAreNotAsDescribed)
 {
     Picture picture(64, random_field());

@@ -1,4 +1,4 @@
-// Sound in recordings: where it lies against the pictures.
+// Sound in recordings: its place against the pictures.
 #include "multiplexer/sound_track.h"
 
 #include <cmath>

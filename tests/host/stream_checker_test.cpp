@@ -81,7 +81,7 @@ void blank(Bytes& stream, uint16_t pid, size_t count)
 
 struct Defect {
     const char* name;
-    /** what the checker calls it */
+    /** the checker's name of it */
     const char* kind;
     void (*plant)(Bytes&);
 };
@@ -139,7 +139,7 @@ const Defect defects[] = {
     {"a wrong PES length", "pes", [](Bytes& s) { payload(of_pid(s, sound_pid, true))[5] += 1; }},
     {"a stream that is not there", "missing_pid",
      [](Bytes& s) { change_all(s, 0, has_pid(sound_pid), make_null); }},
-    {"a stream that nobody announced", "unknown_pid",
+    {"a stream that no table announces", "unknown_pid",
      [](Bytes& s) { of_pid(s, sound_pid, false)[2] = 0x33; }},
     {"a scrambled packet", "scrambled", [](Bytes& s) { of_pid(s, sound_pid, false)[3] |= 0x80; }},
     {"a beginning without an IDR picture", "first_unit",
@@ -167,6 +167,7 @@ Bytes make_stream(uint32_t packet_size)
     return recording.output;
 }
 
+// Catches a checker that overlooks a defect or reports a good stream.
 TEST(StreamChecker, FindsEachPlantedDefect)
 {
     const Bytes whole = make_stream(188);
@@ -180,6 +181,7 @@ TEST(StreamChecker, FindsEachPlantedDefect)
     }
 }
 
+// Catches a checker that ignores the arrival times of 192-byte packets.
 TEST(StreamChecker, FindsArrivalTimesThatStandStill)
 {
     Bytes stream = make_stream(192);

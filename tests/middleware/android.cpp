@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
@@ -83,7 +81,7 @@ RefBase::~RefBase()
 {
     if (mRefs->strong != 0) {
         const Lock lock(state().mutex);
-        problem("a reference-counted object is destroyed while somebody refers to it");
+        problem("a reference-counted object is destroyed while it is referred to");
     }
     delete mRefs;
     objects_alive--;

@@ -1,13 +1,10 @@
-#include <algorithm>
-
 #include "middleware/contract_call.h"
-#include "middleware/contract_results.h"
 
 namespace middleware {
 
 namespace {
 
-// What says little about the order of work.
+// Calls that say little about the order of work.
 const std::set<std::string> noise = {
     "__android_log_print", "systemTime",          "ZU_OS_ObtainMutex",         "ZU_OS_ReleaseMutex",
     "ZU_OS_DelayTask",     "ZU_OS_GetSystemTime", "ZU_OS_TimerDiffTimeFromNow"};

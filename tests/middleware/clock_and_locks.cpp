@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "middleware/contract_call.h"
 #include "utils/Timers.h"
 
@@ -19,7 +17,7 @@ bool waits(std::thread::id thread)
 }
 
 /** Whether a task, a callback thread or the holder of a mutex runs or is about to. */
-bool somebody_runs()
+bool any_runs()
 {
     const State& s = state();
     const auto runs =
@@ -41,7 +39,7 @@ void delay(Lock& lock, s64 ms, bool client, const std::string& what)
 
 void wait_until_idle(Lock& lock)
 {
-    if (!state().changed.wait_for(lock, real_patience, [] { return !somebody_runs(); }))
+    if (!state().changed.wait_for(lock, real_patience, [] { return !any_runs(); }))
         problem("a task or callback thread neither ended nor waited");
 }
 
@@ -110,7 +108,7 @@ u32 release(s32 id)
         problem(text("mutex ", mutex->name, " is released by a thread that does not hold it"));
         return ZU_FAILURE;
     }
-    // Handed to who waits longest, so that nobody can overtake.
+    // Handed to the longest waiter, so that no thread overtakes another.
     mutex->owner = {};
     std::erase_if(mutex->queue, [](const Waiter* waiter) { return waiter->woken; });
     if (!mutex->queue.empty()) {
@@ -151,10 +149,10 @@ void wake(Waiter& waiter)
 void let_time_pass()
 {
     State& s = state();
-    // for those who wait until everybody waits
+    // for threads that wait until all wait
     s.changed.notify_all();
     const auto is_client = [](const Waiter* waiter) { return waiter->client && !waiter->woken; };
-    if (somebody_runs() || !(s.run_freely || std::ranges::any_of(s.waiters, is_client)))
+    if (any_runs() || !(s.run_freely || std::ranges::any_of(s.waiters, is_client)))
         return;
     s64 earliest = never;
     for (const Waiter* waiter : s.waiters)
@@ -176,7 +174,7 @@ void wait(Lock& lock, Waiter& waiter, const std::string& what)
     s.waiters.push_back(&waiter);
     let_time_pass();
     if (!s.changed.wait_for(lock, real_patience, [&] { return waiter.woken; })) {
-        problem(text(what, " waited for a minute of real time: nobody can go on"));
+        problem(text(what, " waited for a minute of real time: no thread can go on"));
         waiter.expired = true;
         waiter.woken = true;
     }

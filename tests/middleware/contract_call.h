@@ -78,7 +78,7 @@ auto ending_call(const std::string& function, std::string arguments, Effect&& ef
 /** Blocks the calling thread until `waiter` is woken or virtual time passes its deadline. */
 void wait(Lock& lock, Waiter& waiter, const std::string& what);
 void wake(Waiter& waiter);
-/** Moves the clock if nobody can run; called whenever somebody stopped running. */
+/** Moves the clock if no thread can run; called whenever one has stopped running. */
 void let_time_pass();
 
 /** A kind of device: its name, its first handle and the module that it belongs to. */
@@ -90,7 +90,7 @@ struct KindFacts {
 const KindFacts& facts(Kind kind);
 std::string name_of(Kind kind, u32 handle);
 
-/** A live device of that kind, or nullptr after noting who called it dead. */
+/** A live device of that kind, or nullptr after noting which call found it dead. */
 Device* live_device(u32 handle, Kind kind, const std::string& function);
 
 void end_all_tasks(Lock& lock);

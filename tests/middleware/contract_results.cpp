@@ -1,6 +1,4 @@
-#include "middleware/contract_results.h"
-
-#include <map>
+#include "middleware/middleware.h"
 
 namespace middleware {
 
@@ -14,12 +12,7 @@ const std::vector<s64> with_empty_success = {ZU_FAILURE, ZU_INVALID_ARGUMENT, mo
                                              ZU_OK};
 const std::vector<s64> initialisation = {ZU_FAILURE, ZU_INVALID_ARGUMENT, module_failure,
                                          ZU_ALREADY_INITIALISED};
-// a handle or an object
-const std::vector<s64> null = {0};
-// a count
-const std::vector<s64> error_or_end = {-1, 0};
-// an int, 0 = success
-const std::vector<s64> refusals = {1, -1};
+const std::vector<s64> null = {0}, error_or_end = {-1, 0}, refusals = {1, -1};
 
 const std::map<std::string, std::vector<s64>> exceptions = {
     {"ZU_ACAP_Init", initialisation},

@@ -1,8 +1,6 @@
 /** The frames of calls on devices. */
 #pragma once
 
-#include <algorithm>
-
 #include "middleware/contract_call.h"
 
 namespace middleware {
@@ -42,7 +40,7 @@ inline u32 device_call(const char* function, Kind kind, u32 handle, const std::s
     return device_call(function, kind, handle, more, [](Context&, Device&) { return ZU_OK; });
 }
 
-/** One that ends something, also where it is scripted to fail. */
+/** One that ends something, even if it is scripted to fail. */
 template <class Effect>
 u32 ending_device_call(const char* function, Kind kind, u32 handle, const std::string& more,
                        Effect effect)
@@ -56,7 +54,7 @@ inline u32 attribute_call(const char* function, Kind kind, u32 handle, u32 type,
 {
     return perform(
         false, function, hex(type), text(hex(handle), ", ", hex(type), ", ", value), [&](Context&) {
-            // Interleaving is also switched off where no multiplexer was opened yet.
+            // Interleaving is switched off even if no multiplexer was opened yet.
             const bool none = kind == Kind::multiplexer && handle == 0;
             return !none && live_device(handle, kind, function) ? ZU_OK : ZU_INVALID_ARGUMENT;
         });
@@ -71,7 +69,7 @@ Callback bound(u32 (*function)(s32, u32, Record*, void*), u32 handle, void* user
     };
 }
 
-/** Moves bytes from a queue to a destination; what is told of their number may be set to a lie. */
+/** Moves bytes from a queue to a destination; the number told may be set to a lie. */
 inline u32 move_out(std::deque<u8>& queue, void* destination, u32 size, std::optional<u32> claim)
 {
     const auto end =

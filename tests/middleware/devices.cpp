@@ -1,4 +1,4 @@
-/** What all kinds of devices have alike: initialisation, start, stop, callbacks and close. */
+/** The calls that all kinds of devices have: initialisation, start, stop, callbacks and close. */
 #include "middleware/device_calls.h"
 
 using namespace middleware;

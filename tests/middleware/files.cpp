@@ -1,14 +1,11 @@
-#include <algorithm>
-
 #include "middleware/contract_call.h"
 
 using namespace middleware;
 
 namespace {
 
-constexpr u32 first_file =
-    // with the top bit, which the library cuts off where it copies a handle
-    0x800000F1;
+/** with the top bit, which the library cuts off in its copies of a handle */
+constexpr u32 first_file = 0x800000F1;
 
 OpenFile* live_file(u32 handle, const char* function)
 {

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "middleware/contract_call.h"
 
 namespace middleware {
@@ -12,7 +10,7 @@ u32 call_in(Kind kind, u32 event, void* record, std::optional<u32> picture = {})
     Lock lock(state().mutex);
     const auto found = state().devices.find(state().last_of_kind[kind]);
     if (found == state().devices.end() || !found->second.callback) {
-        problem("nobody ever registered for what comes from a " + facts(kind).name);
+        problem("no callback was ever registered with a " + facts(kind).name);
         return 0;
     }
     Device& device = found->second;

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <sys/mman.h>
 
 #include "middleware/allocation_failures.h"
@@ -39,9 +38,7 @@ std::vector<std::string> leftovers()
 
 State& state()
 {
-    static State* const the_state =
-        // never destroyed: static objects of others may call in at exit
-        new State;
+    static State* const the_state = new State; // never destroyed: static objects call in at exit
     return *the_state;
 }
 
@@ -105,7 +102,7 @@ void Middleware::reset()
         munmap(memory.data(), memory.size());
     const size_t forgotten = s.calls_forgotten + s.calls.size();
     lock.unlock();
-    // A mutex and a condition variable do not move; everything else starts anew.
+    // A mutex and a condition variable do not move; the rest starts anew.
     s.~State();
     new (&s) State;
     s.calls_forgotten = forgotten;

@@ -1,35 +1,25 @@
 /**
  * The scripted middleware: one double of everything under the platform contract, on which the
- * library's objects run in the unit tests. It logs every call, answers as a good device does or as
- * a script says, keeps a ledger of what is open, checks locks, owns a virtual clock and plays the
+ * library's objects run in the unit tests. It logs every call, answers as a good device or as a
+ * script says, keeps a ledger of what is open, checks locks, owns a virtual clock and plays the
  * middleware's own threads.
  *
- *     using middleware::MiddlewareTest;
+ *     mw.fail("ZU_VENC_Open", {.result = 7}); // the next ZU_VENC_Open answers 7
+ *     mw.inside("ZU_CAP_CaptureStop", [&] { mw.fire_picture({.luma = 0x100}); });
+ *     EXPECT_EQ(video_capenc_open(&params), -1);
+ *     EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Open(path=0)=0 h=0x11", "..."});
+ *     mw.tolerate_problem("task Tscode:6 is left"); // TearDown fails on every other problem
  *
- *     TEST_F(MiddlewareTest, AnEncoderThatDoesNotOpenLeavesNoCaptureBehind)
- *     {
- *         CapEnc_OpenParams params = {...};
- *         mw.fail("ZU_VENC_Open", {.result = 7}); // the next ZU_VENC_Open answers 7
- *         mw.inside("ZU_CAP_CaptureStop", [&] { mw.fire_picture({.luma = 0x100}); });
- *         EXPECT_EQ(video_capenc_open(&params), -1);
- *         EXPECT_CALLS(mw.take_calls(), {"ZU_CAP_Open(path=0)=0 h=0x11", "..."});
- *         EXPECT_EQ(mw.last().encoder.u32Width, 640u);
- *         EXPECT_CALLS(mw.take_logs(), {"E [video_capenc_open] ..."});
- *         mw.tolerate_problem("task Tscode:6 is left"); // TearDown fails on every other problem
- *     }
+ * Time is virtual. While a thread that is no task waits in the middleware (a delay, a mutex, the
+ * deletion of a task, advance()) and all tasks, callback threads and holders of mutexes wait too,
+ * the clock jumps to the earliest deadline. So advance(1000) runs a task with a period of 100 ms
+ * ten times, and a delay on the test's own thread or in a callback returns at once. A thread that
+ * waits elsewhere, in a std::mutex, does not move the clock.
  *
- * Time: nothing takes real time. The clock moves only while a thread that is no task waits in the
- * middleware (a delay, a mutex, the deletion of a task, or advance() itself) and every task,
- * callback thread and holder of a mutex waits too; then it jumps to the earliest deadline. So
- * advance(1000) lets a task with a period of 100 ms run exactly ten times, and a delay on the
- * test's own thread or in a callback returns at once. A thread that waits outside the middleware
- * (for a std::mutex of the library, say) is not known to wait and does not move the clock.
- *
- * Names in scripts are function names; ZU_OS_IommuOperation, ZU_TSMUX_SetAttr and ZU_VENC_SetAttr
- * also answer to "ZU_OS_IommuOperation:GET_BUFFD", "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks
- * run with no lock of the double. A call that ends something (close, delete, free, de-initialise,
- * detach, put) ends it also when it is scripted to fail; any other call that is scripted to fail
- * does nothing.
+ * Names in scripts are function names, some with a variant: "ZU_OS_IommuOperation:GET_BUFFD",
+ * "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks run without a lock of the double. A call that ends
+ * something (close, delete, free, de-initialise, detach, put) ends it even if it is to fail; any
+ * other call that is to fail does nothing.
  */
 #pragma once
 
@@ -71,12 +61,17 @@ struct EncodedFrame {
     u64 pts = ~u64{0};
     u32 input_index = 0;
     u32 event = ZU_VENC_EVENT_FRAME;
-    std::optional<u32> size =
-        /** a size that is not that of the bytes; with no bytes the pointer is NULL */
-        {};
+    /** if it is not that of the bytes; without bytes the pointer is NULL */
+    std::optional<u32> size = {};
     /** the record pointer itself is NULL */
     bool null_record = false;
 };
+
+/**
+ * What the contract lets `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") answer besides full
+ * success, the plain failure first, then also successes without a result. Empty if it cannot fail.
+ */
+std::vector<s64> contract_results(const std::string& call);
 
 /** Renderers of watermarks that exist; readable to the very end of the process. */
 extern int live_workers;
@@ -91,9 +86,9 @@ public:
     // --- the log of calls
     /** Calls so far, without mutexes, delays, clocks and log lines; forgets all calls. */
     std::vector<std::string> take_calls();
-    /** Every call by the name that scripts know it by, with its variant where it has one. */
+    /** Every call by the name that scripts know it by, with its variant, if it has one. */
     std::vector<std::string> call_names() const;
-    /** Calls that begin with one of the prefixes; the noise too, where a prefix asks for it. */
+    /** Calls that begin with one of the prefixes; the noise too, if a prefix asks for it. */
     std::vector<std::string> calls_of(std::initializer_list<std::string_view> prefixes) const;
     int count(std::string_view function) const;
     /** The records given last to the calls that open or start. */

@@ -19,7 +19,7 @@ int answer(const std::string& function, const std::string& arguments)
     return call(function, arguments, [](Context&) { return 0; });
 }
 
-/** A new object, or none where the call is scripted to fail. */
+/** A new object, or none if the call is scripted to fail. */
 template <class Object> Object* made(const std::string& function, const std::string& arguments)
 {
     return call(function, arguments, [](Context&) { return true; }) ? new Object : nullptr;

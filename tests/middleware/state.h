@@ -31,7 +31,7 @@ namespace middleware {
 
 using Bytes = std::vector<u8>;
 
-/** What a scripted call answers instead, and when. */
+/** The answer of a scripted call, and its moment. */
 struct Answer {
     /** none = the function's own failure value (3; 0 or -1 for files) */
     std::optional<s64> result = {};
@@ -47,7 +47,7 @@ struct Answer {
 struct When {
     int nth = 1;
     bool forever = false;
-    /** after the call's effect, before it returns; else before it has any */
+    /** after the call's effect, before it returns; otherwise before it has any */
     bool behind = false;
 };
 
@@ -72,13 +72,12 @@ struct InjectBuffer {
 using Lock = std::unique_lock<std::mutex>;
 
 constexpr s64 never = INT64_MAX;
-constexpr std::chrono::seconds
-    // for a thread that must come soon, on a slow emulated machine
-    real_patience(60);
+/** for a thread that must come soon, on a slow emulated machine */
+constexpr std::chrono::seconds real_patience(60);
 
 struct Call {
     std::string function;
-    // with its variant, where it has one
+    // with its variant, if it has one
     std::string full_name;
     std::string arguments;
     std::string outcome = ""; // "=0 h=0x11", empty while it runs
@@ -104,7 +103,7 @@ struct Waiter {
 
 struct Mutex {
     std::string name;
-    // of nobody while it is free
+    // of no thread while it is free
     std::thread::id owner = {};
     std::list<Waiter*> queue = {};
 
@@ -130,7 +129,7 @@ using Callback = std::function<u32(u32 event, void* record)>;
 struct Device {
     Kind kind;
     bool alive = true;
-    // a removal was scripted to fail: what is still registered at the close is no fault
+    // a removal was scripted to fail: a registration at the close is no fault
     bool excused = false;
     // 0 = none
     u64 registration = 0;
@@ -187,7 +186,7 @@ struct State {
     std::set<std::string> initialised;
 
     std::map<u64, std::span<u8>> physical;
-    // sizes of the IOMMU blocks, which nobody looks into
+    // sizes of the IOMMU blocks, which stay without memory
     std::map<u64, u32> blocks;
     std::vector<std::span<u8>> low_memory;
     u64 next_block = 0x2'8000'0000;

@@ -1,23 +1,12 @@
 /**
- * Drives the public interface in ways that the client program does not, for the end-to-end tests.
+ * Drives the public interface in ways that the client does not. Exit code 0 if every call answered
+ * as it must; stderr names the calls that did not. SIGALRM ends a call that hangs.
  *
- * api_stress limit FOLDER COUNT [SEED]
- *     COUNT one-call recordings limited to 2 s, FOLDER/limit_<n>.ts; a second thread stops each at a
- *     random moment around the limit
- * api_stress limit-alone FILE
- *     one such recording without a stop: prints after how many milliseconds it closed itself
- * api_stress cycles FILE COUNT [SEED]
- *     COUNT times start, stop and close, at random distances; prints the longest time from start to
- *     closed
- * api_stress pair SCREEN.ts RAW.nv12 RAW.ts
- *     slot 0 records the screen while slot 1 records a raw file of 60 pictures (made here), both
- *     320x240
- * api_stress hour FILE MINUTES
- *     records the screen; prints once a minute resident memory, descriptors, the counts of pictures,
- *     and the backlog between screen and file
- *
- * Exit code 0 if every call answered as it must; stderr names the calls that did not. A call that
- * hangs ends the program by SIGALRM.
+ *     limit FOLDER COUNT [SEED]        recordings of 2 s, limit_<n>.ts, each stopped around its limit
+ *     limit-alone FILE                 one without a stop: prints after how many ms it was closed
+ *     cycles FILE COUNT [SEED]         starts, stops, closes at random; prints the longest cycle's ms
+ *     pair SCREEN.ts RAW.nv12 RAW.ts   slot 0 records the screen, slot 1 a raw file of 60 pictures
+ *     hour FILE MINUTES                records; prints memory, pictures and backlog once a minute
  */
 #include <chrono>
 #include <thread>

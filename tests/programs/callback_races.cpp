@@ -1,14 +1,12 @@
 /**
- * Starts and stops everything that calls back, COUNT times, while other threads never cease to call
- * in: for ThreadSanitizer, and for what hangs or refuses afterwards.
+ * Starts and stops everything that calls back, COUNT times, while other threads call in: for
+ * ThreadSanitizer, and for calls that hang or refuse afterwards.
  *
- *   callback_races FOLDER COUNT [SEED]
+ *     callback_races FOLDER COUNT [SEED]
  *
- * Each cycle records screen and sound on slot 1 and, on slot 0, by turns, the same, the
- * capture-encode pipeline, or still pictures, the last two with PCM. Four threads take frames and
- * PCM, change the watermark, and tune the encoder all the time, also while it is opened, stopped
- * and closed. Prints the cycles and what came of them; exit code 0 when every start and stop
- * succeeded and something came of everything. A call that hangs ends it by SIGALRM.
+ * Each cycle records on slot 1 and, in turn, records, encodes or takes stills on slot 0. Four threads
+ * take frames and PCM, change the watermark and tune the encoder, whatever is open. Exit code 0 if
+ * every start and stop succeeded and something came of everything. SIGALRM ends a call that hangs.
  */
 #include <atomic>
 #include <thread>

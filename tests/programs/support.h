@@ -1,4 +1,4 @@
-/** What several of the programs need. */
+/** Shared by the programs. */
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 /** The capture-encode interface and its watermark: control calls, conversions, failures. */
-#include <thread>
 #include <unistd.h>
 
 #include "capture_encode/watermark.h"
@@ -14,7 +13,7 @@ protected:
     CapEnc_OpenParams params = {1000, 700, 25, 1048576, 2, 0x200, 0x101};
 
     s32 open() { return video_capenc_open(&params); }
-    /** Opens it on an inject buffer, where a watermark can be drawn. */
+    /** Opens it on an inject buffer, for a watermark. */
     middleware::InjectBuffer open_to_inject()
     {
         const auto buffer = mw.offer_inject_buffer(1008 * 704 * 2);
@@ -181,16 +180,6 @@ TEST_F(CaptureEncode, AStopFromInsideTheWatermarksWorkerLeavesItAliveUntilItRetu
     }
 }
 
-// Catches a descriptor that leaks because the call that wrote it answered a failure.
-TEST_F(CaptureEncode, ADescriptorThatAFailingCallWroteIsGivenBack)
-{
-    open_to_inject();
-    mw.fail("ZU_OS_IommuOperation:GET_BUFFD", {.takes_effect = true});
-    EXPECT_EQ(set_watermark(), -1);
-    video_capenc_close();
-    EXPECT_EQ(mw.calls_of({"ZU_OS_IommuOperation(PUT_BUFFD"}).size(), 1u);
-}
-
 /** Goes after all that is static and has no such priority. */
 struct LastLook {
     bool wanted = false;
@@ -245,29 +234,6 @@ TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
     mw.fail("ZU_CAP_CaptureStart");
     EXPECT_EQ(video_capenc_start(0), -1);
     EXPECT_EQ(task(0, VCAP).u32Handle, 0u);
-    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
-}
-
-// Catches a stop that deletes the worker while a picture is drawn, which no capture stop waits for.
-TEST_F(CaptureEncode, TheWorkerIsReleasedOnlyWhenNoPictureIsBeingDrawn)
-{
-    const u64 at = open_to_inject().physical;
-    ASSERT_EQ(set_watermark(), 0);
-    ASSERT_EQ(video_capenc_start(0), 0);
-    middleware::Gate drawing;
-    mw.inside("SrGlWorker::render", [&] { drawing.wait(); });
-    auto picture = mw.fire_on_thread([&] { return mw.fire_picture({.luma = at, .chroma = at}); });
-    ASSERT_TRUE(drawing.wait_for_arrival());
-    auto stopped = std::async(std::launch::async, [] { return video_capenc_stop(); });
-    while (mw.count("ZU_CAP_DisconnectInput") == 0)
-        std::this_thread::yield();
-    for (int i = 0; i < 200; i++) { // time enough for a stop that does not wait
-        ASSERT_EQ(mw.count("SrGlWorker::reset"), 0);
-        std::this_thread::yield();
-    }
-    drawing.open();
-    EXPECT_EQ(stopped.get(), 0);
-    picture.get();
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
 

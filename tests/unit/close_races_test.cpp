@@ -1,5 +1,4 @@
 /** The middleware's threads against a close: after it, nothing late touches anything. */
-#include <thread>
 
 #include <srglworker/SrGlWorker.h>
 
@@ -42,7 +41,7 @@ TEST_F(CloseRaces, CallbacksAfterACloseWriteNothing)
     mw.fire_picture({.luma = at});
     mw.fire_encoded_frame({.bytes = {1}, .pts = 5});
     ASSERT_EQ(steps::close(0), 1u);
-    const auto traces = [&] { // what a late callback could change
+    const auto traces = [&] { // that a late callback could change
         const SCREENRECORD_TaskCtrl_s& venc = task(0, VENC);
         return std::vector<u64>{
             mw.pushed().size(), mw.encoder_inputs().size(),
@@ -159,6 +158,24 @@ TEST_F(CloseRaces, TheInjectBuffersDescriptorIsNotGivenBackUnderARenderer)
     EXPECT_TRUE(given_back);
 }
 
+// Catches a stop that deletes the worker while a picture is drawn, which no capture stop waits for.
+TEST_F(CloseRaces, AStopWaitsForThePictureThatIsBeingDrawn)
+{
+    middleware::Gate held;
+    std::future<u32> picture = draw_watermark(held);
+    auto stopped = std::async(std::launch::async, [] { return video_capenc_stop(); });
+    while (mw.count("ZU_CAP_DisconnectInput") == 0)
+        std::this_thread::yield();
+    for (int i = 0; i < 200; i++) { // time enough for a stop that does not wait
+        ASSERT_EQ(mw.count("SrGlWorker::reset"), 0);
+        std::this_thread::yield();
+    }
+    held.open();
+    EXPECT_EQ(stopped.get(), 0);
+    EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
+    picture.get();
+}
+
 // Catches a worker deleted under a callback that outlasts a drain, at that drain or the next.
 TEST_F(CloseRaces, ACallbackThatOutlastsADrainKeepsItsWorkerAndIsWaitedForAgain)
 {
@@ -181,74 +198,44 @@ TEST_F(CloseRaces, ACallbackThatOutlastsADrainKeepsItsWorkerAndIsWaitedForAgain)
     EXPECT_EQ(mw.count("SrGlWorker::reset"), 1);
 }
 
-constexpr int limit_trials = runs_slowly ? 1000 : 10000;
-
-/** A client's call that meets the time limit. */
-struct LimitClient {
+/** A client's call that meets the time limit, and its answer. */
+const struct LimitClient {
     const char* name;
     s64 (*call)();
     s64 answer;
-};
-
-const LimitClient limit_clients[] = {
+} limit_clients[] = {
     {"stop", [] { return s64{steps::stop(0)}; }, 1},
     {"close", [] { return s64{steps::close(0)}; }, 1},
     {"open", [] { return s64{steps::open(0, "next.ts")}; }, 1},
     {"stopScreenRecord", [] { return s64{stopScreenRecord()}; }, 0},
 };
 
-/** One way in which both can meet. */
-struct Meeting {
-    const LimitClient& client;
-    /** the middleware's call, counted from 1, at which the later one comes */
-    int phase;
-    bool behind, client_first;
-    u32 output;
-
-    explicit Meeting(int trial)
-        : client(limit_clients[trial % 4]),
-          // a close makes fewer than 60 calls: some come after it
-          phase(trial / 16 % 60 + 1), behind(trial / 4 % 2), client_first(trial / 8 % 2)
-    {
-        // nothing, less than a batch, just one, more
-        const u32 outputs[] = {0, 188, 0x10000, 0x18000};
-        output = outputs[trial / 16 / 60 % 4];
-    }
-    std::string text() const
-    {
-        return middleware::text(client.name, client_first ? " before" : " after",
-                                " the limit, phase ", phase, behind ? " behind" : "");
-    }
-};
-
 class TimeLimit : public CloseRaces {
 protected:
-    /** Answers what the client's call answered. */
-    s64 meet(const Meeting& meeting)
+    /** Lets the later of both come at a call of the earlier one; answers as the client's call. */
+    s64 meet(const LimitClient& client, bool client_first, const middleware::When& when)
     {
         s64 answer = -100;
         std::future<u32> met;
         const auto call = [&] {
-            answer = meeting.client.call();
+            answer = client.call();
             return 0u;
         };
         const auto come = [&] {
-            if (meeting.client_first)
+            if (client_first)
                 ZU_OS_DelayTask(200);
             else
                 met = mw.fire_on_thread(call);
         };
-        mw.inside("*", come, {.nth = meeting.phase, .behind = meeting.behind});
-        if (meeting.client_first)
-            // the limit passes while the client is at that phase of its call
+        mw.inside("*", come, when);
+        if (client_first)
             call();
         else
-            // the client comes while the writer is at that phase of its pass and its close
-            mw.advance(300);
+            mw.advance(300); // the writer's pass and its close
         mw.clear_script();
         if (met.valid())
             met.get();
-        else if (!meeting.client_first)
+        else if (!client_first)
             call();
         mw.advance(300);
         return answer;
@@ -258,33 +245,38 @@ protected:
 // Catches a slot that the time limit and a client's call close twice, never, or answer wrongly.
 TEST_F(TimeLimit, MeetsAClientAtEveryPhaseInBothOrders)
 {
-    int trials = 0;
-    for (; trials < limit_trials && !HasFailure(); trials++) {
-        const Meeting meeting(trials);
-        SCOPED_TRACE(meeting.text());
+    constexpr int trials = runs_slowly ? 1000 : 10000;
+    // nothing, less than a batch, just one, more
+    const u32 outputs[] = {0, 188, 0x10000, 0x18000};
+    for (int trial = 0; trial < trials && !HasFailure(); trial++) {
+        const LimitClient& client = limit_clients[trial % 4];
+        const bool behind = trial / 4 % 2, client_first = trial / 8 % 2;
+        // A close makes fewer than 60 calls: some come after it.
+        const int phase = trial / 16 % 60 + 1;
+        SCOPED_TRACE(middleware::text(client.name, client_first ? " before" : " after",
+                                      " the limit, phase ", phase, behind ? " behind" : ""));
         EXPECT_EQ(steps::one_call(1), 0);
         mw.settle();
-        mw.queue_output(Bytes(meeting.output, 7));
+        mw.queue_output(Bytes(outputs[trial / 16 / 60 % 4], 7));
         // the next pass but one finds the limit passed
         mw.set_now_us(mw.now_ms() * 1000 + 1'950'000);
-        const s64 answer = meet(meeting), expected = meeting.client.answer;
+        const s64 answer = meet(client, client_first, {.nth = phase, .behind = behind});
         // An open comes either behind the writer's close or to a slot that still records.
-        const bool refused = expected != mw.count("ZU_FS_Fopen") - 1 &&
-                             std::string_view(meeting.client.name) == "open";
-        EXPECT_EQ(answer, refused ? 0 : expected);
+        const bool refused =
+            std::string_view(client.name) == "open" && client.answer != mw.count("ZU_FS_Fopen") - 1;
+        EXPECT_EQ(answer, refused ? 0 : client.answer);
         EXPECT_EQ(mw.count("ZU_FS_Fclose"), 1);
         steps::close_all();
         EXPECT_CALLS(mw.ledger_problems(), {});
         mw.reset();
     }
-    printf("time limit against a client: %d trials\n", trials);
 }
 
 // Catches a data race between callbacks and a slot that opens and closes, under ThreadSanitizer.
 TEST_F(CloseRaces, StartAndStopUnderFire)
 {
     // between a close and the next registration
-    mw.tolerate_problem("nobody ever registered");
+    mw.tolerate_problem("no callback was ever registered");
     // A picture cannot be given back once the handle is withdrawn; it goes with its device.
     mw.tolerate_problem("was never given back");
     record();

@@ -1,5 +1,4 @@
 /** From the encoder's callback into the multiplexer: time stamps, refusals, busy answers. */
-#include <thread>
 
 #include "library_test.h"
 

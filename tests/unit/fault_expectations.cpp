@@ -38,7 +38,7 @@ constexpr unsigned encoded_frames = inject | copy;
 constexpr unsigned captures = encoded_frames | screen;
 constexpr unsigned encoders = recordings | encoded_frames;
 
-/** What a client sees of calls that fail: of the rules for a fault, the first one counts. */
+/** How calls that fail show to a client: of the rules for a fault, the first one counts. */
 class Rules {
 public:
     struct Rule {

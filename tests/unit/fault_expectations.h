@@ -1,4 +1,4 @@
-/** What a client sees of a call that fails: which of its own calls fail, what the log says. */
+/** How a call that fails shows to a client: its calls that fail, and lines of the log. */
 #pragma once
 
 #include <set>
@@ -24,7 +24,7 @@ struct Expectation {
     std::vector<std::string> errors;
 };
 
-/** What a scenario does, as bits: a rule may be for several. */
+/** Kinds of scenarios, as bits: a rule may be for several. */
 enum Kind : unsigned {
     /** records the screen */
     screen = 1,

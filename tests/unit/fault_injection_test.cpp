@@ -7,7 +7,6 @@
 
 #include "fault_expectations.h"
 #include "fault_scenarios.h"
-#include "middleware/contract_results.h"
 
 namespace {
 
@@ -15,7 +14,7 @@ using faults::Expectation;
 using faults::Fault;
 using middleware::joined;
 
-/** What a run of a scenario came to. */
+/** The outcome of a run of a scenario. */
 struct Outcome {
     std::set<std::string> failing;
     std::vector<std::string> errors;
@@ -84,7 +83,7 @@ void judge(const Outcome& outcome, const Expectation& least, const Expectation& 
 {
     if (!std::ranges::includes(outcome.failing, least.failing) ||
         !std::ranges::includes(most.failing, outcome.failing))
-        breaches.push_back("failed: " + joined(outcome.failing) + "where these may: " +
+        breaches.push_back("failed: " + joined(outcome.failing) + "although only these may: " +
                            joined(most.failing) + "and these must: " + joined(least.failing));
     for (const std::string& pattern : least.errors)
         if (std::ranges::none_of(outcome.errors,
@@ -140,8 +139,7 @@ public: // for the tests, which name its trials
         for (const Step& step : scenario.out)
             if (!step.call())
                 outcome.failing.insert(step.name);
-        // joins them
-        callbacks_.clear();
+        callbacks_.clear(); // joins them
         mw.settle();
         outcome.calls = mw.call_names();
         outcome.errors = error_texts(injected);
@@ -159,14 +157,13 @@ public: // for the tests, which name its trials
         return run(scenario, injected);
     }
 
-    /** What is left, and whether the scenario runs as it did before anything failed. */
+    /** Leftovers, and whether the scenario runs as it did before anything failed. */
     void judge_afterwards(const Scenario& scenario, const Outcome& clean,
                           const std::vector<Fault>& injected, std::vector<std::string>& breaches)
     {
         for (const std::string& problem : mw.ledger_problems())
             breaches.push_back(problem);
-        if (_u32DispHandle !=
-            0) { // what could not be disconnected counts as connected for one more time
+        if (_u32DispHandle != 0) { // not disconnected: counts as connected for one more time
             if (!is_among(injected, "ZU_CAP_DisconnectInput"))
                 breaches.push_back("the display is left connected");
             run_with(scenario, {});
@@ -177,8 +174,7 @@ public: // for the tests, which name its trials
         if (again.failing != clean.failing || again.errors != clean.errors)
             breaches.push_back("run again, failed: " + joined(again.failing) +
                                joined(again.errors));
-        if (!std::ranges::is_permutation(again.calls,
-                                         clean.calls)) // tasks take their turns as they like
+        if (!std::ranges::is_permutation(again.calls, clean.calls)) // tasks take their own turns
             breaches.push_back("run again, it makes other calls");
     }
 
@@ -235,10 +231,9 @@ public: // for the tests, which name its trials
         int number = 0;
         for (const Fault& first : faults_of(clean.calls)) {
             if (scenario.passes > 1 && in_pass(scenario, clean, first).nth == first.nth)
-                // what comes once is a scenario of its own
-                continue;
+                continue; // another scenario has it
             const Outcome alone = run_with(scenario, {first});
-            // behind the fault, where the library's own clean-up begins
+            // behind the fault, in the library's clean-up
             size_t from = 0;
             for (int left = first.nth; from < alone.calls.size() && left > 0; from++)
                 left -= alone.calls[from] == first.call;

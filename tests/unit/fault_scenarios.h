@@ -1,4 +1,4 @@
-/** What the fault injection puts to the test: a client's ways through the library, in and out. */
+/** A client's ways through the library, in and out, for the fault injection. */
 #pragma once
 
 #include <srglworker/SrGlWorker.h>

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <atomic>
-
 #include "table/recording_table.h"
 
 #include "middleware/allocation_failures.h"

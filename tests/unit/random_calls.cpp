@@ -42,9 +42,10 @@ public:
         mw_.add_file("a.nv12", Bytes(1000));
         mw_.map_physical(PICTURE, picture_.data(), PICTURE_SIZE);
         mw_.offer_inject_buffer(320 * 256 * 3 / 2);
-        // What a failing call leaves by its nature, and pictures that come without an encoder.
+        // Leftovers of failing calls, and pictures that come without an encoder.
         for (const char* tolerated :
-             {"nobody ever registered", "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
+             {"no callback was ever registered",
+              "ZU_VENC_QueryBuffer is called on unknown handle 0x0",
               "ZU_VENC_WriteBufferComplete is called on unknown handle 0x0"})
             mw_.tolerate_problem(tolerated);
     }

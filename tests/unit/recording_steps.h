@@ -4,14 +4,14 @@
 
 #include <screenrecord/screenrecord.h>
 
-/** Whether a call succeeded that answers 0 or -1 and nothing else. */
+/** Whether a call succeeded that answers only 0 or -1. */
 inline bool ok(s32 answer)
 {
     EXPECT_TRUE(answer == 0 || answer == -1) << answer;
     return answer == 0;
 }
 
-/** The steps of a recording, as a client takes them; each returns what the library returned. */
+/** The steps of a recording, in the client's order; each returns what the library returned. */
 namespace steps {
 
 inline u8* text(const char* name)

@@ -1,5 +1,4 @@
 /** Sizes at their boundaries, against counts by division, which cannot wrap. */
-#include <algorithm>
 #include <limits>
 
 #include "modules/inject_buffer.h"
@@ -23,7 +22,7 @@ u64 rounded(u64 value, u64 multiple)
     return up > std::numeric_limits<u32>::max() ? 0 : up;
 }
 
-/** Bytes of a captured picture when twice as many have 32 bits, else 0. */
+/** Bytes of a captured picture when twice as many have 32 bits, otherwise 0. */
 u64 picture_bytes(u64 capture_width, u64 capture_height)
 {
     const u64 lines = capture_height + (capture_height + 63) / 64 * 64 / 2;
@@ -137,7 +136,7 @@ TEST_F(Sizes, NeitherMoreThanThePictureNorThanTheEncodersBufferIsCopied)
         for (size_t i = 0; i < bytes; i++)
             memory[i] = static_cast<u8>(i % 0xED);
         const Bytes picture = memory;
-        // what lies behind the picture
+        // behind the picture
         memory.resize(bytes + mib2 + 1, not_the_picture);
         std::vector<u32> lent = {bytes - 1, bytes, bytes + 1};
         lent.insert(lent.end(), std::begin(real_sizes), std::end(real_sizes));
@@ -277,13 +276,13 @@ TEST_F(Sizes, ABlockOfStillsIsAllocatedExactlyOrNotAskedFor)
                 for (const s32 count : counts) {
                     const u64 pitch = u64{width ? width : 640} * bytes_of_4_pixels[format] / 4;
                     const u64 lines = height ? height : 480, frames = static_cast<u32>(count);
-                    // What 64 bits may not hold is known to be too much before it is counted.
+                    // A product that 64 bits may not hold is too much anyway.
                     const bool counted = pitch <= (u64{1} << 32) / lines;
                     const u64 block =
                         counted ? (pitch * lines + 4095) / 4096 * 4096 * frames : u64{1} << 32;
                     const bool asked = block < u64{1} << 32;
                     Cap_OpenParams params = {width, height, format, 0, count};
-                    // what it is asked for is all that matters here
+                    // only the request matters here
                     mw.fail("ZU_OS_AllocateIommuMemory");
                     ASSERT_EQ(video_cap_open(&params), 0);
                     const std::string size = " size=" + std::to_string(block) + " ";

@@ -1,7 +1,5 @@
 #include "state_model.h"
 
-#include <algorithm>
-
 #include "capture_encode/watermark.h"
 #include "modules/inject_buffer.h"
 

@@ -15,7 +15,7 @@ struct ModelSlot {
     std::array<bool, E_SCREENRECORD_MODULE_MAX> open = {}, running = {};
 
     bool busy() const { return std::ranges::count(running, true) != 0; }
-    /** Nothing is open: what is opened now replaces nothing. */
+    /** Nothing is open: an open now replaces nothing. */
     bool idle() const { return *this == ModelSlot(); }
     /** Starts those of the modules that are open. */
     void start(std::initializer_list<u32> modules)
@@ -31,17 +31,17 @@ struct Choice {
     u32 slot = 0;
     /** which of the good arguments */
     u8 variant = 0;
-    /** 0 = good arguments, else which bad one */
+    /** 0 = good arguments, otherwise which bad one */
     u8 flaw = 0;
 };
 
-/** The library as a state machine where the middleware refuses nothing; the operations move it. */
+/** The library as a state machine, if the middleware refuses nothing; operations move it. */
 class StateModel {
 public:
     bool initialised = false;
     /** the audio module; PCM capture needs no more */
     bool sound_initialised = false;
-    /** what the encoder can is known */
+    /** the encoder's capabilities are known */
     bool capable = false;
     ModelSlot slots[SCREENRECORD_SLOT_COUNT];
     /** still-frame buffers are allocated */
@@ -54,18 +54,18 @@ public:
     /** not in the library's table; false when in doubt */
     bool watermark = false;
 
-    /** What the library's own table says, for comparison and after a fault. */
+    /** From the library's table, for comparison and after a fault. */
     static StateModel of_library();
 
     bool operator==(const StateModel&) const = default;
     std::string text() const;
     int open_modules() const;
-    /** The slot that a call names, NULL where it names none or nothing was initialised. */
+    /** The slot that a call names, NULL if it names none or nothing was initialised. */
     ModelSlot* usable(const Choice& choice)
     {
         return choice.slot < SCREENRECORD_SLOT_COUNT && initialised ? &slots[choice.slot] : nullptr;
     }
-    /** The same where it does not run either. */
+    /** The same, if it does not run either. */
     ModelSlot* configurable(const Choice& choice)
     {
         ModelSlot* const slot = usable(choice);

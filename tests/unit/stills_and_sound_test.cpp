@@ -16,7 +16,7 @@ struct Layout {
     u32 width, height, format;
     u32 pitch;
     u64 frame_size;
-    /** what the capture is told of it */
+    /** as the capture gets it */
     const char* output;
 };
 
@@ -136,7 +136,7 @@ using Pcm = LibraryTest;
 TEST_F(Pcm, OpenToCloseCallByCall)
 {
     EXPECT_EQ(audio_cap_close(), 0) << "not open";
-    // what was left there before does not count
+    // as an earlier use leaves it
     task(0, ACAP).eModule = E_SCREENRECORD_MODULE_MAX;
     ASSERT_EQ(audio_cap_open(), 0);
     ASSERT_EQ(audio_cap_start(), 0);

@@ -102,20 +102,6 @@ TEST_F(WorkerTasks, AStopBeforeAWorkerFirstRanNeitherWaitsNorLeaks)
     EXPECT_EQ(mw.count("ZU_FS_Fwrite"), 0);
 }
 
-// Catches a deletion that stalls when it meets a task's first steps.
-TEST_F(WorkerTasks, StartsAndStopsInAThousandOrdersNeverStall)
-{
-    mw.add_file("a.nv12", Bytes(16));
-    for (int round = 0; round < 1000; round++) {
-        ASSERT_TRUE(steps::record(1, "a.nv12", "a.nv12"));
-        const s64 before = mw.now_ms();
-        EXPECT_EQ(steps::close(1), 1u);
-        EXPECT_LE(mw.now_ms() - before, 500);
-        mw.take_calls();
-        mw.take_logs();
-    }
-}
-
 // Catches a stop that waits for a hanging worker for ever, and a mutex released by another thread.
 TEST_F(WorkerTasks, AWorkerThatHangsIsDeletedAndItsMutexNotReleasedByTheDeleter)
 {
@@ -165,7 +151,7 @@ TEST_F(WorkerTasks, AWorkerThatOutlivesItsDeletionTouchesNothingMore)
     }
 }
 
-// what counts as the library's
+// counted as the library's
 extern "C" void* __wrap_malloc(size_t size);
 
 // Catches an entry that needs the library's task records, leaks its argument, or runs cancelled.
@@ -216,19 +202,6 @@ TEST_F(WorkerTasks, ATaskThatRunsIsNotCreatedAgain)
     EXPECT_CALLS(errors(), {"E [_SCREENRECORD_CreateTask]Task has already running!!!"});
     EXPECT_EQ(reader.s32TaskId, id);
     EXPECT_EQ(_SCREENRECORD_DeleteTask(&reader), ZU_OK);
-}
-
-// Catches a mutex, stack or argument that leaks if the task cannot be created.
-TEST_F(WorkerTasks, ATaskThatCannotBeCreatedLeavesNothing)
-{
-    SCREENRECORD_TaskCtrl_s& reader = task(0, AREADER);
-    mw.fail("ZU_OS_CreateTask");
-    EXPECT_EQ(_SCREENRECORD_CreateTask(&reader, 0, 4096, _SCREENRECORD_AreaderTaskHandler),
-              ZU_FAILURE);
-    EXPECT_EQ(reader.s32MutexId, -1);
-    EXPECT_EQ(reader.pTaskStack, nullptr);
-    EXPECT_EQ(reader.pu32TaskArg, nullptr);
-    EXPECT_CALLS(mw.ledger_problems(), {});
 }
 
 // Catches a reader that skips or repeats data, an index or a time, or shortens the last picture.
