@@ -1,6 +1,6 @@
 #!/bin/sh
-# Installs what is missing, builds, and records five seconds of the screen to recording.ts. A machine without a
-# display records moving content on a display of its own, which ends with the script.
+# Installs missing packages, builds, and records five seconds of the screen to recording.ts. A machine without a
+# display records moving content on a private display, which ends with the script.
 set -eu
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")"

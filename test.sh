@@ -1,8 +1,8 @@
 #!/bin/sh
-# Installs what is missing, builds every preset, runs every test and scripts/lint.sh.
+# Installs missing packages, builds every preset, runs every test and scripts/lint.sh.
 #
 #   ./test.sh [--long]    --long runs the long forms of the tests as well, and the unit tests as GCC compiles them
-#                         for the device; else they run there as clang does, and GCC compiles the library alone.
+#                         for the device; otherwise they run there as clang does, and GCC compiles the library alone.
 #                         It compiles the tests without precompiled headers and the whole for arm64 too, and has
 #                         clang-tidy read all of the product
 set -eu
@@ -27,7 +27,7 @@ begin=$(date +%s)
 fixed_addresses="setarch $(uname -m) -R"
 $fixed_addresses true 2>/dev/null || fixed_addresses=
 
-# A build that runs only on processors that nothing else wants: it leaves the tests beside it their time.
+# A build that uses idle processor time only, and so leaves the tests beside it theirs.
 idle="chrt --idle 0"
 $idle true 2>/dev/null || idle="nice -n 19"
 
@@ -76,7 +76,7 @@ finish_tests() {
 }
 
 scripts/install_dependencies.sh build
-# What only the tests and the other presets need is fetched while the first one is built.
+# Packages that only the tests and the other presets need are fetched while the first preset is built.
 scripts/install_dependencies.sh display test &
 installing=$!
 # The one whose tests take longest is built first, so that most is left to be built beside them.

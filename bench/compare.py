@@ -96,9 +96,9 @@ def measure_once(case, name, options, display, folder):
 
 def turns(case, names):
     """
-    Who records in a round, one after the other. There and back, and of the figures the mean: a virtual machine's speed jumps
-    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which has nothing else to
-    average over, twice as many short ones. Beside busy loops one: the recorders differ by half there.
+    The recorders of a round, in turn. There and back, and of the figures the mean: a virtual machine's speed jumps
+    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which is one figure a run,
+    twice as many short ones. Beside busy loops one: the recorders differ by half there.
     """
     _, _, screen, loops, _ = CASES[case]
     if loops:

@@ -1,5 +1,5 @@
-# 64-bit ARM with a Linux of its own, such as a single-board computer: Debian's cross compiler, and what
-# scripts/arm64_sysroot.sh unpacks; tests under user-mode emulation.
+# 64-bit ARM with Linux, such as a single-board computer: Debian's cross compiler, the libraries that
+# scripts/arm64_sysroot.sh unpacks, tests under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

@@ -1,8 +1,8 @@
-# What makes a mistake of ours, or a hostile input, end in a message instead of in somebody else's code.
+# Makes our mistakes and hostile input end in a message instead of in an attacker's code.
 include(CheckCXXCompilerFlag)
 target_compile_options(project_options INTERFACE -Wformat=2 -Werror=format -fstack-protector-strong)
 target_compile_definitions(project_options INTERFACE _GLIBCXX_ASSERTIONS)
-# Not every processor and compiler has these: indirect calls and returns that end where they should (x86 alone), and a
+# Not every processor and compiler has these: checked targets of indirect calls and returns (x86 alone), and a
 # stack that does not jump over its guard page.
 set(CMAKE_REQUIRED_FLAGS -Werror) # clang accepts what it then leaves out
 foreach(flag IN ITEMS -fcf-protection=full -fstack-clash-protection)

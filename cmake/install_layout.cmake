@@ -1,10 +1,9 @@
-# Where things are installed. Everything that names a place names it relative to where itself is, so that the installed
-# tree can be moved.
+# Names the installation folders. Installed files refer to each other by relative paths, so that the tree can be moved.
 #
 #   runtime      the libraries
 #   client       the program, its manual page and completions
 #   development  the public header, pkg-config and CMake files, examples
-#   contract     the headers of the platform contract, for those who bring a platform of their own
+#   contract     the headers of the platform contract, for another platform
 include(GNUInstallDirs)
 set(PACKAGE_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/screenrecord)
 set(PACKAGE_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -19,7 +19,7 @@
 #include <sys/wait.h>
 
 // Between its birth and its end the process is a copy of one thread of many: whatever lock another
-// one held is held for ever. So it makes system calls and nothing else, also none of a sanitizer's.
+// one held is held for ever. So it makes system calls only, and none of a sanitizer's.
 #if defined(__clang__)
 #define NOTHING_BUT_ITSELF __attribute__((disable_sanitizer_instrumentation))
 #else

@@ -17,7 +17,7 @@ constexpr bool is_control_character(char32_t c)
 }
 
 /**
- * Bytes of the UTF-8 character that `text`, which is not empty, begins with; 0 where it begins with
+ * Bytes of the UTF-8 character that `text`, which is not empty, begins with; 0 if it begins with
  * none, or with a control character.
  */
 constexpr size_t printable_length(std::string_view text)

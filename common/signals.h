@@ -6,7 +6,7 @@
 
 namespace common {
 
-/** Blocks every signal of this thread while it lives; what is born meanwhile inherits that. */
+/** Blocks every signal of this thread, and of those that it starts, while it lives. */
 class SignalsBlocked {
 public:
     SignalsBlocked()

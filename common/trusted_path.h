@@ -24,12 +24,12 @@ public:
     int error() const { return error_; }
     /** For the calls that take a folder and a name, such as renameat(). */
     int folder() const { return folder_.get(); }
-    /** The last part of the path; empty where that ends in a slash. */
+    /** The last part of the path; empty if that ends in a slash. */
     const std::string& name() const { return name_; }
     /** Whether it is a link of the kernel's, to what a process holds open already. */
     bool in_proc() const { return in_proc_; }
 
-    /** As stat(2), but of the link itself where that is not to be trusted; 0, or -1 and errno. */
+    /** As stat(2), but of the link itself if that is not to be trusted; 0, or -1 and errno. */
     int status(struct stat& found) const;
     /** As open(2) of what is there, close-on-exec; ELOOP for a link that is not to be trusted. */
     Descriptor open(int flags) const;

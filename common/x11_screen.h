@@ -63,7 +63,7 @@ inline bool skip_depths(ReplyWalk& walk, const xcb_screen_t& screen)
  */
 inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
 {
-    // what the length does not count
+    // not counted by the length
     constexpr uint64_t head = 8;
     ReplyWalk walk(&setup, head + uint64_t{setup.length} * 4);
     if (number < 0 || !walk.take<xcb_setup_t>() ||

@@ -3,8 +3,8 @@
 
     scripts/mutate.py [--count 100] [--seed N] [--jobs N] [--kinds KIND...]
 
-Each mutant has one condition flipped, one call dropped, two statements swapped or a number changed. What the compiler
-turns into the same code as before is none. Prints those that no test noticed: each is a missing test, or a line
+Each mutant has one condition flipped, one call dropped, two statements swapped or a number changed. A change
+that compiles to the same code is none. Prints those that no test noticed: each is a missing test, or a line
 without an effect. Works in a copy of the last commit.
 """
 
@@ -87,7 +87,7 @@ def limit_processor_time():
 
 
 class Copy:
-    """A copy of the last commit with a build of its own."""
+    """A copy of the last commit, and its build."""
 
     def __init__(self, jobs):
         self.folder = os.path.join(tempfile.mkdtemp(prefix="mutants-"), "copy")

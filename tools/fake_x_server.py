@@ -3,7 +3,7 @@
 X servers that answer one request wrongly: fake_x_server.py MODE... listens as one for each mode and prints their display
 numbers in one line. A mode is TARGET-WAY, or "well"; without modes all are printed.
 
-Everything else is answered as a server with a screen of 64x64 pixels would. A request is answered in order or not at
+Other requests are answered as a server with a screen of 64x64 pixels would. A request is answered in order or not at
 all, but for what comes late.
 """
 
@@ -61,7 +61,7 @@ def error(sequence):
     return struct.pack("<BBHIHB", 0, 11, sequence & 0xFFFF, 0, 0, 0).ljust(32, b"\0")
 
 
-# What is sent in place of a reply: bytes, None to end the connection.
+# Sent in place of a reply: bytes, or None to end the connection.
 WAYS = {
     "short": lambda n, data, body, rest: packet(n, data, body, b""),
     "half": lambda n, data, body, rest: packet(n, data, body, rest[:len(rest) // 8 * 4]),

@@ -30,7 +30,7 @@ namespace client {
  */
 class SinkThread {
 public:
-    /** @param owned the same descriptor where it is the thread's to close. Throws Failure. */
+    /** @param owned the same descriptor if the thread closes it. Throws Failure. */
     static std::shared_ptr<SinkThread> start(int fd, common::Descriptor owned);
 
     /** Copies `data`, to be written behind what was written, or `at` a place in the file. */
@@ -170,7 +170,7 @@ int SinkThread::write_piece(const Piece& piece)
     return 0;
 }
 
-// The process writes where the file's position is, which both share.
+// The process writes at the file's position, which both share.
 ssize_t SinkThread::write_to_disk(const Piece& piece, size_t at)
 {
     if (piece.at && lseek(fd_, static_cast<off_t>(*piece.at + at), SEEK_SET) < 0)
@@ -199,7 +199,7 @@ namespace {
 /** A write that is through this fast needs no second look. */
 constexpr std::chrono::milliseconds moment(5);
 
-/** What a disk may be behind: seconds of the highest rates. */
+/** A disk may lag by this: seconds of the highest rates. */
 constexpr uint64_t most_on_its_way = 8 << 20;
 
 } // namespace

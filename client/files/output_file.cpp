@@ -42,8 +42,8 @@ pid_t holder(int fd)
     return held ? recorder_of(lock.l_pid) : 0;
 }
 
-// flock(2) is the lock: it lasts while the descriptor is open, whatever else the process opens and
-// closes. A record lock ends at any close of the file; it only names the process, which flock(2)
+// flock(2) is the lock: it lasts while the descriptor is open, whatever the process opens and
+// closes besides. A record lock ends at any close of the file; it only names the process, which flock(2)
 // does not.
 void lock_output(int fd, const std::string& path)
 {

@@ -24,7 +24,7 @@ enum class Container { mp4, matroska, transport_stream };
 /**
  * The container of an output by its ending, MP4 if it has no name yet; nullopt for a
  * transport-stream file, which the library records.
- * @param format of standard output: "ts"; anything else means Matroska
+ * @param format of standard output: "ts"; any other text means Matroska
  */
 std::optional<Container> container_of(const std::string& output, const std::string& format);
 

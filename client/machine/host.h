@@ -20,7 +20,7 @@ namespace client {
 
 /**
  * `now` with each counter as the difference to `before`, `display_lost` and `sound_lost` 1 only if
- * lost since then, and everything else (levels, waiting times, the last errno) unchanged.
+ * lost since then, and the rest (levels, waiting times, the last errno) unchanged.
  */
 zu3_host_statistics_t statistics_since(const zu3_host_statistics_t& before,
                                        zu3_host_statistics_t now);

@@ -67,7 +67,7 @@ std::string progress_as_line(const Progress& progress, size_t columns);
 
 /**
  * Shows progress in the requested form: one refreshed line on a terminal, or one JSON object per
- * second on standard error, and the same object in a file. It writes nothing else to standard
+ * second on standard error, and the same object in a file. It writes no other text to standard
  * error.
  */
 class StatusReport {

@@ -8,7 +8,7 @@
 
 namespace transport_stream {
 
-/** What the tables of a stream of one program say (ISO/IEC 13818-1, 2.4.4). */
+/** The tables of a stream of one program (ISO/IEC 13818-1, 2.4.4). */
 struct Program {
     std::optional<uint16_t> map_pid;
     std::optional<uint16_t> pcr_pid;

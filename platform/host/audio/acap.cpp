@@ -23,7 +23,7 @@ public:
     size_t level();
     /** Moves whole frames out, at most `size` bytes. */
     size_t read(void* dst, size_t size);
-    /** @param percent 0 to 100; what is read from now on is scaled by it */
+    /** @param percent 0 to 100; scales the sound that is read from now on */
     void set_volume(uint32_t percent);
 
 private:
@@ -117,7 +117,7 @@ HandleTable<AudioDevice>& devices()
 std::atomic<bool> initialised{false};
 std::atomic<u64> last_callback_id{0};
 
-/** What a device does it has done: it refuses nothing. */
+/** Any action on an open device succeeds. */
 template <typename Action> u32 with_device(const char* function, u32 handle, Action action)
 {
     return with_object(function, devices, handle, [&](AudioDevice& device) {
@@ -138,7 +138,7 @@ HOST_EXPORT u32 ZU_ACAP_Init(const ZU_ACAP_InitParams_t* pstParams)
 HOST_EXPORT u32 ZU_ACAP_DeInit(void)
 {
     initialised.store(false);
-    // what is held belongs to open handles
+    // open handles keep their sessions
     return ZU_OK;
 }
 

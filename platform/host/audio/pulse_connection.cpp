@@ -21,7 +21,7 @@ constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
  * No output plays so far ahead, and none is heard so late: such a timing is an error of the server.
  */
 constexpr pa_usec_t greatest_latency = 5'000'000;
-/** What came while this process was stopped is placed by the timing from before. */
+/** Sound that came while this process was stopped is placed by the timing from before. */
 constexpr pa_usec_t greatest_age = 60'000'000;
 constexpr int64_t greatest_backlog_bytes = greatest_age / 1'000'000 * pcm_rate * pcm_frame_bytes;
 

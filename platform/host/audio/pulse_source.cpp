@@ -30,8 +30,8 @@ constexpr int64_t patience_in_sound_us = 1'000'000;
 /** At least so often the listener looks whether there is anything to read. */
 constexpr int64_t look_us = 100'000;
 /**
- * What lies in the socket already is no silence: after a stop of this process, or a moment in which
- * its thread was not scheduled, it is read first. What is older than this has no reader any more.
+ * Sound that lies in the socket is no silence: after a stop of this process, or a moment in which
+ * its thread was not scheduled, it is read first. No reader wants older sound than this.
  */
 constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
@@ -153,7 +153,7 @@ bool PulseSource::iterate(int timeout_us)
     if (loop_->prepare(timeout_us) < 0)
         return false;
     // The preparation swallows a wakeup, so that a stop before it shows here only; a later one
-    // wakes the poll. What is prepared then stays so, since nothing iterates any more.
+    // wakes the poll. A prepared loop then stays so, since nothing iterates any more.
     if (stopping())
         return true;
     const int64_t begin_us = common::monotonic_us();

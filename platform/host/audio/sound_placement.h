@@ -11,14 +11,14 @@ namespace zu3host {
  * Puts the pieces that a sound server delivers into a timeline, each where it was heard. Pieces
  * follow one another without a seam; what the server says about their time jitters, so only its
  * mean counts. A clock of the sound hardware that drifts from the monotonic clock is followed by
- * stretching or shrinking a piece by one frame now and then, which no ear notices. Where sound is
- * missing there is silence. Not thread-safe.
+ * stretching or shrinking a piece by one frame now and then, which no ear notices. Silence fills
+ * holes. Not thread-safe.
  */
 class SoundPlacement {
 public:
     /** The next piece starts a new row, wherever it was heard. */
     void restart() { expected_.reset(); }
-    /** Whether the row has begun and nothing else was put behind it. */
+    /** Whether the row has begun and nothing was appended to it since. */
     bool continues(const SoundTimeline& timeline) const { return expected_ == timeline.end(); }
     /**
      * @param samples `frames` frames, or null for a hole

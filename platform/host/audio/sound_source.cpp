@@ -36,7 +36,7 @@ public:
 
     void advance(SoundTimeline& timeline, int64_t now_us) override
     {
-        // What is not kept is not computed.
+        // computes only the frames that are kept
         const int64_t until = timeline.frame_at(now_us);
         timeline.append(nullptr, until - timeline.capacity() - timeline.end());
         while (timeline.end() < until) {

@@ -15,7 +15,7 @@ LevelMeter::~LevelMeter()
 
 void LevelMeter::hear(const int16_t* samples, int64_t frames)
 {
-    // What is older than all slices together has no influence any more.
+    // Frames older than all slices together have no influence.
     const int64_t skipped =
         std::max<int64_t>(0, frames - slice_frames * static_cast<int64_t>(slices + 1));
     if (samples)

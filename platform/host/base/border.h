@@ -13,7 +13,7 @@
 #include <zu3/types.h>
 
 /**
- * Marks what a library of the host layer exports; all else stays inside. On a declaration of a
+ * Marks what a library of the host layer exports; the rest stays inside. On a declaration of a
  * class ahead of its header it exports the table of its virtual functions and its type as well.
  */
 #define HOST_EXPORT __attribute__((visibility("default")))

@@ -93,7 +93,7 @@ private:
 
 /**
  * Starts a thread of the host layer: named (cut at 15 characters), without signals, preferred.
- * `entry` takes no argument; what it throws ends the thread and not the process. Throws
+ * `entry` takes no argument; an exception ends the thread, not the process. Throws
  * std::system_error when the system gives no thread.
  */
 template <typename F> std::thread start_thread(const char* name, F entry)

@@ -41,7 +41,7 @@ bool output_is_possible(const ZU_CAP_Output_t& output)
 }
 
 constexpr uint32_t picture_event = 1;
-// What a display that does not answer leaves out is counted once in so long.
+// Pictures that a silent display leaves out are counted this often.
 constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
 
 void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
@@ -334,7 +334,7 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
     Listener listener;
     uint32_t handle = 0;
     {
-        // What stops or unregisters takes the same lock: no callback begins after either.
+        // Stop and unregistration take the same lock: no callback begins after either.
         const std::lock_guard lock(mutex_);
         if (!run.stop.stop_requested())
             listener = listener_;

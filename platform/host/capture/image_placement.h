@@ -37,7 +37,7 @@ Placement fit_into(PictureSize source, PictureSize box);
  * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its
  * top left. A display whose own layout is that of the picture and which lies inside the visible
  * part is taken as it is, at the top left: that is how a recording of exactly the display's size
- * arrives here, where only rounded sizes do.
+ * arrives here, since the contract rounds sizes.
  */
 Placement place_display(PictureSize display, PictureSize out, PictureSize visible);
 

@@ -29,7 +29,7 @@ struct PatientSource::Shared {
     std::unique_ptr<WaitingSource> source;
     // the last one handed to the thread
     GrabRequest request{};
-    // what came of it
+    // its result
     std::optional<BgraImage> image;
     // the thread opens or grabs
     bool busy = true;
@@ -121,7 +121,7 @@ std::optional<BgraImage> PatientSource::grab(const GrabRequest& request)
             continue;
         }
         note_answer();
-        // What was asked for before may be a picture of another kind.
+        // The earlier request may have been for a picture of another kind.
         if (shared_->request.pointer == request.pointer)
             return shared_->image;
         shared_->hand_over(request);

@@ -30,7 +30,7 @@ public:
     /** Nine slots in its own memory; null without memory. Indices count up from `first_index`. */
     static std::shared_ptr<PicturePool> own(PictureLayout layout, uint32_t first_index);
     /**
-     * The slots that fit in `size` bytes at `address`; null, with a log line, where none fits or it
+     * The slots that fit in `size` bytes at `address`; null, with a log line, if none fits or it
      * is no memory.
      */
     static std::shared_ptr<PicturePool> in_region(PictureLayout layout, uint64_t address,
@@ -41,7 +41,7 @@ public:
 
     PictureLayout layout() const { return layout_; }
     /**
-     * Whether others write into the pictures too: a renderer, where they lie in the inject buffer.
+     * Whether others write into the pictures too: a renderer, if they lie in the inject buffer.
      */
     bool is_shared() const { return !owned_; }
     uint32_t count() const { return static_cast<uint32_t>(out_.size()); }

@@ -10,7 +10,7 @@
 
 namespace zu3host {
 
-/** What a single capture writes, in whichever of the capture's formats, and where. */
+/** Destination and format of a single capture. */
 struct StillTarget {
     uint8_t* memory;
     /** bytes that may be written */
@@ -33,7 +33,7 @@ struct StillTarget {
 std::optional<StillTarget> still_target(const ZU_CAP_Output_t& output);
 
 /**
- * Scales an image into the target, letterboxed where the shape differs. NV12 is `width` x `height`
+ * Scales an image into the target, letterboxed if the shape differs. NV12 is `width` x `height`
  * luma bytes with the chroma lines of `width` bytes straight behind: of an odd width the last
  * sample's Cr does not fit, of an odd height the last chroma line is written as far as it fits.
  */

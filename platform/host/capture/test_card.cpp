@@ -20,7 +20,7 @@ namespace {
  *    black.
  *
  * A yellow square of 48x48 pixels moves by 4 pixels a picture along the lines 112 to 159; the rest
- * is a still gradient. What lies outside a small picture is cut off.
+ * is a still gradient. A small picture cuts it off.
  */
 class TestCard : public PictureSource {
 public:

@@ -33,7 +33,7 @@ std::unique_ptr<X11Connection> X11Connection::open()
     const char* display = secure_getenv("DISPLAY");
     if (getauxval(AT_SECURE)) {
         HOST_LOGE(
-            "This process has privileges of its own (set-uid, set-gid or file capabilities), so its environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads that are preferred.");
+            "This process has more privileges than its user (set-uid, set-gid or file capabilities), so its environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads that are preferred.");
         return nullptr;
     }
     if (!display || !*display) {
@@ -92,7 +92,7 @@ void X11Connection::wait_for(unsigned sequence, void** reply, xcb_generic_error_
 
 bool X11Connection::succeeded(xcb_void_cookie_t cookie)
 {
-    // xcb's own check aborts the program when the server sends a reply where none belongs. With the
+    // xcb's own check aborts the program when the server sends an unexpected reply. With the
     // answer to a request behind it, all that came to this one is here.
     const auto behind = xcb_get_input_focus(xcb_);
     const bool answered = wait<xcb_get_input_focus_reply_t>(behind.sequence).reply != nullptr;

@@ -12,7 +12,7 @@ namespace zu3host {
 
 /**
  * The pixels of the root window, fetched again and again: into memory shared with the server, or
- * through the connection where the server cannot share. One thread at a time.
+ * through the connection if the server cannot share. One thread at a time.
  */
 class X11Image {
 public:
@@ -26,8 +26,8 @@ public:
     /** Asks for the pixels; to be followed by collect(). */
     void request();
     /**
-     * Waits for them. False when the server refuses, as where the window is no longer as large as
-     * the image.
+     * Waits for them. False when the server refuses, for example because the window has become
+     * smaller than the image.
      */
     bool collect();
 

@@ -22,11 +22,11 @@ public:
     /** Takes note of an event; false when it does not concern drawing. */
     bool handle_event(const xcb_generic_event_t& event);
     /**
-     * Sent ahead of a request for the picture: what is drawn from then on counts. No round trip.
+     * Sent ahead of a request for the picture: drawing from then on counts. No round trip.
      */
     void reset();
     /**
-     * Whether something was drawn, as far as events have been taken; may be true where nothing was.
+     * Whether something was drawn, as far as events have been taken; may be true if nothing was.
      */
     bool changed() const { return changed_; }
 

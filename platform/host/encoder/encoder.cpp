@@ -205,7 +205,7 @@ bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
                                             : lent_.is_lent(buffer.pu8Data);
     if (known && buffer.u32DataSize >= bytes)
         return true;
-    // What follows a failed query carries no picture, which is no mistake of the caller's.
+    // A caller whose query failed passes an empty record, which is no mistake.
     const bool nothing = !buffer.pu8Data && buffer.u32DataSize == 0;
     if (!nothing && !std::exchange(warned_of_address_, true))
         HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s",

@@ -10,7 +10,7 @@ namespace {
 
 // MaxBR of levels 5.1 and 5.2
 constexpr uint64_t most_bits_of_any_level = 240'000'000;
-// What the writer of a recording can move with its tables, headers and sound.
+// The writer of a recording can move this with its tables, headers and sound.
 constexpr int recording_ceiling_kilobits = 4500;
 constexpr uint32_t default_frame_rate = 30;
 

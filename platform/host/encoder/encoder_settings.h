@@ -41,7 +41,7 @@ struct EncoderSettings {
     uint32_t level;
     /** pictures may come in the entire inject buffer */
     bool inject;
-    /** x264's rate factor where the rate is as needed; 0 = the usual one */
+    /** x264's rate factor if the rate is as needed; 0 = the usual one */
     int quality = 0;
 };
 

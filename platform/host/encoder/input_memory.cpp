@@ -74,7 +74,7 @@ uint8_t* LentBuffers::own_memory(Buffer& buffer)
         return buffer.own.get();
     const size_t bytes = common::round_up(layout_.picture_bytes(), size_t{picture_alignment});
     buffer.own = allocate_registered(bytes);
-    // A file may end within a picture. What was in this memory before is not to be seen behind its
+    // A file may end within a picture. Old contents of this memory must not show behind its
     // end.
     if (buffer.own)
         std::memset(buffer.own.get(), 0, bytes);

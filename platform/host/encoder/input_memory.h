@@ -34,7 +34,8 @@ public:
     /** Whether one is lent already or free. */
     bool any_to_lend() const;
     /**
-     * The buffer that is lent already, else a free one; null when none is free or memory is short.
+     * The buffer that is lent already, otherwise a free one; null when none is free or memory is
+     * short.
      * Of a captured picture, which may be null, the memory is leased and held until release().
      */
     uint8_t* lend(const PictureInFlight* captured);
@@ -55,7 +56,7 @@ private:
         // the memory of a captured picture
         std::shared_ptr<const void> borrowed;
         Contents contents;
-        // may outlive the encoder where it is being filled
+        // may outlive the encoder while it is being filled
         std::shared_ptr<uint8_t> own;
     };
     uint8_t* own_memory(Buffer& buffer);

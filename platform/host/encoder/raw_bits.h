@@ -38,7 +38,7 @@ public:
     void golomb(uint32_t value);
     /** rbsp_trailing_bits(), clause 7.3.2.11. */
     void trailing_bits();
-    /** What was written; bits that are missing to a whole byte are 0. */
+    /** The bits written so far, padded with 0 to a whole byte. */
     const std::vector<uint8_t>& bytes() const { return bytes_; }
     void reserve(size_t bytes) { bytes_.reserve(bytes); }
     /** Begins anew and keeps the memory. */

@@ -23,7 +23,7 @@ constexpr size_t slice_head = 32;
 // Half of a macroblock's raw size, 4:2:0.
 constexpr size_t likely_macroblock_bytes = 192;
 
-/** What follows a NAL unit's start code and header byte. */
+/** The bytes behind a NAL unit's start code and header byte. */
 std::span<const uint8_t> payload(const x264_nal_t& unit)
 {
     const size_t start_code = unit.b_long_startcode ? 4 : 3;

@@ -96,8 +96,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     return unit;
 }
 
-// x264's rate control believes that no time passes during repetitions. It makes no difference where
-// nothing is left that time would give back.
+// x264's rate control believes that no time passes during repetitions. It makes no difference if
+// x264 owes no bits that time would give back.
 bool X264Encoder::may_repeat() const
 {
     return repetitions_ && equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
@@ -125,7 +125,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     in.img.plane[0] = picture;
     in.img.plane[1] = picture + settings_.layout.luma_bytes();
     in.img.i_stride[0] = in.img.i_stride[1] = stride;
-    // An IDR picture, as groups are closed; asked for one by name, x264 warns where one is due
+    // An IDR picture, as groups are closed; asked for one by name, x264 warns if one is due
     // anyway.
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;

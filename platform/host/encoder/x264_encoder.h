@@ -83,7 +83,7 @@ private:
     // unchanged pictures in a row whose access units had this size
     uint32_t equal_sizes_ = 0;
     uint32_t last_size_ = 0;
-    // of x264's rate control: what it believes to have spent ahead of the rate, bits
+    // bits that x264's rate control believes to have spent ahead of the rate
     uint64_t bits_ahead_ = 0;
     // a flag per macroblock, all of them set
     std::vector<uint8_t> constant_;

@@ -16,8 +16,8 @@ namespace {
 // some of x264's warnings come with every picture
 constexpr unsigned most_messages = 8;
 
-// Constant quality at which text on a screen stays sharp: x264's own default where it has a
-// preset's settings, and what takes about as many bits with the settings for screens.
+// Constant quality at which text on a screen stays sharp: x264's default with a preset's
+// settings, and the factor that needs about as many bits with the settings for screens.
 constexpr float quality_of_presets = 23.0f;
 constexpr float quality_of_screens = 22.0f;
 
@@ -34,13 +34,13 @@ constexpr double most_kilobits_ahead = 15'000;
 constexpr uint64_t pixels_per_thread_and_second = 30'000'000;
 constexpr uint64_t most_threads = 4;
 
-// what a player has to decode after a seek
+// a player decodes up to this much after a seek
 constexpr uint32_t seconds_between_key_frames = 2;
 
 // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
 constexpr int smpte_170m = 6;
 
-/** The preset that the environment asks for; null where it leaves the choice to us. */
+/** The preset that the environment asks for; null if it leaves the choice to us. */
 const char* preset_from_environment()
 {
     const char* name = secure_getenv("ZU3_X264_PRESET");
@@ -60,14 +60,14 @@ const char* preset_from_environment()
  */
 void set_for_screens(x264_param_t& parameters, uint32_t profile)
 {
-    // What moves on a screen moves by whole pixels, so none are computed between them, but a
+    // Content on a screen moves by whole pixels, so none are computed between them, but a
     // scrolled page or a dragged window moves far at once.
     parameters.analyse.i_subpel_refine = 0;
     parameters.analyse.i_me_method = X264_ME_UMH;
     parameters.analyse.i_me_range = 24;
     // Letters are smaller than a transform of 8x8; without it a stream is of profile Main.
     parameters.analyse.b_transform_8x8 = profile == 100;
-    // What is in the picture stays there: bits that make it sharp at first are not lost soon after.
+    // Content stays in the picture: bits that make it sharp at first are not lost soon after.
     parameters.rc.f_qcompress = 0.8f;
     // Flat areas next to text are flat: there is little to be taken from the text for them.
     parameters.rc.f_aq_strength = 0.65f;

@@ -32,7 +32,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log);
 
 /**
  * Sets the rate control alone, of parameters that have their frame rate; also for
- * x264_encoder_reconfig where `as_needed` did not change.
+ * x264_encoder_reconfig if `as_needed` did not change.
  */
 void set_rate(x264_param_t& parameters, EncoderRate rate);
 

@@ -43,7 +43,7 @@ Opened failed(int error)
                            : strerror(error)};
 }
 
-/** What was there before: judged by its descriptor, and emptied only then. */
+/** An existing file: judged by its descriptor, and emptied only then. */
 Opened open_existing(const common::TrustedPath& place, int flags)
 {
     common::Descriptor fd = place.open(flags & ~(O_CREAT | O_TRUNC));
@@ -91,8 +91,8 @@ Opened open_to_read(const char* name, int flags)
 }
 
 /**
- * Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN where
- * they would.
+ * Opens without waiting. Afterwards ordinary files wait as usual; the others answer EAGAIN
+ * instead.
  */
 Opened open_now(const char* name, int flags)
 {
@@ -104,7 +104,7 @@ Opened open_now(const char* name, int flags)
     return opened;
 }
 
-/** The name to be shown of a file: what lies behind one that only this process understands. */
+/** The name of a file for messages; resolves one that only this process understands. */
 std::string name_to_show(const char* name)
 {
     char target[PATH_MAX];
@@ -137,7 +137,7 @@ bool awaits_its_first_writer(int fd)
     return fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode) && poll(&pipe, 1, 0) == 0;
 }
 
-/** Readable once writes are given up; -1 where the system gives no event. Never closed. */
+/** Readable once writes are given up; -1 if the system gives no event. Never closed. */
 int given_up_event()
 {
     static const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -346,7 +346,7 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
 {
     const off_t position = lseek(fd_.get(), 0, SEEK_CUR);
     struct stat status;
-    // In the middle of a file, and where there is nothing to cut, the part has to stay.
+    // In the middle of a file, or with nothing to cut, the part has to stay.
     if (partial_bytes == 0 || position < 0 || fstat(fd_.get(), &status) != 0 ||
         !S_ISREG(status.st_mode) || status.st_size != position)
         return;

@@ -11,8 +11,8 @@ namespace zu3host {
 namespace {
 
 /**
- * More than any encoded picture with its packet headers; what is longer is no picture that ends one
- * day.
+ * More than any encoded picture with its packet headers; longer data is no picture that will
+ * end.
  */
 constexpr size_t greatest_picture = 4 << 20;
 
@@ -51,7 +51,7 @@ bool is_filled(size_t payload)
 
 enum class Begins { nothing, sound, picture, random_access };
 
-/** What begins with a packet of 188 bytes. */
+/** The kind of data that begins with a packet of 188 bytes. */
 Begins begins_with(const uint8_t* packet)
 {
     if (!ts_get_unitstart(packet) || !ts_has_payload(packet))

@@ -34,7 +34,7 @@ public:
     /** They are in the file, or lost. */
     void remove(size_t bytes);
     /**
-     * A part of the stream is lost: what follows is dropped up to the next picture that needs none
+     * A part of the stream is lost: the rest is dropped up to the next picture that needs none
      * before it.
      */
     void skip_to_random_access();

@@ -11,8 +11,8 @@ namespace zu3host {
 /**
  * Which lines the log shows, from logcat's filter expressions: words "tag:priority" between blanks
  * or commas, the priority one of V D I W E F S; "*" stands for all other tags, a tag without a
- * priority means all of its lines, the later of two words for one tag counts. What no word covers
- * is shown from warnings up.
+ * priority means all of its lines, the later of two words for one tag counts. Other tags are
+ * shown from warnings up.
  */
 class LogFilter {
 public:

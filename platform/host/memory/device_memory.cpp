@@ -58,7 +58,7 @@ private:
 
 namespace {
 
-// MAP_32BIT would give a range of one gigabyte on x86-64 and exists nowhere else, so places are
+// MAP_32BIT would give a range of one gigabyte on x86-64 and exists only there, so places are
 // tried in turn. The kernel refuses those that are taken: by earlier blocks, a program that is
 // linked low, or a sanitizer's shadow.
 constexpr uint64_t first_place = 0x10000000;

@@ -6,7 +6,7 @@
 namespace zu3host {
 
 /**
- * The device's memory: blocks that are each a sealed memfd of their own, mapped below 4 GiB so that
+ * The device's memory: blocks, each a sealed memfd, mapped below 4 GiB so that
  * an address fits the u32 fields of the contract. Physical numbers are unique in the process and
  * never reused. Thread-safe.
  */

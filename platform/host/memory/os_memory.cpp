@@ -74,7 +74,7 @@ namespace {
 
 using zu3host::MemoryBlock;
 
-/** What identifies a file, whatever descriptor leads to it. */
+/** Identifies a file, whatever descriptor leads to it. */
 struct FileIdentity {
     dev_t device;
     ino_t inode;
@@ -152,7 +152,7 @@ u32 put_descriptor(const ZU_OS_IommuBufFd_t& record)
     const bool unchanged = identity_of(record.s32Fd) == found->second;
     all.handed_out.erase(found);
     if (!unchanged) {
-        HOST_LOGE("Descriptor %d of a block was closed by somebody else before it was given back.",
+        HOST_LOGE("Descriptor %d of a block was closed by its user before it was given back.",
                   record.s32Fd);
         return ZU_FAILURE;
     }

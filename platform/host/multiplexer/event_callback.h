@@ -11,7 +11,7 @@ namespace zu3host {
 
 /**
  * The one callback that a multiplexer can have. It is called with no lock held; once it is removed
- * it is not running and will not be called again, except where it removes itself. Thread-safe.
+ * it is not running and will not be called again, except if it removes itself. Thread-safe.
  */
 class EventCallback {
 public:

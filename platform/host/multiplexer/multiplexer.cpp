@@ -19,7 +19,7 @@ namespace {
 /** An AAC frame of 341 bytes fills two packets, 46.875 times a second. */
 constexpr uint64_t sound_rate = 141000;
 
-/** What a stream of this rate leaves for pictures beside tables, packet headers and sound. */
+/** The rate that tables, packet headers and sound leave for pictures. */
 uint64_t picture_budget(uint64_t stream_rate, bool with_sound)
 {
     const uint64_t left =

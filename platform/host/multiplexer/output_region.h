@@ -31,7 +31,7 @@ private:
     }
 
     std::span<uint8_t> memory_;
-    /** physical address of a block of our own; 0 = the given region */
+    /** physical address of a block made here; 0 = the given region */
     uint64_t own_block_;
 };
 

@@ -28,8 +28,8 @@ public:
      * Adds one packet; free_packets() must not be 0.
      * @param arrival_27mhz the packet's place on the stream's clock, for the extra header of
      *     192-byte packets
-     * @return where the 188 bytes go, which the caller fills before anything else is done with the
-     *     ring
+     * @return where the 188 bytes go, which the caller fills before the ring is used
+     *     again
      */
     uint8_t* append(uint64_t arrival_27mhz);
     /** Moves whole packets out, at most `max_bytes`. @return bytes moved */
@@ -48,7 +48,7 @@ using TablePacket = std::array<uint8_t, ts_packet_bytes>;
 
 /** of a packet without an adaptation field */
 inline constexpr size_t ts_payload_bytes = 184;
-/** with a PTS and nothing else */
+/** with a PTS only */
 inline constexpr size_t pes_header_bytes = 14;
 
 /** Whether a stream may have it (2.4.3.3). */
@@ -66,8 +66,8 @@ struct PacketStream {
 };
 
 /**
- * A PES packet (2.4.3.6) on its way into transport packets: a header of its own before bytes of the
- * caller's.
+ * A PES packet (2.4.3.6) on its way into transport packets: a header made here, then the caller's
+ * bytes.
  */
 class PesPacket {
 public:

@@ -44,7 +44,7 @@ void PictureClock::follow_host(Stamp& next, int64_t host_us) const
 
 void PictureClock::follow_stated(Stamp& next, int64_t stated_us) const
 {
-    // What is beyond any credible time would overflow below; it is a wrapped negative or nonsense.
+    // A time beyond any credible one would overflow below; it is a wrapped negative or nonsense.
     constexpr int64_t greatest_us = int64_t{1} << 56;
     const int64_t stated = ticks_of(std::clamp(stated_us, -greatest_us, greatest_us));
     next.ticks = stated + stated_offset_;

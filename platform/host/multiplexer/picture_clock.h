@@ -7,7 +7,7 @@ namespace zu3host {
 
 /**
  * Presentation times of pictures, in ticks of 90 kHz from the first one, which strictly increase.
- * The capture's own clock is followed where it is known. Stated times are followed within the
+ * If the capture's clock is known, it is followed. Stated times are followed within the
  * continuity limits; a step beyond them is no real time, and the picture continues at the frame
  * interval seen so far. So does one without any time.
  */

@@ -12,8 +12,8 @@ namespace zu3host {
 
 /**
  * The sound of one recording: what the process's audio capture hears, from the first picture on, as
- * one unbroken row of AAC frames. Where nothing was heard, or what was heard got lost, there is
- * silence, so that sound and pictures stay together. Not thread-safe.
+ * one unbroken row of AAC frames. Silence stands for sound that
+ * was not heard or got lost, so that sound and pictures stay together. Not thread-safe.
  */
 class SoundTrack {
 public:

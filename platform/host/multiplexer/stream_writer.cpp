@@ -12,7 +12,7 @@ constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
 /**
  * At a variable rate a reader takes the packets between two time references for evenly spread,
  * however few there are. Tables therefore follow straight behind a reference: the first one after
- * the period, or one that is written for them at its end. What is left of 100 ms is for the
+ * the period, or one that is written for them at its end. The rest of 100 ms is for the
  * packets' apparent places, two of three at most into the next 36 ms.
  */
 constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(60);

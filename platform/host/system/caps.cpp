@@ -2,8 +2,7 @@
 
 #include <zu3/caps.h>
 
-// The platform as a whole has no limits of its own: the modules' capabilities say what can be
-// recorded.
+// The platform as a whole has no limits beyond those of its modules.
 HOST_EXPORT u32 ZU_VIDEO_GetCaps(ZU_VIDEO_Caps_t* pstCaps)
 {
     if (!pstCaps)

@@ -1,5 +1,5 @@
 /**
- * When sound was heard, beside the contract: what joins PCM with encoded frames needs it. A client
+ * When sound was heard, beside the contract, for clients that join PCM with encoded frames. A client
  * looks the function up by name (dlsym), since another platform has none.
  */
 #ifndef ZU3_HOST_SOUND_TIME_H
@@ -14,7 +14,7 @@ extern "C" {
 /**
  * When the first sample was heard that the process's last read of an audio capture delivered, so
  * call it behind each audio_cap_getPCM. Sample n of that read was heard n / 48000 s later. Reads
- * follow one another without a gap, or with one where sound was lost because it was read too late.
+ * follow one another without a gap, except for sound that was lost because it was read too late.
  * From any thread.
  *
  * @return microseconds of the monotonic clock, the clock of the frames' time stamps; 0 before the
