@@ -43,8 +43,8 @@ pid_t holder(int fd)
 }
 
 // flock(2) is the lock: it lasts while the descriptor is open, whatever the process opens and
-// closes besides. A record lock ends at any close of the file; it only names the process, which flock(2)
-// does not.
+// closes besides. A record lock ends at any close of the file; it only names the process, which
+// flock(2) does not.
 void lock_output(int fd, const std::string& path)
 {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {

@@ -98,7 +98,7 @@ struct StoppedDuringAWait {
     }
 };
 
-// Catches a limit that passes while the process is stopped, which gives no thread the time to answer.
+// Catches a limit that passes while the process is stopped, so that no thread has time to answer.
 TEST(PatientWait, CountsAStopAsOneSlice)
 {
     std::mutex mutex;

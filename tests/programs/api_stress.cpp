@@ -2,9 +2,9 @@
  * Drives the public interface in ways that the client does not. Exit code 0 if every call answered
  * as it must; stderr names the calls that did not. SIGALRM ends a call that hangs.
  *
- *     limit FOLDER COUNT [SEED]        recordings of 2 s, limit_<n>.ts, each stopped around its limit
+ *     limit FOLDER COUNT [SEED]        recordings of 2 s, limit_<n>.ts, stopped around the limit
  *     limit-alone FILE                 one without a stop: prints after how many ms it was closed
- *     cycles FILE COUNT [SEED]         starts, stops, closes at random; prints the longest cycle's ms
+ *     cycles FILE COUNT [SEED]         starts and stops at random; prints the longest cycle's ms
  *     pair SCREEN.ts RAW.nv12 RAW.ts   slot 0 records the screen, slot 1 a raw file of 60 pictures
  *     hour FILE MINUTES                records; prints memory, pictures and backlog once a minute
  */

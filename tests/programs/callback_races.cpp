@@ -4,9 +4,10 @@
  *
  *     callback_races FOLDER COUNT [SEED]
  *
- * Each cycle records on slot 1 and, in turn, records, encodes or takes stills on slot 0. Four threads
- * take frames and PCM, change the watermark and tune the encoder, whatever is open. Exit code 0 if
- * every start and stop succeeded and something came of everything. SIGALRM ends a call that hangs.
+ * Each cycle records on slot 1 and, in turn, records, encodes or takes stills on slot 0. Four
+ * threads take frames and PCM, change the watermark and tune the encoder, whatever is open. Exit
+ * code 0 if every start and stop succeeded and something came of everything. SIGALRM ends a call
+ * that hangs.
  */
 #include <atomic>
 #include <thread>

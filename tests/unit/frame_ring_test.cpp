@@ -53,7 +53,7 @@ protected:
     CapEnc_EsInfo info = {};
 };
 
-// Catches a frame without its dropped key frame, one dropped needlessly, and one without a log line.
+// Catches a frame without its dropped key frame, and one dropped needlessly or without a log line.
 TEST_F(FrameRing, AnOverflowAndARequestKeepWhatFollowsTheNextKeyFrame)
 {
     struct Case {

@@ -96,7 +96,7 @@ TEST_F(RecordingFailures, StartAsksForSourceMultiplexerAndFileInThatOrder)
     task(0, TSMUX).u32OutFile = file;
 }
 
-// Catches a device, file or descriptor that leaks because the call that opened it answers a failure.
+// Catches a device or descriptor that leaks because the call that opened it answers a failure.
 TEST_F(RecordingFailures, WhatAFailingCallHasOpenedIsClosed)
 {
     mw.offer_inject_buffer(64 * 64 * 2);

@@ -35,8 +35,7 @@ public:
     bool any_to_lend() const;
     /**
      * The buffer that is lent already, otherwise a free one; null when none is free or memory is
-     * short.
-     * Of a captured picture, which may be null, the memory is leased and held until release().
+     * short. Of a captured picture, which may be null, the memory is leased and held until release().
      */
     uint8_t* lend(const PictureInFlight* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
