@@ -38,7 +38,7 @@ public:
     /** Readable once it is through with all. */
     int fd() const { return event_.get(); }
     /**
-     * The errno of what was begun, 0 = all of it was taken; nothing while it is being written.
+     * The errno of what was begun, 0 = all of it was written; nothing while it is being written.
      * Once.
      */
     std::optional<int> take_result();

@@ -125,7 +125,7 @@ TEST(OptionValues, Times)
         EXPECT_EQ(seconds(text), expected) << text;
 }
 
-// Catches a table that is shifted: the library takes one bit a level.
+// Catches a table that is shifted: the library has one bit a level.
 TEST(OptionValues, Levels)
 {
     for (const auto& [word, bit] :
@@ -190,7 +190,7 @@ TEST(StatusLine, LosesOnANarrowTerminalWhatMattersLeast)
         EXPECT_LE(line.size(), columns);
         EXPECT_EQ(line == whole, columns >= whole.size());
         const bool size_and_rate = line.find("1234.5 MB  2.50 Mbit/s") != line.npos;
-        // of 40: mark and last column are taken
+        // of 40: mark and last column are used
         EXPECT_TRUE(size_and_rate || columns < 36) << line;
     }
     EXPECT_EQ(progress_as_line(progress, 36), "01:02:03  1234.5 MB  2.50 Mbit/s");

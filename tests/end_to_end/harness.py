@@ -15,7 +15,7 @@ import unittest
 SOURCE = pathlib.Path(__file__).absolute().parents[2]
 BUILD = pathlib.Path(os.environ.get("SCREENRECORD_BUILD_DIR", SOURCE / "build" / "release")).absolute()
 SANITIZED = os.environ.get("SCREENRECORD_SANITIZED", "") != ""
-# Time that things may take which are not what a test measures; instrumented programs are slower.
+# Seconds for steps that a test does not measure; instrumented programs are slower.
 PATIENCE = 60 if SANITIZED else 20
 # A client notices some things within a second, which an instrumented one on a busy machine cannot promise.
 SOON = 10 if SANITIZED else 1

@@ -85,7 +85,7 @@ class Disk(ShortEndToEndTest):
                 running = self.client(*words, environment={"ZU3_AUDIO": "silence"})
                 wait_until(lambda path=self.path(words[2]): size_of(path) > 1000, "the first bytes")
                 self.hold(running, "disk writer")
-                wait_until(lambda client=running: waits_in(client, "recvfrom"), "bytes that the disk does not take")
+                wait_until(lambda client=running: waits_in(client, "recvfrom"), "bytes that the disk does not accept")
                 self.assert_stops(running, 3, seconds=STOP)
                 self.assertIn(f"the end is missing from {words[2]}: its disk does not respond", running.errors())
 

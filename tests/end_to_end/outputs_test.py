@@ -17,7 +17,7 @@ class Locked(ShortEndToEndTest):
         cls.environment["ZU3_DISPLAY"] = "testcard"
 
     def test_second_recorder_is_refused(self):
-        # Catches two that write one file by turns, by whatever name, and one that takes the other's file away.
+        # Catches two recorders that write one file by turns, and one that removes the other's file.
         recording = self.client(*RECORD, "-o", "a.ts", "--status-file", "status")
         wait_until(lambda: size_of(self.path("a.ts")) > 0, "the first batch")
         os.link(self.path("a.ts"), self.path("link"))

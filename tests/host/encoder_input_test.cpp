@@ -242,7 +242,7 @@ PictureInFlight picture_of(const std::shared_ptr<PicturePool>& pool, uint32_t in
     return {.data = pool->picture(index), .layout = pool->layout(), .memory = pool};
 }
 
-// Catches a picture overwritten while the encoder reads it, and a queue that takes all buffers.
+// Catches a picture overwritten while the encoder reads it, and a queue that uses up all buffers.
 TEST(EncoderLending, HoldsPicturesUntilTheyAreReleasedAndLeavesTheCaptureOne)
 {
     auto pool = PicturePool::own(layout, 0);

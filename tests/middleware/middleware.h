@@ -157,7 +157,7 @@ public:
     void add_file(const std::string& name, const Bytes& bytes) { Locked()->files[name] = bytes; }
     Bytes file(const std::string& name) const { return Locked()->files.at(name); }
 
-    // --- what devices took and give
+    // --- data into and out of devices
     /** What ZU_TSMUX_CopyOutputStream hands out. */
     void queue_output(const Bytes& bytes)
     {

@@ -51,7 +51,7 @@ struct When {
     bool behind = false;
 };
 
-/** What ZU_TSMUX_PushMediaData took (answer 0). */
+/** A frame that ZU_TSMUX_PushMediaData accepted. */
 struct PushedFrame {
     u64 source;
     Bytes bytes;

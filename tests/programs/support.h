@@ -27,7 +27,7 @@ inline void must(bool good, const std::string& what)
     _exit(1);
 }
 
-/** The interface takes its names by pointers that are not const. */
+/** The interface's pointers to names are not const. */
 inline uint8_t* bytes(std::string& text)
 {
     return reinterpret_cast<uint8_t*>(text.data());

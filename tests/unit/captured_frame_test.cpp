@@ -157,7 +157,7 @@ TEST_F(CapturedFrame, ARunningPipelineAllocatesNothingAndCopiesAPictureOnceAtMos
 // Catches a watermark outside of the inject buffer, and a picture at its edge without one.
 TEST_F(CapturedFrame, TheWatermarkIsDrawnIntoPicturesOfTheInjectBufferOnly)
 {
-    for (const s32 fd : {0, 1}) { // as the double counts them; the library takes 0 for none
+    for (const s32 fd : {0, 1}) { // as the double counts them; the library treats 0 as none
         video_capenc_stop();
         video_capenc_close();
         capture_encode(4 * frame_size);

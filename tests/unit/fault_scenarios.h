@@ -195,7 +195,7 @@ protected:
 
     /** that are still inside */
     std::vector<std::future<u32>> callbacks_;
-    /** the multiplexer will never take a frame */
+    /** the multiplexer never accepts a frame */
     bool busy_ = false;
 
 private:

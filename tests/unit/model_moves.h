@@ -27,6 +27,12 @@ template <u32... modules> bool start_modules(StateModel& m, const Choice&)
     return true;
 }
 
+template <u32... modules> bool stop_modules(StateModel& m, const Choice&)
+{
+    ((m.slots[0].running[modules] = false), ...);
+    return true;
+}
+
 template <u32... modules> bool close_modules(StateModel& m, const Choice&)
 {
     for (const u32 module : {modules...})
@@ -42,8 +48,6 @@ constexpr auto no_move = [](StateModel&, const Choice&) { return true; };
 
 /** Which calls the sequences make in a state. */
 namespace allowed {
-
-constexpr auto always = [](const StateModel&, const Choice&) { return true; };
 
 bool slot_is_idle(const StateModel& m, const Choice& c);
 bool may_init(const StateModel& m, const Choice&);

@@ -184,7 +184,7 @@ TEST_F(RecordingFailures, ACaptureThatIsForgottenLeavesTheDisplayToTheNext)
     }
 }
 
-// Catches a forgotten capture that takes along the display connection of the other slot.
+// Catches a forgotten capture that ends the display connection of the other slot.
 TEST_F(RecordingFailures, ACaptureThatIsForgottenTakesNoDisplayFromAnother)
 {
     ASSERT_TRUE(steps::record(0) && steps::open(1) && steps::set_video(1) && steps::open(1));

@@ -36,7 +36,7 @@ protected:
     void SetUp() override
     {
         LibraryTest::SetUp();
-        // An encoder that claims to take anything leaves every refusal to the library.
+        // An encoder that claims to accept anything leaves every refusal to the library.
         mw.settings.encoder = {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 1, 4096, {}};
     }
     void next()
@@ -181,7 +181,7 @@ TEST_F(Sizes, ASourceFileFillsWhatTheEncoderLendsToTheLastByte)
     }
 }
 
-// Catches a reader that takes a buffer of no bytes for the end of its file, or reads into it.
+// Catches a reader that mistakes an empty buffer for the end of its file, or reads into it.
 TEST_F(Sizes, AnEncoderThatLendsNoByteIsAskedAgain)
 {
     mw.settings.encoder_input_size = 0;

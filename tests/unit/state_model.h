@@ -82,13 +82,15 @@ public:
  */
 struct Operation {
     const char* name;
-    /** kinds of bad arguments */
-    u32 flaws;
-    bool (*may)(const StateModel&, const Choice&);
     /** Moves the model as the call moves the library, and says whether the call succeeds. */
     bool (*answer)(StateModel&, const Choice&);
     bool (*call)(Choice&);
+    /** kinds of bad arguments */
+    u32 flaws = 0;
+    bool (*may)(const StateModel&, const Choice&) = [](const StateModel&, const Choice&) {
+        return true;
+    };
 };
 
-/** All exported functions. */
+/** All exported functions; inputs of the corpus name them by their place. */
 extern const std::vector<Operation> OPERATIONS;

@@ -134,7 +134,7 @@ void PulseConnection::read_all()
     const void* data = nullptr;
     size_t bytes = 0;
     while (pa_stream_peek(stream_, &data, &bytes) == 0 && bytes > 0) {
-        // Until the server has told its timing, which takes one question and answer, no piece has a
+        // Until the server has told its timing, which needs one question and answer, no piece has a
         // place.
         if (const auto heard_us = time_of_next_us())
             listener_.heard(static_cast<const int16_t*>(data),

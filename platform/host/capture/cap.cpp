@@ -23,7 +23,7 @@ template <typename F> u32 with_device(const char* function, u32 handle, F call)
 
 HOST_EXPORT u32 ZU_CAP_DeInit(void)
 {
-    // the module holds nothing that is not some open device's
+    // all state belongs to open devices
     return ZU_OK;
 }
 

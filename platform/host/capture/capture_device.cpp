@@ -317,7 +317,7 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     PicturePool::Contents& contents = pool.contents(index);
     uint8_t* picture = pool.picture(index);
     const Placement placement = place_display(image->size, run.out, run.visible);
-    // A slot of the capture's own still holds what it was given.
+    // A private slot still has its old picture.
     if (!pool.is_shared() && contents.serial == image->serial && contents.bordered_for == placement)
         return Written::done;
     // Where a renderer draws into the pictures, it may have drawn into a border that is seen.

@@ -9,7 +9,7 @@
 namespace zu3host {
 
 /**
- * Where in a picture the screen's image goes. Offsets are even, so that they hold for the chroma
+ * The place of the screen's image in a picture. Offsets are even, so that they hold for the chroma
  * plane too.
  */
 struct Placement {

@@ -62,7 +62,7 @@ bool X11Image::share()
     const auto asked = xcb_shm_query_version(connection_.xcb());
     const auto version = connection_.wait<xcb_shm_query_version_reply_t>(asked.sequence);
     if (!version.reply || (version.reply->major_version == 1 && version.reply->minor_version < 2))
-        // 1.2 is the first that takes a descriptor
+        // 1.2 is the first that accepts a descriptor
         return false;
     const int fd = make_memory(bytes());
     if (fd < 0)

@@ -101,7 +101,7 @@ void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size) const
         reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{top - y} * width + (left - x));
     uint8_t* under = pixels + size_t{stride} * static_cast<uint32_t>(top) +
                      size_t{4} * static_cast<uint32_t>(left);
-    // Both take colours multiplied by their alpha.
+    // Both expect colors multiplied by their alpha.
     libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under,
                       static_cast<int>(stride), right - left, bottom - top);
 }

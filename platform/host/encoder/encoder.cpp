@@ -208,7 +208,7 @@ bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
     // A caller whose query failed passes an empty record, which is no mistake.
     const bool nothing = !buffer.pu8Data && buffer.u32DataSize == 0;
     if (!nothing && !std::exchange(warned_of_address_, true))
-        HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it takes %zu in %s",
+        HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it accepts %zu in %s",
                   buffer.u32DataSize, static_cast<const void*>(buffer.pu8Data), bytes,
                   buffer.bEntireInject ? "its inject buffer" : "the buffer that it lent");
     return false;

@@ -22,7 +22,7 @@ class LentBuffers {
 public:
     /**
      * A busy machine may leave an encoder without a core for a quarter of a second, eight pictures
-     * at 30 per second. Only buffers that are needed take memory.
+     * at 30 per second. Only buffers that are needed use memory.
      */
     static constexpr size_t count = 8;
 

@@ -181,7 +181,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     set_timing(parameters, settings.frame_rate);
     set_rate(parameters, settings.rate);
     set_profile_and_level(parameters, settings.profile, settings.level);
-    HOST_LOGI("The encoder takes x264's %s, %d thread%s, a key frame every %d pictures",
+    HOST_LOGI("The encoder uses x264's %s, %d thread%s, a key frame every %d pictures",
               preset ? preset : "settings for screens (docs/measurements/x264_settings.md)",
               parameters.i_threads, parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
     return parameters;

@@ -85,7 +85,7 @@ char priority_letter(int priority)
 namespace {
 
 /**
- * One call's lines, cut if they do not fit. A pipe takes as many bytes without mixing in another
+ * One call's lines, cut if they do not fit. A pipe accepts as many bytes without mixing in another
  * writer's.
  */
 class LineBuffer {

@@ -33,7 +33,7 @@ private:
 };
 
 /**
- * The letter of a priority, in a line and in an expression; those outside the range take the
+ * The letter of a priority, in a line and in an expression; those outside the range have the
  * nearest one's.
  */
 char priority_letter(int priority);

@@ -73,7 +73,7 @@ uint8_t* reserve_at(uint64_t place, size_t bytes)
              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
     if (got == wanted)
         return static_cast<uint8_t*>(got);
-    // A kernel that does not know the flag takes the address for a hint.
+    // A kernel that does not know the flag treats the address as a hint.
     if (got != MAP_FAILED)
         munmap(got, bytes);
     return nullptr;

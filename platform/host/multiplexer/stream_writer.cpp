@@ -10,8 +10,8 @@ namespace {
 
 constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
 /**
- * At a variable rate a reader takes the packets between two time references for evenly spread,
- * however few there are. Tables therefore follow straight behind a reference: the first one after
+ * At a variable rate a reader assumes that the packets between two time references, however few,
+ * are evenly spread. Tables therefore follow straight behind a reference: the first one after
  * the period, or one that is written for them at its end. The rest of 100 ms is for the
  * packets' apparent places, two of three at most into the next 36 ms.
  */

@@ -52,7 +52,7 @@ public:
      */
     bool advance(uint64_t moment, SoundQueue* queue);
     /**
-     * Packets that a picture of `bytes` takes at most, with tables and time references, without
+     * Packets that a picture of `bytes` needs at most, with tables and time references, without
      * sound.
      */
     size_t greatest_picture_packets(size_t bytes) const;

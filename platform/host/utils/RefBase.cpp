@@ -3,7 +3,7 @@
 #include <atomic>
 #include <new>
 
-// Programs derive from it, which takes its table of virtual functions and its type.
+// Programs derive from it, which needs its table of virtual functions and its type.
 namespace android {
 class HOST_EXPORT RefBase;
 }
