@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 import judges
-from harness import BUILD, ShortEndToEndTest, full_pipe, size_of, wait_until
+from harness import BUILD, TEST_CARD, ShortEndToEndTest, full_pipe, size_of, wait_until
 
 F_GET_SEALS, F_SEAL_SHRINK = 1034, 2
 COMMANDS = {
@@ -25,9 +25,7 @@ COMMANDS = {
 
 
 class Files(ShortEndToEndTest):
-    @classmethod
-    def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
+    VARIABLES = TEST_CARD
 
     def test_only_the_owner_may_read_them(self):
         # Catches screens and sound that others on the machine can read, and a umask that locks the owner out.
@@ -93,7 +91,7 @@ class Names(ShortEndToEndTest):
         self.start_sound()
         self.run_program("pactl", "load-module", "module-null-sink", "sink_name=evil",
                          f"sink_properties=device.description='\"{self.EVIL}\"'")
-        test_card, evil_display = {"ZU3_DISPLAY": "testcard"}, {"DISPLAY": self.EVIL}
+        test_card, evil_display = TEST_CARD, {"DISPLAY": self.EVIL}
         cases = [(0, ["devices"], evil_display), (1, ["doctor"], evil_display), (2, ["record", self.EVIL], {}),
                  (2, ["pcm", "-o", f"{self.EVIL}/a.wav"], {}), (1, ["shot", "-o", "a.png"], evil_display),
                  (1, ["record", "-v", "-o", "a.ts", "--display", self.EVIL], {}),
@@ -121,7 +119,7 @@ class Descriptors(ShortEndToEndTest):
         # Catches log lines in a recording that became standard error, and a program that waits for its reader for ever.
         reader, full = full_pipe()
         running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
-                                     environment={"ZU3_DISPLAY": "testcard", "ANDROID_LOG_TAGS": "*:D"})
+                                     environment={**TEST_CARD, "ANDROID_LOG_TAGS": "*:D"})
                    for name, options in {"closed.ts": {"prepare": lambda: os.closerange(0, 3)},
                                          "unread.ts": {"stderr": full}}.items()}
         for name, client in running.items():

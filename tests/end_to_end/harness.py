@@ -20,6 +20,7 @@ PATIENCE = 60 if SANITIZED else 20
 # A client notices some things within a second, which an instrumented one on a busy machine cannot promise.
 SOON = 10 if SANITIZED else 1
 SANITIZER_EXIT = 99
+TEST_CARD = {"ZU3_DISPLAY": "testcard"}
 SANITIZER_REPORTS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
 
 
@@ -101,6 +102,8 @@ class Running:
 class EndToEndTest(unittest.TestCase):
     """One folder, environment and set of programs a class; all of it is gone when the class has run."""
 
+    VARIABLES = {}  # more of them in the environment
+
     @classmethod
     def setUpClass(cls):
         cls.stack = contextlib.ExitStack()
@@ -119,7 +122,7 @@ class EndToEndTest(unittest.TestCase):
             "ASAN_OPTIONS": f"exitcode={SANITIZER_EXIT}",
             "TSAN_OPTIONS": f"exitcode={SANITIZER_EXIT}:halt_on_error=1",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
-        }
+        } | cls.VARIABLES
         cls.prepare()
 
     @classmethod

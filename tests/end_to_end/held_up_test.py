@@ -12,7 +12,7 @@ import signal
 import subprocess
 
 import judges
-from harness import SANITIZED, ShortEndToEndTest, full_pipe, size_of, wait_until
+from harness import SANITIZED, TEST_CARD, ShortEndToEndTest, full_pipe, size_of, wait_until
 
 # Seconds for a stop, whatever stands still.
 STOP = 30 if SANITIZED else 3
@@ -30,9 +30,7 @@ def waits_in(client, call):
 class Disk(ShortEndToEndTest):
     """A disk that stands still, as the client sees it: the process that writes to it gives no answer."""
 
-    @classmethod
-    def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
+    VARIABLES = TEST_CARD
 
     def writer(self, client, name):
         """The client's child of that name."""
@@ -93,9 +91,10 @@ class Disk(ShortEndToEndTest):
 class Readers(ShortEndToEndTest):
     """Pipes and terminals that are full, or empty for ever."""
 
+    VARIABLES = TEST_CARD
+
     @classmethod
     def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
         cls.fifo = cls.path("fifo.png")
         os.mkfifo(cls.fifo)
         cls.reader, cls.full = full_pipe()
@@ -141,9 +140,10 @@ class Readers(ShortEndToEndTest):
 
 
 class Limits(ShortEndToEndTest):
+    VARIABLES = TEST_CARD
+
     def test_little_is_enough(self):
         # Catches a program that is ended by its system's limits instead of doing without or saying so.
-        self.environment["ZU3_DISPLAY"] = "testcard"
         cases = [(["devices"], resource.RLIMIT_NOFILE, 6), (["record", "-s", "64x64", "-t", "0.5", "-o", "a.ts"],
                                                             resource.RLIMIT_STACK, 64 << 10)]
         for words, limit, value in cases:

@@ -7,9 +7,7 @@ import sys
 import time
 
 import judges
-from harness import BUILD, PATIENCE, SANITIZED, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, wait_until
-
-TEST_CARD = {"ZU3_DISPLAY": "testcard"}
+from harness import BUILD, PATIENCE, SANITIZED, TEST_CARD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, wait_until
 
 
 class TimeLimit(ShortEndToEndTest):

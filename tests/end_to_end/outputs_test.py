@@ -4,7 +4,7 @@ import os
 import shutil
 
 import judges
-from harness import ShortEndToEndTest, size_of, wait_until
+from harness import TEST_CARD, ShortEndToEndTest, size_of, wait_until
 
 # Two megabits a second, so that the first batch is soon there.
 RECORD = ["record", "-s", "320x240", "-r", "10", "--rate", "2"]
@@ -12,9 +12,7 @@ STREAM = ["stream", "-s", "64x64", "-r", "10"]
 
 
 class Locked(ShortEndToEndTest):
-    @classmethod
-    def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
+    VARIABLES = TEST_CARD
 
     def test_second_recorder_is_refused(self):
         # Catches two recorders that write one file by turns, and one that removes the other's file.
@@ -63,9 +61,7 @@ class Watched(ShortEndToEndTest):
         "gone": (lambda path: shutil.rmtree(path.parent), "it was removed"),
     }
 
-    @classmethod
-    def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
+    VARIABLES = TEST_CARD
 
     def begin(self, name, command):
         folder = self.path(f"{name}-{command[0]}")

@@ -12,7 +12,7 @@ import unittest
 from concurrent import futures
 
 import judges
-from harness import SOON, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
+from harness import SOON, TEST_CARD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
 
 
 class TenSeconds(EndToEndTest):
@@ -72,9 +72,10 @@ class Sizes(EndToEndTest):
 
 
 class Refusals(ShortEndToEndTest):
+    VARIABLES = TEST_CARD
+
     @classmethod
     def prepare(cls):
-        cls.environment["ZU3_DISPLAY"] = "testcard"
         cls.old = cls.path("old.ts")
         cls.old.write_text("precious", encoding="utf-8")
 
@@ -159,9 +160,10 @@ class Refusals(ShortEndToEndTest):
 
 
 class Signals(ShortEndToEndTest):
+    VARIABLES = TEST_CARD
+
     def test_signals_end_with_a_complete_file(self):
         # Catches a signal that kills, and a last batch that is not written.
-        self.environment["ZU3_DISPLAY"] = "testcard"
         files = {name: self.path(name + ".ts") for name in ("INT", "TERM", "HUP")}
         running = {name: self.client("record", "-s", "320x240", "-o", file) for name, file in files.items()}
         for name, recording in running.items():
@@ -175,7 +177,6 @@ class Signals(ShortEndToEndTest):
 
     def test_the_shortest_has_a_picture(self):
         # Catches a stop that comes before the first picture is encoded and leaves an empty file.
-        self.environment["ZU3_DISPLAY"] = "testcard"
         for seconds in ("0.001", "0.02"):
             with self.subTest(seconds):
                 path = self.path("short.ts")
