@@ -6,8 +6,8 @@ namespace common {
 
 /** Of a picture, in pixels. */
 struct PictureSize {
-    uint32_t width;
-    uint32_t height;
+    uint32_t width = 0;
+    uint32_t height = 0;
     bool operator==(const PictureSize&) const = default;
 };
 

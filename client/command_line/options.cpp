@@ -1,16 +1,19 @@
 #include "command_line/options.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <numeric>
 #include <utility>
 
 #include "process/messages.h"
+#include <common/encoder_limits.h>
 
 namespace client {
 namespace {
+
+/** bit/s */
+constexpr uint32_t lowest_bit_rate = 10'000;
 
 template <typename Number> std::optional<Number> parse_whole(std::string_view text)
 {
@@ -157,7 +160,7 @@ std::optional<uint32_t> parse_bit_rate(std::string_view text)
     if (!number)
         return std::nullopt;
     const double rate = std::round(*number * unit);
-    if (rate < lowest_bit_rate || rate > greatest_bit_rate)
+    if (rate < lowest_bit_rate || rate > common::greatest_bit_rate)
         return std::nullopt;
     return static_cast<uint32_t>(rate);
 }
@@ -170,7 +173,7 @@ std::optional<uint32_t> parse_quality(std::string_view text)
         if (text == word)
             return factor;
     const auto number = parse_number(text);
-    return number && *number <= 51 ? number : std::nullopt;
+    return number && *number <= common::worst_quality ? number : std::nullopt;
 }
 
 std::optional<Position> parse_position(std::string_view text)
@@ -187,8 +190,7 @@ std::optional<Position> parse_position(std::string_view text)
 
 std::optional<uint32_t> parse_level(std::string_view text)
 {
-    static constexpr std::array<std::string_view, 13> names = {
-        "1", "1b", "1.1", "1.2", "1.3", "2", "2.1", "2.2", "3", "3.1", "3.2", "4", "4.1"};
+    const std::vector<std::string> names = choices_of(level_names);
     const auto found = std::find(names.begin(), names.end(), text);
     if (found == names.end())
         return std::nullopt;

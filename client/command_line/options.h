@@ -22,15 +22,13 @@ struct Position {
 /** "WxH", decimal; nullopt otherwise. size_problem() tells whether it can be captured. */
 std::optional<Size> parse_size(std::string_view text);
 
-/** Limits of a bit rate in bits per second: no level of the encoder allows more. */
-inline constexpr uint32_t lowest_bit_rate = 10'000;
-inline constexpr uint32_t greatest_bit_rate = 240'000'000;
-
 /**
- * A bit rate within these limits: a number with an optional fraction and an optional suffix, k
- * (1000) or M (1000000) in either case.
+ * A bit rate in bits per second, 10000 to the greatest of any level: a number with an optional
+ * fraction and an optional suffix, k (1000) or M (1000000) in either case.
  */
 std::optional<uint32_t> parse_bit_rate(std::string_view text);
+/** The form of a bit rate in messages. */
+inline constexpr const char* bit_rate_form = "a rate from 10k to 240M, such as 800k or 2.5M";
 
 /** x264's rate factor, 0 to 51, by number or as low, medium or high. */
 std::optional<uint32_t> parse_quality(std::string_view text);
@@ -54,7 +52,9 @@ std::optional<std::string> nearest_word(const std::string& typed,
 /** A whole number from 0 to 4294967295 without surrounding text. */
 std::optional<uint32_t> parse_number(std::string_view text);
 
-/** The level codes of CapEnc_OpenParams for "1", "1b", "1.1" ... "4.1". */
+/** The levels of a stream, for choices_of(). */
+inline constexpr const char* level_names = "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1";
+/** The code of CapEnc_OpenParams for one of them. */
 std::optional<uint32_t> parse_level(std::string_view text);
 
 using Seconds = std::chrono::duration<double>;

@@ -10,6 +10,7 @@
 #include "files/output_format.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include <common/encoder_limits.h>
 #include <screenrecord/screenrecord.h>
 
 namespace client {
@@ -106,8 +107,8 @@ void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
 
 void define_fps(CLI::App& command, uint32_t& fps)
 {
-    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; default: 30", 1, 120,
-                  [&fps](uint32_t given) { fps = given; });
+    define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; default: 30", 1,
+                  common::greatest_frame_rate, [&fps](uint32_t given) { fps = given; });
 }
 
 void define_rate(CLI::App& command, RecordOptions& options)
@@ -130,7 +131,7 @@ void define_bit_rate(CLI::App& command, std::optional<uint32_t>& bit_rate, const
 {
     define_value(command, "-b,--bitrate", "RATE", text, [&bit_rate](const std::string& given) {
         bit_rate = parse_bit_rate(given);
-        return bit_rate ? "" : "is not a rate from 10k to 240M, such as 800k or 2.5M";
+        return bit_rate ? "" : std::string("is not ") + bit_rate_form;
     });
 }
 
@@ -161,8 +162,7 @@ void define_encoder(CLI::App& command, StreamOptions& options)
     define_choice(
         command, "--profile", "baseline|main", "H.264 profile; default: the encoder's choice",
         [&options](const std::string& name) { options.profile = name == "baseline" ? 1 : 2; });
-    define_choice(command, "--level", "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2|4|4.1",
-                  "H.264 level; default: the encoder's choice",
+    define_choice(command, "--level", level_names, "H.264 level; default: the encoder's choice",
                   [&options](const std::string& name) { options.level = *parse_level(name); });
 }
 

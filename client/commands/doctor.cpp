@@ -6,6 +6,7 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include <common/encoder_limits.h>
 #include <screenrecord/screenrecord.h>
 
 namespace client {
@@ -92,10 +93,11 @@ Finding examine_disk()
         return {Finding::Kind::limited,
                 "The free space in this folder is unknown: " + error_text(errno) + "."};
     const uint64_t free_bytes = uint64_t{volume.f_bavail} * volume.f_frsize;
-    const double hours = static_cast<double>(free_bytes) * 8 / 4.5e6 / 3600;
-    const std::string space =
-        format_text("This folder has room for %.1f GB, %.1f hours at the highest rate (4.5 Mbit/s)",
-                    static_cast<double>(free_bytes) / 1e9, hours);
+    const double hours =
+        static_cast<double>(free_bytes) * 8 / (common::recording_kilobits * 1e3) / 3600;
+    const std::string space = format_text(
+        "This folder has room for %.1f GB, %.1f hours at the highest rate (%.1f Mbit/s)",
+        static_cast<double>(free_bytes) / 1e9, hours, common::recording_kilobits / 1e3);
     if (free_bytes < comfortable_free_bytes)
         return {Finding::Kind::limited, space + ": remove files or record elsewhere."};
     if (access(".", W_OK) != 0)

@@ -8,6 +8,7 @@
 #include "process/messages.h"
 #include "running/recording.h"
 #include "showing/status_report.h"
+#include <common/rounding.h>
 
 namespace client {
 namespace {
@@ -25,7 +26,8 @@ uint64_t pictures_in(const std::string& source, Size size)
     const uint64_t bytes = std::filesystem::file_size(source, error);
     if (error)
         throw Failure("cannot read " + source + ": " + error.message());
-    const uint64_t width = (size.width + 15) & ~15u, height = (size.height + 31) & ~31u;
+    const uint64_t width = common::round_up(size.width, 16u),
+                   height = common::round_up(size.height, 32u);
     const uint64_t picture = width * height * 3 / 2;
     const std::string needed = format_text(
         "a picture of %ux%u has %llu bytes (%llu lines of %llu)", size.width, size.height,

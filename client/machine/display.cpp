@@ -18,6 +18,9 @@
 namespace client {
 namespace {
 
+constexpr Size least = common::least_picture_size;
+constexpr Size greatest = common::greatest_picture_size;
+
 uint32_t even(double value)
 {
     return static_cast<uint32_t>(value) & ~1u;
@@ -105,18 +108,19 @@ std::string size_problem(Size size)
 {
     if (size.width % 2 != 0 || size.height % 2 != 0)
         return "width and height must be even, because colour is kept for blocks of 2x2 pixels";
-    if (size.width < smallest_size.width || size.height < smallest_size.height ||
-        size.width > greatest_size.width || size.height > greatest_size.height)
-        return "sizes go from 64x64 to 3840x2160";
+    if (size.width < least.width || size.height < least.height || size.width > greatest.width ||
+        size.height > greatest.height)
+        return format_text("sizes go from %ux%u to %ux%u", least.width, least.height,
+                           greatest.width, greatest.height);
     return {};
 }
 
 Size size_for_display(Size display)
 {
-    const double scale = std::min({1.0, double(greatest_size.width) / std::max(1u, display.width),
-                                   double(greatest_size.height) / std::max(1u, display.height)});
-    return {std::max(smallest_size.width, even(display.width * scale)),
-            std::max(smallest_size.height, even(display.height * scale))};
+    const double scale = std::min({1.0, double(greatest.width) / std::max(1u, display.width),
+                                   double(greatest.height) / std::max(1u, display.height)});
+    return {std::max(least.width, even(display.width * scale)),
+            std::max(least.height, even(display.height * scale))};
 }
 
 // A stopped server accepts the connection and never answers, and xcb has no time limit. So a thread

@@ -6,23 +6,16 @@
 #include <vector>
 
 #include "machine/host.h"
+#include <common/picture_size.h>
 
 namespace client {
 
-/** A picture size in pixels. */
-struct Size {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    bool operator==(const Size&) const = default;
-};
-
-inline constexpr Size smallest_size{64, 64};
-inline constexpr Size greatest_size{3840, 2160};
+using Size = common::PictureSize;
 
 /** Why a picture of this size cannot be captured, as the end of a sentence; empty if it can. */
 std::string size_problem(Size size);
 
-/** The size to capture by default: the display's, made even and scaled down to `greatest_size`. */
+/** The size to capture by default: the display's, made even and scaled down to the greatest. */
 Size size_for_display(Size display);
 
 /** Properties of a display. */

@@ -5,6 +5,7 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/library_log.h"
+#include <common/encoder_limits.h>
 #include <screenrecord/screenrecord.h>
 #include <srglworker/SrGlWorker.h>
 
@@ -68,7 +69,7 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
       bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
       buffer_(video_capenc_getMaxEsSize())
 {
-    if (options.quality && want_quality(*options.quality, greatest_bit_rate))
+    if (options.quality && want_quality(*options.quality, common::greatest_bit_rate))
         quality_ = options.quality;
     CapEnc_OpenParams params = {.width = size.width,
                                 .height = size.height,

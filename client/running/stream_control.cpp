@@ -26,7 +26,7 @@ control::Command parse_bit_rate_command(const std::vector<std::string>& words)
 {
     const auto rate = words.size() == 2 ? parse_bit_rate(words[1]) : std::nullopt;
     if (!rate)
-        return control::Unknown{"bitrate needs a rate from 10k to 240M, such as 800k or 2.5M"};
+        return control::Unknown{std::string("bitrate needs ") + bit_rate_form};
     return control::BitRate{*rate};
 }
 

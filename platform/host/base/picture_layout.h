@@ -39,6 +39,11 @@ inline constexpr uint32_t min_encoder_size = common::least_picture_size.width;
 inline constexpr uint32_t max_encoder_width = common::greatest_picture_size.width;
 inline constexpr uint32_t max_encoder_height =
     PictureLayout::of(max_encoder_width, common::greatest_picture_size.height).lines;
+constexpr bool in_encoder_range(uint32_t width, uint32_t height)
+{
+    return width >= min_encoder_size && width <= max_encoder_width && height >= min_encoder_size &&
+           height <= max_encoder_height;
+}
 
 /** Alignment of every picture's address, as the encoder's capabilities report it. */
 inline constexpr uint32_t picture_alignment = 4096;

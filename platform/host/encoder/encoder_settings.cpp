@@ -8,10 +8,6 @@
 namespace zu3host {
 namespace {
 
-// MaxBR of levels 5.1 and 5.2
-constexpr uint64_t most_bits_of_any_level = 240'000'000;
-// The writer of a recording can move this with its tables, headers and sound.
-constexpr int recording_ceiling_kilobits = 4500;
 constexpr uint32_t default_frame_rate = 30;
 
 // Ten times level_idc, and 101 for level 1b.
@@ -21,8 +17,7 @@ constexpr std::array known_profiles{66u, 77u, 100u};
 
 bool size_is_possible(uint32_t width, uint32_t height)
 {
-    if (width < min_encoder_size || height < min_encoder_size || width > max_encoder_width ||
-        height > max_encoder_height) {
+    if (!in_encoder_range(width, height)) {
         HOST_LOGE("The encoder cannot encode %ux%u: sizes reach from %ux%u to %ux%u", width, height,
                   min_encoder_size, min_encoder_size, max_encoder_width, max_encoder_height);
         return false;
@@ -51,9 +46,9 @@ bool format_is_possible(const ZU_VENC_OpenParams_t& params)
 
 bool stream_is_possible(const ZU_VENC_OpenParams_t& params)
 {
-    if (params.u32FrameRate > max_encoder_frame_rate) {
+    if (params.u32FrameRate > common::greatest_frame_rate) {
         HOST_LOGE("The encoder cannot encode %u pictures per second: at most %u",
-                  params.u32FrameRate, max_encoder_frame_rate);
+                  params.u32FrameRate, common::greatest_frame_rate);
         return false;
     }
     if (params.u32Profile != 0 && std::ranges::count(known_profiles, params.u32Profile) == 0) {
@@ -81,8 +76,8 @@ bool callback_is_there(const ZU_VENC_OpenParams_t& params)
 EncoderRate EncoderRate::of(uint32_t bitrate)
 {
     const uint64_t bits = uint64_t{bitrate} * 1024;
-    if (bits == 0 || bits > most_bits_of_any_level)
-        return {.as_needed = true, .kilobits = recording_ceiling_kilobits};
+    if (bits == 0 || bits > common::greatest_bit_rate)
+        return {.as_needed = true, .kilobits = common::recording_kilobits};
     return {.as_needed = false, .kilobits = static_cast<int>(std::max<uint64_t>(bits / 1000, 1))};
 }
 

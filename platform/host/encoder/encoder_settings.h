@@ -2,14 +2,12 @@
 
 #include "base/picture_layout.h"
 
+#include <common/encoder_limits.h>
 #include <cstdint>
 #include <optional>
 #include <zu3/venc.h>
 
 namespace zu3host {
-
-/** Pictures per second. */
-inline constexpr uint32_t max_encoder_frame_rate = 120;
 
 /** How many bits the stream may have. */
 struct EncoderRate {
@@ -32,7 +30,7 @@ struct EncoderRate {
 struct EncoderSettings {
     PictureSize size;
     PictureLayout layout;
-    /** 1 to max_encoder_frame_rate */
+    /** 1 to common::greatest_frame_rate */
     uint32_t frame_rate;
     EncoderRate rate;
     /** profile_idc 66, 77 or 100; 0 = the encoder's choice */

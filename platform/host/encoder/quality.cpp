@@ -15,8 +15,7 @@ struct Quality {
     int ceiling_kilobits;
 };
 
-constexpr uint32_t worst_quality = 51;
-constexpr uint32_t greatest_ceiling = 240'000;
+constexpr uint32_t greatest_ceiling = common::greatest_bit_rate / 1000;
 // Below it x264 encodes without loss, in a profile that few players know.
 constexpr uint32_t best_lossy_quality = 1;
 
@@ -42,7 +41,7 @@ void take_quality(EncoderSettings& settings)
 HOST_EXPORT void zu3_host_quality(uint32_t quality, uint32_t ceiling)
 {
     using namespace zu3host;
-    if (quality > worst_quality || ceiling > greatest_ceiling)
+    if (quality > common::worst_quality || ceiling > greatest_ceiling)
         return;
     const std::lock_guard lock(quality_mutex);
     quality_asked_for = {static_cast<int>(std::max(quality, best_lossy_quality)),

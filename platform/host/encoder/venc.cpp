@@ -41,7 +41,7 @@ HOST_EXPORT u32 ZU_VENC_GetCaps(ZU_VENC_Caps_t* pstCaps)
     *pstCaps = {
         .u32MaxWidth = max_encoder_width,
         .u32MaxHeight = max_encoder_height,
-        .u32MaxFrameRate = max_encoder_frame_rate,
+        .u32MaxFrameRate = common::greatest_frame_rate,
         .u32CodecSupport = 1u << 0,
         .u32MemAlign = picture_alignment,
         .au8Reserved = {},

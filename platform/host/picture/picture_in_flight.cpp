@@ -164,8 +164,7 @@ uint64_t rate_ceiling()
 HOST_EXPORT void zu3_host_exact_size(uint32_t width, uint32_t height)
 {
     using namespace zu3host;
-    if (width >= min_encoder_size && height >= min_encoder_size && width <= max_encoder_width &&
-        height <= max_encoder_height && width % 2 == 0 && height % 2 == 0) {
+    if (in_encoder_range(width, height) && width % 2 == 0 && height % 2 == 0) {
         const std::lock_guard lock(sizes().mutex);
         sizes().asked_for = {width, height};
     }
