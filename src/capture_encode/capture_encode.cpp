@@ -8,7 +8,6 @@
 #include "modules/module.h"
 #include "modules/screen_capture.h"
 #include "table/control_call.h"
-#include "table/worker_tasks.h"
 
 namespace {
 

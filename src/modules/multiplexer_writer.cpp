@@ -9,7 +9,7 @@
 
 #include "base/log.h"
 #include "table/control_call.h"
-#include "table/worker_tasks.h"
+#include "table/worker_run.h"
 
 namespace {
 
@@ -92,9 +92,9 @@ private:
     }
 
     /**
-     * Stops and closes the slot with the library's exported calls. On true the record belongs to
-     * another run, and this one must end. False, and no change, while a client is in a control
-     * call.
+     * Stops and closes the slot with the library's exported calls, which retire this run instead of
+     * waiting for it. On true the record belongs to another run, and this one must end. False, and
+     * no change, while a client is in a control call.
      */
     bool TryCloseOwnSlot()
     {
@@ -106,12 +106,10 @@ private:
         SR_HELPER_LOGD("%s() Out of limitsec stop record _u32RecordTime = %ld\n", LogAs::Name(),
                        static_cast<long>(_u32RecordTime));
         u32 u32Handle = m_run.SlotId();
-        m_run.BeginClosingOwnSlot();
         if (SCREENRECORD_Stop(&u32Handle) == 0)
             SR_HELPER_LOGE("SCREENRECORD_Stop Fail\n");
         if (SCREENRECORD_Close(&u32Handle) == 0)
             SR_HELPER_LOGE("SCREENRECORD_Close Fail\n");
-        m_run.EndClosingOwnSlot();
         return true;
     }
 

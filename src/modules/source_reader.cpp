@@ -5,6 +5,7 @@
 
 #include "base/log.h"
 #include "modules/module.h"
+#include "table/worker_run.h"
 #include "table/worker_tasks.h"
 
 namespace {

@@ -4,7 +4,6 @@
 #include "modules/module.h"
 #include "modules/sound_capture.h"
 #include "table/control_call.h"
-#include "table/worker_tasks.h"
 
 namespace {
 

@@ -3,7 +3,6 @@
 #include "base/log.h"
 #include "modules/module.h"
 #include "table/control_call.h"
-#include "table/worker_tasks.h"
 
 namespace {
 

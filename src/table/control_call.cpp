@@ -2,7 +2,19 @@
 
 #include "base/log.h"
 #include "table/recording_table.h"
-#include "table/worker_tasks.h"
+#include "table/worker_run.h"
+
+void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
+{
+    SCREENRECORD_TaskCtrl_s* pstTsmux =
+        _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
+    const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
+    pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
+    // Its mutex left the record when it retired, and no callback uses a writer's mutex.
+    if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
+        _SCREENRECORD_JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId,
+                               nullptr, nullptr);
+}
 
 bool _SCREENRECORD_CheckSlot(const u32* pu32Handle)
 {

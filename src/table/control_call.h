@@ -18,6 +18,9 @@ inline std::recursive_mutex _controlMutex;
 
 using ControlLock = std::lock_guard<std::recursive_mutex>;
 
+/** Joins the slot's retired writer, if any, and frees its stack. */
+void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId);
+
 /**
  * Checks the handle, then that the library is initialised; both failures are logged. Reclaims the
  * slot's retired writer, if any.

@@ -18,10 +18,8 @@ enum SCREENRECORD_WorkerState_e : u32 {
     E_SCREENRECORD_WORKER_RUNNING,
     /** has left its loop; not deleted yet */
     E_SCREENRECORD_WORKER_ENDED,
-    /** a writer that stops and closes its slot at the time limit */
-    E_SCREENRECORD_WORKER_CLOSING,
     /* of a worker whose record belongs to the next one */
-    /** deleted by its own close: it ends, and a later control call joins it */
+    /** deleted by itself, at the time limit: it ends, and a later control call joins it */
     E_SCREENRECORD_WORKER_RETIRED,
     /** its deletion timed out: it no longer touches the record */
     E_SCREENRECORD_WORKER_GIVEN_UP,
@@ -49,10 +47,7 @@ inline constexpr SCREENRECORD_WorkerChange_s _astWorkerChanges[] = {
     {E_SCREENRECORD_WORKER_ENTERED, E_SCREENRECORD_WORKER_RUNNING},
     {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED},
     {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_GIVEN_UP},
-    /* the writer at the time limit; RUNNING again if its close found no task to delete */
-    {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING},
-    {E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RUNNING},
-    {E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RETIRED},
+    {E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_RETIRED},
 };
 
 constexpr bool _SCREENRECORD_IsWorkerChange(SCREENRECORD_WorkerState_e eFrom,

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "base/log.h"
+#include "table/worker_run.h"
 
 namespace {
 
@@ -26,31 +27,6 @@ bool CancelUnlessEntered(WorkerState& state)
         return true;
     state.AwaitMutex();
     return false;
-}
-
-/**
- * Joins a task through its mutex and frees its stack. `pGate`: the module's gate, if its callbacks
- * use the mutex.
- */
-void JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId,
-              CrossThread<s32>* ps32PublishedMutexId, CallbackGate* pGate)
-{
-    const bool bHasMutex = s32MutexId != SCREENRECORD_NO_ID;
-    const bool bObtained =
-        bHasMutex && ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK;
-    if (s32TaskId >= 1)
-        ZU_OS_DeleteTask(s32TaskId);
-    free(pTaskStack);
-    if (ps32PublishedMutexId != nullptr)
-        *ps32PublishedMutexId = SCREENRECORD_NO_ID;
-    if (bObtained)
-        ZU_OS_ReleaseMutex(s32MutexId);
-    if (!bHasMutex)
-        return;
-    // A callback that read the id before may own the mutex or wait for it.
-    if (pGate != nullptr)
-        pGate->Drain();
-    ZU_OS_DeleteMutex(s32MutexId);
 }
 
 void RetireWriter(SCREENRECORD_TaskCtrl_s* pstTask)
@@ -146,14 +122,14 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
     pstTask->bTaskExit = 1;
-    if (pstTask->workerState.Get() == E_SCREENRECORD_WORKER_CLOSING) {
+    if (WorkerRun::RetireOwn(pstTask)) {
         RetireWriter(pstTask);
     } else {
         const bool bCancelled = CancelUnlessEntered(pstTask->workerState);
         void* pTaskStack = pstTask->pTaskStack;
         pstTask->pTaskStack = nullptr;
-        JoinTask(pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID), pTaskStack, pstTask->s32MutexId,
-                 &pstTask->s32MutexId, &pstTask->callbackGate);
+        _SCREENRECORD_JoinTask(pstTask->s32TaskId.Exchange(SCREENRECORD_NO_ID), pTaskStack,
+                               pstTask->s32MutexId, &pstTask->s32MutexId, &pstTask->callbackGate);
         if (bCancelled)
             // the task, which would have freed it, never ran
             FreeTaskArg(pstTask);
@@ -161,79 +137,4 @@ u32 _SCREENRECORD_DeleteTask(SCREENRECORD_TaskCtrl_s* pstTask)
     pstTask->workerState.Delete();
     pstTask->bTaskExit = 0;
     return ZU_OK;
-}
-
-void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
-{
-    SCREENRECORD_TaskCtrl_s* pstTsmux =
-        _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
-    const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
-    pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
-    // Its mutex left the record when it retired, and no callback uses a writer's mutex.
-    if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
-        JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId, nullptr, nullptr);
-}
-
-WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
-    : m_u32SlotId(*static_cast<u32*>(pArg)), m_pstTask(_SCREENRECORD_TaskOf(m_u32SlotId, eModule))
-{
-    WorkerState& state = m_pstTask->workerState;
-    const u32 u32Number = state.Number();
-    if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
-        // this run owns the block from here on
-        m_pstTask->pu32TaskArg = nullptr;
-    else if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED>(u32Number) &&
-             !state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
-        return;
-    m_u32Number = u32Number;
-    free(pArg);
-    // a deletion waits until the state has left ENTERED
-    const s32 s32MutexId = m_pstTask->s32MutexId;
-    if (s32MutexId != SCREENRECORD_NO_ID &&
-        ZU_OS_ObtainMutex(s32MutexId, SCREENRECORD_LOCK_TIMEOUT_MS) == ZU_OK)
-        m_s32HeldMutexId = s32MutexId;
-    m_eState = E_SCREENRECORD_WORKER_RUNNING;
-    state.Change<E_SCREENRECORD_WORKER_ENTERED, E_SCREENRECORD_WORKER_RUNNING>(m_u32Number);
-}
-
-/**
- * When the record starts its next worker, CLOSING becomes RETIRED and RUNNING becomes GIVEN_UP.
- */
-SCREENRECORD_WorkerState_e WorkerRun::State() const
-{
-    static_assert(_SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_CLOSING,
-                                               E_SCREENRECORD_WORKER_RETIRED) &&
-                  _SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_RUNNING,
-                                               E_SCREENRECORD_WORKER_GIVEN_UP));
-    if (m_eState == E_SCREENRECORD_WORKER_CANCELLED ||
-        m_pstTask->workerState.Number() == m_u32Number)
-        return m_eState;
-    return m_eState == E_SCREENRECORD_WORKER_CLOSING ? E_SCREENRECORD_WORKER_RETIRED
-                                                     : E_SCREENRECORD_WORKER_GIVEN_UP;
-}
-
-void WorkerRun::End()
-{
-    SR_HELPER_LOGD("Exit %s() \n", LogAs::Name());
-    const bool bRetired = State() == E_SCREENRECORD_WORKER_RETIRED;
-    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_ENDED>(
-        m_u32Number);
-    // A deletion that timed out has deleted the mutex and withdrawn its id from the record.
-    if (m_s32HeldMutexId != SCREENRECORD_NO_ID &&
-        (bRetired || (!GivenUp() && m_pstTask->s32MutexId == m_s32HeldMutexId)))
-        ZU_OS_ReleaseMutex(m_s32HeldMutexId);
-}
-
-void WorkerRun::BeginClosingOwnSlot()
-{
-    m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_RUNNING, E_SCREENRECORD_WORKER_CLOSING>(
-        m_u32Number);
-    m_eState = E_SCREENRECORD_WORKER_CLOSING;
-}
-
-void WorkerRun::EndClosingOwnSlot()
-{
-    if (m_pstTask->workerState.Change<E_SCREENRECORD_WORKER_CLOSING, E_SCREENRECORD_WORKER_RUNNING>(
-            m_u32Number))
-        m_eState = E_SCREENRECORD_WORKER_RUNNING;
 }
