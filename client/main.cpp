@@ -24,7 +24,7 @@ void fill_standard_descriptors()
 
 int run_program(int argc, char** argv)
 {
-    const int code = run(read_command_line(argc, argv));
+    const int code = run_command_line(argc, argv, run);
     finish_messages();
     return code;
 }

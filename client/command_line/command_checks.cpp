@@ -140,26 +140,6 @@ void check_output(const char* command, const Options& options, uint32_t fps = 0)
     check(paths_of(options));
 }
 
-struct CommandCheck {
-    void operator()(const RecordOptions& options) const { check_output("record", options); }
-    void operator()(const StreamOptions& options) const
-    {
-        check_output("stream", options, options.fps);
-    }
-    void operator()(const ShotOptions& options) const { check_output("shot", options); }
-    void operator()(const PcmOptions& options) const { check_output("pcm", options); }
-    void operator()(const RemuxOptions& options) const
-    {
-        if (is_standard_output(options.output) || !container_of(options.output, ""))
-            refuse_path({"output", options.output, true},
-                        "is not a name for an MP4 or Matroska file: those end in .mp4 or .mkv");
-        check(paths_of(options));
-    }
-    void operator()(const auto&) const {} // no paths
-};
-
-} // namespace
-
 void check_record(const CLI::App& command, const RecordOptions& options)
 {
     check_container(command, options);
@@ -194,9 +174,59 @@ void check_shot(const ShotOptions& options)
                    options.count));
 }
 
-void check_paths(const Invocation& invocation)
+struct CommandCheck {
+    const CLI::App& command;
+
+    void operator()(const RecordOptions& options) const
+    {
+        check_record(command, options);
+        check_output("record", options);
+    }
+    void operator()(const StreamOptions& options) const
+    {
+        check_output("stream", options, options.fps);
+    }
+    void operator()(const ShotOptions& options) const
+    {
+        check_shot(options);
+        check_output("shot", options);
+    }
+    void operator()(const PcmOptions& options) const { check_output("pcm", options); }
+    void operator()(const RemuxOptions& options) const
+    {
+        if (is_standard_output(options.output) || !container_of(options.output, ""))
+            refuse_path({"output", options.output, true},
+                        "is not a name for an MP4 or Matroska file: those end in .mp4 or .mkv");
+        check(paths_of(options));
+    }
+    void operator()(const auto&) const {} // no paths
+};
+
+Invocation chosen_command(const CLI::App& app, const AllOptions& all)
 {
-    std::visit(CommandCheck{}, invocation);
+    const std::string name = app.get_subcommands().front()->get_name();
+    if (name == "record")
+        return all.record;
+    if (name == "stream")
+        return all.stream;
+    if (name == "shot")
+        return all.shot;
+    if (name == "pcm")
+        return all.pcm;
+    if (name == "remux")
+        return all.remux;
+    if (name == "devices")
+        return all.devices;
+    return all.doctor;
+}
+
+} // namespace
+
+void check_and_run(const CLI::App& app, const AllOptions& all, RunCommand run, int& code)
+{
+    const Invocation invocation = chosen_command(app, all);
+    std::visit(CommandCheck{*app.get_subcommands().front()}, invocation);
+    code = run(invocation);
 }
 
 } // namespace client

@@ -7,18 +7,14 @@
 namespace client {
 
 /**
- * Checks all paths of a command before any of them is opened: none looks like an option, the ending
- * of an output fits its format, and no output is another file of the command as well. Two paths are
- * the same file if device and inode are equal, or, for a file that does not exist yet, folder and
- * name. Throws CLI::ValidationError.
+ * Checks the command that `app` has parsed, and runs it by `run`.
+ *
+ * Checks the combination of its options, and all its paths before any of them is opened: none looks
+ * like an option, the ending of an output fits its format, and no output is another file of the
+ * command as well. Two paths are the same file if device and inode are equal, or, for a file that
+ * does not exist yet, folder and name. Throws CLI::ValidationError.
+ * @param code receives the exit code
  */
-void check_paths(const Invocation& invocation);
-
-/**
- * Each checks a command's combination of options. Throws CLI::ValidationError.
- * @param command tells which options are given
- */
-void check_record(const CLI::App& command, const RecordOptions& options);
-void check_shot(const ShotOptions& options);
+void check_and_run(const CLI::App& app, const AllOptions& all, RunCommand run, int& code);
 
 } // namespace client

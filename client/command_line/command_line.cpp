@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <iostream>
 
 #include "command_line/command_checks.h"
@@ -11,24 +12,6 @@
 
 namespace client {
 namespace {
-
-Invocation chosen(const CLI::App& app, const AllOptions& all)
-{
-    const std::string name = app.get_subcommands().front()->get_name();
-    if (name == "record")
-        return all.record;
-    if (name == "stream")
-        return all.stream;
-    if (name == "shot")
-        return all.shot;
-    if (name == "pcm")
-        return all.pcm;
-    if (name == "remux")
-        return all.remux;
-    if (name == "devices")
-        return all.devices;
-    return all.doctor;
-}
 
 /** The words after the program's name; "help" and "help COMMAND" become --help. */
 std::vector<std::string> given_words(const CLI::App& app, int argc, char** argv)
@@ -182,19 +165,21 @@ std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
 
 } // namespace
 
-Invocation read_command_line(int argc, char** argv)
+int run_command_line(int argc, char** argv, RunCommand run)
 {
     CLI::App app;
     AllOptions all;
     describe_program(app, all);
+    int code = 0;
+    // the parser calls it after the options' functions
+    app.callback(
+        std::bind_front(check_and_run, std::cref(app), std::cref(all), run, std::ref(code)));
     try {
         std::vector<std::string> words = given_words(app, argc, argv);
         // the parser reads them from the back
         std::reverse(words.begin(), words.end());
         app.parse(std::move(words));
-        Invocation invocation = chosen(app, all);
-        check_paths(invocation);
-        return invocation;
+        return code;
     } catch (const CLI::Success& answered) { // help or version
         app.exit(answered);
         std::cout.flush();

@@ -4,7 +4,11 @@
 
 namespace client {
 
-/** Parses the command line. Prints the help, the version, or the error if there is one. */
-Invocation read_command_line(int argc, char** argv);
+/**
+ * Parses the command line and runs its command by `run`. Prints the help, the version, or the error
+ * if there is one.
+ * @return the program's exit code
+ */
+int run_command_line(int argc, char** argv, RunCommand run);
 
 } // namespace client

@@ -135,11 +135,22 @@ struct RemuxOptions : CommonOptions {
 struct DevicesOptions {};
 struct DoctorOptions : CommonOptions {};
 
-/**
- * A command with its options, or an exit code if the command line has been answered already (help,
- * version, error).
- */
-using Invocation = std::variant<int, RecordOptions, StreamOptions, ShotOptions, PcmOptions,
-                                RemuxOptions, DevicesOptions, DoctorOptions>;
+/** The options of all commands: the parser fills them before the command is known. */
+struct AllOptions {
+    RecordOptions record;
+    StreamOptions stream;
+    ShotOptions shot;
+    PcmOptions pcm;
+    RemuxOptions remux;
+    DevicesOptions devices;
+    DoctorOptions doctor;
+};
+
+/** A command with its options. */
+using Invocation = std::variant<RecordOptions, StreamOptions, ShotOptions, PcmOptions, RemuxOptions,
+                                DevicesOptions, DoctorOptions>;
+
+/** Runs a command. Returns the program's exit code. */
+using RunCommand = int (*)(const Invocation& invocation);
 
 } // namespace client

@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 
-#include "command_line/command_checks.h"
 #include "files/output_file.h"
 #include "files/output_format.h"
 #include "machine/host.h"
@@ -233,7 +232,6 @@ void define_record(CLI::App& command, RecordOptions& options)
         .add_option("--status-file", options.status_file,
                     "write the same object to this file once per second")
         ->type_name("FILE");
-    command.callback([&command, &options] { check_record(command, options); });
 }
 
 void define_stream(CLI::App& command, StreamOptions& options)
@@ -276,7 +274,6 @@ void define_shot(CLI::App& command, ShotOptions& options)
         ->needs(count);
     command.add_flag("--pointer,--osd", options.osd, "include the pointer");
     define_display(command, options);
-    command.callback([&options] { check_shot(options); });
 }
 
 void define_pcm(CLI::App& command, PcmOptions& options)

@@ -7,17 +7,6 @@
 
 namespace client {
 
-/** The options of all commands: the parser fills them before the command is known. */
-struct AllOptions {
-    RecordOptions record;
-    StreamOptions stream;
-    ShotOptions shot;
-    PcmOptions pcm;
-    RemuxOptions remux;
-    DevicesOptions devices;
-    DoctorOptions doctor;
-};
-
 /**
  * Describes the whole command line, for the parser, the help, the manual page and the completions.
  */

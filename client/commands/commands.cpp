@@ -56,14 +56,8 @@ template <typename Options> ExitCode run_command(const Options& options)
 
 int run(const Invocation& invocation)
 {
-    return std::visit(
-        [](const auto& options) {
-            if constexpr (std::is_same_v<std::decay_t<decltype(options)>, int>)
-                return options;
-            else
-                return static_cast<int>(run_command(options));
-        },
-        invocation);
+    return std::visit([](const auto& options) { return static_cast<int>(run_command(options)); },
+                      invocation);
 }
 
 } // namespace client
