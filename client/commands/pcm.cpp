@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cmath>
-#include <poll.h>
 #include <vector>
 
 #include "commands/commands.h"
@@ -77,12 +76,11 @@ private:
 
     void wait()
     {
-        pollfd waited[] = {{context_.signals.fd(), POLLIN, 0},
-                           {sink_.pending() ? sink_.fd() : -1, POLLIN, 0}};
+        const bool pending = sink_.pending();
+        const Awaited awaited[] = {{context_.signals.fd()},
+                                   {pending ? sink_.fd() : -1, [this] { check(sink_.look()); }}};
         // a buffer fills in 64 ms
-        poll(waited, 2, sink_.pending() ? 100 : 16);
-        if (waited[1].revents)
-            check(sink_.look());
+        wait_for(awaited, Clock::now() + milliseconds(pending ? 100 : 16));
         ended_ = ended_ || context_.signals.raised() || Clock::now() >= deadline_;
         check(sink_.problem());
         if (Clock::now() < next_header_)
@@ -175,8 +173,7 @@ private:
 
 ExitCode run(const PcmOptions& options, CommandContext& context)
 {
-    if (!is_standard_output(options.output))
-        check_output_path(options.output, options.overwrite);
+    checked_output(options.output, options.overwrite);
     return PcmRun(options, context).run();
 }
 

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
@@ -47,13 +46,6 @@ StreamOptions stream_options(const RecordOptions& options)
     return stream;
 }
 
-std::string checked_path(const RecordOptions& options)
-{
-    if (!is_standard_output(options.output))
-        check_output_path(options.output, options.overwrite);
-    return options.output;
-}
-
 /**
  * While it exists, this thread runs at the higher priority of the capture threads, if the system
  * allows it: it has three frame periods to read a frame.
@@ -79,7 +71,8 @@ private:
 class MovieRun {
 public:
     MovieRun(const RecordOptions& options, Container container, CommandContext& context)
-        : options_(options), context_(context), container_(container), path_(checked_path(options)),
+        : options_(options), context_(context), container_(container),
+          path_(checked_output(options.output, options.overwrite)),
           size_(size_to_capture(display_to_capture(), options.size)),
           report_(options.json, options.status_file),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
@@ -153,22 +146,19 @@ private:
     void wait()
     {
         const TimePoint look = Clock::now() + (event_ >= 0 ? movie_look : movie_look_for_frames);
-        pollfd waited[] = {
-            {context_.signals.fd(), POLLIN, 0}, {event_, POLLIN, 0}, {control_.fd(), POLLIN, 0}};
-        const timespec timeout = time_left(look);
-        if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
-            if (eventfd_t frames = 0; waited[1].revents)
-                eventfd_read(event_, &frames);
-            if (waited[2].revents)
-                control_.read_lines([this](const std::string& line) { obey(line); });
-        }
-        look_at(sink_.look());
+        const Awaited awaited[] = {
+            {context_.signals.fd()},
+            {event_, reset(event_)},
+            {control_.fd(),
+             [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }}};
+        wait_for(awaited, look);
+        check(sink_.look());
         check_end();
         if (report_.due())
             report_.update(progress_.measure(sink_.delivered()), paused_ ? "paused" : "recording");
     }
 
-    void look_at(ByteSink::State state)
+    void check(ByteSink::State state)
     {
         if (state == ByteSink::State::failed)
             disk_failed_ = true;
@@ -182,7 +172,7 @@ private:
     /** Ends the recording after a failure to write the movie. */
     void give_up(const Failure& failure)
     {
-        look_at(sink_.look());
+        check(sink_.look());
         if (!problem_ && !reader_gone_)
             problem_ = failure.what();
         ended_ = broken_ = true;
@@ -262,9 +252,8 @@ private:
         }
         stream_.reset();
         sound_.reset();
-        look_at(
-            sink_.finish(Clock::now() + (context_.signals.raised() ? disk_patience_of_a_stop
-                                                                   : disk_patience_at_the_end)));
+        check(sink_.finish(Clock::now() + (context_.signals.raised() ? disk_patience_of_a_stop
+                                                                     : disk_patience_at_the_end)));
         if (disk_failed_)
             cut_torn_piece();
         else if (sink_.look() == ByteSink::State::pending && !problem_ && sink_.file())

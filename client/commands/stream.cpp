@@ -1,6 +1,3 @@
-#include <poll.h>
-#include <sys/eventfd.h>
-
 #include "commands/commands.h"
 #include "files/byte_sink.h"
 #include "machine/display.h"
@@ -20,18 +17,12 @@ using std::chrono::milliseconds;
 constexpr milliseconds look_interval(100);
 constexpr milliseconds look_interval_for_frames(1);
 
-std::string requested_path(const StreamOptions& options)
-{
-    if (!is_standard_output(options.output))
-        check_output_path(options.output, options.overwrite);
-    return options.output;
-}
-
 /** Reads frames from the library and writes them, until the end. */
 class StreamRun {
 public:
     StreamRun(const StreamOptions& options, CommandContext& context)
-        : options_(options), context_(context), path_(requested_path(options)),
+        : options_(options), context_(context),
+          path_(checked_output(options.output, options.overwrite)),
           size_(size_to_capture(display_to_capture(), options.size)),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
           stream_(options, size_, context.signals), control_(options.control), lost_(options.fps)
@@ -129,22 +120,15 @@ private:
         const bool pending = sink_.pending();
         const TimePoint look =
             Clock::now() + (pending || event_ >= 0 ? look_interval : look_interval_for_frames);
-        pollfd waited[] = {{context_.signals.fd(), POLLIN, 0},
-                           {control_.fd(), POLLIN, 0},
-                           {pending ? sink_.fd() : -1, POLLIN, 0},
-                           {pending ? -1 : event_, POLLIN, 0},
-                           {watermark_ ? watermark_->reading().fd() : -1, POLLIN, 0}};
-        const timespec timeout = time_left(std::min(look, deadline_));
-        if (ppoll(waited, std::size(waited), &timeout, nullptr) > 0) {
-            if (waited[1].revents)
-                control_.read_lines([this](const std::string& line) { obey(line); });
-            if (waited[2].revents)
-                check(sink_.look());
-            if (eventfd_t frames = 0; waited[3].revents)
-                eventfd_read(event_, &frames);
-            if (waited[4].revents)
-                answer([this] { std::exchange(watermark_, std::nullopt)->apply(); });
-        }
+        const Awaited awaited[] = {
+            {context_.signals.fd()},
+            {control_.fd(),
+             [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }},
+            {pending ? sink_.fd() : -1, [this] { check(sink_.look()); }},
+            {pending ? -1 : event_, reset(event_)},
+            {watermark_ ? watermark_->reading().fd() : -1,
+             [this] { answer([this] { std::exchange(watermark_, std::nullopt)->apply(); }); }}};
+        wait_for(awaited, std::min(look, deadline_));
         reader_was_slow_ = reader_was_slow_ || (pending && sink_.pending());
         check_end();
     }

@@ -205,6 +205,13 @@ void check_output_path(const std::string& path, bool overwrite)
         lock_existing(path, place);
 }
 
+std::string checked_output(const std::string& path, bool overwrite)
+{
+    if (!is_standard_output(path))
+        check_output_path(path, overwrite);
+    return path;
+}
+
 void check_whole_file_path(const std::string& path, bool overwrite)
 {
     check_output_path(path, overwrite);

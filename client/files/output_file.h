@@ -22,6 +22,8 @@ bool is_standard_output(const std::string& path);
  * and a file that is being recorded. Creates nothing.
  */
 void check_output_path(const std::string& path, bool overwrite);
+/** The same, but accepts standard output. Returns the path. */
+std::string checked_output(const std::string& path, bool overwrite);
 
 /**
  * The same for an AtomicFile, whose rename replaces an existing file: that must be an ordinary one.

@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <csignal>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <vector>
 
 #include "process/messages.h"
 
@@ -46,11 +48,28 @@ int poll_timeout(TimePoint until)
     return static_cast<int>(std::clamp<int64_t>(left, 0, 3'600'000));
 }
 
-timespec time_left(TimePoint until)
+void wait_for(std::span<const Awaited> all, TimePoint until)
 {
     using namespace std::chrono;
+    std::vector<pollfd> polled;
+    for (const Awaited& each : all)
+        polled.push_back({each.fd, POLLIN, 0});
+    // ppoll() can wait for less than a millisecond
     const auto left = std::clamp<nanoseconds>(until - Clock::now(), 0ns, 3600s);
-    return {duration_cast<seconds>(left).count(), (left % 1s).count()};
+    const timespec timeout{duration_cast<seconds>(left).count(), (left % 1s).count()};
+    if (ppoll(polled.data(), polled.size(), &timeout, nullptr) <= 0)
+        return;
+    for (size_t i = 0; i < all.size(); ++i)
+        if (polled[i].revents && all[i].react)
+            all[i].react();
+}
+
+std::function<void()> reset(int event)
+{
+    return [event] {
+        eventfd_t count = 0;
+        eventfd_read(event, &count);
+    };
 }
 
 StopSignals::StopSignals()

@@ -2,7 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ctime>
+#include <functional>
+#include <span>
 #include <utility>
 
 #include <common/descriptor.h>
@@ -17,8 +18,19 @@ uint64_t now_us();
 
 /** Milliseconds for poll() so that it returns at or after `until`; 0 if that has passed. */
 int poll_timeout(TimePoint until);
-/** The same for ppoll(), which can wait for less than a millisecond. */
-timespec time_left(TimePoint until);
+
+/** A descriptor to wait for, and the reaction once it is readable; -1 = none. */
+struct Awaited {
+    int fd;
+    std::function<void()> react = {};
+};
+/**
+ * Waits until one of the descriptors is readable, at most until `until`. Calls the reaction of each
+ * that is, in their order.
+ */
+void wait_for(std::span<const Awaited> all, TimePoint until);
+/** The reaction to an eventfd: resets it. */
+std::function<void()> reset(int event);
 
 /** The requests of SIGUSR1 and SIGUSR2. */
 enum class PauseRequest { none, pause, resume };
