@@ -27,11 +27,13 @@ void check_container(const CLI::App& command, const RecordOptions& options)
     };
     for (const char* option : {"--rate", "--packet-size", "--slot", "--source", "--one-call"})
         check(option, !movie, "a .ts file");
-    for (const char* option : {"--bitrate", "--fragmented", "--control"})
+    for (const char* option : {"--fragmented", "--control"})
         check(option, movie, "an .mp4 or .mkv file or '-o -'");
     check("--format", is_standard_output(options.output), "'-o -'");
     if (options.bit_rate && options.quality)
         refuse("--quality", "cannot be combined with --bitrate");
+    if (options.constant_mbit != 0 && (options.bit_rate || options.quality))
+        refuse("--rate", "cannot be combined with --bitrate or --quality");
 }
 
 struct NamedPath {

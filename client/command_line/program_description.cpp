@@ -197,10 +197,10 @@ void define_record(CLI::App& command, RecordOptions& options)
     define_time(command, options);
     define_quality(
         command, options.quality,
-        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file never exceeds 4.5 Mbit/s");
+        "constant quality: low (0.6 to 0.9 of medium's bits), medium, high (1.1 to 2.1 times medium's), or x264's rate factor, 0 (best) to 51; default: medium, which is 22. A .ts file has at most 4.5 Mbit/s of video");
     define_bit_rate(
         command, options.bit_rate,
-        "bits per second instead of a quality, with k (1000) or M (1000000); not for a .ts file");
+        "bits per second instead of a quality, with k (1000) or M (1000000); a .ts file has at most 4.5M");
     command.add_flag(
         "--fragmented", options.fragmented,
         "leave an MP4 file in fragments; do not rewrite it at the end with its index in front");
@@ -208,7 +208,7 @@ void define_record(CLI::App& command, RecordOptions& options)
                   [&options](const std::string& name) { options.format = name; });
     define_choice(
         command, "--control", "-",
-        "read commands from standard input, one per line: pause, resume, stop; answers go to standard error; a terminal is always read; not for a .ts file",
+        "read commands from standard input, one per line: pause, resume, stop; answers go to standard error; not for a .ts file. Without it, the key p pauses and resumes, if standard input and standard error are a terminal",
         [&options](const std::string&) { options.control = true; });
     define_rate(command, options);
     define_choice(

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <filesystem>
 
 #include "commands/commands.h"
@@ -49,9 +50,11 @@ Size chosen_size(const RecordOptions& options)
 
 void print_settings(const RecordOptions& o, Size size)
 {
-    const std::string rate = o.constant_mbit
-                                 ? format_text("constant %u x 1048576 bit/s", o.constant_mbit)
-                                 : "rate by content";
+    const std::string rate =
+        o.constant_mbit ? format_text("constant %u x 1048576 bit/s", o.constant_mbit)
+        : o.bit_rate    ? format_text("%u bit/s", std::min(*o.bit_rate, greatest_recorded_rate))
+        : o.quality     ? format_text("quality %u", *o.quality)
+                        : "rate by content";
     print_message(
         format_text("%s, %ux%u at %u fps, H.264, %s, packets of %u bytes, %s, slot %u%s, into %s",
                     o.source.empty() ? "screen" : o.source.c_str(), size.width, size.height, o.fps,
@@ -129,6 +132,9 @@ public:
     {
         if (options_.verbose)
             print_settings(options_, size_);
+        if (options_.bit_rate.value_or(0) > greatest_recorded_rate)
+            print_message("the bit rate is lowered to 4.5M, since a .ts file has room for that "
+                          "much video; .mp4 and .mkv have no such limit");
         check_output_path(options_.output, options_.overwrite);
         StatusReport report(options_.json, options_.status_file);
         const OutputFile file(options_.output, options_.overwrite, context_.signals);
@@ -158,6 +164,8 @@ private:
             recording.finish(context_.signals.raised() ? Recording::patience_of_a_stop
                                                        : Recording::patience_at_the_end);
         shortfall_ = watch.shortfall();
+        if (options_.quality)
+            notice_ = watch.coarsened();
         if (!in_order && !problem_ && !shortfall_)
             problem_ = "cannot close " + file.path() + " in order: the library reports a failure";
         if (!problem_) // the close writes the last batch
@@ -200,7 +208,7 @@ private:
     /** @param path the current path of the file, empty if it has none */
     ExitCode conclude(const OutputFile& file, const std::string& path)
     {
-        for (const auto& sentence : {problem_, shortfall_})
+        for (const auto& sentence : {problem_, shortfall_, notice_})
             if (sentence)
                 print_message(*sentence);
         if (nothing_came(file) && !output_lost_) {
@@ -219,6 +227,7 @@ private:
     std::optional<SourceEnd> source_end_;
     std::optional<std::string> problem_;
     std::optional<std::string> shortfall_;
+    std::optional<std::string> notice_;
     bool output_lost_ = false;
 };
 

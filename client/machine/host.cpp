@@ -40,6 +40,7 @@ constexpr uint64_t zu3_host_statistics_t::*counters[] = {
     &zu3_host_statistics_t::audio_bytes_lost,
     &zu3_host_statistics_t::audio_frames_encoded,
     &zu3_host_statistics_t::pictures_left_out_for_room,
+    &zu3_host_statistics_t::pictures_coarsened,
 };
 
 void add_source(const zu3_host_sound_source_t* source, void* list)
@@ -106,6 +107,14 @@ bool want_quality(uint32_t quality, uint32_t ceiling)
     static const auto want = find<decltype(zu3_host_quality)>("zu3_host_quality");
     if (want)
         want(quality, ceiling / 1000);
+    return want;
+}
+
+bool want_bit_rate(uint32_t rate)
+{
+    static const auto want = find<decltype(zu3_host_bit_rate)>("zu3_host_bit_rate");
+    if (want)
+        want(rate / 1000);
     return want;
 }
 

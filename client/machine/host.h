@@ -58,6 +58,12 @@ bool want_exact_size(uint32_t width, uint32_t height);
  */
 bool want_quality(uint32_t quality, uint32_t ceiling);
 
+/**
+ * Asks for a bit rate, bits per second, of a recording of the library (quality.h).
+ * @return false if the platform does not offer it
+ */
+bool want_bit_rate(uint32_t rate);
+
 /** When the first sample of the last read was heard (sound_time.h); 0 = unknown. */
 uint64_t time_of_sound();
 

@@ -1,5 +1,6 @@
 #include "running/recording.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -92,6 +93,17 @@ void require(uint32_t succeeded, const char* action)
     forget_library_log();
 }
 
+void ask_for_rate(const RecordOptions& options)
+{
+    const bool offered = options.bit_rate
+                             ? want_bit_rate(std::min(*options.bit_rate, greatest_recorded_rate))
+                         : options.quality ? want_quality(*options.quality, greatest_recorded_rate)
+                                           : true;
+    if (!offered)
+        print_message("this platform chooses the quality of a .ts file: --bitrate and --quality "
+                      "have no effect");
+}
+
 // "cap" means the screen; a file of that name needs a folder before it.
 std::string source_name(const std::string& source)
 {
@@ -113,6 +125,7 @@ uint64_t free_bytes(int fd)
 Recording::Recording(const RecordOptions& options, const std::string& file, Size size)
     : slot_(options.slot), one_call_(options.one_call)
 {
+    ask_for_rate(options);
     try {
         if (one_call_)
             open_in_one_call(options, file, size);
@@ -229,6 +242,17 @@ std::optional<std::string> RecordingMonitor::shortfall() const
         return std::nullopt;
     return missing + (pictures > 0 || bytes > 1 ? " are" : " is") + " missing from " +
            file_.path() + ": its disk did not accept them";
+}
+
+std::optional<std::string> RecordingMonitor::coarsened() const
+{
+    const auto now = statistics_.read();
+    if (!now || now->pictures_coarsened == 0)
+        return std::nullopt;
+    return format_text("the quality of %llu of %llu pictures is lower, since a .ts file has room "
+                       "for 4.5 Mbit/s of video; .mp4 and .mkv have no such limit",
+                       static_cast<unsigned long long>(now->pictures_coarsened),
+                       static_cast<unsigned long long>(now->pictures_encoded));
 }
 
 bool RecordingMonitor::lost_sound() const

@@ -12,6 +12,9 @@
 
 namespace client {
 
+/** The greatest bit rate of the video in a recording of the library, bits per second. */
+inline constexpr uint32_t greatest_recorded_rate = 4'500'000;
+
 /** One recording of the library, from its opening to its close. Closes it if a step fails. */
 class Recording {
 public:
@@ -71,6 +74,11 @@ public:
      * was too slow, as a sentence for a closed recording; nullopt if none.
      */
     std::optional<std::string> shortfall() const;
+    /**
+     * The number of pictures that greatest_recorded_rate made coarser than their quality, as a
+     * sentence; nullopt if none.
+     */
+    std::optional<std::string> coarsened() const;
     /** Whether the sound server went away since construction. */
     bool lost_sound() const;
 

@@ -10,30 +10,39 @@
 namespace zu3host {
 namespace {
 
-struct Quality {
+/** A constant quality, or a bit rate if the factor is 0. */
+struct Wish {
     int factor;
-    int ceiling_kilobits;
+    /** the ceiling of a quality, 0 = the usual one, or the bit rate */
+    int kilobits;
 };
 
-constexpr uint32_t greatest_ceiling = common::greatest_bit_rate / 1000;
+constexpr uint32_t greatest_rate = common::greatest_bit_rate / 1000;
 // Below it x264 encodes without loss, in a profile that few players know.
 constexpr uint32_t best_lossy_quality = 1;
 
-std::mutex quality_mutex;
+std::mutex wish_mutex;
 // under the mutex
-std::optional<Quality> quality_asked_for;
+std::optional<Wish> wish;
+
+void set_wish(Wish made)
+{
+    const std::lock_guard lock(wish_mutex);
+    wish = made;
+}
 
 } // namespace
 
 void take_quality(EncoderSettings& settings)
 {
-    const std::lock_guard lock(quality_mutex);
-    const std::optional<Quality> quality = std::exchange(quality_asked_for, std::nullopt);
-    if (!quality || !settings.rate.as_needed)
+    const std::lock_guard lock(wish_mutex);
+    const std::optional<Wish> made = std::exchange(wish, std::nullopt);
+    if (!made || !settings.rate.as_needed)
         return;
-    settings.quality = quality->factor;
-    if (quality->ceiling_kilobits != 0)
-        settings.rate.kilobits = quality->ceiling_kilobits;
+    settings.quality = made->factor;
+    settings.rate.as_needed = made->factor != 0;
+    if (made->kilobits != 0)
+        settings.rate.kilobits = made->kilobits;
 }
 
 } // namespace zu3host
@@ -41,9 +50,13 @@ void take_quality(EncoderSettings& settings)
 HOST_EXPORT void zu3_host_quality(uint32_t quality, uint32_t ceiling)
 {
     using namespace zu3host;
-    if (quality > common::worst_quality || ceiling > greatest_ceiling)
-        return;
-    const std::lock_guard lock(quality_mutex);
-    quality_asked_for = {static_cast<int>(std::max(quality, best_lossy_quality)),
-                         static_cast<int>(ceiling)};
+    if (quality <= common::worst_quality && ceiling <= greatest_rate)
+        set_wish({.factor = static_cast<int>(std::max(quality, best_lossy_quality)),
+                  .kilobits = static_cast<int>(ceiling)});
+}
+
+HOST_EXPORT void zu3_host_bit_rate(uint32_t rate)
+{
+    if (rate > 0 && rate <= zu3host::greatest_rate)
+        zu3host::set_wish({.factor = 0, .kilobits = static_cast<int>(rate)});
 }

@@ -5,8 +5,8 @@
 namespace zu3host {
 
 /**
- * Puts what zu3_host_quality() asked for, which is used up, into the settings of an encoder that is
- * being opened, if those have no bit rate.
+ * Puts the request of zu3_host_quality() or zu3_host_bit_rate(), which is used up, into the settings
+ * of an encoder that opens, if those have no bit rate.
  */
 void take_quality(EncoderSettings& settings);
 

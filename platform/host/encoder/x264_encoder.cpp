@@ -3,6 +3,7 @@
 #include "base/host_log.h"
 #include "base/threads.h"
 #include "picture/picture_in_flight.h"
+#include "statistics/counters.h"
 
 #include <algorithm>
 #include <utility>
@@ -15,6 +16,12 @@ namespace {
 // picture is as sharp as without repetitions, or sharper, in no more bits
 // (docs/measurements/repeated_pictures.md).
 constexpr float quantizer_of_still_key_frame = -1.0f;
+
+// A ceiling makes a picture coarser if x264 is this much ahead of it, and raises the rate factor by
+// more than a step that is hardly visible. At the best qualities the factor alone proves nothing:
+// x264 aims below its smallest quantizer there.
+constexpr uint64_t parts_of_second_ahead = 10;
+constexpr double hardly_visible = 1;
 
 EncoderRate under_process_ceiling(EncoderRate rate)
 {
@@ -49,6 +56,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     }
     encoder_ = std::move(encoder);
     applied_ = rate;
+    rate_factor_ = parameters.rc.f_rf_constant;
     pictures_between_keys_ = static_cast<uint32_t>(parameters.i_keyint_max);
     // With a rate that was asked for, x264 spends what a still picture saves on its quality.
     repetitions_ = rate.as_needed ? RepeatedPictures::into(encoder_.get()) : nullptr;
@@ -103,6 +111,12 @@ bool X264Encoder::may_repeat() const
     return repetitions_ && equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
 }
 
+bool X264Encoder::is_at_ceiling() const
+{
+    return applied_.as_needed &&
+           bits_ahead_ * parts_of_second_ahead > static_cast<uint64_t>(applied_.kilobits) * 1000;
+}
+
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)
 {
     const bool equal = unchanged && unit.size == last_size_;
@@ -138,6 +152,8 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     const int size = x264_encoder_encode(encoder_.get(), &nals, &count, &in, &out);
     if (size <= 0)
         return std::nullopt;
+    if (is_at_ceiling() && out.prop.f_crf_avg > rate_factor_ + hardly_visible)
+        zu3host::count(counters().pictures_coarsened);
     const bool key = out.i_type == X264_TYPE_IDR;
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};

@@ -63,6 +63,7 @@ private:
     bool reconfigure(EncoderRate rate);
     std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key, bool unchanged);
     bool may_repeat() const;
+    bool is_at_ceiling() const;
     void note(const AccessUnit& unit, bool unchanged);
 
     /** Unchanged pictures of one size in a row, after which x264 would encode that size for ever. */
@@ -72,6 +73,8 @@ private:
     EncoderSettings settings_;
     // the rate that encoder_ has, which the process's ceiling may lower
     EncoderRate applied_{};
+    // x264's, of constant quality
+    double rate_factor_ = 0;
     // before encoder_: x264 may still log while it is closed
     X264Log log_;
     Handle encoder_;

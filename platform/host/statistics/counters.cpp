@@ -56,6 +56,7 @@ zu3_host_statistics_t snapshot(const zu3host::Counters& live)
         .display_silent_ms = value_of(live.display_silent_ms),
         .pictures_left_out_for_room = value_of(live.pictures_left_out_for_room),
         .write_waiting_us = microseconds_since(value_of(live.write_waits_since_us)),
+        .pictures_coarsened = value_of(live.pictures_coarsened),
     };
 }
 

@@ -34,6 +34,7 @@ struct Counters {
     std::atomic<uint64_t> pictures_left_out_for_room{0};
     /** monotonic time, 0 = no write waits */
     std::atomic<int64_t> write_waits_since_us{0};
+    std::atomic<uint64_t> pictures_coarsened{0};
     /** those whose last push was answered busy */
     std::atomic<uint32_t> full_multiplexers{0};
 };

@@ -1,6 +1,6 @@
 /**
- * Constant quality instead of a bit rate, beside the contract. A client looks the function up by
- * name (dlsym), since another platform has none: there a bit rate must do.
+ * Quality and bit rate of an encoder that opens without a bit rate, as that of a recording does,
+ * beside the contract. Look the functions up by name (dlsym): another platform has none.
  */
 #ifndef ZU3_HOST_QUALITY_H
 #define ZU3_HOST_QUALITY_H
@@ -23,6 +23,14 @@ extern "C" {
  *     of a recording keeps up with
  */
 void zu3_host_quality(uint32_t quality, uint32_t ceiling);
+
+/**
+ * Applies a bit rate to the next encoder that opens, if it opens without one; any other open uses
+ * the call up without effect. Replaces a call of zu3_host_quality(). Any thread.
+ *
+ * @param rate 1000 bit/s, 1 to 240000; other values change nothing
+ */
+void zu3_host_bit_rate(uint32_t rate);
 
 #ifdef __cplusplus
 }
