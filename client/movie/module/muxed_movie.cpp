@@ -5,6 +5,10 @@
 #include <cstring>
 #include <stdexcept>
 
+extern "C" {
+#include <libavutil/opt.h>
+}
+
 namespace client::movie {
 namespace {
 
@@ -63,7 +67,10 @@ void set_colours(AVCodecParameters& parameters)
     parameters.chroma_location = AVCHROMA_LOC_LEFT;
 }
 
-// A piece has half a second, so less than a second is lost, including the data on its way.
+// A piece has half a second, so less than a second is lost, including the data on its way. The
+// first ones are shorter, so that a movie that is killed soon plays.
+constexpr int64_t piece_ms = 500, first_piece_ms = 100, first_pieces_end_ms = 500;
+
 // delay_moov writes the header with the first fragment, when the delay of the sound is known.
 AVDictionary* muxer_options(Container container)
 {
@@ -71,11 +78,17 @@ AVDictionary* muxer_options(Container container)
     if (container == Container::mp4) {
         av_dict_set(&options, "movflags",
                     "+frag_keyframe+empty_moov+delay_moov+default_base_moof+write_colr", 0);
-        av_dict_set(&options, "frag_duration", "500000", 0);
-    } else if (container == Container::matroska) {
-        av_dict_set(&options, "cluster_time_limit", "500", 0);
     }
     return options;
+}
+
+/** Sets the greatest length of the pieces from here on. */
+void set_piece(AVFormatContext& context, Container container, int64_t milliseconds)
+{
+    if (container == Container::mp4)
+        checked(av_opt_set_int(context.priv_data, "frag_duration", 1000 * milliseconds, 0));
+    else if (container == Container::matroska)
+        checked(av_opt_set_int(context.priv_data, "cluster_time_limit", milliseconds, 0));
 }
 
 } // namespace
@@ -148,6 +161,7 @@ void MuxedMovie::begin(std::span<const uint8_t> first_frame)
     output_.rethrow();
     checked(result);
     begun_ = true;
+    set_piece(*context_, format_.container, first_piece_ms);
 }
 
 void MuxedMovie::write(AVPacket& packet, const AVStream& stream, AVRational time_base)
@@ -163,6 +177,10 @@ void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool k
 {
     if (!begun_)
         begin(frame);
+    if (!first_pieces_over_ && index * 1000 >= first_pieces_end_ms * format_.fps) {
+        first_pieces_over_ = true;
+        set_piece(*context_, format_.container, piece_ms);
+    }
     av_packet_unref(packet_.get());
     // read only: libavformat copies a packet that does not own its bytes
     packet_->data = const_cast<uint8_t*>(frame.data());
@@ -173,8 +191,9 @@ void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool k
     write(*packet_, *video_, {1, static_cast<int>(format_.fps)});
 }
 
-// MP4 has an edit list for the encoder's delay. In other containers the packet that contains only
-// this delay is left out, so that times begin at 0; a decoder then fades in the first 21 ms.
+// MP4 has an edit list for the encoder's delay. MPEG-TS has no means for it, and libavformat 59
+// writes Matroska's CodecDelay for Opus alone. There the packet that contains only this delay is
+// left out, so that times begin at 0; a decoder then fades in the first 21 ms.
 void MuxedMovie::write_sound(AVPacket& packet)
 {
     if (packet.pts < 0 && format_.container != Container::mp4)

@@ -31,6 +31,7 @@ private:
     AVStream* sound_ = nullptr;
     Packet packet_;
     bool begun_ = false;
+    bool first_pieces_over_ = false;
 };
 
 /** libavformat's name of a container's muxer. */
