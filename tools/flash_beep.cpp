@@ -1,6 +1,7 @@
 /**
- * Flashes the whole X display white while a beep sounds through the sound server, once a second,
- * for 100 ms each. Use it to compare the timing of picture and sound in a recording.
+ * Flashes the whole X display white while a beep sounds through the sound server, every 1.005 s,
+ * for 100 ms each. Use it to compare the timing of picture and sound in a recording: the flashes
+ * fall into all parts of its frame periods, so on average a frame shows one half a period late.
  *
  * flash_beep [--seconds N]     default 60
  *
@@ -23,11 +24,13 @@ namespace {
 constexpr uint32_t sample_rate = 48000;
 constexpr uint32_t beep_samples = sample_rate / 10;
 constexpr int64_t second_ns = 1'000'000'000;
+constexpr uint32_t period_samples = sample_rate * 1005 / 1000;
+constexpr int64_t period_ns = second_ns * 1005 / 1000;
 // A sink may have rendered two seconds ahead before it learns of the requested latency; until then
 // its clock is wrong.
 constexpr int64_t rendered_ahead_ns = 5 * second_ns / 2;
 
-/** A mono stream that beeps in the first tenth of each of its seconds. */
+/** A mono stream that beeps for a tenth of a second at the start of each of its periods. */
 class BeepStream {
 public:
     BeepStream() : loop_(pa_threaded_mainloop_new())
@@ -140,7 +143,7 @@ private:
 
     static int16_t sample(uint64_t index)
     {
-        const uint64_t place = index % sample_rate;
+        const uint64_t place = index % period_samples;
         if (place >= beep_samples)
             return 0;
         return static_cast<int16_t>(
@@ -165,7 +168,7 @@ bool flash(XScreen& screen, BeepStream& beeps, int seconds)
         // The clock may jump after an underrun; a late query is more accurate.
         const bool settled = origin > 0 && std::abs(origin - before) < 2'000'000;
         const int64_t now = XScreen::now_ns();
-        const int64_t due = now + second_ns - (now - origin) % second_ns;
+        const int64_t due = now + period_ns - (now - origin) % period_ns;
         const bool soon = settled && due - now < 20'000'000;
         if (origin < 0 || !screen.wait_until(soon ? due : now + 10'000'000))
             return false;

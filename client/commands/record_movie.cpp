@@ -3,6 +3,7 @@
 #include <cmath>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -12,6 +13,7 @@
 #include "movie/movie_copy.h"
 #include "movie/movie_recording.h"
 #include "process/messages.h"
+#include "process/terminal_keys.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"
 #include "running/stream_control.h"
@@ -46,6 +48,15 @@ StreamOptions stream_options(const RecordOptions& options)
     return stream;
 }
 
+/** The next program of a pipe may read the keys of the terminal itself. */
+bool may_read_keys(const RecordOptions& options, const StatusReport& report, int standard_output)
+{
+    struct stat output = {};
+    const bool piped = is_standard_output(options.output) &&
+                       (fstat(standard_output, &output) != 0 || !S_ISREG(output.st_mode));
+    return report.on_terminal() && !options.control && !piped;
+}
+
 /**
  * While it exists, this thread runs at the higher priority of the capture threads, if the system
  * allows it: it has three frame periods to read a frame.
@@ -76,7 +87,8 @@ public:
           size_(size_to_capture(display_to_capture(), options.size)),
           report_(options.json, options.status_file),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
-          movie_(format(), frame_limit(), sink_)
+          movie_(format(), frame_limit(), sink_),
+          keys_(may_read_keys(options, report_, context.output.fd()))
     {
         sink_.allow(most_waiting);
     }
@@ -150,12 +162,18 @@ private:
             {context_.signals.fd()},
             {event_, reset(event_)},
             {control_.fd(),
-             [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }}};
+             [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }},
+            {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey(key); }); }}};
         wait_for(awaited, look);
         check(sink_.look());
         check_end();
         if (report_.due())
-            report_.update(progress_.measure(sink_.delivered()), paused_ ? "paused" : "recording");
+            show_progress();
+    }
+
+    void show_progress()
+    {
+        report_.update(progress_.measure(sink_.delivered()), paused_ ? "paused" : "recording");
     }
 
     void check(ByteSink::State state)
@@ -189,6 +207,7 @@ private:
         if (Clock::now() < next_check_)
             return;
         next_check_ = Clock::now() + milliseconds(200);
+        keys_.look();
         if (auto lost = sink_.problem(); lost && !problem_) {
             problem_ = std::move(lost);
             output_lost_ = ended_ = true;
@@ -224,6 +243,14 @@ private:
         lost_.break_stretch();
         movie_.resume_at(now_us());
         video_capenc_resume();
+    }
+
+    void obey(char key)
+    {
+        if (key != 'p' && key != 'P')
+            return;
+        paused_ ? resume() : pause();
+        show_progress();
     }
 
     void obey(const std::string& line)
@@ -361,6 +388,7 @@ private:
     std::optional<TimedSound> sound_;
     std::optional<EncodedStream> stream_;
     ControlInput control_{options_.control};
+    TerminalKeys keys_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;
     RecordProgress progress_;

@@ -25,7 +25,8 @@ public:
           path_(checked_output(options.output, options.overwrite)),
           size_(size_to_capture(display_to_capture(), options.size)),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
-          stream_(options, size_, context.signals), control_(options.control), lost_(options.fps)
+          stream_(options, size_, context.signals),
+          control_(options.control || on_foreground_terminal()), lost_(options.fps)
     {
         if (options.time)
             // for the time until the first frame arrives

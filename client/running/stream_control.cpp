@@ -79,12 +79,12 @@ control::Command control::parse(const std::string& line)
         "no such command; the commands are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
 }
 
-ControlInput::ControlInput(bool asked)
+bool on_foreground_terminal()
 {
-    const bool foreground = isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp();
-    if (asked || foreground)
-        fd_ = STDIN_FILENO;
+    return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp();
 }
+
+ControlInput::ControlInput(bool wanted) : fd_(wanted ? STDIN_FILENO : -1) {}
 
 void ControlInput::read_lines(const std::function<void(const std::string&)>& handle)
 {

@@ -26,13 +26,14 @@ using Command = std::variant<Unknown, BitRate, KeyFrame, Pause, Resume, Stop, Wa
 Command parse(const std::string& line);
 } // namespace control
 
+/** Whether standard input is a terminal and this is its foreground job. */
+bool on_foreground_terminal();
+
 /** Commands for a running stream, a line each, from standard input. */
 class ControlInput {
 public:
-    /**
-     * @param asked by --control; otherwise only a terminal is read, if this is its foreground job
-     */
-    explicit ControlInput(bool asked);
+    /** @param wanted false: standard input is not read */
+    explicit ControlInput(bool wanted);
 
     /** To poll for POLLIN; -1 = nothing to read (any more). */
     int fd() const { return fd_; }

@@ -182,19 +182,25 @@ void StatusReport::heed(const std::optional<std::string>& failure)
 void StatusReport::update(const Progress& progress, const char* state)
 {
     last_ = progress;
-    next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
-    if (terminal_) {
-        // the last column stays free
-        const size_t taken = std::strlen(colour_ ? "* " : "REC ") + 1;
-        const size_t columns = terminal_columns();
-        show_status_line(colour_ ? "\033[31m●\033[0m" : "REC",
-                         progress_as_line(progress, columns > taken ? columns - taken : 0));
-    }
+    if (due())
+        next_ = std::max(next_ + std::chrono::seconds(1), Clock::now());
+    if (terminal_)
+        show_line(progress, std::strcmp(state, "paused") == 0);
     const std::string object = progress_as_json(progress, state);
     if (json_)
         print_status_object(object);
     if (status_file_)
         heed(status_file_->update(object));
+}
+
+void StatusReport::show_line(const Progress& progress, bool paused)
+{
+    const char* const mark =
+        colour_ ? (paused ? "\033[33m‖\033[0m" : "\033[31m●\033[0m") : (paused ? "PAUSED" : "REC");
+    // the last column stays free
+    const size_t taken = (colour_ ? 1 : std::strlen(mark)) + 2;
+    const size_t columns = terminal_columns();
+    show_status_line(mark, progress_as_line(progress, columns > taken ? columns - taken : 0));
 }
 
 void StatusReport::finish(const Progress& progress, bool usable)

@@ -77,6 +77,8 @@ public:
     /** Reports the state "failed" unless finish() was called. */
     ~StatusReport();
 
+    /** Whether progress is a refreshed line on a terminal. */
+    bool on_terminal() const { return terminal_; }
     /** Whether an update is due, once per second. */
     bool due() const { return Clock::now() >= next_; }
     void update(const Progress& progress, const char* state = "recording");
@@ -84,6 +86,7 @@ public:
     void finish(const Progress& progress, bool usable);
 
 private:
+    void show_line(const Progress& progress, bool paused);
     /** Prints a failure of the status file and stops writing it. */
     void heed(const std::optional<std::string>& failure);
 

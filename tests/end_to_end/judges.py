@@ -73,10 +73,16 @@ def decode(path, index=None, pixel_format="rgb24", filters="null"):
                 "-pix_fmt", pixel_format, "-f", "rawvideo", "-")
 
 
-def decode_sound(path):
+def decode_sound(path, before=(), filters="anull"):
     """Its sound as one channel of samples."""
-    sound = _run("ffmpeg", "-nostdin", "-v", "error", "-i", path, "-vn", "-ac", "1", "-ar", "48000", "-f", "s16le", "-")
+    sound = _run("ffmpeg", "-nostdin", "-v", "error", *before, "-i", path, "-vn", "-af", filters, "-ac", "1", "-ar", "48000",
+                 "-f", "s16le", "-")
     return struct.unpack(f"<{len(sound) // 2}h", sound)
+
+
+def decode_timed_sound(path):
+    """The same from the time 0 on, with silence where there is no sound: the times count, not the number of samples."""
+    return decode_sound(path, ["-copyts"], "aresample=async=1:first_pts=0")
 
 
 def pixel(pixels, width, x, y):

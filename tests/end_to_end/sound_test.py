@@ -70,9 +70,8 @@ class FlashAndBeep(EndToEndTest):
 
     def beeps(self, path):
         """When the beeps began."""
-        begin = judges.packets(path, "a")[0][0]
-        loud = [place for place, sample in enumerate(judges.decode_sound(path)) if abs(sample) > 6000]
-        return [begin + now / RATE for before, now in zip([-RATE] + loud, loud) if now > before + RATE // 10]
+        loud = [place for place, sample in enumerate(judges.decode_timed_sound(path)) if abs(sample) > 6000]
+        return [now / RATE for before, now in zip([-RATE] + loud, loud) if now > before + RATE // 10]
 
     def test_are_together(self):
         self.start_display("320x240")
@@ -84,7 +83,7 @@ class FlashAndBeep(EndToEndTest):
         nearest = [min(beeps, key=lambda beep, at=flash: abs(beep - at)) - flash for flash in self.flashes(path)]
         # The picture shows a flash half a frame late on average.
         found = [1000 * (distance + 0.5 / 60) for distance in nearest if abs(distance) < 0.4]
-        self.assertGreaterEqual(len(found), self.SECONDS - 3)
+        self.assertGreaterEqual(len(found), 0.95 * self.SECONDS - 3)
         first, last = (statistics.median(part) for part in (found[:self.MARKS], found[-self.MARKS:]))
         print(f"beep after flash: {first:.1f} ms at the beginning, {last:.1f} ms at the end, "
               f"{min(found):.1f} to {max(found):.1f} ms")
