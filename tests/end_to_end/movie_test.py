@@ -1,12 +1,17 @@
 """Recordings into MP4 and Matroska files and to standard output by the client's record command."""
 
+import contextlib
+import json
+import os
+import pathlib
+import pty
 import signal
 import statistics
 import subprocess
 
 import judges
 import sound_test
-from harness import EndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
+from harness import BUILD, EndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
 
 KINDS = ("mp4", "mkv")
 
@@ -87,24 +92,49 @@ class Movies(EndToEndTest):
         names = boxes(self.path("a.mp4"))
         self.assertLess(names.index("moov"), names.index("mdat"))
         self.assertNotIn("moof", names)
-        self.assertGreaterEqual(boxes(self.path("f.mp4")).count("moof"), 2)
+        # Catches first pieces of half a second: before their end a killed movie does not play.
+        self.assertGreaterEqual(boxes(self.path("f.mp4")).count("moof"), 6)
+        self.assertGreaterEqual(self.path("a.mkv").read_bytes().count(b"\x1f\x43\xb6\x75"), 10)
         self.assertEqual(judges.decoder_messages(self.path("f.mp4")), "")
+
+
+class Written(ShortEndToEndTest):
+    """What the module for movies writes, whatever the machine has time for."""
+
+    flashes = sound_test.FlashAndBeep.flashes
+    beeps = sound_test.FlashAndBeep.beeps
+
+    def test_sound_is_in_step(self):
+        # Catches the delay of the sound's encoder in the times.
+        self.run_program("ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+                         "color=black:s=64x64:r=30:d=2,drawbox=color=white:t=fill:enable=gte(n\\,30)", "-c:v", "libx264",
+                         "-bf", "0", "-g", "999", "-x264-params", "aud=1:scenecut=0", "frames.h264")
+        frames = judges.access_units(self.path("frames.h264").read_bytes())
+        self.path("frames").write_bytes(b"".join(len(frame).to_bytes(4, "little") + frame for frame in frames))
+        for kind in (*KINDS, "ts"):
+            path = self.path(f"click.{kind}")
+            with self.path("frames").open("rb") as given:
+                self.run_program("movie_click", BUILD / "lib/libscreenrecord_movie.so", kind, path, stdin=given)
+            copies = [self.path(f"{kind}.{copy}") for copy in KINDS]
+            for copy in copies:
+                self.run_program("screenrecord", "remux", path, copy)
+            for name in [path, *copies]:
+                (flash,), (beep,) = self.flashes(name), self.beeps(name)
+                print(f"{name.name}: beep after flash {1000 * (beep - flash):.2f} ms")
+                self.assertLess(abs(beep - flash), 0.0015, name)
+                self.assertEqual(judges.decoder_messages(name), "")
+                self.assertLess(abs(times(name)[0]), 1.5 if name.suffix == ".ts" else 0.001)
 
 
 class InStep(EndToEndTest):
     """Picture and sound of the same moment are at the same time in the file."""
 
     flashes = sound_test.FlashAndBeep.flashes
-    SECONDS = 6
+    beeps = sound_test.FlashAndBeep.beeps
+    SECONDS = 10
 
-    def beeps(self, path):
-        loud = [place for place, sample in enumerate(judges.decode_sound(path)) if abs(sample) > 6000]
-        return [now / 48000 for before, now in zip([-48000] + loud, loud) if now > before + 4800]
-
-    def beep_after_flash(self, kind):
+    def beep_after_flash(self, kind, path):
         """Milliseconds, the median of a recording."""
-        path = self.path(f"a.{kind}")
-        self.assert_exit(self.client("record", "-y", "-r", "60", "-t", self.SECONDS, "-o", path), 0, self.SECONDS + 20)
         beeps = self.beeps(path)
         nearest = [min(beeps, key=lambda beep, at=flash: abs(beep - at)) - flash for flash in self.flashes(path)]
         # The picture shows a flash half a frame late on average.
@@ -116,10 +146,19 @@ class InStep(EndToEndTest):
     def test_from_the_first_second_on(self):
         self.start_display("320x240")
         self.start_sound()
-        self.start_screen("--seconds", 90, name="flash_beep")
-        for kind in KINDS:
-            # A busy machine flashes late, but not three times; what is wrong in the file is so each time.
-            self.assertTrue(any(abs(self.beep_after_flash(kind)) < 15 for _ in range(3)), kind)
+        self.start_screen("--seconds", 120, name="flash_beep")
+        ways = {"mp4": ("a.mp4",), "mkv": ("a.mkv",), "ts": ("-", "--format", "ts")}
+        late = {}
+        # A busy machine flashes late, but not three times; a fault of the file is there each time.
+        for _ in range(3):
+            recordings = {kind: self.client("record", "-y", "-r", "60", "-t", self.SECONDS, "-o", *way)
+                          for kind, way in ways.items()}
+            for kind, recording in recordings.items():
+                self.assertIn(recording.wait(self.SECONDS + 20), (0, 3))
+                late[kind] = self.beep_after_flash(kind, recording.out.name if kind == "ts" else self.path(f"a.{kind}"))
+            if max(map(abs, late.values())) < 5:
+                return
+        self.fail(late)
 
 
 class Accidents(ShortEndToEndTest, MovieChecks):
@@ -183,6 +222,48 @@ class Accidents(ShortEndToEndTest, MovieChecks):
             self.assertEqual(judges.decoder_messages(self.path(f"stopped.{kind}")), "")
 
 
+class Finishing(EndToEndTest):
+    """The index of an MP4 file moves to the front."""
+
+    @staticmethod
+    def rewrites(client):
+        """Whether the file that is to replace the recording is open; it has no name yet."""
+        for each in pathlib.Path(f"/proc/{client.process.pid}/fd").glob("*"):
+            with contextlib.suppress(OSError):
+                if " (deleted)" in os.readlink(each):
+                    return True
+        return False
+
+    def record_and_stop_it_there(self, path):
+        """A recording that SIGSTOP stopped while its file was rewritten."""
+        for _ in range(5):
+            recording = self.client("record", "-y", "--json", "-r", "60", "-t", "3", "--quality", "0", "-o", path,
+                                    environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"})
+            wait_until(lambda each=recording: self.rewrites(each) or each.process.poll() is not None, "the second file")
+            recording.process.send_signal(signal.SIGSTOP)
+            if self.rewrites(recording):
+                return recording
+            recording.kill()
+        raise AssertionError("every file was rewritten too fast")
+
+    def test_interrupted(self):
+        # Catches an interrupt that is not heard or loses the file, and progress that is not shown.
+        path = self.path("a.mp4")
+        recording = self.record_and_stop_it_there(path)
+        pass_time(1.5)
+        recording.process.send_signal(signal.SIGINT)
+        recording.process.send_signal(signal.SIGCONT)
+        self.assertIn(recording.wait(), (0, 3), recording.errors())
+        told = [json.loads(line) for line in recording.errors().splitlines() if line.startswith("{")]
+        parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
+        self.assertTrue(parts and 0 <= parts[0] < 1, told)
+        self.assertRegex(recording.errors(), r"screenrecord: \S*a.mp4 stays in fragments[^\n]*: it was interrupted\n")
+        self.assertEqual(recording.output(), f"{path}\n")
+        self.assertIn("moof", boxes(path))
+        self.assertEqual(judges.decoder_messages(path), "")
+        self.assertEqual(list(self.path(".").glob(".screenrecord*")), [])
+
+
 class Ways(ShortEndToEndTest, MovieChecks):
     @classmethod
     def prepare(cls):
@@ -235,10 +316,55 @@ class Ways(ShortEndToEndTest, MovieChecks):
                 self.assert_recorded(recording)
                 places = [round(time * 30) for time in times(path)]
                 self.assertEqual(places[0], 0)
-                self.assertEqual(places[-1], 89)
+                self.assertIn(places[-1], range(85, 90))
                 self.assertLess(max(b - a for a, b in zip(places, places[1:])), 30)
                 self.assertAlmostEqual(len(judges.decode_sound(path)) / 48000, 3, delta=0.03)
                 self.assertEqual(judges.decoder_messages(path), "")
+
+    def test_key(self):
+        # Catches a key that is not heard, and a terminal without echo after the end, also by a signal.
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        self.addCleanup(os.close, theirs)
+        os.set_blocking(ours, False)
+        for name, end in (("interrupt", b"\x03"), ("quit", b"\x1c")):
+            with self.subTest(name):
+                path = self.path(f"{name}.mkv")
+                # The shell outlives the program: the kernel resets the terminal of a session that is over.
+                shell = self.start("setsid", "--ctty", "--wait", "sh", "-c", "trap : INT QUIT; ulimit -c 0; stty -g; "
+                                   f"screenrecord record -s 320x240 -o {path}; stty -g", stdin=theirs, stderr=theirs,
+                                   environment={"TERM": "xterm", "NO_COLOR": "1"})
+                wait_until(lambda: size_of(path) > 0, "the recording")
+                shown = b""
+
+                def shows(word):
+                    nonlocal shown
+                    with contextlib.suppress(BlockingIOError):
+                        shown += os.read(ours, 65536)
+                    return word in shown[shown.rfind(b"\r\x1b[K"):]
+
+                for word in (b"PAUSED ", b"REC "):
+                    os.write(ours, b"p")
+                    wait_until(lambda: shows(word), word)
+                os.write(ours, end)
+                shell.wait()
+                before, *_, after = shell.output().splitlines()
+                self.assertEqual(before, after)
+
+    def test_ceiling_of_a_transport_stream(self):
+        # Catches a rate that has no effect, and a ceiling that lowers it and is not told.
+        self.start_display("320x240")
+        self.start_screen("--noise")
+        cases = [("-b 500k", 20_000, 180_000, r"\A\Z"), ("-b 8M", 200_000, 1_600_000, r"\A[^\n]*lowered to 4\.5M[^\n]*\n\Z"),
+                 ("--quality 51", 5_000, 130_000, r"\A\Z"),
+                 ("--quality 0", 200_000, 1_600_000, r"\A[^\n]*quality of [1-9]\d* of \d+ pictures is lower[^\n]*\n\Z")]
+        for words, least, most, said in cases:
+            with self.subTest(words):
+                running = self.client("record", "-y", "-t", "2", "--no-audio", "-o", "rate.ts", *words.split(),
+                                      environment={"ZU3_DISPLAY": "x11"})
+                self.assertIn(running.wait(), (0, 3))
+                self.assertRegex(running.errors(), said)
+                self.assertTrue(least < size_of(self.path("rate.ts")) < most, size_of(self.path("rate.ts")))
 
     def test_remux(self):
         self.run_program("screenrecord", "record", "-s", "320x240", "-t", "2", "-o", "old.ts")
@@ -264,7 +390,8 @@ class Ways(ShortEndToEndTest, MovieChecks):
 
     def test_refusals(self):
         cases = [("-o a.xyz", "'a.xyz'", ".mp4, .mkv or .ts"), ("-o a.mp4 --rate 2", "--rate", ".ts file"),
-                 ("-o a.ts -b 2M", "--bitrate", ".mp4 or .mkv"), ("-o a.ts --fragmented", "--fragmented", ".mp4"),
+                 ("-o a.ts -b 2M --rate 2", "--rate", "--bitrate"),
+                 ("-o a.ts --fragmented", "--fragmented", ".mp4"),
                  ("-o a.mkv --format ts", "--format", "'-o -'"), ("-o a.mp4 -b 2M --quality low", "--quality", "--bitrate"),
                  ("-o a.mp4 --quality 52", "'52'", "low, medium"), ("-o a.mp4 --source x -s 64x64", "--source", ".ts")]
         for words, wrong, right in cases:
