@@ -119,7 +119,7 @@ private:
                 .height = size_.height,
                 .fps = options_.fps,
                 .sound = options_.audio,
-                .seekable = sink_.file() && sink_.file()->regular()};
+                .seekable = is_ordinary_file()};
     }
 
     int64_t frame_limit() const
@@ -171,9 +171,29 @@ private:
             show_progress();
     }
 
-    void show_progress()
+    Progress progress()
     {
-        report_.update(progress_.measure(sink_.delivered()), paused_ ? "paused" : "recording");
+        Progress now = progress_.measure(sink_.delivered());
+        now.has_reader = !is_ordinary_file();
+        now.disk_waiting_seconds = std::chrono::duration<double>(sink_.standstill()).count();
+        if (now.dropped)
+            *now.dropped += movie_.left_out();
+        return now;
+    }
+
+    void show_progress() { report_.update(progress(), paused_ ? "paused" : "recording"); }
+
+    /** Otherwise a pipe or a device. */
+    bool is_ordinary_file() const { return sink_.file() && sink_.file()->regular(); }
+
+    /** Tells once that pictures are left out. */
+    void warn_of_slow_output()
+    {
+        if (warned_ || movie_.left_out() == 0)
+            return;
+        warned_ = true;
+        print_message(std::string(is_ordinary_file() ? "the disk" : "the reader") + " of " + path_ +
+                      " is too slow: pictures are left out until it catches up");
     }
 
     void check(ByteSink::State state)
@@ -208,6 +228,7 @@ private:
             return;
         next_check_ = Clock::now() + milliseconds(200);
         keys_.look();
+        warn_of_slow_output();
         if (auto lost = sink_.problem(); lost && !problem_) {
             problem_ = std::move(lost);
             output_lost_ = ended_ = true;
@@ -305,7 +326,7 @@ private:
     /** A full disk can end the file in the middle of a piece. */
     void cut_torn_piece()
     {
-        if (sink_.file() && sink_.file()->regular())
+        if (is_ordinary_file())
             sink_.cut_file(movie_.end_of_pieces(sink_.delivered()));
     }
 
@@ -323,7 +344,7 @@ private:
         if (usable && container_ == Container::mp4 && !options_.fragmented && !disk_failed_ &&
             !path.empty() && sink_.look() == ByteSink::State::ready)
             notice = put_index_in_front(path);
-        report_.finish(progress_.measure(sink_.delivered()), usable);
+        report_.finish(progress(), usable);
         for (const auto& sentence : {problem_, shortfall, notice})
             if (sentence)
                 print_message(*sentence);
@@ -342,7 +363,7 @@ private:
         if (movie_.left_out() > 0)
             return format_text("%llu pictures are missing from %s: its %s too slow",
                                static_cast<unsigned long long>(movie_.left_out()), path_.c_str(),
-                               sink_.file() && sink_.file()->regular() ? "disk was" : "reader was");
+                               is_ordinary_file() ? "disk was" : "reader was");
         const auto counted = statistics_.read();
         const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
         // The time stamp of a key frame may be a frame late, so one proves no loss.
@@ -365,9 +386,9 @@ private:
             copy.attend(context_.signals, context_.signals.stops(), [this, begin](double part) {
                 if (!report_.due() || Clock::now() - begin < std::chrono::seconds(1))
                     return;
-                Progress progress = progress_.measure(sink_.delivered());
-                progress.finished_part = part;
-                report_.update(progress, "finishing");
+                Progress now = progress();
+                now.finished_part = part;
+                report_.update(now, "finishing");
             });
             copy.finish();
             return std::nullopt;
@@ -396,6 +417,7 @@ private:
     TimePoint stop_limit_ = TimePoint::max();
     TimePoint next_check_;
     bool paused_ = false;
+    bool warned_ = false;
     bool stop_asked_ = false;
     bool ended_ = false;
     bool broken_ = false;

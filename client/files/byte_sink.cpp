@@ -44,6 +44,11 @@ public:
     std::optional<int> take_result();
     /** Bytes that are begun and not through. */
     uint64_t backlog() const { return backlog_; }
+    /** How long nothing of them was taken; 0 without any. */
+    Clock::duration standstill() const
+    {
+        return backlog_ > 0 ? Clock::now().time_since_epoch() - moved_.load() : Clock::duration();
+    }
     /** Bytes taken of those that were written behind one another. */
     uint64_t delivered() const { return delivered_; }
     /** Whether the file once had fewer bytes than were delivered. */
@@ -72,6 +77,8 @@ private:
     std::atomic<uint64_t> delivered_{0};
     std::atomic<bool> cut_{false};
     std::atomic<uint64_t> backlog_{0};
+    /** When the backlog began or shrank last. */
+    std::atomic<Clock::duration> moved_{};
     std::deque<Piece> pieces_;
     // the thread's own: the errno that nothing is written behind
     int failed_ = 0;
@@ -108,6 +115,8 @@ void SinkThread::begin(std::span<const uint8_t> data, std::optional<uint64_t> at
 {
     const std::lock_guard lock(mutex_);
     result_.reset();
+    if (backlog_ == 0)
+        moved_ = Clock::now().time_since_epoch();
     backlog_ += data.size();
     pieces_.push_back({{data.begin(), data.end()}, at});
     changed_.notify_one();
@@ -164,6 +173,7 @@ int SinkThread::write_piece(const Piece& piece)
             return errno;
         } else if (written > 0) {
             at += static_cast<size_t>(written);
+            moved_ = Clock::now().time_since_epoch();
             delivered_ += piece.at ? 0 : static_cast<uint64_t>(written);
         }
     }
@@ -230,6 +240,11 @@ bool ByteSink::pending() const
 uint64_t ByteSink::backlog() const
 {
     return thread_->backlog();
+}
+
+Clock::duration ByteSink::standstill() const
+{
+    return thread_->standstill();
 }
 
 ByteSink::~ByteSink()

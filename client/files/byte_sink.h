@@ -63,6 +63,8 @@ public:
     bool pending() const;
     /** Bytes that wait. */
     uint64_t backlog() const;
+    /** How long the disk or the reader has accepted none of them; 0 = none waits. */
+    Clock::duration standstill() const;
     /** Readable once everything is written. */
     int fd() const;
     int error() const { return error_; }

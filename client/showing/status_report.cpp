@@ -132,7 +132,9 @@ std::string progress_as_line(const Progress& p, size_t columns)
     if (p.display_answers == false)
         parts.push_back({"display does not answer", 6});
     if (p.disk_waiting_seconds.value_or(0) >= 1)
-        parts.push_back({format_text("disk does not respond: %.0f s", *p.disk_waiting_seconds), 6});
+        parts.push_back({format_text("%s does not respond: %.0f s",
+                                     p.has_reader ? "reader" : "disk", *p.disk_waiting_seconds),
+                         6});
     if (p.frames && p.fps && p.dropped) {
         parts.push_back(
             {format_text("%llu frames", static_cast<unsigned long long>(*p.frames)), 0});

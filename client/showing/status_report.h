@@ -25,8 +25,10 @@ struct Progress {
     /** 0 to 1, loudest recent sample */
     std::optional<double> sound_level;
     std::optional<bool> display_answers;
-    /** time that a write has waited for the disk, 0 = none waits */
+    /** time that a write has waited for the disk or the reader, 0 = none waits */
     std::optional<double> disk_waiting_seconds;
+    /** the output is a pipe, and its reader is waited for */
+    bool has_reader = false;
     /** part of the file that was rewritten with its index in front, 0 to 1 */
     std::optional<double> finished_part;
 };
