@@ -3,7 +3,6 @@
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
-#include "capture/image_placement.h"
 #include "capture/part_choice.h"
 #include "capture/screen.h"
 #include "capture/still_picture.h"
@@ -140,7 +139,7 @@ uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& par
     std::erase_if(pools_, [](const auto& old) { return !old->any_out(); });
     pools_.push_back(pool);
     run_ = std::make_shared<CaptureRun>(
-        CaptureRun{std::move(pool), out, visible, output.u32OutFrameRate, {}});
+        CaptureRun{std::move(pool), visible, output.u32OutFrameRate, {}});
     handle_ = handle;
     changed_.notify_all();
     return ZU_OK;
@@ -214,6 +213,7 @@ uint32_t CaptureDevice::capture_one(const ZU_CAP_CaptureParams_t& params, ZU_CAP
                     : std::nullopt;
         if (!image)
             return ZU_FAILURE;
+        writer_.note(*image);
         write_still(*image, *target);
     }
     const bool planar = target->format == E_ZU_CAP_FORMAT_NV12;
@@ -306,26 +306,13 @@ CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t nu
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
         return Written::stopped;
-    auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number), pointer_,
-                                          stop, patience_of_pictures})
-                         : std::nullopt;
+    const auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number),
+                                                pointer_, stop, patience_of_pictures})
+                               : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::stopped : Written::no_display;
-
-    image->size = without_odd_edge(image->size, run.visible);
-    PicturePool& pool = *run.pool;
-    PicturePool::Contents& contents = pool.contents(index);
-    uint8_t* picture = pool.picture(index);
-    const Placement placement = place_display(image->size, run.out, run.visible);
-    // A private slot still has its old picture.
-    if (!pool.is_shared() && contents.serial == image->serial && contents.bordered_for == placement)
-        return Written::done;
-    // Where a renderer draws into the pictures, it may have drawn into a border that is seen.
-    const bool border_seen = placement.image != run.visible;
-    if (contents.bordered_for != placement || (border_seen && pool.is_shared()))
-        blacken_border(placement, picture, pool.layout());
-    contents = {placement, image->serial};
-    write_nv12(scaler_.scaled(*image, placement.image), placement, picture, pool.layout());
+    writer_.note(*image);
+    writer_.write(*image, *run.pool, index, run.visible);
     return Written::done;
 }
 
@@ -353,17 +340,17 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
                              .u64Reserved1 = 0};
     PictureInFlight picture{.stage = PictureInFlight::Stage::captured,
                             .time_us = static_cast<uint64_t>(common::microseconds_of(due))};
-    // A picture in the encoder's own inject buffer is read there.
-    if (!run.pool->is_shared()) {
-        picture.data = run.pool->picture(index);
-        picture.layout = run.pool->layout();
-        picture.memory = run.pool;
-        picture.serial = run.pool->contents(index).serial;
-    }
+    PicturePool::Contents& contents = run.pool->contents(index);
+    picture.data = run.pool->picture(index);
+    picture.layout = run.pool->layout();
+    picture.memory = run.pool;
+    picture.serial = contents.serial;
+    picture.changed = {contents.since, contents.changed.parts()};
     const PictureInCallback in_callback(picture);
     at_border("The callback with a picture", [&] {
         return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
     });
+    contents.drawn_on = picture.drawn_on;
 }
 
 } // namespace zu3host

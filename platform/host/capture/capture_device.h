@@ -2,9 +2,9 @@
 
 #include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
-#include "capture/image_placement.h"
 #include "capture/picture_pool.h"
 #include "capture/picture_source.h"
+#include "capture/picture_writer.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -26,9 +26,7 @@ inline constexpr uint32_t main_display = 0xD1500000;
 /** The parameters of one start of a capture. */
 struct CaptureRun {
     std::shared_ptr<PicturePool> pool;
-    /** of the pictures, rounded */
-    PictureSize out;
-    /** the part that is seen */
+    /** the part of the pictures that is seen */
     PictureSize visible;
     /** pictures per second */
     uint32_t rate;
@@ -94,7 +92,7 @@ private:
     std::unique_ptr<PictureSource> source_;
     // recordings show the pointer
     bool pointer_ = true;
-    BgraScaler scaler_;
+    PictureWriter writer_;
     uint32_t stills_ = 0;
 
     // guards all below

@@ -27,6 +27,18 @@ uint32_t middle(uint32_t box, uint32_t length)
     return length < box ? (box - length) / 2 & ~1u : 0;
 }
 
+/** The pixels that a span of a line reaches when the line is scaled: their start and number. */
+std::pair<uint32_t, uint32_t> scaled_span(uint32_t start, uint32_t length, uint32_t from,
+                                          uint32_t to)
+{
+    // A scaled pixel is made of pixels at most one beside its place, which is rounded.
+    constexpr int64_t reach = 2;
+    const int64_t begin = (int64_t{start} - reach) * to / from - reach;
+    const int64_t end = (int64_t{start} + length + reach) * to / from + reach + 1;
+    const auto first = static_cast<uint32_t>(std::clamp<int64_t>(begin, 0, to));
+    return {first, static_cast<uint32_t>(std::clamp<int64_t>(end, 0, to)) - first};
+}
+
 constexpr uint8_t black_luma = 16;
 constexpr uint8_t no_colour = 128;
 
@@ -110,15 +122,31 @@ BgraImage BgraScaler::scaled(const BgraImage& image, PictureSize size)
     return {pixels_.data(), stride, size, image.serial};
 }
 
-void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
-                PictureLayout layout)
+PartList scaled_parts(const PartList& parts, PictureSize size)
 {
-    uint8_t* luma = picture + size_t{layout.stride} * placement.y + placement.x;
-    uint8_t* chroma =
-        picture + layout.luma_bytes() + size_t{layout.stride} * (placement.y / 2) + placement.x;
+    const PictureSize image = parts.image();
+    if (image == size)
+        return parts;
+    PartList scaled(size);
+    for (const PictureRectangle& part : parts.parts()) {
+        const auto [x, width] = scaled_span(part.x, part.size.width, image.width, size.width);
+        const auto [y, height] = scaled_span(part.y, part.size.height, image.height, size.height);
+        scaled.add({x, y, {width, height}});
+    }
+    return scaled;
+}
+
+void write_nv12(const BgraImage& image, const PictureRectangle& part, const Placement& placement,
+                uint8_t* picture, PictureLayout layout)
+{
+    const uint32_t x = placement.x + part.x;
+    const uint32_t y = placement.y + part.y;
+    uint8_t* luma = picture + size_t{layout.stride} * y + x;
+    uint8_t* chroma = picture + layout.luma_bytes() + size_t{layout.stride} * (y / 2) + x;
+    const uint8_t* from = image.pixels + size_t{image.stride} * part.y + size_t{4} * part.x;
     const int stride = static_cast<int>(layout.stride);
-    libyuv::ARGBToNV12(image.pixels, static_cast<int>(image.stride), luma, stride, chroma, stride,
-                       static_cast<int>(image.size.width), static_cast<int>(image.size.height));
+    libyuv::ARGBToNV12(from, static_cast<int>(image.stride), luma, stride, chroma, stride,
+                       static_cast<int>(part.size.width), static_cast<int>(part.size.height));
 }
 
 void blacken_border(const Placement& placement, uint8_t* picture, PictureLayout layout)

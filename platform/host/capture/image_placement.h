@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/picture_layout.h"
+#include "capture/part_list.h"
 #include "capture/picture_source.h"
 
 #include <cstdint>
@@ -54,11 +55,18 @@ private:
 };
 
 /**
- * Converts an image, which has its placement's size, to its place in the NV12 picture at `picture`;
- * BT.601 limited.
+ * The parts of an image that differ once it is scaled to `size`: a scaled pixel depends on its
+ * neighbours.
  */
-void write_nv12(const BgraImage& image, const Placement& placement, uint8_t* picture,
-                PictureLayout layout);
+PartList scaled_parts(const PartList& parts, PictureSize size);
+
+/**
+ * Converts a part of an image, which has its placement's size, to its place in the NV12 picture at
+ * `picture`; BT.601 limited. The part's corners are even or at the image's edge: then the picture
+ * is the same as if all of the image had been converted.
+ */
+void write_nv12(const BgraImage& image, const PictureRectangle& part, const Placement& placement,
+                uint8_t* picture, PictureLayout layout);
 
 /** Blackens the part of the picture that the placement leaves free. */
 void blacken_border(const Placement& placement, uint8_t* picture, PictureLayout layout);

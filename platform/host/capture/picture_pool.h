@@ -2,6 +2,7 @@
 
 #include "base/picture_layout.h"
 #include "capture/image_placement.h"
+#include "capture/part_list.h"
 
 #include <cstdint>
 #include <memory>
@@ -25,6 +26,12 @@ public:
         std::optional<Placement> bordered_for;
         /** of the image that it holds, 0 = none */
         uint64_t serial = 0;
+        /** a renderer has drawn over the image */
+        bool drawn_on = false;
+        /** of the picture that was written before this one, of which it tells the changed parts */
+        uint64_t since = 0;
+        /** in pixels of the picture */
+        PartList changed{};
     };
 
     /** Nine slots in its own memory; null without memory. Indices count up from `first_index`. */
@@ -40,9 +47,7 @@ public:
     PicturePool& operator=(const PicturePool&) = delete;
 
     PictureLayout layout() const { return layout_; }
-    /**
-     * Whether others write into the pictures too: a renderer, if they lie in the inject buffer.
-     */
+    /** Whether the pictures lie in the encoder's inject buffer. */
     bool is_shared() const { return !owned_; }
     uint32_t count() const { return static_cast<uint32_t>(out_.size()); }
 

@@ -2,9 +2,12 @@
 
 #include "base/host_log.h"
 
+#include <algorithm>
 #include <common/x11_screen.h>
+#include <cstring>
 #include <fcntl.h>
 #include <libyuv/convert_argb.h>
+#include <libyuv/planar_functions.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -27,6 +30,11 @@ int make_memory(size_t bytes)
     return -1;
 }
 
+uint32_t divided_up(uint32_t number, uint32_t divisor)
+{
+    return (number + divisor - 1) / divisor;
+}
+
 } // namespace
 
 X11Image::X11Image(X11Connection& connection, PictureSize size)
@@ -44,7 +52,10 @@ std::unique_ptr<X11Image> X11Image::shared(X11Connection& connection, PictureSiz
 
 std::unique_ptr<X11Image> X11Image::plain(X11Connection& connection, PictureSize size)
 {
-    return std::unique_ptr<X11Image>(new X11Image(connection, size));
+    std::unique_ptr<X11Image> image(new X11Image(connection, size));
+    image->plain_.resize(image->bytes());
+    image->pixels_ = image->plain_.data();
+    return image;
 }
 
 X11Image::~X11Image()
@@ -52,7 +63,13 @@ X11Image::~X11Image()
     if (!segment_)
         return;
     xcb_shm_detach(connection_.xcb(), segment_);
-    munmap(pixels_, bytes());
+    munmap(pixels_, bytes() + room_behind());
+}
+
+size_t X11Image::room_behind() const
+{
+    // Only what is used becomes memory.
+    return size_t{stride()} * (divided_up(size_.height, 4) + divided_up(size_.height, checks));
 }
 
 bool X11Image::share()
@@ -64,10 +81,11 @@ bool X11Image::share()
     if (!version.reply || (version.reply->major_version == 1 && version.reply->minor_version < 2))
         // 1.2 is the first that accepts a descriptor
         return false;
-    const int fd = make_memory(bytes());
+    const size_t size = bytes() + room_behind();
+    const int fd = make_memory(size);
     if (fd < 0)
         return false;
-    void* memory = mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) {
         close(fd);
         return false;
@@ -75,7 +93,7 @@ bool X11Image::share()
     const xcb_shm_seg_t segment = xcb_generate_id(connection_.xcb());
     // xcb closes the descriptor once it is sent.
     if (!connection_.succeeded(xcb_shm_attach_fd_checked(connection_.xcb(), segment, fd, 0))) {
-        munmap(memory, bytes());
+        munmap(memory, size);
         return false;
     }
     segment_ = segment;
@@ -83,52 +101,126 @@ bool X11Image::share()
     return true;
 }
 
-void X11Image::request()
+bool X11Image::is_whole_lines(const PictureRectangle& part) const
 {
-    const xcb_window_t root = connection_.screen().root;
-    const auto width = static_cast<uint16_t>(size_.width);
-    const auto height = static_cast<uint16_t>(size_.height);
-    if (segment_)
-        sequence_ = xcb_shm_get_image(connection_.xcb(), root, 0, 0, width, height, all_planes,
-                                      XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0)
-                        .sequence;
-    else
-        sequence_ = xcb_get_image(connection_.xcb(), XCB_IMAGE_FORMAT_Z_PIXMAP, root, 0, 0, width,
-                                  height, all_planes)
-                        .sequence;
+    return part.size.width == size_.width;
 }
 
-bool X11Image::collect()
+void X11Image::request(const X11Place& place, PartList& parts)
 {
+    const uint64_t room = uint64_t{size_.width} * divided_up(size_.height, 4);
+    uint64_t narrow = 0;
+    for (const PictureRectangle& part : parts.parts())
+        narrow += is_whole_lines(part) ? 0 : uint64_t{part.size.width} * part.size.height;
+    if (narrow > room) {
+        const PictureRectangle bounds = parts.bounds();
+        parts.clear();
+        parts.add({0, bounds.y, {size_.width, bounds.size.height}});
+    }
+    // Lines first: a narrow part that overlaps them is stored over them.
+    for (const bool lines : {true, false})
+        for (const PictureRectangle& part : parts.parts())
+            if (is_whole_lines(part) == lines)
+                ask(place, part, false);
+}
+
+void X11Image::request_check(const X11Place& place)
+{
+    const uint32_t lines = divided_up(size_.height, checks);
+    if (next_check_ >= size_.height)
+        next_check_ = 0;
+    const PictureRectangle part{
+        0, next_check_, {size_.width, std::min(lines, size_.height - next_check_)}};
+    next_check_ += lines;
+    ask(place, part, true);
+}
+
+void X11Image::ask(const X11Place& place, const PictureRectangle& part, bool check)
+{
+    const auto x = static_cast<int16_t>(place.x + static_cast<int32_t>(part.x));
+    const auto y = static_cast<int16_t>(place.y + static_cast<int32_t>(part.y));
+    const auto width = static_cast<uint16_t>(part.size.width);
+    const auto height = static_cast<uint16_t>(part.size.height);
+    Asked& asked = asked_[asked_count_++];
+    asked = {part, 0, size_t{stride()} * part.y, check};
+    if (check || !is_whole_lines(part)) {
+        asked.offset = bytes() + room_used_;
+        room_used_ += size_t{4} * width * height;
+    }
+    xcb_connection_t* const xcb = connection_.xcb();
+    asked.sequence = segment_ ? xcb_shm_get_image(xcb, place.drawable, x, y, width, height,
+                                                  all_planes, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_,
+                                                  static_cast<uint32_t>(asked.offset))
+                                    .sequence
+                              : xcb_get_image(xcb, XCB_IMAGE_FORMAT_Z_PIXMAP, place.drawable, x, y,
+                                              width, height, all_planes)
+                                    .sequence;
+}
+
+bool X11Image::collect(PartList& changed)
+{
+    bool complete = true;
+    for (size_t i = 0; i < asked_count_; ++i)
+        // each is waited for: what a server still writes must not be asked for again
+        complete = store(asked_[i], changed) && complete;
+    asked_count_ = 0;
+    room_used_ = 0;
+    return complete;
+}
+
+bool X11Image::store(const Asked& asked, PartList& changed)
+{
+    XcbOwned<xcb_get_image_reply_t> reply;
+    uint8_t* from = pixels_ + asked.offset;
     if (segment_) {
-        if (!connection_.wait<xcb_shm_get_image_reply_t>(sequence_).reply)
+        if (!connection_.wait<xcb_shm_get_image_reply_t>(asked.sequence).reply)
             return false;
     } else {
-        auto answer = connection_.wait<xcb_get_image_reply_t>(sequence_);
-        if (!answer.reply || !common::holds_behind(*answer.reply, bytes()))
+        reply = connection_.wait<xcb_get_image_reply_t>(asked.sequence).reply;
+        const uint64_t needed = uint64_t{4} * asked.part.size.width * asked.part.size.height;
+        if (!reply || !common::holds_behind(*reply, needed))
             return false;
-        keep_plain(std::move(answer.reply));
+        from = xcb_get_image_data(reply.get());
     }
-    bring_to_eight_bits();
+    if (asked.check)
+        compare(asked.part, from, changed);
+    else
+        store_pixels(asked.part, from);
     return true;
 }
 
-void X11Image::keep_plain(XcbOwned<xcb_get_image_reply_t> reply)
+void X11Image::store_pixels(const PictureRectangle& part, const uint8_t* from)
 {
-    reply_ = std::move(reply);
-    pixels_ = xcb_get_image_data(reply_.get());
+    uint8_t* const to = kept(part.x, part.y);
+    const auto from_stride = static_cast<int>(part.size.width * 4);
+    const auto to_stride = static_cast<int>(stride());
+    const auto width = static_cast<int>(part.size.width);
+    const auto height = static_cast<int>(part.size.height);
+    // A pixel keeps its size, so what lies in its place already is converted there.
+    if (format_ == common::PixelFormat::xrgb10)
+        libyuv::AR30ToARGB(from, from_stride, to, to_stride, width, height);
+    else if (format_ == common::PixelFormat::xbgr10)
+        libyuv::AB30ToARGB(from, from_stride, to, to_stride, width, height);
+    else if (from != to)
+        libyuv::ARGBCopy(from, from_stride, to, to_stride, width, height);
 }
 
-void X11Image::bring_to_eight_bits()
+void X11Image::compare(const PictureRectangle& lines, uint8_t* from, PartList& changed)
 {
-    if (format_ == common::PixelFormat::bgrx8)
-        return;
-    // In place: a pixel keeps its size.
-    const auto convert =
-        format_ == common::PixelFormat::xrgb10 ? libyuv::AR30ToARGB : libyuv::AB30ToARGB;
-    const auto line = static_cast<int>(stride());
-    convert(pixels_, line, pixels_, line, static_cast<int>(size_.width),
-            static_cast<int>(size_.height));
+    const auto line_bytes = static_cast<int>(stride());
+    const auto width = static_cast<int>(size_.width);
+    const auto height = static_cast<int>(lines.size.height);
+    if (format_ == common::PixelFormat::xrgb10)
+        libyuv::AR30ToARGB(from, line_bytes, from, line_bytes, width, height);
+    else if (format_ == common::PixelFormat::xbgr10)
+        libyuv::AB30ToARGB(from, line_bytes, from, line_bytes, width, height);
+    for (uint32_t line = 0; line < lines.size.height; ++line) {
+        uint8_t* const to = kept(0, lines.y + line);
+        if (std::memcmp(to, from + size_t{stride()} * line, stride()) == 0)
+            continue;
+        std::memcpy(to, from + size_t{stride()} * line, stride());
+        changed.add({0, lines.y + line, {size_.width, 1}});
+    }
 }
 
 bool has_known_pixels(const X11Connection& connection)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <common/x11_screen.h>
+#include <cstring>
 #include <libyuv/planar_functions.h>
 
 namespace zu3host {
@@ -82,28 +83,54 @@ void X11Pointer::take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image)
     ++changes_;
 }
 
-void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size) const
+void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size, int32_t left, int32_t top)
 {
+    drawn_.reset();
     if (!on_screen_ || !image_)
         return;
     const int32_t width = image_->width;
     const int32_t height = image_->height;
-    const int32_t x = x_ - image_->xhot;
-    const int32_t y = y_ - image_->yhot;
-    const int32_t left = std::max(x, 0);
-    const int32_t top = std::max(y, 0);
-    const int32_t right = std::min(x + width, static_cast<int32_t>(size.width));
-    const int32_t bottom = std::min(y + height, static_cast<int32_t>(size.height));
-    if (left >= right || top >= bottom)
+    const int32_t x = x_ - image_->xhot - left;
+    const int32_t y = y_ - image_->yhot - top;
+    const int32_t begin_x = std::max(x, 0);
+    const int32_t begin_y = std::max(y, 0);
+    const int32_t end_x = std::min(x + width, static_cast<int32_t>(size.width));
+    const int32_t end_y = std::min(y + height, static_cast<int32_t>(size.height));
+    if (begin_x >= end_x || begin_y >= end_y)
         return;
+    drawn_ = PictureRectangle{
+        static_cast<uint32_t>(begin_x),
+        static_cast<uint32_t>(begin_y),
+        {static_cast<uint32_t>(end_x - begin_x), static_cast<uint32_t>(end_y - begin_y)}};
+    copy_kept(pixels, stride, false);
     const uint32_t* cursor = xcb_xfixes_get_cursor_image_cursor_image(image_.get());
     const auto* shown =
-        reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{top - y} * width + (left - x));
-    uint8_t* under = pixels + size_t{stride} * static_cast<uint32_t>(top) +
-                     size_t{4} * static_cast<uint32_t>(left);
+        reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{begin_y - y} * width + (begin_x - x));
+    uint8_t* under = pixels + size_t{stride} * drawn_->y + size_t{4} * drawn_->x;
     // Both expect colors multiplied by their alpha.
     libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under,
-                      static_cast<int>(stride), right - left, bottom - top);
+                      static_cast<int>(stride), end_x - begin_x, end_y - begin_y);
+}
+
+void X11Pointer::erase(uint8_t* pixels, uint32_t stride)
+{
+    if (drawn_)
+        copy_kept(pixels, stride, true);
+    drawn_.reset();
+}
+
+void X11Pointer::copy_kept(uint8_t* pixels, uint32_t stride, bool back)
+{
+    const size_t line_bytes = size_t{4} * drawn_->size.width;
+    // grows to the greatest pointer
+    if (kept_.size() < line_bytes * drawn_->size.height)
+        kept_.resize(line_bytes * drawn_->size.height);
+    for (uint32_t line = 0; line < drawn_->size.height; ++line) {
+        uint8_t* const in_image =
+            pixels + size_t{stride} * (drawn_->y + line) + size_t{4} * drawn_->x;
+        uint8_t* const in_kept = kept_.data() + line_bytes * line;
+        std::memcpy(back ? in_image : in_kept, back ? in_kept : in_image, line_bytes);
+    }
 }
 
 } // namespace zu3host

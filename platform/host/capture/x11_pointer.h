@@ -1,9 +1,12 @@
 #pragma once
 
 #include "base/picture_layout.h"
+#include "capture/picture_source.h"
 #include "capture/x11_connection.h"
 
 #include <cstdint>
+#include <optional>
+#include <vector>
 #include <xcb/xfixes.h>
 
 namespace zu3host {
@@ -24,14 +27,24 @@ public:
     void request();
     /** Waits for the answers. */
     void collect();
-    /** Draws it where it was at the last collect(). */
-    void draw(uint8_t* pixels, uint32_t stride, PictureSize size) const;
+    /**
+     * Draws it where it was at the last collect(), into an image whose top left corner is (left,
+     * top) of the screen, and keeps the pixels that were there.
+     */
+    void draw(uint8_t* pixels, uint32_t stride, PictureSize size, int32_t left, int32_t top);
+    /** Puts the kept pixels back into the image that it was drawn into. */
+    void erase(uint8_t* pixels, uint32_t stride);
+    /** The image that it was drawn into is gone. */
+    void forget_drawing() { drawn_.reset(); }
+    /** Where it is drawn in an image; nullopt if it is not. */
+    const std::optional<PictureRectangle>& drawn() const { return drawn_; }
 
     /** Counts up whenever collect() found the pointer elsewhere or looking otherwise. */
     uint64_t changes() const { return changes_; }
 
 private:
     void take_image(XcbOwned<xcb_xfixes_get_cursor_image_reply_t> image);
+    void copy_kept(uint8_t* pixels, uint32_t stride, bool back);
 
     X11Connection& connection_;
     bool available_ = false;
@@ -46,6 +59,9 @@ private:
     int32_t x_ = 0;
     int32_t y_ = 0;
     uint64_t changes_ = 0;
+    std::optional<PictureRectangle> drawn_;
+    // the pixels that were there
+    std::vector<uint8_t> kept_;
 };
 
 } // namespace zu3host

@@ -3,40 +3,14 @@
 #include "base/host_log.h"
 #include "statistics/counters.h"
 
+#include <algorithm>
+
 namespace zu3host {
 
-X11Damage::X11Damage(X11Connection& connection) : connection_(connection)
-{
-    xcb_connection_t* xcb = connection.xcb();
-    if (!connection.has(&xcb_damage_id))
-        return;
-    const auto asked = xcb_damage_query_version(xcb, 1, 1);
-    if (!connection.wait<xcb_damage_query_version_reply_t>(asked.sequence).reply)
-        return;
-    first_event_ = xcb_get_extension_data(xcb, &xcb_damage_id)->first_event;
-    damage_ = xcb_generate_id(xcb);
-    // One event when the screen is no longer as it was, and none more before it is forgotten:
-    // whatever moves, that is one event a picture.
-    xcb_damage_create(xcb, damage_, connection.screen().root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
-}
-
-bool X11Damage::handle_event(const xcb_generic_event_t& event)
-{
-    if (!available() || (event.response_type & 0x7F) != first_event_ + XCB_DAMAGE_NOTIFY)
-        return false;
-    changed_ = true;
-    return true;
-}
-
-void X11Damage::reset()
-{
-    if (!available())
-        return;
-    changed_ = false;
-    xcb_damage_subtract(connection_.xcb(), damage_, XCB_NONE, XCB_NONE);
-}
-
 namespace {
+
+// so that all lines are checked once a second
+constexpr auto time_between_checks = std::chrono::microseconds(1'000'000) / X11Image::checks;
 
 /**
  * X counts pixels of a line in 16 bits with a sign; a whole picture of more than 1 GiB is no
@@ -61,12 +35,14 @@ std::unique_ptr<X11Source> X11Source::open()
 }
 
 X11Source::X11Source(std::unique_ptr<X11Connection> connection)
-    : connection_(std::move(connection)), pointer_(*connection_), damage_(*connection_)
+    : connection_(std::move(connection)), pointer_(*connection_),
+      damage_(*connection_, pointer_.available())
 {
     // The root window is reconfigured when the screen is resized.
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
     xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK,
                                  &events);
+    damage_.watch(connection_->screen().root);
     connection_->on_event([this](const xcb_generic_event_t& event) { handle_event(event); });
 }
 
@@ -89,15 +65,13 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     // the screen may be resized between the question for its size and the fetch
     constexpr int attempts = 3;
     connection_->take_events();
-    pointer_known_ = false;
-    if (still_shows(request))
-        return image();
     for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
         if ((size_stale_ || !image_) && !make_image())
             continue;
-        if (fetch(request))
+        if (bring_up_to_date(request.pointer))
             return image();
         size_stale_ = true;
+        pixels_stale_ = true;
     }
     if (!connection_->lost())
         note_refusal();
@@ -106,10 +80,18 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     return std::nullopt;
 }
 
+BgraImage X11Source::image() const
+{
+    BgraImage image{image_->pixels(), image_->stride(), image_->size(), serial_};
+    image.changed = {serial_before_, changed_.parts()};
+    return image;
+}
+
 bool X11Source::make_image()
 {
     size_stale_ = false;
-    const auto asked = xcb_get_geometry(connection_->xcb(), connection_->screen().root);
+    const xcb_window_t root = connection_->screen().root;
+    const auto asked = xcb_get_geometry(connection_->xcb(), root);
     const auto geometry = connection_->wait<xcb_get_geometry_reply_t>(asked.sequence);
     const PictureSize size =
         geometry.reply ? PictureSize{geometry.reply->width, geometry.reply->height} : PictureSize{};
@@ -117,8 +99,14 @@ bool X11Source::make_image()
         size_stale_ = true;
         return false;
     }
-    if (image_ && image_->size() == size)
-        return true;
+    place_ = {root, 0, 0, size};
+    return (image_ && image_->size() == size) || allocate_image(size);
+}
+
+bool X11Source::allocate_image(PictureSize size)
+{
+    pixels_stale_ = true;
+    pointer_.forget_drawing();
     image_ = X11Image::shared(*connection_, size);
     if (image_ || connection_->lost())
         return image_ != nullptr;
@@ -131,43 +119,79 @@ bool X11Source::make_image()
     return true;
 }
 
-bool X11Source::still_shows(const GrabRequest& request)
+bool X11Source::bring_up_to_date(bool pointer)
 {
-    // Should a driver draw without telling, it is seen a second later.
-    constexpr auto longest = std::chrono::seconds(1);
-    const auto unchanged = [this] {
-        return !damage_.changed() && !size_stale_ && !connection_->lost();
-    };
-    if (!damage_.available() || !pointer_.available() || !request.pointer || !pointer_drawn_ ||
-        !unchanged() || std::chrono::steady_clock::now() - fetched_ > longest)
+    serial_before_ = serial_;
+    changed_ = PartList(image_->size());
+    find_changes(pointer);
+    const uint32_t checks = checks_due();
+    const bool same_pointer =
+        pointer == pointer_shown_ && (!pointer || pointer_.changes() == pointer_at_);
+    if (changed_.empty() && checks == 0 && same_pointer)
+        return true;
+    const std::optional<PictureRectangle> pointer_before = pointer_.drawn();
+    pointer_.erase(image_->pixels(), image_->stride());
+    if (!fetch(checks))
         return false;
-    // The answer about the pointer comes behind every event about what was drawn before it.
-    pointer_.request();
-    pointer_.collect();
-    pointer_known_ = true;
-    return unchanged() && pointer_.changes() == pointer_at_;
+    if (pointer)
+        pointer_.draw(image_->pixels(), image_->stride(), image_->size(), place_.x, place_.y);
+    if (!same_pointer)
+        for (const auto& drawn : {pointer_before, pointer_.drawn()})
+            changed_.add(drawn.value_or(PictureRectangle{}));
+    pointer_shown_ = pointer;
+    pointer_at_ = pointer_.changes();
+    if (!changed_.empty())
+        serial_ = next_image_serial();
+    return true;
 }
 
-bool X11Source::fetch(const GrabRequest& request)
+void X11Source::find_changes(bool pointer)
 {
-    const bool ask_pointer = request.pointer && !pointer_known_;
-    // All questions travel together: one round trip a picture.
-    damage_.reset();
-    image_->request();
-    if (ask_pointer)
+    const bool known = damage_.available() && !pixels_stale_;
+    const bool drawn = known && damage_.changed();
+    // All questions travel together if the events have told already that something was drawn. The
+    // answer about the pointer comes behind every event about what was drawn before it.
+    if (drawn)
+        damage_.request();
+    if (pointer)
         pointer_.request();
-    pointer_drawn_ = false;
-    const bool fetched = image_->collect();
-    if (ask_pointer)
+    if (drawn)
+        damage_.collect(place_, changed_);
+    if (pointer)
         pointer_.collect();
-    if (!fetched)
-        return false;
-    if (request.pointer)
-        pointer_.draw(image_->pixels(), image_->stride(), image_->size());
-    pointer_drawn_ = request.pointer;
-    pointer_at_ = pointer_.changes();
-    fetched_ = std::chrono::steady_clock::now();
-    serial_ = next_image_serial();
+    if (!known) {
+        changed_.add_all();
+        damage_.reset();
+        serial_before_ = 0;
+    } else if (!drawn && damage_.changed()) {
+        damage_.request();
+        damage_.collect(place_, changed_);
+    }
+}
+
+uint32_t X11Source::checks_due()
+{
+    const Time now = std::chrono::steady_clock::now();
+    if (changed_.is_all())
+        checked_until_ = now;
+    const auto due = (now - checked_until_) / time_between_checks;
+    checked_until_ += due * time_between_checks;
+    return static_cast<uint32_t>(std::min<int64_t>(due, X11Image::checks));
+}
+
+bool X11Source::fetch(uint32_t checks)
+{
+    pixels_stale_ = true;
+    if (!changed_.empty())
+        image_->request(place_, changed_);
+    // There is room for one check at a time.
+    do {
+        if (checks > 0)
+            image_->request_check(place_);
+        if (!image_->collect(changed_))
+            return false;
+    } while (checks-- > 1);
+    pixels_stale_ = false;
     return true;
 }
 

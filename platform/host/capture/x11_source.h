@@ -1,46 +1,23 @@
 #pragma once
 
+#include "capture/part_list.h"
 #include "capture/patient_source.h"
 #include "capture/x11_connection.h"
+#include "capture/x11_damage.h"
 #include "capture/x11_image.h"
 #include "capture/x11_pointer.h"
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <xcb/damage.h>
 
 namespace zu3host {
 
-/** Whether anything was drawn on an X11 screen since a moment. One thread at a time. */
-class X11Damage {
-public:
-    explicit X11Damage(X11Connection& connection);
-
-    /** Whether the server can tell. */
-    bool available() const { return damage_ != 0; }
-    /** Takes note of an event; false when it does not concern drawing. */
-    bool handle_event(const xcb_generic_event_t& event);
-    /**
-     * Sent ahead of a request for the picture: drawing from then on counts. No round trip.
-     */
-    void reset();
-    /**
-     * Whether something was drawn, as far as events have been taken; may be true if nothing was.
-     */
-    bool changed() const { return changed_; }
-
-private:
-    X11Connection& connection_;
-    xcb_damage_damage_t damage_ = 0;
-    uint8_t first_event_ = 0;
-    bool changed_ = true;
-};
-
 /**
  * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that
- * changes. When the server goes away it says so once in the log and in the statistics, and has no
- * pictures from then on.
+ * changes. Fetches what was drawn since the last grab, as DAMAGE tells; a driver may draw without
+ * telling, so all lines are compared once a second as well. When the server goes away it says so
+ * once in the log and in the statistics, and has no pictures from then on.
  */
 class X11Source : public WaitingSource {
 public:
@@ -53,34 +30,40 @@ public:
     void cut() override { connection_->cut(); }
 
 private:
+    using Time = std::chrono::steady_clock::time_point;
+
     explicit X11Source(std::unique_ptr<X11Connection> connection);
     void handle_event(const xcb_generic_event_t& event);
     bool make_image();
-    bool still_shows(const GrabRequest& request);
-    bool fetch(const GrabRequest& request);
-    BgraImage image() const
-    {
-        return {image_->pixels(), image_->stride(), image_->size(), serial_};
-    }
+    bool allocate_image(PictureSize size);
+    bool bring_up_to_date(bool pointer);
+    void find_changes(bool pointer);
+    uint32_t checks_due();
+    bool fetch(uint32_t checks);
+    BgraImage image() const;
     void note_loss();
     void note_refusal();
 
     std::unique_ptr<X11Connection> connection_;
     X11Pointer pointer_;
     X11Damage damage_;
+    X11Place place_{};
     std::unique_ptr<X11Image> image_;
     bool size_stale_ = true;
+    // all of them have to be fetched
+    bool pixels_stale_ = true;
     bool told_of_plain_ = false;
     bool told_of_refusal_ = false;
     bool told_of_loss_ = false;
     uint64_t serial_ = 0;
-    // asked for within this grab
-    bool pointer_known_ = false;
-    // into the image
-    bool pointer_drawn_ = false;
-    // its changes() then
+    uint64_t serial_before_ = 0;
+    // between the images of the two serials
+    PartList changed_;
+    // its changes() when it was drawn
     uint64_t pointer_at_ = 0;
-    std::chrono::steady_clock::time_point fetched_{};
+    // the last drawing was asked for with the pointer
+    bool pointer_shown_ = false;
+    Time checked_until_{};
 };
 
 } // namespace zu3host

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <utility>
 #include <vector>
+#include <zu3_host/drawn_picture.h>
 #include <zu3_host/exact_size.h>
 
 namespace zu3host {
@@ -168,4 +169,10 @@ HOST_EXPORT void zu3_host_exact_size(uint32_t width, uint32_t height)
         const std::lock_guard lock(sizes().mutex);
         sizes().asked_for = {width, height};
     }
+}
+
+HOST_EXPORT void zu3_host_picture_drawn_on(void)
+{
+    if (const zu3host::PictureInFlight* picture = zu3host::captured_picture_in_callback())
+        picture->drawn_on = true;
 }

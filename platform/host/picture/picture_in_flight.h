@@ -24,10 +24,10 @@ struct PictureInFlight {
      * the frame rate. A picture that no capture delivered has the time stamp that came with it.
      */
     uint64_t time_us = 0;
-    /** Address; null unless the encoder may read the picture in the capture's own memory. */
+    /** Address: the encoder may read the picture there. Null for one that no capture delivered. */
     uint8_t* data = nullptr;
     PictureLayout layout{};
-    /** Keeps the memory at `data`. */
+    /** Keeps the memory at `data`, and the rectangles of `changed`. */
     std::shared_ptr<const void> memory{};
     /** Pictures with the same number are identical; 0 = not known. */
     uint64_t serial = 0;
@@ -36,6 +36,8 @@ struct PictureInFlight {
      * earlier one. The rectangles live as long as the picture at `data` is out or leased.
      */
     ChangedParts changed{};
+    /** A renderer has drawn over it in the callback; set by zu3_host_picture_drawn_on(). */
+    mutable bool drawn_on = false;
 };
 
 /** While it lives, this thread is in a callback with `picture`, which it refers to. Do not nest. */

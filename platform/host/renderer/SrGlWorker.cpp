@@ -9,6 +9,7 @@
 #include <srglworker/SrGlWorker.h>
 #include <sys/stat.h>
 #include <utils/StrongPointer.h>
+#include <zu3_host/drawn_picture.h>
 
 namespace zu3host {
 
@@ -191,6 +192,7 @@ HOST_EXPORT int SrGlWorker::render(sp<VideoBuffer> buffer)
         if (const auto watermark = static_cast<Worker*>(this)->watermark()) {
             const auto& picture = static_cast<const zu3host::Nv12Buffer&>(*buffer);
             watermark->draw(picture.luma, picture.chroma);
+            zu3_host_picture_drawn_on();
         }
         return 0;
     });

@@ -1,0 +1,46 @@
+#include "capture/picture_writer.h"
+
+namespace zu3host {
+
+void PictureWriter::write(BgraImage image, PicturePool& pool, uint32_t index, PictureSize visible)
+{
+    image.size = without_odd_edge(image.size, visible);
+    const PictureLayout layout = pool.layout();
+    PicturePool::Contents& contents = pool.contents(index);
+    uint8_t* const picture = pool.picture(index);
+    const Placement placement = place_display(image.size, {layout.stride, layout.lines}, visible);
+    const bool kept = contents.bordered_for == placement && !contents.drawn_on;
+    PartList missed(image.size);
+    history_.add_since(kept ? contents.serial : 0, missed);
+    // none, should an exception cut this short
+    contents.serial = 0;
+    if (!kept)
+        blacken_border(placement, picture, layout);
+    const PartList parts = scaled_parts(missed, placement.image);
+    // All of it is scaled: how much of it a pixel depends on is known with a margin only.
+    const BgraImage placed = parts.empty() ? image : scaler_.scaled(image, placement.image);
+    for (const PictureRectangle& part : parts.parts())
+        write_nv12(placed, part, placement, picture, layout);
+    contents.bordered_for = placement;
+    contents.serial = image.serial;
+    contents.drawn_on = false;
+    note_changes(contents, image.size, layout);
+}
+
+void PictureWriter::note_changes(PicturePool::Contents& contents, PictureSize image,
+                                 PictureLayout layout)
+{
+    const Placement& placement = *contents.bordered_for;
+    if (placement != placed_)
+        written_ = 0;
+    placed_ = placement;
+    PartList changed(image);
+    history_.add_since(written_, changed);
+    contents.since = written_;
+    contents.changed = PartList({layout.stride, layout.lines});
+    for (const PictureRectangle& part : scaled_parts(changed, placement.image).parts())
+        contents.changed.add({placement.x + part.x, placement.y + part.y, part.size});
+    written_ = contents.serial;
+}
+
+} // namespace zu3host

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "capture/part_list.h"
+#include "capture/x11_connection.h"
+#include "capture/x11_image.h"
+
+#include <cstdint>
+#include <xcb/damage.h>
+
+namespace zu3host {
+
+/** What is drawn on an X11 window, and in which parts of it. One thread at a time. */
+class X11Damage {
+public:
+    /** @param regions whether the server may be asked for XFIXES's regions */
+    X11Damage(X11Connection& connection, bool regions);
+    ~X11Damage();
+    X11Damage(const X11Damage&) = delete;
+    X11Damage& operator=(const X11Damage&) = delete;
+
+    /** Whether the server can tell. */
+    bool available() const { return region_ != 0; }
+    /** Watches this window, and no longer the one before. */
+    void watch(xcb_window_t window);
+    /** Takes note of an event; false when it does not concern drawing. */
+    bool handle_event(const xcb_generic_event_t& event);
+    /**
+     * Whether something was drawn since the last reset() or request(), as far as events have been
+     * taken; may be true if nothing was.
+     */
+    bool changed() const { return changed_; }
+    /**
+     * Sent ahead of a request for all pixels: what is drawn from then on counts. No round trip.
+     */
+    void reset();
+    /** The same, and asks for the parts that were drawn until then; to be followed by collect(). */
+    void request();
+    /** Adds the parts that lie in `place`, from its corner on; all of it if the server fails. */
+    void collect(const X11Place& place, PartList& parts);
+
+private:
+    X11Connection& connection_;
+    uint8_t first_event_ = 0;
+    xcb_damage_damage_t damage_ = 0;
+    // the server's copy of the parts
+    xcb_xfixes_region_t region_ = 0;
+    unsigned sequence_ = 0;
+    bool changed_ = true;
+};
+
+} // namespace zu3host
