@@ -70,7 +70,7 @@ Encoder::~Encoder()
 
 Encoder::Picture Encoder::Queue::pop()
 {
-    const Picture picture = pictures_[first_];
+    Picture picture = std::exchange(pictures_[first_], {});
     first_ = (first_ + 1) % capacity;
     --used_;
     return picture;
@@ -185,10 +185,13 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
         .contents = {},
     };
     // From here on the picture must not be overwritten, not even while there is no room.
-    if (picture.injected)
+    if (picture.injected) {
         lease_picture(picture.data);
-    else
+        if (captured && captured->data == picture.data && !captured->drawn_on)
+            picture.contents = {captured->serial, captured->changed, captured->memory};
+    } else {
         picture.contents = lent_.complete();
+    }
     wait_for_room(lock, [this] { return !queue_.full(); });
     if (!accepting() || queue_.full()) {
         give_back(picture);
@@ -294,7 +297,7 @@ std::optional<Encoder::Work> Encoder::next_work()
 
 ChangedRectangles Encoder::changed_in(const Picture& picture) const
 {
-    const auto& [serial, changed] = picture.contents;
+    const auto& [serial, changed, memory] = picture.contents;
     if (encoded_serial_ == 0)
         return std::nullopt;
     if (serial == encoded_serial_)

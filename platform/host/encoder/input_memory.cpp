@@ -54,7 +54,7 @@ uint8_t* LentBuffers::lend(const PictureInFlight* captured)
     if (usable) {
         lease_picture(captured->data);
         lent_->borrowed = captured->memory;
-        lent_->contents = {captured->serial, captured->changed};
+        lent_->contents = {captured->serial, captured->changed, {}};
     }
     lent_->data = usable ? captured->data : own_memory(*lent_);
     uint8_t* const data = lent_->data;

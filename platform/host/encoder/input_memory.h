@@ -43,6 +43,8 @@ public:
     struct Contents {
         uint64_t serial = 0;
         ChangedParts changed{};
+        /** keeps the changed parts of an injected picture */
+        std::shared_ptr<const void> memory{};
     };
     /** The lent buffer is filled: it is in use until release(). */
     Contents complete();
