@@ -13,9 +13,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "records the screen with its sound, from the shell or from C")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "A program and a library that record an X11 screen as H.264 with the sound
-of the desktop into a file that any player opens, and hand out encoded
-frames, screenshots and raw sound.")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "A program and a library that record an X11 or Wayland screen as H.264
+with the sound of the desktop into a file that any player opens, and hand
+out encoded frames, screenshots and raw sound.")
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
 # Debian wants manual page and changelog compressed, the latter in Debian's form, and a statement about rights.

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "capture/picture_source.h"
+#include "capture/wayland/copy_buffer.h"
+#include "capture/wayland/wayland_session.h"
+
+#include <array>
+#include <memory>
+#include <span>
+
+namespace zu3host {
+
+/**
+ * One copy of an output: the compositor first tells the layout it needs, then it is asked to copy.
+ * It answers once the output differs from the last copy, or that it failed. Events happen within
+ * the connection's waits.
+ */
+class FrameCopy {
+public:
+    enum class State : uint8_t {
+        /** waits for the layout */
+        announced,
+        /** the layout is known */
+        offered,
+        /** waits for the copy */
+        asked,
+        complete,
+        failed,
+    };
+
+    /** Throws std::bad_alloc. */
+    FrameCopy(const WaylandSession& session, wl_output* output, bool pointer);
+    ~FrameCopy();
+    FrameCopy(const FrameCopy&) = delete;
+    FrameCopy& operator=(const FrameCopy&) = delete;
+
+    State state() const { return state_; }
+    /** From `offered` on; the compositor's word, so look whether it is possible. */
+    const CopyLayout& layout() const { return layout_; }
+    bool shows_pointer() const { return pointer_; }
+    /** In state `offered`, with a buffer of the layout, which lives as long as this. */
+    void ask(const CopyBuffer& buffer);
+    /** Once complete: whether the first line is the lowest one. */
+    bool is_upside_down() const { return upside_down_; }
+    /**
+     * Once complete: the pixels that differ from the last copy, within the buffer; empty if all may
+     * differ.
+     */
+    std::span<const PictureRectangle> damage() const
+    {
+        return {damage_.data(), damage_is_known_ ? damage_count_ : 0};
+    }
+
+private:
+    static FrameCopy& self(void* data) { return *static_cast<FrameCopy*>(data); }
+    static const ScreencopyFrameListener listener;
+    void offer(const CopyLayout& layout, bool last);
+    /** What comes behind a complete copy changes nothing. */
+    void end(State end);
+    void add_damage(PictureRectangle part);
+
+    const bool pointer_;
+    const bool done_follows_;
+    ScreencopyFrame* const proxy_;
+    State state_ = State::announced;
+    CopyLayout layout_{};
+    bool upside_down_ = false;
+    std::array<PictureRectangle, 32> damage_{};
+    size_t damage_count_ = 0;
+    bool damage_is_known_ = true;
+};
+
+} // namespace zu3host

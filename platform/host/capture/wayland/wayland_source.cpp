@@ -1,0 +1,255 @@
+#include "capture/wayland/wayland_source.h"
+
+#include <algorithm>
+#include <android/log.h>
+#include <cstdio>
+#include <utility>
+
+namespace zu3host {
+
+namespace {
+
+using State = FrameCopy::State;
+
+std::string hexadecimal(uint32_t value)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", value);
+    return text;
+}
+
+std::chrono::nanoseconds refresh_interval(int32_t refresh_mhz)
+{
+    constexpr int64_t usual_mhz = 60'000;
+    constexpr int64_t nanoseconds_times_1000 = 1'000'000'000'000;
+    return std::chrono::nanoseconds(nanoseconds_times_1000 /
+                                    (refresh_mhz > 0 ? refresh_mhz : usual_mhz));
+}
+
+} // namespace
+
+WaylandSource::WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session)
+    : host_(host), session_(std::move(session)), output_id_(session_->outputs().front()->id),
+      output_name_(session_->outputs().front()->name),
+      refresh_(refresh_interval(session_->outputs().front()->refresh_mhz))
+{
+}
+
+ScreenOpening WaylandSource::open(const ScreenHost& host)
+{
+    WaylandProblem problem;
+    auto session = WaylandSession::open(Clock::time_point::max(), problem);
+    if (session && !session->screencopy())
+        problem = {ScreenFailure::not_offered,
+                   "the Wayland compositor does not copy its outputs for programs "
+                   "(zwlr_screencopy_manager_v1, version 2)"};
+    else if (session && !session->shm())
+        problem = {ScreenFailure::not_offered, "the Wayland compositor has no shared memory"};
+    else if (session && session->outputs().empty())
+        problem = {ScreenFailure::failed, "the Wayland session has no output"};
+    if (problem.failure != ScreenFailure::none)
+        return {.failure = problem.failure, .reason = std::move(problem.reason)};
+
+    const size_t outputs = session->outputs().size();
+    std::unique_ptr<WaylandSource> source(new WaylandSource(host, std::move(session)));
+    if (!source->is_first_layout_known(problem))
+        return {.failure = problem.failure, .reason = std::move(problem.reason)};
+    if (outputs > 1)
+        host.log(ANDROID_LOG_WARN,
+                 ("The Wayland session has " + std::to_string(outputs) +
+                  " outputs, of which the first is captured: " + source->output_name_ + ".")
+                     .c_str());
+    ScreenOpening opening{.name = "the Wayland output " + source->output_name_};
+    if (const WaylandOutput* const output = source->output())
+        opening.refresh_mhz = static_cast<uint32_t>(output->refresh_mhz);
+    opening.source = std::move(source);
+    return opening;
+}
+
+bool WaylandSource::is_first_layout_known(WaylandProblem& problem)
+{
+    constexpr bool with_pointer = true;
+    if (prepare_frame(with_pointer))
+        return true;
+    problem = layout_problem();
+    return false;
+}
+
+WaylandProblem WaylandSource::layout_problem() const
+{
+    const CopyLayout layout = frame_ ? frame_->layout() : CopyLayout{};
+    if (gone())
+        return {ScreenFailure::failed, "the Wayland compositor ended the connection"};
+    if (frame_ && frame_->state() == State::failed)
+        return {ScreenFailure::failed,
+                "the Wayland compositor refuses to copy the output " + output_name_};
+    if (!layout.is_possible())
+        return {ScreenFailure::failed,
+                "the Wayland compositor offers a copy that cannot be: " +
+                    std::to_string(layout.size.width) + "x" + std::to_string(layout.size.height) +
+                    " pixels in lines of " + std::to_string(layout.stride) + " bytes"};
+    if (!is_known_format(layout.format))
+        return {ScreenFailure::failed,
+                "the pixels of the output " + output_name_ + " have the unknown format " +
+                    hexadecimal(layout.format) +
+                    "; XRGB8888, ARGB8888, XBGR8888 and ABGR8888 can be captured, so set the "
+                    "output to 8 bits per color"};
+    return {ScreenFailure::failed, "there is no memory for a copy of the output " + output_name_};
+}
+
+std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
+{
+    // an output may change its size between a layout and its copy
+    constexpr int attempts = 3;
+    const auto now = Clock::now();
+    const auto interval = now - std::exchange(grabbed_, now);
+    session_->connection().take_events();
+    if (image_has_pointer_ != request.pointer)
+        image_ = {};
+    if (frame_ && frame_->shows_pointer() != request.pointer)
+        frame_.reset();
+    for (int attempt = 0; attempt < attempts && !gone(); ++attempt)
+        if (const auto image = try_grab(request.pointer, interval)) {
+            returned_ = image->serial;
+            return image;
+        }
+    if (gone())
+        note_loss();
+    else
+        note_refusal();
+    return std::nullopt;
+}
+
+std::optional<BgraImage> WaylandSource::try_grab(bool pointer, Clock::duration interval)
+{
+    const bool updated = update(pointer, interval);
+    if (updated && frame_)
+        wait_for_life();
+    if (!updated || gone() || !image_.serial) {
+        frame_.reset();
+        return std::nullopt;
+    }
+    if (!frame_ && is_fast(interval) && !ask_for_copy(pointer))
+        return std::nullopt;
+    // The layout for the next copy arrives until the next grab.
+    if (!frame_)
+        start_frame(pointer);
+    session_->connection().flush();
+    return image_;
+}
+
+bool WaylandSource::update(bool pointer, Clock::duration interval)
+{
+    if (is_in(State::asked) && image_.serial)
+        return true;
+    const bool waited = is_in(State::complete);
+    if (waited)
+        take_copy();
+    // It shows the first change since the last grab. There may be more, unless the next grab comes
+    // as soon as the output's next frame.
+    if (waited && is_fast(interval))
+        return true;
+    if (!ask_for_copy(pointer))
+        return false;
+    // The compositor copies with its next frame. No change in this time is a still output.
+    constexpr Clock::duration longest = std::chrono::milliseconds(100);
+    const auto deadline = image_.serial ? Clock::now() + std::min(longest, interval * 6 / 10)
+                                        : Clock::time_point::max();
+    session_->connection().wait_until(deadline, [this] { return gone() || !is_in(State::asked); });
+    if (is_in(State::complete))
+        take_copy();
+    return !is_in(State::failed);
+}
+
+void WaylandSource::start_frame(bool pointer)
+{
+    frame_ = std::make_unique<FrameCopy>(*session_, output()->proxy, pointer);
+}
+
+bool WaylandSource::prepare_frame(bool pointer)
+{
+    if (gone())
+        return false;
+    if (!frame_ || is_in(State::failed))
+        start_frame(pointer);
+    session_->connection().wait([this] { return gone() || !is_in(State::announced); });
+    const CopyLayout& layout = frame_->layout();
+    if (gone() || is_in(State::failed) || !layout.is_possible() || !is_known_format(layout.format))
+        return false;
+    if (!next_ || next_->layout() != layout)
+        next_ = CopyBuffer::make(session_->shm(), layout);
+    return next_ != nullptr;
+}
+
+bool WaylandSource::ask_for_copy(bool pointer)
+{
+    if (is_in(State::asked))
+        return true;
+    if (!prepare_frame(pointer))
+        return false;
+    frame_->ask(*next_);
+    return true;
+}
+
+void WaylandSource::take_copy()
+{
+    const auto frame = std::move(frame_);
+    if (gone())
+        return;
+    std::swap(shown_, next_);
+    const Orientation orientation{static_cast<uint32_t>(output()->transform) & 7,
+                                  frame->is_upside_down()};
+    const PictureSize copied = shown_->layout().size;
+    const bool comparable = image_.serial && orientation == orientation_ && next_ &&
+                            next_->layout() == shown_->layout() && !frame->is_upside_down();
+    if (!comparable || image_.serial == returned_)
+        parts_.clear();
+    for (const PictureRectangle& part : frame->damage())
+        parts_.push_back(upright_part(part, copied, orientation));
+    const bool known = comparable && !frame->damage().empty() &&
+                       (image_.serial == returned_ || image_.changed.since == returned_);
+    image_ = upright_.of(*shown_, orientation);
+    image_.serial = host_.next_image_serial();
+    image_.changed = {known ? returned_ : 0, parts_};
+    image_has_pointer_ = frame->shows_pointer();
+    orientation_ = orientation;
+}
+
+void WaylandSource::wait_for_life()
+{
+    constexpr auto longest = std::chrono::milliseconds(500);
+    if (!is_in(State::asked))
+        return;
+    const auto now = Clock::now();
+    if (now - asked_for_answer_ < longest)
+        return;
+    if (session_->answer_is_missing()) {
+        session_->connection().wait(
+            [this] { return gone() || !session_->answer_is_missing() || !is_in(State::asked); });
+        return;
+    }
+    session_->ask_for_answer();
+    asked_for_answer_ = now;
+}
+
+void WaylandSource::note_loss()
+{
+    if (std::exchange(told_of_loss_, true) || session_->connection().was_cut())
+        return;
+    const std::string what = session_->connection().lost()
+                                 ? "The Wayland compositor went away"
+                                 : "The Wayland output " + output_name_ + " was removed";
+    host_.log(ANDROID_LOG_ERROR, (what + " while it was captured: there are no more pictures. "
+                                         "Start the recording again when it is back.")
+                                     .c_str());
+    host_.note_lost_display();
+}
+
+void WaylandSource::note_refusal()
+{
+    if (!std::exchange(told_of_refusal_, true))
+        host_.log(ANDROID_LOG_WARN,
+                  ("Pictures are missing: " + layout_problem().reason + ".").c_str());
+}
+
+} // namespace zu3host
