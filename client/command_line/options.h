@@ -62,7 +62,7 @@ using Seconds = std::chrono::duration<double>;
 /** Options that several commands share. */
 struct CommonOptions {
     std::string output;
-    /** empty = the DISPLAY of the environment */
+    /** a value of ZU3_DISPLAY, or an X display; empty = as the environment says */
     std::string display;
     bool overwrite = false;
     bool verbose = false;

@@ -75,7 +75,10 @@ CLI::Option* define_output(CLI::App& command, CommonOptions& options, const char
 
 void define_display(CLI::App& command, CommonOptions& options)
 {
-    command.add_option("--display", options.display, "X display to capture, instead of DISPLAY")
+    command
+        .add_option(
+            "--display", options.display,
+            "what to capture: an X display such as :0, or x11, wayland, portal or testcard (see ZU3_DISPLAY)")
         ->type_name("NAME");
 }
 
@@ -320,8 +323,10 @@ constexpr Term exit_codes[] = {
      "a usable file that ended early (disk full, display gone) or lacks pictures (disk too slow) or sound; or another program removed, replaced or cut the file"},
 };
 constexpr Term environment_terms[] = {
+    {"WAYLAND_DISPLAY", "the Wayland session to capture; without one, the X display is captured"},
     {"DISPLAY", "the X display to capture"},
-    {"ZU3_DISPLAY", "x11 or testcard (a moving test card, no display needed)"},
+    {"ZU3_DISPLAY",
+     "x11, wayland (copies of the compositor), portal (asks for a screen or window) or testcard (a moving test card, no display needed); default: wayland or portal in a Wayland session, otherwise x11"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
     {"XDG_VIDEOS_DIR",
@@ -368,7 +373,7 @@ void describe_program(CLI::App& app, AllOptions& all)
                                      "Copy a recording into an MP4 or Matroska file without "
                                      "encoding it again: screenrecord remux FILE.ts FILE.mp4"),
                  all.remux);
-    app.add_subcommand("devices", "List displays and sound sources.");
+    app.add_subcommand("devices", "List outputs, displays and sound sources.");
     define_doctor(*app.add_subcommand(
                       "doctor", "Check this machine, and say how to install what is missing."),
                   all.doctor);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <exception>
+#include <string_view>
 #include <type_traits>
 
 #include "process/messages.h"
@@ -17,6 +18,21 @@ template <typename Options> const CommonOptions* common(const Options& options)
     return nullptr;
 }
 
+// A source of pictures, or the name of an X display.
+void choose_display(const std::string& name)
+{
+    for (const char* const source : {"x11", "wayland", "portal", "testcard"})
+        if (name == source) {
+            setenv("ZU3_DISPLAY", source, 1);
+            return;
+        }
+    const char* const chosen = secure_getenv("ZU3_DISPLAY");
+    setenv("DISPLAY", name.c_str(), 1);
+    // The test card is a stand-in for any display.
+    if (!chosen || std::string_view(chosen) != "testcard")
+        setenv("ZU3_DISPLAY", "x11", 1);
+}
+
 // Call it before any thread exists: setenv() is not thread-safe.
 void prepare_environment(const CommonOptions* options)
 {
@@ -28,7 +44,7 @@ void prepare_environment(const CommonOptions* options)
         keep_library_log();
     setenv("ANDROID_LOG_TAGS", verbose ? "zu3:I screenrecord:S" : "screenrecord:S", 0);
     if (options && !options->display.empty())
-        setenv("DISPLAY", options->display.c_str(), 1);
+        choose_display(options->display);
 }
 
 template <typename Options> ExitCode run_command(const Options& options)

@@ -18,6 +18,21 @@ std::string display_line(const std::string& name)
     return display->problem.empty() ? line : line + "  cannot be captured: " + display->problem;
 }
 
+std::string output_line(const HostOutput& output)
+{
+    std::string line = format_text("output   %s  %ux%u  scale %g", output.name.c_str(),
+                                   output.width, output.height, output.scale);
+    line +=
+        output.refresh_hz > 0 ? format_text("  %.2f Hz", output.refresh_hz) : "  no refresh rate";
+    if (output.degrees > 0)
+        line += format_text("  turned by %u degrees", output.degrees);
+    if (output.mirrored)
+        line += "  mirrored";
+    if (!output.description.empty())
+        line += "  " + output.description;
+    return output.recorded ? line + "  (recorded)" : line;
+}
+
 std::string source_line(const SoundSource& source)
 {
     std::string line = format_text("sound    %s  %u Hz, %u channels  %s", source.name.c_str(),
@@ -29,10 +44,14 @@ std::string source_line(const SoundSource& source)
 
 ExitCode run(const DevicesOptions&, CommandContext& context)
 {
+    const auto outputs = list_outputs();
+    for (const HostOutput& output : outputs)
+        context.output.print_line(output_line(output));
     for (const std::string& name : known_displays())
         context.output.print_line(display_line(name));
-    if (known_displays().empty())
-        print_message("there is no X display on this machine and DISPLAY is not set");
+    if (outputs.empty() && known_displays().empty())
+        print_message(
+            "there is no Wayland session and no X display on this machine, and DISPLAY is not set");
     const auto sources = list_sound_sources();
     if (!sources)
         print_message("no sound server answers; recordings are silent");

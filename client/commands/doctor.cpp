@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <sys/statvfs.h>
+#include <vector>
 
 #include "commands/commands.h"
 #include "machine/display.h"
@@ -31,11 +32,8 @@ Finding examine_platform()
 
 Finding examine_display()
 {
-    if (test_card_asked())
-        return {Finding::Kind::good,
-                "ZU3_DISPLAY asks for the test card, so no display is needed."};
     try {
-        const DisplayInfo display = display_to_capture();
+        const DisplayInfo display = x11_display_to_capture();
         std::string sentence =
             format_text("The display %s answers, with %ux%u", display.name.c_str(),
                         display.size.width, display.size.height);
@@ -52,8 +50,6 @@ Finding examine_display()
 
 Finding examine_shared_memory()
 {
-    if (test_card_asked())
-        return {Finding::Kind::good, "The test card needs no shared memory with a display."};
     const char* name = secure_getenv("DISPLAY");
     const auto display = name && *name ? probe_display(name) : std::nullopt;
     if (!display)
@@ -130,6 +126,18 @@ Finding examine_encoder()
         "The H.264 encoder does not open: check that libx264 is installed ('apt install libx264-164'); ANDROID_LOG_TAGS='*:D' shows the library's log."};
 }
 
+Finding::Kind kind_of(const HostFinding& finding)
+{
+    switch (finding.kind) {
+    case ZU3_HOST_FINDING_GOOD:
+        return Finding::Kind::good;
+    case ZU3_HOST_FINDING_LIMITED:
+        return Finding::Kind::limited;
+    default:
+        return Finding::Kind::missing;
+    }
+}
+
 const char* mark(Finding::Kind kind)
 {
     if (kind == Finding::Kind::good)
@@ -141,10 +149,19 @@ const char* mark(Finding::Kind kind)
 
 ExitCode run(const DoctorOptions&, CommandContext& context)
 {
+    std::vector<Finding> findings{examine_platform()};
+    std::vector<HostFinding> about_screen;
+    const uint32_t source = examine_screen(about_screen);
+    for (const HostFinding& finding : about_screen)
+        findings.push_back({kind_of(finding), finding.sentence});
+    if (source == ZU3_HOST_SCREEN_X11) {
+        findings.push_back(examine_display());
+        findings.push_back(examine_shared_memory());
+    }
+    for (const auto examine : {examine_sound, examine_disk, examine_encoder})
+        findings.push_back(examine());
     bool possible = true;
-    for (const auto examine : {examine_platform, examine_display, examine_shared_memory,
-                               examine_sound, examine_disk, examine_encoder}) {
-        const Finding finding = examine();
+    for (const Finding& finding : findings) {
         context.output.print_line(mark(finding.kind) + finding.sentence);
         possible = possible && finding.kind != Finding::Kind::missing;
     }

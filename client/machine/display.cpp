@@ -102,6 +102,18 @@ std::string environment(const char* name)
     return value ? value : "";
 }
 
+/** Of the display that is captured, for messages about its end. */
+std::string& captured_name()
+{
+    static std::string name = "the display";
+    return name;
+}
+
+void name_captured(const std::string& name)
+{
+    captured_name() = name;
+}
+
 } // namespace
 
 std::string size_problem(Size size)
@@ -143,15 +155,24 @@ std::optional<DisplayInfo> probe_display(const std::string& name)
     return answer->display;
 }
 
-bool test_card_asked()
-{
-    return environment("ZU3_DISPLAY") == "testcard";
-}
-
 DisplayInfo display_to_capture()
 {
-    if (test_card_asked())
+    const HostScreen screen = open_screen().value_or(HostScreen{.source = ZU3_HOST_SCREEN_X11});
+    if (screen.source == ZU3_HOST_SCREEN_X11)
+        return x11_display_to_capture();
+    if (screen.source == ZU3_HOST_SCREEN_TESTCARD)
         return {.name = "the test card", .size = {1280, 720}};
+    if (!screen.problem.empty())
+        throw Failure("cannot capture the screen: " + screen.problem);
+    name_captured(screen.name);
+    return {.name = screen.name,
+            .size = {screen.width, screen.height},
+            .refresh_hz = screen.refresh_hz,
+            .shared_memory = true};
+}
+
+DisplayInfo x11_display_to_capture()
+{
     const std::string name = environment("DISPLAY");
     if (name.empty() && getauxval(AT_SECURE))
         throw Failure(
@@ -166,6 +187,7 @@ DisplayInfo display_to_capture()
             "' (DISPLAY): there is no X server of that name, or it does not answer or refuses access; 'screenrecord devices' lists the others");
     if (!display->problem.empty())
         throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
+    name_captured("the display " + name + " (DISPLAY)");
     return *display;
 }
 
@@ -190,8 +212,7 @@ std::optional<std::string> display_problem(const zu3_host_statistics_t& since_st
 {
     // A slow display is not lost, but one without pictures for this long ends a recording.
     constexpr uint32_t longest_silence_ms = 60'000;
-    const std::string ended =
-        purpose + " the display " + environment("DISPLAY") + " (DISPLAY) any more: ";
+    const std::string ended = purpose + " " + captured_name() + " any more: ";
     if (since_start.display_lost)
         return ended + "it went away";
     if (since_start.display_silent_ms >= longest_silence_ms)

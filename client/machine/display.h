@@ -37,10 +37,14 @@ struct DisplayInfo {
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
 /**
- * The display to capture: DISPLAY, or the test card of the platform if ZU3_DISPLAY selects it.
- * Throws Failure, also for a display with an unknown pixel format.
+ * The display to capture: what ZU3_DISPLAY selects, otherwise the screen of the Wayland session,
+ * otherwise DISPLAY. Opens the screen of a Wayland session for the next capture. Throws Failure,
+ * also for a display with an unknown pixel format.
  */
 DisplayInfo display_to_capture();
+
+/** The X11 display to capture, that of DISPLAY. Throws Failure like display_to_capture(). */
+DisplayInfo x11_display_to_capture();
 
 /**
  * The size to capture: `asked`, or by default the display's size, made even. Prints a message if a
@@ -57,8 +61,5 @@ std::optional<std::string> display_problem(const zu3_host_statistics_t& since_st
 
 /** Names of the displays of this machine that have a socket, and DISPLAY. */
 std::vector<std::string> known_displays();
-
-/** Whether ZU3_DISPLAY selects the test card. */
-bool test_card_asked();
 
 } // namespace client

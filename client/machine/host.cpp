@@ -52,6 +52,35 @@ void add_source(const zu3_host_sound_source_t* source, void* list)
                                                              .recorded = source->recorded != 0});
 }
 
+void keep_screen(const zu3_host_screen_t* screen, void* kept)
+{
+    *static_cast<HostScreen*>(kept) = {.source = screen->source,
+                                       .width = screen->width,
+                                       .height = screen->height,
+                                       .refresh_hz = screen->refresh_mhz / 1000.0,
+                                       .name = screen->name,
+                                       .problem = screen->problem};
+}
+
+void add_output(const zu3_host_output_t* output, void* list)
+{
+    static_cast<std::vector<HostOutput>*>(list)->push_back(
+        {.name = output->name,
+         .description = output->description,
+         .width = output->width,
+         .height = output->height,
+         .scale = output->scale_thousandths / 1000.0,
+         .degrees = output->degrees,
+         .mirrored = output->mirrored != 0,
+         .refresh_hz = output->refresh_mhz / 1000.0,
+         .recorded = output->recorded != 0});
+}
+
+void add_finding(uint32_t kind, const char* sentence, void* list)
+{
+    static_cast<std::vector<HostFinding>*>(list)->push_back({kind, sentence});
+}
+
 } // namespace
 
 zu3_host_statistics_t statistics_since(const zu3_host_statistics_t& before,
@@ -137,6 +166,32 @@ std::optional<std::vector<SoundSource>> list_sound_sources()
     if (!list || list(add_source, &sources) < 0)
         return std::nullopt;
     return sources;
+}
+
+std::optional<HostScreen> open_screen()
+{
+    static const auto open = find<decltype(zu3_host_screen)>("zu3_host_screen");
+    if (!open)
+        return std::nullopt;
+    HostScreen screen;
+    if (open(keep_screen, &screen) != 0 && screen.problem.empty())
+        screen.problem = "the platform has no memory for it";
+    return screen;
+}
+
+std::vector<HostOutput> list_outputs()
+{
+    static const auto list = find<decltype(zu3_host_outputs)>("zu3_host_outputs");
+    std::vector<HostOutput> outputs;
+    if (list)
+        list(add_output, &outputs);
+    return outputs;
+}
+
+uint32_t examine_screen(std::vector<HostFinding>& findings)
+{
+    static const auto examine = find<decltype(zu3_host_examine_screen)>("zu3_host_examine_screen");
+    return examine ? examine(add_finding, &findings) : uint32_t{ZU3_HOST_SCREEN_X11};
 }
 
 } // namespace client

@@ -9,6 +9,7 @@
 #include <zu3_host/frame_event.h>
 #include <zu3_host/log_listener.h>
 #include <zu3_host/quality.h>
+#include <zu3_host/screen.h>
 #include <zu3_host/slow_disk.h>
 #include <zu3_host/sound_time.h>
 #include <zu3_host/statistics.h>
@@ -105,5 +106,52 @@ struct SoundSource {
 
 /** The sources of the sound server; nullopt if none answers within 3 s or libpulse is missing. */
 std::optional<std::vector<SoundSource>> list_sound_sources();
+
+/** The screen that recordings capture (screen.h). */
+struct HostScreen {
+    /** ZU3_HOST_SCREEN_* */
+    uint32_t source = ZU3_HOST_SCREEN_UNKNOWN;
+    /** pixels; 0 for X11 and the test card, which are not opened */
+    uint32_t width = 0;
+    uint32_t height = 0;
+    /** 0 = unknown */
+    double refresh_hz = 0;
+    std::string name = {};
+    /** why it cannot be captured, as the end of a sentence; empty if it can */
+    std::string problem = {};
+};
+
+/** Opens the screen for the next capture (screen.h); nullopt on a platform without that. */
+std::optional<HostScreen> open_screen();
+
+/** An output of the Wayland session. */
+struct HostOutput {
+    std::string name;
+    std::string description;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    double scale = 1;
+    /** counterclockwise */
+    uint32_t degrees = 0;
+    bool mirrored = false;
+    /** 0 = unknown */
+    double refresh_hz = 0;
+    bool recorded = false;
+};
+
+/** The outputs of the Wayland session; empty if no compositor answers within 3 s. */
+std::vector<HostOutput> list_outputs();
+
+/** A finding about the screen's source: ZU3_HOST_FINDING_* and a sentence. */
+struct HostFinding {
+    uint32_t kind = ZU3_HOST_FINDING_GOOD;
+    std::string sentence;
+};
+
+/**
+ * Adds which source is used and why, and what it needs (screen.h).
+ * @return ZU3_HOST_SCREEN_*; X11 on a platform that cannot tell
+ */
+uint32_t examine_screen(std::vector<HostFinding>& findings);
 
 } // namespace client
