@@ -173,6 +173,27 @@ class EndToEndTest(unittest.TestCase):
         cls.start(name, *options).first_line()
 
     @classmethod
+    def start_session(cls, size="656x608", outputs=1):
+        """A Wayland session of its own: sway without a screen or a GPU, as a user that is not root, whom it refuses."""
+        nobody, folder = 65534, pathlib.Path(tempfile.mkdtemp(dir=cls.folder, prefix="session."))
+        pathlib.Path(cls.folder).chmod(0o711)
+        folder.joinpath("config").write_text("xwayland disable\ndefault_border none\nseat * hide_cursor 1\n" + "".join(
+            f"output HEADLESS-{number + 1} resolution {size}\n" for number in range(outputs)), encoding="ascii")
+        os.chown(folder, nobody, nobody)
+        cls.environment |= {"XDG_RUNTIME_DIR": str(folder), "WAYLAND_DISPLAY": "wayland-1"}
+        session = cls.start("sway", "-c", folder / "config", user=nobody, group=nobody, extra_groups=[], environment={
+            "WLR_BACKENDS": "headless", "WLR_RENDERER": "pixman", "WLR_LIBINPUT_NO_DEVICES": "1",
+            "WLR_HEADLESS_OUTPUTS": str(outputs), "HOME": str(folder)})
+        wait_until(lambda: list(folder.glob("sway-ipc.*.sock")) and (folder / "wayland-1").exists()
+                   or session.process.poll() is not None, "the session's sockets")
+        if session.process.poll() is not None:
+            raise AssertionError(session.errors())
+        cls.environment["SWAYSOCK"] = str(next(folder.glob("sway-ipc.*.sock")))
+        wait_until(lambda: cls.run_program("swaymsg", "-t", "get_outputs", "-r").count('"active": true') == outputs,
+                   "the session's outputs")
+        return session
+
+    @classmethod
     def start_sound(cls):
         """A private sound server with two silent sinks, of which the first is in use."""
         socket = cls.path("pulse-socket")

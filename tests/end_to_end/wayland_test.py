@@ -1,0 +1,213 @@
+"""A Wayland session, whose compositor copies its output: sway without a screen, as a user that is not root."""
+
+import json
+import pathlib
+import signal
+
+import judges
+from harness import SOON, EndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
+from judges import BLACK, RED, WHITE
+from stream_test import LiveStream
+
+BACKGROUND = (48, 64, 80)  # of wayland_screen
+
+
+def show(test, *options):
+    """A window that covers the output; the program, once its first picture is there."""
+    window = test.start("wayland_screen", *options)
+    window.first_line()
+    return window
+
+
+def near(pixels, width, places, tolerance=3):
+    """The places whose pixel is another colour, and that colour."""
+    shown = {place: judges.pixel(pixels, width, *place) for place in places}
+    return {place: shown[place] for place, colour in places.items()
+            if max(abs(a - b) for a, b in zip(shown[place], colour)) > tolerance}
+
+
+class Recording(EndToEndTest):
+    def test_has_all_pictures(self):
+        # Catches pictures that are missing, doubled or shown again, out of order, or in wrong colours.
+        self.start_session()
+        show(self, "--fps", "60")
+        self.run_program("screenrecord", "record", "-r", "30", "-t", "10", "-o", "a.mp4")
+        path = self.path("a.mp4")
+        self.assertAlmostEqual(len(judges.packets(path)), 300, delta=2)
+        self.assertEqual(judges.decoder_messages(path), "")
+        for index in (1, 150, 290):
+            self.assertEqual(judges.colour_faults(path, index), {})
+        numbers = judges.picture_numbers(path)
+        self.assertEqual(numbers, sorted(numbers))
+        self.assertGreater(len(set(numbers)), 280, numbers)
+        self.assertTrue(570 <= numbers[-1] - numbers[0] <= 620, numbers)
+
+
+class Session(ShortEndToEndTest):
+    @classmethod
+    def prepare(cls):
+        cls.start_session()
+
+    def message(self, *words):
+        self.run_program("swaymsg", *words)
+
+    def shot(self, name):
+        """A still's pixels and size, all of it."""
+        self.run_program("screenrecord", "shot", "-y", "-o", name)
+        video = judges.streams(self.path(name))["video"]
+        return judges.decode(self.path(name), 0), (video["width"], video["height"])
+
+    def test_shows_the_output(self):
+        # Catches colours of another order, a picture that is old or not the newest, and a wrong way up.
+        window = show(self, "--fps", "60")
+        for command, name in (("record -t 1", "a.mkv"), ("record -t 1", "a.ts"), ("stream -t 1", "a.h264"),
+                              ("shot", "a.png")):
+            self.run_program("screenrecord", *command.split(), "-y", "-o", name)
+            path = self.path(name)
+            self.assertEqual(judges.colour_faults(path, 0), {}, name)
+            numbers = judges.picture_numbers(path)
+            self.assertEqual(numbers, sorted(numbers), name)
+            self.assertTrue(name == "a.png" or numbers[-1] > numbers[0], (name, numbers))
+        window.close()
+
+    def test_output_is_turned_and_scaled(self):
+        # Catches pictures that lie on their side, stand on their head, are mirrored, or have logical pixels.
+        for transform, size in (("90", (608, 656)), ("180", (656, 608)), ("270", (608, 656)), ("flipped", (656, 608)),
+                                ("flipped-90", (608, 656)), ("flipped-270", (608, 656))):
+            self.message("output", "HEADLESS-1", "transform", transform)
+            window = show(self, "--static")
+            pixels, shown_size = self.shot("turned.png")
+            window.close()
+            self.assertEqual(shown_size, size, transform)
+            places = {(70, 70): RED, (185, 185): RED, (270, 70): WHITE, (450, 180): BLACK, (10, 10): BACKGROUND,
+                      (600, 10): BACKGROUND}
+            self.assertEqual(near(pixels, size[0], places, 0), {}, transform)
+            self.assertIn("turned" if "90" in transform or "270" in transform else "",
+                          self.run_program("screenrecord", "devices"))
+        self.message("output", "HEADLESS-1", "transform", "normal")
+        for scale, real_pixels in (("2", 2), ("1.5", 1)):
+            self.message("output", "HEADLESS-1", "scale", scale)
+            window = show(self, "--static", "--scale", real_pixels)
+            pixels, shown_size = self.shot("scaled.png")
+            window.close()
+            self.assertEqual(shown_size, (656, 608), scale)
+            if scale == "2":  # each pixel of the window is a real one
+                self.assertEqual(near(pixels, 656, {(64, 64): RED, (63, 64): BACKGROUND, (191, 191): RED,
+                                                    (192, 191): BACKGROUND, (256, 64): WHITE}, 0), {}, scale)
+            self.assertIn(f"656x608  scale {scale}", self.run_program("screenrecord", "devices"))
+        self.message("output", "HEADLESS-1", "scale", "1")
+
+    def test_follows_what_changes(self):
+        # Catches what is drawn on a still output, which is not copied again, and a lost change of its size.
+        window = show(self, "--static")
+        stream = LiveStream(self, "-r", "30", "-b", "8M")
+        stream.wait_for(30)
+        looks = {}
+
+        def look(what, places):
+            at = len(stream.arrivals) + 12
+            stream.wait_for(at + 1)
+            looks[at] = (what, places)
+
+        look("a still window", {(128, 128): RED, (320, 128): WHITE})
+        window.close()
+        look("without the window", {(128, 128): (63, 63, 63), (320, 128): (63, 63, 63)})
+        window = show(self, "--fps", "30")
+        look("a moving window", {(128, 128): RED, (320, 128): WHITE})
+        self.message("output", "HEADLESS-1", "resolution", "328x304")
+        wait_until(lambda: "328x304" in self.run_program("screenrecord", "devices"), "the other size")
+        look("half the size", {(140, 140): RED, (376, 376): RED, (100, 100): BACKGROUND, (524, 140): WHITE})
+        self.message("output", "HEADLESS-1", "resolution", "656x608")
+        wait_until(lambda: "656x608" in self.run_program("screenrecord", "devices"), "the first size")
+        look("the first size again", {(70, 70): RED, (180, 180): RED, (320, 128): WHITE})
+        stream.end(self.path("a.h264"))
+        window.close()
+        pixels = judges.decode(self.path("a.h264"))
+        for at, (what, places) in looks.items():
+            self.assertEqual(near(pixels[at * 656 * 608 * 3:], 656, places, 8), {}, what)
+
+    def test_says_what_is_used(self):
+        # Catches a source that is chosen against the setting, and a lack without the way out.
+        for environment, said in (
+                ({}, "ok .* Wayland session .*\n.*compositor answers(.|\n)*HEADLESS-1, which is captured"),
+                ({"ZU3_DISPLAY": "testcard"}, "ok .*test card"),
+                ({"WAYLAND_DISPLAY": "none", "DISPLAY": ":4242"}, "ok .*No compositor answers(.|\n)*missing .*:4242"),
+                ({"WAYLAND_DISPLAY": "none"}, "missing No Wayland compositor answers .*none"),
+                ({"ZU3_DISPLAY": "wayland", "WAYLAND_DISPLAY": ""}, "missing WAYLAND_DISPLAY is not set.*terminal")):
+            doctor = self.client("doctor", environment=environment)
+            self.assert_exit(doctor, 1 if "missing" in said else 0)
+            self.assertRegex(doctor.output(), said)
+        self.assertRegex(self.run_program("screenrecord", "devices"),
+                         r"output   HEADLESS-1  656x608  scale 1  \d+\.\d\d Hz .*\(recorded\)")
+
+    def test_is_not_there(self):
+        # Catches a recording of something else, one without a sentence, and a file that is left.
+        for options, environment, said in (
+                ((), {"WAYLAND_DISPLAY": "none"}, "no Wayland compositor answers"),
+                (("--display", "wayland"), {"XDG_RUNTIME_DIR": ""}, "XDG_RUNTIME_DIR is not set"),
+                (("--display", "x11"), {"DISPLAY": ""}, "DISPLAY is not set"),
+                (("--display", ":4242"), {}, "cannot reach the display ':4242'"),
+                (("--display", "portal"), {}, "cannot capture the screen: ")):
+            for command, name in (("record", "no.mp4"), ("record", "no.ts"), ("stream", "no.h264"), ("shot", "no.png")):
+                refused = self.client(command, "-o", name, *options, environment=environment)
+                self.assert_exit(refused, 1)
+                self.assertIn(said, refused.errors())
+                self.assertFalse(self.path(name).exists())
+
+    def test_x11_loads_nothing_of_it(self):
+        # Catches a library of Wayland in a recording that does not need it.
+        self.start_display("320x256")
+        recording = self.client("record", "-o", "x11.ts", environment={"WAYLAND_DISPLAY": ""})
+        wait_until(lambda: size_of(self.path("x11.ts")) > 0, "the first batch")
+        maps = pathlib.Path(f"/proc/{recording.process.pid}/maps").read_text(encoding="utf-8")
+        self.assert_stops(recording)
+        self.assertNotRegex(maps, "wayland|zu3_portal|pipewire")
+
+
+class SessionFails(ShortEndToEndTest):
+    def record(self, **options):
+        self.session = self.start_session(**options)
+        show(self, "--fps", "30")
+        self.file = self.path(self.id() + ".ts")
+        self.recording = self.client("record", "-o", self.file, "--status-file", "status")
+        wait_until(lambda: size_of(self.file) > 0, "the first batch")
+
+    def assert_lost(self, said):
+        self.assert_exit(self.recording, 3)
+        self.assertEqual(self.recording.errors().count(said), 1, self.recording.errors())
+        self.assertRegex(self.recording.errors(), "cannot record the Wayland output HEADLESS-1 any more: it went away")
+        self.assertEqual(judges.faults(self.file), "")
+
+    def status(self):
+        return json.loads(self.path("status").read_text("ascii"))
+
+    def test_dies(self):
+        self.record()
+        self.session.kill()
+        self.assert_lost("The Wayland compositor went away")
+
+    def test_output_is_removed(self):
+        # Catches the first of two that is not said, and an output whose end is taken for a still picture.
+        self.record(outputs=2)
+        self.assertIn("2 outputs, of which the first is captured: HEADLESS-1", self.recording.errors())
+        self.run_program("swaymsg", "output", "HEADLESS-1", "disable")
+        self.assert_lost("The Wayland output HEADLESS-1 was removed")
+
+    def test_hangs(self):
+        # Catches one that hangs taken for a still output or for one that is gone, and a stop that waits for it.
+        self.record()
+        self.session.process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: self.status()["display_answers"] is False, "word of it")
+        before = self.status()["frames"]
+        self.session.process.send_signal(signal.SIGCONT)
+        wait_until(lambda: self.status()["display_answers"] and self.status()["frames"] > before, "further pictures")
+        self.session.process.send_signal(signal.SIGSTOP)
+        pass_time(0.2)
+        self.assert_stops(self.recording, seconds=SOON)
+        refused = self.client("shot", "-o", "hung.png")
+        self.assert_exit(refused, 1)
+        self.assertIn("does not answer", refused.errors())
+        self.session.process.send_signal(signal.SIGCONT)
+        self.assertRegex(self.recording.errors(), "does not answer(.|\n)*answers again")
+        self.assertNotIn("went away", self.recording.errors())
+        self.assertEqual(judges.faults(self.file), "")
