@@ -14,14 +14,16 @@ packages_of() {
     build)
         echo g++ ninja-build pkg-config libx264-dev libyuv-dev libbitstream-dev libxcb1-dev libxcb-shm0-dev \
             libxcb-xfixes0-dev libxcb-randr0-dev libxcb-damage0-dev libpulse-dev libvo-aacenc-dev libcli11-dev \
-            libpng-dev libavformat-dev libavcodec-dev libavutil-dev libwayland-dev googletest libgtest-dev python3
+            libpng-dev libavformat-dev libavcodec-dev libavutil-dev libwayland-dev libpipewire-0.3-dev libsystemd-dev \
+            googletest libgtest-dev python3
         # A cmake from elsewhere serves as well, when it is new enough.
         cmake --version 2>/dev/null | awk '/^cmake version/ { split($3, v, "."); found = v[1] * 1000 + v[2] >= 3025 }
             END { exit !found }' || echo cmake
         ;;
     display) echo xvfb ;;
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool sway pulseaudio \
-        pulseaudio-utils binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
+        pulseaudio-utils mutter xwayland libgl1-mesa-dri pipewire wireplumber xdg-desktop-portal \
+        dbus-daemon python3-gi binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
         gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev clang-format \
         clang-tidy shellcheck flake8 doxygen clang-16 libc++-16-dev \
         libc++abi-16-dev ;; # libc++ 14 lacks std::ranges::any_of and the like, which the tests use

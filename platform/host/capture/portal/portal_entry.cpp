@@ -1,0 +1,126 @@
+// The module libzu3_portal.so: all that calls libsystemd and libpipewire, behind one entry.
+#include "capture/screen_module.h"
+
+#include "base/border.h"
+#include "capture/portal/portal_source.h"
+
+#include <android/log.h>
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace zu3host {
+
+namespace {
+
+constexpr auto first_picture_patience = std::chrono::seconds(5);
+
+bool set(const char* variable)
+{
+    const char* const value = secure_getenv(variable);
+    return value && *value && std::strcmp(value, "0") != 0;
+}
+
+ScreenOpening failure(const PortalProblem& problem)
+{
+    using Kind = PortalProblem::Kind;
+    const ScreenFailure kind = problem.kind == Kind::no_bus      ? ScreenFailure::no_session
+                               : problem.kind == Kind::no_portal ? ScreenFailure::not_offered
+                                                                 : ScreenFailure::failed;
+    return {.failure = kind, .reason = problem.reason};
+}
+
+ScreenOpening open_screen(const ScreenHost& host)
+{
+    PortalWish wish;
+    wish.ask = set("ZU3_ASK");
+    wish.dialog_opens = [&host] {
+        host.log(ANDROID_LOG_INFO,
+                 "The desktop portal is asked for a screen; its dialog may need an answer.");
+    };
+    PortalProblem problem;
+    auto session = PortalSession::open(wish, RestoreToken(), problem);
+    if (!session)
+        return failure(problem);
+    std::string reason;
+    auto stream = PipewireStream::open(session->take_remote(), session->node(),
+                                       first_picture_patience, reason);
+    if (!stream)
+        return {.failure = ScreenFailure::failed, .reason = reason};
+    return {.source = std::make_unique<PortalSource>(host, std::move(session), std::move(stream)),
+            .name = "the screen that the desktop portal shares"};
+}
+
+std::vector<ScreenOutput> list_outputs()
+{
+    return {};
+}
+
+bool pipewire_listens()
+{
+    const auto value = [](const char* variable) {
+        const char* const text = secure_getenv(variable);
+        return std::string(text ? text : "");
+    };
+    const std::string remote = value("PIPEWIRE_REMOTE");
+    std::string folder = value("PIPEWIRE_RUNTIME_DIR");
+    if (folder.empty())
+        folder = value("XDG_RUNTIME_DIR");
+    const std::string path =
+        remote.starts_with('/') ? remote : folder + "/" + (remote.empty() ? "pipewire-0" : remote);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        return false;
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    const common::Descriptor socket(
+        ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return socket &&
+           ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+std::string as_sentence(std::string text)
+{
+    text[0] = static_cast<char>(text[0] >= 'a' && text[0] <= 'z' ? text[0] - 'a' + 'A' : text[0]);
+    return text + ".";
+}
+
+ScreenFailure examine(std::vector<ScreenFinding>& findings)
+{
+    using Kind = ScreenFinding::Kind;
+    PortalProblem problem;
+    const auto abilities = PortalSession::examine(problem);
+    if (!abilities) {
+        findings.push_back({Kind::missing, as_sentence(problem.reason)});
+        return failure(problem).failure;
+    }
+    findings.push_back({Kind::good, "The desktop portal shares screens (ScreenCast, version " +
+                                        std::to_string(abilities->version) + ")."});
+    if (abilities->version < version_of_tokens)
+        findings.push_back(
+            {Kind::limited,
+             "The desktop portal cannot keep the user's choice: it asks before each recording."});
+    if (pipewire_listens()) {
+        findings.push_back({Kind::good, "PipeWire runs, which carries the pictures."});
+        return ScreenFailure::none;
+    }
+    findings.push_back(
+        {Kind::missing,
+         "PipeWire does not run, which carries the pictures: 'apt install pipewire wireplumber', 'systemctl --user start pipewire wireplumber'."});
+    return ScreenFailure::failed;
+}
+
+} // namespace
+
+} // namespace zu3host
+
+extern "C" HOST_EXPORT const zu3host::ScreenModule* zu3_screen_module()
+{
+    using namespace std::chrono_literals;
+    // two minutes for the user, five seconds for each answer of bus, portal and PipeWire
+    static constexpr zu3host::ScreenModule module{
+        std::chrono::milliseconds(zu3host::PortalSession::user_patience) + 40s,
+        zu3host::open_screen, zu3host::list_outputs, zu3host::examine};
+    return &module;
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+namespace zu3host {
+
+/**
+ * The token with which the portal repeats the user's choice without a dialog: one line in
+ * "$XDG_STATE_HOME/screenrecord/portal-token", ~/.local/state by default. Readable by its owner
+ * alone.
+ */
+class RestoreToken {
+public:
+    /** Of this user, by the environment. */
+    RestoreToken();
+    /** Of that file; an empty path keeps no token. */
+    explicit RestoreToken(std::string path) : path_(std::move(path)) {}
+
+    /** The kept token; empty if there is none that can be trusted. */
+    std::string read() const;
+    /**
+     * Replaces it in one step; an empty token removes it.
+     * @return 0 or an errno value: the old one stays
+     */
+    int write(const std::string& token) const;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+} // namespace zu3host
