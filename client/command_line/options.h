@@ -66,6 +66,8 @@ struct CommonOptions {
     std::string display;
     bool overwrite = false;
     bool verbose = false;
+    /** the desktop portal asks for a screen although one was granted before */
+    bool ask = false;
     /** nullopt = until a stop is requested */
     std::optional<Seconds> time;
 };

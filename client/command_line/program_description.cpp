@@ -82,6 +82,12 @@ void define_display(CLI::App& command, CommonOptions& options)
         ->type_name("NAME");
 }
 
+void define_ask(CLI::App& command, CommonOptions& options)
+{
+    command.add_flag("--ask", options.ask,
+                     "have the desktop portal ask again which screen or window to share");
+}
+
 void define_time(CLI::App& command, CommonOptions& options)
 {
     define_value(
@@ -221,6 +227,7 @@ void define_record(CLI::App& command, RecordOptions& options)
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
+    define_ask(command, options);
     define_choice(command, "--slot", "0|1",
                   "recording slot of the library; 1 needs --source; default: 0",
                   [&options](const std::string& slot) { options.slot = slot == "1" ? 1 : 0; });
@@ -254,6 +261,7 @@ void define_stream(CLI::App& command, StreamOptions& options)
         "read commands from standard input, one per line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answers go to standard error; a terminal is always read",
         [&options](const std::string&) { options.control = true; });
     define_display(command, options);
+    define_ask(command, options);
 }
 
 void define_shot(CLI::App& command, ShotOptions& options)
@@ -277,6 +285,7 @@ void define_shot(CLI::App& command, ShotOptions& options)
         ->needs(count);
     command.add_flag("--pointer,--osd", options.osd, "include the pointer");
     define_display(command, options);
+    define_ask(command, options);
 }
 
 void define_pcm(CLI::App& command, PcmOptions& options)
@@ -327,6 +336,7 @@ constexpr Term environment_terms[] = {
     {"DISPLAY", "the X display to capture"},
     {"ZU3_DISPLAY",
      "x11, wayland (copies of the compositor), portal (asks for a screen or window) or testcard (a moving test card, no display needed); default: wayland or portal in a Wayland session, otherwise x11"},
+    {"ZU3_ASK", "1 = as --ask"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
     {"XDG_VIDEOS_DIR",
