@@ -1,0 +1,108 @@
+"""A desktop on Wayland without a screen: mutter, PipeWire and the desktop portal, of a user who is not root."""
+
+import ctypes
+import os
+import re
+import shutil
+import signal
+
+from harness import BUILD, SOURCE, wait_until
+
+USER = 65534  # nobody
+PORTAL = "/usr/libexec/xdg-desktop-portal"
+
+
+def become_user():
+    """Within a started program, ahead of its first instruction."""
+    if os.getuid() == 0:
+        os.setgroups([])
+        os.setgid(USER)
+        os.setuid(USER)
+        # PR_SET_PDEATHSIG, which a change of the user resets
+        ctypes.CDLL(None).prctl(1, signal.SIGKILL)
+
+
+class Desktop:
+    """The parts of the desktop, each started when it is asked for; all of them end with the test's class."""
+
+    def __init__(self, test):
+        self.test = test
+        self.runtime = test.path("home")
+        self.portals = test.path("portals")
+        self.portals.mkdir()
+        self.compositor = self.portal = self.user = None
+        test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "ZU3_DISPLAY": "portal",
+                             "XDG_DESKTOP_PORTAL_DIR": str(self.portals), "XDG_CURRENT_DESKTOP": "screenrecord_test"}
+        if os.getuid() == 0:
+            self.move_in()
+
+    def move_in(self):
+        """Gives the class's folder to the user, with what was built: the user may not see where that lies."""
+        built = self.test.path("built")
+        shutil.copytree(BUILD / "lib", built / "lib", symlinks=True)
+        (built / "bin").mkdir()
+        for program in ("screenrecord", "moving_screen"):
+            shutil.copy(BUILD / "bin" / program, built / "bin")
+        shutil.copy(SOURCE / "tools" / "portal_user.py", built / "bin")
+        self.test.environment["PATH"] = f'{built / "bin"}:{os.environ["PATH"]}'
+        for path in (self.test.path("."), self.runtime, self.portals):
+            os.chown(path, USER, USER)
+
+    def start(self, *arguments, **options):
+        return self.test.start(*arguments, **options)
+
+    def start_bus(self):
+        # Without a configuration file of its own it would start services of the machine.
+        configuration = self.test.path("bus.conf")
+        configuration.write_text(f"""<busconfig>
+<type>session</type><listen>unix:path={self.runtime}/bus</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/></policy>
+</busconfig>""", "ascii")
+        self.start("dbus-daemon", f"--config-file={configuration}", "--nofork", "--print-address=1").first_line()
+        self.test.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.runtime}/bus"
+
+    def start_pipewire(self):
+        self.start("pipewire")
+        wait_until((self.runtime / "pipewire-0").exists, "PipeWire")
+        self.start("wireplumber")
+
+    def start_compositor(self):
+        """Starts mutter, with a screen of 1280x720 that X programs can draw on as well."""
+        self.compositor = self.start("mutter", "--headless", "--virtual-monitor", "1280x720", "--wayland")
+        wait_until(lambda: "Using Wayland display name" in self.compositor.errors() or
+                   self.compositor.process.poll() is not None, "mutter")
+        display = re.search(r"public X11 display (:\d+)", self.compositor.errors())
+        if not display:
+            raise AssertionError(self.compositor.errors())
+        newest = max(self.runtime.glob(".mutter-Xwaylandauth.*"), key=os.path.getmtime)
+        self.x = {"DISPLAY": display[1], "XAUTHORITY": str(newest)}
+
+    def start_screen(self, *options):
+        screen = self.start("moving_screen", *options, environment=self.x)
+        screen.first_line()
+        return screen
+
+    def start_portal(self, backend=True):
+        if backend:
+            self.user = self.start("/usr/bin/python3", shutil.which("portal_user.py", path=self.test.environment["PATH"]) or
+                                   SOURCE / "tools" / "portal_user.py", self.portals)
+            self.user.first_line()
+            self.start("/usr/libexec/xdg-permission-store")
+        self.portal = self.start(PORTAL, "-v")
+        wait_until(lambda: "org.freedesktop.portal.Desktop acquired" in self.portal.output() + self.portal.errors() or
+                   self.portal.process.poll() is not None, "the portal")
+
+    def answer(self, word):
+        """What the user answers from now on."""
+        (self.portals / "answer").write_text(word, "ascii")
+
+    def said(self, word):
+        """How often the user did that."""
+        return self.user.output().split().count(word)
+
+    def move_pointer(self, x, y):
+        (self.portals / "pointer").write_text(f"{x} {y}", "ascii")
+        self.user.process.send_signal(signal.SIGUSR2)
+
+    def stop_sharing(self):
+        self.user.process.send_signal(signal.SIGUSR1)

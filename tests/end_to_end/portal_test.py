@@ -1,0 +1,139 @@
+"""Screens that the desktop portal shares: the real portal and PipeWire, before mutter and a user who is a program."""
+
+import signal
+
+import judges
+from desktop import Desktop, become_user
+from harness import SOON, EndToEndTest, size_of, wait_until
+
+
+class PortalTest:
+    """All programs of the class belong to the user of its desktop."""
+
+    @classmethod
+    def start(cls, *arguments, **options):
+        return super().start(*arguments, **{"prepare": become_user} | options)
+
+    def assert_refused(self, running, pattern, seconds=20):
+        """It failed with that sentence, and left no file."""
+        self.assert_exit(running, 1, seconds)
+        self.assertRegex(running.errors(), pattern)
+        self.assertEqual(list(self.path(".").glob("a.*")), [])
+
+
+class Portal(PortalTest, EndToEndTest):
+    @classmethod
+    def prepare(cls):
+        cls.desktop = Desktop(cls)
+        cls.desktop.start_bus()
+        cls.desktop.start_pipewire()
+        cls.desktop.start_compositor()
+        cls.desktop.start_portal()
+        cls.desktop.start_screen()
+
+    def setUp(self):
+        self.desktop.answer("grant")
+
+    def start_recording(self, name, *options):
+        """A recording whose first batch is in its file."""
+        recording = self.client("record", "-o", name, *options)
+        wait_until(lambda: size_of(self.path(name)) > 0 or recording.process.poll() is not None, "the first batch")
+        return recording
+
+    def test_ten_seconds(self):
+        # Catches pictures that are lost or late, wrong colours, a stale screen, and a user who is asked twice.
+        token = self.path("home/.local/state/screenrecord/portal-token")
+        token.unlink(missing_ok=True)
+        asked = self.desktop.said("asked")
+        self.run_program("screenrecord", "record", "-t", 10, "-o", "ten.mp4", seconds=40)
+        self.assertEqual(self.desktop.said("asked"), asked + 1)
+        file = self.path("ten.mp4")
+        self.assertTrue(298 <= len(judges.packets(file)) <= 302, len(judges.packets(file)))
+        self.assertEqual(judges.colour_faults(file, 150), {})
+        numbers = judges.picture_numbers(file)
+        self.assertEqual(numbers, sorted(numbers))
+        self.assertGreater(len(set(numbers)), 240)
+        self.assertLess(numbers[-1] - numbers[0], 330)
+
+        self.assertEqual(token.stat().st_mode & 0o7777, 0o600)
+        kept = token.read_text("ascii")
+        self.run_program("screenrecord", "stream", "-t", 1, "-o", "one.h264")
+        self.assertEqual(judges.colour_faults(self.path("one.h264"), 10), {})
+        self.assertEqual(self.desktop.said("asked"), asked + 1)
+        self.assertNotEqual(token.read_text("ascii"), kept)
+        self.run_program("screenrecord", "shot", "--ask", "-o", "one.png")
+        self.assertEqual(judges.colour_faults(self.path("one.png"), 0), {})
+        self.assertEqual(self.desktop.said("asked"), asked + 2)
+
+    def test_pointer(self):
+        # Catches a pointer that is missing from a recording, off its place, or in a still that is to have none.
+        recording = self.start_recording("pointer.ts")
+        places = ((700, 140), (1000, 180))
+        for x, y in places:
+            self.desktop.move_pointer(x, y)
+            for options, there in (("--pointer",), True), ((), False):
+                self.run_program("screenrecord", "shot", "-y", "-o", "pointer.png", *options)
+                picture = judges.decode(self.path("pointer.png"), 0)
+                found = [place for place in places if any(
+                    judges.pixel(picture, 1280, place[0] + dx, place[1] + dx) != (0x30, 0x40, 0x50) for dx in range(1, 8))]
+                self.assertEqual(found, [(x, y)] if there else [], options)
+        self.assert_stops(recording)
+
+    def test_sharing_is_stopped(self):
+        # Catches a recording that goes on without pictures, or that is lost with them.
+        recording = self.start_recording("stopped.ts")
+        self.desktop.stop_sharing()
+        self.assert_exit(recording, 3)
+        self.assertRegex(recording.errors(), "ended the sharing")
+        self.assertEqual(judges.faults(self.path("stopped.ts")), "")
+
+    def test_compositor_dies(self):
+        # Catches one that dies taken for a screen on which nothing moves.
+        recording = self.start_recording("died.ts")
+        self.desktop.compositor.kill()
+        try:
+            self.assert_exit(recording, 3)
+            self.assertRegex(recording.errors(), "went away")
+            self.assertEqual(judges.faults(self.path("died.ts")), "")
+        finally:
+            self.desktop.start_compositor()
+            self.desktop.start_screen()
+
+    def test_user_refuses(self):
+        # Catches a refusal that is taken for a fault, a file without a picture, and a dialog that keeps a stop waiting.
+        for answer, sentence in ("refuse", "closed without a choice"), ("fail", "could not open its dialog"):
+            self.desktop.answer(answer)
+            for command in "record -o a.mp4", "record -o a.ts", "stream -o a.h264", "shot -o a.png":
+                self.assert_refused(self.client(*command.split(), "--ask"), sentence)
+        self.desktop.answer("silent")
+        asked = self.desktop.said("asked")
+        waiting = self.client("record", "--ask", "-o", "a.mp4")
+        wait_until(lambda: self.desktop.said("asked") > asked, "the dialog")
+        waiting.process.send_signal(signal.SIGINT)
+        self.assert_refused(waiting, "", SOON)
+
+
+class PortalIsMissing(PortalTest, EndToEndTest):
+    @classmethod
+    def prepare(cls):
+        cls.desktop = Desktop(cls)
+
+    def record(self, **options):
+        return self.client("record", "-o", "a.mp4", **options)
+
+    def test_what_is_missing_gets_a_sentence(self):
+        # Catches a fault that is blamed on something else, and one that keeps the program waiting.
+        self.assert_refused(self.record(environment={"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere"}), "no message bus")
+        self.desktop.start_bus()
+        self.assert_refused(self.record(), "no desktop portal")
+        self.desktop.start_portal(backend=False)
+        self.assert_refused(self.record(), "offers no screen")
+        self.desktop.portal.close()
+        self.desktop.start_portal()
+        self.desktop.answer("pretend")
+        self.assert_refused(self.record(), "PipeWire cannot be reached")
+        self.desktop.portal.process.send_signal(signal.SIGSTOP)
+        self.assert_refused(self.record(), "portal does not answer", 8)
+        self.desktop.portal.process.send_signal(signal.SIGCONT)
+        self.desktop.start_pipewire()
+        self.assert_refused(self.record(), "PipeWire")
