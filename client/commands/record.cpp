@@ -7,6 +7,7 @@
 #include "files/output_watch.h"
 #include "machine/display.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/recording.h"
 #include "showing/status_report.h"
 #include <common/rounding.h>
@@ -41,11 +42,11 @@ uint64_t pictures_in(const std::string& source, Size size)
     return (bytes + picture - 1) / picture;
 }
 
-Size chosen_size(const RecordOptions& options)
+Size chosen_size(const RecordOptions& options, StopSignals& signals)
 {
     if (!options.source.empty())
         return *options.size;
-    return size_to_capture(display_to_capture(), options.size);
+    return size_to_capture(attended_display_to_capture(signals), options.size);
 }
 
 void print_settings(const RecordOptions& o, Size size)
@@ -122,7 +123,7 @@ private:
 class RecordRun {
 public:
     RecordRun(const RecordOptions& options, CommandContext& context)
-        : options_(options), context_(context), size_(chosen_size(options))
+        : options_(options), context_(context), size_(chosen_size(options, context.signals))
     {
         if (!options.source.empty())
             source_pictures_ = pictures_in(options.source, size_);

@@ -14,6 +14,7 @@
 #include "movie/movie_recording.h"
 #include "process/messages.h"
 #include "process/terminal_keys.h"
+#include "running/attended_display.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"
 #include "running/stream_control.h"
@@ -84,7 +85,7 @@ public:
     MovieRun(const RecordOptions& options, Container container, CommandContext& context)
         : options_(options), context_(context), container_(container),
           path_(checked_output(options.output, options.overwrite)),
-          size_(size_to_capture(display_to_capture(), options.size)),
+          size_(size_to_capture(attended_display_to_capture(context.signals), options.size)),
           report_(options.json, options.status_file),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
           movie_(format(), frame_limit(), sink_),

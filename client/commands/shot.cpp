@@ -7,6 +7,7 @@
 #include "files/png_file.h"
 #include "machine/display.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/attended_work.h"
 #include "running/still_pictures.h"
 
@@ -64,7 +65,7 @@ ExitCode run(const ShotOptions& options, CommandContext& context)
     for (uint32_t number = 1; number <= options.count && !is_standard_output(options.output);
          ++number)
         check_whole_file_path(shot_path(options, number), options.overwrite);
-    const DisplayInfo display = display_to_capture();
+    const DisplayInfo display = attended_display_to_capture(context.signals);
     const Size size = size_to_capture(display, options.size);
     if (options.verbose)
         print_message(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));

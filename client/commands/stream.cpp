@@ -3,6 +3,7 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/encoded_stream.h"
 #include "running/stream_control.h"
 #include <screenrecord/screenrecord.h>
@@ -23,7 +24,7 @@ public:
     StreamRun(const StreamOptions& options, CommandContext& context)
         : options_(options), context_(context),
           path_(checked_output(options.output, options.overwrite)),
-          size_(size_to_capture(display_to_capture(), options.size)),
+          size_(size_to_capture(attended_display_to_capture(context.signals), options.size)),
           sink_(path_, options.overwrite, context.output.fd(), context.signals),
           stream_(options, size_, context.signals),
           control_(options.control || on_foreground_terminal()), lost_(options.fps)
