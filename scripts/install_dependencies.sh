@@ -22,7 +22,7 @@ packages_of() {
         ;;
     display) echo xvfb ;;
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool sway pulseaudio \
-        pulseaudio-utils mutter xwayland libgl1-mesa-dri pipewire wireplumber xdg-desktop-portal \
+        pulseaudio-utils mutter libgl1-mesa-dri pipewire wireplumber xdg-desktop-portal \
         dbus-daemon python3-gi binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
         gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev clang-format \
         clang-tidy shellcheck flake8 doxygen clang-16 libc++-16-dev \

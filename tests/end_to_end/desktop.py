@@ -1,25 +1,13 @@
 """A desktop on Wayland without a screen: mutter, PipeWire and the desktop portal, of a user who is not root."""
 
-import ctypes
 import os
-import re
 import shutil
 import signal
 
 from harness import BUILD, SOURCE, wait_until
 
 USER = 65534  # nobody
-PORTAL = "/usr/libexec/xdg-desktop-portal"
-
-
-def become_user():
-    """Within a started program, ahead of its first instruction."""
-    if os.getuid() == 0:
-        os.setgroups([])
-        os.setgid(USER)
-        os.setuid(USER)
-        # PR_SET_PDEATHSIG, which a change of the user resets
-        ctypes.CDLL(None).prctl(1, signal.SIGKILL)
+AS_USER = {"user": USER, "group": USER, "extra_groups": []} if os.getuid() == 0 else {}
 
 
 class Desktop:
@@ -31,7 +19,7 @@ class Desktop:
         self.portals = test.path("portals")
         self.portals.mkdir()
         self.compositor = self.portal = self.user = None
-        test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "ZU3_DISPLAY": "portal",
+        test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "WAYLAND_DISPLAY": "wayland-0",
                              "XDG_DESKTOP_PORTAL_DIR": str(self.portals), "XDG_CURRENT_DESKTOP": "screenrecord_test"}
         if os.getuid() == 0:
             self.move_in()
@@ -41,7 +29,7 @@ class Desktop:
         built = self.test.path("built")
         shutil.copytree(BUILD / "lib", built / "lib", symlinks=True)
         (built / "bin").mkdir()
-        for program in ("screenrecord", "moving_screen"):
+        for program in ("screenrecord", "wayland_screen"):
             shutil.copy(BUILD / "bin" / program, built / "bin")
         shutil.copy(SOURCE / "tools" / "portal_user.py", built / "bin")
         self.test.environment["PATH"] = f'{built / "bin"}:{os.environ["PATH"]}'
@@ -67,20 +55,15 @@ class Desktop:
         self.start("wireplumber")
 
     def start_compositor(self):
-        """Starts mutter, with a screen of 1280x720 that X programs can draw on as well."""
-        self.compositor = self.start("mutter", "--headless", "--virtual-monitor", "1280x720", "--wayland")
+        """Starts mutter, with one monitor of 1280x720."""
+        socket = self.runtime / self.test.environment["WAYLAND_DISPLAY"]
+        socket.unlink(missing_ok=True)  # of one that was killed
+        self.compositor = self.start("mutter", "--headless", "--virtual-monitor", "1280x720", "--wayland", "--no-x11",
+                                     "--wayland-display", socket.name)
         wait_until(lambda: "Using Wayland display name" in self.compositor.errors() or
                    self.compositor.process.poll() is not None, "mutter")
-        display = re.search(r"public X11 display (:\d+)", self.compositor.errors())
-        if not display:
+        if self.compositor.process.poll() is not None:
             raise AssertionError(self.compositor.errors())
-        newest = max(self.runtime.glob(".mutter-Xwaylandauth.*"), key=os.path.getmtime)
-        self.x = {"DISPLAY": display[1], "XAUTHORITY": str(newest)}
-
-    def start_screen(self, *options):
-        screen = self.start("moving_screen", *options, environment=self.x)
-        screen.first_line()
-        return screen
 
     def start_portal(self, backend=True):
         if backend:
@@ -88,7 +71,7 @@ class Desktop:
                                    SOURCE / "tools" / "portal_user.py", self.portals)
             self.user.first_line()
             self.start("/usr/libexec/xdg-permission-store")
-        self.portal = self.start(PORTAL, "-v")
+        self.portal = self.start("/usr/libexec/xdg-desktop-portal", "-v")
         wait_until(lambda: "org.freedesktop.portal.Desktop acquired" in self.portal.output() + self.portal.errors() or
                    self.portal.process.poll() is not None, "the portal")
 

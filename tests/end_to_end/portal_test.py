@@ -3,7 +3,7 @@
 import signal
 
 import judges
-from desktop import Desktop, become_user
+from desktop import AS_USER, Desktop
 from harness import SOON, EndToEndTest, size_of, wait_until
 
 
@@ -12,7 +12,7 @@ class PortalTest:
 
     @classmethod
     def start(cls, *arguments, **options):
-        return super().start(*arguments, **{"prepare": become_user} | options)
+        return super().start(*arguments, **AS_USER | options)
 
     def assert_refused(self, running, pattern, seconds=20):
         """It failed with that sentence, and left no file."""
@@ -29,7 +29,7 @@ class Portal(PortalTest, EndToEndTest):
         cls.desktop.start_pipewire()
         cls.desktop.start_compositor()
         cls.desktop.start_portal()
-        cls.desktop.start_screen()
+        cls.start_screen(name="wayland_screen")
 
     def setUp(self):
         self.desktop.answer("grant")
@@ -97,7 +97,7 @@ class Portal(PortalTest, EndToEndTest):
             self.assertEqual(judges.faults(self.path("died.ts")), "")
         finally:
             self.desktop.start_compositor()
-            self.desktop.start_screen()
+            self.start_screen(name="wayland_screen")
 
     def test_user_refuses(self):
         # Catches a refusal that is taken for a fault, a file without a picture, and a dialog that keeps a stop waiting.
@@ -117,6 +117,7 @@ class PortalIsMissing(PortalTest, EndToEndTest):
     @classmethod
     def prepare(cls):
         cls.desktop = Desktop(cls)
+        cls.environment["ZU3_DISPLAY"] = "portal"
 
     def record(self, **options):
         return self.client("record", "-o", "a.mp4", **options)

@@ -248,8 +248,12 @@ void PipewireStream::end(const std::string& reason)
 
 void PipewireStream::on_state(pw_stream_state state, const char* error)
 {
-    if (state == PW_STREAM_STATE_ERROR)
-        end(std::string("PipeWire's stream failed: ") + (error ? error : "it gives no reason"));
+    const std::string said = error ? error : "it gives no reason";
+    if (state == PW_STREAM_STATE_ERROR && !format_ && said.find("format") != said.npos)
+        end("the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA (" + said +
+            ")");
+    else if (state == PW_STREAM_STATE_ERROR)
+        end("PipeWire's stream failed: " + said);
     else if (state == PW_STREAM_STATE_UNCONNECTED)
         end("PipeWire ended the stream");
 }
