@@ -72,8 +72,9 @@ TEST(Multiplexer, MakesGoodStreamsOfEverythingThatWasPushed)
         EXPECT_EQ(text_of(report.findings), "");
         EXPECT_LE(report.greatest_time_interval, 0.040);
         EXPECT_LT(report.first_time, 0.2);
-        if (const uint32_t rate = pushed.form.rate)
+        if (const uint32_t rate = pushed.form.rate) {
             EXPECT_NEAR(report.rate, rate, rate * 1e-6);
+        }
     }
 }
 

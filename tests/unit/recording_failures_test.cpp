@@ -123,7 +123,7 @@ TEST_F(RecordingFailures, WhatAFailingCallHasOpenedIsClosed)
         {"ZU_CAP_Open", take_stills},
         {"ZU_CAP_Open", encode},
         {"ZU_VENC_Open", encode},
-        {"ZU_ACAP_Open", [] { return audio_cap_open() == 0; }},
+        {"ZU_ACAP_Open", [] { return audio_cap_open() == 0; }, false},
         {"ZU_OS_IommuOperation:GET_BUFFD",
          [&] { return encode() && video_capenc_setWatermark(android::WatermarkParams()) == 0; },
          false},
