@@ -1,9 +1,8 @@
 #include "audio/capture_session.h"
 #include "audio/pcm_reader.h"
-#include "base/border.h"
+#include "base/handle_table.h"
 
 #include <atomic>
-#include <common/never_destroyed.h>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -106,13 +105,7 @@ using namespace zu3host;
 
 namespace {
 
-constexpr uint32_t first_handle = 0x500;
-
-HandleTable<AudioDevice>& devices()
-{
-    static common::NeverDestroyed<HandleTable<AudioDevice>> table(first_handle);
-    return *table;
-}
+constexpr auto devices = handle_table<AudioDevice, 0x500>;
 
 std::atomic<bool> initialised{false};
 std::atomic<u64> last_callback_id{0};

@@ -5,9 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <exception>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <new>
 #include <utility>
 #include <zu3/types.h>
@@ -19,49 +16,6 @@
 #define HOST_EXPORT __attribute__((visibility("default")))
 
 namespace zu3host {
-
-/**
- * The objects of one module by their u32 handle. A call that found its object keeps it alive, so
- * that a close on another thread cannot pull it away. Thread-safe.
- */
-template <typename T> class HandleTable {
-public:
-    /**
-     * Handles count up from `first`, so that those of different modules are told apart in a log.
-     */
-    explicit HandleTable(uint32_t first) : next_(first) {}
-
-    uint32_t add(std::shared_ptr<T> object)
-    {
-        const std::lock_guard lock(mutex_);
-        const uint32_t handle = next_++;
-        objects_.emplace(handle, std::move(object));
-        return handle;
-    }
-    /** The object, or null for a handle that is not open. */
-    std::shared_ptr<T> find(uint32_t handle) const
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = objects_.find(handle);
-        return found == objects_.end() ? nullptr : found->second;
-    }
-    /** Takes the object out; null for a handle that is not open. */
-    std::shared_ptr<T> remove(uint32_t handle)
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = objects_.find(handle);
-        if (found == objects_.end())
-            return nullptr;
-        std::shared_ptr<T> object = std::move(found->second);
-        objects_.erase(found);
-        return object;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    uint32_t next_;
-    std::map<uint32_t, std::shared_ptr<T>> objects_;
-};
 
 /**
  * Writes an output argument in one piece: a caller may lend a field that its callbacks look at
@@ -106,19 +60,6 @@ Result at_border(const char* what, Result failure, Call&& call) noexcept
 template <typename Call> u32 at_border(const char* function, Call&& call) noexcept
 {
     return at_border(function, u32{ZU_FAILURE}, [&] { return u32{call()}; });
-}
-
-/**
- * At the border: what `call` answers for the object of an open handle, ZU_INVALID_ARGUMENT for any
- * other handle.
- */
-template <typename T, typename Call>
-u32 with_object(const char* function, HandleTable<T>& (*table)(), u32 handle, Call&& call) noexcept
-{
-    return at_border(function, [&]() -> u32 {
-        const auto object = table().find(handle);
-        return object ? u32{call(*object)} : u32{ZU_INVALID_ARGUMENT};
-    });
 }
 
 } // namespace zu3host

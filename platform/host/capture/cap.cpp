@@ -1,18 +1,12 @@
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "capture/capture_device.h"
-
-#include <common/never_destroyed.h>
 
 namespace {
 
 using zu3host::at_border;
 using zu3host::CaptureDevice;
 
-zu3host::HandleTable<CaptureDevice>& devices()
-{
-    static common::NeverDestroyed<zu3host::HandleTable<CaptureDevice>> table(0xCA900001);
-    return *table;
-}
+constexpr auto devices = zu3host::handle_table<CaptureDevice, 0xCA900001>;
 
 template <typename F> u32 with_device(const char* function, u32 handle, F call)
 {

@@ -1,22 +1,15 @@
 // The video encoder's contract functions: handles to objects, arguments checked.
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "encoder/encoder.h"
 
 #include <atomic>
-#include <common/never_destroyed.h>
 #include <zu3/venc.h>
 
 using namespace zu3host;
 
 namespace {
 
-constexpr uint32_t first_handle = 0x300;
-
-HandleTable<Encoder>& encoders()
-{
-    static common::NeverDestroyed<HandleTable<Encoder>> table(first_handle);
-    return *table;
-}
+constexpr auto encoders = handle_table<Encoder, 0x300>;
 
 std::atomic<bool> initialised{false};
 

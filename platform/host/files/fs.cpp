@@ -1,8 +1,7 @@
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "files/open_file.h"
 #include "memory/memory_register.h"
 
-#include <common/never_destroyed.h>
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
@@ -14,15 +13,11 @@
 namespace {
 
 using zu3host::at_border;
-using zu3host::HandleTable;
+using zu3host::handle_table;
 using zu3host::OpenFile;
 
 // Handles count up from 1 and stay far below bit 31, which callers of a file clear as a mark.
-HandleTable<OpenFile>& files()
-{
-    static common::NeverDestroyed<HandleTable<OpenFile>> all(1);
-    return *all;
-}
+constexpr auto files = handle_table<OpenFile, 1>;
 
 /** The flags of open(2) for a stdio mode; nullopt for an invalid mode. */
 std::optional<int> open_flags_of_mode(const char* mode)

@@ -1,8 +1,7 @@
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "multiplexer/multiplexer.h"
 
 #include <atomic>
-#include <common/never_destroyed.h>
 #include <zu3/tsmux.h>
 
 namespace zu3host {
@@ -11,11 +10,7 @@ namespace {
 
 std::atomic<bool> initialised{false};
 
-HandleTable<Multiplexer>& multiplexers()
-{
-    static common::NeverDestroyed<HandleTable<Multiplexer>> table(0x600);
-    return *table;
-}
+constexpr auto multiplexers = handle_table<Multiplexer, 0x600>;
 
 /** Below this, packets are too far apart to keep the time references within 40 ms. */
 constexpr uint32_t least_constant_rate = 500000;

@@ -1,9 +1,8 @@
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "base/threads.h"
 
 #include <atomic>
 #include <chrono>
-#include <common/never_destroyed.h>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -85,15 +84,11 @@ void TimedMutex::retire()
 namespace {
 
 using zu3host::at_border;
-using zu3host::HandleTable;
+using zu3host::handle_table;
 using zu3host::TimedMutex;
 
 // Ids only count up, so that an old one is never another mutex. Counting never reaches -1.
-HandleTable<TimedMutex>& mutexes()
-{
-    static common::NeverDestroyed<HandleTable<TimedMutex>> all(0);
-    return *all;
-}
+constexpr auto mutexes = handle_table<TimedMutex, 0>;
 
 u32 obtain(TimedMutex& mutex, u32 timeout_ms)
 {

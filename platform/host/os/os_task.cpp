@@ -1,4 +1,4 @@
-#include "base/border.h"
+#include "base/handle_table.h"
 #include "base/threads.h"
 #include "os/task_deletion.h"
 
@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <common/descriptor.h>
-#include <common/never_destroyed.h>
 #include <condition_variable>
 #include <cstring>
 #include <memory>
@@ -170,7 +169,7 @@ bool Task::runs_on_this_thread() const
 namespace {
 
 using zu3host::at_border;
-using zu3host::HandleTable;
+using zu3host::handle_table;
 using zu3host::Task;
 
 // How long a deletion waits for an entry that still runs; callers have told it to end long before.
@@ -179,11 +178,7 @@ constexpr std::chrono::milliseconds deletion_limit{2000};
 // A stack size beyond this is a mistake and not a wish.
 constexpr u32 greatest_stack_bytes = 64u << 20;
 
-HandleTable<Task>& tasks()
-{
-    static common::NeverDestroyed<HandleTable<Task>> all(1);
-    return *all;
-}
+constexpr auto tasks = handle_table<Task, 1>;
 
 bool is_complete(const ZU_OS_TaskAttr_t& attributes)
 {
