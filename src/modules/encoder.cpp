@@ -39,21 +39,33 @@ u32 _SCREENRECORD_Venc_Level_Convert(u32 u32Level)
     return 0;
 }
 
-ZU_VENC_OpenParams_t EncoderParams(const CapEnc_OpenParams& stParams, ZU_VENC_Callback pfnOutput)
+ZU_VENC_OpenParams_t CommonParams(u32 u32Width, u32 u32Height, u32 u32FrameRate,
+                                  ZU_VENC_Callback pfnOutput)
 {
     ZU_VENC_OpenParams_t stOpen = {};
     stOpen.pu8Name = "venc0";
-    stOpen.eColorFormat = E_ZU_VENC_COLOR_INJECT;
-    stOpen.u32Width = stParams.width;
-    stOpen.u32Height = stParams.height;
-    stOpen.u32FrameRate = stParams.frameRate;
-    stOpen.u32Bitrate = stParams.outputBitrate >> 10;
-    stOpen.u32Profile = _SCREENRECORD_Venc_Profile_Convert(stParams.profile);
-    stOpen.u32Level = _SCREENRECORD_Venc_Level_Convert(stParams.level);
+    stOpen.u32Width = u32Width;
+    stOpen.u32Height = u32Height;
+    stOpen.u32FrameRate = u32FrameRate;
     stOpen.eCodecType = E_ZU_VENC_CODEC_H264;
     stOpen.pfnCallback = pfnOutput;
     stOpen.u32EventMask = ZU_VENC_EVENT_FRAME;
     return stOpen;
+}
+
+/** Logs under the name of `pCaller`. */
+bool OpenDevice(const char* pCaller, const ZU_VENC_OpenParams_t& stParams,
+                SCREENRECORD_TaskCtrl_s* pstTask)
+{
+    const LogAs as(pCaller);
+    SR_HELPER_LOGD("output frame: [%ld, %ld] frame rate = %ld\n",
+                   static_cast<long>(stParams.u32Width), static_cast<long>(stParams.u32Height),
+                   static_cast<long>(stParams.u32FrameRate));
+    if (ZU_VENC_Open(&stParams, pstTask->u32Handle.OutputArgument()) == ZU_OK)
+        return true;
+    SR_HELPER_LOGE("Fail to call ZU_VENC_Open()\n");
+    _SCREENRECORD_CloseVenc(pstTask);
+    return false;
 }
 
 } // namespace
@@ -78,24 +90,14 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
         SR_LOGE("Venc Support!\n");
         return ZU_FAILURE;
     }
-    ZU_VENC_OpenParams_t stParams = {};
-    stParams.pu8Name = "venc0";
+    ZU_VENC_OpenParams_t stParams =
+        CommonParams(stSrcInfo.u32Width, stSrcInfo.u32Height, stSrcInfo.u32FrameRate,
+                     _SCREENRECORD_VencCbHandler);
     stParams.eColorFormat = E_ZU_VENC_COLOR_COPY;
-    stParams.u32Width = stSrcInfo.u32Width;
-    stParams.u32Height = stSrcInfo.u32Height;
-    stParams.u32FrameRate = stSrcInfo.u32FrameRate;
     stParams.u32Bitrate = RECORDING_BITRATE;
     stParams.eCodecType = stSrcInfo.eVencType;
-    stParams.pfnCallback = _SCREENRECORD_VencCbHandler;
-    stParams.u32EventMask = ZU_VENC_EVENT_FRAME;
-    SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stParams.u32Width),
-            static_cast<long>(stParams.u32Height), static_cast<long>(stParams.u32FrameRate));
-
-    if (ZU_VENC_Open(&stParams, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
-        SR_LOGE("Fail to call ZU_VENC_Open()\n");
-        _SCREENRECORD_CloseVenc(pstTask);
+    if (!OpenDevice(__func__, stParams, pstTask))
         return ZU_FAILURE;
-    }
     // Pictures go to slot 0's encoder. If that is this one, which lends buffers, or is not open,
     // the inject buffer of an earlier capture-encode session went with its encoder.
     const u32 u32PictureEncoder = _astSlotCtrl[0].astTaskCtrl[E_SCREENRECORD_MODULE_VENC].u32Handle;
@@ -113,15 +115,15 @@ u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams, ZU_VENC_Callb
                 stCaps.u32MaxFrameRate);
         return ZU_FAILURE;
     }
-    const ZU_VENC_OpenParams_t stOpen = EncoderParams(stParams, pfnOutput);
-    SR_LOGD("output frame: [%ld, %ld] frame rate = %ld\n", static_cast<long>(stOpen.u32Width),
-            static_cast<long>(stOpen.u32Height), static_cast<long>(stOpen.u32FrameRate));
+    ZU_VENC_OpenParams_t stOpen =
+        CommonParams(stParams.width, stParams.height, stParams.frameRate, pfnOutput);
+    stOpen.eColorFormat = E_ZU_VENC_COLOR_INJECT;
+    stOpen.u32Bitrate = stParams.outputBitrate >> 10;
+    stOpen.u32Profile = _SCREENRECORD_Venc_Profile_Convert(stParams.profile);
+    stOpen.u32Level = _SCREENRECORD_Venc_Level_Convert(stParams.level);
     SCREENRECORD_TaskCtrl_s* pstTask = _SCREENRECORD_TaskOf(0, E_SCREENRECORD_MODULE_VENC);
-    if (ZU_VENC_Open(&stOpen, pstTask->u32Handle.OutputArgument()) != ZU_OK) {
-        SR_LOGE("Fail to call ZU_VENC_Open()\n");
-        _SCREENRECORD_CloseVenc(pstTask);
+    if (!OpenDevice(__func__, stOpen, pstTask))
         return ZU_FAILURE;
-    }
     if (!_SCREENRECORD_QueryInjectBuffer(pstTask->u32Handle, stParams.width, stParams.height)) {
         SR_LOGE("Failed to ZU_VENC_QueryBuffer(...)!\n");
         _SCREENRECORD_CloseVenc(pstTask);

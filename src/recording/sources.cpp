@@ -38,21 +38,23 @@ bool SelectVideoSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8VencType)
     return true;
 }
 
+bool Opened(u32 u32Result, const char* pText)
+{
+    if (u32Result != ZU_OK)
+        SR_HELPER_LOGE("%s\n", pText);
+    return u32Result == ZU_OK;
+}
+
 /** Opens the file or the capture that feeds the encoder. */
 bool OpenVideoSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
-    if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr) {
-        SCREENRECORD_TaskCtrl_s* pstReader =
-            &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VIDEO_SRC_READER];
-        if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
-            return true;
-        SR_HELPER_LOGE("[DEMO TRANSCODE] Open Src File Reader Failed!\n");
-        return false;
-    }
-    if (_SCREENRECORD_OpenVcap(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VCAP]) == ZU_OK)
-        return true;
-    SR_HELPER_LOGE("[DEMO TRANSCODE] Open Vcap Failed!\n");
-    return false;
+    SCREENRECORD_TaskCtrl_s* pastTask = pstSlot->astTaskCtrl;
+    if (pstSlot->stSrcInfo.pu8VideoSrcName != nullptr)
+        return Opened(
+            _SCREENRECORD_OpenSrcReader(pstSlot, &pastTask[E_SCREENRECORD_MODULE_VIDEO_SRC_READER]),
+            "[DEMO TRANSCODE] Open Src File Reader Failed!");
+    return Opened(_SCREENRECORD_OpenVcap(pstSlot, &pastTask[E_SCREENRECORD_MODULE_VCAP]),
+                  "[DEMO TRANSCODE] Open Vcap Failed!");
 }
 
 /**
@@ -86,18 +88,13 @@ bool SelectAudioSource(SCREENRECORD_SrcInfo_s& stSrcInfo, const u8* pu8AencType)
 
 bool OpenAudioSource(SCREENRECORD_SlotCtrl_s* pstSlot)
 {
-    if (pstSlot->stSrcInfo.pu8AudioSrcName != nullptr) {
-        SCREENRECORD_TaskCtrl_s* pstReader =
-            &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_AUDIO_SRC_READER];
-        if (_SCREENRECORD_OpenSrcReader(pstSlot, pstReader) == ZU_OK)
-            return true;
-        SR_HELPER_LOGE("[DEMO TRANSCODE] Open AUDIO Src File Reader Failed!\n");
-        return false;
-    }
-    if (_SCREENRECORD_OpenAcap(&pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_ACAP], 1) == ZU_OK)
-        return true;
-    SR_HELPER_LOGE("[DEMO TRANSCODE] Open Acap Failed!\n");
-    return false;
+    SCREENRECORD_TaskCtrl_s* pastTask = pstSlot->astTaskCtrl;
+    if (pstSlot->stSrcInfo.pu8AudioSrcName != nullptr)
+        return Opened(
+            _SCREENRECORD_OpenSrcReader(pstSlot, &pastTask[E_SCREENRECORD_MODULE_AUDIO_SRC_READER]),
+            "[DEMO TRANSCODE] Open AUDIO Src File Reader Failed!");
+    return Opened(_SCREENRECORD_OpenAcap(&pastTask[E_SCREENRECORD_MODULE_ACAP], 1),
+                  "[DEMO TRANSCODE] Open Acap Failed!");
 }
 
 } // namespace
