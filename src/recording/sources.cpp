@@ -118,13 +118,9 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
     stSrcInfo.u32Width = PointedValueOr(pu32Width, SCREENRECORD_DEFAULT_WIDTH);
     stSrcInfo.u32Height = PointedValueOr(pu32Height, SCREENRECORD_DEFAULT_HEIGHT);
     stSrcInfo.u32FrameRate = PointedValueOr(pu32FrameRate, SCREENRECORD_DEFAULT_FRAME_RATE);
-    if (_SCREENRECORD_OpenVenc(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC]) !=
-        ZU_OK) {
-        SR_LOGE("[DEMO TRANSCODE] Open Venc Failed!\n");
-        SCREENRECORD_Close(pu32Handle);
-        return 0;
-    }
-    if (!OpenVideoSource(pstSlot)) {
+    if (!Opened(_SCREENRECORD_OpenVenc(pstSlot, &pstSlot->astTaskCtrl[E_SCREENRECORD_MODULE_VENC]),
+                "[DEMO TRANSCODE] Open Venc Failed!") ||
+        !OpenVideoSource(pstSlot)) {
         SCREENRECORD_Close(pu32Handle);
         return 0;
     }
