@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 
 namespace common {
 namespace {
@@ -36,7 +37,55 @@ std::pair<int32_t, uint32_t> common_span(int32_t a_start, uint32_t a_length, int
     return {static_cast<int32_t>(start), static_cast<uint32_t>(std::max<int64_t>(end - start, 0))};
 }
 
+/** A setting's value; "" if it is not set. */
+std::string_view setting(const char* name)
+{
+    const char* value = secure_getenv(name);
+    return value ? value : "";
+}
+
+/** Stores what `parse` makes of a setting; false, with a problem, if it makes nothing. */
+template <typename Value, typename Parse>
+bool read_setting(const char* name, Parse parse, const char* expected, std::optional<Value>& value,
+                  std::string& problem)
+{
+    const std::string_view text = setting(name);
+    if (text.empty())
+        return true;
+    value = parse(text);
+    if (!value)
+        problem = std::string(name) + "=\"" + std::string(text) + "\" is not " + expected;
+    return value.has_value();
+}
+
+std::optional<bool> parse_switch(std::string_view text)
+{
+    if (text == "0" || text == "1")
+        return text == "1";
+    return std::nullopt;
+}
+
 } // namespace
+
+std::optional<ScreenPart> screen_part_of_environment(std::string& problem)
+{
+    ScreenPart part;
+    std::optional<bool> pointer;
+    if (!read_setting("ZU3_REGION", parse_region, "a region such as 640x360+100+50", part.region,
+                      problem) ||
+        !read_setting("ZU3_WINDOW", parse_window,
+                      "\"active\" or a window's number such as 0x1c00003", part.window, problem) ||
+        !read_setting("ZU3_POINTER", parse_switch, "0 (without the pointer) or 1 (with it)",
+                      pointer, problem))
+        return std::nullopt;
+    part.monitor = setting("ZU3_MONITOR");
+    part.pointer = pointer.value_or(true);
+    if (part.region.has_value() + part.window.has_value() + !part.monitor.empty() <= 1)
+        return part;
+    problem =
+        "only one of ZU3_REGION, ZU3_MONITOR and ZU3_WINDOW can name the part of the screen that is captured";
+    return std::nullopt;
+}
 
 std::optional<ScreenRegion> parse_region(std::string_view text)
 {

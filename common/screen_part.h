@@ -42,6 +42,14 @@ std::optional<ScreenRegion> parse_region(std::string_view text);
 /** "active", or a window's number, decimal or hexadecimal after "0x"; not 0. */
 std::optional<uint32_t> parse_window(std::string_view text);
 
+/**
+ * The part that ZU3_REGION, ZU3_MONITOR or ZU3_WINDOW names, and whether ZU3_POINTER leaves out the
+ * pointer. Nullopt, and `problem` as a sentence without its full stop, for a value that cannot be
+ * read, and if more than one part is named. Does not read the environment of a process with
+ * privileges.
+ */
+std::optional<ScreenPart> screen_part_of_environment(std::string& problem);
+
 /** A region as parse_region() reads it. */
 std::string region_text(const ScreenRegion& region);
 

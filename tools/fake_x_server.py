@@ -43,6 +43,12 @@ REPLIES = {
     (130, 4): ("shm_image", lambda _: (24, fields("II", VISUAL, WIDTH * HEIGHT * 4), b"")),
     (138, 0): ("xfixes_version", lambda _: (0, fields("II", 5, 0), b"")),
     (138, 4): ("cursor", lambda _: (0, fields("hhHHHHI", 30, 30, 16, 16, 8, 8, 1), b"\x80" * 1024)),
+    (138, 19): ("region", lambda _: (0, fields("hhHH", 0, 0, WIDTH, HEIGHT), struct.pack("<hhHH", 8, 8, 16, 16) +
+                                     struct.pack("<hhHH", 40, 40, 8, 8))),
+    (140, 0): ("randr_version", lambda _: (0, fields("II", 1, 5), b"")),
+    (140, 42): ("monitors", lambda _: (0, fields("III", 1, 1, 1), struct.pack(
+        "<IBBHhhHHIII", 0x200, 1, 1, 1, 0, 0, WIDTH, HEIGHT, 16, 16, 0x41))),
+    (17, None): ("atom", lambda _: (0, fields("H", 4), b"fake")),
     (140, 25): ("outputs", lambda _: (0, fields("IIHHHH", 1, 1, 1, 1, 1, 8),
                                       struct.pack("<II", CRTC, 0x41) +
                                       struct.pack("<IHHIHHHHHHHHI", MODE, 64, 64, 64 * 64 * 60, 64, 64, 64, 0,
@@ -145,6 +151,9 @@ class Connection:
         opcode, minor = request[:2]
         if (opcode, minor) == (130, 6) and self.target == "attach":
             self.send({"error": error(self.sequence), "end": None}.get(self.way, packet(self.sequence, 0, bytes(24), b"")))
+        if (opcode, minor) == (143, 3):
+            # Something is drawn whenever the drawing so far was asked for.
+            self.send(struct.pack("<BBH", 64, 0, self.sequence & 0xFFFF) + bytes(28))
         known = REPLIES.get((opcode, minor if opcode >= 128 else None))
         if not known:
             return

@@ -68,7 +68,7 @@ TEST(PartChoice, RefusesTwoParts)
     const Setting region("ZU3_REGION", "640x360+0+0"), monitor("ZU3_MONITOR", "primary");
     testing::internal::CaptureStderr();
     EXPECT_FALSE(chosen_screen_part());
-    EXPECT_NE(captured_log().find("Only one of"), std::string::npos);
+    EXPECT_NE(captured_log().find("only one of"), std::string::npos);
 }
 
 // Catches a sum that overflows, and an edge that counts as a common pixel.

@@ -169,10 +169,10 @@ ChosenScreen unknown_setting()
 }
 
 // no test card in place of a screen that is missing: it would pass for one
-std::unique_ptr<PictureSource> open_x11()
+std::unique_ptr<PictureSource> open_x11(const common::ScreenPart& part)
 {
     return PatientSource::open("The X display DISPLAY=\"" + environment("DISPLAY") + "\"",
-                               [] { return X11Source::open(); });
+                               [part] { return X11Source::open(part); });
 }
 
 using Findings = std::vector<ScreenFinding>;
@@ -244,13 +244,12 @@ ChosenScreen open_wayland_screen(const common::ScreenPart& part)
 ChosenScreen open_chosen_screen(const common::ScreenPart& part)
 {
     ChosenScreen screen = open_wayland_screen(part);
-    if (screen.kind == ZU3_HOST_SCREEN_X11 || screen.kind == ZU3_HOST_SCREEN_TESTCARD)
-        screen.problem = refusal_of_part(part);
-    if (!screen.problem.empty())
-        return screen;
     if (screen.kind == ZU3_HOST_SCREEN_X11)
-        screen.source = open_x11();
-    else if (screen.kind == ZU3_HOST_SCREEN_TESTCARD)
+        screen.source = open_x11(part);
+    if (screen.kind != ZU3_HOST_SCREEN_TESTCARD)
+        return screen;
+    screen.problem = refusal_of_part(part);
+    if (screen.problem.empty())
         screen.source = open_test_card();
     return screen;
 }

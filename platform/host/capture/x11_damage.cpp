@@ -14,10 +14,10 @@ constexpr int most_parts = 256;
 void add_inside(const xcb_rectangle_t& drawn, const X11Place& place, PartList& parts)
 {
     const auto inside = common::overlap({drawn.x, drawn.y, {drawn.width, drawn.height}},
-                                        {place.x, place.y, place.size});
+                                        {place.window_x, place.window_y, place.size});
     if (inside)
-        parts.add({static_cast<uint32_t>(inside->x - place.x),
-                   static_cast<uint32_t>(inside->y - place.y), inside->size});
+        parts.add({static_cast<uint32_t>(inside->x - place.window_x),
+                   static_cast<uint32_t>(inside->y - place.window_y), inside->size});
 }
 
 } // namespace

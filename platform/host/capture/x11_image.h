@@ -21,6 +21,11 @@ struct X11Place {
     int16_t x;
     int16_t y;
     PictureSize size;
+    /** the window that shows the same pixels, which tells what is drawn and where the pointer is */
+    xcb_window_t window;
+    /** the corner in that window */
+    int16_t window_x;
+    int16_t window_y;
     bool operator==(const X11Place&) const = default;
 };
 

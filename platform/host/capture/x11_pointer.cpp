@@ -37,11 +37,11 @@ bool X11Pointer::handle_event(const xcb_generic_event_t& event)
     return true;
 }
 
-void X11Pointer::request()
+void X11Pointer::request(xcb_window_t window)
 {
     if (!available_)
         return;
-    position_sequence_ = xcb_query_pointer(connection_.xcb(), connection_.screen().root).sequence;
+    position_sequence_ = xcb_query_pointer(connection_.xcb(), window).sequence;
     image_asked_ = image_stale_;
     // an event that comes from here on is about a change after the image
     image_stale_ = false;
@@ -57,10 +57,10 @@ void X11Pointer::collect()
     if (position.reply) {
         const xcb_query_pointer_reply_t& now = *position.reply;
         const bool moved =
-            (now.same_screen != 0) != on_screen_ || now.root_x != x_ || now.root_y != y_;
+            (now.same_screen != 0) != on_screen_ || now.win_x != x_ || now.win_y != y_;
         on_screen_ = now.same_screen;
-        x_ = now.root_x;
-        y_ = now.root_y;
+        x_ = now.win_x;
+        y_ = now.win_y;
         changes_ += moved;
     }
     if (!image_asked_)

@@ -21,15 +21,15 @@ public:
     /** Takes note of an event; false when it does not concern the pointer. */
     bool handle_event(const xcb_generic_event_t& event);
     /**
-     * Asks where the pointer is, and what it looks like if that changed; to be followed by
+     * Asks where the pointer is on a window, and what it looks like if that changed; to be followed by
      * collect().
      */
-    void request();
+    void request(xcb_window_t window);
     /** Waits for the answers. */
     void collect();
     /**
      * Draws it where it was at the last collect(), into an image whose top left corner is (left,
-     * top) of the screen, and keeps the pixels that were there.
+     * top) of the window, and keeps the pixels that were there.
      */
     void draw(uint8_t* pixels, uint32_t stride, PictureSize size, int32_t left, int32_t top);
     /** Puts the kept pixels back into the image that it was drawn into. */

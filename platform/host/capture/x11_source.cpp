@@ -4,6 +4,8 @@
 #include "statistics/counters.h"
 
 #include <algorithm>
+#include <string>
+#include <utility>
 
 namespace zu3host {
 
@@ -26,23 +28,21 @@ bool is_possible(PictureSize size)
 
 } // namespace
 
-std::unique_ptr<X11Source> X11Source::open()
+std::unique_ptr<X11Source> X11Source::open(const common::ScreenPart& part)
 {
     std::unique_ptr<X11Connection> connection = X11Connection::open();
     if (!connection || !has_known_pixels(*connection))
         return nullptr;
-    return std::unique_ptr<X11Source>(new X11Source(std::move(connection)));
+    std::unique_ptr<X11View> view = open_x11_view(*connection, part);
+    if (!view)
+        return nullptr;
+    return std::unique_ptr<X11Source>(new X11Source(std::move(connection), std::move(view)));
 }
 
-X11Source::X11Source(std::unique_ptr<X11Connection> connection)
-    : connection_(std::move(connection)), pointer_(*connection_),
+X11Source::X11Source(std::unique_ptr<X11Connection> connection, std::unique_ptr<X11View> view)
+    : connection_(std::move(connection)), view_(std::move(view)), pointer_(*connection_),
       damage_(*connection_, pointer_.available())
 {
-    // The root window is reconfigured when the screen is resized.
-    const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-    xcb_change_window_attributes(connection_->xcb(), connection_->screen().root, XCB_CW_EVENT_MASK,
-                                 &events);
-    damage_.watch(connection_->screen().root);
     connection_->on_event([this](const xcb_generic_event_t& event) { handle_event(event); });
 }
 
@@ -54,10 +54,8 @@ X11Source::~X11Source()
 
 void X11Source::handle_event(const xcb_generic_event_t& event)
 {
-    if (pointer_.handle_event(event) || damage_.handle_event(event))
-        return;
-    if ((event.response_type & 0x7F) == XCB_CONFIGURE_NOTIFY)
-        size_stale_ = true;
+    if (!pointer_.handle_event(event) && !damage_.handle_event(event))
+        place_stale_ = view_->is_moved_by(event) || place_stale_;
 }
 
 std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
@@ -66,17 +64,17 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     constexpr int attempts = 3;
     connection_->take_events();
     for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
-        if ((size_stale_ || !image_) && !make_image())
+        if ((place_stale_ || !image_) && !find_place())
             continue;
         if (bring_up_to_date(request.pointer))
             return image();
-        size_stale_ = true;
+        place_stale_ = true;
         pixels_stale_ = true;
     }
-    if (!connection_->lost())
-        note_refusal();
-    else if (!connection_->was_cut())
+    if (connection_->lost() || !view_->end().empty())
         note_loss();
+    else
+        note_refusal();
     return std::nullopt;
 }
 
@@ -87,25 +85,25 @@ BgraImage X11Source::image() const
     return image;
 }
 
-bool X11Source::make_image()
+bool X11Source::find_place()
 {
-    size_stale_ = false;
-    const xcb_window_t root = connection_->screen().root;
-    const auto asked = xcb_get_geometry(connection_->xcb(), root);
-    const auto geometry = connection_->wait<xcb_get_geometry_reply_t>(asked.sequence);
-    const PictureSize size =
-        geometry.reply ? PictureSize{geometry.reply->width, geometry.reply->height} : PictureSize{};
-    if (!is_possible(size)) {
-        size_stale_ = true;
+    place_stale_ = false;
+    const std::optional<X11Place> place = view_->locate();
+    if (!place || !is_possible(place->size)) {
+        place_stale_ = true;
         return false;
     }
-    place_ = {root, 0, 0, size};
-    return (image_ && image_->size() == size) || allocate_image(size);
+    if (image_ && *place == place_)
+        return true;
+    if (place->window != place_.window)
+        damage_.watch(place->window);
+    pixels_stale_ = true;
+    place_ = *place;
+    return (image_ && image_->size() == place_.size) || allocate_image(place_.size);
 }
 
 bool X11Source::allocate_image(PictureSize size)
 {
-    pixels_stale_ = true;
     pointer_.forget_drawing();
     image_ = X11Image::shared(*connection_, size);
     if (image_ || connection_->lost())
@@ -134,7 +132,8 @@ bool X11Source::bring_up_to_date(bool pointer)
     if (!fetch(checks))
         return false;
     if (pointer)
-        pointer_.draw(image_->pixels(), image_->stride(), image_->size(), place_.x, place_.y);
+        pointer_.draw(image_->pixels(), image_->stride(), image_->size(), place_.window_x,
+                      place_.window_y);
     if (!same_pointer)
         for (const auto& drawn : {pointer_before, pointer_.drawn()})
             changed_.add(drawn.value_or(PictureRectangle{}));
@@ -154,7 +153,7 @@ void X11Source::find_changes(bool pointer)
     if (drawn)
         damage_.request();
     if (pointer)
-        pointer_.request();
+        pointer_.request(place_.window);
     if (drawn)
         damage_.collect(place_, changed_);
     if (pointer)
@@ -185,12 +184,12 @@ bool X11Source::fetch(uint32_t checks)
     if (!changed_.empty())
         image_->request(place_, changed_);
     // There is room for one check at a time.
-    do {
-        if (checks > 0)
+    for (uint32_t step = 0; step == 0 || step < checks; ++step) {
+        if (step < checks)
             image_->request_check(place_);
         if (!image_->collect(changed_))
             return false;
-    } while (checks-- > 1);
+    }
     pixels_stale_ = false;
     return true;
 }
@@ -205,12 +204,16 @@ void X11Source::note_refusal()
 
 void X11Source::note_loss()
 {
-    if (told_of_loss_)
+    if (connection_->was_cut() || std::exchange(told_of_loss_, true))
         return;
-    told_of_loss_ = true;
-    HOST_LOGE(
-        "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the recording again when the display is back.",
-        connection_->display().c_str());
+    const std::string end = connection_->lost() ? "" : view_->end();
+    if (end.empty())
+        HOST_LOGE(
+            "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the recording again when the display is back.",
+            connection_->display().c_str());
+    else
+        HOST_LOGE("DISPLAY=\"%s\": %s. There are no more pictures.", connection_->display().c_str(),
+                  end.c_str());
     counters().display_lost.store(1, std::memory_order_relaxed);
 }
 

@@ -6,6 +6,7 @@
 #include "capture/x11_damage.h"
 #include "capture/x11_image.h"
 #include "capture/x11_pointer.h"
+#include "capture/x11_view.h"
 
 #include <chrono>
 #include <cstdint>
@@ -14,15 +15,18 @@
 namespace zu3host {
 
 /**
- * The whole X11 screen that DISPLAY names, all its monitors, in its own size; follows when that
- * changes. Fetches what was drawn since the last grab, as DAMAGE tells; a driver may draw without
- * telling, so all lines are compared once a second as well. When the server goes away it says so
+ * A part of the X11 screen that DISPLAY names, or the whole with all its monitors, in its own size;
+ * follows when that changes. Fetches what was drawn since the last grab, as DAMAGE tells; a driver may draw without
+ * telling, so all lines are compared once a second as well. When the server or the part goes away it says so
  * once in the log and in the statistics, and has no pictures from then on.
  */
 class X11Source : public WaitingSource {
 public:
-    /** Null, with a log line, when the display cannot be reached or its pixels cannot be read. */
-    static std::unique_ptr<X11Source> open();
+    /**
+     * Null, with a log line, when the display cannot be reached, its pixels cannot be read, or it
+     * has no such part.
+     */
+    static std::unique_ptr<X11Source> open(const common::ScreenPart& part);
     ~X11Source() override;
 
     /** Waits without a bound: the stop and the patience of the request are the caller's to keep. */
@@ -32,9 +36,9 @@ public:
 private:
     using Time = std::chrono::steady_clock::time_point;
 
-    explicit X11Source(std::unique_ptr<X11Connection> connection);
+    X11Source(std::unique_ptr<X11Connection> connection, std::unique_ptr<X11View> view);
     void handle_event(const xcb_generic_event_t& event);
-    bool make_image();
+    bool find_place();
     bool allocate_image(PictureSize size);
     bool bring_up_to_date(bool pointer);
     void find_changes(bool pointer);
@@ -45,11 +49,12 @@ private:
     void note_refusal();
 
     std::unique_ptr<X11Connection> connection_;
+    std::unique_ptr<X11View> view_;
     X11Pointer pointer_;
     X11Damage damage_;
     X11Place place_{};
     std::unique_ptr<X11Image> image_;
-    bool size_stale_ = true;
+    bool place_stale_ = true;
     // all of them have to be fetched
     bool pixels_stale_ = true;
     bool told_of_plain_ = false;
