@@ -157,6 +157,9 @@ void check_record(const CLI::App& command, const RecordOptions& options)
             "--source",
             "'" + options.source +
                 "' ends in .ts, so the library would read it as a transport stream, not as raw NV12 pictures; rename it");
+    if (!options.source.empty() && (options.part || !options.pointer))
+        refuse("--source",
+               "replaces the screen; it cannot be combined with a part of it or --no-pointer");
     if (options.slot != 0 && options.source.empty() && !options.one_call)
         refuse(
             "--slot",

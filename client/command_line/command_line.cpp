@@ -135,6 +135,19 @@ std::string missing_partner(const CLI::App& command)
     return option->get_name() + " needs " + partner->get_name() + ", which is missing";
 }
 
+/** The given option that another given one excludes. */
+std::string excluded_partner(const CLI::App& command)
+{
+    const CLI::Option* other = nullptr;
+    const CLI::Option* option = find_option(command, [&other](const auto* each) {
+        for (const CLI::Option* excluded : each->get_excludes())
+            if (each->count() > 0 && excluded->count() > 0)
+                other = excluded;
+        return other != nullptr;
+    });
+    return option->get_name() + " and " + other->get_name() + " cannot be combined";
+}
+
 /** One sentence: the error, the word that caused it, and the correct form if there is one. */
 std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
                            const std::string& last_word)
@@ -159,6 +172,8 @@ std::string error_sentence(const CLI::App& app, const CLI::ParseError& error,
         return flag_with_value(command);
     if (dynamic_cast<const CLI::RequiresError*>(&error))
         return missing_partner(command);
+    if (dynamic_cast<const CLI::ExcludesError*>(&error))
+        return excluded_partner(command);
     // our own refusal
     return error.what();
 }

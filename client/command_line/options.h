@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "machine/display.h"
+#include <common/screen_part.h>
 
 namespace client {
 
@@ -72,8 +73,16 @@ struct CommonOptions {
     std::optional<Seconds> time;
 };
 
-struct RecordOptions : CommonOptions {
+/** Options of the commands that capture the screen. */
+struct ScreenOptions : CommonOptions {
     std::optional<Size> size;
+    /** which part of the screen; not given = as the environment says */
+    std::optional<common::ScreenPart> part;
+    /** --no-pointer was not given */
+    bool pointer = true;
+};
+
+struct RecordOptions : ScreenOptions {
     uint32_t fps = 30;
     /** units of 1048576 bit/s, 0 = as much as the content needs */
     uint32_t constant_mbit = 0;
@@ -102,8 +111,7 @@ struct WatermarkOptions {
     uint32_t opacity = 255;
 };
 
-struct StreamOptions : CommonOptions {
-    std::optional<Size> size;
+struct StreamOptions : ScreenOptions {
     uint32_t fps = 30;
     /** bit/s */
     std::optional<uint32_t> bit_rate;
@@ -118,8 +126,7 @@ struct StreamOptions : CommonOptions {
     bool control = false;
 };
 
-struct ShotOptions : CommonOptions {
-    std::optional<Size> size;
+struct ShotOptions : ScreenOptions {
     /** Cap_OutputFmt_e */
     uint32_t format = 2;
     uint32_t count = 1;

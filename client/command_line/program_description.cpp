@@ -113,6 +113,48 @@ void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
                  });
 }
 
+/** The option that names a part of the screen; one at most is given. */
+CLI::Option* define_part(CLI::App& command, const char* name, const char* type, const char* text,
+                         ScreenOptions& options,
+                         std::function<std::string(const std::string&, common::ScreenPart&)> parse)
+{
+    return define_value(command, name, type, text,
+                        [&options, parse = std::move(parse)](const std::string& given) {
+                            return parse(given, options.part.emplace());
+                        });
+}
+
+void define_parts(CLI::App& command, ScreenOptions& options)
+{
+    auto* region = define_part(
+        command, "--region", "WxH+X+Y", "only this part of the screen, such as 640x360+100+50",
+        options, [](const std::string& given, common::ScreenPart& part) {
+            part.region = common::parse_region(given);
+            return part.region ? "" : "is not a region such as 640x360+100+50";
+        });
+    auto* monitor = define_part(command, "--monitor", "NAME|primary",
+                                "only this monitor, as 'screenrecord devices' names it", options,
+                                [](const std::string& given, common::ScreenPart& part) {
+                                    part.monitor = given;
+                                    return given.empty() ? "is not a monitor's name" : "";
+                                });
+    auto* window = define_part(
+        command, "--window", "ID|active",
+        "only this X11 window, wherever it moves and whatever covers it, by its number (see xwininfo), or the one with the keyboard's focus",
+        options, [](const std::string& given, common::ScreenPart& part) {
+            part.window = common::parse_window(given);
+            return part.window ? "" : "is not active or a window's number such as 0x1c00003";
+        });
+    region->excludes(monitor, window);
+    monitor->excludes(window);
+}
+
+void define_pointer(CLI::App& command, ScreenOptions& options)
+{
+    command.add_flag_callback(
+        "--no-pointer", [&options] { options.pointer = false; }, "leave out the pointer");
+}
+
 void define_fps(CLI::App& command, uint32_t& fps)
 {
     define_number(command, "-r,--fps", "FPS", "pictures per second, 1 to 120; default: 30", 1,
@@ -201,7 +243,9 @@ void define_record(CLI::App& command, RecordOptions& options)
         "file to record into, its ending chooses the format, or - for standard output; default: an MP4 file named by date and time in the videos folder (XDG_VIDEOS_DIR) or the current folder")
         ->required(false);
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
+    define_parts(command, options);
+    define_pointer(command, options);
     define_fps(command, options.fps);
     define_time(command, options);
     define_quality(
@@ -248,12 +292,14 @@ void define_stream(CLI::App& command, StreamOptions& options)
 {
     define_output(command, options, "FILE.h264|-", "file, or - for standard output");
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
+    define_parts(command, options);
+    define_pointer(command, options);
     define_fps(command, options.fps);
     define_encoder(command, options);
     command.add_flag(
         "--osd", options.osd,
-        "include the device's overlay; a stream of an X display always shows the pointer");
+        "include the device's overlay; a stream of an X display shows the pointer without it");
     define_time(command, options);
     define_watermark(command, options.watermark);
     define_choice(
@@ -269,7 +315,8 @@ void define_shot(CLI::App& command, ShotOptions& options)
     define_output(
         command, options, "FILE.png|-",
         "picture to write, or - for a PNG on standard output; a name ending in .raw receives the captured bytes unconverted");
-    define_size(command, options.size, "picture size; default: the display's size");
+    define_size(command, options.size, "picture size; default: that of what is captured");
+    define_parts(command, options);
     define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
                   "pixel format to capture, before the conversion to PNG; default: bgra",
                   [&options](const std::string& name) { options.format = format_code(name); });
@@ -329,7 +376,7 @@ constexpr Term exit_codes[] = {
     {"1", "failed; there is no usable file"},
     {"2", "the command line is wrong or the output cannot be written; nothing was recorded"},
     {"3",
-     "a usable file that ended early (disk full, display gone) or lacks pictures (disk too slow) or sound; or another program removed, replaced or cut the file"},
+     "a usable file that ended early (disk full, display gone, window closed) or lacks pictures (disk too slow) or sound; or another program removed, replaced or cut the file"},
 };
 constexpr Term environment_terms[] = {
     {"WAYLAND_DISPLAY", "the Wayland session to capture; without one, the X display is captured"},
@@ -337,6 +384,10 @@ constexpr Term environment_terms[] = {
     {"ZU3_DISPLAY",
      "x11, wayland (copies of the compositor), portal (asks for a screen or window) or testcard (a moving test card, no display needed); default: wayland or portal in a Wayland session, otherwise x11"},
     {"ZU3_ASK", "1 = as --ask"},
+    {"ZU3_REGION", "the part of the screen to capture, like --region"},
+    {"ZU3_MONITOR", "the monitor to capture, like --monitor"},
+    {"ZU3_WINDOW", "the X11 window to capture, like --window"},
+    {"ZU3_POINTER", "0 leaves the pointer out of recordings and streams, like --no-pointer"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
     {"XDG_VIDEOS_DIR",

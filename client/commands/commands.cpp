@@ -5,6 +5,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "machine/display.h"
 #include "process/messages.h"
 #include "running/library_log.h"
 
@@ -49,6 +50,20 @@ void prepare_environment(const CommonOptions* options)
         setenv("ZU3_ASK", "1", 1);
 }
 
+/**
+ * The platform reads from the environment what is captured; options replace what the user has set
+ * there.
+ */
+template <typename Options> void choose_screen_part(const Options& options)
+{
+    if constexpr (std::is_base_of_v<ScreenOptions, Options>) {
+        if (options.part)
+            set_screen_part(*options.part);
+        if (!options.pointer)
+            setenv("ZU3_POINTER", "0", 1);
+    }
+}
+
 template <typename Options> ExitCode run_command(const Options& options)
 {
     try {
@@ -56,6 +71,7 @@ template <typename Options> ExitCode run_command(const Options& options)
         const CommonOptions* const given = common(options);
         ProgramOutput output(given && given->verbose, signals);
         prepare_environment(given);
+        choose_screen_part(options);
         CommandContext context{signals, output};
         const ExitCode code = run(options, context);
         if (code != ExitCode::complete)

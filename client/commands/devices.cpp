@@ -6,16 +6,27 @@
 namespace client {
 namespace {
 
-std::string display_line(const std::string& name)
+std::string display_line(const DisplayInfo& display)
+{
+    std::string line = format_text("display  %s  %ux%u", display.name.c_str(), display.size.width,
+                                   display.size.height);
+    line +=
+        display.refresh_hz > 0 ? format_text("  %.2f Hz", display.refresh_hz) : "  no refresh rate";
+    return display.problem.empty() ? line : line + "  cannot be captured: " + display.problem;
+}
+
+void print_display(const std::string& name, ProgramOutput& output)
 {
     const auto display = probe_display(name);
     if (!display)
-        return "display  " + name + "  cannot be reached";
-    std::string line =
-        format_text("display  %s  %ux%u", name.c_str(), display->size.width, display->size.height);
-    line += display->refresh_hz > 0 ? format_text("  %.2f Hz", display->refresh_hz)
-                                    : "  no refresh rate";
-    return display->problem.empty() ? line : line + "  cannot be captured: " + display->problem;
+        return output.print_line("display  " + name + "  cannot be reached");
+    output.print_line(display_line(*display));
+    for (const common::X11Monitor& monitor : display->monitors)
+        output.print_line("monitor  " + monitor.name + "  " + common::region_text(monitor.region) +
+                          (monitor.primary ? "  (primary)" : ""));
+    if (display->monitors.size() > 1)
+        print_message("a recording of " + name +
+                      " shows all its monitors; --monitor NAME or --monitor primary chooses one");
 }
 
 std::string output_line(const HostOutput& output)
@@ -48,7 +59,7 @@ ExitCode run(const DevicesOptions&, CommandContext& context)
     for (const HostOutput& output : outputs)
         context.output.print_line(output_line(output));
     for (const std::string& name : known_displays())
-        context.output.print_line(display_line(name));
+        print_display(name, context.output);
     if (outputs.empty() && known_displays().empty())
         print_message(
             "there is no Wayland session and no X display on this machine, and DISPLAY is not set");

@@ -67,7 +67,13 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
     return 0;
 }
 
-std::optional<DisplayInfo> ask(const std::string& name)
+/** A display, and the part of it that is to be captured. */
+struct Asked {
+    DisplayInfo display;
+    common::LocatedPart part;
+};
+
+std::optional<Asked> ask(const std::string& name, const common::ScreenPart& part)
 {
     int number = 0;
     const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> connection(
@@ -79,13 +85,15 @@ std::optional<DisplayInfo> ask(const std::string& name)
         return std::nullopt;
     const xcb_setup_t& server = *xcb_get_setup(connection.get());
     const auto* shm = xcb_get_extension_data(connection.get(), &xcb_shm_id);
-    return DisplayInfo{.name = name,
-                       .size = {screen->width_in_pixels, screen->height_in_pixels},
-                       .refresh_hz = refresh_rate(connection.get(), screen->root),
-                       .shared_memory = shm && shm->present,
-                       .problem = common::pixel_format(server, *screen)
-                                      ? ""
-                                      : common::unknown_pixel_format(server, *screen)};
+    DisplayInfo display{.name = name,
+                        .size = {screen->width_in_pixels, screen->height_in_pixels},
+                        .refresh_hz = refresh_rate(connection.get(), screen->root),
+                        .shared_memory = shm && shm->present,
+                        .monitors = common::find_monitors(connection.get(), screen->root),
+                        .problem = common::pixel_format(server, *screen)
+                                       ? ""
+                                       : common::unknown_pixel_format(server, *screen)};
+    return Asked{std::move(display), common::locate_part(connection.get(), *screen, part)};
 }
 
 /** The result of the asking thread; shared, because it may come after the caller has given up. */
@@ -93,7 +101,7 @@ struct Answer {
     std::mutex mutex;
     std::condition_variable arrived;
     bool there = false;
-    std::optional<DisplayInfo> display;
+    std::optional<Asked> asked;
 };
 
 std::string environment(const char* name)
@@ -112,6 +120,56 @@ std::string& captured_name()
 void name_captured(const std::string& name)
 {
     captured_name() = name;
+}
+
+// A stopped server accepts the connection and never answers, and xcb has no time limit. So a thread
+// asks, and is abandoned if it is too slow.
+std::optional<Asked> ask_in_time(const std::string& name, const common::ScreenPart& part)
+{
+    const auto answer = std::make_shared<Answer>();
+    std::thread([answer, name, part] {
+        auto asked = ask(name, part);
+        const std::lock_guard lock(answer->mutex);
+        answer->asked = std::move(asked);
+        answer->there = true;
+        answer->arrived.notify_one();
+    }).detach();
+    std::unique_lock lock(answer->mutex);
+    // In slices: after SIGSTOP and SIGCONT the thread still has its turn before the time is up.
+    constexpr auto slice = std::chrono::milliseconds(50);
+    for (int left = std::chrono::seconds(3) / slice; left > 0 && !answer->there; --left)
+        answer->arrived.wait_for(lock, slice, [&] { return answer->there; });
+    return answer->asked;
+}
+
+common::ScreenPart part_to_capture()
+{
+    std::string problem;
+    auto part = common::screen_part_of_environment(problem);
+    if (!part)
+        throw Failure("cannot capture the screen: " + problem);
+    return *part;
+}
+
+/** Makes a display that part of it; throws Failure. */
+void narrow(DisplayInfo& display, common::ScreenPart part, const common::LocatedPart& located)
+{
+    if (part.is_whole())
+        return;
+    if (!located.problem.empty())
+        throw Failure("cannot capture " + located.name + " of the display '" + display.name +
+                      "': " + located.problem);
+    if (located.clipped)
+        print_message(located.name + " reaches beyond the screen: only " +
+                      common::region_text(located.region) + " of it is captured");
+    if (part.region)
+        part.region = located.region;
+    if (part.window)
+        part.window = located.window;
+    set_screen_part(part);
+    name_captured(located.name + " of " + captured_name());
+    display.name = located.name;
+    display.size = {located.region.size.width, located.region.size.height};
 }
 
 } // namespace
@@ -135,24 +193,24 @@ Size size_for_display(Size display)
             std::max(least.height, even(display.height * scale))};
 }
 
-// A stopped server accepts the connection and never answers, and xcb has no time limit. So a thread
-// asks, and is abandoned if it is too slow.
 std::optional<DisplayInfo> probe_display(const std::string& name)
 {
-    const auto answer = std::make_shared<Answer>();
-    std::thread([answer, name] {
-        auto display = ask(name);
-        const std::lock_guard lock(answer->mutex);
-        answer->display = std::move(display);
-        answer->there = true;
-        answer->arrived.notify_one();
-    }).detach();
-    std::unique_lock lock(answer->mutex);
-    // In slices: after SIGSTOP and SIGCONT the thread still has its turn before the time is up.
-    constexpr auto slice = std::chrono::milliseconds(50);
-    for (int left = std::chrono::seconds(3) / slice; left > 0 && !answer->there; --left)
-        answer->arrived.wait_for(lock, slice, [&] { return answer->there; });
-    return answer->display;
+    const auto asked = ask_in_time(name, {});
+    return asked ? std::optional(asked->display) : std::nullopt;
+}
+
+void set_screen_part(const common::ScreenPart& part)
+{
+    for (const char* name : {"ZU3_REGION", "ZU3_MONITOR", "ZU3_WINDOW"})
+        unsetenv(name);
+    if (part.region)
+        setenv("ZU3_REGION", common::region_text(*part.region).c_str(), 1);
+    else if (!part.monitor.empty())
+        setenv("ZU3_MONITOR", part.monitor.c_str(), 1);
+    else if (part.window == common::ScreenPart::active_window)
+        setenv("ZU3_WINDOW", "active", 1);
+    else if (part.window)
+        setenv("ZU3_WINDOW", std::to_string(*part.window).c_str(), 1);
 }
 
 DisplayInfo display_to_capture()
@@ -160,6 +218,9 @@ DisplayInfo display_to_capture()
     const HostScreen screen = open_screen().value_or(HostScreen{.source = ZU3_HOST_SCREEN_X11});
     if (screen.source == ZU3_HOST_SCREEN_X11)
         return x11_display_to_capture();
+    if (screen.source == ZU3_HOST_SCREEN_TESTCARD && !part_to_capture().is_whole())
+        throw Failure(
+            "cannot capture a part of the test card: it has no regions, monitors or windows");
     if (screen.source == ZU3_HOST_SCREEN_TESTCARD)
         return {.name = "the test card", .size = {1280, 720}};
     if (!screen.problem.empty())
@@ -173,6 +234,7 @@ DisplayInfo display_to_capture()
 
 DisplayInfo x11_display_to_capture()
 {
+    const common::ScreenPart part = part_to_capture();
     const std::string name = environment("DISPLAY");
     if (name.empty() && getauxval(AT_SECURE))
         throw Failure(
@@ -180,15 +242,17 @@ DisplayInfo x11_display_to_capture()
     if (name.empty())
         throw Failure(
             "cannot reach a display: DISPLAY is not set; name one with --display (see 'screenrecord devices'), or set ZU3_DISPLAY=testcard for a moving test card");
-    auto display = probe_display(name);
-    if (!display)
+    auto asked = ask_in_time(name, part);
+    if (!asked)
         throw Failure(
             "cannot reach the display '" + name +
             "' (DISPLAY): there is no X server of that name, or it does not answer or refuses access; 'screenrecord devices' lists the others");
-    if (!display->problem.empty())
-        throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display->problem);
+    DisplayInfo& display = asked->display;
+    if (!display.problem.empty())
+        throw Failure("cannot capture the display '" + name + "' (DISPLAY): " + display.problem);
     name_captured("the display " + name + " (DISPLAY)");
-    return *display;
+    narrow(display, part, asked->part);
+    return display;
 }
 
 Size size_to_capture(const DisplayInfo& display, const std::optional<Size>& asked)

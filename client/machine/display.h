@@ -7,6 +7,8 @@
 
 #include "machine/host.h"
 #include <common/picture_size.h>
+#include <common/screen_part.h>
+#include <common/x11_part.h>
 
 namespace client {
 
@@ -26,6 +28,7 @@ struct DisplayInfo {
     double refresh_hz = 0;
     /** pictures can be fetched through shared memory */
     bool shared_memory = false;
+    std::vector<common::X11Monitor> monitors = {};
     /** why it cannot be captured, as the end of a sentence; empty if it can */
     std::string problem = {};
 };
@@ -37,14 +40,23 @@ struct DisplayInfo {
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
 /**
+/**
  * The display to capture: what ZU3_DISPLAY selects, otherwise the screen of the Wayland session,
- * otherwise DISPLAY. Opens the screen of a Wayland session for the next capture. Throws Failure,
- * also for a display with an unknown pixel format.
+ * otherwise DISPLAY; of an X11 display, the part that the environment names. Opens the screen of a
+ * Wayland session for the next capture. Throws Failure, also for a display with an unknown pixel
+ * format.
  */
 DisplayInfo display_to_capture();
 
-/** The X11 display to capture, that of DISPLAY. Throws Failure like display_to_capture(). */
+/**
+ * The X11 display to capture, that of DISPLAY, or the part of it that the environment names. That
+ * is named there as it was found: a region without what lies outside of the screen, which a message
+ * says, and a window by its number. Throws Failure like display_to_capture().
+ */
 DisplayInfo x11_display_to_capture();
+
+/** Names this part, and no other, in the environment, from which the platform reads it. */
+void set_screen_part(const common::ScreenPart& part);
 
 /**
  * The size to capture: `asked`, or by default the display's size, made even. Prints a message if a
