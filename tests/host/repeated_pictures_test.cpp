@@ -45,6 +45,15 @@ Bytes drawn(uint32_t number)
     return picture;
 }
 
+/** A picture that differs from others of its kind in its first two rows of macroblocks only. */
+Bytes drawn_in_part(uint32_t number)
+{
+    Bytes picture = drawn(1);
+    const Bytes other = drawn(number);
+    std::copy_n(other.begin(), width * 32, picture.begin());
+    return picture;
+}
+
 /** A file that is gone at the end of its test. */
 class StreamFile {
 public:
@@ -186,7 +195,10 @@ struct StillEncoder {
     }
     AccessUnit encode(uint32_t number, bool unchanged, bool as_key = false)
     {
-        Bytes picture = drawn(number);
+        return encode(drawn(number), unchanged, as_key);
+    }
+    AccessUnit encode(Bytes picture, bool unchanged, bool as_key = false)
+    {
         const auto unit = encoder->encode(picture.data(), as_key, changes_of(unchanged));
         stream.insert(stream.end(), unit->data, unit->data + unit->size);
         return *unit;
@@ -202,21 +214,38 @@ struct StillEncoder {
     Bytes stream;
 };
 
-// Catches a still picture that costs as much as a moving one, and key frames that come too late.
-TEST(X264EncoderStill, RepeatsASettledPictureAndKeepsTheKeyFramesDistance)
+// Catches a still picture that costs as much as a moving one, key frames of it that come for
+// nothing, and ones that are put off although the picture moves or a unit is missing: a player could
+// not seek, or would show a damaged picture for long.
+TEST(X264EncoderStill, RepeatsASettledPictureAndPutsOffItsKeyFrames)
 {
     StillEncoder still;
-    std::vector<size_t> keys;
-    size_t repetitions = 0;
-    for (size_t i = 0; i < 200; ++i) {
-        const AccessUnit unit = still.encode(1, i > 0);
-        if (unit.key)
-            keys.push_back(i);
-        repetitions += is_repetition(unit);
+    const struct {
+        int pictures;
+        bool unchanged, lost;
+        std::vector<int> keys;
+    } stretches[] = {{1, false, false, {0}},
+                     {200, true, false, {}},
+                     {70, false, false, {0, 60}},
+                     {400, true, false, {290}},
+                     {150, true, true, {1, 61, 121}}};
+    size_t repetitions = 0, pictures = 0;
+    uint32_t shown = 0;
+    for (const auto& [count, unchanged, lost, keys] : stretches) {
+        std::vector<int> found;
+        for (int i = 0; i < count; ++i, ++pictures) {
+            shown += !unchanged;
+            const AccessUnit unit = still.encode(drawn_in_part(shown), unchanged);
+            if (unit.key)
+                found.push_back(i);
+            if (lost)
+                still.encoder->unit_was_lost();
+            repetitions += is_repetition(unit);
+        }
+        EXPECT_EQ(found, keys) << "after " << pictures - size_t(count) << " pictures";
     }
-    EXPECT_EQ(keys, (std::vector<size_t>{0, 60, 120, 180}));
-    EXPECT_GT(repetitions, 120u);
-    EXPECT_EQ(decoded_by_ffmpeg(still.stream).size(), 200u);
+    EXPECT_GT(repetitions, 600u);
+    EXPECT_EQ(decoded_by_ffmpeg(still.stream).size(), pictures);
 }
 
 // Catches a repetition in place of what was asked for.
@@ -254,7 +283,7 @@ TEST(X264EncoderStill, IsRefinedBeforeItIsRepeated)
         for (; !is_repetition(still.encode(1, true)); ++pictures)
             ASSERT_LT(pictures, 100u);
         EXPECT_LE(still.stream.size() * 8 * 30, pictures * static_cast<size_t>(kilobits) * 1000);
-        // The first picture has 3.0, x264 alone ends with 2.67.
+        // The first picture has 3.0; x264 alone ends with 2.67.
         EXPECT_LT(squared_error(decoded_by_ffmpeg(still.stream).back(), drawn(1)), 2.7);
     }
 }

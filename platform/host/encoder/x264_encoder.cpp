@@ -91,13 +91,13 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
 {
     const bool unchanged = changed && changed->empty();
     follow_rate();
-    // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
-    as_key = as_key || pictures_since_key_ >= pictures_between_keys_;
     if (unchanged && !as_key && may_repeat()) {
         ++pictures_since_key_;
         const std::span<uint8_t> bytes = repetitions_->repeat();
         return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), false};
     }
+    // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
+    as_key = as_key || pictures_since_key_ >= pictures_between_keys_;
     const auto unit = encode_by_x264(picture, as_key, unchanged);
     if (unit)
         note(*unit, unchanged);
@@ -106,7 +106,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
 
 // x264's rate control believes that no time passes during repetitions. It makes no difference if
 // x264 owes no bits that time would give back.
-bool X264Encoder::may_repeat() const
+bool X264Encoder::is_settled() const
 {
     return repetitions_ && equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
 }
@@ -115,6 +115,12 @@ bool X264Encoder::is_at_ceiling() const
 {
     return applied_.as_needed &&
            bits_ahead_ * parts_of_second_ahead > static_cast<uint64_t>(applied_.kilobits) * 1000;
+}
+
+bool X264Encoder::may_repeat() const
+{
+    const uint32_t distances = lost_since_key_ ? 1 : distances_while_still;
+    return is_settled() && pictures_since_key_ < pictures_between_keys_ * distances;
 }
 
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)
@@ -127,6 +133,7 @@ void X264Encoder::note(const AccessUnit& unit, bool unchanged)
     bits_ahead_ += uint64_t{unit.size} * 8;
     bits_ahead_ -= std::min(bits_ahead_, bits_per_picture);
     pictures_since_key_ = unit.key ? 1 : pictures_since_key_ + 1;
+    lost_since_key_ = lost_since_key_ && !unit.key;
 }
 
 std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_key, bool unchanged)
@@ -144,7 +151,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = unchanged ? constant_.data() : nullptr;
-    if (unchanged && as_key && repetitions_)
+    if (as_key && is_settled())
         in.prop.quant_offsets = finer_.data();
     x264_picture_t out;
     x264_nal_t* nals = nullptr;

@@ -45,6 +45,11 @@ public:
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /**
+     * A unit that this encoder returned is missing in the stream: until the next key frame, none is
+     * put off.
+     */
+    void unit_was_lost() { lost_since_key_ = true; }
+    /**
      * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate
      * and "as needed" x264 cannot change its control, so a new encoder takes over, which begins
      * with an IDR picture. Where x264 refuses, which is logged, the old rate stays.
@@ -62,12 +67,18 @@ private:
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
     std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key, bool unchanged);
+    bool is_settled() const;
     bool may_repeat() const;
     bool is_at_ceiling() const;
     void note(const AccessUnit& unit, bool unchanged);
 
     /** Unchanged pictures of one size in a row, after which x264 would encode that size for ever. */
     static constexpr uint32_t pictures_until_settled = 3;
+    /**
+     * Key frames of a picture that stands still are put off to so many times their distance, or to
+     * the next change. To reach any moment before that, a player decodes repetitions only.
+     */
+    static constexpr uint32_t distances_while_still = 5;
 
     // with the rate that is wanted
     EncoderSettings settings_;
@@ -83,6 +94,7 @@ private:
     std::unique_ptr<RepeatedPictures> repetitions_;
     uint32_t pictures_between_keys_ = 0;
     uint32_t pictures_since_key_ = 0;
+    bool lost_since_key_ = false;
     // unchanged pictures in a row whose access units had this size
     uint32_t equal_sizes_ = 0;
     uint32_t last_size_ = 0;
