@@ -316,4 +316,27 @@ TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
         EXPECT_GT(size(changed), 80u) << changed;
 }
 
+// Catches changed parts that do not reach x264, or of another picture than the last: here a change
+// that they do not name, which x264 therefore leaves out where it believes them.
+TEST(EncoderLending, TellsX264WhichPartsChanged)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    PictureInFlight picture = picture_of(pool, *pool->acquire());
+    const PictureRectangle corner{0, 0, {16, 16}};
+    TestEncoder encoder(params_of(64, 64));
+    encoder.start();
+    const auto size_of_next = [&](uint64_t serial, uint64_t since, uint32_t number) {
+        picture.serial = serial;
+        picture.changed = {since, {&corner, 1}};
+        const PictureInCallback in_callback(picture);
+        encoder.feed(number);
+        EXPECT_TRUE(encoder.receiver.wait_for_frames(serial));
+        return encoder.receiver.frames.back().bytes.size();
+    };
+    for (uint64_t serial = 1; serial < 12; ++serial)
+        size_of_next(serial, serial - 1, 0);
+    EXPECT_LT(size_of_next(12, 11, 1), 400u);
+    EXPECT_GT(size_of_next(13, 11, 2), 400u);
+}
+
 } // namespace

@@ -44,9 +44,8 @@ bool X264Encoder::reopen(EncoderRate rate)
     x264_param_t parameters = x264_parameters_of(settings_, log_);
     zu3host::set_rate(parameters, rate);
     parameters.analyse.b_mb_info = 1;
-    constant_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
-                     X264_MBINFO_CONSTANT);
-    finer_.assign(constant_.size(), quantizer_of_still_key_frame);
+    finer_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
+                  quantizer_of_still_key_frame);
     const ThreadInheritance for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
@@ -98,7 +97,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     }
     // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
     as_key = as_key || pictures_since_key_ >= pictures_between_keys_;
-    const auto unit = encode_by_x264(picture, as_key, unchanged);
+    const auto unit = encode_by_x264(picture, as_key, changed);
     if (unit)
         note(*unit, unchanged);
     return unit;
@@ -136,7 +135,8 @@ void X264Encoder::note(const AccessUnit& unit, bool unchanged)
     lost_since_key_ = lost_since_key_ && !unit.key;
 }
 
-std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_key, bool unchanged)
+std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_key,
+                                                      ChangedRectangles changed)
 {
     x264_picture_t in;
     x264_picture_init(&in);
@@ -150,7 +150,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     // anyway.
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
-    in.prop.mb_info = unchanged ? constant_.data() : nullptr;
+    in.prop.mb_info = macroblocks_.constant_in(changed);
     if (as_key && is_settled())
         in.prop.quant_offsets = finer_.data();
     x264_picture_t out;
@@ -162,6 +162,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     if (is_at_ceiling() && out.prop.f_crf_avg > rate_factor_ + hardly_visible)
         zu3host::count(counters().pictures_coarsened);
     const bool key = out.i_type == X264_TYPE_IDR;
+    macroblocks_.encoded(key);
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};
     // x264 predicts from a picture that is lost here, so a key frame follows.

@@ -1,13 +1,12 @@
 #pragma once
 
-#include "base/changed_parts.h"
+#include "encoder/macroblock_history.h"
 #include "encoder/repeated_pictures.h"
 #include "encoder/x264_parameters.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <span>
 #include <vector>
 
 namespace zu3host {
@@ -24,12 +23,6 @@ struct AccessUnit {
 };
 
 /**
- * Outside of these rectangles a picture equals the last one that was encoded. None: the whole
- * picture does; nullopt: all of it may differ.
- */
-using ChangedRectangles = std::optional<std::span<const PictureRectangle>>;
-
-/**
  * An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a
  * time.
  */
@@ -39,9 +32,9 @@ public:
     static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
 
     /**
-     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. In one
-     * without changes x264 does not search for any; it goes on refining the picture, and once there
-     * is nothing left to refine, the access unit is written without x264.
+     * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. x264 does
+     * not search for changes where there are none. In a picture without changes it goes on refining,
+     * and once there is nothing left to refine, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /**
@@ -62,11 +55,15 @@ private:
     };
     using Handle = std::unique_ptr<x264_t, Closer>;
 
-    explicit X264Encoder(const EncoderSettings& settings) : settings_(settings) {}
+    explicit X264Encoder(const EncoderSettings& settings)
+        : settings_(settings), macroblocks_(settings.layout)
+    {
+    }
     void follow_rate();
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
-    std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key, bool unchanged);
+    std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key,
+                                             ChangedRectangles changed);
     bool is_settled() const;
     bool may_repeat() const;
     bool is_at_ceiling() const;
@@ -100,8 +97,7 @@ private:
     uint32_t last_size_ = 0;
     // bits that x264's rate control believes to have spent ahead of the rate
     uint64_t bits_ahead_ = 0;
-    // a flag per macroblock, all of them set
-    std::vector<uint8_t> constant_;
+    MacroblockHistory macroblocks_;
     // per macroblock, what a key frame of a still picture is finer by
     std::vector<float> finer_;
 };

@@ -1,0 +1,43 @@
+#include "encoder/content_watch.h"
+
+namespace zu3host {
+namespace {
+
+// Shares of macroblocks that were not skipped. A terminal or page that scrolls has up to 0.25, a
+// slow pan and a game from 0.31, film more (docs/measurements/content.md).
+constexpr double least_of_film = 0.28;
+constexpr double most_of_screens = 0.15;
+
+// How many pictures it looks back. On a screen few: what is busy all over is recognized after half
+// as many. In a film more, since it has quiet moments.
+constexpr double pictures_of_screens = 16;
+constexpr double pictures_of_film = 64;
+
+} // namespace
+
+void ContentWatch::note(MacroblockCounts counts)
+{
+    unchanged_ = 0;
+    const double busy = static_cast<double>(counts.intra) + counts.inter;
+    const double all = busy + counts.skipped;
+    const double pictures = content_ == Content::screens ? pictures_of_screens : pictures_of_film;
+    if (all > 0)
+        busy_ += (busy / all - busy_) / pictures;
+}
+
+void ContentWatch::note_unchanged()
+{
+    if (++unchanged_ >= frame_rate_)
+        busy_ = 0;
+}
+
+Content ContentWatch::content(bool key_due)
+{
+    if (content_ == Content::screens && busy_ > least_of_film)
+        content_ = Content::film;
+    else if (content_ == Content::film && busy_ < most_of_screens && key_due)
+        content_ = Content::screens;
+    return content_;
+}
+
+} // namespace zu3host

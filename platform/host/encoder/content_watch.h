@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+
+namespace zu3host {
+
+/** The kinds of content that have x264 settings of their own. */
+enum class Content { screens, film };
+
+/** How x264 encoded the macroblocks of a picture. */
+struct MacroblockCounts {
+    uint32_t intra = 0;
+    uint32_t inter = 0;
+    uint32_t skipped = 0;
+};
+
+/**
+ * Tells screens from film, games and all else that changes everywhere. On a screen text and windows
+ * stand still or move by whole pixels, so x264 skips most macroblocks even while a page scrolls; in
+ * a film that it cannot. Not thread-safe.
+ */
+class ContentWatch {
+public:
+    explicit ContentWatch(uint32_t frame_rate) : frame_rate_(frame_rate) {}
+
+    /** A picture that x264 has encoded by prediction from the last one. */
+    void note(MacroblockCounts counts);
+    /** A picture like the last one. A film has them too: 24 pictures per second shown as 60. */
+    void note_unchanged();
+    /**
+     * The content for the next picture. It turns to film at any picture, and back only where a key
+     * frame is due, so that a film with quiet moments costs no further key frames.
+     */
+    Content content(bool key_due);
+
+private:
+    const uint32_t frame_rate_;
+    Content content_ = Content::screens;
+    // share of macroblocks that were not skipped, over the last pictures
+    double busy_ = 0;
+    uint32_t unchanged_ = 0;
+};
+
+} // namespace zu3host

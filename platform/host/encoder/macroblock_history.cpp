@@ -1,0 +1,74 @@
+#include "encoder/macroblock_history.h"
+
+#include <algorithm>
+#include <x264.h>
+
+namespace zu3host {
+namespace {
+
+constexpr uint32_t macroblock = 16;
+
+// After so many pictures x264 finds next to nothing to refine, nor does it after more of them
+// (docs/measurements/unchanged_macroblocks.md).
+constexpr uint8_t refinements_until_told = 3;
+
+} // namespace
+
+MacroblockHistory::MacroblockHistory(PictureLayout layout)
+    : columns_(layout.stride / macroblock), rows_(layout.lines / macroblock),
+      refinements_(size_t{columns_} * rows_), refined_(refinements_.size()),
+      all_(refinements_.size(), X264_MBINFO_CONSTANT)
+{
+}
+
+uint8_t* MacroblockHistory::constant_in(ChangedRectangles changed)
+{
+    if (!changed) {
+        std::ranges::fill(refinements_, uint8_t{0});
+        return nullptr;
+    }
+    if (changed->empty())
+        return all_.data();
+    for (const PictureRectangle& part : *changed)
+        forget(part);
+    find_refined();
+    return refined_.data();
+}
+
+void MacroblockHistory::forget(const PictureRectangle& part)
+{
+    const auto end = [](uint32_t start, uint32_t length, uint32_t most) {
+        const uint64_t past = uint64_t{start} + length;
+        return length == 0 ? 0 : std::min((past + macroblock - 1) / macroblock, uint64_t{most});
+    };
+    const uint64_t left = part.x / macroblock, right = end(part.x, part.size.width, columns_);
+    const uint64_t bottom = end(part.y, part.size.height, rows_);
+    for (uint64_t row = part.y / macroblock; row < bottom && left < right; ++row)
+        std::fill_n(&refinements_[row * columns_ + left], right - left, uint8_t{0});
+}
+
+// Of a constant macroblock x264 demands no motion. Where the motion that is predicted from its
+// neighbours is another one it could not be skipped (ISO/IEC 14496-10 clause 8.4.1.1): a
+// macroblock of a flat area that a page scrolls over is best left to x264. The prediction is
+// nothing where the left or the upper neighbour is constant or missing.
+void MacroblockHistory::find_refined()
+{
+    size_t at = 0;
+    for (uint32_t row = 0; row < rows_; ++row)
+        for (uint32_t column = 0; column < columns_; ++column, ++at) {
+            const bool skippable =
+                row == 0 || column == 0 || refined_[at - 1] || refined_[at - columns_];
+            refined_[at] =
+                skippable && refinements_[at] >= refinements_until_told ? X264_MBINFO_CONSTANT : 0;
+        }
+}
+
+void MacroblockHistory::encoded(bool key)
+{
+    if (key)
+        std::ranges::fill(refinements_, uint8_t{0});
+    for (uint8_t& refinements : refinements_)
+        refinements += refinements < refinements_until_told;
+}
+
+} // namespace zu3host
