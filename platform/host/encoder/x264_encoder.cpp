@@ -41,9 +41,12 @@ std::unique_ptr<X264Encoder> X264Encoder::open(const EncoderSettings& settings)
 
 bool X264Encoder::reopen(EncoderRate rate)
 {
-    x264_param_t parameters = x264_parameters_of(settings_, log_);
+    x264_param_t parameters = x264_parameters_of(settings_, content_, log_);
     zu3host::set_rate(parameters, rate);
     parameters.analyse.b_mb_info = 1;
+    // As empty as the buffer of the encoder before it, if there was one.
+    const double ahead = static_cast<double>(bits_ahead_) / 1000 / parameters.rc.i_vbv_buffer_size;
+    parameters.rc.f_vbv_buffer_init = static_cast<float>(std::clamp(1 - ahead, 0.1, 0.9));
     finer_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
                   quantizer_of_still_key_frame);
     const ThreadInheritance for_the_slice_threads;
@@ -54,6 +57,7 @@ bool X264Encoder::reopen(EncoderRate rate)
         return false;
     }
     encoder_ = std::move(encoder);
+    leave_out_unused(encoder_.get(), content_);
     applied_ = rate;
     rate_factor_ = parameters.rc.f_rf_constant;
     pictures_between_keys_ = static_cast<uint32_t>(parameters.i_keyint_max);
@@ -85,10 +89,30 @@ void X264Encoder::follow_rate()
     settings_.rate = applied_;
 }
 
+// Most settings cannot change in an open encoder. The old one goes first: two at a time would double
+// the memory.
+bool X264Encoder::follow_content()
+{
+    const bool key_due = pictures_since_key_ >= pictures_between_keys_;
+    const bool adapts = applied_.as_needed && settings_follow_content();
+    const Content wanted = adapts ? watch_.content(key_due) : content_;
+    // Between two IDR pictures there is another one, so that their idr_pic_id may be the same.
+    if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
+        return true;
+    content_ = wanted;
+    repetitions_.reset();
+    encoder_.reset();
+    return reopen(applied_);
+}
+
 std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
                                               ChangedRectangles changed)
 {
     const bool unchanged = changed && changed->empty();
+    if (unchanged)
+        watch_.note_unchanged();
+    if (!follow_content())
+        return std::nullopt;
     follow_rate();
     if (unchanged && !as_key && may_repeat()) {
         ++pictures_since_key_;
@@ -100,6 +124,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     const auto unit = encode_by_x264(picture, as_key, changed);
     if (unit)
         note(*unit, unchanged);
+    if (unit && !unchanged && !unit->key)
+        watch_.note(log_.counts());
     return unit;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "encoder/content_watch.h"
 #include "encoder/macroblock_history.h"
 #include "encoder/repeated_pictures.h"
 #include "encoder/x264_parameters.h"
@@ -23,8 +24,8 @@ struct AccessUnit {
 };
 
 /**
- * An open x264 encoder: a picture in, its access unit out, with none held back. One thread at a
- * time.
+ * An open x264 encoder: a picture in, its access unit out, with none held back. At constant quality
+ * its settings follow the content, at a key frame. One thread at a time.
  */
 class X264Encoder {
 public:
@@ -56,10 +57,11 @@ private:
     using Handle = std::unique_ptr<x264_t, Closer>;
 
     explicit X264Encoder(const EncoderSettings& settings)
-        : settings_(settings), macroblocks_(settings.layout)
+        : settings_(settings), macroblocks_(settings.layout), watch_(settings.frame_rate)
     {
     }
     void follow_rate();
+    bool follow_content();
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
     std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key,
@@ -85,6 +87,7 @@ private:
     double rate_factor_ = 0;
     // before encoder_: x264 may still log while it is closed
     X264Log log_;
+    // null: the system had no memory for another one; the next picture tries again
     Handle encoder_;
     int64_t next_pts_ = 0;
     // null: every picture is encoded
@@ -98,6 +101,8 @@ private:
     // bits that x264's rate control believes to have spent ahead of the rate
     uint64_t bits_ahead_ = 0;
     MacroblockHistory macroblocks_;
+    ContentWatch watch_;
+    Content content_ = Content::screens;
     // per macroblock, what a key frame of a still picture is finer by
     std::vector<float> finer_;
 };

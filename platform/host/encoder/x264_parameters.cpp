@@ -20,6 +20,7 @@ constexpr unsigned most_messages = 8;
 // settings, and the factor that needs about as many bits with the settings for screens.
 constexpr float quality_of_presets = 23.0f;
 constexpr float quality_of_screens = 22.0f;
+constexpr float film_beyond_screens = quality_of_presets - quality_of_screens;
 
 // How much may be spent ahead of the rate. With a rate that was asked for little, since that is
 // also how fast x264 follows a new one; but enough for a few pictures.
@@ -58,15 +59,13 @@ const char* preset_from_environment()
  * docs/measurements/x264_settings.md: no worse pictures at the same number of bits for two thirds
  * of the computing time.
  */
-void set_for_screens(x264_param_t& parameters, uint32_t profile)
+void set_for_screens(x264_param_t& parameters)
 {
     // Content on a screen moves by whole pixels, so none are computed between them, but a
     // scrolled page or a dragged window moves far at once.
     parameters.analyse.i_subpel_refine = 0;
     parameters.analyse.i_me_method = X264_ME_UMH;
     parameters.analyse.i_me_range = 24;
-    // Letters are smaller than a transform of 8x8; without it a stream is of profile Main.
-    parameters.analyse.b_transform_8x8 = profile == 100;
     // Content stays in the picture: bits that make it sharp at first are not lost soon after.
     parameters.rc.f_qcompress = 0.8f;
     // Flat areas next to text are flat: there is little to be taken from the text for them.
@@ -138,39 +137,65 @@ void set_profile_and_level(x264_param_t& parameters, uint32_t profile, uint32_t 
         parameters.i_level_idc = level == 101 ? 9 : static_cast<int>(level / 10);
 }
 
-android_LogPriority priority_of(int x264_level)
+/** Rate factor of constant quality. */
+float quality_for(const EncoderSettings& settings, Content content, bool is_preset)
 {
-    if (x264_level <= X264_LOG_ERROR)
-        return ANDROID_LOG_ERROR;
-    return x264_level == X264_LOG_WARNING ? ANDROID_LOG_WARN : ANDROID_LOG_DEBUG;
+    const float asked = static_cast<float>(settings.quality);
+    if (is_preset)
+        return settings.quality != 0 ? asked : quality_of_presets;
+    return (settings.quality != 0 ? asked : quality_of_screens) +
+           (content == Content::film ? film_beyond_screens : 0);
+}
+
+/** The counts in x264's line about a picture; all 0 without. */
+MacroblockCounts counts_in(const char* line)
+{
+    MacroblockCounts counts;
+    const char* const start = std::strstr(line, " I:");
+    const bool found = start && std::sscanf(start, " I:%u P:%u SKIP:%u", &counts.intra,
+                                            &counts.inter, &counts.skipped) == 3;
+    return found ? counts : MacroblockCounts{};
 }
 
 } // namespace
 
 void X264Log::write(void* self, int level, const char* format, va_list arguments)
 {
-    if (static_cast<X264Log*>(self)->written_.fetch_add(1, std::memory_order_relaxed) >=
-        most_messages)
+    auto& log = *static_cast<X264Log*>(self);
+    const bool is_message = level <= X264_LOG_WARNING;
+    if (is_message && log.written_.fetch_add(1, std::memory_order_relaxed) >= most_messages)
+        return;
+    if (!is_message && std::strncmp(format, "frame=", 6) != 0)
         return;
     char line[256];
     std::vsnprintf(line, sizeof(line), format, arguments);
+    if (!is_message) {
+        log.counts_ = counts_in(line);
+        return;
+    }
     line[std::strcspn(line, "\n")] = '\0';
-    __android_log_print(priority_of(level), "zu3", "x264: %s", line);
+    __android_log_print(level <= X264_LOG_ERROR ? ANDROID_LOG_ERROR : ANDROID_LOG_WARN, "zu3",
+                        "x264: %s", line);
 }
 
-x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
+bool settings_follow_content()
+{
+    return !preset_from_environment();
+}
+
+x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content, X264Log& log)
 {
     x264_param_t parameters;
     const char* preset = preset_from_environment();
     x264_param_default_preset(&parameters, preset ? preset : "veryfast", "zerolatency");
-    if (!preset)
-        set_for_screens(parameters, settings.profile);
-    parameters.rc.f_rf_constant = settings.quality != 0 ? static_cast<float>(settings.quality)
-                                  : preset              ? quality_of_presets
-                                                        : quality_of_screens;
+    // The parameter sets do not depend on the content then.
+    parameters.b_stitchable = !preset;
+    if (!preset && content == Content::screens)
+        set_for_screens(parameters);
+    parameters.rc.f_rf_constant = quality_for(settings, content, preset != nullptr);
     parameters.pf_log = &X264Log::write;
     parameters.p_log_private = &log;
-    parameters.i_log_level = X264_LOG_WARNING;
+    parameters.i_log_level = preset ? X264_LOG_WARNING : X264_LOG_DEBUG;
     parameters.i_csp = X264_CSP_NV12;
     parameters.i_width = static_cast<int>(settings.size.width);
     parameters.i_height = static_cast<int>(settings.size.height);
@@ -182,9 +207,23 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log)
     set_rate(parameters, settings.rate);
     set_profile_and_level(parameters, settings.profile, settings.level);
     HOST_LOGI("The encoder uses x264's %s, %d thread%s, a key frame every %d pictures",
-              preset ? preset : "settings for screens (docs/measurements/x264_settings.md)",
+              preset ? preset
+              : content == Content::film
+                  ? "settings for film (docs/measurements/content.md)"
+                  : "settings for screens (docs/measurements/x264_settings.md)",
               parameters.i_threads, parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
     return parameters;
+}
+
+void leave_out_unused(x264_t* encoder, Content content)
+{
+    if (content != Content::screens || !settings_follow_content())
+        return;
+    x264_param_t parameters;
+    x264_encoder_parameters(encoder, &parameters);
+    // Letters are smaller than a transform of 8x8.
+    parameters.analyse.b_transform_8x8 = 0;
+    x264_encoder_reconfig(encoder, &parameters);
 }
 
 void set_rate(x264_param_t& parameters, EncoderRate rate)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "encoder/content_watch.h"
 #include "encoder/encoder_settings.h"
 
 #include <atomic>
@@ -8,19 +9,29 @@
 
 namespace zu3host {
 
-/** Where one x264 encoder's own messages go: to the host log, only so many of them. Thread-safe. */
+/**
+ * Where one x264 encoder's own messages go: warnings and errors to the host log, only so many of
+ * them. What x264 did with the macroblocks of a picture it tells in a message only.
+ */
 class X264Log {
 public:
-    /** x264's log callback; `self` is the X264Log. */
+    /** x264's log callback, on any of its threads; `self` is the X264Log. */
     [[gnu::format(printf, 3, 0)]] static void write(void* self, int level, const char* format,
                                                     va_list arguments);
+    /** Of the picture encoded last; all 0 without a message. On the thread that encodes. */
+    MacroblockCounts counts() const { return counts_; }
 
 private:
     std::atomic<unsigned> written_{0};
+    // x264 tells them on the thread that encodes
+    MacroblockCounts counts_;
 };
 
+/** Whether x264's settings are ours, and so follow the content. */
+bool settings_follow_content();
+
 /**
- * x264's parameters for these settings: no picture is held back, every IDR is preceded by SPS and
+ * x264's parameters for these settings and this content: no picture is held back, every IDR is preceded by SPS and
  * PPS and every access unit by a delimiter. `log` must live as long as the encoder that is opened
  * with them.
  *
@@ -28,7 +39,13 @@ private:
  * our own for screens), ZU3_X264_THREADS (1 to 16) and ZU3_X264_KEYINT (pictures from key frame to
  * key frame).
  */
-x264_param_t x264_parameters_of(const EncoderSettings& settings, X264Log& log);
+x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content, X264Log& log);
+
+/**
+ * What x264 is opened with is in the stream's parameter sets, which are the same for every content.
+ * This makes an encoder that is open do without what its content has no use for.
+ */
+void leave_out_unused(x264_t* encoder, Content content);
 
 /**
  * Sets the rate control alone, of parameters that have their frame rate; also for
