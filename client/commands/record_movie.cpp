@@ -152,8 +152,18 @@ private:
             return false;
         lost_.frame_taken(frame.pts_us);
         movie_.put_frame(frame);
+        ask_for_key();
         ended_ = ended_ || movie_.at_end();
         return true;
+    }
+
+    void ask_for_key()
+    {
+        if (!std::exchange(key_asked_, movie_.needs_key()) && key_asked_) {
+            // Frames that this leaves out are not lost.
+            lost_.break_stretch();
+            video_capenc_requestKeyFrame();
+        }
     }
 
     void wait()
@@ -419,6 +429,7 @@ private:
     TimePoint next_check_;
     bool paused_ = false;
     bool warned_ = false;
+    bool key_asked_ = false;
     bool stop_asked_ = false;
     bool ended_ = false;
     bool broken_ = false;

@@ -37,6 +37,8 @@ public:
     bool at_end() const { return frames_.next() >= limit_; }
     /** Frames in the movie. */
     uint64_t frames() const { return written_; }
+    /** Whether there is room again, and frames are left out up to the next key frame. */
+    bool needs_key() const { return waits_for_key_ && !sink_.pending(); }
     /** Frames left out for lack of room. */
     uint64_t left_out() const { return left_out_; }
     /** The end of the last whole piece in the first `bytes`: the rest does not play. */
