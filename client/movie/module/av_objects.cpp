@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <exception>
 #include <new>
-#include <stdexcept>
-#include <string>
 #include <utility>
 
 namespace client::movie {
@@ -14,29 +12,6 @@ namespace {
 constexpr int output_buffer_bytes = 256 << 10;
 
 } // namespace
-
-int checked(int result)
-{
-    if (result >= 0)
-        return result;
-    if (result == AVERROR(ENOMEM))
-        throw std::bad_alloc();
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(result, text, sizeof text);
-    throw std::runtime_error(text);
-}
-
-Packet make_packet()
-{
-    Packet packet(av_packet_alloc());
-    return packet ? std::move(packet) : throw std::bad_alloc();
-}
-
-Frame make_frame()
-{
-    Frame frame(av_frame_alloc());
-    return frame ? std::move(frame) : throw std::bad_alloc();
-}
 
 ByteOutput::ByteOutput(MovieOutput& output, bool seekable) : output_(output)
 {

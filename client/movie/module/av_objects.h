@@ -3,31 +3,23 @@
 #include <memory>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 
 #include "movie/movie_module.h"
+#include <common/av_codec.h>
 
 namespace client::movie {
 
-/** Throws the text of libavutil if `result` is an error; otherwise returns it. */
-int checked(int result);
+using common::checked;
+using common::make_packet;
+using common::Packet;
 
 struct FreeContext {
     void operator()(AVFormatContext* context) const { avformat_free_context(context); }
 };
 struct CloseInput {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-struct FreeEncoder {
-    void operator()(AVCodecContext* encoder) const { avcodec_free_context(&encoder); }
-};
-struct FreePacket {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-struct FreeFrame {
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };
 struct FreeIo {
     void operator()(AVIOContext* io) const
@@ -38,14 +30,7 @@ struct FreeIo {
 };
 using OutputContext = std::unique_ptr<AVFormatContext, FreeContext>;
 using InputContext = std::unique_ptr<AVFormatContext, CloseInput>;
-using EncoderContext = std::unique_ptr<AVCodecContext, FreeEncoder>;
-using Packet = std::unique_ptr<AVPacket, FreePacket>;
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
 using Io = std::unique_ptr<AVIOContext, FreeIo>;
-
-/** Each throws std::bad_alloc instead of returning null. */
-Packet make_packet();
-Frame make_frame();
 
 /** Adapter for libavformat to write to a MovieOutput. */
 class ByteOutput {

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "movie/module/av_objects.h"
-#include "movie/module/sound_encoder.h"
+#include <common/sound_encoder.h>
 
 namespace client::movie {
 
@@ -26,7 +26,7 @@ private:
     const MovieFormat format_;
     ByteOutput output_;
     OutputContext context_;
-    std::optional<SoundEncoder> encoder_;
+    std::optional<common::SoundEncoder> encoder_;
     AVStream* video_ = nullptr;
     AVStream* sound_ = nullptr;
     Packet packet_;

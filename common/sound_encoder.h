@@ -1,15 +1,23 @@
 #pragma once
 
+#include "common/av_codec.h"
+
+#include <cstdint>
 #include <functional>
 #include <span>
 
-#include "movie/module/av_objects.h"
+namespace common {
 
-namespace client::movie {
-
-/** Encodes samples, in any number at a time, as AAC (ISO/IEC 14496-3, Low Complexity). */
+/**
+ * Encodes samples, in any number at a time, as AAC (ISO/IEC 14496-3, Low Complexity): 48 kHz stereo,
+ * interleaved, 128 kbit/s. Throws std::runtime_error and std::bad_alloc.
+ */
 class SoundEncoder {
 public:
+    static constexpr int rate = 48000, channels = 2;
+    /** of each channel in a packet; also the delay of the first packet */
+    static constexpr int packet_samples = 1024;
+
     using Take = std::function<void(AVPacket&)>;
 
     SoundEncoder();
@@ -36,4 +44,4 @@ private:
     int64_t position_ = 0;
 };
 
-} // namespace client::movie
+} // namespace common

@@ -1,14 +1,13 @@
-#include "movie/module/sound_encoder.h"
+#include "common/sound_encoder.h"
 
+#include <new>
 #include <stdexcept>
-
-#include "movie/movie_module.h"
 
 extern "C" {
 #include <libavutil/opt.h>
 }
 
-namespace client::movie {
+namespace common {
 namespace {
 
 constexpr int64_t sound_bits_per_second = 128'000;
@@ -21,13 +20,15 @@ EncoderContext open_encoder()
     EncoderContext encoder(avcodec_alloc_context3(codec));
     if (!encoder)
         throw std::bad_alloc();
-    encoder->sample_rate = sound_rate;
+    // Messages of this encoder alone: the level of libavutil belongs to the program.
+    encoder->log_level_offset = AV_LOG_TRACE;
+    encoder->sample_rate = SoundEncoder::rate;
     encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    encoder->time_base = {1, sound_rate};
+    encoder->time_base = {1, SoundEncoder::rate};
     encoder->bit_rate = sound_bits_per_second;
     encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     encoder->thread_count = 1;
-    av_channel_layout_default(&encoder->ch_layout, sound_channels);
+    av_channel_layout_default(&encoder->ch_layout, SoundEncoder::channels);
     av_opt_set(encoder->priv_data, "aac_coder", "fast", 0);
     checked(avcodec_open2(encoder.get(), codec, nullptr));
     return encoder;
@@ -56,8 +57,8 @@ void SoundEncoder::begin_frame()
 
 void SoundEncoder::put(std::span<const int16_t> samples, const Take& take)
 {
-    for (size_t at = 0; at + sound_channels <= samples.size(); at += sound_channels) {
-        for (uint32_t channel = 0; channel < sound_channels; ++channel)
+    for (size_t at = 0; at + channels <= samples.size(); at += channels) {
+        for (size_t channel = 0; channel < channels; ++channel)
             reinterpret_cast<float*>(frame_->data[channel])[filled_] =
                 static_cast<float>(samples[at + channel]) / 32768;
         if (++filled_ == encoder_->frame_size)
@@ -89,4 +90,4 @@ void SoundEncoder::send(AVFrame* frame, const Take& take)
         begin_frame();
 }
 
-} // namespace client::movie
+} // namespace common
