@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS screenrecord EXPORT screenrecordTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(TARGETS zu3 SrGlWorker EXPORT screenrecordTargets LIBRARY DESTINATION ${PRIVATE_LIBDIR} COMPONENT runtime)
-install(TARGETS zu3_pulse zu3_wayland zu3_portal LIBRARY DESTINATION ${PRIVATE_LIBDIR} COMPONENT runtime)
+install(TARGETS zu3_pulse zu3_aac zu3_wayland zu3_portal LIBRARY DESTINATION ${PRIVATE_LIBDIR} COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/screenrecord DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md

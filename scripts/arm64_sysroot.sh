@@ -5,7 +5,7 @@
 #   scripts/arm64_sysroot.sh FOLDER
 set -eu
 packages="libc6-dev libstdc++-12-dev libcli11-dev libbitstream-dev libx264-dev libyuv-dev libxcb1-dev libxcb-shm0-dev libxcb-xfixes0-dev
-    libxcb-randr0-dev libxcb-damage0-dev libxcb-composite0-dev libpulse-dev libvo-aacenc-dev libpng-dev libwayland-dev
+    libxcb-randr0-dev libxcb-damage0-dev libxcb-composite0-dev libpulse-dev libpng-dev libwayland-dev
     libavformat-dev
     libavcodec-dev libavutil-dev libpipewire-0.3-dev libsystemd-dev"
 folder=$1

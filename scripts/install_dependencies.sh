@@ -14,7 +14,7 @@ packages_of() {
     build)
         echo g++ ninja-build pkg-config libx264-dev libyuv-dev libbitstream-dev libxcb1-dev libxcb-shm0-dev \
             libxcb-xfixes0-dev libxcb-randr0-dev libxcb-damage0-dev libxcb-composite0-dev libpulse-dev \
-            libvo-aacenc-dev libcli11-dev \
+            libcli11-dev \
             libpng-dev libavformat-dev libavcodec-dev libavutil-dev libwayland-dev libpipewire-0.3-dev libsystemd-dev \
             googletest libgtest-dev python3
         # A cmake from elsewhere serves as well, when it is new enough.

@@ -1,61 +1,58 @@
 #include "multiplexer/aac_encoder.h"
 
-#include "audio/pcm_reader.h"
 #include "base/host_log.h"
+#include "utils/private_module.h"
 
-extern "C" {
-#include <vo-aacenc/cmnMemory.h>
-#include <vo-aacenc/voAAC.h>
-}
+#include <algorithm>
+#include <array>
 
 namespace zu3host {
+namespace {
 
-struct AacEncoder::Library {
-    VO_AUDIO_CODECAPI functions = {};
-    VO_MEM_OPERATOR memory = {cmnMemAlloc, cmnMemFree,    cmnMemSet, cmnMemCopy,
-                              cmnMemCheck, cmnMemCompare, cmnMemMove};
-    VO_HANDLE codec = nullptr;
+constexpr size_t header_bytes = 7;
 
-    ~Library()
-    {
-        if (codec)
-            functions.Uninit(codec);
-    }
-    bool open()
-    {
-        VO_CODEC_INIT_USERDATA user = {};
-        user.memflag = VO_IMF_USERMEMOPERATOR;
-        user.memData = &memory;
-        AACENC_PARAM parameters = {pcm_rate, 128000, pcm_channels, 1};
-        return voGetAACEncAPI(&functions) == VO_ERR_NONE &&
-               functions.Init(&codec, VO_AUDIO_CodingAAC, &user) == VO_ERR_NONE &&
-               functions.SetParam(codec, VO_PID_AAC_ENCPARAM, &parameters) == VO_ERR_NONE;
-    }
-};
+/** The header of a frame that has no check sum, MPEG-4, AAC-LC, 48 kHz, two channels. */
+std::array<uint8_t, header_bytes> adts_header(size_t frame_bytes)
+{
+    constexpr uint8_t low_complexity = 1, rate_48000 = 3, channels = 2;
+    return {0xFF, 0xF1, low_complexity << 6 | rate_48000 << 2,
+            static_cast<uint8_t>(channels << 6 | frame_bytes >> 11),
+            static_cast<uint8_t>(frame_bytes >> 3 & 0xFF),
+            // the rate varies: its buffer fullness is all ones
+            static_cast<uint8_t>((frame_bytes & 7) << 5 | 0x1F), 0xFC};
+}
 
-AacEncoder::AacEncoder(std::unique_ptr<Library> library) : library_(std::move(library)) {}
+const PrivateModule& aac_module()
+{
+    static const PrivateModule module(ZU3_AAC_MODULE, aac_module_entry);
+    return module;
+}
 
-AacEncoder::~AacEncoder() = default;
+} // namespace
 
 std::unique_ptr<AacEncoder> AacEncoder::open()
 {
-    auto library = std::make_unique<Library>();
-    if (!library->open()) {
-        HOST_LOGE("The AAC encoder cannot be opened; the recording gets no sound.");
-        return nullptr;
-    }
-    return std::unique_ptr<AacEncoder>(new AacEncoder(std::move(library)));
+    std::string failure = aac_module().failure;
+    std::unique_ptr<AacCodec> codec;
+    if (failure.empty())
+        codec = reinterpret_cast<AacModuleEntry>(aac_module().entry)()->open(failure);
+    if (codec)
+        return std::unique_ptr<AacEncoder>(new AacEncoder(std::move(codec)));
+    HOST_LOGE("The AAC encoder cannot be opened (%s); the recording gets no sound.",
+              failure.c_str());
+    return nullptr;
 }
 
-size_t AacEncoder::encode(std::span<int16_t, aac_frame_samples * 2> pcm, std::span<uint8_t> out)
+size_t AacEncoder::encode(std::span<const int16_t, aac_frame_samples * 2> pcm,
+                          std::span<uint8_t> out)
 {
-    VO_CODECBUFFER input = {reinterpret_cast<VO_PBYTE>(pcm.data()), pcm.size_bytes(), 0};
-    VO_CODECBUFFER output = {out.data(), out.size(), 0};
-    VO_AUDIO_OUTPUTINFO info = {};
-    if (library_->functions.SetInputData(library_->codec, &input) != VO_ERR_NONE ||
-        library_->functions.GetOutputData(library_->codec, &output, &info) != VO_ERR_NONE)
+    const std::span<const uint8_t> block = codec_->encode(pcm);
+    const size_t bytes = header_bytes + block.size();
+    if (block.empty() || bytes > out.size())
         return 0;
-    return output.Length;
+    const auto after_header = std::ranges::copy(adts_header(bytes), out.begin()).out;
+    std::ranges::copy(block, after_header);
+    return bytes;
 }
 
 } // namespace zu3host

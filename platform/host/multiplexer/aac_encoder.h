@@ -1,5 +1,7 @@
 #pragma once
 
+#include "multiplexer/aac_module.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -7,36 +9,32 @@
 
 namespace zu3host {
 
-/** of each channel */
-inline constexpr size_t aac_frame_samples = 1024;
-
 /**
- * AAC-LC, 48 kHz stereo, 128 kbit/s, each frame behind an ADTS header (ISO/IEC 13818-7). Not
+ * AAC-LC, 48 kHz stereo, 128 kbit/s, each frame behind an ADTS header (ISO/IEC 13818-7, 6.2). Not
  * thread-safe.
  */
 class AacEncoder {
 public:
     /**
-     * Samples by which what a decoder gives is late against what went in; measured on the library.
+     * Samples by which the decoder's output is late against the input of the same encode(): a frame
+     * that the encoder keeps, and one of overlap.
      */
-    static constexpr int64_t delay_samples = 1600;
+    static constexpr int64_t delay_samples = 2 * aac_frame_samples;
 
-    /** @return null, with a log line, when the library refuses */
+    /** @return null, with a log line, if the encoder is not installed or refuses */
     static std::unique_ptr<AacEncoder> open();
-    AacEncoder(const AacEncoder&) = delete;
-    AacEncoder& operator=(const AacEncoder&) = delete;
-    ~AacEncoder();
 
     /**
      * @param pcm one frame, interleaved
-     * @return bytes written to `out`; 0 = the library failed
+     * @param out at least SoundQueue::greatest_frame bytes
+     * @return bytes written to `out`; 0 for the first frame, and if the encoder failed
      */
-    size_t encode(std::span<int16_t, aac_frame_samples * 2> pcm, std::span<uint8_t> out);
+    size_t encode(std::span<const int16_t, aac_frame_samples * 2> pcm, std::span<uint8_t> out);
 
 private:
-    struct Library;
-    explicit AacEncoder(std::unique_ptr<Library> library);
-    std::unique_ptr<Library> library_;
+    explicit AacEncoder(std::unique_ptr<AacCodec> codec) : codec_(std::move(codec)) {}
+
+    std::unique_ptr<AacCodec> codec_;
 };
 
 } // namespace zu3host

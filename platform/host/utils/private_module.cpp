@@ -25,7 +25,8 @@ PrivateModule::PrivateModule(const char* file, const char* entry_name)
     // Beside libzu3.so; a program that contains the host layer lies in bin/ beside lib/.
     for (const char* folder : {".", "../lib"}) {
         const auto path = own_folder() / folder / file;
-        void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        // Lazily: libavcodec and its eighty libraries have 25,000 relocations.
+        void* const handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
         entry = handle ? dlsym(handle, entry_name) : nullptr;
         if (entry) {
             failure.clear();
