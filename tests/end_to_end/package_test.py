@@ -5,6 +5,7 @@ import re
 import shutil
 
 import judges
+import sound_test
 from harness import BUILD, SOURCE, EndToEndTest, wait_until
 
 
@@ -61,6 +62,13 @@ class Package(EndToEndTest):
     def test_pull_stream(self):
         self.assert_exit(self.stream, 0)
         self.assert_plays(self.stream.out.name, 20)
+
+    def test_record_movie(self):
+        self.run_program("built/record_movie", "movie.mkv", "2", environment={"ZU3_AUDIO": "tone"})
+        self.assert_plays(self.path("movie.mkv"), 20)
+        sound = judges.decode_timed_sound(self.path("movie.mkv"))
+        self.assertAlmostEqual(len(sound) / 48000, judges.packets(self.path("movie.mkv"))[-1][0], delta=0.3)
+        self.assertTrue(sound_test.hears(sound[24000:72000], 440))
 
     def test_screenshot_loop(self):
         said = self.run_program("built/screenshot_loop", "3", "100", "last.ppm").splitlines()
