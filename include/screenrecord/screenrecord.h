@@ -238,7 +238,11 @@ typedef struct CapEnc_EsInfo {
     uint8_t bTypeZero;
     /** 1 = IDR access unit; decoding can start here */
     uint8_t bKeyFrame;
-    /** capture time, microseconds of the monotonic clock */
+    /**
+     * capture time, microseconds of the monotonic clock. A key frame has the time of the latest
+     * captured picture, which may be a later one: then the next frame has the same or an earlier
+     * time
+     */
     uint64_t u64Pts;
     /** bytes; 0 = no frame was ready, and the other fields are unchanged */
     uint64_t u64DataSize;
@@ -296,7 +300,8 @@ SCREENRECORD_EXPORT int32_t video_capenc_setBitRate(uint32_t u32BitRate);
 
 /**
  * Copies out and removes the oldest buffered frame: one whole access unit (ISO/IEC 14496-10, Annex
- * B byte stream). Never waits for a frame. At most three frames are buffered; a caller that falls
+ * B byte stream). The first frame is a key frame, and each key frame begins with its parameter
+ * sets. Never waits for a frame. At most three frames are buffered; a caller that falls
  * behind loses the frames up to the next key frame.
  * @param buffer     receives the frame; not NULL
  * @param bufferSize bytes of `buffer`; video_capenc_getMaxEsSize() is always enough
@@ -410,7 +415,11 @@ typedef struct AudioCap_Info {
  * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t audio_cap_open(void);
-/** Starts PCM capture. @return 0 on success, -1 on failure */
+/**
+ * Starts PCM capture. The first sample is that of the start, and sample n follows n / 48000 s later:
+ * samples have no time stamps, so read the monotonic clock just before. @return 0 on success, -1 on
+ * failure
+ */
 SCREENRECORD_EXPORT int32_t audio_cap_start(void);
 /** Stops PCM capture. @return 0 on success, -1 on failure */
 SCREENRECORD_EXPORT int32_t audio_cap_stop(void);
