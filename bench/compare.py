@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """
-Records one screen with this client, with ffmpeg, with GStreamer and with the floor, by turns, and compares what they cost.
+Records one screen with this client, with ffmpeg, with GStreamer and with the floor, by turns, and compares what they cost;
+in a Wayland session with wf-recorder.
 
     bench/compare.py [--rounds N] [--seconds N] [--only CASE,...] [--json FILE] [--plot FILE.svg] [--markdown FILE]
                      [--build DIR]
@@ -22,13 +23,15 @@ import tempfile
 
 import plot
 import recorders
-from measuring import BusyLoops, Display, latencies, record
-from recorders import DEFAULT, FLOOR, OURS, PEERS
+from measuring import BusyLoops, Display, Session, latencies, record
+from recorders import DEFAULT, FLOOR, OURS, PEERS, WAYLAND_PEER
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # The rates share no factor with 30, so each turn covers all phases between screen and capture, not three.
 STAMPED = ["--fps", "53", "--stamps", "1007"]
 MOVING, STILL = ["--fps", "60"], ["--static"]
+# wf-recorder copies each change: as many as the others record.
+SESSION_MOVING, SESSION_STAMPED = ["--fps", "30"], ["--fps", "53", "--stamps"]
 
 # name: size, pictures per second, screen content, busy loops, recorders
 CASES = {
@@ -39,9 +42,13 @@ CASES = {
     "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
     "busy60": ("1920x1080", 60, MOVING, 6, [OURS, *PEERS]),
+    # a Wayland session
+    "sway": ("1280x720", 30, SESSION_MOVING, 0, [OURS, WAYLAND_PEER, DEFAULT]),
+    "sway-still": ("1280x720", 30, STILL, 0, [OURS, WAYLAND_PEER, DEFAULT]),
+    "sway-latency": ("1280x736", 30, SESSION_STAMPED, 0, [OURS, WAYLAND_PEER, DEFAULT]),
 }
 
-COSTS = {"cpu": "CPU s", "memory": "MiB", "server": "X server's CPU s", "size": "KiB", "frames": "pictures"}
+COSTS = {"cpu": "CPU s", "memory": "MiB", "server": "CPU s of X server or sway", "size": "KiB", "frames": "pictures"}
 LESS, MORE = "at most", "at least"
 # Goals at the peers' settings: text, case, figure, opponent ("peers" = the best of them), limit, aim
 WANTED = [
@@ -57,6 +64,10 @@ WANTED = [
     ("latency against the floor, median", "latency", "median", FLOOR, LESS, 1.10, 1.04),
     ("frames, 1080p30, two busy loops", "busy30", "share", None, MORE, 0.99, 1.00),
     ("frames per second, 1080p60, six busy loops", "busy60", "fps", "peers", MORE, 1.20, 1.40),
+    ("CPU, sway", "sway", "cpu", "peers", LESS, 0.85, 0.80),
+    ("CPU, sway, still screen", "sway-still", "cpu", "peers", LESS, 0.85, 0.55),
+    ("resident memory, sway", "sway", "memory", "peers", LESS, 1.00, 0.92),
+    ("latency, sway, median", "sway-latency", "median", "peers", LESS, 0.85, 0.78),
     ("X server's CPU against the floor's, 720p", "720p", "server", FLOOR, LESS, 1.10, 1.00),
     ("X server's CPU against the floor's, 1080p", "1080p", "server", FLOOR, LESS, 1.10, 1.00),
     ("size of the file, 720p", "720p", "size", "peers", LESS, 1.05, 1.00),
@@ -65,6 +76,10 @@ WANTED = [
 # The same for the client's default settings.
 BY_DEFAULT = [("by default: " + one[0], *one[1:]) for one in WANTED
               if one[3] == "peers" and one[2] != "size" and DEFAULT in CASES[one[1]][4]]
+
+
+def is_stamped(case):
+    return CASES[case][2] in (STAMPED, SESSION_STAMPED)
 
 
 def measure(case, name, options, display, folder):
@@ -79,15 +94,15 @@ def measure(case, name, options, display, folder):
 
 def measure_once(case, name, options, display, folder):
     size, fps, screen, loops, _ = CASES[case]
-    seconds = options.seconds * 3 // 4 if screen is STAMPED else options.seconds
-    task = recorders.Task(f"{options.build}/bin", size, fps, seconds, bool(loops))
+    seconds = options.seconds * 3 // 4 if is_stamped(case) else options.seconds
+    task = recorders.Task(f"{options.build}/bin", size, fps, seconds, bool(loops), screen is STILL)
     environment = recorders.environment(name, task)
-    if screen is STAMPED:
+    if is_stamped(case):
         values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))
         return {"median": statistics.median(values), "p99": values[int(0.99 * (len(values) - 1))], "frames": len(values)}
     path = f"{folder}/{case}-{name}.{'h264' if name == FLOOR else 'ts'}"
     # Under load GStreamer falls behind: its time ends before it has its pictures.
-    end_after = options.seconds if loops and name == "gstreamer" else None
+    end_after = options.seconds if loops and name == "gstreamer" or name == WAYLAND_PEER else None
     with BusyLoops(loops) if loops else contextlib.nullcontext():
         found = record(recorders.recording(name, task, path), environment, path, display, end_after)
     found["share"] = min(found["frames"] / task.frames, 1)
@@ -96,14 +111,13 @@ def measure_once(case, name, options, display, folder):
 
 def turns(case, names):
     """
-    The recorders of a round, in turn. There and back, and of the figures the mean: a virtual machine's speed jumps
-    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which is one figure a run,
-    twice as many short ones. Beside busy loops one: the recorders differ by half there.
+    Who records in a round, one after the other. There and back, and of the figures the mean: a virtual machine's speed jumps
+    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which has nothing else to
+    average over, twice as many short ones. Beside busy loops one: the recorders differ by half there.
     """
-    _, _, screen, loops, _ = CASES[case]
-    if loops:
+    if CASES[case][3]:
         return names
-    return (names + names[::-1]) * (2 if screen is STAMPED else 1)
+    return (names + names[::-1]) * (2 if is_stamped(case) else 1)
 
 
 def measure_round(case, names, options, display, folder):
@@ -117,13 +131,14 @@ def measure_round(case, names, options, display, folder):
 def measure_case(case, options, folder):
     """All rounds of a case: a list of {recorder: figures}."""
     size, _, screen, _, names = CASES[case]
+    start = Session if WAYLAND_PEER in names else Display
     names = [name for name in names if recorders.installed(name)]
     rounds = []
     for number in range(options.rounds):
         turn = number % len(names)
-        with Display(f"{options.build}/bin", size, screen) as display:
+        with start(f"{options.build}/bin", size, screen) as display:
             rounds.append(measure_round(case, names[turn:] + names[:turn], options, display, folder))
-    if screen is not STAMPED:
+    if not is_stamped(case):
         kinds = {"floor": "h264"}
         settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names
                     if name != DEFAULT}
@@ -132,14 +147,14 @@ def measure_case(case, options, folder):
     return rounds
 
 
-def compare(wanted, rounds, recorder):
+def compare(wanted, rounds, who):
     """The median of the ratios within each round; without an opponent the worst round's figure itself."""
     _, _, figure, against, sense, _, _ = wanted
     if against is None:
-        return min(one[recorder][figure] for one in rounds)
-    opponents = PEERS if against == "peers" else [against]
+        return min(one[who][figure] for one in rounds)
+    opponents = [*PEERS, WAYLAND_PEER] if against == "peers" else [against]
     best = min if sense == LESS else max
-    ratios = [one[recorder][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
+    ratios = [one[who][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
     return statistics.median(ratios)
 
 
@@ -152,11 +167,11 @@ def report(results):
                 figures = {key: statistics.median(one[name][key] for one in rounds) for key in rounds[0][name]}
                 print(f"  {name:13}" + "".join(f"  {key} {value:.2f}" for key, value in figures.items()))
     lines = []
-    for wanted, recorder in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
+    for wanted, who in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
         words, case, _, _, sense, limit, aim = wanted
         if case not in results:
             continue
-        ratio = compare(wanted, results[case], recorder)
+        ratio = compare(wanted, results[case], who)
         reached = [ratio <= value if sense == LESS else ratio >= value for value in (limit, aim)]
         verdict = "PASS, aim reached" if all(reached) else "PASS" if reached[0] else "FAIL"
         lines.append({"what": words, "ratio": ratio, "sense": sense, "limit": limit, "aim": aim, "verdict": verdict})
@@ -170,7 +185,7 @@ def markdown(results, lines):
               f"{one['verdict']} |" for one in lines]
     costs = [f"| {case} | {name} | "
              f"{' | '.join(f'{statistics.median(one[name][key] for one in rounds):.2f}' for key in COSTS)} |"
-             for case, rounds in results.items() if CASES[case][2] is not STAMPED for name in CASES[case][4]]
+             for case, rounds in results.items() if not is_stamped(case) for name in CASES[case][4] if name in rounds[0]]
     return "\n".join(["| | at most/least | aim | measured | |", "|---|---|---|---|---|", *ratios, "",
                       f"| case | recorder | {' | '.join(COSTS.values())} |", "|---|---|" + "---|" * len(COSTS), *costs, ""])
 
@@ -187,7 +202,8 @@ def main():
     options = parser.parse_args()
     if unknown := set(options.only) - set(CASES):
         parser.error(f"no such case: {', '.join(unknown)}; there are {', '.join(CASES)}")
-    if missing := [name for name in PEERS if not recorders.installed(name)]:
+    peers = [name for name in (*PEERS, WAYLAND_PEER) if any(name in CASES[case][4] for case in options.only)]
+    if missing := [name for name in peers if not recorders.installed(name)]:
         parser.error(f"{' and '.join(missing)} must be installed to be compared with")
     with tempfile.TemporaryDirectory() as folder:
         results = {case: measure_case(case, options, folder) for case in options.only}

@@ -2,8 +2,10 @@
 
 import glob
 import os
+import shutil
 import signal
 import subprocess
+import tempfile
 import time
 
 
@@ -32,6 +34,30 @@ class Display:
             with open(path, encoding="ascii") as file:
                 total += int(file.read().split()[0])
         return total / 1e9
+
+
+class Session(Display):
+    """A private Wayland session with moving content; sets WAYLAND_DISPLAY while it is open."""
+
+    def __init__(self, programs, size, screen_options):
+        nobody = 65534  # sway refuses root
+        self.folder = tempfile.mkdtemp(prefix="compare.")
+        with open(f"{self.folder}/config", "w", encoding="ascii") as config:
+            config.write(f"xwayland disable\ndefault_border none\noutput HEADLESS-1 resolution {size}\n")
+        os.chown(self.folder, nobody, nobody)
+        os.environ |= {"XDG_RUNTIME_DIR": self.folder, "WAYLAND_DISPLAY": "wayland-1", "WLR_BACKENDS": "headless",
+                       "WLR_RENDERER": "pixman", "WLR_LIBINPUT_NO_DEVICES": "1"}
+        self.server = subprocess.Popen(["sway", "-c", f"{self.folder}/config"], user=nobody, group=nobody, extra_groups=[],
+                                       stderr=subprocess.DEVNULL)
+        while not os.path.exists(f"{self.folder}/wayland-1") and self.server.poll() is None:
+            time.sleep(0.05)
+        self.screen = subprocess.Popen([f"{programs}/wayland_screen", *screen_options], stdout=subprocess.PIPE)
+        self.screen.stdout.read(1)
+
+    def __exit__(self, *_):
+        super().__exit__()
+        shutil.rmtree(self.folder)
+        del os.environ["WAYLAND_DISPLAY"]
 
 
 class BusyLoops:

@@ -7,16 +7,18 @@ import subprocess
 OURS, FLOOR = "screenrecord", "floor"
 DEFAULT = "default"  # this client with its default settings
 PEERS = ["ffmpeg", "gstreamer"]
+WAYLAND_PEER = "wf-recorder"
 
 # Settings in x264's stream header that may differ in wording but mean the same.
 SAME_IN_OTHER_WORDS = {"threads", "lookahead_threads", "vbv_maxrate", "vbv_bufsize", "nal_hrd", "fps", "timebase"}
 
 
 class Task:
-    """A recording: size, pictures per second, seconds, and whether busy loops load the machine."""
+    """A recording: size, pictures per second, seconds, whether busy loops load the machine, whether the screen is still."""
 
-    def __init__(self, programs, size, fps, seconds, loaded=False):
+    def __init__(self, programs, size, fps, seconds, loaded=False, still=False):
         self.programs, self.size, self.fps, self.seconds, self.loaded = programs, size, fps, seconds, loaded
+        self.still = still
         self.frames = fps * seconds
         self.keyint = 2 * fps
 
@@ -41,6 +43,8 @@ def recording(name, task, path):
         end = ["-t", seconds] if task.loaded else ["-frames:v", str(task.frames)]
         return [*ffmpeg_input(task), *end, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
                 "-crf", "23", "-f", "mpegts", path]
+    if name == WAYLAND_PEER:
+        return wf_recorder(task, path, "vbv-maxrate=4500:vbv-bufsize=2250", "-p", "crf=23")
     return [*gstreamer_input(task), *gstreamer_encoder(task, "pass=qual", "quantizer=23", "bitrate=4500",
                                                        "vbv-buf-capacity=500"),
             "!", "mpegtsmux", "!", "filesink", f"location={path}"]
@@ -57,6 +61,10 @@ def streaming(name, task):
         return [*ffmpeg_input(task), "-fps_mode", "passthrough",
                 *ffmpeg_encoder(task, "vbv-maxrate=4000:vbv-bufsize=1000"), "-b:v", "4000k", "-f", "h264",
                 "-flush_packets", "1", "pipe:1"]
+    if name == WAYLAND_PEER:
+        # Its messages go to standard output, so the stream leaves by another descriptor.
+        command = wf_recorder(task, "/dev/fd/3", "vbv-maxrate=4000:vbv-bufsize=1000", "-p", "b=4000k", "-m", "h264")
+        return ["sh", "-c", 'exec "$@" 3>&1 >/dev/null </dev/null', "sh", *command]
     return [*gstreamer_input(task), *gstreamer_encoder(task, "pass=cbr", "bitrate=4000", "vbv-buf-capacity=250"),
             "!", "video/x-h264,stream-format=byte-stream", "!", "fdsink", "fd=1", "sync=false"]
 
@@ -83,8 +91,16 @@ def gstreamer_encoder(task, *rate):
             "sliced-threads=false", "aud=true"]
 
 
+def wf_recorder(task, path, rate, *options):
+    """It has no rate of pictures and no end: it copies what changes until SIGINT; --no-damage copies all the time."""
+    every = ["--no-damage"] if task.still else []
+    return ["wf-recorder", "-f", path, "-c", "libx264", "-F", "format=yuv420p", *every, *options, "-p", "preset=veryfast",
+            "-p", "tune=zerolatency", "-p", f"g={task.keyint}",
+            "-p", f"x264-params={rate}:threads=1:sliced-threads=0:aud=1:fps={task.fps}"]
+
+
 def installed(name):
-    return name in (OURS, DEFAULT, FLOOR) or shutil.which({"ffmpeg": "ffmpeg", "gstreamer": "gst-launch-1.0"}[name])
+    return name in (OURS, DEFAULT, FLOOR) or shutil.which({"gstreamer": "gst-launch-1.0"}.get(name, name))
 
 
 def x264_settings(path):
