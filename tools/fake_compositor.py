@@ -76,6 +76,7 @@ MODES = {
     "ends": {"copied": [(-2, b"")]},
     "turned-strangely": {"output": [(0, struct.pack("<iiiii", 0, 0, 0, 0, 0) + text(b"m") + text(b"m") +
                                      struct.pack("<i", 0x7FFFFFFF))]},
+    "output-removed": {"removed_after": 45},
     "flood": {"copied": [damage(0, 0, 1, 1)] * 20000 + [READY]},
 }
 
@@ -85,6 +86,7 @@ class Client:
 
     def __init__(self, connection, mode):
         self.connection, self.mode = connection, MODES[mode]
+        self.registry, self.copies = 0, 0
         self.objects, self.pools, self.buffers, self.descriptors = {1: "display"}, {}, {}, []
 
     def send(self, target, opcode, body=b""):
@@ -125,6 +127,7 @@ class Client:
             self.send(values[0], 0, bytes(4))
         elif (kind, opcode) == ("display", 1):
             self.objects[values[0]] = "registry"
+            self.registry = values[0]
             for number, name, version in self.mode.get("globals", [SHM, OUTPUT, COPY]):
                 self.send(values[0], 0, struct.pack("<I", number) + text(name) + struct.pack("<I", version))
         elif (kind, opcode) == ("registry", 0):
@@ -140,6 +143,9 @@ class Client:
         elif (kind, opcode) == ("frame", 2):
             self.paint(values[0])
             self.events(target, self.mode.get("copied", [damage(0, 0, WIDTH, HEIGHT), READY]))
+            self.copies += 1
+            if self.copies == self.mode.get("removed_after"):
+                self.send(self.registry, 1, struct.pack("<I", OUTPUT[0]))
 
     def serve(self):
         data = b""
