@@ -314,6 +314,11 @@ TEST(PortalMemory, IsNotReadBeyondItsEnd)
         EXPECT_EQ(memory.bytes(0, 10) != nullptr, sealed);
     }
     EXPECT_FALSE(StreamMemory(-1, 0, 1).usable());
+    EXPECT_FALSE(StreamMemory(nullptr, 1).usable());
+    EXPECT_FALSE(StreamMemory(bytes.data(), 0).usable());
+    StreamMemory mapped(bytes.data(), 6000);
+    EXPECT_EQ(mapped.bytes(5003, 1)[0], 77);
+    EXPECT_EQ(mapped.bytes(5003, 998), nullptr);
     const common::Descriptor zeros(open("/dev/zero", O_RDONLY | O_CLOEXEC));
     EXPECT_FALSE(StreamMemory(zeros.get(), 0, 1).usable());
 }
@@ -449,9 +454,10 @@ TEST(PortalCanvas, PointerLeavesNoTrace)
     }
     cursor.x = 1, cursor.y = 1, cursor.image.hot_x = 1, ++cursor.changes;
     EXPECT_EQ(shown(&cursor), "12cd|3fgH|ijkL|");
-    ASSERT_TRUE(canvas.take(memory, whole, format, {}));
+    ASSERT_TRUE(canvas.take(new_memory, whole, format, {}));
+    EXPECT_EQ(shown(&cursor), "12CD|3FGH|IJKL|");
     cursor.visible = false;
-    EXPECT_EQ(shown(&cursor), "abcd|efgh|ijkl|");
+    EXPECT_EQ(shown(&cursor), "ABCD|EFGH|IJKL|");
 }
 
 class Token : public testing::Test {

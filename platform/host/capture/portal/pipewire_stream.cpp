@@ -46,7 +46,7 @@ const spa_pod* wanted_buffers(PodMemory& memory)
     spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers);
     spa_pod_builder_add(&builder, SPA_PARAM_BUFFERS_buffers,
                         SPA_POD_CHOICE_RANGE_Int(4, 2, most_buffers), SPA_PARAM_BUFFERS_dataType,
-                        SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd), 0);
+                        SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd | 1 << SPA_DATA_MemPtr), 0);
     return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &frame));
 }
 
@@ -123,6 +123,9 @@ const pw_core_events PipewireStream::core_events = [] {
 const pw_registry_events PipewireStream::registry_events = [] {
     pw_registry_events events{};
     events.version = PW_VERSION_REGISTRY_EVENTS;
+    events.global = [](void* data, uint32_t id, uint32_t, const char*, uint32_t, const spa_dict*) {
+        object(data)->node_there_ = object(data)->node_there_ || id == object(data)->node_;
+    };
     events.global_remove = [](void* data, uint32_t id) { object(data)->on_gone(id); };
     return events;
 }();
@@ -149,6 +152,7 @@ bool PipewireStream::start(common::Descriptor remote, uint32_t node, std::string
         return false;
     }
     const Locked lock(loop_);
+    node_ = node;
     // It closes the descriptor, also on a failure.
     core_ = pw_context_connect_fd(context_, remote.release(), nullptr, 0);
     if (core_) {
@@ -157,7 +161,7 @@ bool PipewireStream::start(common::Descriptor remote, uint32_t node, std::string
     }
     if (registry_)
         pw_registry_add_listener(registry_, &registry_hook_, &registry_events, this);
-    if (registry_ && connect(node)) {
+    if (registry_ && connect()) {
         failure.clear();
         return true;
     }
@@ -165,9 +169,8 @@ bool PipewireStream::start(common::Descriptor remote, uint32_t node, std::string
     return false;
 }
 
-bool PipewireStream::connect(uint32_t node)
+bool PipewireStream::connect()
 {
-    node_ = node;
     pw_properties* const properties =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                           PW_KEY_MEDIA_ROLE, "Screen", PW_KEY_NODE_DONT_RECONNECT, "true", nullptr);
@@ -179,7 +182,7 @@ bool PipewireStream::connect(uint32_t node)
     const spa_pod* params[] = {offered_formats(memory)};
     const auto flags =
         static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_DONT_RECONNECT);
-    return pw_stream_connect(stream_, PW_DIRECTION_INPUT, node, flags, params, 1) >= 0;
+    return pw_stream_connect(stream_, PW_DIRECTION_INPUT, node_, flags, params, 1) >= 0;
 }
 
 PipewireStream::~PipewireStream()
@@ -248,14 +251,21 @@ void PipewireStream::end(const std::string& reason)
 
 void PipewireStream::on_state(pw_stream_state state, const char* error)
 {
-    const std::string said = error ? error : "it gives no reason";
-    if (state == PW_STREAM_STATE_ERROR && !format_ && said.find("format") != said.npos)
-        end("the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA (" + said +
-            ")");
-    else if (state == PW_STREAM_STATE_ERROR)
-        end("PipeWire's stream failed: " + said);
+    if (state == PW_STREAM_STATE_ERROR)
+        end(unjoined_reason().value_or(std::string("PipeWire's stream failed: ") +
+                                       (error ? error : "it gives no reason")));
     else if (state == PW_STREAM_STATE_UNCONNECTED)
-        end("PipeWire ended the stream");
+        end(unjoined_reason().value_or("PipeWire ended the stream"));
+}
+
+/** Why both ends could not be joined; the session's manager ends such a stream without a reason. */
+std::optional<std::string> PipewireStream::unjoined_reason() const
+{
+    if (had_format_)
+        return std::nullopt;
+    return node_there_
+               ? "the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA in shared memory"
+               : "the shared screen's stream is not there any more";
 }
 
 void PipewireStream::on_core_error(uint32_t id, int result, const char* message)
@@ -267,8 +277,10 @@ void PipewireStream::on_core_error(uint32_t id, int result, const char* message)
 
 void PipewireStream::on_gone(uint32_t id)
 {
-    if (id == node_)
-        end("the compositor ended the stream, or went away");
+    if (id != node_)
+        return;
+    node_there_ = false;
+    end("the compositor ended the stream, or went away");
 }
 
 void PipewireStream::on_format(const spa_pod* format)
@@ -291,6 +303,7 @@ void PipewireStream::on_format(const spa_pod* format)
         return end("the compositor's picture of " + std::to_string(size.width) + "x" +
                    std::to_string(size.height) + " pixels is too large");
     format_ = StreamFormat{*order, size};
+    had_format_ = true;
     PodMemory memories[6];
     const auto region = static_cast<uint32_t>(sizeof(spa_meta_region));
     const uint32_t header = sizeof(spa_meta_header), transform = sizeof(spa_meta_videotransform);
@@ -309,15 +322,19 @@ void PipewireStream::on_format(const spa_pod* format)
 
 void PipewireStream::on_add_buffer(pw_buffer* buffer)
 {
-    const spa_buffer& given = *buffer->buffer;
-    if (given.n_datas < 1 || given.datas[0].type != SPA_DATA_MemFd || given.datas[0].fd < 0) {
-        unusable_memory_ = true;
+    if (buffer->buffer->n_datas < 1)
         return;
-    }
-    auto memory = std::make_unique<StreamMemory>(static_cast<int>(given.datas[0].fd),
-                                                 given.datas[0].mapoffset, given.datas[0].maxsize);
-    unusable_memory_ = unusable_memory_ || !memory->usable();
-    memories_[buffer] = std::move(memory);
+    const spa_data& given = buffer->buffer->datas[0];
+    std::unique_ptr<StreamMemory> memory;
+    if (given.type == SPA_DATA_MemPtr)
+        memory = std::make_unique<StreamMemory>(given.data, given.maxsize);
+    else if (given.type == SPA_DATA_MemFd)
+        memory = std::make_unique<StreamMemory>(static_cast<int>(given.fd), given.mapoffset,
+                                                given.maxsize);
+    if (memory && memory->usable())
+        memories_[buffer] = std::move(memory);
+    else
+        unusable_memory_ = true;
 }
 
 void PipewireStream::on_remove_buffer(pw_buffer* buffer)

@@ -52,11 +52,12 @@ private:
 
     PipewireStream() = default;
     bool start(common::Descriptor remote, uint32_t node, std::string& failure);
-    bool connect(uint32_t node);
+    bool connect();
     bool wait_for_first(std::chrono::milliseconds patience, std::string& failure);
     void end(const std::string& reason);
     void forget_latest();
 
+    std::optional<std::string> unjoined_reason() const;
     void on_state(pw_stream_state state, const char* error);
     void on_format(const spa_pod* format);
     void on_add_buffer(pw_buffer* buffer);
@@ -81,7 +82,10 @@ private:
     uint32_t node_ = 0;
 
     // of the loop's thread, or with its lock
+    // in the list of PipeWire's objects
+    bool node_there_ = false;
     std::optional<StreamFormat> format_;
+    bool had_format_ = false;
     std::unordered_map<pw_buffer*, std::unique_ptr<StreamMemory>> memories_;
     Latest latest_;
     Cursor cursor_;

@@ -362,9 +362,12 @@ void PortalSession::take_response(sd_bus_message* signal)
         response_ = Response{code, BusAnswer(signal)};
 }
 
-bool PortalSession::closed()
+bool PortalSession::closed(milliseconds limit)
 {
-    bus_.process();
+    if (limit.count() > 0)
+        bus_.run_until([this] { return closed_; }, limit);
+    else
+        bus_.process();
     return closed_;
 }
 

@@ -56,8 +56,8 @@ public:
     uint32_t node() const { return node_; }
     /** Whether the pointer comes as metadata, and is not in the pictures. */
     bool pointer_apart() const { return pointer_apart_; }
-    /** Whether the user or the desktop ended the sharing, as far as messages came. */
-    bool closed();
+    /** Whether the user or the desktop ended the sharing; waits up to `limit` for word of it. */
+    bool closed(MessageBus::Milliseconds limit);
 
     /** longest time for the user's answer */
     static constexpr MessageBus::Milliseconds user_patience = std::chrono::minutes(2);

@@ -19,9 +19,12 @@ std::optional<BgraImage> PortalSource::grab(const GrabRequest& request)
 
 std::optional<std::string> PortalSource::loss()
 {
-    if (session_->closed())
+    // The stream of a closed session ends too, often before the bus tells why.
+    constexpr MessageBus::Milliseconds reason_limit(300);
+    const auto ended = stream_->ended();
+    if (session_->closed(ended ? reason_limit : MessageBus::Milliseconds(0)))
         return "the user or the desktop ended the sharing";
-    return stream_->ended();
+    return ended;
 }
 
 void PortalSource::note_loss(const std::string& reason)

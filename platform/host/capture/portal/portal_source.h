@@ -23,7 +23,7 @@ public:
     {
     }
 
-    /** Never waits: a compositor sends a picture when there is something new to see. */
+    /** Does not wait: a compositor sends a picture when there is something new to see. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     void cut() override {}
 

@@ -41,6 +41,12 @@ StreamMemory::StreamMemory(int fd, uint64_t offset, uint64_t size) : offset_(off
     }
 }
 
+StreamMemory::StreamMemory(const void* mapped, uint64_t size)
+    : offset_(0), size_(size), usable_(mapped && size > 0 && size <= greatest_size),
+      start_(static_cast<const uint8_t*>(mapped))
+{
+}
+
 StreamMemory::~StreamMemory()
 {
     if (mapping_)
@@ -57,6 +63,7 @@ void StreamMemory::map(int fd)
         return;
     mapping_ = found;
     mapped_ = length;
+    start_ = static_cast<const uint8_t*>(found) + behind_page;
     usable_ = true;
 }
 
@@ -64,8 +71,8 @@ const uint8_t* StreamMemory::bytes(uint64_t offset, uint64_t count)
 {
     if (!usable_ || offset > size_ || count > size_ - offset)
         return nullptr;
-    if (mapping_)
-        return static_cast<const uint8_t*>(mapping_) + (mapped_ - size_) + offset;
+    if (start_)
+        return start_ + offset;
     copy_.resize(std::max<size_t>(copy_.size(), count));
     for (uint64_t done = 0; done < count;) {
         const ssize_t got = pread(file_.get(), copy_.data() + done, count - done,

@@ -18,6 +18,8 @@ public:
      * @param offset,size bytes of `fd` that are shared
      */
     StreamMemory(int fd, uint64_t offset, uint64_t size);
+    /** Memory of PipeWire itself, which has mapped it. */
+    StreamMemory(const void* mapped, uint64_t size);
     ~StreamMemory();
     StreamMemory(const StreamMemory&) = delete;
     StreamMemory& operator=(const StreamMemory&) = delete;
@@ -38,7 +40,9 @@ private:
     const uint64_t offset_;
     const uint64_t size_;
     bool usable_ = false;
-    // mapped, from the page that offset_ lies in
+    // where it is mapped; null if it is not
+    const uint8_t* start_ = nullptr;
+    // from the page that offset_ lies in; null if there is nothing to unmap
     void* mapping_ = nullptr;
     size_t mapped_ = 0;
     // not mapped
