@@ -4,10 +4,10 @@ A backend of xdg-desktop-portal that plays the user of its ScreenCast dialog, an
 
 portal_user.py FOLDER
 
-FOLDER/answer holds the user's answer to the next dialog: "grant" (also if there is no such file), "pretend" (grants a
-screen that does not exist), "refuse", "fail" (the dialog cannot be shown), "silent" (nothing happens). It prints a line
-for each event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "stopped". SIGUSR1: the
-user stops sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
+FOLDER/answer holds the user's answer to the next dialog: "grant" (also if there is no such file), "node N" (grants that
+node of PipeWire), "refuse", "fail" (the dialog cannot be shown), "silent" (nothing happens). It prints a line for each
+event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "stopped". SIGUSR1: the user stops
+sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
 
 FOLDER must be the XDG_DESKTOP_PORTAL_DIR of the portal: the description of this backend is written there.
 """
@@ -141,8 +141,8 @@ class User:
         answer = file.read_text("ascii").strip() if file.exists() else "grant"
         if answer == "grant":
             self.share(invocation, session, options)
-        elif answer == "pretend":
-            self.answer(invocation, 0, {"streams": GLib.Variant("a(ua{sv})", [(4242, {})])})
+        elif answer.startswith("node "):
+            self.answer(invocation, 0, {"streams": GLib.Variant("a(ua{sv})", [(int(answer[5:]), {})])})
         elif answer != "silent":
             self.answer(invocation, 1 if answer == "refuse" else 2)
 

@@ -29,7 +29,7 @@ class Desktop:
         built = self.test.path("built")
         shutil.copytree(BUILD / "lib", built / "lib", symlinks=True)
         (built / "bin").mkdir()
-        for program in ("screenrecord", "wayland_screen"):
+        for program in ("screenrecord", "wayland_screen", "pipewire_screen"):
             shutil.copy(BUILD / "bin" / program, built / "bin")
         shutil.copy(SOURCE / "tools" / "portal_user.py", built / "bin")
         self.test.environment["PATH"] = f'{built / "bin"}:{os.environ["PATH"]}'

@@ -5,6 +5,10 @@ import signal
 import judges
 from desktop import AS_USER, Desktop
 from harness import SOON, EndToEndTest, size_of, wait_until
+from judges import BLACK, RED, WHITE
+from stream_test import LiveStream
+
+GREEN, BLUE = (0, 255, 0), (0, 0, 255)
 
 
 class PortalTest:
@@ -131,10 +135,80 @@ class PortalIsMissing(PortalTest, EndToEndTest):
         self.assert_refused(self.record(), "offers no screen")
         self.desktop.portal.close()
         self.desktop.start_portal()
-        self.desktop.answer("pretend")
+        self.desktop.answer("node 4242")
         self.assert_refused(self.record(), "PipeWire cannot be reached")
         self.desktop.portal.process.send_signal(signal.SIGSTOP)
         self.assert_refused(self.record(), "portal does not answer", 8)
         self.desktop.portal.process.send_signal(signal.SIGCONT)
         self.desktop.start_pipewire()
-        self.assert_refused(self.record(), "PipeWire")
+        self.assert_refused(self.record(), "stream is not there")
+
+
+class PortalStreams(PortalTest, EndToEndTest):
+    """Pictures of every kind, and buffers that lie: by a program in the place of a compositor."""
+
+    QUARTERS = (RED, GREEN, BLUE, WHITE)  # at the left and right above, and below
+
+    @classmethod
+    def prepare(cls):
+        cls.desktop = Desktop(cls)
+        cls.environment["ZU3_DISPLAY"] = "portal"
+        cls.desktop.start_bus()
+        cls.desktop.start_pipewire()
+        cls.desktop.start_portal()
+
+    def share(self, *options):
+        """Shares what that program shows from now on; the program."""
+        screen = self.start("pipewire_screen", *options)
+        self.desktop.answer(screen.first_line())
+        return screen
+
+    def assert_quarters(self, file, index, size, colours=QUARTERS, tolerance=3):
+        width, height = size
+        pixels = judges.decode(self.path(file), index)
+        self.assertEqual(len(pixels), width * height * 3)
+        for (x, y), colour in zip(((1, 1), (3, 1), (1, 3), (3, 3)), colours):
+            shown = judges.pixel(pixels, width, width * x // 4, height * y // 4)
+            self.assertLessEqual(max(abs(a - b) for a, b in zip(shown, colour)), tolerance, (file, x, y, shown))
+
+    def test_pictures(self):
+        # Catches colours that are swapped, pictures on their side, hidden parts that are shown, and a format that is
+        # taken for another.
+        for options, size, colours in ((), (320, 256), self.QUARTERS), (
+                ("--format", "RGBx", "--unsealed"), (320, 256), self.QUARTERS), (
+                ("--format", "RGBA", "--size", "318x254"), (318, 254), self.QUARTERS), (
+                ("--format", "BGRA", "--turned"), (256, 320), self.QUARTERS), (
+                ("--crop",), (160, 256), (GREEN, GREEN, WHITE, WHITE)):
+            screen = self.share(*options)
+            self.run_program("screenrecord", "shot", "-y", "-o", "shot.png")
+            self.assert_quarters("shot.png", 0, size, colours)
+            screen.close()
+        screen = self.share("--format", "GRAY8")
+        self.assert_refused(self.client("shot", "-o", "a.png"), "none of the pixel formats")
+
+    def test_size_changes(self):
+        # Catches a picture of the old size in the new one's memory, and a recording that ends or stands still.
+        screen = self.share("--resize", "160x256")
+        stream = LiveStream(self, "-r", "30", "-b", "8M")
+        stream.wait_for(15)
+        screen.process.send_signal(signal.SIGUSR1)
+        stream.wait_for(90)
+        stream.end(self.path("resized.h264"))
+        self.assert_quarters("resized.h264", 5, (320, 256))
+        last = judges.decode(self.path("resized.h264"), 85)
+        places = {(40, 128): BLACK, (120, 64): RED, (200, 64): GREEN, (120, 192): BLUE, (200, 192): WHITE}
+        for (x, y), colour in places.items():
+            shown = judges.pixel(last, 320, x, y)
+            self.assertLessEqual(max(abs(a - b) for a, b in zip(shown, colour)), 3, (x, y, shown))
+
+    def test_buffers_that_lie(self):
+        # Catches a crash, a hang, or a picture out of another's memory.
+        recordings = {}
+        for kind in "shrink", "stride", "size", "offset", "cursor", "damage":
+            self.share("--unsealed", "--lie", kind)
+            asked = self.desktop.said("asked")
+            recordings[kind] = self.client("record", "-t", 3, "-o", f"{kind}.ts")
+            wait_until(lambda: self.desktop.said("asked") > asked, "the dialog")
+        for kind, recording in recordings.items():
+            self.assert_exit(recording, 0)
+            self.assert_quarters(f"{kind}.ts", 60, (320, 256))
