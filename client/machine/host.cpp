@@ -175,7 +175,7 @@ std::optional<HostScreen> open_screen()
         return std::nullopt;
     HostScreen screen;
     if (open(keep_screen, &screen) != 0 && screen.problem.empty())
-        screen.problem = "the platform has no memory for it";
+        screen.problem = "the log says why";
     return screen;
 }
 

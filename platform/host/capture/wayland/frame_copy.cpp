@@ -1,9 +1,23 @@
 #include "capture/wayland/frame_copy.h"
 
+#include "capture/wayland/upright_image.h"
+
 #include <algorithm>
+#include <cstdio>
 #include <new>
 
 namespace zu3host {
+
+namespace {
+
+std::string hexadecimal(uint32_t value)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", value);
+    return text;
+}
+
+} // namespace
 
 const ScreencopyFrameListener FrameCopy::listener{
     .buffer =
@@ -44,6 +58,24 @@ FrameCopy::FrameCopy(const WaylandSession& session, wl_output* output, bool poin
 FrameCopy::~FrameCopy()
 {
     destroy(proxy_);
+}
+
+WaylandProblem FrameCopy::problem() const
+{
+    const auto fail = [](std::string reason) {
+        return WaylandProblem{ScreenFailure::failed, std::move(reason)};
+    };
+    if (state_ == State::failed)
+        return fail("the Wayland compositor refuses to copy the output");
+    if (!layout_.is_possible())
+        return fail("the Wayland compositor offers a copy that cannot be: " +
+                    std::to_string(layout_.size.width) + "x" + std::to_string(layout_.size.height) +
+                    " pixels in lines of " + std::to_string(layout_.stride) + " bytes");
+    if (!is_known_format(layout_.format))
+        return fail("the output's pixels have the unknown format " + hexadecimal(layout_.format) +
+                    "; XRGB8888, ARGB8888, XBGR8888 and ABGR8888 can be captured, so set the "
+                    "output to 8 bits per color");
+    return {};
 }
 
 void FrameCopy::ask(const CopyBuffer& buffer)

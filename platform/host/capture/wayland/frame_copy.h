@@ -37,6 +37,8 @@ public:
     State state() const { return state_; }
     /** From `offered` on; the compositor's word, so look whether it is possible. */
     const CopyLayout& layout() const { return layout_; }
+    /** Once past `announced`: why it cannot be copied or shown; no failure if it can. */
+    WaylandProblem problem() const;
     bool shows_pointer() const { return pointer_; }
     /** In state `offered`, with a buffer of the layout, which lives as long as this. */
     void ask(const CopyBuffer& buffer);

@@ -79,10 +79,9 @@ PictureRectangle upright_part(const PictureRectangle& part, PictureSize copied,
     return turned;
 }
 
-BgraImage UprightImage::of(const CopyBuffer& buffer, Orientation orientation)
+BgraImage UprightImage::of(const CopyLayout& layout, const uint8_t* copied, Orientation orientation)
 {
-    const CopyLayout& layout = buffer.layout();
-    BgraImage image{buffer.pixels(), layout.stride, layout.size, 0};
+    BgraImage image{copied, layout.stride, layout.size, 0};
     const int width = static_cast<int>(image.size.width);
     const int height = static_cast<int>(image.size.height);
     if (!has_blue_first(layout.format)) {

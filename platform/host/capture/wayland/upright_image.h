@@ -29,8 +29,11 @@ PictureRectangle upright_part(const PictureRectangle& part, PictureSize copied,
 /** Turns copies upright, and their pixels to BGRA, in memory that is kept from one to the next. */
 class UprightImage {
 public:
-    /** `changed` and `serial` are left to the caller. A copy that needs no change is not copied. */
-    BgraImage of(const CopyBuffer& buffer, Orientation orientation);
+    /**
+     * `changed` and `serial` are left to the caller. A copy that needs no change is returned itself.
+     * The layout must be possible and its format known.
+     */
+    BgraImage of(const CopyLayout& layout, const uint8_t* copied, Orientation orientation);
 
 private:
     // of each step, empty while it is not needed

@@ -1,8 +1,11 @@
 // The module libzu3_wayland.so: all that calls libwayland-client, behind one entry.
 #include "base/border.h"
 #include "capture/screen_module.h"
+#include "capture/wayland/frame_copy.h"
 #include "capture/wayland/wayland_session.h"
 #include "capture/wayland/wayland_source.h"
+
+#include <cctype>
 
 namespace zu3host {
 
@@ -31,42 +34,50 @@ std::vector<ScreenOutput> list_outputs()
 
 using Kind = ScreenFinding::Kind;
 
-ScreenFailure examine_outputs(const WaylandSession& session, std::vector<ScreenFinding>& findings)
+ScreenFailure add_problem(WaylandProblem problem, std::vector<ScreenFinding>& findings)
 {
-    if (session.outputs().empty()) {
-        findings.push_back({Kind::missing, "The Wayland session has no output: connect or enable "
-                                           "one ('swaymsg output ... enable', for example)."});
-        return ScreenFailure::failed;
-    }
-    const std::string& first = session.outputs().front()->name;
-    const size_t count = session.outputs().size();
+    std::string& reason = problem.reason;
+    reason.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(reason.front())));
+    const bool portal_may_help = problem.failure == ScreenFailure::not_offered;
     findings.push_back(
-        {Kind::good, count == 1 ? "The session has one output, " + first + ", which is captured."
-                                : "The session has " + std::to_string(count) +
-                                      " outputs, of which the first is captured: " + first + "."});
-    return ScreenFailure::none;
+        {Kind::missing,
+         reason + (portal_may_help ? ": use the desktop portal (ZU3_DISPLAY=portal)." : ".")});
+    return problem.failure;
+}
+
+/** The first layout that the compositor offers; null if it offers none in time. */
+std::unique_ptr<FrameCopy> offered_frame(WaylandSession& session)
+{
+    auto frame = std::make_unique<FrameCopy>(session, session.outputs().front()->proxy, false);
+    const bool offered = session.connection().wait_until(
+        deadline(), [&] { return frame->state() != FrameCopy::State::announced; });
+    return offered ? std::move(frame) : nullptr;
 }
 
 ScreenFailure examine(std::vector<ScreenFinding>& findings)
 {
     WaylandProblem problem;
     const auto session = WaylandSession::open(deadline(), problem);
-    if (!session) {
-        problem.reason.front() = static_cast<char>(std::toupper(problem.reason.front()));
-        findings.push_back({Kind::missing, problem.reason + "."});
-        return problem.failure;
-    }
+    if (!session)
+        return add_problem(std::move(problem), findings);
     findings.push_back({Kind::good, "The Wayland compositor answers."});
-    if (!session->screencopy()) {
-        findings.push_back(
-            {Kind::missing,
-             "The compositor does not copy its outputs for programs (zwlr_screencopy_manager_v1, "
-             "version 2): unset ZU3_DISPLAY or set it to 'portal'."});
-        return ScreenFailure::not_offered;
-    }
+    if (problem = session->problem(); problem.failure != ScreenFailure::none)
+        return add_problem(std::move(problem), findings);
     findings.push_back({Kind::good, "The compositor copies its outputs for programs "
                                     "(zwlr_screencopy_manager_v1)."});
-    return examine_outputs(*session, findings);
+    const std::string name = session->outputs().front()->name;
+    const size_t count = session->outputs().size();
+    const auto frame = offered_frame(*session);
+    problem = frame ? frame->problem()
+                    : WaylandProblem{ScreenFailure::failed,
+                                     "the Wayland compositor does not offer a copy of the output"};
+    if (problem.failure != ScreenFailure::none)
+        return add_problem(std::move(problem), findings);
+    findings.push_back({Kind::good, count == 1
+                                        ? "The output " + name + " is captured."
+                                        : "Of " + std::to_string(count) +
+                                              " outputs the first is captured: " + name + "."});
+    return ScreenFailure::none;
 }
 
 } // namespace

@@ -144,6 +144,19 @@ WaylandSession::~WaylandSession()
         wl_registry_destroy(registry_);
 }
 
+WaylandProblem WaylandSession::problem() const
+{
+    if (!screencopy_)
+        return {ScreenFailure::not_offered,
+                "the Wayland compositor does not copy its outputs for programs "
+                "(zwlr_screencopy_manager_v1, version 2)"};
+    if (!shm_)
+        return {ScreenFailure::not_offered, "the Wayland compositor has no shared memory (wl_shm)"};
+    if (outputs_.empty())
+        return {ScreenFailure::failed, "the Wayland session has no output; connect or enable one"};
+    return {};
+}
+
 const WaylandOutput* WaylandSession::output(uint32_t id) const
 {
     const auto found =

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <android/log.h>
-#include <cstdio>
 #include <utility>
 
 namespace zu3host {
@@ -10,13 +9,6 @@ namespace zu3host {
 namespace {
 
 using State = FrameCopy::State;
-
-std::string hexadecimal(uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", value);
-    return text;
-}
 
 std::chrono::nanoseconds refresh_interval(int32_t refresh_mhz)
 {
@@ -39,21 +31,18 @@ ScreenOpening WaylandSource::open(const ScreenHost& host)
 {
     WaylandProblem problem;
     auto session = WaylandSession::open(Clock::time_point::max(), problem);
-    if (session && !session->screencopy())
-        problem = {ScreenFailure::not_offered,
-                   "the Wayland compositor does not copy its outputs for programs "
-                   "(zwlr_screencopy_manager_v1, version 2)"};
-    else if (session && !session->shm())
-        problem = {ScreenFailure::not_offered, "the Wayland compositor has no shared memory"};
-    else if (session && session->outputs().empty())
-        problem = {ScreenFailure::failed, "the Wayland session has no output"};
+    if (session)
+        problem = session->problem();
     if (problem.failure != ScreenFailure::none)
         return {.failure = problem.failure, .reason = std::move(problem.reason)};
 
     const size_t outputs = session->outputs().size();
     std::unique_ptr<WaylandSource> source(new WaylandSource(host, std::move(session)));
-    if (!source->is_first_layout_known(problem))
+    constexpr bool with_pointer = true;
+    if (!source->prepare_frame(with_pointer)) {
+        problem = source->problem();
         return {.failure = problem.failure, .reason = std::move(problem.reason)};
+    }
     if (outputs > 1)
         host.log(ANDROID_LOG_WARN,
                  ("The Wayland session has " + std::to_string(outputs) +
@@ -66,50 +55,18 @@ ScreenOpening WaylandSource::open(const ScreenHost& host)
     return opening;
 }
 
-bool WaylandSource::is_first_layout_known(WaylandProblem& problem)
-{
-    constexpr bool with_pointer = true;
-    if (prepare_frame(with_pointer))
-        return true;
-    problem = layout_problem();
-    return false;
-}
-
-WaylandProblem WaylandSource::layout_problem() const
-{
-    const CopyLayout layout = frame_ ? frame_->layout() : CopyLayout{};
-    if (gone())
-        return {ScreenFailure::failed, "the Wayland compositor ended the connection"};
-    if (frame_ && frame_->state() == State::failed)
-        return {ScreenFailure::failed,
-                "the Wayland compositor refuses to copy the output " + output_name_};
-    if (!layout.is_possible())
-        return {ScreenFailure::failed,
-                "the Wayland compositor offers a copy that cannot be: " +
-                    std::to_string(layout.size.width) + "x" + std::to_string(layout.size.height) +
-                    " pixels in lines of " + std::to_string(layout.stride) + " bytes"};
-    if (!is_known_format(layout.format))
-        return {ScreenFailure::failed,
-                "the pixels of the output " + output_name_ + " have the unknown format " +
-                    hexadecimal(layout.format) +
-                    "; XRGB8888, ARGB8888, XBGR8888 and ABGR8888 can be captured, so set the "
-                    "output to 8 bits per color"};
-    return {ScreenFailure::failed, "there is no memory for a copy of the output " + output_name_};
-}
-
 std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
 {
     // an output may change its size between a layout and its copy
     constexpr int attempts = 3;
-    const auto now = Clock::now();
-    const auto interval = now - std::exchange(grabbed_, now);
+    note_pace();
     session_->connection().take_events();
     if (image_has_pointer_ != request.pointer)
         image_ = {};
     if (frame_ && frame_->shows_pointer() != request.pointer)
         frame_.reset();
     for (int attempt = 0; attempt < attempts && !gone(); ++attempt)
-        if (const auto image = try_grab(request.pointer, interval)) {
+        if (const auto image = try_grab(request.pointer)) {
             returned_ = image->serial;
             return image;
         }
@@ -120,16 +77,26 @@ std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
     return std::nullopt;
 }
 
-std::optional<BgraImage> WaylandSource::try_grab(bool pointer, Clock::duration interval)
+void WaylandSource::note_pace()
 {
-    const bool updated = update(pointer, interval);
+    // The mean of some: a grab that comes late is followed by one that comes early.
+    const auto now = Clock::now();
+    const size_t known = std::min(grabs_, grab_times_.size());
+    if (known > 0)
+        pace_ = (now - grab_times_[(grabs_ - known) % grab_times_.size()]) / known;
+    grab_times_[grabs_++ % grab_times_.size()] = now;
+}
+
+std::optional<BgraImage> WaylandSource::try_grab(bool pointer)
+{
+    const bool updated = update(pointer);
     if (updated && frame_)
         wait_for_life();
     if (!updated || gone() || !image_.serial) {
         frame_.reset();
         return std::nullopt;
     }
-    if (!frame_ && is_fast(interval) && !ask_for_copy(pointer))
+    if (!frame_ && is_fast() && !ask_for_copy(pointer))
         return std::nullopt;
     // The layout for the next copy arrives until the next grab.
     if (!frame_)
@@ -138,7 +105,7 @@ std::optional<BgraImage> WaylandSource::try_grab(bool pointer, Clock::duration i
     return image_;
 }
 
-bool WaylandSource::update(bool pointer, Clock::duration interval)
+bool WaylandSource::update(bool pointer)
 {
     if (is_in(State::asked) && image_.serial)
         return true;
@@ -147,14 +114,14 @@ bool WaylandSource::update(bool pointer, Clock::duration interval)
         take_copy();
     // It shows the first change since the last grab. There may be more, unless the next grab comes
     // as soon as the output's next frame.
-    if (waited && is_fast(interval))
+    if (waited && is_fast())
         return true;
     if (!ask_for_copy(pointer))
         return false;
     // The compositor copies with its next frame. No change in this time is a still output.
     constexpr Clock::duration longest = std::chrono::milliseconds(100);
-    const auto deadline = image_.serial ? Clock::now() + std::min(longest, interval * 6 / 10)
-                                        : Clock::time_point::max();
+    const auto deadline =
+        image_.serial ? Clock::now() + std::min(longest, pace_ * 6 / 10) : Clock::time_point::max();
     session_->connection().wait_until(deadline, [this] { return gone() || !is_in(State::asked); });
     if (is_in(State::complete))
         take_copy();
@@ -173,11 +140,10 @@ bool WaylandSource::prepare_frame(bool pointer)
     if (!frame_ || is_in(State::failed))
         start_frame(pointer);
     session_->connection().wait([this] { return gone() || !is_in(State::announced); });
-    const CopyLayout& layout = frame_->layout();
-    if (gone() || is_in(State::failed) || !layout.is_possible() || !is_known_format(layout.format))
+    if (gone() || frame_->problem().failure != ScreenFailure::none)
         return false;
-    if (!next_ || next_->layout() != layout)
-        next_ = CopyBuffer::make(session_->shm(), layout);
+    if (!next_ || next_->layout() != frame_->layout())
+        next_ = CopyBuffer::make(session_->shm(), frame_->layout());
     return next_ != nullptr;
 }
 
@@ -208,7 +174,7 @@ void WaylandSource::take_copy()
         parts_.push_back(upright_part(part, copied, orientation));
     const bool known = comparable && !frame->damage().empty() &&
                        (image_.serial == returned_ || image_.changed.since == returned_);
-    image_ = upright_.of(*shown_, orientation);
+    image_ = upright_.of(shown_->layout(), shown_->pixels(), orientation);
     image_.serial = host_.next_image_serial();
     image_.changed = {known ? returned_ : 0, parts_};
     image_has_pointer_ = frame->shows_pointer();
@@ -232,6 +198,16 @@ void WaylandSource::wait_for_life()
     asked_for_answer_ = now;
 }
 
+WaylandProblem WaylandSource::problem() const
+{
+    if (gone())
+        return {ScreenFailure::failed, "the Wayland compositor ended the connection"};
+    WaylandProblem problem = frame_ ? frame_->problem() : WaylandProblem{};
+    if (problem.failure == ScreenFailure::none)
+        problem = {ScreenFailure::failed, "there is no memory for a copy of the output"};
+    return problem;
+}
+
 void WaylandSource::note_loss()
 {
     if (std::exchange(told_of_loss_, true) || session_->connection().was_cut())
@@ -248,8 +224,7 @@ void WaylandSource::note_loss()
 void WaylandSource::note_refusal()
 {
     if (!std::exchange(told_of_refusal_, true))
-        host_.log(ANDROID_LOG_WARN,
-                  ("Pictures are missing: " + layout_problem().reason + ".").c_str());
+        host_.log(ANDROID_LOG_WARN, ("Pictures are missing: " + problem().reason + ".").c_str());
 }
 
 } // namespace zu3host

@@ -5,6 +5,7 @@
 #include "capture/wayland/upright_image.h"
 #include "capture/wayland/wayland_session.h"
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -33,11 +34,13 @@ private:
     using Clock = WaylandConnection::Clock;
 
     WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session);
-    WaylandProblem layout_problem() const;
-    bool is_first_layout_known(WaylandProblem& problem);
+    /** Why there is no copy. */
+    WaylandProblem problem() const;
 
-    std::optional<BgraImage> try_grab(bool pointer, Clock::duration interval);
-    bool update(bool pointer, Clock::duration interval);
+    std::optional<BgraImage> try_grab(bool pointer);
+    /** Brings the image up to date; false if it cannot be. */
+    bool update(bool pointer);
+    void note_pace();
     void start_frame(bool pointer);
     /** Until the layout is known and a buffer of it is there. */
     bool prepare_frame(bool pointer);
@@ -48,7 +51,7 @@ private:
     const WaylandOutput* output() const { return session_->output(output_id_); }
     bool gone() const { return session_->connection().lost() || !output(); }
     /** Whether grabs come about as often as frames of the output. */
-    bool is_fast(Clock::duration interval) const { return interval * 2 < refresh_ * 3; }
+    bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
     void note_loss();
     void note_refusal();
 
@@ -71,7 +74,10 @@ private:
     // of the image that the last grab returned
     uint64_t returned_ = 0;
 
-    Clock::time_point grabbed_{};
+    std::array<Clock::time_point, 8> grab_times_{};
+    size_t grabs_ = 0;
+    // between grabs
+    Clock::duration pace_ = std::chrono::seconds(1);
     Clock::time_point asked_for_answer_{};
     bool told_of_loss_ = false;
     bool told_of_refusal_ = false;
