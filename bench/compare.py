@@ -111,9 +111,9 @@ def measure_once(case, name, options, display, folder):
 
 def turns(case, names):
     """
-    Who records in a round, one after the other. There and back, and of the figures the mean: a virtual machine's speed jumps
-    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which has nothing else to
-    average over, twice as many short ones. Beside busy loops one: the recorders differ by half there.
+    The recorders of a round, in turn. There and back, and of the figures the mean: a virtual machine's speed jumps
+    by a third from one ten seconds to the next, which is more than what is compared. Of latency, which is one figure a run,
+    twice as many short ones. Beside busy loops one: the recorders differ by half there.
     """
     if CASES[case][3]:
         return names
@@ -147,14 +147,14 @@ def measure_case(case, options, folder):
     return rounds
 
 
-def compare(wanted, rounds, who):
+def compare(wanted, rounds, recorder):
     """The median of the ratios within each round; without an opponent the worst round's figure itself."""
     _, _, figure, against, sense, _, _ = wanted
     if against is None:
-        return min(one[who][figure] for one in rounds)
+        return min(one[recorder][figure] for one in rounds)
     opponents = [*PEERS, WAYLAND_PEER] if against == "peers" else [against]
     best = min if sense == LESS else max
-    ratios = [one[who][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
+    ratios = [one[recorder][figure] / best(one[name][figure] for name in opponents if name in one) for one in rounds]
     return statistics.median(ratios)
 
 
@@ -167,11 +167,11 @@ def report(results):
                 figures = {key: statistics.median(one[name][key] for one in rounds) for key in rounds[0][name]}
                 print(f"  {name:13}" + "".join(f"  {key} {value:.2f}" for key, value in figures.items()))
     lines = []
-    for wanted, who in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
+    for wanted, recorder in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
         words, case, _, _, sense, limit, aim = wanted
         if case not in results:
             continue
-        ratio = compare(wanted, results[case], who)
+        ratio = compare(wanted, results[case], recorder)
         reached = [ratio <= value if sense == LESS else ratio >= value for value in (limit, aim)]
         verdict = "PASS, aim reached" if all(reached) else "PASS" if reached[0] else "FAIL"
         lines.append({"what": words, "ratio": ratio, "sense": sense, "limit": limit, "aim": aim, "verdict": verdict})

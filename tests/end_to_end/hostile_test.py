@@ -6,6 +6,7 @@ import subprocess
 import time
 import unittest
 
+import judges
 from harness import PATIENCE, SANITIZER_REPORTS, SOURCE, LongEndToEndTest, ShortEndToEndTest, size_of
 
 COMMANDS = {
@@ -16,7 +17,8 @@ COMMANDS = {
     "devices": ("devices",),
     "doctor": ("doctor",),
 }
-FAKE_X_SERVER, FAKE_SOUND_SERVER = (SOURCE / "tools" / name for name in ("fake_x_server.py", "fake_sound_server.py"))
+FAKE_X_SERVER, FAKE_SOUND_SERVER, FAKE_COMPOSITOR = (
+    SOURCE / "tools" / name for name in ("fake_x_server.py", "fake_sound_server.py", "fake_compositor.py"))
 DISPLAY_COMMANDS = ("record", "stream", "shot", "devices", "doctor")
 SOUND_COMMANDS = ("record", "pcm", "devices", "doctor")
 
@@ -63,6 +65,11 @@ class HostileServers:
         server = self.start("python3", FAKE_X_SERVER, *modes)
         return {mode: {"DISPLAY": f":{number}"} for mode, number in zip(modes, server.first_line().split())}
 
+    def compositors(self, modes):
+        self.path("session").mkdir()
+        self.start("python3", FAKE_COMPOSITOR, self.path("session"), *modes).first_line()
+        return {mode: {"ZU3_DISPLAY": "wayland", "WAYLAND_DISPLAY": str(self.path("session") / mode)} for mode in modes}
+
     def sound_servers(self, modes):
         self.start_sound()
         self.path("fake").mkdir()
@@ -93,6 +100,28 @@ class HostileDisplay(ShortEndToEndTest, HostileServers):
 class HostileDisplayInEveryWay(LongEndToEndTest, HostileServers):
     def test_all_answers(self):
         self.run_all(self.displays(self.run_program("python3", FAKE_X_SERVER).split()), DISPLAY_COMMANDS)
+
+
+@with_address_sanitizer
+class HostileCompositor(ShortEndToEndTest, HostileServers):
+    def test_selected_answers(self):
+        # Catches sizes that are multiplied before they are checked, damage outside of the picture, events of a frame that
+        # is complete or gone, and a wait for an answer that never comes.
+        survived = ("well", "red-last", "stride-wide", "offered-twice", "offered-again", "ready-twice", "damage-outside",
+                    "damage-much", "to-nobody", "turned-strangely", "upside-down", "old-version")
+        refused = ("size-zero", "size-large", "size-greatest", "stride-small", "stride-large", "unknown-format", "no-buffer",
+                   "failed-first", "output-cut", "too-old-version", "never-offered")
+        ends = self.run_all(self.compositors((*survived, *refused, "error", "event-short", "output-null")), ("shot",))
+        self.assertEqual({mode: ends[mode, "shot"] for mode in survived}, dict.fromkeys(survived, 0))
+        self.assertEqual({mode: ends[mode, "shot"] for mode in refused}, dict.fromkeys(refused, 1))
+        for mode in ("well", "red-last", "stride-wide", "upside-down"):
+            pixels = judges.decode(self.path(f"{mode}.shot.png"), 0)
+            self.assertTrue(pixels == b"\xff\0\0" * 128 * 96, mode)
+
+
+class HostileCompositorInEveryWay(LongEndToEndTest, HostileServers):
+    def test_all_answers(self):
+        self.run_all(self.compositors(self.run_program("python3", FAKE_COMPOSITOR).split()), DISPLAY_COMMANDS)
 
 
 @with_address_sanitizer

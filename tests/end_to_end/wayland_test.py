@@ -129,7 +129,7 @@ class Session(ShortEndToEndTest):
     def test_says_what_is_used(self):
         # Catches a source that is chosen against the setting, and a lack without the way out.
         for environment, said in (
-                ({}, "ok .* Wayland session .*\n.*compositor answers(.|\n)*HEADLESS-1, which is captured"),
+                ({}, "ok .* Wayland session .*\n.*compositor answers(.|\n)*output HEADLESS-1 is captured"),
                 ({"ZU3_DISPLAY": "testcard"}, "ok .*test card"),
                 ({"WAYLAND_DISPLAY": "none", "DISPLAY": ":4242"}, "ok .*No compositor answers(.|\n)*missing .*:4242"),
                 ({"WAYLAND_DISPLAY": "none"}, "missing No Wayland compositor answers .*none"),
