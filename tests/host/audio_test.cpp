@@ -1,5 +1,7 @@
 // Audio capture without a server: exact samples and levels, and sound in its place in time.
 #include "audio/capture_session.h"
+#include "audio/mixed_source.h"
+#include "audio/row_start.h"
 #include "audio/sound_placement.h"
 #include "helpers.h"
 #include "statistics/counters.h"
@@ -254,6 +256,89 @@ TEST(SoundPlacement, FillsWhatIsMissingAndDropsWhatComesTooLate)
     for (int piece = 0; piece < 50; ++piece)
         stream.deliver();
     EXPECT_EQ(at(timeline.end() - 1), (timeline.end() - 1) % 30000 + 1);
+}
+
+TEST(Mix, AddsAndBendsTowardsFullScale)
+{
+    const struct {
+        int16_t one, other;
+        int least, most;
+    } cases[] = {{1000, -3000, -2000, -2000},  {12000, 12000, 24000, 24000},
+                 {20000, 20000, 26000, 32767}, {-20000, -20000, -32767, -26000},
+                 {32767, 32767, 32700, 32767}, {-32768, -32768, -32767, -32700},
+                 {32767, -32768, -1, -1},      {12288, 12300, 24580, 24588}};
+    for (const auto& c : cases) {
+        Samples samples{c.one};
+        mix_into(samples, Samples{c.other});
+        EXPECT_TRUE(samples[0] >= c.least && samples[0] <= c.most)
+            << c.one << " and " << c.other << " make " << samples[0];
+    }
+}
+
+/** Silence up to `lag_us` ago, and the value 1000 where it is heard. */
+struct Steady : SoundSource {
+    explicit Steady(int64_t lag) : lag_us(lag) {}
+    void advance(SoundTimeline& timeline, int64_t now_us) override
+    {
+        const Samples some(2 * 480, 1000);
+        for (int64_t left = 0; (left = timeline.frame_at(now_us - lag_us) - timeline.end()) > 0;)
+            timeline.append(some.data(), std::min<int64_t>(left, 480));
+    }
+    int64_t lag_us;
+};
+
+TEST(Mix, GoesAsFarAsBothAndKeepsWhatATimelineKeeps)
+{
+    SoundTimeline timeline(0, 48000);
+    const auto mix = open_mix(
+        timeline, [](SharedTimeline&) { return std::make_unique<Steady>(0); },
+        [](SharedTimeline&) { return std::make_unique<Steady>(100'000); });
+    Samples frame(2);
+    mix->advance(timeline, 500'000);
+    EXPECT_EQ(timeline.end(), 19'200);
+    timeline.copy(19'199, 1, frame.data());
+    EXPECT_EQ(frame[0], 2000);
+    EXPECT_EQ(counters().sound_level, 2000u) << "of the mix, not of its parts";
+    mix->advance(timeline, 60'000'000);
+    EXPECT_EQ(timeline.end(), 59'900 * 48);
+    timeline.copy(timeline.end() - 48'000 + 4800, 1, frame.data());
+    EXPECT_EQ(frame[1], 2000);
+}
+
+TEST(RowStart, WaitsForReportsThatAgreeOrForTheMedianOfMany)
+{
+    const Samples piece(960 * 2, 7);
+    RowStart start;
+    for (const int64_t us : {100'000, 100'400, 99'900}) {
+        start.report(us);
+        start.keep(piece.data(), 960);
+        EXPECT_FALSE(start.settled());
+    }
+    start.report(100'100);
+    EXPECT_TRUE(start.settled());
+    EXPECT_FALSE(start.jitters());
+    EXPECT_EQ(start.samples().size(), 3 * piece.size());
+
+    start.restart();
+    EXPECT_FALSE(start.jitters());
+    start.report(80'000); // the first one is off by more than a cycle
+    for (int n = 0; n < 8; ++n) {
+        EXPECT_FALSE(start.settled()) << n;
+        start.report(100'000 + n % 4 * 5000);
+        start.keep(n == 2 ? nullptr : piece.data(), 960);
+    }
+    EXPECT_FALSE(start.settled());
+    start.keep(piece.data(), 960);
+    EXPECT_TRUE(start.settled());
+    EXPECT_TRUE(start.jitters());
+    EXPECT_NEAR(static_cast<double>(start.first_us()), 105'000, 5000);
+    EXPECT_EQ(start.samples()[2 * 960 * 2], 0) << "a hole";
+
+    start.restart();
+    for (int n = 0; n < 250; ++n)
+        start.keep(piece.data(), 960);
+    EXPECT_FALSE(start.settled()) << "without a report";
+    EXPECT_LE(start.samples().size(), 2u * 48000 * 2);
 }
 
 } // namespace

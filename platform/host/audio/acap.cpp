@@ -1,5 +1,6 @@
 #include "audio/capture_session.h"
 #include "audio/pcm_reader.h"
+#include "audio/sound_choice.h"
 #include "base/handle_table.h"
 
 #include <atomic>
@@ -14,7 +15,9 @@ namespace zu3host {
 /** One open audio capture handle. Thread-safe. */
 class AudioDevice {
 public:
-    /** Listens from now on; again without effect. Throws as CaptureUse does. */
+    /**
+     * Listens from now on; again without effect. Throws as CaptureUse and check_sound_choice() do.
+     */
     void start();
     /** Ends listening and drops what was not read. */
     void stop();
@@ -55,6 +58,7 @@ void AudioDevice::start()
     const std::lock_guard lock(mutex_);
     if (use_)
         return;
+    check_sound_choice();
     auto use = std::make_unique<CaptureUse>();
     reader_ = make_pcm_reader();
     use_ = std::move(use);

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 namespace zu3host {
 
@@ -21,6 +22,13 @@ constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
  * No output plays so far ahead, and none is heard so late: such a timing is an error of the server.
  */
 constexpr pa_usec_t greatest_latency = 5'000'000;
+/**
+ * Between two questions about the time: at a row's start so often that its place is known soon, and
+ * out of step with any server's cycle; later, of a server whose answers jitter, so often that their
+ * mean is right.
+ */
+constexpr pa_usec_t ask_at_start_us = 7'000;
+constexpr pa_usec_t ask_later_us = 97'000;
 /** Sound that came while this process was stopped is placed by the timing from before. */
 constexpr pa_usec_t greatest_age = 60'000'000;
 constexpr int64_t greatest_backlog_bytes = greatest_age / 1'000'000 * pcm_rate * pcm_frame_bytes;
@@ -51,8 +59,9 @@ void keep_pulse_memory_from_children()
 
 } // namespace
 
-PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
-    : listener_(listener), context_(pa_context_new(pa_mainloop_get_api(loop), "screenrecord"))
+PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener, WantedSource wanted)
+    : listener_(listener), wanted_(std::move(wanted)), api_(pa_mainloop_get_api(loop)),
+      context_(pa_context_new(api_, "screenrecord"))
 {
     if (!context_) {
         fail("no memory for a connection");
@@ -67,6 +76,7 @@ PulseConnection::PulseConnection(pa_mainloop* loop, PulseListener& listener)
 PulseConnection::~PulseConnection()
 {
     close_stream();
+    finder_.reset();
     if (!context_)
         return;
     pa_context_set_state_callback(context_, nullptr, nullptr);
@@ -79,12 +89,23 @@ void PulseConnection::context_changed(pa_context* context, void* self)
     const pa_context_state_t state = pa_context_get_state(context);
     auto& connection = *static_cast<PulseConnection*>(self);
     if (state == PA_CONTEXT_READY)
-        connection.open_stream();
+        connection.finder_.emplace(
+            connection.api_, context, connection.wanted_,
+            [&connection](const std::string& name) { connection.record(name); });
     else if (!PA_CONTEXT_IS_GOOD(state))
         connection.fail_as_context_says();
 }
 
-void PulseConnection::open_stream()
+void PulseConnection::record(const std::string& name)
+{
+    close_stream();
+    if (!name.empty())
+        open_stream(name.c_str());
+    else
+        listener_.absent();
+}
+
+void PulseConnection::open_stream(const char* source)
 {
     const pa_sample_spec format{PA_SAMPLE_S16LE, pcm_rate, pcm_channels};
     stream_ = pa_stream_new(context_, "recording", &format, nullptr);
@@ -92,22 +113,29 @@ void PulseConnection::open_stream()
         fail_as_context_says();
         return;
     }
+    start_.restart();
+    row_begun_ = false;
+    frames_read_ = 0;
     pa_stream_set_state_callback(stream_, stream_changed, this);
     pa_stream_set_read_callback(stream_, stream_readable, this);
+    pa_stream_set_latency_update_callback(stream_, timing_updated, this);
     const pa_buffer_attr buffer{UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX, piece_bytes};
-    const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE;
-    // The server moves a stream of this name along when another output becomes the default.
-    if (pa_stream_connect_record(stream_, "@DEFAULT_MONITOR@", &buffer,
-                                 static_cast<pa_stream_flags_t>(flags)) < 0)
-        fail_as_context_says();
+    // Moved by the server it would record what was not asked for.
+    const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE;
+    if (pa_stream_connect_record(stream_, source, &buffer, static_cast<pa_stream_flags_t>(flags)) <
+        0)
+        stream_ended();
 }
 
 void PulseConnection::close_stream()
 {
+    if (asking_)
+        api_->time_free(std::exchange(asking_, nullptr));
     if (!stream_)
         return;
     pa_stream_set_state_callback(stream_, nullptr, nullptr);
     pa_stream_set_read_callback(stream_, nullptr, nullptr);
+    pa_stream_set_latency_update_callback(stream_, nullptr, nullptr);
     pa_stream_disconnect(stream_);
     pa_stream_unref(stream_);
     stream_ = nullptr;
@@ -119,9 +147,60 @@ void PulseConnection::stream_changed(pa_stream* stream, void* self)
     auto& connection = *static_cast<PulseConnection*>(self);
     if (state == PA_STREAM_READY) {
         connection.listener_.connected();
+        connection.ask_for_timing();
         keep_pulse_memory_from_children();
     } else if (!PA_STREAM_IS_GOOD(state))
-        connection.fail_as_context_says();
+        connection.stream_ended();
+}
+
+/** A source that vanishes ends its stream alone. */
+void PulseConnection::stream_ended()
+{
+    if (!finder_ || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_))) {
+        fail_as_context_says();
+        return;
+    }
+    close_stream();
+    finder_->lost();
+}
+
+void PulseConnection::ask_for_timing()
+{
+    if (pa_operation* const asked = pa_stream_update_timing_info(stream_, nullptr, nullptr))
+        pa_operation_unref(asked);
+    if (!row_begun_)
+        ask_again_in(ask_at_start_us);
+    else if (start_.jitters())
+        ask_again_in(ask_later_us);
+}
+
+void PulseConnection::ask_again_in(pa_usec_t us)
+{
+    const pa_usec_t then = pa_rtclock_now() + us;
+    if (asking_)
+        pa_context_rttime_restart(context_, asking_, then);
+    else
+        asking_ = pa_context_rttime_new(context_, then, time_to_ask, this);
+}
+
+void PulseConnection::time_to_ask(pa_mainloop_api*, pa_time_event*, const timeval*, void* self)
+{
+    static_cast<PulseConnection*>(self)->ask_for_timing();
+}
+
+void PulseConnection::timing_updated(pa_stream*, void* self)
+{
+    auto& connection = *static_cast<PulseConnection*>(self);
+    const auto next_us = connection.time_of_next_us();
+    if (!next_us || connection.row_begun_)
+        return;
+    answer_or(
+        false,
+        [&] {
+            connection.start_.report(*next_us - connection.frames_read_ * 1000 / (pcm_rate / 1000));
+            return true;
+        },
+        [](const char*) {});
 }
 
 void PulseConnection::stream_readable(pa_stream*, size_t, void* self)
@@ -134,13 +213,39 @@ void PulseConnection::read_all()
     const void* data = nullptr;
     size_t bytes = 0;
     while (pa_stream_peek(stream_, &data, &bytes) == 0 && bytes > 0) {
-        // Until the server has told its timing, which needs one question and answer, no piece has a
-        // place.
-        if (const auto heard_us = time_of_next_us())
-            listener_.heard(static_cast<const int16_t*>(data),
-                            static_cast<int64_t>(bytes / pcm_frame_bytes), *heard_us);
+        hear(static_cast<const int16_t*>(data), static_cast<int64_t>(bytes / pcm_frame_bytes));
         pa_stream_drop(stream_);
     }
+    if (!row_begun_ && start_.settled())
+        begin_row();
+}
+
+void PulseConnection::hear(const int16_t* samples, int64_t frames)
+{
+    if (row_begun_) {
+        if (const auto heard_us = time_of_next_us())
+            listener_.heard(samples, frames, *heard_us);
+        return;
+    }
+    frames_read_ += frames;
+    answer_or(
+        false,
+        [&] {
+            start_.keep(samples, frames);
+            return true;
+        },
+        [](const char*) {});
+}
+
+void PulseConnection::begin_row()
+{
+    const std::span<const int16_t> kept = start_.samples();
+    const auto frames = static_cast<int64_t>(kept.size() / pcm_channels);
+    // Sound that was too old to be kept had its place before.
+    const int64_t forgotten = frames_read_ - frames;
+    listener_.heard(kept.data(), frames, start_.first_us() + forgotten * 1000 / (pcm_rate / 1000));
+    row_begun_ = true;
+    start_.forget_samples();
 }
 
 // From the server's own words: at `timestamp` the byte at write_index was the next to be written,

@@ -2,6 +2,7 @@
 #include "audio/pulse_module.h"
 
 #include "audio/pulse_connection.h"
+#include "audio/source_finder.h"
 #include "base/border.h"
 
 #include <memory>
@@ -22,7 +23,10 @@ class Loop final : public PulseLoop {
 public:
     explicit Loop(Mainloop loop) : loop_(std::move(loop)) {}
 
-    void connect(PulseListener& listener) override { connection_.emplace(loop_.get(), listener); }
+    void connect(PulseListener& listener, const WantedSource& wanted) override
+    {
+        connection_.emplace(loop_.get(), listener, wanted);
+    }
     void disconnect() override { connection_.reset(); }
     const char* failure() const override { return connection_ ? connection_->failure() : nullptr; }
     int prepare(int timeout_us) override { return pa_mainloop_prepare(loop_.get(), timeout_us); }
@@ -106,48 +110,47 @@ private:
     std::unique_ptr<pa_context, decltype(&pa_context_unref)> context_;
 };
 
-/** A server may leave a text out. */
-std::string text(const char* given)
-{
-    return given ? given : "";
-}
-
 void add_source(pa_context*, const pa_source_info* info, int end, void* list)
 {
     const auto add = [=] {
-        static_cast<std::vector<PulseSourceInfo>*>(list)->push_back(
-            {.name = text(info->name),
-             .description = text(info->description),
-             .sample_rate = info->sample_spec.rate,
-             .channels = info->sample_spec.channels,
-             .recorded = false});
+        static_cast<std::vector<PulseSourceInfo>*>(list)->push_back(described(*info));
         return true;
     };
     if (end == 0 && info)
         answer_or(false, add, [](const char*) {});
 }
 
-void take_default_output(pa_context*, const pa_server_info* info, void* name)
+struct Defaults {
+    std::string output;
+    std::string source;
+};
+
+void take_defaults(pa_context*, const pa_server_info* info, void* defaults)
 {
     const auto keep = [=] {
-        *static_cast<std::string*>(name) = info->default_sink_name;
+        auto& kept = *static_cast<Defaults*>(defaults);
+        kept.output = info->default_sink_name ? info->default_sink_name : "";
+        kept.source = info->default_source_name ? info->default_source_name : "";
         return true;
     };
-    if (info && info->default_sink_name)
+    if (info)
         answer_or(false, keep, [](const char*) {});
 }
 
 bool list_sources(std::vector<PulseSourceInfo>& sources)
 {
     Server server;
-    std::string output;
+    Defaults defaults;
     if (!server.connect() ||
         !server.complete(pa_context_get_source_info_list(server.context(), add_source, &sources)) ||
-        !server.complete(
-            pa_context_get_server_info(server.context(), take_default_output, &output)))
+        !server.complete(pa_context_get_server_info(server.context(), take_defaults, &defaults)))
         return false;
-    for (PulseSourceInfo& source : sources)
-        source.recorded = source.name == output + ".monitor";
+    const PulseSourceInfo* const microphone = microphone_among(sources, defaults.source);
+    const PulseSourceInfo* const desktop = desktop_among(sources, defaults.output);
+    for (PulseSourceInfo& source : sources) {
+        source.recorded = &source == desktop;
+        source.microphone = &source == microphone;
+    }
     return true;
 }
 

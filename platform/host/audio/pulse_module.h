@@ -7,11 +7,27 @@
 
 namespace zu3host {
 
+/** Which source of the sound server a connection records. */
+struct WantedSource {
+    enum class Kind {
+        /** the monitor of the default output */
+        desktop,
+        /** the default source if it is no monitor, otherwise the first that is none */
+        microphone,
+        named,
+    };
+    Kind kind = Kind::desktop;
+    /** as list_sources() tells it; for `named` */
+    std::string name;
+};
+
 /** Receives what a PulseLoop hears, within dispatch(). Must not throw: libpulse calls it. */
 class PulseListener {
 public:
     /** Sound arrives from now on, unless the connection fails. */
     virtual void connected() noexcept = 0;
+    /** The server has no such source, or not any more; connected() follows when it has one. */
+    virtual void absent() noexcept = 0;
     /**
      * @param samples `frames` frames of 48 kHz stereo, or null if the server lost them
      * @param heard_us when the first one was heard, microseconds of the monotonic clock
@@ -23,16 +39,15 @@ protected:
 };
 
 /**
- * A main loop of libpulse with at most one connection, which records the monitor of the default
- * output, also after the default changes. It never starts a server. All calls but wake_up() belong
- * to one thread.
+ * A main loop of libpulse with at most one connection, which records one source. It never starts a
+ * server. All calls but wake_up() belong to one thread.
  */
 class PulseLoop {
 public:
     virtual ~PulseLoop() = default;
 
     /** Replaces an earlier connection; failure() tells if it ends. Throws std::bad_alloc. */
-    virtual void connect(PulseListener& listener) = 0;
+    virtual void connect(PulseListener& listener, const WantedSource& wanted) = 0;
     virtual void disconnect() = 0;
     /**
      * Why the connection ended or never came about; it does not recover. Null while it has not
@@ -55,8 +70,12 @@ struct PulseSourceInfo {
     /** samples per second and channel */
     uint32_t sample_rate;
     uint32_t channels;
-    /** whether recordings hear it: the monitor of the default output */
+    /** the output that it is the monitor of; "" = it is none */
+    std::string monitor_of;
+    /** whether it is the desktop's sound: the monitor of the default output */
     bool recorded;
+    /** whether it is what `microphone` means now */
+    bool microphone;
 };
 
 /**

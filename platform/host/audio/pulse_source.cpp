@@ -1,4 +1,5 @@
 #include "audio/pulse_module.h"
+#include "audio/sound_choice.h"
 #include "audio/sound_placement.h"
 #include "audio/sound_source.h"
 #include "base/border.h"
@@ -42,8 +43,10 @@ constexpr char listening[] = "Listening to the sound server";
 
 class PulseSource final : public SoundSource, private PulseListener {
 public:
-    PulseSource(SharedTimeline& shared, const PulseModule& module)
-        : shared_(shared), loop_(module.make_loop())
+    PulseSource(SharedTimeline& shared, const PulseModule& module, WantedSource wanted,
+                bool reports_server)
+        : shared_(shared), wanted_(std::move(wanted)), reports_server_(reports_server),
+          loop_(module.make_loop())
     {
         if (!loop_)
             throw std::bad_alloc();
@@ -68,11 +71,21 @@ public:
 private:
     void connected() noexcept override
     {
-        if (reported_)
-            HOST_LOGI("The sound server is there; what the desktop plays is heard.");
-        reported_ = false;
+        if (reported_ || absent_)
+            HOST_LOGI("The sound of %s is heard.", called(wanted_));
+        reported_ = absent_ = false;
         was_connected_ = true;
         set_live(true);
+    }
+    void absent() noexcept override
+    {
+        if (!absent_)
+            HOST_LOGW("The sound server has no sound of %s; silence is heard until it has.",
+                      called(wanted_));
+        absent_ = true;
+        reported_ = false;
+        was_connected_ = true;
+        set_live(false);
     }
     void heard(const int16_t* samples, int64_t frames, int64_t heard_us) noexcept override
     {
@@ -93,6 +106,8 @@ private:
     void report(const char* failure);
 
     SharedTimeline& shared_;
+    const WantedSource wanted_;
+    const bool reports_server_;
     // under the timeline's lock
     bool live_ = false;
     // under the timeline's lock; the socket was empty then
@@ -102,6 +117,7 @@ private:
     // of the thread, as is what follows
     bool was_connected_ = false;
     bool reported_ = false;
+    bool absent_ = false;
     const std::unique_ptr<PulseLoop> loop_;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
@@ -126,7 +142,7 @@ bool PulseSource::listen()
         PulseLoop& loop;
         ~Disconnect() { loop.disconnect(); }
     } const at_the_end{*loop_};
-    loop_->connect(*this);
+    loop_->connect(*this, wanted_);
     bool usable = true;
     while (usable && !stopping() && !loop_->failure())
         usable = iterate(look_us);
@@ -188,9 +204,9 @@ void PulseSource::report(const char* failure)
 {
     if (was_connected_)
         counters().sound_lost.store(1, std::memory_order_relaxed);
-    if (!reported_ && was_connected_)
+    if (!reported_ && reports_server_ && was_connected_)
         HOST_LOGW("The sound server went away (%s); silence is heard until it is back.", failure);
-    else if (!reported_)
+    else if (!reported_ && reports_server_)
         HOST_LOGW(
             "No sound server can be heard (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
             failure);
@@ -208,9 +224,10 @@ const PulseModule* load_pulse_module(const char*& failure)
     return module;
 }
 
-std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module)
+std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module,
+                                               const WantedSource& wanted, bool reports_server)
 {
-    return std::make_unique<PulseSource>(shared, module);
+    return std::make_unique<PulseSource>(shared, module, wanted, reports_server);
 }
 
 namespace {
@@ -223,9 +240,9 @@ int tell_sources(zu3_host_sound_source_receiver_t receiver, void* user)
     if (!receiver || !module || !module->list_sources(sources))
         return -1;
     for (const PulseSourceInfo& source : sources) {
-        const zu3_host_sound_source_t told{source.name.c_str(), source.description.c_str(),
-                                           source.sample_rate, source.channels,
-                                           source.recorded ? 1u : 0u};
+        const zu3_host_sound_source_t told{source.name.c_str(),       source.description.c_str(),
+                                           source.sample_rate,        source.channels,
+                                           source.recorded ? 1u : 0u, source.microphone ? 1u : 0u};
         receiver(&told, user);
     }
     return static_cast<int>(sources.size());

@@ -20,17 +20,21 @@ public:
 };
 
 /**
- * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse. Does not wait for a
- * server: silence is heard until one answers. `shared` must outlive the source.
+ * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse, and then ZU3_SOUND
+ * says which of the server's sources. Does not wait for a server: silence is heard until one
+ * answers. `shared` must outlive the source.
  */
 std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
 
 /**
- * What the desktop plays, by way of its PulseAudio server (PipeWire offers the same). A thread
- * connects, and connects again after the server went away; without a server silence is heard.
+ * A source of the PulseAudio server (PipeWire offers the same). A thread connects, and connects
+ * again after the server went away; without a server, or without the source, silence is heard.
  * Throws std::system_error when the system gives no thread, std::bad_alloc without memory.
+ * @param reports_server whether to log that a server is missing or went away
  */
-std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module);
+std::unique_ptr<SoundSource> open_pulse_source(SharedTimeline& shared, const PulseModule& module,
+                                               const WantedSource& wanted,
+                                               bool reports_server = true);
 
 /** 440 Hz on both channels, without a seam. */
 std::unique_ptr<SoundSource> open_tone();

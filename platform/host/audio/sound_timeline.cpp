@@ -54,10 +54,12 @@ constexpr int64_t floor_divide(int64_t value, int64_t by)
 
 } // namespace
 
-SoundTimeline::SoundTimeline(int64_t start_us, int64_t capacity)
+SoundTimeline::SoundTimeline(int64_t start_us, int64_t capacity, bool metered)
     : start_us_(start_us), capacity_(capacity),
       samples_(static_cast<size_t>(capacity) * pcm_channels)
 {
+    if (metered)
+        meter_.emplace();
 }
 
 // Rounded up, so that frame_at() of a frame's own time is that frame again.
@@ -75,7 +77,8 @@ void SoundTimeline::append(const int16_t* samples, int64_t frames)
 {
     if (frames <= 0)
         return;
-    meter_.hear(samples, frames);
+    if (meter_)
+        meter_->hear(samples, frames);
     const int64_t skipped = std::max<int64_t>(0, frames - capacity_);
     end_ += skipped;
     store(samples ? samples + skipped * pcm_channels : nullptr, frames - skipped);

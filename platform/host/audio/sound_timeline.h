@@ -4,6 +4,7 @@
 
 #include <array>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace zu3host {
@@ -37,7 +38,9 @@ class SoundTimeline {
 public:
     static constexpr int64_t usual_capacity = int64_t{2} * pcm_rate;
 
-    explicit SoundTimeline(int64_t start_us, int64_t capacity = usual_capacity);
+    /** @param metered whether its level is the one in the statistics */
+    explicit SoundTimeline(int64_t start_us, int64_t capacity = usual_capacity,
+                           bool metered = true);
 
     /** The frame after the last one; counts from the capture's start. */
     int64_t end() const { return end_; }
@@ -62,12 +65,15 @@ private:
     const int64_t capacity_;
     std::vector<int16_t> samples_;
     int64_t end_ = 0;
-    LevelMeter meter_;
+    std::optional<LevelMeter> meter_;
 };
 
 /** A timeline that one thread fills and others read. */
 struct SharedTimeline {
-    explicit SharedTimeline(int64_t start_us, int64_t capacity) : timeline(start_us, capacity) {}
+    SharedTimeline(int64_t start_us, int64_t capacity, bool metered = true)
+        : timeline(start_us, capacity, metered)
+    {
+    }
 
     std::mutex mutex;
     /** under the mutex */

@@ -18,8 +18,10 @@ typedef struct {
     /** samples per second and channel */
     uint32_t sample_rate;
     uint32_t channels;
-    /** 1 = recordings hear it: the monitor of the default output; 0 = they do not */
+    /** 1 = the desktop's sound, which is recorded by default: the monitor of the default output */
     uint32_t recorded;
+    /** 1 = what ZU3_SOUND=microphone records: the default source that is no monitor */
+    uint32_t microphone;
 } zu3_host_sound_source_t;
 
 /** Receives one source; `user` is what was given to zu3_host_sound_sources(). */

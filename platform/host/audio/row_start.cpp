@@ -1,0 +1,59 @@
+#include "audio/row_start.h"
+
+#include "audio/pcm_reader.h"
+
+#include <algorithm>
+
+namespace zu3host {
+
+namespace {
+
+constexpr size_t enough_reports = 4;
+constexpr int64_t agreement_us = 1000;
+/** Less than a reader's patience, so that silence does not fill the row's place meanwhile. */
+constexpr size_t longest_samples = size_t{pcm_rate} * 180 / 1000 * pcm_channels;
+/** Without any report the row has no place; what is older than this is not worth its memory. */
+constexpr size_t most_samples = size_t{pcm_rate} * 2 * pcm_channels;
+
+} // namespace
+
+void RowStart::restart()
+{
+    reports_.clear();
+    samples_ = {};
+}
+
+void RowStart::keep(const int16_t* samples, int64_t frames)
+{
+    const auto count = static_cast<size_t>(frames) * pcm_channels;
+    if (samples_.size() + count > most_samples)
+        forget_samples();
+    if (samples)
+        samples_.insert(samples_.end(), samples, samples + count);
+    else
+        samples_.resize(samples_.size() + count);
+}
+
+bool RowStart::jitters() const
+{
+    if (reports_.empty())
+        return false;
+    const auto [least, most] = std::minmax_element(reports_.begin(), reports_.end());
+    return *most - *least > agreement_us;
+}
+
+bool RowStart::settled() const
+{
+    return (reports_.size() >= enough_reports && !jitters()) ||
+           (!reports_.empty() && samples_.size() >= longest_samples);
+}
+
+int64_t RowStart::first_us() const
+{
+    std::vector<int64_t> sorted = reports_;
+    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    return *middle;
+}
+
+} // namespace zu3host

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "audio/pulse_module.h"
+
+#include <vector>
+
+namespace zu3host {
+
+/**
+ * The sources of the sound server that ZU3_SOUND asks for: none, one, or two to be mixed. Unset
+ * means the desktop.
+ */
+std::vector<WantedSource> wanted_sources();
+
+/**
+ * Throws std::invalid_argument if ZU3_SOUND names a source that the sound server does not have, as
+ * far as one answers within 3 s. Asks no server unless a name is given.
+ */
+void check_sound_choice();
+
+/** What a log line calls the source. */
+const char* called(const WantedSource& source);
+
+} // namespace zu3host
