@@ -55,6 +55,11 @@ Paths paths_of(const StreamOptions& options)
     return {{"--output", options.output, true}, {"--watermark", options.watermark.image, false}};
 }
 
+Paths paths_of(const ReplayOptions& options)
+{
+    return {{"--output", options.output, false}, {"--status-file", options.status_file, true}};
+}
+
 Paths paths_of(const ShotOptions& options)
 {
     return {{"--output", options.output, true}};
@@ -145,6 +150,8 @@ void check_output(const char* command, const Options& options, uint32_t fps = 0)
 void check_record(const CLI::App& command, const RecordOptions& options)
 {
     check_container(command, options);
+    if (command.count("--no-audio") > 0 && !options.sound.empty())
+        refuse("--sound", "cannot be combined with --no-audio");
     if (options.output == "wifi")
         refuse("--output", "the name 'wifi' is reserved; a file of that name is './wifi'");
     if (is_standard_output(options.status_file))
@@ -167,7 +174,22 @@ void check_record(const CLI::App& command, const RecordOptions& options)
     if (options.one_call && (!options.source.empty() || options.slot != 0 || !options.audio))
         refuse(
             "--one-call",
-            "always records the screen with sound on slot 0; it cannot be combined with --source, --slot 1 or --no-audio");
+            "always records the screen with sound on slot 0; it cannot be combined with --source, --slot 1, --no-audio or --sound none");
+}
+
+void check_replay(const ReplayOptions& options)
+{
+    if (options.bit_rate && options.quality)
+        refuse("--quality", "cannot be combined with --bitrate");
+    if (is_standard_output(options.status_file))
+        refuse("--status-file", "'" + options.status_file +
+                                    "' is not a file; --json writes the status to standard error");
+}
+
+void check_pcm(const PcmOptions& options)
+{
+    if (options.sound == "none")
+        refuse("--sound", "none leaves nothing to record");
 }
 
 void check_shot(const ShotOptions& options)
@@ -196,7 +218,16 @@ struct CommandCheck {
         check_shot(options);
         check_output("shot", options);
     }
-    void operator()(const PcmOptions& options) const { check_output("pcm", options); }
+    void operator()(const ReplayOptions& options) const
+    {
+        check_replay(options);
+        check(paths_of(options));
+    }
+    void operator()(const PcmOptions& options) const
+    {
+        check_pcm(options);
+        check_output("pcm", options);
+    }
     void operator()(const RemuxOptions& options) const
     {
         if (is_standard_output(options.output) || !container_of(options.output, ""))
@@ -212,6 +243,10 @@ Invocation chosen_command(const CLI::App& app, const AllOptions& all)
     const std::string name = app.get_subcommands().front()->get_name();
     if (name == "record")
         return all.record;
+    if (name == "replay")
+        return all.replay;
+    if (name == "control")
+        return all.control;
     if (name == "stream")
         return all.stream;
     if (name == "shot")

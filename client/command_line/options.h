@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "machine/display.h"
+#include <common/encoder_limits.h>
 #include <common/screen_part.h>
 
 namespace client {
@@ -58,6 +59,12 @@ inline constexpr const char* level_names = "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2
 /** The code of CapEnc_OpenParams for one of them. */
 std::optional<uint32_t> parse_level(std::string_view text);
 
+/** The values of --sound that are no names of sources. */
+inline constexpr const char* sound_words = "desktop|microphone|both|none";
+
+/** The orders of the command "control". */
+inline constexpr const char* control_orders = "stop|pause|resume|save|status";
+
 using Seconds = std::chrono::duration<double>;
 
 /** Options that several commands share. */
@@ -67,6 +74,8 @@ struct CommonOptions {
     std::string display;
     bool overwrite = false;
     bool verbose = false;
+    /** one of sound_words or a source's name; empty = as ZU3_SOUND says */
+    std::string sound;
     /** the desktop portal asks for a screen although one was granted before */
     bool ask = false;
     /** nullopt = until a stop is requested */
@@ -102,6 +111,28 @@ struct RecordOptions : ScreenOptions {
     std::string format;
     bool fragmented = false;
     bool control = false;
+    /** seconds to count down before the recording */
+    uint32_t countdown = 0;
+    /** by a desktop notification at the end */
+    bool notify = false;
+};
+
+/** `output` is a folder, `overwrite` is unused. */
+struct ReplayOptions : CommonOptions {
+    /** kept in memory */
+    Seconds last{60};
+    std::optional<Size> size;
+    uint32_t fps = 30;
+    bool audio = true;
+    /** bit/s */
+    std::optional<uint32_t> bit_rate;
+    /** x264's rate factor, 0 to 51 */
+    std::optional<uint32_t> quality;
+    bool json = false;
+    std::string status_file;
+    bool control = false;
+    /** by a desktop notification after each save */
+    bool notify = false;
 };
 
 struct WatermarkOptions {
@@ -117,6 +148,8 @@ struct StreamOptions : ScreenOptions {
     std::optional<uint32_t> bit_rate;
     /** x264's rate factor, 0 to 51; overrides the bit rate */
     std::optional<uint32_t> quality;
+    /** bit/s that a constant quality does not exceed */
+    uint32_t ceiling = common::greatest_bit_rate;
     /** code of CapEnc_OpenParams, 0 = the encoder's choice */
     uint32_t profile = 0;
     /** the same */
@@ -143,21 +176,30 @@ struct RemuxOptions : CommonOptions {
 };
 struct DevicesOptions {};
 struct DoctorOptions : CommonOptions {};
+struct ControlOptions {
+    /** one of control_orders */
+    std::string order;
+    /** nullopt = the only recorder */
+    std::optional<uint32_t> process;
+};
 
 /** The options of all commands: the parser fills them before the command is known. */
 struct AllOptions {
     RecordOptions record;
+    ReplayOptions replay;
     StreamOptions stream;
     ShotOptions shot;
     PcmOptions pcm;
     RemuxOptions remux;
     DevicesOptions devices;
     DoctorOptions doctor;
+    ControlOptions control;
 };
 
 /** A command with its options. */
-using Invocation = std::variant<RecordOptions, StreamOptions, ShotOptions, PcmOptions, RemuxOptions,
-                                DevicesOptions, DoctorOptions>;
+using Invocation =
+    std::variant<RecordOptions, ReplayOptions, ControlOptions, StreamOptions, ShotOptions,
+                 PcmOptions, RemuxOptions, DevicesOptions, DoctorOptions>;
 
 /** Runs a command. Returns the program's exit code. */
 using RunCommand = int (*)(const Invocation& invocation);

@@ -88,6 +88,20 @@ void define_ask(CLI::App& command, CommonOptions& options)
                      "have the desktop portal ask again which screen or window to share");
 }
 
+/** @param audio becomes false with "none"; null = none is refused later */
+void define_sound(CLI::App& command, CommonOptions& options, bool* audio)
+{
+    define_value(
+        command, "--sound", "desktop|microphone|both|NAME|none",
+        "the sound to record: what the desktop plays, the default microphone, both mixed, the source NAME as 'devices' lists it, or none; default: ZU3_SOUND, or desktop",
+        [&options, audio](const std::string& given) {
+            options.sound = given;
+            if (audio)
+                *audio = given != "none";
+            return given.empty() ? "is no sound source" : "";
+        });
+}
+
 void define_time(CLI::App& command, CommonOptions& options)
 {
     define_value(
@@ -236,6 +250,15 @@ void define_watermark(CLI::App& command, WatermarkOptions& options)
         ->needs(image);
 }
 
+void define_status(CLI::App& command, bool& json, std::string& status_file)
+{
+    command.add_flag("--json", json, "print one JSON object per second on standard error");
+    command
+        .add_option("--status-file", status_file,
+                    "write the same object to this file once per second")
+        ->type_name("FILE");
+}
+
 void define_record(CLI::App& command, RecordOptions& options)
 {
     define_output(
@@ -261,13 +284,14 @@ void define_record(CLI::App& command, RecordOptions& options)
                   [&options](const std::string& name) { options.format = name; });
     define_choice(
         command, "--control", "-",
-        "read commands from standard input, one per line: pause, resume, stop; answers go to standard error; not for a .ts file. Without it, the key p pauses and resumes, if standard input and standard error are a terminal",
+        "read commands from standard input, one per line: pause, resume, status, stop; answers go to standard error; not for a .ts file. Without it, the key p pauses and resumes, if standard input and standard error are a terminal",
         [&options](const std::string&) { options.control = true; });
     define_rate(command, options);
     define_choice(
         command, "--packet-size", "188|192",
         "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; default: 188",
         [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
+    define_sound(command, options, &options.audio);
     command.add_flag_callback(
         "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
@@ -280,12 +304,57 @@ void define_record(CLI::App& command, RecordOptions& options)
             "--source", options.source,
             "encode this file of raw NV12 pictures instead of the screen, and stop at its end; in each picture the stride is the width rounded up to 16, the height is rounded up to 32 lines, and chroma follows luma")
         ->type_name("FILE.nv12");
+    define_number(command, "--countdown", "SECONDS", "count down before the recording, 1 to 3600",
+                  1, 3600, [&options](uint32_t given) { options.countdown = given; });
+    command.add_flag("--notify", options.notify,
+                     "show a desktop notification at the end, if a service for that answers");
     command.add_flag("--one-call", options.one_call, "use the library's one-call interface");
-    command.add_flag("--json", options.json, "print one JSON object per second on standard error");
+    define_status(command, options.json, options.status_file);
+}
+
+void define_last(CLI::App& command, ReplayOptions& options)
+{
+    define_value(
+        command, "--last", "TIME",
+        "keep this much, such as 30 or 2m; default: 60 s. A saved file begins at most a second earlier",
+        [&options](const std::string& given) -> std::string {
+            const auto last = parse_time(given);
+            options.last = last.value_or(options.last);
+            return last && last->count() >= 1 && last->count() <= 3600
+                       ? ""
+                       : "is not a time from 1 s to 1 h, such as 60s or 2m30s";
+        });
+}
+
+void define_replay(CLI::App& command, ReplayOptions& options)
+{
     command
-        .add_option("--status-file", options.status_file,
-                    "write the same object to this file once per second")
-        ->type_name("FILE");
+        .add_option("-o,--output", options.output,
+                    "folder for the saved files, MP4 named by date and time; default: the videos "
+                    "folder (XDG_VIDEOS_DIR) or the current folder")
+        ->type_name("FOLDER");
+    define_last(command, options);
+    command.add_flag("-v,--verbose", options.verbose,
+                     "print the chosen settings and, after a failure, the library's log");
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+    define_fps(command, options.fps);
+    define_time(command, options);
+    define_quality(
+        command, options.quality,
+        "constant quality: low, medium, high, or x264's rate factor, 0 (best) to 51; default: medium, which is 22; up to twice the default bit rate of 'stream'");
+    define_bit_rate(command, options.bit_rate,
+                    "bits per second instead of a quality, with k (1000) or M (1000000)");
+    define_choice(
+        command, "--control", "-",
+        "read commands from standard input, one per line: save, status, stop; answers go to standard error. Without it, the key s saves, if standard input and standard error are a terminal",
+        [&options](const std::string&) { options.control = true; });
+    define_sound(command, options, &options.audio);
+    define_display(command, options);
+    define_ask(command, options);
+    command.add_flag("--notify", options.notify,
+                     "show a desktop notification after each save, if a service for that answers");
+    define_status(command, options.json, options.status_file);
 }
 
 void define_stream(CLI::App& command, StreamOptions& options)
@@ -340,6 +409,24 @@ void define_pcm(CLI::App& command, PcmOptions& options)
     define_output(command, options, "FILE.wav|-",
                   "WAV file, or - for raw samples on standard output");
     define_time(command, options);
+    define_sound(command, options, nullptr);
+}
+
+void define_control(CLI::App& command, ControlOptions& options)
+{
+    define_value(command, "order", control_orders,
+                 "what the recorder is to do: stop, pause or resume; save what a replay keeps and "
+                 "print the file's path; print its status as a JSON object",
+                 [&options](const std::string& given) -> std::string {
+                     const std::vector<std::string> words = choices_of(control_orders);
+                     options.order = given;
+                     return std::find(words.begin(), words.end(), given) == words.end()
+                                ? "is not " + listed(words, "or")
+                                : "";
+                 })
+        ->required();
+    define_number(command, "--pid", "PID", "the recorder's process, if several run", 1, INT32_MAX,
+                  [&options](uint32_t given) { options.process = given; });
 }
 
 void define_remux(CLI::App& command, RemuxOptions& options)
@@ -369,7 +456,7 @@ constexpr Term signal_terms[] = {
     {"INT, TERM, HUP",
      "stop: complete the file and print its path; under nohup, HUP stays ignored"},
     {"USR1, USR2",
-     "pause and resume; a recording into a .ts file cannot pause: it prints a message and continues"},
+     "pause and resume; a recording into a .ts file cannot pause: it prints a message and continues; a replay saves on USR1"},
 };
 constexpr Term exit_codes[] = {
     {"0", "complete"},
@@ -389,7 +476,9 @@ constexpr Term environment_terms[] = {
     {"ZU3_WINDOW", "the X11 window to capture, like --window"},
     {"ZU3_POINTER", "0 leaves the pointer out of recordings and streams, like --no-pointer"},
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
+    {"ZU3_SOUND", "desktop, microphone, both, none or the name of a sound source, as --sound"},
     {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
+    {"XDG_RUNTIME_DIR", "the folder for the socket that 'control' finds a recorder by"},
     {"XDG_VIDEOS_DIR",
      "the folder for recordings without -o; default: that of user-dirs.dirs, or ~/Videos"},
     {"NO_COLOR", "no colours if set and not empty"},
@@ -425,11 +514,15 @@ void describe_program(CLI::App& app, AllOptions& all)
             "record",
             "Record screen and sound into an MP4, Matroska or MPEG transport-stream file."),
         all.record);
+    define_replay(*app.add_subcommand("replay",
+                                      "Keep the last minute in memory, and save it to a file on "
+                                      "SIGUSR1, the key s, or 'screenrecord control save'."),
+                  all.replay);
     define_stream(*app.add_subcommand(
                       "stream", "Write the screen as a raw H.264 stream, to a file or a pipe."),
                   all.stream);
     define_shot(*app.add_subcommand("shot", "Take screenshots."), all.shot);
-    define_pcm(*app.add_subcommand("pcm", "Record the desktop's sound, uncompressed."), all.pcm);
+    define_pcm(*app.add_subcommand("pcm", "Record sound, uncompressed."), all.pcm);
     define_remux(*app.add_subcommand("remux",
                                      "Copy a recording into an MP4 or Matroska file without "
                                      "encoding it again: screenrecord remux FILE.ts FILE.mp4"),
@@ -438,6 +531,11 @@ void describe_program(CLI::App& app, AllOptions& all)
     define_doctor(*app.add_subcommand(
                       "doctor", "Check this machine, and say how to install what is missing."),
                   all.doctor);
+    define_control(*app.add_subcommand(
+                       "control",
+                       "Have your running recorder do something, for example by a shortcut of the "
+                       "desktop: screenrecord control stop|pause|resume|save|status"),
+                   all.control);
     app.add_subcommand(help_command, "Print the help of the given command or of the program.");
     app.add_subcommand("version", "Print the version.")->callback([] {
         throw CLI::CallForVersion(version_text(), 0);

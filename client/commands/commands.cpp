@@ -46,6 +46,8 @@ void prepare_environment(const CommonOptions* options)
     setenv("ANDROID_LOG_TAGS", verbose ? "zu3:I screenrecord:S" : "screenrecord:S", 0);
     if (options && !options->display.empty())
         choose_display(options->display);
+    if (options && !options->sound.empty())
+        setenv("ZU3_SOUND", options->sound.c_str(), 1);
     if (options && options->ask)
         setenv("ZU3_ASK", "1", 1);
 }

@@ -21,11 +21,13 @@ int run(const Invocation& invocation);
 
 /** Each runs a command to its end; throws Failure. */
 ExitCode run(const RecordOptions& options, CommandContext& context);
+ExitCode run(const ReplayOptions& options, CommandContext& context);
 ExitCode run(const StreamOptions& options, CommandContext& context);
 ExitCode run(const ShotOptions& options, CommandContext& context);
 ExitCode run(const PcmOptions& options, CommandContext& context);
 ExitCode run(const RemuxOptions& options, CommandContext& context);
 ExitCode run(const DevicesOptions& options, CommandContext& context);
 ExitCode run(const DoctorOptions& options, CommandContext& context);
+ExitCode run(const ControlOptions& options, CommandContext& context);
 
 } // namespace client

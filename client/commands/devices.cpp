@@ -48,6 +48,8 @@ std::string source_line(const SoundSource& source)
 {
     std::string line = format_text("sound    %s  %u Hz, %u channels  %s", source.name.c_str(),
                                    source.sample_rate, source.channels, source.description.c_str());
+    if (source.microphone)
+        line += "  (microphone)";
     return source.recorded ? line + "  (recorded)" : line;
 }
 

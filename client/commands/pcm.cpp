@@ -7,6 +7,7 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/sound_capture.h"
+#include "running/sound_choice.h"
 
 namespace client {
 namespace {
@@ -174,6 +175,7 @@ private:
 ExitCode run(const PcmOptions& options, CommandContext& context)
 {
     checked_output(options.output, options.overwrite);
+    check_chosen_sound();
     return PcmRun(options, context).run();
 }
 

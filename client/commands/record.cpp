@@ -6,9 +6,13 @@
 #include "files/output_format.h"
 #include "files/output_watch.h"
 #include "machine/display.h"
+#include "process/desktop_notification.h"
 #include "process/messages.h"
 #include "running/attended_display.h"
+#include "running/control_socket.h"
 #include "running/recording.h"
+#include "running/sound_choice.h"
+#include "running/stream_control.h"
 #include "showing/status_report.h"
 #include <common/rounding.h>
 
@@ -62,6 +66,9 @@ void print_settings(const RecordOptions& o, Size size)
                     rate.c_str(), o.packet_size, o.audio ? "AAC sound" : "no sound", o.slot,
                     o.one_call ? ", one call" : "", o.output.c_str()));
 }
+
+constexpr const char* cannot_pause =
+    "cannot pause: the library can only end a recording into a .ts file; it continues; .mp4 and .mkv files can be paused";
 
 /** Interval of the looks at a source file's progress. */
 constexpr auto source_look = std::chrono::milliseconds(20);
@@ -137,6 +144,8 @@ public:
             print_message("the bit rate is lowered to 4.5M, since a .ts file has room for that "
                           "much video; .mp4 and .mkv have no such limit");
         check_output_path(options_.output, options_.overwrite);
+        if (options_.audio)
+            check_chosen_sound();
         StatusReport report(options_.json, options_.status_file);
         const OutputFile file(options_.output, options_.overwrite, context_.signals);
         RecordingMonitor watch(file);
@@ -158,9 +167,11 @@ private:
             options_.time
                 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)
                 : TimePoint::max();
-        while (!at_end(end, watch, output, file))
+        while (!at_end(end, watch, output, file)) {
+            serve_peers(progress, file);
             if (report.due())
                 report.update(progress.measure(file.size()));
+        }
         const bool in_order =
             recording.finish(context_.signals.raised() ? Recording::patience_of_a_stop
                                                        : Recording::patience_at_the_end);
@@ -192,16 +203,30 @@ private:
     {
         const TimePoint next =
             Clock::now() + (source_end_ ? source_look : std::chrono::milliseconds(100));
-        if (context_.signals.wait_until(std::min(next, end)) || Clock::now() >= end)
+        if (context_.signals.wait_until(std::min(next, end)) || Clock::now() >= end || stop_asked_)
             return true;
         if (context_.signals.take_pause_request() == PauseRequest::pause)
-            print_message(
-                "cannot pause: the library can only end a recording into a .ts file; it continues; .mp4 and .mkv files can be paused");
+            print_message(cannot_pause);
         check_file(output.problem(), watch);
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
         problem_ = source_end_->problem();
         return true;
+    }
+
+    /** Answers `screenrecord control`. */
+    void serve_peers(RecordProgress& progress, const OutputFile& file)
+    {
+        socket_.serve([&](const std::string& line, ControlSocket::Ticket) {
+            const control::Command command = control::parse(line);
+            if (std::holds_alternative<control::Status>(command))
+                return std::optional(progress_as_json(progress.measure(file.size()), "recording"));
+            if (std::holds_alternative<control::Pause>(command))
+                return std::optional(std::string("error: ") + cannot_pause);
+            stop_asked_ = stop_asked_ || std::holds_alternative<control::Stop>(command);
+            return std::optional<std::string>(
+                stop_asked_ ? "ok" : "error: a recording into a .ts file accepts status and stop");
+        });
     }
 
     static bool nothing_came(const OutputFile& file) { return file.regular() && file.size() == 0; }
@@ -229,16 +254,57 @@ private:
     std::optional<std::string> problem_;
     std::optional<std::string> shortfall_;
     std::optional<std::string> notice_;
+    ControlSocket socket_;
+    bool stop_asked_ = false;
     bool output_lost_ = false;
 };
+
+/** False if a stop was asked for meanwhile. */
+bool count_down(uint32_t seconds, StopSignals& signals)
+{
+    const TimePoint end = Clock::now() + std::chrono::seconds(seconds);
+    bool stopped = false;
+    for (uint32_t left = seconds; left > 0 && !stopped; --left) {
+        print_error_line(format_text("recording begins in %u s", left));
+        stopped = signals.wait_until(end - std::chrono::seconds(left - 1));
+    }
+    return !stopped;
+}
+
+ExitCode record(const RecordOptions& options, CommandContext& context)
+{
+    if (const auto container = container_of(options.output, options.format))
+        return record_movie(options, *container, context);
+    return RecordRun(options, context).run();
+}
+
+const char* title_of(ExitCode code)
+{
+    if (code == ExitCode::complete)
+        return "Recording finished";
+    return code == ExitCode::ended_early ? "Recording ended early" : "Recording failed";
+}
 
 } // namespace
 
 ExitCode run(const RecordOptions& options, CommandContext& context)
 {
-    if (const auto container = container_of(options.output, options.format))
-        return record_movie(options, *container, context);
-    return RecordRun(options, context).run();
+    RecordOptions named = options;
+    if (named.output.empty())
+        named.output = new_movie_name();
+    if (!count_down(options.countdown, context.signals))
+        throw Failure("stopped before the recording began; there is no file");
+    ExitCode code = ExitCode::failed;
+    try {
+        code = record(named, context);
+    } catch (const Failure& failure) {
+        if (options.notify)
+            notify_desktop(title_of(failure.code()), failure.what());
+        throw;
+    }
+    if (options.notify)
+        notify_desktop(title_of(code), named.output);
+    return code;
 }
 
 } // namespace client

@@ -15,8 +15,10 @@
 #include "process/messages.h"
 #include "process/terminal_keys.h"
 #include "running/attended_display.h"
+#include "running/control_socket.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"
+#include "running/sound_choice.h"
 #include "running/stream_control.h"
 #include "showing/status_report.h"
 #include <screenrecord/screenrecord.h>
@@ -173,7 +175,11 @@ private:
             {context_.signals.fd()},
             {event_, reset(event_)},
             {control_.fd(),
-             [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }},
+             [this] {
+                 control_.read_lines(
+                     [this](const std::string& line) { print_error_line(obey(line)); });
+             }},
+            {socket_.fd(), [this] { serve_peers(); }},
             {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey(key); }); }}};
         wait_for(awaited, look);
         check(sink_.look());
@@ -192,7 +198,12 @@ private:
         return now;
     }
 
-    void show_progress() { report_.update(progress(), paused_ ? "paused" : "recording"); }
+    const char* state() const
+    {
+        return finishing_ ? "finishing" : paused_ ? "paused" : "recording";
+    }
+
+    void show_progress() { report_.update(progress(), state()); }
 
     /** Otherwise a pipe or a device. */
     bool is_ordinary_file() const { return sink_.file() && sink_.file()->regular(); }
@@ -285,9 +296,21 @@ private:
         show_progress();
     }
 
-    void obey(const std::string& line)
+    void serve_peers()
+    {
+        socket_.serve([this](const std::string& line, ControlSocket::Ticket) {
+            return std::optional(obey(line));
+        });
+    }
+
+    /** Carries out a line of standard input or of a peer; returns the answer. */
+    std::string obey(const std::string& line)
     {
         const control::Command command = control::parse(line);
+        if (std::holds_alternative<control::Status>(command))
+            return progress_as_json(progress(), state());
+        if (finishing_)
+            return "error: the recording is over, and its file is being finished";
         if (std::holds_alternative<control::Pause>(command))
             pause();
         else if (std::holds_alternative<control::Resume>(command))
@@ -295,12 +318,13 @@ private:
         else if (std::holds_alternative<control::Stop>(command))
             stop_asked_ = true;
         else
-            return print_error_line("error: a recording accepts pause, resume and stop");
-        print_error_line("ok");
+            return "error: a recording accepts pause, resume, status and stop";
+        return "ok";
     }
 
     void finish()
     {
+        finishing_ = true;
         stream_->stop();
         try {
             take_the_rest();
@@ -395,6 +419,7 @@ private:
         try {
             auto copy = MovieCopy::with_index_in_front(*sink_.file(), path);
             copy.attend(context_.signals, context_.signals.stops(), [this, begin](double part) {
+                serve_peers();
                 if (!report_.due() || Clock::now() - begin < std::chrono::seconds(1))
                     return;
                 Progress now = progress();
@@ -420,6 +445,7 @@ private:
     std::optional<TimedSound> sound_;
     std::optional<EncodedStream> stream_;
     ControlInput control_{options_.control};
+    ControlSocket socket_;
     TerminalKeys keys_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;
@@ -428,6 +454,7 @@ private:
     TimePoint stop_limit_ = TimePoint::max();
     TimePoint next_check_;
     bool paused_ = false;
+    bool finishing_ = false;
     bool warned_ = false;
     bool key_asked_ = false;
     bool stop_asked_ = false;
@@ -443,10 +470,9 @@ private:
 
 ExitCode record_movie(const RecordOptions& options, Container container, CommandContext& context)
 {
-    RecordOptions named = options;
-    if (named.output.empty())
-        named.output = new_movie_name();
-    return MovieRun(named, container, context).run();
+    if (options.audio)
+        check_chosen_sound();
+    return MovieRun(options, container, context).run();
 }
 
 } // namespace client

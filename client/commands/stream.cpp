@@ -178,6 +178,8 @@ private:
     {
         throw Failure("the picture of the previous watermark is still being read");
     }
+    void carry_out(const control::Save&) { throw Failure("a stream keeps nothing to save"); }
+    void carry_out(const control::Status&) { throw Failure("a stream has no status"); }
     void carry_out(const control::Stop&) { ended_ = true; }
     void carry_out(const control::BitRate& rate)
     {

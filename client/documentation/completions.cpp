@@ -8,12 +8,20 @@ std::string spellings(const OptionOutline& option, const char* between)
     return (option.letter.empty() ? "" : "-" + option.letter + between) + "--" + option.name;
 }
 
+std::string joined(const std::vector<std::string>& words)
+{
+    std::string made;
+    for (const std::string& word : words)
+        made += (made.empty() ? "" : " ") + word;
+    return made;
+}
+
 std::string words_of(const CommandOutline& command)
 {
     std::string words;
     for (const OptionOutline& option : command.options)
         words += (words.empty() ? "" : " ") + spellings(option, " ");
-    return words;
+    return command.words.empty() ? words : words + " " + joined(command.words);
 }
 
 /** The case of an option with a value. */
@@ -25,9 +33,7 @@ std::string value_case(const CommandOutline& command, const OptionOutline& optio
         option.name + ") ";
     if (option.takes_file)
         return made + "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$word\")); return ;;\n";
-    std::string words;
-    for (const std::string& choice : option.choices)
-        words += (words.empty() ? "" : " ") + choice;
+    std::string words = joined(option.choices);
     if (option.name == "display")
         words = "$(for socket in /tmp/.X11-unix/X*; do echo \":${socket##*/X}\"; done)";
     return made + "COMPREPLY=($(compgen -W \"" + words + "\" -- \"$word\")); return ;;\n";
@@ -47,9 +53,7 @@ std::string value_of(const OptionOutline& option)
         return "";
     if (option.takes_file)
         return " -r -F";
-    std::string words;
-    for (const std::string& choice : option.choices)
-        words += (words.empty() ? "" : " ") + choice;
+    const std::string words = joined(option.choices);
     if (option.name == "display")
         return " -x -a '(string replace -r \".*/X\" : /tmp/.X11-unix/X*)'";
     return words.empty() ? " -x" : " -x -a " + fish_quoted(words);
@@ -88,10 +92,7 @@ std::string value_action(const OptionOutline& option)
         return made + "_x_display";
     if (option.choices.empty())
         return made + " ";
-    std::string words;
-    for (const std::string& choice : option.choices)
-        words += (words.empty() ? "" : " ") + choice;
-    return made + "(" + words + ")";
+    return made + "(" + joined(option.choices) + ")";
 }
 
 std::string argument(const OptionOutline& option)
@@ -109,6 +110,8 @@ std::string arguments(const CommandOutline& command)
     std::string made;
     if (command.takes_command)
         made += " \\\n            '1:command:{_describe command commands}'";
+    if (!command.words.empty())
+        made += " \\\n            '1:word:(" + joined(command.words) + ")'";
     for (const OptionOutline& option : command.options)
         made += " \\\n            " + argument(option);
     if (command.takes_files)
@@ -173,6 +176,9 @@ std::string fish_completion()
         if (command.takes_command)
             made +=
                 "complete -c screenrecord -n '" + condition + "' -a " + fish_quoted(names) + "\n";
+        if (!command.words.empty())
+            made += "complete -c screenrecord -n '" + condition + "' -a " +
+                    fish_quoted(joined(command.words)) + "\n";
         if (command.takes_files)
             made += "complete -c screenrecord -n '" + condition + "' -F\n";
         for (const OptionOutline& option : command.options)

@@ -75,7 +75,8 @@ constexpr const char* tail =
     "\\fBdisplay_answers\\fR (false while pictures are missing because the display does not answer), "
     "\\fBdisk_waiting\\fR (seconds that a write has waited for its disk or reader, 0 = none waits) and "
     "\\fBfinished_part\\fR (part of an MP4 file rewritten with its index in front, 0 to 1). A value that "
-    "the platform does not count is null.\n"
+    "the platform does not count is null. A replay adds \\fBkept_seconds\\fR, \\fBkept_bytes\\fR and "
+    "\\fBmost_kept_bytes\\fR (in memory, and at most).\n"
     "\\fB\\-\\-status\\-file\\fR writes the same object, preceded by one with the state starting. Each "
     "object replaces the whole file.\n"
     ".SH EXAMPLES\n"
@@ -87,6 +88,8 @@ constexpr const char* tail =
     "rtmp://HOST/live/NAME\nsend screen and sound to a server\n"
     ".TP\n.B screenrecord remux old.ts old.mp4\na recording as it is, in another container\n"
     ".TP\n.B screenrecord stream \\-o \\- \\-b 2M | ffplay \\-\nwatch the stream while it is encoded\n"
+    ".TP\n.B screenrecord replay \\-\\-last 60s \\-o ~/Videos\nkeep the last minute; the key s saves it\n"
+    ".TP\n.B screenrecord control save\nhave that replay save it, and print the path of the file\n"
     ".TP\n.B screenrecord shot \\-o now.png\na screenshot\n"
     ".SH SEE ALSO\n.BR Xorg (1),\n.BR pulseaudio (1),\n.BR ffplay (1)\n";
 

@@ -1,5 +1,6 @@
 #include "documentation/outline.h"
 
+#include <cctype>
 #include <CLI/CLI.hpp>
 
 #include "command_line/program_description.h"
@@ -8,6 +9,17 @@ namespace client {
 namespace {
 
 // In help, a value in capitals is a placeholder; lower case and digits are the words themselves.
+std::vector<std::string> words_among(const std::string& value)
+{
+    if (value.empty() || std::isupper(static_cast<unsigned char>(value.front())))
+        return {};
+    std::vector<std::string> words = choices_of(value);
+    std::erase_if(words, [](const std::string& word) {
+        return std::isupper(static_cast<unsigned char>(word.front()));
+    });
+    return words;
+}
+
 OptionOutline outline_of(const CLI::Option& option)
 {
     OptionOutline made;
@@ -20,8 +32,7 @@ OptionOutline outline_of(const CLI::Option& option)
         return made;
     made.value = option.get_type_name();
     made.takes_file = made.value.starts_with("FILE") || made.value.starts_with("IMAGE");
-    if (!made.value.empty() && !std::isupper(static_cast<unsigned char>(made.value.front())))
-        made.choices = choices_of(made.value);
+    made.choices = words_among(made.value);
     return made;
 }
 
@@ -40,11 +51,13 @@ CommandOutline outline_of(const CLI::App& app, const std::string& name)
     CommandOutline made{.name = name,
                         .text = app.get_description(),
                         .options = {},
+                        .words = {},
                         .takes_command = name == help_command,
                         .takes_files = false};
     for (const CLI::Option* option : app.get_options()) {
         if (option->get_positional()) {
-            made.takes_files = true;
+            made.words = words_among(option->get_type_name());
+            made.takes_files = made.words.empty();
             continue;
         }
         const OptionOutline whole = outline_of(*option);

@@ -13,7 +13,7 @@ struct OptionOutline {
     std::string name;
     /** placeholder of its value in help, such as SECONDS; empty = it has no value */
     std::string value;
-    /** the only values; empty = any */
+    /** the words among its values */
     std::vector<std::string> choices;
     bool takes_file = false;
     bool required = false;
@@ -25,6 +25,8 @@ struct CommandOutline {
     std::string name;
     std::string text;
     std::vector<OptionOutline> options;
+    /** one of these words follows; empty = none does */
+    std::vector<std::string> words;
     /** another command's name follows */
     bool takes_command = false;
     /** names of files follow */

@@ -115,6 +115,8 @@ std::string listed_folder(const std::string& home)
     return "";
 }
 
+} // namespace
+
 std::string folder_for_videos()
 {
     const std::string home = from_environment("HOME");
@@ -126,8 +128,6 @@ std::string folder_for_videos()
     }
     return "";
 }
-
-} // namespace
 
 std::string ending_of(const std::string& path)
 {
@@ -178,14 +178,19 @@ std::optional<Container> container_of(const std::string& output, const std::stri
     return ending == "mkv" ? std::optional(Container::matroska) : std::nullopt;
 }
 
-std::string new_movie_name()
+std::string dated_name()
 {
     const std::time_t now = std::time(nullptr);
     std::tm local = {};
     localtime_r(&now, &local);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d-%H-%M-%S", &local);
-    const std::string begin = folder_for_videos() + "screenrecord-" + stamp;
+    return std::string("screenrecord-") + stamp;
+}
+
+std::string new_movie_name()
+{
+    const std::string begin = folder_for_videos() + dated_name();
     std::string name = begin + ".mp4";
     std::error_code error;
     for (int number = 2; std::filesystem::exists(name, error); ++number)

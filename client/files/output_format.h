@@ -28,6 +28,12 @@ enum class Container { mp4, matroska, transport_stream };
  */
 std::optional<Container> container_of(const std::string& output, const std::string& format);
 
+/** The user's videos folder with a slash at its end; "" = the current folder. */
+std::string folder_for_videos();
+
+/** A name by date and time, without an ending. */
+std::string dated_name();
+
 /**
  * A new name by date and time in the user's videos folder, or in the current folder without one.
  */

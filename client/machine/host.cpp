@@ -45,11 +45,13 @@ constexpr uint64_t zu3_host_statistics_t::*counters[] = {
 
 void add_source(const zu3_host_sound_source_t* source, void* list)
 {
-    static_cast<std::vector<SoundSource>*>(list)->push_back({.name = source->name,
-                                                             .description = source->description,
-                                                             .sample_rate = source->sample_rate,
-                                                             .channels = source->channels,
-                                                             .recorded = source->recorded != 0});
+    static_cast<std::vector<SoundSource>*>(list)->push_back(
+        {.name = source->name,
+         .description = source->description,
+         .sample_rate = source->sample_rate,
+         .channels = source->channels,
+         .recorded = source->recorded != 0,
+         .microphone = source->microphone != 0});
 }
 
 void keep_screen(const zu3_host_screen_t* screen, void* kept)

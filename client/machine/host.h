@@ -100,8 +100,10 @@ struct SoundSource {
     /** samples per second and channel */
     uint32_t sample_rate = 0;
     uint32_t channels = 0;
-    /** whether recordings use it: it is the monitor of the default output */
+    /** whether recordings use it by default: it is the monitor of the default output */
     bool recorded = false;
+    /** whether it is what --sound microphone means now */
+    bool microphone = false;
 };
 
 /** The sources of the sound server; nullopt if none answers within 3 s or libpulse is missing. */

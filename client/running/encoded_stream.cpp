@@ -25,17 +25,17 @@ private:
     std::vector<uint8_t> bytes_;
 };
 
+// Above the limit of every level: the encoder chooses.
+constexpr uint32_t no_bit_rate = UINT32_MAX;
+
+} // namespace
+
 // A tenth of a bit per pixel keeps text sharp in ordinary use of a screen.
 uint32_t sensible_bit_rate(Size size, uint32_t fps)
 {
     const double rate = double(size.width) * size.height * fps / 10;
     return static_cast<uint32_t>(std::clamp(rate, 300e3, 20e6));
 }
-
-// Above the limit of every level: the encoder chooses.
-constexpr uint32_t no_bit_rate = UINT32_MAX;
-
-} // namespace
 
 WatermarkChange::WatermarkChange(const WatermarkOptions& options)
     : options_(options), picture_(std::make_shared<RgbaPicture>()),
@@ -69,7 +69,7 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
       bit_rate_(options.bit_rate.value_or(sensible_bit_rate(size, options.fps))),
       buffer_(video_capenc_getMaxEsSize())
 {
-    if (options.quality && want_quality(*options.quality, common::greatest_bit_rate))
+    if (options.quality && want_quality(*options.quality, options.ceiling))
         quality_ = options.quality;
     CapEnc_OpenParams params = {.width = size.width,
                                 .height = size.height,

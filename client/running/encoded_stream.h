@@ -36,6 +36,9 @@ private:
     AttendedWork reading_;
 };
 
+/** The bit rate of a stream that asks for none, in bits per second. */
+uint32_t sensible_bit_rate(Size size, uint32_t fps);
+
 /** One frame of the library; its bytes are valid until the next take(). */
 struct EncodedFrame {
     std::span<const uint8_t> bytes;

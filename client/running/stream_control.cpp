@@ -75,6 +75,10 @@ control::Command control::parse(const std::string& line)
         return Resume{};
     if (words.size() == 1 && verb == "stop")
         return Stop{};
+    if (words.size() == 1 && verb == "save")
+        return Save{};
+    if (words.size() == 1 && verb == "status")
+        return Status{};
     return Unknown{
         "no such command; the commands are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
 }

@@ -16,11 +16,14 @@ struct KeyFrame {};
 struct Pause {};
 struct Resume {};
 struct Stop {};
+struct Save {};
+struct Status {};
 /** Any other line, with the answer to it. */
 struct Unknown {
     std::string reason;
 };
-using Command = std::variant<Unknown, BitRate, KeyFrame, Pause, Resume, Stop, WatermarkOptions>;
+using Command =
+    std::variant<Unknown, BitRate, KeyFrame, Pause, Resume, Stop, Save, Status, WatermarkOptions>;
 
 /** Parses one line without its line end. */
 Command parse(const std::string& line);
@@ -29,7 +32,7 @@ Command parse(const std::string& line);
 /** Whether standard input is a terminal and this is its foreground job. */
 bool on_foreground_terminal();
 
-/** Commands for a running stream, a line each, from standard input. */
+/** Commands for a running stream or recording, a line each, from standard input. */
 class ControlInput {
 public:
     /** @param wanted false: standard input is not read */

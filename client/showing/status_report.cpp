@@ -111,14 +111,21 @@ Progress RecordProgress::measure(uint64_t file_bytes)
 
 std::string progress_as_json(const Progress& p, const char* state)
 {
+    const std::string kept =
+        p.kept_seconds
+            ? format_text(",\"kept_seconds\":%.3f,\"kept_bytes\":%llu,\"most_kept_bytes\":%llu",
+                          *p.kept_seconds, static_cast<unsigned long long>(p.kept_bytes),
+                          static_cast<unsigned long long>(p.most_kept_bytes))
+            : "";
     return format_text(
         "{\"state\":\"%s\",\"elapsed\":%.3f,\"frames\":%s,\"fps\":%s,\"dropped\":%s,"
         "\"file_bytes\":%llu,\"bits_per_second\":%.0f,\"sound_level\":%s,\"display_answers\":%s,"
-        "\"disk_waiting\":%s,\"finished_part\":%s}",
+        "\"disk_waiting\":%s,\"finished_part\":%s%s}",
         state, p.elapsed_seconds, count_or_null(p.frames).c_str(), number_or_null(p.fps).c_str(),
         count_or_null(p.dropped).c_str(), static_cast<unsigned long long>(p.file_bytes),
         p.bits_per_second, number_or_null(p.sound_level).c_str(), truth_or_null(p.display_answers),
-        number_or_null(p.disk_waiting_seconds).c_str(), number_or_null(p.finished_part).c_str());
+        number_or_null(p.disk_waiting_seconds).c_str(), number_or_null(p.finished_part).c_str(),
+        kept.c_str());
 }
 
 std::string progress_as_line(const Progress& p, size_t columns)
@@ -142,7 +149,13 @@ std::string progress_as_line(const Progress& p, size_t columns)
         parts.push_back(
             {format_text("%llu dropped", static_cast<unsigned long long>(*p.dropped)), 3});
     }
-    parts.push_back({format_text("%.1f MB", static_cast<double>(p.file_bytes) / 1e6), 5});
+    if (p.kept_seconds)
+        parts.push_back({format_text("%.0f s kept, %.1f of at most %.1f MB", *p.kept_seconds,
+                                     static_cast<double>(p.kept_bytes) / 1e6,
+                                     static_cast<double>(p.most_kept_bytes) / 1e6),
+                         5});
+    else
+        parts.push_back({format_text("%.1f MB", static_cast<double>(p.file_bytes) / 1e6), 5});
     parts.push_back({format_text("%.2f Mbit/s", p.bits_per_second / 1e6), 4});
     if (p.sound_level)
         parts.push_back({sound_text(*p.sound_level), 1});

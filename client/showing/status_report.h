@@ -29,6 +29,10 @@ struct Progress {
     std::optional<double> disk_waiting_seconds;
     /** the output is a pipe, and its reader is waited for */
     bool has_reader = false;
+    /** what a replay keeps in memory: seconds, bytes, and the bytes that it never exceeds */
+    std::optional<double> kept_seconds;
+    uint64_t kept_bytes = 0;
+    uint64_t most_kept_bytes = 0;
     /** part of the file that was rewritten with its index in front, 0 to 1 */
     std::optional<double> finished_part;
 };

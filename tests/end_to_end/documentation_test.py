@@ -6,7 +6,7 @@ import re
 from harness import BUILD, EndToEndTest
 
 MADE = BUILD / "documentation"
-COMMANDS = ("", "record", "stream", "shot", "pcm", "remux", "devices", "doctor", "help", "version")
+COMMANDS = ("", "record", "replay", "stream", "shot", "pcm", "remux", "devices", "doctor", "control", "help", "version")
 
 
 def options_in(text):
@@ -48,7 +48,8 @@ class Documentation(EndToEndTest):
     def test_bash(self):
         self.assert_same_as_help(lambda command: options_in(self.typed_in_bash("screenrecord", *command.split(), "--")))
         cases = {("",): set(COMMANDS) - {""}, ("rec",): {"record"}, ("record", "--packet-size", ""): {"188", "192"},
-                 ("shot", "--format", "b"): {"bgra"}, ("help", "d"): {"devices", "doctor"}}
+                 ("shot", "--format", "b"): {"bgra"}, ("control", "s"): {"stop", "save", "status"},
+                 ("record", "--sound", ""): {"desktop", "microphone", "both", "none"}, ("help", "d"): {"devices", "doctor"}}
         for words, wanted in cases.items():
             offered = self.typed_in_bash("screenrecord", *words).split()
             self.assertEqual({word for word in offered if not word.startswith("-")}, wanted)
@@ -63,6 +64,14 @@ class Documentation(EndToEndTest):
             return options_in(re.sub(r"\[.*?\](?=:|$|\n)", "", completed))
 
         self.assert_same_as_help(offered)
+
+    def test_words_that_follow_a_command(self):
+        wanted = {"stop", "pause", "resume", "save", "status"}
+        self.assertIn(f":word:({' '.join(('stop', 'pause', 'resume', 'save', 'status'))})",
+                      (MADE / "_screenrecord").read_text("utf-8"))
+        offered = self.run_program("fish", "--no-config", "-c",
+                                   f"source {MADE}/screenrecord.fish; complete -C 'screenrecord control '")
+        self.assertLessEqual(wanted, {line.partition("\t")[0] for line in offered.splitlines()})
 
     def test_fish(self):
         script = f"source {MADE}/screenrecord.fish; complete -C "

@@ -1,0 +1,341 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+#include "commands/commands.h"
+#include "files/output_format.h"
+#include "machine/display.h"
+#include "machine/host.h"
+#include "movie/movie_module.h"
+#include "movie/replay_buffer.h"
+#include "movie/replay_save.h"
+#include "process/desktop_notification.h"
+#include "process/terminal_keys.h"
+#include "running/attended_display.h"
+#include "running/control_socket.h"
+#include "running/encoded_stream.h"
+#include "running/sound_capture.h"
+#include "running/sound_choice.h"
+#include "running/stream_control.h"
+#include "showing/status_report.h"
+
+namespace client {
+namespace {
+
+using namespace movie;
+
+using std::chrono::milliseconds;
+
+// Interval of the checks: with the event of each frame, and without it.
+constexpr milliseconds replay_look(50);
+constexpr milliseconds replay_look_for_frames(2);
+/** Longest wait at the end for a file that is being written. */
+constexpr std::chrono::seconds patience_of_a_stop(10);
+/** x264's rate factor at which text stays sharp. */
+constexpr uint32_t usual_replay_quality = 22;
+
+/** The highest bit rate of the encoder, in bits per second. */
+uint32_t ceiling_of(const ReplayOptions& options, Size size)
+{
+    return options.bit_rate.value_or(2 * sensible_bit_rate(size, options.fps));
+}
+
+StreamOptions stream_options(const ReplayOptions& options, Size size)
+{
+    StreamOptions stream;
+    stream.fps = options.fps;
+    stream.bit_rate = options.bit_rate;
+    if (!options.bit_rate)
+        stream.quality = options.quality.value_or(usual_replay_quality);
+    stream.ceiling = ceiling_of(options, size);
+    return stream;
+}
+
+/** Bytes of the frames and the sound that are kept: the time asked for, and two seconds more. */
+uint64_t most_bytes_of(const ReplayOptions& options, Size size)
+{
+    const double seconds = options.last.count() + 2;
+    const double sound = options.audio ? double{sound_rate} * sound_channels * sizeof(int16_t) : 0;
+    return static_cast<uint64_t>(seconds * (ceiling_of(options, size) / 8.0 + sound));
+}
+
+/** Memory that programs can still use without swapping; nullopt if the system does not tell. */
+std::optional<uint64_t> available_memory()
+{
+    std::ifstream told("/proc/meminfo");
+    uint64_t kib = 0;
+    for (std::string name; told >> name;)
+        if (name == "MemAvailable:" && told >> kib)
+            return kib * 1024;
+    return std::nullopt;
+}
+
+/** A save reads what is kept while as much again comes in. */
+uint64_t checked_memory(const ReplayOptions& options, Size size)
+{
+    const uint64_t most = 2 * most_bytes_of(options, size);
+    const auto available = available_memory();
+    if (available && most > *available / 2)
+        throw Failure(
+            format_text("cannot keep %.0f s: that needs up to %.0f MB of memory, and half of what "
+                        "is free is %.0f MB; give a shorter --last or a lower --bitrate",
+                        options.last.count(), static_cast<double>(most) / 1e6,
+                        static_cast<double>(*available) / 2e6),
+            ExitCode::usage);
+    return most;
+}
+
+/** The folder for the files, which must be there and writable. */
+std::string checked_folder(const ReplayOptions& options)
+{
+    std::string folder = options.output.empty() ? folder_for_videos() : options.output;
+    while (folder.size() > 1 && folder.ends_with('/'))
+        folder.pop_back();
+    std::error_code error;
+    const std::string named = folder.empty() ? "." : folder;
+    if (!std::filesystem::is_directory(named, error))
+        throw Failure("cannot save into " + named + ": it is no folder", ExitCode::usage);
+    if (access(named.c_str(), W_OK | X_OK) != 0)
+        throw Failure("cannot save into " + named + ": " + error_text(errno), ExitCode::usage);
+    return folder;
+}
+
+class ReplayRun {
+public:
+    ReplayRun(const ReplayOptions& options, CommandContext& context)
+        : options_(options), context_(context), folder_(checked_folder(options)),
+          size_(size_to_capture(attended_display_to_capture(context.signals), options.size)),
+          most_bytes_(checked_memory(options, size_)), report_(options.json, options.status_file),
+          kept_(std::chrono::duration_cast<std::chrono::microseconds>(options.last),
+                most_bytes_ / 2),
+          control_(options.control), keys_(report_.on_terminal() && !options.control)
+    {
+        movie_module(); // if it is missing, that shows now and not with the first save
+        if (options.time)
+            end_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time);
+    }
+
+    ExitCode run()
+    {
+        if (options_.audio)
+            sound_.emplace();
+        stream_.emplace(stream_options(options_, size_), size_, context_.signals, "cannot replay");
+        if (options_.verbose)
+            print_message(format_text(
+                "screen, %ux%u at %u fps, H.264, %s, at most %.1f MB", size_.width, size_.height,
+                options_.fps, stream_->aim().c_str(), static_cast<double>(most_bytes_) / 1e6));
+        while (!ended_)
+            if (!take())
+                wait();
+        stream_.reset();
+        sound_.reset();
+        finish_save();
+        report_.finish(measure(), !problem_);
+        if (problem_)
+            print_message(*problem_);
+        return problem_ ? ExitCode::ended_early : ExitCode::complete;
+    }
+
+private:
+    /** Keeps all waiting sound and one frame; false if no frame was waiting. */
+    bool take()
+    {
+        if (sound_)
+            sound_->read([this](uint64_t time_us, std::span<const int16_t> samples) {
+                kept_.put_sound(time_us, samples);
+            });
+        EncodedFrame frame;
+        if (!stream_->take(frame))
+            return false;
+        encoded_bytes_ += frame.bytes.size();
+        kept_.put_frame(frame);
+        return true;
+    }
+
+    void wait()
+    {
+        const Awaited awaited[] = {
+            {context_.signals.fd()},
+            {event_, reset(event_)},
+            {control_.fd(),
+             [this] {
+                 control_.read_lines([this](const std::string& line) { answer_line(obey(line)); });
+             }},
+            {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey_key(key); }); }},
+            {socket_.fd(), [this] { serve_peers(); }},
+            {save_ ? save_->work().fd() : -1}};
+        wait_for(awaited, Clock::now() + (event_ >= 0 ? replay_look : replay_look_for_frames));
+        conclude_save();
+        check_end();
+        if (report_.due())
+            report_.update(measure(), "recording");
+    }
+
+    void obey_key(char key)
+    {
+        if (key == 's' || key == 'S')
+            save_for_user();
+    }
+
+    void check_end()
+    {
+        if (context_.signals.take_pause_request() == PauseRequest::pause)
+            save_for_user();
+        ended_ = ended_ || context_.signals.raised() || stop_asked_ || Clock::now() >= end_;
+        if (Clock::now() < next_check_)
+            return;
+        next_check_ = Clock::now() + milliseconds(200);
+        keys_.look();
+        if (const auto counted = statistics_.read())
+            problem_ = display_problem(*counted, "cannot replay");
+        ended_ = ended_ || problem_;
+    }
+
+    Progress measure()
+    {
+        Progress progress = progress_.measure(encoded_bytes_);
+        progress.file_bytes = saved_bytes_;
+        progress.kept_seconds = std::chrono::duration<double>(kept_.length()).count();
+        progress.kept_bytes = kept_.bytes_alive();
+        progress.most_kept_bytes = most_bytes_;
+        return progress;
+    }
+
+    void serve_peers()
+    {
+        socket_.serve([this](const std::string& line, ControlSocket::Ticket ticket) {
+            auto answer = obey(line);
+            if (!answer)
+                waiting_peer_ = ticket;
+            return answer;
+        });
+    }
+
+    /** An answer to a line; nullopt = it follows when the file is written. */
+    std::optional<std::string> obey(const std::string& line)
+    {
+        const control::Command command = control::parse(line);
+        if (std::holds_alternative<control::Status>(command))
+            return progress_as_json(measure(), "recording");
+        if (std::holds_alternative<control::Save>(command)) {
+            const std::string refusal = begin_save();
+            return refusal.empty() ? std::nullopt : std::optional("error: " + refusal);
+        }
+        stop_asked_ = stop_asked_ || std::holds_alternative<control::Stop>(command);
+        return stop_asked_ ? "ok" : "error: a replay accepts save, status and stop";
+    }
+
+    static void answer_line(const std::optional<std::string>& answer)
+    {
+        if (answer)
+            print_error_line(*answer);
+    }
+
+    void save_for_user()
+    {
+        const std::string refusal = begin_save();
+        if (!refusal.empty())
+            print_message("cannot save now: " + refusal);
+    }
+
+    /** Why it does not save, or "". */
+    std::string begin_save()
+    {
+        if (save_)
+            return "the file before is still being written";
+        Snapshot snapshot = kept_.snapshot();
+        if (snapshot.frames.empty())
+            return "there is no picture yet";
+        save_.emplace(std::move(snapshot), format(), folder_);
+        return "";
+    }
+
+    MovieFormat format() const
+    {
+        return {.container = Container::mp4,
+                .width = size_.width,
+                .height = size_.height,
+                .fps = options_.fps,
+                .sound = options_.audio,
+                .seekable = true};
+    }
+
+    void conclude_save()
+    {
+        if (!save_ || !save_->work().through())
+            return;
+        std::string answer;
+        try {
+            const std::string path = save_->finish();
+            std::error_code error;
+            saved_bytes_ += std::filesystem::file_size(path, error);
+            context_.output.print_path(path);
+            answer = "ok: " + std::filesystem::absolute(path, error).string();
+            tell("Saved", path);
+        } catch (const std::exception& failure) {
+            answer = std::string("error: cannot save into ") + (folder_.empty() ? "." : folder_) +
+                     ": " + failure.what();
+            print_message(answer.substr(std::string("error: ").size()));
+            tell("Not saved", failure.what());
+        }
+        save_.reset();
+        if (waiting_peer_)
+            socket_.answer(*std::exchange(waiting_peer_, std::nullopt), answer);
+    }
+
+    void tell(const char* title, const std::string& text)
+    {
+        if (options_.notify)
+            notice_.emplace([title = std::string(title), text] { notify_desktop(title, text); });
+    }
+
+    void finish_save()
+    {
+        if (save_ && !save_->work().wait(context_.signals, patience_of_a_stop))
+            print_message("the last file is not saved: its disk does not respond");
+        conclude_save();
+        if (notice_)
+            notice_->wait(context_.signals, std::chrono::seconds(1));
+    }
+
+    const ReplayOptions& options_;
+    CommandContext& context_;
+    const std::string folder_;
+    const Size size_;
+    const uint64_t most_bytes_;
+    StatusReport report_;
+    ReplayBuffer kept_;
+    ControlInput control_;
+    TerminalKeys keys_;
+    ControlSocket socket_;
+    std::optional<TimedSound> sound_;
+    std::optional<EncodedStream> stream_;
+    std::optional<ReplaySave> save_;
+    std::optional<AttendedWork> notice_;
+    /** asked for the save that is being written */
+    std::optional<ControlSocket::Ticket> waiting_peer_;
+    const int event_ = frame_event();
+    StatisticsDelta statistics_;
+    RecordProgress progress_;
+    TimePoint end_ = TimePoint::max();
+    TimePoint next_check_;
+    uint64_t encoded_bytes_ = 0;
+    uint64_t saved_bytes_ = 0;
+    bool stop_asked_ = false;
+    bool ended_ = false;
+    std::optional<std::string> problem_;
+};
+
+} // namespace
+
+ExitCode run(const ReplayOptions& options, CommandContext& context)
+{
+    if (options.audio)
+        check_chosen_sound();
+    // A file begins with a key frame: one a second. The encoder's threads are not there yet.
+    setenv("ZU3_X264_KEYINT", std::to_string(options.fps).c_str(), 1);
+    return ReplayRun(options, context).run();
+}
+
+} // namespace client

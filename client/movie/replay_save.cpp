@@ -1,0 +1,175 @@
+#include "movie/replay_save.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "movie/timeline.h"
+#include "process/messages.h"
+#include <common/descriptor.h>
+
+namespace client::movie {
+namespace {
+
+/** Sound is handed over this much ahead of its frame. */
+constexpr uint64_t sound_ahead_us = 500'000;
+
+[[noreturn]] void fail_to_save(int error)
+{
+    throw Failure(error_text(error));
+}
+
+/** A file of the folder without a name in it; removed unless it gets one. */
+class NamelessFile {
+public:
+    explicit NamelessFile(int folder)
+        : folder_(folder), fd_(openat(folder, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600))
+    {
+        if (fd_)
+            return;
+        static std::atomic<unsigned> number{0};
+        hidden_ = format_text(".screenrecord-%d-%u.part", getpid(), number++);
+        fd_ = common::Descriptor(openat(folder, hidden_.c_str(),
+                                        O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, 0600));
+        if (!fd_)
+            fail_to_save(errno);
+    }
+    NamelessFile(const NamelessFile&) = delete;
+    NamelessFile& operator=(const NamelessFile&) = delete;
+    ~NamelessFile()
+    {
+        if (fd_ && !hidden_.empty())
+            unlinkat(folder_, hidden_.c_str(), 0);
+    }
+
+    int fd() const { return fd_.get(); }
+    /** Gives it the name, or one with a number if there is such a file; returns it. */
+    std::string appear(const std::string& begin) const
+    {
+        for (int number = 1; number < 1000; ++number) {
+            const std::string name =
+                begin + (number > 1 ? format_text("-%d", number) : "") + ".mp4";
+            if (link_as(name) == 0)
+                return name;
+            if (errno != EEXIST)
+                fail_to_save(errno);
+        }
+        fail_to_save(EEXIST);
+    }
+
+private:
+    int link_as(const std::string& name) const
+    {
+        if (!hidden_.empty())
+            return linkat(folder_, hidden_.c_str(), folder_, name.c_str(), 0);
+        return linkat(AT_FDCWD, format_text("/proc/self/fd/%d", fd()).c_str(), folder_,
+                      name.c_str(), AT_SYMLINK_FOLLOW);
+    }
+
+    const int folder_;
+    std::string hidden_;
+    common::Descriptor fd_;
+};
+
+class FileOutput final : public MovieOutput {
+public:
+    explicit FileOutput(int fd) : fd_(fd) {}
+    void write(uint64_t at, std::span<const uint8_t> bytes) override
+    {
+        while (!bytes.empty()) {
+            const ssize_t n = pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(at));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                fail_to_save(errno);
+            bytes = bytes.subspan(static_cast<size_t>(n));
+            at += static_cast<uint64_t>(n);
+        }
+    }
+
+private:
+    const int fd_;
+};
+
+/** Joins the frames and sound of a snapshot into a fragmented movie. */
+class Joined {
+public:
+    Joined(const MovieFormat& format, int fd)
+        : format_(format), output_(fd), writer_(movie_module().open(format, output_)),
+          frames_(format.fps, [this](const PlacedFrame& frame) { take(frame); }),
+          sound_([this](std::span<const int16_t> samples) { writer_->put_sound(samples); })
+    {
+    }
+
+    void write(const Snapshot& snapshot)
+    {
+        auto next = snapshot.sound.begin();
+        for (const KeptFrame& frame : snapshot.frames) {
+            for (; format_.sound && next != snapshot.sound.end() &&
+                   (*next)->time_us <= frame->time_us + sound_ahead_us;
+                 ++next)
+                sound_.put((*next)->time_us, (*next)->content);
+            frames_.put({.bytes = frame->content, .pts_us = frame->time_us, .key = frame->key});
+        }
+        frames_.flush();
+        if (format_.sound)
+            sound_.fill(end());
+        writer_->finish();
+    }
+
+private:
+    int64_t end() const { return frames_.sample_behind(frames_.next()); }
+    void take(const PlacedFrame& frame)
+    {
+        writer_->put_frame(frame.bytes, frame.index, frame.key);
+        if (format_.sound)
+            sound_.hand_on(end(), [this](uint64_t us) { return frames_.sample_at(us); });
+    }
+
+    const MovieFormat format_;
+    FileOutput output_;
+    const std::unique_ptr<MovieWriter> writer_;
+    FrameLine frames_;
+    SoundLine sound_;
+};
+
+/** Returns the name of the file. */
+std::string save(const Snapshot& snapshot, const MovieFormat& format, const std::string& folder)
+{
+    const common::Descriptor place(
+        open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!place)
+        fail_to_save(errno);
+    const NamelessFile fragments(place.get()), whole(place.get());
+    Joined(format, fragments.fd()).write(snapshot);
+    movie_module().copy({.from = fragments.fd(),
+                         .to = whole.fd(),
+                         .container = Container::mp4,
+                         .go_on = [](double) { return true; }});
+    if (fsync(whole.fd()) != 0)
+        fail_to_save(errno);
+    return whole.appear(dated_name());
+}
+
+} // namespace
+
+ReplaySave::ReplaySave(Snapshot snapshot, const MovieFormat& format, const std::string& folder)
+{
+    // The recorder comes first: this thread has all the time it needs.
+    work_ = std::make_unique<AttendedWork>(
+        [kept = std::move(snapshot), format, folder, path = path_]() mutable {
+            const Snapshot released = std::move(kept);
+            setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
+            *path = (folder.empty() ? "" : folder + "/") + save(released, format, folder);
+        });
+}
+
+std::string ReplaySave::finish()
+{
+    work_->finish();
+    return *path_;
+}
+
+} // namespace client::movie

@@ -1,0 +1,132 @@
+#include "running/control_socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include "process/messages.h"
+
+namespace client {
+namespace {
+
+constexpr size_t most_peers = 8;
+constexpr auto peer_patience = std::chrono::seconds(2);
+
+[[noreturn]] void fail_to_listen()
+{
+    throw Failure(error_text(errno));
+}
+
+bool poll_for(int events, int fd)
+{
+    epoll_event event = {.events = EPOLLIN, .data = {.fd = fd}};
+    return epoll_ctl(events, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+} // namespace
+
+ControlSocket::ControlSocket()
+{
+    try {
+        folder_.emplace();
+        folder_->processes(); // for the sockets that dead ones left
+        listen();
+    } catch (const Failure& failure) {
+        problem_ = failure.what();
+        events_ = common::Descriptor();
+    }
+}
+
+ControlSocket::~ControlSocket()
+{
+    if (events_)
+        unlinkat(folder_->fd(), ControlFolder::socket_name(getpid()).c_str(), 0);
+}
+
+// Bound under another name and renamed when it listens, so that it never looks like a dead one's.
+void ControlSocket::listen()
+{
+    const std::string name = ControlFolder::socket_name(getpid()), unready = "." + name;
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    folder_->path_of(unready).copy(address.sun_path, sizeof address.sun_path - 1);
+    unlinkat(folder_->fd(), unready.c_str(), 0);
+    listener_ =
+        common::Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    events_ = common::Descriptor(epoll_create1(EPOLL_CLOEXEC));
+    if (!listener_ || !events_ ||
+        bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        fail_to_listen();
+    if (::listen(listener_.get(), most_peers) != 0 || !poll_for(events_.get(), listener_.get()) ||
+        renameat(folder_->fd(), unready.c_str(), folder_->fd(), name.c_str()) != 0) {
+        unlinkat(folder_->fd(), unready.c_str(), 0);
+        fail_to_listen();
+    }
+}
+
+void ControlSocket::serve(const Handle& handle)
+{
+    if (!events_)
+        return;
+    accept_peers();
+    std::erase_if(peers_, [&](Peer& peer) { return !peer.asked && hear(peer, handle); });
+    drop_silent();
+}
+
+void ControlSocket::accept_peers()
+{
+    for (size_t accepted = 0; accepted < most_peers; ++accepted) {
+        common::Descriptor socket(
+            accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket)
+            return;
+        if (!peer_is_own_user(socket.get()) || !poll_for(events_.get(), socket.get()))
+            continue;
+        if (peers_.size() == most_peers)
+            peers_.pop_front();
+        peers_.push_back({.ticket = ++last_ticket_,
+                          .socket = std::move(socket),
+                          .since = Clock::now(),
+                          .asked = false});
+    }
+}
+
+void ControlSocket::drop_silent()
+{
+    const TimePoint limit = Clock::now() - peer_patience;
+    std::erase_if(peers_, [limit](const Peer& peer) { return !peer.asked && peer.since < limit; });
+}
+
+/** Returns whether the peer is done with. */
+bool ControlSocket::hear(Peer& peer, const Handle& handle)
+{
+    std::string line(longest_control_text, '\0');
+    const ssize_t size = recv(peer.socket.get(), line.data(), line.size(), MSG_DONTWAIT);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR))
+        return false;
+    if (size <= 0)
+        return true;
+    line.resize(static_cast<size_t>(size));
+    const auto text = handle(line, peer.ticket);
+    if (text)
+        send(peer.socket.get(), text->data(), text->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    else // what else it sends is not read, so it would wake the poll for ever
+        epoll_ctl(events_.get(), EPOLL_CTL_DEL, peer.socket.get(), nullptr);
+    peer.asked = !text;
+    return text.has_value();
+}
+
+void ControlSocket::answer(Ticket ticket, const std::string& text)
+{
+    std::erase_if(peers_, [&](const Peer& peer) {
+        if (peer.ticket != ticket)
+            return false;
+        send(peer.socket.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        return true;
+    });
+}
+
+} // namespace client

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "process/signals.h"
+#include "running/control_folder.h"
+
+namespace client {
+
+/** Bytes of a command or an answer at most. */
+inline constexpr size_t longest_control_text = 4096;
+
+/**
+ * Listens for `screenrecord control`: a connection of the same user sends one line and gets one
+ * answer. Nothing here waits: a peer that sends nothing is forgotten after two seconds, or when
+ * others need its place, and one that does not read loses its answer.
+ */
+class ControlSocket {
+public:
+    using Ticket = uint64_t;
+    /** Answers a line: "ok", "ok: ...", "error: ..." or a JSON object. nullopt = answer() follows. */
+    using Handle =
+        std::function<std::optional<std::string>(const std::string& line, Ticket ticket)>;
+
+    /** Without a folder for it, no one can connect, and problem() says why. */
+    ControlSocket();
+    ControlSocket(const ControlSocket&) = delete;
+    ControlSocket& operator=(const ControlSocket&) = delete;
+    ~ControlSocket();
+
+    /** To poll for POLLIN; -1 = nobody can connect. */
+    int fd() const { return events_.get(); }
+    /** The end of a sentence; empty if it listens. */
+    const std::string& problem() const { return problem_; }
+    /** Accepts what waits and has `handle` answer, a few of each, without waiting. */
+    void serve(const Handle& handle);
+    /** Answers a line for which `handle` returned nullopt. */
+    void answer(Ticket ticket, const std::string& text);
+
+private:
+    struct Peer {
+        Ticket ticket;
+        common::Descriptor socket;
+        TimePoint since;
+        /** its line has come, and its answer is due */
+        bool asked = false;
+    };
+    void listen();
+    void accept_peers();
+    void drop_silent();
+    bool hear(Peer& peer, const Handle& handle);
+
+    std::optional<ControlFolder> folder_;
+    std::string problem_;
+    common::Descriptor events_;
+    common::Descriptor listener_;
+    std::deque<Peer> peers_;
+    Ticket last_ticket_ = 0;
+};
+
+} // namespace client
