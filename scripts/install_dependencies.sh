@@ -23,8 +23,9 @@ packages_of() {
         ;;
     display) echo xvfb ;;
     test) echo g++-arm-linux-gnueabihf qemu-user ffmpeg xvfb x11-apps x11-xserver-utils xdotool sway pulseaudio \
-        pulseaudio-utils mutter libgl1-mesa-dri pipewire wireplumber xdg-desktop-portal \
-        dbus-daemon python3-gi binutils abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
+        pulseaudio-utils mutter libgl1-mesa-dri pipewire wireplumber pipewire-pulse xdg-desktop-portal \
+        dbus-daemon dbus-session-bus-common dbus-bin libglib2.0-bin python3-gi xauth systemd binutils \
+        abigail-tools gstreamer1.0-tools gstreamer1.0-plugins-base \
         gstreamer1.0-plugins-bad zsh fish groff-base clang libclang-rt-dev clang-format \
         clang-tidy shellcheck flake8 doxygen clang-16 libc++-16-dev \
         libc++abi-16-dev ;; # libc++ 14 lacks std::ranges::any_of and the like, which the tests use

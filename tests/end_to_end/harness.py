@@ -210,6 +210,29 @@ class EndToEndTest(unittest.TestCase):
         wait_until(lambda: size_of(listener.out.name) > 0, "the sink's first sound")
         return server
 
+    @classmethod
+    def start_pipewire(cls):
+        """The same sinks of PipeWire, behind its server that speaks as PulseAudio does."""
+        runtime = cls.path("runtime")
+        runtime.mkdir(0o700)
+        cls.environment |= {"XDG_RUNTIME_DIR": str(runtime), "PIPEWIRE_RUNTIME_DIR": str(runtime)}
+        bus = cls.start("dbus-daemon", "--session", "--nofork", "--print-address=1")
+        cls.environment["DBUS_SESSION_BUS_ADDRESS"] = bus.first_line()
+        cls.start("pipewire")
+        wait_until((runtime / "pipewire-0").exists, "PipeWire's socket")
+        cls.start("wireplumber")
+        server = cls.start("pipewire-pulse")
+        socket = runtime / "pulse" / "native"
+        wait_until(socket.exists, "the sound server's socket")
+        cls.environment["PULSE_SERVER"] = f"unix:{socket}"
+        cls.environment.pop("ZU3_AUDIO", None)
+        for sink in ("test", "second"):
+            cls.run_program("pactl", "load-module", "module-null-sink", f"sink_name={sink}", "rate=48000")
+        # The session manager takes its time to start; only then a default sticks.
+        wait_until(lambda: cls.start("pactl", "set-default-sink", "test").wait() == 0 and
+                   "Default Sink: test\n" in cls.run_program("pactl", "info"), "PipeWire's session manager")
+        return server
+
 
 class ShortEndToEndTest(EndToEndTest):
     """Short enough, and without a claim about timing, to be run with sanitizers too."""

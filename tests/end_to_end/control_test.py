@@ -1,0 +1,112 @@
+"""screenrecord control: finds the user's running recorder through its socket."""
+
+import json
+import os
+import signal
+import socket
+import time
+
+import judges
+from harness import SOON, ShortEndToEndTest, pass_time, size_of, wait_until
+
+
+class Control(ShortEndToEndTest):
+    @classmethod
+    def prepare(cls):
+        cls.environment |= {"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"}
+        cls.sockets = cls.path("home/screenrecord")
+
+    def record(self, name, *options):
+        """A recording that can be controlled."""
+        recording = self.client("record", "-s", "320x240", "-o", name, *options)
+        self.addCleanup(recording.kill)
+        path = self.sockets / f"{recording.process.pid}.control"
+        wait_until(lambda: path.exists() and size_of(self.path(name)) > 0, "the socket and the first bytes")
+        return recording
+
+    def control(self, *words, code=0):
+        """What it printed: on standard output if it did its work."""
+        running = self.client("control", *words)
+        self.assert_exit(running, code)
+        return running.errors() if code else running.output()
+
+    def test_one_recorder(self):
+        self.assertIn("no recorder of yours is running", self.control("status", code=1))
+        recording = self.record("one.mp4")
+        self.assertEqual(os.stat(self.sockets).st_mode & 0o777, 0o700)
+        self.assertEqual(json.loads(self.control("status"))["state"], "recording")
+        self.assertEqual(self.control("pause"), "")
+        self.assertEqual(json.loads(self.control("status"))["state"], "paused")
+        pass_time(2)
+        self.control("resume")
+        self.assertIn("refused", self.control("save", code=1))
+        pass_time(0.5)
+        self.control("stop", "--pid", recording.process.pid)
+        self.assert_exit(recording, 0)
+        self.assertLess(float(judges.streams(self.path("one.mp4"))["video"]["duration"]), 2.5)
+        self.assertEqual(os.listdir(self.sockets), [])
+
+    def test_several_and_stale(self):
+        first, second = self.record("first.mp4"), self.record("second.ts")
+        said = self.control("stop", code=2)
+        for recording in (first, second):
+            self.assertIn(str(recording.process.pid), said)
+        self.assertIn("cannot pause", self.control("pause", "--pid", second.process.pid, code=1))
+        self.assertEqual(json.loads(self.control("status", "--pid", second.process.pid))["state"], "recording")
+        first.kill()
+        self.assertEqual(len(os.listdir(self.sockets)), 2)
+        self.control("stop")
+        self.assert_exit(second, 0)
+        self.assertIn("no recorder", self.control("stop", code=1))
+        self.assertEqual(os.listdir(self.sockets), [])
+
+    def test_hostile_peers(self):
+        recording = self.record("hostile.mp4", "--json")
+        path = str(self.sockets / f"{recording.process.pid}.control")
+
+        def connect():
+            peer = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+            peer.connect(path)  # waits while others do
+            peer.settimeout(5)
+            return peer
+
+        silent = [connect() for _ in range(8)]
+        for peer in silent:
+            self.addCleanup(peer.close)
+        for text in (b"x" * 60000, b"\0\xff\n", b"stop now please", b"s" * 4096):
+            with connect() as peer:
+                peer.send(text)
+                self.assertIn(b"error", peer.recv(4096), text[:20])
+        with connect() as peer:  # leaves without its answer
+            peer.send(b"status")
+        # Nothing is waited for: a wait of a second for each peer would stop the recording.
+        end, frames = time.monotonic() + 2, json.loads(self.control("status"))["frames"]
+        while time.monotonic() < end:
+            with connect() as peer:
+                peer.send(b"status")
+        self.assertGreater(json.loads(self.control("status"))["frames"] - frames, 20)
+        self.assert_stops(recording)
+        self.assertGreater(len(judges.packets(self.path("hostile.mp4"))), 20)
+
+    def test_stopped_and_strange(self):
+        recording = self.record("stopped.mp4")
+        recording.process.send_signal(signal.SIGSTOP)
+        begin = time.monotonic()
+        self.assertIn("does not answer", self.control("status", code=1))
+        self.assertLess(time.monotonic() - begin, 5 + 2 * SOON)
+        recording.process.send_signal(signal.SIGCONT)
+        self.assert_stops(recording)
+        os.chmod(self.sockets, 0o755)
+        try:
+            self.assertIn("mode 0700", self.control("status", code=1))
+            beside = self.client("record", "-s", "320x240", "-t", "0.5", "-o", "beside.mp4")
+            self.assert_exit(beside, 0)
+        finally:
+            os.chmod(self.sockets, 0o700)
+        self.assertIn("is not stop, pause, resume, save or status", self.control("dance", code=2))
+        self.assertIn("XDG_RUNTIME_DIR is not set", self.run_without_folder())
+
+    def run_without_folder(self):
+        running = self.client("control", "status", environment={"XDG_RUNTIME_DIR": ""})
+        self.assert_exit(running, 1)
+        return running.errors()

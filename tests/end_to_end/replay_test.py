@@ -1,0 +1,129 @@
+"""screenrecord replay: the last seconds in memory, and files of them."""
+
+import fcntl
+import json
+import os
+import pty
+import signal
+import subprocess
+import termios
+
+import judges
+from harness import LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
+
+
+class Replay(ShortEndToEndTest):
+    LAST = 2
+
+    @classmethod
+    def prepare(cls):
+        cls.environment |= {"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"}
+
+    def replay(self, folder, *options, **started):
+        """A replay that has kept all of its time."""
+        self.path(folder).mkdir(exist_ok=True)
+        words = ["replay", "--last", f"{self.LAST}s", "-s", "320x240", "--json", "-o", folder, *options]
+        replay = self.client(*words, **started)
+        wait_until(lambda: self.status(replay).get("kept_seconds", 0) >= self.LAST, "the whole time in memory")
+        return replay
+
+    @staticmethod
+    def status(replay):
+        lines = [line for line in replay.errors().splitlines() if line.startswith("{") and line.endswith("}")]
+        return json.loads(lines[-1]) if lines else {}
+
+    def wait_for_files(self, folder, count):
+        def files():
+            return sorted(name for name in os.listdir(self.path(folder)) if name.endswith(".mp4"))
+        wait_until(lambda: len(files()) >= count, f"file {count} in {folder}")
+        return [self.path(folder) / name for name in files()]
+
+    def assert_last_seconds(self, path):
+        times = [time for time, _, _ in judges.packets(path)]
+        sound = [time for time, _, _ in judges.packets(path, "a")]
+        self.assertTrue(self.LAST - 0.1 <= times[-1] - times[0] <= self.LAST + 1.1, times[-1] - times[0])
+        self.assertLess(max(b - a for a, b in zip(times, times[1:])), 0.05, "a frame is missing")
+        self.assertLess(abs(sound[-1] - times[-1]), 0.15)
+        samples = judges.decode_sound(path)
+        loud = [max(map(abs, samples[at:at + 480])) for at in range(4800, len(samples) - 9600, 480)]
+        self.assertGreater(min(loud), 8000)
+        self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+
+    def test_saves_and_goes_on(self):
+        replay = self.replay("saved", "--control", "-", stdin=subprocess.PIPE)
+        replay.process.send_signal(signal.SIGUSR1)
+        self.wait_for_files("saved", 1)
+        path = self.run_program("screenrecord", "control", "save").strip()
+        self.assertTrue(os.path.isabs(path) and os.path.exists(path), path)
+        # The second comes while the first is written.
+        replay.process.stdin.write(b"save\nsave\npause\n")
+        replay.process.stdin.flush()
+        files = self.wait_for_files("saved", 3)
+        wait_until(lambda: "error: a replay accepts" in replay.errors(), "the answers")
+        self.assertIn("error: the file before is still being written", replay.errors())
+        status = json.loads(self.run_program("screenrecord", "control", "status"))
+        self.assertLessEqual(status["kept_bytes"], status["most_kept_bytes"])
+        self.assertEqual(status["dropped"], 0)
+        self.run_program("screenrecord", "control", "stop")
+        self.assert_exit(replay, 0)
+        self.assertEqual(len(replay.output().splitlines()), 3)
+        for file in files:
+            with self.subTest(file.name):
+                self.assert_last_seconds(file)
+        self.assertEqual([name for name in os.listdir(self.path("saved")) if not name.endswith(".mp4")], [])
+
+    def test_key_at_a_terminal(self):
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        replay = self.replay("key", stdin=theirs, start_new_session=True,
+                             prepare=lambda: fcntl.ioctl(theirs, termios.TIOCSCTTY, 0))
+        os.close(theirs)
+        os.write(ours, b"xs")
+        self.wait_for_files("key", 1)
+        self.assert_stops(replay)
+
+    def test_refusals(self):
+        cases = ((["--last", "1h", "-b", "240M"], "needs up to"), (["-o", "no/such/folder"], "it is no folder"),
+                 (["--last", "0.5"], "is not a time from 1 s to 1 h"),
+                 (["-b", "1M", "--quality", "20"], "cannot be combined"))
+        for options, sentence in cases:
+            with self.subTest(options):
+                refused = self.client("replay", "-s", "320x240", *options)
+                self.assert_exit(refused, 2)
+                self.assertIn(sentence, refused.errors())
+
+    def test_full_disk(self):
+        disk = self.path("disk")
+        disk.mkdir()
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", disk], check=False).returncode != 0:
+            self.skipTest("mounting a small disk is not allowed here")
+        self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
+        replay = self.replay("disk")
+        refused = self.client("control", "save")
+        self.assert_exit(refused, 1)
+        self.assertIn("No space left on device", refused.errors())
+        self.assertIn("cannot save into disk: No space left on device", replay.errors())
+        self.assertEqual(os.listdir(disk), [])
+        subprocess.run(["mount", "-o", "remount,size=20m", disk], check=True)
+        self.run_program("screenrecord", "control", "save")
+        self.assert_last_seconds(self.wait_for_files("disk", 1)[0])
+        self.assert_stops(replay)
+
+
+class ReplayForMinutes(LongEndToEndTest, Replay):
+    """Memory stays flat."""
+
+    def resident(self, replay):
+        with open(f"/proc/{replay.process.pid}/statm", encoding="ascii") as file:
+            return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+    def test_memory(self):
+        replay = self.replay("flat")
+        sizes = []
+        for _ in range(12):
+            pass_time(20)
+            self.run_program("screenrecord", "control", "save")
+            sizes.append(self.resident(replay) / 1e6)
+        print("resident MB:", *(f"{size:.1f}" for size in sizes))
+        self.assertLess(max(sizes[6:]), max(sizes[:6]) + 3)
+        self.assert_stops(replay)
