@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t enough_reports = 4;
 constexpr int64_t agreement_us = 1000;
+constexpr size_t enough_to_trim = 8;
 /** Less than a reader's patience, so that silence does not fill the row's place meanwhile. */
 constexpr size_t longest_samples = size_t{pcm_rate} * 180 / 1000 * pcm_channels;
 /** Without any report the row has no place; what is older than this is not worth its memory. */
@@ -51,9 +52,9 @@ bool RowStart::settled() const
 int64_t RowStart::first_us() const
 {
     std::vector<int64_t> sorted = reports_;
-    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
-    return *middle;
+    std::sort(sorted.begin(), sorted.end());
+    const size_t outliers = sorted.size() >= enough_to_trim ? sorted.size() / 10 + 1 : 0;
+    return (sorted[outliers] + sorted[sorted.size() - 1 - outliers]) / 2;
 }
 
 } // namespace zu3host
