@@ -89,7 +89,7 @@ def measure(case, name, options, display, folder):
         if CASES[case][3] or found.get("share", 1) >= 0.99:
             return found
         print(f"  {case}, {name}: only {found['frames']} frames, measured again", flush=True)
-    sys.exit(f"compare.py: {name} leaves pictures out at {case}: is the machine busy with something else?")
+    sys.exit(f"compare.py: {name} leaves pictures out at {case}: is the machine busy?")
 
 
 def measure_once(case, name, options, display, folder):

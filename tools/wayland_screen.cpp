@@ -27,7 +27,7 @@
 
 namespace {
 
-// What is used of xdg-shell.
+// The used part of xdg-shell.
 extern const wl_interface shell_surface_interface;
 extern const wl_interface toplevel_interface;
 const wl_interface* nothing[4] = {};

@@ -39,7 +39,7 @@ private:
 using KeptFrame = std::shared_ptr<const Kept<uint8_t>>;
 using KeptSound = std::shared_ptr<const Kept<int16_t>>;
 
-/** What a save writes; the first frame is a key frame. */
+/** The data of a save; the first frame is a key frame. */
 struct Snapshot {
     std::vector<KeptFrame> frames;
     std::vector<KeptSound> sound;

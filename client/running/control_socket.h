@@ -32,7 +32,7 @@ public:
     ControlSocket& operator=(const ControlSocket&) = delete;
     ~ControlSocket();
 
-    /** To poll for POLLIN; -1 = nobody can connect. */
+    /** To poll for POLLIN; -1 = no connection is possible. */
     int fd() const { return events_.get(); }
     /** The end of a sentence; empty if it listens. */
     const std::string& problem() const { return problem_; }

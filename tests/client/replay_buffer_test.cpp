@@ -1,4 +1,4 @@
-// What a replay keeps in memory.
+// The frames and sound that a replay keeps in memory.
 #include "movie/replay_buffer.h"
 
 #include <gtest/gtest.h>

@@ -25,7 +25,7 @@ class Desktop:
             self.move_in()
 
     def move_in(self):
-        """Gives the class's folder to the user, with what was built: the user may not see where that lies."""
+        """Gives the class's folder to the user, with what was built: the user may not see their place."""
         built = self.test.path("built")
         shutil.copytree(BUILD / "lib", built / "lib", symlinks=True)
         (built / "bin").mkdir()
@@ -40,7 +40,7 @@ class Desktop:
         return self.test.start(*arguments, **options)
 
     def start_bus(self):
-        # Without a configuration file of its own it would start services of the machine.
+        # Without this configuration file it would start services of the machine.
         configuration = self.test.path("bus.conf")
         configuration.write_text(f"""<busconfig>
 <type>session</type><listen>unix:path={self.runtime}/bus</listen><auth>EXTERNAL</auth>

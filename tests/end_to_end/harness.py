@@ -174,7 +174,7 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def start_session(cls, size="656x608", outputs=1):
-        """A Wayland session of its own: sway without a screen or a GPU, as a user that is not root, whom it refuses."""
+        """A private Wayland session: sway without a screen or a GPU, as another user, since it refuses root."""
         nobody, folder = 65534, pathlib.Path(tempfile.mkdtemp(dir=cls.folder, prefix="session."))
         pathlib.Path(cls.folder).chmod(0o711)
         folder.joinpath("config").write_text("xwayland disable\ndefault_border none\nseat * hide_cursor 1\n" + "".join(

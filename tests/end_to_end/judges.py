@@ -81,7 +81,7 @@ def decode_sound(path, before=(), filters="anull"):
 
 
 def decode_timed_sound(path):
-    """The same from the time 0 on, with silence where there is no sound: the times count, not the number of samples."""
+    """The same from the time 0 on, with silence in place of missing sound: the times count, not the number of samples."""
     return decode_sound(path, ["-copyts"], "aresample=async=1:first_pts=0")
 
 

@@ -127,7 +127,7 @@ class PortalIsMissing(PortalTest, EndToEndTest):
         return self.client("record", "-o", "a.mp4", **options)
 
     def test_what_is_missing_gets_a_sentence(self):
-        # Catches a fault that is blamed on something else, and one that keeps the program waiting.
+        # Catches a fault with a wrong cause, and one that keeps the program waiting.
         self.assert_refused(self.record(environment={"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere"}), "no message bus")
         self.desktop.start_bus()
         self.assert_refused(self.record(), "no desktop portal")

@@ -141,7 +141,7 @@ class Session(ShortEndToEndTest):
                          r"output   HEADLESS-1  656x608  scale 1  \d+\.\d\d Hz .*\(recorded\)")
 
     def test_is_not_there(self):
-        # Catches a recording of something else, one without a sentence, and a file that is left.
+        # Catches a recording of another screen, a refusal without a sentence, and a file that is left.
         for options, environment, said in (
                 ((), {"WAYLAND_DISPLAY": "none"}, "no Wayland compositor answers"),
                 (("--display", "wayland"), {"XDG_RUNTIME_DIR": ""}, "XDG_RUNTIME_DIR is not set"),

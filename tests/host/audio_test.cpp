@@ -275,7 +275,7 @@ TEST(Mix, AddsAndBendsTowardsFullScale)
     }
 }
 
-/** Silence up to `lag_us` ago, and the value 1000 where it is heard. */
+/** Silence up to `lag_us` ago, then the value 1000. */
 struct Steady : SoundSource {
     explicit Steady(int64_t lag) : lag_us(lag) {}
     void advance(SoundTimeline& timeline, int64_t now_us) override

@@ -76,7 +76,7 @@ TEST(PartList, CoversAllThatWasAdded)
     }
 }
 
-/** An X server without a screen that anybody sees; the one of DISPLAY while it lives. */
+/** An X server without a visible screen; the one of DISPLAY while it lives. */
 class Server {
 public:
     explicit Server(const char* screen)

@@ -317,7 +317,7 @@ TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
 }
 
 // Catches changed parts that do not reach x264, or of another picture than the last: here a change
-// that they do not name, which x264 therefore leaves out where it believes them.
+// that they do not name, which x264 therefore leaves out if it believes them.
 TEST(EncoderLending, TellsX264WhichPartsChanged)
 {
     const auto pool = PicturePool::own(layout, 0);

@@ -1,4 +1,4 @@
-// What the portal's stream may say of its buffers, and what is made of it.
+// Buffers as the portal's stream may describe them, and the pictures made of them.
 #include "capture/portal/restore_token.h"
 #include "capture/portal/screen_canvas.h"
 #include "capture/portal/stream_frame.h"
@@ -270,8 +270,7 @@ TEST(PortalBuffer, PointerIsTakenOrLeftAsItWas)
         EXPECT_EQ(cursor.image.size, each.size) << each.what;
         EXPECT_EQ(cursor.image.pixels.size(), size_t{4} * each.size.width * each.size.height)
             << each.what;
-        EXPECT_EQ(cursor.changes, 2u + (each.size != PictureSize{1, 1}))
-            << each.what;
+        EXPECT_EQ(cursor.changes, 2u + (each.size != PictureSize{1, 1})) << each.what;
     }
     Cursor cursor;
     ToldBuffer buffer;
@@ -358,7 +357,7 @@ TEST(PortalCanvas, PicturesAreTurnedBack)
 {
     // Catches a turned screen that is recorded as it lies in memory, or turned the other way.
     const std::pair<Turn, const char*> cases[] = {
-        // what each makes of "abc|def|": turned counterclockwise, after it was mirrored
+        // each one's result for "abc|def|": turned counterclockwise, after it was mirrored
         {{false, 0}, "abc|def|"},  {{false, 1}, "cf|be|ad|"}, {{false, 2}, "fed|cba|"},
         {{false, 3}, "da|eb|fc|"}, {{true, 0}, "cba|fed|"},   {{true, 1}, "ad|be|cf|"},
         {{true, 2}, "def|abc|"},   {{true, 3}, "fc|eb|da|"},

@@ -18,7 +18,7 @@ std::vector<WantedSource> wanted_sources();
  */
 void check_sound_choice();
 
-/** What a log line calls the source. */
+/** The source's name in log lines. */
 const char* called(const WantedSource& source);
 
 } // namespace zu3host

@@ -77,7 +77,7 @@ struct ScreenFinding {
 struct ScreenModule {
     /** open() may wait for so long: for a user who answers a dialog, for example */
     std::chrono::milliseconds opening_limit;
-    /** Opens what recordings capture. On a thread that runs nothing else. */
+    /** Opens what recordings capture. On a thread that runs this only. */
     ScreenOpening (*open)(const ScreenHost& host);
     /**
      * The outputs of the session; empty if it does not answer within 3 s, or if this source does

@@ -61,7 +61,7 @@ const Way& portal_way()
     return *way;
 }
 
-/** What an opening came to; shared with its thread, which may be late. */
+/** The result of an opening; shared with its thread, which may be late. */
 struct LateOpening {
     std::mutex mutex;
     bool complete = false;

@@ -4,7 +4,7 @@
 
 namespace zu3host {
 
-/** The kinds of content that have x264 settings of their own. */
+/** The kinds of content with separate x264 settings. */
 enum class Content { screens, film };
 
 /** How x264 encoded the macroblocks of a picture. */
@@ -15,9 +15,9 @@ struct MacroblockCounts {
 };
 
 /**
- * Tells screens from film, games and all else that changes everywhere. On a screen text and windows
- * stand still or move by whole pixels, so x264 skips most macroblocks even while a page scrolls; in
- * a film that it cannot. Not thread-safe.
+ * Tells screens from film, games and other content that changes everywhere. On a screen text and
+ * windows stand still or move by whole pixels, so x264 skips most macroblocks even while a page
+ * scrolls; in a film it cannot. Not thread-safe.
  */
 class ContentWatch {
 public:
@@ -28,7 +28,7 @@ public:
     /** A picture like the last one. A film has them too: 24 pictures per second shown as 60. */
     void note_unchanged();
     /**
-     * The content for the next picture. It turns to film at any picture, and back only where a key
+     * The content for the next picture. It turns to film at any picture, and back only when a key
      * frame is due, so that a film with quiet moments costs no further key frames.
      */
     Content content(bool key_due);

@@ -47,10 +47,10 @@ void MacroblockHistory::forget(const PictureRectangle& part)
         std::fill_n(&refinements_[row * columns_ + left], right - left, uint8_t{0});
 }
 
-// Of a constant macroblock x264 demands no motion. Where the motion that is predicted from its
-// neighbours is another one it could not be skipped (ISO/IEC 14496-10 clause 8.4.1.1): a
+// Of a constant macroblock x264 demands no motion. If the motion that is predicted from its
+// neighbors is another one it could not be skipped (ISO/IEC 14496-10 clause 8.4.1.1): a
 // macroblock of a flat area that a page scrolls over is best left to x264. The prediction is
-// nothing where the left or the upper neighbour is constant or missing.
+// nothing if the left or the upper neighbor is constant or missing.
 void MacroblockHistory::find_refined()
 {
     size_t at = 0;

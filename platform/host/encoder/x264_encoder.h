@@ -34,7 +34,7 @@ public:
 
     /**
      * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. x264 does
-     * not search for changes where there are none. In a picture without changes it goes on refining,
+     * not search unchanged parts for changes. In a picture without changes it goes on refining,
      * and once there is nothing left to refine, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);

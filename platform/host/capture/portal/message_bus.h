@@ -25,7 +25,7 @@ public:
     explicit operator bool() const;
     /** Of an error, such as "org.freedesktop.DBus.Error.ServiceUnknown"; empty if there is none. */
     std::string error_name() const;
-    /** What the error says; empty if it says nothing. */
+    /** The text of the error; may be empty. */
     std::string error_text() const;
 
 private:

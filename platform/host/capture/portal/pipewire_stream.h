@@ -17,7 +17,7 @@
 namespace zu3host {
 
 /**
- * The pictures of one node of PipeWire. A thread of its own keeps the newest buffer and gives the
+ * The pictures of one node of PipeWire. A private thread keeps the newest buffer and gives the
  * others back, so that the compositor always has one to fill; nothing is read or converted before
  * show(). One thread at a time.
  */

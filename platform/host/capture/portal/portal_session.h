@@ -30,7 +30,7 @@ struct PortalWish {
 /** From this version on, the portal keeps the user's choice. */
 inline constexpr uint32_t version_of_tokens = 4;
 
-/** What the portal can do; 0 where it has no such property. */
+/** The portal's abilities; 0 if it has no such property. */
 struct PortalAbilities {
     uint32_t version = 0;
     /** bits: 1 = monitors, 2 = windows */
@@ -43,11 +43,11 @@ struct PortalAbilities {
 class PortalSession {
 public:
     /**
-     * Asks the portal. Waits for the user up to `user_patience`, for all else up to five seconds.
+     * Asks the portal. Waits for the user up to `user_patience`, otherwise up to five seconds.
      */
     static std::unique_ptr<PortalSession> open(const PortalWish& wish, const RestoreToken& token,
                                                PortalProblem& problem);
-    /** What the portal can do; nullopt with the reason why it cannot be used. */
+    /** The portal's abilities; nullopt with the reason why it cannot be used. */
     static std::optional<PortalAbilities> examine(PortalProblem& problem);
 
     /** A connection to PipeWire that sees the shared screen alone; given away once. */

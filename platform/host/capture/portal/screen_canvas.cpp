@@ -71,7 +71,7 @@ bool ScreenCanvas::take_all(StreamMemory& memory, const FrameLayout& layout, Pix
         convert(lines, layout.stride, pixels_.data(), stride(), size_, order);
     else
         put_turned(lines, layout.stride, layout, order);
-    // What lay below the pointer is no more.
+    // The pixels below the pointer are gone.
     pointer_.lifted = true;
     all_news_ = true;
     return true;

@@ -72,7 +72,7 @@ bool append_damage(const spa_buffer& buffer, const StreamFormat& format,
 struct CursorImage {
     /** empty: there is nothing to see */
     PictureSize size{};
-    /** where in it the pointer points */
+    /** the point in it that the pointer points to */
     int32_t hot_x = 0;
     int32_t hot_y = 0;
     /** BGRA, multiplied by alpha */

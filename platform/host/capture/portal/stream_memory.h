@@ -40,7 +40,7 @@ private:
     const uint64_t offset_;
     const uint64_t size_;
     bool usable_ = false;
-    // where it is mapped; null if it is not
+    // start of the mapping; null if there is none
     const uint8_t* start_ = nullptr;
     // from the page that offset_ lies in; null if there is nothing to unmap
     void* mapping_ = nullptr;

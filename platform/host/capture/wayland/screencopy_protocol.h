@@ -5,9 +5,9 @@
 
 namespace zu3host {
 
-// What is used of two protocols that Debian does not package: the compositor's copy of an output
+// The used parts of two protocols that Debian does not package: the compositor's copy of an output
 // (zwlr_screencopy_unstable_v1, version 3) and the logical size of an output
-// (zxdg_output_unstable_v1, version 3). An object is a wl_proxy of its own type.
+// (zxdg_output_unstable_v1, version 3). Each kind of object is a type of wl_proxy.
 
 struct ScreencopyManager;
 struct ScreencopyFrame;
