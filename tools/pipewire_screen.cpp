@@ -306,6 +306,11 @@ int main(int argc, char** argv)
             "usage: pipewire_screen [--format NAME] [--size WxH] [--resize WxH] [--crop] [--turned] [--unsealed] [--lie KIND]\n");
         return 2;
     }
+    // in each thread of PipeWire's library as well, so that the loop gets it
+    sigset_t resize;
+    sigemptyset(&resize);
+    sigaddset(&resize, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &resize, nullptr);
     pw_init(nullptr, nullptr);
     return Screen(options).run();
 }

@@ -6,8 +6,8 @@ portal_user.py FOLDER
 
 FOLDER/answer holds the user's answer to the next dialog: "grant" (also if there is no such file), "node N" (grants that
 node of PipeWire), "refuse", "fail" (the dialog cannot be shown), "silent" (nothing happens). It prints a line for each
-event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "stopped". SIGUSR1: the user stops
-sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
+event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "moved", "stopped". SIGUSR1: the user
+stops sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
 
 FOLDER must be the XDG_DESKTOP_PORTAL_DIR of the portal: the description of this backend is written there.
 """
@@ -175,6 +175,7 @@ class User:
         x, y = map(float, (self.folder / "pointer").read_text("ascii").split())
         for mutter in self.sharing.values():
             mutter.move_pointer(x, y)
+        say("moved")
         return True
 
 

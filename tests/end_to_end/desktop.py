@@ -3,6 +3,7 @@
 import os
 import shutil
 import signal
+import struct
 
 from harness import BUILD, SOURCE, wait_until
 
@@ -21,6 +22,7 @@ class Desktop:
         self.compositor = self.portal = self.user = None
         test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "WAYLAND_DISPLAY": "wayland-0",
                              "XDG_DESKTOP_PORTAL_DIR": str(self.portals), "XDG_CURRENT_DESKTOP": "screenrecord_test"}
+        self.make_pointer()
         if os.getuid() == 0:
             self.move_in()
 
@@ -35,6 +37,15 @@ class Desktop:
         self.test.environment["PATH"] = f'{built / "bin"}:{os.environ["PATH"]}'
         for path in (self.test.path("."), self.runtime, self.portals):
             os.chown(path, USER, USER)
+
+    def make_pointer(self):
+        """The pointer of all programs: a green square of 16 pixels, which points 4 pixels from its left and upper edge."""
+        image = struct.pack("<9I", 36, 0xfffd0002, 24, 1, 16, 16, 4, 4, 0) + struct.pack("<I", 0xff00ff00) * 256
+        cursors = self.test.path("icons/Adwaita/cursors")
+        cursors.mkdir(parents=True)
+        for name in "default", "left_ptr":
+            (cursors / name).write_bytes(struct.pack("<4s6I", b"Xcur", 16, 0x10000, 1, 0xfffd0002, 24, 28) + image)
+        self.test.environment["XCURSOR_PATH"] = str(self.test.path("icons"))
 
     def start(self, *arguments, **options):
         return self.test.start(*arguments, **options)
@@ -84,8 +95,11 @@ class Desktop:
         return self.user.output().split().count(word)
 
     def move_pointer(self, x, y):
+        """Only while the screen is shared."""
+        moved = self.said("moved")
         (self.portals / "pointer").write_text(f"{x} {y}", "ascii")
         self.user.process.send_signal(signal.SIGUSR2)
+        wait_until(lambda: self.said("moved") > moved, "the pointer")
 
     def stop_sharing(self):
         self.user.process.send_signal(signal.SIGUSR1)
