@@ -22,6 +22,8 @@ constexpr float quantizer_of_still_key_frame = -1.0f;
 // x264 aims below its smallest quantizer there.
 constexpr uint64_t parts_of_second_ahead = 10;
 constexpr double hardly_visible = 1;
+// About 50 dB (docs/measurements/repeated_pictures.md).
+constexpr double invisible_quantizer = 12;
 
 EncoderRate under_process_ceiling(EncoderRate rate)
 {
@@ -61,8 +63,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     applied_ = rate;
     rate_factor_ = parameters.rc.f_rf_constant;
     pictures_between_keys_ = static_cast<uint32_t>(parameters.i_keyint_max);
-    // With a rate that was asked for, x264 spends what a still picture saves on its quality.
-    repetitions_ = rate.as_needed ? RepeatedPictures::into(encoder_.get()) : nullptr;
+    repetitions_ = RepeatedPictures::into(encoder_.get());
     equal_sizes_ = 0;
     return true;
 }
@@ -130,10 +131,15 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
 }
 
 // x264's rate control believes that no time passes during repetitions. It makes no difference if
-// x264 owes no bits that time would give back.
+// x264 owes no bits that time would give back. At a rate that was asked for, x264
+// refines a picture as long as there are bits, until the difference is invisible.
 bool X264Encoder::is_settled() const
 {
-    return repetitions_ && equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
+    if (!repetitions_)
+        return false;
+    if (applied_.as_needed)
+        return equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
+    return equal_sizes_ > 0 && log_.quantizer() <= invisible_quantizer;
 }
 
 bool X264Encoder::is_at_ceiling() const
@@ -142,10 +148,12 @@ bool X264Encoder::is_at_ceiling() const
            bits_ahead_ * parts_of_second_ahead > static_cast<uint64_t>(applied_.kilobits) * 1000;
 }
 
+// A stream at a rate is a live one, which viewers join.
 bool X264Encoder::may_repeat() const
 {
-    const uint32_t distances = lost_since_key_ ? 1 : distances_while_still;
-    return is_settled() && pictures_since_key_ < pictures_between_keys_ * distances;
+    const bool puts_off = applied_.as_needed && !lost_since_key_;
+    return is_settled() &&
+           pictures_since_key_ < pictures_between_keys_ * (puts_off ? distances_while_still : 1);
 }
 
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)
@@ -177,7 +185,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = macroblocks_.constant_in(changed);
-    if (as_key && is_settled())
+    if (as_key && applied_.as_needed && is_settled())
         in.prop.quant_offsets = finer_.data();
     x264_picture_t out;
     x264_nal_t* nals = nullptr;

@@ -147,16 +147,6 @@ float quality_for(const EncoderSettings& settings, Content content, bool is_pres
            (content == Content::film ? film_beyond_screens : 0);
 }
 
-/** The counts in x264's line about a picture; all 0 without. */
-MacroblockCounts counts_in(const char* line)
-{
-    MacroblockCounts counts;
-    const char* const start = std::strstr(line, " I:");
-    const bool found = start && std::sscanf(start, " I:%u P:%u SKIP:%u", &counts.intra,
-                                            &counts.inter, &counts.skipped) == 3;
-    return found ? counts : MacroblockCounts{};
-}
-
 } // namespace
 
 void X264Log::write(void* self, int level, const char* format, va_list arguments)
@@ -169,13 +159,24 @@ void X264Log::write(void* self, int level, const char* format, va_list arguments
         return;
     char line[256];
     std::vsnprintf(line, sizeof(line), format, arguments);
-    if (!is_message) {
-        log.counts_ = counts_in(line);
-        return;
-    }
+    if (!is_message)
+        return log.note_picture(line);
     line[std::strcspn(line, "\n")] = '\0';
     __android_log_print(level <= X264_LOG_ERROR ? ANDROID_LOG_ERROR : ANDROID_LOG_WARN, "zu3",
                         "x264: %s", line);
+}
+
+// "frame=  12 QP=20.31 NAL=2 Slice:P Poc:24  I:3    P:120  SKIP:3477 size=913 bytes"
+void X264Log::note_picture(const char* line)
+{
+    const char* const quantizer = std::strstr(line, "QP=");
+    const char* const counts = std::strstr(line, " I:");
+    MacroblockCounts found;
+    if (quantizer)
+        quantizer_ = std::strtod(quantizer + 3, nullptr);
+    if (counts &&
+        std::sscanf(counts, " I:%u P:%u SKIP:%u", &found.intra, &found.inter, &found.skipped) == 3)
+        counts_ = found;
 }
 
 bool settings_follow_content()

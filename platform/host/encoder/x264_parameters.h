@@ -11,7 +11,7 @@ namespace zu3host {
 
 /**
  * Where one x264 encoder's own messages go: warnings and errors to the host log, only so many of
- * them. What x264 did with the macroblocks of a picture it tells in a message only.
+ * them. What x264 did with a picture it tells in a message only.
  */
 class X264Log {
 public:
@@ -20,11 +20,16 @@ public:
                                                     va_list arguments);
     /** Of the picture encoded last; all 0 without a message. On the thread that encodes. */
     MacroblockCounts counts() const { return counts_; }
+    /** The mean quantizer of that picture; 51, the coarsest, without a message. */
+    double quantizer() const { return quantizer_; }
 
 private:
+    void note_picture(const char* line);
+
     std::atomic<unsigned> written_{0};
-    // x264 tells them on the thread that encodes
+    // x264 tells both on the thread that encodes
     MacroblockCounts counts_;
+    double quantizer_ = 51;
 };
 
 /** Whether x264's settings are ours, and so follow the content. */
