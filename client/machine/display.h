@@ -40,7 +40,6 @@ struct DisplayInfo {
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
 /**
-/**
  * The display to capture: what ZU3_DISPLAY selects, otherwise the screen of the Wayland session,
  * otherwise DISPLAY; of an X11 display, the part that the environment names. Opens the screen of a
  * Wayland session for the next capture. Throws Failure, also for a display with an unknown pixel

@@ -215,14 +215,14 @@ struct StillEncoder {
 };
 
 // Catches a still picture that costs as much as a moving one, key frames of it that come for
-// nothing, and ones that are put off although the picture moves or a unit is missing: a player could
-// not seek, or would show a damaged picture for long.
+// nothing, and ones that are put off although the picture moves or the stream is live: a player could
+// not seek, or not join for long.
 TEST(X264EncoderStill, RepeatsASettledPictureAndPutsOffItsKeyFrames)
 {
     StillEncoder still;
     const struct {
         int pictures;
-        bool unchanged, lost;
+        bool unchanged, live;
         std::vector<int> keys;
     } stretches[] = {{1, false, false, {0}},
                      {200, true, false, {}},
@@ -231,15 +231,15 @@ TEST(X264EncoderStill, RepeatsASettledPictureAndPutsOffItsKeyFrames)
                      {150, true, true, {1, 61, 121}}};
     size_t repetitions = 0, pictures = 0;
     uint32_t shown = 0;
-    for (const auto& [count, unchanged, lost, keys] : stretches) {
+    for (const auto& [count, unchanged, live, keys] : stretches) {
         std::vector<int> found;
         for (int i = 0; i < count; ++i, ++pictures) {
             shown += !unchanged;
             const AccessUnit unit = still.encode(drawn_in_part(shown), unchanged);
             if (unit.key)
                 found.push_back(i);
-            if (lost)
-                still.encoder->unit_was_lost();
+            if (live)
+                still.encoder->keep_distance_of_key_frames();
             repetitions += is_repetition(unit);
         }
         EXPECT_EQ(found, keys) << "after " << pictures - size_t(count) << " pictures";

@@ -342,10 +342,10 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
     const u32 taken = at_border("The callback with a frame", [&] {
         return callback_(static_cast<s32>(work.handle), ZU_VENC_EVENT_FRAME, &frame, user_data_);
     });
-    if (taken == ZU_BUSY) {
+    if (taken == ZU_BUSY)
         count(counters().pictures_left_out_for_room);
-        x264_->unit_was_lost();
-    }
+    if (!encoded.multiplexed)
+        x264_->keep_distance_of_key_frames();
     signal_frame();
 }
 

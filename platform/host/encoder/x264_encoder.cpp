@@ -131,8 +131,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
 }
 
 // x264's rate control believes that no time passes during repetitions. It makes no difference if
-// x264 owes no bits that time would give back. At a rate that was asked for, x264
-// refines a picture as long as there are bits, until the difference is invisible.
+// x264 owes no bits that time would give back. At a rate that was asked for, x264 refines a picture
+// as long as there are bits, until the difference is invisible.
 bool X264Encoder::is_settled() const
 {
     if (!repetitions_)
@@ -148,10 +148,9 @@ bool X264Encoder::is_at_ceiling() const
            bits_ahead_ * parts_of_second_ahead > static_cast<uint64_t>(applied_.kilobits) * 1000;
 }
 
-// A stream at a rate is a live one, which viewers join.
 bool X264Encoder::may_repeat() const
 {
-    const bool puts_off = applied_.as_needed && !lost_since_key_;
+    const bool puts_off = applied_.as_needed && !keeps_distance_;
     return is_settled() &&
            pictures_since_key_ < pictures_between_keys_ * (puts_off ? distances_while_still : 1);
 }
@@ -166,7 +165,7 @@ void X264Encoder::note(const AccessUnit& unit, bool unchanged)
     bits_ahead_ += uint64_t{unit.size} * 8;
     bits_ahead_ -= std::min(bits_ahead_, bits_per_picture);
     pictures_since_key_ = unit.key ? 1 : pictures_since_key_ + 1;
-    lost_since_key_ = lost_since_key_ && !unit.key;
+    keeps_distance_ = keeps_distance_ && !unit.key;
 }
 
 std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_key,

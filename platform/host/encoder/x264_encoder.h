@@ -39,10 +39,10 @@ public:
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /**
-     * A unit that this encoder returned is missing in the stream: until the next key frame, none is
-     * put off.
+     * Puts off no key frame until the next one: the last unit belongs to a live stream, which readers
+     * join at key frames, or is missing in its stream, which is damaged until one.
      */
-    void unit_was_lost() { lost_since_key_ = true; }
+    void keep_distance_of_key_frames() { keeps_distance_ = true; }
     /**
      * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate
      * and "as needed" x264 cannot change its control, so a new encoder takes over, which begins
@@ -74,8 +74,8 @@ private:
     /** Unchanged pictures of one size in a row, after which x264 would encode that size for ever. */
     static constexpr uint32_t pictures_until_settled = 3;
     /**
-     * Key frames of a picture that stands still are put off to so many times their distance, or to
-     * the next change. To reach any moment before that, a player decodes repetitions only.
+     * In a recording, key frames of a still picture are put off to so many times their distance, or
+     * to the next change. To reach any moment before that, a player decodes repetitions only.
      */
     static constexpr uint32_t distances_while_still = 5;
 
@@ -94,7 +94,7 @@ private:
     std::unique_ptr<RepeatedPictures> repetitions_;
     uint32_t pictures_between_keys_ = 0;
     uint32_t pictures_since_key_ = 0;
-    bool lost_since_key_ = false;
+    bool keeps_distance_ = false;
     // unchanged pictures in a row whose access units had this size
     uint32_t equal_sizes_ = 0;
     uint32_t last_size_ = 0;

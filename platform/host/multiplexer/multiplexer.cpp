@@ -306,6 +306,8 @@ uint32_t Multiplexer::write_picture(const ZU_TSMUX_MediaData_t& data)
     if (sound_ && !sound_->begun())
         sound_->begin(capture_us, pts);
     warn_of_lateness(pts);
+    if (encoded)
+        encoded->multiplexed = true;
     return ZU_OK;
 }
 

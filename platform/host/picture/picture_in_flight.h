@@ -38,6 +38,8 @@ struct PictureInFlight {
     ChangedParts changed{};
     /** A renderer has drawn over it in the callback; set by zu3_host_picture_drawn_on(). */
     mutable bool drawn_on = false;
+    /** A multiplexer took over the whole access unit in the callback. */
+    mutable bool multiplexed = false;
 };
 
 /** While it lives, this thread is in a callback with `picture`, which it refers to. Do not nest. */
