@@ -20,13 +20,6 @@ public:
 };
 
 /**
- * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse, and then ZU3_SOUND
- * says which of the server's sources. Does not wait for a server: silence is heard until one
- * answers. `shared` must outlive the source.
- */
-std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
-
-/**
  * A source of the PulseAudio server (PipeWire offers the same). A thread connects, and connects
  * again after the server went away; without a server, or without the source, silence is heard.
  * Throws std::system_error when the system gives no thread, std::bad_alloc without memory.
