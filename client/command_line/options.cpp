@@ -167,9 +167,10 @@ std::optional<uint32_t> parse_bit_rate(std::string_view text)
 
 std::optional<uint32_t> parse_quality(std::string_view text)
 {
-    // Medium keeps text on a screen sharp; a difference of 6 doubles or halves the bits.
-    for (const auto& [word, factor] :
-         {std::pair<std::string_view, uint32_t>{"low", 28}, {"medium", 22}, {"high", 18}})
+    // A difference of 6 doubles or halves the bits.
+    for (const auto& [word, factor] : {std::pair<std::string_view, uint32_t>{"low", 28},
+                                       {"medium", usual_quality},
+                                       {"high", 18}})
         if (text == word)
             return factor;
     const auto number = parse_number(text);

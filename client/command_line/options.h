@@ -34,6 +34,8 @@ inline constexpr const char* bit_rate_form = "a rate from 10k to 240M, such as 8
 
 /** x264's rate factor, 0 to 51, by number or as low, medium or high. */
 std::optional<uint32_t> parse_quality(std::string_view text);
+/** Medium, at which text on a screen stays sharp. */
+inline constexpr uint32_t usual_quality = 22;
 
 /** "X,Y", each with an optional minus sign; nullopt with a plus sign. */
 std::optional<Position> parse_position(std::string_view text);

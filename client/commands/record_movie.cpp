@@ -30,15 +30,10 @@ using namespace movie;
 
 using std::chrono::milliseconds;
 
-// Interval of the checks: with the event of each frame, and without it.
-constexpr milliseconds movie_look(50);
-constexpr milliseconds movie_look_for_frames(2);
 /** Longest wait for a disk that is behind: a stop must end the program within three seconds. */
 constexpr milliseconds disk_patience_of_a_stop(2000), disk_patience_at_the_end(15'000);
 /** Longest wait for the screen's first picture; without one a stop would leave no file. */
 constexpr milliseconds first_frame_patience(1500);
-/** x264's rate factor at which text stays sharp. */
-constexpr uint32_t usual_quality = 22;
 
 StreamOptions stream_options(const RecordOptions& options)
 {
@@ -170,7 +165,6 @@ private:
 
     void wait()
     {
-        const TimePoint look = Clock::now() + (event_ >= 0 ? movie_look : movie_look_for_frames);
         const Awaited awaited[] = {
             {context_.signals.fd()},
             {event_, reset(event_)},
@@ -181,7 +175,7 @@ private:
              }},
             {socket_.fd(), [this] { serve_peers(); }},
             {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey(key); }); }}};
-        wait_for(awaited, look);
+        wait_for(awaited, next_check_beside_frames(event_));
         check(sink_.look());
         check_end();
         if (report_.due())

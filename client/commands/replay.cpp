@@ -27,13 +27,8 @@ using namespace movie;
 
 using std::chrono::milliseconds;
 
-// Interval of the checks: with the event of each frame, and without it.
-constexpr milliseconds replay_look(50);
-constexpr milliseconds replay_look_for_frames(2);
 /** Longest wait at the end for a file that is being written. */
 constexpr std::chrono::seconds patience_of_a_stop(10);
-/** x264's rate factor at which text stays sharp. */
-constexpr uint32_t usual_replay_quality = 22;
 
 /** The highest bit rate of the encoder, in bits per second. */
 uint32_t ceiling_of(const ReplayOptions& options, Size size)
@@ -47,7 +42,7 @@ StreamOptions stream_options(const ReplayOptions& options, Size size)
     stream.fps = options.fps;
     stream.bit_rate = options.bit_rate;
     if (!options.bit_rate)
-        stream.quality = options.quality.value_or(usual_replay_quality);
+        stream.quality = options.quality.value_or(usual_quality);
     stream.ceiling = ceiling_of(options, size);
     return stream;
 }
@@ -165,7 +160,7 @@ private:
             {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey_key(key); }); }},
             {socket_.fd(), [this] { serve_peers(); }},
             {save_ ? save_->work().fd() : -1}};
-        wait_for(awaited, Clock::now() + (event_ >= 0 ? replay_look : replay_look_for_frames));
+        wait_for(awaited, next_check_beside_frames(event_));
         conclude_save();
         check_end();
         if (report_.due())

@@ -108,4 +108,10 @@ private:
     uint64_t frames_ = 0;
 };
 
+/** The end of a wait for frames: sooner without their event, which is then -1. */
+inline TimePoint next_check_beside_frames(int event)
+{
+    return Clock::now() + std::chrono::milliseconds(event >= 0 ? 50 : 2);
+}
+
 } // namespace client
