@@ -83,7 +83,7 @@ installing=$!
 presets="release tsan asan libcxx armhf-clang"
 lint=
 if [ -n "$configuration" ]; then
-    scripts/install_dependencies.sh arm64
+    scripts/install_dependencies.sh arm64 browser
     scripts/arm64_sysroot.sh build/arm64-sysroot
     presets="$presets armhf arm64"
     lint=--all

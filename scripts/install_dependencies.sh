@@ -7,6 +7,7 @@
 #   display  a display without a screen, for a machine that has none
 #   test     what the tests and the other presets need besides
 #   arm64    what the preset arm64 needs besides; scripts/arm64_sysroot.sh fetches its libraries
+#   browser  a browser, for the long form of the tests
 set -eu
 
 packages_of() {
@@ -30,8 +31,9 @@ packages_of() {
         clang-tidy shellcheck flake8 doxygen clang-16 libc++-16-dev \
         libc++abi-16-dev ;; # libc++ 14 lacks std::ranges::any_of and the like, which the tests use
     arm64) echo g++-aarch64-linux-gnu qemu-user ;;
+    browser) echo chromium ;;
     *)
-        echo "install_dependencies.sh: there is no group '$1', only build, display, test and arm64" >&2
+        echo "install_dependencies.sh: there is no group '$1', only build, display, test, arm64 and browser" >&2
         exit 2
         ;;
     esac
