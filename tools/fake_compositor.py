@@ -32,7 +32,7 @@ def damage(x, y, width, height):
     return 4, struct.pack("<IIII", x, y, width, height)
 
 
-# What differs from "well": the globals, a frame's first events, the events that follow a copy.
+# The differences to "well": the globals, a frame's first events, the events that follow a copy.
 MODES = {
     "well": {},
     "red-last": {"offer": [buffer_event(XBGR), BUFFER_DONE]},

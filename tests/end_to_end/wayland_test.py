@@ -98,7 +98,7 @@ class Session(ShortEndToEndTest):
         self.message("output", "HEADLESS-1", "scale", "1")
 
     def test_follows_what_changes(self):
-        # Catches what is drawn on a still output, which is not copied again, and a lost change of its size.
+        # Catches a still output that changes and is not copied again, and a lost change of its size.
         window = show(self, "--static")
         stream = LiveStream(self, "-r", "30", "-b", "8M")
         stream.wait_for(30)

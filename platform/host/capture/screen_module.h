@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * What a screen module uses of the host layer. It links none of its libraries, so it must neither
- * use HOST_LOG and at_border() nor count serials by itself. Any thread.
+ * The functions of the host layer that a screen module calls. It links none of its libraries, so it
+ * must neither use HOST_LOG and at_border() nor count serials by itself. Any thread.
  */
 struct ScreenHost {
     /** Writes one sentence into the log. @param priority android_LogPriority */
@@ -34,7 +34,7 @@ enum class ScreenFailure : uint8_t {
     failed,
 };
 
-/** What came of opening a screen. */
+/** The result of opening a screen. */
 struct ScreenOpening {
     /** null on failure */
     std::unique_ptr<WaitingSource> source{};
@@ -63,7 +63,7 @@ struct ScreenOutput {
     bool recorded;
 };
 
-/** A part of what a source needs, and whether it is there. */
+/** A requirement of a source, and whether it is met. */
 struct ScreenFinding {
     enum class Kind : uint8_t { good, limited, missing } kind;
     /** complete, with the way out if it is limited or missing */
@@ -71,13 +71,13 @@ struct ScreenFinding {
 };
 
 /**
- * What a module libzu3_NAME.so offers: one way to capture a screen. Its functions may wait without
+ * The functions of a module libzu3_NAME.so, one way to capture a screen. They may wait without
  * limit unless they say otherwise, and may throw std::bad_alloc.
  */
 struct ScreenModule {
     /** open() may wait for so long: for a user who answers a dialog, for example */
     std::chrono::milliseconds opening_limit;
-    /** Opens what recordings capture. On a thread that runs this only. */
+    /** Opens the screen that recordings capture. On a thread that runs this only. */
     ScreenOpening (*open)(const ScreenHost& host);
     /**
      * The outputs of the session; empty if it does not answer within 3 s, or if this source does
@@ -85,8 +85,8 @@ struct ScreenModule {
      */
     std::vector<ScreenOutput> (*list_outputs)();
     /**
-     * Adds what open() needs, in its order, up to the first that is missing; asks the user nothing.
-     * Waits up to 3 s for an answer.
+     * Adds the requirements of open(), in its order, up to the first that is not met. Does not ask
+     * the user. Waits up to 3 s for an answer.
      * @return how open() would fail, as far as this can tell
      */
     ScreenFailure (*examine)(std::vector<ScreenFinding>& findings);

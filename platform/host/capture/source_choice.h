@@ -29,7 +29,7 @@ ChosenScreen open_chosen_screen(const common::ScreenPart& part);
 /** The source that open_chosen_screen() opens, without opening X11's or the test card. */
 ChosenScreen open_wayland_screen(const common::ScreenPart& part);
 
-/** Why this source is used, then what it needs; as zu3_host_examine_screen(). */
+/** Adds why this source is used, then its requirements; as zu3_host_examine_screen(). */
 uint32_t examine_screen(std::vector<ScreenFinding>& findings);
 
 /** The outputs of the Wayland session; empty if no compositor answers. */

@@ -23,7 +23,7 @@ struct CopyLayout {
     size_t bytes() const { return size_t{stride} * size.height; }
 };
 
-/** Memory that the compositor writes into. Nobody can shrink it. */
+/** Memory that the compositor writes into. It is sealed: no process can shrink it. */
 class CopyBuffer {
 public:
     /** Null without memory or descriptors. The layout must be possible. */

@@ -57,7 +57,7 @@ private:
     static FrameCopy& self(void* data) { return *static_cast<FrameCopy*>(data); }
     static const ScreencopyFrameListener listener;
     void offer(const CopyLayout& layout, bool last);
-    /** Events behind a complete copy change nothing. */
+    /** Later events do not change a complete copy. */
     void end(State end);
     void add_damage(PictureRectangle part);
 

@@ -7,7 +7,7 @@ namespace zu3host {
 
 // The used parts of two protocols that Debian does not package: the compositor's copy of an output
 // (zwlr_screencopy_unstable_v1, version 3) and the logical size of an output
-// (zxdg_output_unstable_v1, version 3). Each kind of object is a type of wl_proxy.
+// (zxdg_output_unstable_v1, version 3). Each object is a wl_proxy.
 
 struct ScreencopyManager;
 struct ScreencopyFrame;

@@ -30,8 +30,8 @@ PictureRectangle upright_part(const PictureRectangle& part, PictureSize copied,
 class UprightImage {
 public:
     /**
-     * `changed` and `serial` are left to the caller. A copy that needs no change is returned itself.
-     * The layout must be possible and its format known.
+     * `changed` and `serial` are left to the caller. A copy that needs no change is returned as it
+     * is. The layout must be possible and its format known.
      */
     BgraImage of(const CopyLayout& layout, const uint8_t* copied, Orientation orientation);
 

@@ -60,7 +60,7 @@ int connect_to(const std::string& name, const std::string& path, WaylandProblem&
     if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
         return fd.release();
     const int error = errno;
-    // one that accepts no connection has a full queue
+    // The queue is full: the compositor hangs.
     if (error == EAGAIN)
         return fail(ScreenFailure::failed, "it accepts no connection");
     return fail(error == EACCES || error == EPERM ? ScreenFailure::failed

@@ -114,7 +114,7 @@ std::unique_ptr<WaylandSession> WaylandSession::open(WaylandConnection::Clock::t
     if (!session->registry_ ||
         wl_registry_add_listener(session->registry_, &listener, session.get()) != 0)
         throw std::bad_alloc();
-    // The first answer comes behind the globals, the second one behind what they say.
+    // The first answer follows the globals, the second one their events.
     for (int round = 0; round < 2; ++round) {
         if (round == 1)
             session->ask_for_logical_sizes();

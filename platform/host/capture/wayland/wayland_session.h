@@ -61,7 +61,7 @@ public:
     }
     /** In the compositor's order; the first is recorded. */
     const std::vector<std::unique_ptr<WaylandOutput>>& outputs() const { return outputs_; }
-    /** The parts that a copy needs and it lacks; no failure if it has all. */
+    /** Why nothing can be copied; no failure if the session has all that a copy needs. */
     WaylandProblem problem() const;
 
     /** The output of that id; null after it was removed. */
