@@ -36,7 +36,7 @@ std::string output_line(const HostOutput& output)
     line +=
         output.refresh_hz > 0 ? format_text("  %.2f Hz", output.refresh_hz) : "  no refresh rate";
     if (output.degrees > 0)
-        line += format_text("  turned by %u degrees", output.degrees);
+        line += format_text("  turned %u degrees clockwise", 360 - output.degrees);
     if (output.mirrored)
         line += "  mirrored";
     if (!output.description.empty())

@@ -126,6 +126,9 @@ std::unique_ptr<WaylandSession> WaylandSession::open(WaylandConnection::Clock::t
             return nullptr;
         }
     }
+    for (size_t i = 0; i < session->outputs_.size(); ++i)
+        if (std::string& output = session->outputs_[i]->name; output.empty())
+            output = "number " + std::to_string(i + 1);
     return session;
 }
 

@@ -39,10 +39,8 @@ ScreenOpening WaylandSource::open(const ScreenHost& host)
     const size_t outputs = session->outputs().size();
     std::unique_ptr<WaylandSource> source(new WaylandSource(host, std::move(session)));
     constexpr bool with_pointer = true;
-    if (!source->prepare_frame(with_pointer)) {
-        problem = source->problem();
-        return {.failure = problem.failure, .reason = std::move(problem.reason)};
-    }
+    if (!source->prepare_frame(with_pointer))
+        return {.failure = source->refusal_.failure, .reason = source->refusal_.reason};
     if (outputs > 1)
         host.log(ANDROID_LOG_WARN,
                  ("The Wayland session has " + std::to_string(outputs) +
@@ -125,6 +123,8 @@ bool WaylandSource::update(bool pointer)
     session_->connection().wait_until(deadline, [this] { return gone() || !is_in(State::asked); });
     if (is_in(State::complete))
         take_copy();
+    if (is_in(State::failed))
+        refusal_ = frame_->problem();
     return !is_in(State::failed);
 }
 
@@ -135,16 +135,24 @@ void WaylandSource::start_frame(bool pointer)
 
 bool WaylandSource::prepare_frame(bool pointer)
 {
-    if (gone())
+    const auto refuse = [this](WaylandProblem why) {
+        refusal_ = std::move(why);
         return false;
+    };
+    const WaylandProblem ended{ScreenFailure::failed,
+                               "the Wayland compositor ended the connection"};
+    if (gone())
+        return refuse(ended);
     if (!frame_ || is_in(State::failed))
         start_frame(pointer);
     session_->connection().wait([this] { return gone() || !is_in(State::announced); });
-    if (gone() || frame_->problem().failure != ScreenFailure::none)
-        return false;
+    if (gone())
+        return refuse(ended);
+    if (WaylandProblem problem = frame_->problem(); problem.failure != ScreenFailure::none)
+        return refuse(std::move(problem));
     if (!next_ || next_->layout() != frame_->layout())
         next_ = CopyBuffer::make(session_->shm(), frame_->layout());
-    return next_ != nullptr;
+    return next_ || refuse({ScreenFailure::failed, "there is no memory for a copy of the output"});
 }
 
 bool WaylandSource::ask_for_copy(bool pointer)
@@ -198,16 +206,6 @@ void WaylandSource::wait_for_life()
     asked_for_answer_ = now;
 }
 
-WaylandProblem WaylandSource::problem() const
-{
-    if (gone())
-        return {ScreenFailure::failed, "the Wayland compositor ended the connection"};
-    WaylandProblem problem = frame_ ? frame_->problem() : WaylandProblem{};
-    if (problem.failure == ScreenFailure::none)
-        problem = {ScreenFailure::failed, "there is no memory for a copy of the output"};
-    return problem;
-}
-
 void WaylandSource::note_loss()
 {
     if (std::exchange(told_of_loss_, true) || session_->connection().was_cut())
@@ -224,7 +222,7 @@ void WaylandSource::note_loss()
 void WaylandSource::note_refusal()
 {
     if (!std::exchange(told_of_refusal_, true))
-        host_.log(ANDROID_LOG_WARN, ("Pictures are missing: " + problem().reason + ".").c_str());
+        host_.log(ANDROID_LOG_WARN, ("Pictures are missing: " + refusal_.reason + ".").c_str());
 }
 
 } // namespace zu3host

@@ -34,15 +34,13 @@ private:
     using Clock = WaylandConnection::Clock;
 
     WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session);
-    /** Why there is no copy. */
-    WaylandProblem problem() const;
 
     std::optional<BgraImage> try_grab(bool pointer);
     /** Brings the image up to date; false if it cannot be. */
     bool update(bool pointer);
     void note_pace();
     void start_frame(bool pointer);
-    /** Until the layout is known and a buffer of it is there. */
+    /** Waits until the layout is known and makes a buffer of it; false with the refusal. */
     bool prepare_frame(bool pointer);
     bool ask_for_copy(bool pointer);
     void take_copy();
@@ -79,6 +77,8 @@ private:
     // between grabs
     Clock::duration pace_ = std::chrono::seconds(1);
     Clock::time_point asked_for_answer_{};
+    // why there was no copy
+    WaylandProblem refusal_;
     bool told_of_loss_ = false;
     bool told_of_refusal_ = false;
 };
