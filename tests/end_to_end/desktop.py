@@ -19,7 +19,7 @@ class Desktop:
         self.runtime = test.path("home")
         self.portals = test.path("portals")
         self.portals.mkdir()
-        self.compositor = self.portal = self.user = None
+        self.compositor = self.pipewire = self.portal = self.user = None
         test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "WAYLAND_DISPLAY": "wayland-0",
                              "XDG_DESKTOP_PORTAL_DIR": str(self.portals), "XDG_CURRENT_DESKTOP": "screenrecord_test"}
         self.make_pointer()
@@ -61,7 +61,7 @@ class Desktop:
         self.test.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.runtime}/bus"
 
     def start_pipewire(self):
-        self.start("pipewire")
+        self.pipewire = self.start("pipewire")
         wait_until((self.runtime / "pipewire-0").exists, "PipeWire")
         self.start("wireplumber")
 

@@ -18,6 +18,12 @@ class PortalTest:
     def start(cls, *arguments, **options):
         return super().start(*arguments, **AS_USER | options)
 
+    def start_recording(self, name, *options):
+        """A recording whose first batch is in its file."""
+        recording = self.client("record", "-o", name, *options)
+        wait_until(lambda: size_of(self.path(name)) > 0 or recording.process.poll() is not None, "the first batch")
+        return recording
+
     def assert_refused(self, running, pattern, seconds=20):
         """It failed with that sentence, and left no file."""
         self.assert_exit(running, 1, seconds)
@@ -42,12 +48,6 @@ class Portal(PortalTest, EndToEndTest):
 
     def setUp(self):
         self.desktop.answer("grant")
-
-    def start_recording(self, name, *options):
-        """A recording whose first batch is in its file."""
-        recording = self.client("record", "-o", name, *options)
-        wait_until(lambda: size_of(self.path(name)) > 0 or recording.process.poll() is not None, "the first batch")
-        return recording
 
     def test_ten_seconds(self):
         # Catches pictures that are lost or late, wrong colours, a stale screen, and a user who is asked twice.
@@ -147,22 +147,34 @@ class PortalIsMissing(PortalTest, EndToEndTest):
     def record(self, **options):
         return self.client("record", "-o", "a.mp4", **options)
 
+    def doctor(self):
+        """What it finds missing."""
+        doctor = self.client("doctor")
+        doctor.wait()
+        return [line for line in doctor.output().splitlines() if line.startswith("missing")]
+
     def test_what_is_missing_gets_a_sentence(self):
-        # Catches a fault with a wrong cause, and one that keeps the program waiting.
-        self.assert_refused(self.record(environment={"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere"}), "no message bus")
+        # Catches a fault that is blamed on something else, one that keeps the program waiting, and a doctor who does
+        # not find it.
+        nowhere = {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nowhere"}
+        self.assert_refused(self.record(environment=nowhere), "no message bus")
         self.desktop.start_bus()
         self.assert_refused(self.record(), "no desktop portal")
+        self.assertRegex("\n".join(self.doctor()), "^missing No desktop portal.*install xdg-desktop-portal.*\\.$")
         self.desktop.start_portal(backend=False)
         self.assert_refused(self.record(), "offers no screen")
+        self.assertRegex("\n".join(self.doctor()), "^missing The desktop portal offers no screen.*\\.$")
         self.desktop.portal.close()
         self.desktop.start_portal()
         self.desktop.answer("node 4242")
         self.assert_refused(self.record(), "PipeWire cannot be reached")
+        self.assertRegex("\n".join(self.doctor()), "^missing PipeWire does not run.*apt install.*\\.$")
         self.desktop.portal.process.send_signal(signal.SIGSTOP)
         self.assert_refused(self.record(), "portal does not answer", 8)
         self.desktop.portal.process.send_signal(signal.SIGCONT)
         self.desktop.start_pipewire()
         self.assert_refused(self.record(), "stream is not there")
+        self.assertEqual(self.doctor(), [])
 
 
 class PortalStreams(PortalTest, EndToEndTest):
@@ -233,3 +245,14 @@ class PortalStreams(PortalTest, EndToEndTest):
         for kind, recording in recordings.items():
             self.assert_exit(recording, 0)
             self.assert_quarters(f"{kind}.ts", 60, (320, 256))
+
+    def test_pipewire_hangs(self):
+        # Catches a stop, or a start, that waits for it.
+        self.share()
+        recording = self.start_recording("hung.ts")
+        self.desktop.pipewire.process.send_signal(signal.SIGSTOP)
+        try:
+            self.assert_stops(recording, seconds=2 * SOON)
+            self.assert_refused(self.client("shot", "-o", "a.png"), "does not answer", 12)
+        finally:
+            self.desktop.pipewire.process.send_signal(signal.SIGCONT)
