@@ -12,7 +12,9 @@ namespace {
 
 // So many parts may have changed; more count as all.
 constexpr size_t most_parts = 32;
-constexpr int most_buffers = 8;
+// One is kept here, one is on its way, one is being filled; each is as large as the screen.
+constexpr int usual_buffers = 3;
+constexpr int most_buffers = 4;
 
 // Pods are laid out in these.
 using PodMemory = std::array<uint8_t, 2048>;
@@ -45,7 +47,8 @@ const spa_pod* wanted_buffers(PodMemory& memory)
     spa_pod_frame frame{};
     spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers);
     spa_pod_builder_add(&builder, SPA_PARAM_BUFFERS_buffers,
-                        SPA_POD_CHOICE_RANGE_Int(4, 2, most_buffers), SPA_PARAM_BUFFERS_dataType,
+                        SPA_POD_CHOICE_RANGE_Int(usual_buffers, 2, most_buffers),
+                        SPA_PARAM_BUFFERS_dataType,
                         SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd | 1 << SPA_DATA_MemPtr), 0);
     return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &frame));
 }
