@@ -43,7 +43,7 @@ class Portal(PortalTest, EndToEndTest):
 
     @classmethod
     def show_screen(cls):
-        cls.screen = cls.start("wayland_screen")
+        cls.screen = cls.start("wayland_screen", "--fps", 20)
         cls.screen.first_line()
 
     def setUp(self):
@@ -61,15 +61,14 @@ class Portal(PortalTest, EndToEndTest):
         self.assertEqual(judges.colour_faults(file, 150), {})
         numbers = judges.picture_numbers(file)
         self.assertEqual(numbers, sorted(numbers))
-        self.assertGreater(len(set(numbers)), 240)
-        self.assertLess(numbers[-1] - numbers[0], 330)
+        # Each of the screen's pictures is seen for longer than one of the recording's.
+        self.assertGreater(len(set(numbers)), 185, numbers)
+        self.assertTrue(190 <= numbers[-1] - numbers[0] <= 210, numbers)
 
-        self.assertEqual(token.stat().st_mode & 0o7777, 0o600)
-        kept = token.read_text("ascii")
         self.run_program("screenrecord", "stream", "-t", 1, "-o", "one.h264")
         self.assertEqual(judges.colour_faults(self.path("one.h264"), 10), {})
         self.assertEqual(self.desktop.said("asked"), asked + 1)
-        self.assertNotEqual(token.read_text("ascii"), kept)
+        self.assertEqual(token.stat().st_mode & 0o7777, 0o600)
         self.run_program("screenrecord", "shot", "--ask", "-o", "one.png")
         self.assertEqual(judges.colour_faults(self.path("one.png"), 0), {})
         self.assertEqual(self.desktop.said("asked"), asked + 2)
