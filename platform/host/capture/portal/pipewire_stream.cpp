@@ -16,6 +16,9 @@ constexpr size_t most_parts = 32;
 constexpr int usual_buffers = 3;
 constexpr int most_buffers = 4;
 
+constexpr char not_joined[] =
+    "the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA in shared memory, or PipeWire has no session manager (wireplumber)";
+
 // Pods are laid out in these.
 using PodMemory = std::array<uint8_t, 2048>;
 
@@ -216,10 +219,17 @@ bool PipewireStream::wait_for_first(std::chrono::milliseconds patience, std::str
     }
     if (latest_.fresh)
         return true;
-    failure = ended_             ? *ended_
-              : unusable_memory_ ? "PipeWire delivers its pictures in memory that cannot be read"
-              : format_          ? "PipeWire delivers no picture of the screen"
-                        : "PipeWire does not answer: look whether pipewire and wireplumber run";
+    if (ended_)
+        failure = *ended_;
+    else if (unusable_memory_)
+        failure = "PipeWire delivers its pictures in memory that cannot be read";
+    else if (had_format_)
+        failure = "PipeWire delivers no picture of the screen";
+    else
+        failure =
+            node_there_
+                ? not_joined
+                : "PipeWire does not answer: restart it with 'systemctl --user restart pipewire'";
     return false;
 }
 
@@ -261,14 +271,12 @@ void PipewireStream::on_state(pw_stream_state state, const char* error)
         end(unjoined_reason().value_or("PipeWire ended the stream"));
 }
 
-/** Why both ends could not be joined; the session's manager ends such a stream without a reason. */
+/** Why both ends were not joined; the session's manager ends such a stream without a reason. */
 std::optional<std::string> PipewireStream::unjoined_reason() const
 {
     if (had_format_)
         return std::nullopt;
-    return node_there_
-               ? "the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA in shared memory"
-               : "the shared screen's stream is not there any more";
+    return node_there_ ? not_joined : "the shared screen's stream is not there any more";
 }
 
 void PipewireStream::on_core_error(uint32_t id, int result, const char* message)
