@@ -1,5 +1,6 @@
 // What changed on a screen is all that is fetched and converted: the pictures are the same, bit for
 // bit, as if all of it had been.
+#include "capture/cropped_source.h"
 #include "capture/part_list.h"
 #include "capture/picture_pool.h"
 #include "capture/picture_writer.h"
@@ -10,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <numeric>
 #include <random>
+#include <span>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
@@ -73,6 +76,98 @@ TEST(PartList, CoversAllThatWasAdded)
         EXPECT_LE(list.parts().size(), PartList::most);
         for (size_t pixel = 0; pixel < added.size(); ++pixel)
             ASSERT_TRUE(covered[pixel] || !added[pixel]) << "round " << round;
+    }
+}
+
+/** Whether an image equals an earlier one of its size but for these parts. */
+bool is_same_outside(std::span<const PictureRectangle> parts, const uint8_t* before,
+                     const BgraImage& image)
+{
+    const size_t bytes = size_t{image.stride} * image.size.height;
+    std::vector<uint8_t> made(before, before + bytes);
+    for (const PictureRectangle& part : parts)
+        for (uint32_t line = part.y; line < part.y + part.size.height; ++line) {
+            const size_t at = size_t{image.stride} * line + size_t{4} * part.x;
+            std::memcpy(made.data() + at, image.pixels + at, size_t{4} * part.size.width);
+        }
+    return std::memcmp(made.data(), image.pixels, bytes) == 0;
+}
+
+// Catches a scaled pixel that depends on a changed one beyond the reach that is assumed.
+TEST(ScaledParts, ReachAllThatDiffers)
+{
+    Random random(5);
+    for (int round = 0; round < 400; ++round) {
+        // multiples too, which libyuv treats apart
+        const PictureSize size{round % 4 ? 8 + below(random, 500) : 32 * (1 + below(random, 16)),
+                               round % 4 ? 8 + below(random, 400) : 24 * (1 + below(random, 16))};
+        const PictureSize to = fit_into(size, {128, 96}).image;
+        SCOPED_TRACE(testing::Message()
+                     << size.width << "x" << size.height << " to " << to.width << "x" << to.height);
+        std::vector<uint32_t> pixels(size_t{size.width} * size.height);
+        std::ranges::generate(pixels, [&] { return static_cast<uint32_t>(random()); });
+        const BgraImage image{reinterpret_cast<const uint8_t*>(pixels.data()), size.width * 4, size,
+                              1};
+        BgraScaler first, second;
+        const BgraImage before = first.scaled(image, to);
+        PartList changed(size);
+        for (uint32_t count = 1 + below(random, 3); count > 0; --count) {
+            const PictureRectangle part = random_part(random, size);
+            for (uint32_t line = part.y; line < part.y + part.size.height; ++line)
+                std::generate_n(&pixels[size_t{line} * size.width + part.x], part.size.width,
+                                [&] { return static_cast<uint32_t>(random()); });
+            changed.add(part);
+        }
+        const BgraImage after = second.scaled(image, to);
+        const PartList parts = scaled_parts(changed, to);
+        EXPECT_TRUE(is_same_outside(parts.parts(), before.pixels, after));
+    }
+}
+
+/** A source with one image. */
+struct OneImage : PictureSource {
+    explicit OneImage(const BgraImage& shown) : image(shown) {}
+    std::optional<BgraImage> grab(const GrabRequest&) override { return image; }
+    const BgraImage image;
+};
+
+// Catches another region than was asked for, and a change that is lost or off its place.
+TEST(CroppedSource, ShowsTheRegionAndItsChanges)
+{
+    std::vector<uint32_t> pixels(20 * 10);
+    std::iota(pixels.begin(), pixels.end(), 0);
+    const PictureRectangle parts[] = {{0, 0, {6, 4}}, {12, 8, {8, 2}}};
+    const OneImage whole(
+        {reinterpret_cast<const uint8_t*>(pixels.data()), 80, {20, 10}, 7, {5, parts}});
+    const struct {
+        common::ScreenRegion region;
+        PictureSize size;
+        uint32_t first;
+        std::vector<PictureRectangle> changed;
+        const char* said;
+    } cases[] = {
+        {{4, 2, {8, 6}}, {8, 6}, 44, {{0, 0, {2, 2}}}, ""},
+        {{14, 7, {100, 100}}, {6, 3}, 154, {{0, 0, {6, 3}}}, "6x3+14+7 of it"},
+        {{-2, -2, {4, 4}}, {2, 2}, 0, {{0, 0, {2, 2}}}, "2x2+0+0 of it"},
+        {{20, 0, {4, 4}}, {}, 0, {}, "4x4+20+0 lies outside"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(common::region_text(c.region));
+        CroppedSource source(std::make_unique<OneImage>(whole.image), c.region);
+        testing::internal::CaptureStderr();
+        source.grab({});
+        const auto image = source.grab({});
+        EXPECT_NE(captured_log().find(c.said), std::string::npos);
+        ASSERT_EQ(image.has_value(), c.size.width != 0);
+        if (!image)
+            continue;
+        EXPECT_EQ(image->size, c.size);
+        EXPECT_EQ(image->serial, 7u);
+        EXPECT_EQ(image->changed.since, 5u);
+        EXPECT_EQ(std::memcmp(image->pixels, &c.first, 4), 0);
+        EXPECT_TRUE(std::ranges::equal(image->changed.parts, c.changed, [](auto& a, auto& b) {
+            return a.x == b.x && a.y == b.y && a.size == b.size;
+        }));
     }
 }
 
@@ -230,19 +325,15 @@ public:
     bool is_described_by(const BgraImage& image)
     {
         const uint64_t serial = std::exchange(serial_, image.serial);
-        const size_t bytes = size_t{image.stride} * image.size.height;
-        std::vector<uint8_t> now(image.pixels, image.pixels + bytes);
+        std::vector<uint8_t> now(image.pixels,
+                                 image.pixels + size_t{image.stride} * image.size.height);
         pixels_.swap(now);
+        if (now.empty())
+            return image.changed.since == 0;
         if (image.serial == serial)
             return now == pixels_;
-        if (image.changed.since != serial || now.empty())
-            return image.changed.since == serial;
-        for (const PictureRectangle& part : image.changed.parts)
-            for (uint32_t line = 0; line < part.size.height; ++line) {
-                const size_t at = size_t{image.stride} * (part.y + line) + size_t{4} * part.x;
-                std::memcpy(now.data() + at, pixels_.data() + at, size_t{4} * part.size.width);
-            }
-        return now == pixels_;
+        return image.changed.since == serial &&
+               is_same_outside(image.changed.parts, now.data(), image);
     }
 
 private:
@@ -270,7 +361,7 @@ TEST_P(ChangedScreen, MakesThePictureOfAFullFetch)
     ASSERT_TRUE(source);
     const PictureSize size = part.region ? part.region->size : painter.size();
     Pictures same_size({size.width & ~1u, size.height & ~1u});
-    Pictures scaled({96, 64});
+    Pictures reduced({96, 64}), enlarged({448, 352});
     Predecessor predecessor;
     int partly = 0;
     for (int round = 0; round < rounds; ++round) {
@@ -285,7 +376,8 @@ TEST_P(ChangedScreen, MakesThePictureOfAFullFetch)
         ASSERT_TRUE(image);
         EXPECT_TRUE(predecessor.is_described_by(*image));
         EXPECT_TRUE(same_size.write_one(random, *image));
-        EXPECT_TRUE(scaled.write_one(random, *image));
+        EXPECT_TRUE(reduced.write_one(random, *image));
+        EXPECT_TRUE(enlarged.write_one(random, *image));
         const auto other = X11Source::open(part);
         const auto whole = other->grab(request);
         ASSERT_TRUE(whole && whole->size == image->size && whole->stride == image->stride);
