@@ -73,7 +73,8 @@ struct Asked {
     common::LocatedPart part;
 };
 
-std::optional<Asked> ask(const std::string& name, const common::ScreenPart& part)
+/** @param part looked for; without one, the monitors are listed */
+std::optional<Asked> ask(const std::string& name, const std::optional<common::ScreenPart>& part)
 {
     int number = 0;
     const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> connection(
@@ -89,11 +90,15 @@ std::optional<Asked> ask(const std::string& name, const common::ScreenPart& part
                         .size = {screen->width_in_pixels, screen->height_in_pixels},
                         .refresh_hz = refresh_rate(connection.get(), screen->root),
                         .shared_memory = shm && shm->present,
-                        .monitors = common::find_monitors(connection.get(), screen->root),
                         .problem = common::pixel_format(server, *screen)
                                        ? ""
                                        : common::unknown_pixel_format(server, *screen)};
-    return Asked{std::move(display), common::locate_part(connection.get(), *screen, part)};
+    Asked asked{std::move(display), {}};
+    if (!part)
+        asked.display.monitors = common::find_monitors(connection.get(), screen->root);
+    else if (!part->is_whole())
+        asked.part = common::locate_part(connection.get(), *screen, *part);
+    return asked;
 }
 
 /** The result of the asking thread; shared, because it may come after the caller has given up. */
@@ -124,7 +129,8 @@ void name_captured(const std::string& name)
 
 // A stopped server accepts the connection and never answers, and xcb has no time limit. So a thread
 // asks, and is abandoned if it is too slow.
-std::optional<Asked> ask_in_time(const std::string& name, const common::ScreenPart& part)
+std::optional<Asked> ask_in_time(const std::string& name,
+                                 const std::optional<common::ScreenPart>& part)
 {
     const auto answer = std::make_shared<Answer>();
     std::thread([answer, name, part] {
@@ -195,7 +201,7 @@ Size size_for_display(Size display)
 
 std::optional<DisplayInfo> probe_display(const std::string& name)
 {
-    const auto asked = ask_in_time(name, {});
+    const auto asked = ask_in_time(name, std::nullopt);
     return asked ? std::optional(asked->display) : std::nullopt;
 }
 

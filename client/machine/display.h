@@ -34,8 +34,8 @@ struct DisplayInfo {
 };
 
 /**
- * Asks the X server `name` ("" = DISPLAY); nullopt if it cannot be reached or does not answer
- * within 3 s.
+ * Asks the X server `name` ("" = DISPLAY), and which monitors it has; nullopt if it cannot be
+ * reached or does not answer within 3 s.
  */
 std::optional<DisplayInfo> probe_display(const std::string& name);
 
