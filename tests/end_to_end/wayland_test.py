@@ -70,6 +70,18 @@ class Session(ShortEndToEndTest):
             self.assertTrue(name == "a.png" or numbers[-1] > numbers[0], (name, numbers))
         window.close()
 
+    def test_has_regions_alone(self):
+        # Catches another part than was asked for, and one that is not there and is passed over.
+        window = show(self, "--static")
+        self.run_program("screenrecord", "shot", "-o", "r.png", "--region", "200x150+56+60")
+        places = {(9, 5): RED, (6, 5): BACKGROUND, (135, 131): RED, (136, 131): BACKGROUND}
+        self.assertEqual(near(judges.decode(self.path("r.png"), 0), 200, places, 0), {})
+        for option, said in (("--monitor=HEADLESS-1", "on X11 only"), ("--region=64x64+656+0", "outside of the screen")):
+            refused = self.client("shot", "-o", "s.png", option)
+            self.assert_exit(refused, 1)
+            self.assertIn(said, refused.errors())
+        window.close()
+
     def test_output_is_turned_and_scaled(self):
         # Catches pictures that lie on their side, stand on their head, are mirrored, or have logical pixels.
         for transform, size in (("90", (608, 656)), ("180", (656, 608)), ("flipped-270", (608, 656))):

@@ -1,6 +1,7 @@
 #include "capture/source_choice.h"
 
 #include "base/host_log.h"
+#include "capture/cropped_source.h"
 #include "capture/x11_source.h"
 #include "statistics/counters.h"
 #include "utils/private_module.h"
@@ -82,18 +83,25 @@ struct Opened {
     ScreenFailure failure = ScreenFailure::none;
 };
 
-/** The end of a sentence: why a source has no part; empty for the whole screen. */
-std::string refusal_of_part(const common::ScreenPart& part)
+// The ends of sentences, empty if the part can be captured.
+
+std::string refusal_by_wayland(const common::ScreenPart& part)
 {
-    return part.is_whole() ? ""
-                           : "this source captures the whole screen (unset ZU3_REGION, ZU3_MONITOR "
-                             "and ZU3_WINDOW, or choose another ZU3_DISPLAY)";
+    return part.is_whole() || part.region
+               ? ""
+               : "monitors and windows can be chosen on X11 only; a Wayland session's screen is "
+                 "captured as a whole or as a region of it";
+}
+
+std::string refusal_by_test_card(const common::ScreenPart& part)
+{
+    return part.is_whole() ? "" : "the test card is captured as a whole";
 }
 
 Opened open_by(const Way& way, const common::ScreenPart& part)
 {
     Opened opened{.screen = {.kind = way.kind, .name = way.name}};
-    if (opened.screen.problem = refusal_of_part(part); !opened.screen.problem.empty()) {
+    if (opened.screen.problem = refusal_by_wayland(part); !opened.screen.problem.empty()) {
         opened.failure = ScreenFailure::failed;
         return opened;
     }
@@ -108,6 +116,9 @@ Opened open_by(const Way& way, const common::ScreenPart& part)
         way.module->opening_limit);
     const std::lock_guard lock(late->mutex);
     if (opened.screen.source) {
+        if (part.region)
+            opened.screen.source =
+                std::make_unique<CroppedSource>(std::move(opened.screen.source), *part.region);
         opened.screen.name = late->result.name;
         opened.screen.refresh_mhz = late->result.refresh_mhz;
         return opened;
@@ -248,7 +259,7 @@ ChosenScreen open_chosen_screen(const common::ScreenPart& part)
         screen.source = open_x11(part);
     if (screen.kind != ZU3_HOST_SCREEN_TESTCARD)
         return screen;
-    screen.problem = refusal_of_part(part);
+    screen.problem = refusal_by_test_card(part);
     if (screen.problem.empty())
         screen.source = open_test_card();
     return screen;

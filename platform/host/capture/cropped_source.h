@@ -1,0 +1,38 @@
+#pragma once
+
+#include "capture/part_list.h"
+#include "capture/picture_source.h"
+
+#include <common/screen_part.h>
+#include <memory>
+
+namespace zu3host {
+
+/**
+ * A region of what another source shows. That fetches all of it; the region alone is converted and
+ * encoded. One thread at a time.
+ */
+class CroppedSource : public PictureSource {
+public:
+    CroppedSource(std::unique_ptr<PictureSource> whole, const common::ScreenRegion& region)
+        : whole_(std::move(whole)), region_(region)
+    {
+    }
+
+    /** Nullopt, with a line in the log once, if the region lies outside of the image. */
+    std::optional<BgraImage> grab(const GrabRequest& request) override;
+
+private:
+    void note_outside(PictureSize image);
+    void note_clipped(const common::ScreenRegion& inside);
+
+    const std::unique_ptr<PictureSource> whole_;
+    const common::ScreenRegion region_;
+    PartList changed_;
+    // of the last image, within the whole one
+    common::ScreenRegion shown_{};
+    bool told_of_outside_ = false;
+    bool told_of_clipped_ = false;
+};
+
+} // namespace zu3host
