@@ -66,10 +66,15 @@ X11Image::~X11Image()
     munmap(pixels_, bytes() + room_behind());
 }
 
+size_t X11Image::room_of_a_check() const
+{
+    return size_t{stride()} * divided_up(size_.height, checks);
+}
+
 size_t X11Image::room_behind() const
 {
     // Only what is used becomes memory.
-    return size_t{stride()} * (divided_up(size_.height, 4) + divided_up(size_.height, checks));
+    return room_of_a_check() + size_t{stride()} * divided_up(size_.height, 4);
 }
 
 bool X11Image::share()
@@ -98,6 +103,8 @@ bool X11Image::share()
     }
     segment_ = segment;
     pixels_ = static_cast<uint8_t*>(memory);
+    // It is used soon, and then does not look like memory that is lost.
+    std::memset(pixels_ + bytes(), 0, room_of_a_check());
     return true;
 }
 
@@ -143,8 +150,10 @@ void X11Image::ask(const X11Place& place, const PictureRectangle& part, bool che
     const auto height = static_cast<uint16_t>(part.size.height);
     Asked& asked = asked_[asked_count_++];
     asked = {part, 0, size_t{stride()} * part.y, check};
-    if (check || !is_whole_lines(part)) {
-        asked.offset = bytes() + room_used_;
+    if (check) {
+        asked.offset = bytes();
+    } else if (!is_whole_lines(part)) {
+        asked.offset = bytes() + room_of_a_check() + room_used_;
         room_used_ += size_t{4} * width * height;
     }
     xcb_connection_t* const xcb = connection_.xcb();

@@ -80,6 +80,7 @@ private:
     X11Image(X11Connection& connection, PictureSize size);
     bool share();
     size_t bytes() const { return size_t{stride()} * size_.height; }
+    size_t room_of_a_check() const;
     size_t room_behind() const;
     bool is_whole_lines(const PictureRectangle& part) const;
     void ask(const X11Place& place, const PictureRectangle& part, bool check);
@@ -103,6 +104,7 @@ private:
     // the parts and a check
     std::array<Asked, PartList::most + 1> asked_{};
     size_t asked_count_ = 0;
+    // by narrow parts
     size_t room_used_ = 0;
     uint32_t next_check_ = 0;
 };
