@@ -2,6 +2,8 @@
 
 #include "capture/x11_view.h"
 
+#include <common/screen_part.h>
+
 namespace zu3host {
 
 /** The whole screen, or a region or a monitor of it; follows when the screen changes. */

@@ -9,6 +9,7 @@
 #include "capture/x11_view.h"
 
 #include <chrono>
+#include <common/screen_part.h>
 #include <cstdint>
 #include <memory>
 

@@ -1,4 +1,4 @@
-#include "capture/x11_view.h"
+#include "capture/x11_view_choice.h"
 
 #include "base/host_log.h"
 #include "capture/x11_screen_view.h"
