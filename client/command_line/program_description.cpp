@@ -22,7 +22,10 @@ namespace {
 CLI::Option* define_value(CLI::App& command, const char* names, const char* type, const char* text,
                           std::function<std::string(const std::string&)> parse)
 {
-    const std::string long_name = std::string(names).substr(std::string(names).find("--"));
+    // a positional has no dashes
+    const size_t dashes = std::string(names).find("--");
+    const std::string long_name =
+        dashes == std::string::npos ? names : std::string(names).substr(dashes);
     return command
         .add_option_function<std::string>(
             names,
