@@ -120,10 +120,9 @@ struct RecordOptions : ScreenOptions {
 };
 
 /** `output` is a folder, `overwrite` is unused. */
-struct ReplayOptions : CommonOptions {
+struct ReplayOptions : ScreenOptions {
     /** kept in memory */
     Seconds last{60};
-    std::optional<Size> size;
     uint32_t fps = 30;
     bool audio = true;
     /** bit/s */

@@ -340,7 +340,9 @@ void define_replay(CLI::App& command, ReplayOptions& options)
     command.add_flag("-v,--verbose", options.verbose,
                      "print the chosen settings and, after a failure, the library's log");
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: the display's size");
+                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
+    define_parts(command, options);
+    define_pointer(command, options);
     define_fps(command, options.fps);
     define_time(command, options);
     define_quality(

@@ -254,7 +254,7 @@ private:
     std::optional<std::string> problem_;
     std::optional<std::string> shortfall_;
     std::optional<std::string> notice_;
-    ControlSocket socket_;
+    ControlSocket socket_{options_.verbose};
     bool stop_asked_ = false;
     bool output_lost_ = false;
 };

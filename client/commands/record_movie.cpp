@@ -439,7 +439,7 @@ private:
     std::optional<TimedSound> sound_;
     std::optional<EncodedStream> stream_;
     ControlInput control_{options_.control};
-    ControlSocket socket_;
+    ControlSocket socket_{options_.verbose};
     TerminalKeys keys_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;

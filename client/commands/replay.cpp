@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -303,7 +304,7 @@ private:
     ReplayBuffer kept_;
     ControlInput control_;
     TerminalKeys keys_;
-    ControlSocket socket_;
+    ControlSocket socket_{options_.verbose};
     std::optional<TimedSound> sound_;
     std::optional<EncodedStream> stream_;
     std::optional<ReplaySave> save_;

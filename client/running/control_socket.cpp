@@ -29,15 +29,17 @@ bool poll_for(int events, int fd)
 
 } // namespace
 
-ControlSocket::ControlSocket()
+ControlSocket::ControlSocket(bool verbose)
 {
     try {
         folder_.emplace();
         folder_->processes(); // for the sockets that dead ones left
         listen();
     } catch (const Failure& failure) {
-        problem_ = failure.what();
         events_ = common::Descriptor();
+        if (verbose)
+            print_message(std::string("'screenrecord control' cannot find this recorder: ") +
+                          failure.what());
     }
 }
 
@@ -113,7 +115,7 @@ bool ControlSocket::hear(Peer& peer, const Handle& handle)
     const auto text = handle(line, peer.ticket);
     if (text)
         send(peer.socket.get(), text->data(), text->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    else // what else it sends is not read, so it would wake the poll for ever
+    else // more bytes are not read, and would wake the poll for ever
         epoll_ctl(events_.get(), EPOLL_CTL_DEL, peer.socket.get(), nullptr);
     peer.asked = !text;
     return text.has_value();

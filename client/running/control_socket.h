@@ -26,16 +26,14 @@ public:
     using Handle =
         std::function<std::optional<std::string>(const std::string& line, Ticket ticket)>;
 
-    /** Without a folder for it, no one can connect, and problem() says why. */
-    ControlSocket();
+    /** @param verbose prints why it does not listen, if it has no folder for that */
+    explicit ControlSocket(bool verbose);
     ControlSocket(const ControlSocket&) = delete;
     ControlSocket& operator=(const ControlSocket&) = delete;
     ~ControlSocket();
 
-    /** To poll for POLLIN; -1 = no connection is possible. */
+    /** To poll for POLLIN; -1 = it does not listen. */
     int fd() const { return events_.get(); }
-    /** The end of a sentence; empty if it listens. */
-    const std::string& problem() const { return problem_; }
     /** Accepts what waits and has `handle` answer, a few of each, without waiting. */
     void serve(const Handle& handle);
     /** Answers a line for which `handle` returned nullopt. */
@@ -55,7 +53,6 @@ private:
     bool hear(Peer& peer, const Handle& handle);
 
     std::optional<ControlFolder> folder_;
-    std::string problem_;
     common::Descriptor events_;
     common::Descriptor listener_;
     std::deque<Peer> peers_;
