@@ -99,8 +99,9 @@ class Control(ShortEndToEndTest):
         os.chmod(self.sockets, 0o755)
         try:
             self.assertIn("mode 0700", self.control("status", code=1))
-            beside = self.client("record", "-s", "320x240", "-t", "0.5", "-o", "beside.mp4")
+            beside = self.client("record", "-s", "320x240", "-t", "0.5", "-v", "-o", "beside.mp4")
             self.assert_exit(beside, 0)
+            self.assertIn("cannot find this recorder", beside.errors())
         finally:
             os.chmod(self.sockets, 0o700)
         self.assertIn("is not stop, pause, resume, save or status", self.control("dance", code=2))

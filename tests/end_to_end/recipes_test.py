@@ -59,9 +59,13 @@ class Recipes(EndToEndTest):
         self.assertEqual(set(SECTIONS), tested)
 
     def test_window(self):
+        self.start("xclock", "-geometry", "300x200+50+60")
+        self.run_program("xdotool", "search", "--sync", "--name", "xclock", "windowfocus", "--sync")
         [line] = lines_of("A window, with your voice")
         self.run_line(line, ("-t 10s", "-t 1"))
-        self.assertEqual(set(judges.streams(self.path("talk.mp4"))), {"video", "audio"})
+        form = judges.streams(self.path("talk.mp4"))
+        self.assertEqual((form["video"]["width"], form["video"]["height"]), (300, 200))
+        self.assertIn("audio", form)
 
     def test_region_as_gif(self):
         record, convert = lines_of("A region as GIF")

@@ -76,9 +76,18 @@ class Replay(ShortEndToEndTest):
     def test_key_at_a_terminal(self):
         ours, theirs = pty.openpty()
         self.addCleanup(os.close, ours)
-        replay = self.replay("key", stdin=theirs, start_new_session=True,
+        self.path("key").mkdir()
+        replay = self.client("replay", "-s", "320x240", "-o", "key", stdin=theirs, stderr=theirs,
+                             environment={"TERM": "xterm"}, start_new_session=True,
                              prepare=lambda: fcntl.ioctl(theirs, termios.TIOCSCTTY, 0))
+        self.addCleanup(replay.kill)
         os.close(theirs)
+
+        def keeps_pictures():
+            asked = self.client("control", "status")
+            return asked.wait() == 0 and json.loads(asked.output())["kept_seconds"] > 0
+
+        wait_until(keeps_pictures, "the first pictures")
         os.write(ours, b"xs")
         self.wait_for_files("key", 1)
         self.assert_stops(replay)
