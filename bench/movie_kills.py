@@ -77,8 +77,8 @@ class Kills:
               f"{len(self.silent)} files do not play, {self.no_file} without a file, "
               f"{self.in_front} with the index in front, {self.left} other files left")
         if pictures:
-            print(f"    lacking at the end: pictures {statistics.median(pictures):.2f} s (median), {max(pictures):.2f} s (most); "
-                  f"sound {statistics.median(sounds):.2f} s, {max(sounds):.2f} s")
+            print(f"    lacking at the end: pictures {statistics.median(pictures):.2f} s (median), "
+                  f"{max(pictures):.2f} s (most); sound {statistics.median(sounds):.2f} s, {max(sounds):.2f} s")
         for age in self.silent:
             print(f"    does not play: killed {age:.2f} s after the file was made")
         for said in sorted(set(self.faulty)):
