@@ -262,17 +262,23 @@ void define_status(CLI::App& command, bool& json, std::string& status_file)
         ->type_name("FILE");
 }
 
+/** The options of pictures that follow one another. */
+template <typename Options> void define_pictures(CLI::App& command, Options& options)
+{
+    define_size(command, options.size,
+                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
+    define_parts(command, options);
+    define_pointer(command, options);
+    define_fps(command, options.fps);
+}
+
 void define_record(CLI::App& command, RecordOptions& options)
 {
     define_output(
         command, options, "FILE.mp4|FILE.mkv|FILE.ts|-",
         "file to record into, its ending chooses the format, or - for standard output; default: an MP4 file named by date and time in the videos folder (XDG_VIDEOS_DIR) or the current folder")
         ->required(false);
-    define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
-    define_parts(command, options);
-    define_pointer(command, options);
-    define_fps(command, options.fps);
+    define_pictures(command, options);
     define_time(command, options);
     define_quality(
         command, options.quality,
@@ -339,11 +345,7 @@ void define_replay(CLI::App& command, ReplayOptions& options)
     define_last(command, options);
     command.add_flag("-v,--verbose", options.verbose,
                      "print the chosen settings and, after a failure, the library's log");
-    define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
-    define_parts(command, options);
-    define_pointer(command, options);
-    define_fps(command, options.fps);
+    define_pictures(command, options);
     define_time(command, options);
     define_quality(
         command, options.quality,
@@ -365,11 +367,7 @@ void define_replay(CLI::App& command, ReplayOptions& options)
 void define_stream(CLI::App& command, StreamOptions& options)
 {
     define_output(command, options, "FILE.h264|-", "file, or - for standard output");
-    define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
-    define_parts(command, options);
-    define_pointer(command, options);
-    define_fps(command, options.fps);
+    define_pictures(command, options);
     define_encoder(command, options);
     command.add_flag(
         "--osd", options.osd,
