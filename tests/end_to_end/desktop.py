@@ -66,10 +66,10 @@ class Desktop:
         self.start("wireplumber")
 
     def start_compositor(self):
-        """Starts mutter, with one monitor of 1280x720."""
+        """Starts mutter, with one monitor of 640x360: it draws without a GPU, which a larger one makes slow."""
         socket = self.runtime / self.test.environment["WAYLAND_DISPLAY"]
         socket.unlink(missing_ok=True)  # of one that was killed
-        self.compositor = self.start("mutter", "--headless", "--virtual-monitor", "1280x720", "--wayland", "--no-x11",
+        self.compositor = self.start("mutter", "--headless", "--virtual-monitor", "640x360", "--wayland", "--no-x11",
                                      "--wayland-display", socket.name)
         wait_until(lambda: "Using Wayland display name" in self.compositor.errors() or
                    self.compositor.process.poll() is not None, "mutter")

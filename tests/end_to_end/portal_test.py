@@ -77,7 +77,7 @@ class Portal(PortalTest, EndToEndTest):
         # Catches a pointer that is missing from a recording, off its place, leaves a trail, or is in a still that is to
         # have none.
         self.screen.close()  # a window may hide the pointer
-        places = ((300, 140), (900, 500))
+        places = ((300, 140), (600, 320))
         # This mutter tells how its pointer looks at the start of a session alone, and only if it has moved before.
         first = self.start_recording("first.ts")
         self.desktop.move_pointer(*places[0])
@@ -86,9 +86,9 @@ class Portal(PortalTest, EndToEndTest):
 
         def pointers(file, index=0):
             picture = judges.decode(self.path(file), index)
-            return [(x, y) for x, y in places if all(self.near(judges.pixel(picture, 1280, x + by, y + by), GREEN)
+            return [(x, y) for x, y in places if all(self.near(judges.pixel(picture, 640, x + by, y + by), GREEN)
                                                      for by in (-2, 9)) and not any(
-                self.near(judges.pixel(picture, 1280, x + by, y + by), GREEN) for by in (-7, 14))]
+                self.near(judges.pixel(picture, 640, x + by, y + by), GREEN) for by in (-7, 14))]
 
         for place in places:
             self.desktop.move_pointer(*place)
