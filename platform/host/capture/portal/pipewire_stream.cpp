@@ -12,9 +12,10 @@ namespace {
 
 // So many parts may have changed; more count as all.
 constexpr size_t most_parts = 32;
-// One is kept here, one is on its way, one is being filled; each is as large as the screen.
-constexpr int usual_buffers = 3;
-constexpr int most_buffers = 4;
+// A compositor without a free buffer drops its picture, perhaps the last one before a still screen:
+// there are enough for the time in which this process is not scheduled.
+constexpr int usual_buffers = 8;
+constexpr int most_buffers = 16;
 
 constexpr char not_joined[] =
     "the compositor offers none of the pixel formats BGRx, BGRA, RGBx and RGBA in shared memory, or PipeWire has no session manager (wireplumber)";
