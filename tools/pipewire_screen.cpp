@@ -1,7 +1,8 @@
 /**
- * Offers pictures to PipeWire as a compositor does, also such as no compositor offers.
+ * Offers pictures to PipeWire as a compositor does, true ones and impossible ones.
  *
- * pipewire_screen [--format NAME] [--size WxH] [--resize WxH] [--crop] [--turned] [--unsealed] [--lie KIND]
+ * pipewire_screen [--format NAME] [--size WxH] [--resize WxH] [--crop] [--turned] [--unsealed]
+ *                 [--lie KIND]
  *
  * --format NAME   BGRx (default), BGRA, RGBx, RGBA or GRAY8
  * --size WxH      default 320x256
@@ -9,11 +10,11 @@
  * --crop          the right half is shown alone
  * --turned        the picture lies turned counterclockwise by 90 degrees
  * --unsealed      in memory that it may shrink
- * --lie KIND      after ten true pictures; its memory, or what is told of it, is wrong: shrink, stride, size, offset,
- *                 cursor, damage
+ * --lie KIND      after ten true pictures, its memory or their description is wrong: shrink,
+ *                 stride, size, offset, cursor, damage
  *
- * The picture has four quarters: red and green above, blue and white below. Prints "node N" once PipeWire has it. Ends
- * when PipeWire does.
+ * The picture has four quarters: red and green above, blue and white below. Prints "node N" once
+ * PipeWire lists it. Ends when PipeWire does.
  */
 #include <array>
 #include <climits>
@@ -145,7 +146,7 @@ private:
         const bool red_first =
             options_.format == SPA_VIDEO_FORMAT_RGBx || options_.format == SPA_VIDEO_FORMAT_RGBA;
         constexpr uint8_t colours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
-        // what stands at the right above lies at the left above, once it is turned
+        // turned counterclockwise, the upper right quarter comes to the upper left
         constexpr int turned[4] = {1, 3, 0, 2};
         for (uint32_t y = 0; y < size_.height; ++y)
             for (uint32_t x = 0; x < size_.width; ++x) {

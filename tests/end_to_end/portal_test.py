@@ -112,7 +112,7 @@ class Portal(PortalTest, EndToEndTest):
         self.assertEqual(judges.faults(self.path("stopped.ts")), "")
 
     def test_compositor_dies(self):
-        # Catches one that dies taken for a screen on which nothing moves.
+        # Catches a dead compositor that looks like a still screen.
         recording = self.start_recording("died.ts")
         self.desktop.compositor.kill()
         try:
@@ -124,7 +124,7 @@ class Portal(PortalTest, EndToEndTest):
             self.show_screen()
 
     def test_user_refuses(self):
-        # Catches a refusal that is taken for a fault, a file without a picture, and a dialog that keeps a stop waiting.
+        # Catches a refusal with a wrong sentence, a file without a picture, and a dialog that keeps a stop waiting.
         for answer, sentence in ("refuse", "closed without a choice"), ("fail", "could not open its dialog"):
             self.desktop.answer(answer)
             for command in "record -o a.mp4", "record -o a.ts", "stream -o a.h264", "shot -o a.png":
@@ -204,8 +204,8 @@ class PortalStreams(PortalTest, EndToEndTest):
             self.assertLessEqual(max(abs(a - b) for a, b in zip(shown, colour)), tolerance, (file, x, y, shown))
 
     def test_pictures(self):
-        # Catches colours that are swapped, pictures on their side, hidden parts that are shown, and a format that is
-        # taken for another.
+        # Catches colours that are swapped, pictures on their side, hidden parts that are shown, and an unknown
+        # format that is recorded.
         for options, size, colours in ((), (320, 256), self.QUARTERS), (
                 ("--format", "RGBx", "--unsealed"), (320, 256), self.QUARTERS), (
                 ("--format", "RGBA", "--size", "318x254"), (318, 254), self.QUARTERS), (

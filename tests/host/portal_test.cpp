@@ -292,7 +292,7 @@ common::Descriptor shared_bytes(const std::vector<uint8_t>& bytes, bool sealed)
 
 TEST(PortalMemory, IsNotReadBeyondItsEnd)
 {
-    // Catches a read beyond what is shared, and a compositor that shrinks it to kill its reader.
+    // Catches a read beyond the shared memory, and a compositor that shrinks it to kill its reader.
     std::vector<uint8_t> bytes(10000);
     bytes[5003] = 77;
     for (const bool sealed : {false, true}) {
@@ -413,7 +413,7 @@ TEST(PortalCanvas, TakesWhatChangedAlone)
 
 TEST(PortalCanvas, PointerLeavesNoTrace)
 {
-    // Catches a pointer's trail, one that hides what is drawn below it later, and one that is drawn beyond the edge.
+    // Catches a pointer's trail, one that hides later drawing below it, and one that is drawn beyond the edge.
     const StreamFormat format{PixelOrder::blue_first, {4, 3}};
     const FrameLayout whole{0, 16, {0, 0, {4, 3}}, {}};
     const auto fd = shared_bytes(picture("abcd|efgh|ijkl|"), true);
@@ -472,7 +472,7 @@ protected:
 
 TEST_F(Token, IsKeptForItsOwner)
 {
-    // Catches a token that others can read, one that is lost, and what is left behind of an old one.
+    // Catches a token that others can read, one that is lost, and files that are left behind.
     const auto file = folder_ / "state/screenrecord/portal-token";
     const RestoreToken token(file);
     EXPECT_EQ(token.read(), "");

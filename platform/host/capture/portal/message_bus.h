@@ -56,15 +56,15 @@ public:
     BusAnswer call(const std::string& service, const std::string& path,
                    const std::string& interface, const char* method, const Fill& fill,
                    Milliseconds patience);
-    /** Sends a call and reports its answer, or null after `patience`, to `answered`. */
+    /** Sends a call; passes its answer, an error after `patience`, to `answered`. */
     bool call_later(const std::string& service, const std::string& path,
                     const std::string& interface, const char* method, const Fill& fill,
                     Milliseconds patience, Signal answered);
     /** Has the bus send the signals of that rule here. */
     bool listen(const char* rule, Signal received);
-    /** Handles what arrives until `condition` is true; false after `patience` or without a bus. */
+    /** Handles messages until `condition` is true; false after `patience` or without a bus. */
     bool run_until(const std::function<bool()>& condition, Milliseconds patience);
-    /** Handles what has arrived. */
+    /** Handles the messages that have arrived. */
     void process();
     /** The connection ended. */
     bool broken() const { return broken_; }

@@ -32,7 +32,7 @@ std::string usual_path()
     return folder + "/screenrecord/portal-token";
 }
 
-/** One line of printable characters: what a portal makes, as opposed to what a file may have. */
+/** A line of printable ASCII, as portals make them; a file may contain anything. */
 bool is_token(const std::string& text)
 {
     return !text.empty() && text.size() <= longest_token &&

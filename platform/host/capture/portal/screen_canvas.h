@@ -11,10 +11,10 @@
 namespace zu3host {
 
 /**
- * The screen's picture as the buffers of a stream and its pointer make it up. Copies and converts
- * only what changed. One thread at a time.
+ * The screen's picture, put together from the buffers of a stream and the pointer. Copies and
+ * converts the changed parts only. One thread at a time.
  *
- * An update is: take() if there is a buffer, then point(), then image().
+ * To update it, call take() if there is a new buffer, then point(), then image().
  */
 class ScreenCanvas {
 public:
@@ -22,7 +22,7 @@ public:
     explicit ScreenCanvas(NextSerial next_serial) : next_serial_(next_serial) {}
 
     /**
-     * Takes the picture of a buffer.
+     * Copies the picture of a buffer.
      * @param damage the parts of the buffer's picture that changed; empty = all of it
      * @return false if the memory cannot be read: nothing changed then
      */
@@ -30,7 +30,7 @@ public:
               std::span<const PictureRectangle> damage);
     /** Draws the pointer in, or removes it if `cursor` is null or not visible. */
     void point(const Cursor* cursor);
-    /** Whether a buffer was taken. */
+    /** Whether there is a picture: take() has succeeded once. */
     bool has_picture() const { return !pixels_.empty(); }
     /** The picture, until the next update; only with has_picture(). */
     BgraImage image();
@@ -41,7 +41,7 @@ private:
         uint64_t key = 0;
         PictureRectangle at{};
         std::vector<uint8_t> under{};
-        // the pixels below it were put back
+        // the canvas has the pixels below it
         bool lifted = true;
     };
 

@@ -11,7 +11,7 @@ namespace zu3host {
 
 namespace {
 
-/** A copy of what another process may write to; the compiler reads it once. */
+/** A copy of memory that another process writes to, so that it is read once. */
 template <typename T> T snapshot(const void* shared)
 {
     T copy;

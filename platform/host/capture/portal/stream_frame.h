@@ -11,9 +11,8 @@
 namespace zu3host {
 
 /**
- * What a buffer of a PipeWire stream says of its picture and its pointer. All of it is written by
- * another process, which may change it at any time: everything is copied before it is checked, and
- * nothing is used unchecked.
+ * Readers of a PipeWire buffer's description: its picture, damage and pointer. Another process
+ * writes it and may change it at any time, so each record is copied, then checked, then used.
  */
 
 /** Order of the four bytes of a pixel; a fourth beside the colours is ignored. */
@@ -90,7 +89,7 @@ struct Cursor {
     uint64_t changes = 0;
 };
 
-/** Takes what a buffer says of the pointer; one that says nothing, or nonsense, changes nothing. */
+/** Updates the pointer from a buffer. Without metadata, or with impossible ones, it stays. */
 void take_cursor(const spa_buffer& buffer, Cursor& cursor);
 
 /** Bytes of the metadata of a pointer whose image has at most that size. */
