@@ -83,8 +83,8 @@ class Refusals(ShortEndToEndTest):
         # Catches a refusal that is silent, is more than a sentence, or leaves out what was wrong or would be right.
         os.link(self.old, self.path("link"))
         cases = [
-            ("", "command is missing", "record, stream"), ("recrod", "'recrod'", "perhaps you mean record"),
-            ("-o a.ts", "'-o'", "record, stream"), ("stream", "--output", "FILE.h264"),
+            ("", "command is missing", "record, replay, stream"), ("recrod", "'recrod'", "perhaps you mean record"),
+            ("-o a.ts", "'-o'", "record, replay, stream"), ("stream", "--output", "FILE.h264"),
             ("record -o", "--output", "FILE.ts"), ("record a.ts", "'a.ts'", "--output"),
             ("record -o a.ts --fsp 3", "'--fsp'", "--fps"), ("record -o a.ts -r 0", "'0'", "1 to 120"),
             ("record -o a.ts -t soon", "'soon'", "such as 10, 90s"), ("record -o a.ts -s 9x9", "'9x9'", "even"),
@@ -110,7 +110,7 @@ class Refusals(ShortEndToEndTest):
             ("stream -o a --level 9", "'9'", "4.1"), ("stream -o a --at 1,1", "--at", "--watermark"),
             ("shot -o a.png --format gif", "'gif'", "bgra"), ("shot -o - -n 2", "2 pictures", "--output"),
             ("devices now", "'now'", "no option of devices"), ("help recrod", "'recrod'", "perhaps you mean record"),
-            ("help me out", "'me'", "record, stream"), ("version 2", "'2'", "no option of version"),
+            ("help me out", "'me'", "record, replay, stream"), ("version 2", "'2'", "no option of version"),
         ]
         for words, wrong, right in cases:
             with self.subTest(words):
@@ -153,7 +153,7 @@ class Refusals(ShortEndToEndTest):
     def test_status_of_a_failure(self):
         # Catches a status that stays at "starting" for ever.
         refused = self.client("record", "-o", "b.ts", "--status-file", "status", "-s", "64x64",
-                              prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (9, 9)))
+                              prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (12, 12)))
         self.assert_exit(refused, 1)
         self.assertIn("library refused", refused.errors())
         self.assertIn('"state":"failed"', self.path("status").read_text("ascii"))
@@ -237,7 +237,8 @@ class Killed(EndToEndTest):
         self.assertEqual(self.left_behind(), left)
         self.assertEqual(sorted(file for file in os.listdir(self.folder) if file.endswith((".ts", ".part", ".lock"))),
                          sorted(name for name in names if self.path(name).exists()))
-        self.assertEqual(os.listdir(self.path("home")), [])
+        # the folder of the sockets for "control": the next recorder removes those of the dead
+        self.assertLessEqual(set(os.listdir(self.path("home"))), {"screenrecord"})
 
     def left_behind(self):
         """System V segments, files of POSIX shared memory, and processes that run in our folder."""

@@ -1,5 +1,6 @@
 // Calls with every allocation failing in turn, and the host layer's threads without memory.
 #include "encoder_fixture.h"
+#include "multiplexer/aac_encoder.h"
 #include "multiplexer_fixture.h"
 #include "picture/picture_in_flight.h"
 #include "srglworker/SrGlWorker.h"
@@ -270,6 +271,8 @@ TEST(OutOfMemory, LeavesWhatIsOpenUsable)
         return stream.attach(E_ZU_TSMUX_STREAM_VIDEO_H264, picture_pid, 0xe0,
                              &stream.pictures_id) == ZU_OK;
     }));
+    // The libraries of its module end the process if they get no memory while they are loaded.
+    EXPECT_TRUE(AacEncoder::open());
     for (size_t leases = 0; leases < 64; ++leases)
         // so many have their place from the beginning
         lease_picture(nullptr);

@@ -140,8 +140,8 @@ const Defect defects[] = {
     {"a stream that is not there", "missing_pid",
      [](Bytes& s) { change_all(s, 0, has_pid(sound_pid), make_null); }},
     {"a stream that no table announces", "unknown_pid",
-     [](Bytes& s) { of_pid(s, sound_pid, false)[2] = 0x33; }},
-    {"a scrambled packet", "scrambled", [](Bytes& s) { of_pid(s, sound_pid, false)[3] |= 0x80; }},
+     [](Bytes& s) { of_pid(s, sound_pid, true)[2] = 0x33; }},
+    {"a scrambled packet", "scrambled", [](Bytes& s) { of_pid(s, sound_pid, true)[3] |= 0x80; }},
     {"a beginning without an IDR picture", "first_unit",
      [](Bytes& s) {
          change_all(
