@@ -339,10 +339,10 @@ TEST(EncoderLending, TellsX264WhichPartsChanged)
             size_of_next(serial + 1, serial, number);
     };
     settle(0);
-    EXPECT_LT(size_of_next(serial + 1, serial, 1), 400u);
+    const size_t told = size_of_next(serial + 1, serial, 1);
     ++serial;
     settle(0);
-    EXPECT_GT(size_of_next(serial + 1, serial - 1, 1), 400u);
+    EXPECT_LT(told * 5, size_of_next(serial + 1, serial - 1, 1) * 4);
 }
 
 } // namespace

@@ -10,7 +10,7 @@ constexpr double most_of_screens = 0.15;
 
 // How many pictures it looks back. On a screen few: what is busy all over is recognized after half
 // as many. In a film more, since it has quiet moments.
-constexpr double pictures_of_screens = 16;
+constexpr double pictures_of_screens = 8;
 constexpr double pictures_of_film = 64;
 
 } // namespace

@@ -59,10 +59,11 @@ bool X264Encoder::reopen(EncoderRate rate)
         return false;
     }
     encoder_ = std::move(encoder);
-    leave_out_unused(encoder_.get(), content_);
+    if (!reconfigure(rate))
+        HOST_LOGW("x264 refused to leave out what its settings do without");
     applied_ = rate;
     rate_factor_ = parameters.rc.f_rf_constant;
-    pictures_between_keys_ = static_cast<uint32_t>(parameters.i_keyint_max);
+    pictures_between_keys_ = next_key_distance_ = key_frame_distance(settings_);
     repetitions_ = RepeatedPictures::into(encoder_.get());
     equal_sizes_ = 0;
     return true;
@@ -72,6 +73,8 @@ bool X264Encoder::reconfigure(EncoderRate rate)
 {
     x264_param_t parameters;
     x264_encoder_parameters(encoder_.get(), &parameters);
+    // Until the next picture x264 forgets what an earlier call asked for, so each asks for all.
+    leave_out_unused(parameters, content_);
     zu3host::set_rate(parameters, rate);
     if (x264_encoder_reconfig(encoder_.get(), &parameters) != 0)
         return false;
@@ -91,19 +94,23 @@ void X264Encoder::follow_rate()
 }
 
 // Most settings cannot change in an open encoder. The old one goes first: two at a time would double
-// the memory.
+// the memory. The key frame that begins the new one comes in place of the next that is due, so the
+// stream has no more of them.
 bool X264Encoder::follow_content()
 {
-    const bool key_due = pictures_since_key_ >= pictures_between_keys_;
     const bool adapts = applied_.as_needed && settings_follow_content();
-    const Content wanted = adapts ? watch_.content(key_due) : content_;
+    const Content wanted = adapts ? watch_.content(key_due()) : content_;
     // Between two IDR pictures there is another one, so that their idr_pic_id may be the same.
     if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
         return true;
+    const uint32_t early = key_distance_ - std::min(pictures_since_key_, key_distance_);
     content_ = wanted;
     repetitions_.reset();
     encoder_.reset();
-    return reopen(applied_);
+    if (!reopen(applied_))
+        return false;
+    next_key_distance_ += early;
+    return true;
 }
 
 std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
@@ -121,7 +128,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
         return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), false};
     }
     // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
-    as_key = as_key || pictures_since_key_ >= pictures_between_keys_;
+    as_key = as_key || key_due();
     const auto unit = encode_by_x264(picture, as_key, changed);
     if (unit)
         note(*unit, unchanged);
@@ -165,6 +172,8 @@ void X264Encoder::note(const AccessUnit& unit, bool unchanged)
     bits_ahead_ += uint64_t{unit.size} * 8;
     bits_ahead_ -= std::min(bits_ahead_, bits_per_picture);
     pictures_since_key_ = unit.key ? 1 : pictures_since_key_ + 1;
+    if (unit.key)
+        key_distance_ = std::exchange(next_key_distance_, pictures_between_keys_);
     keeps_distance_ = keeps_distance_ && !unit.key;
 }
 
@@ -199,7 +208,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};
     // x264 predicts from a picture that is lost here, so a key frame follows.
-    const uint32_t since_key = std::exchange(pictures_since_key_, pictures_between_keys_);
+    const uint32_t since_key = std::exchange(pictures_since_key_, key_distance_);
     const std::span<uint8_t> bytes = repetitions_->pass_on({nals, static_cast<size_t>(count)});
     pictures_since_key_ = since_key;
     return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), key};

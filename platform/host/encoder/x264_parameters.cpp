@@ -122,9 +122,15 @@ void set_timing(x264_param_t& parameters, uint32_t frame_rate)
     parameters.i_fps_den = 1;
     parameters.i_timebase_num = 1;
     parameters.i_timebase_den = frame_rate;
-    const int distance = static_cast<int>(seconds_between_key_frames * frame_rate);
-    parameters.i_keyint_max =
-        number_from_environment("ZU3_X264_KEYINT", 1, 1 << 20).value_or(distance);
+}
+
+// One that is put off by a change of settings comes at twice the distance at most. Where it is due
+// on a scene's first picture is x264's to say, as with the usual distance.
+void set_key_frames(x264_param_t& parameters, int distance, bool is_preset)
+{
+    parameters.i_keyint_max = is_preset ? distance : 2 * distance;
+    if (!is_preset)
+        parameters.i_keyint_min = std::max(distance / 10, 1);
 }
 
 void set_profile_and_level(x264_param_t& parameters, uint32_t profile, uint32_t level)
@@ -179,6 +185,13 @@ void X264Log::note_picture(const char* line)
         counts_ = found;
 }
 
+uint32_t key_frame_distance(const EncoderSettings& settings)
+{
+    const int distance = static_cast<int>(seconds_between_key_frames * settings.frame_rate);
+    return static_cast<uint32_t>(
+        number_from_environment("ZU3_X264_KEYINT", 1, 1 << 20).value_or(distance));
+}
+
 bool settings_follow_content()
 {
     return !preset_from_environment();
@@ -205,6 +218,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
     set_colours(parameters);
     set_stream_form(parameters);
     set_timing(parameters, settings.frame_rate);
+    set_key_frames(parameters, static_cast<int>(key_frame_distance(settings)), preset != nullptr);
     set_rate(parameters, settings.rate);
     set_profile_and_level(parameters, settings.profile, settings.level);
     HOST_LOGI("The encoder uses x264's %s, %d thread%s, a key frame every %d pictures",
@@ -212,19 +226,16 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
               : content == Content::film
                   ? "settings for film (docs/measurements/content.md)"
                   : "settings for screens (docs/measurements/x264_settings.md)",
-              parameters.i_threads, parameters.i_threads == 1 ? "" : "s", parameters.i_keyint_max);
+              parameters.i_threads, parameters.i_threads == 1 ? "" : "s",
+              static_cast<int>(key_frame_distance(settings)));
     return parameters;
 }
 
-void leave_out_unused(x264_t* encoder, Content content)
+void leave_out_unused(x264_param_t& parameters, Content content)
 {
-    if (content != Content::screens || !settings_follow_content())
-        return;
-    x264_param_t parameters;
-    x264_encoder_parameters(encoder, &parameters);
     // Letters are smaller than a transform of 8x8.
-    parameters.analyse.b_transform_8x8 = 0;
-    x264_encoder_reconfig(encoder, &parameters);
+    if (content == Content::screens && settings_follow_content())
+        parameters.analyse.b_transform_8x8 = 0;
 }
 
 void set_rate(x264_param_t& parameters, EncoderRate rate)

@@ -32,6 +32,12 @@ private:
     double quantizer_ = 51;
 };
 
+/**
+ * Pictures from key frame to key frame. x264's own settings have more of them if they are ours: it
+ * makes a key frame that it is asked for.
+ */
+uint32_t key_frame_distance(const EncoderSettings& settings);
+
 /** Whether x264's settings are ours, and so follow the content. */
 bool settings_follow_content();
 
@@ -48,9 +54,9 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
 
 /**
  * What x264 is opened with is in the stream's parameter sets, which are the same for every content.
- * This makes an encoder that is open do without what its content has no use for.
+ * This takes out what the content has no use for, for x264_encoder_reconfig.
  */
-void leave_out_unused(x264_t* encoder, Content content);
+void leave_out_unused(x264_param_t& parameters, Content content);
 
 /**
  * Sets the rate control alone, of parameters that have their frame rate; also for
