@@ -10,13 +10,15 @@ import time
 
 
 class Display:
-    """A private X server with moving content; sets DISPLAY while it is open."""
+    """A private X server with a program that draws on it; sets DISPLAY while it is open."""
 
-    def __init__(self, programs, size, screen_options):
+    def __init__(self, programs, size, screen):
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "virtual_display.sh")
         self.server = subprocess.Popen([script, size], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         os.environ["DISPLAY"] = ":" + self.server.stdout.readline().strip()
-        self.screen = subprocess.Popen([f"{programs}/moving_screen", *screen_options], stdout=subprocess.PIPE)
+        # options of moving_screen, or a command
+        command = screen if screen[0] == "bench_office" else ["moving_screen", *screen]
+        self.screen = subprocess.Popen([f"{programs}/{command[0]}", *command[1:]], stdout=subprocess.PIPE)
         self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
 
     def __enter__(self):

@@ -1,14 +1,15 @@
 /**
- * Compares x264 settings on scenes of a screen: CPU time, and picture quality at equal bits.
+ * Compares x264 settings on scenes of a screen and of films: CPU time, and picture quality at equal
+ * bits.
  *
  * bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
  *
- * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. The reference encodes at
- * constant quality 23; for each candidate it searches for the quality at which a scene needs as
- * many bits (within 0.2 percent), to make the pictures comparable. Prints per scene the CPU time
- * against the reference's and the differences in PSNR (dB, all planes) and SSIM (dB). "mbinfo=1" as
- * a key tells x264 which macroblocks did not change. --picture writes the middle picture of the
- * scene and encodes nothing.
+ * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. "ours" is what the host
+ * layer does: its settings, which follow the content, and its knowledge of what did not change. The
+ * reference encodes at constant quality 23; for each candidate it searches for the quality at which
+ * a scene needs as many bits (within 0.2 percent), to make the pictures comparable. Prints per scene
+ * the CPU time against the reference's and the differences in PSNR (dB, all planes) and SSIM (dB).
+ * --picture writes the middle picture of the scene and encodes nothing.
  */
 #include <algorithm>
 #include <array>
@@ -19,26 +20,35 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
+#include <optional>
 #include <sstream>
+#include <utility>
 
 #include <libyuv/convert_from_argb.h>
 #include <x264.h>
 
+#include "content_scenes.h"
+#include "encoder/content_watch.h"
+#include "encoder/macroblock_history.h"
+#include "encoder/x264_parameters.h"
 #include "screen_scenes.h"
 
 namespace {
 
-constexpr int pictures = 90;
 constexpr int fps = 30;
+constexpr int pictures_of_screens = 90;
+// Long enough for the settings to follow, and for the key frame that this costs.
+constexpr int pictures_of_films = 240;
 constexpr double reference_quality = 23;
 constexpr size_t luma_bytes = size_t{ScreenScene::width} * ScreenScene::height;
-constexpr int mb_columns = ScreenScene::width / 16;
-constexpr int mb_lines = ScreenScene::height / 16;
+constexpr uint32_t mb_columns = ScreenScene::width / 16;
+constexpr uint32_t mb_lines = ScreenScene::height / 16;
 
 struct Picture {
     std::vector<uint8_t> nv12;
-    // per macroblock, as x264 wants to be told
-    std::vector<uint8_t> constant;
+    // macroblocks that differ from those of the picture before
+    std::vector<zu3host::PictureRectangle> changed;
 };
 using Scene = std::vector<Picture>;
 
@@ -50,6 +60,14 @@ struct Result {
     double psnr = 0;
     // dB: -10 log10(1 - SSIM)
     double ssim = 0;
+
+    void add(double size, const x264_picture_t& out, size_t pictures)
+    {
+        bits += 8 * size;
+        // Above about 50 dB differences are invisible.
+        psnr += std::min(out.prop.f_psnr_avg, 60.0) / static_cast<double>(pictures);
+        ssim += out.prop.f_ssim / static_cast<double>(pictures);
+    }
 };
 
 double cpu_now()
@@ -59,41 +77,52 @@ double cpu_now()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-bool same_block(const Picture& one, const Picture& other, int column, int line)
+bool same_block(const Picture& one, const Picture& other, uint32_t column, uint32_t line)
 {
-    const auto same_rows = [&](size_t start, int rows) {
-        for (int row = 0; row < rows; ++row)
-            if (std::memcmp(&one.nv12[start + static_cast<size_t>(row * ScreenScene::width)],
-                            &other.nv12[start + static_cast<size_t>(row * ScreenScene::width)],
-                            16) != 0)
+    const auto same_rows = [&](size_t start, size_t rows) {
+        for (size_t at = start; at < start + rows * ScreenScene::width; at += ScreenScene::width)
+            if (std::memcmp(&one.nv12[at], &other.nv12[at], 16) != 0)
                 return false;
         return true;
     };
-    const auto x = static_cast<size_t>(column * 16);
-    return same_rows(static_cast<size_t>(line * 16 * ScreenScene::width) + x, 16) &&
-           same_rows(luma_bytes + static_cast<size_t>(line * 8 * ScreenScene::width) + x, 8);
+    const size_t x = column * 16;
+    return same_rows(size_t{line} * 16 * ScreenScene::width + x, 16) &&
+           same_rows(luma_bytes + size_t{line} * 8 * ScreenScene::width + x, 8);
 }
 
-Scene draw_scene(const std::string& name)
+void find_changes(Picture& picture, const Picture& before)
 {
-    ScreenScene source(name);
+    for (uint32_t line = 0; line < mb_lines; ++line)
+        for (uint32_t column = 0; column < mb_columns; ++column)
+            if (!same_block(picture, before, column, line))
+                picture.changed.push_back({column * 16, line * 16, {16, 16}});
+}
+
+template <typename Source> Scene draw_pictures(Source source, int count)
+{
     Scene scene;
-    for (int number = 0; number < pictures; ++number) {
-        Picture picture{std::vector<uint8_t>(luma_bytes * 3 / 2),
-                        std::vector<uint8_t>(mb_columns * mb_lines)};
+    for (int number = 0; number < count; ++number) {
+        Picture picture{std::vector<uint8_t>(luma_bytes * 3 / 2), {}};
         const auto* pixels = reinterpret_cast<const uint8_t*>(source.draw(number));
         libyuv::ARGBToNV12(pixels, ScreenScene::width * 4, picture.nv12.data(), ScreenScene::width,
                            picture.nv12.data() + luma_bytes, ScreenScene::width, ScreenScene::width,
                            ScreenScene::height);
         if (number > 0)
-            for (int i = 0; i < mb_columns * mb_lines; ++i)
-                picture.constant[static_cast<size_t>(i)] =
-                    same_block(picture, scene.back(), i % mb_columns, i / mb_columns)
-                        ? X264_MBINFO_CONSTANT
-                        : 0;
+            find_changes(picture, scene.back());
         scene.push_back(std::move(picture));
     }
     return scene;
+}
+
+bool is_screen(const std::string& name)
+{
+    return std::ranges::find(ScreenScene::names, name) != ScreenScene::names.end();
+}
+
+Scene draw_scene(const std::string& name)
+{
+    return is_screen(name) ? draw_pictures(ScreenScene(name), pictures_of_screens)
+                           : draw_pictures(ContentScene(name), pictures_of_films);
 }
 
 x264_param_t parameters_of(const std::string& settings, double quality)
@@ -116,9 +145,7 @@ x264_param_t parameters_of(const std::string& settings, double quality)
     while (std::getline(words, word, ',')) {
         const size_t equals = word.find('=');
         const std::string key = word.substr(0, equals), value = word.substr(equals + 1);
-        if (key == "mbinfo")
-            parameters.analyse.b_mb_info = 1;
-        else if (x264_param_parse(&parameters, key.c_str(), value.c_str()) != 0)
+        if (x264_param_parse(&parameters, key.c_str(), value.c_str()) != 0)
             exit((fprintf(stderr, "bench_settings: x264 does not know %s\n", word.c_str()), 2));
     }
     parameters.rc.i_rc_method = X264_RC_CRF;
@@ -126,39 +153,132 @@ x264_param_t parameters_of(const std::string& settings, double quality)
     return parameters;
 }
 
+x264_picture_t picture_of(Picture& picture, int64_t number)
+{
+    x264_picture_t in;
+    x264_picture_init(&in);
+    in.img = {X264_CSP_NV12,
+              2,
+              {ScreenScene::width, ScreenScene::width},
+              {picture.nv12.data(), picture.nv12.data() + luma_bytes}};
+    in.i_pts = number;
+    return in;
+}
+
+struct Closer {
+    void operator()(x264_t* encoder) const { x264_encoder_close(encoder); }
+};
+using Encoder = std::unique_ptr<x264_t, Closer>;
+
+/** As X264Encoder, but at any quality, without a ceiling and repetitions, and measured. */
+class OurEncoder {
+public:
+    OurEncoder(double quality, bool measured) : quality_(quality), measured_(measured) { open(); }
+
+    int encode(Picture& picture, int64_t number, x264_picture_t& out)
+    {
+        const bool key_due = since_key_ >= key_distance_;
+        if (const auto wanted = watch_.content(key_due); wanted != content_) {
+            content_ = wanted;
+            open();
+            next_distance_ += std::max(key_distance_ - since_key_, 0);
+        }
+        x264_picture_t in = picture_of(picture, number);
+        in.i_type = key_due ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
+        in.prop.mb_info = macroblocks_.constant_in(
+            number == 0 ? std::nullopt : zu3host::ChangedRectangles(picture.changed));
+        x264_nal_t* nals = nullptr;
+        int count = 0;
+        const int size = x264_encoder_encode(encoder_.get(), &nals, &count, &in, &out);
+        const bool key = out.i_type == X264_TYPE_IDR;
+        macroblocks_.encoded(key);
+        if (!key)
+            watch_.note(log_.counts());
+        since_key_ = key ? 1 : since_key_ + 1;
+        if (key)
+            key_distance_ = std::exchange(next_distance_, 2 * fps);
+        return size;
+    }
+
+private:
+    void open()
+    {
+        const zu3host::EncoderSettings settings{.size = {ScreenScene::width, ScreenScene::height},
+                                                .layout = layout_,
+                                                .frame_rate = fps,
+                                                .rate = zu3host::EncoderRate::of(0),
+                                                .profile = 0,
+                                                .level = 0,
+                                                .inject = false};
+        x264_param_t parameters = zu3host::x264_parameters_of(settings, content_, log_);
+        parameters.i_threads = 1;
+        parameters.rc.i_vbv_max_bitrate = parameters.rc.i_vbv_buffer_size = 0;
+        parameters.rc.f_rf_constant += static_cast<float>(quality_ - usual_quality);
+        parameters.analyse.b_psnr = parameters.analyse.b_ssim = measured_;
+        parameters.analyse.b_mb_info = 1;
+        encoder_.reset(x264_encoder_open(&parameters));
+        x264_encoder_parameters(encoder_.get(), &parameters);
+        zu3host::leave_out_unused(parameters, content_);
+        x264_encoder_reconfig(encoder_.get(), &parameters);
+    }
+
+    // of zu3host::Content::screens
+    static constexpr double usual_quality = 22;
+    static constexpr zu3host::PictureLayout layout_ =
+        zu3host::PictureLayout::of(ScreenScene::width, ScreenScene::height);
+    const double quality_;
+    const bool measured_;
+    zu3host::X264Log log_;
+    zu3host::MacroblockHistory macroblocks_{layout_};
+    zu3host::ContentWatch watch_{fps};
+    zu3host::Content content_ = zu3host::Content::screens;
+    Encoder encoder_;
+    int since_key_ = 0, key_distance_ = 2 * fps, next_distance_ = 2 * fps;
+};
+
+/** Of one encoder with one preset. */
+class PlainEncoder {
+public:
+    PlainEncoder(x264_param_t parameters, bool measured)
+    {
+        parameters.analyse.b_psnr = parameters.analyse.b_ssim = measured;
+        encoder_.reset(x264_encoder_open(&parameters));
+    }
+
+    int encode(Picture& picture, int64_t number, x264_picture_t& out)
+    {
+        x264_picture_t in = picture_of(picture, number);
+        x264_nal_t* nals = nullptr;
+        int count = 0;
+        return x264_encoder_encode(encoder_.get(), &nals, &count, &in, &out);
+    }
+
+private:
+    Encoder encoder_;
+};
+
+template <typename AnEncoder> Result encode_by(AnEncoder encoder, Scene& scene)
+{
+    Result result;
+    const double before = cpu_now();
+    for (size_t number = 0; number < scene.size(); ++number) {
+        x264_picture_t out;
+        const int size = encoder.encode(scene[number], static_cast<int64_t>(number), out);
+        result.add(size, out, scene.size());
+    }
+    result.cpu = cpu_now() - before;
+    result.ssim = -10 * std::log10(std::max(1 - result.ssim, 1e-9));
+    return result;
+}
+
 /**
  * Encodes a scene. Measures the picture only if `measured`, because that costs time.
  */
 Result encode(Scene& scene, const std::string& settings, double quality, bool measured)
 {
-    x264_param_t parameters = parameters_of(settings, quality);
-    parameters.analyse.b_psnr = parameters.analyse.b_ssim = measured;
-    const bool told = parameters.analyse.b_mb_info != 0;
-    x264_t* const encoder = x264_encoder_open(&parameters);
-    Result result;
-    const double before = cpu_now();
-    int64_t number = 0;
-    for (Picture& picture : scene) {
-        x264_picture_t in, out;
-        x264_picture_init(&in);
-        in.img = {X264_CSP_NV12,
-                  2,
-                  {ScreenScene::width, ScreenScene::width},
-                  {picture.nv12.data(), picture.nv12.data() + luma_bytes}};
-        in.i_pts = number++;
-        if (told)
-            in.prop.mb_info = picture.constant.data();
-        x264_nal_t* nals = nullptr;
-        int count = 0;
-        result.bits += 8.0 * x264_encoder_encode(encoder, &nals, &count, &in, &out);
-        // Above about 50 dB differences are invisible.
-        result.psnr += std::min(out.prop.f_psnr_avg, 60.0) / pictures;
-        result.ssim += out.prop.f_ssim / pictures;
-    }
-    result.cpu = cpu_now() - before;
-    result.ssim = -10 * std::log10(std::max(1 - result.ssim, 1e-9));
-    x264_encoder_close(encoder);
-    return result;
+    if (settings == "ours")
+        return encode_by(OurEncoder(quality, measured), scene);
+    return encode_by(PlainEncoder(parameters_of(settings, quality), measured), scene);
 }
 
 double quality_for(Scene& scene, const std::string& settings, double bits)
@@ -191,16 +311,17 @@ double cpu_ratio(Scene& scene, const std::string& candidate, double quality,
     return ratios[2];
 }
 
-int write_picture(const std::string& name, const char* path)
+template <typename Source> int write_picture(Source scene, int number, const char* path)
 {
-    ScreenScene scene(name);
     FILE* const file = fopen(path, "wb");
     if (!file) {
         perror(path);
         return 1;
     }
     fprintf(file, "P6 %d %d 255\n", ScreenScene::width, ScreenScene::height);
-    const uint32_t* pixels = scene.draw(pictures / 2);
+    const uint32_t* pixels = nullptr;
+    for (int i = 0; i <= number; ++i)
+        pixels = scene.draw(i);
     for (size_t i = 0; i < luma_bytes; ++i)
         for (int shift = 16; shift >= 0; shift -= 8)
             fputc(static_cast<int>(pixels[i] >> shift & 255), file);
@@ -209,8 +330,8 @@ int write_picture(const std::string& name, const char* path)
 
 bool is_scene(const std::string& name)
 {
-    return std::find(ScreenScene::names.begin(), ScreenScene::names.end(), name) !=
-           ScreenScene::names.end();
+    return is_screen(name) ||
+           std::ranges::find(ContentScene::names, name) != ContentScene::names.end();
 }
 
 int show_usage()
@@ -220,6 +341,8 @@ int show_usage()
         stderr);
     for (const char* name : ScreenScene::names)
         fprintf(stderr, " %s", name);
+    for (const char* name : ContentScene::names)
+        fprintf(stderr, " %s", name);
     fputs("\n", stderr);
     return 2;
 }
@@ -228,7 +351,10 @@ int show_usage()
 
 int main(int argc, char** argv)
 {
+    // x264 warns that it is not tuned for the measure, by way of the host layer's log.
+    setenv("ANDROID_LOG_TAGS", "zu3:S", 0);
     std::vector<std::string> scenes(ScreenScene::names.begin(), ScreenScene::names.end()), settings;
+    scenes.insert(scenes.end(), ContentScene::names.begin(), ContentScene::names.end());
     const char* picture = nullptr;
     for (int i = 1; i < argc; ++i)
         if (!strcmp(argv[i], "--scene") && i + 1 < argc)
@@ -240,11 +366,14 @@ int main(int argc, char** argv)
     if (!is_scene(scenes[0]) || (!picture && settings.empty()))
         return show_usage();
     if (picture)
-        return write_picture(scenes[0], picture);
+        return is_screen(scenes[0])
+                   ? write_picture(ScreenScene(scenes[0]), pictures_of_screens / 2, picture)
+                   : write_picture(ContentScene(scenes[0]), 40, picture);
     // CPU of all scenes, relative to the reference
     std::map<std::string, double> total;
     for (const std::string& name : scenes) {
         Scene scene = draw_scene(name);
+        const auto pictures = static_cast<double>(scene.size());
         const Result reference = encode(scene, settings[0], reference_quality, true);
         printf("%s: %s %.0f kbit/s, %.2f dB, SSIM %.2f dB, %.2f ms a picture\n", name.c_str(),
                settings[0].c_str(), reference.bits * fps / pictures / 1000, reference.psnr,
