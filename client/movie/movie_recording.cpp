@@ -105,7 +105,7 @@ void MovieRecording::take(const PlacedFrame& frame)
     } else {
         ++left_out_;
     }
-    if (!format_.sound || written_ == 0)
+    if (!format_.sound || written_ == 0 || !frames_.settled())
         return;
     if (sink_.pending() && sink_.backlog() > room_for_sound + most_waiting) {
         sound_.forget();

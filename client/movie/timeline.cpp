@@ -52,10 +52,25 @@ void FrameLine::place(std::span<const uint8_t> bytes, bool key, uint64_t time_us
         origin_us_ = time_us;
         origin_ = next_;
         begun_ = true;
+        times_.clear();
     }
     const int64_t index = origin_ + units(microseconds(origin_us_, time_us), fps_);
     next_ = std::max(index, next_) + 1;
+    note_phase(time_us);
     take_({.bytes = bytes, .index = next_ - 1, .key = key});
+}
+
+void FrameLine::note_phase(uint64_t time_us)
+{
+    if (settled())
+        return;
+    const auto places = static_cast<uint64_t>(next_ - 1 - origin_);
+    times_.push_back(time_us - places * 1'000'000 / fps_);
+    if (!settled())
+        return;
+    const auto middle = times_.begin() + settling_frames / 2;
+    std::nth_element(times_.begin(), middle, times_.end());
+    origin_us_ = *middle;
 }
 
 int64_t FrameLine::sample_at(uint64_t time_us) const

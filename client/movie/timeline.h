@@ -38,6 +38,11 @@ public:
      * before.
      */
     void begin_stretch() { begun_ = false; }
+    /**
+     * Whether the stretch has enough frames to know the phase of their times against the grid:
+     * before that, sample_at() may be half a period off, if the first frame was late.
+     */
+    bool settled() const { return times_.size() >= settling_frames; }
 
     /** The index after the last released frame. */
     int64_t next() const { return next_; }
@@ -52,6 +57,9 @@ public:
 private:
     void place(std::span<const uint8_t> bytes, bool key, uint64_t time_us);
     uint64_t period_us() const { return 1'000'000 / fps_; }
+    void note_phase(uint64_t time_us);
+
+    static constexpr size_t settling_frames = 5;
 
     const uint32_t fps_;
     const Take take_;
@@ -59,8 +67,10 @@ private:
     /** time stamp of the waiting key frame */
     std::optional<uint64_t> held_us_;
     bool begun_ = false;
-    /** of the stretch's first frame */
+    /** time of the stretch's first place on the grid: of its first frame, later the median */
     uint64_t origin_us_ = 0;
+    /** times of the first place by each of the stretch's first frames */
+    std::vector<uint64_t> times_;
     int64_t origin_ = 0;
     int64_t next_ = 0;
 };

@@ -43,6 +43,17 @@ TEST(FrameLine, PlacesFramesByTheirTimes)
     EXPECT_EQ(places({frame_at(0, true), frame_at(3 * 3600 * 30)}), (Places{0, 3 * 3600 * 30}));
 }
 
+// Catches sound that is placed by the time of the first frame alone, which a busy machine captures
+// late.
+TEST(FrameLine, PlacesSoundByTheTimesOfSeveralFrames)
+{
+    FrameLine line(30, [](const PlacedFrame&) {});
+    for (const double periods : {0.4, 1.0, 2.0, 3.1, 4.0, 5.0})
+        line.put(frame_at(periods, periods < 1));
+    EXPECT_TRUE(line.settled());
+    EXPECT_NEAR(static_cast<double>(line.sample_at(start + 1'000'000)), 48'000, 1);
+}
+
 // Catches a pause that stays in the times, and sound that does not follow the pictures over it.
 TEST(FrameLine, LeavesPausesOut)
 {
