@@ -13,7 +13,7 @@ import subprocess
 import held_up_test
 import judges
 import sound_test
-from harness import BUILD, EndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
+from harness import BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
 
 KINDS = ("mp4", "mkv")
 
@@ -134,6 +134,8 @@ class InStep(EndToEndTest):
     flashes = sound_test.FlashAndBeep.flashes
     beeps = sound_test.FlashAndBeep.beeps
     SECONDS = 10
+    # Other tests run beside this one; "Written" judges the file itself to a hundredth of a millisecond.
+    MOST_MS = 20
 
     def beep_after_flash(self, kind, path):
         """
@@ -160,9 +162,13 @@ class InStep(EndToEndTest):
             for kind, recording in recordings.items():
                 self.assertIn(recording.wait(self.SECONDS + 20), (0, 3))
                 late[kind] = self.beep_after_flash(kind, recording.out.name if kind == "ts" else self.path(f"a.{kind}"))
-            if max(map(abs, late.values())) < 5:
+            if max(map(abs, late.values())) < self.MOST_MS:
                 return
         self.fail(late)
+
+
+class InStepAlone(LongEndToEndTest, InStep):
+    MOST_MS = 5
 
 
 class Accidents(ShortEndToEndTest, MovieChecks):
