@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "running/attended_display.h"
 #include "running/control_socket.h"
 #include "running/encoded_stream.h"
+#include "running/preferred.h"
 #include "running/sound_capture.h"
 #include "running/sound_choice.h"
 #include "running/stream_control.h"
@@ -54,28 +54,6 @@ bool may_read_keys(const RecordOptions& options, const StatusReport& report, int
                        (fstat(standard_output, &output) != 0 || !S_ISREG(output.st_mode));
     return report.on_terminal() && !options.control && !piped;
 }
-
-/**
- * While it exists, this thread runs at the higher priority of the capture threads, if the system
- * allows it: it has three frame periods to read a frame.
- */
-class Preferred {
-public:
-    Preferred()
-        : preferred_(getpriority(PRIO_PROCESS, 0) == 0 && setpriority(PRIO_PROCESS, 0, -10) == 0)
-    {
-    }
-    Preferred(const Preferred&) = delete;
-    Preferred& operator=(const Preferred&) = delete;
-    ~Preferred()
-    {
-        if (preferred_)
-            setpriority(PRIO_PROCESS, 0, 0);
-    }
-
-private:
-    const bool preferred_;
-};
 
 class MovieRun {
 public:

@@ -16,6 +16,7 @@
 #include "running/attended_display.h"
 #include "running/control_socket.h"
 #include "running/encoded_stream.h"
+#include "running/preferred.h"
 #include "running/sound_capture.h"
 #include "running/sound_choice.h"
 #include "running/stream_control.h"
@@ -121,9 +122,7 @@ public:
             print_message(format_text(
                 "screen, %ux%u at %u fps, H.264, %s, at most %.1f MB", size_.width, size_.height,
                 options_.fps, stream_->aim().c_str(), static_cast<double>(most_bytes_) / 1e6));
-        while (!ended_)
-            if (!take())
-                wait();
+        keep_until_the_end();
         stream_.reset();
         sound_.reset();
         finish_save();
@@ -134,6 +133,14 @@ public:
     }
 
 private:
+    void keep_until_the_end()
+    {
+        const Preferred preferred;
+        while (!ended_)
+            if (!take())
+                wait();
+    }
+
     /** Keeps all waiting sound and one frame; false if no frame was waiting. */
     bool take()
     {
