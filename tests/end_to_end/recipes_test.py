@@ -7,7 +7,7 @@ import socket
 import stat
 
 import judges
-from harness import BUILD, PATIENCE, SOURCE, EndToEndTest, size_of, wait_until
+from harness import BUILD, PATIENCE, SOURCE, LongEndToEndTest, size_of, wait_until
 
 PAGE = (SOURCE / "docs" / "recipes.md").read_text("utf-8")
 SECTIONS = dict(re.findall(r"^## (.*)\n((?:(?!## ).*\n)*)", PAGE, flags=re.M))
@@ -33,7 +33,7 @@ def listens(protocol, port):
     return re.search(rf"^ *\d+: [0-9A-F]+:{port:04X} 00000000:0000 0[A7]", table, flags=re.M) is not None
 
 
-class Recipes(EndToEndTest):
+class Recipes(LongEndToEndTest):
     @classmethod
     def prepare(cls):
         cls.start_sound()
@@ -76,19 +76,24 @@ class Recipes(EndToEndTest):
 
     def test_server(self):
         rtmp, srt, hls = lines_of("To a server")
-        for line, protocol, place, name in (
-                (rtmp, "tcp", "rtmp://HOST/live/NAME", "rtmp.flv"),
-                (srt, "udp", "srt://HOST:PORT?mode=caller", "srt.ts")):
-            with self.subTest(name):
-                port = free_port(socket.SOCK_STREAM if protocol == "tcp" else socket.SOCK_DGRAM)
-                at = {"tcp": f"rtmp://127.0.0.1:{port}/live/NAME", "udp": f"srt://127.0.0.1:{port}?mode="}[protocol]
-                listener = self.start("ffmpeg", "-v", "error", *(["-listen", "1"] if protocol == "tcp" else []), "-i",
-                                      at + ("listener" if protocol == "udp" else ""), "-c", "copy", name)
-                wait_until(lambda at=(protocol, port): listens(*at), "the server")
-                self.run_line(line, ("record -o -", "record -t 2 -o -"),
-                              (place, at + ("caller" if protocol == "udp" else "")))
-                listener.wait()
-                self.assertEqual(set(judges.streams(self.path(name))), {"video", "audio"})
+        port = free_port(socket.SOCK_STREAM)
+        address = f"rtmp://127.0.0.1:{port}/live/NAME"
+        server = self.start("ffmpeg", "-v", "error", "-listen", "1", "-i", address, "-c", "copy", "rtmp.flv")
+        wait_until(lambda: listens("tcp", port), "the server")
+        self.run_line(rtmp, ("record -o -", "record -t 2 -o -"), ("rtmp://HOST/live/NAME", address))
+        server.wait()
+        self.assertEqual(set(judges.streams(self.path("rtmp.flv"))), {"video", "audio"})
+        # A caller that ends at once loses what it has not sent yet.
+        port = free_port(socket.SOCK_DGRAM)
+        address = f"srt://127.0.0.1:{port}?mode="
+        self.start("ffmpeg", "-v", "error", "-analyzeduration", "500000", "-i", address + "listener", "-c", "copy",
+                   "-flush_packets", "1", "srt.ts")
+        wait_until(lambda: listens("udp", port), "the server")
+        sender = self.start(*self.typed(srt, ("srt://HOST:PORT?mode=caller", address + "caller")))
+        wait_until(lambda: size_of(self.path("srt.ts")) > 100_000, "the stream", 2 * PATIENCE)
+        self.run_program("screenrecord", "control", "stop")
+        sender.wait()
+        self.assertEqual(set(judges.streams(self.path("srt.ts"))), {"video", "audio"})
         self.run_line(hls, ("record -o -", "record -t 3 -o -"))
         self.assertEqual(set(judges.streams(self.path("live.m3u8"))), {"video", "audio"})
 

@@ -116,8 +116,8 @@ class Replay(ShortEndToEndTest):
         self.assertEqual(os.listdir(disk), [])
         subprocess.run(["mount", "-o", "remount,size=20m", disk], check=True)
         self.run_program("screenrecord", "control", "save")
-        self.assert_last_seconds(self.wait_for_files("disk", 1)[0], replay)
         self.assert_stops(replay)
+        self.assert_last_seconds(self.wait_for_files("disk", 1)[0], replay)
 
 
 class ReplayForMinutes(LongEndToEndTest, Replay):
