@@ -140,7 +140,7 @@ class Client:
         elif (kind, opcode) == ("zwlr_screencopy_manager_v1", 0):
             self.objects[values[0]] = "frame"
             self.events(values[0], self.mode.get("offer", [buffer_event(), BUFFER_DONE]))
-        elif (kind, opcode) == ("frame", 2):
+        elif kind == "frame" and opcode in (0, 2):
             self.paint(values[0])
             self.events(target, self.mode.get("copied", [damage(0, 0, WIDTH, HEIGHT), READY]))
             self.copies += 1

@@ -78,9 +78,12 @@ WaylandProblem FrameCopy::problem() const
     return {};
 }
 
-void FrameCopy::ask(const CopyBuffer& buffer)
+void FrameCopy::ask(const CopyBuffer& buffer, bool only_if_changed)
 {
-    copy_with_damage(proxy_, buffer.proxy());
+    if (only_if_changed)
+        copy_with_damage(proxy_, buffer.proxy());
+    else
+        copy(proxy_, buffer.proxy());
     state_ = State::asked;
 }
 

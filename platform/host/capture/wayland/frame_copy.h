@@ -40,8 +40,11 @@ public:
     /** Once past `announced`: why it cannot be copied or shown; no failure if it can. */
     WaylandProblem problem() const;
     bool shows_pointer() const { return pointer_; }
-    /** In state `offered`, with a buffer of the layout, which lives as long as this. */
-    void ask(const CopyBuffer& buffer);
+    /**
+     * In state `offered`, with a buffer of the layout, which lives as long as this. The compositor
+     * counts changes from the last copy of any kind, with the pointer or without.
+     */
+    void ask(const CopyBuffer& buffer, bool only_if_changed);
     /** Once complete: whether the first line is the lowest one. */
     bool is_upside_down() const { return upside_down_; }
     /**

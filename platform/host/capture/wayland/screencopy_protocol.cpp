@@ -7,6 +7,7 @@ namespace {
 // Requests, numbered in the protocols' order.
 constexpr uint32_t manager_capture_output = 0;
 constexpr uint32_t manager_destroy = 2;
+constexpr uint32_t frame_copy = 0;
 constexpr uint32_t frame_destroy = 1;
 constexpr uint32_t frame_copy_with_damage = 2;
 constexpr uint32_t logical_destroy = 0;
@@ -86,6 +87,12 @@ ScreencopyFrame* capture_output(ScreencopyManager* manager, bool pointer, wl_out
     return reinterpret_cast<ScreencopyFrame*>(wl_proxy_marshal_flags(
         proxy(manager), manager_capture_output, &screencopy_frame_interface,
         wl_proxy_get_version(proxy(manager)), 0, nullptr, int32_t{pointer}, output));
+}
+
+void copy(ScreencopyFrame* frame, wl_buffer* buffer)
+{
+    wl_proxy_marshal_flags(proxy(frame), frame_copy, nullptr, wl_proxy_get_version(proxy(frame)), 0,
+                           buffer);
 }
 
 void copy_with_damage(ScreencopyFrame* frame, wl_buffer* buffer)

@@ -161,7 +161,7 @@ bool WaylandSource::ask_for_copy(bool pointer)
         return true;
     if (!prepare_frame(pointer))
         return false;
-    frame_->ask(*next_);
+    frame_->ask(*next_, image_.serial != 0);
     return true;
 }
 
