@@ -51,7 +51,9 @@ bool RowStart::settled() const
 
 int64_t RowStart::first_us() const
 {
-    std::vector<int64_t> sorted = reports_;
+    // The later half: the graph may lose cycles while the stream starts.
+    std::vector<int64_t> sorted(reports_.begin() + static_cast<std::ptrdiff_t>(reports_.size() / 2),
+                                reports_.end());
     std::sort(sorted.begin(), sorted.end());
     const size_t outliers = sorted.size() >= enough_to_trim ? sorted.size() / 10 + 1 : 0;
     return (sorted[outliers] + sorted[sorted.size() - 1 - outliers]) / 2;
