@@ -10,8 +10,9 @@ namespace zu3host {
  * Keeps the first pieces of a row until their time is known. A server that counts in cycles of its
  * graph (PipeWire) tells a time that is wrong by up to a cycle, the first one by more: a row placed
  * by it would be off until it was stretched into place. So the row waits for several reports and
- * begins in the middle of the range of the later half, without a tenth at each end: that does not depend on when in
- * a cycle they were asked for. A server whose reports agree lets it go after four. Not thread-safe.
+ * begins in the middle of the range of the later half, without a tenth at each end: that does not
+ * depend on when in a cycle they were asked for. A server whose reports agree lets it go after
+ * four. Not thread-safe.
  */
 class RowStart {
 public:
