@@ -72,5 +72,5 @@ HOST_EXPORT uint32_t zu3_host_statistics(zu3_host_statistics_t* statistics, uint
 
 HOST_EXPORT const char* zu3_host_platform(void)
 {
-    return "Linux host layer: X11 screen or test card, H.264 by x264, sound by PulseAudio, AAC by libavcodec";
+    return "Linux host layer: screens of X11 and Wayland, H.264 by x264, sound by PulseAudio, AAC by libavcodec";
 }
