@@ -43,7 +43,7 @@ class Recording(EndToEndTest):
         self.assertTrue(570 <= numbers[-1] - numbers[0] <= 620, numbers)
 
 
-class Session(ShortEndToEndTest):
+class Session(EndToEndTest):
     @classmethod
     def prepare(cls):
         cls.start_session()
