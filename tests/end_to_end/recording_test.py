@@ -143,7 +143,7 @@ class Refusals(ShortEndToEndTest):
 
     def test_verbose_explains_failures_alone(self):
         # Catches errors in a run without any, and a failure whose reason is lost among what its clean-up says.
-        for code, limit, said in ((0, 64, ""), (1, 7, r"E/screenrecord\(.*\): \[SCREENRECORD_Open\].*Fopen.*\n")):
+        for code, limit, said in ((0, 64, ""), (1, 11, r"E/screenrecord\(.*\): \[SCREENRECORD_Open\].*Fopen.*\n")):
             recorder = self.client("record", "-y", "-v", "-s", "64x64", "-t", "0.2", "-o", "v.ts",
                                    prepare=lambda limit=limit: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
             self.assert_exit(recorder, code)
