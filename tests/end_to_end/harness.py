@@ -238,5 +238,9 @@ class ShortEndToEndTest(EndToEndTest):
     """Short enough, and without a claim about timing, to be run with sanitizers too."""
 
 
+class UnmeasuredEndToEndTest(EndToEndTest):
+    """Without a claim about timing, so it runs beside others; too slow with sanitizers."""
+
+
 class LongEndToEndTest(EndToEndTest):
     """Takes minutes; run by the long form alone."""

@@ -13,7 +13,8 @@ import subprocess
 import held_up_test
 import judges
 import sound_test
-from harness import BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, pass_time, size_of, wait_until
+from harness import (BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of,
+                     wait_until)
 
 KINDS = ("mp4", "mkv")
 
@@ -49,7 +50,7 @@ class MovieChecks:
             self.assertEqual((code, said), (0, []))
 
 
-class Movies(EndToEndTest):
+class Movies(UnmeasuredEndToEndTest):
     """One recording of each kind, made at once."""
 
     @classmethod
@@ -128,14 +129,12 @@ class Written(ShortEndToEndTest):
                 self.assertLess(abs(times(name)[0]), 1.5 if name.suffix == ".ts" else 0.001)
 
 
-class InStep(EndToEndTest):
+class InStep(LongEndToEndTest):
     """Picture and sound of the same moment are at the same time in the file."""
 
     flashes = sound_test.FlashAndBeep.flashes
     beeps = sound_test.FlashAndBeep.beeps
     SECONDS = 10
-    # Other tests run beside this one; "Written" judges the file itself to a hundredth of a millisecond.
-    MOST_MS = 20
 
     def beep_after_flash(self, kind, path):
         """
@@ -162,13 +161,9 @@ class InStep(EndToEndTest):
             for kind, recording in recordings.items():
                 self.assertIn(recording.wait(self.SECONDS + 20), (0, 3))
                 late[kind] = self.beep_after_flash(kind, recording.out.name if kind == "ts" else self.path(f"a.{kind}"))
-            if max(map(abs, late.values())) < self.MOST_MS:
+            if max(map(abs, late.values())) < 5:
                 return
         self.fail(late)
-
-
-class InStepAlone(LongEndToEndTest, InStep):
-    MOST_MS = 5
 
 
 class Accidents(ShortEndToEndTest, MovieChecks):
@@ -314,7 +309,7 @@ class SlowOutputs(EndToEndTest):
             self.assert_as_long(self.path(name))
 
 
-class Finishing(EndToEndTest):
+class Finishing(UnmeasuredEndToEndTest):
     """The index of an MP4 file moves to the front."""
 
     def rewrites(self, client):

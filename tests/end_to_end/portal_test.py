@@ -4,7 +4,7 @@ import signal
 
 import judges
 from desktop import AS_USER, Desktop
-from harness import SOON, EndToEndTest, size_of, wait_until
+from harness import SOON, EndToEndTest, UnmeasuredEndToEndTest, size_of, wait_until
 from judges import BLACK, RED, WHITE
 from stream_test import LiveStream
 
@@ -137,7 +137,7 @@ class Portal(PortalTest, EndToEndTest):
         self.assert_refused(waiting, "stopped before there was one", SOON)
 
 
-class PortalIsMissing(PortalTest, EndToEndTest):
+class PortalIsMissing(PortalTest, UnmeasuredEndToEndTest):
     @classmethod
     def prepare(cls):
         cls.desktop = Desktop(cls)
@@ -176,7 +176,7 @@ class PortalIsMissing(PortalTest, EndToEndTest):
         self.assertEqual(self.doctor(), [])
 
 
-class PortalStreams(PortalTest, EndToEndTest):
+class PortalStreams(PortalTest, UnmeasuredEndToEndTest):
     """Pictures of every kind, and buffers that lie: by a program in the place of a compositor."""
 
     QUARTERS = (RED, GREEN, BLUE, WHITE)  # at the left and right above, and below

@@ -118,7 +118,7 @@ class FlashAndBeep(EndToEndTest):
         self.assertEqual(judges.faults(path) + judges.check_packets(path), "")
 
 
-class FlashAndBeepOfPipeWire(FlashAndBeep, EndToEndTest):
+class FlashAndBeepOfPipeWire(LongEndToEndTest, FlashAndBeep):
     SERVER = "start_pipewire"
 
 
@@ -253,7 +253,7 @@ class ChosenSound(ShortEndToEndTest):
         self.assert_stops(raw)
 
 
-class ChosenSoundOfPipeWire(ChosenSound, EndToEndTest):
+class ChosenSoundOfPipeWire(LongEndToEndTest, ChosenSound):
     SERVER = "start_pipewire"
 
 
