@@ -79,7 +79,7 @@ class Regions(ShortEndToEndTest, PartTest):
             self.run_program("screenrecord", "shot", "-y", "-o", "e.png", *options, environment=environment)
             self.assert_shows("e.png", (320, 480), places)
         for value, code in ("64x64+0+0", 0), ("64x64", 1), ("64x64+640+0", 1):
-            stills = self.start("still_captures", 10, environment={"ZU3_REGION": value})
+            stills = self.start("still_captures", 4, environment={"ZU3_REGION": value})
             self.assert_exit(stills, code)
             self.assertEqual(bool(re.search("64x64.*(is not a region|lies outside)", stills.errors())), code != 0)
 
