@@ -38,7 +38,8 @@ void PictureWriter::note_changes(PicturePool::Contents& contents, PictureSize im
     history_.add_since(written_, changed);
     contents.since = written_;
     contents.changed = PartList({layout.stride, layout.lines});
-    for (const PictureRectangle& part : scaled_parts(changed, placement.image).parts())
+    const PartList scaled = scaled_parts(changed, placement.image);
+    for (const PictureRectangle& part : scaled.parts())
         contents.changed.add({placement.x + part.x, placement.y + part.y, part.size});
     written_ = contents.serial;
 }
