@@ -303,9 +303,7 @@ class SlowOutputs(EndToEndTest):
         self.assert_exit(copy, 0)
         for name in ("slow.mkv", "slow.ts"):
             found = times(self.path(name))
-            gap = max(range(1, len(found)), key=lambda i, all=found: all[i] - all[i - 1])
-            self.assertGreater(found[gap] - found[gap - 1], 0.1)
-            self.assertGreater(found[-1], found[gap])
+            self.assertLess(len(found), 30 * (found[-1] - found[0]))
             self.assert_as_long(self.path(name))
 
 
