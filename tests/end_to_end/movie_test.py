@@ -348,7 +348,7 @@ class Finishing(UnmeasuredEndToEndTest):
         self.assertEqual(list(self.path(".").glob(".screenrecord*")), [])
 
 
-class Ways(ShortEndToEndTest, MovieChecks):
+class Ways(UnmeasuredEndToEndTest, MovieChecks):
     @classmethod
     def prepare(cls):
         cls.environment |= {"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"}

@@ -5,7 +5,7 @@ import pathlib
 import signal
 
 import judges
-from harness import SOON, SOURCE, EndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of, wait_until
+from harness import SOON, SOURCE, EndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of, wait_until
 from judges import BLACK, RED, WHITE
 from stream_test import LiveStream
 
@@ -175,7 +175,7 @@ class Session(UnmeasuredEndToEndTest):
         self.assertNotRegex(maps, "wayland|zu3_portal|pipewire")
 
 
-class SessionFails(ShortEndToEndTest):
+class SessionFails(UnmeasuredEndToEndTest):
     def record(self, **options):
         self.session = self.start_session(**options)
         show(self, "--fps", "30")
