@@ -120,7 +120,8 @@ class EndToEndTest(unittest.TestCase):
             "ZU3_AUDIO": "silence",
             "PULSE_SERVER": f"unix:{cls.path('no-such-server')}",
             "ASAN_OPTIONS": f"exitcode={SANITIZER_EXIT}",
-            "TSAN_OPTIONS": f"exitcode={SANITIZER_EXIT}:halt_on_error=1:"
+            # by default each process waits for a second at its end
+            "TSAN_OPTIONS": f"exitcode={SANITIZER_EXIT}:halt_on_error=1:atexit_sleep_ms=50:"
                             f"suppressions={SOURCE / 'tests' / 'end_to_end' / 'thread_sanitizer.txt'}",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
         } | cls.VARIABLES
