@@ -43,12 +43,18 @@ build() {
 
 run_tests() {
     launcher=
+    at_once=$jobs
     case $1 in
-    tsan) launcher=$fixed_addresses ;;
+    # These measure no time, and a recorder mostly waits for the next picture.
+    tsan)
+        launcher=$fixed_addresses
+        at_once=$((jobs + 1))
+        ;;
+    asan) at_once=$((jobs + 1)) ;;
     libcxx | armhf*) launcher=$idle ;;
     esac
     # shellcheck disable=SC2086
-    $launcher ctest --test-dir "build/$1" $configuration -j "$jobs" --output-on-failure --no-tests=error --timeout 300
+    $launcher ctest --test-dir "build/$1" $configuration -j "$at_once" --output-on-failure --no-tests=error --timeout 300
 }
 
 # The presets whose tests were started, in that order, and the processes that run them.
