@@ -19,17 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The last pass of the writer moves at most 64 KiB; at its end anything beyond that is lost.
-constexpr uint64_t last_pass_bytes = uint64_t{60} * 1024;
-
-uint64_t bytes_behind(const StatisticsDelta& statistics)
-{
-    const auto now = statistics.read();
-    return now && now->bytes_multiplexed > now->bytes_copied_out
-               ? now->bytes_multiplexed - now->bytes_copied_out
-               : 0;
-}
-
 /**
  * While it exists, it gives up a disk that has not answered for a second, also within calls of the
  * library.
@@ -72,12 +61,20 @@ private:
 
 constexpr auto writer_look = 10ms;
 
+/**
+ * Waits for the writer's copy of everything multiplexed so far. A close during a pass makes that
+ * pass the last one: it would lose the output since its copy, and anything beyond 64 KiB.
+ */
 void wait_for_writer(const StatisticsDelta& statistics, const DiskPatience& patience,
                      std::chrono::milliseconds limit)
 {
+    const auto stopped = statistics.read();
+    const auto lags = [&] {
+        const auto now = statistics.read();
+        return stopped && now && now->bytes_copied_out < stopped->bytes_multiplexed;
+    };
     // Counts looks instead of time: after SIGSTOP and SIGCONT the writer still has all of it.
-    for (auto looks = limit / writer_look;
-         bytes_behind(statistics) >= last_pass_bytes && looks > 0 && !patience.given_up(); --looks)
+    for (auto looks = limit / writer_look; lags() && looks > 0 && !patience.given_up(); --looks)
         poll(nullptr, 0, static_cast<int>(writer_look.count()));
 }
 
