@@ -18,8 +18,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-// Between its birth and its end the process is a copy of one thread of many: whatever lock another
-// one held is held for ever. So it makes system calls only, and none of a sanitizer's.
+// The process is a copy of one thread of many: a lock that another thread had locked stays locked.
+// So it makes system calls only, and none of a sanitizer's.
 #if defined(__clang__)
 #define NOTHING_BUT_ITSELF __attribute__((disable_sanitizer_instrumentation))
 #else

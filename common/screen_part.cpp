@@ -44,7 +44,7 @@ std::string_view setting(const char* name)
     return value ? value : "";
 }
 
-/** Stores what `parse` makes of a setting; false, with a problem, if it makes nothing. */
+/** Parses a setting into `value`; false, with a problem, if it is invalid. */
 template <typename Value, typename Parse>
 bool read_setting(const char* name, Parse parse, const char* expected, std::optional<Value>& value,
                   std::string& problem)

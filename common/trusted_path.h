@@ -29,7 +29,7 @@ public:
     /** Whether it is a link of the kernel's, to what a process holds open already. */
     bool in_proc() const { return in_proc_; }
 
-    /** As stat(2), but of the link itself if that is not to be trusted; 0, or -1 and errno. */
+    /** Like stat(2), but of the link itself if it is not trusted; 0, or -1 and errno. */
     int status(struct stat& found) const;
     /** As open(2) of what is there, close-on-exec; ELOOP for a link that is not to be trusted. */
     Descriptor open(int flags) const;

@@ -39,7 +39,7 @@ bool knows_monitors(xcb_connection_t* connection)
     return version && (version->major_version > 1 || version->minor_version >= 5);
 }
 
-/** The value of a property of the root window that is one window. */
+/** The window in a property of the root window. */
 std::optional<xcb_window_t> window_property(xcb_connection_t* connection, xcb_window_t root,
                                             const char* name)
 {
@@ -59,7 +59,7 @@ std::optional<xcb_window_t> window_property(xcb_connection_t* connection, xcb_wi
     return window;
 }
 
-/** The window with the focus: a window manager's word, or without one the server's. */
+/** The window with the focus, as the window manager tells, or without one the server. */
 xcb_window_t find_active_window(xcb_connection_t* connection, xcb_window_t root)
 {
     if (const auto active = window_property(connection, root, "_NET_ACTIVE_WINDOW"))
@@ -101,10 +101,11 @@ void locate_window(xcb_connection_t* connection, const xcb_screen_t& screen, xcb
             active ? "no window has the focus" : "the display has no window of that number";
         return;
     }
-    // A window with an alpha channel has its colours in the same place.
+    // A window with an alpha channel has the same layout of colors.
     if (window->depth != screen.root_depth && !(window->depth == 32 && screen.root_depth == 24))
         located.problem = "its depth of " + std::to_string(window->depth) +
-                          " bits a pixel is not the screen's, " + std::to_string(screen.root_depth);
+                          " bits per pixel differs from the screen's, " +
+                          std::to_string(screen.root_depth);
     else if (!window->viewable)
         located.problem = "it is not shown; restore it if it is minimized";
     located.window = window->id;
@@ -123,7 +124,7 @@ std::optional<ScreenRegion> monitor_region(xcb_connection_t* connection, xcb_win
     if (found != monitors.end())
         return found->region;
     if (monitors.empty())
-        problem = "the display does not say which monitors it has";
+        problem = "the display does not list its monitors";
     else
         problem = (primary ? "none is the primary one" : "there is none of that name") +
                   std::string("; the display has ") + all_names(monitors);

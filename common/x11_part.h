@@ -29,7 +29,7 @@ struct X11Window {
     ScreenRegion region;
     uint16_t border;
     uint8_t depth;
-    /** mapped, and all that it lies in as well */
+    /** mapped, like all windows that contain it */
     bool viewable;
 };
 
@@ -37,9 +37,9 @@ struct X11Window {
 std::optional<X11Window> find_window(xcb_connection_t* connection, xcb_window_t root,
                                      xcb_window_t id);
 
-/** Where a part of a screen is now. */
+/** The current place of a part of a screen. */
 struct LocatedPart {
-    /** within the screen, but for a window's */
+    /** within the screen, unless it is a window's */
     ScreenRegion region{};
     /** the rest of the part lies outside of the screen */
     bool clipped = false;

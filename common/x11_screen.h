@@ -9,8 +9,8 @@
 
 namespace common {
 
-// xcb's accessors and iterators believe the counts that stand in a reply, whatever its length.
-// These compare them with what came. Header only: the client's look at displays needs them as well.
+// xcb's accessors and iterators trust the counts in a reply, whatever its length. These functions
+// compare the counts with the length.
 
 /** Whether a reply has `bytes` behind its first 32, which xcb always reads. */
 template <typename Reply> bool holds_behind(const Reply& reply, uint64_t bytes)
@@ -18,7 +18,7 @@ template <typename Reply> bool holds_behind(const Reply& reply, uint64_t bytes)
     return uint64_t{reply.length} * 4 >= bytes;
 }
 
-/** Walks over memory whose contents say how much follows. */
+/** Walks over records in memory whose contents give the length of the rest. */
 class ReplyWalk {
 public:
     ReplyWalk(const void* begin, uint64_t bytes)
@@ -26,7 +26,7 @@ public:
     {
     }
 
-    /** The record that stands here, if it is whole; goes behind it. */
+    /** The record at this place, if it is complete, and moves past it. */
     template <typename Record> const Record* take()
     {
         const void* const here = at_;
@@ -46,7 +46,7 @@ private:
     uint64_t left_;
 };
 
-/** Whether a screen and its depths and visuals, which the walk goes behind, are whole. */
+/** Skips a screen's depths and visuals; false if they are incomplete. */
 inline bool skip_depths(ReplyWalk& walk, const xcb_screen_t& screen)
 {
     for (unsigned depth = 0; depth < screen.allowed_depths_len; ++depth) {
@@ -58,8 +58,7 @@ inline bool skip_depths(ReplyWalk& walk, const xcb_screen_t& screen)
 }
 
 /**
- * Screen `number` of a server; null when there is none, or what the server says of itself is cut
- * short.
+ * Screen `number` of a server; null if there is none, or if the server's description is incomplete.
  */
 inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
 {

@@ -11,11 +11,11 @@
 namespace client {
 namespace {
 
-/** Waits for a recorder's answer; a save has to be written first. */
+/** Longest waits for a recorder's answer; a save answers once its file is written. */
 constexpr timeval usual_patience{.tv_sec = 5, .tv_usec = 0};
 constexpr timeval patience_of_a_save{.tv_sec = 120, .tv_usec = 0};
 
-/** A connection to a process's socket; nothing if that process is gone. */
+/** A connection to a process's socket; an empty descriptor if that process is gone. */
 common::Descriptor connect_to(const ControlFolder& folder, pid_t process)
 {
     common::Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
@@ -28,7 +28,7 @@ common::Descriptor connect_to(const ControlFolder& folder, pid_t process)
         throw Failure("cannot connect: " + error_text(errno));
     if (connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
         return socket;
-    if (errno == ECONNREFUSED) // left by a process that was killed; another has its number now
+    if (errno == ECONNREFUSED) // left by a killed recorder whose process id is in use again
         unlinkat(folder.fd(), name.c_str(), 0);
     else if (errno != ENOENT)
         throw Failure(format_text("the recorder with process %d does not answer: %s", process,

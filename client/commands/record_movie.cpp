@@ -46,7 +46,7 @@ StreamOptions stream_options(const RecordOptions& options)
     return stream;
 }
 
-/** The next program of a pipe may read the keys of the terminal itself. */
+/** False if a pipe's reader may itself read keys from the terminal. */
 bool may_read_keys(const RecordOptions& options, const StatusReport& report, int standard_output)
 {
     struct stat output = {};
@@ -135,7 +135,7 @@ private:
     void ask_for_key()
     {
         if (!std::exchange(key_asked_, movie_.needs_key()) && key_asked_) {
-            // Frames that this leaves out are not lost.
+            // Frames left out up to the key frame do not count as lost.
             lost_.break_stretch();
             video_capenc_requestKeyFrame();
         }
@@ -180,7 +180,7 @@ private:
     /** Otherwise a pipe or a device. */
     bool is_ordinary_file() const { return sink_.file() && sink_.file()->regular(); }
 
-    /** Tells once that pictures are left out. */
+    /** Prints once that pictures are left out. */
     void warn_of_slow_output()
     {
         if (warned_ || movie_.left_out() == 0)

@@ -49,7 +49,7 @@ StreamOptions stream_options(const ReplayOptions& options, Size size)
     return stream;
 }
 
-/** Bytes of the frames and the sound that are kept: the time asked for, and two seconds more. */
+/** Most bytes of kept frames and sound: the requested time plus two seconds. */
 uint64_t most_bytes_of(const ReplayOptions& options, Size size)
 {
     const double seconds = options.last.count() + 2;
@@ -68,7 +68,7 @@ std::optional<uint64_t> available_memory()
     return std::nullopt;
 }
 
-/** A save reads what is kept while as much again comes in. */
+/** Twice the kept data, since as much again arrives while a save reads it. Throws Failure. */
 uint64_t checked_memory(const ReplayOptions& options, Size size)
 {
     const uint64_t most = 2 * most_bytes_of(options, size);
@@ -108,7 +108,7 @@ public:
                 most_bytes_ / 2),
           control_(options.control), keys_(report_.on_terminal() && !options.control)
     {
-        movie_module(); // if it is missing, that shows now and not with the first save
+        movie_module(); // a missing module fails here, not at the first save
         if (options.time)
             end_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time);
     }
@@ -219,7 +219,7 @@ private:
         });
     }
 
-    /** An answer to a line; nullopt = it follows when the file is written. */
+    /** The answer to a line; nullopt = it follows once the file is written. */
     std::optional<std::string> obey(const std::string& line)
     {
         const control::Command command = control::parse(line);
@@ -246,11 +246,11 @@ private:
             print_message("cannot save now: " + refusal);
     }
 
-    /** Why it does not save, or "". */
+    /** Starts a save; returns the reason if it cannot, or "". */
     std::string begin_save()
     {
         if (save_)
-            return "the file before is still being written";
+            return "the previous file is still being written";
         Snapshot snapshot = kept_.snapshot();
         if (snapshot.frames.empty())
             return "there is no picture yet";
@@ -320,7 +320,7 @@ private:
     std::optional<EncodedStream> stream_;
     std::optional<ReplaySave> save_;
     std::optional<AttendedWork> notice_;
-    /** asked for the save that is being written */
+    /** requested the save that is being written */
     std::optional<ControlSocket::Ticket> waiting_peer_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;
@@ -341,7 +341,7 @@ ExitCode run(const ReplayOptions& options, CommandContext& context)
 {
     if (options.audio)
         check_chosen_sound();
-    // A file begins with a key frame: one a second. The encoder's threads are not there yet.
+    // A key frame per second, since a saved file begins with one. The encoder has no threads yet.
     setenv("ZU3_X264_KEYINT", std::to_string(options.fps).c_str(), 1);
     return ReplayRun(options, context).run();
 }

@@ -33,27 +33,26 @@ public:
     /** @param owned the same descriptor if the thread closes it. Throws Failure. */
     static std::shared_ptr<SinkThread> start(int fd, common::Descriptor owned);
 
-    /** Copies `data`, to be written behind what was written, or `at` a place in the file. */
+    /** Copies `data`, to be written after the previous data, or `at` a place in the file. */
     void begin(std::span<const uint8_t> data, std::optional<uint64_t> at);
-    /** Readable once it is through with all. */
+    /** Readable once all is written. */
     int fd() const { return event_.get(); }
     /**
-     * The errno of what was begun, 0 = all of it was written; nothing while it is being written.
-     * Once.
+     * The errno of the begun writes, 0 = all is written; nullopt while writing. Returned once.
      */
     std::optional<int> take_result();
-    /** Bytes that are begun and not through. */
+    /** Bytes begun and not yet written. */
     uint64_t backlog() const { return backlog_; }
-    /** How long nothing of them was taken; 0 without any. */
+    /** Time since a byte of the backlog was last written; 0 without a backlog. */
     Clock::duration standstill() const
     {
         return backlog_ > 0 ? Clock::now().time_since_epoch() - moved_.load() : Clock::duration();
     }
-    /** Bytes taken of those that were written behind one another. */
+    /** Bytes written in sequence, without those at a given place. */
     uint64_t delivered() const { return delivered_; }
     /** Whether the file once had fewer bytes than were delivered. */
     bool cut() const { return cut_; }
-    /** The thread ends once it is through with all. */
+    /** Ends the thread once all is written. */
     void end();
 
 private:
@@ -77,10 +76,10 @@ private:
     std::atomic<uint64_t> delivered_{0};
     std::atomic<bool> cut_{false};
     std::atomic<uint64_t> backlog_{0};
-    /** When the backlog began or shrank last. */
+    /** Time at which the backlog began or last shrank. */
     std::atomic<Clock::duration> moved_{};
     std::deque<Piece> pieces_;
-    // the thread's own: the errno that nothing is written behind
+    // used by the thread only: the errno that ended all writing
     int failed_ = 0;
     bool ended_ = false;
     std::optional<int> result_;
@@ -206,10 +205,10 @@ ssize_t SinkThread::write_some(const Piece& piece, size_t at)
 
 namespace {
 
-/** A write that is through this fast needs no second look. */
+/** A shorter write counts as immediate. */
 constexpr std::chrono::milliseconds moment(5);
 
-/** A disk may lag by this: seconds of the highest rates. */
+/** Longest backlog of a disk: seconds of the highest bit rates. */
 constexpr uint64_t most_on_its_way = 8 << 20;
 
 } // namespace

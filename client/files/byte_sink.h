@@ -63,7 +63,7 @@ public:
     bool pending() const;
     /** Bytes that wait. */
     uint64_t backlog() const;
-    /** How long the disk or the reader has accepted none of them; 0 = none waits. */
+    /** Time since the disk or the reader last accepted a byte; 0 = none waits. */
     Clock::duration standstill() const;
     /** Readable once everything is written. */
     int fd() const;

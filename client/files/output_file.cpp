@@ -42,9 +42,8 @@ pid_t holder(int fd)
     return held ? recorder_of(lock.l_pid) : 0;
 }
 
-// flock(2) is the lock: it lasts while the descriptor is open, whatever the process opens and
-// closes besides. A record lock ends at any close of the file; it only names the process, which
-// flock(2) does not.
+// flock(2) is the lock, since it lasts while the descriptor is open; a record lock ends when the
+// process closes any descriptor of the file. The record lock only tells others the process's id.
 void lock_output(int fd, const std::string& path)
 {
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {

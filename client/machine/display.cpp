@@ -67,13 +67,13 @@ double refresh_rate(xcb_connection_t* connection, xcb_window_t root)
     return 0;
 }
 
-/** A display, and the part of it that is to be captured. */
+/** A display, and the part of it to capture. */
 struct Asked {
     DisplayInfo display;
     common::LocatedPart part;
 };
 
-/** @param part looked for; without one, the monitors are listed */
+/** @param part to look for; nullopt lists the monitors */
 std::optional<Asked> ask(const std::string& name, const std::optional<common::ScreenPart>& part)
 {
     int number = 0;
@@ -115,7 +115,7 @@ std::string environment(const char* name)
     return value ? value : "";
 }
 
-/** Of the display that is captured, for messages about its end. */
+/** The name of the captured display, for messages about its end. */
 std::string& captured_name()
 {
     static std::string name = "the display";
@@ -157,7 +157,7 @@ common::ScreenPart part_to_capture()
     return *part;
 }
 
-/** Makes a display that part of it; throws Failure. */
+/** Reduces a display to that part of it. Throws Failure. */
 void narrow(DisplayInfo& display, common::ScreenPart part, const common::LocatedPart& located)
 {
     if (part.is_whole())

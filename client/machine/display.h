@@ -48,13 +48,13 @@ std::optional<DisplayInfo> probe_display(const std::string& name);
 DisplayInfo display_to_capture();
 
 /**
- * The X11 display to capture, that of DISPLAY, or the part of it that the environment names. That
- * is named there as it was found: a region without what lies outside of the screen, which a message
- * says, and a window by its number. Throws Failure like display_to_capture().
+ * The X11 display to capture: DISPLAY, or the part of it that the environment names. Stores the
+ * located part in the environment: a region clipped to the screen (with a message), a window by
+ * its number. Throws Failure like display_to_capture().
  */
 DisplayInfo x11_display_to_capture();
 
-/** Names this part, and no other, in the environment, from which the platform reads it. */
+/** Sets the environment variables from which the platform reads the part, and unsets the others. */
 void set_screen_part(const common::ScreenPart& part);
 
 /**

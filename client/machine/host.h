@@ -102,7 +102,7 @@ struct SoundSource {
     uint32_t channels = 0;
     /** whether recordings use it by default: it is the monitor of the default output */
     bool recorded = false;
-    /** whether it is what --sound microphone means now */
+    /** whether --sound microphone selects it now */
     bool microphone = false;
 };
 
@@ -151,7 +151,7 @@ struct HostFinding {
 };
 
 /**
- * Adds which source is used and why, and what it needs (screen.h).
+ * Adds the source in use, the reason, and its requirements (screen.h).
  * @return ZU3_HOST_SCREEN_*; X11 on a platform that cannot tell
  */
 uint32_t examine_screen(std::vector<HostFinding>& findings);

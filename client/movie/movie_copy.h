@@ -29,12 +29,12 @@ public:
 
     bool through() const { return work_->through(); }
     /**
-     * Waits until it is through. A stop cancels it, and then the disk has two seconds.
-     * @param stops stop signals that do not count, since they came before
+     * Waits for the end. A stop cancels the copy and gives the disk two more seconds.
+     * @param stops number of earlier stop signals, which are ignored
      * @param show called every 100 ms with the finished part, 0 to 1
      */
     void attend(StopSignals& signals, unsigned stops, const std::function<void(double)>& show);
-    /** Throws the reason of a failure, also of one that is not through, as the end of a sentence. */
+    /** Throws why the copy failed or is unfinished, as the end of a sentence. */
     void finish();
 
 private:

@@ -51,7 +51,7 @@ struct Snapshot {
  */
 class ReplayBuffer {
 public:
-    /** @param most_bytes what the buffer alone never exceeds by more than its last second */
+    /** @param most_bytes limit of the buffer; its last second may exceed it */
     ReplayBuffer(std::chrono::microseconds last, uint64_t most_bytes);
 
     void put_frame(const EncodedFrame& frame);
@@ -61,7 +61,7 @@ public:
 
     /** From the first frame to the last. */
     std::chrono::microseconds length() const;
-    /** In memory now, with what a save still reads. */
+    /** Bytes in memory now, including those that a save still reads. */
     uint64_t bytes_alive() const { return *alive_; }
 
 private:

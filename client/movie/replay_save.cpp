@@ -13,7 +13,7 @@
 namespace client::movie {
 namespace {
 
-/** Sound is handed over this much ahead of its frame. */
+/** Sound is passed to the muxer this much ahead of its frame. */
 constexpr uint64_t sound_ahead_us = 500'000;
 
 [[noreturn]] void fail_to_save(int error)
@@ -21,7 +21,7 @@ constexpr uint64_t sound_ahead_us = 500'000;
     throw Failure(error_text(error));
 }
 
-/** A file of the folder without a name in it; removed unless it gets one. */
+/** A file in the folder without a name, or with a hidden one; removed unless it gets a name. */
 class NamelessFile {
 public:
     explicit NamelessFile(int folder)
@@ -45,7 +45,7 @@ public:
     }
 
     int fd() const { return fd_.get(); }
-    /** Gives it the name, or one with a number if there is such a file; returns it. */
+    /** Names it, with a number appended if that file exists; returns the name. */
     std::string appear(const std::string& begin) const
     {
         for (int number = 1; number < 1000; ++number) {
@@ -157,7 +157,7 @@ std::string save(const Snapshot& snapshot, const MovieFormat& format, const std:
 
 ReplaySave::ReplaySave(Snapshot snapshot, const MovieFormat& format, const std::string& folder)
 {
-    // The recorder comes first: this thread has all the time it needs.
+    // Runs below the recorder's priority, since a save is not urgent.
     work_ = std::make_unique<AttendedWork>(
         [kept = std::move(snapshot), format, folder, path = path_]() mutable {
             const Snapshot released = std::move(kept);

@@ -22,7 +22,7 @@ public:
     ReplaySave(Snapshot snapshot, const MovieFormat& format, const std::string& folder);
 
     const AttendedWork& work() const { return *work_; }
-    /** The path of the finished file, after the work is through. Throws why there is none. */
+    /** The path of the finished file, once the work is done. Throws the reason if there is none. */
     std::string finish();
 
 private:

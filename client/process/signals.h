@@ -25,8 +25,8 @@ struct Awaited {
     std::function<void()> react = {};
 };
 /**
- * Waits until one of the descriptors is readable, at most until `until`. Calls the reaction of each
- * that is, in their order.
+ * Waits until one of the descriptors is readable, at most until `until`. Then calls the reaction of
+ * each readable one, in their order.
  */
 void wait_for(std::span<const Awaited> all, TimePoint until);
 /** The reaction to an eventfd: resets it. */

@@ -6,8 +6,8 @@
 namespace client {
 
 /**
- * As display_to_capture(), which may wait for minutes while the desktop asks its user for a screen:
- * a message says so, and a stop request ends the wait with a Failure.
+ * Calls display_to_capture(), which may wait minutes for the user to answer the desktop's dialog.
+ * Prints a message meanwhile; a stop request ends the wait with a Failure.
  */
 DisplayInfo attended_display_to_capture(StopSignals& signals);
 

@@ -21,11 +21,11 @@ public:
     ControlFolder();
 
     int fd() const { return fd_.get(); }
-    /** The processes that have a socket here; those of dead ones are removed. */
+    /** The processes that have a socket here. Removes the sockets of dead ones. */
     std::vector<pid_t> processes() const;
     /** Name of a process's socket in the folder. */
     static std::string socket_name(pid_t process);
-    /** A path to bind or connect to, short however deep the folder lies. */
+    /** A path to bind or connect to, which fits a socket address even if the folder's does not. */
     std::string path_of(const std::string& name) const;
 
 private:

@@ -33,7 +33,7 @@ ControlSocket::ControlSocket(bool verbose)
 {
     try {
         folder_.emplace();
-        folder_->processes(); // for the sockets that dead ones left
+        folder_->processes(); // removes the sockets of dead recorders
         listen();
     } catch (const Failure& failure) {
         events_ = common::Descriptor();
@@ -49,7 +49,7 @@ ControlSocket::~ControlSocket()
         unlinkat(folder_->fd(), ControlFolder::socket_name(getpid()).c_str(), 0);
 }
 
-// Bound under another name and renamed when it listens, so that it never looks like a dead one's.
+// Renames the socket once it listens: bound but silent, it would look like a dead recorder's.
 void ControlSocket::listen()
 {
     const std::string name = ControlFolder::socket_name(getpid()), unready = "." + name;
@@ -102,7 +102,7 @@ void ControlSocket::drop_silent()
     std::erase_if(peers_, [limit](const Peer& peer) { return !peer.asked && peer.since < limit; });
 }
 
-/** Returns whether the peer is done with. */
+/** Reads a peer's line. Returns true if the peer can be dropped. */
 bool ControlSocket::hear(Peer& peer, const Handle& handle)
 {
     std::string line(longest_control_text, '\0');
@@ -115,7 +115,7 @@ bool ControlSocket::hear(Peer& peer, const Handle& handle)
     const auto text = handle(line, peer.ticket);
     if (text)
         send(peer.socket.get(), text->data(), text->size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    else // more bytes are not read, and would wake the poll for ever
+    else // further bytes are not read and would keep waking the poll
         epoll_ctl(events_.get(), EPOLL_CTL_DEL, peer.socket.get(), nullptr);
     peer.asked = !text;
     return text.has_value();

@@ -11,13 +11,13 @@
 
 namespace client {
 
-/** Bytes of a command or an answer at most. */
+/** Most bytes of a command or an answer. */
 inline constexpr size_t longest_control_text = 4096;
 
 /**
  * Listens for `screenrecord control`: a connection of the same user sends one line and gets one
- * answer. Nothing here waits: a peer that sends nothing is forgotten after two seconds, or when
- * others need its place, and one that does not read loses its answer.
+ * answer. Never blocks: drops a silent peer after two seconds, or earlier to make room for others,
+ * and the answer for a peer that does not read.
  */
 class ControlSocket {
 public:
@@ -26,7 +26,7 @@ public:
     using Handle =
         std::function<std::optional<std::string>(const std::string& line, Ticket ticket)>;
 
-    /** @param verbose prints why it does not listen, if it has no folder for that */
+    /** @param verbose prints the reason if it cannot listen */
     explicit ControlSocket(bool verbose);
     ControlSocket(const ControlSocket&) = delete;
     ControlSocket& operator=(const ControlSocket&) = delete;
@@ -34,7 +34,7 @@ public:
 
     /** To poll for POLLIN; -1 = it does not listen. */
     int fd() const { return events_.get(); }
-    /** Accepts what waits and has `handle` answer, a few of each, without waiting. */
+    /** Accepts waiting connections and answers their lines by `handle`, a few per call. */
     void serve(const Handle& handle);
     /** Answers a line for which `handle` returned nullopt. */
     void answer(Ticket ticket, const std::string& text);
@@ -44,7 +44,7 @@ private:
         Ticket ticket;
         common::Descriptor socket;
         TimePoint since;
-        /** its line has come, and its answer is due */
+        /** its line was read, its answer is due */
         bool asked = false;
     };
     void listen();

@@ -36,7 +36,7 @@ private:
     AttendedWork reading_;
 };
 
-/** The bit rate of a stream that asks for none, in bits per second. */
+/** The default bit rate of a stream, in bits per second. */
 uint32_t sensible_bit_rate(Size size, uint32_t fps);
 
 /** One frame of the library; its bytes are valid until the next take(). */
@@ -92,9 +92,9 @@ public:
     explicit LostFrames(uint32_t fps) : fps_(fps) {}
 
     void frame_taken(uint64_t pts_us);
-    /** Nothing more was taken until this time of the same clock: the frames due are lost. */
+    /** No frame was read until this time of the same clock: the frames due by then are lost. */
     void nothing_taken_until(uint64_t time_us);
-    /** Frames left out from here to the next one are not lost. */
+    /** Frames left out from here to the next frame do not count as lost. */
     void break_stretch();
     uint64_t count() const { return finished_ + in_stretch(); }
 
@@ -108,7 +108,7 @@ private:
     uint64_t frames_ = 0;
 };
 
-/** The end of a wait for frames: sooner without their event, which is then -1. */
+/** The end of a wait for frames. @param event of the frames; -1 = none, so the wait is shorter */
 inline TimePoint next_check_beside_frames(int event)
 {
     return Clock::now() + std::chrono::milliseconds(event >= 0 ? 50 : 2);

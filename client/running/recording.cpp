@@ -209,7 +209,7 @@ std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statis
     return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
 }
 
-// Without statistics: a file that does not grow on a full disk.
+// Used without statistics: detects a file that stops growing on a full disk.
 std::optional<std::string> RecordingMonitor::growth_problem()
 {
     const uint64_t size = file_.size();

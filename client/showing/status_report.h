@@ -27,9 +27,9 @@ struct Progress {
     std::optional<bool> display_answers;
     /** time that a write has waited for the disk or the reader, 0 = none waits */
     std::optional<double> disk_waiting_seconds;
-    /** the output is a pipe, and its reader is waited for */
+    /** the output is a pipe, so the wait is for its reader */
     bool has_reader = false;
-    /** what a replay keeps in memory: seconds, bytes, and the bytes that it never exceeds */
+    /** kept in memory by a replay: seconds, bytes, and the limit of bytes */
     std::optional<double> kept_seconds;
     uint64_t kept_bytes = 0;
     uint64_t most_kept_bytes = 0;

@@ -134,7 +134,7 @@ class Portal(PortalTest, EndToEndTest):
         waiting = self.client("record", "--ask", "-o", "a.mp4")
         wait_until(lambda: self.desktop.said("asked") > asked, "the dialog")
         waiting.process.send_signal(signal.SIGINT)
-        self.assert_refused(waiting, "stopped before there was one", SOON)
+        self.assert_refused(waiting, "stopped while waiting for it", SOON)
 
 
 class PortalIsMissing(PortalTest, UnmeasuredEndToEndTest):

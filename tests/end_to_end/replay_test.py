@@ -62,7 +62,7 @@ class Replay(ShortEndToEndTest):
         replay.process.stdin.flush()
         files = self.wait_for_files("saved", 3)
         wait_until(lambda: "error: a replay accepts" in replay.errors(), "the answers")
-        self.assertIn("error: the file before is still being written", replay.errors())
+        self.assertIn("error: the previous file is still being written", replay.errors())
         status = json.loads(self.run_program("screenrecord", "control", "status"))
         self.assertLessEqual(status["kept_bytes"], status["most_kept_bytes"])
         self.run_program("screenrecord", "control", "stop")

@@ -67,8 +67,8 @@ void set_colours(AVCodecParameters& parameters)
     parameters.chroma_location = AVCHROMA_LOC_LEFT;
 }
 
-// A piece has half a second, so less than a second is lost, including the data on its way. The
-// first ones are shorter, so that a movie that is killed soon plays.
+// A kill loses the current piece and the data in transit, less than a second in all. The first
+// pieces are shorter, so that a recording plays even if it is killed early.
 constexpr int64_t piece_ms = 500, first_piece_ms = 100, first_pieces_end_ms = 500;
 
 // delay_moov writes the header with the first fragment, when the delay of the sound is known.
