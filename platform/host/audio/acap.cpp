@@ -16,7 +16,7 @@ namespace zu3host {
 class AudioDevice {
 public:
     /**
-     * Listens from now on; again without effect. Throws as CaptureUse and check_sound_choice() do.
+     * Starts to listen; a second call does nothing. Throws like CaptureUse, check_sound_choice().
      */
     void start();
     /** Ends listening and drops what was not read. */

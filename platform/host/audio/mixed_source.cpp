@@ -10,7 +10,7 @@ namespace zu3host {
 namespace {
 
 constexpr int32_t full_scale = 32767;
-/** Up to here a sum is exact. */
+/** Sums up to this value are exact. */
 constexpr int32_t knee = full_scale / 4 * 3;
 
 int16_t clipped_softly(int32_t sum)
@@ -63,7 +63,7 @@ public:
     void advance(SoundTimeline& timeline, int64_t now_us) override
     {
         const int64_t until = std::min(first_.advance(now_us), second_.advance(now_us));
-        // What a part does not keep any more, no reader would find here either.
+        // A part has already dropped older sound, which this timeline would have dropped as well.
         const int64_t oldest =
             std::min(until, std::max({timeline.end(), first_.oldest(), second_.oldest()}));
         timeline.append(nullptr, oldest - timeline.end());

@@ -8,8 +8,8 @@
 namespace zu3host {
 
 /**
- * Adds `other` to `samples`. Up to three quarters of full scale a sum is exact; above, it bends
- * towards full scale and never gets there, so that two loud sounds do not crackle.
+ * Adds `other` to `samples`. A sum up to three quarters of full scale is exact; a greater one is
+ * compressed and stays below full scale, so two loud sounds do not clip.
  */
 void mix_into(std::span<int16_t> samples, std::span<const int16_t> other);
 
@@ -17,8 +17,8 @@ void mix_into(std::span<int16_t> samples, std::span<const int16_t> other);
 using OpenPart = std::function<std::unique_ptr<SoundSource>(SharedTimeline&)>;
 
 /**
- * Two sources as one: each fills its own timeline, which begins with `timeline` and keeps as much,
- * and both are mixed as far as both have got.
+ * Mixes two sources. Each fills a separate timeline of the same start and length as `timeline`,
+ * which gets the mix as far as both have sound.
  */
 std::unique_ptr<SoundSource> open_mix(const SoundTimeline& timeline, const OpenPart& open_first,
                                       const OpenPart& open_second);

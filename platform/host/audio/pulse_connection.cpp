@@ -18,18 +18,16 @@ namespace {
  * Sound comes in pieces of 20 ms: soon enough for what is recorded, seldom enough to cost nothing.
  */
 constexpr uint32_t piece_bytes = pcm_rate / 50 * pcm_frame_bytes;
-/**
- * No output plays so far ahead, and none is heard so late: such a timing is an error of the server.
- */
+/** A greater latency is an error of the server. */
 constexpr pa_usec_t greatest_latency = 5'000'000;
 /**
- * Between two questions about the time: at a row's start so often that its place is known soon, and
- * out of step with any server's cycle; later, of a server whose answers jitter, so often that their
- * mean is right.
+ * Intervals between two requests for the time. At the start of a row they are short, to place it
+ * soon, and share no factor with a server's cycle. Later they are short enough for a good mean of a
+ * server's jittering answers.
  */
 constexpr pa_usec_t ask_at_start_us = 7'000;
 constexpr pa_usec_t ask_later_us = 97'000;
-/** Sound that came while this process was stopped is placed by the timing from before. */
+/** Places sound that arrived while this process was stopped by the timing from before. */
 constexpr pa_usec_t greatest_age = 60'000'000;
 constexpr int64_t greatest_backlog_bytes = greatest_age / 1'000'000 * pcm_rate * pcm_frame_bytes;
 
@@ -120,7 +118,7 @@ void PulseConnection::open_stream(const char* source)
     pa_stream_set_read_callback(stream_, stream_readable, this);
     pa_stream_set_latency_update_callback(stream_, timing_updated, this);
     const pa_buffer_attr buffer{UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX, piece_bytes};
-    // Moved by the server it would record what was not asked for.
+    // A stream that the server moves would record another source.
     const int flags = PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE;
     if (pa_stream_connect_record(stream_, source, &buffer, static_cast<pa_stream_flags_t>(flags)) <
         0)
@@ -153,7 +151,7 @@ void PulseConnection::stream_changed(pa_stream* stream, void* self)
         connection.stream_ended();
 }
 
-/** A source that vanishes ends its stream alone. */
+/** A removed source ends only its stream. */
 void PulseConnection::stream_ended()
 {
     if (!finder_ || !PA_CONTEXT_IS_GOOD(pa_context_get_state(context_))) {
@@ -241,7 +239,7 @@ void PulseConnection::begin_row()
 {
     const std::span<const int16_t> kept = start_.samples();
     const auto frames = static_cast<int64_t>(kept.size() / pcm_channels);
-    // Sound that was too old to be kept had its place before.
+    // Sound too old to be kept was already placed.
     const int64_t forgotten = frames_read_ - frames;
     listener_.heard(kept.data(), frames, start_.first_us() + forgotten * 1000 / (pcm_rate / 1000));
     row_begun_ = true;

@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * One connection to the sound server, which records one source, and the next one that is wanted
- * when that vanishes. Never starts a server. To be used on the thread that runs the main loop.
+ * One connection to the sound server. It records the wanted source, and after that is removed the
+ * next one that matches. Never starts a server. Use it on the thread that runs the main loop.
  */
 class PulseConnection {
 public:

@@ -12,12 +12,12 @@ struct WantedSource {
     enum class Kind {
         /** the monitor of the default output */
         desktop,
-        /** the default source if it is no monitor, otherwise the first that is none */
+        /** the default source, or if that is a monitor, the first source that is not one */
         microphone,
         named,
     };
     Kind kind = Kind::desktop;
-    /** as list_sources() tells it; for `named` */
+    /** as listed by list_sources(); for `named` */
     std::string name;
 };
 
@@ -26,7 +26,7 @@ class PulseListener {
 public:
     /** Sound arrives from now on, unless the connection fails. */
     virtual void connected() noexcept = 0;
-    /** The server has no such source, or not any more; connected() follows when it has one. */
+    /** The server lacks that source; connected() follows once it has one. */
     virtual void absent() noexcept = 0;
     /**
      * @param samples `frames` frames of 48 kHz stereo, or null if the server lost them
@@ -70,11 +70,11 @@ struct PulseSourceInfo {
     /** samples per second and channel */
     uint32_t sample_rate;
     uint32_t channels;
-    /** the output that it is the monitor of; "" = it is none */
+    /** the output that it monitors; "" = it is not a monitor */
     std::string monitor_of;
     /** whether it is the desktop's sound: the monitor of the default output */
     bool recorded;
-    /** whether it is what `microphone` means now */
+    /** whether `microphone` selects it now */
     bool microphone;
 };
 

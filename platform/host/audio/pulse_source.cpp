@@ -31,8 +31,8 @@ constexpr int64_t patience_in_sound_us = 1'000'000;
 /** At least so often the listener looks whether there is anything to read. */
 constexpr int64_t look_us = 100'000;
 /**
- * Sound that lies in the socket is no silence: after a stop of this process, or a moment in which
- * its thread was not scheduled, it is read first. No reader wants older sound than this.
+ * Silence must not replace sound that waits in the socket: after this process was stopped or not
+ * scheduled, that sound is read first. No reader needs older sound than this.
  */
 constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;

@@ -11,9 +11,9 @@ namespace {
 constexpr size_t enough_reports = 4;
 constexpr int64_t agreement_us = 1000;
 constexpr size_t enough_to_trim = 8;
-/** Less than a reader's patience, so that silence does not fill the row's place meanwhile. */
+/** Less than the wait before silence is filled in, so the row's place stays free. */
 constexpr size_t longest_samples = size_t{pcm_rate} * 180 / 1000 * pcm_channels;
-/** Without any report the row has no place; what is older than this is not worth its memory. */
+/** Limit of the kept sound while there is no report. */
 constexpr size_t most_samples = size_t{pcm_rate} * 2 * pcm_channels;
 
 } // namespace
@@ -51,7 +51,7 @@ bool RowStart::settled() const
 
 int64_t RowStart::first_us() const
 {
-    // The later half: the graph may lose cycles while the stream starts.
+    // The later half, since the graph may lose cycles while the stream starts.
     std::vector<int64_t> sorted(reports_.begin() + static_cast<std::ptrdiff_t>(reports_.size() / 2),
                                 reports_.end());
     std::sort(sorted.begin(), sorted.end());

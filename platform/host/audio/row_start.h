@@ -8,11 +8,11 @@ namespace zu3host {
 
 /**
  * Keeps the first pieces of a row until their time is known. A server that counts in cycles of its
- * graph (PipeWire) tells a time that is wrong by up to a cycle, the first one by more: a row placed
- * by it would be off until it was stretched into place. So the row waits for several reports and
- * begins in the middle of the range of the later half, without a tenth at each end: that does not
- * depend on when in a cycle they were asked for. A server whose reports agree lets it go after
- * four. Not thread-safe.
+ * graph (PipeWire) reports times that are wrong by up to a cycle, the first one by more. A row
+ * placed by the first report would be off until stretching corrects it. So the row waits for
+ * several reports and begins in the middle of the range of their later half, without a tenth at
+ * each end; that does not depend on the phase of the requests. If the reports agree, four are
+ * enough. Not thread-safe.
  */
 class RowStart {
 public:
@@ -23,18 +23,18 @@ public:
     /** @param samples `frames` frames, or null for a hole */
     void keep(const int16_t* samples, int64_t frames);
     /**
-     * Whether the time is known: four reports within a millisecond, or 180 ms of sound and any
-     * report.
+     * Whether the time is known: four reports within a millisecond, or 180 ms of sound and at least
+     * one report.
      */
     bool settled() const;
-    /** Whether the reports differ by more than a millisecond, so that one alone says little. */
+    /** Whether the reports differ by more than a millisecond. */
     bool jitters() const;
 
-    /** When the row's first frame was heard; with a report. */
+    /** The time when the row's first frame was heard. Needs a report. */
     int64_t first_us() const;
-    /** What was kept, interleaved. */
+    /** The kept samples, interleaved. */
     std::span<const int16_t> samples() const { return samples_; }
-    /** Frees them; the reports stay. */
+    /** Frees the samples; keeps the reports. */
     void forget_samples() { samples_ = {}; }
 
 private:

@@ -13,8 +13,8 @@ namespace zu3host {
 std::vector<WantedSource> wanted_sources();
 
 /**
- * Throws std::invalid_argument if ZU3_SOUND names a source that the sound server does not have, as
- * far as one answers within 3 s. Asks no server unless a name is given.
+ * Throws std::invalid_argument if ZU3_SOUND names a source that the sound server lacks. A server
+ * that does not answer within 3 s accepts any name. Connects only if a name is given.
  */
 void check_sound_choice();
 

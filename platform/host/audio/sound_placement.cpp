@@ -52,7 +52,7 @@ void SoundPlacement::align(SoundTimeline& timeline, const int16_t* samples, int6
         return;
     timeline.append(samples ? samples + dropped * pcm_channels : nullptr, frames - dropped);
     expected_ = timeline.end();
-    // right by definition, as far as it goes
+    // exact for these frames
     mean_error_ = 0;
     frames_averaged_ = std::min(frames - dropped, averaged_frames);
     correcting_ = false;

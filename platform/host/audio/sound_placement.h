@@ -8,15 +8,14 @@
 namespace zu3host {
 
 /**
- * Puts the pieces that a sound server delivers into a timeline, each where it was heard. Pieces
- * follow one another without a seam; what the server says about their time jitters, so only its
- * mean counts. A clock of the sound hardware that drifts from the monotonic clock is followed by
- * stretching or shrinking a piece by one frame now and then, which no ear notices. Silence fills
- * holes. Not thread-safe.
+ * Puts the pieces that a sound server delivers into a timeline, at the time they were heard. Pieces
+ * follow one another without a seam; the server's times jitter, so only their mean counts. If the
+ * clock of the sound hardware drifts from the monotonic clock, a piece is occasionally stretched or
+ * shrunk by one frame, which is inaudible. Silence fills holes. Not thread-safe.
  */
 class SoundPlacement {
 public:
-    /** The next piece starts a new row, wherever it was heard. */
+    /** The next piece starts a new row, whenever it was heard. */
     void restart() { expected_.reset(); }
     /** Whether the row has begun and nothing was appended to it since. */
     bool continues(const SoundTimeline& timeline) const { return expected_ == timeline.end(); }

@@ -20,8 +20,8 @@ public:
 };
 
 /**
- * A source of the PulseAudio server (PipeWire offers the same). A thread connects, and connects
- * again after the server went away; without a server, or without the source, silence is heard.
+ * A source of the PulseAudio server, or PipeWire's equivalent. A thread connects, and connects
+ * again after the server went away. Without a server, or without the source, the sound is silence.
  * Throws std::system_error when the system gives no thread, std::bad_alloc without memory.
  * @param reports_server whether to log that a server is missing or went away
  */

@@ -11,13 +11,13 @@ namespace {
 
 constexpr pa_usec_t retry_us = 1'000'000;
 
-/** A server may leave a text out. */
+/** "" for a text that the server left out. */
 std::string text(const char* given)
 {
     return given ? given : "";
 }
 
-/** Runs an action within a callback of libpulse; without memory it is left out. */
+/** Runs an action within a callback of libpulse; drops it if memory runs out. */
 template <typename Action> void within_callback(Action action)
 {
     answer_or(
@@ -78,7 +78,7 @@ SourceFinder::SourceFinder(pa_mainloop_api* api, pa_context* context, WantedSour
     look();
 }
 
-// The questions end with the context, whose disconnection cancels them.
+// Disconnecting the context cancels the queries.
 SourceFinder::~SourceFinder()
 {
     pa_context_set_subscribe_callback(context_, nullptr, nullptr);

@@ -9,12 +9,12 @@
 
 namespace zu3host {
 
-/** What the program tells about a source. Throws std::bad_alloc. */
+/** The description of a source for the program. Throws std::bad_alloc. */
 PulseSourceInfo described(const pa_source_info& source);
 
 /**
- * The source for "microphone": the default one, or the first that is no monitor of an output; null
- * if there is none.
+ * The source for "microphone": the default one, or if that is a monitor, the first that is not one;
+ * null if there is none.
  */
 const PulseSourceInfo* microphone_among(const std::vector<PulseSourceInfo>& sources,
                                         const std::string& default_source);
@@ -24,9 +24,9 @@ const PulseSourceInfo* desktop_among(const std::vector<PulseSourceInfo>& sources
                                      const std::string& default_output);
 
 /**
- * Follows which source of the server is the wanted one, as sources appear and vanish and the
- * defaults change. The server would find the default monitor by a special name, but PipeWire 0.3.65
- * answers that with the default source. On the thread that runs the main loop.
+ * Finds the server's source that matches a choice, again after each change of sources or defaults.
+ * The special name of the default monitor does not help: PipeWire 0.3.65 resolves it to the default
+ * source. Use it on the thread that runs the main loop.
  */
 class SourceFinder {
 public:
@@ -34,7 +34,7 @@ public:
     using Found = std::function<void(const std::string& name)>;
 
     /**
-     * Looks at once, and whenever the server's sources or its default change.
+     * Searches now, and after each change of the server's sources or defaults.
      * @param api of the main loop; it and `context`, which is ready, must outlive this object
      */
     SourceFinder(pa_mainloop_api* api, pa_context* context, WantedSource wanted, Found found);
@@ -43,8 +43,8 @@ public:
     ~SourceFinder();
 
     /**
-     * The stream from the source found last ended; looks again with the server's next change, or
-     * in a second, and tells what it finds even if that is the same.
+     * Call it when the stream from the last found source has ended. Searches again at the server's
+     * next change, or in a second, and reports the result even if it is the same source.
      */
     void lost();
 
@@ -66,7 +66,7 @@ private:
     const Found found_;
     pa_time_event* waiting_ = nullptr;
     bool looking_ = false;
-    /** something changed while the answers were on their way */
+    /** something changed before the answers arrived */
     bool again_ = false;
     bool decided_ = false;
     std::string current_;
