@@ -72,7 +72,7 @@ private:
     void connected() noexcept override
     {
         if (reported_ || absent_)
-            HOST_LOGI("The sound of %s is heard.", called(wanted_));
+            HOST_LOGI("Recording the sound of %s.", called(wanted_));
         reported_ = absent_ = false;
         was_connected_ = true;
         set_live(true);
@@ -80,8 +80,9 @@ private:
     void absent() noexcept override
     {
         if (!absent_)
-            HOST_LOGW("The sound server has no sound of %s; silence is heard until it has.",
-                      called(wanted_));
+            HOST_LOGW(
+                "The sound server does not offer the sound of %s; recording silence until it does.",
+                called(wanted_));
         absent_ = true;
         reported_ = false;
         was_connected_ = true;
@@ -132,7 +133,7 @@ void PulseSource::run()
                  pass(was_connected_ ? first_retry_us : retry_us);
     }
     if (!usable)
-        HOST_LOGE("The main loop of the sound server's library failed; silence is heard.");
+        HOST_LOGE("The main loop of the sound server's library failed; recording silence.");
 }
 
 /** Until the connection fails; false when the main loop itself is broken. */
@@ -205,10 +206,10 @@ void PulseSource::report(const char* failure)
     if (was_connected_)
         counters().sound_lost.store(1, std::memory_order_relaxed);
     if (!reported_ && reports_server_ && was_connected_)
-        HOST_LOGW("The sound server went away (%s); silence is heard until it is back.", failure);
+        HOST_LOGW("The sound server went away (%s); recording silence until it is back.", failure);
     else if (!reported_ && reports_server_)
         HOST_LOGW(
-            "No sound server can be heard (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
+            "No sound server answers (%s); recording silence. ZU3_AUDIO=silence does so without this warning.",
             failure);
     reported_ = true;
 }

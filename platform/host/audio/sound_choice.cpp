@@ -49,7 +49,7 @@ void check_sound_choice()
                     [&](const PulseSourceInfo& each) { return each.name == name; }))
         return;
     std::string text = "ZU3_SOUND=" + name.substr(0, 100) +
-                       " names no source of sound; there are desktop, microphone, both, none";
+                       " names an unknown source; known are desktop, microphone, both, none";
     for (const PulseSourceInfo& source : sources)
         text += ", " + source.name;
     throw std::invalid_argument(text);

@@ -42,12 +42,11 @@ std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared)
         return open_tone();
     if (by_pulse)
         HOST_LOGW(
-            "No sound can be recorded (%s); there is silence instead. ZU3_AUDIO=silence asks for it.",
+            "Cannot record sound (%s); recording silence. ZU3_AUDIO=silence does so without this warning.",
             failure);
     else if (name != "silence")
-        HOST_LOGE(
-            "ZU3_AUDIO=%.40s is no source of sound, there are pulse, tone and silence; silence is heard.",
-            setting);
+        HOST_LOGE("ZU3_AUDIO=%.40s is unknown (use pulse, tone or silence); recording silence.",
+                  setting);
     return open_silence();
 }
 
