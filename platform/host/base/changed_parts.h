@@ -18,7 +18,7 @@ struct PictureRectangle {
 struct ChangedParts {
     /** serial of the earlier one; 0 when every pixel may differ */
     uint64_t since = 0;
-    /** within the image; may overlap; the owner of the image says how long they live */
+    /** within the image; may overlap; the owner of the image documents their lifetime */
     std::span<const PictureRectangle> parts;
 };
 

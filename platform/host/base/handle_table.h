@@ -12,13 +12,13 @@
 namespace zu3host {
 
 /**
- * The objects of one module by their u32 handle. A call that found its object keeps it alive, so
- * that a close on another thread cannot pull it away. Thread-safe.
+ * The objects of one module by their u32 handle. A found object stays alive while the caller has
+ * its pointer, even if another thread closes it. Thread-safe.
  */
 template <typename T> class HandleTable {
 public:
     /**
-     * Handles count up from `first`, so that those of different modules are told apart in a log.
+     * Handles count up from `first`, which differs between modules to identify them in a log.
      */
     explicit HandleTable(uint32_t first) : next_(first) {}
 
@@ -36,7 +36,7 @@ public:
         const auto found = objects_.find(handle);
         return found == objects_.end() ? nullptr : found->second;
     }
-    /** Takes the object out; null for a handle that is not open. */
+    /** Removes and returns the object; null for a handle that is not open. */
     std::shared_ptr<T> remove(uint32_t handle)
     {
         const std::lock_guard lock(mutex_);
@@ -55,8 +55,8 @@ private:
 };
 
 /**
- * A module's table; its handles count up from FIRST. Never destroyed: threads of the library may
- * call while the process exits.
+ * A module's table; its handles count up from FIRST. Never destroyed, since threads of the library
+ * may call while the process exits.
  */
 template <typename T, uint32_t FIRST> HandleTable<T>& handle_table()
 {
@@ -65,7 +65,7 @@ template <typename T, uint32_t FIRST> HandleTable<T>& handle_table()
 }
 
 /**
- * At the border: what `call` answers for the object of an open handle, ZU_INVALID_ARGUMENT for any
+ * At the border: the result of `call` for the object of an open handle, ZU_INVALID_ARGUMENT for any
  * other handle.
  */
 template <typename T, typename Call>

@@ -40,7 +40,7 @@ bool output_is_possible(const ZU_CAP_Output_t& output)
 }
 
 constexpr uint32_t picture_event = 1;
-// Pictures that a silent display leaves out are counted this often.
+// Interval of counting the pictures that a silent display lacks.
 constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
 
 void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
@@ -321,7 +321,7 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
     Listener listener;
     uint32_t handle = 0;
     {
-        // Stop and unregistration take the same lock: no callback begins after either.
+        // Stop and unregistration lock the same mutex, so no callback begins after either.
         const std::lock_guard lock(mutex_);
         if (!run.stop.stop_requested())
             listener = listener_;

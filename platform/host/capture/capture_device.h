@@ -26,7 +26,7 @@ inline constexpr uint32_t main_display = 0xD1500000;
 /** The parameters of one start of a capture. */
 struct CaptureRun {
     std::shared_ptr<PicturePool> pool;
-    /** the part of the pictures that is seen */
+    /** the visible part of the pictures */
     PictureSize visible;
     /** pictures per second */
     uint32_t rate;

@@ -6,11 +6,10 @@
 namespace zu3host {
 
 /**
- * The moments at which pictures are due: start + n / rate, whatever happens in between, so that
- * nothing drifts. After a short delay, the first pictures of a cold encoder among them, those that
- * came due meanwhile are made up one after the other. A longer delay is passed over, and so are the
- * pictures of a machine that stays too slow: made up, they would all show what came after their
- * time.
+ * The times at which pictures are due: start + n / rate, so nothing drifts. After a short delay, as
+ * with the first pictures of a cold encoder, the missed pictures are captured one after the other.
+ * After a longer delay, or on a machine that stays too slow, they are skipped, since they would all
+ * show a later screen.
  */
 class CaptureSchedule {
 public:
@@ -23,8 +22,8 @@ public:
     /** When it is due. */
     Time due() const { return moment(number_); }
     /**
-     * Goes past the pictures that are too late at `now`; returns how many. Call it once for each
-     * picture that is captured.
+     * Skips the pictures that are too late at `now`; returns their number. Call it once for each
+     * captured picture.
      */
     uint64_t pass_over_late(Time now)
     {
@@ -41,7 +40,7 @@ public:
         const uint64_t before = number_;
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::nanoseconds>(now - start_).count();
-        // The newest that is due; the one before it may still be within its interval.
+        // The newest due picture; its predecessor may still be within its interval.
         number_ = static_cast<uint64_t>(elapsed / second) * rate_ +
                   static_cast<uint64_t>(elapsed % second) * rate_ / second;
         if (number_ < before)
@@ -53,7 +52,7 @@ public:
 
 private:
     static constexpr int64_t second = 1'000'000'000;
-    /** Pictures made up until a second's worth has been in time, and how many one may be behind. */
+    /** Limits: late pictures until a second's worth was on time, and pictures behind. */
     static constexpr uint64_t most_made_up = 8;
 
     Time moment(uint64_t number) const
@@ -67,7 +66,7 @@ private:
     uint32_t rate_;
     uint64_t number_ = 0;
     uint64_t to_make_up_ = most_made_up;
-    /** pictures in a row that were in time */
+    /** pictures on time in a row */
     uint64_t in_time_ = 0;
 };
 

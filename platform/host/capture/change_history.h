@@ -9,16 +9,16 @@
 namespace zu3host {
 
 /**
- * Which parts have changed from one image of a source to the next, for its last images. One thread
- * at a time.
+ * The changed parts between successive images of a source, for its last images. One thread at a
+ * time.
  */
 class ChangeHistory {
 public:
     /** Notes an image, in the order of the grabs. */
     void note(const BgraImage& image);
     /**
-     * Adds to `parts` all that may differ between image `serial` and the last that was noted: the
-     * whole if that is not known.
+     * Adds to `parts` everything that may differ between image `serial` and the last noted one; the
+     * whole image if that is unknown.
      */
     void add_since(uint64_t serial, PartList& parts) const;
 
@@ -31,7 +31,7 @@ private:
 
     const Step& step_back(size_t steps) const { return steps_[(newest_ + most - steps) % most]; }
 
-    // a ring; each step begins where the one before it ends
+    // a ring; each step begins with the image at which its predecessor ends
     std::array<Step, most> steps_{};
     size_t newest_ = 0;
     size_t count_ = 0;

@@ -45,7 +45,7 @@ void CroppedSource::note_outside(PictureSize image)
 void CroppedSource::note_clipped(const common::ScreenRegion& inside)
 {
     if (!std::exchange(told_of_clipped_, true))
-        HOST_LOGW("The region %s reaches beyond the screen: %s of it is captured.",
+        HOST_LOGW("The region %s reaches beyond the screen; only %s is captured.",
                   common::region_text(region_).c_str(), common::region_text(inside).c_str());
 }
 

@@ -9,8 +9,8 @@
 namespace zu3host {
 
 /**
- * A region of what another source shows. That fetches all of it; the region alone is converted and
- * encoded. One thread at a time.
+ * A region of another source's image. The other source fetches the whole; only the region is
+ * converted and encoded. One thread at a time.
  */
 class CroppedSource : public PictureSource {
 public:
@@ -29,7 +29,7 @@ private:
     const std::unique_ptr<PictureSource> whole_;
     const common::ScreenRegion region_;
     PartList changed_;
-    // of the last image, within the whole one
+    // of the last image, within the other source's
     common::ScreenRegion shown_{};
     bool told_of_outside_ = false;
     bool told_of_clipped_ = false;

@@ -27,11 +27,11 @@ uint32_t middle(uint32_t box, uint32_t length)
     return length < box ? (box - length) / 2 & ~1u : 0;
 }
 
-/** The pixels that a span of a line reaches when the line is scaled: their start and number. */
+/** The pixels that depend on a span of a line when the line is scaled: their start and number. */
 std::pair<uint32_t, uint32_t> scaled_span(uint32_t start, uint32_t length, uint32_t from,
                                           uint32_t to)
 {
-    // A scaled pixel is made of pixels at most one beside its place, which is rounded.
+    // A scaled pixel depends on the pixel at its rounded place and that pixel's neighbors.
     constexpr int64_t reach = 2;
     const int64_t begin = (int64_t{start} - reach) * to / from - reach;
     const int64_t end = (int64_t{start} + length + reach) * to / from + reach + 1;

@@ -55,15 +55,15 @@ private:
 };
 
 /**
- * The parts of an image that differ once it is scaled to `size`: a scaled pixel depends on its
- * neighbours.
+ * The changed parts of an image scaled to `size`; larger than the scaled parts, since a scaled
+ * pixel depends on its neighbors.
  */
 PartList scaled_parts(const PartList& parts, PictureSize size);
 
 /**
  * Converts a part of an image, which has its placement's size, to its place in the NV12 picture at
- * `picture`; BT.601 limited. The part's corners are even or at the image's edge: then the picture
- * is the same as if all of the image had been converted.
+ * `picture`; BT.601 limited. The part's corners must be even or at the image's edge; then the
+ * result equals that of converting the whole image.
  */
 void write_nv12(const BgraImage& image, const PictureRectangle& part, const Placement& placement,
                 uint8_t* picture, PictureLayout layout);

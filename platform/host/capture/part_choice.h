@@ -5,7 +5,7 @@
 
 namespace zu3host {
 
-/** The part of the screen that the environment names; nullopt, with a log line, if it is wrong. */
+/** The part of the screen that the environment names; nullopt, with a log line, if invalid. */
 std::optional<common::ScreenPart> chosen_screen_part();
 
 } // namespace zu3host

@@ -7,7 +7,7 @@ namespace zu3host {
 
 namespace {
 
-// A request to the server for another part costs about as much as fetching so many pixels.
+// A request to the server for another part costs about as much as fetching this many pixels.
 constexpr int64_t pixels_worth_a_part = 4096;
 
 int64_t pixels_of(const PictureRectangle& part)
@@ -24,13 +24,13 @@ PictureRectangle around(const PictureRectangle& a, const PictureRectangle& b)
     return {x, y, {right - x, bottom - y}};
 }
 
-/** The pixels that two parts cost more, or less, as one. */
+/** The pixels that joining two parts adds, or saves if negative. */
 int64_t cost_of_joining(const PictureRectangle& a, const PictureRectangle& b)
 {
     return pixels_of(around(a, b)) - pixels_of(a) - pixels_of(b);
 }
 
-/** Its start and length between 0 and `limit`, both even, but for an end at the limit. */
+/** A span within 0 to `limit` with even start and end; only an end at the limit may be odd. */
 std::pair<uint32_t, uint32_t> even_span(uint32_t start, uint32_t length, uint32_t limit)
 {
     const uint32_t begin = std::min(start, limit) & ~1u;

@@ -10,9 +10,9 @@
 namespace zu3host {
 
 /**
- * A few rectangles of an image that cover all that was added to them, and perhaps more: each has a
- * cost beside its pixels. Their corners are even, for planes of half the resolution, except at the
- * right and lower edge of an image of odd size. They may overlap. Allocates nothing.
+ * A few rectangles of an image that cover everything added, and perhaps more: merging near ones is
+ * cheaper than fetching each. Their corners are even, for planes of half the resolution, except at
+ * the right and lower edge of an image of odd size. They may overlap. Allocates nothing.
  */
 class PartList {
 public:
@@ -21,7 +21,7 @@ public:
     PartList() = default;
     explicit PartList(PictureSize image) : image_(image) {}
 
-    /** Cuts off what lies outside of the image; no part may reach beyond 2^32 - 2. */
+    /** Clips the part to the image. No part may reach beyond 2^32 - 2. */
     void add(const PictureRectangle& part);
     void add(std::span<const PictureRectangle> parts)
     {
@@ -34,7 +34,7 @@ public:
     bool empty() const { return count_ == 0; }
     bool is_all() const { return count_ == 1 && parts_[0].size == image_; }
     std::span<const PictureRectangle> parts() const { return {parts_.data(), count_}; }
-    /** The smallest rectangle that contains all parts; of no size if there are none. */
+    /** The smallest rectangle that contains all parts; empty if there are none. */
     PictureRectangle bounds() const;
     PictureSize image() const { return image_; }
 

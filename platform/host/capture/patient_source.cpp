@@ -91,7 +91,7 @@ std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open
         thread.join();
         return nullptr;
     }
-    HOST_LOGE("%s does not answer: no picture of it can be had.", name.c_str());
+    HOST_LOGE("%s does not answer: it cannot be captured.", name.c_str());
     thread.detach();
     return nullptr;
 }

@@ -10,22 +10,22 @@
 
 namespace zu3host {
 
-/** A source whose grab may wait without a bound, for a server that does not answer. */
+/** A source whose grab may wait without limit for a server. */
 class WaitingSource : public PictureSource {
 public:
-    /** Ends a grab that waits; it and all later ones have no picture. From any thread. */
+    /** Ends a waiting grab; it and all later ones return no picture. From any thread. */
     virtual void cut() = 0;
 };
 
 /**
  * Grabs, on a separate thread, from a source whose grab may block without limit. A grab here times
- * out while the source's goes on; a later grab here returns that picture. The statistics tell how
- * long the source has not answered. One thread at a time.
+ * out while the source's continues; a later grab here returns that picture. The statistics count
+ * the time without an answer. One thread at a time.
  */
 class PatientSource : public PictureSource {
 public:
     using Open = std::function<std::unique_ptr<WaitingSource>()>;
-    /** for a server that only has to answer */
+    /** for a server; a user who must answer a dialog needs longer */
     static constexpr std::chrono::milliseconds usual_limit{5000};
 
     /**
@@ -35,7 +35,7 @@ public:
      */
     static std::unique_ptr<PatientSource> open(const std::string& name, Open open,
                                                std::chrono::milliseconds limit = usual_limit);
-    /** Ends a grab that still waits below. */
+    /** Ends the source's grab if that still waits. */
     ~PatientSource() override;
     PatientSource(const PatientSource&) = delete;
     PatientSource& operator=(const PatientSource&) = delete;

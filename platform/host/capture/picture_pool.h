@@ -20,15 +20,15 @@ namespace zu3host {
  */
 class PicturePool {
 public:
-    /** Of a slot; only its holder touches it. */
+    /** Of a slot; used only by the thread that took the slot. */
     struct Contents {
         /** the placement whose border is black */
         std::optional<Placement> bordered_for;
-        /** of the image that it holds, 0 = none */
+        /** of the contained image, 0 = none */
         uint64_t serial = 0;
         /** a renderer has drawn over the image */
         bool drawn_on = false;
-        /** of the picture that was written before this one, of which it tells the changed parts */
+        /** of the earlier picture that `changed` refers to */
         uint64_t since = 0;
         /** in pixels of the picture */
         PartList changed{};
@@ -37,8 +37,8 @@ public:
     /** Nine slots in its own memory; null without memory. Indices count up from `first_index`. */
     static std::shared_ptr<PicturePool> own(PictureLayout layout, uint32_t first_index);
     /**
-     * The slots that fit in `size` bytes at `address`; null, with a log line, if none fits or it
-     * is no memory.
+     * The slots that fit in `size` bytes at `address`; null, with a log line, if none fits or the
+     * address is unknown.
      */
     static std::shared_ptr<PicturePool> in_region(PictureLayout layout, uint64_t address,
                                                   uint32_t size, uint32_t first_index);

@@ -12,12 +12,12 @@ void PictureWriter::write(BgraImage image, PicturePool& pool, uint32_t index, Pi
     const bool kept = contents.bordered_for == placement && !contents.drawn_on;
     PartList missed(image.size);
     history_.add_since(kept ? contents.serial : 0, missed);
-    // none, should an exception cut this short
+    // none if an exception ends this early
     contents.serial = 0;
     if (!kept)
         blacken_border(placement, picture, layout);
     const PartList parts = scaled_parts(missed, placement.image);
-    // All of it is scaled: how much of it a pixel depends on is known with a margin only.
+    // Scales the whole, since scaling a part gives other pixels at its edges.
     const BgraImage placed = parts.empty() ? image : scaler_.scaled(image, placement.image);
     for (const PictureRectangle& part : parts.parts())
         write_nv12(placed, part, placement, picture, layout);

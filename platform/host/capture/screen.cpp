@@ -40,7 +40,7 @@ KeptScreen& kept_screen()
 
 int tell_screen(zu3_host_screen_receiver_t receiver, void* user)
 {
-    // two sessions at once would ask the user twice
+    // two sessions at once would show two dialogs
     kept_screen().take();
     const auto part = chosen_screen_part();
     if (!part)
@@ -52,7 +52,7 @@ int tell_screen(zu3_host_screen_receiver_t receiver, void* user)
         if (image)
             size = image->size;
         else
-            screen.problem = "no picture of it arrives";
+            screen.problem = "it delivers no picture";
     }
     const zu3_host_screen_t told{screen.kind,        size.width,          size.height,
                                  screen.refresh_mhz, screen.name.c_str(), screen.problem.c_str()};

@@ -26,11 +26,11 @@ struct ScreenHost {
 /** Why a screen cannot be opened. */
 enum class ScreenFailure : uint8_t {
     none,
-    /** no compositor, or no bus, answers at the address that the environment gives */
+    /** no compositor, or no bus, answers at the address in the environment */
     no_session,
-    /** the session answers, but it does not offer this way of capturing */
+    /** the session answers, but does not support this source */
     not_offered,
-    /** anything the user has to repair: refused, out of memory, an unknown pixel format */
+    /** a refusal, lack of memory, an unknown pixel format or another fault */
     failed,
 };
 
@@ -39,7 +39,7 @@ struct ScreenOpening {
     /** null on failure */
     std::unique_ptr<WaitingSource> source{};
     ScreenFailure failure = ScreenFailure::none;
-    /** the end of a sentence, without full stop: why it cannot be opened, and the way out */
+    /** the end of a sentence, without full stop: why it cannot be opened, and the remedy */
     std::string reason{};
     /** for messages, such as "the Wayland output HEADLESS-1" */
     std::string name{};
@@ -51,7 +51,7 @@ struct ScreenOpening {
 struct ScreenOutput {
     std::string name;
     std::string description;
-    /** real pixels, as people see it: rotated */
+    /** physical pixels, after rotation */
     PictureSize size;
     double scale;
     /** counterclockwise: 0, 90, 180 or 270 */
@@ -66,7 +66,7 @@ struct ScreenOutput {
 /** A requirement of a source, and whether it is met. */
 struct ScreenFinding {
     enum class Kind : uint8_t { good, limited, missing } kind;
-    /** complete, with the way out if it is limited or missing */
+    /** a complete sentence, with the remedy if it is limited or missing */
     std::string sentence;
 };
 
@@ -75,9 +75,9 @@ struct ScreenFinding {
  * limit unless they say otherwise, and may throw std::bad_alloc.
  */
 struct ScreenModule {
-    /** open() may wait for so long: for a user who answers a dialog, for example */
+    /** longest wait of open(), which may show the user a dialog */
     std::chrono::milliseconds opening_limit;
-    /** Opens the screen that recordings capture. On a thread that runs this only. */
+    /** Opens the screen that recordings capture. Call it on a separate thread. */
     ScreenOpening (*open)(const ScreenHost& host);
     /**
      * The outputs of the session; empty if it does not answer within 3 s, or if this source does
@@ -85,14 +85,14 @@ struct ScreenModule {
      */
     std::vector<ScreenOutput> (*list_outputs)();
     /**
-     * Adds the requirements of open(), in its order, up to the first that is not met. Does not ask
-     * the user. Waits up to 3 s for an answer.
-     * @return how open() would fail, as far as this can tell
+     * Adds the requirements of open(), in order, up to the first that is not met. Shows no dialog.
+     * Waits up to 3 s for an answer.
+     * @return the failure of open(), as far as it can be predicted
      */
     ScreenFailure (*examine)(std::vector<ScreenFinding>& findings);
 };
 
-/** The one function that each of these modules exports. */
+/** The only function that such a module exports. */
 inline constexpr char screen_module_entry[] = "zu3_screen_module";
 using ScreenModuleEntry = const ScreenModule* (*)();
 

@@ -150,7 +150,7 @@ bool session_is_wayland()
     return !environment("WAYLAND_DISPLAY").empty();
 }
 
-/** A terminal may have kept the name of a session that ended. */
+/** WAYLAND_DISPLAY may name a session that has ended. */
 bool goes_to_x11(ScreenFailure failure)
 {
     return failure == ScreenFailure::no_session && !environment("DISPLAY").empty();
@@ -179,7 +179,7 @@ ChosenScreen unknown_setting()
                        "portal or testcard"};
 }
 
-// no test card in place of a screen that is missing: it would pass for one
+// a test card in place of a missing screen would pass for a recording
 std::unique_ptr<PictureSource> open_x11(const common::ScreenPart& part)
 {
     return PatientSource::open("The X display DISPLAY=\"" + environment("DISPLAY") + "\"",

@@ -10,7 +10,7 @@
 
 namespace zu3host {
 
-/** A screen to capture, or why there is none. */
+/** A screen to capture, or the reason why there is none. */
 struct ChosenScreen {
     /** ZU3_HOST_SCREEN_* */
     uint32_t kind = ZU3_HOST_SCREEN_UNKNOWN;
@@ -18,7 +18,7 @@ struct ChosenScreen {
     std::unique_ptr<PictureSource> source{};
     /** for messages */
     std::string name{};
-    /** the end of a sentence; empty if it can be captured, or if the log says why it cannot */
+    /** the end of a sentence; empty if it can be captured, or if the log has the reason */
     std::string problem{};
     uint32_t refresh_mhz = 0;
 };
@@ -29,7 +29,7 @@ ChosenScreen open_chosen_screen(const common::ScreenPart& part);
 /** The source that open_chosen_screen() opens, without opening X11's or the test card. */
 ChosenScreen open_wayland_screen(const common::ScreenPart& part);
 
-/** Adds why this source is used, then its requirements; as zu3_host_examine_screen(). */
+/** Adds the reason for this source, then its requirements, like zu3_host_examine_screen(). */
 uint32_t examine_screen(std::vector<ScreenFinding>& findings);
 
 /** The outputs of the Wayland session; empty if no compositor answers. */

@@ -30,7 +30,7 @@ uint32_t packed_bytes(uint32_t format)
     }
 }
 
-/** An image of exactly the target's size, in `kept` if it has to be made. */
+/** An image of exactly the target's size; a scaled one lies in `kept`. */
 BgraImage composed(BgraImage image, PictureSize size, std::vector<uint8_t>& kept)
 {
     image.size = without_odd_edge(image.size, size);

@@ -33,9 +33,10 @@ struct StillTarget {
 std::optional<StillTarget> still_target(const ZU_CAP_Output_t& output);
 
 /**
- * Scales an image into the target, letterboxed if the shape differs. NV12 is `width` x `height`
- * luma bytes with the chroma lines of `width` bytes straight behind: of an odd width the last
- * sample's Cr does not fit, of an odd height the last chroma line is written as far as it fits.
+ * Scales an image into the target, letterboxed if the aspect ratio differs. NV12 is `width` x
+ * `height` luma bytes followed directly by chroma lines of `width` bytes: with an odd width the
+ * last sample's Cr is left out, with an odd height the last chroma line is written as far as it
+ * fits.
  */
 void write_still(const BgraImage& image, const StillTarget& target);
 
