@@ -11,8 +11,8 @@ namespace {
 using std::chrono::milliseconds;
 
 /**
- * Waits are counted in slices, not by the clock: a process that was stopped for longer than any
- * limit looks for the answer before it judges.
+ * Waits are counted in slices, not by the clock: a process that was stopped reads the answer before
+ * it checks the limit.
  */
 constexpr milliseconds slice(50);
 
@@ -46,7 +46,7 @@ MessageBus::~MessageBus()
         sd_bus_slot_unref(receiver->slot);
     if (!bus_)
         return;
-    // no flush: it would wait for a bus that hangs
+    // without a flush, which would wait for a bus that hangs
     sd_bus_close(bus_);
     sd_bus_unref(bus_);
 }
@@ -110,7 +110,7 @@ BusAnswer MessageBus::call(const std::string& service, const std::string& path,
                     [&answer](sd_bus_message* message) { answer = BusAnswer(message); }))
         return answer;
     run_until([&answer] { return answer.message() != nullptr; }, patience);
-    // one that comes late is not wanted any more
+    // cancels a late answer
     for (size_t i = before; i < receivers_.size(); ++i)
         sd_bus_slot_unref(receivers_[i]->slot);
     receivers_.resize(before);

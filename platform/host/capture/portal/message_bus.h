@@ -9,7 +9,7 @@
 
 namespace zu3host {
 
-/** An answer of the bus, or the error in its place. */
+/** An answer of the bus, or an error. */
 class BusAnswer {
 public:
     BusAnswer() = default;
@@ -19,9 +19,9 @@ public:
     {
     }
 
-    /** Null if nothing answered in time, or if the connection is broken. */
+    /** Null if no answer came in time, or if the connection is broken. */
     sd_bus_message* message() const { return message_.get(); }
-    /** Whether it is an answer and no error. */
+    /** Whether it is an answer, not an error. */
     explicit operator bool() const;
     /** Of an error, such as "org.freedesktop.DBus.Error.ServiceUnknown"; empty if there is none. */
     std::string error_name() const;
@@ -34,8 +34,8 @@ private:
 };
 
 /**
- * A connection to the user's message bus that never waits longer than it is told to, for a bus or a
- * service that hangs. One thread at a time.
+ * A connection to the user's message bus. Every wait is limited, even if the bus or a service
+ * hangs. One thread at a time.
  */
 class MessageBus {
 public:
@@ -48,7 +48,7 @@ public:
     MessageBus(const MessageBus&) = delete;
     MessageBus& operator=(const MessageBus&) = delete;
 
-    /** 0, or an errno value: there is no bus, or it did not answer in time. */
+    /** 0, or an errno value if there is no bus or it did not answer in time. */
     int connect(Milliseconds patience);
     /** This connection's name, such as ":1.42". */
     std::string unique_name() const;
@@ -60,7 +60,7 @@ public:
     bool call_later(const std::string& service, const std::string& path,
                     const std::string& interface, const char* method, const Fill& fill,
                     Milliseconds patience, Signal answered);
-    /** Has the bus send the signals of that rule here. */
+    /** Subscribes to the signals that match the rule. */
     bool listen(const char* rule, Signal received);
     /** Handles messages until `condition` is true; false after `patience` or without a bus. */
     bool run_until(const std::function<bool()>& condition, Milliseconds patience);

@@ -10,10 +10,10 @@ namespace zu3host {
 
 namespace {
 
-// So many parts may have changed; more count as all.
+// Most changed parts of a buffer; more count as all.
 constexpr size_t most_parts = 32;
-// A compositor without a free buffer drops its picture, perhaps the last one before a still screen:
-// there are enough for the time in which this process is not scheduled.
+// A compositor without a free buffer drops its picture, perhaps the last one before a still screen.
+// So there are enough for the times when this process is not scheduled.
 constexpr int usual_buffers = 8;
 constexpr int most_buffers = 16;
 
@@ -77,7 +77,7 @@ std::string format_name(uint32_t format)
 
 void load_library()
 {
-    // pw_init() counts its calls; the library stays initialised as long as the process.
+    // pw_init() counts its calls; the library stays initialized until the process ends.
     static const bool done = (pw_init(nullptr, nullptr), true);
     static_cast<void>(done);
 }
@@ -160,7 +160,7 @@ bool PipewireStream::start(common::Descriptor remote, uint32_t node, std::string
     }
     const Locked lock(loop_);
     node_ = node;
-    // It closes the descriptor, also on a failure.
+    // It closes the descriptor, even on failure.
     core_ = pw_context_connect_fd(context_, remote.release(), nullptr, 0);
     if (core_) {
         pw_core_add_listener(core_, &core_hook_, &core_events, this);
@@ -211,7 +211,7 @@ PipewireStream::~PipewireStream()
 bool PipewireStream::wait_for_first(std::chrono::milliseconds patience, std::string& failure)
 {
     const Locked lock(loop_);
-    // In slices: a process that was stopped for longer than the limit looks before it judges.
+    // In slices: a process that was stopped looks for the picture before it checks the limit.
     constexpr std::chrono::milliseconds slice(50);
     for (auto left = patience / slice; left > 0 && !latest_.fresh && !ended_; --left) {
         timespec until{};
@@ -272,7 +272,7 @@ void PipewireStream::on_state(pw_stream_state state, const char* error)
         end(unjoined_reason().value_or("PipeWire ended the stream"));
 }
 
-/** Why both ends were not joined; the session's manager ends such a stream without a reason. */
+/** Why both ends were not connected; the session manager ends such a stream without a reason. */
 std::optional<std::string> PipewireStream::unjoined_reason() const
 {
     if (had_format_)
@@ -377,7 +377,7 @@ void PipewireStream::on_process()
         pw_thread_loop_signal(loop_, false);
 }
 
-/** Makes it the newest if it has a picture, and gives the one before back. */
+/** Keeps the buffer if it has a picture, and returns the previous one. */
 bool PipewireStream::keep(pw_buffer* buffer)
 {
     const auto memory = memories_.find(buffer);

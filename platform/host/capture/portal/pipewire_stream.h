@@ -17,9 +17,9 @@
 namespace zu3host {
 
 /**
- * The pictures of one node of PipeWire. A private thread keeps the newest buffer and gives the
- * others back, so that the compositor always has one to fill; nothing is read or converted before
- * show(). One thread at a time.
+ * The pictures of one node of PipeWire. A private thread keeps the newest buffer and returns the
+ * others, so that the compositor always has one to fill; only show() reads and converts. One thread
+ * at a time.
  */
 class PipewireStream {
 public:
@@ -44,7 +44,7 @@ private:
     struct Latest {
         pw_buffer* buffer = nullptr;
         FrameLayout layout{};
-        // of the buffers since the last show(): the parts that changed, unless all did
+        // of the buffers since the last show(): the changed parts, unless `all` is set
         bool all = true;
         std::vector<PictureRectangle> damage{};
         bool fresh = false;
@@ -81,8 +81,8 @@ private:
     spa_hook registry_hook_{};
     uint32_t node_ = 0;
 
-    // of the loop's thread, or with its lock
-    // in the list of PipeWire's objects
+    // The members from here on are for the loop's thread, or need its lock.
+    // whether PipeWire lists the node
     bool node_there_ = false;
     std::optional<StreamFormat> format_;
     bool had_format_ = false;

@@ -184,7 +184,7 @@ PortalSession::open(const PortalWish& wish, const RestoreToken& token, PortalPro
     if (!abilities || !session->create(problem) || !session->select(*abilities, kept, problem) ||
         !session->start(wish, problem))
         return nullptr;
-    // A token is good for one session: the next one comes with this one's start.
+    // A token serves one session; the start of this one returns the next token.
     if (abilities->version >= version_of_tokens)
         token.write(session->token_);
     return session->open_remote(problem) ? std::move(session) : nullptr;
@@ -333,7 +333,7 @@ bool PortalSession::request(const char* method, const Arguments& arguments, mill
     return false;
 }
 
-/** Waits, and looks in between whether the portal is alive: a user may need long, it may not. */
+/** Waits for the user, and meanwhile checks that the portal answers. */
 bool PortalSession::wait_for_response(milliseconds limit, PortalProblem& problem)
 {
     bool silent = false;

@@ -15,15 +15,15 @@ namespace zu3host {
 /** Why a portal gives no screen. */
 struct PortalProblem {
     enum class Kind : uint8_t { no_bus, no_portal, failed } kind = Kind::failed;
-    /** the end of a sentence, with the way out */
+    /** the end of a sentence, with the remedy */
     std::string reason;
 };
 
-/** How a session is asked for. */
+/** Options of a session. */
 struct PortalWish {
-    /** the user is asked again, whatever was granted before */
+    /** asks the user even after an earlier grant */
     bool ask = false;
-    /** told once, before the user is asked */
+    /** called once, before the user is asked */
     std::function<void()> dialog_opens;
 };
 
@@ -39,24 +39,24 @@ struct PortalAbilities {
     uint32_t cursor_modes = 0;
 };
 
-/** A screen that the portal shares with this process: until this is destroyed, or closed(). */
+/** A screen that the portal shares with this process, until destruction or closed(). */
 class PortalSession {
 public:
     /**
-     * Asks the portal. Waits for the user up to `user_patience`, otherwise up to five seconds.
+     * Asks the portal. Waits up to `user_patience` for the user, up to five seconds for programs.
      */
     static std::unique_ptr<PortalSession> open(const PortalWish& wish, const RestoreToken& token,
                                                PortalProblem& problem);
     /** The portal's abilities; nullopt with the reason why it cannot be used. */
     static std::optional<PortalAbilities> examine(PortalProblem& problem);
 
-    /** A connection to PipeWire that sees the shared screen alone; given away once. */
+    /** A connection to PipeWire that sees only the shared screen. Call it once. */
     common::Descriptor take_remote() { return std::move(remote_); }
     /** The number of the screen's node there. */
     uint32_t node() const { return node_; }
-    /** Whether the pointer comes as metadata, and is not in the pictures. */
+    /** Whether the pointer comes as metadata instead of in the pictures. */
     bool pointer_apart() const { return pointer_apart_; }
-    /** Whether the user or the desktop ended the sharing; waits up to `limit` for word of it. */
+    /** Whether the user or the desktop ended the sharing; waits up to `limit` for that signal. */
     bool closed(MessageBus::Milliseconds limit);
 
     /** longest time for the user's answer */

@@ -19,7 +19,7 @@ std::optional<BgraImage> PortalSource::grab(const GrabRequest& request)
 
 std::optional<std::string> PortalSource::loss()
 {
-    // The stream of a closed session ends too, often before the bus tells why.
+    // The stream of a closed session ends too, often before the bus reports the reason.
     constexpr MessageBus::Milliseconds reason_limit(300);
     const auto ended = stream_->ended();
     if (session_->closed(ended ? reason_limit : MessageBus::Milliseconds(0)))
@@ -31,7 +31,7 @@ void PortalSource::note_loss(const std::string& reason)
 {
     lost_ = true;
     const std::string sentence =
-        "The shared screen went away while it was captured (" + reason +
+        "The shared screen went away (" + reason +
         "): there are no more pictures. Start the recording again to share it again.";
     host_.log(ANDROID_LOG_ERROR, sentence.c_str());
     host_.note_lost_display();

@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * The screen or window that the user shares through the desktop portal. When the sharing ends, it
- * says so once in the log and in the statistics, and has no pictures from then on.
+ * The screen or window that the user shares through the desktop portal. When the sharing ends, one
+ * log line and the statistics say so, and grabs return no more pictures.
  */
 class PortalSource final : public WaitingSource {
 public:
@@ -23,7 +23,7 @@ public:
     {
     }
 
-    /** Does not wait: a compositor sends a picture when there is something new to see. */
+    /** Does not wait, since the compositor sends a picture only after a change. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     void cut() override {}
 

@@ -39,7 +39,7 @@ bool is_token(const std::string& text)
            std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7F; });
 }
 
-/** Makes the folder of `path` and those above it, for the owner alone. */
+/** Creates the folder of `path` and its parents, mode 0700. */
 void make_folders(const std::string& path)
 {
     for (size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1))

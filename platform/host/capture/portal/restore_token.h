@@ -6,21 +6,20 @@ namespace zu3host {
 
 /**
  * The token with which the portal repeats the user's choice without a dialog: one line in
- * "$XDG_STATE_HOME/screenrecord/portal-token", ~/.local/state by default. Readable by its owner
- * alone.
+ * "$XDG_STATE_HOME/screenrecord/portal-token", ~/.local/state by default. Mode 0600.
  */
 class RestoreToken {
 public:
-    /** Of this user, by the environment. */
+    /** The token of this user, by the environment. */
     RestoreToken();
-    /** Of that file; an empty path keeps no token. */
+    /** The token in that file; an empty path keeps none. */
     explicit RestoreToken(std::string path) : path_(std::move(path)) {}
 
-    /** The kept token; empty if there is none that can be trusted. */
+    /** The kept token; empty if there is none or its file is not trusted. */
     std::string read() const;
     /**
      * Replaces it in one step; an empty token removes it.
-     * @return 0 or an errno value: the old one stays
+     * @return 0, or an errno value, in which case the old token stays
      */
     int write(const std::string& token) const;
     const std::string& path() const { return path_; }

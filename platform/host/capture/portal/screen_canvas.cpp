@@ -71,7 +71,7 @@ bool ScreenCanvas::take_all(StreamMemory& memory, const FrameLayout& layout, Pix
         convert(lines, layout.stride, pixels_.data(), stride(), size_, order);
     else
         put_turned(lines, layout.stride, layout, order);
-    // The pixels below the pointer are gone.
+    // The new picture has no pointer drawn into it.
     pointer_.lifted = true;
     all_news_ = true;
     return true;
@@ -132,7 +132,7 @@ void ScreenCanvas::put_turned(const uint8_t* upright, uint32_t from_stride,
         mirroring_.resize(pixels_.size());
         to = mirroring_.data();
     }
-    // The buffer was mirrored and then turned counterclockwise: the way back is clockwise first.
+    // The buffer was mirrored and then rotated counterclockwise, so rotate clockwise first.
     constexpr libyuv::RotationMode clockwise[] = {libyuv::kRotate0, libyuv::kRotate90,
                                                   libyuv::kRotate180, libyuv::kRotate270};
     const auto line = static_cast<int>(stride());
@@ -184,7 +184,7 @@ void ScreenCanvas::draw(const Cursor& cursor)
     const uint8_t* const look = cursor.image.pixels.data() +
                                 size_t{line} * static_cast<size_t>(top - y) +
                                 size_t{4} * static_cast<size_t>(left - x);
-    // Both have colours multiplied by their alpha.
+    // Both have colors premultiplied by alpha.
     libyuv::ARGBBlend(look, static_cast<int>(line), below, static_cast<int>(stride()), below,
                       static_cast<int>(stride()), static_cast<int>(size.width),
                       static_cast<int>(size.height));

@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * The screen's picture, put together from the buffers of a stream and the pointer. Copies and
- * converts the changed parts only. One thread at a time.
+ * The screen's picture, composed from the buffers of a stream and the pointer. Copies and converts
+ * only changed parts. One thread at a time.
  *
  * To update it, call take() if there is a new buffer, then point(), then image().
  */
@@ -24,11 +24,11 @@ public:
     /**
      * Copies the picture of a buffer.
      * @param damage the parts of the buffer's picture that changed; empty = all of it
-     * @return false if the memory cannot be read: nothing changed then
+     * @return false, without a change, if the memory cannot be read
      */
     bool take(StreamMemory& memory, const FrameLayout& layout, const StreamFormat& format,
               std::span<const PictureRectangle> damage);
-    /** Draws the pointer in, or removes it if `cursor` is null or not visible. */
+    /** Draws the pointer, or removes it if `cursor` is null or invisible. */
     void point(const Cursor* cursor);
     /** Whether there is a picture: take() has succeeded once. */
     bool has_picture() const { return !pixels_.empty(); }
@@ -37,11 +37,11 @@ public:
 
 private:
     struct Pointer {
-        // Cursor::changes; 0 = none is drawn
+        // Cursor::changes of the drawn pointer; 0 = none is drawn
         uint64_t key = 0;
         PictureRectangle at{};
         std::vector<uint8_t> under{};
-        // the canvas has the pixels below it
+        // whether the canvas shows the pixels below it instead
         bool lifted = true;
     };
 

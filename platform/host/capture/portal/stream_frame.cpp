@@ -11,7 +11,7 @@ namespace zu3host {
 
 namespace {
 
-/** A copy of memory that another process writes to, so that it is read once. */
+/** A copy of memory that another process writes to; reads it once. */
 template <typename T> T snapshot(const void* shared)
 {
     T copy;
@@ -75,7 +75,7 @@ bool is_corrupted(const spa_buffer& buffer)
            (snapshot<spa_meta_header>(header->data).flags & SPA_META_HEADER_FLAG_CORRUPTED);
 }
 
-/** The bytes of metadata that a bitmap's pixels lie in, and how. */
+/** The bytes of a bitmap's pixels within the metadata, and their layout. */
 struct BitmapBytes {
     const uint8_t* pixels;
     uint32_t stride;
@@ -182,7 +182,7 @@ bool append_damage(const spa_buffer& buffer, const StreamFormat& format,
         if (!is_empty(part))
             parts.push_back(part);
     }
-    // An empty list is also that of a compositor which writes none.
+    // A compositor that writes no damage leaves an empty list as well.
     return told > 0;
 }
 

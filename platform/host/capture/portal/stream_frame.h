@@ -15,26 +15,26 @@ namespace zu3host {
  * writes it and may change it at any time, so each record is copied, then checked, then used.
  */
 
-/** Order of the four bytes of a pixel; a fourth beside the colours is ignored. */
+/** Order of the four bytes of a pixel; the byte x or A is ignored. */
 enum class PixelOrder : uint8_t { blue_first, red_first };
 
 /** The order of a format of SPA; nullopt for all but BGRx, BGRA, RGBx and RGBA. */
 std::optional<PixelOrder> pixel_order(uint32_t spa_format);
 
-/** The format of a stream, as it was negotiated. */
+/** The negotiated format of a stream. */
 struct StreamFormat {
     PixelOrder order;
     PictureSize size;
 };
 
-/** Whether a picture has such a size: at most 32767 pixels a side and 1 GiB in all. */
+/** Whether a picture can have this size: at most 32767 pixels per side and 1 GiB. */
 bool is_possible_screen(PictureSize size);
 
-/** How the pixels of a buffer were turned, in the order of spa_meta_videotransform_value. */
+/** The transform of a buffer's pixels, numbered like spa_meta_videotransform_value. */
 struct Turn {
     /** first mirrored left to right ... */
     bool mirrored = false;
-    /** ... then turned counterclockwise by so many quarters, 0 to 3 */
+    /** ... then rotated counterclockwise by this many quarters, 0 to 3 */
     uint32_t quarters = 0;
     bool operator==(const Turn&) const = default;
     bool identity() const { return !mirrored && quarters == 0; }
@@ -46,39 +46,39 @@ struct FrameLayout {
     uint64_t offset;
     /** bytes per line, at least 4 per pixel */
     uint32_t stride;
-    /** the part that is to be shown; not empty */
+    /** the visible part; not empty */
     PictureRectangle shown;
-    /** before it is shown, this is undone */
+    /** to be undone before display */
     Turn turn;
     bool operator==(const FrameLayout&) const;
 };
 
 /**
- * The picture of a buffer whose memory is `memory_size` bytes; nullopt if it has none, as if only
- * the pointer moved, or if the picture does not lie within the memory.
+ * The picture of a buffer whose memory has `memory_size` bytes. Nullopt if the buffer has none, for
+ * example if only the pointer moved, or if the picture exceeds the memory.
  */
 std::optional<FrameLayout> frame_layout(const spa_buffer& buffer, const StreamFormat& format,
                                         uint64_t memory_size);
 
 /**
- * Appends the parts of the buffer that changed since the buffer before it, within its picture.
- * @return false if the buffer does not tell: all of it may have changed
+ * Appends the parts of the buffer that changed since the previous buffer, clipped to its picture.
+ * @return false if the buffer has no such list, so all of it may have changed
  */
 bool append_damage(const spa_buffer& buffer, const StreamFormat& format,
                    std::vector<PictureRectangle>& parts);
 
-/** A pointer's look. */
+/** A pointer's image. */
 struct CursorImage {
-    /** empty: there is nothing to see */
+    /** empty = invisible */
     PictureSize size{};
-    /** the point in it that the pointer points to */
+    /** the hot spot */
     int32_t hot_x = 0;
     int32_t hot_y = 0;
     /** BGRA, multiplied by alpha */
     std::vector<uint8_t> pixels{};
 };
 
-/** The pointer of a stream, as its buffers told so far. */
+/** The pointer of a stream, according to its buffers so far. */
 struct Cursor {
     bool visible = false;
     /** pixels of the buffer, from its top left; may lie outside */
@@ -89,10 +89,10 @@ struct Cursor {
     uint64_t changes = 0;
 };
 
-/** Updates the pointer from a buffer. Without metadata, or with impossible ones, it stays. */
+/** Updates the pointer from a buffer. Missing or invalid metadata change nothing. */
 void take_cursor(const spa_buffer& buffer, Cursor& cursor);
 
-/** Bytes of the metadata of a pointer whose image has at most that size. */
+/** Most bytes of the metadata of a pointer with an image of that size. */
 uint32_t cursor_metadata_bytes(uint32_t width, uint32_t height);
 inline constexpr uint32_t greatest_cursor = 512;
 

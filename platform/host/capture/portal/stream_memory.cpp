@@ -11,7 +11,7 @@ namespace zu3host {
 
 namespace {
 
-// No screen has more; keeps sums of offsets and sizes within their types.
+// More than any screen; keeps sums of offsets and sizes within their types.
 constexpr uint64_t greatest_size = uint64_t{1} << 32;
 
 bool reaches(int fd, uint64_t end)

@@ -8,29 +8,29 @@
 namespace zu3host {
 
 /**
- * Memory that another process shares and may lie about. It is mapped only if that process cannot
- * shrink it any more, since an access beyond its end would kill this one; other memory is read.
+ * Memory that an untrusted process shares. It is mapped only if sealed against shrinking, since an
+ * access beyond its end would kill this process; other memory is read by system calls.
  */
 class StreamMemory {
 public:
     /**
      * @param fd stays the caller's
-     * @param offset,size bytes of `fd` that are shared
+     * @param offset,size the shared bytes of `fd`
      */
     StreamMemory(int fd, uint64_t offset, uint64_t size);
-    /** Memory of PipeWire itself, which has mapped it. */
+    /** Memory that PipeWire has mapped. */
     StreamMemory(const void* mapped, uint64_t size);
     ~StreamMemory();
     StreamMemory(const StreamMemory&) = delete;
     StreamMemory& operator=(const StreamMemory&) = delete;
 
-    /** Whether `fd` has so many bytes, and could be mapped or duplicated. */
+    /** Whether `fd` has that many bytes, and could be mapped or duplicated. */
     bool usable() const { return usable_; }
     /** bytes; 0 if not usable */
     uint64_t size() const { return usable_ ? size_ : 0; }
     /**
-     * Bytes at `offset`, until the next call; their process may change them at any time. Null if
-     * they lie beyond the memory, or if that was shrunk.
+     * Bytes at `offset`, valid until the next call; the other process may change them at any time.
+     * Null if they lie beyond the memory, or if it was shrunk.
      */
     const uint8_t* bytes(uint64_t offset, uint64_t count);
 
@@ -42,7 +42,7 @@ private:
     bool usable_ = false;
     // start of the mapping; null if there is none
     const uint8_t* start_ = nullptr;
-    // from the page that offset_ lies in; null if there is nothing to unmap
+    // start of the page of offset_; null if there is nothing to unmap
     void* mapping_ = nullptr;
     size_t mapped_ = 0;
     // not mapped
