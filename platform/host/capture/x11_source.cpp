@@ -210,7 +210,7 @@ void X11Source::note_loss()
     const std::string end = connection_->lost() ? "" : view_->end();
     if (end.empty())
         HOST_LOGE(
-            "The X display DISPLAY=\"%s\" went away while it was captured: there are no more pictures. Start the recording again when the display is back.",
+            "The X display DISPLAY=\"%s\" went away: there are no more pictures. Start the recording again when the display is back.",
             connection_->display().c_str());
     else
         HOST_LOGE("DISPLAY=\"%s\": %s. There are no more pictures.", connection_->display().c_str(),

@@ -9,7 +9,7 @@
 
 namespace zu3host {
 
-/** The layout that a compositor asks for. */
+/** The layout that a compositor requests. */
 struct CopyLayout {
     /** wl_shm_format */
     uint32_t format = 0;
@@ -18,15 +18,15 @@ struct CopyLayout {
     uint32_t stride = 0;
     bool operator==(const CopyLayout&) const = default;
 
-    /** Whether it can be one: sizes and stride fit each other and no limit is exceeded. */
+    /** Whether sizes and stride are consistent and within limits. */
     bool is_possible() const;
     size_t bytes() const { return size_t{stride} * size.height; }
 };
 
-/** Memory that the compositor writes into. It is sealed: no process can shrink it. */
+/** Memory that the compositor writes into, sealed so that no process can shrink it. */
 class CopyBuffer {
 public:
-    /** Null without memory or descriptors. The layout must be possible. */
+    /** Null if memory or descriptors run out. The layout must be possible. */
     static std::unique_ptr<CopyBuffer> make(wl_shm* shm, const CopyLayout& layout);
     ~CopyBuffer();
     CopyBuffer(const CopyBuffer&) = delete;

@@ -68,7 +68,7 @@ WaylandProblem FrameCopy::problem() const
     if (state_ == State::failed)
         return fail("the Wayland compositor refuses to copy the output");
     if (!layout_.is_possible())
-        return fail("the Wayland compositor offers a copy that cannot be: " +
+        return fail("the Wayland compositor offers an impossible copy: " +
                     std::to_string(layout_.size.width) + "x" + std::to_string(layout_.size.height) +
                     " pixels in lines of " + std::to_string(layout_.stride) + " bytes");
     if (!is_known_format(layout_.format))

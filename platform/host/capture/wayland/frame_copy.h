@@ -11,8 +11,8 @@
 namespace zu3host {
 
 /**
- * One copy of an output: the compositor first tells the layout it needs, then it is asked to copy.
- * It answers once the output differs from the last copy, or that it failed. Events happen within
+ * One copy of an output: the compositor first announces the layout, then gets the request to copy.
+ * It answers once the output differs from the last copy, or with a failure. Events arrive within
  * the connection's waits.
  */
 class FrameCopy {
@@ -35,20 +35,20 @@ public:
     FrameCopy& operator=(const FrameCopy&) = delete;
 
     State state() const { return state_; }
-    /** From `offered` on; the compositor's word, so look whether it is possible. */
+    /** From `offered` on. Check that it is possible, since the compositor chose it. */
     const CopyLayout& layout() const { return layout_; }
     /** Once past `announced`: why it cannot be copied or shown; no failure if it can. */
     WaylandProblem problem() const;
     bool shows_pointer() const { return pointer_; }
     /**
-     * In state `offered`, with a buffer of the layout, which lives as long as this. The compositor
-     * counts changes from the last copy of any kind, with the pointer or without.
+     * Requests the copy, in state `offered`, into a buffer of the layout that outlives this object.
+     * The compositor counts changes from the last copy, with the pointer or without.
      */
     void ask(const CopyBuffer& buffer, bool only_if_changed);
     /** Once complete: whether the first line is the lowest one. */
     bool is_upside_down() const { return upside_down_; }
     /**
-     * Once complete: the pixels that differ from the last copy, within the buffer; empty if all may
+     * Once complete: the parts of the buffer that differ from the last copy; empty = all may
      * differ.
      */
     std::span<const PictureRectangle> damage() const

@@ -14,7 +14,7 @@ constexpr uint32_t logical_destroy = 0;
 constexpr uint32_t logical_manager_destroy = 0;
 constexpr uint32_t logical_manager_get = 1;
 
-// The interface of each object among a message's arguments, and null for each other argument.
+// The interface of each object among a message's arguments, null for other arguments.
 const wl_interface* no_objects[7] = {};
 const wl_interface* capture_output_objects[] = {&screencopy_frame_interface, nullptr,
                                                 &wl_output_interface};

@@ -54,7 +54,7 @@ struct LogicalOutputListener {
 
 /** The next frame of an output; null without memory. */
 ScreencopyFrame* capture_output(ScreencopyManager* manager, bool pointer, wl_output* output);
-/** Copies the next frame, also if it does not differ. */
+/** Copies the next frame, even if it does not differ. */
 void copy(ScreencopyFrame* frame, wl_buffer* buffer);
 /** Copies the next frame that differs from the client's last copy. */
 void copy_with_damage(ScreencopyFrame* frame, wl_buffer* buffer);

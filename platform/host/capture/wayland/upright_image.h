@@ -8,10 +8,10 @@
 
 namespace zu3host {
 
-/** Whether copies of this wl_shm_format can be shown. */
+/** Whether copies of this wl_shm_format are supported. */
 bool is_known_format(uint32_t shm_format);
 
-/** Lines and columns of a copy against what people see on the output. */
+/** Order of a copy's lines and columns, relative to the output as it is seen. */
 struct Orientation {
     /** wl_output_transform, 0 to 7: counterclockwise quarters, and 4 = mirrored first */
     uint32_t transform = 0;
@@ -20,23 +20,23 @@ struct Orientation {
     bool operator==(const Orientation&) const = default;
 };
 
-/** The size that people see. */
+/** The size after rotation. */
 PictureSize upright_size(PictureSize copied, Orientation orientation);
-/** A part of a copy as a part of what people see. */
+/** A part of a copy in the upright picture. */
 PictureRectangle upright_part(const PictureRectangle& part, PictureSize copied,
                               Orientation orientation);
 
-/** Turns copies upright, and their pixels to BGRA, in memory that is kept from one to the next. */
+/** Rotates copies upright and converts them to BGRA, in memory that is reused for the next. */
 class UprightImage {
 public:
     /**
-     * `changed` and `serial` are left to the caller. A copy that needs no change is returned as it
-     * is. The layout must be possible and its format known.
+     * The caller sets `changed` and `serial`. A copy that needs no conversion is returned as it
+     * is. The layout must be possible and its format supported.
      */
     BgraImage of(const CopyLayout& layout, const uint8_t* copied, Orientation orientation);
 
 private:
-    // of each step, empty while it is not needed
+    // one per step; empty while not needed
     std::vector<uint8_t> straight_;
     std::vector<uint8_t> turned_;
     std::vector<uint8_t> mirrored_;

@@ -14,7 +14,7 @@ namespace zu3host {
 
 namespace {
 
-/** libwayland's own words would go to standard error. */
+/** Drops libwayland's messages, which go to standard error otherwise. */
 void say_nothing(const char*, va_list) {}
 
 bool find_socket(std::string& name, std::string& path, WaylandProblem& problem)
@@ -83,7 +83,7 @@ std::unique_ptr<WaylandConnection> WaylandConnection::open(WaylandProblem& probl
     // closes the socket when it fails
     wl_display* const display = wl_display_connect_to_fd(fd);
     if (!display) {
-        problem = {ScreenFailure::failed, "there is no memory for a connection"};
+        problem = {ScreenFailure::failed, "memory ran out while connecting"};
         return nullptr;
     }
     return std::unique_ptr<WaylandConnection>(new WaylandConnection(display, fd, std::move(name)));
@@ -104,7 +104,7 @@ int WaylandConnection::milliseconds_to(Clock::time_point deadline)
 {
     if (deadline == Clock::time_point::max())
         return 1000;
-    // rounded up: a wait of less than a millisecond is no loop without a wait
+    // rounded up: rounded down, a wait of less than a millisecond would spin
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, 1000));
 }

@@ -10,17 +10,16 @@
 
 namespace zu3host {
 
-/** Why something of a session cannot be had: as in ScreenOpening. */
+/** Why a session cannot be used, as in ScreenOpening. */
 struct WaylandProblem {
     ScreenFailure failure = ScreenFailure::none;
     std::string reason;
 };
 
 /**
- * A connection to the Wayland compositor. It is lost when it ends or when the compositor breaks the
- * protocol, never for being slow; a lost one stays lost, and every later wait returns at once.
- * Listeners of objects are called within wait() and take_events(). One thread at a time, but for
- * cut().
+ * A connection to the Wayland compositor. It is lost when it ends or the compositor violates the
+ * protocol, but not if the compositor is slow. After a loss every wait returns at once. wait() and
+ * take_events() call the listeners of objects. One thread at a time, except for cut().
  */
 class WaylandConnection {
 public:
@@ -39,7 +38,7 @@ public:
     /** The value of WAYLAND_DISPLAY at the opening. */
     const std::string& name() const { return name_; }
     bool lost() const { return wl_display_get_error(display_) != 0; }
-    /** Ends the connection, and with it whatever waits; from any thread. */
+    /** Ends the connection and every wait; from any thread. */
     void cut();
     bool was_cut() const { return cut_; }
 

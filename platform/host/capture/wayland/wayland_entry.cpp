@@ -45,7 +45,7 @@ ScreenFailure add_problem(WaylandProblem problem, std::vector<ScreenFinding>& fi
     return problem.failure;
 }
 
-/** The first layout that the compositor offers; null if it offers none in time. */
+/** A copy with the first layout that the compositor offers; null if none comes in time. */
 std::unique_ptr<FrameCopy> offered_frame(WaylandSession& session)
 {
     auto frame = std::make_unique<FrameCopy>(session, session.outputs().front()->proxy, false);

@@ -10,7 +10,7 @@ namespace zu3host {
 
 namespace {
 
-/** More than any desktop has; a compositor that announces more is not believed. */
+/** More than any desktop has; further outputs are ignored. */
 constexpr size_t most_outputs = 32;
 
 WaylandOutput& output_of(void* data)

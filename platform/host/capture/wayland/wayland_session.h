@@ -38,12 +38,11 @@ struct WaylandOutput {
     ScreenOutput description_of() const;
 };
 
-/** A connection with the globals that a copy needs. One thread at a time, but for cut(). */
+/** A connection with the globals that a copy needs. One thread at a time, except for cut(). */
 class WaylandSession {
 public:
     /**
-     * Connects and waits for the compositor's description of itself until the deadline. Null with
-     * the problem.
+     * Connects, and waits for the compositor's globals until the deadline. Null with the problem.
      */
     static std::unique_ptr<WaylandSession> open(WaylandConnection::Clock::time_point deadline,
                                                 WaylandProblem& problem);
@@ -61,15 +60,15 @@ public:
     }
     /** In the compositor's order; the first is recorded. */
     const std::vector<std::unique_ptr<WaylandOutput>>& outputs() const { return outputs_; }
-    /** Why nothing can be copied; no failure if the session has all that a copy needs. */
+    /** Why outputs cannot be copied; no failure if the session has all that a copy needs. */
     WaylandProblem problem() const;
 
     /** The output of that id; null after it was removed. */
     const WaylandOutput* output(uint32_t id) const;
 
-    /** Asks the compositor for an answer behind all that was sent. */
+    /** Asks the compositor for an answer after all earlier requests. */
     bool ask_for_answer();
-    /** Whether one that was asked for is missing. */
+    /** Whether such an answer is missing. */
     bool answer_is_missing() const { return answer_ != nullptr; }
 
 private:

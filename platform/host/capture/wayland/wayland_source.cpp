@@ -55,7 +55,7 @@ ScreenOpening WaylandSource::open(const ScreenHost& host)
 
 std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
 {
-    // an output may change its size between a layout and its copy
+    // an output may be resized between a layout and its copy
     constexpr int attempts = 3;
     note_pace();
     session_->connection().take_events();
@@ -77,7 +77,7 @@ std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
 
 void WaylandSource::note_pace()
 {
-    // The mean of some: a grab that comes late is followed by one that comes early.
+    // The mean of several intervals, since an early grab follows a late one.
     const auto now = Clock::now();
     const size_t known = std::min(grabs_, grab_times_.size());
     if (known > 0)
@@ -96,7 +96,7 @@ std::optional<BgraImage> WaylandSource::try_grab(bool pointer)
     }
     if (!frame_ && is_fast() && !ask_for_copy(pointer))
         return std::nullopt;
-    // The layout for the next copy arrives until the next grab.
+    // The layout of the next copy arrives before the next grab.
     if (!frame_)
         start_frame(pointer);
     session_->connection().flush();
@@ -110,13 +110,13 @@ bool WaylandSource::update(bool pointer)
     const bool waited = is_in(State::complete);
     if (waited)
         take_copy();
-    // It shows the first change since the last grab. There may be more, unless the next grab comes
-    // as soon as the output's next frame.
+    // The copy shows the first change since the last grab. More may follow, unless grabs come as
+    // often as the output's frames.
     if (waited && is_fast())
         return true;
     if (!ask_for_copy(pointer))
         return false;
-    // The compositor copies with its next frame. No change in this time is a still output.
+    // The compositor copies with its next frame. Without a copy in this time the output is still.
     constexpr Clock::duration longest = std::chrono::milliseconds(100);
     const auto deadline =
         image_.serial ? Clock::now() + std::min(longest, pace_ * 6 / 10) : Clock::time_point::max();
@@ -152,7 +152,7 @@ bool WaylandSource::prepare_frame(bool pointer)
         return refuse(std::move(problem));
     if (!next_ || next_->layout() != frame_->layout())
         next_ = CopyBuffer::make(session_->shm(), frame_->layout());
-    return next_ || refuse({ScreenFailure::failed, "there is no memory for a copy of the output"});
+    return next_ || refuse({ScreenFailure::failed, "memory ran out for a copy of the output"});
 }
 
 bool WaylandSource::ask_for_copy(bool pointer)
@@ -213,7 +213,7 @@ void WaylandSource::note_loss()
     const std::string what = session_->connection().lost()
                                  ? "The Wayland compositor went away"
                                  : "The Wayland output " + output_name_ + " was removed";
-    host_.log(ANDROID_LOG_ERROR, (what + " while it was captured: there are no more pictures. "
+    host_.log(ANDROID_LOG_ERROR, (what + ": there are no more pictures. "
                                          "Start the recording again when it is back.")
                                      .c_str());
     host_.note_lost_display();

@@ -14,13 +14,13 @@
 namespace zu3host {
 
 /**
- * The first output of a Wayland session, as the compositor copies it: upright, at its real pixels.
- * Follows when the output's size changes. When the compositor or the output goes away it says so
- * once in the log and in the statistics, and has no pictures from then on.
+ * The first output of a Wayland session, copied by the compositor: upright, in physical pixels.
+ * Follows changes of the output's size. When the compositor or the output goes away, one log line
+ * and the statistics say so, and grabs return no more pictures.
  *
- * A copy is asked for once per picture. The compositor answers when the output differs from the
- * last copy, so a still output costs nothing: the request stays with the compositor, and grabs
- * return the last image. Twice a second the compositor must answer, so that a hung one is noticed.
+ * Each picture needs one copy. The compositor answers when the output differs from the last copy.
+ * So a still output costs nothing: the request stays with the compositor, and grabs return the last
+ * image. Twice a second another request checks that the compositor still answers.
  */
 class WaylandSource : public WaitingSource {
 public:
@@ -36,11 +36,11 @@ private:
     WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session);
 
     std::optional<BgraImage> try_grab(bool pointer);
-    /** Brings the image up to date; false if it cannot be. */
+    /** Updates the image; false if that fails. */
     bool update(bool pointer);
     void note_pace();
     void start_frame(bool pointer);
-    /** Waits until the layout is known and makes a buffer of it; false with the refusal. */
+    /** Waits for the layout and allocates its buffer; on failure false, and `refusal_` is set. */
     bool prepare_frame(bool pointer);
     bool ask_for_copy(bool pointer);
     void take_copy();
@@ -48,7 +48,7 @@ private:
     bool is_in(FrameCopy::State state) const { return frame_ && frame_->state() == state; }
     const WaylandOutput* output() const { return session_->output(output_id_); }
     bool gone() const { return session_->connection().lost() || !output(); }
-    /** Whether grabs come about as often as frames of the output. */
+    /** Whether grabs are about as frequent as frames of the output. */
     bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
     void note_loss();
     void note_refusal();
