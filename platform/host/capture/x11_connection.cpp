@@ -33,7 +33,7 @@ std::unique_ptr<X11Connection> X11Connection::open()
     const char* display = secure_getenv("DISPLAY");
     if (getauxval(AT_SECURE)) {
         HOST_LOGE(
-            "This process has more privileges than its user (set-uid, set-gid or file capabilities), so its environment chooses no screen for it: take them away. RLIMIT_NICE is enough for threads that are preferred.");
+            "This process has more privileges than its user (set-uid, set-gid or file capabilities), so it ignores the environment and finds no display: remove them. RLIMIT_NICE is enough for the priority of its threads.");
         return nullptr;
     }
     if (!display || !*display) {

@@ -8,7 +8,7 @@ namespace zu3host {
 
 namespace {
 
-// Of more parts, the rectangle around them is used: they are text or noise.
+// With more parts, as from text or noise, the rectangle around them is used.
 constexpr int most_parts = 256;
 
 void add_inside(const xcb_rectangle_t& drawn, const X11Place& place, PartList& parts)
@@ -50,8 +50,8 @@ void X11Damage::watch(xcb_window_t window)
     if (damage_)
         xcb_damage_destroy(connection_.xcb(), damage_);
     damage_ = xcb_generate_id(connection_.xcb());
-    // One event when the window is no longer as it was, and none more before it is forgotten:
-    // whatever moves, that is one event a picture.
+    // One event at the first change, and no more until the damage is cleared: at most one event per
+    // picture.
     xcb_damage_create(connection_.xcb(), damage_, window, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
     changed_ = true;
 }
@@ -84,7 +84,7 @@ void X11Damage::collect(const X11Place& place, PartList& parts)
     const auto region = connection_.wait<xcb_xfixes_fetch_region_reply_t>(sequence_);
     if (!region.reply)
         return parts.add_all();
-    // as many as came, which the reply's length says
+    // the received number, according to the reply's length
     const int count = xcb_xfixes_fetch_region_rectangles_length(region.reply.get());
     if (count > most_parts)
         return add_inside(region.reply->extents, place, parts);

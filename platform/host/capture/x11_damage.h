@@ -9,7 +9,7 @@
 
 namespace zu3host {
 
-/** What is drawn on an X11 window, and in which parts of it. One thread at a time. */
+/** Detects drawing on an X11 window, and the parts that were drawn. One thread at a time. */
 class X11Damage {
 public:
     /** @param regions whether the server may be asked for XFIXES's regions */
@@ -18,24 +18,24 @@ public:
     X11Damage(const X11Damage&) = delete;
     X11Damage& operator=(const X11Damage&) = delete;
 
-    /** Whether the server can tell. */
+    /** Whether the server has DAMAGE. */
     bool available() const { return region_ != 0; }
-    /** Watches this window, and no longer the one before. */
+    /** Watches this window instead of the previous one. */
     void watch(xcb_window_t window);
-    /** Takes note of an event; false when it does not concern drawing. */
+    /** Notes an event; false if it does not concern drawing. */
     bool handle_event(const xcb_generic_event_t& event);
     /**
-     * Whether something was drawn since the last reset() or request(), as far as events have been
-     * taken; may be true if nothing was.
+     * Whether something was drawn since the last reset() or request(), according to the events
+     * handled so far; may be true without a change.
      */
     bool changed() const { return changed_; }
     /**
-     * Sent ahead of a request for all pixels: what is drawn from then on counts. No round trip.
+     * Send it before a request for all pixels: only later drawing counts. No round trip.
      */
     void reset();
-    /** The same, and asks for the parts that were drawn until then; to be followed by collect(). */
+    /** The same, and asks for the parts drawn until then; call collect() next. */
     void request();
-    /** Adds the parts that lie in `place`, from its corner on; all of it if the server fails. */
+    /** Adds the parts within `place`, relative to its corner; all of it if the server fails. */
     void collect(const X11Place& place, PartList& parts);
 
 private:

@@ -73,7 +73,7 @@ size_t X11Image::room_of_a_check() const
 
 size_t X11Image::room_behind() const
 {
-    // Only what is used becomes memory.
+    // Pages that are never used cost no memory.
     return room_of_a_check() + size_t{stride()} * divided_up(size_.height, 4);
 }
 
@@ -103,7 +103,7 @@ bool X11Image::share()
     }
     segment_ = segment;
     pixels_ = static_cast<uint8_t*>(memory);
-    // It is used soon, and then does not look like memory that is lost.
+    // Touches the room for checks now, so that its first use does not look like a leak.
     std::memset(pixels_ + bytes(), 0, room_of_a_check());
     return true;
 }
@@ -124,7 +124,7 @@ void X11Image::request(const X11Place& place, PartList& parts)
         parts.clear();
         parts.add({0, bounds.y, {size_.width, bounds.size.height}});
     }
-    // Lines first: a narrow part that overlaps them is stored over them.
+    // Whole lines first, since an overlapping narrow part is stored over them.
     for (const bool lines : {true, false})
         for (const PictureRectangle& part : parts.parts())
             if (is_whole_lines(part) == lines)
@@ -170,7 +170,7 @@ bool X11Image::collect(PartList& changed)
 {
     bool complete = true;
     for (size_t i = 0; i < asked_count_; ++i)
-        // each is waited for: what a server still writes must not be asked for again
+        // waits for each, since the server may still write to that memory
         complete = store(asked_[i], changed) && complete;
     asked_count_ = 0;
     room_used_ = 0;
@@ -205,7 +205,7 @@ void X11Image::store_pixels(const PictureRectangle& part, const uint8_t* from)
     const auto to_stride = static_cast<int>(stride());
     const auto width = static_cast<int>(part.size.width);
     const auto height = static_cast<int>(part.size.height);
-    // A pixel keeps its size, so what lies in its place already is converted there.
+    // A pixel keeps its size, so the conversion can work in place.
     if (format_ == common::PixelFormat::xrgb10)
         libyuv::AR30ToARGB(from, from_stride, to, to_stride, width, height);
     else if (format_ == common::PixelFormat::xbgr10)

@@ -21,7 +21,7 @@ struct X11Place {
     int16_t x;
     int16_t y;
     PictureSize size;
-    /** the window that shows the same pixels, which tells what is drawn and where the pointer is */
+    /** the window that shows the same pixels; source of DAMAGE events and of the pointer's place */
     xcb_window_t window;
     /** the corner in that window */
     int16_t window_x;
@@ -30,17 +30,17 @@ struct X11Place {
 };
 
 /**
- * The pixels of a place, kept from one fetch to the next and fetched in parts: through memory
- * shared with the server, or through the connection if the server cannot share. Lines are fetched
- * straight into their place; a narrower part lies without gaps behind the image, and is copied from
- * there. One thread at a time.
+ * The pixels of a place. Keeps them between fetches and fetches only parts: through memory shared
+ * with the server, or through the connection if the server cannot share. Whole lines are fetched
+ * into their place; a narrower part arrives behind the image, without gaps, and is copied. One
+ * thread at a time.
  */
 class X11Image {
 public:
-    /** All lines are checked in so many steps. */
+    /** Number of checks that cover all lines. */
     static constexpr uint32_t checks = 16;
 
-    /** Null when no shared memory can be made; the fallback always can. */
+    /** Null if memory cannot be shared; plain() always succeeds. */
     static std::unique_ptr<X11Image> shared(X11Connection& connection, PictureSize size);
     static std::unique_ptr<X11Image> plain(X11Connection& connection, PictureSize size);
     ~X11Image();
@@ -48,27 +48,26 @@ public:
     X11Image& operator=(const X11Image&) = delete;
 
     /**
-     * Asks for the pixels of some parts of the place, which has this image's size; to be followed
-     * by collect(). If there is not enough room for them, `parts` become the lines that they lie
-     * in, or all.
+     * Asks for some parts of the place, which has this image's size; call collect() next. If there
+     * is not enough room, `parts` becomes all lines that contain them.
      */
     void request(const X11Place& place, PartList& parts);
-    /** Asks, after request(), for the next lines in turn, to be compared with the kept ones. */
+    /** Asks, after request(), for the next lines in turn, to compare them with the kept ones. */
     void request_check(const X11Place& place);
     /**
-     * Waits for the answers. Adds lines whose check found other pixels to `changed`. False when the
-     * server refuses one, as when the window is no longer as large as the image: fetch all of it
-     * before its pixels are used.
+     * Waits for the answers. Adds lines that differ from the kept ones to `changed`. False if the
+     * server refuses a request, for example because the window shrank: fetch the whole image before
+     * you use its pixels.
      */
     bool collect(PartList& changed);
 
     PictureSize size() const { return size_; }
     uint32_t stride() const { return size_.width * 4; }
-    /** The kept pixels, as BgraImage describes them, which may be drawn on. */
+    /** The kept pixels, laid out like BgraImage's. Drawing on them is allowed. */
     uint8_t* pixels() { return pixels_; }
 
 private:
-    /** A part that was asked for. */
+    /** A requested part. */
     struct Asked {
         PictureRectangle part;
         unsigned sequence;
@@ -97,9 +96,9 @@ private:
     // of the server's pixels
     const common::PixelFormat format_;
     uint8_t* pixels_ = nullptr;
-    // of the shared kind: also the room behind the image
+    // shared() only: contains the image and the room behind it
     xcb_shm_seg_t segment_ = 0;
-    // of the other kind
+    // plain() only
     std::vector<uint8_t> plain_;
     // the parts and a check
     std::array<Asked, PartList::most + 1> asked_{};

@@ -107,7 +107,7 @@ void X11Pointer::draw(uint8_t* pixels, uint32_t stride, PictureSize size, int32_
     const auto* shown =
         reinterpret_cast<const uint8_t*>(cursor + ptrdiff_t{begin_y - y} * width + (begin_x - x));
     uint8_t* under = pixels + size_t{stride} * drawn_->y + size_t{4} * drawn_->x;
-    // Both expect colors multiplied by their alpha.
+    // Both expect colors premultiplied by alpha.
     libyuv::ARGBBlend(shown, width * 4, under, static_cast<int>(stride), under,
                       static_cast<int>(stride), end_x - begin_x, end_y - begin_y);
 }
@@ -122,7 +122,7 @@ void X11Pointer::erase(uint8_t* pixels, uint32_t stride)
 void X11Pointer::copy_kept(uint8_t* pixels, uint32_t stride, bool back)
 {
     const size_t line_bytes = size_t{4} * drawn_->size.width;
-    // grows to the greatest pointer
+    // grows to the largest pointer
     if (kept_.size() < line_bytes * drawn_->size.height)
         kept_.resize(line_bytes * drawn_->size.height);
     for (uint32_t line = 0; line < drawn_->size.height; ++line) {

@@ -18,28 +18,28 @@ public:
     explicit X11Pointer(X11Connection& connection);
 
     bool available() const { return available_; }
-    /** Takes note of an event; false when it does not concern the pointer. */
+    /** Notes an event; false if it does not concern the pointer. */
     bool handle_event(const xcb_generic_event_t& event);
     /**
-     * Asks where the pointer is on a window, and what it looks like if that changed; to be followed by
-     * collect().
+     * Asks for the pointer's position on a window, and for its image if that changed; call collect()
+     * next.
      */
     void request(xcb_window_t window);
     /** Waits for the answers. */
     void collect();
     /**
-     * Draws it where it was at the last collect(), into an image whose top left corner is (left,
-     * top) of the window, and keeps the pixels that were there.
+     * Draws it at its position of the last collect(), into an image whose top left corner is
+     * (left, top) of the window, and saves the pixels below it.
      */
     void draw(uint8_t* pixels, uint32_t stride, PictureSize size, int32_t left, int32_t top);
-    /** Puts the kept pixels back into the image that it was drawn into. */
+    /** Restores the saved pixels of the image. */
     void erase(uint8_t* pixels, uint32_t stride);
-    /** The image that it was drawn into is gone. */
+    /** Call it after that image was destroyed. */
     void forget_drawing() { drawn_.reset(); }
-    /** Where it is drawn in an image; nullopt if it is not. */
+    /** Its rectangle in the image; nullopt if it is not drawn. */
     const std::optional<PictureRectangle>& drawn() const { return drawn_; }
 
-    /** Counts up whenever collect() found the pointer elsewhere or looking otherwise. */
+    /** Counts up whenever collect() found another position or image of the pointer. */
     uint64_t changes() const { return changes_; }
 
 private:
@@ -60,7 +60,7 @@ private:
     int32_t y_ = 0;
     uint64_t changes_ = 0;
     std::optional<PictureRectangle> drawn_;
-    // the pixels that were there
+    // the saved pixels
     std::vector<uint8_t> kept_;
 };
 

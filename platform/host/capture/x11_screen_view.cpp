@@ -8,7 +8,7 @@ namespace zu3host {
 X11ScreenView::X11ScreenView(X11Connection& connection, common::ScreenPart part)
     : connection_(connection), part_(std::move(part))
 {
-    // The root window is reconfigured when the screen is resized, or a monitor is.
+    // Resizing the screen or a monitor reconfigures the root window.
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
     xcb_change_window_attributes(connection.xcb(), connection.screen().root, XCB_CW_EVENT_MASK,
                                  &events);

@@ -6,7 +6,7 @@
 
 namespace zu3host {
 
-/** The whole screen, or a region or a monitor of it; follows when the screen changes. */
+/** The whole screen, or a region or a monitor of it; follows changes of the screen. */
 class X11ScreenView : public X11View {
 public:
     /** @param part not a window */

@@ -149,8 +149,8 @@ void X11Source::find_changes(bool pointer)
 {
     const bool known = damage_.available() && !pixels_stale_;
     const bool drawn = known && damage_.changed();
-    // All questions travel together if the events have told already that something was drawn. The
-    // answer about the pointer comes behind every event about what was drawn before it.
+    // If an event already reported drawing, all requests are sent together. The answer about the
+    // pointer follows all events of earlier drawing.
     if (drawn)
         damage_.request();
     if (pointer)
@@ -184,7 +184,7 @@ bool X11Source::fetch(uint32_t checks)
     pixels_stale_ = true;
     if (!changed_.empty())
         image_->request(place_, changed_);
-    // There is room for one check at a time.
+    // The room behind the image fits one check at a time.
     for (uint32_t step = 0; step == 0 || step < checks; ++step) {
         if (step < checks)
             image_->request_check(place_);

@@ -16,21 +16,21 @@
 namespace zu3host {
 
 /**
- * A part of the X11 screen that DISPLAY names, or the whole with all its monitors, in its own size;
- * follows when that changes. Fetches what was drawn since the last grab, as DAMAGE tells; a driver may draw without
- * telling, so all lines are compared once a second as well. When the server or the part goes away it says so
- * once in the log and in the statistics, and has no pictures from then on.
+ * A part of the X11 screen that DISPLAY names, or the whole with all its monitors. Follows changes
+ * of its size. Fetches the parts that DAMAGE reports since the last grab. A driver may draw without
+ * DAMAGE, so all lines are compared once a second as well. When the server or the part goes away,
+ * one log line and the statistics say so, and grabs return no more pictures.
  */
 class X11Source : public WaitingSource {
 public:
     /**
-     * Null, with a log line, when the display cannot be reached, its pixels cannot be read, or it
+     * Null, with a log line, if the display cannot be reached, its pixels cannot be read, or it
      * has no such part.
      */
     static std::unique_ptr<X11Source> open(const common::ScreenPart& part);
     ~X11Source() override;
 
-    /** Waits without a bound: the stop and the patience of the request are the caller's to keep. */
+    /** Waits without limit: ignores the request's stop and patience. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     void cut() override { connection_->cut(); }
 
@@ -56,7 +56,7 @@ private:
     X11Place place_{};
     std::unique_ptr<X11Image> image_;
     bool place_stale_ = true;
-    // all of them have to be fetched
+    // whether all must be fetched
     bool pixels_stale_ = true;
     bool told_of_plain_ = false;
     bool told_of_refusal_ = false;
@@ -65,9 +65,9 @@ private:
     uint64_t serial_before_ = 0;
     // between the images of the two serials
     PartList changed_;
-    // its changes() when it was drawn
+    // pointer_.changes() when it was drawn
     uint64_t pointer_at_ = 0;
-    // the last drawing was asked for with the pointer
+    // whether the last grab was with the pointer
     bool pointer_shown_ = false;
     Time checked_until_{};
 };

@@ -8,15 +8,15 @@
 
 namespace zu3host {
 
-/** Knows where on the X server the pixels of a part of the screen are. One thread at a time. */
+/** Finds the pixels of a part of the screen on the X server. One thread at a time. */
 class X11View {
 public:
     virtual ~X11View() = default;
-    /** Whether the place may be another one after an event. */
+    /** Whether an event may change the place. */
     virtual bool is_moved_by(const xcb_generic_event_t& event) = 0;
-    /** Asks the server for the place; nullopt if there is none, for good or for the moment. */
+    /** Asks the server for the place; nullopt if there is none, now or for good. */
     virtual std::optional<X11Place> locate() = 0;
-    /** Why there is no place any more, as a sentence; empty while there may be one. */
+    /** Why there will be no place any more, as a sentence; empty while there may be one. */
     virtual std::string end() const = 0;
 };
 

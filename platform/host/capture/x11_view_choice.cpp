@@ -25,7 +25,7 @@ std::unique_ptr<X11View> open_x11_view(X11Connection& connection, const common::
     if (part.window)
         return std::make_unique<X11WindowView>(connection, located.window);
     if (located.clipped)
-        HOST_LOGW("DISPLAY=\"%s\": %s reaches beyond the screen: %s of it is captured.",
+        HOST_LOGW("DISPLAY=\"%s\": %s reaches beyond the screen; only %s is captured.",
                   connection.display().c_str(), located.name.c_str(),
                   common::region_text(located.region).c_str());
     return std::make_unique<X11ScreenView>(connection, part);

@@ -63,7 +63,7 @@ std::optional<X11Place> X11WindowView::locate()
         return place_;
     const xcb_pixmap_t pixmap = xcb_generate_id(xcb);
     xcb_composite_name_window_pixmap(xcb, window_, pixmap);
-    // The window may have another size by now.
+    // The window may have been resized meanwhile.
     const auto asked = xcb_get_geometry(xcb, pixmap);
     const auto geometry = connection_.wait<xcb_get_geometry_reply_t>(asked.sequence);
     if (place_)

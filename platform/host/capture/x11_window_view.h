@@ -7,12 +7,12 @@
 namespace zu3host {
 
 /**
- * A window without its border, wherever it is and whatever covers it: the server keeps its pixels
- * apart from the screen's (COMPOSITE). While it is not shown it stays as it was.
+ * A window without its border, even if it moves or is covered: the server keeps its pixels in a
+ * separate pixmap (COMPOSITE). While it is not mapped, its picture stands still.
  */
 class X11WindowView : public X11View {
 public:
-    /** Whether the server can keep windows apart. */
+    /** Whether the server has COMPOSITE. */
     static bool is_possible(X11Connection& connection);
 
     X11WindowView(X11Connection& connection, xcb_window_t window);
@@ -27,7 +27,7 @@ public:
 private:
     X11Connection& connection_;
     const xcb_window_t window_;
-    // its pixmap, which is another one when its size changes or it is shown again
+    // its pixmap; a resized or remapped window gets another one
     std::optional<X11Place> place_;
     bool closed_ = false;
 };
