@@ -21,8 +21,8 @@ public:
     /** Notes an event; false if it does not concern the pointer. */
     bool handle_event(const xcb_generic_event_t& event);
     /**
-     * Asks for the pointer's position on a window, and for its image if that changed; call collect()
-     * next.
+     * Asks for the pointer's position on a window, and for its image if that changed. Call
+     * collect() next.
      */
     void request(xcb_window_t window);
     /** Waits for the answers. */

@@ -8,8 +8,8 @@ namespace {
 constexpr double least_of_film = 0.28;
 constexpr double most_of_screens = 0.15;
 
-// How many pictures it looks back. On a screen few: what is busy all over is recognized after half
-// as many. In a film more, since it has quiet moments.
+// Length of the mean, in pictures: short on a screen, to recognize a film after half as many; long
+// in a film, which has quiet moments.
 constexpr double pictures_of_screens = 8;
 constexpr double pictures_of_film = 64;
 

@@ -15,21 +15,21 @@ struct MacroblockCounts {
 };
 
 /**
- * Tells screens from film, games and other content that changes everywhere. On a screen text and
- * windows stand still or move by whole pixels, so x264 skips most macroblocks even while a page
- * scrolls; in a film it cannot. Not thread-safe.
+ * Distinguishes screens from films, games and other content that changes everywhere. On a screen,
+ * text and windows stand still or move by whole pixels, so x264 skips most macroblocks even while a
+ * page scrolls; in a film it cannot. Not thread-safe.
  */
 class ContentWatch {
 public:
     explicit ContentWatch(uint32_t frame_rate) : frame_rate_(frame_rate) {}
 
-    /** A picture that x264 has encoded by prediction from the last one. */
+    /** Notes a picture that x264 predicted from the last one. */
     void note(MacroblockCounts counts);
-    /** A picture like the last one. A film has them too: 24 pictures per second shown as 60. */
+    /** Notes a picture equal to the last one. Films have them too: 24 per second shown as 60. */
     void note_unchanged();
     /**
-     * The content for the next picture. It turns to film at any picture, and back only when a key
-     * frame is due, so that a film with quiet moments costs no further key frames.
+     * The content for the next picture. It changes to film at any picture, but back only when a key
+     * frame is due, so that quiet moments of a film add no key frames.
      */
     Content content(bool key_due);
 

@@ -208,7 +208,7 @@ bool Encoder::address_is_known(const ZU_VENC_InputBuffer_t& buffer)
                                             : lent_.is_lent(buffer.pu8Data);
     if (known && buffer.u32DataSize >= bytes)
         return true;
-    // A caller whose query failed passes an empty record, which is no mistake.
+    // After a failed query the caller passes an empty record, which is correct.
     const bool nothing = !buffer.pu8Data && buffer.u32DataSize == 0;
     if (!nothing && !std::exchange(warned_of_address_, true))
         HOST_LOGW("The encoder refuses a picture of %u bytes at %p: it accepts %zu in %s",

@@ -34,19 +34,19 @@ public:
     /** Whether one is lent already or free. */
     bool any_to_lend() const;
     /**
-     * The buffer that is lent already, otherwise a free one; null when none is free or memory is
-     * short. Of a captured picture, which may be null, the memory is leased and held until release().
+     * The already lent buffer, otherwise a free one; null if none is free or memory runs out.
+     * Leases the memory of a captured picture, if one is given, until release().
      */
     uint8_t* lend(const PictureInFlight* captured);
     bool is_lent(const uint8_t* data) const { return lent_ && data && data == lent_->data; }
-    /** Of a captured picture, what PictureInFlight says; nothing is known of another one. */
+    /** Copied from the PictureInFlight of a captured picture; empty for other pictures. */
     struct Contents {
         uint64_t serial = 0;
         ChangedParts changed{};
         /** keeps the changed parts of an injected picture */
         std::shared_ptr<const void> memory{};
     };
-    /** The lent buffer is filled: it is in use until release(). */
+    /** Call it once the lent buffer is filled; it stays in use until release(). */
     Contents complete();
     void release(const uint8_t* data);
 

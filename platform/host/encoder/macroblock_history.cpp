@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint32_t macroblock = 16;
 
-// After so many pictures x264 finds next to nothing to refine, nor does it after more of them
+// After this many pictures x264 refines almost nothing more
 // (docs/measurements/unchanged_macroblocks.md).
 constexpr uint8_t refinements_until_told = 3;
 
@@ -47,10 +47,10 @@ void MacroblockHistory::forget(const PictureRectangle& part)
         std::fill_n(&refinements_[row * columns_ + left], right - left, uint8_t{0});
 }
 
-// Of a constant macroblock x264 demands no motion. If the motion that is predicted from its
-// neighbors is another one it could not be skipped (ISO/IEC 14496-10 clause 8.4.1.1): a
-// macroblock of a flat area that a page scrolls over is best left to x264. The prediction is
-// nothing if the left or the upper neighbor is constant or missing.
+// x264 codes a constant macroblock without motion. If the motion predicted from its neighbors is
+// not zero, it cannot be skipped (ISO/IEC 14496-10 clause 8.4.1.1), so x264 decides better itself,
+// for example in a flat area of a scrolling page. The prediction is zero if the left or the upper
+// neighbor is constant or missing.
 void MacroblockHistory::find_refined()
 {
     size_t at = 0;

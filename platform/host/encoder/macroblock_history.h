@@ -11,25 +11,25 @@
 namespace zu3host {
 
 /**
- * Outside of these rectangles a picture equals the last one that was encoded. None: the whole
- * picture does; nullopt: all of it may differ.
+ * A picture equals the last encoded one outside of these rectangles. An empty span means that
+ * nothing differs, nullopt that all may differ.
  */
 using ChangedRectangles = std::optional<std::span<const PictureRectangle>>;
 
 /**
- * Which macroblocks x264 need not search for changes. A macroblock that has just changed is not
- * among them: x264 goes on refining it for some pictures. Not thread-safe.
+ * Finds the macroblocks that x264 need not search for changes. A macroblock that has just changed
+ * is not among them, since x264 refines it for some pictures. Not thread-safe.
  */
 class MacroblockHistory {
 public:
     explicit MacroblockHistory(PictureLayout layout);
 
     /**
-     * x264's mb_info of the next picture: a flag per macroblock, raster order; null without
-     * knowledge. Lives until the next call.
+     * x264's mb_info of the next picture: a flag per macroblock, raster order; null if the changes
+     * are unknown. Valid until the next call.
      */
     uint8_t* constant_in(ChangedRectangles changed);
-    /** x264 has encoded the picture. */
+    /** Call it after x264 has encoded the picture. */
     void encoded(bool key);
 
 private:

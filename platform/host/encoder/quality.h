@@ -5,8 +5,8 @@
 namespace zu3host {
 
 /**
- * Puts the request of zu3_host_quality() or zu3_host_bit_rate(), which is used up, into the settings
- * of an encoder that opens, if those have no bit rate.
+ * Moves the request of zu3_host_quality() or zu3_host_bit_rate() into the settings of an encoder
+ * that opens, if those have no bit rate. The request is then used up in any case.
  */
 void take_quality(EncoderSettings& settings);
 

@@ -17,9 +17,9 @@ namespace {
 // (docs/measurements/repeated_pictures.md).
 constexpr float quantizer_of_still_key_frame = -1.0f;
 
-// A ceiling makes a picture coarser if x264 is this much ahead of it, and raises the rate factor by
-// more than a step that is hardly visible. At the best qualities the factor alone proves nothing:
-// x264 aims below its smallest quantizer there.
+// A picture counts as coarser because of the ceiling if x264 is this far ahead of it, and has
+// raised the rate factor by more than a barely visible step. At the best qualities the factor alone
+// is no proof, since x264 then aims below its smallest quantizer.
 constexpr uint64_t parts_of_second_ahead = 10;
 constexpr double hardly_visible = 1;
 // About 50 dB (docs/measurements/repeated_pictures.md).
@@ -46,7 +46,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     x264_param_t parameters = x264_parameters_of(settings_, content_, log_);
     zu3host::set_rate(parameters, rate);
     parameters.analyse.b_mb_info = 1;
-    // As empty as the buffer of the encoder before it, if there was one.
+    // The same fullness as in the previous encoder, if there was one.
     const double ahead = static_cast<double>(bits_ahead_) / 1000 / parameters.rc.i_vbv_buffer_size;
     parameters.rc.f_vbv_buffer_init = static_cast<float>(std::clamp(1 - ahead, 0.1, 0.9));
     finer_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
@@ -60,7 +60,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     }
     encoder_ = std::move(encoder);
     if (!reconfigure(rate))
-        HOST_LOGW("x264 refused to leave out what its settings do without");
+        HOST_LOGW("x264 refused to switch off unused settings");
     applied_ = rate;
     rate_factor_ = parameters.rc.f_rf_constant;
     pictures_between_keys_ = next_key_distance_ = key_frame_distance(settings_);
@@ -73,7 +73,7 @@ bool X264Encoder::reconfigure(EncoderRate rate)
 {
     x264_param_t parameters;
     x264_encoder_parameters(encoder_.get(), &parameters);
-    // Until the next picture x264 forgets what an earlier call asked for, so each asks for all.
+    // x264 applies only the last call before a picture, so each call sets everything.
     leave_out_unused(parameters, content_);
     zu3host::set_rate(parameters, rate);
     if (x264_encoder_reconfig(encoder_.get(), &parameters) != 0)
@@ -93,14 +93,14 @@ void X264Encoder::follow_rate()
     settings_.rate = applied_;
 }
 
-// Most settings cannot change in an open encoder. The old one goes first: two at a time would double
-// the memory. The key frame that begins the new one comes in place of the next that is due, so the
-// stream has no more of them.
+// Most settings cannot change in an open encoder. Closes the old one first, since two at a time
+// would double the memory. The first key frame of the new one replaces the next one due, so the
+// stream has no additional key frames.
 bool X264Encoder::follow_content()
 {
     const bool adapts = applied_.as_needed && settings_follow_content();
     const Content wanted = adapts ? watch_.content(key_due()) : content_;
-    // Between two IDR pictures there is another one, so that their idr_pic_id may be the same.
+    // Keeps another picture between two IDR pictures, since their idr_pic_id may be equal.
     if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
         return true;
     const uint32_t early = key_distance_ - std::min(pictures_since_key_, key_distance_);
@@ -127,7 +127,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
         const std::span<uint8_t> bytes = repetitions_->repeat();
         return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), false};
     }
-    // x264 counts the pictures that it gets, and so would put a key frame off by each repetition.
+    // x264 counts only the pictures that it gets, so each repetition would delay its key frames.
     as_key = as_key || key_due();
     const auto unit = encode_by_x264(picture, as_key, changed);
     if (unit)
@@ -137,9 +137,9 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     return unit;
 }
 
-// x264's rate control believes that no time passes during repetitions. It makes no difference if
-// x264 owes no bits that time would give back. At a rate that was asked for, x264 refines a picture
-// as long as there are bits, until the difference is invisible.
+// During repetitions no time passes for x264's rate control. That is harmless if x264 owes no bits,
+// which time would pay back. With a given bit rate x264 refines a picture as long as it has bits,
+// so repetitions begin once the difference is invisible.
 bool X264Encoder::is_settled() const
 {
     if (!repetitions_)
@@ -188,8 +188,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     in.img.plane[0] = picture;
     in.img.plane[1] = picture + settings_.layout.luma_bytes();
     in.img.i_stride[0] = in.img.i_stride[1] = stride;
-    // An IDR picture, as groups are closed; asked for one by name, x264 warns if one is due
-    // anyway.
+    // An IDR picture, as groups are closed. With X264_TYPE_IDR x264 warns if one is due anyway.
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = macroblocks_.constant_in(changed);

@@ -24,29 +24,29 @@ struct AccessUnit {
 };
 
 /**
- * An open x264 encoder: a picture in, its access unit out, with none held back. At constant quality
- * its settings follow the content, at a key frame. One thread at a time.
+ * An open x264 encoder: one access unit per picture, without delay. At constant quality its
+ * settings follow the content, starting at a key frame. One thread at a time.
  */
 class X264Encoder {
 public:
-    /** Opens one; null when x264 refuses, which is then logged. */
+    /** Opens one; null, with a log line, if x264 refuses. */
     static std::unique_ptr<X264Encoder> open(const EncoderSettings& settings);
 
     /**
      * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. x264 does
-     * not search unchanged parts for changes. In a picture without changes it goes on refining,
-     * and once there is nothing left to refine, the access unit is written without x264.
+     * not search unchanged parts for changes. It refines a picture without changes; once nothing is
+     * left to refine, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /**
-     * Puts off no key frame until the next one: the last unit belongs to a live stream, which readers
-     * join at key frames, or is missing in its stream, which is damaged until one.
+     * Does not put off the next key frame. Call it if the last unit belongs to a live stream, which
+     * readers join at key frames, or is missing in its stream, which it damages up to the next one.
      */
     void keep_distance_of_key_frames() { keeps_distance_ = true; }
     /**
-     * Takes a new rate from the next picture on, never above the process's ceiling. Between a rate
-     * and "as needed" x264 cannot change its control, so a new encoder takes over, which begins
-     * with an IDR picture. Where x264 refuses, which is logged, the old rate stays.
+     * Sets the rate from the next picture on, limited by the process's ceiling. x264 cannot change
+     * between a rate and "as needed", so a new encoder continues then, with an IDR picture. If x264
+     * refuses, the old rate stays, and a log line says so.
      */
     void set_rate(EncoderRate rate) { settings_.rate = rate; }
 
@@ -72,23 +72,23 @@ private:
     bool is_at_ceiling() const;
     void note(const AccessUnit& unit, bool unchanged);
 
-    /** Unchanged pictures of one size in a row, after which x264 would encode that size for ever. */
+    /** After this many unchanged pictures of one size in a row, x264 would repeat that size. */
     static constexpr uint32_t pictures_until_settled = 3;
     /**
-     * In a recording, key frames of a still picture are put off to so many times their distance, or
-     * to the next change. To reach any moment before that, a player decodes repetitions only.
+     * In a recording, key frames of a still picture are put off to this multiple of their distance,
+     * or to the next change. A player that seeks to a moment before that decodes only repetitions.
      */
     static constexpr uint32_t distances_while_still = 5;
 
-    // with the rate that is wanted
+    // with the requested rate
     EncoderSettings settings_;
-    // the rate that encoder_ has, which the process's ceiling may lower
+    // the rate of encoder_, which the process's ceiling may lower
     EncoderRate applied_{};
     // x264's, of constant quality
     double rate_factor_ = 0;
     // before encoder_: x264 may still log while it is closed
     X264Log log_;
-    // null: the system had no memory for another one; the next picture tries again
+    // null: memory ran out for another one; the next picture tries again
     Handle encoder_;
     int64_t next_pts_ = 0;
     // null: every picture is encoded
@@ -102,12 +102,12 @@ private:
     // unchanged pictures in a row whose access units had this size
     uint32_t equal_sizes_ = 0;
     uint32_t last_size_ = 0;
-    // bits that x264's rate control believes to have spent ahead of the rate
+    // bits spent ahead of the rate, according to x264's rate control
     uint64_t bits_ahead_ = 0;
     MacroblockHistory macroblocks_;
     ContentWatch watch_;
     Content content_ = Content::screens;
-    // per macroblock, what a key frame of a still picture is finer by
+    // per macroblock, the quantizer offset of a still picture's key frame
     std::vector<float> finer_;
 };
 

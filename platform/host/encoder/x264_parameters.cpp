@@ -16,18 +16,18 @@ namespace {
 // some of x264's warnings come with every picture
 constexpr unsigned most_messages = 8;
 
-// Constant quality at which text on a screen stays sharp: x264's default with a preset's
-// settings, and the factor that needs about as many bits with the settings for screens.
+// Constant quality at which text on a screen stays sharp: x264's default with a preset, and the
+// rate factor with about the same number of bits with the settings for screens.
 constexpr float quality_of_presets = 23.0f;
 constexpr float quality_of_screens = 22.0f;
 constexpr float film_beyond_screens = quality_of_presets - quality_of_screens;
 
-// How much may be spent ahead of the rate. With a rate that was asked for little, since that is
-// also how fast x264 follows a new one; but enough for a few pictures.
+// Limits of the bits spent ahead of the rate. With a given rate the limit is low, since it also
+// determines how fast x264 follows a new one, but sufficient for a few pictures.
 constexpr double seconds_ahead_of_rate = 0.25;
 constexpr double seconds_ahead_of_ceiling = 0.5;
 constexpr double least_pictures_ahead = 4;
-// A frame that is larger than 2 MiB, as high rates would allow, is not handed out.
+// Keeps frames below 2 MiB, which the library cannot deliver.
 constexpr double most_kilobits_ahead = 15'000;
 
 // Slices cost bits and computing time, so there are only as many threads as the pictures need: a
@@ -35,13 +35,13 @@ constexpr double most_kilobits_ahead = 15'000;
 constexpr uint64_t pixels_per_thread_and_second = 30'000'000;
 constexpr uint64_t most_threads = 4;
 
-// a player decodes up to this much after a seek
+// a player decodes up to this much at a seek
 constexpr uint32_t seconds_between_key_frames = 2;
 
 // ISO/IEC 14496-10 tables E-3 to E-5: BT.601, 525 lines
 constexpr int smpte_170m = 6;
 
-/** The preset that the environment asks for; null if it leaves the choice to us. */
+/** The preset named in the environment; null without one. */
 const char* preset_from_environment()
 {
     const char* name = secure_getenv("ZU3_X264_PRESET");
@@ -55,20 +55,19 @@ const char* preset_from_environment()
 }
 
 /**
- * What differs from preset veryfast for what screens show. Measured with bench_settings, see
- * docs/measurements/x264_settings.md: no worse pictures at the same number of bits for two thirds
- * of the computing time.
+ * Changes preset veryfast for the content of screens. bench_settings measured the same or better
+ * pictures at equal bits in two thirds of the time (docs/measurements/x264_settings.md).
  */
 void set_for_screens(x264_param_t& parameters)
 {
-    // Content on a screen moves by whole pixels, so none are computed between them, but a
-    // scrolled page or a dragged window moves far at once.
+    // Content on a screen moves by whole pixels, so sub-pixel search is off; but a scrolled page
+    // or a dragged window moves far at once.
     parameters.analyse.i_subpel_refine = 0;
     parameters.analyse.i_me_method = X264_ME_UMH;
     parameters.analyse.i_me_range = 24;
-    // Content stays in the picture: bits that make it sharp at first are not lost soon after.
+    // Content stays in the picture, so bits that sharpen it at first are well spent.
     parameters.rc.f_qcompress = 0.8f;
-    // Flat areas next to text are flat: there is little to be taken from the text for them.
+    // Flat areas next to text need few bits, so little is taken from the text for them.
     parameters.rc.f_aq_strength = 0.65f;
     parameters.i_deblocking_filter_alphac0 = 1;
 }
@@ -124,8 +123,8 @@ void set_timing(x264_param_t& parameters, uint32_t frame_rate)
     parameters.i_timebase_den = frame_rate;
 }
 
-// One that is put off by a change of settings comes at twice the distance at most. Where it is due
-// on a scene's first picture is x264's to say, as with the usual distance.
+// A change of settings can put off a key frame to at most twice the distance. x264 alone detects
+// scene cuts, as with the usual distance.
 void set_key_frames(x264_param_t& parameters, int distance, bool is_preset)
 {
     parameters.i_keyint_max = is_preset ? distance : 2 * distance;
@@ -202,7 +201,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
     x264_param_t parameters;
     const char* preset = preset_from_environment();
     x264_param_default_preset(&parameters, preset ? preset : "veryfast", "zerolatency");
-    // The parameter sets do not depend on the content then.
+    // makes the parameter sets independent of the content
     parameters.b_stitchable = !preset;
     if (!preset && content == Content::screens)
         set_for_screens(parameters);
@@ -233,7 +232,7 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
 
 void leave_out_unused(x264_param_t& parameters, Content content)
 {
-    // Letters are smaller than a transform of 8x8.
+    // Letters are smaller than 8x8 pixels.
     if (content == Content::screens && settings_follow_content())
         parameters.analyse.b_transform_8x8 = 0;
 }
