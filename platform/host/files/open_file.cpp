@@ -43,7 +43,7 @@ Opened failed(int error)
                            : strerror(error)};
 }
 
-/** An existing file: judged by its descriptor, and emptied only then. */
+/** Opens an existing file: checks its descriptor, and only then truncates it. */
 Opened open_existing(const common::TrustedPath& place, int flags)
 {
     common::Descriptor fd = place.open(flags & ~(O_CREAT | O_TRUNC));
@@ -346,7 +346,7 @@ void OpenFile::cut_partial_item(uint64_t partial_bytes)
 {
     const off_t position = lseek(fd_.get(), 0, SEEK_CUR);
     struct stat status;
-    // In the middle of a file, or with nothing to cut, the part has to stay.
+    // In the middle of a file, or if nothing can be cut, the part stays.
     if (partial_bytes == 0 || position < 0 || fstat(fd_.get(), &status) != 0 ||
         !S_ISREG(status.st_mode) || status.st_size != position)
         return;

@@ -73,7 +73,7 @@ private:
     void cut_partial_item(uint64_t partial_bytes);
 
     std::string name_;
-    // held within each call; guards the members below
+    // locked within each call; guards the members below
     std::mutex in_use_;
     common::Descriptor fd_;
     // of an ordinary file that is written, if the system gives one

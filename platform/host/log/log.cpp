@@ -153,7 +153,7 @@ common::LineWriter& standard_error()
 
 std::atomic<zu3_host_log_listener_t> log_listener{nullptr};
 
-/** The text that snprintf wrote to a buffer of `capacity` bytes, given its result. */
+/** The text that snprintf wrote to a buffer of `capacity` bytes, from its result. */
 std::string_view formatted(const char* buffer, size_t capacity, int result)
 {
     return {buffer, result < 0 ? 0 : std::min(static_cast<size_t>(result), capacity - 1)};

@@ -9,10 +9,10 @@
 namespace zu3host {
 
 /**
- * Which lines the log shows, from logcat's filter expressions: words "tag:priority" between blanks
- * or commas, the priority one of V D I W E F S; "*" stands for all other tags, a tag without a
- * priority means all of its lines, the later of two words for one tag counts. Other tags are
- * shown from warnings up.
+ * Selects the lines of the log by logcat's filter expressions: words "tag:priority" separated by
+ * blanks or commas, the priority one of V D I W E F S. "*" means all other tags, a tag without a
+ * priority all of its lines; the later of two words for one tag counts. The default for other tags
+ * is warnings and errors.
  */
 class LogFilter {
 public:

@@ -74,7 +74,7 @@ namespace {
 
 using zu3host::MemoryBlock;
 
-/** Identifies a file, whatever descriptor leads to it. */
+/** Identifies a file independently of its descriptor. */
 struct FileIdentity {
     dev_t device;
     ino_t inode;

@@ -11,14 +11,14 @@ namespace {
 
 constexpr size_t header_bytes = 7;
 
-/** The header of a frame that has no check sum, MPEG-4, AAC-LC, 48 kHz, two channels. */
+/** The header of a frame: no checksum, MPEG-4, AAC-LC, 48 kHz, two channels. */
 std::array<uint8_t, header_bytes> adts_header(size_t frame_bytes)
 {
     constexpr uint8_t low_complexity = 1, rate_48000 = 3, channels = 2;
     return {0xFF, 0xF1, low_complexity << 6 | rate_48000 << 2,
             static_cast<uint8_t>(channels << 6 | frame_bytes >> 11),
             static_cast<uint8_t>(frame_bytes >> 3 & 0xFF),
-            // the rate varies: its buffer fullness is all ones
+            // buffer fullness of all ones means a variable rate
             static_cast<uint8_t>((frame_bytes & 7) << 5 | 0x1F), 0xFC};
 }
 

@@ -10,14 +10,14 @@
 namespace zu3host {
 
 /**
- * AAC-LC, 48 kHz stereo, 128 kbit/s, each frame behind an ADTS header (ISO/IEC 13818-7, 6.2). Not
+ * AAC-LC, 48 kHz stereo, 128 kbit/s, each frame with an ADTS header (ISO/IEC 13818-7, 6.2). Not
  * thread-safe.
  */
 class AacEncoder {
 public:
     /**
-     * Samples by which the decoder's output is late against the input of the same encode(): a frame
-     * that the encoder keeps, and one of overlap.
+     * Delay in samples from the input of an encode() to the decoder's output: one frame that the
+     * encoder keeps, and one of overlap.
      */
     static constexpr int64_t delay_samples = 2 * aac_frame_samples;
 

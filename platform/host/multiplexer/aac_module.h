@@ -17,7 +17,7 @@ public:
     virtual ~AacCodec() = default;
     /**
      * @param pcm one frame, interleaved
-     * @return the raw data block of the frame before this one, until the next call; empty for the
+     * @return the raw data block of the previous frame, valid until the next call; empty for the
      *     first frame, and after a failure
      */
     virtual std::span<const uint8_t>
@@ -25,15 +25,15 @@ public:
 };
 
 /**
- * What the module libzu3_aac.so offers, the only thing of the host layer that links libavcodec.
- * That brings eighty libraries along, which recordings without sound do without.
+ * The functions of the module libzu3_aac.so. Only this module links libavcodec, which depends on
+ * eighty libraries, so recordings without sound do not load them.
  */
 struct AacModule {
     /** Null, with the reason in `failure`, if libavcodec refuses. */
     std::unique_ptr<AacCodec> (*open)(std::string& failure);
 };
 
-/** The module's one exported function. */
+/** The module's only exported function. */
 inline constexpr char aac_module_entry[] = "zu3_aac_module";
 using AacModuleEntry = const AacModule* (*)();
 

@@ -11,9 +11,9 @@
 namespace zu3host {
 
 /**
- * The sound of one recording: what the process's audio capture hears, from the first picture on, as
- * one unbroken row of AAC frames. Silence stands for sound that
- * was not heard or got lost, so that sound and pictures stay together. Not thread-safe.
+ * The sound of one recording: the output of the process's audio capture, from the first picture on,
+ * as AAC frames without gaps. Silence replaces missing sound, so that sound and pictures stay in
+ * sync. Not thread-safe.
  */
 class SoundTrack {
 public:

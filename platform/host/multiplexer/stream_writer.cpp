@@ -11,15 +11,15 @@ namespace {
 constexpr uint64_t constant_rate_tables_period = system_ticks_of_ms(85);
 /**
  * At a variable rate a reader assumes that the packets between two time references, however few,
- * are evenly spread. Tables therefore follow straight behind a reference: the first one after
- * the period, or one that is written for them at its end. The rest of 100 ms is for the
- * packets' apparent places, two of three at most into the next 36 ms.
+ * are evenly spread. So tables directly follow a reference: the first one after the period, or one
+ * written for them at the limit. The rest of 100 ms allows for the packets' apparent places, at
+ * most two thirds into the next 36 ms.
  */
 constexpr uint64_t variable_rate_tables_period = system_ticks_of_ms(60);
 constexpr uint64_t variable_rate_tables_limit = system_ticks_of_ms(75);
 /**
- * Null packets would pay for the time at a constant rate anyway; a variable rate pays 188 bytes for
- * each.
+ * At a constant rate a time reference replaces a null packet; at a variable rate each costs 188
+ * bytes.
  */
 constexpr uint64_t constant_rate_time_period = system_ticks_of_ms(25);
 constexpr uint64_t variable_rate_time_period = system_ticks_of_ms(36);

@@ -20,25 +20,25 @@ struct PictureInFlight {
 
     Stage stage = Stage::captured;
     /**
-     * Microseconds of the monotonic clock: when a captured picture was due, exactly on the grid of
-     * the frame rate. A picture that no capture delivered has the time stamp that came with it.
+     * Microseconds of the monotonic clock: the due time of a captured picture, exactly on the grid
+     * of the frame rate. A picture from a file keeps the time stamp that came with it.
      */
     uint64_t time_us = 0;
-    /** Address: the encoder may read the picture there. Null for one that no capture delivered. */
+    /** The encoder may read the picture here. Null for a picture from a file. */
     uint8_t* data = nullptr;
     PictureLayout layout{};
-    /** Keeps the memory at `data`, and the rectangles of `changed`. */
+    /** Keeps the memory at `data` and the rectangles of `changed` alive. */
     std::shared_ptr<const void> memory{};
     /** Pictures with the same number are identical; 0 = not known. */
     uint64_t serial = 0;
     /**
-     * Every pixel outside these parts, which are in pixels of this picture, equals that of the
-     * earlier one. The rectangles live as long as the picture at `data` is out or leased.
+     * Every pixel outside these parts (in pixels of this picture) equals that of the earlier one.
+     * The rectangles live as long as the picture at `data` is in use or leased.
      */
     ChangedParts changed{};
-    /** A renderer has drawn over it in the callback; set by zu3_host_picture_drawn_on(). */
+    /** A renderer drew over it in the callback; set by zu3_host_picture_drawn_on(). */
     mutable bool drawn_on = false;
-    /** A multiplexer took over the whole access unit in the callback. */
+    /** A multiplexer stored the whole access unit in the callback. */
     mutable bool multiplexed = false;
 };
 

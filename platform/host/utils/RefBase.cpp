@@ -3,7 +3,7 @@
 #include <atomic>
 #include <new>
 
-// Programs derive from it, which needs its table of virtual functions and its type.
+// Programs derive from it, so its vtable and type information must be exported.
 namespace android {
 class HOST_EXPORT RefBase;
 }

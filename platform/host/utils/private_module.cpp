@@ -7,7 +7,7 @@ namespace zu3host {
 
 namespace {
 
-/** The folder that this code was loaded from; empty if the system does not tell. */
+/** The folder that this code was loaded from; empty if unknown. */
 std::filesystem::path own_folder()
 {
     static const char here = 0;
@@ -22,7 +22,7 @@ std::filesystem::path own_folder()
 
 PrivateModule::PrivateModule(const char* file, const char* entry_name)
 {
-    // Beside libzu3.so; a program that contains the host layer lies in bin/ beside lib/.
+    // Beside libzu3.so, or in lib/ for a program in bin/ that contains the host layer.
     for (const char* folder : {".", "../lib"}) {
         const auto path = own_folder() / folder / file;
         // Lazily: libavcodec and its eighty libraries have 25,000 relocations.
@@ -32,7 +32,7 @@ PrivateModule::PrivateModule(const char* file, const char* entry_name)
             failure.clear();
             return;
         }
-        // A module that is there says what it lacks; another place cannot know better.
+        // The error of an existing module names what it lacks, so it counts more than "not found".
         const char* const why = dlerror();
         std::error_code error;
         if (failure.empty() || std::filesystem::exists(path, error))

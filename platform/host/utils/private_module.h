@@ -5,13 +5,13 @@
 namespace zu3host {
 
 /**
- * A module: a shared object beside the host layer's own, which links libraries that few programs
- * need. Stays loaded, since threads of those libraries may linger.
+ * A module: a shared object beside libzu3.so that links libraries which few programs need. Stays
+ * loaded, since threads of those libraries may outlive their use.
  */
 struct PrivateModule {
     /** the function of that name; null if the module, or a library that it links, is missing */
     void* entry = nullptr;
-    /** why; empty with an entry */
+    /** why `entry` is null; otherwise empty */
     std::string failure;
 
     /** Looks for `file` in the folder of libzu3.so. Throws std::bad_alloc. */

@@ -1,6 +1,7 @@
 /**
- * Lets a renderer tell the capture that it has drawn over a captured picture, beside the contract.
- * The capture keeps what it has written into a buffer, and converts only what has changed since.
+ * Tells the capture, beside the contract, that a renderer has drawn over a captured picture.
+ * Without this call the capture later converts only the changed parts of the screen into that
+ * buffer.
  */
 #ifndef ZU3_HOST_DRAWN_PICTURE_H
 #define ZU3_HOST_DRAWN_PICTURE_H
@@ -10,8 +11,8 @@ extern "C" {
 #endif
 
 /**
- * Call it in a capture's callback, on the callback's thread, after drawing into the picture of that
- * callback. Does nothing on other threads.
+ * Call it in a capture's callback, on the callback's thread, after drawing into the callback's
+ * picture. Does nothing on other threads.
  */
 void zu3_host_picture_drawn_on(void);
 

@@ -40,14 +40,14 @@ typedef struct {
     const char* problem;
 } zu3_host_screen_t;
 
-/** Receives the screen; `user` is what was given to zu3_host_screen(). */
+/** Receives the screen; `user` is the argument of zu3_host_screen(). */
 typedef void (*zu3_host_screen_receiver_t)(const zu3_host_screen_t* screen, void* user);
 
 /**
  * Opens the screen, unless it is X11's or the test card, and calls `receiver` once, on this thread.
  * The portal may ask the user. The next capture of the process gets the opened screen. Any thread.
  *
- * @return 0 if it can be captured, as far as it was tried; -1 otherwise
+ * @return 0 if it can be captured; X11 and the test card are not tried; -1 otherwise
  */
 int zu3_host_screen(zu3_host_screen_receiver_t receiver, void* user);
 
@@ -57,10 +57,10 @@ typedef struct {
     const char* name;
     /** such as maker and model; may be "" */
     const char* description;
-    /** real pixels, as people see it */
+    /** physical pixels, after rotation */
     uint32_t width;
     uint32_t height;
-    /** logical pixel = this many thousandths of a real one */
+    /** physical pixels per logical pixel, times 1000 */
     uint32_t scale_thousandths;
     /** counterclockwise: 0, 90, 180 or 270 */
     uint32_t degrees;
@@ -72,7 +72,7 @@ typedef struct {
     uint32_t recorded;
 } zu3_host_output_t;
 
-/** Receives one output; `user` is what was given to zu3_host_outputs(). */
+/** Receives one output; `user` is the argument of zu3_host_outputs(). */
 typedef void (*zu3_host_output_receiver_t)(const zu3_host_output_t* output, void* user);
 
 /**
@@ -90,9 +90,9 @@ enum { ZU3_HOST_FINDING_GOOD = 0, ZU3_HOST_FINDING_LIMITED = 1, ZU3_HOST_FINDING
 typedef void (*zu3_host_finding_receiver_t)(uint32_t kind, const char* sentence, void* user);
 
 /**
- * Tells which source is used and why, and then what that source needs, in order, up to the first
- * that is missing. Says nothing about X11 and the test card but that they are used. Asks the user
- * nothing. Waits up to 3 s for each of compositor and portal. Any thread.
+ * Reports the source in use with the reason, and then its requirements in order, up to the first
+ * missing one. X11 and the test card have none here. Shows no dialog. Waits up to 3 s each for
+ * compositor and portal. Any thread.
  *
  * @return ZU3_HOST_SCREEN_*; UNKNOWN if ZU3_DISPLAY names no source or memory is short
  */

@@ -1,6 +1,6 @@
 /**
- * When sound was heard, beside the contract, for clients that join PCM with encoded frames. They
- * look the function up by name (dlsym), since another platform has none.
+ * The time of sound, beside the contract, for clients that join PCM with encoded frames. Look the
+ * function up by name (dlsym): another platform has none.
  */
 #ifndef ZU3_HOST_SOUND_TIME_H
 #define ZU3_HOST_SOUND_TIME_H

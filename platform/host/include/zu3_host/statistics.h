@@ -64,7 +64,7 @@ typedef struct {
     uint64_t pictures_left_out_for_room;
     /** how long a write to a regular file has waited for its disk, 0 = none waits */
     uint64_t write_waiting_us;
-    /** encoded pictures whose quality the ceiling of their encoder lowered */
+    /** encoded pictures whose quality was lowered by their encoder's ceiling */
     uint64_t pictures_coarsened;
 } zu3_host_statistics_t;
 
