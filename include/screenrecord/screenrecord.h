@@ -416,9 +416,10 @@ typedef struct AudioCap_Info {
  */
 SCREENRECORD_EXPORT int32_t audio_cap_open(void);
 /**
- * Starts PCM capture. The first sample is that of the start, and sample n follows n / 48000 s later:
- * samples have no time stamps, so read the monotonic clock just before. @return 0 on success, -1 on
- * failure
+ * Starts PCM capture. The first sample is that of the start, and sample n follows n / 48000 s
+ * later. Samples have no time stamps: to know their time, read the monotonic clock just before the
+ * call.
+ * @return 0 on success, -1 on failure
  */
 SCREENRECORD_EXPORT int32_t audio_cap_start(void);
 /** Stops PCM capture. @return 0 on success, -1 on failure */

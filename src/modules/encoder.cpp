@@ -53,7 +53,7 @@ ZU_VENC_OpenParams_t CommonParams(u32 u32Width, u32 u32Height, u32 u32FrameRate,
     return stOpen;
 }
 
-/** Logs under the name of `pCaller`. */
+/** Logs under the name `pCaller`. */
 bool OpenDevice(const char* pCaller, const ZU_VENC_OpenParams_t& stParams,
                 SCREENRECORD_TaskCtrl_s* pstTask)
 {

@@ -93,8 +93,8 @@ private:
 
     /**
      * Stops and closes the slot with the library's exported calls, which retire this run instead of
-     * waiting for it. On true the record belongs to another run, and this one must end. False, and
-     * no change, while a client is in a control call.
+     * waiting for it. After true the record belongs to another run, and this one must end. Returns
+     * false, without a change, while a client is in a control call.
      */
     bool TryCloseOwnSlot()
     {

@@ -9,7 +9,7 @@ namespace {
 
 enum { CAPTURE_VOLUME = 100 };
 
-/** Only reports each event of the audio capture as unexpected. */
+/** Logs each event of the audio capture as unexpected. */
 u32 _SCREENRECORD_AcapCbHandler(s32 s32Handle, ZU_ACAP_CallbackEvent_e, void*, void*)
 {
     const CallbackGuard guard(E_SCREENRECORD_MODULE_ACAP, static_cast<u32>(s32Handle));

@@ -10,7 +10,7 @@ void _SCREENRECORD_ReclaimRetiredWriter(u32 u32SlotId)
         _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_TSMUX);
     const SCREENRECORD_RetiredWriter_s stRetired = pstTsmux->stRetiredWriter;
     pstTsmux->stRetiredWriter = SCREENRECORD_RetiredWriter_s{};
-    // Its mutex left the record when it retired, and no callback uses a writer's mutex.
+    // Retiring removed its mutex from the record, and no callback uses a writer's mutex.
     if (stRetired.s32TaskId != SCREENRECORD_NO_ID)
         _SCREENRECORD_JoinTask(stRetired.s32TaskId, stRetired.pTaskStack, stRetired.s32MutexId,
                                nullptr, nullptr);

@@ -10,7 +10,7 @@ WorkerRun::WorkerRun(void* pArg, SCREENRECORD_ZuModule_e eModule)
     WorkerState& state = m_pstTask->workerState;
     const u32 u32Number = state.Number();
     if (state.Change<E_SCREENRECORD_WORKER_CREATED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
-        // this run owns the block from here on
+        // the run owns the block from here on
         m_pstTask->pu32TaskArg = nullptr;
     else if (!state.Change<E_SCREENRECORD_WORKER_NONE, E_SCREENRECORD_WORKER_ENTERED>(u32Number) &&
              !state.Change<E_SCREENRECORD_WORKER_ENDED, E_SCREENRECORD_WORKER_ENTERED>(u32Number))
@@ -54,7 +54,7 @@ void _SCREENRECORD_JoinTask(s32 s32TaskId, void* pTaskStack, s32 s32MutexId,
         ZU_OS_ReleaseMutex(s32MutexId);
     if (!bHasMutex)
         return;
-    // A callback that read the id before may own the mutex or wait for it.
+    // A callback that has read the id may own the mutex or wait for it.
     if (pGate != nullptr)
         pGate->Drain();
     ZU_OS_DeleteMutex(s32MutexId);

@@ -45,7 +45,7 @@ public:
     }
 
 private:
-    /** When the record starts its next worker, a run that was not retired has been given up. */
+    /** Once the record starts its next worker, a run that was not retired counts as given up. */
     SCREENRECORD_WorkerState_e State() const
     {
         static_assert(_SCREENRECORD_IsWorkerChange(E_SCREENRECORD_WORKER_RUNNING,

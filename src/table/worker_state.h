@@ -19,7 +19,7 @@ enum SCREENRECORD_WorkerState_e : u32 {
     /** has left its loop; not deleted yet */
     E_SCREENRECORD_WORKER_ENDED,
     /* of a worker whose record belongs to the next one */
-    /** deleted by itself, at the time limit: it ends, and a later control call joins it */
+    /** deleted itself at the time limit: it ends, and a later control call joins it */
     E_SCREENRECORD_WORKER_RETIRED,
     /** its deletion timed out: it no longer touches the record */
     E_SCREENRECORD_WORKER_GIVEN_UP,
