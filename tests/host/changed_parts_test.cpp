@@ -1,5 +1,5 @@
-// What changed on a screen is all that is fetched and converted: the pictures are the same, bit for
-// bit, as if all of it had been.
+// Only changed parts of a screen are fetched and converted. The pictures must equal those of whole
+// conversions, bit for bit.
 #include "capture/cropped_source.h"
 #include "capture/part_list.h"
 #include "capture/picture_pool.h"
@@ -93,7 +93,7 @@ bool is_same_outside(std::span<const PictureRectangle> parts, const uint8_t* bef
     return std::memcmp(made.data(), image.pixels, bytes) == 0;
 }
 
-// Catches a scaled pixel that depends on a changed one beyond the reach that is assumed.
+// Catches a scaled pixel that depends on a changed one beyond the assumed reach.
 TEST(ScaledParts, ReachAllThatDiffers)
 {
     Random random(5);
@@ -131,7 +131,7 @@ struct OneImage : PictureSource {
     const BgraImage image;
 };
 
-// Catches another region than was asked for, and a change that is lost or off its place.
+// Catches another region than the requested one, and a change that is lost or misplaced.
 TEST(CroppedSource, ShowsTheRegionAndItsChanges)
 {
     std::vector<uint32_t> pixels(20 * 10);
@@ -396,8 +396,7 @@ INSTANTIATE_TEST_SUITE_P(
                     CapturedScreen{
                         "321x257x24", {.region = common::ScreenRegion{33, 17, {200, 151}}}, 300}));
 
-// Catches lines that are passed over, and that a driver which draws without telling leaves as they
-// were.
+// Catches lines that the checks skip, so that drawing without DAMAGE is missed.
 TEST(X11Image, ChecksAllLinesInTurn)
 {
     const Server server("322x201x24");

@@ -1,4 +1,4 @@
-// Which settings the encoder uses for what it sees, and what a change of them does to the stream.
+// The encoder's settings for each content, and the effect of their change on the stream.
 #include "encoder/content_watch.h"
 #include "encoder/x264_encoder.h"
 #include "encoder_fixture.h"
@@ -10,9 +10,8 @@ using namespace zu3host;
 
 namespace {
 
-// Catches a page or a terminal that scrolls, which is encoded worse by far with the settings for
-// film; a film, pan or game that is not recognized within a second; and settings that change to and
-// fro.
+// Catches a scrolling page or terminal that gets the settings for film; a film, pan or game that is
+// not recognized within a second; and settings that alternate.
 TEST(ContentWatch, TellsScreensFromFilm)
 {
     // percent of macroblocks that are not skipped, in turn; -1 is a picture like the last one
@@ -61,8 +60,8 @@ void add_parameter_sets(const AccessUnit& unit, std::set<Bytes>& sets)
             sets.emplace(nal + 3, next(nal + 3));
 }
 
-// Catches a change of settings without a key frame or with one more than usual, and parameter sets that
-// change with it: a movie file has those of its first frame only.
+// Catches a change of settings without a key frame or with one more than usual, and parameter sets
+// that change with it: a movie file has those of its first frame only.
 TEST(X264EncoderContent, ChangesItsSettingsAtAKeyFrameWithTheSameParameterSets)
 {
     constexpr uint32_t width = 176, height = 160;

@@ -1,4 +1,4 @@
-// What x264 is told of macroblocks, and that nothing is lost by it.
+// The flags of macroblocks for x264.
 #include "encoder/macroblock_history.h"
 #include "encoder/x264_encoder.h"
 #include "encoder_fixture.h"
@@ -31,8 +31,8 @@ MacroblockHistory refined(uint32_t pictures)
     return history;
 }
 
-// Catches x264 being told of a macroblock that changed or is not refined, which it would leave as it
-// is, and of one that it could not skip, since its neighbours predict another motion.
+// Catches a mark on a macroblock that changed or is not refined, which x264 would then leave as it
+// is, and on one that it could not skip, since its neighbors predict another motion.
 TEST(MacroblockHistory, TellsOfWhatHasBeenRefinedBesideWhatStands)
 {
     const struct {
@@ -56,7 +56,7 @@ TEST(MacroblockHistory, TellsOfWhatHasBeenRefinedBesideWhatStands)
     }
 }
 
-// Catches refinements that are counted on although the picture was drawn anew.
+// Catches a count of refinements that continues although the picture was redrawn.
 TEST(MacroblockHistory, StartsAnewWithChangesAndKeyFrames)
 {
     const std::vector<PictureRectangle> corner{{0, 0, {1, 1}}};

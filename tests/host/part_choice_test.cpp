@@ -1,5 +1,4 @@
-// The part of the screen that the environment names: words that are read, and words that are
-// refused.
+// The part of the screen that the environment names: accepted and refused values.
 #include "capture/part_choice.h"
 #include "helpers.h"
 
@@ -62,7 +61,7 @@ TEST(PartChoice, ReadsOrRefusesEachSetting)
     }
 }
 
-// Catches a setting that wins silently over another one.
+// Catches a setting that silently overrides another one.
 TEST(PartChoice, RefusesTwoParts)
 {
     const Setting region("ZU3_REGION", "640x360+0+0"), monitor("ZU3_MONITOR", "primary");

@@ -1,4 +1,4 @@
-// Buffers as the portal's stream may describe them, and the pictures made of them.
+// Descriptions of buffers by the portal's stream, and the resulting pictures.
 #include "capture/portal/restore_token.h"
 #include "capture/portal/screen_canvas.h"
 #include "capture/portal/stream_frame.h"
@@ -378,7 +378,8 @@ TEST(PortalCanvas, PicturesAreTurnedBack)
 
 TEST(PortalCanvas, TakesWhatChangedAlone)
 {
-    // Catches a still screen that is converted again, a change that is left out, and a crop that is shifted.
+    // Catches a still screen that is converted again, a change that is left out, and a crop that is
+    // shifted.
     const StreamFormat format{PixelOrder::blue_first, {4, 3}};
     const FrameLayout cropped{0, 16, {1, 1, {3, 2}}, {}};
     const auto before = shared_bytes(picture("abcd|efgh|ijkl|"), true);
@@ -413,7 +414,8 @@ TEST(PortalCanvas, TakesWhatChangedAlone)
 
 TEST(PortalCanvas, PointerLeavesNoTrace)
 {
-    // Catches a pointer's trail, one that hides later drawing below it, and one that is drawn beyond the edge.
+    // Catches a pointer's trail, one that hides later drawing below it, and one that is drawn
+    // beyond the edge.
     const StreamFormat format{PixelOrder::blue_first, {4, 3}};
     const FrameLayout whole{0, 16, {0, 0, {4, 3}}, {}};
     const auto fd = shared_bytes(picture("abcd|efgh|ijkl|"), true);
@@ -491,7 +493,8 @@ TEST_F(Token, IsKeptForItsOwner)
 
 TEST_F(Token, OthersAreNotTrusted)
 {
-    // Catches a token that goes to the portal although the portal made none like it, or through a link.
+    // Catches a token that goes to the portal although the portal made none like it, or through a
+    // link.
     const auto file = folder_ / "token";
     for (const std::string& text :
          {std::string("two\nlines\n"), std::string("\x1b[2J"), std::string(5000, 'a'),

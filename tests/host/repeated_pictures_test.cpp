@@ -215,8 +215,8 @@ struct StillEncoder {
 };
 
 // Catches a still picture that costs as much as a moving one, key frames of it that come for
-// nothing, and ones that are put off although the picture moves or the stream is live: a player could
-// not seek, or not join for long.
+// nothing, and ones that are put off although the picture moves or the stream is live: a player
+// could not seek, or not join for long.
 TEST(X264EncoderStill, RepeatsASettledPictureAndPutsOffItsKeyFrames)
 {
     StillEncoder still;
@@ -262,8 +262,8 @@ TEST(X264EncoderStill, EncodesWhatIsMoreThanARepetition)
     EXPECT_EQ(decoded_by_ffmpeg(still.stream).size(), decoded_by_openh264(still.stream).size());
 }
 
-// Catches a picture that a low rate leaves coarse while its bits are not spent, one that costs for
-// ever although nothing can be seen of it, and a live stream that a viewer cannot join.
+// Catches a picture that stays coarse at a low rate although bits are left, one that costs bits
+// without a visible change, and a live stream that a viewer cannot join.
 TEST(X264EncoderStill, IsRepeatedAtARateOnceNothingCanBeSeenOfRefinement)
 {
     for (const bool ample : {false, true}) {

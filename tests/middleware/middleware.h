@@ -18,8 +18,8 @@
  *
  * Names in scripts are function names, some with a variant: "ZU_OS_IommuOperation:GET_BUFFD",
  * "ZU_TSMUX_SetAttr:0x202". Hooks and callbacks run without a lock of the double. A call that ends
- * something (close, delete, free, de-initialise, detach, put) ends it even if it is to fail; any
- * other call that is to fail does nothing.
+ * something (close, delete, free, de-initialise, detach, put) ends it even if scripted to fail; any
+ * other call that is scripted to fail does nothing.
  */
 #pragma once
 
@@ -68,8 +68,9 @@ struct EncodedFrame {
 };
 
 /**
- * What the contract lets `call` ("ZU_VENC_SetAttr:0x1" like "ZU_VENC_SetAttr") answer besides full
- * success, the plain failure first, then also successes without a result. Empty if it cannot fail.
+ * The results besides full success that the contract allows for `call` ("ZU_VENC_SetAttr:0x1" or
+ * "ZU_VENC_SetAttr"): first the plain failure, last successes without output. Empty if it cannot
+ * fail.
  */
 std::vector<s64> contract_results(const std::string& call);
 
@@ -180,7 +181,7 @@ public:
         u32 encoder_input_size = 640 * 480 * 3 / 2;
         /** none = what is queued */
         std::optional<u32> audio_level = {};
-        /** Bytes that a device claims to have read, copied out, or offered; may be a lie. */
+        /** Bytes that a device claims to have read, copied out, or offered; may be wrong. */
         std::optional<u32> claimed_read = {}, claimed_copy = {}, claimed_inject_size = {};
         /** the first IOMMU descriptor; 0 is a good one */
         s32 first_fd = 0;

@@ -1,9 +1,9 @@
 /**
- * Drives the public interface in ways that the client does not. Exit code 0 if every call answered
- * as it must; stderr names the calls that did not. SIGALRM ends a call that hangs.
+ * Makes calls of the public interface that the client does not make. Exit code 0 if every result is
+ * right; stderr names the calls with wrong ones. SIGALRM ends a call that hangs.
  *
  *     limit FOLDER COUNT [SEED]        recordings of 2 s, limit_<n>.ts, stopped around the limit
- *     limit-alone FILE                 one without a stop: prints after how many ms it was closed
+ *     limit-alone FILE                 one without a stop: prints the ms until it was closed
  *     cycles FILE COUNT [SEED]         starts and stops at random; prints the longest cycle's ms
  *     pair SCREEN.ts RAW.nv12 RAW.ts   slot 0 records the screen, slot 1 a raw file of 60 pictures
  *     hour FILE MINUTES                records; prints memory, pictures and backlog once a minute
@@ -108,7 +108,7 @@ void pair(const std::string& screen_file, const std::string& raw_file,
              raw.open(raw_recording, raw_file, width, height, 30),
          "opening");
     must(screen.start() && raw.start(), "starting");
-    // A reader passes on a picture every 28 ms; by then it has met the end of its file.
+    // A reader delivers a picture every 28 ms, so by then it has reached the end of its file.
     std::this_thread::sleep_for(milliseconds(raw_pictures * 28 * 2));
     must(raw.stop() && screen.stop() && raw.close() && screen.close(), "stop or close");
 }

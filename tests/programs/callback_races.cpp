@@ -1,13 +1,13 @@
 /**
- * Starts and stops everything that calls back, COUNT times, while other threads call in: for
- * ThreadSanitizer, and for calls that hang or refuse afterwards.
+ * Starts and stops all modules with callbacks, COUNT times, while other threads call the library:
+ * for ThreadSanitizer, and to find calls that hang or fail afterwards.
  *
  *     callback_races FOLDER COUNT [SEED]
  *
- * Each cycle records on slot 1 and, in turn, records, encodes or takes stills on slot 0. Four
- * threads take frames and PCM, change the watermark and tune the encoder, whatever is open. Exit
- * code 0 if every start and stop succeeded and something came of everything. SIGALRM ends a call
- * that hangs.
+ * Each cycle records on slot 1 and, in turn, records, encodes or captures stills on slot 0. Four
+ * threads read frames and PCM, change the watermark and tune the encoder in every state. Exit code
+ * 0 if every start and stop succeeded and every interface delivered data. SIGALRM ends a call that
+ * hangs.
  */
 #include <atomic>
 #include <thread>

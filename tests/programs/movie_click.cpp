@@ -3,8 +3,8 @@
  *
  *     movie_click MODULE mp4|mkv|ts FILE < FRAMES
  *
- * Frames come at 30 per second, 64x64; a frame is 4 bytes of size, lowest first, and the access unit;
- * the first one alone is a key frame.
+ * FRAMES are 64x64 at 30 per second. A frame is a size of 4 bytes, little-endian, and the access
+ * unit; only the first one is a key frame.
  */
 #include <client/movie/movie_module.h>
 

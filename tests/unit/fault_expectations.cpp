@@ -38,7 +38,7 @@ constexpr unsigned encoded_frames = inject | copy;
 constexpr unsigned captures = encoded_frames | screen;
 constexpr unsigned encoders = recordings | encoded_frames;
 
-/** How calls that fail show to a client: of the rules for a fault, the first one counts. */
+/** The visible effects of failing calls; of several rules for a fault, the first one counts. */
 class Rules {
 public:
     struct Rule {

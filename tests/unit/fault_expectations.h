@@ -1,4 +1,6 @@
-/** How a call that fails shows to a client: its calls that fail, and lines of the log. */
+/**
+ * The visible effects of a failing middleware call: the client's calls that fail, and log lines.
+ */
 #pragma once
 
 #include <set>

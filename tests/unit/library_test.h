@@ -63,7 +63,7 @@ protected:
         mw.take_logs();
     }
 
-    /** Error lines since the last look, without those that every stop writes for closed modules. */
+    /** Error lines since the last call, without those that every stop writes for closed modules. */
     std::vector<std::string> errors()
     {
         std::vector<std::string> lines = mw.take_logs();
