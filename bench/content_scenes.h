@@ -9,9 +9,9 @@
 #include <vector>
 
 /**
- * Scenes that fill a screen and are no screen content: photographs that pan, film with grain and
- * cuts, a film with text over it, a game, a fractal and an automaton. Drawn without a display and
- * the same on every machine.
+ * Full-screen scenes that are not typical of a desktop: a pan over photographs, film with grain and
+ * cuts, a film with text over it, a game, a fractal and an automaton. Drawn without a display, and
+ * identical on every machine.
  */
 class ContentScene {
 public:
@@ -77,7 +77,7 @@ private:
 
     float random_unit() { return static_cast<float>(random_() % 10000) / 10000; }
 
-    // Noise whose strength falls with its frequency, as in photographs, under shapes with edges.
+    // Noise with a spectrum that falls with frequency, as in photographs, below shapes with edges.
     void paint_photograph()
     {
         photo_.assign(size_t{photo_width} * photo_height, Colour{110, 110, 110});
@@ -153,7 +153,7 @@ private:
                 set(x, y, packed(sample(left + x * scale, top + y * scale)));
     }
 
-    // Cuts every two and a half seconds, grain that is new in every picture.
+    // A cut every two and a half seconds, new grain in every picture.
     void film_with_grain(int number)
     {
         const int cut = number / 75;
@@ -165,7 +165,7 @@ private:
             }
     }
 
-    // A slow zoom with two things that move before it, black bars, a subtitle and a clock.
+    // A slow zoom behind two moving shapes, with black bars, a subtitle and a clock.
     void film_with_text(int number)
     {
         const double scale = 0.9 - 0.0006 * number;
@@ -186,7 +186,7 @@ private:
         signs(1100, 70, 8, number / 30, 0xffffff);
     }
 
-    // Layers that scroll at their own speeds, things that jump, sparks, and a score.
+    // Layers that scroll at different speeds, jumping shapes, sparks, and a score.
     void game(int number)
     {
         for (int y = 0; y < height; ++y)
@@ -213,7 +213,7 @@ private:
         signs(20, 20, 30, number / 10, 0xffff60);
     }
 
-    // A row of small dark and light marks, as letters are.
+    // A row of small dark and light marks, like letters.
     void signs(int left, int top, int count, int seed, uint32_t ink)
     {
         for (int sign = 0; sign < count; ++sign) {
@@ -263,7 +263,7 @@ private:
                     for (int dx = -1; dx <= 1; ++dx)
                         around += cell(x + dx, y + dy);
                 const bool lives = around == 3 || (around == 2 && cell(x, y));
-                // A few are born from nothing, so that it does not come to rest.
+                // Sets a few cells at random, so that the automaton keeps moving.
                 next[static_cast<size_t>(y * columns + x)] = lives || random_() % 400 == 0;
                 fill(x * cell_size, y * cell_size, cell_size, cell_size,
                      lives ? 0xf0f0e0 : 0x182028);

@@ -1,12 +1,11 @@
 /**
- * Shows a minute of office work on the display of DISPLAY, again and again, or a window that moves.
+ * Shows a minute of office work, repeatedly, or a moving window on the display DISPLAY.
  *
  * bench_office [--window]
  *
- * Drawn 60 times a second, by the server from what it has been given once, as toolkits do; the same
- * in every run:
+ * Draws 60 times a second from pixmaps on the server, as toolkits do; identical in every run:
  *
- *   second  0..9   reading: a cursor blinks, a clock goes; from 5 on the pointer moves
+ *   second  0..9   reading: a cursor blinks, a clock runs; from 5 on the pointer moves
  *   second 10..24  typing, five keys a second
  *   second 25..29  scrolling, ten steps of three lines a second
  *   second 30..36  dragging a window
@@ -121,7 +120,7 @@ private:
         screen_.copy(terminal_, window_, first_letter, 0, rectangle(2, 24, width - 4, height - 26));
     }
 
-    /** Shows a part of the desk with the window above it, at once. */
+    /** Shows a part of the desk with the window above it, in one step. */
     void show(xcb_rectangle_t part)
     {
         screen_.copy(desk_, next_, part.x, part.y, part);
@@ -129,7 +128,7 @@ private:
         screen_.copy(next_, screen_.window, part.x, part.y, part);
     }
 
-    /** A letter of the page as the letter at `to` of the desk. */
+    /** Copies a letter of the page to the place `to` of the desk. */
     void letter(int which, xcb_rectangle_t to)
     {
         screen_.copy(text_, desk_, static_cast<int16_t>(first_letter + which % 60 * letter_width),

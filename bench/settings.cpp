@@ -4,11 +4,11 @@
  *
  * bench_settings [--scene NAME] [--picture FILE.ppm] REFERENCE CANDIDATE...
  *
- * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. "ours" is what the host
- * layer does: its settings, which follow the content, and its knowledge of what did not change. The
- * reference encodes at constant quality 23; for each candidate it searches for the quality at which
- * a scene needs as many bits (within 0.2 percent), to make the pictures comparable. Prints per scene
- * the CPU time against the reference's and the differences in PSNR (dB, all planes) and SSIM (dB).
+ * Settings are "PRESET[,KEY=VALUE...]"; each is tuned for zero latency. "ours" works like the host
+ * layer: its settings, which follow the content, and mb_info for unchanged macroblocks. The
+ * reference encodes at constant quality 23. For each candidate the program finds the quality at
+ * which a scene needs the same number of bits (within 0.2 percent). Prints per scene the ratio of
+ * CPU times and the differences in PSNR (dB, all planes) and SSIM (dB).
  * --picture writes the middle picture of the scene and encodes nothing.
  */
 #include <algorithm>
@@ -38,7 +38,7 @@ namespace {
 
 constexpr int fps = 30;
 constexpr int pictures_of_screens = 90;
-// Long enough for the settings to follow, and for the key frame that this costs.
+// Long enough for a change of settings and the key frame that it needs.
 constexpr int pictures_of_films = 240;
 constexpr double reference_quality = 23;
 constexpr size_t luma_bytes = size_t{ScreenScene::width} * ScreenScene::height;
@@ -351,7 +351,7 @@ int show_usage()
 
 int main(int argc, char** argv)
 {
-    // x264 warns that it is not tuned for the measure, by way of the host layer's log.
+    // x264 warns in the host layer's log that it is not tuned for PSNR.
     setenv("ANDROID_LOG_TAGS", "zu3:S", 0);
     std::vector<std::string> scenes(ScreenScene::names.begin(), ScreenScene::names.end()), settings;
     scenes.insert(scenes.end(), ContentScene::names.begin(), ContentScene::names.end());

@@ -1,5 +1,5 @@
-// Records the screen and its sound into a Matroska file: the library's encoded frames beside its
-// raw PCM, in step.
+// Records the screen and its sound into a Matroska file: the library's encoded frames and its raw
+// PCM, in sync.
 //
 //   record_movie FILE.mkv SECONDS
 

@@ -1,7 +1,7 @@
 /**
- * Flashes the whole X display white while a beep sounds through the sound server, every 1.005 s,
- * for 100 ms each. Use it to compare the timing of picture and sound in a recording: the flashes
- * fall into all parts of its frame periods, so on average a frame shows one half a period late.
+ * Flashes the whole X display white while it beeps through the sound server, every 1.005 s for 100
+ * ms. Use it to compare the timing of picture and sound in a recording. The flashes are spread over
+ * the frame period, so on average a frame shows a flash half a period late.
  *
  * flash_beep [--seconds N]     default 60
  *

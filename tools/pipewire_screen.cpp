@@ -1,5 +1,5 @@
 /**
- * Offers pictures to PipeWire as a compositor does, true ones and impossible ones.
+ * Offers pictures to PipeWire like a compositor, valid ones and impossible ones.
  *
  * pipewire_screen [--format NAME] [--size WxH] [--resize WxH] [--crop] [--turned] [--unsealed]
  *                 [--lie KIND]
@@ -7,14 +7,14 @@
  * --format NAME   BGRx (default), BGRA, RGBx, RGBA or GRAY8
  * --size WxH      default 320x256
  * --resize WxH    the size after SIGUSR1
- * --crop          the right half is shown alone
- * --turned        the picture lies turned counterclockwise by 90 degrees
- * --unsealed      in memory that it may shrink
- * --lie KIND      after ten true pictures, its memory or their description is wrong: shrink,
+ * --crop          only the right half is visible
+ * --turned        the picture is rotated counterclockwise by 90 degrees
+ * --unsealed      uses memory that it can shrink
+ * --lie KIND      after ten valid pictures, the memory or its description is wrong: shrink,
  *                 stride, size, offset, cursor, damage
  *
  * The picture has four quarters: red and green above, blue and white below. Prints "node N" once
- * PipeWire lists it. Ends when PipeWire does.
+ * PipeWire lists the node. Ends with PipeWire.
  */
 #include <array>
 #include <climits>

@@ -1,17 +1,17 @@
 /**
- * Covers the first output of the Wayland session with moving content: the patches and the number of
- * moving_screen.cpp, in real pixels, for the same judges.
+ * Covers the first output of the Wayland session with the patches and the picture number of
+ * moving_screen.cpp, in physical pixels, so that the same judges can read them.
  *
  * wayland_screen [--fps N] [--stamps] [--scale N] [--static]
  *
  * --fps N     pictures per second, default 30
  * --stamps    show the time instead of the picture's number: of the monotonic clock in units of
  *             100 us, its lowest 32 bits
- * --scale N   real pixels in a logical one, default 1
+ * --scale N   physical pixels per logical pixel, default 1
  * --static    draw one picture and leave it
  *
- * Prints "ready" once the first picture is with the compositor, which has answered. Ends when the
- * compositor goes away. Exit code 1 if it cannot be reached.
+ * Prints "ready" once the compositor has answered after the first picture. Ends with the
+ * compositor. Exit code 1 if that cannot be reached.
  */
 #include <algorithm>
 #include <array>

@@ -36,7 +36,7 @@ class ElementaryStream {
 public:
     /**
      * @param time may be null
-     * @param from_start whether the stream must begin with a picture that needs no earlier one
+     * @param from_start whether the stream must begin with a picture that can be decoded alone
      */
     ElementaryStream(uint16_t pid, uint8_t type, const StreamTime* time, bool from_start,
                      Findings& findings);
