@@ -31,8 +31,8 @@ namespace common {
 namespace {
 
 /**
- * Processes that were told to end and may not have yet. Their end sends no signal, which could
- * disturb a program that waits for its own children, so they are polled.
+ * Processes that may still have to exit. Their exit sends no signal, which could disturb a program
+ * that waits for its children, so they are polled.
  */
 class Ending {
 public:
@@ -113,8 +113,7 @@ NOTHING_BUT_ITSELF void DiskProcess::run(const uint8_t* shared, int file, int so
         const Answer answer = carry_out(order, shared, file);
         syscall(SYS_write, socket, &answer, sizeof answer);
     }
-    // The kernel begins to write the file out. A busy disk may hold the call, and only this process
-    // with it.
+    // Starts writeback. A busy disk may block the call, and then only this process.
     syscall(SYS_sync_file_range, file, 0L, 0L, static_cast<long>(SYNC_FILE_RANGE_WRITE));
     syscall(SYS_exit_group, 0);
     __builtin_unreachable();
@@ -133,8 +132,8 @@ std::unique_ptr<DiskProcess> DiskProcess::start(int fd)
     auto* const shared = static_cast<uint8_t*>(memory);
     long process = -1;
     {
-        // Not fork(): whatever a program has registered for that is none of this process's
-        // business, and no signal tells of its end.
+        // Not fork(): the program's fork handlers must not run here, and no signal must report
+        // the end of this process.
         const SignalsBlocked guard;
         process = syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L);
         if (process == 0)

@@ -62,14 +62,13 @@ bool LineWriter::flush(Time limit)
     return written_.wait_until(lock, limit, [this] { return done_ == appended_; });
 }
 
-// A child of fork() has the object without its thread, and perhaps with a lock that is held for
-// ever.
+// A child of fork() has the object without its thread, and perhaps with a mutex that stays locked.
 bool LineWriter::is_copy() const
 {
     return process_ != 0 && process_ != getpid();
 }
 
-// Begun with the first line: the threads of a program that says nothing are its own.
+// Started with the first line, so a program that logs nothing gets no additional thread.
 bool LineWriter::ensure_thread()
 {
     if (process_ != 0)
@@ -84,7 +83,7 @@ bool LineWriter::ensure_thread()
     return true;
 }
 
-/** Where there is no thread: no more than there is room for. */
+/** Without a thread: writes at most what fits without waiting. */
 int LineWriter::write_directly(std::string_view text) const
 {
     pollfd room{fd_, POLLOUT, 0};

@@ -7,8 +7,8 @@
 namespace common {
 
 /**
- * A static object that is made at its first use and never destroyed: threads that still run while
- * the process exits may use it. It lies in static memory, so making it allocates nothing itself.
+ * A static object that is constructed at its first use and never destroyed, so that threads may use
+ * it while the process exits. It lies in static memory: the wrapper allocates nothing.
  *
  *     static NeverDestroyed<Table> table(first_handle);
  */

@@ -92,7 +92,7 @@ Descriptor TrustedPath::create_beside(const std::string& name, int flags) const
     Descriptor fresh(
         openat(folder_.get(), name.c_str(), flags | O_CREAT | O_EXCL | O_CLOEXEC, private_mode));
     if (fresh)
-        // the umask may have taken even the owner's rights
+        // the umask may have cleared even the owner's permissions
         fchmod(fresh.get(), private_mode);
     return fresh;
 }

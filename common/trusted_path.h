@@ -17,7 +17,7 @@ namespace common {
  */
 class TrustedPath {
 public:
-    /** Where the folder cannot be opened, error() says why. */
+    /** If the folder cannot be opened, error() has the reason. */
     explicit TrustedPath(const std::string& path);
 
     /** An errno value; 0 when the folder is there. */
@@ -26,16 +26,15 @@ public:
     int folder() const { return folder_.get(); }
     /** The last part of the path; empty if that ends in a slash. */
     const std::string& name() const { return name_; }
-    /** Whether it is a link of the kernel's, to what a process holds open already. */
+    /** Whether it is one of the kernel's links to a process's open files. */
     bool in_proc() const { return in_proc_; }
 
     /** Like stat(2), but of the link itself if it is not trusted; 0, or -1 and errno. */
     int status(struct stat& found) const;
-    /** As open(2) of what is there, close-on-exec; ELOOP for a link that is not to be trusted. */
+    /** Like open(2) of an existing file, close-on-exec; ELOOP for an untrusted link. */
     Descriptor open(int flags) const;
     /**
-     * Makes a file that only its owner may read and write, whatever the umask; EEXIST if there is
-     * anything.
+     * Creates a file of mode 0600, regardless of the umask; EEXIST if the name exists.
      */
     Descriptor create_private(int flags) const { return create_beside(name_, flags); }
     /** The same, of another name in the same folder. */

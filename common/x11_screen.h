@@ -80,7 +80,7 @@ inline const xcb_screen_t* find_screen(const xcb_setup_t& setup, int number)
     return wanted;
 }
 
-/** How the pixels of a screen lie in memory, each in 32 bits of the lowest byte first. */
+/** The layout of a screen's pixels in memory, 32 bits each, little-endian. */
 enum class PixelFormat {
     /** eight bits a colour: blue in the lowest, then green and red */
     bgrx8,

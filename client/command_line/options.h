@@ -61,7 +61,7 @@ inline constexpr const char* level_names = "1|1b|1.1|1.2|1.3|2|2.1|2.2|3|3.1|3.2
 /** The code of CapEnc_OpenParams for one of them. */
 std::optional<uint32_t> parse_level(std::string_view text);
 
-/** The values of --sound that are no names of sources. */
+/** The values of --sound with a special meaning; any other value names a source. */
 inline constexpr const char* sound_words = "desktop|microphone|both|none";
 
 /** The orders of the command "control". */

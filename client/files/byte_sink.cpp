@@ -24,9 +24,8 @@
 namespace client {
 
 /**
- * A thread that writes one piece after the other, and tells by a descriptor when it is through with
- * all. It has an ordinary file written by a process, so that a disk that stands still holds neither
- * the thread nor the end of the program.
+ * A thread that writes pieces in order and signals by a descriptor when all are written. A process
+ * writes to an ordinary file, so a stalled disk blocks neither the thread nor the program's exit.
  */
 class SinkThread {
 public:
@@ -145,7 +144,7 @@ void SinkThread::run()
             return;
         const Piece& piece = pieces_.front();
         lock.unlock();
-        if (failed_ == 0) // else what follows would stand in the wrong place
+        if (failed_ == 0) // otherwise later pieces would be written to the wrong place
             failed_ = write_piece(piece);
         lock.lock();
         backlog_ -= piece.data.size();

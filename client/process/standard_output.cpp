@@ -22,8 +22,8 @@ ProgramOutput::ProgramOutput(bool verbose, StopSignals& signals)
     : signals_(signals), fd_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))),
       lines_(lines_of(fd_))
 {
-    // The library prints notices to stdout. If standard error has no reader, flushing them would
-    // block the exit for ever.
+    // The library prints notices to stdout. If nothing reads standard error, flushing them would
+    // block the exit.
     const common::Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     dup2(verbose || nowhere.get() < 0 ? STDERR_FILENO : nowhere.get(), STDOUT_FILENO);
 }
@@ -49,7 +49,7 @@ void ProgramOutput::print_path(const std::string& path)
 
 void ProgramOutput::write_line(const std::string& line)
 {
-    // A lost reader is no error: the line is dropped.
+    // Without a reader the line is dropped, without an error.
     while (lines_.put(line + "\n") == -EAGAIN)
         if (signals_.wait_until(Clock::now() + std::chrono::milliseconds(50)))
             return;

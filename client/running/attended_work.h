@@ -10,8 +10,9 @@
 namespace client {
 
 /**
- * Runs work that may block for ever (on a pipe or a disk) on a separate thread, while the caller
- * still reacts to signals. The work must own everything that it uses: it can outlive the caller.
+ * Runs work that may block without limit (on a pipe or a disk) on a separate thread, while the
+ * caller still reacts to signals. The work must own everything that it uses: it can outlive the
+ * caller.
  */
 class AttendedWork {
 public:
