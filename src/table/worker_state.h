@@ -21,7 +21,7 @@ enum SCREENRECORD_WorkerState_e : u32 {
     /* of a worker whose record belongs to the next one */
     /** deleted itself at the time limit: it ends, and a later control call joins it */
     E_SCREENRECORD_WORKER_RETIRED,
-    /** its deletion timed out: it no longer touches the record */
+    /** its deletion timed out: it must not touch the record any more */
     E_SCREENRECORD_WORKER_GIVEN_UP,
 };
 

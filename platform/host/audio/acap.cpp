@@ -163,14 +163,13 @@ HOST_EXPORT u32 ZU_ACAP_Close(u32 u32Handle)
         const auto device = devices().remove(u32Handle);
         if (!device)
             return ZU_INVALID_ARGUMENT;
-        // another thread's call may still hold the object
+        // another thread's call may still use the object
         device->stop();
         return ZU_OK;
     });
 }
 
-// Audio capture here has no events: there is nothing to keep of a registration, and a removal
-// without one is no fault either.
+// Audio capture has no events here, so a registration stores nothing and a removal always succeeds.
 HOST_EXPORT u32 ZU_ACAP_RegisterCallback(u32 u32Handle, const ZU_ACAP_CallbackParams_t* pstParams,
                                          u64* pu64CallbackId)
 {

@@ -246,10 +246,10 @@ void PulseConnection::begin_row()
     start_.forget_samples();
 }
 
-// From the server's own words: at `timestamp` the byte at write_index was the next to be written,
-// source_usec after it was taken from the output's data and sink_usec before the output plays it.
-// The library's interpolated time is no use here: it never lies before the stream's beginning, and
-// an output that has rendered ahead plays later.
+// From the server's report: at `timestamp` the byte at write_index was the next to be written,
+// source_usec after it left the output's data and sink_usec before the output plays it. The
+// library's interpolated time does not help: it is never before the stream's beginning, but an
+// output that has rendered ahead plays later.
 std::optional<int64_t> PulseConnection::time_of_next_us() const
 {
     const pa_timing_info* const timing = pa_stream_get_timing_info(stream_);

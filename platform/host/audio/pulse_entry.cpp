@@ -102,9 +102,9 @@ private:
         }
     }
 
-    /** of 50 ms that may pass without a word of the server, 3 s in all */
+    /** of 50 ms without a message of the server, 3 s in all */
     int quiet_slices_ = 60;
-    /** and its words do not keep us for ever */
+    /** limit of the server's messages */
     int rounds_ = 400;
     std::unique_ptr<pa_mainloop, decltype(&pa_mainloop_free)> loop_;
     std::unique_ptr<pa_context, decltype(&pa_context_unref)> context_;

@@ -22,9 +22,8 @@ namespace zu3host {
 namespace {
 
 /**
- * A server that says nothing for so long hears nothing, or sleeps: silence takes the place of its
- * sound. In the middle of sound it is more likely a machine so busy that server or listener were
- * kept waiting, and what comes then is worth the wait.
+ * A server that sends nothing for this long has no sound, or sleeps, so silence is filled in. In
+ * the middle of sound the machine is probably busy, and the late sound is worth a longer wait.
  */
 constexpr int64_t patience_us = 300'000;
 constexpr int64_t patience_in_sound_us = 1'000'000;

@@ -27,8 +27,8 @@ template <typename T> void store_output(T* output, T value)
 }
 
 /**
- * What `call` answers, or `failure` when it throws; `report` is told why. The one place that
- * catches.
+ * The result of `call`, or `failure` if it throws; passes the reason to `report`. The only place
+ * that catches.
  */
 template <typename Result, typename Call, typename Report>
 Result answer_or(Result failure, Call&& call, Report&& report) noexcept

@@ -3,8 +3,7 @@
 #include <android/log.h>
 
 /**
- * The host layer's own log lines, under the tag "zu3": sentences that say what happened and what to
- * do.
+ * Log lines of the host layer, with the tag "zu3": sentences with the event and the remedy.
  */
 #define HOST_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, "zu3", __VA_ARGS__)
 #define HOST_LOGW(...) __android_log_print(ANDROID_LOG_WARN, "zu3", __VA_ARGS__)

@@ -154,7 +154,7 @@ std::shared_ptr<PicturePool> CaptureDevice::make_pool(const ZU_CAP_Output_t& out
             : PicturePool::own(layout, next_index_);
     if (!pool)
         return nullptr;
-    // A picture of an earlier start that comes back late is told by its index.
+    // The index identifies a picture of an earlier start that is returned late.
     next_index_ = next_index_ >= still_index / 2 ? 0 : next_index_ + pool->count();
     return pool;
 }

@@ -35,10 +35,10 @@ PictureSize without_odd_edge(PictureSize display, PictureSize visible);
 Placement fit_into(PictureSize source, PictureSize box);
 
 /**
- * The placement of a display's image in a picture of `out` size, of which `visible` is seen at its
- * top left. A display whose own layout is that of the picture and which lies inside the visible
- * part is taken as it is, at the top left: that is how a recording of exactly the display's size
- * arrives here, since the contract rounds sizes.
+ * The placement of a display's image in a picture of size `out`, whose top left part `visible` is
+ * shown. A display that fits the visible part and has the picture's layout is placed one to one at
+ * the top left: since the contract rounds sizes, that is the case of a recording in the display's
+ * size.
  */
 Placement place_display(PictureSize display, PictureSize out, PictureSize visible);
 

@@ -13,8 +13,8 @@ namespace {
 
 /**
  * Waits are counted in slices, not by the clock: a process that was stopped, or not scheduled, for
- * longer than any limit has waited for one slice when it goes on, and looks for the answer before
- * it judges.
+ * any time has waited for one slice when it continues, and reads the answer before it checks the
+ * limit.
  */
 constexpr auto slice = std::chrono::milliseconds(50);
 constexpr uint32_t worth_a_word_ms = 1000;

@@ -62,8 +62,7 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
                   static_cast<unsigned long long>(address));
         return nullptr;
     }
-    // The address may have been rounded up after the size was taken, so the block's end counts as
-    // well.
+    // The address may be rounded up while the size is not, so the block's end limits it as well.
     const uint64_t offset = address - reinterpret_cast<uintptr_t>(block->virt);
     const uint64_t usable = std::min<uint64_t>(size, block->size - offset);
     const size_t slot_bytes = aligned(layout.picture_bytes());

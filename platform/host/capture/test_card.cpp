@@ -8,7 +8,7 @@ namespace zu3host {
 namespace {
 
 /**
- * A moving picture that needs no display, in whatever size is asked for. A program can read from
+ * A moving picture that needs no display, in any size. A program can read from
  * it:
  *
  *  - the picture's number, 32 bits: bit i (0 = least significant) is the block of 16x16 pixels at

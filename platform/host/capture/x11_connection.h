@@ -32,7 +32,7 @@ template <typename T> struct XcbAnswer {
  */
 class X11Connection {
 public:
-    /** Connects to the display that DISPLAY names; null with a log line that says what to do. */
+    /** Connects to the display that DISPLAY names; null, with a log line and remedy, on failure. */
     static std::unique_ptr<X11Connection> open();
     ~X11Connection();
     X11Connection(const X11Connection&) = delete;
@@ -47,7 +47,7 @@ public:
      */
     bool is_local() const;
     bool lost() const { return xcb_connection_has_error(xcb_) != 0; }
-    /** Ends the connection, and with it whatever waits; from any thread. */
+    /** Ends the connection and every wait; from any thread. */
     void cut();
     bool was_cut() const { return cut_; }
 

@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds time_to_drain{150};
 // late meanwhile.
 constexpr std::chrono::milliseconds time_to_make_room{80};
 
-// Two or three times what the first picture takes on a slow machine; then it is as if it were warm.
+// Two or three times the first picture's duration on a slow machine; later x264 counts as warm.
 constexpr std::chrono::milliseconds time_to_get_warm{250};
 
 std::atomic<int> wanted_event{-1};
@@ -239,7 +239,7 @@ uint32_t Encoder::offer_inject_region(ZU_VENC_EntireInjectBuf_t& region)
     if (!settings_.inject || !inject_is_allowed())
         return ZU_OK;
     const std::lock_guard lock(mutex_);
-    // Without memory for it the pictures are copied, which is no failure.
+    // If memory for it runs out, pictures are copied.
     region_.allocate(settings_.layout.picture_bytes());
     region.u32VirtAddr = region_.address();
     region.u32Size = region_.size();

@@ -230,7 +230,7 @@ int64_t OpenFile::read(void* dst, size_t size)
     if (error == 0)
         return static_cast<int64_t>(done);
     if (error == ECANCELED)
-        // a part of a picture would be taken for the last one
+        // a part of a picture would count as the last one
         return -1;
     if (!std::exchange(failure_logged_, true))
         HOST_LOGE("Cannot read \"%s\": %s.", name_.c_str(), strerror(error));
@@ -379,7 +379,7 @@ bool OpenFile::close()
         disk_.reset();
     else if (written_ && is_regular(fd_.get()))
         sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
-    // Linux has released the descriptor whatever close reports.
+    // Linux has released the descriptor regardless of close's result.
     if (::close(fd_.release()) != 0 && errno != EINTR)
         error = errno;
     if (error != 0)

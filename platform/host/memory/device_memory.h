@@ -21,7 +21,7 @@ struct MemoryBlock {
     int fd;
 };
 
-/** Allocates `size` zeroed bytes; nothing when there is no memory or no room below 4 GiB. */
+/** Allocates `size` zeroed bytes; nullopt if memory or room below 4 GiB runs out. */
 std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size);
 /**
  * Forgets the block that starts at `phys`, and unmaps and closes it, once its memory has no holder
@@ -34,7 +34,7 @@ std::optional<MemoryBlock> block_of_phys(uint64_t phys);
 std::optional<MemoryBlock> block_of_virt(uint64_t virt);
 /**
  * A new descriptor, close-on-exec, of the block that contains a physical address; the caller closes
- * it. -1 and errno when there is no such block (ENXIO) or no descriptor left.
+ * it. -1 and errno if there is no such block (ENXIO) or descriptors run out.
  */
 int duplicate_descriptor(uint64_t phys);
 

@@ -137,8 +137,8 @@ u32 get_descriptor(ZU_OS_IommuBufFd_t& record)
     return ZU_OK;
 }
 
-// The descriptor alone says what is given back: some callers no longer know the address, and the
-// block may be gone.
+// Only the descriptor identifies the returned block: some callers no longer know the address, and
+// the block may be freed.
 u32 put_descriptor(const ZU_OS_IommuBufFd_t& record)
 {
     Iommu& all = iommu();

@@ -18,7 +18,7 @@ uint64_t EventCallback::set(const ZU_TSMUX_CallbackParams_t& params)
     const std::lock_guard lock(mutex_);
     if (callback_.pfnCallback)
         return 0;
-    // an event that cannot be told would make its cause a failure
+    // allocates now, so that reporting an event cannot fail
     callers_.reserve(most_callers);
     callback_ = params;
     callback_.u64CallbackId = next_id_++;

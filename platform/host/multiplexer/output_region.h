@@ -8,14 +8,14 @@ namespace zu3host {
 
 /**
  * The memory of one output ring. The contract gives the same region to every multiplexer of the
- * process: the first one takes it, another one that comes while it is taken gets a device block of
- * its own of the same size, so that their streams stay apart. Released on destruction.
+ * process. The first one uses it; any other one meanwhile gets a separate device block of the same
+ * size, so that their streams stay apart. Released on destruction.
  */
 class OutputRegion {
 public:
     /**
-     * @return null, with a log line, when `address` is not `size` bytes of device memory or no
-     * block can be had
+     * @return null, with a log line, if `address` is not `size` bytes of device memory or no block
+     * is available
      */
     static std::unique_ptr<OutputRegion> claim(uint32_t address, uint32_t size);
     OutputRegion(const OutputRegion&) = delete;

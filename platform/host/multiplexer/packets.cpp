@@ -109,7 +109,7 @@ void PacketWriter::write_pcr(const PacketStream& stream)
     uint8_t* const packet = begin();
     ts_init(packet);
     ts_set_pid(packet, stream.pid);
-    // no payload: the counter stands still (2.4.3.3)
+    // no payload: the counter does not advance (2.4.3.3)
     ts_set_cc(packet, stream.continuity);
     ts_set_adaptation(packet, ts_payload_bytes - 1);
     set_pcr(packet, clock_.now());

@@ -7,9 +7,8 @@ namespace zu3host {
 
 /**
  * Presentation times of pictures, in ticks of 90 kHz from the first one, which strictly increase.
- * If the capture's clock is known, it is followed. Stated times are followed within the
- * continuity limits; a step beyond them is no real time, and the picture continues at the frame
- * interval seen so far. So does one without any time.
+ * Follows the capture's clock if it is known. Follows stated times within the continuity limits; a
+ * picture with a step beyond them, or without a time, continues at the frame interval so far.
  */
 class PictureClock {
 public:

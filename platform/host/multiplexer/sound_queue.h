@@ -9,7 +9,7 @@ namespace zu3host {
 
 /**
  * Encoded sound that waits for its place in the stream: a fixed number of AAC frames with their
- * presentation times (90 kHz, the stream's). Its memory is taken once. Not thread-safe.
+ * presentation times (90 kHz, the stream's). Allocates once. Not thread-safe.
  */
 class SoundQueue {
 public:

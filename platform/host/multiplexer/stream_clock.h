@@ -19,9 +19,8 @@ constexpr uint64_t system_ticks_of_ms(uint64_t milliseconds)
 }
 
 /**
- * Where the stream stands, on its own system clock; what a PCR says. At a constant rate it moves
- * with the packets alone, exactly; at a variable rate it also moves to the moments that the
- * pictures ask for.
+ * The current time of the stream on its system clock, the value of a PCR. At a constant rate it
+ * advances exactly with the packets; at a variable rate also to the times that pictures request.
  */
 class StreamClock {
 public:
@@ -56,8 +55,8 @@ inline constexpr uint64_t stream_start = system_ticks_of_ms(100);
  */
 inline constexpr uint64_t picture_window = system_ticks_of_ms(100);
 /**
- * How long a picture is complete before it is due. At a constant rate a large picture takes its
- * time, and what a decoder must hold stays below one second with the window above.
+ * Time from a picture's last byte to its presentation. At a constant rate a large picture needs a
+ * longer lead; with the window above, a decoder buffers less than one second.
  */
 inline constexpr uint64_t variable_rate_lead = system_ticks_of_ms(300);
 inline constexpr uint64_t constant_rate_lead = system_ticks_of_ms(900);

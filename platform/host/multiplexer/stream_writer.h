@@ -19,13 +19,13 @@ struct PictureUnit {
 };
 
 /**
- * The order of the stream: pictures, and between them whatever falls due on the stream's clock -
- * program clock references at most 40 ms apart, tables at most 100 ms apart, sound shortly before
- * it is heard, null packets at a constant rate. Not thread-safe.
+ * Orders the stream: pictures, and between them everything due by the stream's clock: PCRs at most
+ * 40 ms apart, tables at most 100 ms apart, sound shortly before its presentation, null packets at
+ * a constant rate. Not thread-safe.
  */
 class StreamWriter {
 public:
-    /** Idle steps want this much room, so that whatever is due fits. */
+    /** Room in packets that an idle step needs for everything due. */
     static constexpr size_t idle_room = 10;
 
     /** @param bits_per_second constant rate of the 188-byte packets; 0 = variable */
@@ -37,8 +37,8 @@ public:
     bool constant_rate() const { return clock_.constant_rate(); }
 
     /**
-     * What the tables say; before the first packet. Time references go with pictures(), also
-     * without pictures.
+     * Sets the contents of the tables. Call it before the first packet. PCRs are in the packets of
+     * pictures(), even without pictures.
      */
     void set_program(uint16_t map_pid, const std::vector<ProgramStream>& streams);
     PacketStream& pictures() { return pictures_; }
@@ -62,7 +62,7 @@ public:
      */
     void write_picture(const PictureUnit& picture, uint64_t end, SoundQueue* queue);
     /**
-     * Writes sound that is heard until `pts` at once, whatever its time; as far as there is room.
+     * Writes sound up to `pts` without waiting for its time, as far as there is room.
      */
     void flush_sound(SoundQueue& queue, int64_t pts);
 

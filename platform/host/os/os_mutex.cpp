@@ -11,7 +11,7 @@
 namespace zu3host {
 
 /**
- * A mutex with a time limit and an owner, which may be retired while threads hold it or wait for
+ * A mutex with a time limit and an owner, which may be retired while a thread owns it or waits for
  * it. The limit counts the time that this process runs.
  */
 class TimedMutex {
@@ -19,7 +19,7 @@ public:
     enum class Result { obtained, timed_out, retired };
 
     Result obtain(std::chrono::milliseconds limit);
-    /** False when the calling thread does not hold it. */
+    /** False if the calling thread does not own it. */
     bool release();
     /** From now on no thread obtains it; those that wait return at once. */
     void retire();

@@ -64,7 +64,7 @@ private:
 namespace {
 
 // The device's blocks of 4 KiB are less than what Linux itself lays on a thread's stack. The usual
-// 8 MiB would count in full wherever address space or locked memory is limited.
+// 8 MiB would count in full if address space or locked memory is limited.
 constexpr size_t least_stack_bytes = size_t{256} * 1024;
 
 thread_local int deletion_of_task = -1;
@@ -172,7 +172,7 @@ using zu3host::at_border;
 using zu3host::handle_table;
 using zu3host::Task;
 
-// How long a deletion waits for an entry that still runs; callers have told it to end long before.
+// Longest wait of a deletion for an entry that still runs; callers ask it to end long before.
 constexpr std::chrono::milliseconds deletion_limit{2000};
 
 // A stack size beyond this is a mistake and not a wish.
@@ -210,7 +210,7 @@ u32 delete_task(s32 task_id)
         HOST_LOGE("Task \"%s\" tried to delete itself; another thread has to.", found->name());
         return ZU_FAILURE;
     }
-    // Of two deletions at the same moment one takes the task out and ends it.
+    // Of two simultaneous deletions, one removes the task and ends it.
     const auto task = tasks().remove(static_cast<u32>(task_id));
     if (!task)
         return ZU_INVALID_ARGUMENT;

@@ -36,7 +36,7 @@ timespec after(timespec moment, u32 milliseconds)
 
 HOST_EXPORT u32 ZU_OS_DelayTask(u32 u32Ms)
 {
-    // To a moment instead of for a time: a signal handler in between makes the delay no longer.
+    // An absolute time, so that a signal handler in between does not prolong the delay.
     const timespec end = after(monotonic_now(), u32Ms);
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
     }

@@ -57,11 +57,11 @@ const PictureInFlight* captured_picture_in_callback();
 const PictureInFlight* encoded_picture_in_callback();
 
 /**
- * Leases: while a picture has one, nothing may overwrite it. A buffer that was given back to the
- * capture may still be read: the encoder leases a picture that it borrowed or that lies in its
- * inject buffer until it has encoded it. The capture leases what it has handed out in an inject
- * buffer, so that a picture that is out over a stop is safe from the next start. Leases of one
- * address add up; each needs its own return. May throw std::bad_alloc beyond 64 leases.
+ * Leases: nothing may overwrite a leased picture. The encoder leases a picture that it borrowed, or
+ * that lies in its inject buffer, until it has encoded it, because the library returns the buffer
+ * to the capture earlier. The capture leases the pictures in use in an inject buffer, so that the
+ * next start does not overwrite them after a stop. Leases of one address are counted; each needs a
+ * return. May throw std::bad_alloc beyond 64 leases.
  */
 void lease_picture(const uint8_t* picture);
 /** Ends one lease; does nothing if there is none. */

@@ -52,8 +52,7 @@ uint64_t end_of_plane(uint32_t offset, uint32_t pitch, uint64_t bytes, uint64_t 
 }
 
 /**
- * Whether the buffer's descriptor says that it ends earlier; one that is no ordinary file says
- * nothing.
+ * Whether the buffer's file ends before `end`; false for a descriptor of another kind.
  */
 bool is_beyond_file(int fd, uint64_t end)
 {

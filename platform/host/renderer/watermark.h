@@ -17,13 +17,12 @@ struct TargetPlane {
 };
 
 /**
- * What is laid over one plane, prepared so that drawing is one multiplication a byte: each byte of
- * the target is scaled down by the opacity, and the opaque part of the logo, multiplied by it
- * beforehand, is added.
+ * The overlay of one plane, prepared so that drawing needs one multiplication per byte: scales each
+ * byte of the target down by the opacity, and adds the premultiplied logo.
  */
 class BlendPlane {
 public:
-    /** the target stays as it is */
+    /** keeps the target unchanged */
     static constexpr double keep_unit = 16384;
     /** one level of the target */
     static constexpr double add_unit = 256;
@@ -36,7 +35,7 @@ public:
 
     /** @param alpha 0 to 1; @param colour the logo's value times alpha, in levels */
     void set(int64_t byte, int64_t line, double alpha, double colour);
-    /** Draws what lies inside of the target; bytes of alpha 0 stay as they are. */
+    /** Draws the part inside the target; bytes of alpha 0 stay unchanged. */
     void draw(const TargetPlane& target) const;
 
 private:
@@ -52,15 +51,16 @@ private:
 };
 
 /**
- * A watermark as it is drawn: luma and chroma prepared for its place in the picture. Never changes.
+ * A prepared watermark: luma and chroma for its place in the picture. Immutable.
  */
 class Watermark {
 public:
-    /** Whether there is nothing to show, which is no fault. */
+    /** Whether the watermark is invisible, which is not an error. */
     static bool shows_nothing(const android::WatermarkParams& params);
     /**
-     * Reads the picture; it is not needed any more afterwards. Throws std::bad_alloc.
-     * @return null when the parameters are no picture within their memory, which is logged
+     * Copies the picture. Throws std::bad_alloc.
+     * @return null, with a log line, if the parameters do not describe a picture within their
+     * memory
      */
     static std::shared_ptr<const Watermark> from(const android::WatermarkParams& params);
 

@@ -11,7 +11,7 @@ namespace {
 // At the highest rate that a recording is written with, this is some ten seconds of a stalled disk.
 constexpr u32 tsmux_output_bytes = 8u << 20;
 
-// Addresses of a layout are told as a base and what lies above it.
+// A layout gives an address as a base and an offset.
 constexpr u64 base_mask = ~u64{0xFFFFFFFF};
 
 /**

@@ -12,9 +12,8 @@ class HOST_EXPORT RefBase;
 
 namespace android {
 
-// Until the first reference is taken the count stands at a value that references alone never reach.
-// So exactly one of several threads finds itself the first, and an object that gets back to nothing
-// is told from a new one.
+// Until the first reference the count has a value that references alone never reach. So exactly one
+// of several threads is the first, and an object without references differs from a new one.
 constexpr int32_t no_reference_yet = 1 << 28;
 
 class RefBase::weakref_type {
@@ -22,8 +21,8 @@ public:
     std::atomic<int32_t> strong{no_reference_yet};
 };
 
-// A caller may be built without exceptions. Without memory for its counter an object is
-// not counted, so that it stays for ever, which is better than to go too soon.
+// A caller may be built without exceptions. If memory for its counter runs out, an object is not
+// counted and never deleted: a leak is better than an early deletion.
 RefBase::RefBase() : mRefs(new (std::nothrow) weakref_type) {}
 
 RefBase::~RefBase()
