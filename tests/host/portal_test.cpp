@@ -151,6 +151,9 @@ TEST(PortalBuffer, DamageIsWithinThePicture)
     EXPECT_FALSE(append_damage(silent.get(), small_format, parts));
 }
 
+/** Offset of a pointer's bitmap in its metadata, and of the pixels behind the bitmap's record. */
+constexpr uint32_t bitmap_at = sizeof(spa_meta_cursor), pixels_at = sizeof(spa_meta_bitmap);
+
 std::vector<uint8_t> cursor_metadata(const spa_meta_cursor& cursor, const spa_meta_bitmap& bitmap,
                                      size_t pixels)
 {
@@ -165,119 +168,59 @@ std::vector<uint8_t> cursor_metadata(const spa_meta_cursor& cursor, const spa_me
 TEST(PortalBuffer, PointerIsTakenOrLeftAsItWas)
 {
     // Catches a pointer's image that is read beyond its metadata, and one that is lost or hidden.
-    constexpr uint32_t at = sizeof(spa_meta_cursor), behind = sizeof(spa_meta_bitmap);
+    constexpr uint32_t bgra = SPA_VIDEO_FORMAT_BGRA, most = UINT32_MAX;
+    constexpr uint32_t end = bitmap_at + pixels_at + 8;
     struct Case {
         const char* what;
-        spa_meta_cursor cursor;
-        spa_meta_bitmap bitmap;
+        uint32_t id, at, format;
+        spa_rectangle size;
+        int32_t stride;
+        uint32_t behind;
         size_t pixels;
-        PictureSize size; // of the image afterwards, which is 1x1 before
-        bool visible;
+        PictureSize after; // the size of the image, which is 1x1 before
     };
     const Case cases[] = {
-        {"an image",
-         {1, 0, {5, 6}, {1, 1}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         8,
-         {2, 1},
-         true},
-        {"no new image",
-         {1, 0, {5, 6}, {1, 1}, 0},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         8,
-         {1, 1},
-         true},
-        {"an empty image",
-         {1, 0, {5, 6}, {1, 1}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {0, 0}, 8, behind},
-         0,
-         {0, 0},
-         true},
-        {"image without pixels",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, 0},
-         0,
-         {0, 0},
-         true},
-        {"hidden",
-         {0, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         8,
-         {1, 1},
-         false},
-        {"pixels short by one",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         7,
-         {1, 1},
-         true},
-        {"lines too short",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 7, behind},
-         8,
-         {1, 1},
-         true},
-        {"negative lines",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 2}, -8, behind},
-         16,
-         {1, 1},
-         true},
-        {"pixels in front",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, 1},
-         8,
-         {1, 1},
-         true},
-        {"pixels far away",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, UINT32_MAX},
-         8,
-         {1, 1},
-         true},
-        {"huge",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_BGRA, {UINT32_MAX, UINT32_MAX}, INT_MAX, behind},
-         8,
-         {1, 1},
-         true},
-        {"another format",
-         {1, 0, {5, 6}, {0, 0}, at},
-         {SPA_VIDEO_FORMAT_I420, {2, 1}, 8, behind},
-         8,
-         {1, 1},
-         true},
-        {"image behind the end",
-         {1, 0, {5, 6}, {0, 0}, at + behind + 8},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         8,
-         {1, 1},
-         true},
-        {"image far away",
-         {1, 0, {5, 6}, {0, 0}, UINT32_MAX},
-         {SPA_VIDEO_FORMAT_BGRA, {2, 1}, 8, behind},
-         8,
-         {1, 1},
-         true},
+        {"an image", 1, bitmap_at, bgra, {2, 1}, 8, pixels_at, 8, {2, 1}},
+        {"no new image", 1, 0, bgra, {2, 1}, 8, pixels_at, 8, {1, 1}},
+        {"an empty image", 1, bitmap_at, bgra, {0, 0}, 8, pixels_at, 0, {0, 0}},
+        {"image without pixels", 1, bitmap_at, bgra, {2, 1}, 8, 0, 0, {0, 0}},
+        {"hidden", 0, bitmap_at, bgra, {2, 1}, 8, pixels_at, 8, {1, 1}},
+        {"pixels short by one", 1, bitmap_at, bgra, {2, 1}, 8, pixels_at, 7, {1, 1}},
+        {"lines too short", 1, bitmap_at, bgra, {2, 1}, 7, pixels_at, 8, {1, 1}},
+        {"negative lines", 1, bitmap_at, bgra, {2, 2}, -8, pixels_at, 16, {1, 1}},
+        {"pixels in front", 1, bitmap_at, bgra, {2, 1}, 8, 1, 8, {1, 1}},
+        {"pixels far away", 1, bitmap_at, bgra, {2, 1}, 8, most, 8, {1, 1}},
+        {"huge", 1, bitmap_at, bgra, {most, most}, INT_MAX, pixels_at, 8, {1, 1}},
+        {"another format", 1, bitmap_at, SPA_VIDEO_FORMAT_I420, {2, 1}, 8, pixels_at, 8, {1, 1}},
+        {"image behind the end", 1, end, bgra, {2, 1}, 8, pixels_at, 8, {1, 1}},
+        {"image far away", 1, most, bgra, {2, 1}, 8, pixels_at, 8, {1, 1}},
     };
     for (const Case& each : cases) {
         Cursor cursor{
             .visible = true, .image = {.size = {1, 1}, .pixels = {9, 9, 9, 9}}, .changes = 1};
         ToldBuffer buffer;
-        buffer.add(SPA_META_Cursor, cursor_metadata(each.cursor, each.bitmap, each.pixels));
+        buffer.add(SPA_META_Cursor,
+                   cursor_metadata({each.id, 0, {5, 6}, {1, 1}, each.at},
+                                   {each.format, each.size, each.stride, each.behind},
+                                   each.pixels));
         take_cursor(buffer.get(), cursor);
-        EXPECT_EQ(cursor.visible, each.visible) << each.what;
-        EXPECT_EQ(cursor.image.size, each.size) << each.what;
-        EXPECT_EQ(cursor.image.pixels.size(), size_t{4} * each.size.width * each.size.height)
+        EXPECT_EQ(cursor.visible, each.id != 0) << each.what;
+        EXPECT_EQ(cursor.image.size, each.after) << each.what;
+        EXPECT_EQ(cursor.image.pixels.size(), size_t{4} * each.after.width * each.after.height)
             << each.what;
-        EXPECT_EQ(cursor.changes, 2u + (each.size != PictureSize{1, 1})) << each.what;
+        EXPECT_EQ(cursor.changes, 2u + (each.after != PictureSize{1, 1})) << each.what;
     }
+}
+
+TEST(PortalBuffer, PointerHasBlueFirst)
+{
+    // Catches a pointer whose red and blue are swapped, and one that points beside its hot spot.
     Cursor cursor;
     ToldBuffer buffer;
-    buffer.add(SPA_META_Cursor, cursor_metadata({1, 0, {5, 6}, {1, 0}, at},
-                                                {SPA_VIDEO_FORMAT_RGBA, {1, 1}, 4, behind}, 4));
+    buffer.add(SPA_META_Cursor, cursor_metadata({1, 0, {5, 6}, {1, 0}, bitmap_at},
+                                                {SPA_VIDEO_FORMAT_RGBA, {1, 1}, 4, pixels_at}, 4));
     take_cursor(buffer.get(), cursor);
-    EXPECT_EQ(cursor.image.pixels, (std::vector<uint8_t>{3, 2, 1, 4})); // blue first
+    EXPECT_EQ(cursor.image.pixels, (std::vector<uint8_t>{3, 2, 1, 4}));
     EXPECT_EQ(cursor.image.hot_x, 1);
 }
 
