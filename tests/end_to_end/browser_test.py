@@ -16,7 +16,8 @@ let sent = false;
 video.ontimeupdate = () => {
     if (sent || video.currentTime < 1) return;
     sent = true;
-    const canvas = Object.assign(document.createElement("canvas"), {width: video.videoWidth, height: video.videoHeight});
+    const canvas = document.createElement("canvas");
+    Object.assign(canvas, {width: video.videoWidth, height: video.videoHeight});
     canvas.getContext("2d").drawImage(video, 0, 0);
     canvas.toBlob(picture => send("picture", picture));
 };

@@ -20,7 +20,8 @@ class Desktop:
         self.portals = test.path("portals")
         self.portals.mkdir()
         self.compositor = self.pipewire = self.portal = self.user = None
-        test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory", "WAYLAND_DISPLAY": "wayland-0",
+        test.environment |= {"LIBGL_ALWAYS_SOFTWARE": "1", "GSETTINGS_BACKEND": "memory",
+                             "WAYLAND_DISPLAY": "wayland-0",
                              "XDG_DESKTOP_PORTAL_DIR": str(self.portals), "XDG_CURRENT_DESKTOP": "screenrecord_test"}
         self.make_pointer()
         if os.getuid() == 0:
@@ -39,7 +40,7 @@ class Desktop:
             os.chown(path, USER, USER)
 
     def make_pointer(self):
-        """The pointer of all programs: a green square of 16 pixels, which points 4 pixels from its left and upper edge."""
+        """The pointer of all programs: a green square of 16 pixels, its hot spot 4 pixels from the left and top."""
         image = struct.pack("<9I", 36, 0xfffd0002, 24, 1, 16, 16, 4, 4, 0) + struct.pack("<I", 0xff00ff00) * 256
         cursors = self.test.path("icons/Adwaita/cursors")
         cursors.mkdir(parents=True)
@@ -55,7 +56,8 @@ class Desktop:
         configuration = self.test.path("bus.conf")
         configuration.write_text(f"""<busconfig>
 <type>session</type><listen>unix:path={self.runtime}/bus</listen><auth>EXTERNAL</auth>
-<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/></policy>
+<policy context="default"><allow send_destination="*" eavesdrop="true"/>
+<allow eavesdrop="true"/><allow own="*"/></policy>
 </busconfig>""", "ascii")
         self.start("dbus-daemon", f"--config-file={configuration}", "--nofork", "--print-address=1").first_line()
         self.test.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.runtime}/bus"
@@ -78,7 +80,8 @@ class Desktop:
 
     def start_portal(self, backend=True):
         if backend:
-            self.user = self.start("/usr/bin/python3", shutil.which("portal_user.py", path=self.test.environment["PATH"]) or
+            self.user = self.start("/usr/bin/python3",
+                                   shutil.which("portal_user.py", path=self.test.environment["PATH"]) or
                                    SOURCE / "tools" / "portal_user.py", self.portals)
             self.user.first_line()
             self.start("/usr/libexec/xdg-permission-store")

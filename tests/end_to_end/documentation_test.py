@@ -49,7 +49,8 @@ class Documentation(EndToEndTest):
         self.assert_same_as_help(lambda command: options_in(self.typed_in_bash("screenrecord", *command.split(), "--")))
         cases = {("",): set(COMMANDS) - {""}, ("rec",): {"record"}, ("record", "--packet-size", ""): {"188", "192"},
                  ("shot", "--format", "b"): {"bgra"}, ("control", "s"): {"stop", "save", "status"},
-                 ("record", "--sound", ""): {"desktop", "microphone", "both", "none"}, ("help", "d"): {"devices", "doctor"}}
+                 ("record", "--sound", ""): {"desktop", "microphone", "both", "none"},
+                 ("help", "d"): {"devices", "doctor"}}
         for words, wanted in cases.items():
             offered = self.typed_in_bash("screenrecord", *words).split()
             self.assertEqual({word for word in offered if not word.startswith("-")}, wanted)

@@ -59,7 +59,8 @@ class Files(ShortEndToEndTest):
     @unittest.skipIf(os.geteuid() != 0, "only root makes files of another user")
     def test_what_belongs_to_somebody_else_is_refused(self):
         # Catches a pipe or a file that another user has put there to read the screen.
-        for name, make in {"his-file": lambda path: path.write_text("his", encoding="utf-8"), "his-pipe": os.mkfifo}.items():
+        for name, make in {"his-file": lambda path: path.write_text("his", encoding="utf-8"),
+                           "his-pipe": os.mkfifo}.items():
             make(self.path(name))
             os.chown(self.path(name), 12345, 12345)
         with open(os.open(self.path("his-pipe"), os.O_RDONLY | os.O_NONBLOCK), "rb") as reader:
@@ -200,7 +201,8 @@ class Hardening(unittest.TestCase):
     def test_built_files(self):
         for name in self.BUILT:
             with self.subTest(name):
-                listing, needs = (subprocess.run([*tool, BUILD / name], capture_output=True, check=True, text=True).stdout
+                listing, needs = (subprocess.run([*tool, BUILD / name], capture_output=True, check=True,
+                                                 text=True).stdout
                                   for tool in (["readelf", "-Whldn"], ["nm", "-D", "-u"]))
                 for wanted in (r"Type: +DYN", "GNU_RELRO", r"\(FLAGS_1\).*\bNOW\b", r"GNU_STACK .* RW +0x"):
                     self.assertRegex(listing, wanted)

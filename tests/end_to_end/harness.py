@@ -138,7 +138,8 @@ class EndToEndTest(unittest.TestCase):
     @classmethod
     def start(cls, *arguments, environment=None, **options):
         """Starts a program, one of the built ones or of the system's."""
-        running = Running([str(a) for a in arguments], {**cls.environment, **(environment or {})}, cls.folder, **options)
+        running = Running([str(a) for a in arguments], {**cls.environment, **(environment or {})}, cls.folder,
+                          **options)
         cls.stack.callback(running.close)
         return running
 

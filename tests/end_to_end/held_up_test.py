@@ -55,7 +55,8 @@ class Disk(ShortEndToEndTest):
     def test_stands_still_while_recording(self):
         # Catches a status that says nothing of it, an end that waits for the disk, and a loss that is not told.
         status = self.path("status")
-        recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "a.ts", "--status-file", status)
+        recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "a.ts",
+                                "--status-file", status)
         wait_until(lambda: size_of(self.path("a.ts")) > 0, "the first batch")
         self.hold(recording, "disk writer")
         wait_until(lambda: (json.loads(status.read_text("ascii"))["disk_waiting"] or 0) > 1, "the status")
@@ -106,7 +107,8 @@ class Readers(ShortEndToEndTest):
         nonsense = b"nonsense\n" * 50
         fifo = f"watermark {self.fifo}\n".encode()
         cases = [
-            ("shot", ["shot", "-s", "64x64", "-n", "9999", "--interval", "0", "-o", "a.png"], {"stdout": self.full}, b"", 3),
+            ("shot", ["shot", "-s", "64x64", "-n", "9999", "--interval", "0", "-o", "a.png"], {"stdout": self.full},
+             b"", 3),
             ("fifo", ["stream", "-o", "b.h264", "--watermark", self.fifo], {}, b"", 1),
             ("answers", ["stream", "--control", "-", "-o", "c.h264"], {"stderr": self.full}, nonsense, 0),
             ("control", ["stream", "--control", "-", "-o", "d.h264"], {}, fifo, 0),

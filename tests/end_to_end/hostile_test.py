@@ -31,7 +31,8 @@ class HostileServers:
         arguments = [part.format(f"{mode}.{command}") for part in COMMANDS[command]]
         begin = time.monotonic()
         try:
-            done = subprocess.run(["screenrecord", *arguments], env={**self.environment, **environment}, cwd=self.folder,
+            done = subprocess.run(["screenrecord", *arguments], env={**self.environment, **environment},
+                                  cwd=self.folder,
                                   stdin=subprocess.DEVNULL, capture_output=True, timeout=PATIENCE, check=False)
         except subprocess.TimeoutExpired:
             return None, PATIENCE, "hangs"
@@ -48,7 +49,7 @@ class HostileServers:
         return done.returncode, time.monotonic() - begin, ", ".join(faults)
 
     def run_all(self, environments, commands):
-        """The exit code of each command in each mode, given the environments of the modes; fails when one ends wrong."""
+        """The exit code of each command in each mode, given the environments of the modes; fails on a wrong one."""
         with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("SCREENRECORD_HOSTILE_JOBS", "16"))) as pool:
             running = {(mode, command): pool.submit(self.run_one, command, mode, environment)
                        for mode, environment in environments.items() for command in commands}
@@ -105,11 +106,13 @@ class HostileDisplayInEveryWay(LongEndToEndTest, HostileServers):
 @with_address_sanitizer
 class HostileCompositor(ShortEndToEndTest, HostileServers):
     def test_selected_answers(self):
-        # Catches sizes that are multiplied before they are checked, damage outside of the picture, events of a frame that
-        # is complete or gone, and a wait for an answer that never comes.
-        survived = ("well", "red-last", "stride-wide", "offered-twice", "offered-again", "ready-twice", "damage-outside",
+        # Catches unchecked sizes that are multiplied, damage outside of the picture, events of a complete or removed
+        # frame, and a wait for an answer that never comes.
+        survived = ("well", "red-last", "stride-wide", "offered-twice", "offered-again", "ready-twice",
+                    "damage-outside",
                     "damage-much", "to-nobody", "turned-strangely", "upside-down", "old-version")
-        refused = ("size-zero", "size-large", "size-greatest", "stride-small", "stride-large", "unknown-format", "no-buffer",
+        refused = ("size-zero", "size-large", "size-greatest", "stride-small", "stride-large", "unknown-format",
+                   "no-buffer",
                    "failed-first", "output-cut", "too-old-version", "never-offered")
         ends = self.run_all(self.compositors((*survived, *refused, "error", "event-short", "output-null")), ("shot",))
         self.assertEqual({mode: ends[mode, "shot"] for mode in survived}, dict.fromkeys(survived, 0))

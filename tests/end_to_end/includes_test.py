@@ -79,7 +79,8 @@ def circles(tree):
         return seen
 
     reach = {pair: reachable(pair) for pair in below}
-    return {tuple(sorted(other for other in reach[pair] if pair in reach[other])) for pair in below if pair in reach[pair]}
+    return {tuple(sorted(other for other in reach[pair] if pair in reach[other]))
+            for pair in below if pair in reach[pair]}
 
 
 class Includes(unittest.TestCase):

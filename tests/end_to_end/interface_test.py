@@ -61,7 +61,8 @@ assert open_files[0] == open_files[-1], open_files
 
     def test_of_a_library_that_records(self):
         # Catches code that goes away under its threads, and what would be lost with each unloading.
-        run = subprocess.run([sys.executable, "-c", self.PROGRAM, BUILD / "lib/libscreenrecord.so", self.path("a.ts"), "4"],
+        run = subprocess.run([sys.executable, "-c", self.PROGRAM, BUILD / "lib/libscreenrecord.so", self.path("a.ts"),
+                              "4"],
                              env=os.environ | TEST_CARD, capture_output=True, text=True, timeout=PATIENCE)
         self.assertEqual(run.returncode, 0, run.stderr)
 
@@ -126,7 +127,8 @@ class Endurance(LongEndToEndTest):
         screen.first_line()
         recording = self.start("api_stress", "hour", self.path("a.ts"), self.MINUTES)
         for minute in range(1, self.MINUTES):
-            wait_until(lambda: recording.output().count("\n") > minute or recording.process.poll() is not None, "a row", 70)
+            wait_until(lambda: recording.output().count("\n") > minute or recording.process.poll() is not None,
+                       "a row", 70)
             screen.process.send_signal(signal.SIGSTOP if minute % 2 else signal.SIGCONT)
         self.assert_exit(recording, 0, 60 + PATIENCE)
         lines = recording.output().splitlines()
@@ -137,7 +139,8 @@ class Endurance(LongEndToEndTest):
         for row in rows:
             # The encoder has other settings for a screen that moves all over, which need more memory; by the fourth minute
             # it has had both. The first time that it falls behind by a picture, another buffer of the pool is written to.
-            self.assertLessEqual(row["resident_kib"], max(first["resident_kib"] for first in rows[:4]) + 256 + picture_kib)
+            self.assertLessEqual(row["resident_kib"],
+                                 max(first["resident_kib"] for first in rows[:4]) + 256 + picture_kib)
             self.assertEqual((row["late"], row["no_buffer"], row["no_display"], row["refused"]), (0, 0, 0, 0))
             self.assertLessEqual(row["waiting_pictures"], 2)
             self.assertLessEqual(row["waiting_kib"], 128)

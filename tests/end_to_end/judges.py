@@ -75,13 +75,14 @@ def decode(path, index=None, pixel_format="rgb24", filters="null"):
 
 def decode_sound(path, before=(), filters="anull"):
     """Its sound as one channel of samples."""
-    sound = _run("ffmpeg", "-nostdin", "-v", "error", *before, "-i", path, "-vn", "-af", filters, "-ac", "1", "-ar", "48000",
+    sound = _run("ffmpeg", "-nostdin", "-v", "error", *before, "-i", path, "-vn", "-af", filters, "-ac", "1",
+                 "-ar", "48000",
                  "-f", "s16le", "-")
     return struct.unpack(f"<{len(sound) // 2}h", sound)
 
 
 def decode_timed_sound(path):
-    """The same from the time 0 on, with silence in place of missing sound: the times count, not the number of samples."""
+    """The same from the time 0 on, placed by its time stamps, with silence in place of missing sound."""
     return decode_sound(path, ["-copyts"], "aresample=async=1:first_pts=0")
 
 
@@ -135,7 +136,8 @@ def dump_screen(display, *size):
 def overlaid(screen, width, height, logo, left, top):
     """The planes of a picture as dump_screen gives it, with another over it."""
     return _run("ffmpeg", "-v", "error", "-f", "rawvideo", "-pix_fmt", "bgr0", "-s", f"{width}x{height}", "-i", "-",
-                "-i", logo, "-filter_complex", f"overlay={left}:{top}:format=rgb", "-pix_fmt", "yuv420p", "-f", "rawvideo",
+                "-i", logo, "-filter_complex", f"overlay={left}:{top}:format=rgb", "-pix_fmt", "yuv420p",
+                "-f", "rawvideo",
                 "-", given=screen)
 
 

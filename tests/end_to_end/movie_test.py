@@ -13,7 +13,8 @@ import subprocess
 import held_up_test
 import judges
 import sound_test
-from harness import (BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of,
+from harness import (BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest, pass_time,
+                     size_of,
                      wait_until)
 
 KINDS = ("mp4", "mkv")
@@ -59,7 +60,8 @@ class Movies(UnmeasuredEndToEndTest):
         cls.start_screen("--fps", "60")
         cls.environment["ZU3_AUDIO"] = "tone"
         recordings = {kind: cls.client("record", "-r", "10", "-t", "4", "-o", f"a.{kind}") for kind in KINDS}
-        recordings["fragmented"] = cls.client("record", "-r", "10", "-t", "2", "--fragmented", "--no-audio", "-o", "f.mp4")
+        recordings["fragmented"] = cls.client("record", "-r", "10", "-t", "2",
+                                              "--fragmented", "--no-audio", "-o", "f.mp4")
         cls.codes = {kind: recording.wait() for kind, recording in recordings.items()}
         cls.said = {kind: recording.output() + recording.errors() for kind, recording in recordings.items()}
 
@@ -71,7 +73,8 @@ class Movies(UnmeasuredEndToEndTest):
                 self.assertEqual(judges.decoder_messages(path) + complaints(path), "")
                 video = judges.streams(path)["video"]
                 self.assertEqual((video["width"], video["height"], video["r_frame_rate"]), (1920, 1080, "10/1"))
-                self.assertEqual([video[key] for key in ("color_space", "color_primaries", "color_transfer", "color_range")],
+                self.assertEqual([video[key]
+                                  for key in ("color_space", "color_primaries", "color_transfer", "color_range")],
                                  ["smpte170m"] * 3 + ["tv"])
                 self.assertEqual(judges.colour_faults(path, 20), {})
                 self.assertEqual(path.stat().st_mode & 0o777, 0o600)
@@ -110,7 +113,8 @@ class Written(ShortEndToEndTest):
     def test_sound_is_in_step(self):
         # Catches the delay of the sound's encoder in the times.
         self.run_program("ffmpeg", "-v", "error", "-f", "lavfi", "-i",
-                         "color=black:s=64x64:r=30:d=2,drawbox=color=white:t=fill:enable=gte(n\\,30)", "-c:v", "libx264",
+                         "color=black:s=64x64:r=30:d=2,drawbox=color=white:t=fill:enable=gte(n\\,30)",
+                         "-c:v", "libx264",
                          "-bf", "0", "-g", "999", "-x264-params", "aud=1:scenecut=0", "frames.h264")
         frames = judges.access_units(self.path("frames.h264").read_bytes())
         self.path("frames").write_bytes(b"".join(len(frame).to_bytes(4, "little") + frame for frame in frames))
@@ -213,7 +217,8 @@ class Accidents(ShortEndToEndTest, MovieChecks):
         path = disk / "tight.mp4"
         recording = self.client("record", "-s", "640x480", "-b", "2M", "-t", "3", "-o", path)
         self.assert_exit(recording, 0)
-        self.assertRegex(recording.errors(), r"\Ascreenrecord: [^\n]*stays in fragments[^\n]*no room for both[^\n]*\n\Z")
+        self.assertRegex(recording.errors(),
+                         r"\Ascreenrecord: [^\n]*stays in fragments[^\n]*no room for both[^\n]*\n\Z")
         self.assertIn("moof", boxes(path))
         self.assertEqual(judges.decoder_messages(path), "")
         self.assertEqual(sorted(each.name for each in disk.iterdir()), ["other", "tight.mp4"])
@@ -253,7 +258,8 @@ class Losses(ShortEndToEndTest, MovieChecks):
 
     def test_lost_sound_server(self):
         server = self.start_sound()
-        recordings = {kind: self.client("record", "-s", "320x240", "-o", f"sound.{kind}", environment={"ZU3_AUDIO": "pulse"})
+        recordings = {kind: self.client("record", "-s", "320x240", "-o", f"sound.{kind}",
+                                        environment={"ZU3_AUDIO": "pulse"})
                       for kind in KINDS}
         for kind in KINDS:
             wait_until(lambda path=self.path(f"sound.{kind}"): size_of(path) > 10_000, kind)
@@ -272,7 +278,7 @@ class SlowOutputs(EndToEndTest):
     assert_as_long = Losses.assert_as_long
 
     def test_slow_disk_and_slow_reader(self):
-        # Catches memory that grows without end, a stream that does not decode behind a gap, and a loss that is not told.
+        # Catches memory that grows without end, a stream that does not decode after a gap, and a hidden loss.
         self.start_display("1280x720")
         self.start_screen("--noise")
         words, on = ["record", "--json", "--quality", "0"], {"ZU3_DISPLAY": "x11"}
@@ -293,11 +299,13 @@ class SlowOutputs(EndToEndTest):
             copy = self.start("cat", stdin=reader, stdout=file)
         os.close(reader)
         for recording, output in ((disk, self.path("slow.mkv")), (pipe, path)):
-            wait_until(lambda each=recording: '"disk_waiting":0.0' in each.errors().splitlines()[-1], "all that waits", 60)
+            wait_until(lambda each=recording: '"disk_waiting":0.0' in each.errors().splitlines()[-1], "all that waits",
+                       60)
             size = size_of(output)
             wait_until(lambda each=output, least=size + 3_000_000: size_of(each) > least, "pictures behind the gap", 60)
             self.assert_stops(recording, 3)
-            self.assertRegex(recording.errors(), r"screenrecord: [1-9]\d* pictures are missing from [^\n]* was too slow\n")
+            self.assertRegex(recording.errors(),
+                             r"screenrecord: [1-9]\d* pictures are missing from [^\n]* was too slow\n")
             self.assertGreater(max(json.loads(line)["disk_waiting"] for line in recording.errors().splitlines()
                                    if line.startswith("{")), 1)
         self.assert_exit(copy, 0)
@@ -366,7 +374,8 @@ class Ways(UnmeasuredEndToEndTest, MovieChecks):
             with self.subTest(name):
                 recording = self.client("record", "-s", "320x240", "-t", "1", "-o", "-", *options)
                 self.assert_recorded(recording)
-                form = self.run_program("ffprobe", "-v", "error", "-show_entries", "format=format_name", "-of", "csv=p=0",
+                form = self.run_program("ffprobe", "-v", "error", "-show_entries", "format=format_name",
+                                        "-of", "csv=p=0",
                                         recording.out.name)
                 self.assertEqual(form.strip().strip('"'), name)
                 self.assertEqual(judges.decoder_messages(recording.out.name), "")
@@ -439,7 +448,8 @@ class Ways(UnmeasuredEndToEndTest, MovieChecks):
         # Catches a rate that has no effect, and a ceiling that lowers it and is not told.
         self.start_display("320x240")
         self.start_screen("--noise")
-        cases = [("-b 500k", 20_000, 180_000, r"\A\Z"), ("-b 8M", 200_000, 1_600_000, r"\A[^\n]*lowered to 4\.5M[^\n]*\n\Z"),
+        cases = [("-b 500k", 20_000, 180_000, r"\A\Z"),
+                 ("-b 8M", 200_000, 1_600_000, r"\A[^\n]*lowered to 4\.5M[^\n]*\n\Z"),
                  ("--quality 51", 5_000, 130_000, r"\A\Z"),
                  ("--quality 0", 200_000, 1_600_000, r"\A[^\n]*quality of [1-9]\d* of \d+ pictures is lower[^\n]*\n\Z")]
         for words, least, most, said in cases:
@@ -476,7 +486,8 @@ class Ways(UnmeasuredEndToEndTest, MovieChecks):
         cases = [("-o a.xyz", "'a.xyz'", ".mp4, .mkv or .ts"), ("-o a.mp4 --rate 2", "--rate", ".ts file"),
                  ("-o a.ts -b 2M --rate 2", "--rate", "--bitrate"),
                  ("-o a.ts --fragmented", "--fragmented", ".mp4"),
-                 ("-o a.mkv --format ts", "--format", "'-o -'"), ("-o a.mp4 -b 2M --quality low", "--quality", "--bitrate"),
+                 ("-o a.mkv --format ts", "--format", "'-o -'"),
+                 ("-o a.mp4 -b 2M --quality low", "--quality", "--bitrate"),
                  ("-o a.mp4 --quality 52", "'52'", "low, medium"), ("-o a.mp4 --source x -s 64x64", "--source", ".ts")]
         for words, wrong, right in cases:
             with self.subTest(words):

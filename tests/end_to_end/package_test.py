@@ -19,7 +19,8 @@ class Package(UnmeasuredEndToEndTest):
         cls.start_screen()
         cls.environment["PKG_CONFIG_PATH"] = str(cls.path("tree/lib/pkgconfig"))
         cls.flags = cls.run_program("pkg-config", "--cflags", "--libs", "screenrecord").split()
-        text = re.search(r"## A first program\n\n```c\n(.*?)```", (SOURCE / "README.md").read_text("utf-8"), flags=re.S)[1]
+        text = re.search(r"## A first program\n\n```c\n(.*?)```", (SOURCE / "README.md").read_text("utf-8"),
+                         flags=re.S)[1]
         cls.compile("first.cpp", text, "g++")
         cls.compile("first.c", text, "gcc", "-std=c11")
         cls.first = cls.start("./first.c.program", environment={"LD_LIBRARY_PATH": str(cls.path("tree/lib"))})

@@ -57,7 +57,8 @@ class Regions(ShortEndToEndTest, PartTest):
         for command, size, places, said in (
                 ("shot --region 200x100+30+30", (200, 100), inside | without, ""),
                 ("shot --pointer --region 200x100+30+30", (200, 100), inside | pointer, ""),
-                ("record -t 0.5 --region 201x101+30+30", (200, 100), inside | pointer, "its last column and its last row"),
+                ("record -t 0.5 --region 201x101+30+30", (200, 100), inside | pointer,
+                 "its last column and its last row"),
                 ("stream -t 0.5 --no-pointer --region 200x100+30+30", (200, 100), inside | without, ""),
                 ("record -t 0.5 --region 300x200+500+380", (140, 100), {(30, 20): WHITE, (100, 80): BLUE},
                  "only 140x100+500+380 of it"),

@@ -46,7 +46,8 @@ class Sizes(EndToEndTest):
     def test_records_each_size_exactly(self):
         # Catches lines of the encoder's padding in the picture, pixels shifted by a wrong stride, and a display of odd
         # size that is scaled as a whole, or cut without a word.
-        for size, left_out in (("64x64", ""), ("1366x768", ""), ("1920x1080", ""), ("1367x769", "column and its last row")):
+        for size, left_out in (("64x64", ""), ("1366x768", ""), ("1920x1080", ""),
+                               ("1367x769", "column and its last row")):
             with self.subTest(size):
                 self.start_display(size)
                 self.start_screen("--static")
@@ -94,7 +95,8 @@ class Refusals(ShortEndToEndTest):
             ("record -o wifi", "'wifi'", "./wifi"),
             ("record -o a.ts --source x", "'x'", "--size"), ("stream -o a -b 5", "'5'", "10k to 240M"),
             ("record -o a.ts -t", "--time", "TIME"), ("record -yo", "--output", "FILE.ts"),
-            ("record -o a.ts --no-audio=x", "--no-audio", "no value"), ("shot -o a --interval 5", "--interval", "--count"),
+            ("record -o a.ts --no-audio=x", "--no-audio", "no value"),
+            ("shot -o a --interval 5", "--interval", "--count"),
             ("record -o a.ts --status-file -", "'-'", "--json"),
             ("record -y -o a.ts --status-file ./a.ts", "'./a.ts'", "another name"),
             ("record -y -o old.ts --status-file link", "'link'", "another name"),
@@ -145,7 +147,8 @@ class Refusals(ShortEndToEndTest):
         # Catches errors in a run without any, and a failure whose reason is lost among what its clean-up says.
         for code, limit, said in ((0, 64, ""), (1, 11, r"E/screenrecord\(.*\): \[SCREENRECORD_Open\].*Fopen.*\n")):
             recorder = self.client("record", "-y", "-v", "-s", "64x64", "-t", "0.2", "-o", "v.ts",
-                                   prepare=lambda limit=limit: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit)))
+                                   prepare=lambda limit=limit: resource.setrlimit(resource.RLIMIT_NOFILE,
+                                                                                  (limit, limit)))
             self.assert_exit(recorder, code)
             self.assertRegex("".join(line for line in recorder.errors().splitlines(True) if "E/screenrecord" in line),
                              rf"\A{said}\Z", recorder.errors())
@@ -197,7 +200,8 @@ class Killed(EndToEndTest):
     def kill_some(self, names, moments):
         """Starts recorders at once and kills each at its moment; (file, number on the screen, seconds it ran)."""
         begin = time.monotonic()
-        recorders = [(moments.uniform(1, 3.5), name, self.client("record", *self.OPTIONS, "-o", name)) for name in names]
+        recorders = [(moments.uniform(1, 3.5), name, self.client("record", *self.OPTIONS, "-o", name))
+                     for name in names]
         killed = []
         for moment, name, recorder in sorted(recorders, key=lambda each: each[0]):
             pass_time(max(0, begin + moment - time.monotonic()))
@@ -231,8 +235,8 @@ class Killed(EndToEndTest):
                 killed = self.kill_some(names[first:first + self.AT_ONCE], moments)
                 with futures.ThreadPoolExecutor(os.cpu_count()) as judging:
                     lacking += judging.map(lambda each: self.assert_lacks_little(*each), killed)
-        print(f"{len(lacking)} kills: {statistics.median(lacking):.2f} s lacking in the middle, {max(lacking):.2f} at most, "
-              f"{lacking.count(0)} before the first batch")
+        print(f"{len(lacking)} kills: {statistics.median(lacking):.2f} s missing (median), "
+              f"at most {max(lacking):.2f} s, {lacking.count(0)} before the first batch")
         self.assertLess(lacking.count(0), self.MOMENTS / 2)
         self.assertEqual(self.left_behind(), left)
         self.assertEqual(sorted(file for file in os.listdir(self.folder) if file.endswith((".ts", ".part", ".lock"))),

@@ -103,7 +103,8 @@ class Depths(ShortEndToEndTest):
                 refused = self.client(*command.split())
                 self.assert_exit(refused, 1)
                 said = refused.output() if command == "doctor" else refused.errors()
-                self.assertRegex(said, rf"cannot capture the display .* at depth {depth}; run it at depth 24 or 30", command)
+                self.assertRegex(said, rf"cannot capture the display .* at depth {depth}; run it at depth 24 or 30",
+                                 command)
             self.assertIn(f"at depth {depth}", self.run_program("screenrecord", "devices"))
         self.assertEqual(list(self.path(".").glob("a.*")), [])
 

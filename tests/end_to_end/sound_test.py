@@ -27,7 +27,8 @@ def hears(samples, frequency):
 def play(test, frequency, sink="test"):
     """Plays a minute of a tone."""
     name = f"{frequency}.wav"
-    test.run_program("ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"sine={frequency}:r={RATE}:d=60,volume=3", name)
+    test.run_program("ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"sine={frequency}:r={RATE}:d=60,volume=3",
+                     name)
     test.start("paplay", f"--device={sink}", name)
     wait_until(lambda: name in test.run_program("pactl", "list", "sink-inputs"), "the tone")
 
@@ -104,7 +105,8 @@ class FlashAndBeep(EndToEndTest):
         getattr(self, self.SERVER)()
         self.start_screen("--seconds", self.SECONDS + 20, name="flash_beep")
         path = self.path("a.ts")
-        self.run_program("screenrecord", "record", "-r", "60", "-t", self.SECONDS, "-o", path, seconds=self.SECONDS + 20)
+        self.run_program("screenrecord", "record", "-r", "60", "-t", self.SECONDS, "-o", path,
+                         seconds=self.SECONDS + 20)
         beeps = self.beeps(path)
         nearest = [min(beeps, key=lambda beep, at=flash: abs(beep - at)) - flash for flash in self.flashes(path)]
         # The picture shows a flash half a frame late on average.
@@ -197,7 +199,8 @@ class ChosenSound(ShortEndToEndTest):
         cases = (("desktop", "", {440}), ("microphone", "", {1000}), ("both", "", {440, 1000}),
                  ("second.monitor", "", {1000}), ("", "", {440}), ("", "microphone", {1000}),
                  ("desktop", "microphone", {440}))
-        recordings = [self.client("pcm", "-t", self.SECONDS, "-o", f"{number}.wav", *(["--sound", name] if name else []),
+        recordings = [self.client("pcm", "-t", self.SECONDS, "-o", f"{number}.wav",
+                                  *(["--sound", name] if name else []),
                                   environment={"ZU3_SOUND": variable})
                       for number, (name, variable, _) in enumerate(cases)]
         for number, (recording, (name, variable, wanted)) in enumerate(zip(recordings, cases)):
@@ -208,7 +211,8 @@ class ChosenSound(ShortEndToEndTest):
     def test_in_recordings(self):
         for ending in ("mp4", "ts"):
             path = self.path(f"both.{ending}")
-            self.run_program("screenrecord", "record", "-s", "320x240", "-r", "5", "-t", self.SECONDS, "--sound", "both",
+            self.run_program("screenrecord", "record", "-s", "320x240", "-r", "5", "-t", self.SECONDS,
+                             "--sound", "both",
                              "-o", path, environment={"ZU3_DISPLAY": "testcard"})
             self.assertEqual(self.tones(path), {440, 1000})
         self.run_program("screenrecord", "record", "-s", "320x240", "-t", "1", "--sound", "none", "-o", "none.mp4",

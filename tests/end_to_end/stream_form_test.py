@@ -65,7 +65,8 @@ class ThreeReaders(EndToEndTest):
                     times = [time for time, _, _ in judges.packets(path, kind)]
                     self.assertFalse(0 <= times[0] < 2 ** 33 / 90000 - self.SECONDS, "it begins as others do")
                     distances = [after - before for before, after in zip(times, times[1:])]
-                    self.assertTrue(0 < min(distances) and max(distances) < 1, f"{kind}: a player halts at the end of time")
+                    self.assertTrue(0 < min(distances) and max(distances) < 1,
+                                    f"{kind}: a player halts at the end of time")
 
 
 class ThreeReadersForTenMinutes(LongEndToEndTest, ThreeReaders):

@@ -132,7 +132,8 @@ class Watermark(ShortEndToEndTest):
             self.path("no.png").unlink(missing_ok=True)
             if content is not None:
                 self.path("no.png").write_bytes(content)
-            refused = self.client("stream", "-o", "a.h264", "--watermark", "no.png", environment={"ZU3_DISPLAY": "testcard"})
+            refused = self.client("stream", "-o", "a.h264", "--watermark", "no.png",
+                                  environment={"ZU3_DISPLAY": "testcard"})
             self.assert_exit(refused, 1)
             self.assertIn(said, refused.errors())
 

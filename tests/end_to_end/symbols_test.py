@@ -48,7 +48,8 @@ class Symbols(unittest.TestCase):
         headers = [path for folder in ("platform/include", "platform/host/include")
                    for path in (SOURCE / folder).rglob("*.h")]
         text = "\n".join(path.read_text("utf-8") for path in headers)
-        declared = set(re.findall(r"^(?:void|u32|s32|int|nsecs_t|uint32_t|uint64_t|const char\*) (\w+)\(", text, flags=re.M))
+        declared = set(re.findall(r"^(?:void|u32|s32|int|nsecs_t|uint32_t|uint64_t|const char\*) (\w+)\(", text,
+                                  flags=re.M))
         self.assertGreater(len(declared), 70)
         worker = "android::vexa_screenrecord::SrGlWorker::"
         expected = {"libzu3.so": declared | {"android::RefBase"},

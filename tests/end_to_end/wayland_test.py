@@ -76,7 +76,8 @@ class Session(UnmeasuredEndToEndTest):
         self.run_program("screenrecord", "shot", "-o", "r.png", "--region", "200x150+56+60")
         places = {(9, 5): RED, (6, 5): BACKGROUND, (135, 131): RED, (136, 131): BACKGROUND}
         self.assertEqual(near(judges.decode(self.path("r.png"), 0), 200, places, 0), {})
-        for option, said in (("--monitor=HEADLESS-1", "on X11 only"), ("--region=64x64+656+0", "outside of the screen")):
+        for option, said in (("--monitor=HEADLESS-1", "on X11 only"),
+                             ("--region=64x64+656+0", "outside of the screen")):
             refused = self.client("shot", "-o", "s.png", option)
             self.assert_exit(refused, 1)
             self.assertIn(said, refused.errors())
