@@ -72,12 +72,12 @@ Recorder the_recorder(const ControlOptions& options)
         }
     }();
     if (found.empty() && options.process)
-        throw Failure(format_text("no recorder of yours has process %u", *options.process));
+        throw Failure(format_text("process %u is not one of your recorders", *options.process));
     if (found.empty())
-        throw Failure("no recorder of yours is running: 'screenrecord record' starts one");
+        throw Failure("you have no running recorder: 'screenrecord record' starts one");
     if (found.size() > 1)
-        throw Failure("several recorders of yours are running, processes " +
-                          listed_processes(found) + ": choose one with --pid",
+        throw Failure("you have several running recorders, processes " + listed_processes(found) +
+                          ": choose one with --pid",
                       ExitCode::usage);
     return std::move(found.front());
 }

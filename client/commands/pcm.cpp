@@ -137,7 +137,7 @@ private:
                             static_cast<double>(counted->audio_bytes_lost) /
                                 static_cast<double>(sound_.format().bytes_per_second())));
         if (sink_.delivered() <= (wav_ ? header_.size() : 0)) {
-            print_message("cannot record sound: there was none");
+            print_message("cannot record sound: none arrived");
             if (const int error =
                     wav_ ? sink_.empty_file() : 0) // not a header alone: an empty file is removed
                 print_message("cannot empty " + options_.output + ": " + error_text(error));

@@ -92,7 +92,7 @@ std::string checked_folder(const ReplayOptions& options)
     std::error_code error;
     const std::string named = folder.empty() ? "." : folder;
     if (!std::filesystem::is_directory(named, error))
-        throw Failure("cannot save into " + named + ": it is no folder", ExitCode::usage);
+        throw Failure("cannot save into " + named + ": it is not a folder", ExitCode::usage);
     if (access(named.c_str(), W_OK | X_OK) != 0)
         throw Failure("cannot save into " + named + ": " + error_text(errno), ExitCode::usage);
     return folder;

@@ -54,7 +54,8 @@ ControlFolder::ControlFolder()
         throw Failure("XDG_RUNTIME_DIR is not set");
     const common::Descriptor runtime = open_private(AT_FDCWD, parent, parent);
     if (mkdirat(runtime.get(), folder_name, 0700) != 0 && errno != EEXIST)
-        throw Failure(std::string(parent) + " cannot have a folder: " + error_text(errno));
+        throw Failure(std::string("cannot create a folder in ") + parent + ": " +
+                      error_text(errno));
     fd_ = open_private(runtime.get(), folder_name, std::string(parent) + "/" + folder_name);
 }
 

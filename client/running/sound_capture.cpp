@@ -79,7 +79,7 @@ std::span<const uint8_t> SoundCapture::read(uint64_t bytes)
 {
     uint64_t got = 0;
     if (audio_cap_getPCM(buffer_.data(), std::min<uint64_t>(bytes, buffer_.size()), &got) != 0)
-        throw Failure("the sound capture gave up", ExitCode::ended_early);
+        throw Failure("the sound capture failed", ExitCode::ended_early);
     return {buffer_.data(), std::min<uint64_t>(got, buffer_.size())};
 }
 

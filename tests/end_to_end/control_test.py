@@ -31,7 +31,7 @@ class Control(ShortEndToEndTest):
         return running.errors() if code else running.output()
 
     def test_one_recorder(self):
-        self.assertIn("no recorder of yours is running", self.control("status", code=1))
+        self.assertIn("you have no running recorder", self.control("status", code=1))
         begun = time.monotonic()
         recording = self.record("one.mp4")
         self.assertEqual(os.stat(self.sockets).st_mode & 0o777, 0o700)

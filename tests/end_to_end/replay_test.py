@@ -93,7 +93,7 @@ class Replay(ShortEndToEndTest):
         self.assert_stops(replay)
 
     def test_refusals(self):
-        cases = ((["--last", "1h", "-b", "240M"], "needs up to"), (["-o", "no/such/folder"], "it is no folder"),
+        cases = ((["--last", "1h", "-b", "240M"], "needs up to"), (["-o", "no/such/folder"], "it is not a folder"),
                  (["--last", "0.5"], "is not a time from 1 s to 1 h"),
                  (["-b", "1M", "--quality", "20"], "cannot be combined"))
         for options, sentence in cases:
