@@ -69,7 +69,7 @@ uint32_t CaptureDevice::connect(uint32_t display)
     const common::BrokenPipeGuard guard;
     const std::lock_guard lock(source_mutex_);
     if (source_) {
-        HOST_LOGE("The capture device is connected to a display already.");
+        HOST_LOGE("The capture device is already connected to a display.");
         return ZU_FAILURE;
     }
     const auto part = chosen_screen_part();

@@ -58,7 +58,7 @@ std::shared_ptr<PicturePool> PicturePool::in_region(PictureLayout layout, uint64
     const auto memory = hold_memory(reinterpret_cast<const void*>(static_cast<uintptr_t>(address)));
     const auto block = block_of_virt(address);
     if (!memory || !block) {
-        HOST_LOGE("The capture is to write to address 0x%llx, which is not in the device's memory.",
+        HOST_LOGE("The capture cannot write to address 0x%llx: it is not in the device's memory.",
                   static_cast<unsigned long long>(address));
         return nullptr;
     }

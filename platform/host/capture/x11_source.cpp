@@ -198,7 +198,7 @@ bool X11Source::fetch(uint32_t checks)
 void X11Source::note_refusal()
 {
     if (!told_of_refusal_)
-        HOST_LOGW("The X server of DISPLAY=\"%s\" refuses to hand out the screen's pixels.",
+        HOST_LOGW("The X server of DISPLAY=\"%s\" refuses access to the screen's pixels.",
                   connection_->display().c_str());
     told_of_refusal_ = true;
 }

@@ -111,7 +111,7 @@ void Encoder::stop()
 uint32_t Encoder::close()
 {
     if (std::this_thread::get_id() == thread_id_) {
-        HOST_LOGE("An encoder cannot be closed out of its own callback");
+        HOST_LOGE("An encoder cannot be closed in its own callback");
         return ZU_FAILURE;
     }
     stop();

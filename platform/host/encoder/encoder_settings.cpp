@@ -18,7 +18,7 @@ constexpr std::array known_profiles{66u, 77u, 100u};
 bool size_is_possible(uint32_t width, uint32_t height)
 {
     if (!in_encoder_range(width, height)) {
-        HOST_LOGE("The encoder cannot encode %ux%u: sizes reach from %ux%u to %ux%u", width, height,
+        HOST_LOGE("The encoder cannot encode %ux%u: sizes go from %ux%u to %ux%u", width, height,
                   min_encoder_size, min_encoder_size, max_encoder_width, max_encoder_height);
         return false;
     }
@@ -32,12 +32,12 @@ bool size_is_possible(uint32_t width, uint32_t height)
 bool format_is_possible(const ZU_VENC_OpenParams_t& params)
 {
     if (params.eCodecType != E_ZU_VENC_CODEC_H264) {
-        HOST_LOGE("The encoder knows no codec %u: only 1 (H.264) is there", params.eCodecType);
+        HOST_LOGE("The encoder does not support codec %u, only 1 (H.264)", params.eCodecType);
         return false;
     }
     if (params.eColorFormat != E_ZU_VENC_COLOR_COPY &&
         params.eColorFormat != E_ZU_VENC_COLOR_INJECT) {
-        HOST_LOGE("The encoder knows no colour format %u: only 0 and 6 (both NV12) are there",
+        HOST_LOGE("The encoder does not support color format %u, only 0 and 6 (both NV12)",
                   params.eColorFormat);
         return false;
     }
@@ -52,12 +52,14 @@ bool stream_is_possible(const ZU_VENC_OpenParams_t& params)
         return false;
     }
     if (params.u32Profile != 0 && std::ranges::count(known_profiles, params.u32Profile) == 0) {
-        HOST_LOGE("The encoder knows no profile_idc %u: only 66, 77 and 100", params.u32Profile);
+        HOST_LOGE("The encoder does not support profile_idc %u, only 66, 77 and 100",
+                  params.u32Profile);
         return false;
     }
     if (params.u32Level != 0 && std::ranges::count(known_levels, params.u32Level) == 0) {
-        HOST_LOGE("The encoder knows no level %u: levels are ten times level_idc, 100 to 520",
-                  params.u32Level);
+        HOST_LOGE(
+            "The encoder does not support level %u: levels are ten times level_idc, 100 to 520",
+            params.u32Level);
         return false;
     }
     return true;
@@ -67,7 +69,7 @@ bool callback_is_there(const ZU_VENC_OpenParams_t& params)
 {
     if (params.pfnCallback && (params.u32EventMask & ZU_VENC_EVENT_FRAME))
         return true;
-    HOST_LOGE("The encoder needs a callback and a wish for encoded frames in its event mask");
+    HOST_LOGE("The encoder needs a callback, and encoded frames in its event mask");
     return false;
 }
 

@@ -50,7 +50,7 @@ const char* preset_from_environment()
     for (const char* const* known = x264_preset_names; *known; ++known)
         if (std::strcmp(*known, name) == 0)
             return *known;
-    HOST_LOGW("ZU3_X264_PRESET names no preset of x264 (\"%s\"); it is ignored", name);
+    HOST_LOGW("ZU3_X264_PRESET is not a preset of x264 (\"%s\") and is ignored", name);
     return nullptr;
 }
 
@@ -82,7 +82,7 @@ std::optional<int> number_from_environment(const char* name, int least, int most
     const auto [stop, error] = std::from_chars(text, end, value);
     if (error == std::errc{} && stop == end && value >= least && value <= most)
         return value;
-    HOST_LOGW("%s is no number from %d to %d (\"%s\"); it is ignored", name, least, most, text);
+    HOST_LOGW("%s is not a number from %d to %d (\"%s\") and is ignored", name, least, most, text);
     return std::nullopt;
 }
 

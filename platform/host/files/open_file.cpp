@@ -337,8 +337,8 @@ void OpenFile::count_failure(int error)
     count(counters().write_failures);
     counters().last_write_errno.store(error, std::memory_order_relaxed);
     if (!failure_logged_)
-        HOST_LOGE("Cannot write to \"%s\": %s. What does not fit is missing from the file.",
-                  name_.c_str(), strerror(error));
+        HOST_LOGE("Cannot write to \"%s\": %s. The rest is missing from the file.", name_.c_str(),
+                  strerror(error));
     failure_logged_ = true;
 }
 
@@ -367,7 +367,7 @@ bool OpenFile::close()
 {
     const std::unique_lock lock(in_use_, std::try_to_lock);
     if (!lock) {
-        HOST_LOGE("\"%s\" is still in use, so that it is closed later.", name_.c_str());
+        HOST_LOGE("\"%s\" is still in use and will be closed later.", name_.c_str());
         return false;
     }
     const bool whole = write_unfinished(unfinished_.whole_at_end());
@@ -383,7 +383,7 @@ bool OpenFile::close()
     if (::close(fd_.release()) != 0 && errno != EINTR)
         error = errno;
     if (error != 0)
-        HOST_LOGE("\"%s\" may not be whole on its medium: %s.", name_.c_str(), strerror(error));
+        HOST_LOGE("\"%s\" may be incomplete on its disk: %s.", name_.c_str(), strerror(error));
     return error == 0 && whole;
 }
 

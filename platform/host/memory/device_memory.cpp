@@ -184,7 +184,7 @@ LowMapping::~LowMapping()
 std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size)
 {
     if (size == 0) {
-        HOST_LOGE("A block of device memory (%s) of 0 bytes was asked for.", name);
+        HOST_LOGE("A block of device memory (%s) cannot have 0 bytes.", name);
         return std::nullopt;
     }
     const auto block = std::make_shared<OwnedBlock>();

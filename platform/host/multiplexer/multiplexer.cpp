@@ -83,7 +83,7 @@ bool Multiplexer::usable_pid(uint16_t pid) const
     if (valid_pid(pid) && pid != params_.u16Pid0 &&
         std::none_of(streams_.begin(), streams_.end(), same))
         return true;
-    HOST_LOGE("0x%x is no PID for a stream of this program.", pid);
+    HOST_LOGE("0x%x is not a valid PID for a stream of this program.", pid);
     return false;
 }
 
@@ -128,7 +128,7 @@ uint32_t Multiplexer::attach(const ZU_TSMUX_MediaSourceParams_t& params, uint64_
 uint32_t Multiplexer::attach_pictures(const ZU_TSMUX_MediaSourceParams_t& params)
 {
     if (pictures_announced_) {
-        HOST_LOGE("This multiplexer has had its pictures attached already.");
+        HOST_LOGE("Pictures are already attached to this multiplexer.");
         return ZU_FAILURE;
     }
     if (!usable_pid(params.u16Pid) || (params.u8StreamId & 0xf0) != PES_STREAM_ID_VIDEO_MPEG)
@@ -143,7 +143,7 @@ uint32_t Multiplexer::attach_pictures(const ZU_TSMUX_MediaSourceParams_t& params
 uint32_t Multiplexer::attach_sound(const ZU_TSMUX_MediaSourceParams_t& params)
 {
     if (sound_id_ != 0 || sound_) {
-        HOST_LOGE("This multiplexer has had its sound attached already.");
+        HOST_LOGE("Sound is already attached to this multiplexer.");
         return ZU_FAILURE;
     }
     if (!usable_pid(params.u16Pid) || params.u16Pid == params_.u16Pid3 ||

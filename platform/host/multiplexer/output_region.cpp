@@ -58,7 +58,7 @@ std::unique_ptr<OutputRegion> OutputRegion::claim(uint32_t address, uint32_t siz
 {
     const Range range{address, uint64_t{address} + size};
     if (size == 0 || !is_device_memory(range.begin, range.end)) {
-        HOST_LOGE("The multiplexer's output buffer (%u bytes at 0x%x) is no device memory.", size,
+        HOST_LOGE("The multiplexer's output buffer (%u bytes at 0x%x) is not device memory.", size,
                   address);
         return nullptr;
     }

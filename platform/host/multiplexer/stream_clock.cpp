@@ -29,7 +29,7 @@ uint64_t start_of_streams()
     const auto [stop, error] = std::from_chars(text, end, seconds);
     if (error == std::errc{} && stop == end)
         return stream_start + seconds * system_clock_hz;
-    HOST_LOGW("ZU3_STREAM_START is no number of seconds (\"%s\"); it is ignored.", text);
+    HOST_LOGW("ZU3_STREAM_START is not a number of seconds (\"%s\") and is ignored.", text);
     return stream_start;
 }
 

@@ -114,7 +114,7 @@ HOST_EXPORT u32 ZU_TSMUX_RegisterCallback(u32 u32Handle, const ZU_TSMUX_Callback
     return with_object(__func__, multiplexers, u32Handle, [&](Multiplexer& multiplexer) -> u32 {
         const u64 id = multiplexer.callback().set(*pstParams);
         if (id == 0) {
-            HOST_LOGE("The multiplexer has a callback already.");
+            HOST_LOGE("The multiplexer already has a callback.");
             return ZU_FAILURE;
         }
         *pu64CallbackId = id;

@@ -131,7 +131,7 @@ HOST_EXPORT u32 ZU_OS_ReleaseMutex(s32 s32MutexId)
             return ZU_INVALID_ARGUMENT;
         }
         if (!mutex->release()) {
-            HOST_LOGE("Mutex %d was released by a thread that does not hold it.", s32MutexId);
+            HOST_LOGE("Mutex %d was released by a thread that does not own it.", s32MutexId);
             return ZU_FAILURE;
         }
         return ZU_OK;

@@ -23,7 +23,7 @@ public:
     enum class End {
         /** nothing of the task runs any more */
         finished,
-        /** the entry did not return within the limit; the thread is left to itself */
+        /** the entry did not return within the limit; the thread is left running */
         still_running,
     };
 
@@ -216,8 +216,8 @@ u32 delete_task(s32 task_id)
         return ZU_INVALID_ARGUMENT;
     if (task->stop(deletion_limit) == Task::End::finished)
         return ZU_OK;
-    HOST_LOGE("Task \"%s\" still ran %lld ms after its deletion and is left to itself.",
-              task->name(), static_cast<long long>(deletion_limit.count()));
+    HOST_LOGE("Task \"%s\" still ran %lld ms after its deletion and is left running.", task->name(),
+              static_cast<long long>(deletion_limit.count()));
     return ZU_FAILURE;
 }
 
