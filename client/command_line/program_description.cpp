@@ -81,7 +81,7 @@ void define_display(CLI::App& command, CommonOptions& options)
     command
         .add_option(
             "--display", options.display,
-            "what to capture: an X display such as :0, or x11, wayland, portal or testcard (see ZU3_DISPLAY)")
+            "the source: an X display such as :0, or x11, wayland, portal or testcard (see ZU3_DISPLAY)")
         ->type_name("NAME");
 }
 
@@ -157,7 +157,7 @@ void define_parts(CLI::App& command, ScreenOptions& options)
                                 });
     auto* window = define_part(
         command, "--window", "ID|active",
-        "only this X11 window, wherever it moves and whatever covers it, by its number (see xwininfo), or the one with the keyboard's focus",
+        "only this X11 window, even if it moves or is covered: its number (see xwininfo), or active for the one with the keyboard focus",
         options, [](const std::string& given, common::ScreenPart& part) {
             part.window = common::parse_window(given);
             return part.window ? "" : "is not active or a window's number such as 0x1c00003";
@@ -266,7 +266,7 @@ void define_status(CLI::App& command, bool& json, std::string& status_file)
 template <typename Options> void define_pictures(CLI::App& command, Options& options)
 {
     define_size(command, options.size,
-                "picture size, even, 64x64 to 3840x2160; default: that of what is captured");
+                "picture size, even, 64x64 to 3840x2160; default: that of the captured part");
     define_parts(command, options);
     define_pointer(command, options);
     define_fps(command, options.fps);
@@ -316,7 +316,7 @@ void define_record(CLI::App& command, RecordOptions& options)
     define_number(command, "--countdown", "SECONDS", "count down before the recording, 1 to 3600",
                   1, 3600, [&options](uint32_t given) { options.countdown = given; });
     command.add_flag("--notify", options.notify,
-                     "show a desktop notification at the end, if a service for that answers");
+                     "show a desktop notification at the end, if a notification service answers");
     command.add_flag("--one-call", options.one_call, "use the library's one-call interface");
     define_status(command, options.json, options.status_file);
 }
@@ -359,8 +359,9 @@ void define_replay(CLI::App& command, ReplayOptions& options)
     define_sound(command, options, &options.audio);
     define_display(command, options);
     define_ask(command, options);
-    command.add_flag("--notify", options.notify,
-                     "show a desktop notification after each save, if a service for that answers");
+    command.add_flag(
+        "--notify", options.notify,
+        "show a desktop notification after each save, if a notification service answers");
     define_status(command, options.json, options.status_file);
 }
 
@@ -387,7 +388,7 @@ void define_shot(CLI::App& command, ShotOptions& options)
     define_output(
         command, options, "FILE.png|-",
         "picture to write, or - for a PNG on standard output; a name ending in .raw receives the captured bytes unconverted");
-    define_size(command, options.size, "picture size; default: that of what is captured");
+    define_size(command, options.size, "picture size; default: that of the captured part");
     define_parts(command, options);
     define_choice(command, "--format", "bgra|rgb565|yuyv|nv12",
                   "pixel format to capture, before the conversion to PNG; default: bgra",
@@ -417,16 +418,17 @@ void define_pcm(CLI::App& command, PcmOptions& options)
 
 void define_control(CLI::App& command, ControlOptions& options)
 {
-    define_value(command, "order", control_orders,
-                 "what the recorder is to do: stop, pause or resume; save what a replay keeps and "
-                 "print the file's path; print its status as a JSON object",
-                 [&options](const std::string& given) -> std::string {
-                     const std::vector<std::string> words = choices_of(control_orders);
-                     options.order = given;
-                     return std::find(words.begin(), words.end(), given) == words.end()
-                                ? "is not " + listed(words, "or")
-                                : "";
-                 })
+    define_value(
+        command, "order", control_orders,
+        "stop, pause or resume the recorder; save what a replay keeps, and print the file's "
+        "path; print the status as a JSON object",
+        [&options](const std::string& given) -> std::string {
+            const std::vector<std::string> words = choices_of(control_orders);
+            options.order = given;
+            return std::find(words.begin(), words.end(), given) == words.end()
+                       ? "is not " + listed(words, "or")
+                       : "";
+        })
         ->required();
     define_number(command, "--pid", "PID", "the recorder's process, if several run", 1, INT32_MAX,
                   [&options](uint32_t given) { options.process = given; });
@@ -481,7 +483,7 @@ constexpr Term environment_terms[] = {
     {"ZU3_AUDIO", "pulse, tone (440 Hz) or silence"},
     {"ZU3_SOUND", "desktop, microphone, both, none or the name of a sound source, as --sound"},
     {"ANDROID_LOG_TAGS", "log level of library and platform on standard error, e.g. '*:D'"},
-    {"XDG_RUNTIME_DIR", "the folder for the socket that 'control' finds a recorder by"},
+    {"XDG_RUNTIME_DIR", "the folder of the socket by which 'control' finds a recorder"},
     {"XDG_VIDEOS_DIR",
      "the folder for recordings without -o; default: that of user-dirs.dirs, or ~/Videos"},
     {"NO_COLOR", "no colours if set and not empty"},
@@ -534,11 +536,11 @@ void describe_program(CLI::App& app, AllOptions& all)
     define_doctor(*app.add_subcommand(
                       "doctor", "Check this machine, and say how to install what is missing."),
                   all.doctor);
-    define_control(*app.add_subcommand(
-                       "control",
-                       "Have your running recorder do something, for example by a shortcut of the "
-                       "desktop: screenrecord control stop|pause|resume|save|status"),
-                   all.control);
+    define_control(
+        *app.add_subcommand("control",
+                            "Control your running recorder, for example from a desktop shortcut: "
+                            "screenrecord control stop|pause|resume|save|status"),
+        all.control);
     app.add_subcommand(help_command, "Print the help of the given command or of the program.");
     app.add_subcommand("version", "Print the version.")->callback([] {
         throw CLI::CallForVersion(version_text(), 0);
