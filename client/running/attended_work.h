@@ -21,13 +21,13 @@ public:
      */
     explicit AttendedWork(std::function<void()> work);
 
-    /** Readable once the work is through. */
+    /** Readable once the work is done. */
     int fd() const;
     bool through() const;
-    /** After the work is through: rethrows its exception, if any. */
+    /** Call it once the work is done: rethrows its exception, if any. */
     void finish();
     /**
-     * Waits until the work is through, but after a stop request only for `patience`; returns
+     * Waits until the work is done, but after a stop request only for `patience`. Returns
      * through().
      */
     bool wait(StopSignals& signals, Clock::duration patience) const;

@@ -19,7 +19,7 @@ public:
     CaptureSession(const OpenSource& open, Clock clock,
                    int64_t capacity = SoundTimeline::usual_capacity);
 
-    /** Ends listening for good. Sound heard until now can still be read. */
+    /** Stops listening, permanently. Sound heard so far can still be read. */
     void finish();
 
     /** The frame at which a new reader begins. */

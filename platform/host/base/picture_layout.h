@@ -12,7 +12,7 @@ using common::PictureSize;
 /**
  * The planes of an NV12 picture on this platform: lines of the width rounded up to 16, the height
  * rounded up to 32 luma lines, the CbCr plane directly behind them. Capture writes it, the encoder
- * reads it, and a raw source file is a row of such pictures.
+ * reads it, and a raw source file is a sequence of such pictures.
  */
 struct PictureLayout {
     /** bytes per line of both planes */

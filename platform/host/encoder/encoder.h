@@ -139,7 +139,7 @@ private:
     std::condition_variable changed_;
     State state_ = State::opened;
     uint32_t handle_ = 0;
-    // counts starts: a frame of an earlier one is not handed out in a later one
+    // counts starts, so that a frame of an earlier start is not delivered in a later one
     uint32_t session_ = 0;
     // the thread is between a picture and the end of its callback
     bool busy_ = false;

@@ -145,8 +145,8 @@ int given_up_event()
 }
 
 /**
- * While it lives, the statistics say since when a write waits; of several at a time the first to
- * begin.
+ * While it lives, the statistics have the time since which a write waits; of several writes, the
+ * earliest.
  */
 class WriteWait {
 public:
@@ -169,8 +169,8 @@ private:
 };
 
 /**
- * Repeats a transfer until `size` bytes are through, and waits for `event` of the descriptor in
- * between; returns the bytes, and errno in `error` when it ended early.
+ * Repeats a transfer until `size` bytes are done, and waits for `event` of the descriptor in
+ * between. Returns the bytes; `error` is the errno that ended it early, otherwise 0.
  */
 template <typename Step>
 size_t transfer_all(int fd, short event, size_t size, int& error, Step step)
@@ -267,11 +267,10 @@ uint64_t OpenFile::write_now(const void* src, uint64_t item_bytes, uint64_t coun
         disk_ ? write_by_process(bytes, size, error) : write_here(bytes, size, error);
     const uint64_t whole = done / item_bytes;
     if (done < size && error == ECANCELED && disk_) {
-        // The part that is under way may still come, so that the end of the file is not ours to
-        // cut.
+        // The current part may still be written, so the end of the file must not be cut.
         if (!std::exchange(failure_logged_, true))
             HOST_LOGW(
-                "The disk of \"%s\" stands still. What it has not taken may be missing from the file.",
+                "The disk of \"%s\" does not respond. Unwritten data may be missing from the file.",
                 name_.c_str());
     } else if (done < size) {
         count_failure(error ? error : EIO);
@@ -308,8 +307,8 @@ size_t OpenFile::write_by_process(const uint8_t* src, size_t size, int& error)
     return done;
 }
 
-// Of one that was not waited for any longer. Until it is through, the kernel keeps even the file's
-// position from us.
+// Waits for a write that an earlier call gave up. Until it ends, the kernel locks the file's
+// position.
 int OpenFile::wait_for_earlier_write()
 {
     if (!disk_ || !disk_->busy())
@@ -371,11 +370,11 @@ bool OpenFile::close()
         return false;
     }
     const bool whole = write_unfinished(unfinished_.whole_at_end());
-    // The kernel begins to write the file out without a wait: a busy disk needs seconds, and a
-    // close has to be short. An error of the medium shows at the next use of the file.
+    // Starts writeback without a wait, since a busy disk needs seconds and a close must be short.
+    // An error of the disk shows at the next use of the file.
     int error = 0;
     if (disk_)
-        // which begins that by itself
+        // the process starts writeback itself
         disk_.reset();
     else if (written_ && is_regular(fd_.get()))
         sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);

@@ -14,24 +14,21 @@
 namespace zu3host {
 
 /**
- * From now on no write waits for a disk that stands still: those under way and later ones end at
- * once.
+ * Ends the current writes at once, and from now on no write waits for a stalled disk.
  */
 void give_up_writes();
 
 /**
- * An unbuffered file: data that a write accepted is with the kernel. Exception: an ordinary file of
- * a transport stream ends with a whole picture, also when it is closed. A picture that may be
- * incomplete waits, and one that lacks its end is left out. One thread at a time reads,
- * writes or seeks; others wait. A transfer that waits for the other end of a pipe, and a write that
- * waits for its disk, is over when the task that it is in is deleted: it answers what is through by
- * then.
+ * An unbuffered file: the kernel has the data of each write. Exception: an ordinary file of a
+ * transport stream ends with a whole picture at any time. A picture that may be incomplete waits;
+ * an incomplete one is left out at the close. One thread at a time reads, writes or seeks; others
+ * wait. Deleting the task ends a transfer that waits for the other end of a pipe, and a write that
+ * waits for its disk; they return the bytes transferred so far.
  */
 class OpenFile {
 public:
     /**
-     * Null, and a line in the log, when it cannot be opened. Does not wait for the other end of a
-     * pipe.
+     * Null, with a log line, if it cannot be opened. Does not wait for the other end of a pipe.
      */
     static std::shared_ptr<OpenFile> open(const char* name, int flags);
     OpenFile(std::string name, common::Descriptor fd, std::unique_ptr<common::DiskProcess> disk,
@@ -45,20 +42,22 @@ public:
     OpenFile& operator=(const OpenFile&) = delete;
 
     /**
-     * Fills `size` bytes unless the file ends before; bytes read, -1 on an error before the first.
+     * Reads up to `size` bytes, fewer at the end of the file.
+     * @return bytes read, -1 on an error before the first
      */
     int64_t read(void* dst, size_t size);
     /**
-     * Writes `count` items of `item_bytes`; the items written whole. Behind a failure no part of an
-     * item is left at the end of an ordinary file, nor of a transport stream anything of the whole
-     * call. Only the first failure of a file is logged, every one is counted.
+     * Writes `count` items of `item_bytes`. A failure leaves no partial item at the end of an
+     * ordinary file, and in a transport stream nothing of the whole call. Logs the first failure of
+     * a file, counts every one.
+     * @return items written whole
      */
     uint64_t write_items(const void* src, uint64_t item_bytes, uint64_t count);
     bool seek(int64_t offset, int whence);
     /**
-     * Starts what was written on its way to the medium, without waiting for it, and closes; false
-     * when the system tells of a loss. While another thread is inside a call the descriptor stays
-     * open: it is closed with the last owner, and the answer is false.
+     * Starts writeback without waiting for it, and closes the file. While another thread is inside
+     * a call, the descriptor stays open until the last owner is gone.
+     * @return false if data was lost or the file stays open
      */
     bool close();
 

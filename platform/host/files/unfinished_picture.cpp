@@ -11,13 +11,12 @@ namespace zu3host {
 namespace {
 
 /**
- * More than any encoded picture with its packet headers; longer data is no picture that will
- * end.
+ * More than any encoded picture with its packet headers; longer data is not a picture.
  */
 constexpr size_t greatest_picture = 4 << 20;
 
 /**
- * Bytes of each packet, 188 or 192, of a piece of a transport stream; 0 when it is none of whole
+ * Bytes per packet, 188 or 192, in a piece of a transport stream; 0 if it does not consist of whole
  * packets.
  */
 size_t packet_bytes_of(const uint8_t* data, size_t size)
@@ -40,8 +39,8 @@ size_t payload_of(const uint8_t* packet)
 }
 
 /**
- * Whether a packet holds all that fits beside its marks (none, random access, clock reference): a
- * picture of open length goes on behind it, or ends there by chance, as one in 61 does.
+ * Whether a packet is full apart from its marks (none, random access, clock reference): a picture
+ * of unknown length continues after it, or ends there by chance, as one in 61 does.
  */
 bool is_filled(size_t payload)
 {

@@ -10,16 +10,16 @@ namespace zu3host {
 /**
  * The end of a transport stream on its way into a file.
  *
- * A recording arrives in batches that end anywhere, while a file that a kill or a full disk ends
- * should play to its end. So what begins with the last picture that was begun stays here until the
- * next one begins, or the file is closed. A stream of sound alone is cut between its frames. Not
+ * A recording arrives in batches that end anywhere, but a file that a kill or a full disk ends
+ * should play to its end. So the data from the last begun picture on stays here until the next
+ * picture begins or the file is closed. A stream of sound alone is cut between its frames. Not
  * thread-safe.
  */
 class UnfinishedPicture {
 public:
     /**
-     * Appends a batch. False, and nothing is appended, when it is no piece of a transport stream,
-     * or memory is short.
+     * Appends a batch. False, without a change, if it is not part of a transport stream or memory
+     * runs out.
      */
     bool append(const void* batch, size_t size);
     const uint8_t* data() const { return bytes_.data(); }
@@ -31,7 +31,7 @@ public:
      * its end.
      */
     size_t whole_at_end() const { return pictures_ && !ended_ ? whole_ : bytes_.size(); }
-    /** They are in the file, or lost. */
+    /** Removes bytes that were written or lost. */
     void remove(size_t bytes);
     /**
      * A part of the stream is lost: the rest is dropped up to the next picture that needs none
