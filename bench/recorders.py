@@ -95,7 +95,7 @@ def gstreamer_encoder(task, *rate):
 
 
 def wf_recorder(task, path, rate, *options):
-    """It has no rate of pictures and no end: it copies what changes until SIGINT; --no-damage copies all the time."""
+    """It has no picture rate and no end: it copies changes until SIGINT; --no-damage copies every frame."""
     every = ["--no-damage"] if task.still else []
     return ["wf-recorder", "-f", path, "-c", "libx264", "-F", "format=yuv420p", *every, *options, "-p", "preset=veryfast",
             "-p", "tune=zerolatency", "-p", f"g={task.keyint}",

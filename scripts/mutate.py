@@ -102,7 +102,7 @@ class Copy:
             self.commands = {os.path.relpath(entry["file"], self.folder): entry["command"] for entry in json.load(file)}
 
     def code(self, path):
-        """What the compiler makes of a file at its best; None for what does not compile."""
+        """The object code of a file at -O2; None if it does not compile."""
         target = os.path.join(self.build, "code.o")
         command = shlex.split(self.commands[path]) + ["-O2", "-o", target]
         if subprocess.run(command, cwd=self.build, capture_output=True).returncode != 0:
@@ -119,15 +119,15 @@ class Copy:
         try:
             tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast",
                      "--gtest_filter=" + tests]
-            # A loop without an end shows in processor time, a task that waits for ever in the clock's, whose limit
-            # is wide enough for a machine that does other things too.
+            # The limit of processor time ends an endless loop, the timeout a task that never returns; the latter is
+            # wide enough for a busy machine.
             return subprocess.run(tests, env=environment, capture_output=True, timeout=240,
                                   preexec_fn=limit_processor_time).returncode == 0
         except subprocess.TimeoutExpired:
             return False
 
     def survives(self, path, edit):
-        """None for what does not compile, or to the same code."""
+        """None if it does not compile, or compiles to the same code."""
         before = self.code(path)
         full = os.path.join(self.folder, path)
         with open(full, encoding="utf-8") as file:
