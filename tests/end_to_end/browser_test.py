@@ -1,4 +1,4 @@
-"""Movies in a browser: it plays them from a local web server, and sends back what it shows and hears."""
+"""Movies in a browser, which plays them from a local web server and sends back its picture and sound."""
 
 import array
 import http.server
@@ -33,7 +33,7 @@ video.onended = () => send("end", JSON.stringify({width: video.videoWidth, heigh
 
 
 class Site(http.server.ThreadingHTTPServer):
-    """Serves the page and one movie; keeps what the page sends, by its name."""
+    """Serves the page and one movie; stores the data that the page sends, by name."""
 
     def __init__(self, movie):
         self.sent = queue.Queue()

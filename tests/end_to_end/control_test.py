@@ -25,7 +25,7 @@ class Control(ShortEndToEndTest):
         return recording
 
     def control(self, *words, code=0):
-        """What it printed: on standard output if it did its work."""
+        """Its output: standard output after success, otherwise standard error."""
         running = self.client("control", *words)
         self.assert_exit(running, code)
         return running.errors() if code else running.output()

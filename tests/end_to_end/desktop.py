@@ -1,4 +1,4 @@
-"""A desktop on Wayland without a screen: mutter, PipeWire and the desktop portal, of a user who is not root."""
+"""A headless Wayland desktop of an ordinary user: mutter, PipeWire and the desktop portal."""
 
 import os
 import shutil
@@ -28,7 +28,7 @@ class Desktop:
             self.move_in()
 
     def move_in(self):
-        """Gives the class's folder to the user, with what was built: the user may not see their place."""
+        """Gives the class's folder to the user, with copies of the programs, whose folder may be private."""
         built = self.test.path("built")
         shutil.copytree(BUILD / "lib", built / "lib", symlinks=True)
         (built / "bin").mkdir()
@@ -90,7 +90,7 @@ class Desktop:
                    self.portal.process.poll() is not None, "the portal")
 
     def answer(self, word):
-        """What the user answers from now on."""
+        """Sets the user's answer from now on."""
         (self.portals / "answer").write_text(word, "ascii")
 
     def said(self, word):

@@ -1,4 +1,4 @@
-"""The manual page and the completions, against what --help says."""
+"""The manual page and the completions, compared with --help."""
 
 import functools
 import re

@@ -1,4 +1,4 @@
-"""What others could get at: the files that are written, what children inherit, shared memory, the X cookie."""
+"""Exposure to others: written files, inherited descriptors, shared memory, the X cookie."""
 
 import fcntl
 import itertools
@@ -109,7 +109,7 @@ class Names(ShortEndToEndTest):
 
 class Descriptors(ShortEndToEndTest):
     def descriptors(self, client):
-        """(path in /proc, name, flags) of what a process has open beyond the standard three."""
+        """(path in /proc, name, flags) of a process's open files beyond the standard three."""
         process = pathlib.Path(f"/proc/{client.process.pid}")
         for path in (process / "fd").iterdir():
             if int(path.name) > 2:
@@ -117,7 +117,7 @@ class Descriptors(ShortEndToEndTest):
                 yield path, os.readlink(path), int(flags[1], 8)
 
     def test_recording_needs_no_standard_ones(self):
-        # Catches log lines in a recording that became standard error, and a program that waits for its reader for ever.
+        # Catches log lines in a recording that became standard error, and a program that waits for its reader without end.
         reader, full = full_pipe()
         running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
                                      environment={**TEST_CARD, "ANDROID_LOG_TAGS": "*:D"})
@@ -155,7 +155,7 @@ class Cookie(ShortEndToEndTest):
     COOKIE = bytes(range(0x81, 0x91))
 
     def test_no_message_carries_it(self):
-        # Catches a message, a status file or a report that tells others how to get at the screen.
+        # Catches a message, a status file or a report that gives others access to the screen.
         authority, kind = self.path("authority"), b"MIT-MAGIC-COOKIE-1"
         # Of any host and display.
         authority.write_bytes(struct.pack(f">HHHH{len(kind)}sH16s", 0xFFFF, 0, 0, len(kind), kind, 16, self.COOKIE))
@@ -186,7 +186,7 @@ class Hardening(unittest.TestCase):
 
     @unittest.skipIf(os.geteuid() != 0, "only root gives a file away")
     def test_privileged_process_is_not_led_by_its_environment(self):
-        # Catches a user who borrows a program's rights and chooses its server.
+        # Catches a privileged program that lets its user choose its server.
         with tempfile.TemporaryDirectory() as folder:
             program = pathlib.Path(folder, "set-uid")
             shutil.copy(BUILD / "bin/host_capture_test", program)

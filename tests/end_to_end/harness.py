@@ -1,4 +1,4 @@
-"""What the end-to-end tests stand on: displays, sound servers and programs that end with the test."""
+"""The base of the end-to-end tests: displays, sound servers and programs that end with the test."""
 
 import contextlib
 import ctypes
@@ -38,7 +38,7 @@ def wait_until(condition, what, seconds=PATIENCE):
 
 
 def pass_time(seconds):
-    """For what is a length of time by itself, as in "a pause of two seconds"; never to wait for an event."""
+    """For a duration that is itself under test, such as a pause of two seconds; never to wait for an event."""
     time.sleep(seconds)
 
 
@@ -72,14 +72,14 @@ class Running:
         return pathlib.Path(self.err.name).read_text(encoding="utf-8", errors="replace")
 
     def first_line(self):
-        """What it says when it is ready."""
+        """The first line of its output, which says that it is ready."""
         wait_until(lambda: "\n" in self.output() or self.process.poll() is not None, self.arguments)
         if "\n" not in self.output():
             raise AssertionError(f"{self.arguments} ended: {self.errors()}")
         return self.output().partition("\n")[0]
 
     def wait(self, seconds=PATIENCE):
-        """The exit code; a sanitizer's report fails the test wherever it stands."""
+        """The exit code; a sanitizer's report in its output fails the test."""
         try:
             code = self.process.wait(seconds)
         except subprocess.TimeoutExpired:
@@ -129,7 +129,7 @@ class EndToEndTest(unittest.TestCase):
 
     @classmethod
     def prepare(cls):
-        """For what all cases of a class share."""
+        """For the resources that all cases of a class share."""
 
     @classmethod
     def path(cls, name):
@@ -245,7 +245,7 @@ class ShortEndToEndTest(EndToEndTest):
 
 
 class UnmeasuredEndToEndTest(EndToEndTest):
-    """Without a claim about timing, so it runs beside others; too slow with sanitizers."""
+    """Measures no time, so it runs beside others; too slow with sanitizers."""
 
 
 class LongEndToEndTest(EndToEndTest):

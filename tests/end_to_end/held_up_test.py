@@ -1,4 +1,4 @@
-"""Readers that have stopped reading, disks that stand still, pipes without a reader: signals are heard all the same."""
+"""Readers that stop reading, stalled disks, pipes without a reader: the client still reacts to signals."""
 
 import contextlib
 import functools
@@ -14,7 +14,7 @@ import subprocess
 import judges
 from harness import SANITIZED, TEST_CARD, ShortEndToEndTest, full_pipe, size_of, wait_until
 
-# Seconds for a stop, whatever stands still.
+# Seconds for a stop while an output is blocked.
 STOP = 30 if SANITIZED else 3
 
 
@@ -53,7 +53,7 @@ class Disk(ShortEndToEndTest):
             os.kill(process, signal.SIGCONT)
 
     def test_stands_still_while_recording(self):
-        # Catches a status that says nothing of it, an end that waits for the disk, and a loss that is not told.
+        # Catches a status without the stall, an end that waits for the disk, and an unreported loss.
         status = self.path("status")
         recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "a.ts",
                                 "--status-file", status)
@@ -67,7 +67,7 @@ class Disk(ShortEndToEndTest):
         self.assertTrue(judges.whole_packets(self.path("a.ts")))
 
     def test_moves_again(self):
-        # Catches a loss that is told although there is none, and an end that does not wait for what comes yet.
+        # Catches a loss reported without one, and an end that does not wait for pending data.
         recording = self.client("record", "--json", "--rate", "2", "-s", "320x240", "-o", "b.ts")
         wait_until(lambda: size_of(self.path("b.ts")) > 0, "the first batch")
         held = self.hold(recording, "disk writer")
@@ -90,7 +90,7 @@ class Disk(ShortEndToEndTest):
 
 
 class Readers(ShortEndToEndTest):
-    """Pipes and terminals that are full, or empty for ever."""
+    """Pipes and terminals that stay full or empty."""
 
     VARIABLES = TEST_CARD
 

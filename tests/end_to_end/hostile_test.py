@@ -27,7 +27,7 @@ class HostileServers:
     """Runs commands against modes of a fake server, many at once: they mostly wait."""
 
     def run_one(self, command, mode, environment):
-        """Its exit code, or None when it hangs, the seconds that it took, and what is wrong with how it ended."""
+        """Its exit code (None if it hangs), its seconds, and the fault of its end, if any."""
         arguments = [part.format(f"{mode}.{command}") for part in COMMANDS[command]]
         begin = time.monotonic()
         try:

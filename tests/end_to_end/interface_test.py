@@ -60,7 +60,7 @@ assert open_files[0] == open_files[-1], open_files
 """
 
     def test_of_a_library_that_records(self):
-        # Catches code that goes away under its threads, and what would be lost with each unloading.
+        # Catches code that is unloaded while its threads run, and state that each unloading would lose.
         run = subprocess.run([sys.executable, "-c", self.PROGRAM, BUILD / "lib/libscreenrecord.so", self.path("a.ts"),
                               "4"],
                              env=os.environ | TEST_CARD, capture_output=True, text=True, timeout=PATIENCE)
@@ -71,7 +71,7 @@ class CallbackRaces(ShortEndToEndTest):
     PROCESSES, COUNT = 5, 100 if SANITIZED else 20
 
     def test_everything_calls_back_while_it_is_started_and_stopped(self):
-        # Catches what two threads touch at once; the sanitizers are the judges.
+        # Catches data races; the sanitizers are the judges.
         self.start_display("320x240")
         self.environment |= {"ZU3_AUDIO": "tone", "ANDROID_LOG_TAGS": "*:S"}
         folders = [self.path(f"races{number}") for number in range(self.PROCESSES)]
@@ -90,7 +90,7 @@ class Cycles(ShortEndToEndTest):
     COUNT = 40
 
     def test_start_stop_close(self):
-        # Catches a stop that waits for a worker that has not run yet, and whatever a close leaves behind.
+        # Catches a stop that waits for a worker that has not run yet, and leftovers of a close.
         longest = int(self.run_program("api_stress", "cycles", self.path("a.ts"), self.COUNT, environment=TEST_CARD,
                                        seconds=PATIENCE + self.COUNT))
         self.assertLess(longest, 5000 if SANITIZED else 500)
@@ -117,7 +117,7 @@ class TwoSlots(ShortEndToEndTest):
 
 
 class Endurance(LongEndToEndTest):
-    """A screen that moves and stands still by turns, a minute each. The machine must be free for it."""
+    """A screen that alternates between motion and rest, a minute each. Needs an otherwise idle machine."""
 
     MINUTES = int(os.environ.get("SCREENRECORD_ENDURANCE_MINUTES", "10"))
 

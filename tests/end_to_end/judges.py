@@ -1,4 +1,4 @@
-"""What outside tools say of a file: ffprobe, ffmpeg's decoder and the packet checker."""
+"""Judgments of files by outside tools: ffprobe, ffmpeg's decoder and the packet checker."""
 
 import json
 import math
@@ -46,7 +46,7 @@ def decoder_messages(path):
 
 
 def check_packets(path, *options):
-    """Runs the transport-stream checker; what it objects to."""
+    """Runs the transport-stream checker; returns its findings."""
     result = subprocess.run([BUILD / "bin/ts_check", *options, path], capture_output=True, check=False)
     said = (result.stdout + result.stderr).decode()
     objections = "\n".join(line for line in said.splitlines() if line.startswith("error"))
@@ -60,7 +60,7 @@ def whole_packets(path):
 
 
 def faults(path):
-    """What keeps a recording from being played: packets that are cut, words of the decoder, no key frame in front."""
+    """Faults that prevent playback: truncated packets, decoder messages, no key frame at the start."""
     return (decoder_messages(path) + " cut packets" * (not whole_packets(path)) +
             " no key frame first" * (not packets(path)[0][2]))
 
@@ -123,7 +123,7 @@ def is_idr(unit):
 
 
 def dump_screen(display, *size):
-    """What xwd sees, as far as `size` goes: a picture in the order blue, green, red, unused, and its size."""
+    """The screen according to xwd, up to `size`: bytes blue, green, red, unused; and the size."""
     dump = _run("xwd", "-root", "-silent", "-display", display)
     header = struct.unpack(">25I", dump[:100])
     width, height, stride, colours = header[4], header[5], header[12], header[19]

@@ -25,7 +25,7 @@ def times(path, kind="v"):
 
 
 def complaints(path):
-    """What ffmpeg says while it copies a file into another one."""
+    """ffmpeg's messages while it copies a file into another one."""
     copied = subprocess.run(["ffmpeg", "-nostdin", "-v", "warning", "-y", "-i", path, "-c", "copy", f"{path}.copy.mkv"],
                             capture_output=True, check=False)
     return copied.stderr.decode()
@@ -41,10 +41,10 @@ def boxes(path):
 
 
 class MovieChecks:
-    """What several classes check."""
+    """Checks shared by several classes."""
 
     def assert_recorded(self, recording):
-        """A busy machine may cost pictures, which is said; other tests count them."""
+        """A busy machine may drop pictures, with a message; other tests count them."""
         code = recording.wait()
         said = [line for line in recording.errors().splitlines() if "screenrecord: " in line]
         if not (code == 3 and len(said) == 1 and "too busy to read them" in said[0]):
@@ -105,7 +105,7 @@ class Movies(UnmeasuredEndToEndTest):
 
 
 class Written(ShortEndToEndTest):
-    """What the module for movies writes, whatever the machine has time for."""
+    """Files of the module for movies, independent of the machine's load."""
 
     flashes = sound_test.FlashAndBeep.flashes
     beeps = sound_test.FlashAndBeep.beeps
@@ -171,7 +171,7 @@ class InStep(LongEndToEndTest):
 
 
 class Accidents(ShortEndToEndTest, MovieChecks):
-    """What is left of a movie whose recording did not end as it was to."""
+    """The remains of a movie whose recording ended abnormally."""
 
     @classmethod
     def prepare(cls):
@@ -233,7 +233,7 @@ class Accidents(ShortEndToEndTest, MovieChecks):
 
 
 class Losses(ShortEndToEndTest, MovieChecks):
-    """What a movie is recorded from goes away."""
+    """The source of a movie goes away."""
 
     @classmethod
     def prepare(cls):
@@ -445,7 +445,7 @@ class Ways(UnmeasuredEndToEndTest, MovieChecks):
                 self.assertEqual(before, after)
 
     def test_ceiling_of_a_transport_stream(self):
-        # Catches a rate that has no effect, and a ceiling that lowers it and is not told.
+        # Catches a rate that has no effect, and a ceiling that silently lowers it.
         self.start_display("320x240")
         self.start_screen("--noise")
         cases = [("-b 500k", 20_000, 180_000, r"\A\Z"),

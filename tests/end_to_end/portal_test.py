@@ -1,4 +1,4 @@
-"""Screens that the desktop portal shares: the real portal and PipeWire, before mutter and a user who is a program."""
+"""Screens that the desktop portal shares: real portal, PipeWire and mutter, and a program as the user."""
 
 import signal
 
@@ -78,7 +78,7 @@ class Portal(PortalTest, EndToEndTest):
         # have none.
         self.screen.close()  # a window may hide the pointer
         places = ((300, 140), (600, 320))
-        # This mutter tells how its pointer looks at the start of a session alone, and only if it has moved before.
+        # This mutter sends the pointer's image only at the start of a session, and only after a move.
         first = self.start_recording("first.ts")
         self.desktop.move_pointer(*places[0])
         self.assert_stops(first)
@@ -147,7 +147,7 @@ class PortalIsMissing(PortalTest, UnmeasuredEndToEndTest):
         return self.client("record", "-o", "a.mp4", **options)
 
     def doctor(self):
-        """What it finds missing."""
+        """Its findings of missing parts."""
         doctor = self.client("doctor")
         doctor.wait()
         return [line for line in doctor.output().splitlines() if line.startswith("missing")]
@@ -190,7 +190,7 @@ class PortalStreams(PortalTest, UnmeasuredEndToEndTest):
         cls.desktop.start_portal()
 
     def share(self, *options):
-        """Shares what that program shows from now on; the program."""
+        """Shares that program's pictures from now on; returns the program."""
         screen = self.start("pipewire_screen", *options)
         self.desktop.answer(screen.first_line())
         return screen

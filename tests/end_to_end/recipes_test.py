@@ -1,4 +1,4 @@
-"""docs/recipes.md: every line of the page, run as it stands there but for times, places and hosts."""
+"""docs/recipes.md: every line of the page, run with other times, places and hosts."""
 
 import os
 import pathlib
@@ -83,7 +83,7 @@ class Recipes(LongEndToEndTest):
         self.run_line(rtmp, ("record -o -", "record -t 2 -o -"), ("rtmp://HOST/live/NAME", address))
         server.wait()
         self.assertEqual(set(judges.streams(self.path("rtmp.flv"))), {"video", "audio"})
-        # A caller that ends at once loses what it has not sent yet.
+        # A caller that ends at once loses its unsent data.
         port = free_port(socket.SOCK_DGRAM)
         address = f"srt://127.0.0.1:{port}?mode="
         self.start("ffmpeg", "-v", "error", "-analyzeduration", "500000", "-i", address + "listener", "-c", "copy",
@@ -104,7 +104,7 @@ class Recipes(LongEndToEndTest):
         self.assertEqual(len(judges.packets(self.path("lapse.mp4"))), 5)
 
     def saved_by(self, replay):
-        """What a replay saves by the recipe's second line."""
+        """The file that a replay saves by the recipe's second line."""
         _, save = lines_of("The last minute")
         sockets = self.path("home/screenrecord")
         wait_until(lambda: sockets.is_dir() and os.listdir(sockets), "the replay's socket")

@@ -154,7 +154,7 @@ class Refusals(ShortEndToEndTest):
                              rf"\A{said}\Z", recorder.errors())
 
     def test_status_of_a_failure(self):
-        # Catches a status that stays at "starting" for ever.
+        # Catches a status that stays at "starting".
         refused = self.client("record", "-o", "b.ts", "--status-file", "status", "-s", "64x64",
                               prepare=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (12, 12)))
         self.assert_exit(refused, 1)
@@ -276,7 +276,7 @@ class FullDisk(ShortEndToEndTest):
         self.start_screen("--noise")
         path = folder / "a.ts"
         recording = self.client("record", "-o", path)
-        # Not for a disk without a free block: a part that did not fit is taken back at once.
+        # Not for a disk without a free block, where a part that did not fit is removed at once.
         wait_until(lambda: "No space left on device" in recording.errors(), "the message")
         self.assert_exit(recording, 3, SOON)
         self.assertGreater(path.stat().st_size, 800_000)

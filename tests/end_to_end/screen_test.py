@@ -72,7 +72,7 @@ class Screen(ShortEndToEndTest):
             self.assert_near(judges.decode(self.path("a.png"), 0), places, options)
 
     def test_is_not_there(self):
-        # Catches a capture of the wrong thing, and a refusal that does not say what to do.
+        # Catches a capture of the wrong source, and a refusal without a remedy.
         for choice, name, said in (("", "", "not set"), ("x11", ":987", 'DISPLAY=":987"'),
                                    ("television", ":987", 'ZU3_DISPLAY="television"')):
             stills = self.start("still_captures", 10, environment={"ZU3_DISPLAY": choice, "DISPLAY": name})

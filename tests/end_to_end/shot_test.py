@@ -1,4 +1,4 @@
-"""Screenshots, against what xwd sees."""
+"""Screenshots, compared with xwd."""
 
 import struct
 import subprocess
@@ -66,7 +66,7 @@ class Shots(ShortEndToEndTest):
         self.assert_exit(piped, 0)
 
     def test_failure_after_one_was_saved(self):
-        # Catches an exit code that says that there is nothing of use.
+        # Catches an exit code that denies a usable result.
         shots = self.client("shot", "-o", "s.png", "-n", "2", "--interval", "1500")
         wait_until(self.path("s-001.png").exists, "the first picture")
         self.path("s-002.png").mkdir()

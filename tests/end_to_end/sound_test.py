@@ -78,7 +78,7 @@ class RawSound(EndToEndTest):
 
 class RawSoundOfPipeWire(RawSound, EndToEndTest):
     SERVER = "start_pipewire"
-    # This server drops what it cannot deliver while it is kept waiting.
+    # This server drops sound that it cannot deliver in time.
     test_tone_is_whole = None
 
 
@@ -129,7 +129,7 @@ class FlashAndBeepForTenMinutes(LongEndToEndTest, FlashAndBeep):
 
 
 class SoundServerChanges(ShortEndToEndTest):
-    """What is heard follows the server, whatever becomes of it."""
+    """The recorded sound follows the server through all its changes."""
 
     def size(self):
         return size_of(self.raw.out.name)
@@ -282,7 +282,7 @@ class SoundServers(ShortEndToEndTest):
                 self.assertLess(max(map(abs, judges.decode_sound(self.path(f"{missing}.ts")))), 4)
 
     def test_reader_comes_late(self):
-        # Catches sound from before there was a reader, whose loss is told at the end.
+        # Catches sound from before there was a reader, reported as lost at the end.
         pipe = self.path("pipe")
         os.mkfifo(pipe)
         late = self.client("pcm", "-t", "1", "-o", pipe, environment={"ZU3_AUDIO": "tone"})

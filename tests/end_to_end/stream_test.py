@@ -1,4 +1,4 @@
-"""Elementary streams by the client's stream command, and what can be told to it while it runs."""
+"""Elementary streams by the client's stream command, and its commands while it runs."""
 
 import os
 import random
@@ -116,7 +116,7 @@ class ManyKeyFrames(LongEndToEndTest, KeyFrames):
 
 
 class Watermark(ShortEndToEndTest):
-    """A half transparent picture at an odd place, against what ffmpeg makes of the screen and the same picture."""
+    """A half transparent picture at an odd place, compared with ffmpeg's overlay."""
 
     LOGO, AT = (101, 51), (203, 277)
 
@@ -125,7 +125,7 @@ class Watermark(ShortEndToEndTest):
         return judges.decode(self.path(name), 40, "yuv420p")
 
     def test_what_is_no_picture(self):
-        # Catches libpng's own words, which do not say what is wrong with a file.
+        # Catches libpng's messages, which do not explain the fault of a file.
         cases = [(b"just a text", "is not a PNG picture"), (b"", "ends too early"),
                  (b"\x89PNG\r\n\x1a\n" + bytes(99), "is a damaged"), (None, "No such file")]
         for content, said in cases:

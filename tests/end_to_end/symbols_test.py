@@ -1,4 +1,4 @@
-"""What the built library offers and what it needs."""
+"""The exported and the needed symbols of the built library."""
 
 import re
 import subprocess
@@ -34,7 +34,7 @@ class Symbols(unittest.TestCase):
         self.assertEqual({name.partition("(")[0] for name in demangled(exported).values()}, set(declared))
 
     def test_needs_of_the_platform_are_the_contract(self):
-        """What the platform's libraries offer besides is not for the library."""
+        """The library must not use other functions of the platform's libraries."""
         headers = (SOURCE / "platform/include").rglob("*.h")
         words = set(re.findall(r"\w+", " ".join(header.read_text("utf-8") for header in headers)))
         offered = set().union(*(symbols(BUILD / "lib" / name, "--defined-only") for name in CONTRACT_LIBRARIES))

@@ -84,7 +84,7 @@ class Session(UnmeasuredEndToEndTest):
         window.close()
 
     def test_output_is_turned_and_scaled(self):
-        # Catches pictures that lie on their side, stand on their head, are mirrored, or have logical pixels.
+        # Catches pictures that are rotated, upside down, mirrored, or in logical pixels.
         for transform, size in (("90", (608, 656)), ("180", (656, 608)), ("flipped-270", (608, 656))):
             self.message("output", "HEADLESS-1", "transform", transform)
             window = show(self, "--static")
@@ -204,14 +204,14 @@ class SessionFails(UnmeasuredEndToEndTest):
         self.assert_lost("The Wayland compositor went away", "HEADLESS-1")
 
     def test_output_is_removed(self):
-        # Catches an output whose end is taken for a still picture. This sway cannot remove one.
+        # Catches an output whose end counts as a still picture. This sway cannot remove one.
         self.start("python3", SOURCE / "tools/fake_compositor.py", self.folder, "output-removed").first_line()
         self.environment["WAYLAND_DISPLAY"] = str(self.path("output-removed"))
         self.start_recording()
         self.assert_lost("The Wayland output FAKE-1 was removed", "FAKE-1")
 
     def test_hangs(self):
-        # Catches one that hangs taken for a still output or for one that is gone, and a stop that waits for it.
+        # Catches a hung compositor mistaken for a still or removed output, and a stop that waits for it.
         self.record()
         self.session.process.send_signal(signal.SIGSTOP)
         wait_until(lambda: self.status()["display_answers"] is False, "word of it")
