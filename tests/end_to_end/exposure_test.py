@@ -117,7 +117,7 @@ class Descriptors(ShortEndToEndTest):
                 yield path, os.readlink(path), int(flags[1], 8)
 
     def test_recording_needs_no_standard_ones(self):
-        # Catches log lines in a recording that became standard error, and a program that waits for its reader without end.
+        # Catches log lines in a recording that became standard error, and a program that waits for its reader.
         reader, full = full_pipe()
         running = {name: self.client("record", "--json", "-v", "-s", "64x64", "-t", "2", "-o", name, **options,
                                      environment={**TEST_CARD, "ANDROID_LOG_TAGS": "*:D"})
