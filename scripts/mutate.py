@@ -10,8 +10,10 @@ without an effect. Works in a copy of the last commit.
 
 import argparse
 import collections
+import contextlib
 import json
 import os
+import pathlib
 import random
 import re
 import resource
@@ -19,6 +21,7 @@ import shlex
 import shutil
 import subprocess
 import tempfile
+import time
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 FLIPS = [("==", "!="), ("!=", "=="), ("<=", "<"), (">=", ">"), (" < ", " >= "), (" > ", " <= "), ("&&", "||"), ("||", "&&")]
@@ -86,6 +89,28 @@ def limit_processor_time():
     resource.setrlimit(resource.RLIMIT_CPU, (90, 90))
 
 
+def activity(process):
+    """The processor time of a process so far, and whether one of its threads waits for a processor."""
+    fields = []
+    for stat in pathlib.Path(f"/proc/{process}/task").glob("*/stat"):
+        with contextlib.suppress(OSError):  # the thread has ended
+            fields.append(stat.read_text("ascii", "replace").rpartition(")")[2].split())
+    return sum(int(one[11]) + int(one[12]) for one in fields), any(one[0] == "R" for one in fields)
+
+
+def succeeds(process, idle_seconds=100):
+    """Whether it exits with 0. Kills it after that time without activity; a busy machine only makes it slow."""
+    seen, since = None, time.monotonic()
+    while True:
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            return process.wait(0.5) == 0
+        used, waits = activity(process.pid)
+        if used != seen or waits:
+            seen, since = used, time.monotonic()
+        elif time.monotonic() - since > idle_seconds:
+            process.kill()
+
+
 class Copy:
     """A copy of the last commit, and its build."""
 
@@ -93,6 +118,7 @@ class Copy:
         self.folder = os.path.join(tempfile.mkdtemp(prefix="mutants-"), "copy")
         self.build = os.path.join(self.folder, "build")
         self.jobs = jobs
+        self.originals = {}
         subprocess.run(["git", "clone", "-q", SOURCE, self.folder], check=True)
         options = ["-DSCREENRECORD_HOST=OFF", "-DCMAKE_BUILD_TYPE=", "-DCMAKE_CXX_FLAGS=-O1",
                    "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"]
@@ -116,19 +142,18 @@ class Copy:
 
     def passes(self, calls=20000, tests="-" + SLOW_TESTS):
         environment = dict(os.environ, RANDOM_CALLS=str(calls), RANDOM_CALLS_SEED="1")
-        try:
-            tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast",
-                     "--gtest_filter=" + tests]
-            # The limit of processor time ends an endless loop, the timeout a task that never returns; the latter is
-            # wide enough for a busy machine.
-            return subprocess.run(tests, env=environment, capture_output=True, timeout=240,
-                                  preexec_fn=limit_processor_time).returncode == 0
-        except subprocess.TimeoutExpired:
-            return False
+        tests = [os.path.join(self.build, "bin", "unit_tests"), "--gtest_brief=1", "--gtest_fail_fast",
+                 "--gtest_filter=" + tests]
+        # The limit of processor time ends an endless loop, idle_seconds a task that never returns.
+        with subprocess.Popen(tests, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              preexec_fn=limit_processor_time) as process:
+            return succeeds(process)
 
     def survives(self, path, edit):
         """None if it does not compile, or compiles to the same code."""
-        before = self.code(path)
+        if path not in self.originals:
+            self.originals[path] = self.code(path)
+        before = self.originals[path]
         full = os.path.join(self.folder, path)
         with open(full, encoding="utf-8") as file:
             lines = file.readlines()
@@ -153,6 +178,7 @@ def main():
     options.add_argument("--jobs", type=int, default=os.cpu_count())
     options.add_argument("--kinds", nargs="+", choices=KINDS, default=KINDS)
     options = options.parse_args()
+    tried, noticed = collections.Counter(), collections.Counter()
     copy = Copy(options.jobs)
     try:
         if not (copy.compiles() and copy.passes()):
@@ -160,7 +186,6 @@ def main():
         candidates = mutants(copy.folder, options.kinds)
         print(f"seed {options.seed}, {len(candidates)} candidates", flush=True)
         random.Random(options.seed).shuffle(candidates)
-        tried, noticed = collections.Counter(), collections.Counter()
         for path, kind, edit in candidates:
             if tried.total() == options.count:
                 break
@@ -171,9 +196,9 @@ def main():
             noticed[kind] += not outcome
             if outcome:
                 print(f"not noticed: {path}:{min(edit) + 1} ({kind}) {edit[min(edit)].strip()}", flush=True)
+    finally:
         of_each = ", ".join(f"{kind} {noticed[kind]} of {tried[kind]}" for kind in options.kinds)
         print(f"{noticed.total()} of {tried.total()} noticed: {of_each}")
-    finally:
         copy.remove()
 
 
