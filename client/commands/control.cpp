@@ -57,6 +57,7 @@ std::vector<Recorder> recorders(const ControlFolder& folder, std::optional<uint3
 std::string listed_processes(const std::vector<Recorder>& found)
 {
     std::vector<std::string> numbers;
+    numbers.reserve(found.size());
     for (const Recorder& each : found)
         numbers.push_back(std::to_string(each.process));
     return listed(numbers, "and");
