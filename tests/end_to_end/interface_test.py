@@ -137,8 +137,8 @@ class Endurance(LongEndToEndTest):
         picture_kib = 1280 * 720 * 3 // 2 // 1024
         self.assertEqual(judges.faults(self.path("a.ts")), "")
         for row in rows:
-            # The encoder has other settings for a screen that moves all over, which need more memory; by the fourth minute
-            # it has had both. The first time that it falls behind by a picture, another buffer of the pool is written to.
+            # The encoder's settings for a screen that moves all over need more memory; by the fourth minute it has had
+            # both. The first time that it falls behind by a picture, another buffer of the pool is written to.
             self.assertLessEqual(row["resident_kib"],
                                  max(first["resident_kib"] for first in rows[:4]) + 256 + picture_kib)
             self.assertEqual((row["late"], row["no_buffer"], row["no_display"], row["refused"]), (0, 0, 0, 0))
