@@ -3,7 +3,7 @@
 #include "base/log.h"
 #include "modules/encoder_output.h"
 #include "modules/inject_buffer.h"
-#include "modules/module.h"
+#include "modules/module_stop.h"
 #include "table/worker_tasks.h"
 
 namespace {
@@ -159,7 +159,8 @@ u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask)
     const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    _SCREENRECORD_StopBeforeClose(pstTask);
+    if (const ModuleStop stop(pstTask, __func__); stop.Needed())
+        _SCREENRECORD_StopVenc(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
     _SCREENRECORD_PutInjectDescriptor();
     if (u32Handle != 0 && ZU_VENC_Close(u32Handle) != ZU_OK)

@@ -3,7 +3,7 @@
 #include <zu3/sys.h>
 
 #include "base/log.h"
-#include "table/worker_tasks.h"
+#include "modules/module_stop.h"
 
 namespace {
 
@@ -120,28 +120,11 @@ u32 _SCREENRECORD_StartModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId)
 
 u32 _SCREENRECORD_StopModule(SCREENRECORD_TaskCtrl_s* pstTask)
 {
-    const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    if (pstTask->u32Handle == 0) {
-        SR_LOGE("_SCREENRECORD_StopModule handle is NULL  \n");
-        pstTask->bRunning = 0;
-        return ZU_OK;
-    }
-    if (pstTask->eModule >= E_SCREENRECORD_MODULE_MAX) {
-        SR_LOGE("INVALID ModuleID Id!\n");
-        return ZU_INVALID_ARGUMENT;
-    }
-    if (const auto pfnStop = _astModuleOperations[pstTask->eModule].pfnStop)
-        pfnStop(pstTask);
-    if (_SCREENRECORD_DeleteTask(pstTask) != ZU_OK)
-        SR_LOGE("_SCREENRECORD_DeleteTask Failed\n");
-    pstTask->bRunning = 0;
-    return ZU_OK;
-}
-
-void _SCREENRECORD_StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask)
-{
-    if (_SCREENRECORD_StopModule(pstTask) != ZU_OK)
-        SR_HELPER_LOGE("SCREENRECORD_StopModule Failed!\n");
+    const ModuleStop stop(pstTask);
+    if (stop.Needed())
+        if (const auto pfnStop = _astModuleOperations[pstTask->eModule].pfnStop)
+            pfnStop(pstTask);
+    return stop.Result();
 }

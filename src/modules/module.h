@@ -19,7 +19,7 @@ struct SCREENRECORD_ModuleOperations_s {
     const char* pDeInitFailure = nullptr;
     /** Starts an opened module; passes `u32SlotId` to its worker. A failure is logged. */
     u32 (*pfnStart)(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId) = nullptr;
-    /** Stops a module; failures are only logged. The caller then deletes its worker. */
+    /** Stops an open module's device; failures are only logged. */
     void (*pfnStop)(SCREENRECORD_TaskCtrl_s* pstTask) = nullptr;
     /** Handles the loss of an open handle (0 = none) by a reset of its record. */
     void (*pfnForget)(u32 u32Handle) = nullptr;
@@ -47,7 +47,5 @@ u32 _SCREENRECORD_StartModule(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
  * ZU_INVALID_ARGUMENT.
  */
 u32 _SCREENRECORD_StopModule(SCREENRECORD_TaskCtrl_s* pstTask);
-/** The stop at the start of a module's close; logs a failure under the close's name. */
-void _SCREENRECORD_StopBeforeClose(SCREENRECORD_TaskCtrl_s* pstTask);
 
 #endif

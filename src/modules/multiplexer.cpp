@@ -6,7 +6,7 @@
 #include <zu3/tsmux.h>
 
 #include "base/log.h"
-#include "modules/module.h"
+#include "modules/module_stop.h"
 #include "modules/multiplexer_writer.h"
 #include "table/worker_tasks.h"
 
@@ -188,7 +188,8 @@ u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask)
     const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    _SCREENRECORD_StopBeforeClose(pstTask);
+    if (const ModuleStop stop(pstTask, __func__); stop.Needed())
+        _SCREENRECORD_StopTsmux(pstTask);
     const u32 u32Handle = pstTask->u32Handle.Exchange(0);
     // The callbacks of its slot's encoder push into the multiplexer.
     if (SCREENRECORD_SlotCtrl_s* pstSlot = _SCREENRECORD_SlotOf(pstTask))

@@ -3,7 +3,7 @@
 #include "base/log.h"
 #include "base/picture_size.h"
 #include "modules/inject_buffer.h"
-#include "modules/module.h"
+#include "modules/module_stop.h"
 
 namespace {
 
@@ -136,7 +136,8 @@ u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask)
     const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    _SCREENRECORD_StopBeforeClose(pstTask);
+    if (const ModuleStop stop(pstTask, __func__); stop.Needed())
+        _SCREENRECORD_StopVcap(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
     if (u32Handle != 0 && ZU_CAP_Close(u32Handle) != ZU_OK)
         SR_LOGE("ZU_CAP_Close Failed\n");

@@ -3,7 +3,7 @@
 #include <zu3/acap.h>
 
 #include "base/log.h"
-#include "modules/module.h"
+#include "modules/module_stop.h"
 
 namespace {
 
@@ -88,7 +88,8 @@ u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask)
     const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    _SCREENRECORD_StopBeforeClose(pstTask);
+    if (const ModuleStop stop(pstTask, __func__); stop.Needed())
+        _SCREENRECORD_StopAcap(pstTask);
     const u32 u32Handle = _SCREENRECORD_WithdrawHandle(pstTask);
     if (u32Handle == 0)
         return ZU_OK;

@@ -4,7 +4,7 @@
 #include <zu3/fs.h>
 
 #include "base/log.h"
-#include "modules/module.h"
+#include "modules/module_stop.h"
 #include "table/worker_run.h"
 #include "table/worker_tasks.h"
 
@@ -138,7 +138,10 @@ u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask)
     const LogAs as(__func__);
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
-    _SCREENRECORD_StopBeforeClose(pstTask);
+    {
+        // the worker is all that there is to stop
+        const ModuleStop stop(pstTask, __func__);
+    }
     if (pstTask->u32SrcFile != 0 && ZU_FS_Fclose(pstTask->u32SrcFile) != ZU_OK)
         SR_LOGE("ZU_FS_Fclose Failed!\n");
     ZU_FS_Sync();
