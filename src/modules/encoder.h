@@ -23,7 +23,7 @@ u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams, ZU_VENC_Callb
  */
 u32 _SCREENRECORD_CloseVenc(SCREENRECORD_TaskCtrl_s* pstTask);
 
-/* Operations of the module's table (modules/module.h). */
+/* Operations of the table in modules/module.cpp. */
 u32 _SCREENRECORD_InitVenc();
 u32 _SCREENRECORD_StartVenc(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 void _SCREENRECORD_StopVenc(SCREENRECORD_TaskCtrl_s* pstTask);

@@ -1,11 +1,85 @@
 #include "modules/module.h"
 
 #include <zu3/sys.h>
+#include <zu3/tsmux.h>
 
 #include "base/log.h"
+#include "modules/encoder.h"
 #include "modules/module_stop.h"
+#include "modules/multiplexer.h"
+#include "modules/screen_capture.h"
+#include "modules/sound_capture.h"
+#include "modules/source_reader.h"
 
 namespace {
+
+/**
+ * The operations of a module. NULL = nothing to do; pfnInit is never NULL. Each logs under the name
+ * of its caller.
+ */
+struct SCREENRECORD_ModuleOperations_s {
+    /**
+     * Initialises the module in the process. ZU_OK; ZU_ALREADY_INITIALISED if another user of the
+     * process did it or there is nothing to undo; any other result is a failure, and logged.
+     */
+    u32 (*pfnInit)() = nullptr;
+    u32 (*pfnDeInit)() = nullptr;
+    /** log text */
+    const char* pDeInitFailure = nullptr;
+    /** Starts an opened module; passes `u32SlotId` to its worker. A failure is logged. */
+    u32 (*pfnStart)(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId) = nullptr;
+    /** Stops an open module's device; failures are only logged. */
+    void (*pfnStop)(SCREENRECORD_TaskCtrl_s* pstTask) = nullptr;
+    /** Handles the loss of an open handle (0 = none) by a reset of its record. */
+    void (*pfnForget)(u32 u32Handle) = nullptr;
+};
+
+/** Counts as initialised by this library, with nothing to undo. */
+u32 InitNothing()
+{
+    return ZU_OK;
+}
+
+/** The middleware has no initialisation for this module. */
+u32 InitElsewhere()
+{
+    return ZU_ALREADY_INITIALISED;
+}
+
+/**
+ * By SCREENRECORD_ZuModule_e. Every stop deletes the worker, so source readers need none. The audio
+ * encoder has no operation.
+ */
+constexpr SCREENRECORD_ModuleOperations_s _astModuleOperations[E_SCREENRECORD_MODULE_MAX] = {
+    /* VIDEO_SRC_READER */ {.pfnInit = InitNothing, .pfnStart = _SCREENRECORD_StartVideoReader},
+    /* AUDIO_SRC_READER */ {.pfnInit = InitNothing, .pfnStart = _SCREENRECORD_StartAudioReader},
+    /* VCAP */
+    {.pfnInit = InitElsewhere,
+     .pfnDeInit = ZU_CAP_DeInit,
+     .pDeInitFailure = "Failed to Deinit Cap",
+     .pfnStart = _SCREENRECORD_StartVcap,
+     .pfnStop = _SCREENRECORD_StopVcap,
+     .pfnForget = _SCREENRECORD_ForgetCapture},
+    /* ACAP */
+    {.pfnInit = _SCREENRECORD_InitAcap,
+     .pfnDeInit = ZU_ACAP_DeInit,
+     .pDeInitFailure = "Failed to Deinit ACap",
+     .pfnStart = _SCREENRECORD_StartAcap,
+     .pfnStop = _SCREENRECORD_StopAcap},
+    /* VENC */
+    {.pfnInit = _SCREENRECORD_InitVenc,
+     .pfnDeInit = ZU_VENC_DeInit,
+     .pDeInitFailure = "Failed to Deinit Venc",
+     .pfnStart = _SCREENRECORD_StartVenc,
+     .pfnStop = _SCREENRECORD_StopVenc},
+    /* AENC */ {.pfnInit = InitElsewhere},
+    /* TSMUX */
+    {.pfnInit = _SCREENRECORD_InitTsmux,
+     .pfnDeInit = ZU_TSMUX_DeInit,
+     .pDeInitFailure = "Failed to Deinit Tsmux",
+     .pfnStart = _SCREENRECORD_StartTsmux,
+     .pfnStop = _SCREENRECORD_StopTsmux},
+};
 
 u32 BitOf(u32 u32Module)
 {

@@ -15,7 +15,7 @@ bool _SCREENRECORD_OpenTsmux(SCREENRECORD_SrcInfo_s& stSrcInfo, SCREENRECORD_Tas
  */
 u32 _SCREENRECORD_CloseTsmux(SCREENRECORD_TaskCtrl_s* pstTask);
 
-/* Operations of the module's table (modules/module.h). */
+/* Operations of the table in modules/module.cpp. */
 u32 _SCREENRECORD_InitTsmux();
 u32 _SCREENRECORD_StartTsmux(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 void _SCREENRECORD_StopTsmux(SCREENRECORD_TaskCtrl_s* pstTask);

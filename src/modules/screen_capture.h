@@ -22,7 +22,7 @@ bool _SCREENRECORD_OpenVcapNoEnc(SCREENRECORD_TaskCtrl_s* pstTask);
  */
 u32 _SCREENRECORD_CloseVcap(SCREENRECORD_TaskCtrl_s* pstTask);
 
-/* Operations of the module's table (modules/module.h). */
+/* Operations of the table in modules/module.cpp. */
 u32 _SCREENRECORD_StartVcap(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 void _SCREENRECORD_StopVcap(SCREENRECORD_TaskCtrl_s* pstTask);
 

@@ -15,7 +15,7 @@ u32 _SCREENRECORD_OpenAcap(SCREENRECORD_TaskCtrl_s* pstTask, u8 bRegisterCallbac
  */
 u32 _SCREENRECORD_CloseAcap(SCREENRECORD_TaskCtrl_s* pstTask);
 
-/* Operations of the module's table (modules/module.h). */
+/* Operations of the table in modules/module.cpp. */
 u32 _SCREENRECORD_InitAcap();
 u32 _SCREENRECORD_StartAcap(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 void _SCREENRECORD_StopAcap(SCREENRECORD_TaskCtrl_s* pstTask);

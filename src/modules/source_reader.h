@@ -19,7 +19,7 @@ u32 _SCREENRECORD_CloseSrcReader(SCREENRECORD_TaskCtrl_s* pstTask);
 void _SCREENRECORD_VreaderTaskHandler(void* pArg);
 void _SCREENRECORD_AreaderTaskHandler(void* pArg);
 
-/* Operations of the module's table (modules/module.h). */
+/* Operations of the table in modules/module.cpp. */
 u32 _SCREENRECORD_StartVideoReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 u32 _SCREENRECORD_StartAudioReader(SCREENRECORD_TaskCtrl_s* pstTask, u32 u32SlotId);
 
