@@ -1,6 +1,6 @@
 #include "audio/capture_session.h"
 
-#include "audio/source_choice.h"
+#include "audio/sound_choice.h"
 #include "statistics/counters.h"
 
 #include <algorithm>

@@ -1,16 +1,18 @@
 #pragma once
 
 #include "audio/pulse_module.h"
+#include "audio/sound_source.h"
 
-#include <vector>
+#include <memory>
 
 namespace zu3host {
 
 /**
- * The sources of the sound server that ZU3_SOUND asks for: none, one, or two to be mixed. Unset
- * means the desktop.
+ * The source that ZU3_AUDIO names: pulse, tone or silence; unset means pulse. With pulse, ZU3_SOUND
+ * selects one of the server's sources. Does not wait for a server: the sound is silence until one
+ * answers. `shared` must outlive the source.
  */
-std::vector<WantedSource> wanted_sources();
+std::unique_ptr<SoundSource> open_sound_source(SharedTimeline& shared);
 
 /**
  * Throws std::invalid_argument if ZU3_SOUND names a source that the sound server lacks. A server
