@@ -7,7 +7,6 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/sound_capture.h"
-#include "running/sound_choice.h"
 
 namespace client {
 namespace {

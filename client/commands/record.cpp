@@ -11,7 +11,7 @@
 #include "running/attended_display.h"
 #include "running/control_socket.h"
 #include "running/recording.h"
-#include "running/sound_choice.h"
+#include "running/sound_capture.h"
 #include "running/stream_control.h"
 #include "showing/status_report.h"
 #include <common/rounding.h>

@@ -18,7 +18,6 @@
 #include "running/encoded_stream.h"
 #include "running/preferred.h"
 #include "running/sound_capture.h"
-#include "running/sound_choice.h"
 #include "running/stream_control.h"
 #include "showing/status_report.h"
 

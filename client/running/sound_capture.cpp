@@ -1,8 +1,10 @@
 #include "running/sound_capture.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
+#include "command_line/options.h"
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/library_log.h"
@@ -33,6 +35,30 @@ uint64_t in_32_bits(uint64_t size)
 }
 
 } // namespace
+
+void check_sound_name(const std::string& name)
+{
+    std::vector<std::string> known = choices_of(sound_words);
+    if (std::find(known.begin(), known.end(), name) != known.end())
+        return;
+    const auto sources = list_sound_sources();
+    if (!sources)
+        return;
+    for (const SoundSource& source : *sources)
+        known.push_back(source.name);
+    if (std::find(known.begin(), known.end(), name) == known.end())
+        throw Failure("there is no sound source '" + name + "', only " + listed(known, "and"),
+                      ExitCode::usage);
+}
+
+void check_chosen_sound()
+{
+    const char* const server = secure_getenv("ZU3_AUDIO");
+    const char* const name = secure_getenv("ZU3_SOUND");
+    const bool by_server = !server || !*server || std::string(server) == "pulse";
+    if (by_server && name && *name)
+        check_sound_name(name);
+}
 
 std::array<uint8_t, wav_header_bytes> wav_header(const PcmFormat& format, uint64_t data_bytes)
 {

@@ -5,12 +5,23 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "process/signals.h"
 #include <screenrecord/screenrecord.h>
 
 namespace client {
+
+/**
+ * Throws Failure (usage) if `name`, a value of --sound or ZU3_SOUND, names a source that the sound
+ * server lacks. Asks the server, for up to 3 s, only about names, not about words such as desktop
+ * and microphone. Without a server any name passes, since the server may start later.
+ */
+void check_sound_name(const std::string& name);
+
+/** check_sound_name() of ZU3_SOUND, which --sound sets. */
+void check_chosen_sound();
 
 /** Samples as in a WAV file: little-endian, channels interleaved. */
 struct PcmFormat {
