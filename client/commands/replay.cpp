@@ -16,7 +16,6 @@
 #include "running/attended_display.h"
 #include "running/control_socket.h"
 #include "running/encoded_stream.h"
-#include "running/preferred.h"
 #include "running/sound_capture.h"
 #include "running/stream_control.h"
 #include "showing/status_report.h"

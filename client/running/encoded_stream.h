@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <sys/resource.h>
 #include <vector>
 
 #include "command_line/options.h"
@@ -113,5 +114,27 @@ inline TimePoint next_check_beside_frames(int event)
 {
     return Clock::now() + std::chrono::milliseconds(event >= 0 ? 50 : 2);
 }
+
+/**
+ * While it exists, this thread runs at the higher priority of the capture threads, if the system
+ * allows it: it has three frame periods to read a frame.
+ */
+class Preferred {
+public:
+    Preferred()
+        : preferred_(getpriority(PRIO_PROCESS, 0) == 0 && setpriority(PRIO_PROCESS, 0, -10) == 0)
+    {
+    }
+    Preferred(const Preferred&) = delete;
+    Preferred& operator=(const Preferred&) = delete;
+    ~Preferred()
+    {
+        if (preferred_)
+            setpriority(PRIO_PROCESS, 0, 0);
+    }
+
+private:
+    const bool preferred_;
+};
 
 } // namespace client
