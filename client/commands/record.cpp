@@ -8,7 +8,7 @@
 #include "machine/display.h"
 #include "process/desktop_notification.h"
 #include "process/messages.h"
-#include "running/attended_display.h"
+#include "running/attended_work.h"
 #include "running/control_socket.h"
 #include "running/recording.h"
 #include "running/sound_capture.h"

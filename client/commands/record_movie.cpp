@@ -13,7 +13,7 @@
 #include "movie/movie_recording.h"
 #include "process/messages.h"
 #include "process/terminal_keys.h"
-#include "running/attended_display.h"
+#include "running/attended_work.h"
 #include "running/control_socket.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"

@@ -13,7 +13,7 @@
 #include "movie/replay_save.h"
 #include "process/desktop_notification.h"
 #include "process/terminal_keys.h"
-#include "running/attended_display.h"
+#include "running/attended_work.h"
 #include "running/control_socket.h"
 #include "running/encoded_stream.h"
 #include "running/sound_capture.h"

@@ -7,7 +7,6 @@
 #include "files/png_file.h"
 #include "machine/display.h"
 #include "process/messages.h"
-#include "running/attended_display.h"
 #include "running/attended_work.h"
 #include "running/still_pictures.h"
 

@@ -3,7 +3,7 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
-#include "running/attended_display.h"
+#include "running/attended_work.h"
 #include "running/encoded_stream.h"
 #include "running/stream_control.h"
 #include <screenrecord/screenrecord.h>

@@ -1,6 +1,9 @@
 #include "running/attended_work.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <memory>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <thread>
@@ -9,6 +12,28 @@
 #include "process/messages.h"
 
 namespace client {
+namespace {
+
+constexpr auto worth_a_word = std::chrono::seconds(1);
+
+void wait(const AttendedWork& opening, StopSignals& signals)
+{
+    TimePoint word = Clock::now() + worth_a_word;
+    while (!opening.through()) {
+        if (signals.raised())
+            throw Failure("cannot capture the screen: stopped while waiting for it");
+        if (Clock::now() >= word) {
+            print_message(
+                "waiting for the screen; if the desktop asks which one to share, answer its dialog");
+            word = TimePoint::max();
+        }
+        pollfd waited[] = {{opening.fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
+        poll(waited, std::size(waited),
+             poll_timeout(std::min(word, Clock::now() + std::chrono::hours(1))));
+    }
+}
+
+} // namespace
 
 AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_shared<Shared>())
 {
@@ -55,6 +80,15 @@ bool AttendedWork::wait(StopSignals& signals, Clock::duration patience) const
         poll(waited, 2, poll_timeout(std::min(limit, Clock::now() + std::chrono::hours(1))));
     }
     return through();
+}
+
+DisplayInfo attended_display_to_capture(StopSignals& signals)
+{
+    const auto display = std::make_shared<DisplayInfo>();
+    AttendedWork opening([display] { *display = display_to_capture(); });
+    wait(opening, signals);
+    opening.finish();
+    return *display;
 }
 
 } // namespace client
