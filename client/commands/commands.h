@@ -1,6 +1,7 @@
 #pragma once
 
 #include "command_line/options.h"
+#include "files/output_format.h"
 #include "process/messages.h"
 #include "process/signals.h"
 #include "process/standard_output.h"
@@ -29,5 +30,11 @@ ExitCode run(const RemuxOptions& options, CommandContext& context);
 ExitCode run(const DevicesOptions& options, CommandContext& context);
 ExitCode run(const DoctorOptions& options, CommandContext& context);
 ExitCode run(const ControlOptions& options, CommandContext& context);
+
+/**
+ * Records screen and sound into a movie, from the encoded frames and PCM of the library, until the
+ * time limit or a stop.
+ */
+ExitCode record_movie(const RecordOptions& options, Container container, CommandContext& context);
 
 } // namespace client

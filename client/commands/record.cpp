@@ -2,7 +2,6 @@
 #include <filesystem>
 
 #include "commands/commands.h"
-#include "commands/record_movie.h"
 #include "files/output_format.h"
 #include "files/output_watch.h"
 #include "machine/display.h"

@@ -1,4 +1,4 @@
-#include "commands/record_movie.h"
+#include "commands/commands.h"
 
 #include <cmath>
 #include <poll.h>
