@@ -1,7 +1,7 @@
 #include "capture/x11_source.h"
 
 #include "base/host_log.h"
-#include "capture/x11_view_choice.h"
+#include "capture/x11_view.h"
 #include "statistics/counters.h"
 
 #include <algorithm>

@@ -3,6 +3,8 @@
 #include "capture/x11_connection.h"
 #include "capture/x11_image.h"
 
+#include <common/screen_part.h>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,5 +21,8 @@ public:
     /** Why there will be no place any more, as a sentence; empty while there may be one. */
     virtual std::string end() const = 0;
 };
+
+/** Null, with a log line, if the display has no such part. */
+std::unique_ptr<X11View> open_x11_view(X11Connection& connection, const common::ScreenPart& part);
 
 } // namespace zu3host
