@@ -10,7 +10,7 @@ namespace zu3host {
 
 namespace {
 
-/** The whole screen, or a region or a monitor of it; follows when the screen changes. */
+/** The whole screen, or a region or a monitor of it; follows changes of the screen. */
 class X11ScreenView final : public X11View {
 public:
     /** @param part not a window */
@@ -56,12 +56,12 @@ std::optional<X11Place> X11ScreenView::locate()
 }
 
 /**
- * A window without its border, wherever it is and whatever covers it: the server keeps its pixels
- * apart from the screen's (COMPOSITE). While it is not shown it stays as it was.
+ * A window without its border, even if it moves or is covered: the server keeps its pixels in a
+ * separate pixmap (COMPOSITE). While it is not mapped, its picture stands still.
  */
 class X11WindowView final : public X11View {
 public:
-    /** Whether the server can keep windows apart. */
+    /** Whether the server has COMPOSITE. */
     static bool is_possible(X11Connection& connection);
 
     X11WindowView(X11Connection& connection, xcb_window_t window);
