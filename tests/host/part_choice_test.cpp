@@ -1,5 +1,5 @@
 // The part of the screen that the environment names: accepted and refused values.
-#include "capture/part_choice.h"
+#include "capture/screen.h"
 #include "helpers.h"
 
 #include <cstdlib>

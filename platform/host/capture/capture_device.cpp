@@ -3,7 +3,6 @@
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
-#include "capture/part_choice.h"
 #include "capture/screen.h"
 #include "capture/still_picture.h"
 #include "picture/picture_in_flight.h"

@@ -1,11 +1,11 @@
 #include "capture/screen.h"
 
 #include "base/border.h"
-#include "capture/part_choice.h"
 #include "capture/source_choice.h"
 
 #include <cmath>
 #include <mutex>
+#include <string>
 
 namespace zu3host {
 
@@ -91,6 +91,15 @@ uint32_t tell_findings(zu3_host_finding_receiver_t receiver, void* user)
 }
 
 } // namespace
+
+std::optional<common::ScreenPart> chosen_screen_part()
+{
+    std::string problem;
+    auto part = common::screen_part_of_environment(problem);
+    if (!part)
+        HOST_LOGE("No screen is captured: %s.", problem.c_str());
+    return part;
+}
 
 std::unique_ptr<PictureSource> open_picture_source(const common::ScreenPart& part)
 {

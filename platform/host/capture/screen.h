@@ -4,8 +4,12 @@
 
 #include <common/screen_part.h>
 #include <memory>
+#include <optional>
 
 namespace zu3host {
+
+/** The part of the screen that the environment names; nullopt, with a log line, if invalid. */
+std::optional<common::ScreenPart> chosen_screen_part();
 
 /**
  * The screen that zu3_host_screen() opened, otherwise the source that ZU3_DISPLAY names, by default
