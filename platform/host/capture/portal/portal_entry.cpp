@@ -2,11 +2,15 @@
 #include "capture/screen_module.h"
 
 #include "base/border.h"
-#include "capture/portal/portal_source.h"
+#include "capture/portal/pipewire_stream.h"
+#include "capture/portal/portal_session.h"
+#include "capture/portal/screen_canvas.h"
 
 #include <android/log.h>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -15,6 +19,67 @@ namespace zu3host {
 namespace {
 
 constexpr auto first_picture_patience = std::chrono::seconds(5);
+
+/**
+ * The screen or window that the user shares through the desktop portal. When the sharing ends, one
+ * log line and the statistics say so, and grabs return no more pictures.
+ */
+class PortalSource final : public WaitingSource {
+public:
+    PortalSource(const ScreenHost& host, std::unique_ptr<PortalSession> session,
+                 std::unique_ptr<PipewireStream> stream)
+        : host_(host), session_(std::move(session)), stream_(std::move(stream)),
+          canvas_(host.next_image_serial)
+    {
+    }
+
+    /** Does not wait, since the compositor sends a picture only after a change. */
+    std::optional<BgraImage> grab(const GrabRequest& request) override;
+    void cut() override {}
+
+private:
+    std::optional<std::string> loss();
+    void note_loss(const std::string& reason);
+
+    const ScreenHost host_;
+    const std::unique_ptr<PortalSession> session_;
+    const std::unique_ptr<PipewireStream> stream_;
+    ScreenCanvas canvas_;
+    bool lost_ = false;
+};
+
+std::optional<BgraImage> PortalSource::grab(const GrabRequest& request)
+{
+    if (lost_)
+        return std::nullopt;
+    if (const auto reason = loss()) {
+        note_loss(*reason);
+        return std::nullopt;
+    }
+    // Without metadata the compositor has drawn the pointer into the picture, or left it out.
+    stream_->show(canvas_, request.pointer && session_->pointer_apart());
+    return canvas_.has_picture() ? std::optional(canvas_.image()) : std::nullopt;
+}
+
+std::optional<std::string> PortalSource::loss()
+{
+    // The stream of a closed session ends too, often before the bus reports the reason.
+    constexpr MessageBus::Milliseconds reason_limit(300);
+    const auto ended = stream_->ended();
+    if (session_->closed(ended ? reason_limit : MessageBus::Milliseconds(0)))
+        return "the user or the desktop ended the sharing";
+    return ended;
+}
+
+void PortalSource::note_loss(const std::string& reason)
+{
+    lost_ = true;
+    const std::string sentence =
+        "The shared screen went away (" + reason +
+        "): there are no more pictures. Start the recording again to share it again.";
+    host_.log(ANDROID_LOG_ERROR, sentence.c_str());
+    host_.note_lost_display();
+}
 
 bool set(const char* variable)
 {
