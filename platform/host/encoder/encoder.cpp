@@ -3,7 +3,6 @@
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
-#include "encoder/quality.h"
 #include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 

@@ -46,4 +46,10 @@ struct EncoderSettings {
 /** Checks the record; nullopt, with a log line, if the encoder cannot do it. */
 std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params);
 
+/**
+ * Moves the request of zu3_host_quality() or zu3_host_bit_rate() into the settings of an encoder
+ * that opens, if those have no bit rate. The request is then used up in any case.
+ */
+void take_quality(EncoderSettings& settings);
+
 } // namespace zu3host
