@@ -97,6 +97,17 @@ bool OpenAudioSource(SCREENRECORD_SlotCtrl_s* pstSlot)
                   "[DEMO TRANSCODE] Open Acap Failed!");
 }
 
+/** Sets the name of an idle slot's source. NULL, logged, if that fails. */
+SCREENRECORD_SlotCtrl_s* NameSource(const u32* pu32Handle, u8* pu8SrcName,
+                                    char* SCREENRECORD_SrcInfo_s::*pName)
+{
+    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
+        return nullptr;
+    SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
+    const bool bNamed = _SCREENRECORD_ReplaceSourceName(pu8SrcName, &(pstSlot->stSrcInfo.*pName));
+    return bNamed ? pstSlot : nullptr;
+}
+
 } // namespace
 
 u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32* pu32Width,
@@ -104,12 +115,11 @@ u32 SCREENRECORD_SetVideo(u32* pu32Handle, u8* pu8SrcName, u8* pu8VencType, u32*
 {
     const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
+    SCREENRECORD_SlotCtrl_s* pstSlot =
+        NameSource(pu32Handle, pu8SrcName, &SCREENRECORD_SrcInfo_s::pu8VideoSrcName);
+    if (pstSlot == nullptr)
         return 0;
-    SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    if (!_SCREENRECORD_ReplaceSourceName(pu8SrcName, &stSrcInfo.pu8VideoSrcName))
-        return 0;
     if (!SelectVideoSource(stSrcInfo, pu8VencType)) {
         SR_LOGE("Error: invalid Venc Type\n");
         SCREENRECORD_Close(pu32Handle);
@@ -132,12 +142,11 @@ u32 SCREENRECORD_SetAudio(u32* pu32Handle, u8* pu8SrcName, u8* pu8AencType, u32*
 {
     const LogAs as(__func__);
     const ControlLock lock(_controlMutex);
-    if (!_SCREENRECORD_CheckIdleSlot(pu32Handle))
+    SCREENRECORD_SlotCtrl_s* pstSlot =
+        NameSource(pu32Handle, pu8SrcName, &SCREENRECORD_SrcInfo_s::pu8AudioSrcName);
+    if (pstSlot == nullptr)
         return 0;
-    SCREENRECORD_SlotCtrl_s* pstSlot = &_astSlotCtrl[*pu32Handle];
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    if (!_SCREENRECORD_ReplaceSourceName(pu8SrcName, &stSrcInfo.pu8AudioSrcName))
-        return 0;
     if (!SelectAudioSource(stSrcInfo, pu8AencType)) {
         SCREENRECORD_Close(pu32Handle);
         return 0;
