@@ -22,14 +22,8 @@ constexpr std::chrono::milliseconds disk_patience_of_a_stop(2000);
     throw Failure(error_text(error));
 }
 
-/** Duplicates a descriptor: the thread may outlive the caller's. */
-std::shared_ptr<common::Descriptor> duplicate(int fd)
-{
-    auto made = std::make_shared<common::Descriptor>(fcntl(fd, F_DUPFD_CLOEXEC, 3));
-    if (!*made)
-        fail(errno);
-    return made;
-}
+/** The name of the process. */
+constexpr const char* finisher_name = "movie finisher";
 
 using common::TrustedPath;
 
@@ -72,13 +66,16 @@ public:
     }
 
     int fd() const { return fd_.get(); }
-    void put_in_place()
+    /** @param go_on called last before the name changes */
+    void put_in_place(const std::function<bool(double)>& go_on)
     {
         if (fchmod(fd_.get(), original_.st_mode & 07777) != 0 || fsync(fd_.get()) != 0)
             fail(errno);
         if (name_.empty())
             give_name();
         check_place();
+        if (!go_on(1))
+            throw Failure("it was interrupted");
         if (renameat(place_.folder(), name_.c_str(), place_.folder(), place_.name().c_str()) != 0)
             fail(errno);
         name_.clear();
@@ -115,7 +112,7 @@ void check_room(int fd, off_t size)
         throw Failure("its disk has no room for both files");
 }
 
-void rewrite(int original, const std::string& path, std::function<bool(double)> go_on)
+void rewrite(int original, const std::string& path, const std::function<bool(double)>& go_on)
 {
     struct stat file = {};
     if (fstat(original, &file) != 0)
@@ -126,45 +123,36 @@ void rewrite(int original, const std::string& path, std::function<bool(double)> 
     if (!from)
         fail(errno);
     Beside beside(path, file);
-    movie_module().copy({.from = from.get(),
-                         .to = beside.fd(),
-                         .container = Container::mp4,
-                         .go_on = std::move(go_on)});
-    beside.put_in_place();
+    movie_module().copy(
+        {.from = from.get(), .to = beside.fd(), .container = Container::mp4, .go_on = go_on});
+    beside.put_in_place(go_on);
 }
 
 } // namespace
 
-std::function<bool(double)> MovieCopy::go_on(std::shared_ptr<Shared> shared)
-{
-    return [shared = std::move(shared)](double part) {
-        shared->part = part;
-        return !shared->cancelled;
-    };
-}
-
+// The module is loaded before the process begins, which then loads nothing.
 MovieCopy MovieCopy::into_container(int from, int to, Container container)
 {
     const MovieModule& module = movie_module();
     MovieCopy copy;
-    copy.work_ = std::make_unique<AttendedWork>([&module, container, source = duplicate(from),
-                                                 target = duplicate(to), shared = copy.shared_] {
-        module.copy({.from = source->get(),
-                     .to = target->get(),
-                     .container = container,
-                     .go_on = go_on(shared)});
-        if (fsync(target->get()) != 0)
-            fail(errno);
-    });
+    const int files[] = {from, to};
+    copy.work_ = std::make_unique<AttendedProcess>(
+        finisher_name, files, [&module, container, from, to](const AttendedProcess::GoOn& go_on) {
+            module.copy({.from = from, .to = to, .container = container, .go_on = go_on});
+            if (fsync(to) != 0)
+                fail(errno);
+        });
     return copy;
 }
 
 MovieCopy MovieCopy::with_index_in_front(const OutputFile& file, const std::string& path)
 {
+    movie_module();
     MovieCopy copy;
-    copy.work_ = std::make_unique<AttendedWork>(
-        [original = duplicate(file.fd()), path, shared = copy.shared_] {
-            rewrite(original->get(), path, go_on(shared));
+    const int files[] = {file.fd()};
+    copy.work_ = std::make_unique<AttendedProcess>(
+        finisher_name, files, [original = file.fd(), &path](const AttendedProcess::GoOn& go_on) {
+            rewrite(original, path, go_on);
         });
     return copy;
 }
@@ -177,10 +165,10 @@ void MovieCopy::attend(StopSignals& signals, unsigned stops,
         pollfd waited[] = {{work_->fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
         poll(waited, std::size(waited), 100);
         if (limit == TimePoint::max() && signals.stops() != stops) {
-            shared_->cancelled = true;
+            work_->cancel();
             limit = Clock::now() + disk_patience_of_a_stop;
         }
-        show(shared_->part);
+        show(work_->part());
     }
 }
 

@@ -1,17 +1,17 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "files/output_file.h"
 #include "files/output_format.h"
-#include "running/attended_work.h"
+#include "process/signals.h"
+#include "running/attended_process.h"
 
 namespace client::movie {
 
-/** A copy of a movie on a separate thread, so a stalled disk does not block the program. */
+/** A copy of a movie by a separate process, so a stalled disk does not keep the program. */
 class MovieCopy {
 public:
     /**
@@ -38,16 +38,9 @@ public:
     void finish();
 
 private:
-    struct Shared {
-        std::atomic<double> part{0};
-        std::atomic<bool> cancelled{false};
-    };
     MovieCopy() = default;
-    /** A callback for CopyJob::go_on. */
-    static std::function<bool(double)> go_on(std::shared_ptr<Shared> shared);
 
-    std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
-    std::unique_ptr<AttendedWork> work_;
+    std::unique_ptr<AttendedProcess> work_;
 };
 
 } // namespace client::movie

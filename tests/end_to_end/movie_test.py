@@ -318,42 +318,58 @@ class SlowOutputs(EndToEndTest):
 class Finishing(UnmeasuredEndToEndTest):
     """The index of an MP4 file moves to the front."""
 
-    def rewrites(self, client):
-        """Whether the file that is to replace the recording is open; it has no name yet."""
-        for each in pathlib.Path(f"/proc/{client.process.pid}/fd").glob("*"):
-            with contextlib.suppress(OSError):
-                if os.readlink(each).startswith(f"{self.folder}/#"):
-                    return True
-        return False
+    release = staticmethod(held_up_test.Disk.release)
 
-    def record_and_stop_it_there(self, path):
-        """A recording that SIGSTOP stopped while its file was rewritten."""
+    def finisher(self, recording):
+        """The process that rewrites the file; None before and after."""
+        with contextlib.suppress(AssertionError):
+            return held_up_test.Disk.writer(self, recording, "movie finisher")
+        return None
+
+    def record_and_hold_it_there(self, path):
+        """A recording whose file is being rewritten by a process that gives no answer, and that process."""
         for _ in range(5):
             recording = self.client("record", "-y", "--json", "-r", "60", "-t", "3", "--quality", "0", "-o", path,
                                     environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"})
-            wait_until(lambda each=recording: self.rewrites(each) or each.process.poll() is not None, "the second file")
-            recording.process.send_signal(signal.SIGSTOP)
-            if self.rewrites(recording):
-                return recording
+            wait_until(lambda each=recording: self.finisher(each) or each.process.poll() is not None, "the finisher")
+            process = self.finisher(recording)
+            if process:
+                os.kill(process, signal.SIGSTOP)
+                self.addCleanup(self.release, process)
+            if self.finisher(recording):
+                return recording, process
             recording.kill()
         raise AssertionError("every file was rewritten too fast")
 
-    def test_interrupted(self):
-        # Catches an interrupt that is not heard or loses the file, and progress that is not shown.
-        path = self.path("a.mp4")
-        recording = self.record_and_stop_it_there(path)
-        pass_time(1.5)
-        recording.process.send_signal(signal.SIGINT)
-        recording.process.send_signal(signal.SIGCONT)
-        self.assertIn(recording.wait(), (0, 3), recording.errors())
-        told = [json.loads(line) for line in recording.errors().splitlines() if line.startswith("{")]
-        parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
-        self.assertTrue(parts and 0 <= parts[0] < 1, told)
-        self.assertRegex(recording.errors(), r"screenrecord: \S*a.mp4 stays in fragments[^\n]*: it was interrupted\n")
+    def assert_stays_in_fragments(self, recording, path, reason):
+        self.assertRegex(recording.errors(), rf"screenrecord: \S*a.mp4 stays in fragments[^\n]*: {reason}\n")
         self.assertEqual(recording.output(), f"{path}\n")
         self.assertIn("moof", boxes(path))
         self.assertEqual(judges.decoder_messages(path), "")
         self.assertEqual(list(self.path(".").glob(".screenrecord*")), [])
+
+    def test_interrupted(self):
+        # Catches an interrupt that is not heard or loses the file, and progress that is not shown.
+        path = self.path("a.mp4")
+        recording, process = self.record_and_hold_it_there(path)
+        pass_time(1.5)
+        recording.process.send_signal(signal.SIGINT)
+        self.release(process)
+        self.assertIn(recording.wait(), (0, 3), recording.errors())
+        told = [json.loads(line) for line in recording.errors().splitlines() if line.startswith("{")]
+        parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
+        self.assertTrue(parts and 0 <= parts[0] < 1, told)
+        self.assert_stays_in_fragments(recording, path, "it was interrupted")
+
+    def test_disk_stands_still(self):
+        # Catches an end that waits for the disk, and a file that changes after the client has told of it.
+        path = self.path("a.mp4")
+        recording, process = self.record_and_hold_it_there(path)
+        recording.process.terminate()
+        self.assertIn(recording.wait(held_up_test.STOP), (0, 3), recording.errors())
+        self.release(process)
+        wait_until(lambda: not list(pathlib.Path(f"/proc/{process}/fd").glob("*")), "the end of the process")
+        self.assert_stays_in_fragments(recording, path, "its disk does not respond")
 
 
 class Ways(UnmeasuredEndToEndTest, MovieChecks):
