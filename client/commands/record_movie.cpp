@@ -1,5 +1,6 @@
 #include "commands/commands.h"
 
+#include <algorithm>
 #include <cmath>
 #include <poll.h>
 #include <sys/stat.h>
@@ -124,6 +125,7 @@ private:
         if (!stream_->take(frame))
             return false;
         lost_.frame_taken(frame.pts_us);
+        ++taken_;
         movie_.put_frame(frame);
         ask_for_key();
         ended_ = ended_ || movie_.at_end();
@@ -164,7 +166,7 @@ private:
         now.has_reader = !is_ordinary_file();
         now.disk_waiting_seconds = std::chrono::duration<double>(sink_.standstill()).count();
         if (now.dropped)
-            *now.dropped += movie_.left_out();
+            *now.dropped += movie_.left_out() + unread_;
         return now;
     }
 
@@ -298,6 +300,7 @@ private:
         stream_->stop();
         try {
             take_the_rest();
+            count_unread();
             if (!broken_ && !disk_failed_ && !reader_gone_)
                 movie_.finish();
         } catch (const Failure& failure) {
@@ -320,12 +323,22 @@ private:
     void take_the_rest()
     {
         const TimePoint limit = Clock::now() + milliseconds(100);
-        while (!movie_.at_end() && !broken_ && take())
+        while (!broken_ && take())
             ;
         while (sound_ && !movie_.has_sound_for_all() && Clock::now() < limit && !broken_) {
             take();
             poll(nullptr, 0, 5);
         }
+    }
+
+    /** Call it once no more frames are encoded and none waits. */
+    void count_unread()
+    {
+        const auto counted = statistics_.read();
+        // The time stamp of a key frame may be a frame late, so one proves no loss.
+        const uint64_t between = lost_.count() > 1 ? lost_.count() : 0;
+        const uint64_t given = counted ? counted->pictures_encoded : taken_ + between;
+        unread_ = given - std::min(given, taken_);
     }
 
     /** A full disk can end the file in the middle of a piece. */
@@ -365,18 +378,16 @@ private:
     /** The missing pictures or sound as a sentence; nullopt if the movie is complete. */
     std::optional<std::string> lacking() const
     {
+        // While the output is too slow, the library drops frames as well, up to the key frame.
         if (movie_.left_out() > 0)
             return format_text("%llu pictures are missing from %s: its %s too slow",
-                               static_cast<unsigned long long>(movie_.left_out()), path_.c_str(),
-                               is_ordinary_file() ? "disk was" : "reader was");
-        const auto counted = statistics_.read();
-        const uint64_t by_capture = counted ? pictures_left_out(*counted) : 0;
-        // The time stamp of a key frame may be a frame late, so one proves no loss.
-        if (lost_.count() >= by_capture + 2)
+                               static_cast<unsigned long long>(movie_.left_out() + unread_),
+                               path_.c_str(), is_ordinary_file() ? "disk was" : "reader was");
+        if (unread_ > 0)
             return format_text("%llu pictures are missing from %s: this machine was too busy to "
                                "read them in time",
-                               static_cast<unsigned long long>(lost_.count() - by_capture),
-                               path_.c_str());
+                               static_cast<unsigned long long>(unread_), path_.c_str());
+        const auto counted = statistics_.read();
         if (options_.audio && counted && counted->sound_lost)
             return "the sound server went away for a while: " + path_ + " is silent there";
         return std::nullopt;
@@ -420,7 +431,11 @@ private:
     const int event_ = frame_event();
     StatisticsDelta statistics_;
     RecordProgress progress_;
+    /** for platforms that count no frames */
     LostFrames lost_{options_.fps};
+    uint64_t taken_ = 0;
+    /** encoded frames that the library dropped before they were read */
+    uint64_t unread_ = 0;
     TimePoint stop_limit_ = TimePoint::max();
     TimePoint next_check_;
     bool paused_ = false;
