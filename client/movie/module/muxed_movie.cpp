@@ -53,7 +53,7 @@ OutputContext make_context(const MovieFormat& format, AVIOContext* io)
     OutputContext made(context);
     context->pb = io;
     context->flags |= AVFMT_FLAG_CUSTOM_IO;
-    context->flush_packets = 1;
+    context->flush_packets = 0;
     context->max_interleave_delta = patience_with_sound;
     return made;
 }
@@ -161,6 +161,7 @@ void MuxedMovie::begin(std::span<const uint8_t> first_frame)
     output_.rethrow();
     checked(result);
     begun_ = true;
+    header_end_ = avio_tell(output_.io());
     set_piece(*context_, format_.container, first_piece_ms);
 }
 
@@ -169,8 +170,18 @@ void MuxedMovie::write(AVPacket& packet, const AVStream& stream, AVRational time
     packet.stream_index = stream.index;
     av_packet_rescale_ts(&packet, time_base, stream.time_base);
     const int result = av_interleaved_write_frame(context_.get(), &packet);
+    pass_on_pieces();
     output_.rethrow();
     checked(result);
+}
+
+// The header waits for the first piece: alone it does not play.
+void MuxedMovie::pass_on_pieces()
+{
+    if (context_->flush_packets != 0 || avio_tell(output_.io()) == header_end_)
+        return;
+    context_->flush_packets = 1;
+    avio_flush(output_.io());
 }
 
 void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool key)

@@ -21,6 +21,7 @@ private:
     void add_sound();
     void begin(std::span<const uint8_t> first_frame);
     void write(AVPacket& packet, const AVStream& stream, AVRational time_base);
+    void pass_on_pieces();
     void write_sound(AVPacket& packet);
 
     const MovieFormat format_;
@@ -31,6 +32,7 @@ private:
     AVStream* sound_ = nullptr;
     Packet packet_;
     bool begun_ = false;
+    int64_t header_end_ = 0;
     bool first_pieces_over_ = false;
 };
 
