@@ -185,7 +185,7 @@ void define_stream(CLI::App& command, StreamOptions& options)
     define_watermark(command, options.watermark);
     define_choice(
         command, "--control", "-",
-        "read commands from standard input, one per line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop; answers go to standard error; a terminal is always read",
+        "read commands from standard input, one per line: bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, status, stop; answers go to standard error; a terminal is always read",
         [&options](const std::string&) { options.control = true; });
     define_display(command, options);
     define_ask(command, options);

@@ -4,8 +4,10 @@
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/attended_work.h"
+#include "running/control_socket.h"
 #include "running/encoded_stream.h"
 #include "running/stream_control.h"
+#include "showing/status_report.h"
 #include <screenrecord/screenrecord.h>
 
 namespace client {
@@ -126,10 +128,13 @@ private:
             {context_.signals.fd()},
             {control_.fd(),
              [this] { control_.read_lines([this](const std::string& line) { obey(line); }); }},
+            {socket_.fd(), [this] { serve_peers(); }},
             {pending ? sink_.fd() : -1, [this] { check(sink_.look()); }},
             {pending ? -1 : event_, reset(event_)},
-            {watermark_ ? watermark_->reading().fd() : -1,
-             [this] { answer([this] { std::exchange(watermark_, std::nullopt)->apply(); }); }}};
+            {watermark_ ? watermark_->reading().fd() : -1, [this] {
+                 print_error_line(
+                     outcome_of([this] { std::exchange(watermark_, std::nullopt)->apply(); }));
+             }}};
         wait_for(awaited, std::min(look, deadline_));
         reader_was_slow_ = reader_was_slow_ || (pending && sink_.pending());
         check_end();
@@ -152,6 +157,7 @@ private:
             check(display_problem(*counted, "cannot stream"));
     }
 
+    /** Carries out a line of standard input. */
     void obey(const std::string& line)
     {
         const control::Command command = control::parse(line);
@@ -160,17 +166,48 @@ private:
             // answered after its picture is read
             watermark_.emplace(*watermark);
         else
-            answer([&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
+            print_error_line(answer_to(command));
     }
 
-    template <typename Action> static void answer(Action action)
+    /** Answers `screenrecord control`. */
+    void serve_peers()
+    {
+        socket_.serve([this](const std::string& line, ControlSocket::Ticket) {
+            const control::Command command = control::parse(line);
+            const bool accepted = std::holds_alternative<control::Status>(command) ||
+                                  std::holds_alternative<control::Pause>(command) ||
+                                  std::holds_alternative<control::Resume>(command) ||
+                                  std::holds_alternative<control::Stop>(command);
+            return std::optional(accepted
+                                     ? answer_to(command)
+                                     : "error: a stream accepts pause, resume, status and stop");
+        });
+    }
+
+    std::string answer_to(const control::Command& command)
+    {
+        if (std::holds_alternative<control::Status>(command))
+            return progress_as_json(progress(), paused_ ? "paused" : "recording");
+        return outcome_of(
+            [&] { std::visit([this](const auto& each) { carry_out(each); }, command); });
+    }
+
+    template <typename Action> static std::string outcome_of(Action action)
     {
         try {
             action();
-            print_error_line("ok");
+            return "ok";
         } catch (const Failure& failure) {
-            print_error_line(std::string("error: ") + failure.what());
+            return std::string("error: ") + failure.what();
         }
+    }
+
+    Progress progress()
+    {
+        Progress now = progress_.measure(sink_.delivered());
+        now.has_reader = !sink_.file() || !sink_.file()->regular();
+        now.disk_waiting_seconds = std::chrono::duration<double>(sink_.standstill()).count();
+        return now;
     }
 
     void carry_out(const control::Unknown& unknown) { throw Failure(unknown.reason); }
@@ -179,7 +216,7 @@ private:
         throw Failure("the picture of the previous watermark is still being read");
     }
     void carry_out(const control::Save&) { throw Failure("a stream keeps nothing to save"); }
-    void carry_out(const control::Status&) { throw Failure("a stream has no status"); }
+    static void carry_out(const control::Status&) {} // has an answer instead
     void carry_out(const control::Stop&) { ended_ = true; }
     void carry_out(const control::BitRate& rate)
     {
@@ -195,11 +232,13 @@ private:
     void carry_out(const control::Pause&)
     {
         lost_.break_stretch();
+        paused_ = true;
         video_capenc_pause();
     }
     void carry_out(const control::Resume&)
     {
         lost_.break_stretch();
+        paused_ = false;
         video_capenc_resume();
     }
 
@@ -258,10 +297,12 @@ private:
     ByteSink sink_;
     EncodedStream stream_;
     ControlInput control_;
+    ControlSocket socket_{options_.verbose};
     /** requested, its picture not read yet */
     std::optional<WatermarkChange> watermark_;
     const int event_ = frame_event();
     StatisticsDelta statistics_;
+    RecordProgress progress_;
     LostFrames lost_;
     TimePoint deadline_ = TimePoint::max();
     TimePoint next_check_;
@@ -273,6 +314,7 @@ private:
     StatisticsDelta since_first_frame_;
     bool reader_was_slow_ = false;
     bool reader_gone_ = false;
+    bool paused_ = false;
     bool ended_ = false;
     std::optional<std::string> problem_;
 };

@@ -80,7 +80,7 @@ control::Command control::parse(const std::string& line)
     if (words.size() == 1 && verb == "status")
         return Status{};
     return Unknown{
-        "no such command; the commands are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, stop"};
+        "no such command; the commands are bitrate RATE, keyframe, pause, resume, watermark FILE [X,Y [OPACITY]], watermark none, status, stop"};
 }
 
 bool on_foreground_terminal()

@@ -16,9 +16,9 @@ class Control(ShortEndToEndTest):
         cls.environment |= {"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"}
         cls.sockets = cls.path("home/screenrecord")
 
-    def record(self, name, *options):
+    def record(self, name, *options, command="record"):
         """A recording that can be controlled."""
-        recording = self.client("record", "-s", "320x240", "-o", name, *options)
+        recording = self.client(command, "-s", "320x240", "-o", name, *options)
         self.addCleanup(recording.kill)
         path = self.sockets / f"{recording.process.pid}.control"
         wait_until(lambda: path.exists() and size_of(self.path(name)) > 0, "the socket and the first bytes")
@@ -46,6 +46,27 @@ class Control(ShortEndToEndTest):
         self.assert_exit(recording, 0)
         recorded = time.monotonic() - begun - 2
         self.assertLess(float(judges.streams(self.path("one.mp4"))["video"]["duration"]), recorded)
+        self.assertEqual(os.listdir(self.sockets), [])
+
+    def test_stream(self):
+        stream = self.record("one.h264", command="stream")
+        self.assertEqual(json.loads(self.control("status"))["state"], "recording")
+        self.control("pause")
+        paused = json.loads(self.control("status"))
+        self.assertEqual(paused["state"], "paused")
+        pass_time(1)
+        # those on their way when the pause began
+        self.assertLess(json.loads(self.control("status"))["frames"] - paused["frames"], 10)
+        self.control("resume")
+        wait_until(lambda: json.loads(self.control("status"))["frames"] > paused["frames"] + 10, "frames again")
+        self.assertIn("a stream accepts pause, resume, status and stop", self.control("save", code=1))
+        recording = self.record("beside.mp4")
+        said = self.control("status", code=2)
+        self.assertIn(str(stream.process.pid), said)
+        self.assertIn(str(recording.process.pid), said)
+        for running in stream, recording:
+            self.control("stop", "--pid", running.process.pid)
+            self.assert_exit(running, 0)
         self.assertEqual(os.listdir(self.sockets), [])
 
     def test_several_and_stale(self):
