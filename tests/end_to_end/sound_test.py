@@ -128,6 +128,10 @@ class FlashAndBeepForTenMinutes(LongEndToEndTest, FlashAndBeep):
     SECONDS, MARKS, DRIFT = 600, 30, 10
 
 
+class FlashAndBeepOfPipeWireForTenMinutes(FlashAndBeepForTenMinutes, LongEndToEndTest):
+    SERVER = "start_pipewire"
+
+
 class SoundServerChanges(ShortEndToEndTest):
     """The recorded sound follows the server through all its changes."""
 
