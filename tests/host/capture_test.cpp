@@ -85,6 +85,10 @@ private:
 
 /** A source that gives a picture when the test says so. */
 struct HeldSource : WaitingSource {
+    std::optional<BgraImage> glance(const GrabRequest&) override
+    {
+        return at_a_glance ? std::optional(BgraImage{nullptr, 0, {}, 1000}) : std::nullopt;
+    }
     std::optional<BgraImage> grab(const GrabRequest&) override
     {
         std::unique_lock lock(mutex);
@@ -110,11 +114,13 @@ struct HeldSource : WaitingSource {
     std::mutex mutex;
     std::condition_variable changed;
     std::atomic<uint64_t> grabs{0};
+    std::atomic<bool> at_a_glance{false};
     int pictures = 0;
     bool ended = false;
 };
 
-// Catches a slow display taken for lost or asked twice, a stale picture, a stop that waits for it.
+// Catches a slow display taken for lost or asked twice, a stale picture, a stop that waits for it, a
+// still screen for which a thread wakes up, and a glance at a source that is in use.
 TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
 {
     HeldSource* held = nullptr;
@@ -132,8 +138,13 @@ TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
     held->give(1);
     EXPECT_EQ(grab(true, 60s), 1u);
     EXPECT_EQ(counters().display_silent_ms, 0u);
+    held->at_a_glance = true;
+    EXPECT_EQ(grab(true, 0ms), 1000u);
+    held->at_a_glance = false;
     EXPECT_EQ(grab(true, 100ms), 0u);
+    held->at_a_glance = true;
     EXPECT_EQ(grab(true, 1000ms), 0u);
+    held->at_a_glance = false;
     EXPECT_EQ(counters().display_silent_ms, 1100u);
     const auto grab_and_give = [&](bool pointer, int pictures) {
         auto picture = std::async(std::launch::async, grab, pointer, 60s);

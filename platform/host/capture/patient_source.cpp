@@ -25,7 +25,7 @@ constexpr uint32_t worth_a_word_ms = 1000;
 struct PatientSource::Shared {
     std::mutex mutex;
     std::condition_variable changed;
-    // used by the thread alone, but for cut()
+    // used by the thread while it is busy, but for cut()
     std::unique_ptr<WaitingSource> source;
     // the last one handed to the thread
     GrabRequest request{};
@@ -36,6 +36,7 @@ struct PatientSource::Shared {
     bool leaving = false;
 
     static void serve(const std::shared_ptr<Shared>& shared, const Open& open);
+    std::optional<BgraImage> glance(const GrabRequest& next);
     void hand_over(const GrabRequest& next);
     bool wait_a_slice(std::unique_lock<std::mutex>& lock)
     {
@@ -62,6 +63,12 @@ void PatientSource::Shared::serve(const std::shared_ptr<Shared>& shared, const O
         shared->image = image;
     }
     shared->source.reset();
+}
+
+std::optional<BgraImage> PatientSource::Shared::glance(const GrabRequest& next)
+{
+    return at_border("Reading the display", std::optional<BgraImage>(),
+                     [&] { return source->glance(next); });
 }
 
 void PatientSource::Shared::hand_over(const GrabRequest& next)
@@ -112,8 +119,11 @@ PatientSource::~PatientSource()
 std::optional<BgraImage> PatientSource::grab(const GrabRequest& request)
 {
     std::unique_lock lock(shared_->mutex);
-    if (!shared_->busy)
+    if (!shared_->busy) {
+        if (auto image = silent_ms_ == 0 ? shared_->glance(request) : std::nullopt)
+            return image;
         shared_->hand_over(request);
+    }
     for (auto left = request.patience / slice; left > 0 && !request.stop.stop_requested();) {
         if (!shared_->wait_a_slice(lock)) {
             --left;

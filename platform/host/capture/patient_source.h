@@ -13,14 +13,20 @@ namespace zu3host {
 /** A source whose grab may wait without limit for a server. */
 class WaitingSource : public PictureSource {
 public:
+    /**
+     * The picture of the last grab, if it is known without a wait to be unchanged; nullopt: grab.
+     * From any thread, one at a time.
+     */
+    virtual std::optional<BgraImage> glance(const GrabRequest&) { return std::nullopt; }
     /** Ends a waiting grab; it and all later ones return no picture. From any thread. */
     virtual void cut() = 0;
 };
 
 /**
- * Grabs, on a separate thread, from a source whose grab may block without limit. A grab here times
- * out while the source's continues; a later grab here returns that picture. The statistics count
- * the time without an answer. One thread at a time.
+ * Grabs, on a separate thread, from a source whose grab may block without limit. If a glance is
+ * enough, the caller's thread makes it, so no other wakes up. A grab here times out while the
+ * source's continues; a later grab here returns that picture. The statistics count the time without
+ * an answer. One thread at a time.
  */
 class PatientSource : public PictureSource {
 public:

@@ -2,8 +2,11 @@
 
 #include "base/host_log.h"
 
+#include <array>
+#include <cerrno>
 #include <common/x11_screen.h>
 #include <cstdlib>
+#include <cstring>
 #include <sys/auxv.h>
 #include <sys/socket.h>
 #include <xcb/xcbext.h>
@@ -81,6 +84,28 @@ void X11Connection::take_events()
     while (const XcbOwned<xcb_generic_event_t> event{xcb_poll_for_event(xcb_)})
         if (listener_)
             listener_(*event);
+}
+
+bool X11Connection::has_short_replies(size_t count) const
+{
+    // the bytes of the shortest reply, in which byte 0 says what it is, and bytes 4 to 7 how much
+    // follows
+    constexpr size_t reply_bytes = 32;
+    constexpr uint8_t reply_kind = 1;
+    std::array<uint8_t, 4 * reply_bytes> bytes{};
+    const ssize_t size =
+        recv(xcb_get_file_descriptor(xcb_), bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+    if (count == 0)
+        return size < 0 && errno == EAGAIN;
+    if (size != static_cast<ssize_t>(count * reply_bytes))
+        return false;
+    for (size_t at = 0; at < count * reply_bytes; at += reply_bytes) {
+        uint32_t more = 0;
+        std::memcpy(&more, &bytes[at + 4], sizeof more);
+        if (bytes[at] != reply_kind || more != 0)
+            return false;
+    }
+    return true;
 }
 
 void X11Connection::wait_for(unsigned sequence, void** reply, xcb_generic_error_t** error)

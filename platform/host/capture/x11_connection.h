@@ -67,6 +67,13 @@ public:
         wait_for(sequence, &reply, &error);
         return {XcbOwned<T>(static_cast<T*>(reply)), XcbOwned<xcb_generic_error_t>(error)};
     }
+    /**
+     * Whether this many replies of the shortest length have arrived, and nothing else. Reading them
+     * does not wait then.
+     */
+    bool has_short_replies(size_t count) const;
+    /** Sends the requests that were made. Waits if the server has not read the earlier ones. */
+    void send() { xcb_flush(xcb_); }
     /** Whether a checked request without a reply went well; one round trip. */
     bool succeeded(xcb_void_cookie_t cookie);
     /** Whether the server has the extension. Asked for once by xcb, then known. */

@@ -15,6 +15,8 @@ namespace {
 // so that all lines are checked once a second
 constexpr auto time_between_checks = std::chrono::microseconds(1'000'000) / X11Image::checks;
 
+constexpr uint32_t unchanged_until_ahead = 3;
+
 /**
  * X counts pixels of a line in 16 bits with a sign; a whole picture of more than 1 GiB is no
  * screen's.
@@ -64,11 +66,16 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     // the screen may be resized between the question for its size and the fetch
     constexpr int attempts = 3;
     connection_->take_events();
+    if (asked_ahead_ && !read_ahead())
+        pixels_stale_ = true;
     for (int attempt = 0; attempt < attempts && !connection_->lost(); ++attempt) {
         if ((place_stale_ || !image_) && !find_place())
             continue;
-        if (bring_up_to_date(request.pointer))
+        if (bring_up_to_date(request.pointer)) {
+            unchanged_ = changed_.empty() ? unchanged_ + 1 : 0;
+            ask_ahead();
             return image();
+        }
         place_stale_ = true;
         pixels_stale_ = true;
     }
@@ -77,6 +84,60 @@ std::optional<BgraImage> X11Source::grab(const GrabRequest& request)
     else
         note_refusal();
     return std::nullopt;
+}
+
+std::optional<BgraImage> X11Source::glance(const GrabRequest& request)
+{
+    if (!asked_ahead_ || request.pointer != pointer_shown_ ||
+        !connection_->has_short_replies(size_t{request.pointer} + check_ahead_))
+        return std::nullopt;
+    connection_->take_events();
+    pixels_stale_ = !read_ahead();
+    if (pixels_stale_ || place_stale_ || damage_.changed() || pointer_.changes() != pointer_at_)
+        return std::nullopt;
+    serial_before_ = serial_;
+    changed_.clear();
+    ask_ahead();
+    return image();
+}
+
+void X11Source::ask_ahead()
+{
+    const uint32_t checks = checks_due();
+    // There is room for one check at a time.
+    if (unchanged_ < unchanged_until_ahead || !damage_.available() || checks > 1)
+        return;
+    if (pointer_shown_)
+        pointer_.request(place_.window);
+    if (checks > 0)
+        image_->request_check(place_);
+    checked(checks);
+    asked_ahead_ = true;
+    check_ahead_ = checks > 0;
+    connection_->send();
+}
+
+// False if pixels have changed that no event tells of.
+bool X11Source::read_ahead()
+{
+    asked_ahead_ = false;
+    PartList found(image_->size());
+    bool read = true;
+    if (check_ahead_) {
+        pointer_.erase(image_->pixels(), image_->stride());
+        read = image_->collect(found);
+        if (pointer_shown_)
+            draw_pointer();
+    }
+    if (pointer_shown_)
+        pointer_.collect();
+    return read && found.empty();
+}
+
+void X11Source::draw_pointer()
+{
+    pointer_.draw(image_->pixels(), image_->stride(), image_->size(), place_.window_x,
+                  place_.window_y);
 }
 
 BgraImage X11Source::image() const
@@ -123,7 +184,10 @@ bool X11Source::bring_up_to_date(bool pointer)
     serial_before_ = serial_;
     changed_ = PartList(image_->size());
     find_changes(pointer);
+    if (changed_.is_all())
+        checked_until_ = std::chrono::steady_clock::now();
     const uint32_t checks = checks_due();
+    checked(checks);
     const bool same_pointer =
         pointer == pointer_shown_ && (!pointer || pointer_.changes() == pointer_at_);
     if (changed_.empty() && checks == 0 && same_pointer)
@@ -133,8 +197,7 @@ bool X11Source::bring_up_to_date(bool pointer)
     if (!fetch(checks))
         return false;
     if (pointer)
-        pointer_.draw(image_->pixels(), image_->stride(), image_->size(), place_.window_x,
-                      place_.window_y);
+        draw_pointer();
     if (!same_pointer)
         for (const auto& drawn : {pointer_before, pointer_.drawn()})
             changed_.add(drawn.value_or(PictureRectangle{}));
@@ -169,14 +232,17 @@ void X11Source::find_changes(bool pointer)
     }
 }
 
-uint32_t X11Source::checks_due()
+uint32_t X11Source::checks_due() const
 {
-    const Time now = std::chrono::steady_clock::now();
-    if (changed_.is_all())
-        checked_until_ = now;
-    const auto due = (now - checked_until_) / time_between_checks;
-    checked_until_ += due * time_between_checks;
+    const auto due = (std::chrono::steady_clock::now() - checked_until_) / time_between_checks;
     return static_cast<uint32_t>(std::min<int64_t>(due, X11Image::checks));
+}
+
+void X11Source::checked(uint32_t checks)
+{
+    const Time all = std::chrono::steady_clock::now();
+    checked_until_ =
+        checks == X11Image::checks ? all : checked_until_ + checks * time_between_checks;
 }
 
 bool X11Source::fetch(uint32_t checks)

@@ -32,6 +32,12 @@ public:
 
     /** Waits without limit: ignores the request's stop and patience. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    /**
+     * After some pictures without a change the questions for the next picture are asked ahead, so
+     * that the answers are there when it is due. A pointer that begins to move is seen one picture
+     * later then.
+     */
+    std::optional<BgraImage> glance(const GrabRequest& request) override;
     void cut() override { connection_->cut(); }
 
 private:
@@ -43,7 +49,11 @@ private:
     bool allocate_image(PictureSize size);
     bool bring_up_to_date(bool pointer);
     void find_changes(bool pointer);
-    uint32_t checks_due();
+    uint32_t checks_due() const;
+    void checked(uint32_t checks);
+    void ask_ahead();
+    bool read_ahead();
+    void draw_pointer();
     bool fetch(uint32_t checks);
     BgraImage image() const;
     void note_loss();
@@ -70,6 +80,11 @@ private:
     // whether the last grab was with the pointer
     bool pointer_shown_ = false;
     Time checked_until_{};
+    // grabs in a row that found no change
+    uint32_t unchanged_ = 0;
+    // questions for the next picture that have been asked
+    bool asked_ahead_ = false;
+    bool check_ahead_ = false;
 };
 
 } // namespace zu3host
