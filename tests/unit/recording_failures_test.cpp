@@ -263,6 +263,10 @@ TEST_F(RecordingFailures, NoSuchModuleIsRefusedUntouched)
     EXPECT_EQ(_SCREENRECORD_StartModule(&unknown, 0), ZU_INVALID_ARGUMENT);
     EXPECT_EQ(_SCREENRECORD_StopModule(&unknown), ZU_INVALID_ARGUMENT);
     EXPECT_CALLS(mw.take_calls(), {});
+    forget();
+    EXPECT_EQ(_SCREENRECORD_CloseSrcReader(&unknown), ZU_OK);
+    EXPECT_CALLS(errors(), {"E [_SCREENRECORD_StopModule]INVALID ModuleID Id!",
+                            "E [_SCREENRECORD_CloseSrcReader]SCREENRECORD_StopModule Failed!"});
 }
 
 } // namespace
