@@ -178,7 +178,7 @@ public:
     int encode(Picture& picture, int64_t number, x264_picture_t& out)
     {
         const bool key_due = since_key_ >= key_distance_;
-        if (const auto wanted = watch_.content(key_due); wanted != content_) {
+        if (const auto wanted = watch_.content(key_due, picture.nv12.data()); wanted != content_) {
             content_ = wanted;
             open();
             next_distance_ += std::max(key_distance_ - since_key_, 0);
@@ -230,7 +230,7 @@ private:
     const bool measured_;
     zu3host::X264Log log_;
     zu3host::MacroblockHistory macroblocks_{layout_};
-    zu3host::ContentWatch watch_{fps};
+    zu3host::ContentWatch watch_{fps, layout_};
     zu3host::Content content_ = zu3host::Content::screens;
     Encoder encoder_;
     int since_key_ = 0, key_distance_ = 2 * fps, next_distance_ = 2 * fps;

@@ -31,13 +31,33 @@ void ContentWatch::note_unchanged()
         busy_ = 0;
 }
 
-Content ContentWatch::content(bool key_due)
+Content ContentWatch::content(bool key_due, const uint8_t* luma)
 {
-    if (content_ == Content::screens && busy_ > least_of_film)
+    if (content_ == Content::screens && is_film(luma))
         content_ = Content::film;
     else if (content_ == Content::film && busy_ < most_of_screens && key_due)
         content_ = Content::screens;
     return content_;
+}
+
+bool ContentWatch::is_film(const uint8_t* luma)
+{
+    if (busy_ <= least_of_film) {
+        motion_.forget();
+        return false;
+    }
+    if (!motion_.remembers()) {
+        motion_.remember(luma);
+        return false;
+    }
+    const PixelMotion::Finding finding = motion_.compare(luma);
+    if (finding == PixelMotion::Finding::nothing)
+        return false;
+    motion_.forget();
+    // compared again after as many busy pictures
+    if (finding == PixelMotion::Finding::whole_pixels)
+        busy_ = 0;
+    return finding == PixelMotion::Finding::other;
 }
 
 } // namespace zu3host

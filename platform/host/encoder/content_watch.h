@@ -1,5 +1,7 @@
 #pragma once
 
+#include "encoder/pixel_motion.h"
+
 #include <cstdint>
 
 namespace zu3host {
@@ -15,13 +17,17 @@ struct MacroblockCounts {
 };
 
 /**
- * Distinguishes screens from films, games and other content that changes everywhere. On a screen,
+ * Distinguishes screens from film, games and other content that changes everywhere. On a screen,
  * text and windows stand still or move by whole pixels, so x264 skips most macroblocks even while a
- * page scrolls; in a film it cannot. Not thread-safe.
+ * page scrolls; in a film it cannot. In a region or a window that scrolls it skips few as well, but
+ * the picture before has the same content elsewhere. Not thread-safe.
  */
 class ContentWatch {
 public:
-    explicit ContentWatch(uint32_t frame_rate) : frame_rate_(frame_rate) {}
+    ContentWatch(uint32_t frame_rate, PictureLayout layout)
+        : frame_rate_(frame_rate), motion_(layout)
+    {
+    }
 
     /** Notes a picture that x264 predicted from the last one. */
     void note(MacroblockCounts counts);
@@ -30,11 +36,16 @@ public:
     /**
      * The content for the next picture. It changes to film at any picture, but back only when a key
      * frame is due, so that quiet moments of a film add no key frames.
+     * @param luma of that picture, in the layout
      */
-    Content content(bool key_due);
+    Content content(bool key_due, const uint8_t* luma);
 
 private:
+    bool is_film(const uint8_t* luma);
+
     const uint32_t frame_rate_;
+    // remembers the first of two pictures to compare once x264 skipped few macroblocks
+    PixelMotion motion_;
     Content content_ = Content::screens;
     // share of macroblocks that were not skipped, over the last pictures
     double busy_ = 0;

@@ -96,10 +96,10 @@ void X264Encoder::follow_rate()
 // Most settings cannot change in an open encoder. Closes the old one first, since two at a time
 // would double the memory. The first key frame of the new one replaces the next one due, so the
 // stream has no additional key frames.
-bool X264Encoder::follow_content()
+bool X264Encoder::follow_content(const uint8_t* picture)
 {
     const bool adapts = applied_.as_needed && settings_follow_content();
-    const Content wanted = adapts ? watch_.content(key_due()) : content_;
+    const Content wanted = adapts ? watch_.content(key_due(), picture) : content_;
     // Keeps another picture between two IDR pictures, since their idr_pic_id may be equal.
     if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
         return true;
@@ -119,7 +119,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     const bool unchanged = changed && changed->empty();
     if (unchanged)
         watch_.note_unchanged();
-    if (!follow_content())
+    if (!follow_content(picture))
         return std::nullopt;
     follow_rate();
     if (unchanged && !as_key && may_repeat()) {

@@ -57,11 +57,12 @@ private:
     using Handle = std::unique_ptr<x264_t, Closer>;
 
     explicit X264Encoder(const EncoderSettings& settings)
-        : settings_(settings), macroblocks_(settings.layout), watch_(settings.frame_rate)
+        : settings_(settings), macroblocks_(settings.layout),
+          watch_(settings.frame_rate, settings.layout)
     {
     }
     void follow_rate();
-    bool follow_content();
+    bool follow_content(const uint8_t* picture);
     bool key_due() const { return pictures_since_key_ >= key_distance_; }
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
