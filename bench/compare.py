@@ -24,7 +24,7 @@ import tempfile
 import plot
 import recorders
 from measuring import BusyLoops, Display, Session, latencies, record
-from recorders import DAMAGE, DEFAULT, FLOOR, OURS, PEERS, WAYLAND_PEER
+from recorders import DAMAGE, DEFAULT, FLOOR, OURS, PEERS, QUARTER, WAYLAND_PEER
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # The rates share no factor with 30, so each turn covers all phases between screen and capture, not three.
@@ -42,6 +42,7 @@ CASES = {
     "window": ("1280x720", 30, WINDOW, 0, [*PEERS, DAMAGE, DEFAULT]),
     "office": ("1280x720", 30, OFFICE, 0, [*PEERS, DAMAGE, DEFAULT]),
     "office4k": ("3840x2160", 30, OFFICE, 0, [*PEERS, DAMAGE, DEFAULT]),
+    "quarter": ("1280x720", 30, MOVING, 0, [DEFAULT, QUARTER]),
     # A size that the elementary-stream encoder does not round up, so all encode the same number of lines.
     "latency": ("1280x736", 30, STAMPED, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "busy30": ("1920x1080", 30, MOVING, 2, [OURS, *PEERS]),
@@ -93,6 +94,8 @@ BY_DEFAULT = [("by default: " + one[0], *one[1:]) for one in [
     ("X server's CPU, window", "window", "server", "peers", LESS, 0.40, 0.20),
     ("size of the file, still screen", "still", "size", "peers", LESS, 0.60, 0.40),
 ]]
+# A part of the screen against all of it.
+OF_PARTS = [("CPU, a quarter of the screen against the whole", "quarter", "cpu", DEFAULT, LESS, 0.40, 0.33)]
 
 
 def is_stamped(case):
@@ -159,7 +162,7 @@ def measure_case(case, options, folder):
     if not is_stamped(case):
         kinds = {"floor": "h264"}
         settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names
-                    if name != DEFAULT}
+                    if name not in (DEFAULT, QUARTER)}
         for key, values in recorders.differences(settings).items():
             print(f"  {case}: x264's {key} differs: {values}")
     return rounds
@@ -185,7 +188,8 @@ def report(results):
                 figures = {key: statistics.median(one[name][key] for one in rounds) for key in rounds[0][name]}
                 print(f"  {name:13}" + "".join(f"  {key} {value:.2f}" for key, value in figures.items()))
     lines = []
-    for wanted, recorder in [(one, OURS) for one in WANTED] + [(one, DEFAULT) for one in BY_DEFAULT]:
+    for wanted, recorder in [*((one, OURS) for one in WANTED), *((one, DEFAULT) for one in BY_DEFAULT),
+                             *((one, QUARTER) for one in OF_PARTS)]:
         words, case, _, _, sense, limit, aim = wanted
         if case not in results:
             continue

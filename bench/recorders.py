@@ -6,6 +6,7 @@ import subprocess
 
 OURS, FLOOR = "screenrecord", "floor"
 DEFAULT = "default"  # this client with its default settings
+QUARTER = "quarter"  # the same, of the middle of the screen
 PEERS = ["ffmpeg", "gstreamer"]
 # GStreamer's own way to save work where little changes; ffmpeg has none.
 DAMAGE = "gstreamer-damage"
@@ -26,7 +27,7 @@ class Task:
 
 
 def environment(name, task):
-    if name == DEFAULT:
+    if name in (DEFAULT, QUARTER):
         return {}
     return {"ZU3_X264_PRESET": "veryfast", "ZU3_X264_THREADS": "1", "ZU3_X264_KEYINT": str(task.keyint)}
 
@@ -37,6 +38,10 @@ def recording(name, task, path):
     if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-s", task.size, "-r", fps, "-t", seconds,
                 "-o", path]
+    if name == QUARTER:
+        width, height = (int(number) for number in task.size.split("x"))
+        return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-r", fps, "-t", seconds, "-o", path,
+                "--region", f"{width // 2}x{height // 2}+{width // 4}+{height // 4}"]
     if name == FLOOR:
         return [f"{task.programs}/bench_floor", fps, seconds, path, "crf=23", "vbv-maxrate=4500", "vbv-bufsize=2250",
                 f"keyint={task.keyint}", "threads=1", "sliced-threads=0", "aud=1"]
@@ -104,7 +109,7 @@ def wf_recorder(task, path, rate, *options):
 
 def installed(name):
     programs = {"gstreamer": "gst-launch-1.0", DAMAGE: "gst-launch-1.0"}
-    return name in (OURS, DEFAULT, FLOOR) or shutil.which(programs.get(name, name))
+    return name in (OURS, DEFAULT, QUARTER, FLOOR) or shutil.which(programs.get(name, name))
 
 
 def x264_settings(path):

@@ -17,7 +17,7 @@ struct MacroblockCounts {
 };
 
 /**
- * Distinguishes screens from film, games and other content that changes everywhere. On a screen,
+ * Distinguishes screens from films, games and other content that changes everywhere. On a screen,
  * text and windows stand still or move by whole pixels, so x264 skips most macroblocks even while a
  * page scrolls; in a film it cannot. In a region or a window that scrolls it skips few as well, but
  * the picture before has the same content elsewhere. Not thread-safe.
