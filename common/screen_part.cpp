@@ -80,10 +80,9 @@ std::optional<ScreenPart> screen_part_of_environment(std::string& problem)
         return std::nullopt;
     part.monitor = setting("ZU3_MONITOR");
     part.pointer = pointer.value_or(true);
-    if (part.region.has_value() + part.window.has_value() + !part.monitor.empty() <= 1)
+    if (!part.window || (!part.region && part.monitor.empty()))
         return part;
-    problem =
-        "only one of ZU3_REGION, ZU3_MONITOR and ZU3_WINDOW can name the part of the screen that is captured";
+    problem = "ZU3_WINDOW cannot be combined with ZU3_REGION or ZU3_MONITOR";
     return std::nullopt;
 }
 

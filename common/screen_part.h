@@ -17,7 +17,10 @@ struct ScreenRegion {
     bool operator==(const ScreenRegion&) const = default;
 };
 
-/** The part of a screen that is captured; at most one of the first three is set. */
+/**
+ * The part of a screen that is captured: a region of the whole screen or of the monitor, a monitor,
+ * or a window. A window excludes the others.
+ */
 struct ScreenPart {
     /** stands for the window that has the keyboard's focus at the start */
     static constexpr uint32_t active_window = 0;
@@ -45,7 +48,7 @@ std::optional<uint32_t> parse_window(std::string_view text);
 /**
  * The part that ZU3_REGION, ZU3_MONITOR or ZU3_WINDOW names, and whether ZU3_POINTER leaves out the
  * pointer. Nullopt, and `problem` as a sentence without its full stop, for a value that cannot be
- * read, and if more than one part is named. Does not read the environment of a process with
+ * read, and if a window and another part are named. Does not read the environment of a process with
  * privileges.
  */
 std::optional<ScreenPart> screen_part_of_environment(std::string& problem);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <xcb/randr.h>
 
@@ -112,6 +113,15 @@ void locate_window(xcb_connection_t* connection, const xcb_screen_t& screen, xcb
     located.region = window->region;
 }
 
+/** A region counted from that corner; as far as numbers go. */
+ScreenRegion moved(const ScreenRegion& region, int32_t x, int32_t y)
+{
+    constexpr int64_t least = std::numeric_limits<int32_t>::min();
+    constexpr int64_t most = std::numeric_limits<int32_t>::max();
+    return {static_cast<int32_t>(std::clamp(int64_t{region.x} + x, least, most)),
+            static_cast<int32_t>(std::clamp(int64_t{region.y} + y, least, most)), region.size};
+}
+
 /** The region of a monitor; nullopt with a problem if there is no such monitor. */
 std::optional<ScreenRegion> monitor_region(xcb_connection_t* connection, xcb_window_t root,
                                            const std::string& name, std::string& problem)
@@ -188,21 +198,26 @@ LocatedPart locate_part(xcb_connection_t* connection, const xcb_screen_t& screen
         xcb_get_geometry_reply(connection, xcb_get_geometry(connection, screen.root), nullptr));
     const PictureSize size =
         geometry ? PictureSize{geometry->width, geometry->height} : PictureSize{0, 0};
-    std::optional<ScreenRegion> wanted = ScreenRegion{0, 0, size};
-    if (part.region) {
-        wanted = part.region;
-        located.name = "the region " + region_text(*part.region);
-    } else if (!part.monitor.empty()) {
+    std::optional<ScreenRegion> whole = ScreenRegion{0, 0, size};
+    if (!part.monitor.empty()) {
         located.name = "the monitor " + part.monitor;
-        wanted = monitor_region(connection, screen.root, part.monitor, located.problem);
+        whole = monitor_region(connection, screen.root, part.monitor, located.problem);
     }
-    if (!wanted)
+    if (!whole)
         return located;
-    const auto inside = overlap(*wanted, {0, 0, size});
+    ScreenRegion wanted = *whole;
+    if (part.region) {
+        const std::string within = part.monitor.empty() ? "" : " of " + located.name;
+        located.name = "the region " + region_text(*part.region) + within;
+        wanted = moved(*part.region, whole->x, whole->y);
+    }
+    const auto seen = overlap(*whole, {0, 0, size});
+    const auto inside = seen ? overlap(wanted, *seen) : std::nullopt;
     if (!inside)
-        located.problem = "it lies outside of the screen, which has " + size_text(size) + " pixels";
+        located.problem =
+            "it lies outside of the screen, which has " + size_text(whole->size) + " pixels";
     located.region = inside.value_or(ScreenRegion{});
-    located.clipped = inside && *inside != *wanted;
+    located.clipped = inside && *inside != wanted;
     return located;
 }
 

@@ -36,7 +36,7 @@ constexpr Term environment_terms[] = {
     {"ZU3_DISPLAY",
      "x11, wayland (copies of the compositor), portal (asks for a screen or window) or testcard (a moving test card, no display needed); default: wayland or portal in a Wayland session, otherwise x11"},
     {"ZU3_ASK", "1 = as --ask"},
-    {"ZU3_REGION", "the part of the screen to capture, like --region"},
+    {"ZU3_REGION", "the part of the screen or of the monitor to capture, like --region"},
     {"ZU3_MONITOR", "the monitor to capture, like --monitor"},
     {"ZU3_WINDOW", "the X11 window to capture, like --window"},
     {"ZU3_POINTER", "0 leaves the pointer out of recordings and streams, like --no-pointer"},

@@ -9,15 +9,15 @@
 namespace client {
 namespace {
 
-/** The option that names a part of the screen; one at most is given. */
+/** An option that names a part of the screen. */
 CLI::Option* define_part(CLI::App& command, const char* name, const char* type, const char* text,
                          ScreenOptions& options,
                          std::function<std::string(const std::string&, common::ScreenPart&)> parse)
 {
-    return define_value(command, name, type, text,
-                        [&options, parse = std::move(parse)](const std::string& given) {
-                            return parse(given, options.part.emplace());
-                        });
+    return define_value(
+        command, name, type, text, [&options, parse = std::move(parse)](const std::string& given) {
+            return parse(given, options.part ? *options.part : options.part.emplace());
+        });
 }
 
 } // namespace
@@ -134,17 +134,19 @@ void define_size(CLI::App& command, std::optional<Size>& size, const char* text)
 void define_parts(CLI::App& command, ScreenOptions& options)
 {
     auto* region = define_part(
-        command, "--region", "WxH+X+Y", "only this part of the screen, such as 640x360+100+50",
+        command, "--region", "WxH+X+Y",
+        "only this part of the screen, or of the monitor that --monitor names, such as 640x360+100+50",
         options, [](const std::string& given, common::ScreenPart& part) {
             part.region = common::parse_region(given);
             return part.region ? "" : "is not a region such as 640x360+100+50";
         });
-    auto* monitor = define_part(command, "--monitor", "NAME|primary",
-                                "only this monitor, as 'screenrecord devices' names it", options,
-                                [](const std::string& given, common::ScreenPart& part) {
-                                    part.monitor = given;
-                                    return given.empty() ? "is not a monitor's name" : "";
-                                });
+    auto* monitor =
+        define_part(command, "--monitor", "NAME|primary",
+                    "only this monitor or Wayland output, as 'screenrecord devices' names it",
+                    options, [](const std::string& given, common::ScreenPart& part) {
+                        part.monitor = given;
+                        return given.empty() ? "is not a monitor's name" : "";
+                    });
     auto* window = define_part(
         command, "--window", "ID|active",
         "only this X11 window, even if it moves or is covered: its number (see xwininfo), or active for the one with the keyboard focus",
@@ -152,8 +154,7 @@ void define_parts(CLI::App& command, ScreenOptions& options)
             part.window = common::parse_window(given);
             return part.window ? "" : "is not active or a window's number such as 0x1c00003";
         });
-    region->excludes(monitor, window);
-    monitor->excludes(window);
+    window->excludes(region, monitor);
 }
 
 void define_pointer(CLI::App& command, ScreenOptions& options)

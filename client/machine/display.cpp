@@ -168,8 +168,10 @@ void narrow(DisplayInfo& display, common::ScreenPart part, const common::Located
     if (located.clipped)
         print_message(located.name + " reaches beyond the screen: only " +
                       common::region_text(located.region) + " of it is captured");
-    if (part.region)
+    if (part.region) {
         part.region = located.region;
+        part.monitor.clear();
+    }
     if (part.window)
         part.window = located.window;
     set_screen_part(part);
@@ -211,9 +213,9 @@ void set_screen_part(const common::ScreenPart& part)
         unsetenv(name);
     if (part.region)
         setenv("ZU3_REGION", common::region_text(*part.region).c_str(), 1);
-    else if (!part.monitor.empty())
+    if (!part.monitor.empty())
         setenv("ZU3_MONITOR", part.monitor.c_str(), 1);
-    else if (part.window == common::ScreenPart::active_window)
+    if (part.window == common::ScreenPart::active_window)
         setenv("ZU3_WINDOW", "active", 1);
     else if (part.window)
         setenv("ZU3_WINDOW", std::to_string(*part.window).c_str(), 1);

@@ -64,6 +64,8 @@ class Regions(ShortEndToEndTest, PartTest):
                  "only 140x100+500+380 of it"),
                 ("shot --monitor right", (320, 480), {(90, 310): WHITE, (10, 10): BLUE}, ""),
                 ("stream -t 0.5 --monitor primary", (320, 480), {(50, 50): RED, (300, 460): BLUE}, ""),
+                ("record -t 0.5 --monitor right --region 100x200+60+290", (100, 190), {(30, 20): WHITE, (10, 30): BLUE},
+                 "only 100x190+380+290 of it"),
         ):
             with self.subTest(command):
                 name = "a" + {"shot": ".png", "record": ".ts", "stream": ".h264"}[command.split()[0]]
@@ -94,7 +96,8 @@ class Regions(ShortEndToEndTest, PartTest):
                 ("record -o r.ts --window active", 1, "no window has the focus"),
                 ("stream -o r.h264 --region 64x64", 2, "such as 640x360+100+50"),
                 ("stream -o r.h264 --window main", 2, "such as 0x1c00003"),
-                ("stream -o r.h264 --region 64x64+0+0 --monitor left", 2, "cannot be combined"),
+                ("stream -o r.h264 --window active --monitor left", 2, "cannot be combined"),
+                ("shot -o r.png --monitor left --region 64x64+320+0", 1, "320x480"),
                 ("record -o r.ts -s 64x64 --source a.nv12 --no-pointer", 2, "replaces the screen"),
         ):
             with self.subTest(arguments):

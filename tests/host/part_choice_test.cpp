@@ -62,12 +62,15 @@ TEST(PartChoice, ReadsOrRefusesEachSetting)
 }
 
 // Catches a setting that silently overrides another one.
-TEST(PartChoice, RefusesTwoParts)
+TEST(PartChoice, CombinesSettings)
 {
     const Setting region("ZU3_REGION", "640x360+0+0"), monitor("ZU3_MONITOR", "primary");
+    EXPECT_EQ(chosen_screen_part(),
+              (ScreenPart{.region = ScreenRegion{0, 0, {640, 360}}, .monitor = "primary"}));
+    const Setting window("ZU3_WINDOW", "active");
     testing::internal::CaptureStderr();
     EXPECT_FALSE(chosen_screen_part());
-    EXPECT_NE(captured_log().find("only one of"), std::string::npos);
+    EXPECT_NE(captured_log().find("cannot be combined"), std::string::npos);
 }
 
 // Catches a sum that overflows, and an edge that counts as a common pixel.
