@@ -15,6 +15,7 @@ import threading
 WIDTH, HEIGHT = 128, 96
 XRGB, XBGR, AR30 = 1, 0x34324258, 0x30335258
 SHM, OUTPUT, COPY = (1, b"wl_shm", 1), (2, b"wl_output", 4), (3, b"zwlr_screencopy_manager_v1", 3)
+SECOND_OUTPUT = (5, b"wl_output", 4)
 
 
 def text(value):
@@ -76,7 +77,7 @@ MODES = {
     "ends": {"copied": [(-2, b"")]},
     "turned-strangely": {"output": [(0, struct.pack("<iiiii", 0, 0, 0, 0, 0) + text(b"m") + text(b"m") +
                                      struct.pack("<i", 0x7FFFFFFF))]},
-    "output-removed": {"removed_after": 45},
+    "output-removed": {"globals": [SHM, OUTPUT, SECOND_OUTPUT, COPY], "removed_after": 45},
     "flood": {"copied": [damage(0, 0, 1, 1)] * 20000 + [READY]},
 }
 
@@ -111,7 +112,8 @@ class Client:
         if name == b"wl_output":
             self.events(target, self.mode.get("output", [
                 (0, struct.pack("<iiiii", 0, 0, 0, 0, 0) + text(b"maker") + text(b"model") + struct.pack("<i", 0)),
-                (1, struct.pack("<Iiii", 1, WIDTH, HEIGHT, 60000)), (4, text(b"FAKE-1")), (2, b"")]))
+                (1, struct.pack("<Iiii", 1, WIDTH, HEIGHT, 60000)), (4, text(b"FAKE-2" if body[0] == SECOND_OUTPUT[0] else b"FAKE-1")),
+                (2, b"")]))
 
     def paint(self, buffer):
         pool, offset, width, height, stride, fmt = self.buffers[buffer]
@@ -145,7 +147,7 @@ class Client:
             self.events(target, self.mode.get("copied", [damage(0, 0, WIDTH, HEIGHT), READY]))
             self.copies += 1
             if self.copies == self.mode.get("removed_after"):
-                self.send(self.registry, 1, struct.pack("<I", OUTPUT[0]))
+                self.send(self.registry, 1, struct.pack("<I", SECOND_OUTPUT[0]))
 
     def serve(self):
         data = b""

@@ -60,6 +60,8 @@ ExitCode run(const DevicesOptions&, CommandContext& context)
     const auto outputs = list_outputs();
     for (const HostOutput& output : outputs)
         context.output.print_line(output_line(output));
+    if (outputs.size() > 1)
+        print_message("a recording shows one output; --monitor NAME chooses it");
     for (const std::string& name : known_displays())
         print_display(name, context.output);
     if (outputs.empty() && known_displays().empty())

@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import re
 import signal
 
 import judges
@@ -76,11 +77,6 @@ class Session(UnmeasuredEndToEndTest):
         self.run_program("screenrecord", "shot", "-o", "r.png", "--region", "200x150+56+60")
         places = {(9, 5): RED, (6, 5): BACKGROUND, (135, 131): RED, (136, 131): BACKGROUND}
         self.assertEqual(near(judges.decode(self.path("r.png"), 0), 200, places, 0), {})
-        for option, said in (("--monitor=HEADLESS-1", "on X11 only"),
-                             ("--region=64x64+656+0", "outside of the screen")):
-            refused = self.client("shot", "-o", "s.png", option)
-            self.assert_exit(refused, 1)
-            self.assertIn(said, refused.errors())
         window.close()
 
     def test_output_is_turned_and_scaled(self):
@@ -176,15 +172,66 @@ class Session(UnmeasuredEndToEndTest):
         self.assertNotRegex(maps, "wayland|zu3_portal|pipewire")
 
 
+class Monitors(UnmeasuredEndToEndTest):
+    @classmethod
+    def prepare(cls):
+        cls.start_session(outputs=2)
+        cls.run_program("swaymsg", "output HEADLESS-2 transform 90; focus output HEADLESS-2")
+        show(cls, "--static")
+
+    def test_is_what_is_recorded(self):
+        # Catches another output than was asked for, one on its side, and a region of another place or output.
+        turned = {(70, 70): RED, (185, 185): RED, (270, 70): WHITE, (450, 180): BLACK, (600, 10): BACKGROUND}
+        part = {(9, 5): RED, (6, 5): BACKGROUND, (135, 131): RED, (136, 131): BACKGROUND}
+        empty = {(128, 128): (63, 63, 63)}
+        for command, environment, size, places in (
+                ("shot --monitor HEADLESS-1", {}, (656, 608), empty),
+                ("shot --monitor HEADLESS-2", {}, (608, 656), turned),
+                ("shot", {"ZU3_MONITOR": "HEADLESS-2"}, (608, 656), turned),
+                ("shot --monitor HEADLESS-2 --region 200x150+56+60", {}, (200, 150), part),
+                ("record -t 0.5 --monitor HEADLESS-2 -b 8M", {}, (608, 656), turned),
+                ("stream -t 0.5 --region 200x150+56+60", {"ZU3_MONITOR": "HEADLESS-2"}, (200, 150), empty)):
+            with self.subTest(command):
+                name = "a" + {"shot": ".png", "record": ".mkv", "stream": ".h264"}[command.split()[0]]
+                ran = self.client(*command.split(), "-y", "-o", name, environment=environment)
+                self.assert_exit(ran, 0)
+                # Without a name the first one is recorded, and a message says so.
+                self.assertEqual("of which the first" in ran.errors(), "stream" in command)
+                video = judges.streams(self.path(name))["video"]
+                self.assertEqual((video["width"], video["height"]), size)
+                self.assertEqual(near(judges.decode(self.path(name), 0), size[0], places, 8), {})
+
+    def test_is_not_there(self):
+        # Catches an output that is passed over for another one, and a list that marks the wrong one.
+        for options, said in ((("--monitor", "DP-9"), "no monitor DP-9; the Wayland session has HEADLESS-1, HEADLESS-2"),
+                              (("--monitor", "primary"), "no primary monitor"),
+                              (("--monitor", "HEADLESS-2", "--display", "portal"), "dialog chooses the screen"),
+                              (("--monitor", "HEADLESS-2", "--region", "64x64+608+0"), "outside of the screen"),
+                              (("--window", "active"), "on X11 only")):
+            refused = self.client("shot", "-o", "no.png", *options)
+            self.assert_exit(refused, 1)
+            self.assertIn(said, refused.errors())
+            self.assertFalse(self.path("no.png").exists())
+        for monitor, recorded in ("", "HEADLESS-1"), ("HEADLESS-2", "HEADLESS-2"), ("DP-9", None):
+            devices = self.client("devices", environment={"ZU3_MONITOR": monitor})
+            devices.wait()
+            self.assertIn("--monitor NAME", devices.errors())
+            marked = [line.split()[1] for line in devices.output().splitlines() if re.match("output .*recorded", line)]
+            self.assertEqual(marked, [recorded] if recorded else [])
+            doctor = self.client("doctor", environment={"ZU3_MONITOR": monitor})
+            self.assert_exit(doctor, 0 if recorded else 1)
+            self.assertIn(recorded or "There is no monitor DP-9", doctor.output())
+
+
 class SessionFails(UnmeasuredEndToEndTest):
     def record(self, **options):
         self.session = self.start_session(**options)
         show(self, "--fps", "30")
         self.start_recording()
 
-    def start_recording(self):
+    def start_recording(self, *options):
         self.file = self.path(self.id() + ".ts")
-        self.recording = self.client("record", "-o", self.file, "--status-file", "status")
+        self.recording = self.client("record", "-o", self.file, "--status-file", "status", *options)
         wait_until(lambda: size_of(self.file) > 0, "the first batch")
 
     def assert_lost(self, said, output):
@@ -204,11 +251,12 @@ class SessionFails(UnmeasuredEndToEndTest):
         self.assert_lost("The Wayland compositor went away", "HEADLESS-1")
 
     def test_output_is_removed(self):
-        # Catches an output whose end counts as a still picture. This sway cannot remove one.
+        # Catches an output whose end counts as a still picture, or that is followed by another one. This sway cannot
+        # remove one.
         self.start("python3", SOURCE / "tools/fake_compositor.py", self.folder, "output-removed").first_line()
         self.environment["WAYLAND_DISPLAY"] = str(self.path("output-removed"))
-        self.start_recording()
-        self.assert_lost("The Wayland output FAKE-1 was removed", "FAKE-1")
+        self.start_recording("--monitor", "FAKE-2")
+        self.assert_lost("The Wayland output FAKE-2 was removed", "FAKE-2")
 
     def test_hangs(self):
         # Catches a hung compositor mistaken for a still or removed output, and a stop that waits for it.

@@ -65,7 +65,8 @@ int tell_screen(zu3_host_screen_receiver_t receiver, void* user)
 
 int tell_outputs(zu3_host_output_receiver_t receiver, void* user)
 {
-    const std::vector<ScreenOutput> outputs = list_wayland_outputs();
+    const std::vector<ScreenOutput> outputs =
+        list_wayland_outputs(chosen_screen_part().value_or(common::ScreenPart{}));
     for (const ScreenOutput& output : outputs) {
         const zu3_host_output_t told{output.name.c_str(),
                                      output.description.c_str(),
@@ -84,7 +85,8 @@ int tell_outputs(zu3_host_output_receiver_t receiver, void* user)
 uint32_t tell_findings(zu3_host_finding_receiver_t receiver, void* user)
 {
     std::vector<ScreenFinding> findings;
-    const uint32_t kind = examine_screen(findings);
+    const uint32_t kind =
+        examine_screen(chosen_screen_part().value_or(common::ScreenPart{}), findings);
     for (const ScreenFinding& finding : findings)
         receiver(static_cast<uint32_t>(finding.kind), finding.sentence.c_str(), user);
     return kind;

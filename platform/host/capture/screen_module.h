@@ -77,19 +77,22 @@ struct ScreenFinding {
 struct ScreenModule {
     /** longest wait of open(), which may show the user a dialog */
     std::chrono::milliseconds opening_limit;
-    /** Opens the screen that recordings capture. Call it on a separate thread. */
-    ScreenOpening (*open)(const ScreenHost& host);
+    /**
+     * Opens the screen that recordings capture. Call it on a separate thread.
+     * @param monitor one of list_outputs(), or "primary"; empty = the source's choice
+     */
+    ScreenOpening (*open)(const ScreenHost& host, const std::string& monitor);
     /**
      * The outputs of the session; empty if it does not answer within 3 s, or if this source does
      * not choose outputs.
      */
-    std::vector<ScreenOutput> (*list_outputs)();
+    std::vector<ScreenOutput> (*list_outputs)(const std::string& monitor);
     /**
      * Adds the requirements of open(), in order, up to the first that is not met. Shows no dialog.
      * Waits up to 3 s for an answer.
      * @return the failure of open(), as far as it can be predicted
      */
-    ScreenFailure (*examine)(std::vector<ScreenFinding>& findings);
+    ScreenFailure (*examine)(const std::string& monitor, std::vector<ScreenFinding>& findings);
 };
 
 /** The only function that such a module exports. */

@@ -68,9 +68,9 @@ struct LateOpening {
     bool complete = false;
     ScreenOpening result;
 
-    std::unique_ptr<WaitingSource> open(const ScreenModule& module)
+    std::unique_ptr<WaitingSource> open(const ScreenModule& module, const std::string& monitor)
     {
-        ScreenOpening opened = module.open(screen_host);
+        ScreenOpening opened = module.open(screen_host, monitor);
         const std::lock_guard lock(mutex);
         result = std::move(opened);
         complete = true;
@@ -87,10 +87,10 @@ struct Opened {
 
 std::string refusal_by_wayland(const common::ScreenPart& part)
 {
-    return part.is_whole() || part.region
-               ? ""
-               : "monitors and windows can be chosen on X11 only; a Wayland session's screen is "
-                 "captured as a whole or as a region of it";
+    return part.window ? "windows can be chosen by number on X11 only, because Wayland has no "
+                         "numbers of windows; the desktop portal's dialog (ZU3_DISPLAY=portal) "
+                         "offers windows"
+                       : "";
 }
 
 std::string refusal_by_test_card(const common::ScreenPart& part)
@@ -112,7 +112,10 @@ Opened open_by(const Way& way, const common::ScreenPart& part)
     }
     const auto late = std::make_shared<LateOpening>();
     opened.screen.source = PatientSource::open(
-        way.name, [late, module = way.module] { return late->open(*module); },
+        way.name,
+        [late, module = way.module, monitor = part.monitor] {
+            return late->open(*module, monitor);
+        },
         way.module->opening_limit);
     const std::lock_guard lock(late->mutex);
     if (opened.screen.source) {
@@ -188,11 +191,12 @@ std::unique_ptr<PictureSource> open_x11(const common::ScreenPart& part)
 
 using Findings = std::vector<ScreenFinding>;
 
-uint32_t examine_by(const Way& way, const std::string& why, Findings& findings)
+uint32_t examine_by(const Way& way, const common::ScreenPart& part, const std::string& why,
+                    Findings& findings)
 {
     findings.push_back({ScreenFinding::Kind::good, why});
     if (way.module)
-        way.module->examine(findings);
+        way.module->examine(part.monitor, findings);
     else
         findings.push_back(
             {ScreenFinding::Kind::missing,
@@ -200,7 +204,7 @@ uint32_t examine_by(const Way& way, const std::string& why, Findings& findings)
     return way.kind;
 }
 
-uint32_t examine_session(Findings& findings)
+uint32_t examine_session(const common::ScreenPart& part, Findings& findings)
 {
     const std::string name = environment("WAYLAND_DISPLAY");
     if (!session_is_wayland()) {
@@ -211,7 +215,7 @@ uint32_t examine_session(Findings& findings)
     Findings direct;
     const Way& way = wayland_way();
     const ScreenFailure failure =
-        way.module ? way.module->examine(direct) : ScreenFailure::not_offered;
+        way.module ? way.module->examine(part.monitor, direct) : ScreenFailure::not_offered;
     if (goes_to_x11(failure)) {
         findings.push_back(
             {ScreenFinding::Kind::good, "No compositor answers at WAYLAND_DISPLAY=" + name +
@@ -219,7 +223,7 @@ uint32_t examine_session(Findings& findings)
         return ZU3_HOST_SCREEN_X11;
     }
     if (failure == ScreenFailure::not_offered)
-        return examine_by(portal_way(),
+        return examine_by(portal_way(), part,
                           "The session is a Wayland session whose compositor does not copy its "
                           "screen for this program, so the desktop portal is used.",
                           findings);
@@ -265,7 +269,7 @@ ChosenScreen open_chosen_screen(const common::ScreenPart& part)
     return screen;
 }
 
-uint32_t examine_screen(Findings& findings)
+uint32_t examine_screen(const common::ScreenPart& part, Findings& findings)
 {
     const auto good = [&findings](const char* sentence, uint32_t kind) {
         findings.push_back({ScreenFinding::Kind::good, sentence});
@@ -273,14 +277,14 @@ uint32_t examine_screen(Findings& findings)
     };
     switch (setting()) {
     case Setting::session:
-        return examine_session(findings);
+        return examine_session(part, findings);
     case Setting::x11:
         return good("ZU3_DISPLAY asks for the X11 screen.", ZU3_HOST_SCREEN_X11);
     case Setting::wayland:
-        return examine_by(wayland_way(), "ZU3_DISPLAY asks for the copy of a Wayland compositor.",
-                          findings);
+        return examine_by(wayland_way(), part,
+                          "ZU3_DISPLAY asks for the copy of a Wayland compositor.", findings);
     case Setting::portal:
-        return examine_by(portal_way(), "ZU3_DISPLAY asks for the desktop portal.", findings);
+        return examine_by(portal_way(), part, "ZU3_DISPLAY asks for the desktop portal.", findings);
     case Setting::test_card:
         return good("ZU3_DISPLAY asks for the test card, so no display is needed.",
                     ZU3_HOST_SCREEN_TESTCARD);
@@ -291,11 +295,11 @@ uint32_t examine_screen(Findings& findings)
     return ZU3_HOST_SCREEN_UNKNOWN;
 }
 
-std::vector<ScreenOutput> list_wayland_outputs()
+std::vector<ScreenOutput> list_wayland_outputs(const common::ScreenPart& part)
 {
     if (!session_is_wayland() || !wayland_way().module)
         return {};
-    return wayland_way().module->list_outputs();
+    return wayland_way().module->list_outputs(part.monitor);
 }
 
 } // namespace zu3host

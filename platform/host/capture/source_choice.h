@@ -29,10 +29,13 @@ ChosenScreen open_chosen_screen(const common::ScreenPart& part);
 /** The source that open_chosen_screen() opens, without opening X11's or the test card. */
 ChosenScreen open_wayland_screen(const common::ScreenPart& part);
 
-/** Adds the reason for this source, then its requirements, like zu3_host_examine_screen(). */
-uint32_t examine_screen(std::vector<ScreenFinding>& findings);
+/**
+ * Adds the reason for this source, then the requirements of the part, like
+ * zu3_host_examine_screen().
+ */
+uint32_t examine_screen(const common::ScreenPart& part, std::vector<ScreenFinding>& findings);
 
 /** The outputs of the Wayland session; empty if no compositor answers. */
-std::vector<ScreenOutput> list_wayland_outputs();
+std::vector<ScreenOutput> list_wayland_outputs(const common::ScreenPart& part);
 
 } // namespace zu3host

@@ -20,6 +20,10 @@ namespace {
 
 constexpr auto first_picture_patience = std::chrono::seconds(5);
 
+constexpr char choice_of_dialog[] =
+    "the desktop portal's dialog chooses the screen, so no monitor can be named (--monitor, "
+    "ZU3_MONITOR); --ask shows the dialog again";
+
 /**
  * The screen or window that the user shares through the desktop portal. When the sharing ends, one
  * log line and the statistics say so, and grabs return no more pictures.
@@ -96,8 +100,10 @@ ScreenOpening failure(const PortalProblem& problem)
     return {.failure = kind, .reason = problem.reason};
 }
 
-ScreenOpening open_screen(const ScreenHost& host)
+ScreenOpening open_screen(const ScreenHost& host, const std::string& monitor)
 {
+    if (!monitor.empty())
+        return {.failure = ScreenFailure::failed, .reason = choice_of_dialog};
     PortalWish wish;
     wish.ask = set("ZU3_ASK");
     wish.dialog_opens = [&host] {
@@ -117,7 +123,7 @@ ScreenOpening open_screen(const ScreenHost& host)
             .name = "the screen that the desktop portal shares"};
 }
 
-std::vector<ScreenOutput> list_outputs()
+std::vector<ScreenOutput> list_outputs(const std::string&)
 {
     return {};
 }
@@ -151,9 +157,13 @@ std::string as_sentence(std::string text)
     return text + ".";
 }
 
-ScreenFailure examine(std::vector<ScreenFinding>& findings)
+ScreenFailure examine(const std::string& monitor, std::vector<ScreenFinding>& findings)
 {
     using Kind = ScreenFinding::Kind;
+    if (!monitor.empty()) {
+        findings.push_back({Kind::missing, as_sentence(choice_of_dialog)});
+        return ScreenFailure::failed;
+    }
     PortalProblem problem;
     const auto abilities = PortalSession::examine(problem);
     if (!abilities) {

@@ -18,16 +18,18 @@ WaylandConnection::Clock::time_point deadline()
     return WaylandConnection::Clock::now() + patience;
 }
 
-std::vector<ScreenOutput> list_outputs()
+std::vector<ScreenOutput> list_outputs(const std::string& monitor)
 {
     WaylandProblem problem;
     std::vector<ScreenOutput> outputs;
     const auto session = WaylandSession::open(deadline(), problem);
     if (!session)
         return outputs;
+    const WaylandOutput* const chosen =
+        session->screencopy() ? session->choose_output(monitor, problem) : nullptr;
     for (const auto& output : session->outputs()) {
         outputs.push_back(output->description_of());
-        outputs.back().recorded = outputs.size() == 1 && session->screencopy();
+        outputs.back().recorded = output.get() == chosen;
     }
     return outputs;
 }
@@ -46,15 +48,15 @@ ScreenFailure add_problem(WaylandProblem problem, std::vector<ScreenFinding>& fi
 }
 
 /** A copy with the first layout that the compositor offers; null if none comes in time. */
-std::unique_ptr<FrameCopy> offered_frame(WaylandSession& session)
+std::unique_ptr<FrameCopy> offered_frame(WaylandSession& session, const WaylandOutput& output)
 {
-    auto frame = std::make_unique<FrameCopy>(session, session.outputs().front()->proxy, false);
+    auto frame = std::make_unique<FrameCopy>(session, output.proxy, false);
     const bool offered = session.connection().wait_until(
         deadline(), [&] { return frame->state() != FrameCopy::State::announced; });
     return offered ? std::move(frame) : nullptr;
 }
 
-ScreenFailure examine(std::vector<ScreenFinding>& findings)
+ScreenFailure examine(const std::string& monitor, std::vector<ScreenFinding>& findings)
 {
     WaylandProblem problem;
     const auto session = WaylandSession::open(deadline(), problem);
@@ -65,15 +67,18 @@ ScreenFailure examine(std::vector<ScreenFinding>& findings)
         return add_problem(std::move(problem), findings);
     findings.push_back({Kind::good, "The compositor copies its outputs for programs "
                                     "(zwlr_screencopy_manager_v1)."});
-    const std::string name = session->outputs().front()->name;
+    const WaylandOutput* const chosen = session->choose_output(monitor, problem);
+    if (!chosen)
+        return add_problem(std::move(problem), findings);
+    const std::string name = chosen->name;
     const size_t count = session->outputs().size();
-    const auto frame = offered_frame(*session);
+    const auto frame = offered_frame(*session, *chosen);
     problem = frame ? frame->problem()
                     : WaylandProblem{ScreenFailure::failed,
                                      "the Wayland compositor does not offer a copy of the output"};
     if (problem.failure != ScreenFailure::none)
         return add_problem(std::move(problem), findings);
-    findings.push_back({Kind::good, count == 1
+    findings.push_back({Kind::good, count == 1 || !monitor.empty()
                                         ? "The output " + name + " is captured."
                                         : "Of " + std::to_string(count) +
                                               " outputs the first is captured: " + name + "."});

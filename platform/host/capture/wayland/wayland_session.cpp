@@ -3,6 +3,7 @@
 #include "base/border.h"
 
 #include <algorithm>
+#include <common/screen_part.h>
 #include <cstring>
 #include <utility>
 
@@ -158,6 +159,25 @@ WaylandProblem WaylandSession::problem() const
     if (outputs_.empty())
         return {ScreenFailure::failed, "the Wayland session has no output; connect or enable one"};
     return {};
+}
+
+const WaylandOutput* WaylandSession::choose_output(const std::string& monitor,
+                                                   WaylandProblem& problem) const
+{
+    const bool primary = monitor == common::ScreenPart::primary_monitor;
+    const bool any = monitor.empty() || (primary && outputs_.size() == 1);
+    const auto found = std::find_if(outputs_.begin(), outputs_.end(), [&](const auto& output) {
+        return any || output->name == monitor;
+    });
+    if (found != outputs_.end())
+        return found->get();
+    std::string names;
+    for (const auto& output : outputs_)
+        names += (names.empty() ? "" : ", ") + output->name;
+    problem = {ScreenFailure::failed, (primary ? "Wayland has no primary monitor, so name one"
+                                               : "there is no monitor " + monitor) +
+                                          "; the Wayland session has " + names};
+    return nullptr;
 }
 
 const WaylandOutput* WaylandSession::output(uint32_t id) const

@@ -58,10 +58,15 @@ public:
     {
         return screencopy_version_ >= screencopy_version_with_done;
     }
-    /** In the compositor's order; the first is recorded. */
+    /** In the compositor's order. */
     const std::vector<std::unique_ptr<WaylandOutput>>& outputs() const { return outputs_; }
     /** Why outputs cannot be copied; no failure if the session has all that a copy needs. */
     WaylandProblem problem() const;
+    /**
+     * The output to record: that of the name, or without a name the first. Wayland has no primary
+     * output, so "primary" is the only one. Null, with the problem, if there is none.
+     */
+    const WaylandOutput* choose_output(const std::string& monitor, WaylandProblem& problem) const;
 
     /** The output of that id; null after it was removed. */
     const WaylandOutput* output(uint32_t id) const;

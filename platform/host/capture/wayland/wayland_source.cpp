@@ -20,32 +20,35 @@ std::chrono::nanoseconds refresh_interval(int32_t refresh_mhz)
 
 } // namespace
 
-WaylandSource::WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session)
-    : host_(host), session_(std::move(session)), output_id_(session_->outputs().front()->id),
-      output_name_(session_->outputs().front()->name),
-      refresh_(refresh_interval(session_->outputs().front()->refresh_mhz))
+WaylandSource::WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session,
+                             const WaylandOutput& output)
+    : host_(host), session_(std::move(session)), output_id_(output.id), output_name_(output.name),
+      refresh_(refresh_interval(output.refresh_mhz))
 {
 }
 
-ScreenOpening WaylandSource::open(const ScreenHost& host)
+ScreenOpening WaylandSource::open(const ScreenHost& host, const std::string& monitor)
 {
     WaylandProblem problem;
     auto session = WaylandSession::open(Clock::time_point::max(), problem);
     if (session)
         problem = session->problem();
-    if (problem.failure != ScreenFailure::none)
+    const WaylandOutput* chosen = nullptr;
+    if (problem.failure == ScreenFailure::none)
+        chosen = session->choose_output(monitor, problem);
+    if (!chosen)
         return {.failure = problem.failure, .reason = std::move(problem.reason)};
 
     const size_t outputs = session->outputs().size();
-    std::unique_ptr<WaylandSource> source(new WaylandSource(host, std::move(session)));
+    std::unique_ptr<WaylandSource> source(new WaylandSource(host, std::move(session), *chosen));
     constexpr bool with_pointer = true;
     if (!source->prepare_frame(with_pointer))
         return {.failure = source->refusal_.failure, .reason = source->refusal_.reason};
-    if (outputs > 1)
-        host.log(ANDROID_LOG_WARN,
-                 ("The Wayland session has " + std::to_string(outputs) +
-                  " outputs, of which the first is captured: " + source->output_name_ + ".")
-                     .c_str());
+    if (outputs > 1 && monitor.empty())
+        host.log(ANDROID_LOG_WARN, ("The Wayland session has " + std::to_string(outputs) +
+                                    " outputs, of which the first is captured: " +
+                                    source->output_name_ + ". --monitor or ZU3_MONITOR names one.")
+                                       .c_str());
     ScreenOpening opening{.name = "the Wayland output " + source->output_name_};
     if (const WaylandOutput* const output = source->output())
         opening.refresh_mhz = static_cast<uint32_t>(output->refresh_mhz);

@@ -14,7 +14,7 @@
 namespace zu3host {
 
 /**
- * The first output of a Wayland session, copied by the compositor: upright, in physical pixels.
+ * An output of a Wayland session, copied by the compositor: upright, in physical pixels.
  * Follows changes of the output's size. When the compositor or the output goes away, one log line
  * and the statistics say so, and grabs return no more pictures.
  *
@@ -24,8 +24,8 @@ namespace zu3host {
  */
 class WaylandSource : public WaitingSource {
 public:
-    /** Waits without a limit. Throws std::bad_alloc. */
-    static ScreenOpening open(const ScreenHost& host);
+    /** As ScreenModule::open(). */
+    static ScreenOpening open(const ScreenHost& host, const std::string& monitor);
 
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     void cut() override { session_->connection().cut(); }
@@ -33,7 +33,8 @@ public:
 private:
     using Clock = WaylandConnection::Clock;
 
-    WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session);
+    WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session,
+                  const WaylandOutput& output);
 
     std::optional<BgraImage> try_grab(bool pointer);
     /** Updates the image; false if that fails. */
