@@ -108,7 +108,7 @@ std::optional<BgraImage> WaylandSource::try_grab(bool pointer)
 
 bool WaylandSource::update(bool pointer)
 {
-    if (is_in(State::asked) && image_.serial)
+    if (is_in(State::asked) && image_.serial && is_still())
         return true;
     const bool waited = is_in(State::complete);
     if (waited)
@@ -119,10 +119,11 @@ bool WaylandSource::update(bool pointer)
         return true;
     if (!ask_for_copy(pointer))
         return false;
-    // The compositor copies with its next frame. Without a copy in this time the output is still.
+    // The compositor copies with its next frame, which a busy machine delays. The rest of the pace
+    // is for what follows the grab.
     constexpr Clock::duration longest = std::chrono::milliseconds(100);
     const auto deadline =
-        image_.serial ? Clock::now() + std::min(longest, pace_ * 6 / 10) : Clock::time_point::max();
+        image_.serial ? Clock::now() + std::min(longest, pace_ * 3 / 4) : Clock::time_point::max();
     session_->connection().wait_until(deadline, [this] { return gone() || !is_in(State::asked); });
     if (is_in(State::complete))
         take_copy();
@@ -171,6 +172,7 @@ bool WaylandSource::ask_for_copy(bool pointer)
 void WaylandSource::take_copy()
 {
     const auto frame = std::move(frame_);
+    copied_ = Clock::now();
     if (gone())
         return;
     std::swap(shown_, next_);

@@ -20,7 +20,8 @@ namespace zu3host {
  *
  * Each picture needs one copy. The compositor answers when the output differs from the last copy.
  * So a still output costs nothing: the request stays with the compositor, and grabs return the last
- * image. Twice a second another request checks that the compositor still answers.
+ * image. While the output moves, they wait for the answer. Twice a second another request checks
+ * that the compositor still answers.
  */
 class WaylandSource : public WaitingSource {
 public:
@@ -51,6 +52,8 @@ private:
     bool gone() const { return session_->connection().lost() || !output(); }
     /** Whether grabs are about as frequent as frames of the output. */
     bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
+    /** Whether the output has not changed for some time. */
+    bool is_still() const { return Clock::now() - copied_ > std::chrono::milliseconds(100); }
     void note_loss();
     void note_refusal();
 
@@ -78,6 +81,8 @@ private:
     // between grabs
     Clock::duration pace_ = std::chrono::seconds(1);
     Clock::time_point asked_for_answer_{};
+    // when the last copy was there
+    Clock::time_point copied_{};
     // why there was no copy
     WaylandProblem refusal_;
     bool told_of_loss_ = false;
