@@ -110,10 +110,10 @@ class Client:
         name, target = body[8:8 + length - 1], struct.unpack_from("<I", body, len(body) - 4)[0]
         self.objects[target] = name.decode()
         if name == b"wl_output":
+            name = b"FAKE-2" if body[0] == SECOND_OUTPUT[0] else b"FAKE-1"
             self.events(target, self.mode.get("output", [
                 (0, struct.pack("<iiiii", 0, 0, 0, 0, 0) + text(b"maker") + text(b"model") + struct.pack("<i", 0)),
-                (1, struct.pack("<Iiii", 1, WIDTH, HEIGHT, 60000)), (4, text(b"FAKE-2" if body[0] == SECOND_OUTPUT[0] else b"FAKE-1")),
-                (2, b"")]))
+                (1, struct.pack("<Iiii", 1, WIDTH, HEIGHT, 60000)), (4, text(name)), (2, b"")]))
 
     def paint(self, buffer):
         pool, offset, width, height, stride, fmt = self.buffers[buffer]

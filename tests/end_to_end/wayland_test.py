@@ -223,6 +223,33 @@ class Monitors(UnmeasuredEndToEndTest):
             self.assertIn(recorded or "There is no monitor DP-9", doctor.output())
 
 
+class Pointer(UnmeasuredEndToEndTest):
+    def test_is_asked_for(self):
+        # Catches a pointer that is missing from recordings, and one that is in pictures that are to have none. A sway
+        # without a screen draws its pointer into every picture; one within its window has another draw it.
+        outer = self.start_session()
+        folder = pathlib.Path(self.environment["XDG_RUNTIME_DIR"])
+        self.run_program("swaymsg", "seat * hide_cursor 0")
+        (folder / "inner").write_text("xwayland disable\ndefault_border none\noutput WL-1 resolution 656x608\n", "ascii")
+        self.start("sway", "-c", folder / "inner", user=65534, group=65534, extra_groups=[], environment={
+            "WLR_BACKENDS": "wayland", "WLR_RENDERER": "pixman", "HOME": str(folder), "SWAYSOCK": ""})
+        wait_until(lambda: (folder / "wayland-2").exists(), "the inner session")
+        self.start("python3", SOURCE / "tools/virtual_pointer.py", 200, 150, 656, 608).first_line()
+        inner = {"WAYLAND_DISPLAY": "wayland-2"}
+        wait_until(lambda: "WL-1" in self.run_program("screenrecord", "devices", environment=inner), "its output")
+        self.run_program("swaymsg", "seat - cursor set 100 100, seat - cursor set 200 150")
+        # Once it was in a picture, this sway leaves it there.
+        for command, there in (("shot", False), ("record -t 0.5 --no-pointer", False), ("stream -t 0.5", True),
+                               ("shot --pointer", True)):
+            name = "a" + {"shot": ".png", "record": ".mkv", "stream": ".h264"}[command.split()[0]]
+            self.run_program("screenrecord", *command.split(), "-y", "-o", name, environment=inner)
+            pixels = judges.decode(self.path(name), 0)
+            seen = {(x, y) for x in range(656) for y in range(608) if judges.pixel(pixels, 656, x, y)[0] > 180}
+            self.assertEqual(bool(seen), there, command)
+            self.assertTrue(all(195 <= x < 225 and 145 <= y < 180 for x, y in seen), seen)
+        outer.kill()
+
+
 class SessionFails(UnmeasuredEndToEndTest):
     def record(self, **options):
         self.session = self.start_session(**options)
