@@ -1,13 +1,14 @@
 #!/usr/bin/python3
 """
-A backend of xdg-desktop-portal that plays the user of its ScreenCast dialog, and shares mutter's first monitor.
+A backend of xdg-desktop-portal that plays the user of its ScreenCast dialog, and shares mutter's first monitor or the
+window with the focus.
 
 portal_user.py FOLDER
 
-FOLDER/answer holds the user's answer to the next dialog: "grant" (also if there is no such file), "node N" (grants that
-node of PipeWire), "refuse", "fail" (the dialog cannot be shown), "silent" (nothing happens). It prints a line for each
-event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "moved", "stopped". SIGUSR1: the user
-stops sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
+FOLDER/answer holds the user's answer to the next dialog: "grant" (also if there is no such file), "window", "node N"
+(grants that node of PipeWire), "refuse", "fail" (the dialog cannot be shown), "silent" (nothing happens). It prints a line
+for each event: "ready", "asked", "restored" (the earlier choice, without a dialog), "shared", "moved", "stopped". SIGUSR1:
+the user stops sharing. SIGUSR2: the user moves the pointer to the place in FOLDER/pointer, such as "100 50", in pixels.
 
 FOLDER must be the XDG_DESKTOP_PORTAL_DIR of the portal: the description of this backend is written there.
 """
@@ -59,15 +60,18 @@ def say(word):
 class Mutter:
     """A session of mutter's ScreenCast with its one stream, and one of its RemoteDesktop for the pointer."""
 
-    def __init__(self, bus, cursor_mode, started):
+    def __init__(self, bus, cursor_mode, window, started):
         self.bus = bus
         self.remote = self.call("RemoteDesktop", "/org/gnome/Mutter/RemoteDesktop", "", "CreateSession", "")
         name = self.call("RemoteDesktop", self.remote, None, "Get", "ss",
                          "org.gnome.Mutter.RemoteDesktop.Session", "SessionId")
         session = self.call("ScreenCast", "/org/gnome/Mutter/ScreenCast", "", "CreateSession", "a{sv}",
                             {"remote-desktop-session-id": GLib.Variant("s", name)})
-        self.stream = self.call("ScreenCast", session, ".Session", "RecordMonitor", "sa{sv}", CONNECTOR,
-                                {"cursor-mode": GLib.Variant("u", cursor_mode)})
+        cursor = {"cursor-mode": GLib.Variant("u", cursor_mode)}
+        if window:
+            self.stream = self.call("ScreenCast", session, ".Session", "RecordWindow", "a{sv}", cursor)
+        else:
+            self.stream = self.call("ScreenCast", session, ".Session", "RecordMonitor", "sa{sv}", CONNECTOR, cursor)
         self.signal = bus.signal_subscribe(
             None, "org.gnome.Mutter.ScreenCast.Stream", "PipeWireStreamAdded", self.stream, None, 0,
             lambda *arguments: started(arguments[5].unpack()[0]))
@@ -139,24 +143,24 @@ class User:
         say("asked")
         file = self.folder / "answer"
         answer = file.read_text("ascii").strip() if file.exists() else "grant"
-        if answer == "grant":
-            self.share(invocation, session, options)
+        if answer in ("grant", "window"):
+            self.share(invocation, session, options, answer == "window")
         elif answer.startswith("node "):
             self.answer(invocation, 0, {"streams": GLib.Variant("a(ua{sv})", [(int(answer[5:]), {})])})
         elif answer != "silent":
             self.answer(invocation, 1 if answer == "refuse" else 2)
 
-    def share(self, invocation, session, options):
+    def share(self, invocation, session, options, window=False):
         modes = {1: 0, 2: 1, 4: 2}  # the portal's, and mutter's
 
         def started(node):
             self.answer(invocation, 0, {
-                "streams": GLib.Variant("a(ua{sv})", [(node, {"source_type": GLib.Variant("u", 1)})]),
+                "streams": GLib.Variant("a(ua{sv})", [(node, {"source_type": GLib.Variant("u", 1 + window)})]),
                 "persist_mode": GLib.Variant("u", options.get("persist_mode", 0)),
                 "restore_data": GLib.Variant("(suv)", ("screenrecord_test", 1, GLib.Variant("s", CONNECTOR)))})
             say("shared")
 
-        self.sharing[session] = Mutter(self.bus, modes[options.get("cursor_mode", 1)], started)
+        self.sharing[session] = Mutter(self.bus, modes[options.get("cursor_mode", 1)], window, started)
 
     def end(self, session):
         if session in self.sharing:

@@ -2,13 +2,14 @@
  * Covers the first output of the Wayland session with the patches and the picture number of
  * moving_screen.cpp, in physical pixels, so that the same judges can read them.
  *
- * wayland_screen [--fps N] [--stamps] [--scale N] [--static]
+ * wayland_screen [--fps N] [--stamps] [--scale N] [--static] [--window]
  *
  * --fps N     pictures per second, default 30
  * --stamps    show the time instead of the picture's number: of the monotonic clock in units of
  *             100 us, its lowest 32 bits
  * --scale N   physical pixels per logical pixel, default 1
  * --static    draw one picture and leave it
+ * --window    be a window of 400x300 logical pixels instead of covering the output
  *
  * Prints "ready" once the compositor has answered after the first picture. Ends with the
  * compositor. Exit code 1 if that cannot be reached.
@@ -78,7 +79,7 @@ class WaylandScreen {
 public:
     explicit WaylandScreen(int scale) : scale_(scale), display_(wl_display_connect(nullptr)) {}
 
-    bool open();
+    bool open(bool as_window);
     bool alive() const { return display_ && wl_display_get_error(display_) == 0; }
     /** False when the compositor went away. */
     bool wait_until(int64_t due_ns);
@@ -162,7 +163,7 @@ void WaylandScreen::listen()
     wl_proxy_add_listener(toplevel_, toplevel_table, this);
 }
 
-bool WaylandScreen::open()
+bool WaylandScreen::open(bool as_window)
 {
     static const wl_registry_listener listener{&WaylandScreen::global,
                                                [](void*, wl_registry*, uint32_t) {}};
@@ -176,7 +177,12 @@ bool WaylandScreen::open()
     shell_surface_ = create(shell_, 2, shell_surface_interface, surface_);
     toplevel_ = create(shell_surface_, 1, toplevel_interface, nullptr);
     listen();
-    request(toplevel_, set_fullscreen, static_cast<void*>(nullptr));
+    if (as_window) {
+        wanted_width_ = 400 * scale_;
+        wanted_height_ = 300 * scale_;
+    } else {
+        request(toplevel_, set_fullscreen, static_cast<void*>(nullptr));
+    }
     wl_surface_commit(surface_);
     // The output's size comes once there is a window to cover it.
     while (alive() && !configured_)
@@ -288,6 +294,7 @@ struct Options {
     int scale = 1;
     bool stamps = false;
     bool still = false;
+    bool window = false;
 };
 
 bool parse(int argc, char** argv, Options& options)
@@ -298,6 +305,8 @@ bool parse(int argc, char** argv, Options& options)
             options.stamps = true;
         else if (argument == "--static")
             options.still = true;
+        else if (argument == "--window")
+            options.window = true;
         else if (argument == "--fps" && i + 1 < argc)
             options.fps = atoi(argv[++i]);
         else if (argument == "--scale" && i + 1 < argc)
@@ -314,11 +323,12 @@ int main(int argc, char** argv)
 {
     Options options;
     if (!parse(argc, argv, options)) {
-        fprintf(stderr, "usage: wayland_screen [--fps N] [--stamps] [--scale N] [--static]\n");
+        fprintf(stderr,
+                "usage: wayland_screen [--fps N] [--stamps] [--scale N] [--static] [--window]\n");
         return 2;
     }
     WaylandScreen screen(options.scale);
-    if (!screen.open()) {
+    if (!screen.open(options.window)) {
         fprintf(stderr, "wayland_screen: the session of WAYLAND_DISPLAY cannot be reached\n");
         return 1;
     }

@@ -7,6 +7,7 @@ from desktop import AS_USER, Desktop
 from harness import SOON, EndToEndTest, UnmeasuredEndToEndTest, size_of, wait_until
 from judges import BLACK, RED, WHITE
 from stream_test import LiveStream
+from wayland_test import BACKGROUND, near
 
 GREEN, BLUE = (0, 255, 0), (0, 0, 255)
 
@@ -102,6 +103,21 @@ class Portal(PortalTest, EndToEndTest):
     @staticmethod
     def near(pixel, colour):
         return max(abs(a - b) for a, b in zip(pixel, colour)) < 60
+
+    def test_window(self):
+        # Catches a window with what lies around it, of a wrong size or place, and one that is closed and still recorded.
+        self.screen.close()
+        window = self.start("wayland_screen", "--window", "--fps", 20)
+        window.first_line()
+        self.desktop.answer("window")
+        recording = self.start_recording("window.ts", "--ask", "-r", 10)
+        window.close()
+        self.assert_exit(recording, 3)
+        video = judges.streams(self.path("window.ts"))["video"]
+        self.assertEqual((video["width"], video["height"]), (400, 300))
+        places = {(70, 70): RED, (185, 185): RED, (262, 128): WHITE, (10, 10): BACKGROUND, (390, 10): BACKGROUND}
+        self.assertEqual(near(judges.decode(self.path("window.ts"), 0), 400, places, 8), {})
+        self.show_screen()
 
     def test_sharing_is_stopped(self):
         # Catches a recording that goes on without pictures, or that is lost with them.
