@@ -23,8 +23,8 @@ void fill_standard_descriptors()
             open("/dev/null", O_RDONLY);
 }
 
-// Blocks as large as pictures go back to the system as soon as they are freed. By default the C
-// library keeps them from the first one freed on: 4 MiB after x264 was opened again.
+// Returns blocks as large as pictures to the system as soon as they are freed. By default the C
+// library keeps such blocks after the first free: 4 MiB once x264 has been reopened.
 void return_large_blocks()
 {
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);

@@ -198,7 +198,7 @@ private:
     {
         Progress progress = progress_.measure(encoded_bytes_);
         if (progress.dropped)
-            // The library's ring leaves out frames, too, if nothing takes them in time.
+            // The library's ring also drops frames that are not read in time.
             progress.dropped = std::max(*progress.dropped, lost_.count());
         progress.file_bytes = saved_bytes_;
         progress.kept_seconds = std::chrono::duration<double>(kept_.length()).count();

@@ -11,7 +11,7 @@
 
 namespace client::movie {
 
-/** A copy of a movie by a separate process, so a stalled disk does not keep the program. */
+/** A copy of a movie by a separate process, so a stalled disk does not block the program's exit. */
 class MovieCopy {
 public:
     /**
@@ -21,8 +21,8 @@ public:
      */
     static MovieCopy into_container(int from, int to, Container container);
     /**
-     * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs, then
-     * renames. A failure leaves the file unchanged.
+     * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs,
+     * then renames. A failure leaves the file unchanged.
      * @param path the current path of `file`. Throws Failure if it cannot begin.
      */
     static MovieCopy with_index_in_front(const OutputFile& file, const std::string& path);

@@ -21,7 +21,9 @@ namespace {
 
 static_assert(std::atomic<double>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
-/** A reader of our outputs sees their end although this process may stay for long. */
+/**
+ * Closes all other descriptors, so that readers of our outputs see their end at the program's exit.
+ */
 void keep_only(std::vector<int> files)
 {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -15,9 +15,9 @@ namespace client {
  * that uses it, and no signal ends that: a process with such a thread cannot exit. So the work runs
  * in a process that the caller can leave behind.
  *
- * The process is a copy of this one with the calling thread only. The work may allocate memory, but
- * must not use a lock that another thread may have locked: close the library before. It blocks every
- * signal, and ends soon after its parent.
+ * The process is a copy of this one with only the calling thread. The work may allocate memory, but
+ * must not use a lock that another thread may have locked, so close the library first. The process
+ * blocks every signal, and ends soon after its parent.
  */
 class AttendedProcess {
 public:
@@ -34,13 +34,13 @@ public:
                     const std::function<void(const GoOn&)>& work);
     AttendedProcess(const AttendedProcess&) = delete;
     AttendedProcess& operator=(const AttendedProcess&) = delete;
-    /** Cancels the work unless it is through. */
+    /** Cancels unfinished work. */
     ~AttendedProcess();
 
-    /** Readable once the work is through. */
+    /** Readable once the work is done. */
     int fd() const { return result_.get(); }
     bool through() const;
-    /** After the work is through: throws Failure with the message of its exception, if any. */
+    /** Call it once the work is done: throws Failure with the message of its exception, if any. */
     void finish();
     /** The finished part, 0 to 1. */
     double part() const { return shared_->part; }
@@ -48,7 +48,7 @@ public:
     void cancel() { shared_->cancelled = true; }
 
 private:
-    /** in memory that both processes have */
+    /** in memory shared by both processes */
     struct Shared {
         std::atomic<double> part{0};
         std::atomic<bool> cancelled{false};

@@ -1,4 +1,4 @@
-/** What the stop of every module has in common. */
+/** The common part of every module's stop. */
 #ifndef SCREENRECORD_MODULES_MODULE_STOP_H
 #define SCREENRECORD_MODULES_MODULE_STOP_H
 
@@ -6,9 +6,9 @@
 #include "table/recording_table.h"
 
 /**
- * A module's stop, for a scope. In it the module stops its device if Needed(); helpers log under
- * the stop's name. The end of the scope deletes the module's worker; the record is not running
- * then.
+ * The scope of a module's stop. In it the module stops its device if Needed(); helpers log under
+ * the stop's name. The end of the scope deletes the module's worker and marks the record as not
+ * running.
  */
 class ModuleStop {
 public:

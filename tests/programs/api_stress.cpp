@@ -115,10 +115,10 @@ void pair(const std::string& screen_file, const std::string& raw_file,
 
 void hour(std::string file, int minutes)
 {
-    // As the client does: otherwise memory that x264 gave back stays, up to 4 MiB.
+    // As in the client: otherwise up to 4 MiB that x264 freed stay resident.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-    // The kernel joins pages of the encoder's buffers to huge ones and parts them again whenever it
-    // likes: growth would not show in that.
+    // The kernel merges pages of the encoder's buffers into huge ones and splits them at any time,
+    // which would hide growth.
     must(prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0) == 0, "prctl");
     must(startScreenRecord(1280, 720, 30, 0, 188, 0, 0, bytes(file)) == 0, "startScreenRecord");
     printf("minute resident_kib descriptors due captured late no_buffer no_display encoded refused "

@@ -21,11 +21,11 @@ constexpr uint32_t worth_a_word_ms = 1000;
 
 } // namespace
 
-/** Where the two threads meet. */
+/** The state shared by both threads. */
 struct PatientSource::Shared {
     std::mutex mutex;
     std::condition_variable changed;
-    // used by the thread while it is busy, but for cut()
+    // used by the thread while it is busy, except for cut()
     std::unique_ptr<WaitingSource> source;
     // the last one handed to the thread
     GrabRequest request{};

@@ -72,9 +72,9 @@ public:
      * does not wait then.
      */
     bool has_short_replies(size_t count) const;
-    /** Sends the requests that were made. Waits if the server has not read the earlier ones. */
+    /** Sends the queued requests. Waits if the server has not read the earlier ones. */
     void send() { xcb_flush(xcb_); }
-    /** Whether a checked request without a reply went well; one round trip. */
+    /** Whether a checked request without a reply succeeded; one round trip. */
     bool succeeded(xcb_void_cookie_t cookie);
     /** Whether the server has the extension. Asked for once by xcb, then known. */
     bool has(xcb_extension_t* extension);

@@ -33,9 +33,9 @@ public:
     /** Waits without limit: ignores the request's stop and patience. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     /**
-     * After some pictures without a change the questions for the next picture are asked ahead, so
-     * that the answers are there when it is due. A pointer that begins to move is seen one picture
-     * later then.
+     * After some pictures without a change, the requests for the next picture are sent ahead, so
+     * that the answers have arrived when it is due. The start of a pointer's movement is then seen
+     * one picture later.
      */
     std::optional<BgraImage> glance(const GrabRequest& request) override;
     void cut() override { connection_->cut(); }

@@ -19,8 +19,8 @@ struct MacroblockCounts {
 /**
  * Distinguishes screens from films, games and other content that changes everywhere. On a screen,
  * text and windows stand still or move by whole pixels, so x264 skips most macroblocks even while a
- * page scrolls; in a film it cannot. In a region or a window that scrolls it skips few as well, but
- * the picture before has the same content elsewhere. Not thread-safe.
+ * page scrolls; in a film it cannot. In a scrolling region or window it skips few as well, but the
+ * previous picture has the same content in another place. Not thread-safe.
  */
 class ContentWatch {
 public:
@@ -44,7 +44,7 @@ private:
     bool is_film(const uint8_t* luma);
 
     const uint32_t frame_rate_;
-    // remembers the first of two pictures to compare once x264 skipped few macroblocks
+    // once x264 has skipped few macroblocks, remembers the first of two pictures to compare
     PixelMotion motion_;
     Content content_ = Content::screens;
     // share of macroblocks that were not skipped, over the last pictures

@@ -7,11 +7,11 @@ namespace zu3host {
 namespace {
 
 constexpr int block_side = 16;
-// Enough to tell, and few enough for a quarter of a millisecond if none is found.
+// Enough to decide, and few enough for a quarter of a millisecond if none is found.
 constexpr uint32_t most_samples = 120;
 // Fewer macroblocks with an edge prove nothing.
 constexpr uint32_t least_samples = 4;
-// as far as x264 searches with the settings for screens
+// x264's search range with the settings for screens
 constexpr int reach = 24;
 
 } // namespace
@@ -26,7 +26,7 @@ PixelMotion::Finding PixelMotion::compare(const uint8_t* luma)
 {
     const uint32_t columns = layout_.stride / block_side, rows = layout_.lines / block_side;
     uint32_t step = std::max(columns * rows / most_samples, 1u);
-    // not the same columns in each row
+    // avoids the same columns in each row
     step += columns % step == 0;
     uint32_t changed = 0, with_edges = 0, found = 0;
     for (uint32_t number = 0; number < columns * rows; number += step) {

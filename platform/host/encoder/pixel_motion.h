@@ -8,8 +8,8 @@
 namespace zu3host {
 
 /**
- * Detects content that moves by whole pixels, as a scrolled page or a dragged window does: looks for
- * macroblocks of a picture in the picture before. Not thread-safe.
+ * Detects content that moves by whole pixels, such as a scrolled page or a dragged window: searches
+ * for macroblocks of a picture in the previous one. Not thread-safe.
  */
 class PixelMotion {
 public:
@@ -44,7 +44,7 @@ private:
     const PictureLayout layout_;
     std::vector<uint8_t> before_;
     bool remembers_ = false;
-    // of the last macroblock found; its neighbours usually move alike
+    // of the last macroblock found; its neighbors usually move alike
     Place distance_{0, 0};
 };
 
