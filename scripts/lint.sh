@@ -5,9 +5,8 @@
 #   scripts/lint.sh --all         clang-tidy on the host layer and the client as well
 #   scripts/lint.sh --fast [FILE...]   fast checks only, of these files
 #
-# Fast checks: clang-format, shellcheck, flake8, the direction of includes, and that Doxygen reads the public header
-# without a warning. CONTRIBUTING.md names the hook that runs
-# them on what is staged.
+# Fast checks: clang-format, shellcheck, flake8, the direction of includes, and Doxygen on the public header without a
+# warning. CONTRIBUTING.md names the hook that runs them on staged files.
 set -eu
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/.."
@@ -46,7 +45,10 @@ check() {
 check clang-format '\.(c|h|cpp)$' clang-format --dry-run -Werror
 check shellcheck '(\.sh|^\.ci/run|^scripts/pre-commit)$' shellcheck
 check flake8 '\.py$' flake8
-(cd tests/end_to_end && python3 -B -m unittest -q includes_test) || failed="$failed includes"
+(cd tests/end_to_end && python3 -B -m unittest -q includes_test) >"$work/includes.log" 2>&1 || {
+    cat "$work/includes.log" >&2
+    failed="$failed includes"
+}
 mkdir -p build
 doxygen cmake/Doxyfile >"$work/doxygen.log" 2>&1 || {
     cat "$work/doxygen.log" >&2
