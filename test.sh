@@ -1,10 +1,9 @@
 #!/bin/sh
 # Installs missing packages, builds every preset, runs every test and scripts/lint.sh.
 #
-#   ./test.sh [--long]    --long runs the long forms of the tests as well, and the unit tests as GCC compiles them
-#                         for the device; otherwise they run there as clang does, and GCC compiles the library alone.
-#                         It compiles the tests without precompiled headers and the whole for arm64 too, and has
-#                         clang-tidy read all of the product
+#   ./test.sh [--long]    --long adds the long forms of the tests, the device's unit tests compiled by GCC (otherwise
+#                         clang compiles them, and GCC the library only), a build of each file without precompiled
+#                         headers, all parts for arm64, and clang-tidy on host layer and client
 set -eu
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")"
@@ -27,7 +26,7 @@ begin=$(date +%s)
 fixed_addresses="setarch $(uname -m) -R"
 $fixed_addresses true 2>/dev/null || fixed_addresses=
 
-# A build that uses idle processor time only, and so leaves the tests beside it theirs.
+# Builds use idle processor time only, so that they do not slow the tests beside them.
 idle="chrt --idle 0"
 $idle true 2>/dev/null || idle="nice -n 19"
 
@@ -60,8 +59,8 @@ run_tests() {
 # The presets whose tests were started, in that order, and the processes that run them.
 started=
 
-# start_tests PRESET: beside the builds of the next ones, but after the tests of the ones before. The presets that have
-# the unit tests alone measure no time: they use what the others leave.
+# start_tests PRESET: beside the builds of the next presets, but after the tests of the earlier ones. Presets with only
+# the unit tests measure no time, so they use idle processor time.
 start_tests() {
     lock=build/tests.lock
     case $1 in
@@ -85,7 +84,7 @@ scripts/install_dependencies.sh build
 # Packages that only the tests and the other presets need are fetched while the first preset is built.
 scripts/install_dependencies.sh display test &
 installing=$!
-# The one whose tests take longest is built first, so that most is left to be built beside them.
+# The preset with the longest tests is first, so that the others are built beside its tests.
 presets="release tsan asan libcxx armhf-clang"
 lint=
 if [ -n "$configuration" ]; then

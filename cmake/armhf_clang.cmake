@@ -1,4 +1,4 @@
-# The same device by clang, for its sanitizers. There is no runtime of theirs for it: they trap (-fsanitize-trap).
+# The same device with clang, for its sanitizers. They trap (-fsanitize-trap), since the device has no runtime of them.
 include(${CMAKE_CURRENT_LIST_DIR}/armhf.cmake)
 set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)

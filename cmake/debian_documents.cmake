@@ -1,4 +1,4 @@
-# Run by cpack on the staged tree, ahead of the packing.
+# cpack runs this on the staged tree before it packs.
 set(share ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/usr/share)
 if(NOT EXISTS ${share})
   set(share ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/ALL_COMPONENTS_IN_ONE/usr/share)

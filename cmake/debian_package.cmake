@@ -18,7 +18,7 @@ with the sound of the desktop into a file that any player opens, and hand
 out encoded frames, screenshots and raw sound.")
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers)
-# Debian wants manual page and changelog compressed, the latter in Debian's form, and a statement about rights.
+# Debian requires a compressed manual page, a compressed changelog in its own format, and a copyright file.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian_documents.cmake)
 set(CPACK_SCREENRECORD_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 include(CPack)

@@ -7,10 +7,10 @@
 include(GNUInstallDirs)
 set(PACKAGE_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/screenrecord)
 set(PACKAGE_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-# The host layer's libraries carry no version: they fit only the library that they were built with, so they lie in a folder
-# that no other program searches. The build tree has all libraries in one.
+# The host layer's libraries have no version, since they fit only the library of the same build. So they lie in a
+# private folder. The build tree has all libraries in one folder.
 set(PRIVATE_LIBDIR ${CMAKE_INSTALL_LIBDIR}/screenrecord)
-# Apart from other headers: some of them stand in for Android's of the same name.
+# A separate folder, since some of these headers replace Android's of the same name.
 set(CONTRACT_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/screenrecord-contract)
 file(RELATIVE_PATH LIBDIR_FROM_BINDIR ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 file(RELATIVE_PATH PREFIX_FROM_PKGCONFIGDIR ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})

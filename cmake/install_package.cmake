@@ -1,4 +1,4 @@
-# The package that others build on.
+# The CMake and pkg-config packages for users of the library.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS screenrecord EXPORT screenrecordTargets

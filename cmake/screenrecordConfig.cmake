@@ -1,5 +1,5 @@
 # find_package(screenrecord) gives the target screenrecord::screenrecord; with COMPONENTS contract also
-# screenrecord::contract, the headers that a platform of one's own implements.
+# screenrecord::contract, the headers that another platform implements.
 include(${CMAKE_CURRENT_LIST_DIR}/screenrecordTargets.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/screenrecordContractTargets.cmake OPTIONAL RESULT_VARIABLE screenrecord_contract_FOUND)
 foreach(component IN LISTS screenrecord_FIND_COMPONENTS)

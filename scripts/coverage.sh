@@ -1,7 +1,7 @@
 #!/bin/sh
-# Measures which branches of the library the unit tests take, with clang; prints a line a file and what was not taken.
+# Measures with clang which branches of the library the unit tests cover. Prints a line per file.
 #
-#   scripts/coverage.sh [--missing]    --missing shows the branches that were not taken
+#   scripts/coverage.sh [--missing]    --missing lists the branches that are not covered
 set -eu
 cd "$(dirname "$0")/.."
 build=build/coverage

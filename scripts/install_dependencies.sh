@@ -1,12 +1,12 @@
 #!/bin/sh
-# Installs what is missing of the Debian packages that this project needs; costs nothing when nothing is missing.
+# Installs the missing ones of the Debian packages that this project needs.
 #
 #   scripts/install_dependencies.sh GROUP...
 #
-#   build    what the library, the host layer, the client and the test programs are built with
+#   build    to build library, host layer, client and test programs
 #   display  a display without a screen, for a machine that has none
-#   test     what the tests and the other presets need besides
-#   arm64    what the preset arm64 needs besides; scripts/arm64_sysroot.sh fetches its libraries
+#   test     additionally for the tests and the other presets
+#   arm64    additionally for the preset arm64; scripts/arm64_sysroot.sh fetches its libraries
 #   browser  a browser, for the long form of the tests
 set -eu
 
@@ -18,7 +18,7 @@ packages_of() {
             libcli11-dev \
             libpng-dev libavformat-dev libavcodec-dev libavutil-dev libwayland-dev libpipewire-0.3-dev libsystemd-dev \
             googletest libgtest-dev python3
-        # A cmake from elsewhere serves as well, when it is new enough.
+        # A new enough cmake from another source is sufficient.
         cmake --version 2>/dev/null | awk '/^cmake version/ { split($3, v, "."); found = v[1] * 1000 + v[2] >= 3025 }
             END { exit !found }' || echo cmake
         ;;

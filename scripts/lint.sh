@@ -56,7 +56,7 @@ doxygen cmake/Doxyfile >"$work/doxygen.log" 2>&1 || {
 }
 
 if [ -n "$tidied" ]; then
-    # Its own build folder: clang reads no precompiled headers of GCC and no files put together from many.
+    # A separate build folder without GCC's precompiled headers and without unity files, which clang-tidy cannot use.
     tidy=build/tidy
     cmake -S . -B "$tidy" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
         -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DBUILD_TESTING=OFF >"$work/configure.log" 2>&1 || {
