@@ -18,7 +18,7 @@
  *  - video_capenc_open, video_cap_open and audio_cap_open refuse if the capture, encoder or audio
  *    capture that they need is open.
  *  - A recording refuses a slot with a running module. It treats an open but unstarted slot as
- *    free; whatever was open there is lost.
+ *    free; modules open there are lost.
  *  - The SCREENRECORD_Init or startScreenRecord that initialises the library (the first of the
  *    process, or the first after SCREENRECORD_DeInit) empties both slots, even if something is open
  *    there.
@@ -65,7 +65,7 @@ SCREENRECORD_EXPORT uint32_t SCREENRECORD_Init(void)
 
 /**
  * Closes both slots and releases the modules that SCREENRECORD_Init initialised. The library is
- * uninitialised afterwards, whatever the result.
+ * uninitialised afterwards, regardless of the result.
  * @return 1 if both slots closed without an error; 0 otherwise, and if the library was not
  *     initialised
  */
@@ -240,8 +240,8 @@ typedef struct CapEnc_EsInfo {
     uint8_t bKeyFrame;
     /**
      * capture time, microseconds of the monotonic clock. A key frame has the time of the latest
-     * captured picture, which may be a later one: then the next frame has the same or an earlier
-     * time
+     * captured picture, which may be newer than the frame; the next frame then has the same or an
+     * earlier time
      */
     uint64_t u64Pts;
     /** bytes; 0 = no frame was ready, and the other fields are unchanged */
@@ -301,8 +301,8 @@ SCREENRECORD_EXPORT int32_t video_capenc_setBitRate(uint32_t u32BitRate);
 /**
  * Copies out and removes the oldest buffered frame: one whole access unit (ISO/IEC 14496-10, Annex
  * B byte stream). The first frame is a key frame, and each key frame begins with its parameter
- * sets. Never waits for a frame. At most three frames are buffered; a caller that falls
- * behind loses the frames up to the next key frame.
+ * sets. Never waits for a frame. At most three frames are buffered; a caller that falls behind
+ * loses the frames up to the next key frame.
  * @param buffer     receives the frame; not NULL
  * @param bufferSize bytes of `buffer`; video_capenc_getMaxEsSize() is always enough
  * @param info       not NULL; u64DataSize is 0 if no frame was ready
