@@ -9,11 +9,11 @@ namespace common {
  * to the encoder.
  */
 inline constexpr uint32_t greatest_bit_rate = 240'000'000;
-/** What a recording's writer can move with tables, headers and sound, in units of 1000 bit/s. */
+/** The limit of a recording's writer, with tables, headers and sound, in units of 1000 bit/s. */
 inline constexpr int recording_kilobits = 4500;
 /** Pictures per second. */
 inline constexpr uint32_t greatest_frame_rate = 120;
-/** Of x264's rate factor; the best is 0. */
+/** The greatest rate factor of x264; the best is 0. */
 inline constexpr uint32_t worst_quality = 51;
 
 } // namespace common

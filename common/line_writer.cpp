@@ -14,7 +14,7 @@ namespace common {
 
 namespace {
 
-/** How long a line is given to be written. */
+/** Longest wait for a line to be written. */
 constexpr std::chrono::milliseconds moment(100);
 
 void wait_for_room(int fd)

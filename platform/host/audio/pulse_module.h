@@ -79,9 +79,9 @@ struct PulseSourceInfo {
 };
 
 /**
- * What the module libzu3_pulse.so offers, the only thing that links libpulse. The library brings
- * two dozen others along, 3 MiB of memory and 2 ms of a program's start, which recordings without
- * sound and screenshots do without.
+ * The functions of the module libzu3_pulse.so. Only this module links libpulse, which needs two
+ * dozen libraries, 3 MiB of memory and 2 ms of a program's start. Recordings without sound and
+ * screenshots do not load it.
  */
 struct PulseModule {
     /** Null without memory. */

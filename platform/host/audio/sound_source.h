@@ -7,7 +7,7 @@
 
 namespace zu3host {
 
-/** Where a capture's sound comes from. Made when the capture starts, destroyed when it stops. */
+/** The source of a capture's sound. Created when the capture starts, destroyed when it stops. */
 class SoundSource {
 public:
     virtual ~SoundSource() = default;

@@ -57,7 +57,7 @@ public:
     bool release(uint32_t index);
     bool any_out();
 
-    /** Of a slot that is out. */
+    /** The memory of a taken slot. */
     uint8_t* picture(uint32_t index) const { return base_ + slot_bytes_ * (index - first_index_); }
     uint64_t phys(uint32_t index) const { return phys_ + slot_bytes_ * (index - first_index_); }
     Contents& contents(uint32_t index) { return contents_[index - first_index_]; }

@@ -16,8 +16,8 @@ struct FreeDeleter {
 template <typename T> using XcbOwned = std::unique_ptr<T, FreeDeleter>;
 
 /**
- * What a request came to: a reply, an error, or neither when the connection ended or the server
- * passed it over.
+ * The outcome of a request: a reply, an error, or neither if the connection ended or the server
+ * skipped it.
  */
 template <typename T> struct XcbAnswer {
     XcbOwned<T> reply;

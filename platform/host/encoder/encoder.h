@@ -89,7 +89,7 @@ private:
         size_t first_ = 0;
         size_t used_ = 0;
     };
-    /** What the thread does next. */
+    /** The next action of the thread. */
     struct Work {
         Picture picture;
         std::optional<EncoderRate> rate;

@@ -9,7 +9,7 @@
 
 namespace zu3host {
 
-/** How many bits the stream may have. */
+/** The rate control of the stream. */
 struct EncoderRate {
     /** constant quality under a ceiling instead of a rate */
     bool as_needed;

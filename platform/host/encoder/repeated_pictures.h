@@ -38,7 +38,7 @@ public:
     std::span<uint8_t> repeat();
 
 private:
-    /** Of a sequence parameter set, what slices depend on (clause 7.3.2.1.1). */
+    /** The fields of a sequence parameter set that slices depend on (clause 7.3.2.1.1). */
     struct Sequence {
         uint32_t id;
         unsigned frame_number_bits;

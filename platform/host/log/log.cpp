@@ -120,7 +120,7 @@ bool is_shown(int priority, const char* tag)
 
 /**
  * Puts the prefix before every line of a message; line breaks at the end add no empty lines.
- * Of control characters only those of the format pass, which the library colours some lines with.
+ * Escapes control characters, except those of the format, with which the library colors lines.
  */
 void put_lines(LineBuffer& out, std::string_view prefix, std::string_view message,
                std::string_view format)

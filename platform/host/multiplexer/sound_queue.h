@@ -28,7 +28,7 @@ public:
     size_t size() const { return used_; }
     void clear() { used_ = 0; }
 
-    /** Where the next frame's bytes go; the queue must not be full. */
+    /** The place for the next frame's bytes; the queue must not be full. */
     std::span<uint8_t> place()
     {
         return {data_.data() + index(used_) * greatest_frame, greatest_frame};

@@ -74,7 +74,7 @@ constexpr uint64_t picture_lead(bool constant_rate)
  */
 uint64_t start_of_streams();
 
-/** Of a stream whose first time reference is `start`. */
+/** A clock of a stream whose first time reference is `start`. */
 constexpr int64_t first_pts(uint64_t start, bool constant_rate)
 {
     return static_cast<int64_t>((start + picture_window + picture_lead(constant_rate)) / 300);

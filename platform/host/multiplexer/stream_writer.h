@@ -43,7 +43,7 @@ public:
     void set_program(uint16_t map_pid, const std::vector<ProgramStream>& streams);
     PacketStream& pictures() { return pictures_; }
     PacketStream& sound() { return sound_; }
-    /** How long before it is heard sound goes out, ticks of 27 MHz. */
+    /** Lead of sound before its presentation, ticks of 27 MHz. */
     void set_sound_lead(uint64_t ticks) { sound_lead_ = ticks; }
 
     /**

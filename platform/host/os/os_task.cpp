@@ -182,7 +182,7 @@ constexpr auto tasks = handle_table<Task, 1>;
 
 bool is_complete(const ZU_OS_TaskAttr_t& attributes)
 {
-    // Nothing starts a task later on, so that one which is not runnable at once would never run.
+    // A task that is not runnable at once would never run, since no call starts it later.
     return attributes.pfnEntry && attributes.bAutoStart == 1 &&
            attributes.u32StackSize <= greatest_stack_bytes;
 }

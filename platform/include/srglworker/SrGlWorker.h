@@ -67,7 +67,7 @@ public:
     uint32_t u32Stride = 0;
     /** byte of the memory where the first line starts */
     uint32_t u32Offset = 0;
-    /** 0 (invisible) to 255 (as the picture's alpha says); more counts as 255 */
+    /** 0 (invisible) to 255 (the picture's alpha unchanged); more counts as 255 */
     uint32_t u32Opacity = 0;
     uint32_t au32Reserved[3] = {0, 0, 0};
 

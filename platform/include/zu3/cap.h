@@ -111,7 +111,7 @@ typedef struct {
     ZU_CAP_Callback pfnCallback;
     /** 1 = captured pictures */
     u32 u32EventMask;
-    /** handed to the callback as it stands */
+    /** passed to the callback unchanged */
     void* pUserData;
     /** 0 */
     u32 u32Reserved;

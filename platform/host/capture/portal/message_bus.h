@@ -23,7 +23,7 @@ public:
     sd_bus_message* message() const { return message_.get(); }
     /** Whether it is an answer, not an error. */
     explicit operator bool() const;
-    /** Of an error, such as "org.freedesktop.DBus.Error.ServiceUnknown"; empty if there is none. */
+    /** The name of an error, such as "org.freedesktop.DBus.Error.ServiceUnknown"; empty if there is none. */
     std::string error_name() const;
     /** The text of the error; may be empty. */
     std::string error_text() const;

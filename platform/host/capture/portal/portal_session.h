@@ -63,7 +63,7 @@ public:
     static constexpr MessageBus::Milliseconds user_patience = std::chrono::minutes(2);
 
 private:
-    /** Of a request; the message is read up to its results. */
+    /** The response to a request; the message is read up to its results. */
     struct Response {
         uint32_t code;
         BusAnswer message;
