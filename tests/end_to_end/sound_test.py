@@ -255,7 +255,7 @@ class ChosenSound(ShortEndToEndTest):
         wait_until(lambda: has(1000), "the microphone")
         self.run_program("pactl", "unload-module", self.microphone)
         wait_until(lambda: has(0), "silence without a microphone")
-        wait_until(lambda: "no sound of a microphone" in raw.errors(), "word of it")
+        wait_until(lambda: "not offer the sound of a microphone" in raw.errors(), "a warning")
         self.plug_in()
         wait_until(lambda: has(1000), "the microphone again")
         self.assert_stops(raw)
