@@ -80,7 +80,7 @@ class Control(ShortEndToEndTest):
         self.assertEqual(len(os.listdir(self.sockets)), 2)
         self.control("stop")
         self.assert_exit(second, 0)
-        self.assertIn("no recorder", self.control("stop", code=1))
+        self.assertIn("no running recorder", self.control("stop", code=1))
         self.assertEqual(os.listdir(self.sockets), [])
 
     def test_hostile_peers(self):
