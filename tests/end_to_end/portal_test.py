@@ -105,7 +105,7 @@ class Portal(PortalTest, EndToEndTest):
         return max(abs(a - b) for a, b in zip(pixel, colour)) < 60
 
     def test_window(self):
-        # Catches a window with what lies around it, of a wrong size or place, and one that is closed and still recorded.
+        # Catches a window with its surroundings, of a wrong size or place, and one still recorded after its close.
         self.screen.close()
         window = self.start("wayland_screen", "--window", "--fps", 20)
         window.first_line()

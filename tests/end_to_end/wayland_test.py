@@ -203,7 +203,8 @@ class Monitors(UnmeasuredEndToEndTest):
 
     def test_is_not_there(self):
         # Catches an output that is passed over for another one, and a list that marks the wrong one.
-        for options, said in ((("--monitor", "DP-9"), "no monitor DP-9; the Wayland session has HEADLESS-1, HEADLESS-2"),
+        for options, said in ((("--monitor", "DP-9"),
+                               "no monitor DP-9; the Wayland session has HEADLESS-1, HEADLESS-2"),
                               (("--monitor", "primary"), "no primary monitor"),
                               (("--monitor", "HEADLESS-2", "--display", "portal"), "dialog chooses the screen"),
                               (("--monitor", "HEADLESS-2", "--region", "64x64+608+0"), "outside of the screen"),
@@ -230,7 +231,8 @@ class Pointer(UnmeasuredEndToEndTest):
         outer = self.start_session()
         folder = pathlib.Path(self.environment["XDG_RUNTIME_DIR"])
         self.run_program("swaymsg", "seat * hide_cursor 0")
-        (folder / "inner").write_text("xwayland disable\ndefault_border none\noutput WL-1 resolution 656x608\n", "ascii")
+        (folder / "inner").write_text("xwayland disable\ndefault_border none\noutput WL-1 resolution 656x608\n",
+                                      "ascii")
         self.start("sway", "-c", folder / "inner", user=65534, group=65534, extra_groups=[], environment={
             "WLR_BACKENDS": "wayland", "WLR_RENDERER": "pixman", "HOME": str(folder), "SWAYSOCK": ""})
         wait_until(lambda: (folder / "wayland-2").exists(), "the inner session")
