@@ -60,7 +60,7 @@ class Control(ShortEndToEndTest):
         self.control("resume")
         wait_until(lambda: json.loads(self.control("status"))["frames"] > paused["frames"] + 10, "frames again")
         self.assertIn("a stream accepts pause, resume, status and stop", self.control("save", code=1))
-        recording = self.record("beside.mp4")
+        recording = self.record("beside_stream.mp4")
         said = self.control("status", code=2)
         self.assertIn(str(stream.process.pid), said)
         self.assertIn(str(recording.process.pid), said)
