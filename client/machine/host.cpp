@@ -149,6 +149,13 @@ bool want_bit_rate(uint32_t rate)
     return want;
 }
 
+uint64_t due_time_of_frame(uint64_t pts_us)
+{
+    static const auto time = find<decltype(zu3_host_due_time)>("zu3_host_due_time");
+    const uint64_t due = time ? time(pts_us) : 0;
+    return due != 0 ? due : pts_us;
+}
+
 uint64_t time_of_sound()
 {
     static const auto time = find<decltype(zu3_host_sound_time)>("zu3_host_sound_time");

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <zu3_host/due_time.h>
 #include <zu3_host/exact_size.h>
 #include <zu3_host/frame_event.h>
 #include <zu3_host/log_listener.h>
@@ -64,6 +65,12 @@ bool want_quality(uint32_t quality, uint32_t ceiling);
  * @return false if the platform does not offer it
  */
 bool want_bit_rate(uint32_t rate);
+
+/**
+ * When the picture of a frame with this time stamp was due (due_time.h); the time stamp itself if
+ * the platform does not tell.
+ */
+uint64_t due_time_of_frame(uint64_t pts_us);
 
 /** When the first sample of the last read was heard (sound_time.h); 0 = unknown. */
 uint64_t time_of_sound();

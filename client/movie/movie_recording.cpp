@@ -63,7 +63,7 @@ void MovieRecording::write(uint64_t at, std::span<const uint8_t> bytes)
 
 void MovieRecording::put_frame(const EncodedFrame& frame)
 {
-    if (resumed_us_ && frame.pts_us > *resumed_us_) {
+    if (resumed_us_ && frame.captured_us > *resumed_us_) {
         resumed_us_.reset();
         end_stretch();
     }

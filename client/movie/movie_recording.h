@@ -27,7 +27,7 @@ public:
     void put_frame(const EncodedFrame& frame);
     /** @param time_us when the first of the samples was heard */
     void put_sound(uint64_t time_us, std::span<const int16_t> samples);
-    /** Frames after this time follow the earlier ones without a gap, and so does sound. */
+    /** Frames captured after this time follow the earlier ones without a gap, and so does sound. */
     void resume_at(uint64_t time_us) { resumed_us_ = time_us; }
     /** Whether there is sound for all frames. */
     bool has_sound_for_all() const;

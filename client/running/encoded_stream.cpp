@@ -126,8 +126,9 @@ bool EncodedStream::take(EncodedFrame& frame)
     if (video_capenc_getES(buffer_.data(), buffer_.size(), &info) != 0 || info.u64DataSize == 0)
         return false;
     frame = {.bytes = {buffer_.data(), info.u64DataSize},
-             .pts_us = info.u64Pts,
-             .key = info.bKeyFrame != 0};
+             .pts_us = due_time_of_frame(info.u64Pts),
+             .key = info.bKeyFrame != 0,
+             .captured_us = info.u64Pts};
     return true;
 }
 

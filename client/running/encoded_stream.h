@@ -43,9 +43,11 @@ uint32_t sensible_bit_rate(Size size, uint32_t fps);
 /** One frame of the library; its bytes are valid until the next take(). */
 struct EncodedFrame {
     std::span<const uint8_t> bytes;
-    /** of the monotonic clock */
+    /** when its picture was due, on the monotonic clock; of a key frame perhaps a later picture */
     uint64_t pts_us = 0;
     bool key = false;
+    /** when its picture was captured */
+    uint64_t captured_us = 0;
 };
 
 /** The library's capture-encode pipeline, from its opening to its close. */

@@ -1,5 +1,6 @@
 // What the encoder puts out: form, key frames, profile and rate; other tests look at the pictures.
 #include "encoder_fixture.h"
+#include "zu3_host/due_time.h"
 
 using namespace zu3host;
 
@@ -38,12 +39,15 @@ TEST(EncoderStream, HasKeyFramesWhereDueAndGivesValuesBack)
         EXPECT_EQ(units.back().first == 5, frame.key);
         EXPECT_EQ(frame.pts, number * 1000u);
         EXPECT_EQ(frame.time_in_callback, number * (number >= 3 ? 900u : 1000u));
+        EXPECT_EQ(zu3_host_due_time(frame.pts), frame.time_in_callback);
         EXPECT_EQ(frame.index, frame.key ? UINT32_MAX : number % 16);
     }
     // the first, the one asked for, and one within two seconds of that
     ASSERT_EQ(keys.size(), 3u);
     EXPECT_EQ(keys[0] * 10 + keys[1], 14u);
     EXPECT_FALSE(encoded_picture_in_callback());
+    EXPECT_EQ(zu3_host_due_time(2000), 0u);
+    EXPECT_EQ(zu3_host_due_time(3000), 2700u);
 }
 
 // Catches a warning of x264's, or a lost key frame, if one is requested just where it is due.

@@ -3,6 +3,7 @@
 #include "base/border.h"
 #include "base/host_log.h"
 #include "base/threads.h"
+#include "picture/due_times.h"
 #include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
 
@@ -197,6 +198,7 @@ uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputB
         return accepting() ? ZU_BUSY : ZU_FAILURE;
     }
     queue_.push(picture);
+    note_due_time(picture.pts, picture.time);
     return ZU_OK;
 }
 

@@ -134,7 +134,7 @@ private:
     // of the picture that x264 has encoded last; on the thread only
     uint64_t encoded_serial_ = 0;
 
-    // guards all below; a leaf but for the picture leases and the block table
+    // guards all below; a leaf but for the picture leases, the due times and the block table
     std::mutex mutex_;
     std::condition_variable changed_;
     State state_ = State::opened;
