@@ -9,15 +9,16 @@
 #include <vector>
 
 /**
- * Full-screen scenes that are not typical of a desktop: a pan over photographs, film with grain and
- * cuts, a film with text over it, a game, a fractal and an automaton. Drawn without a display, and
- * identical on every machine.
+ * Full-screen scenes that are not typical of a desktop: a pan over photographs, photographs that
+ * move as a whole by whole pixels, film with grain and cuts, a film with text over it, a game, a
+ * fractal and an automaton. Drawn without a display, and identical on every machine.
  */
 class ContentScene {
 public:
     static constexpr int width = 1280;
     static constexpr int height = 720;
-    static constexpr std::array names{"pan", "grain", "film", "game", "fractal", "automaton"};
+    static constexpr std::array names{"pan",  "motion",  "grain",    "film",
+                                      "game", "fractal", "automaton"};
 
     explicit ContentScene(std::string name) : name_(std::move(name)), pixels_(width * height)
     {
@@ -33,6 +34,8 @@ public:
     {
         if (name_ == "pan")
             photograph(200 + 0.37 * number, 150 + 0.11 * number, 1);
+        else if (name_ == "motion")
+            photograph(5.0 * number, 3.0 * number, 1);
         else if (name_ == "grain")
             film_with_grain(number);
         else if (name_ == "film")
