@@ -87,9 +87,8 @@ struct Opened {
 
 std::string refusal_by_wayland(const common::ScreenPart& part)
 {
-    return part.window ? "windows can be chosen by number on X11 only, because Wayland has no "
-                         "numbers of windows; the desktop portal's dialog (ZU3_DISPLAY=portal) "
-                         "offers windows"
+    return part.window ? "windows have numbers on X11 only; in a Wayland session the desktop "
+                         "portal's dialog (ZU3_DISPLAY=portal) offers windows"
                        : "";
 }
 
