@@ -84,7 +84,7 @@ u32 _SCREENRECORD_VencCbHandler(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t
     if (_SCREENRECORD_Handle2SlotId(guard, &u32SlotId) != ZU_OK)
         return ZU_FAILURE;
     SCREENRECORD_TaskCtrl_s* pstVenc = _SCREENRECORD_TaskOf(u32SlotId, E_SCREENRECORD_MODULE_VENC);
-    // not checked: there is one encoder thread, so the frame may proceed without the mutex
+    // not checked: there is one frame at a time, so it may proceed without the mutex
     const MiddlewareLock lock(pstVenc->s32MutexId);
 
     if (const auto answer = _SCREENRECORD_CheckEncodedFrame(u32Event, *pstFrame, pstVenc))

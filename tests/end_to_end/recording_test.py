@@ -1,7 +1,9 @@
 """Recordings into transport-stream files by the client's record command."""
 
+import collections
 import contextlib
 import os
+import pathlib
 import random
 import resource
 import signal
@@ -40,6 +42,31 @@ class TenSeconds(EndToEndTest):
         self.assertEqual(numbers, sorted(numbers))
         self.assertGreater(len(set(numbers)), 280, numbers)
         self.assertTrue(570 <= numbers[-1] - numbers[0] <= 620, numbers)
+
+
+class StillScreen(EndToEndTest):
+    def test_lets_the_machine_sleep(self):
+        # Catches a thread that wakes up for a picture without a change, beside the one that knows when it is due.
+        self.start_display("640x352")
+        self.start_screen("--static")
+        recorder = self.client("record", "-r", "30", "-t", "6", "-o", "still.ts", "--no-audio")
+        wait_until(lambda: "zu3 capture" in self.sleeps(recorder.process), "the capture's thread")
+        pass_time(1.5)
+        before = self.sleeps(recorder.process)
+        pass_time(3)
+        sleeps = {name: count - before[name] for name, count in self.sleeps(recorder.process).items()}
+        self.assertGreater(sleeps["zu3 capture"], 3 * 15, sleeps)
+        self.assertLess(sum(sleeps.values()), 3 * 30 * 2, sleeps)
+        self.assert_exit(recorder, 0)
+
+    @staticmethod
+    def sleeps(process):
+        """How often the threads of each name have gone to sleep."""
+        found = collections.Counter()
+        for path in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
+            status = dict(line.split(":\t", 1) for line in (path / "status").read_text("ascii").splitlines() if ":\t" in line)
+            found[status["Name"]] += int(status["voluntary_ctxt_switches"])
+        return found
 
 
 class Sizes(EndToEndTest):

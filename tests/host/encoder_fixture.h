@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace zu3host {
@@ -24,6 +25,7 @@ struct Frame {
     uint64_t pts;
     uint32_t index;
     std::optional<uint64_t> time_in_callback;
+    std::thread::id thread;
 };
 
 /** Keeps what the encoder's callback gets; can hold a callback back. */
@@ -37,7 +39,8 @@ public:
             const std::lock_guard lock(self.mutex_);
             self.frames.push_back({Bytes(frame->pu8Data, frame->pu8Data + frame->u32DataSize),
                                    frame->u8FrameType == 0xFF, frame->u64Pts, frame->u32InBufIndex,
-                                   encoded_picture_in_callback()->time_us});
+                                   encoded_picture_in_callback()->time_us,
+                                   std::this_thread::get_id()});
         }
         self.held_ = self.blocked_.load();
         self.blocked_.wait(true);

@@ -9,6 +9,7 @@
 #include <future>
 #include <malloc.h>
 #include <set>
+#include <utility>
 
 using namespace zu3host;
 
@@ -314,6 +315,39 @@ TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
     EXPECT_LT(size(1), 40u);
     for (const size_t changed : {2, 3, 4})
         EXPECT_GT(size(changed), 80u) << changed;
+}
+
+// Catches a repetition for which a thread wakes up, one that is lost, and one that comes after a stop.
+TEST(EncoderLending, LeavesARepetitionToTheCapture)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    PictureInFlight picture = picture_of(pool, *pool->acquire());
+    picture.serial = 1;
+    TestEncoder encoder(params_of(64, 64));
+    encoder.start();
+    Receiver& receiver = encoder.receiver;
+    size_t frames = 0;
+    const auto feed_until_left = [&] {
+        std::shared_ptr<AfterCallback> left;
+        EXPECT_TRUE(wait_until([&] {
+            const PictureInCallback in_callback(picture);
+            EXPECT_EQ(encoder.feed(1), ZU_OK);
+            left = std::exchange(picture.afterwards, nullptr);
+            return left || !receiver.wait_for_frames(++frames);
+        }));
+        EXPECT_EQ(receiver.frame_count(), frames);
+        return left;
+    };
+    auto left = feed_until_left();
+    ASSERT_TRUE(left);
+    left->after_callback();
+    ASSERT_EQ(receiver.frame_count(), ++frames);
+    EXPECT_EQ(receiver.frames.back().thread, std::this_thread::get_id());
+    left = feed_until_left();
+    ASSERT_TRUE(left);
+    encoder.stop();
+    left->after_callback();
+    EXPECT_EQ(receiver.frame_count(), frames);
 }
 
 // Catches changed parts that do not reach x264, or of another picture than the last: here a change

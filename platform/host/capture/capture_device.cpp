@@ -345,11 +345,13 @@ void CaptureDevice::deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Ti
     picture.memory = run.pool;
     picture.serial = contents.serial;
     picture.changed = {contents.since, contents.changed.parts()};
-    const PictureInCallback in_callback(picture);
-    at_border("The callback with a picture", [&] {
+    at_border("The callback with a picture", u32{0}, [&] {
+        const PictureInCallback in_callback(picture);
         return listener.call(static_cast<s32>(handle), picture_event, &frame, listener.user);
     });
     contents.drawn_on = picture.drawn_on;
+    if (picture.afterwards)
+        picture.afterwards->after_callback();
 }
 
 } // namespace zu3host

@@ -87,7 +87,7 @@ uint32_t Encoder::start(uint32_t handle)
     ++session_;
     key_due_ = true;
     state_ = State::running;
-    changed_.notify_all();
+    work_.notify_one();
     return ZU_OK;
 }
 
@@ -98,9 +98,9 @@ void Encoder::stop()
         state_ = State::draining;
         changed_.notify_all();
     }
-    if (state_ == State::draining && std::this_thread::get_id() != thread_id_)
+    if (state_ == State::draining && !in_callback())
         wait_patiently(changed_, lock, time_to_drain,
-                       [this] { return state_ != State::draining || (queue_.empty() && !busy_); });
+                       [this] { return state_ != State::draining || (queue_.empty() && !busy()); });
     if (state_ != State::draining && state_ != State::opened)
         return;
     state_ = State::stopped;
@@ -110,15 +110,19 @@ void Encoder::stop()
 
 uint32_t Encoder::close()
 {
-    if (std::this_thread::get_id() == thread_id_) {
-        HOST_LOGE("An encoder cannot be closed in its own callback");
-        return ZU_FAILURE;
+    {
+        const std::lock_guard lock(mutex_);
+        if (in_callback()) {
+            HOST_LOGE("An encoder cannot be closed in its own callback");
+            return ZU_FAILURE;
+        }
     }
     stop();
     {
-        const std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         state_ = State::closed;
-        changed_.notify_all();
+        work_.notify_one();
+        changed_.wait(lock, [this] { return !busy(); });
     }
     const std::lock_guard lock(close_mutex_);
     if (thread_.joinable())
@@ -144,16 +148,16 @@ uint32_t Encoder::lend(ZU_VENC_InputBuffer_t& buffer)
 
 void Encoder::wait_until_warm(std::unique_lock<std::mutex>& lock)
 {
-    if (std::this_thread::get_id() != thread_id_)
+    if (!in_callback())
         wait_patiently(changed_, lock, time_to_get_warm, [this] {
-            return state_ != State::running || cold_pictures_ == 0 || (queue_.empty() && !busy_);
+            return state_ != State::running || cold_pictures_ == 0 || (queue_.empty() && !busy());
         });
 }
 
 template <typename HasRoom>
 void Encoder::wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room)
 {
-    if (std::this_thread::get_id() != thread_id_)
+    if (!in_callback())
         wait_patiently(changed_, lock, time_to_make_room,
                        [&] { return !accepting() || has_room(); });
 }
@@ -166,8 +170,38 @@ uint32_t Encoder::accept(const ZU_VENC_InputBuffer_t& buffer)
         count_lost_picture(counters().pictures_refused);
         return result;
     }
-    changed_.notify_all();
+    const bool left = leave_to_capture();
+    lock.unlock();
+    if (!left)
+        work_.notify_one();
     return ZU_OK;
+}
+
+bool Encoder::leave_to_capture()
+{
+    const PictureInFlight* const captured = captured_picture_in_callback();
+    if (!captured || busy() || state_ != State::running || key_due_ || new_rate_ ||
+        queue_.size() != 1)
+        return false;
+    const Picture& picture = queue_.front();
+    const ChangedRectangles changed = changed_in(picture);
+    if (picture.as_key || !changed || !changed->empty() || !x264_->would_repeat())
+        return false;
+    captured->afterwards = shared_from_this();
+    left_to_capture_ = true;
+    return true;
+}
+
+void Encoder::after_callback()
+{
+    std::unique_lock lock(mutex_);
+    left_to_capture_ = false;
+    if (has_work()) {
+        const Work work = take_work();
+        lock.unlock();
+        perform(work);
+        finish();
+    }
 }
 
 uint32_t Encoder::admit(std::unique_lock<std::mutex>& lock, const ZU_VENC_InputBuffer_t& buffer)
@@ -268,32 +302,51 @@ std::shared_ptr<Encoder> Encoder::open(const ZU_VENC_OpenParams_t& params)
         return nullptr;
     std::shared_ptr<Encoder> encoder(new Encoder(params, *settings, std::move(x264)));
     encoder->thread_ = start_thread("encoder", [self = encoder.get()] { self->run(); });
-    encoder->thread_id_ = encoder->thread_.get_id();
     return encoder;
 }
 
 void Encoder::run()
 {
-    while (const auto work = next_work())
-        if (const auto unit = encode(*work))
-            deliver(*work, *unit);
+    while (const auto work = next_work()) {
+        perform(*work);
+        finish();
+    }
+}
+
+void Encoder::perform(const Work& work)
+{
+    if (const auto unit = encode(work))
+        deliver(work, *unit);
+}
+
+void Encoder::finish()
+{
+    const std::lock_guard lock(mutex_);
+    busy_ = {};
+    changed_.notify_all();
+    if (has_work())
+        work_.notify_one();
+}
+
+bool Encoder::has_work() const
+{
+    const bool encoding = state_ == State::running || state_ == State::draining;
+    return encoding && !queue_.empty() && !busy() && !left_to_capture_;
+}
+
+Encoder::Work Encoder::take_work()
+{
+    busy_ = std::this_thread::get_id();
+    Work work{queue_.pop(), std::exchange(new_rate_, std::nullopt), session_, handle_};
+    work.picture.as_key |= std::exchange(key_due_, false);
+    return work;
 }
 
 std::optional<Encoder::Work> Encoder::next_work()
 {
     std::unique_lock lock(mutex_);
-    busy_ = false;
-    changed_.notify_all();
-    changed_.wait(lock, [this] {
-        const bool encoding = state_ == State::running || state_ == State::draining;
-        return state_ == State::closed || (encoding && !queue_.empty());
-    });
-    if (state_ == State::closed)
-        return std::nullopt;
-    busy_ = true;
-    Work work{queue_.pop(), std::exchange(new_rate_, std::nullopt), session_, handle_};
-    work.picture.as_key |= std::exchange(key_due_, false);
-    return work;
+    work_.wait(lock, [this] { return state_ == State::closed || has_work(); });
+    return state_ == State::closed ? std::nullopt : std::optional(take_work());
 }
 
 ChangedRectangles Encoder::changed_in(const Picture& picture) const

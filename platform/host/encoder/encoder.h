@@ -18,11 +18,12 @@ namespace zu3host {
 
 /**
  * An open encoder: accepts pictures on any thread, encodes them on its own and calls back there
- * with the frames. It never blocks on its producer; a producer blocks briefly when the queue is
- * full, since a refusal costs a capture several pictures, and is refused then. Any thread may make
- * every call, also within the callback, except close(). Results are ZU_* codes.
+ * with the frames; a captured picture that repeats the last one, on the capture's thread. It never
+ * blocks on its producer; a producer blocks briefly when the queue is full, since a refusal costs a
+ * capture several pictures, and is refused then. Any thread may make every call, also within the
+ * callback, except close(). Results are ZU_* codes.
  */
-class Encoder {
+class Encoder final : public AfterCallback, public std::enable_shared_from_this<Encoder> {
 public:
     /** Opens x264 and starts the thread; null when either fails, which is logged. */
     static std::shared_ptr<Encoder> open(const ZU_VENC_OpenParams_t& params);
@@ -40,8 +41,8 @@ public:
      */
     void stop();
     /**
-     * Stops, and joins the thread, which waits for a callback that is running. ZU_FAILURE within
-     * the callback itself.
+     * Stops, joins the thread, and waits for a callback that is running. ZU_FAILURE within a
+     * callback with a frame.
      */
     uint32_t close();
 
@@ -61,6 +62,8 @@ public:
     uint32_t offer_inject_region(ZU_VENC_EntireInjectBuf_t& region);
     /** From the next picture on; `bitrate` in units of 1024 bit/s, not 0. */
     uint32_t set_bitrate(uint32_t bitrate);
+    /** Encodes the picture that was left to this thread. */
+    void after_callback() override;
 
 private:
     struct Picture {
@@ -81,6 +84,7 @@ private:
         bool empty() const { return used_ == 0; }
         bool full() const { return used_ == capacity; }
         size_t size() const { return used_; }
+        const Picture& front() const { return pictures_[first_]; }
         void push(const Picture& picture) { pictures_[(first_ + used_++) % capacity] = picture; }
         Picture pop();
 
@@ -89,7 +93,7 @@ private:
         size_t first_ = 0;
         size_t used_ = 0;
     };
-    /** The next action of the thread. */
+    /** A picture to be encoded, with all that applies to it. */
     struct Work {
         Picture picture;
         std::optional<EncoderRate> rate;
@@ -114,13 +118,21 @@ private:
      */
     template <typename HasRoom>
     void wait_for_room(std::unique_lock<std::mutex>& lock, HasRoom has_room);
+    bool busy() const { return busy_ != std::thread::id(); }
+    bool in_callback() const { return busy_ == std::this_thread::get_id(); }
     bool accepting() const { return state_ == State::opened || state_ == State::running; }
     bool address_is_known(const ZU_VENC_InputBuffer_t& buffer);
     void give_back(const Picture& picture);
     void drop_queue();
 
+    bool leave_to_capture();
+    bool has_work() const;
+    /** Marks the encoder as busy until finish(). */
+    Work take_work();
+    void finish();
     void run();
     std::optional<Work> next_work();
+    void perform(const Work& work);
     ChangedRectangles changed_in(const Picture& picture) const;
     std::optional<AccessUnit> encode(const Work& work);
     void deliver(const Work& work, const AccessUnit& unit);
@@ -129,20 +141,25 @@ private:
     const ZU_VENC_Callback callback_;
     void* const user_data_;
     const EncoderSettings settings_;
-    // used on the thread only
+    // used by the thread that made the encoder busy, or else under the mutex
     const std::unique_ptr<X264Encoder> x264_;
-    // of the picture that x264 has encoded last; on the thread only
+    // of the picture that x264 has encoded last; used like x264_
     uint64_t encoded_serial_ = 0;
 
     // guards all below; a leaf but for the picture leases, the due times and the block table
     std::mutex mutex_;
+    // for those that wait for the encoder
     std::condition_variable changed_;
+    // for its thread
+    std::condition_variable work_;
     State state_ = State::opened;
     uint32_t handle_ = 0;
     // counts starts, so that a frame of an earlier start is not delivered in a later one
     uint32_t session_ = 0;
-    // the thread is between a picture and the end of its callback
-    bool busy_ = false;
+    // the thread that is between a picture and the end of its callback
+    std::thread::id busy_;
+    // the first picture in the queue is the capture's thread to encode
+    bool left_to_capture_ = false;
     // still to be encoded until it is warm
     uint32_t cold_pictures_ = 4;
     bool key_due_ = true;
@@ -154,8 +171,6 @@ private:
     Queue queue_;
 
     std::optional<OpenEncoderSize> size_while_open_;
-    // set before any other thread knows the encoder
-    std::thread::id thread_id_;
     // held while joining
     std::mutex close_mutex_;
     std::thread thread_;

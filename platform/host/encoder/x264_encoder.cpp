@@ -162,6 +162,13 @@ bool X264Encoder::may_repeat() const
            pictures_since_key_ < pictures_between_keys_ * (puts_off ? distances_while_still : 1);
 }
 
+// A film may turn into a screen with any picture.
+bool X264Encoder::would_repeat() const
+{
+    return encoder_ && content_ == Content::screens &&
+           under_process_ceiling(settings_.rate) == applied_ && may_repeat();
+}
+
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)
 {
     const bool equal = unchanged && unit.size == last_size_;

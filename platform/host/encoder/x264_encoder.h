@@ -38,6 +38,8 @@ public:
      * left to refine, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
+    /** Whether an unchanged picture that need not be a key frame is written without x264. */
+    bool would_repeat() const;
     /**
      * Does not put off the next key frame. Call it if the last unit belongs to a live stream, which
      * readers join at key frames, or is missing in its stream, which it damages up to the next one.

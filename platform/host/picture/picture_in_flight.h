@@ -14,6 +14,15 @@
 
 namespace zu3host {
 
+/** What a callback leaves to the thread that made it. */
+class AfterCallback {
+public:
+    virtual void after_callback() = 0;
+
+protected:
+    ~AfterCallback() = default;
+};
+
 /** The picture in a callback of the contract: captured by the capture, encoded by the encoder. */
 struct PictureInFlight {
     enum class Stage { captured, encoded };
@@ -40,6 +49,11 @@ struct PictureInFlight {
     mutable bool drawn_on = false;
     /** A multiplexer stored the whole access unit in the callback. */
     mutable bool multiplexed = false;
+    /**
+     * Set by the encoder for a picture that takes less time than another thread needs to wake up.
+     * The capture calls it after the callback, as a callback of no picture.
+     */
+    mutable std::shared_ptr<AfterCallback> afterwards{};
 };
 
 /** While it lives, this thread is in a callback with `picture`, which it refers to. Do not nest. */

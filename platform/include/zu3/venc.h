@@ -77,8 +77,8 @@ ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u64Pts, 16);
 ZU_ASSERT_DEVICE_OFFSET(ZU_VENC_FrameInfo_t, u32InBufIndex, 24);
 
 /**
- * Called once per encoded frame on the encoder's thread; a result other than 0 is the callee's own
- * report.
+ * Called once per encoded frame, one call at a time, on the encoder's thread, or on the capture's
+ * behind the callback with that picture; a result other than 0 is the callee's own report.
  */
 typedef u32 (*ZU_VENC_Callback)(s32 s32Handle, u32 u32Event, ZU_VENC_FrameInfo_t* pstFrame,
                                 void* pUserData);
