@@ -20,6 +20,7 @@ class Display:
         command = screen if screen[0] == "bench_office" else ["moving_screen", *screen]
         self.screen = subprocess.Popen([f"{programs}/{command[0]}", *command[1:]], stdout=subprocess.PIPE)
         self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
+        self.drawing = None
 
     def __enter__(self):
         return self
@@ -36,6 +37,12 @@ class Display:
             with open(path, encoding="ascii") as file:
                 total += int(file.read().split()[0])
         return total / 1e9
+
+    def measure_drawing(self, seconds):
+        """What the server's CPU spends on the screen's own program, per second; needs as long, without a recorder."""
+        before = self.cpu_seconds()
+        time.sleep(seconds)
+        self.drawing = (self.cpu_seconds() - before) / seconds
 
 
 class Session(Display):
@@ -79,7 +86,7 @@ class BusyLoops:
 
 def record(command, environment, path, display, end_after=None):
     """Runs one recorder to its end, or to SIGINT. Returns its cost; raises an exception if it failed."""
-    server = display.cpu_seconds()
+    server, start = display.cpu_seconds(), time.monotonic()
     process = subprocess.Popen(command, env={**os.environ, **environment}, stdout=subprocess.DEVNULL)
     if end_after:
         time.sleep(end_after)
@@ -88,10 +95,15 @@ def record(command, environment, path, display, end_after=None):
     process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode not in (0, 255 if end_after else 0):
         raise RuntimeError(f"{command[0]} failed with status {process.returncode}")
+    server, duration = display.cpu_seconds() - server, time.monotonic() - start
     times = packet_times(path)
-    return {"cpu": usage.ru_utime + usage.ru_stime, "memory": usage.ru_maxrss / 1024,
-            "server": display.cpu_seconds() - server, "size": os.path.getsize(path) / 1024, "frames": len(times),
-            "fps": (len(times) - 1) / (times[-1] - times[0]) if len(times) > 1 and times[-1] > times[0] else 0}
+    found = {"cpu": usage.ru_utime + usage.ru_stime, "memory": usage.ru_maxrss / 1024,
+             "server": server, "size": os.path.getsize(path) / 1024, "frames": len(times),
+             "fps": (len(times) - 1) / (times[-1] - times[0]) if len(times) > 1 and times[-1] > times[0] else 0}
+    found["cpu_per_frame"] = 1000 * found["cpu"] / max(len(times), 1)
+    if display.drawing is not None:
+        found["fetching"] = server - display.drawing * duration
+    return found
 
 
 def packet_times(path):
