@@ -180,8 +180,8 @@ uint32_t Encoder::accept(const ZU_VENC_InputBuffer_t& buffer)
 bool Encoder::leave_to_capture()
 {
     const PictureInFlight* const captured = captured_picture_in_callback();
-    if (!captured || busy() || state_ != State::running || key_due_ || new_rate_ ||
-        queue_.size() != 1)
+    if (!captured || captured->afterwards || busy() || state_ != State::running || key_due_ ||
+        new_rate_ || queue_.size() != 1)
         return false;
     const Picture& picture = queue_.front();
     const ChangedRectangles changed = changed_in(picture);
