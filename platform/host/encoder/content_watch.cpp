@@ -13,6 +13,9 @@ constexpr double most_of_screens = 0.15;
 constexpr double pictures_of_screens = 8;
 constexpr double pictures_of_film = 64;
 
+// Pictures whose content is not found in the one before. A screen has one when its page changes.
+constexpr uint32_t jumps_of_film = 2;
+
 } // namespace
 
 void ContentWatch::note(MacroblockCounts counts)
@@ -44,20 +47,20 @@ bool ContentWatch::is_film(const uint8_t* luma)
 {
     if (busy_ <= least_of_film) {
         motion_.forget();
+        jumps_ = 0;
         return false;
     }
-    if (!motion_.remembers()) {
-        motion_.remember(luma);
-        return false;
-    }
-    const PixelMotion::Finding finding = motion_.compare(luma);
-    if (finding == PixelMotion::Finding::nothing)
-        return false;
-    motion_.forget();
-    // compared again after as many busy pictures
-    if (finding == PixelMotion::Finding::whole_pixels)
+    const PixelMotion::Finding finding =
+        motion_.remembers() ? motion_.compare(luma) : PixelMotion::Finding::nothing;
+    if (finding == PixelMotion::Finding::whole_pixels) {
+        // compared again after as many busy pictures
         busy_ = 0;
-    return finding == PixelMotion::Finding::other;
+        return false;
+    }
+    if (finding == PixelMotion::Finding::other)
+        ++jumps_;
+    motion_.remember(luma);
+    return jumps_ == jumps_of_film;
 }
 
 } // namespace zu3host

@@ -46,6 +46,8 @@ private:
     const uint32_t frame_rate_;
     // once x264 has skipped few macroblocks, remembers the first of two pictures to compare
     PixelMotion motion_;
+    // pictures whose content was not found in the one before
+    uint32_t jumps_ = 0;
     Content content_ = Content::screens;
     // share of macroblocks that were not skipped, over the last pictures
     double busy_ = 0;
