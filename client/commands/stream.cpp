@@ -216,7 +216,7 @@ private:
         throw Failure("the picture of the previous watermark is still being read");
     }
     void carry_out(const control::Save&) { throw Failure("a stream keeps nothing to save"); }
-    static void carry_out(const control::Status&) {} // has an answer instead
+    void carry_out(const control::Status&) {} // has an answer instead
     void carry_out(const control::Stop&) { ended_ = true; }
     void carry_out(const control::BitRate& rate)
     {
