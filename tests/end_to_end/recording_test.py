@@ -64,7 +64,8 @@ class StillScreen(EndToEndTest):
         """How often the threads of each name have gone to sleep."""
         found = collections.Counter()
         for path in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
-            status = dict(line.split(":\t", 1) for line in (path / "status").read_text("ascii").splitlines() if ":\t" in line)
+            lines = (path / "status").read_text("ascii").splitlines()
+            status = dict(line.split(":\t", 1) for line in lines if ":\t" in line)
             found[status["Name"]] += int(status["voluntary_ctxt_switches"])
         return found
 
