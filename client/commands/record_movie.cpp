@@ -379,10 +379,11 @@ private:
     std::optional<std::string> lacking() const
     {
         // While the output is too slow, the library drops frames as well, up to the key frame.
-        if (movie_.left_out() > 0)
-            return format_text("%llu pictures are missing from %s: its %s too slow",
-                               static_cast<unsigned long long>(movie_.left_out() + unread_),
+        if (movie_.left_out() > 0) {
+            const unsigned long long missing = movie_.left_out() + unread_;
+            return format_text("%llu pictures are missing from %s: its %s too slow", missing,
                                path_.c_str(), is_ordinary_file() ? "disk was" : "reader was");
+        }
         if (unread_ > 0)
             return format_text("%llu pictures are missing from %s: this machine was too busy to "
                                "read them in time",

@@ -49,8 +49,7 @@ public:
     std::string appear(const std::string& begin) const
     {
         for (int number = 1; number < 1000; ++number) {
-            const std::string name =
-                begin + (number > 1 ? format_text("-%d", number) : "") + ".mp4";
+            std::string name = begin + (number > 1 ? format_text("-%d", number) : "") + ".mp4";
             if (link_as(name) == 0)
                 return name;
             if (errno != EEXIST)

@@ -1,5 +1,6 @@
 #include "encoder/raw_bits.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace zu3host {
@@ -43,9 +44,11 @@ void RawBitWriter::number(uint32_t value, unsigned bits)
 
 void RawBitWriter::golomb(uint32_t value)
 {
-    const auto bits = static_cast<unsigned>(std::bit_width(value + 1));
+    // ue(v) ends there (ISO/IEC 14496-10, 9.1).
+    const uint32_t code = std::min(value, UINT32_MAX - 1) + 1;
+    const auto bits = static_cast<unsigned>(std::bit_width(code));
     number(0, bits - 1);
-    number(value + 1, bits);
+    number(code, bits);
 }
 
 void RawBitWriter::trailing_bits()

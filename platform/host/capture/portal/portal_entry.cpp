@@ -69,7 +69,7 @@ std::optional<std::string> PortalSource::loss()
 {
     // The stream of a closed session ends too, often before the bus reports the reason.
     constexpr MessageBus::Milliseconds reason_limit(300);
-    const auto ended = stream_->ended();
+    auto ended = stream_->ended();
     if (session_->closed(ended ? reason_limit : MessageBus::Milliseconds(0)))
         return "the user or the desktop ended the sharing";
     return ended;
