@@ -184,8 +184,7 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
         prio >= ANDROID_LOG_WARN ? log_listener.load() : nullptr;
     if (!shown && !listener)
         return 0;
-    // A caller's errno is not the log's to change: messages stand between a failure and what is
-    // made of it.
+    // Keeps the caller's errno: a message often stands between a failure and its report.
     const int kept_errno = errno;
     std::array<char, 128> prefix;
     const int prefix_length = std::snprintf(prefix.data(), prefix.size(),
@@ -195,6 +194,7 @@ HOST_EXPORT int __android_log_print(int prio, const char* tag, const char* fmt, 
     va_list arguments;
     va_start(arguments, fmt);
     errno = kept_errno;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): clang 14 does not see va_start
     const int length = std::vsnprintf(message.data(), message.size(), fmt, arguments);
     va_end(arguments);
 
