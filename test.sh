@@ -42,14 +42,15 @@ build() {
 
 run_tests() {
     launcher=
-    at_once=$jobs
+    # A recorder mostly waits for the next picture, so there is room for more than one test per processor. Tests that
+    # measure time run alone; the sanitizers' presets have none.
+    at_once=$((jobs + 1))
     case $1 in
-    # These measure no time, and a recorder mostly waits for the next picture.
     tsan)
         launcher=$fixed_addresses
-        at_once=$((jobs + 1))
+        at_once=$((jobs + 2))
         ;;
-    asan) at_once=$((jobs + 1)) ;;
+    asan) at_once=$((jobs + 2)) ;;
     libcxx | armhf*) launcher=$idle ;;
     esac
     # shellcheck disable=SC2086

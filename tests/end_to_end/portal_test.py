@@ -32,7 +32,9 @@ class PortalTest:
         self.assertEqual(list(self.path(".").glob("a.*")), [])
 
 
-class Portal(PortalTest, EndToEndTest):
+class SharedScreen(PortalTest):
+    """A user's session whose screen the portal shares."""
+
     @classmethod
     def prepare(cls):
         cls.desktop = Desktop(cls)
@@ -50,6 +52,8 @@ class Portal(PortalTest, EndToEndTest):
     def setUp(self):
         self.desktop.answer("grant")
 
+
+class Portal(SharedScreen, EndToEndTest):
     def test_ten_seconds(self):
         # Catches pictures that are lost or late, wrong colours, a stale screen, and a user who is asked twice.
         token = self.path("home/.local/state/screenrecord/portal-token")
@@ -73,6 +77,10 @@ class Portal(PortalTest, EndToEndTest):
         self.run_program("screenrecord", "shot", "--ask", "-o", "one.png")
         self.assertEqual(judges.colour_faults(self.path("one.png"), 0), {})
         self.assertEqual(self.desktop.said("asked"), asked + 2)
+
+
+class PortalUser(SharedScreen, UnmeasuredEndToEndTest):
+    """The user moves the pointer, shares a window, refuses, or stops sharing."""
 
     def test_pointer(self):
         # Catches a pointer that is missing from a recording, off its place, leaves a trail, or is in a still that is to
