@@ -47,12 +47,16 @@ StreamOptions stream_options(const ReplayOptions& options, Size size)
     return stream;
 }
 
-/** Most bytes of kept frames and sound: the requested time plus two seconds. */
+/**
+ * Most bytes of kept frames and sound: the requested time plus two seconds, and a large picture.
+ */
 uint64_t most_bytes_of(const ReplayOptions& options, Size size)
 {
+    constexpr uint64_t large_picture = 1 << 20;
     const double seconds = options.last.count() + 2;
     const double sound = options.audio ? double{sound_rate} * sound_channels * sizeof(int16_t) : 0;
-    return static_cast<uint64_t>(seconds * (ceiling_of(options, size) / 8.0 + sound));
+    return static_cast<uint64_t>(seconds * (ceiling_of(options, size) / 8.0 + sound)) +
+           large_picture;
 }
 
 /** Memory that programs can still use without swapping; nullopt if the system does not tell. */
@@ -102,8 +106,7 @@ public:
         : options_(options), context_(context), folder_(checked_folder(options)),
           size_(size_to_capture(attended_display_to_capture(context.signals), options.size)),
           most_bytes_(checked_memory(options, size_)), report_(options.json, options.status_file),
-          kept_(std::chrono::duration_cast<std::chrono::microseconds>(options.last),
-                most_bytes_ / 2),
+          kept_(std::chrono::duration_cast<std::chrono::microseconds>(options.last), most_bytes_),
           control_(options.control), keys_(report_.on_terminal() && !options.control)
     {
         movie_module(); // a missing module fails here, not at the first save
@@ -202,7 +205,7 @@ private:
             progress.dropped = std::max(*progress.dropped, lost_.count());
         progress.file_bytes = saved_bytes_;
         progress.kept_seconds = std::chrono::duration<double>(kept_.length()).count();
-        progress.kept_bytes = kept_.bytes_alive();
+        progress.kept_bytes = kept_.bytes_in_memory();
         progress.most_kept_bytes = most_bytes_;
         return progress;
     }
@@ -250,7 +253,7 @@ private:
         if (save_)
             return "the previous file is still being written";
         Snapshot snapshot = kept_.snapshot();
-        if (snapshot.frames.empty())
+        if (snapshot.empty())
             return "there is no picture yet";
         save_.emplace(std::move(snapshot), format(), folder_);
         return "";

@@ -1,74 +1,156 @@
 #include "movie/replay_buffer.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <utility>
 
 namespace client::movie {
 namespace {
 
 /** Sound reaches this much farther back than the first frame, whose exact time is not known yet. */
 constexpr uint64_t sound_margin_us = 200'000;
+/** The same while there is no frame. */
+constexpr uint64_t sound_without_frames_us = 2'000'000;
+
+/** Precedes the content of a piece. */
+struct Header {
+    uint64_t time_us;
+    uint32_t bytes;
+    KeptPiece::Kind kind;
+};
+
+template <typename Bytes> Header header_at(const Bytes& bytes, uint64_t at)
+{
+    std::array<uint8_t, sizeof(Header)> read;
+    bytes.read(at, read);
+    return std::bit_cast<Header>(read);
+}
+
+/** Half of the memory in whole blocks, without those that are in use in part. */
+uint64_t most_kept(uint64_t memory_bytes)
+{
+    constexpr uint64_t seams = 2;
+    return (memory_bytes / BlockMemory::block_bytes / 2 - seams) * BlockMemory::block_bytes;
+}
 
 } // namespace
 
-ReplayBuffer::ReplayBuffer(std::chrono::microseconds last, uint64_t most_bytes)
-    : last_us_(static_cast<uint64_t>(last.count())), most_bytes_(most_bytes)
+std::span<const int16_t> KeptPiece::samples() const
+{
+    return {reinterpret_cast<const int16_t*>(bytes.data()), bytes.size() / sizeof(int16_t)};
+}
+
+Snapshot::Snapshot(SharedBytes bytes, uint64_t first_frame)
+    : bytes_(std::move(bytes)), at_(bytes_.begin()), first_frame_(first_frame)
+{
+}
+
+bool Snapshot::next(KeptPiece& piece)
+{
+    while (at_ < bytes_.end()) {
+        const uint64_t begin = at_;
+        const Header header = header_at(bytes_, begin);
+        at_ += sizeof header + header.bytes;
+        if (header.kind != KeptPiece::Kind::sound && begin < first_frame_)
+            continue;
+        content_.resize(header.bytes);
+        bytes_.read(begin + sizeof header, content_);
+        bytes_.drop_before(at_);
+        piece = {.kind = header.kind, .time_us = header.time_us, .bytes = content_};
+        return true;
+    }
+    return false;
+}
+
+ReplayBuffer::ReplayBuffer(std::chrono::microseconds last, uint64_t memory_bytes)
+    : last_us_(static_cast<uint64_t>(last.count())),
+      queue_(static_cast<uint32_t>(memory_bytes / BlockMemory::block_bytes)),
+      most_bytes_(most_kept(memory_bytes))
 {
 }
 
 void ReplayBuffer::put_frame(const EncodedFrame& frame)
 {
-    if (frame.key)
-        groups_.emplace_back();
-    if (groups_.empty()) // begins with a key frame
+    // A group without its first frames cannot be decoded.
+    if (!make_room(sizeof(Header) + frame.bytes.size()) || (groups_.empty() && !frame.key))
         return;
-    Group& group = groups_.back();
-    group.frames.push_back(
-        std::make_shared<const Kept<uint8_t>>(frame.pts_us, frame.key, frame.bytes, alive_));
-    group.bytes += frame.bytes.size();
-    bytes_ += frame.bytes.size();
+    if (frame.key)
+        groups_.push_back({.begin = queue_.end(), .time_us = frame.pts_us});
     newest_us_ = std::max(newest_us_, frame.pts_us);
-    forget_old();
+    put(frame.key ? KeptPiece::Kind::key_frame : KeptPiece::Kind::frame, frame.pts_us, frame.bytes);
 }
 
 void ReplayBuffer::put_sound(uint64_t time_us, std::span<const int16_t> samples)
 {
-    sound_.push_back(std::make_shared<const Kept<int16_t>>(time_us, false, samples, alive_));
-    bytes_ += samples.size_bytes();
-    forget_old();
+    if (!make_room(sizeof(Header) + samples.size_bytes()))
+        return;
+    newest_sound_us_ = std::max(newest_sound_us_, time_us);
+    put(KeptPiece::Kind::sound, time_us,
+        {reinterpret_cast<const uint8_t*>(samples.data()), samples.size_bytes()});
 }
 
-void ReplayBuffer::forget_old()
+void ReplayBuffer::put(KeptPiece::Kind kind, uint64_t time_us, std::span<const uint8_t> content)
 {
-    while (groups_.size() > 1 &&
-           (groups_[1].frames.front()->time_us + last_us_ <= newest_us_ || bytes_ > most_bytes_))
-        forget_group();
-    const uint64_t begin = groups_.empty() ? UINT64_MAX : groups_.front().frames.front()->time_us;
-    while (!sound_.empty() &&
-           (groups_.empty() ? sound_.size() > 100
-                            : sound_.front()->time_us + sound_margin_us < begin)) {
-        bytes_ -= sound_.front()->content.size() * sizeof(int16_t);
-        sound_.pop_front();
+    const Header header{
+        .time_us = time_us, .bytes = static_cast<uint32_t>(content.size()), .kind = kind};
+    queue_.put(std::bit_cast<std::array<uint8_t, sizeof header>>(header));
+    queue_.put(content);
+    while (groups_.size() > 1 && groups_[1].time_us + last_us_ <= newest_us_)
+        groups_.pop_front();
+    forget_unneeded();
+}
+
+bool ReplayBuffer::make_room(uint64_t bytes)
+{
+    while (queue_.end() - queue_.begin() + bytes > most_bytes_ || queue_.room() < bytes)
+        if (!forget_oldest())
+            return false;
+    return true;
+}
+
+bool ReplayBuffer::forget_oldest()
+{
+    if (queue_.begin() == queue_.end())
+        return false;
+    if (groups_.empty())
+        queue_.drop_before(queue_.end());
+    else
+        groups_.pop_front();
+    forget_unneeded();
+    return true;
+}
+
+void ReplayBuffer::forget_unneeded()
+{
+    const uint64_t sound_from_us =
+        groups_.empty()
+            ? newest_sound_us_ - std::min(newest_sound_us_, sound_without_frames_us)
+            : groups_.front().time_us - std::min(groups_.front().time_us, sound_margin_us);
+    uint64_t at = queue_.begin();
+    while (at < queue_.end()) {
+        const Header header = header_at(queue_, at);
+        if (header.kind == KeptPiece::Kind::sound ? header.time_us >= sound_from_us
+                                                  : at >= first_frame())
+            break;
+        at += sizeof header + header.bytes;
     }
+    queue_.drop_before(at);
 }
 
-void ReplayBuffer::forget_group()
+uint64_t ReplayBuffer::first_frame() const
 {
-    bytes_ -= groups_.front().bytes;
-    groups_.pop_front();
+    return groups_.empty() ? queue_.end() : groups_.front().begin;
 }
 
 Snapshot ReplayBuffer::snapshot() const
 {
-    Snapshot made;
-    for (const Group& group : groups_)
-        made.frames.insert(made.frames.end(), group.frames.begin(), group.frames.end());
-    made.sound.assign(sound_.begin(), sound_.end());
-    return made;
+    return {queue_.share(), first_frame()};
 }
 
 std::chrono::microseconds ReplayBuffer::length() const
 {
-    const uint64_t first = groups_.empty() ? newest_us_ : groups_.front().frames.front()->time_us;
+    const uint64_t first = groups_.empty() ? newest_us_ : groups_.front().time_us;
     return std::chrono::microseconds(newest_us_ > first ? newest_us_ - first : 0);
 }
 

@@ -13,9 +13,6 @@
 namespace client::movie {
 namespace {
 
-/** Sound is passed to the muxer this much ahead of its frame. */
-constexpr uint64_t sound_ahead_us = 500'000;
-
 [[noreturn]] void fail_to_save(int error)
 {
     throw Failure(error_text(error));
@@ -102,29 +99,39 @@ public:
     {
     }
 
-    void write(const Snapshot& snapshot)
+    void write(Snapshot& snapshot)
     {
-        auto next = snapshot.sound.begin();
-        for (const KeptFrame& frame : snapshot.frames) {
-            for (; format_.sound && next != snapshot.sound.end() &&
-                   (*next)->time_us <= frame->time_us + sound_ahead_us;
-                 ++next)
-                sound_.put((*next)->time_us, (*next)->content);
-            frames_.put({.bytes = frame->content, .pts_us = frame->time_us, .key = frame->key});
-        }
+        KeptPiece piece;
+        while (snapshot.next(piece))
+            put(piece);
         frames_.flush();
-        if (format_.sound)
+        if (format_.sound) {
+            pass_on_sound();
             sound_.fill(end());
+        }
         writer_->finish();
     }
 
 private:
     int64_t end() const { return frames_.sample_behind(frames_.next()); }
+    void put(const KeptPiece& piece)
+    {
+        if (piece.kind != KeptPiece::Kind::sound)
+            frames_.put({.bytes = piece.bytes,
+                         .pts_us = piece.time_us,
+                         .key = piece.kind == KeptPiece::Kind::key_frame});
+        else if (format_.sound)
+            sound_.put(piece.time_us, piece.samples());
+    }
     void take(const PlacedFrame& frame)
     {
         writer_->put_frame(frame.bytes, frame.index, frame.key);
-        if (format_.sound)
-            sound_.hand_on(end(), [this](uint64_t us) { return frames_.sample_at(us); });
+        if (format_.sound && frames_.settled())
+            pass_on_sound();
+    }
+    void pass_on_sound()
+    {
+        sound_.hand_on(end(), [this](uint64_t us) { return frames_.sample_at(us); });
     }
 
     const MovieFormat format_;
@@ -135,7 +142,7 @@ private:
 };
 
 /** Returns the name of the file. */
-std::string save(const Snapshot& snapshot, const MovieFormat& format, const std::string& folder)
+std::string save(Snapshot& snapshot, const MovieFormat& format, const std::string& folder)
 {
     const common::Descriptor place(
         open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -158,10 +165,9 @@ ReplaySave::ReplaySave(Snapshot snapshot, const MovieFormat& format, const std::
 {
     // Runs below the recorder's priority, since a save is not urgent.
     work_ = std::make_unique<AttendedWork>(
-        [kept = std::move(snapshot), format, folder, path = path_]() mutable {
-            const Snapshot released = std::move(kept);
+        [kept = std::make_shared<Snapshot>(std::move(snapshot)), format, folder, path = path_] {
             setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
-            *path = (folder.empty() ? "" : folder + "/") + save(released, format, folder);
+            *path = (folder.empty() ? "" : folder + "/") + save(*kept, format, folder);
         });
 }
 
