@@ -40,10 +40,9 @@ void attend(movie::MovieCopy& copy, StopSignals& signals)
 ExitCode run(const RemuxOptions& options, CommandContext& context)
 {
     const common::Descriptor from = open_input(options.input);
-    check_output_path(options.output, options.overwrite);
-    AtomicFile to(options.output);
+    check_whole_file_path(options.output, options.overwrite);
     try {
-        auto copy = movie::MovieCopy::into_container(from.get(), to.fd(),
+        auto copy = movie::MovieCopy::into_container(from.get(), options.output, options.overwrite,
                                                      *container_of(options.output, ""));
         attend(copy, context.signals);
         copy.finish();
@@ -51,7 +50,6 @@ ExitCode run(const RemuxOptions& options, CommandContext& context)
         throw Failure("cannot make " + options.output + " of " + options.input + ": " +
                       failure.what());
     }
-    to.put_in_place(options.overwrite);
     context.output.print_path(options.output);
     return ExitCode::complete;
 }

@@ -128,19 +128,31 @@ void rewrite(int original, const std::string& path, const std::function<bool(dou
     beside.put_in_place(go_on);
 }
 
+void write_whole_file(int from, const std::string& path, bool overwrite, Container container,
+                      const std::function<bool(double)>& go_on)
+{
+    AtomicFile to(path);
+    movie_module().copy({.from = from, .to = to.fd(), .container = container, .go_on = go_on});
+    if (fsync(to.fd()) != 0)
+        fail(errno);
+    if (!go_on(1))
+        throw Failure("it was interrupted");
+    to.put_in_place(overwrite);
+}
+
 } // namespace
 
 // The module is loaded before the process begins, which then loads nothing.
-MovieCopy MovieCopy::into_container(int from, int to, Container container)
+MovieCopy MovieCopy::into_container(int from, const std::string& to, bool overwrite,
+                                    Container container)
 {
-    const MovieModule& module = movie_module();
+    movie_module();
     MovieCopy copy;
-    const int files[] = {from, to};
+    const int files[] = {from};
     copy.work_ = std::make_unique<AttendedProcess>(
-        finisher_name, files, [&module, container, from, to](const AttendedProcess::GoOn& go_on) {
-            module.copy({.from = from, .to = to, .container = container, .go_on = go_on});
-            if (fsync(to) != 0)
-                fail(errno);
+        finisher_name, files,
+        [from, &to, overwrite, container](const AttendedProcess::GoOn& go_on) {
+            write_whole_file(from, to, overwrite, container, go_on);
         });
     return copy;
 }

@@ -15,11 +15,13 @@ namespace client::movie {
 class MovieCopy {
 public:
     /**
-     * Copies a movie into another container.
-     * @param from,to ordinary files, open to read and to write; they stay the caller's. Throws
-     *     Failure if it cannot begin.
+     * Copies a movie into a file of another container, which gets its name once it is complete.
+     * Throws Failure if it cannot begin.
+     * @param from an ordinary file, open to read; it stays the caller's
+     * @param to checked with check_whole_file_path() before
      */
-    static MovieCopy into_container(int from, int to, Container container);
+    static MovieCopy into_container(int from, const std::string& to, bool overwrite,
+                                    Container container);
     /**
      * Rewrites a complete fragmented MP4 file with its index in front: writes beside it, syncs,
      * then renames. A failure leaves the file unchanged.

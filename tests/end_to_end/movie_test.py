@@ -1,7 +1,9 @@
 """Recordings into MP4 and Matroska files and to standard output by the client's record command."""
 
 import contextlib
+import functools
 import json
+import math
 import os
 import pathlib
 import pty
@@ -146,10 +148,10 @@ class InStep(LongEndToEndTest):
         cls.start_sound()
         cls.start_screen("--seconds", 300, name="flash_beep")
 
-    def distances(self, path):
-        """Milliseconds from each flash to its beep."""
-        beeps = self.beeps(path)
-        nearest = [min(beeps, key=lambda beep, at=flash: abs(beep - at)) - flash for flash in self.flashes(path)]
+    def distances(self, path, begin=0, end=math.inf):
+        """Milliseconds from each flash between two times to its beep."""
+        beeps, flashes = self.beeps(path), [flash for flash in self.flashes(path) if begin < flash < end]
+        nearest = [min(beeps, key=lambda beep, at=flash: abs(beep - at)) - flash for flash in flashes]
         return [1000 * distance for distance in nearest if abs(distance) < 0.4]
 
     def beep_after_flash(self, kind, path, last=None):
@@ -191,6 +193,30 @@ class InStep(LongEndToEndTest):
             if abs(late[-1]) < 5:
                 return
         self.fail(late)
+
+    def test_with_three_pauses(self):
+        # Catches pauses that stay in the file, shift the sound, or end with a frame that needs earlier ones.
+        path, seconds = self.path("pauses.mp4"), 60
+        recording = self.client("record", "--json", "-r", "60", "-t", seconds, "-o", path,
+                                environment={"ZU3_X264_KEYINT": "36000"})
+        wait_until(lambda: size_of(path) > 0, "the first piece")
+        for _ in range(3):
+            pass_time(14)
+            for request, lasts in ((signal.SIGUSR1, 2.5), (signal.SIGUSR2, 0)):
+                recording.process.send_signal(request)
+                pass_time(lasts)
+        self.assertIn(recording.wait(seconds + 20), (0, 3))
+        frames = judges.packets(path)
+        keys = [time for time, _, key in frames if key]
+        self.assertEqual(len(keys), 4, keys)
+        self.assertAlmostEqual(frames[-1][0], seconds, delta=0.1)
+        self.assertAlmostEqual(len(judges.decode_sound(path)) / 48000, seconds, delta=0.05)
+        ends = [*keys[1:], seconds]
+        for begin, end in zip(keys, ends):
+            found = self.distances(path, begin, end)
+            print(f"from {begin:.2f} s: beep after flash {max(found):.1f} ms, median {statistics.median(found):.1f} ms")
+            self.assertLess(abs(max(found)), 10)
+        self.assertEqual(judges.decoder_messages(path), "")
 
 
 class Accidents(ShortEndToEndTest, MovieChecks):
@@ -387,6 +413,35 @@ class Finishing(UnmeasuredEndToEndTest):
         parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
         self.assertTrue(parts and 0 <= parts[0] < 1, told)
         self.assert_stays_in_fragments(recording, path, "it was interrupted")
+
+    def frozen_disk(self):
+        """A folder on a disk that stands still, and the call that lets it move."""
+        disk, image = self.path("disk"), self.path("image")
+        disk.mkdir()
+        image.write_bytes(bytes(8 << 20))
+        for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk], ["fsfreeze", "--freeze", disk]):
+            if subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode != 0:
+                self.skipTest(f"{command[0]} is not allowed here")
+            if command[0] == "mount":
+                self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
+        thaw = functools.partial(subprocess.run, ["fsfreeze", "--unfreeze", disk], check=False, stderr=subprocess.DEVNULL)
+        self.addCleanup(thaw)
+        return disk, thaw
+
+    def test_remux_to_a_disk_that_stands_still(self):
+        # Catches a call to the disk by the client itself: the kernel keeps its process then.
+        self.run_program("screenrecord", "record", "-s", "320x240", "-t", "1", "-o", "old.ts",
+                         environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"})
+        disk, thaw = self.frozen_disk()
+        remux = self.client("remux", "old.ts", disk / "new.mp4")
+        wait_until(lambda: self.finisher(remux), "the process that writes")
+        process = self.finisher(remux)
+        remux.process.terminate()
+        self.assertEqual(remux.wait(held_up_test.STOP), 1)
+        self.assertIn("/new.mp4 of old.ts: its disk does not respond\n", remux.errors())
+        thaw()
+        wait_until(lambda: not list(pathlib.Path(f"/proc/{process}/fd").glob("*")), "the end of the process")
+        self.assertEqual(os.listdir(disk), ["lost+found"])
 
     def test_disk_stands_still(self):
         # Catches an end that waits for the disk, and a file that changes after the client has told of it.
