@@ -1,13 +1,17 @@
 /**
  * Covers the X display of DISPLAY with moving content whose fixed parts a test can check.
  *
- * moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | --check
+ * moving_screen [--fps N] [--stamps N] [--seconds N] [--noise | --pan FILE] [--static] | --check
  *
- * --fps N      pictures per second, default 30 --stamps N   show the time instead of the picture's
- * number, drawn N times a second, a multiple of the fps: of the monotonic clock in units of 100 us,
- * its lowest 32 bits --seconds N  run time; default: until the display goes away or the program is
- * killed --noise      random pixels, new in every picture: the highest load for an encoder --static
- * draw one picture and leave it --check      draw nothing; check that the display is reachable
+ * --fps N      pictures per second, default 30
+ * --stamps N   show the time instead of the picture's number, drawn N times a second, a multiple of
+ *              the fps: of the monotonic clock in units of 100 us, its lowest 32 bits
+ * --seconds N  run time; default: until the display goes away or the program is killed
+ * --noise      random pixels, new in every picture: the highest load for an encoder
+ * --pan FILE   a part of a picture that is larger than the display (binary PPM, 8 bits): of picture
+ *              n from (5 n, 3 n) on, and back from each edge
+ * --static     draw one picture and leave it
+ * --check      draw nothing; check that the display is reachable
  *
  * Fixed in every picture, in pixels from the top left corner (a small display cuts off the rest):
  *
@@ -20,8 +24,11 @@
  */
 #include <algorithm>
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <random>
 #include <string_view>
+#include <vector>
 
 #include "x_screen.h"
 
@@ -32,6 +39,7 @@ struct Options {
     int stamps = 0;
     int seconds = 0;
     bool noise = false;
+    const char* pan = nullptr;
     bool still = false;
     bool check = false;
 };
@@ -46,6 +54,8 @@ bool parse(int argc, char** argv, Options& options)
             options.still = true;
         else if (argument == "--check")
             options.check = true;
+        else if (argument == "--pan" && i + 1 < argc)
+            options.pan = argv[++i];
         else if (argument == "--fps" && i + 1 < argc)
             options.fps = atoi(argv[++i]);
         else if (argument == "--stamps" && i + 1 < argc)
@@ -59,6 +69,25 @@ bool parse(int argc, char** argv, Options& options)
            options.stamps % options.fps == 0;
 }
 
+/** The pixels of a binary PPM file, 0xRRGGBB; none if it cannot be read. */
+struct Photograph {
+    explicit Photograph(const char* path)
+    {
+        const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path, "rb"), fclose);
+        if (!file || fscanf(file.get(), "P6 %hu %hu 255%*c", &width, &height) != 2)
+            return;
+        std::vector<uint8_t> bytes(size_t{3} * width * height);
+        if (fread(bytes.data(), 1, bytes.size(), file.get()) != bytes.size())
+            return;
+        for (size_t at = 0; at < bytes.size(); at += 3)
+            pixels.push_back(uint32_t{bytes[at]} << 16 | uint32_t{bytes[at + 1]} << 8 |
+                             bytes[at + 2]);
+    }
+    uint16_t width = 0;
+    uint16_t height = 0;
+    std::vector<uint32_t> pixels;
+};
+
 class MovingScreen {
 public:
     MovingScreen(XScreen& screen, bool noise)
@@ -68,6 +97,14 @@ public:
             for (xcb_pixmap_t& pixmap : noise_)
                 pixmap = new_noise();
     }
+    /** @param photograph at least as large as the screen */
+    MovingScreen(XScreen& screen, const Photograph& photograph) : MovingScreen(screen, false)
+    {
+        photograph_ = screen.new_pixmap(photograph.width, photograph.height);
+        screen.put(photograph_, photograph.pixels, photograph.width);
+        room_x_ = photograph.width - screen.width;
+        room_y_ = photograph.height - screen.height;
+    }
 
     /**
      * Draws picture `number` out of sight and shows it at once, so that no capture sees half of it.
@@ -76,6 +113,8 @@ public:
     {
         if (noise_[0])
             draw_noise(number);
+        else if (photograph_)
+            draw_photograph(number);
         else
             draw_shapes(number);
         draw_patches();
@@ -111,6 +150,19 @@ private:
         screen_.copy(noise_[number % std::size(noise_)], picture_,
                      static_cast<int16_t>(random_() % noise_margin),
                      static_cast<int16_t>(random_() % noise_margin),
+                     {0, 0, screen_.width, screen_.height});
+    }
+
+    /** Forward by `step` a picture, and back from the end of the room. */
+    static int16_t place(uint32_t number, int step, int room)
+    {
+        const int way = static_cast<int>(number) * step % std::max(2 * room, 1);
+        return static_cast<int16_t>(std::min(way, 2 * room - way));
+    }
+
+    void draw_photograph(uint32_t number)
+    {
+        screen_.copy(photograph_, picture_, place(number, 5, room_x_), place(number, 3, room_y_),
                      {0, 0, screen_.width, screen_.height});
     }
 
@@ -150,7 +202,22 @@ private:
     xcb_pixmap_t picture_;
     std::minstd_rand random_{20};
     xcb_pixmap_t noise_[4] = {};
+    xcb_pixmap_t photograph_ = 0;
+    int room_x_ = 0;
+    int room_y_ = 0;
 };
+
+/** Nullopt if the photograph of the options cannot be shown. */
+std::optional<MovingScreen> make_content(XScreen& screen, const Options& options)
+{
+    if (!options.pan)
+        return MovingScreen(screen, options.noise);
+    const Photograph photograph(options.pan);
+    if (photograph.pixels.empty() || photograph.width < screen.width ||
+        photograph.height < screen.height)
+        return std::nullopt;
+    return MovingScreen(screen, photograph);
+}
 
 } // namespace
 
@@ -159,8 +226,8 @@ int main(int argc, char** argv)
     Options options;
     if (!parse(argc, argv, options)) {
         fprintf(stderr,
-                "usage: moving_screen [--fps N] [--stamps N] [--seconds N] [--noise] [--static] | "
-                "--check\n");
+                "usage: moving_screen [--fps N] [--stamps N] [--seconds N] [--noise | --pan FILE] "
+                "[--static] | --check\n");
         return 2;
     }
     XScreen screen;
@@ -170,9 +237,13 @@ int main(int argc, char** argv)
     }
     if (options.check)
         return 0;
-    MovingScreen content(screen, options.noise);
+    auto content = make_content(screen, options);
+    if (!content) {
+        fprintf(stderr, "moving_screen: %s is no PPM file as large as the display\n", options.pan);
+        return 1;
+    }
     screen.show();
-    content.show(0, 0);
+    content->show(0, 0);
     screen.finish();
     puts("ready");
     fflush(stdout);
@@ -193,9 +264,9 @@ int main(int argc, char** argv)
         const auto shown =
             options.stamps ? static_cast<uint32_t>(XScreen::now_ns() / 100'000) : number;
         if (number % per_picture == 0)
-            content.show(number / per_picture, shown);
+            content->show(number / per_picture, shown);
         else
-            content.show_number(shown);
+            content->show_number(shown);
         screen.flush();
     }
 }
