@@ -12,6 +12,8 @@ import time
 class Display:
     """A private X server with a program that draws on it; sets DISPLAY while it is open."""
 
+    drawing = None  # CPU of the server per second, for its own program
+
     def __init__(self, programs, size, screen):
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "virtual_display.sh")
         self.server = subprocess.Popen([script, size], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
@@ -20,7 +22,6 @@ class Display:
         command = screen if screen[0] == "bench_office" else ["moving_screen", *screen]
         self.screen = subprocess.Popen([f"{programs}/{command[0]}", *command[1:]], stdout=subprocess.PIPE)
         self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
-        self.drawing = None
 
     def __enter__(self):
         return self
