@@ -232,7 +232,8 @@ DisplayInfo display_to_capture()
     if (screen.source == ZU3_HOST_SCREEN_TESTCARD)
         return {.name = "the test card", .size = {1280, 720}};
     if (!screen.problem.empty())
-        throw Failure("cannot capture the screen: " + screen.problem);
+        throw Failure("cannot capture " + (screen.width ? screen.name : "the screen") + ": " +
+                      screen.problem);
     name_captured(screen.name);
     return {.name = screen.name,
             .size = {screen.width, screen.height},

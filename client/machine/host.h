@@ -120,7 +120,7 @@ std::optional<std::vector<SoundSource>> list_sound_sources();
 struct HostScreen {
     /** ZU3_HOST_SCREEN_* */
     uint32_t source = ZU3_HOST_SCREEN_UNKNOWN;
-    /** pixels; 0 for X11 and the test card, which are not opened */
+    /** pixels; 0 if it is not open: X11's, the test card, or one that cannot be opened */
     uint32_t width = 0;
     uint32_t height = 0;
     /** 0 = unknown */

@@ -77,6 +77,8 @@ class Portal(SharedScreen, EndToEndTest):
         self.run_program("screenrecord", "shot", "--ask", "-o", "one.png")
         self.assertEqual(judges.colour_faults(self.path("one.png"), 0), {})
         self.assertEqual(self.desktop.said("asked"), asked + 2)
+        self.assert_refused(self.client("shot", "-o", "a.png", "--region", "64x64+640+0"),
+                            "the region 64x64.640.0 of the screen that the desktop portal shares: it lies outside")
 
 
 class PortalUser(SharedScreen, UnmeasuredEndToEndTest):

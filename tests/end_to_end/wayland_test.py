@@ -207,11 +207,14 @@ class Monitors(UnmeasuredEndToEndTest):
                                "no monitor DP-9; the Wayland session has HEADLESS-1, HEADLESS-2"),
                               (("--monitor", "primary"), "no primary monitor"),
                               (("--monitor", "HEADLESS-2", "--display", "portal"), "dialog chooses the screen"),
-                              (("--monitor", "HEADLESS-2", "--region", "64x64+608+0"), "outside of the screen"),
+                              (("--monitor", "HEADLESS-2", "--region", "64x64+608+0"),
+                               "cannot capture the region 64x64+608+0 of the Wayland output HEADLESS-2: it lies outside of "
+                               "the screen, which has 608x656 pixels"),
                               (("--window", "active"), "on X11 only")):
             refused = self.client("shot", "-o", "no.png", *options)
             self.assert_exit(refused, 1)
             self.assertIn(said, refused.errors())
+            self.assertEqual(refused.errors().count("\n"), 1, refused.errors())
             self.assertFalse(self.path("no.png").exists())
         for monitor, recorded in ("", "HEADLESS-1"), ("HEADLESS-2", "HEADLESS-2"), ("DP-9", None):
             devices = self.client("devices", environment={"ZU3_MONITOR": monitor})

@@ -1,11 +1,13 @@
 #include "capture/screen.h"
 
 #include "base/border.h"
+#include "capture/cropped_source.h"
 #include "capture/source_choice.h"
 
 #include <cmath>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace zu3host {
 
@@ -38,21 +40,39 @@ KeptScreen& kept_screen()
     return screen;
 }
 
+/**
+ * Reduces an open screen to a region of it.
+ * @return the region's size; if the screen lacks it, the screen's
+ */
+PictureSize narrow(ChosenScreen& screen, PictureSize whole, const common::ScreenRegion& region)
+{
+    const auto inside = common::overlap(region, {0, 0, whole});
+    if (inside) {
+        screen.source = std::make_unique<CroppedSource>(std::move(screen.source), region);
+        return inside->size;
+    }
+    screen.name = "the region " + common::region_text(region) + " of " + screen.name;
+    screen.problem = "it lies outside of the screen, which has " + std::to_string(whole.width) +
+                     "x" + std::to_string(whole.height) + " pixels";
+    return whole;
+}
+
 int tell_screen(zu3_host_screen_receiver_t receiver, void* user)
 {
     // two sessions at once would show two dialogs
     kept_screen().take();
-    const auto part = chosen_screen_part();
+    auto part = chosen_screen_part();
     if (!part)
         return -1;
+    const auto region = std::exchange(part->region, std::nullopt);
     ChosenScreen screen = open_wayland_screen(*part);
     PictureSize size{};
     if (screen.source) {
         const auto image = screen.source->grab({{}, 0, false, {}, patience_of_first_picture});
-        if (image)
-            size = image->size;
-        else
+        if (!image)
             screen.problem = "it delivers no picture";
+        else
+            size = region ? narrow(screen, image->size, *region) : image->size;
     }
     const zu3_host_screen_t told{screen.kind,        size.width,          size.height,
                                  screen.refresh_mhz, screen.name.c_str(), screen.problem.c_str()};

@@ -29,12 +29,15 @@ enum {
 typedef struct {
     /** ZU3_HOST_SCREEN_*; UNKNOWN if ZU3_DISPLAY names no source */
     uint32_t source;
-    /** pixels; 0 if it cannot be captured, and for X11 and the test card, which are not opened */
+    /**
+     * pixels; of the whole screen if it lacks the chosen region; 0 if it cannot be opened, and for
+     * X11 and the test card, which are not opened
+     */
     uint32_t width;
     uint32_t height;
     /** pictures per second times 1000; 0 = unknown */
     uint32_t refresh_mhz;
-    /** for messages, such as "the Wayland output HEADLESS-1" */
+    /** for messages, such as "the Wayland output HEADLESS-1", with the region that it lacks */
     const char* name;
     /** why it cannot be captured, as the end of a sentence; "" if it can */
     const char* problem;
