@@ -4,9 +4,10 @@ import json
 import pathlib
 import re
 import signal
+import sys
 
 import judges
-from harness import SOON, SOURCE, EndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of, wait_until
+from harness import BUILD, SOON, SOURCE, EndToEndTest, UnmeasuredEndToEndTest, pass_time, size_of, wait_until
 from judges import BLACK, RED, WHITE
 from stream_test import LiveStream
 
@@ -28,6 +29,40 @@ def near(pixels, width, places, tolerance=3):
 
 
 class Recording(EndToEndTest):
+    # Prints how late each picture was handed out, and its due time; microseconds.
+    LATENESS = """
+import ctypes, sys, time
+library, host = (ctypes.CDLL(name) for name in sys.argv[1:])
+class Frame(ctypes.Structure):
+    _fields_ = [("zero", ctypes.c_uint8), ("key", ctypes.c_uint8), ("pts", ctypes.c_uint64), ("size", ctypes.c_uint64)]
+host.zu3_host_due_time.argtypes, host.zu3_host_due_time.restype = [ctypes.c_uint64], ctypes.c_uint64
+parameters = (ctypes.c_uint32 * 7)(320, 256, 30, 1000000, 2, 0x1000, 0)
+frame, data = Frame(), ctypes.create_string_buffer(library.video_capenc_getMaxEsSize())
+assert library.video_capenc_open(parameters) == 0 and library.video_capenc_start(0) == 0
+frames = 0
+while frames < 30:
+    if library.video_capenc_getES(data, len(data), ctypes.byref(frame)) == 0 and frame.size and not frame.key:
+        due = host.zu3_host_due_time(frame.pts)
+        print(frame.pts - due, due)
+        frames += 1
+    time.sleep(0.001)
+assert library.video_capenc_stop() == 0 and library.video_capenc_close() == 0
+"""
+
+    def test_hands_out_pictures_before_they_are_due(self):
+        # Catches a picture that waits although no newer one can come, one that does not wait, and a moved time stamp.
+        self.start_session()
+        show(self, "--fps", "60")
+        said = self.run_program(sys.executable, "-c", self.LATENESS, BUILD / "lib/libscreenrecord.so",
+                                BUILD / "lib/libzu3.so")
+        pictures = [tuple(int(word) for word in line.split()) for line in said.splitlines()]
+        lateness = sorted(late for late, _ in pictures)
+        self.assertLess(lateness[len(lateness) // 4], 0, lateness)
+        self.assertGreater(lateness[0], -1_000_000 / 60, lateness)
+        for _, due in pictures:
+            intervals = (due - pictures[0][1]) * 30 / 1_000_000
+            self.assertAlmostEqual(intervals, round(intervals), delta=0.001)
+
     def test_has_all_pictures(self):
         # Catches pictures that are missing, doubled or shown again, out of order, or in wrong colours.
         self.start_session()

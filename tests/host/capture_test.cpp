@@ -1,6 +1,7 @@
 // The capture device on its test card: when pictures come, what they overwrite, how it stops.
 #include "base/picture_layout.h"
 #include "capture/capture_schedule.h"
+#include "capture/change_pace.h"
 #include "capture/image_placement.h"
 #include "capture/patient_source.h"
 #include "helpers.h"
@@ -363,3 +364,37 @@ TEST_F(TestCardCapture, RefusesImpossibleStills)
 }
 
 } // namespace
+
+// Catches a picture that waits although no newer one can come before it is due, and one that is
+// handed out although a newer one may come.
+TEST(ChangePace, TellsTheLastChangeBeforeAMoment)
+{
+    using std::chrono::milliseconds;
+    const struct {
+        const char* words;
+        std::vector<int> arrivals;
+        int due;
+        bool is_last;
+    } cases[] = {
+        {"a frame before it is due", {100}, 116, true},
+        {"exactly a frame before", {100}, 117, false},
+        {"long before", {100}, 133, false},
+        {"when it is due", {100}, 100, true},
+        {"late", {100}, 90, true},
+        {"a slow pace", {0, 100, 200}, 217, false},
+        {"a slow pace, less than a frame before", {0, 100, 200}, 216, true},
+        {"a screen that is faster than stated", {0, 8, 100}, 108, false},
+        {"the same, less than its frame before", {0, 8, 100}, 107, true},
+        {"a fast frame, eight frames ago", {0, 8, 25, 42, 59, 76, 93, 110, 127}, 140, false},
+        {"the same, nine frames ago", {0, 8, 25, 42, 59, 76, 93, 110, 127, 144}, 157, true},
+        {"two at the same time", {100, 100}, 116, true},
+        {"a clock that was put back", {100, 50}, 66, true},
+    };
+    for (const auto& c : cases) {
+        ChangePace pace(milliseconds(17));
+        const ChangePace::Clock::time_point start{};
+        for (const int arrival : c.arrivals)
+            pace.note(start + milliseconds(arrival), milliseconds(arrival));
+        EXPECT_EQ(pace.is_last_before(start + milliseconds(c.due)), c.is_last) << c.words;
+    }
+}

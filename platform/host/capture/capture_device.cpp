@@ -42,6 +42,17 @@ constexpr uint32_t picture_event = 1;
 // Interval of counting the pictures that a silent display lacks.
 constexpr auto patience_of_pictures = std::chrono::milliseconds(500);
 
+/**
+ * How early a grab of a source that waits for changes begins. It covers the frame interval of the
+ * slowest usual screen. At the usual rates it is all of the interval between pictures, so the
+ * source's thread waits, and no other wakes up for a picture without a change. Stills wait as long.
+ */
+std::chrono::nanoseconds lead_of_grabs(uint32_t rate)
+{
+    constexpr std::chrono::nanoseconds longest = std::chrono::milliseconds(40);
+    return std::min(longest, std::chrono::nanoseconds(std::chrono::seconds(1)) / rate);
+}
+
 void count_due(std::atomic<uint64_t>& outcome, uint64_t by = 1)
 {
     count(counters().pictures_due, by);
@@ -118,8 +129,11 @@ uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& par
     const ZU_CAP_Output_t& output = params.stOutput;
     if (!output_is_possible(output))
         return ZU_INVALID_ARGUMENT;
+    std::chrono::nanoseconds lead{};
     {
         const std::lock_guard lock(source_mutex_);
+        if (source_ && source_->awaits_changes())
+            lead = lead_of_grabs(output.u32OutFrameRate);
         if (!source_) {
             HOST_LOGE("The capture device is started without a display: connect its input first.");
             return ZU_FAILURE;
@@ -138,7 +152,7 @@ uint32_t CaptureDevice::start(uint32_t handle, const ZU_CAP_CaptureParams_t& par
     std::erase_if(pools_, [](const auto& old) { return !old->any_out(); });
     pools_.push_back(pool);
     run_ = std::make_shared<CaptureRun>(
-        CaptureRun{std::move(pool), visible, output.u32OutFrameRate, {}});
+        CaptureRun{std::move(pool), visible, output.u32OutFrameRate, lead, {}});
     handle_ = handle;
     changed_.notify_all();
     return ZU_OK;
@@ -259,7 +273,7 @@ void CaptureDevice::stream(CaptureRun& run)
 {
     CaptureSchedule schedule(std::chrono::steady_clock::now(), run.rate);
     bool blind = false;
-    while (wait_until_due(run, schedule.due())) {
+    while (wait_until(run, schedule.due() - run.lead)) {
         Counters& all = counters();
         if (const uint64_t late = schedule.pass_over_late(std::chrono::steady_clock::now()))
             count_dropped(blind ? all.pictures_dropped_no_display : all.pictures_dropped_late,
@@ -269,49 +283,55 @@ void CaptureDevice::stream(CaptureRun& run)
     }
 }
 
-bool CaptureDevice::wait_until_due(const CaptureRun& run, CaptureSchedule::Time due)
+bool CaptureDevice::wait_until(const CaptureRun& run, CaptureSchedule::Time moment)
 {
     std::unique_lock lock(mutex_);
-    return !changed_.wait_until(lock, due, [&run] { return run.stop.stop_requested(); });
+    return !changed_.wait_until(lock, moment, [&run] { return run.stop.stop_requested(); });
 }
 
 bool CaptureDevice::capture_picture(CaptureRun& run, const CaptureSchedule& schedule)
 {
-    const auto index = at_border("Capturing a picture", std::optional<uint32_t>(),
-                                 [&] { return run.pool->acquire(); });
-    if (!index) {
-        count_dropped(counters().pictures_dropped_no_buffer);
-        return true;
-    }
-    const Written written = at_border("Capturing a picture", Written::no_memory, [&] {
-        return write_picture(run, schedule.number(), *index);
-    });
+    std::optional<uint32_t> index;
+    const Written written = at_border("Capturing a picture", Written::no_memory,
+                                      [&] { return write_picture(run, schedule, index); });
     if (written == Written::done) {
         deliver(run, *index, schedule.due());
         return true;
     }
-    run.pool->release(*index);
-    if (written == Written::no_display)
+    if (index)
+        run.pool->release(*index);
+    if (written == Written::no_slot)
+        count_dropped(counters().pictures_dropped_no_buffer);
+    else if (written == Written::no_display)
         count_due(counters().pictures_dropped_no_display);
     else if (written == Written::no_memory)
         count_due(counters().pictures_dropped_no_buffer);
-    return written == Written::no_memory;
+    return written == Written::no_memory || written == Written::no_slot;
 }
 
-CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run, uint64_t number,
-                                                    uint32_t index)
+CaptureDevice::Written CaptureDevice::write_picture(CaptureRun& run,
+                                                    const CaptureSchedule& schedule,
+                                                    std::optional<uint32_t>& index)
 {
     const std::lock_guard lock(source_mutex_);
     const std::stop_token stop = run.stop.get_token();
     if (stop.stop_requested())
         return Written::stopped;
-    const auto image = source_ ? source_->grab({run.visible, static_cast<uint32_t>(number),
-                                                pointer_, stop, patience_of_pictures})
-                               : std::nullopt;
+    // Before a grab that would be for nothing; but an early one begins while the encoder still uses
+    // the last picture, and may leave the same slot to this one.
+    const bool early = run.lead > std::chrono::nanoseconds::zero();
+    if (!early && !(index = run.pool->acquire()))
+        return Written::no_slot;
+    const auto image = source_
+                           ? source_->grab({run.visible, static_cast<uint32_t>(schedule.number()),
+                                            pointer_, stop, patience_of_pictures, schedule.due()})
+                           : std::nullopt;
     if (!image)
         return stop.stop_requested() ? Written::stopped : Written::no_display;
     writer_.note(*image);
-    writer_.write(*image, *run.pool, index, run.visible);
+    if (early && !(index = run.pool->acquire()))
+        return Written::no_slot;
+    writer_.write(*image, *run.pool, *index, run.visible);
     return Written::done;
 }
 

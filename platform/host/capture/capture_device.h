@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <thread>
 #include <vector>
@@ -30,12 +31,15 @@ struct CaptureRun {
     PictureSize visible;
     /** pictures per second */
     uint32_t rate;
+    /** how long before a picture is due its grab begins */
+    std::chrono::nanoseconds lead;
     std::stop_source stop;
 };
 
 /**
- * An open capture device. Its thread grabs a picture at each moment of the schedule, converts it in
- * one pass into a free slot and passes it to the callback, with no lock held. Results are ZU_*
+ * An open capture device. Its thread grabs a picture for each moment of the schedule, converts it in
+ * one pass into a free slot and passes it to the callback, with no lock held. A source that knows
+ * of changes gives a picture before that moment if it is the last one until then. Results are ZU_*
  * codes. Any thread may make any call, also within the callback, except close().
  */
 class CaptureDevice {
@@ -74,17 +78,20 @@ private:
         ZU_CAP_Callback call = nullptr;
         void* user = nullptr;
     };
-    enum class Written { done, no_display, no_memory, stopped };
+    enum class Written { done, no_display, no_slot, no_memory, stopped };
 
     std::shared_ptr<PicturePool> make_pool(const ZU_CAP_Output_t& output);
 
     void run_thread();
     std::shared_ptr<CaptureRun> next_run();
     void stream(CaptureRun& run);
-    bool wait_until_due(const CaptureRun& run, CaptureSchedule::Time due);
+    /** False once the run is stopped. */
+    bool wait_until(const CaptureRun& run, CaptureSchedule::Time moment);
     /** False if the display gave no picture. */
     bool capture_picture(CaptureRun& run, const CaptureSchedule& schedule);
-    Written write_picture(CaptureRun& run, uint64_t number, uint32_t index);
+    /** @param index receives the slot of the picture, if one is acquired */
+    Written write_picture(CaptureRun& run, const CaptureSchedule& schedule,
+                          std::optional<uint32_t>& index);
     void deliver(CaptureRun& run, uint32_t index, CaptureSchedule::Time due);
 
     // held while a picture is grabbed and converted; locked before mutex_ if both are

@@ -21,6 +21,7 @@ public:
 
     /** Nullopt, with a line in the log once, if the region lies outside of the image. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    bool awaits_changes() const override { return whole_->awaits_changes(); }
 
 private:
     void note_outside(PictureSize image);

@@ -90,7 +90,8 @@ std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open
     for (auto left = limit / slice; left > 0 && !answered; --left)
         answered = shared->wait_a_slice(lock);
     if (shared->source)
-        return std::unique_ptr<PatientSource>(new PatientSource(name, shared, std::move(thread)));
+        return std::unique_ptr<PatientSource>(
+            new PatientSource(name, shared, std::move(thread), shared->source->awaits_changes()));
     shared->leaving = true;
     shared->changed.notify_all();
     lock.unlock();

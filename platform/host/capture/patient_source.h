@@ -47,18 +47,22 @@ public:
     PatientSource& operator=(const PatientSource&) = delete;
 
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    bool awaits_changes() const override { return awaits_changes_; }
 
 private:
     struct Shared;
 
-    PatientSource(std::string name, std::shared_ptr<Shared> shared, std::thread thread)
-        : name_(std::move(name)), shared_(std::move(shared)), thread_(std::move(thread))
+    PatientSource(std::string name, std::shared_ptr<Shared> shared, std::thread thread,
+                  bool awaits_changes)
+        : name_(std::move(name)), awaits_changes_(awaits_changes), shared_(std::move(shared)),
+          thread_(std::move(thread))
     {
     }
     void note_silence();
     void note_answer();
 
     const std::string name_;
+    const bool awaits_changes_;
     // shared with the thread, which may come back late from an opening
     const std::shared_ptr<Shared> shared_;
     std::thread thread_;

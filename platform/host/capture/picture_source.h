@@ -41,6 +41,8 @@ struct GrabRequest {
     std::stop_token stop;
     /** a grab that waits for longer gives up */
     std::chrono::milliseconds patience;
+    /** when the picture is due; the clock's start = now */
+    std::chrono::steady_clock::time_point due{};
 };
 
 /** A display, or a replacement for one. One thread at a time. */
@@ -52,6 +54,11 @@ public:
      * once.
      */
     virtual std::optional<BgraImage> grab(const GrabRequest& request) = 0;
+    /**
+     * Whether a grab may begin before the picture is due. It then waits for the last change before
+     * that time, at the latest until then. The answer never changes.
+     */
+    virtual bool awaits_changes() const { return false; }
 };
 
 /** A moving picture that needs no display, in any size; test_card.cpp says what it shows. */

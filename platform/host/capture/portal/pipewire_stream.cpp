@@ -234,6 +234,20 @@ bool PipewireStream::wait_for_first(std::chrono::milliseconds patience, std::str
     return false;
 }
 
+void PipewireStream::wait_for_last_before(ChangePace::Clock::time_point due)
+{
+    const Locked lock(loop_);
+    awaited_ = due;
+    while (!ended_ && !has_last_before(due)) {
+        const std::chrono::nanoseconds left = due - ChangePace::Clock::now();
+        if (left <= std::chrono::nanoseconds::zero())
+            return;
+        timespec until{};
+        pw_thread_loop_get_time(loop_, &until, left.count());
+        pw_thread_loop_timed_wait_full(loop_, &until);
+    }
+}
+
 void PipewireStream::show(ScreenCanvas& canvas, bool pointer)
 {
     const Locked lock(loop_);
@@ -373,7 +387,12 @@ void PipewireStream::on_process()
         else
             pw_stream_queue_buffer(stream_, buffer);
     }
-    if (fresh)
+    if (!fresh)
+        return;
+    const auto now = ChangePace::Clock::now();
+    changes_.note(now, now.time_since_epoch());
+    // Otherwise a newer one may follow, or none is awaited.
+    if (has_last_before(awaited_))
         pw_thread_loop_signal(loop_, false);
 }
 

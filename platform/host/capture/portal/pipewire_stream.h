@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/change_pace.h"
 #include "capture/portal/screen_canvas.h"
 #include "capture/portal/stream_frame.h"
 #include "capture/portal/stream_memory.h"
@@ -34,6 +35,8 @@ public:
     PipewireStream(const PipewireStream&) = delete;
     PipewireStream& operator=(const PipewireStream&) = delete;
 
+    /** Waits for a picture that show() has not seen and that is the last one before `due`. */
+    void wait_for_last_before(ChangePace::Clock::time_point due);
     /** Brings a canvas up to date with the newest buffer and pointer; does not wait. */
     void show(ScreenCanvas& canvas, bool pointer);
     /** Why there are no more pictures, as the end of a sentence; nullopt while there may be. */
@@ -64,6 +67,10 @@ private:
     void on_remove_buffer(pw_buffer* buffer);
     void on_process();
     bool keep(pw_buffer* buffer);
+    bool has_last_before(ChangePace::Clock::time_point due) const
+    {
+        return latest_.fresh && changes_.is_last_before(due);
+    }
     void on_core_error(uint32_t id, int result, const char* message);
     void on_gone(uint32_t id);
 
@@ -88,6 +95,10 @@ private:
     bool had_format_ = false;
     std::unordered_map<pw_buffer*, std::unique_ptr<StreamMemory>> memories_;
     Latest latest_;
+    // the usual frame interval, since the stream has no fixed one
+    ChangePace changes_{std::chrono::nanoseconds(std::chrono::seconds(1)) / 60};
+    // pictures before this moment are awaited
+    ChangePace::Clock::time_point awaited_{};
     Cursor cursor_;
     std::optional<std::string> ended_;
     bool unusable_memory_ = false;

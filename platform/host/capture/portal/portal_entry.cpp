@@ -37,8 +37,9 @@ public:
     {
     }
 
-    /** Does not wait, since the compositor sends a picture only after a change. */
+    /** Waits until the picture is due at most, since the compositor sends changes only. */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    bool awaits_changes() const override { return true; }
     void cut() override {}
 
 private:
@@ -56,6 +57,7 @@ std::optional<BgraImage> PortalSource::grab(const GrabRequest& request)
 {
     if (lost_)
         return std::nullopt;
+    stream_->wait_for_last_before(request.due);
     if (const auto reason = loss()) {
         note_loss(*reason);
         return std::nullopt;

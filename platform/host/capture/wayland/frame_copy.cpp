@@ -31,8 +31,12 @@ const ScreencopyFrameListener FrameCopy::listener{
             constexpr uint32_t first_line_is_lowest = 1;
             self(data).upside_down_ = (flags & first_line_is_lowest) != 0;
         },
-    .ready = [](void* data, ScreencopyFrame*, uint32_t, uint32_t,
-                uint32_t) { self(data).end(State::complete); },
+    .ready =
+        [](void* data, ScreencopyFrame*, uint32_t, uint32_t seconds, uint32_t nanoseconds) {
+            FrameCopy& copy = self(data);
+            copy.shown_ = std::chrono::seconds(seconds) + std::chrono::nanoseconds(nanoseconds);
+            copy.end(State::complete);
+        },
     .failed = [](void* data, ScreencopyFrame*) { self(data).end(State::failed); },
     .damage =
         [](void* data, ScreencopyFrame*, uint32_t x, uint32_t y, uint32_t width, uint32_t height) {

@@ -5,6 +5,7 @@
 #include "capture/wayland/wayland_session.h"
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <span>
 
@@ -45,6 +46,8 @@ public:
      * The compositor counts changes from the last copy, with the pointer or without.
      */
     void ask(const CopyBuffer& buffer, bool only_if_changed);
+    /** Once complete: when the output showed it, on the compositor's clock, modulo 2^32 s. */
+    std::chrono::nanoseconds shown() const { return shown_; }
     /** Once complete: whether the first line is the lowest one. */
     bool is_upside_down() const { return upside_down_; }
     /**
@@ -69,6 +72,7 @@ private:
     ScreencopyFrame* const proxy_;
     State state_ = State::announced;
     CopyLayout layout_{};
+    std::chrono::nanoseconds shown_{};
     bool upside_down_ = false;
     std::array<PictureRectangle, 32> damage_{};
     size_t damage_count_ = 0;

@@ -100,23 +100,24 @@ void WaylandConnection::cut()
     shutdown(socket_, SHUT_RDWR);
 }
 
-int WaylandConnection::milliseconds_to(Clock::time_point deadline)
+std::chrono::nanoseconds WaylandConnection::time_to(Clock::time_point deadline)
 {
+    constexpr std::chrono::nanoseconds longest = std::chrono::seconds(1);
     if (deadline == Clock::time_point::max())
-        return 1000;
-    // rounded up: rounded down, a wait of less than a millisecond would spin
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return static_cast<int>(std::clamp<int64_t>(left, 0, 1000));
+        return longest;
+    return std::clamp<std::chrono::nanoseconds>(deadline - Clock::now(), {}, longest);
 }
 
-void WaylandConnection::exchange(int wait_ms)
+void WaylandConnection::exchange(std::chrono::nanoseconds wait)
 {
     while (wl_display_prepare_read(display_) != 0)
         if (wl_display_dispatch_pending(display_) < 0)
             return;
     const bool full = wl_display_flush(display_) < 0 && errno == EAGAIN;
     pollfd ready{socket_, static_cast<short>(full ? POLLIN | POLLOUT : POLLIN), 0};
-    const bool readable = poll(&ready, 1, wait_ms) > 0 && (ready.revents & ~POLLOUT);
+    constexpr std::chrono::nanoseconds second = std::chrono::seconds(1);
+    const timespec limit{wait / second, (wait % second).count()};
+    const bool readable = ppoll(&ready, 1, &limit, nullptr) > 0 && (ready.revents & ~POLLOUT);
     if (readable)
         wl_display_read_events(display_);
     else

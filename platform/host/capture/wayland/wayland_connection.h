@@ -43,7 +43,7 @@ public:
     bool was_cut() const { return cut_; }
 
     /** Sends the requests that are queued and handles the events that have arrived. */
-    void take_events() { exchange(0); }
+    void take_events() { exchange({}); }
     /** Sends the requests that are queued, as far as the compositor reads them. */
     void flush() { wl_display_flush(display_); }
     /** Handles events until the condition is true. False at the deadline or when lost. */
@@ -51,8 +51,8 @@ public:
     {
         take_events();
         while (!reached() && !lost()) {
-            const int left = milliseconds_to(deadline);
-            if (left <= 0)
+            const std::chrono::nanoseconds left = time_to(deadline);
+            if (left <= std::chrono::nanoseconds::zero())
                 return false;
             exchange(left);
         }
@@ -69,8 +69,9 @@ private:
         : display_(display), socket_(socket), name_(std::move(name))
     {
     }
-    static int milliseconds_to(Clock::time_point deadline);
-    void exchange(int wait_ms);
+    /** At most a second, at least nothing. */
+    static std::chrono::nanoseconds time_to(Clock::time_point deadline);
+    void exchange(std::chrono::nanoseconds wait);
 
     wl_display* const display_;
     const int socket_;

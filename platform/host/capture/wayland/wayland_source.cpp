@@ -23,7 +23,7 @@ std::chrono::nanoseconds refresh_interval(int32_t refresh_mhz)
 WaylandSource::WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session,
                              const WaylandOutput& output)
     : host_(host), session_(std::move(session)), output_id_(output.id), output_name_(output.name),
-      refresh_(refresh_interval(output.refresh_mhz))
+      refresh_(refresh_interval(output.refresh_mhz)), changes_(refresh_)
 {
 }
 
@@ -67,7 +67,7 @@ std::optional<BgraImage> WaylandSource::grab(const GrabRequest& request)
     if (frame_ && frame_->shows_pointer() != request.pointer)
         frame_.reset();
     for (int attempt = 0; attempt < attempts && !gone(); ++attempt)
-        if (const auto image = try_grab(request.pointer)) {
+        if (const auto image = try_grab(request)) {
             returned_ = image->serial;
             return image;
         }
@@ -88,48 +88,62 @@ void WaylandSource::note_pace()
     grab_times_[grabs_++ % grab_times_.size()] = now;
 }
 
-std::optional<BgraImage> WaylandSource::try_grab(bool pointer)
+std::optional<BgraImage> WaylandSource::try_grab(const GrabRequest& request)
 {
-    const bool updated = update(pointer);
+    const bool updated = update(request);
     if (updated && frame_)
         wait_for_life();
     if (!updated || gone() || !image_.serial) {
         frame_.reset();
         return std::nullopt;
     }
-    if (!frame_ && is_fast() && !ask_for_copy(pointer))
-        return std::nullopt;
     // The layout of the next copy arrives before the next grab.
     if (!frame_)
-        start_frame(pointer);
+        start_frame(request.pointer);
     session_->connection().flush();
     return image_;
 }
 
-bool WaylandSource::update(bool pointer)
+bool WaylandSource::update(const GrabRequest& request)
 {
-    if (is_in(State::asked) && image_.serial && is_still())
-        return true;
-    const bool waited = is_in(State::complete);
-    if (waited)
-        take_copy();
-    // The copy shows the first change since the last grab. More may follow, unless grabs come as
-    // often as the output's frames.
-    if (waited && is_fast())
-        return true;
-    if (!ask_for_copy(pointer))
-        return false;
+    const auto due = std::max(request.due, Clock::now());
+    const auto latest = latest_answer(due);
+    while (!gone()) {
+        if (is_in(State::complete))
+            take_copy();
+        const auto end = has_news() ? due : latest;
+        const auto now = Clock::now();
+        if ((has_news() && changes_.is_last_before(due)) || now >= end)
+            return true;
+        if (now >= next_question(due) && !ask_for_copy(request.pointer))
+            return false;
+        const auto pause = is_in(State::asked) ? end : std::min(end, next_question(due));
+        session_->connection().wait_until(
+            pause, [this] { return gone() || is_in(State::complete) || is_in(State::failed); });
+        if (is_in(State::failed)) {
+            refusal_ = frame_->problem();
+            return false;
+        }
+    }
+    return false;
+}
+
+WaylandSource::Clock::time_point WaylandSource::latest_answer(Clock::time_point due) const
+{
+    if (!image_.serial)
+        return Clock::time_point::max();
     // The compositor copies with its next frame, which a busy machine delays. The rest of the pace
     // is for what follows the grab.
     constexpr Clock::duration longest = std::chrono::milliseconds(100);
-    const auto deadline =
-        image_.serial ? Clock::now() + std::min(longest, pace_ * 3 / 4) : Clock::time_point::max();
-    session_->connection().wait_until(deadline, [this] { return gone() || !is_in(State::asked); });
-    if (is_in(State::complete))
-        take_copy();
-    if (is_in(State::failed))
-        refusal_ = frame_->problem();
-    return !is_in(State::failed);
+    const bool quiet = is_in(State::asked) && is_still();
+    return quiet ? due : due + std::min(longest, pace_ / 2);
+}
+
+WaylandSource::Clock::time_point WaylandSource::next_question(Clock::time_point due) const
+{
+    constexpr uint32_t pictures_until_probe = 8;
+    const bool at_once = !image_.serial || prompt_copies_ % pictures_until_probe == 0;
+    return at_once ? Clock::time_point::min() : due - changes_.interval();
 }
 
 void WaylandSource::start_frame(bool pointer)
@@ -165,6 +179,7 @@ bool WaylandSource::ask_for_copy(bool pointer)
         return true;
     if (!prepare_frame(pointer))
         return false;
+    asked_ = Clock::now();
     frame_->ask(*next_, image_.serial != 0);
     return true;
 }
@@ -173,6 +188,8 @@ void WaylandSource::take_copy()
 {
     const auto frame = std::move(frame_);
     copied_ = Clock::now();
+    changes_.note(copied_, frame->shown());
+    prompt_copies_ = copied_ - asked_ < refresh_ * 3 / 2 ? prompt_copies_ + 1 : 0;
     if (gone())
         return;
     std::swap(shown_, next_);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/change_pace.h"
 #include "capture/wayland/copy_buffer.h"
 #include "capture/wayland/frame_copy.h"
 #include "capture/wayland/upright_image.h"
@@ -20,8 +21,12 @@ namespace zu3host {
  *
  * Each picture needs one copy. The compositor answers when the output differs from the last copy.
  * So a still output costs nothing: the request stays with the compositor, and grabs return the last
- * image. While the output moves, they wait for the answer. Twice a second another request checks
- * that the compositor still answers.
+ * image when it is due. A changed image is returned at once if no newer copy can arrive before it
+ * is due. Twice a second another request checks that the compositor still answers.
+ *
+ * On an output that changes with each frame, the request for a picture is sent one frame before it
+ * is due, as earlier copies would be replaced. Otherwise it is sent at once, so that the copy
+ * arrives with the change. Every eighth request is sent at once to see which of the two applies.
  */
 class WaylandSource : public WaitingSource {
 public:
@@ -29,6 +34,7 @@ public:
     static ScreenOpening open(const ScreenHost& host, const std::string& monitor);
 
     std::optional<BgraImage> grab(const GrabRequest& request) override;
+    bool awaits_changes() const override { return true; }
     void cut() override { session_->connection().cut(); }
 
 private:
@@ -37,9 +43,15 @@ private:
     WaylandSource(const ScreenHost& host, std::unique_ptr<WaylandSession> session,
                   const WaylandOutput& output);
 
-    std::optional<BgraImage> try_grab(bool pointer);
-    /** Updates the image; false if that fails. */
-    bool update(bool pointer);
+    std::optional<BgraImage> try_grab(const GrabRequest& request);
+    /** Updates the image, at the latest when it is due; false if that fails. */
+    bool update(const GrabRequest& request);
+    /** How long a picture that is due at `due` waits for a change. */
+    Clock::time_point latest_answer(Clock::time_point due) const;
+    /** When the copy for a picture that is due at `due` is asked for. */
+    Clock::time_point next_question(Clock::time_point due) const;
+    /** Whether the image has changed since the last grab. */
+    bool has_news() const { return image_.serial && image_.serial != returned_; }
     void note_pace();
     void start_frame(bool pointer);
     /** Waits for the layout and allocates its buffer; on failure false, and `refusal_` is set. */
@@ -50,8 +62,6 @@ private:
     bool is_in(FrameCopy::State state) const { return frame_ && frame_->state() == state; }
     const WaylandOutput* output() const { return session_->output(output_id_); }
     bool gone() const { return session_->connection().lost() || !output(); }
-    /** Whether grabs are about as frequent as frames of the output. */
-    bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
     /** Whether the output has not changed for some time. */
     bool is_still() const { return Clock::now() - copied_ > std::chrono::milliseconds(100); }
     void note_loss();
@@ -81,8 +91,12 @@ private:
     // between grabs
     Clock::duration pace_ = std::chrono::seconds(1);
     Clock::time_point asked_for_answer_{};
+    Clock::time_point asked_{};
     // when the last copy was there
     Clock::time_point copied_{};
+    ChangePace changes_;
+    // copies in a row that came with the next frame after the request
+    uint32_t prompt_copies_ = 0;
     // why there was no copy
     WaylandProblem refusal_;
     bool told_of_loss_ = false;

@@ -13,7 +13,8 @@ extern "C" {
 
 /**
  * When a captured picture was due, exactly on the grid of the frame rate. Time stamps of frames tell
- * when the picture was captured, on a busy machine some periods later. From any thread.
+ * when the picture was captured: on a busy machine some periods later, on Wayland up to a frame of
+ * the screen earlier. From any thread.
  *
  * @param pts time stamp of a frame, microseconds of the monotonic clock
  * @return microseconds of the same clock; 0 unless the picture is one of the last 64 that the
