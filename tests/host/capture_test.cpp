@@ -4,6 +4,7 @@
 #include "capture/change_pace.h"
 #include "capture/image_placement.h"
 #include "capture/patient_source.h"
+#include "capture/picture_pool.h"
 #include "helpers.h"
 #include "picture/picture_in_flight.h"
 #include "statistics/counters.h"
@@ -19,6 +20,7 @@
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <vector>
 
 using namespace zu3host;
@@ -397,4 +399,49 @@ TEST(ChangePace, TellsTheLastChangeBeforeAMoment)
             pace.note(start + milliseconds(arrival), milliseconds(arrival));
         EXPECT_EQ(pace.is_last_before(start + milliseconds(c.due)), c.is_last) << c.words;
     }
+}
+
+/** Bytes of a picture that are in memory. */
+size_t resident_bytes(const PicturePool& pool, uint32_t index)
+{
+    const size_t bytes = pool.layout().picture_bytes();
+    std::vector<unsigned char> pages(bytes / 4096);
+    EXPECT_EQ(mincore(pool.picture(index), bytes, pages.data()), 0);
+    return 4096 * static_cast<size_t>(std::count_if(pages.begin(), pages.end(),
+                                                    [](unsigned char page) { return page & 1; }));
+}
+
+// Catches memory that a busy moment leaves behind, and memory taken from a picture in use.
+TEST(PicturePool, GivesBackTheMemoryOfABusyMoment)
+{
+    const PictureLayout layout{128, 64};
+    const size_t bytes = layout.picture_bytes();
+    const auto pool = PicturePool::own(layout, 100);
+    const auto use = [&](uint32_t index) {
+        EXPECT_EQ(pool->acquire(), index);
+        std::memset(pool->picture(index), 7, bytes);
+        pool->contents(index).serial = index;
+    };
+    for (const uint32_t index : {100u, 101u, 102u})
+        use(index);
+    for (const uint32_t index : {100u, 101u, 102u})
+        EXPECT_TRUE(pool->release(index));
+    lease_picture(pool->picture(101));
+    const auto pass = [&](uint64_t pictures) {
+        for (uint64_t i = 0; i < pictures; ++i) {
+            use(100);
+            EXPECT_TRUE(pool->release(100));
+        }
+    };
+    pass(PicturePool::acquires_until_idle - 1);
+    EXPECT_EQ(resident_bytes(*pool, 102), bytes);
+    pass(3);
+    EXPECT_EQ(resident_bytes(*pool, 102), 0u);
+    EXPECT_EQ(pool->contents(102).serial, 0u) << "a picture that is not there is known";
+    EXPECT_EQ(resident_bytes(*pool, 101), bytes) << "the encoder still reads it";
+    EXPECT_EQ(resident_bytes(*pool, 100), bytes);
+    return_picture(pool->picture(101));
+    pass(1);
+    EXPECT_EQ(resident_bytes(*pool, 101), 0u);
+    EXPECT_EQ(pool->picture(101)[0], 0);
 }

@@ -34,7 +34,7 @@ size_t own_slot_bytes(PictureLayout layout)
 PicturePool::PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes,
                          uint32_t count, uint32_t first_index, bool owned)
     : layout_(layout), base_(base), phys_(phys), slot_bytes_(slot_bytes), first_index_(first_index),
-      owned_(owned), memory_(hold_memory(base)), contents_(count), out_(count)
+      owned_(owned), memory_(hold_memory(base)), contents_(count), out_(count), acquired_(count)
 {
 }
 
@@ -90,15 +90,33 @@ std::optional<uint32_t> PicturePool::acquire()
 {
     const std::lock_guard lock(mutex_);
     for (uint32_t slot = 0; slot < out_.size(); ++slot) {
-        const uint32_t index = first_index_ + slot;
-        if (out_[slot] || picture_is_leased(picture(index)))
+        if (!is_free(slot))
             continue;
+        const uint32_t index = first_index_ + slot;
         if (is_shared())
             lease_picture(picture(index));
         out_[slot] = true;
+        acquired_[slot] = ++acquires_;
+        used_ = std::max(used_, slot + 1);
+        give_back_memory();
         return index;
     }
     return std::nullopt;
+}
+
+bool PicturePool::is_free(uint32_t slot) const
+{
+    return !out_[slot] && !picture_is_leased(picture(first_index_ + slot));
+}
+
+void PicturePool::give_back_memory()
+{
+    const uint32_t last = used_ - 1;
+    if (last == 0 || !is_free(last) || acquires_ - acquired_[last] < acquires_until_idle)
+        return;
+    contents_[last] = {};
+    discard_pages(picture(first_index_ + last), layout_.picture_bytes());
+    --used_;
 }
 
 bool PicturePool::release(uint32_t index)

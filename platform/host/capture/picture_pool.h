@@ -15,8 +15,9 @@ namespace zu3host {
 /**
  * The pictures that a capture writes: slots of one block of device memory, either the capture's or
  * the encoder's entire inject buffer. Uses the first free slot, so a capture whose pictures return
- * at once touches the memory, and the cache, of one. Thread-safe; the contents of a taken slot
- * belong to the thread that took it.
+ * at once touches the memory, and the cache, of one. A busy machine needs more for a moment; their
+ * memory goes back to the system once it was not needed for `acquires_until_idle` pictures.
+ * Thread-safe; the contents of a taken slot belong to the thread that took it.
  */
 class PicturePool {
 public:
@@ -51,6 +52,8 @@ public:
     bool is_shared() const { return !owned_; }
     uint32_t count() const { return static_cast<uint32_t>(out_.size()); }
 
+    static constexpr uint64_t acquires_until_idle = 256;
+
     /** The first slot that is neither out nor leased; nullopt if there is none. */
     std::optional<uint32_t> acquire();
     /** Puts a slot back; false for an index that is not out. */
@@ -65,6 +68,9 @@ public:
 private:
     PicturePool(PictureLayout layout, uint8_t* base, uint64_t phys, size_t slot_bytes,
                 uint32_t count, uint32_t first_index, bool owned);
+    bool is_free(uint32_t slot) const;
+    /** Of the last slot that has memory, if that is idle and not the first. */
+    void give_back_memory();
 
     const PictureLayout layout_;
     uint8_t* const base_;
@@ -78,6 +84,11 @@ private:
 
     std::mutex mutex_;
     std::vector<bool> out_;
+    uint64_t acquires_ = 0;
+    // the value of acquires_ when each slot was acquired last
+    std::vector<uint64_t> acquired_;
+    // slots that have memory
+    uint32_t used_ = 0;
 };
 
 } // namespace zu3host

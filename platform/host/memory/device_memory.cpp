@@ -226,6 +226,15 @@ bool free_block(uint64_t phys)
     return true;
 }
 
+void discard_pages(uint8_t* start, size_t bytes)
+{
+    const uint64_t begin = whole_pages(address_of(start));
+    const uint64_t end = (address_of(start) + bytes) / page_bytes * page_bytes;
+    // A refusal keeps the memory, which is harmless.
+    if (begin < end)
+        madvise(start + (begin - address_of(start)), end - begin, MADV_REMOVE);
+}
+
 std::optional<MemoryBlock> block_of_phys(uint64_t phys)
 {
     Blocks& all = blocks();

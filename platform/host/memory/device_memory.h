@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -28,6 +29,11 @@ std::optional<MemoryBlock> allocate_block(const char* name, uint32_t size);
  * (memory_register.h); false when there is none.
  */
 bool free_block(uint64_t phys);
+/**
+ * Gives the whole pages within `bytes` from `start`, in a block, back to the system. They read as
+ * zero until they are written again.
+ */
+void discard_pages(uint8_t* start, size_t bytes);
 /** The block that contains a physical address. */
 std::optional<MemoryBlock> block_of_phys(uint64_t phys);
 /** The block that contains a virtual address. */
