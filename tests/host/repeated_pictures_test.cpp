@@ -248,6 +248,23 @@ TEST(X264EncoderStill, RepeatsASettledPictureAndPutsOffItsKeyFrames)
     EXPECT_EQ(decoded_by_ffmpeg(still.stream).size(), pictures);
 }
 
+// Catches pictures without a change in a video that cost as much as the others, and a stream that
+// decoders read otherwise behind them.
+TEST(X264EncoderStill, IsNotRefinedBetweenThePicturesOfAVideo)
+{
+    StillEncoder still;
+    still.encode(drawn_in_part(0), false);
+    int repetitions = 0;
+    for (uint32_t number = 1; number < 150; ++number) {
+        const bool unchanged = number % 5 == 0;
+        repetitions += is_repetition(still.encode(drawn_in_part(number - unchanged), unchanged));
+    }
+    EXPECT_GT(repetitions, 25) << "of 29";
+    const std::vector<Bytes> pictures = decoded_by_ffmpeg(still.stream);
+    EXPECT_EQ(pictures.size(), 150u);
+    EXPECT_TRUE(pictures == decoded_by_openh264(still.stream));
+}
+
 // Catches a repetition in place of what was asked for.
 TEST(X264EncoderStill, EncodesWhatIsMoreThanARepetition)
 {

@@ -11,12 +11,6 @@
 namespace zu3host {
 namespace {
 
-// x264 derives the quantizer of a key frame from those of the pictures before it, which get ever
-// finer while a picture stands still. Repetitions are missing from that. With this offset a still
-// picture is as sharp as without repetitions, or sharper, in no more bits
-// (docs/measurements/repeated_pictures.md).
-constexpr float quantizer_of_still_key_frame = -1.0f;
-
 // A picture counts as coarser because of the ceiling if x264 is this far ahead of it, and has
 // raised the rate factor by more than a barely visible step. At the best qualities the factor alone
 // is no proof, since x264 then aims below its smallest quantizer.
@@ -49,8 +43,7 @@ bool X264Encoder::reopen(EncoderRate rate)
     // The same fullness as in the previous encoder, if there was one.
     const double ahead = static_cast<double>(bits_ahead_) / 1000 / parameters.rc.i_vbv_buffer_size;
     parameters.rc.f_vbv_buffer_init = static_cast<float>(std::clamp(1 - ahead, 0.1, 0.9));
-    finer_.assign(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16),
-                  quantizer_of_still_key_frame);
+    finer_.resize(size_t{settings_.layout.stride / 16} * (settings_.layout.lines / 16));
     const ThreadInheritance for_the_slice_threads;
     Handle encoder(x264_encoder_open(&parameters));
     if (!encoder) {
@@ -65,7 +58,8 @@ bool X264Encoder::reopen(EncoderRate rate)
     rate_factor_ = parameters.rc.f_rf_constant;
     pictures_between_keys_ = next_key_distance_ = key_frame_distance(settings_);
     repetitions_ = RepeatedPictures::into(encoder_.get());
-    equal_sizes_ = 0;
+    refinement_ = Refinement(settings_.frame_rate);
+    key_quantizer_ = {};
     return true;
 }
 
@@ -122,11 +116,8 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     if (!follow_content(picture))
         return std::nullopt;
     follow_rate();
-    if (unchanged && !as_key && may_repeat()) {
-        ++pictures_since_key_;
-        const std::span<uint8_t> bytes = repetitions_->repeat();
-        return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), false};
-    }
+    if (unchanged && !as_key && may_repeat())
+        return repeat();
     // x264 counts only the pictures that it gets, so each repetition would delay its key frames.
     as_key = as_key || key_due();
     const auto unit = encode_by_x264(picture, as_key, changed);
@@ -137,16 +128,24 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     return unit;
 }
 
+AccessUnit X264Encoder::repeat()
+{
+    ++pictures_since_key_;
+    refinement_.note_repeated();
+    key_quantizer_.note_repeated();
+    const std::span<uint8_t> bytes = repetitions_->repeat();
+    return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), false};
+}
+
 // During repetitions no time passes for x264's rate control. That is harmless if x264 owes no bits,
 // which time would pay back. With a given bit rate x264 refines a picture as long as it has bits,
 // so repetitions begin once the difference is invisible.
 bool X264Encoder::is_settled() const
 {
-    if (!repetitions_)
-        return false;
     if (applied_.as_needed)
-        return equal_sizes_ >= pictures_until_settled && bits_ahead_ == 0;
-    return equal_sizes_ > 0 && log_.quantizer() <= invisible_quantizer;
+        return refinement_.equal_sizes() >= Refinement::equal_sizes_until_settled &&
+               bits_ahead_ == 0;
+    return refinement_.equal_sizes() > 0 && log_.quantizer() <= invisible_quantizer;
 }
 
 bool X264Encoder::is_at_ceiling() const
@@ -157,9 +156,13 @@ bool X264Encoder::is_at_ceiling() const
 
 bool X264Encoder::may_repeat() const
 {
+    if (!repetitions_)
+        return false;
     const bool puts_off = applied_.as_needed && !keeps_distance_;
-    return is_settled() &&
-           pictures_since_key_ < pictures_between_keys_ * (puts_off ? distances_while_still : 1);
+    if (is_settled())
+        return pictures_since_key_ <
+               pictures_between_keys_ * (puts_off ? distances_while_still : 1);
+    return applied_.as_needed && bits_ahead_ == 0 && !key_due() && refinement_.may_wait();
 }
 
 // A film may turn into a screen with any picture.
@@ -171,9 +174,8 @@ bool X264Encoder::would_repeat() const
 
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)
 {
-    const bool equal = unchanged && unit.size == last_size_;
-    equal_sizes_ = equal ? equal_sizes_ + 1 : unchanged;
-    last_size_ = unit.size;
+    refinement_.note_encoded(unit.size, unit.key, unchanged);
+    key_quantizer_.note_encoded(log_.quantizer(), unit.key, unchanged);
     const uint64_t bits_per_picture =
         static_cast<uint64_t>(applied_.kilobits) * 1000 / settings_.frame_rate;
     bits_ahead_ += uint64_t{unit.size} * 8;
@@ -199,8 +201,10 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
     in.prop.mb_info = macroblocks_.constant_in(changed);
-    if (as_key && applied_.as_needed && is_settled())
+    if (const float finer = key_quantizer_.offset(); as_key && applied_.as_needed && finer != 0) {
+        std::ranges::fill(finer_, finer);
         in.prop.quant_offsets = finer_.data();
+    }
     x264_picture_t out;
     x264_nal_t* nals = nullptr;
     int count = 0;

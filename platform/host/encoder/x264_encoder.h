@@ -1,7 +1,9 @@
 #pragma once
 
 #include "encoder/content_watch.h"
+#include "encoder/key_quantizer.h"
 #include "encoder/macroblock_history.h"
+#include "encoder/refinement.h"
 #include "encoder/repeated_pictures.h"
 #include "encoder/x264_parameters.h"
 
@@ -35,7 +37,7 @@ public:
     /**
      * Encodes the NV12 picture at `picture`, which is no longer needed when this returns. x264 does
      * not search unchanged parts for changes. It refines a picture without changes; once nothing is
-     * left to refine, the access unit is written without x264.
+     * left to refine, or while that can wait, the access unit is written without x264.
      */
     std::optional<AccessUnit> encode(uint8_t* picture, bool as_key, ChangedRectangles changed);
     /** Whether an unchanged picture that need not be a key frame is written without x264. */
@@ -60,7 +62,7 @@ private:
 
     explicit X264Encoder(const EncoderSettings& settings)
         : settings_(settings), macroblocks_(settings.layout),
-          watch_(settings.frame_rate, settings.layout)
+          watch_(settings.frame_rate, settings.layout), refinement_(settings.frame_rate)
     {
     }
     void follow_rate();
@@ -72,11 +74,10 @@ private:
                                              ChangedRectangles changed);
     bool is_settled() const;
     bool may_repeat() const;
+    AccessUnit repeat();
     bool is_at_ceiling() const;
     void note(const AccessUnit& unit, bool unchanged);
 
-    /** After this many unchanged pictures of one size in a row, x264 would repeat that size. */
-    static constexpr uint32_t pictures_until_settled = 3;
     /**
      * In a recording, key frames of a still picture are put off to this multiple of their distance,
      * or to the next change. A player that seeks to a moment before that decodes only repetitions.
@@ -102,15 +103,14 @@ private:
     uint32_t next_key_distance_ = 0;
     uint32_t pictures_since_key_ = 0;
     bool keeps_distance_ = false;
-    // unchanged pictures in a row whose access units had this size
-    uint32_t equal_sizes_ = 0;
-    uint32_t last_size_ = 0;
     // bits spent ahead of the rate, according to x264's rate control
     uint64_t bits_ahead_ = 0;
     MacroblockHistory macroblocks_;
     ContentWatch watch_;
     Content content_ = Content::screens;
-    // per macroblock, the quantizer offset of a still picture's key frame
+    Refinement refinement_;
+    KeyQuantizer key_quantizer_;
+    // per macroblock, the quantizer offset of a key frame
     std::vector<float> finer_;
 };
 
