@@ -123,8 +123,11 @@ void rewrite(int original, const std::string& path, const std::function<bool(dou
     if (!from)
         fail(errno);
     Beside beside(path, file);
-    movie_module().copy(
-        {.from = from.get(), .to = beside.fd(), .container = Container::mp4, .go_on = go_on});
+    movie_module().copy({.from = from.get(),
+                         .to = beside.fd(),
+                         .container = Container::mp4,
+                         .own = true,
+                         .go_on = go_on});
     beside.put_in_place(go_on);
 }
 

@@ -63,6 +63,8 @@ struct CopyJob {
     /** open to write, an empty ordinary file */
     int to = -1;
     Container container = Container::mp4;
+    /** written by a MovieWriter, so that its header tells all that a copy needs */
+    bool own = false;
     /**
      * Called with the finished part, 0 to 1; returns whether to continue, otherwise the copy fails.
      */

@@ -153,6 +153,7 @@ std::string save(Snapshot& snapshot, const MovieFormat& format, const std::strin
     movie_module().copy({.from = fragments.fd(),
                          .to = whole.fd(),
                          .container = Container::mp4,
+                         .own = true,
                          .go_on = [](double) { return true; }});
     if (fsync(whole.fd()) != 0)
         fail_to_save(errno);

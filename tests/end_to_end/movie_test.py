@@ -91,9 +91,11 @@ class Movies(UnmeasuredEndToEndTest):
             self.assertGreater(len(places), 30)
 
     def test_sound_is_as_long_as_the_pictures(self):
-        for kind in KINDS:
+        # An MP4 file has the delay of the encoder in its edit list.
+        for kind, least in (("mp4", 4), ("mkv", 3.97)):
             samples = judges.decode_sound(self.path(f"a.{kind}"))
-            self.assertAlmostEqual(len(samples) / 48000, 4, delta=0.03, msg=kind)
+            self.assertGreaterEqual(len(samples) / 48000, least, kind)
+            self.assertLess(len(samples) / 48000, 4.03, kind)
             self.assertTrue(sound_test.hears(samples[48000:96000], 440), kind)
 
     def test_index_is_in_front(self):
@@ -379,18 +381,39 @@ class Finishing(UnmeasuredEndToEndTest):
             return held_up_test.Disk.writer(self, recording, "movie finisher")
         return None
 
+    def next_child(self, recording):
+        """The process that it starts after the one that writes its file; None at its end. Polls, since it is soon over."""
+        pid = recording.process.pid
+        children = pathlib.Path(f"/proc/{pid}/task/{pid}/children")
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            first = None
+            while recording.process.poll() is None:
+                now = children.read_text("ascii").split()
+                first = first or now[:1]
+                if now and now[-1:] != first:
+                    return int(now[-1])
+        return None
+
+    @staticmethod
+    def is_stopped(process):
+        with contextlib.suppress(FileNotFoundError):
+            return pathlib.Path(f"/proc/{process}/stat").read_text("ascii").rpartition(")")[2].split()[0] == "T"
+        return False
+
     def record_and_hold_it_there(self, path):
         """A recording whose file is being rewritten by a process that gives no answer, and that process."""
+        self.start_display("320x240")
+        self.start_screen("--noise")
         for _ in range(5):
-            recording = self.client("record", "-y", "--json", "-r", "60", "-t", "3", "--quality", "0", "-o", path,
-                                    environment={"ZU3_DISPLAY": "testcard", "ZU3_AUDIO": "tone"})
-            wait_until(lambda each=recording: self.finisher(each) or each.process.poll() is not None, "the finisher")
-            process = self.finisher(recording)
+            recording = self.client("record", "-y", "--json", "-r", "60", "-t", "1.5", "--quality", "0", "-o", path,
+                                    environment={"ZU3_DISPLAY": "x11", "ZU3_AUDIO": "tone"})
+            process = self.next_child(recording)
             if process:
                 os.kill(process, signal.SIGSTOP)
                 self.addCleanup(self.release, process)
-            if self.finisher(recording):
-                return recording, process
+                pass_time(0.05)
+                if self.is_stopped(process) and "moof" in boxes(path):
+                    return recording, process
             recording.kill()
         raise AssertionError("every file was rewritten too fast")
 
@@ -411,7 +434,7 @@ class Finishing(UnmeasuredEndToEndTest):
         self.assertIn(recording.wait(), (0, 3), recording.errors())
         told = [json.loads(line) for line in recording.errors().splitlines() if line.startswith("{")]
         parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
-        self.assertTrue(parts and 0 <= parts[0] < 1, told)
+        self.assertTrue(parts and 0 <= parts[0] <= 1, told)
         self.assert_stays_in_fragments(recording, path, "it was interrupted")
 
     def frozen_disk(self):

@@ -139,7 +139,9 @@ private:
         // frees the context if it fails
         checked(avformat_open_input(&context, "", nullptr, nullptr));
         input_.reset(context);
-        checked(avformat_find_stream_info(context, nullptr));
+        // It decodes frames, which costs more CPU than the copy of a short movie.
+        if (!job_.own)
+            checked(avformat_find_stream_info(context, nullptr));
     }
 
     void open_output()
@@ -150,6 +152,8 @@ private:
         output_.reset(context);
         context->pb = output_file_.io();
         context->flags |= AVFMT_FLAG_CUSTOM_IO;
+        // otherwise a system call per packet
+        context->flush_packets = 0;
         for (unsigned i = 0; i < input_->nb_streams; ++i)
             places_.push_back(add_stream(*input_->streams[i]));
         if (context->nb_streams == 0)
@@ -167,6 +171,8 @@ private:
             throw std::bad_alloc();
         checked(avcodec_parameters_copy(to->codecpar, from.codecpar));
         to->codecpar->codec_tag = 0;
+        if (job_.own && from.codecpar->codec_id == AV_CODEC_ID_AAC)
+            to->codecpar->frame_size = common::SoundEncoder::packet_samples;
         to->time_base = from.time_base;
         to->avg_frame_rate = from.avg_frame_rate;
         to->r_frame_rate = from.r_frame_rate;
