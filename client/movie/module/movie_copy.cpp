@@ -10,6 +10,7 @@
 
 #include "movie/module/av_objects.h"
 #include "movie/module/muxed_movie.h"
+#include <common/sound_encoder.h>
 
 namespace client::movie {
 namespace {
