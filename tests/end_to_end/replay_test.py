@@ -135,5 +135,5 @@ class ReplayForMinutes(LongEndToEndTest, Replay):
             self.run_program("screenrecord", "control", "save")
             sizes.append(self.resident(replay) / 1e6)
         print("resident MB:", *(f"{size:.1f}" for size in sizes))
-        self.assertLess(max(sizes[6:]), max(sizes[:6]) + 3)
+        self.assertLess(max(sizes[6:]), max(sizes[:6]) + 1)
         self.assert_stops(replay)
