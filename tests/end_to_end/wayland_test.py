@@ -52,12 +52,12 @@ assert library.video_capenc_stop() == 0 and library.video_capenc_close() == 0
     def test_hands_out_pictures_before_they_are_due(self):
         # Catches a picture that waits although no newer one can come, one that does not wait, and a moved time stamp.
         self.start_session()
-        show(self, "--fps", "60")
+        show(self, "--fps", "23")  # in no fixed phase
         said = self.run_program(sys.executable, "-c", self.LATENESS, BUILD / "lib/libscreenrecord.so",
                                 BUILD / "lib/libzu3.so")
         pictures = [tuple(int(word) for word in line.split()) for line in said.splitlines()]
         lateness = sorted(late for late, _ in pictures)
-        self.assertLess(lateness[len(lateness) // 4], 0, lateness)
+        self.assertLess(lateness[1], 0, lateness)
         self.assertGreater(lateness[0], -1_000_000 / 60, lateness)
         for _, due in pictures:
             intervals = (due - pictures[0][1]) * 30 / 1_000_000

@@ -111,7 +111,7 @@ bool WaylandSource::update(const GrabRequest& request)
     while (!gone()) {
         if (is_in(State::complete))
             take_copy();
-        const auto end = has_news() ? due : latest;
+        const auto end = has_news() && !moves() ? due : latest;
         const auto now = Clock::now();
         if ((has_news() && changes_.is_last_before(due)) || now >= end)
             return true;
@@ -136,14 +136,13 @@ WaylandSource::Clock::time_point WaylandSource::latest_answer(Clock::time_point 
     // is for what follows the grab.
     constexpr Clock::duration longest = std::chrono::milliseconds(100);
     const bool quiet = is_in(State::asked) && is_still();
-    return quiet ? due : due + std::min(longest, pace_ / 2);
+    return quiet ? due : due + std::min(longest, pace_ * 3 / 4);
 }
 
 WaylandSource::Clock::time_point WaylandSource::next_question(Clock::time_point due) const
 {
-    constexpr uint32_t pictures_until_probe = 8;
-    const bool at_once = !image_.serial || prompt_copies_ % pictures_until_probe == 0;
-    return at_once ? Clock::time_point::min() : due - changes_.interval();
+    const bool later = image_.serial && moves() && !is_fast();
+    return later ? due - changes_.interval() / 2 : Clock::time_point::min();
 }
 
 void WaylandSource::start_frame(bool pointer)

@@ -24,9 +24,10 @@ namespace zu3host {
  * image when it is due. A changed image is returned at once if no newer copy can arrive before it
  * is due. Twice a second another request checks that the compositor still answers.
  *
- * On an output that changes with each frame, the request for a picture is sent one frame before it
- * is due, as earlier copies would be replaced. Otherwise it is sent at once, so that the copy
- * arrives with the change. Every eighth request is sent at once to see which of the two applies.
+ * On an output that changes with each frame, the request for a picture is sent half a frame before
+ * it is due: the copy then shows the output within half a frame of that time, and earlier ones would
+ * be replaced. Otherwise, and with every eighth picture to see which of the two applies, it is sent
+ * at once, so that the copy arrives with the change.
  */
 class WaylandSource : public WaitingSource {
 public:
@@ -62,6 +63,10 @@ private:
     bool is_in(FrameCopy::State state) const { return frame_ && frame_->state() == state; }
     const WaylandOutput* output() const { return session_->output(output_id_); }
     bool gone() const { return session_->connection().lost() || !output(); }
+    /** Whether grabs are about as frequent as frames of the output. */
+    bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
+    /** Whether the output changes with each frame; every eighth copy asks for it again. */
+    bool moves() const { return prompt_copies_ % 8 != 0; }
     /** Whether the output has not changed for some time. */
     bool is_still() const { return Clock::now() - copied_ > std::chrono::milliseconds(100); }
     void note_loss();
