@@ -4,10 +4,10 @@ import signal
 
 import judges
 from desktop import AS_USER, Desktop
-from harness import SOON, EndToEndTest, UnmeasuredEndToEndTest, size_of, wait_until
+from harness import BUILD, SOON, EndToEndTest, UnmeasuredEndToEndTest, size_of, wait_until
 from judges import BLACK, RED, WHITE
 from stream_test import LiveStream
-from wayland_test import BACKGROUND, near
+from wayland_test import BACKGROUND, assert_handed_out_early, near
 
 GREEN, BLUE = (0, 255, 0), (0, 0, 255)
 
@@ -54,6 +54,10 @@ class SharedScreen(PortalTest):
 
 
 class Portal(SharedScreen, EndToEndTest):
+    def test_hands_out_pictures_before_they_are_due(self):
+        assert_handed_out_early(self, self.path("built") / "lib" if AS_USER else BUILD / "lib",
+                                "/usr/bin/python3")  # the user may not reach another one
+
     def test_ten_seconds(self):
         # Catches pictures that are lost or late, wrong colours, a stale screen, and a user who is asked twice.
         token = self.path("home/.local/state/screenrecord/portal-token")
