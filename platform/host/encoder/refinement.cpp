@@ -41,7 +41,7 @@ void Refinement::note_repeated()
 
 void Refinement::note(bool unchanged)
 {
-    changes_ = changes_ << 1 | !unchanged;
+    changes_ = (changes_ & UINT32_MAX >> 1) << 1 | !unchanged; // the oldest one is forgotten
     unchanged_ = unchanged ? unchanged_ + 1 : 0;
 }
 
