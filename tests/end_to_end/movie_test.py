@@ -199,22 +199,25 @@ class InStep(LongEndToEndTest):
     def test_with_three_pauses(self):
         # Catches pauses that stay in the file, shift the sound, or end with a frame that needs earlier ones.
         path, seconds = self.path("pauses.mp4"), 60
-        recording = self.client("record", "--json", "-r", "60", "-t", seconds, "-o", path,
-                                environment={"ZU3_X264_KEYINT": "36000"})
+        recording = self.client("record", "--json", "-r", "60", "-t", seconds, "-o", path)
         wait_until(lambda: size_of(path) > 0, "the first piece")
+        begins = [0]
         for _ in range(3):
             pass_time(14)
-            for request, lasts in ((signal.SIGUSR1, 2.5), (signal.SIGUSR2, 0)):
-                recording.process.send_signal(request)
-                pass_time(lasts)
+            recording.process.send_signal(signal.SIGUSR1)
+            pass_time(2.5)
+            status = json.loads([line for line in recording.errors().splitlines() if line.startswith("{")][-1])
+            self.assertEqual(status["state"], "paused")
+            begins.append(status["frames"])
+            recording.process.send_signal(signal.SIGUSR2)
         self.assertIn(recording.wait(seconds + 20), (0, 3))
         frames = judges.packets(path)
-        keys = [time for time, _, key in frames if key]
-        self.assertEqual(len(keys), 4, keys)
+        self.assertEqual([frames[begin][2] for begin in begins], [True] * 4, "a key frame behind each pause")
         self.assertAlmostEqual(frames[-1][0], seconds, delta=0.1)
+        self.assertLess(max(after[0] - before[0] for before, after in zip(frames, frames[1:])), 1, "a hole")
         self.assertAlmostEqual(len(judges.decode_sound(path)) / 48000, seconds, delta=0.05)
-        ends = [*keys[1:], seconds]
-        for begin, end in zip(keys, ends):
+        times_of_begins = [frames[begin][0] for begin in begins]
+        for begin, end in zip(times_of_begins, [*times_of_begins[1:], seconds]):
             found = self.distances(path, begin, end)
             print(f"from {begin:.2f} s: beep after flash {max(found):.1f} ms, median {statistics.median(found):.1f} ms")
             self.assertLess(abs(max(found)), 10)
