@@ -21,7 +21,9 @@ class Display:
         # options of moving_screen, or a command
         command = screen if screen[0] == "bench_office" else ["moving_screen", *screen]
         self.screen = subprocess.Popen([f"{programs}/{command[0]}", *command[1:]], stdout=subprocess.PIPE)
-        self.screen.stdout.read(1)  # it prints "ready" when the picture is shown
+        if not self.screen.stdout.read(1):  # it prints "ready" when the picture is shown
+            self.server.terminate()
+            raise SystemExit(f"{command[0]} cannot show its pictures")
 
     def __enter__(self):
         return self
