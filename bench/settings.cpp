@@ -185,11 +185,10 @@ public:
     int flush(x264_picture_t&) { return 0; }
     int encode(Picture& picture, int64_t number, x264_picture_t& out)
     {
-        const bool key_due = since_key_ >= key_distance_;
+        const bool key_due = since_key_ >= 2 * fps;
         if (const auto wanted = watch_.content(key_due, picture.nv12.data()); wanted != content_) {
             content_ = wanted;
             open();
-            next_distance_ += std::max(key_distance_ - since_key_, 0);
         }
         x264_picture_t in = picture_of(picture, number);
         in.i_type = key_due ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
@@ -203,8 +202,6 @@ public:
         if (!key)
             watch_.note(log_.counts());
         since_key_ = key ? 1 : since_key_ + 1;
-        if (key)
-            key_distance_ = std::exchange(next_distance_, 2 * fps);
         return size;
     }
 
@@ -241,7 +238,7 @@ private:
     zu3host::ContentWatch watch_{fps, layout_};
     zu3host::Content content_ = zu3host::Content::screens;
     Encoder encoder_;
-    int since_key_ = 0, key_distance_ = 2 * fps, next_distance_ = 2 * fps;
+    int since_key_ = 0;
 };
 
 /** Of one encoder with one preset. */

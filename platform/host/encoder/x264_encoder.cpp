@@ -56,7 +56,7 @@ bool X264Encoder::reopen(EncoderRate rate)
         HOST_LOGW("x264 refused to switch off unused settings");
     applied_ = rate;
     rate_factor_ = parameters.rc.f_rf_constant;
-    pictures_between_keys_ = next_key_distance_ = key_frame_distance(settings_);
+    pictures_between_keys_ = key_frame_distance(settings_);
     repetitions_ = RepeatedPictures::into(encoder_.get());
     refinement_ = Refinement(settings_.frame_rate);
     key_quantizer_ = {};
@@ -88,8 +88,8 @@ void X264Encoder::follow_rate()
 }
 
 // Most settings cannot change in an open encoder. Closes the old one first, since two at a time
-// would double the memory. The first key frame of the new one replaces the next one due, so the
-// stream has no additional key frames.
+// would double the memory. The new one begins with a key frame, and the next one comes at the usual
+// distance from it: a film with fewer key frames has less quality at equal bits.
 bool X264Encoder::follow_content(const uint8_t* picture)
 {
     const bool adapts = applied_.as_needed && settings_follow_content();
@@ -97,14 +97,10 @@ bool X264Encoder::follow_content(const uint8_t* picture)
     // Keeps another picture between two IDR pictures, since their idr_pic_id may be equal.
     if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
         return true;
-    const uint32_t early = key_distance_ - std::min(pictures_since_key_, key_distance_);
     content_ = wanted;
     repetitions_.reset();
     encoder_.reset();
-    if (!reopen(applied_))
-        return false;
-    next_key_distance_ += early;
-    return true;
+    return reopen(applied_);
 }
 
 std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
@@ -181,8 +177,6 @@ void X264Encoder::note(const AccessUnit& unit, bool unchanged)
     bits_ahead_ += uint64_t{unit.size} * 8;
     bits_ahead_ -= std::min(bits_ahead_, bits_per_picture);
     pictures_since_key_ = unit.key ? 1 : pictures_since_key_ + 1;
-    if (unit.key)
-        key_distance_ = std::exchange(next_key_distance_, pictures_between_keys_);
     keeps_distance_ = keeps_distance_ && !unit.key;
 }
 
@@ -218,7 +212,7 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};
     // x264 predicts from a picture that is lost here, so a key frame follows.
-    const uint32_t since_key = std::exchange(pictures_since_key_, key_distance_);
+    const uint32_t since_key = std::exchange(pictures_since_key_, pictures_between_keys_);
     const std::span<uint8_t> bytes = repetitions_->pass_on({nals, static_cast<size_t>(count)});
     pictures_since_key_ = since_key;
     return AccessUnit{bytes.data(), static_cast<uint32_t>(bytes.size()), key};

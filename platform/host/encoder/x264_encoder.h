@@ -67,7 +67,7 @@ private:
     }
     void follow_rate();
     bool follow_content(const uint8_t* picture);
-    bool key_due() const { return pictures_since_key_ >= key_distance_; }
+    bool key_due() const { return pictures_since_key_ >= pictures_between_keys_; }
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
     std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key,
@@ -98,9 +98,6 @@ private:
     // null: every picture is encoded
     std::unique_ptr<RepeatedPictures> repetitions_;
     uint32_t pictures_between_keys_ = 0;
-    // from the last key frame to the next one, and from that to the one after it
-    uint32_t key_distance_ = 0;
-    uint32_t next_key_distance_ = 0;
     uint32_t pictures_since_key_ = 0;
     bool keeps_distance_ = false;
     // bits spent ahead of the rate, according to x264's rate control

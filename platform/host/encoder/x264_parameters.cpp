@@ -123,8 +123,8 @@ void set_timing(x264_param_t& parameters, uint32_t frame_rate)
     parameters.i_timebase_den = frame_rate;
 }
 
-// A change of settings can put off a key frame to at most twice the distance. x264 alone detects
-// scene cuts, as with the usual distance.
+// The encoder requests each key frame, so x264's own come later than that. x264 alone detects scene
+// cuts, as with the usual distance.
 void set_key_frames(x264_param_t& parameters, int distance, bool is_preset)
 {
     parameters.i_keyint_max = is_preset ? distance : 2 * distance;
