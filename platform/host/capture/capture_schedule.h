@@ -65,7 +65,8 @@ private:
     Time start_;
     uint32_t rate_;
     uint64_t number_ = 0;
-    uint64_t to_make_up_ = most_made_up;
+    // A cold encoder may need eight intervals for its first pictures; those made up are late too.
+    uint64_t to_make_up_ = 2 * most_made_up;
     /** pictures on time in a row */
     uint64_t in_time_ = 0;
 };
