@@ -3,6 +3,7 @@
 #include "encoder/input_memory.h"
 #include "encoder_fixture.h"
 #include "zu3_host/exact_size.h"
+#include "zu3_host/quality.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -315,6 +316,33 @@ TEST(EncoderLending, TellsX264WhichPicturesAreUnchanged)
     EXPECT_LT(size(1), 40u);
     for (const size_t changed : {2, 3, 4})
         EXPECT_GT(size(changed), 80u) << changed;
+}
+
+// Catches key frames of a still picture that a file does not need, and rare ones in a live stream,
+// also in that of the next encoder.
+TEST(EncoderLending, PutsOffKeyFramesOnRequest)
+{
+    const auto pool = PicturePool::own(layout, 0);
+    PictureInFlight picture = picture_of(pool, *pool->acquire());
+    picture.serial = 1;
+    ZU_VENC_OpenParams_t params = params_of(64, 64);
+    params.u32FrameRate = 15;
+    params.u32Bitrate = 0;
+    for (const bool rare : {true, false}) {
+        if (rare)
+            zu3_host_rare_key_frames();
+        TestEncoder encoder(params);
+        encoder.start();
+        for (size_t frames = 1; frames <= 140; ++frames) {
+            const PictureInCallback in_callback(picture);
+            encoder.feed(1);
+            if (picture.afterwards)
+                std::exchange(picture.afterwards, nullptr)->after_callback();
+            ASSERT_TRUE(encoder.receiver.wait_for_frames(frames));
+        }
+        const auto keys = std::ranges::count_if(encoder.receiver.frames, &Frame::key);
+        EXPECT_EQ(keys, rare ? 1 : 5);
+    }
 }
 
 // Catches a repetition for which a thread wakes up, one that is lost, and one that comes after a stop.

@@ -296,7 +296,7 @@ std::shared_ptr<Encoder> Encoder::open(const ZU_VENC_OpenParams_t& params)
     if (!settings)
         return nullptr;
     settings->size = take_exact_size(settings->size);
-    take_quality(*settings);
+    take_requests(*settings);
     auto x264 = X264Encoder::open(*settings);
     if (!x264)
         return nullptr;
@@ -398,7 +398,7 @@ void Encoder::deliver(const Work& work, const AccessUnit& unit)
     });
     if (taken == ZU_BUSY)
         count(counters().pictures_left_out_for_room);
-    if (!encoded.multiplexed)
+    if (!encoded.multiplexed && (!settings_.rare_key_frames || taken == ZU_BUSY))
         x264_->keep_distance_of_key_frames();
     signal_frame();
 }

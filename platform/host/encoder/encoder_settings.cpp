@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <utility>
 #include <zu3_host/quality.h>
@@ -26,6 +27,7 @@ constexpr uint32_t best_lossy_quality = 1;
 std::mutex wish_mutex;
 // under the mutex
 std::optional<Wish> wish;
+std::atomic<bool> rare_key_frames{false};
 
 void set_wish(Wish made)
 {
@@ -124,8 +126,9 @@ std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& p
     };
 }
 
-void take_quality(EncoderSettings& settings)
+void take_requests(EncoderSettings& settings)
 {
+    settings.rare_key_frames = rare_key_frames.exchange(false);
     const std::lock_guard lock(wish_mutex);
     const std::optional<Wish> made = std::exchange(wish, std::nullopt);
     if (!made || !settings.rate.as_needed)
@@ -144,6 +147,11 @@ HOST_EXPORT void zu3_host_quality(uint32_t quality, uint32_t ceiling)
     if (quality <= common::worst_quality && ceiling <= greatest_rate)
         set_wish({.factor = static_cast<int>(std::max(quality, best_lossy_quality)),
                   .kilobits = static_cast<int>(ceiling)});
+}
+
+HOST_EXPORT void zu3_host_rare_key_frames()
+{
+    zu3host::rare_key_frames = true;
 }
 
 HOST_EXPORT void zu3_host_bit_rate(uint32_t rate)

@@ -41,15 +41,18 @@ struct EncoderSettings {
     bool inject;
     /** x264's rate factor if the rate is as needed; 0 = the usual one */
     int quality = 0;
+    /** key frames of a still picture may be put off also in a stream that is not multiplexed */
+    bool rare_key_frames = false;
 };
 
 /** Checks the record; nullopt, with a log line, if the encoder cannot do it. */
 std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params);
 
 /**
- * Moves the request of zu3_host_quality() or zu3_host_bit_rate() into the settings of an encoder
- * that opens, if those have no bit rate. The request is then used up in any case.
+ * Moves the requests of zu3_host_quality() or zu3_host_bit_rate(), if the settings have no bit rate,
+ * and of zu3_host_rare_key_frames() into the settings of an encoder that opens. The requests are
+ * then used up in any case.
  */
-void take_quality(EncoderSettings& settings);
+void take_requests(EncoderSettings& settings);
 
 } // namespace zu3host

@@ -1,6 +1,6 @@
 /**
- * Quality and bit rate, beside the contract, of an encoder that opens without a bit rate, such as
- * that of a recording. Look the functions up by name (dlsym): another platform has none.
+ * Quality, bit rate and key frames, beside the contract, of an encoder that opens without a bit
+ * rate, such as that of a recording. Look the functions up by name (dlsym): another platform has none.
  */
 #ifndef ZU3_HOST_QUALITY_H
 #define ZU3_HOST_QUALITY_H
@@ -30,6 +30,14 @@ void zu3_host_quality(uint32_t quality, uint32_t ceiling);
  * @param rate 1000 bit/s, 1 to 240000; other values change nothing
  */
 void zu3_host_bit_rate(uint32_t rate);
+
+/**
+ * Lets the next encoder that opens put off the key frames of a still picture, to five times their
+ * distance or to the first change, as in a stream that the host layer multiplexes; for a file, which
+ * has no viewers that join it. The caller must request a key frame after it lost a frame. Any
+ * thread.
+ */
+void zu3_host_rare_key_frames(void);
 
 #ifdef __cplusplus
 }
