@@ -151,6 +151,8 @@ struct StreamOptions : ScreenOptions {
     std::optional<uint32_t> quality;
     /** bit/s that a constant quality does not exceed */
     uint32_t ceiling = common::greatest_bit_rate;
+    /** of a still picture at constant quality; the stream goes into a file */
+    bool rare_key_frames = false;
     /** code of CapEnc_OpenParams, 0 = the encoder's choice */
     uint32_t profile = 0;
     /** the same */

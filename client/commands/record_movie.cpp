@@ -31,7 +31,7 @@ constexpr milliseconds disk_patience_of_a_stop(2000), disk_patience_at_the_end(1
 /** Longest wait for the screen's first picture; without one a stop would leave no file. */
 constexpr milliseconds first_frame_patience(1500);
 
-StreamOptions stream_options(const RecordOptions& options)
+StreamOptions stream_options(const RecordOptions& options, bool into_file)
 {
     StreamOptions stream;
     stream.fps = options.fps;
@@ -39,6 +39,7 @@ StreamOptions stream_options(const RecordOptions& options)
     stream.quality = options.bit_rate ? std::nullopt : options.quality;
     if (!options.bit_rate && !options.quality)
         stream.quality = usual_quality;
+    stream.rare_key_frames = into_file;
     return stream;
 }
 
@@ -83,7 +84,7 @@ public:
 
     ExitCode run()
     {
-        recording_.start(stream_options(options_), context_.signals);
+        recording_.start(stream_options(options_, output_.is_ordinary_file()), context_.signals);
         print_settings();
         try {
             const Preferred preferred;

@@ -149,6 +149,13 @@ bool want_bit_rate(uint32_t rate)
     return want;
 }
 
+void want_rare_key_frames()
+{
+    static const auto want = find<decltype(zu3_host_rare_key_frames)>("zu3_host_rare_key_frames");
+    if (want)
+        want();
+}
+
 uint64_t due_time_of_frame(uint64_t pts_us)
 {
     static const auto time = find<decltype(zu3_host_due_time)>("zu3_host_due_time");

@@ -66,6 +66,9 @@ bool want_quality(uint32_t quality, uint32_t ceiling);
  */
 bool want_bit_rate(uint32_t rate);
 
+/** Lets the key frames of a still picture be rare, for a file (quality.h), if the platform offers it. */
+void want_rare_key_frames();
+
 /**
  * When the picture of a frame with this time stamp was due (due_time.h); the time stamp itself if
  * the platform does not tell.

@@ -8,6 +8,12 @@
 #include <screenrecord/screenrecord.h>
 
 namespace client::movie {
+namespace {
+
+// as often as a picture that changes has them
+constexpr std::chrono::milliseconds usual_distance_of_key_frames(2000);
+
+} // namespace
 
 LiveMovie::LiveMovie(const MovieFormat& format, int64_t limit, ByteSink& sink)
     : format_(format), movie_(format, limit, sink)
@@ -35,6 +41,7 @@ bool LiveMovie::take()
     ++taken_;
     movie_.put_frame(frame);
     ask_for_key();
+    mend_gap();
     return true;
 }
 
@@ -45,6 +52,16 @@ void LiveMovie::ask_for_key()
         lost_.break_stretch();
         video_capenc_requestKeyFrame();
     }
+}
+
+// Frames behind a lost one are damaged up to a key frame, which may be far away.
+void LiveMovie::mend_gap()
+{
+    if (lost_.count() <= mended_ || Clock::now() < next_mend_)
+        return;
+    mended_ = lost_.count();
+    next_mend_ = Clock::now() + usual_distance_of_key_frames;
+    video_capenc_requestKeyFrame();
 }
 
 void LiveMovie::pause()

@@ -51,6 +51,7 @@ public:
 
 private:
     void ask_for_key();
+    void mend_gap();
 
     const MovieFormat format_;
     MovieRecording movie_;
@@ -59,6 +60,9 @@ private:
     StatisticsDelta statistics_;
     /** for platforms that count no frames */
     LostFrames lost_{format_.fps};
+    // how many of them were before the last key frame that was requested for that
+    uint64_t mended_ = 0;
+    TimePoint next_mend_{};
     uint64_t taken_ = 0;
     /** encoded frames that the library dropped before they were read */
     uint64_t unread_ = 0;

@@ -71,6 +71,8 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
 {
     if (options.quality && want_quality(*options.quality, options.ceiling))
         quality_ = options.quality;
+    if (quality_ && options.rare_key_frames)
+        want_rare_key_frames();
     CapEnc_OpenParams params = {.width = size.width,
                                 .height = size.height,
                                 .frameRate = options.fps,

@@ -480,6 +480,27 @@ class Finishing(UnmeasuredEndToEndTest):
         self.assert_stays_in_fragments(recording, path, "its disk does not respond")
 
 
+class Still(UnmeasuredEndToEndTest, MovieChecks):
+    """A file of a still screen has next to nothing but its index."""
+
+    @classmethod
+    def prepare(cls):
+        cls.start_display("656x608")
+
+    def test_costs_a_dozen_bytes_a_picture(self):
+        recordings = {kind: self.client("record", "-r", "20", "-t", "3", "--no-audio", "-o", f"still.{kind}")
+                      for kind in KINDS}
+        for kind, recording in recordings.items():
+            with self.subTest(kind):
+                self.assert_recorded(recording)
+                path = self.path(f"still.{kind}")
+                packets = judges.packets(path)
+                self.assertEqual([time for time, _, key in packets if key], [0])
+                self.assertLessEqual(statistics.median(size for _, size, _ in packets), 12)
+                self.assertLess(size_of(path), 50 * len(packets) + 3000)
+                self.assertEqual(judges.decoder_messages(path), "")
+
+
 class Ways(UnmeasuredEndToEndTest, MovieChecks):
     @classmethod
     def prepare(cls):

@@ -247,7 +247,7 @@ private:
 int64_t with_reserve(int64_t index_bytes, int64_t movie_bytes)
 {
     const bool near_limit = movie_bytes > UINT32_MAX - 2 * index_bytes;
-    return index_bytes + 4096 + (near_limit ? index_bytes / 2 : 0);
+    return index_bytes + 64 + (near_limit ? index_bytes / 2 : 0);
 }
 
 } // namespace

@@ -13,7 +13,7 @@ namespace client::movie {
 namespace {
 
 constexpr std::array<uint8_t, 3> start_code{0, 0, 1};
-constexpr int type_sps = 7, type_pps = 8;
+constexpr int type_sps = 7, type_pps = 8, type_delimiter = 9;
 
 /**
  * The sequence and picture parameter sets of an access unit, each with its start code (ISO/IEC
@@ -40,6 +40,19 @@ std::vector<uint8_t> parameter_sets(std::span<const uint8_t> access_unit)
         sets.insert(sets.end(), unit, end);
     }
     return sets;
+}
+
+/**
+ * Without the delimiter at its beginning, which MP4 and Matroska do not need (ISO/IEC 14496-15): a
+ * third of an access unit that repeats the last picture.
+ */
+std::span<const uint8_t> without_delimiter(std::span<const uint8_t> access_unit)
+{
+    constexpr std::array<uint8_t, 5> delimiter{0, 0, 0, 1, type_delimiter};
+    constexpr size_t bytes = delimiter.size() + 1;
+    const bool has_one = access_unit.size() > bytes &&
+                         std::equal(delimiter.begin(), delimiter.end(), access_unit.begin());
+    return access_unit.subspan(has_one ? bytes : 0);
 }
 
 // Microseconds by which sound may be behind the frames that wait for it.
@@ -192,6 +205,8 @@ void MuxedMovie::put_frame(std::span<const uint8_t> frame, int64_t index, bool k
         first_pieces_over_ = true;
         set_piece(*context_, format_.container, piece_ms);
     }
+    if (format_.container != Container::transport_stream)
+        frame = without_delimiter(frame);
     av_packet_unref(packet_.get());
     // read only: libavformat copies a packet that does not own its bytes
     packet_->data = const_cast<uint8_t*>(frame.data());
