@@ -39,6 +39,7 @@ CASES = {
     "720p": ("1280x720", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "1080p": ("1920x1080", 30, MOVING, 0, [OURS, *PEERS, FLOOR, DEFAULT]),
     "still": ("1280x720", 30, STILL, 0, [OURS, *PEERS, DAMAGE, DEFAULT]),
+    "still-mp4": ("1280x720", 30, STILL, 0, [*PEERS, DEFAULT]),
     "window": ("1280x720", 30, WINDOW, 0, [*PEERS, DAMAGE, DEFAULT]),
     "office": ("1280x720", 30, OFFICE, 0, [*PEERS, DAMAGE, DEFAULT]),
     "office4k": ("3840x2160", 30, OFFICE, 0, [*PEERS, DAMAGE, DEFAULT]),
@@ -95,6 +96,7 @@ BY_DEFAULT = [("by default: " + one[0], *one[1:]) for one in [
     ("X server's CPU, window", "window", "server", "peers", LESS, 0.40, 0.20),
     ("X server's CPU without its drawing, window", "window", "fetching", "peers", LESS, 0.40, 0.20),
     ("size of the file, still screen", "still", "size", "peers", LESS, 0.60, 0.40),
+    ("size of the file, still screen, MP4", "still-mp4", "size", "peers", LESS, 0.60, 0.40),
 ]]
 # A part of the screen against all of it.
 OF_PARTS = [("CPU, a quarter of the screen against the whole", "quarter", "cpu", DEFAULT, LESS, 0.40, 0.33)]
@@ -122,13 +124,18 @@ def measure_once(case, name, options, display, folder):
     if is_stamped(case):
         values = sorted(latencies(recorders.streaming(name, task), environment, task, folder))
         return {"median": statistics.median(values), "p99": values[int(0.99 * (len(values) - 1))], "frames": len(values)}
-    path = f"{folder}/{case}-{name}.{'h264' if name == FLOOR else 'ts'}"
+    path = recorded_file(folder, case, name)
     # Under load GStreamer falls behind: its time ends before it has its pictures.
     end_after = seconds if task.loaded and name in ("gstreamer", DAMAGE) or name == WAYLAND_PEER else None
     with BusyLoops(loops) if loops else contextlib.nullcontext():
         found = record(recorders.recording(name, task, path), environment, path, display, end_after)
     found["share"] = min(found["frames"] / task.frames, 1)
     return found
+
+
+def recorded_file(folder, case, name):
+    kind = "h264" if name == FLOOR else "mp4" if case.endswith("-mp4") else "ts"
+    return f"{folder}/{case}-{name}.{kind}"
 
 
 def turns(case, names):
@@ -164,8 +171,7 @@ def measure_case(case, options, folder):
                 display.measure_drawing(options.seconds)
             rounds.append(measure_round(case, names[turn:] + names[:turn], options, display, folder))
     if not is_stamped(case):
-        kinds = {"floor": "h264"}
-        settings = {name: recorders.x264_settings(f"{folder}/{case}-{name}.{kinds.get(name, 'ts')}") for name in names
+        settings = {name: recorders.x264_settings(recorded_file(folder, case, name)) for name in names
                     if name not in (DEFAULT, QUARTER)}
         for key, values in recorders.differences(settings).items():
             print(f"  {case}: x264's {key} differs: {values}")

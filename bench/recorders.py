@@ -33,7 +33,11 @@ def environment(name, task):
 
 
 def recording(name, task, path):
-    """Command line of a recording into a file: constant quality 23 under 4.5 Mbit/s, like the host layer's default."""
+    """
+    Command line of a recording into a file, .ts or .mp4: constant quality 23 under 4.5 Mbit/s, like the host layer's
+    default in a .ts file.
+    """
+    movie = path.endswith(".mp4")
     fps, seconds = str(task.fps), str(task.seconds)
     if name in (OURS, DEFAULT):
         return [f"{task.programs}/screenrecord", "record", "-y", "--no-audio", "-s", task.size, "-r", fps, "-t", seconds,
@@ -49,12 +53,12 @@ def recording(name, task, path):
         # With dropped pictures, a fixed number of them would take longer.
         end = ["-t", seconds] if task.loaded else ["-frames:v", str(task.frames)]
         return [*ffmpeg_input(task), *end, *ffmpeg_encoder(task, "vbv-maxrate=4500:vbv-bufsize=2250"),
-                "-crf", "23", "-f", "mpegts", path]
+                "-crf", "23", "-f", "mp4" if movie else "mpegts", path]
     if name == WAYLAND_PEER:
         return wf_recorder(task, path, "vbv-maxrate=4500:vbv-bufsize=2250", "-p", "crf=23")
     return [*gstreamer_input(task, name == DAMAGE), *gstreamer_encoder(task, "pass=qual", "quantizer=23", "bitrate=4500",
                                                                        "vbv-buf-capacity=500"),
-            "!", "mpegtsmux", "!", "filesink", f"location={path}"]
+            "!", "mp4mux" if movie else "mpegtsmux", "!", "filesink", f"location={path}"]
 
 
 def streaming(name, task):
