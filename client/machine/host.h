@@ -66,7 +66,7 @@ bool want_quality(uint32_t quality, uint32_t ceiling);
  */
 bool want_bit_rate(uint32_t rate);
 
-/** Lets the key frames of a still picture be rare, for a file (quality.h), if the platform offers it. */
+/** Lets a still picture have rare key frames, for a file (quality.h), if the platform offers it. */
 void want_rare_key_frames();
 
 /**

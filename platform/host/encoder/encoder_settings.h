@@ -49,9 +49,9 @@ struct EncoderSettings {
 std::optional<EncoderSettings> encoder_settings_of(const ZU_VENC_OpenParams_t& params);
 
 /**
- * Moves the requests of zu3_host_quality() or zu3_host_bit_rate(), if the settings have no bit rate,
- * and of zu3_host_rare_key_frames() into the settings of an encoder that opens. The requests are
- * then used up in any case.
+ * Moves the requests of zu3_host_quality() or zu3_host_bit_rate(), if the settings have no bit
+ * rate, and of zu3_host_rare_key_frames() into the settings of an encoder that opens. The requests
+ * are then used up in any case.
  */
 void take_requests(EncoderSettings& settings);
 

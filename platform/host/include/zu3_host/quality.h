@@ -1,6 +1,7 @@
 /**
  * Quality, bit rate and key frames, beside the contract, of an encoder that opens without a bit
- * rate, such as that of a recording. Look the functions up by name (dlsym): another platform has none.
+ * rate, such as that of a recording. Look the functions up by name (dlsym): another platform has
+ * none.
  */
 #ifndef ZU3_HOST_QUALITY_H
 #define ZU3_HOST_QUALITY_H
@@ -33,9 +34,9 @@ void zu3_host_bit_rate(uint32_t rate);
 
 /**
  * Lets the next encoder that opens put off the key frames of a still picture, to five times their
- * distance or to the first change, as in a stream that the host layer multiplexes; for a file, which
- * has no viewers that join it. The caller must request a key frame after it lost a frame. Any
- * thread.
+ * distance or to the first change, as in a stream that the host layer multiplexes; for a file,
+ * which no viewer joins in the middle. The caller must request a key frame after it lost a frame.
+ * Any thread.
  */
 void zu3_host_rare_key_frames(void);
 
