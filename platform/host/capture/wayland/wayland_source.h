@@ -26,7 +26,7 @@ namespace zu3host {
  *
  * On an output that changes with each frame, the request for a picture is sent half a frame before
  * it is due: the copy then shows the output within half a frame of that time, and earlier ones would
- * be replaced. Otherwise, and with every eighth picture to see which of the two applies, it is sent
+ * be replaced. Otherwise, and with every 32nd picture to see which of the two applies, it is sent
  * at once, so that the copy arrives with the change.
  */
 class WaylandSource : public WaitingSource {
@@ -65,8 +65,8 @@ private:
     bool gone() const { return session_->connection().lost() || !output(); }
     /** Whether grabs are about as frequent as frames of the output. */
     bool is_fast() const { return pace_ * 2 < refresh_ * 3; }
-    /** Whether the output changes with each frame; every eighth copy asks for it again. */
-    bool moves() const { return prompt_copies_ % 8 != 0; }
+    /** Whether the output changes with each frame; every 32nd copy asks for it again. */
+    bool moves() const { return prompt_copies_ % 32 != 0; }
     /** Whether the output has not changed for some time. */
     bool is_still() const { return Clock::now() - copied_ > std::chrono::milliseconds(100); }
     void note_loss();
