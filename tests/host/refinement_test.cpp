@@ -26,7 +26,7 @@ Refinement after(uint32_t frame_rate, const std::string& pictures)
 // and CPU time for one that another change replaces.
 TEST(Refinement, WaitsInVideoAndAfterASmallChange)
 {
-    const std::string settled = "kuuu", eight = "rrrrrrrr", video_at_60 = "crrcrcrrcrcrrcrc";
+    const std::string settled = "kuu", eight = "rrrrrrrr", video_at_60 = "crrcrcrrcrcrrcrc";
     const struct {
         uint32_t frame_rate;
         std::string pictures;
@@ -48,7 +48,7 @@ TEST(Refinement, WaitsInVideoAndAfterASmallChange)
         {30, settled + "c", false},
         {30, settled + "sc", false},
         {30, settled + "crs", false},
-        {30, "kuus", false},
+        {30, "kus", false},
         {30, settled + "sks", false},
         {1, settled + "s", true},
         {1, settled + "sr", false},

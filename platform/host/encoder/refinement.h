@@ -19,7 +19,7 @@ public:
     /** Unchanged pictures that x264 has last encoded into one size, in a row. */
     uint32_t equal_sizes() const { return equal_sizes_; }
     /** After this many of one size, x264 would repeat that size. */
-    static constexpr uint32_t equal_sizes_until_settled = 3;
+    static constexpr uint32_t equal_sizes_until_settled = 2;
     /**
      * Whether the next picture, if it is unchanged, may be repeated although x264 would refine it:
      * another change comes soon, or the last one was small.
