@@ -219,9 +219,10 @@ private:
     void finish()
     {
         finishing_ = true;
-        recording_.stop();
         try {
-            if (!output_.broken())
+            if (output_.broken())
+                recording_.stop();
+            else
                 recording_.take_the_rest();
             recording_.count_unread();
             if (output_.accepts())

@@ -8,13 +8,6 @@
 #include <screenrecord/screenrecord.h>
 
 namespace client::movie {
-namespace {
-
-// as often as a picture that changes has them
-constexpr std::chrono::milliseconds usual_distance_of_key_frames(2000);
-
-} // namespace
-
 LiveMovie::LiveMovie(const MovieFormat& format, int64_t limit, ByteSink& sink)
     : format_(format), movie_(format, limit, sink)
 {
@@ -38,10 +31,10 @@ bool LiveMovie::take()
     if (!stream_->take(frame))
         return false;
     lost_.frame_taken(frame.pts_us);
+    newest_us_ = frame.pts_us;
     ++taken_;
     movie_.put_frame(frame);
     ask_for_key();
-    mend_gap();
     return true;
 }
 
@@ -52,16 +45,6 @@ void LiveMovie::ask_for_key()
         lost_.break_stretch();
         video_capenc_requestKeyFrame();
     }
-}
-
-// Frames behind a lost one are damaged up to a key frame, which may be far away.
-void LiveMovie::mend_gap()
-{
-    if (lost_.count() <= mended_ || Clock::now() < next_mend_)
-        return;
-    mended_ = lost_.count();
-    next_mend_ = Clock::now() + usual_distance_of_key_frames;
-    video_capenc_requestKeyFrame();
 }
 
 void LiveMovie::pause()
@@ -80,8 +63,23 @@ void LiveMovie::resume()
     video_capenc_resume();
 }
 
+// The library keeps three frames. A busy encoder still has more pictures, and their frames would be
+// dropped while a stop waits for them.
+void LiveMovie::empty_encoder()
+{
+    const TimePoint limit = Clock::now() + std::chrono::milliseconds(300);
+    const uint64_t end_us = now_us();
+    video_capenc_pause();
+    while (newest_us_ + 1'000'000 / format_.fps < end_us && Clock::now() < limit)
+        if (!take())
+            poll(nullptr, 0, 5);
+}
+
 void LiveMovie::take_the_rest()
 {
+    if (!paused_)
+        empty_encoder();
+    stop();
     const TimePoint limit = Clock::now() + std::chrono::milliseconds(100);
     while (take())
         ;

@@ -30,7 +30,10 @@ public:
 
     /** Ends the capture; waiting frames can still be taken. */
     void stop() { stream_->stop(); }
-    /** Takes all waiting frames, and their sound if it comes within 100 ms. Throws Failure. */
+    /**
+     * Takes the frames of all pictures until now, if they are encoded within 300 ms, and their
+     * sound, if it comes within 100 ms; ends the capture. Throws Failure.
+     */
     void take_the_rest();
     /** Call it once no more frames are encoded and none waits. */
     void count_unread();
@@ -51,7 +54,7 @@ public:
 
 private:
     void ask_for_key();
-    void mend_gap();
+    void empty_encoder();
 
     const MovieFormat format_;
     MovieRecording movie_;
@@ -60,10 +63,9 @@ private:
     StatisticsDelta statistics_;
     /** for platforms that count no frames */
     LostFrames lost_{format_.fps};
-    // how many of them were before the last key frame that was requested for that
-    uint64_t mended_ = 0;
-    TimePoint next_mend_{};
     uint64_t taken_ = 0;
+    /** time stamp of the last frame taken */
+    uint64_t newest_us_ = 0;
     /** encoded frames that the library dropped before they were read */
     uint64_t unread_ = 0;
     bool paused_ = false;

@@ -15,9 +15,8 @@ import subprocess
 import held_up_test
 import judges
 import sound_test
-from harness import (BUILD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest, pass_time,
-                     size_of,
-                     wait_until)
+from harness import (BUILD, TEST_CARD, EndToEndTest, LongEndToEndTest, ShortEndToEndTest, UnmeasuredEndToEndTest,
+                     pass_time, size_of, wait_until)
 
 KINDS = ("mp4", "mkv")
 
@@ -330,6 +329,19 @@ class SlowOutputs(EndToEndTest):
 
     writer = held_up_test.Disk.writer
     assert_as_long = Losses.assert_as_long
+
+    def test_encoder_falls_behind(self):
+        # Catches frames that are lost behind the encoder when the capture drops pictures, and at the end.
+        for name, limit in ("late1.mkv", ["-t", "1"]), ("late2.mkv", []):
+            path = self.path(name)
+            recording = self.client("record", "-s", "3840x2160", "-r", "120", "--quality", "high", "-o", name, *limit,
+                                    environment=TEST_CARD)
+            if not limit:
+                wait_until(lambda each=path: size_of(each) > 200_000, "some pictures")
+                recording.process.send_signal(signal.SIGINT)
+            self.assert_exit(recording, 0)
+            found = times(path)
+            self.assertLess(len(found), 100 * (found[-1] - found[0]), "the encoder kept up")
 
     def test_slow_disk_and_slow_reader(self):
         # Catches memory that grows without end, a stream that does not decode after a gap, and a hidden loss.
