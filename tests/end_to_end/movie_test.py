@@ -397,7 +397,7 @@ class Finishing(UnmeasuredEndToEndTest):
         return None
 
     def next_child(self, recording):
-        """The process that it starts after the one that writes its file; None at its end. Polls, since it is soon over."""
+        """The process that it starts after the one that writes its file; None at its end. Polls: it is soon over."""
         pid = recording.process.pid
         children = pathlib.Path(f"/proc/{pid}/task/{pid}/children")
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
@@ -457,12 +457,14 @@ class Finishing(UnmeasuredEndToEndTest):
         disk, image = self.path("disk"), self.path("image")
         disk.mkdir()
         image.write_bytes(bytes(8 << 20))
-        for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk], ["fsfreeze", "--freeze", disk]):
+        for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk],
+                        ["fsfreeze", "--freeze", disk]):
             if subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode != 0:
                 self.skipTest(f"{command[0]} is not allowed here")
             if command[0] == "mount":
                 self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
-        thaw = functools.partial(subprocess.run, ["fsfreeze", "--unfreeze", disk], check=False, stderr=subprocess.DEVNULL)
+        thaw = functools.partial(subprocess.run, ["fsfreeze", "--unfreeze", disk], check=False,
+                                 stderr=subprocess.DEVNULL)
         self.addCleanup(thaw)
         return disk, thaw
 

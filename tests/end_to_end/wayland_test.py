@@ -248,8 +248,8 @@ class Monitors(UnmeasuredEndToEndTest):
                               (("--monitor", "primary"), "no primary monitor"),
                               (("--monitor", "HEADLESS-2", "--display", "portal"), "dialog chooses the screen"),
                               (("--monitor", "HEADLESS-2", "--region", "64x64+608+0"),
-                               "cannot capture the region 64x64+608+0 of the Wayland output HEADLESS-2: it lies outside of "
-                               "the screen, which has 608x656 pixels"),
+                               "cannot capture the region 64x64+608+0 of the Wayland output HEADLESS-2: it lies "
+                               "outside of the screen, which has 608x656 pixels"),
                               (("--window", "active"), "on X11 only")):
             refused = self.client("shot", "-o", "no.png", *options)
             self.assert_exit(refused, 1)
