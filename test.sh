@@ -46,11 +46,7 @@ run_tests() {
     # measure time run alone; the sanitizers' presets have none.
     at_once=$((jobs + 1))
     case $1 in
-    tsan)
-        launcher=$fixed_addresses
-        at_once=$((jobs + 2))
-        ;;
-    asan) at_once=$((jobs + 2)) ;;
+    tsan) launcher=$fixed_addresses ;;
     libcxx | armhf*) launcher=$idle ;;
     esac
     # shellcheck disable=SC2086
