@@ -32,7 +32,7 @@
 
 #include "content_scenes.h"
 #include "encoder/content_watch.h"
-#include "encoder/macroblock_history.h"
+#include "encoder/unchanged_macroblocks.h"
 #include "encoder/x264_parameters.h"
 #include "screen_scenes.h"
 
@@ -192,13 +192,13 @@ public:
         }
         x264_picture_t in = picture_of(picture, number);
         in.i_type = key_due ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
-        in.prop.mb_info = macroblocks_.constant_in(
+        in.prop.mb_info = unchanged_.find(
             number == 0 ? std::nullopt : zu3host::ChangedRectangles(picture.changed));
+        leave_out_unused(!key_due && unchanged_.almost_all());
         x264_nal_t* nals = nullptr;
         int count = 0;
         const int size = x264_encoder_encode(encoder_.get(), &nals, &count, &in, &out);
         const bool key = out.i_type == X264_TYPE_IDR;
-        macroblocks_.encoded(key);
         if (!key)
             watch_.note(log_.counts());
         since_key_ = key ? 1 : since_key_ + 1;
@@ -222,8 +222,14 @@ private:
         parameters.analyse.b_psnr = parameters.analyse.b_ssim = measured_;
         parameters.analyse.b_mb_info = 1;
         encoder_.reset(x264_encoder_open(&parameters));
+        leave_out_unused(false);
+    }
+
+    void leave_out_unused(bool changes_little)
+    {
+        x264_param_t parameters;
         x264_encoder_parameters(encoder_.get(), &parameters);
-        zu3host::leave_out_unused(parameters, content_);
+        zu3host::leave_out_unused(parameters, content_, changes_little);
         x264_encoder_reconfig(encoder_.get(), &parameters);
     }
 
@@ -234,7 +240,7 @@ private:
     const double quality_;
     const bool measured_;
     zu3host::X264Log log_;
-    zu3host::MacroblockHistory macroblocks_{layout_};
+    zu3host::UnchangedMacroblocks unchanged_{layout_};
     zu3host::ContentWatch watch_{fps, layout_};
     zu3host::Content content_ = zu3host::Content::screens;
     Encoder encoder_;

@@ -52,6 +52,7 @@ bool X264Encoder::reopen(EncoderRate rate)
         return false;
     }
     encoder_ = std::move(encoder);
+    changes_little_ = false;
     if (!reconfigure(rate))
         HOST_LOGW("x264 refused to switch off unused settings");
     applied_ = rate;
@@ -68,7 +69,7 @@ bool X264Encoder::reconfigure(EncoderRate rate)
     x264_param_t parameters;
     x264_encoder_parameters(encoder_.get(), &parameters);
     // x264 applies only the last call before a picture, so each call sets everything.
-    leave_out_unused(parameters, content_);
+    leave_out_unused(parameters, content_, changes_little_);
     zu3host::set_rate(parameters, rate);
     if (x264_encoder_reconfig(encoder_.get(), &parameters) != 0)
         return false;
@@ -85,6 +86,12 @@ void X264Encoder::follow_rate()
         return;
     HOST_LOGE("x264 refused a new bit rate; the old one stays");
     settings_.rate = applied_;
+}
+
+void X264Encoder::follow_changes(bool little)
+{
+    if (std::exchange(changes_little_, little) != little && !reconfigure(applied_))
+        HOST_LOGW("x264 refused other settings for pictures that change little");
 }
 
 // Most settings cannot change in an open encoder. Closes the old one first, since two at a time
@@ -194,7 +201,8 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     // An IDR picture, as groups are closed. With X264_TYPE_IDR x264 warns if one is due anyway.
     in.i_type = as_key ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
     in.i_pts = next_pts_++;
-    in.prop.mb_info = macroblocks_.constant_in(changed);
+    in.prop.mb_info = unchanged_.find(changed);
+    follow_changes(!as_key && unchanged_.almost_all());
     if (const float finer = key_quantizer_.offset(); as_key && applied_.as_needed && finer != 0) {
         std::ranges::fill(finer_, finer);
         in.prop.quant_offsets = finer_.data();
@@ -208,7 +216,6 @@ std::optional<AccessUnit> X264Encoder::encode_by_x264(uint8_t* picture, bool as_
     if (is_at_ceiling() && out.prop.f_crf_avg > rate_factor_ + hardly_visible)
         zu3host::count(counters().pictures_coarsened);
     const bool key = out.i_type == X264_TYPE_IDR;
-    macroblocks_.encoded(key);
     if (!repetitions_) // The payloads of one call follow each other without a gap.
         return AccessUnit{nals[0].p_payload, static_cast<uint32_t>(size), key};
     // x264 predicts from a picture that is lost here, so a key frame follows.

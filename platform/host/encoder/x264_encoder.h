@@ -2,9 +2,9 @@
 
 #include "encoder/content_watch.h"
 #include "encoder/key_quantizer.h"
-#include "encoder/macroblock_history.h"
 #include "encoder/refinement.h"
 #include "encoder/repeated_pictures.h"
+#include "encoder/unchanged_macroblocks.h"
 #include "encoder/x264_parameters.h"
 
 #include <cstdint>
@@ -61,7 +61,7 @@ private:
     using Handle = std::unique_ptr<x264_t, Closer>;
 
     explicit X264Encoder(const EncoderSettings& settings)
-        : settings_(settings), macroblocks_(settings.layout),
+        : settings_(settings), unchanged_(settings.layout),
           watch_(settings.frame_rate, settings.layout), refinement_(settings.frame_rate)
     {
     }
@@ -70,6 +70,7 @@ private:
     bool key_due() const { return pictures_since_key_ >= pictures_between_keys_; }
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
+    void follow_changes(bool little);
     std::optional<AccessUnit> encode_by_x264(uint8_t* picture, bool as_key,
                                              ChangedRectangles changed);
     bool is_settled() const;
@@ -102,7 +103,9 @@ private:
     bool keeps_distance_ = false;
     // bits spent ahead of the rate, according to x264's rate control
     uint64_t bits_ahead_ = 0;
-    MacroblockHistory macroblocks_;
+    UnchangedMacroblocks unchanged_;
+    // almost nothing changed in the last picture, for which settings that it does not need are off
+    bool changes_little_ = false;
     ContentWatch watch_;
     Content content_ = Content::screens;
     Refinement refinement_;

@@ -230,11 +230,15 @@ x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content
     return parameters;
 }
 
-void leave_out_unused(x264_param_t& parameters, Content content)
+void leave_out_unused(x264_param_t& parameters, Content content, bool changes_little)
 {
+    if (content != Content::screens || !settings_follow_content())
+        return;
     // Letters are smaller than 8x8 pixels.
-    if (content == Content::screens && settings_follow_content())
-        parameters.analyse.b_transform_8x8 = 0;
+    parameters.analyse.b_transform_8x8 = 0;
+    // The filter costs time for every macroblock, even if x264 skips them all, and it would change
+    // the same edges to and fro while x264 refines a still picture.
+    parameters.b_deblocking_filter = !changes_little;
 }
 
 void set_rate(x264_param_t& parameters, EncoderRate rate)

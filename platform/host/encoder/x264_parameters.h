@@ -53,10 +53,11 @@ bool settings_follow_content();
 x264_param_t x264_parameters_of(const EncoderSettings& settings, Content content, X264Log& log);
 
 /**
- * Switches off settings that the content does not use, for x264_encoder_reconfig. x264 is opened
- * with them, so that the stream's parameter sets are the same for every content.
+ * Switches off settings that the content, or a picture in which almost nothing changed, does not
+ * use, for x264_encoder_reconfig. x264 is opened with them, so that the stream's parameter sets are
+ * the same for every content.
  */
-void leave_out_unused(x264_param_t& parameters, Content content);
+void leave_out_unused(x264_param_t& parameters, Content content, bool changes_little);
 
 /**
  * Sets only the rate control, in parameters with a frame rate; also for x264_encoder_reconfig if
