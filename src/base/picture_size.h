@@ -35,18 +35,29 @@ inline u32 _SCREENRECORD_CaptureHeight(u32 u32Height)
     return _SCREENRECORD_AlignUpSaturating(u32Height, 32);
 }
 
-/**
- * Bytes of a captured 4:2:0 picture. Its chroma plane has room for whole blocks of 64 lines.
- * Saturates at the greatest 64-bit value, which every check refuses.
- */
-inline u64 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
+/** Lines of a captured picture's chroma plane, which has room for whole blocks of 64 lines. */
+inline u64 _SCREENRECORD_ChromaBase(u32 u32CaptureHeight)
 {
-    const u64 u64ChromaBase = (static_cast<u64>(u32CaptureHeight) + 63) & ~63ull;
-    const u64 u64Lines = u32CaptureHeight + u64ChromaBase / 2;
-    u64 u64Size = 0;
-    return __builtin_mul_overflow(u64Lines, static_cast<u64>(u32CaptureWidth), &u64Size)
-               ? UINT64_MAX
-               : u64Size;
+    return (static_cast<u64>(u32CaptureHeight) + 63) & ~63ull;
+}
+
+/** True if the output buffer of a capture, twice its picture, has a size of 32 bits. */
+inline bool _SCREENRECORD_CaptureFits(u32 u32CaptureWidth, u32 u32CaptureHeight)
+{
+    const u64 u64Lines = u32CaptureHeight + _SCREENRECORD_ChromaBase(u32CaptureHeight) / 2;
+    return u32CaptureWidth == 0 || u64Lines <= UINT32_MAX / 2 / u32CaptureWidth;
+}
+
+/**
+ * Bytes of a captured 4:2:0 picture. Each step is modulo 2^32, which changes no size that fits.
+ */
+inline u32 _SCREENRECORD_CaptureFrameSize(u32 u32CaptureWidth, u32 u32CaptureHeight)
+{
+    const u64 u64Width = u32CaptureWidth;
+    const u64 u64ChromaBase = _SCREENRECORD_ChromaBase(u32CaptureHeight) & UINT32_MAX;
+    const u32 u32Luma = static_cast<u32>(u64Width * u32CaptureHeight);
+    const u32 u32Chroma = static_cast<u32>(u64Width * u64ChromaBase) / 2;
+    return static_cast<u32>(static_cast<u64>(u32Luma) + u32Chroma);
 }
 
 #endif

@@ -79,14 +79,20 @@ u32 _SCREENRECORD_InitVenc()
     return u32Result;
 }
 
+bool _SCREENRECORD_VencSupports(u32 u32Width, u32 u32Height, u32 u32FrameRate)
+{
+    const ZU_VENC_Caps_t& stCaps = _stModuleCaps.stVencCaps;
+    return u32Width <= stCaps.u32MaxWidth && u32Height <= stCaps.u32MaxHeight &&
+           u32FrameRate <= stCaps.u32MaxFrameRate;
+}
+
 u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s* pstTask)
 {
     if (pstTask == nullptr)
         return ZU_INVALID_ARGUMENT;
     const SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
-    const ZU_VENC_Caps_t& stCaps = _stModuleCaps.stVencCaps;
-    if (stSrcInfo.u32Width > stCaps.u32MaxWidth || stSrcInfo.u32Height > stCaps.u32MaxHeight ||
-        stSrcInfo.u32FrameRate > stCaps.u32MaxFrameRate) {
+    if (!_SCREENRECORD_VencSupports(stSrcInfo.u32Width, stSrcInfo.u32Height,
+                                    stSrcInfo.u32FrameRate)) {
         SR_LOGE("Venc Support!\n");
         return ZU_FAILURE;
     }
@@ -108,9 +114,8 @@ u32 _SCREENRECORD_OpenVenc(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
 
 u32 _SCREENRECORD_OpenVenc_NoTs(const CapEnc_OpenParams& stParams, ZU_VENC_Callback pfnOutput)
 {
-    const ZU_VENC_Caps_t& stCaps = _stModuleCaps.stVencCaps;
-    if (stParams.width > stCaps.u32MaxWidth || stParams.height > stCaps.u32MaxHeight ||
-        stParams.frameRate > stCaps.u32MaxFrameRate) {
+    if (!_SCREENRECORD_VencSupports(stParams.width, stParams.height, stParams.frameRate)) {
+        const ZU_VENC_Caps_t& stCaps = _stModuleCaps.stVencCaps;
         SR_LOGE("Out of Venc Support size, %ux%u@%u)", stCaps.u32MaxWidth, stCaps.u32MaxHeight,
                 stCaps.u32MaxFrameRate);
         return ZU_FAILURE;

@@ -7,6 +7,9 @@
 
 #include "table/recording_table.h"
 
+/** True if a size and a rate are within the encoder's capabilities. */
+bool _SCREENRECORD_VencSupports(u32 u32Width, u32 u32Height, u32 u32FrameRate);
+
 /**
  * Opens the slot's encoder for a transport-stream recording.
  * @return ZU_OK; ZU_INVALID_ARGUMENT for NULL; otherwise ZU_FAILURE

@@ -2,6 +2,7 @@
 
 #include "base/log.h"
 #include "base/picture_size.h"
+#include "modules/encoder.h"
 #include "modules/inject_buffer.h"
 #include "modules/module_stop.h"
 
@@ -26,7 +27,7 @@ void FillCaptureOutput(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCtrl_s
     pstTask->stCapOutput.u32OutWidth = u32OutWidth;
     pstTask->stCapOutput.u32OutHeight = u32OutHeight;
     pstTask->stCapOutput.eOutFormat = E_ZU_CAP_FORMAT_NV12;
-    pstTask->stCapOutput.u32OutSize = 2 * stSrcInfo.u32FrameSize;
+    pstTask->stCapOutput.u32OutSize = static_cast<u32>(2ull * stSrcInfo.u32FrameSize);
 }
 
 } // namespace
@@ -38,12 +39,14 @@ u32 _SCREENRECORD_OpenVcap(SCREENRECORD_SlotCtrl_s* pstSlot, SCREENRECORD_TaskCt
     SCREENRECORD_SrcInfo_s& stSrcInfo = pstSlot->stSrcInfo;
     const u32 u32OutWidth = _SCREENRECORD_CaptureWidth(stSrcInfo.u32Width);
     const u32 u32OutHeight = _SCREENRECORD_CaptureHeight(stSrcInfo.u32Height);
-    const u64 u64FrameSize = _SCREENRECORD_CaptureFrameSize(u32OutWidth, u32OutHeight);
-    if (u64FrameSize > UINT32_MAX / 2) { // the output buffer's size, twice this, has 32 bits
+    // A size beyond the encoder is left to the encoder's open, which refuses it with its own text.
+    if (!_SCREENRECORD_CaptureFits(u32OutWidth, u32OutHeight) &&
+        _SCREENRECORD_VencSupports(stSrcInfo.u32Width, stSrcInfo.u32Height,
+                                   stSrcInfo.u32FrameRate)) {
         SR_LOGE("Picture of %ux%u is too large!\n", u32OutWidth, u32OutHeight);
         return ZU_INVALID_ARGUMENT;
     }
-    stSrcInfo.u32FrameSize = static_cast<u32>(u64FrameSize);
+    stSrcInfo.u32FrameSize = _SCREENRECORD_CaptureFrameSize(u32OutWidth, u32OutHeight);
     pstTask->stCapOutput.u64VirtAddr = 0;
     pstTask->stCapOutput.u64PhyAddr = 0;
 

@@ -221,6 +221,27 @@ TEST_F(CaptureEncode, AnOpenThatFailedLeavesNoInjectBufferBehind)
     EXPECT_EQ(video_capenc_start(0), 0);
 }
 
+// Catches a size that another check refuses before the encoder names what it can do.
+TEST_F(CaptureEncode, ASizeBeyondTheEncoderIsRefusedAsSuch)
+{
+    const struct {
+        u32 width, height;
+        /** modulo 2^32 */
+        u32 frame_size;
+    } cases[] = {{3841, 64, 370176}, {100000, 100000, 2116698112}, {0xFFFFFFF0, 1088, 2147457536}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.width);
+        CapEnc_OpenParams params = {c.width, c.height, 30, 1000000, 1, 0x200, 0};
+        forget();
+        EXPECT_EQ(video_capenc_open(&params), -1);
+        EXPECT_CALLS(errors(),
+                     {"E [_SCREENRECORD_OpenVenc_NoTs]Out of Venc Support size, 3840x2160@120)",
+                      "E [video_capenc_open] _SCREENRECORD_OpenVenc Failed!"});
+        EXPECT_EQ(_astSlotCtrl[0].stSrcInfo.u32FrameSize, c.frame_size);
+        EXPECT_EQ(mw.count("ZU_CAP_Close"), 1);
+    }
+}
+
 // Catches a start without its worker, and a failed start that leaves slot or worker behind.
 TEST_F(CaptureEncode, AWorkerThatIsNotReadyStartsAndClosesNothing)
 {

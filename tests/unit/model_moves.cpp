@@ -126,8 +126,6 @@ bool encode_open(StateModel& m, const Choice& c)
         return false;
     m.close_module(slot, VCAP);
     m.capable = true;
-    if (c.flaw == 1) // a picture that no memory holds
-        return false;
     if (slot.open[VENC]) {
         slot.open[VCAP] = true;
         return false;
