@@ -147,11 +147,16 @@ void check_output(const char* command, const Options& options, uint32_t fps = 0)
     check(paths_of(options));
 }
 
+void check_sound(const CLI::App& command, const CommonOptions& options)
+{
+    if (command.count("--no-audio") > 0 && !options.sound.empty())
+        refuse("--sound", "cannot be combined with --no-audio");
+}
+
 void check_record(const CLI::App& command, const RecordOptions& options)
 {
     check_container(command, options);
-    if (command.count("--no-audio") > 0 && !options.sound.empty())
-        refuse("--sound", "cannot be combined with --no-audio");
+    check_sound(command, options);
     if (options.output == "wifi")
         refuse("--output", "the name 'wifi' is reserved; a file of that name is './wifi'");
     if (is_standard_output(options.status_file))
@@ -177,8 +182,9 @@ void check_record(const CLI::App& command, const RecordOptions& options)
             "always records the screen with sound on slot 0; it cannot be combined with --source, --slot 1, --no-audio or --sound none");
 }
 
-void check_replay(const ReplayOptions& options)
+void check_replay(const CLI::App& command, const ReplayOptions& options)
 {
+    check_sound(command, options);
     if (options.bit_rate && options.quality)
         refuse("--quality", "cannot be combined with --bitrate");
     if (is_standard_output(options.status_file))
@@ -220,7 +226,7 @@ struct CommandCheck {
     }
     void operator()(const ReplayOptions& options) const
     {
-        check_replay(options);
+        check_replay(command, options);
         check(paths_of(options));
     }
     void operator()(const PcmOptions& options) const

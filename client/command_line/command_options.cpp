@@ -123,8 +123,6 @@ void define_record(CLI::App& command, RecordOptions& options)
         "of a .ts file: 192 puts an arrival time before each packet of 188 bytes; default: 188",
         [&options](const std::string& size) { options.packet_size = size == "192" ? 192 : 188; });
     define_sound(command, options, &options.audio);
-    command.add_flag_callback(
-        "--no-audio", [&options] { options.audio = false; }, "record no sound");
     define_display(command, options);
     define_ask(command, options);
     define_choice(command, "--slot", "0|1",

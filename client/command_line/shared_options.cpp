@@ -104,6 +104,9 @@ void define_sound(CLI::App& command, CommonOptions& options, bool* audio)
                 *audio = given != "none";
             return given.empty() ? "is no sound source" : "";
         });
+    if (audio)
+        command.add_flag_callback(
+            "--no-audio", [audio] { *audio = false; }, "record no sound");
 }
 
 void define_time(CLI::App& command, CommonOptions& options)

@@ -37,8 +37,8 @@ void define_display(CLI::App& command, CommonOptions& options);
 /** --ask */
 void define_ask(CLI::App& command, CommonOptions& options);
 /**
- * --sound
- * @param audio becomes false with "none"; null = none is refused later
+ * --sound, and --no-audio if `audio` is not null
+ * @param audio becomes false with "none" or --no-audio; null = none is refused later
  */
 void define_sound(CLI::App& command, CommonOptions& options, bool* audio);
 /** -t */

@@ -235,7 +235,8 @@ class ChosenSound(ShortEndToEndTest):
                  (["record", "-o", "no.mp4", "-s", "320x240"], card | {"ZU3_SOUND": "mik"}, 2, "no sound source 'mik'"),
                  (["record", "-o", "no.ts", "-s", "320x240"], card | {"ZU3_SOUND": "mik"}, 2, "no sound source 'mik'"),
                  (["pcm", "-o", "no.wav", "--sound", "none"], {}, 2, "none leaves nothing to record"),
-                 (["record", "-o", "no.mp4", "--no-audio", "--sound", "both"], card, 2, "cannot be combined"))
+                 (["record", "-o", "no.mp4", "--no-audio", "--sound", "both"], card, 2, "cannot be combined"),
+                 (["replay", "-o", ".", "--no-audio", "--sound", "both"], card, 2, "cannot be combined"))
         for words, environment, code, sentence in cases:
             with self.subTest(words):
                 refused = self.client(*words, environment=environment)
