@@ -6,6 +6,7 @@
 #include <mutex>
 #include <poll.h>
 #include <sys/statvfs.h>
+#include <system_error>
 #include <thread>
 
 #include "machine/display.h"
@@ -25,9 +26,13 @@ using namespace std::chrono_literals;
  */
 class DiskPatience {
 public:
-    explicit DiskPatience(const StatisticsDelta& statistics)
-        : statistics_(statistics), watch_([this](const std::stop_token& ended) { watch(ended); })
+    explicit DiskPatience(const StatisticsDelta& statistics) : statistics_(statistics)
     {
+        try {
+            watch_ = std::jthread([this](const std::stop_token& ended) { watch(ended); });
+        } catch (const std::system_error&) {
+            // The system has no thread left, so a stalled disk gets all the time that it needs.
+        }
     }
 
     bool given_up() const { return given_up_; }

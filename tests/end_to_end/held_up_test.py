@@ -155,3 +155,14 @@ class Limits(ShortEndToEndTest):
                 limits = (value, value)
                 client = self.client(*words, prepare=functools.partial(resource.setrlimit, limit, limits))
                 self.assert_exit(client, 0)
+
+    def test_end_without_a_thread(self):
+        # Catches an end that the system refuses a thread, and a program that crashes and loses the last pictures.
+        if SANITIZED:
+            self.skipTest("an instrumented program needs more memory for itself")
+        recording = self.client("record", "--rate", "2", "-s", "320x240", "-o", "b.ts")
+        wait_until(lambda: size_of(self.path("b.ts")) > 0, "the first batch")
+        resource.prlimit(recording.process.pid, resource.RLIMIT_AS, (1 << 20, 1 << 20))
+        self.assert_stops(recording)
+        self.assertEqual(recording.output(), "b.ts\n")
+        self.assertEqual(judges.faults(self.path("b.ts")), "")
