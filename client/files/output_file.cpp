@@ -166,10 +166,9 @@ bool place_leads_to(const TrustedPath& place, int fd)
     return place.status(named) == 0 && fstat(fd, &held) == 0 && common::is_one_file(named, held);
 }
 
-/**
- * Renames to a name that is not in use. Some network file systems cannot do it in one step; they
- * use a link.
- */
+} // namespace
+
+// Some network file systems cannot do it in one step; they use a link.
 int rename_to_free_name(int folder, const char* from, const char* to)
 {
     if (renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0)
@@ -179,8 +178,6 @@ int rename_to_free_name(int folder, const char* from, const char* to)
     unlinkat(folder, from, 0);
     return 0;
 }
-
-} // namespace
 
 bool is_standard_output(const std::string& path)
 {

@@ -31,6 +31,12 @@ std::string checked_output(const std::string& path, bool overwrite);
 void check_whole_file_path(const std::string& path, bool overwrite);
 
 /**
+ * Renames a file within a folder to a name that is not in use. Returns -1 with errno, EEXIST if it
+ * is in use.
+ */
+int rename_to_free_name(int folder, const char* from, const char* to);
+
+/**
  * An output file under its final name, filled over time and locked meanwhile: a new file for its
  * owner alone (mode 0600), an existing one of the user, which is emptied if `overwrite` allows it
  * and keeps its mode, or a named pipe of the user. A new file that is empty at the end is removed.

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "files/output_file.h"
 #include "movie/timeline.h"
 #include "process/messages.h"
 #include <common/descriptor.h>
@@ -43,12 +44,14 @@ public:
 
     int fd() const { return fd_.get(); }
     /** Names it, with a number appended if that file exists; returns the name. */
-    std::string appear(const std::string& begin) const
+    std::string appear(const std::string& begin)
     {
         for (int number = 1; number < 1000; ++number) {
             std::string name = begin + (number > 1 ? format_text("-%d", number) : "") + ".mp4";
-            if (link_as(name) == 0)
+            if (put_at(name) == 0) {
+                hidden_.clear();
                 return name;
+            }
             if (errno != EEXIST)
                 fail_to_save(errno);
         }
@@ -56,10 +59,11 @@ public:
     }
 
 private:
-    int link_as(const std::string& name) const
+    // A file system without nameless files, such as FAT, may have no links either.
+    int put_at(const std::string& name) const
     {
         if (!hidden_.empty())
-            return linkat(folder_, hidden_.c_str(), folder_, name.c_str(), 0);
+            return rename_to_free_name(folder_, hidden_.c_str(), name.c_str());
         return linkat(AT_FDCWD, format_text("/proc/self/fd/%d", fd()).c_str(), folder_,
                       name.c_str(), AT_SYMLINK_FOLLOW);
     }
@@ -148,7 +152,8 @@ std::string save(Snapshot& snapshot, const MovieFormat& format, const std::strin
         open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!place)
         fail_to_save(errno);
-    const NamelessFile fragments(place.get()), whole(place.get());
+    const NamelessFile fragments(place.get());
+    NamelessFile whole(place.get());
     Joined(format, fragments.fd()).write(snapshot);
     movie_module().copy({.from = fragments.fd(),
                          .to = whole.fd(),
