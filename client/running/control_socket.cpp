@@ -88,12 +88,20 @@ void ControlSocket::accept_peers()
         if (!peer_is_own_user(socket.get()) || !poll_for(events_.get(), socket.get()))
             continue;
         if (peers_.size() == most_peers)
-            peers_.pop_front();
+            make_room();
         peers_.push_back({.ticket = ++last_ticket_,
                           .socket = std::move(socket),
                           .since = Clock::now(),
                           .asked = false});
     }
+}
+
+// Drops the oldest peer that has not asked: the others' answers are due.
+void ControlSocket::make_room()
+{
+    const auto silent =
+        std::find_if(peers_.begin(), peers_.end(), [](const Peer& peer) { return !peer.asked; });
+    peers_.erase(silent == peers_.end() ? peers_.begin() : silent);
 }
 
 void ControlSocket::drop_silent()

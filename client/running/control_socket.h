@@ -49,6 +49,7 @@ private:
     };
     void listen();
     void accept_peers();
+    void make_room();
     void drop_silent();
     bool hear(Peer& peer, const Handle& handle);
 

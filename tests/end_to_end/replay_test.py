@@ -1,5 +1,6 @@
 """screenrecord replay: the last seconds in memory, and files of them."""
 
+import contextlib
 import ctypes
 import errno
 import fcntl
@@ -8,12 +9,13 @@ import os
 import platform
 import pty
 import signal
+import socket
 import struct
 import subprocess
 import termios
 
 import judges
-from harness import LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
+from harness import PATIENCE, LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
 
 
 def refuse_links():
@@ -130,6 +132,24 @@ class Replay(ShortEndToEndTest):
                 refused = self.client("replay", "-s", "320x240", *options)
                 self.assert_exit(refused, 2)
                 self.assertIn(sentence, refused.errors())
+
+    def test_answer_among_many(self):
+        # Catches a save whose answer makes room for peers that say nothing.
+        replay = self.replay("many")
+        path = str(self.path(f"home/screenrecord/{replay.process.pid}.control"))
+        with contextlib.ExitStack() as peers:
+            def connect():
+                peer = peers.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET))
+                peer.settimeout(PATIENCE)
+                peer.connect(path)
+                return peer
+
+            asked = connect()
+            asked.send(b"save")
+            for _ in range(8):
+                connect()
+            self.assertRegex(asked.recv(4096), b"^ok: /")
+        self.assert_stops(replay)
 
     def test_full_disk(self):
         disk = self.path("disk")
