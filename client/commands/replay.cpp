@@ -126,10 +126,12 @@ public:
         keep_until_the_end();
         stream_.reset();
         sound_.reset();
-        finish_save();
+        const bool saved = finish_save();
         report_.finish(measure(), !problem_);
         if (problem_)
             print_message(*problem_);
+        if (!saved)
+            return ExitCode::failed;
         return problem_ ? ExitCode::ended_early : ExitCode::complete;
     }
 
@@ -269,10 +271,12 @@ private:
                 .seekable = true};
     }
 
-    void conclude_save()
+    /** False if a file could not be saved. */
+    bool conclude_save()
     {
         if (!save_ || !save_->work().through())
-            return;
+            return true;
+        bool saved = true;
         std::string answer;
         try {
             const std::string path = save_->finish();
@@ -282,6 +286,7 @@ private:
             answer = "ok: " + std::filesystem::absolute(path, error).string();
             tell("Saved", path);
         } catch (const std::exception& failure) {
+            saved = false;
             answer = std::string("error: cannot save into ") + (folder_.empty() ? "." : folder_) +
                      ": " + failure.what();
             print_message(answer.substr(std::string("error: ").size()));
@@ -290,6 +295,7 @@ private:
         save_.reset();
         if (waiting_peer_)
             socket_.answer(*std::exchange(waiting_peer_, std::nullopt), answer);
+        return saved;
     }
 
     void tell(const char* title, const std::string& text)
@@ -298,13 +304,16 @@ private:
             notice_.emplace([title = std::string(title), text] { notify_desktop(title, text); });
     }
 
-    void finish_save()
+    /** False if the file that was being written is not saved. */
+    bool finish_save()
     {
-        if (save_ && !save_->work().wait(context_.signals, patience_of_a_stop))
+        const bool through = !save_ || save_->work().wait(context_.signals, patience_of_a_stop);
+        if (!through)
             print_message("the last file is not saved: its disk does not respond");
-        conclude_save();
+        const bool saved = conclude_save() && through;
         if (notice_)
             notice_->wait(context_.signals, std::chrono::seconds(1));
+        return saved;
     }
 
     const ReplayOptions& options_;

@@ -151,6 +151,14 @@ class Replay(ShortEndToEndTest):
             self.assertRegex(asked.recv(4096), b"^ok: /")
         self.assert_stops(replay)
 
+    def assert_loses_its_last_file(self):
+        """Catches a success told of a file that was still being written at the end and is not there."""
+        replay = self.replay("disk", "--control", "-", stdin=subprocess.PIPE)
+        replay.process.stdin.write(b"save\nstop\n")
+        replay.process.stdin.close()
+        self.assert_exit(replay, 1)
+        self.assertIn("cannot save into disk: No space left on device", replay.errors())
+
     def test_full_disk(self):
         disk = self.path("disk")
         disk.mkdir()
@@ -163,6 +171,7 @@ class Replay(ShortEndToEndTest):
         self.assertIn("No space left on device", refused.errors())
         self.assertIn("cannot save into disk: No space left on device", replay.errors())
         self.assertEqual(os.listdir(disk), [])
+        self.assert_loses_its_last_file()
         subprocess.run(["mount", "-o", "remount,size=20m", disk], check=True)
         self.run_program("screenrecord", "control", "save")
         self.assert_stops(replay)
