@@ -254,11 +254,15 @@ private:
     {
         if (save_)
             return "the previous file is still being written";
-        Snapshot snapshot = kept_.snapshot();
-        if (snapshot.empty())
-            return "there is no picture yet";
-        save_.emplace(std::move(snapshot), format(), folder_);
-        return "";
+        try {
+            Snapshot snapshot = kept_.snapshot();
+            if (snapshot.empty())
+                return "there is no picture yet";
+            save_.emplace(std::move(snapshot), format(), folder_);
+            return "";
+        } catch (const std::exception& failure) { // without a descriptor, a thread or memory
+            return failure.what();
+        }
     }
 
     MovieFormat format() const
@@ -300,8 +304,13 @@ private:
 
     void tell(const char* title, const std::string& text)
     {
-        if (options_.notify)
+        if (!options_.notify)
+            return;
+        try {
             notice_.emplace([title = std::string(title), text] { notify_desktop(title, text); });
+        } catch (const std::exception&) {
+            // The system has no descriptor or thread for it; the message is printed anyway.
+        }
     }
 
     /** False if the file that was being written is not saved. */

@@ -8,6 +8,7 @@ import json
 import os
 import platform
 import pty
+import resource
 import signal
 import socket
 import struct
@@ -149,6 +150,18 @@ class Replay(ShortEndToEndTest):
             for _ in range(8):
                 connect()
             self.assertRegex(asked.recv(4096), b"^ok: /")
+        self.assert_stops(replay)
+
+    def test_save_without_a_descriptor(self):
+        # Catches a save that cannot begin and ends the replay, with all that it keeps.
+        replay = self.replay("few")
+        most = resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE, (3, most[1]))
+        replay.process.send_signal(signal.SIGUSR1)
+        wait_until(lambda: "cannot save now: " in replay.errors() or replay.process.poll() is not None, "a refusal")
+        self.assertIn("Too many open files", replay.errors())
+        resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE, most)
+        self.run_program("screenrecord", "control", "save")
         self.assert_stops(replay)
 
     def assert_loses_its_last_file(self):
