@@ -291,6 +291,8 @@ ExitCode run(const RecordOptions& options, CommandContext& context)
     RecordOptions named = options;
     if (named.output.empty())
         named.output = new_movie_name();
+    if (options.countdown > 0) // an output that is refused needs no countdown
+        checked_output(options.output, options.overwrite);
     if (!count_down(options.countdown, context.signals))
         throw Failure("stopped before the recording began; there is no file");
     ExitCode code = ExitCode::failed;

@@ -31,6 +31,14 @@ class AtHand(ShortEndToEndTest):
         self.assertIn("stopped before the recording began", stopped.errors())
         self.assertFalse(os.path.exists(self.path("stopped.mp4")))
 
+    def test_refused_before_the_countdown(self):
+        # Catches a user who counts down for nothing.
+        self.path("there.mp4").write_bytes(b"x")
+        for name, said in ("there.mp4", "it exists already"), ("no/folder.mp4", "there is no folder no"):
+            refused = self.record(name, "--countdown", "60")
+            self.assert_exit(refused, 2)
+            self.assertIn(said, refused.errors())
+
     def start_bus(self):
         bus = self.start("dbus-daemon", "--session", "--nofork", "--print-address=1")
         return {"DBUS_SESSION_BUS_ADDRESS": bus.first_line()}
