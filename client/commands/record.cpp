@@ -277,6 +277,25 @@ ExitCode record(const RecordOptions& options, CommandContext& context)
     return RecordRun(options, context).run();
 }
 
+/**
+ * Records under a name by date and time, which it puts into `options`. Another recorder that begins
+ * at the same time may create that file first: then under another name.
+ */
+ExitCode record_under_new_name(RecordOptions& options, CommandContext& context)
+{
+    while (true) {
+        options.output = new_movie_name();
+        try {
+            return record(options, context);
+        } catch (const Failure& failure) {
+            std::error_code error;
+            if (failure.code() != ExitCode::usage ||
+                !std::filesystem::exists(options.output, error))
+                throw;
+        }
+    }
+}
+
 const char* title_of(ExitCode code)
 {
     if (code == ExitCode::complete)
@@ -289,15 +308,14 @@ const char* title_of(ExitCode code)
 ExitCode run(const RecordOptions& options, CommandContext& context)
 {
     RecordOptions named = options;
-    if (named.output.empty())
-        named.output = new_movie_name();
-    if (options.countdown > 0) // an output that is refused needs no countdown
+    const bool is_named = !options.output.empty();
+    if (is_named && options.countdown > 0) // an output that is refused needs no countdown
         checked_output(options.output, options.overwrite);
     if (!count_down(options.countdown, context.signals))
         throw Failure("stopped before the recording began; there is no file");
     ExitCode code = ExitCode::failed;
     try {
-        code = record(named, context);
+        code = is_named ? record(named, context) : record_under_new_name(named, context);
     } catch (const Failure& failure) {
         if (options.notify)
             notify_desktop(title_of(failure.code()), failure.what());

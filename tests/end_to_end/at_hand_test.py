@@ -39,6 +39,17 @@ class AtHand(ShortEndToEndTest):
             self.assert_exit(refused, 2)
             self.assertIn(said, refused.errors())
 
+    def test_names_by_time(self):
+        # Catches recorders that choose the same name because they begin at once.
+        videos = self.path("home/Videos")
+        videos.mkdir()
+        recordings = [self.client("record", "-s", "64x64", "-t", "0.5", "--no-audio") for _ in range(6)]
+        for recording in recordings:
+            self.assert_exit(recording, 0)
+        said = {recording.output() for recording in recordings}
+        self.assertEqual(said, {f"{videos / name}\n" for name in os.listdir(videos)})
+        self.assertEqual(len(said), len(recordings))
+
     def start_bus(self):
         bus = self.start("dbus-daemon", "--session", "--nofork", "--print-address=1")
         return {"DBUS_SESSION_BUS_ADDRESS": bus.first_line()}
