@@ -96,6 +96,10 @@ void locate_window(xcb_connection_t* connection, const xcb_screen_t& screen, xcb
     const bool active = chosen == ScreenPart::active_window;
     const xcb_window_t id = active ? find_active_window(connection, screen.root) : chosen;
     located.name = active && id == XCB_NONE ? "the active window" : window_text(id);
+    if (id == screen.root) {
+        located.problem = "it is the root window; without a window, the whole screen is captured";
+        return;
+    }
     const auto window = id == XCB_NONE ? std::nullopt : find_window(connection, screen.root, id);
     if (!window) {
         located.problem =

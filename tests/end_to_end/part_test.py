@@ -89,10 +89,12 @@ class Regions(ShortEndToEndTest, PartTest):
 
     def test_refusals(self):
         # Catches a part that is not there and is passed over.
+        root = re.search(r"Window id: (\S+)", self.run_program("xwininfo", "-root"))[1]
         for arguments, code, said in (
                 ("shot -o r.png --region 64x64+640+0", 1, "640x480"),
                 ("shot -o r.png --monitor middle", 1, "the display has left, right"),
                 ("record -o r.ts --window 0x1fffff", 1, "no window of that number"),
+                (f"record -o r.ts --window {root}", 1, "it is the root window"),
                 ("record -o r.ts --window active", 1, "no window has the focus"),
                 ("stream -o r.h264 --region 64x64", 2, "such as 640x360+100+50"),
                 ("stream -o r.h264 --window main", 2, "such as 0x1c00003"),
