@@ -162,11 +162,11 @@ private:
     {
         const control::Command command = control::parse(line);
         const auto* const watermark = std::get_if<WatermarkOptions>(&command);
-        if (watermark && !watermark_)
-            // answered after its picture is read
-            watermark_.emplace(*watermark);
-        else
-            print_error_line(answer_to(command));
+        if (!watermark || watermark_)
+            return print_error_line(answer_to(command));
+        const std::string outcome = outcome_of([&] { watermark_.emplace(*watermark); });
+        if (!watermark_) // otherwise it is answered after its picture is read
+            print_error_line(outcome);
     }
 
     /** Answers `screenrecord control`. */
@@ -197,7 +197,7 @@ private:
         try {
             action();
             return "ok";
-        } catch (const Failure& failure) {
+        } catch (const std::exception& failure) {
             return std::string("error: ") + failure.what();
         }
     }

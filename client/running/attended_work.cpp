@@ -6,6 +6,7 @@
 #include <memory>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -40,15 +41,19 @@ AttendedWork::AttendedWork(std::function<void()> work) : shared_(std::make_share
     shared_->event = common::Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!shared_->event)
         throw Failure("cannot continue: " + error_text(errno));
-    std::thread([shared = shared_, work = std::move(work)] {
-        try {
-            work();
-        } catch (...) {
-            shared->thrown = std::current_exception();
-        }
-        shared->through = true;
-        eventfd_write(shared->event.get(), 1);
-    }).detach();
+    try {
+        std::thread([shared = shared_, work = std::move(work)] {
+            try {
+                work();
+            } catch (...) {
+                shared->thrown = std::current_exception();
+            }
+            shared->through = true;
+            eventfd_write(shared->event.get(), 1);
+        }).detach();
+    } catch (const std::system_error& refusal) {
+        throw Failure("cannot continue: " + error_text(refusal.code().value()));
+    }
 }
 
 int AttendedWork::fd() const

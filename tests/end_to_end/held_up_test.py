@@ -166,3 +166,16 @@ class Limits(ShortEndToEndTest):
         self.assert_stops(recording)
         self.assertEqual(recording.output(), "b.ts\n")
         self.assertEqual(judges.faults(self.path("b.ts")), "")
+
+    def test_watermark_without_a_descriptor(self):
+        # Catches a watermark that cannot be read and ends the stream.
+        stream = self.client("stream", "-s", "320x240", "-o", "c.h264", "--control", "-", stdin=subprocess.PIPE)
+        self.addCleanup(stream.process.stdin.close)
+        wait_until(lambda: size_of(self.path("c.h264")) > 0, "the first frame")
+        most = resource.prlimit(stream.process.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(stream.process.pid, resource.RLIMIT_NOFILE, (3, most[1]))
+        stream.process.stdin.write(b"watermark a.png\n")
+        stream.process.stdin.flush()
+        wait_until(lambda: "Too many open files" in stream.errors(), "the answer")
+        self.assertIn("error: ", stream.errors())
+        self.assert_stops(stream)
