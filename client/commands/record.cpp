@@ -146,7 +146,7 @@ public:
         if (options_.audio)
             check_chosen_sound();
         StatusReport report(options_.json, options_.status_file);
-        const OutputFile file(options_.output, options_.overwrite, context_.signals);
+        OutputFile file(options_.output, options_.overwrite, context_.signals);
         RecordingMonitor watch(file);
         OutputWatch output(file);
         RecordProgress progress;
@@ -156,7 +156,7 @@ public:
     }
 
 private:
-    void record(const OutputFile& file, RecordingMonitor& watch, OutputWatch& output,
+    void record(OutputFile& file, RecordingMonitor& watch, OutputWatch& output,
                 RecordProgress& progress, StatusReport& report)
     {
         if (source_pictures_ > 0)
@@ -174,6 +174,8 @@ private:
         const bool in_order =
             recording.finish(context_.signals.raised() ? Recording::patience_of_a_stop
                                                        : Recording::patience_at_the_end);
+        if (recording.disk_stalled())
+            file.leave();
         shortfall_ = watch.shortfall();
         if (options_.quality)
             notice_ = watch.coarsened();

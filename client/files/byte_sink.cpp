@@ -247,6 +247,8 @@ Clock::duration ByteSink::standstill() const
 
 ByteSink::~ByteSink()
 {
+    if (file_ && look() == State::pending)
+        file_->leave();
     thread_->end();
 }
 

@@ -258,6 +258,11 @@ void OutputFile::open_named_pipe(StopSignals& signals)
     }
 }
 
+void OutputFile::leave()
+{
+    created_ = false;
+}
+
 OutputFile::~OutputFile()
 {
     if (fd_ && created_ && size() == 0 && has_its_name())

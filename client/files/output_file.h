@@ -64,6 +64,11 @@ public:
     /** Whether it is an ordinary file, not a pipe or a device. */
     bool regular() const { return S_ISREG(kind_); }
     bool named_pipe() const { return S_ISFIFO(kind_); }
+    /**
+     * Leaves a new file that is empty at the end: its disk does not respond, and a removal would
+     * keep the process, even one that is killed.
+     */
+    void leave();
 
 private:
     void open_existing(bool overwrite, StopSignals& signals);

@@ -194,7 +194,9 @@ bool Recording::finish(std::chrono::milliseconds writer_limit)
     const DiskPatience patience(statistics_);
     const bool stopped = SCREENRECORD_Stop(&slot_) == 1;
     wait_for_writer(statistics_, patience, writer_limit);
-    return close() && stopped;
+    const bool closed = close();
+    disk_stalled_ = patience.given_up();
+    return closed && stopped;
 }
 
 bool Recording::close()

@@ -42,6 +42,8 @@ public:
      * @return whether every call of the library succeeded
      */
     bool finish(std::chrono::milliseconds writer_limit);
+    /** Whether finish() gave up a stalled disk. */
+    bool disk_stalled() const { return disk_stalled_; }
 
 private:
     void open_step_by_step(const RecordOptions& options, std::string file, Size size);
@@ -53,6 +55,7 @@ private:
     bool one_call_;
     StatisticsDelta statistics_;
     bool open_ = false;
+    bool disk_stalled_ = false;
 };
 
 /**

@@ -11,6 +11,7 @@ import re
 import signal
 import statistics
 import subprocess
+import tempfile
 
 import held_up_test
 import judges
@@ -452,13 +453,13 @@ class Finishing(UnmeasuredEndToEndTest):
         self.assertTrue(parts and 0 <= parts[0] <= 1, told)
         self.assert_stays_in_fragments(recording, path, "it was interrupted")
 
-    def frozen_disk(self):
-        """A folder on a disk that stands still, and the call that lets it move."""
-        disk, image = self.path("disk"), self.path("image")
-        disk.mkdir()
+    def frozen_disk(self, freeze=True):
+        """A folder on a disk that stands still, or can be made to, and the call that lets it move."""
+        disk = pathlib.Path(tempfile.mkdtemp(dir=self.folder, prefix="disk."))
+        image = disk.with_suffix(".image")
         image.write_bytes(bytes(8 << 20))
         for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk],
-                        ["fsfreeze", "--freeze", disk]):
+                        *[["fsfreeze", "--freeze", disk]] * freeze):
             if subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode != 0:
                 self.skipTest(f"{command[0]} is not allowed here")
             if command[0] == "mount":
@@ -482,6 +483,21 @@ class Finishing(UnmeasuredEndToEndTest):
         thaw()
         wait_until(lambda: not list(pathlib.Path(f"/proc/{process}/fd").glob("*")), "the end of the process")
         self.assertEqual(os.listdir(disk), ["lost+found"])
+
+    def test_empty_file_on_a_disk_that_stands_still(self):
+        # Catches the removal of the file, which the client waits for even if it is killed.
+        disk, thaw = self.frozen_disk(freeze=False)
+        recording = self.client("record", "-s", "64x64", "--no-audio", "--json", "-o", disk / "empty.ts",
+                                environment={"ZU3_DISPLAY": "testcard"})
+        wait_until(lambda: '"frames":' in recording.errors(), "the first pictures")
+        subprocess.run(["fsfreeze", "--freeze", disk], check=True)
+        recording.process.terminate()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            recording.process.wait(held_up_test.STOP)
+        code = recording.process.returncode
+        thaw()
+        self.assertEqual(code, 1, recording.errors())
+        self.assertIn("nothing reached", recording.errors())
 
     def test_disk_stands_still(self):
         # Catches an end that waits for the disk, and a file that changes after the client has told of it.
