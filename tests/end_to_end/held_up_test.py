@@ -178,4 +178,5 @@ class Limits(ShortEndToEndTest):
         stream.process.stdin.flush()
         wait_until(lambda: "Too many open files" in stream.errors(), "the answer")
         self.assertIn("error: ", stream.errors())
+        resource.prlimit(stream.process.pid, resource.RLIMIT_NOFILE, most)  # a leak check at the end needs some
         self.assert_stops(stream)
