@@ -186,14 +186,16 @@ public:
     int encode(Picture& picture, int64_t number, x264_picture_t& out)
     {
         const bool key_due = since_key_ >= 2 * fps;
-        if (const auto wanted = watch_.content(key_due, picture.nv12.data()); wanted != content_) {
+        const auto changed =
+            number == 0 ? std::nullopt : zu3host::ChangedRectangles(picture.changed);
+        const auto wanted = watch_.content(key_due, picture.nv12.data(), changed);
+        if (wanted != content_ && since_key_ != 1) {
             content_ = wanted;
             open();
         }
         x264_picture_t in = picture_of(picture, number);
         in.i_type = key_due ? X264_TYPE_KEYFRAME : X264_TYPE_AUTO;
-        in.prop.mb_info = unchanged_.find(
-            number == 0 ? std::nullopt : zu3host::ChangedRectangles(picture.changed));
+        in.prop.mb_info = unchanged_.find(changed);
         leave_out_unused(!key_due && unchanged_.almost_all());
         x264_nal_t* nals = nullptr;
         int count = 0;

@@ -1,5 +1,7 @@
 #include "encoder/content_watch.h"
 
+#include "encoder/picture_look.h"
+
 namespace zu3host {
 namespace {
 
@@ -15,6 +17,9 @@ constexpr double pictures_of_film = 64;
 
 // Pictures whose content is not found in the one before. A screen has one when its page changes.
 constexpr uint32_t jumps_of_film = 2;
+
+// Share of a picture that changes with its scene. A film with black bars changes in three quarters.
+constexpr double least_new = 0.5;
 
 } // namespace
 
@@ -34,13 +39,44 @@ void ContentWatch::note_unchanged()
         busy_ = 0;
 }
 
-Content ContentWatch::content(bool key_due, const uint8_t* luma)
+Content ContentWatch::content(bool key_due, const uint8_t* luma, ChangedRectangles changed)
 {
-    if (content_ == Content::screens && is_film(luma))
-        content_ = Content::film;
-    else if (content_ == Content::film && busy_ < most_of_screens && key_due)
-        content_ = Content::screens;
+    if (content_ == Content::screens)
+        look_for_film(luma, changed);
+    else if (key_due)
+        look_for_screens();
     return content_;
+}
+
+void ContentWatch::look_for_film(const uint8_t* luma, ChangedRectangles changed)
+{
+    by_look_ = trusts_looks_ && is_new(changed) && looks_like_film(luma, layout_);
+    if (by_look_)
+        // the pictures up to the next key frame decide
+        busy_ = most_of_screens;
+    else if (!is_film(luma))
+        return;
+    content_ = Content::film;
+}
+
+// Only one photograph adds a key frame, and settings do not alternate while photographs are shown.
+void ContentWatch::look_for_screens()
+{
+    if (busy_ < most_of_screens) {
+        content_ = Content::screens;
+        trusts_looks_ = !by_look_;
+    }
+    by_look_ = false;
+}
+
+bool ContentWatch::is_new(ChangedRectangles changed) const
+{
+    if (!changed)
+        return true;
+    double pixels = 0;
+    for (const PictureRectangle& part : *changed)
+        pixels += static_cast<double>(part.size.width) * part.size.height;
+    return pixels >= least_new * static_cast<double>(layout_.luma_bytes());
 }
 
 bool ContentWatch::is_film(const uint8_t* luma)

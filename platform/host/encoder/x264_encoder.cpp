@@ -97,12 +97,12 @@ void X264Encoder::follow_changes(bool little)
 // Most settings cannot change in an open encoder. Closes the old one first, since two at a time
 // would double the memory. The new one begins with a key frame, and the next one comes at the usual
 // distance from it: a film with fewer key frames has less quality at equal bits.
-bool X264Encoder::follow_content(const uint8_t* picture)
+bool X264Encoder::follow_content(const uint8_t* picture, ChangedRectangles changed)
 {
     const bool adapts = applied_.as_needed && settings_follow_content();
-    const Content wanted = adapts ? watch_.content(key_due(), picture) : content_;
+    const Content wanted = adapts ? watch_.content(key_due(), picture, changed) : content_;
     // Keeps another picture between two IDR pictures, since their idr_pic_id may be equal.
-    if (encoder_ && (wanted == content_ || pictures_since_key_ < 2))
+    if (encoder_ && (wanted == content_ || pictures_since_key_ == 1))
         return true;
     content_ = wanted;
     repetitions_.reset();
@@ -116,7 +116,7 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     const bool unchanged = changed && changed->empty();
     if (unchanged)
         watch_.note_unchanged();
-    if (!follow_content(picture))
+    if (!follow_content(picture, changed))
         return std::nullopt;
     follow_rate();
     if (unchanged && !as_key && may_repeat())
