@@ -2,6 +2,8 @@
 
 #include "encoder/picture_look.h"
 
+#include <utility>
+
 namespace zu3host {
 namespace {
 
@@ -44,13 +46,13 @@ Content ContentWatch::content(bool key_due, const uint8_t* luma, ChangedRectangl
     if (content_ == Content::screens)
         look_for_film(luma, changed);
     else if (key_due)
-        look_for_screens();
+        look_for_screens(luma);
     return content_;
 }
 
 void ContentWatch::look_for_film(const uint8_t* luma, ChangedRectangles changed)
 {
-    by_look_ = trusts_looks_ && is_new(changed) && looks_like_film(luma, layout_);
+    by_look_ = trusts_looks_ && starts_to_look_like_film(luma, changed);
     if (by_look_)
         // the pictures up to the next key frame decide
         busy_ = most_of_screens;
@@ -60,13 +62,23 @@ void ContentWatch::look_for_film(const uint8_t* luma, ChangedRectangles changed)
 }
 
 // Only one photograph adds a key frame, and settings do not alternate while photographs are shown.
-void ContentWatch::look_for_screens()
+void ContentWatch::look_for_screens(const uint8_t* luma)
 {
     if (busy_ < most_of_screens) {
         content_ = Content::screens;
         trusts_looks_ = !by_look_;
+        looked_like_film_ = looks_like_film(luma, layout_);
     }
     by_look_ = false;
+}
+
+// Everything may count as changed without being so. A film that pauses is not believed again.
+bool ContentWatch::starts_to_look_like_film(const uint8_t* luma, ChangedRectangles changed)
+{
+    if (!is_new(changed))
+        return false;
+    const bool looked_like_film = std::exchange(looked_like_film_, looks_like_film(luma, layout_));
+    return looked_like_film_ && !looked_like_film;
 }
 
 bool ContentWatch::is_new(ChangedRectangles changed) const

@@ -45,7 +45,8 @@ public:
 
 private:
     void look_for_film(const uint8_t* luma, ChangedRectangles changed);
-    void look_for_screens();
+    void look_for_screens(const uint8_t* luma);
+    bool starts_to_look_like_film(const uint8_t* luma, ChangedRectangles changed);
     bool is_new(ChangedRectangles changed) const;
     bool is_film(const uint8_t* luma);
 
@@ -60,6 +61,8 @@ private:
     bool by_look_ = false;
     // false once a picture looked like a film and was a photograph that stood still, for example
     bool trusts_looks_ = true;
+    // of the last new picture
+    bool looked_like_film_ = false;
     // share of macroblocks that were not skipped, over the last pictures
     double busy_ = 0;
     uint32_t unchanged_ = 0;

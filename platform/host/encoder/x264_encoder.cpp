@@ -96,11 +96,13 @@ void X264Encoder::follow_changes(bool little)
 
 // Most settings cannot change in an open encoder. Closes the old one first, since two at a time
 // would double the memory. The new one begins with a key frame, and the next one comes at the usual
-// distance from it: a film with fewer key frames has less quality at equal bits.
-bool X264Encoder::follow_content(const uint8_t* picture, ChangedRectangles changed)
+// distance from it: a film with fewer key frames has less quality at equal bits. While a photograph
+// stands still its key frames are put off, and the change with them.
+bool X264Encoder::follow_content(const uint8_t* picture, ChangedRectangles changed, bool repeats)
 {
     const bool adapts = applied_.as_needed && settings_follow_content();
-    const Content wanted = adapts ? watch_.content(key_due(), picture, changed) : content_;
+    const bool key_comes = key_due() && !repeats;
+    const Content wanted = adapts ? watch_.content(key_comes, picture, changed) : content_;
     // Keeps another picture between two IDR pictures, since their idr_pic_id may be equal.
     if (encoder_ && (wanted == content_ || pictures_since_key_ == 1))
         return true;
@@ -116,10 +118,11 @@ std::optional<AccessUnit> X264Encoder::encode(uint8_t* picture, bool as_key,
     const bool unchanged = changed && changed->empty();
     if (unchanged)
         watch_.note_unchanged();
-    if (!follow_content(picture, changed))
+    const bool may_skip = unchanged && !as_key;
+    if (!follow_content(picture, changed, may_skip && encoder_ && may_repeat()))
         return std::nullopt;
     follow_rate();
-    if (unchanged && !as_key && may_repeat())
+    if (may_skip && may_repeat())
         return repeat();
     // x264 counts only the pictures that it gets, so each repetition would delay its key frames.
     as_key = as_key || key_due();
@@ -168,11 +171,9 @@ bool X264Encoder::may_repeat() const
     return applied_.as_needed && bits_ahead_ == 0 && !key_due() && refinement_.may_wait();
 }
 
-// A film may turn into a screen with any picture.
 bool X264Encoder::would_repeat() const
 {
-    return encoder_ && content_ == Content::screens &&
-           under_process_ceiling(settings_.rate) == applied_ && may_repeat();
+    return encoder_ && under_process_ceiling(settings_.rate) == applied_ && may_repeat();
 }
 
 void X264Encoder::note(const AccessUnit& unit, bool unchanged)

@@ -66,7 +66,7 @@ private:
     {
     }
     void follow_rate();
-    bool follow_content(const uint8_t* picture, ChangedRectangles changed);
+    bool follow_content(const uint8_t* picture, ChangedRectangles changed, bool repeats);
     bool key_due() const { return pictures_since_key_ >= pictures_between_keys_; }
     bool reopen(EncoderRate rate);
     bool reconfigure(EncoderRate rate);
