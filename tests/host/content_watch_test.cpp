@@ -140,6 +140,7 @@ TEST(PictureLook, TellsFilmsFromScreens)
         {"a photograph", photograph_in(wide, 0, high), true},
         {"a film with black bars", with_bars, true},
         {"a photograph and a small window", photograph_in(wide, 0, high * 7 / 8), true},
+        {"a photograph behind a page", photograph_in(wide, 0, high / 2), false},
         {"a video in a quarter", photograph_in(wide / 2, 0, high / 2), false},
         {"a page", photograph_in(0, 0, 0), false},
         {"nothing", Bytes(layout.picture_bytes(), 128), false},
