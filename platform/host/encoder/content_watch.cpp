@@ -2,6 +2,7 @@
 
 #include "encoder/picture_look.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zu3host {
@@ -30,7 +31,10 @@ void ContentWatch::note(MacroblockCounts counts)
     unchanged_ = 0;
     const double busy = static_cast<double>(counts.intra) + counts.inter;
     const double all = busy + counts.skipped;
-    const double pictures = content_ == Content::screens ? pictures_of_screens : pictures_of_film;
+    ++noted_;
+    // a film at the start of a recording is recognized as soon as two of its pictures are compared
+    const double pictures =
+        content_ == Content::film ? pictures_of_film : std::min(noted_, pictures_of_screens);
     if (all > 0)
         busy_ += (busy / all - busy_) / pictures;
 }

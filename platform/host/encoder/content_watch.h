@@ -65,6 +65,8 @@ private:
     bool looked_like_film_ = false;
     // share of macroblocks that were not skipped, over the last pictures
     double busy_ = 0;
+    // pictures in that share since the first one
+    double noted_ = 0;
     uint32_t unchanged_ = 0;
 };
 
