@@ -125,8 +125,8 @@ private:
 
     ExitCode conclude()
     {
-        if (sink_.look() == ByteSink::State::pending && !problem_ && wav_)
-            problem_ = "the end is missing from " + options_.output + ": its disk does not respond";
+        if (!problem_)
+            problem_ = sink_.missing_end(options_.output);
         if (problem_)
             print_message(*problem_);
         const auto counted = statistics_.read();

@@ -257,8 +257,8 @@ private:
     ExitCode conclude()
     {
         print_losses();
-        if (sink_.look() == ByteSink::State::pending && !problem_ && !sink_.path().empty())
-            problem_ = "the end is missing from " + path_ + ": its disk does not respond";
+        if (!problem_)
+            problem_ = sink_.missing_end(path_);
         if (problem_)
             print_message(*problem_);
         if (sink_.delivered() == 0) {

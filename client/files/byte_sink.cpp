@@ -283,6 +283,14 @@ std::optional<std::string> ByteSink::problem_at_end()
     return watch_->problem_at_end();
 }
 
+std::optional<std::string> ByteSink::missing_end(const std::string& output)
+{
+    if (look() != State::pending)
+        return std::nullopt;
+    return "the end is missing from " + output +
+           (watch_ ? ": its disk does not respond" : ": its reader reads no more");
+}
+
 int ByteSink::cut_file(uint64_t bytes)
 {
     return !unfinished_ && ftruncate(file_->fd(), static_cast<off_t>(bytes)) == 0 ? 0 : errno;

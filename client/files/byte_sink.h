@@ -75,6 +75,8 @@ public:
     /** Why the written data is lost, as OutputWatch::problem(); nullopt for a pipe. */
     std::optional<std::string> problem();
     std::optional<std::string> problem_at_end();
+    /** After finish(): why the end is missing from `output`; nullopt = it is not. */
+    std::optional<std::string> missing_end(const std::string& output);
     /**
      * Empties the file, so that it is removed at the end.
      * @return an errno, 0 = done

@@ -59,10 +59,9 @@ void MovieDestination::finish(TimePoint limit)
     look();
     if (disk_failed_ || problem_)
         return;
-    if (sink_.look() == ByteSink::State::pending && sink_.file()) {
-        problem_ = "the end is missing from " + path_ + ": its disk does not respond";
+    problem_ = sink_.missing_end(path_);
+    if (problem_)
         return;
-    }
     problem_ = sink_.problem_at_end();
     lost_ = problem_.has_value();
 }

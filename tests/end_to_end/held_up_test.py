@@ -1,6 +1,7 @@
 """Readers that stop reading, stalled disks, pipes without a reader: the client still reacts to signals."""
 
 import contextlib
+import fcntl
 import functools
 import json
 import os
@@ -8,6 +9,7 @@ import pathlib
 import platform
 import pty
 import resource
+import select
 import signal
 import subprocess
 
@@ -18,7 +20,8 @@ from harness import SANITIZED, TEST_CARD, ShortEndToEndTest, full_pipe, size_of,
 STOP = 30 if SANITIZED else 3
 
 
-CALLS = {"openat": {"x86_64": "257", "aarch64": "56"}, "recvfrom": {"x86_64": "45", "aarch64": "207"}}
+CALLS = {"openat": {"x86_64": "257", "aarch64": "56"}, "recvfrom": {"x86_64": "45", "aarch64": "207"},
+         "write": {"x86_64": "1", "aarch64": "64"}}
 
 
 def waits_in(client, call):
@@ -129,6 +132,19 @@ class Readers(ShortEndToEndTest):
         for name, (client, code) in running.items():
             with self.subTest(name):
                 self.assert_stops(client, code, seconds=STOP)
+
+    def test_end_is_not_read(self):
+        # Catches an end that a reader never reads, and that is lost without a word.
+        for words in (["record", "-s", "320x240"], ["stream", "-s", "320x240"], ["pcm"]):
+            with self.subTest(words[0]):
+                for end in (pipe := os.pipe()):
+                    self.addCleanup(os.close, end)
+                fcntl.fcntl(pipe[1], fcntl.F_SETPIPE_SZ, 16384)
+                running = self.client(*words, "-o", "-", stdout=pipe[1], environment={"ZU3_AUDIO": "tone"})
+                wait_until(lambda client=running, end=pipe[1]: not select.select([], [end], [], 0)[1]
+                           and waits_in(client, "write"), "bytes without room")
+                self.assert_stops(running, 3, seconds=STOP)
+                self.assertIn("the end is missing from -: its reader reads no more\n", running.errors())
 
     def test_terminal_that_nobody_reads(self):
         # Catches a capture that stands in the log's write.
