@@ -46,6 +46,8 @@ std::string result_of(const std::function<void()>& work)
     try {
         work();
         return {};
+    } catch (const std::bad_alloc&) {
+        return "memory ran out";
     } catch (const std::exception& failure) {
         const std::string reason = failure.what();
         return reason.empty() ? "unknown reason" : reason;

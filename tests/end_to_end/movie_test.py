@@ -645,10 +645,22 @@ class Ways(UnmeasuredEndToEndTest, MovieChecks):
             self.assertAlmostEqual(times(path)[0], 0, delta=0.002)
         self.assertLess(boxes(self.path("new.mp4")).index("moov"), boxes(self.path("new.mp4")).index("mdat"))
         self.path("no.ts").write_bytes(bytes(100_000))
+        old, index = self.path("old.ts").read_bytes(), self.path("new.mp4").read_bytes()
+        self.path("joined.ts").write_bytes(2 * old)
+        # between the key frames of the second and the third second
+        self.path("part.ts").write_bytes(old[len(old) * 5 // 8:len(old) * 7 // 8])
+        at = index.index(b"stts") + 8
+        self.path("lies.mp4").write_bytes(index[:at] + b"\x7f\xff\xff\xff" + index[at + 4:])
+        self.run_program("screenrecord", "stream", "-s", "64x64", "-t", "0.1", "-o", "raw.h264")
+        self.run_program("ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=d=1", "-f", "lavfi", "-i", "sine=d=1",
+                         "-c:a", "aac", "other.ts")
         before = self.path("new.mkv").read_bytes()
         cases = [(1, "no.ts", "no.ts made.mp4"), (1, "no.ts", "-y no.ts new.mkv"), (2, "made.ts", "old.ts made.ts"),
                  (2, "none.ts", "none.ts made.mp4"), (2, "new.mp4", "old.ts new.mp4"),
-                 (2, "same file", "-y new.mp4 ./new.mp4")]
+                 (2, "same file", "-y new.mp4 ./new.mp4"),
+                 (1, "its video is mpeg2video, and only", "other.ts made.mkv"),
+                 (1, "its time stamps go back", "joined.ts made.mp4"), (1, "has no key frame", "part.ts made.mp4"),
+                 (1, "memory ran out", "lies.mp4 made.mkv"), (1, "no time stamps", "raw.h264 made.mp4")]
         for code, wrong, words in cases:
             with self.subTest(words):
                 refused = self.client("remux", *words.split())

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -159,14 +160,19 @@ private:
             places_.push_back(add_stream(*input_->streams[i]));
         if (context->nb_streams == 0)
             throw std::runtime_error("it contains neither H.264 nor AAC");
+        last_dts_.assign(context->nb_streams, INT64_MIN);
     }
 
     /** Index of the stream in the output, -1 = left out. */
     int add_stream(const AVStream& from)
     {
         if (from.codecpar->codec_id != AV_CODEC_ID_H264 &&
-            from.codecpar->codec_id != AV_CODEC_ID_AAC)
+            from.codecpar->codec_id != AV_CODEC_ID_AAC) {
+            refuse_to_lose(from);
             return -1;
+        }
+        if (from.codecpar->codec_id == AV_CODEC_ID_H264 && from.codecpar->width == 0)
+            throw std::runtime_error("its pictures have no size: it has no key frame");
         AVStream* const to = avformat_new_stream(output_.get(), nullptr);
         if (!to)
             throw std::bad_alloc();
@@ -180,6 +186,16 @@ private:
         if (from.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && starts_late())
             begin_us_ = av_rescale_q(from.start_time, from.time_base, AV_TIME_BASE_Q);
         return to->index;
+    }
+
+    /** A movie without its pictures or its sound is no copy; other streams are left out. */
+    static void refuse_to_lose(const AVStream& from)
+    {
+        const AVMediaType kind = from.codecpar->codec_type;
+        if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO)
+            throw std::runtime_error(std::string("its ") + av_get_media_type_string(kind) + " is " +
+                                     avcodec_get_name(from.codecpar->codec_id) +
+                                     ", and only H.264 and AAC are copied");
     }
 
     /** Whether times begin at any value, as in a transport stream. */
@@ -215,9 +231,22 @@ private:
         packet.stream_index = places_[from];
         packet.pos = -1;
         av_packet_rescale_ts(&packet, base, output_->streams[packet.stream_index]->time_base);
+        check_times(packet);
         const int result = av_interleaved_write_frame(output_.get(), &packet);
         output_file_.rethrow();
         checked(result);
+    }
+
+    void check_times(const AVPacket& packet)
+    {
+        int64_t& last = last_dts_[static_cast<size_t>(packet.stream_index)];
+        if (last == INT64_MIN && packet.dts == AV_NOPTS_VALUE && packet.pts == AV_NOPTS_VALUE)
+            throw std::runtime_error("it has no time stamps");
+        if (packet.dts == AV_NOPTS_VALUE)
+            return;
+        if (packet.dts < last)
+            throw std::runtime_error("its time stamps go back, as in several joined files");
+        last = packet.dts;
     }
 
     Sizes write_trailer()
@@ -239,6 +268,8 @@ private:
     ByteOutput output_file_;
     OutputContext output_;
     std::vector<int> places_;
+    /** of each stream of the output */
+    std::vector<int64_t> last_dts_;
     int64_t begin_us_ = 0;
 };
 
