@@ -128,7 +128,7 @@ TEST(ScaledParts, ReachAllThatDiffers)
 struct OneImage : PictureSource {
     explicit OneImage(const BgraImage& shown) : image(shown) {}
     std::optional<BgraImage> grab(const GrabRequest&) override { return image; }
-    const BgraImage image;
+    BgraImage image;
 };
 
 // Catches another region than the requested one, and a change that is lost or misplaced.
@@ -168,6 +168,24 @@ TEST(CroppedSource, ShowsTheRegionAndItsChanges)
         EXPECT_TRUE(std::ranges::equal(image->changed.parts, c.changed, [](auto& a, auto& b) {
             return a.x == b.x && a.y == b.y && a.size == b.size;
         }));
+    }
+}
+
+// Catches a recording that ends, with its sound, when the screen becomes too small for its region.
+TEST(CroppedSource, IsBlackWhileItLiesOutside)
+{
+    const std::vector<uint32_t> pixels(20 * 10, 0xFFFFFFFF);
+    auto whole = std::make_unique<OneImage>(
+        BgraImage{reinterpret_cast<const uint8_t*>(pixels.data()), 80, {20, 10}, 7});
+    BgraImage& screen = whole->image;
+    CroppedSource source(std::move(whole), {12, 2, {8, 6}});
+    for (const PictureSize size : {PictureSize{20, 10}, {10, 10}, {20, 10}}) {
+        screen.size = size;
+        const auto image = source.grab({});
+        ASSERT_TRUE(image);
+        EXPECT_EQ(image->size, (PictureSize{8, 6}));
+        EXPECT_EQ(image->serial == 7, size.width == 20);
+        EXPECT_EQ(image->pixels[0], size.width == 20 ? 255 : 0);
     }
 }
 

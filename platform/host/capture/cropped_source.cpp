@@ -14,7 +14,7 @@ std::optional<BgraImage> CroppedSource::grab(const GrabRequest& request)
     const auto inside = common::overlap(region_, {0, 0, image->size});
     if (!inside) {
         note_outside(image->size);
-        return std::nullopt;
+        return nothing_there();
     }
     if (*inside != region_)
         note_clipped(*inside);
@@ -33,6 +33,19 @@ std::optional<BgraImage> CroppedSource::grab(const GrabRequest& request)
     const bool same_place = std::exchange(shown_, *inside) == *inside;
     image->changed = {same_place ? image->changed.since : 0, changed_.parts()};
     return image;
+}
+
+std::optional<BgraImage> CroppedSource::nothing_there()
+{
+    const PictureSize size = shown_.size;
+    const size_t bytes = size_t{4} * size.width * size.height;
+    if (bytes == 0)
+        return std::nullopt;
+    if (black_.size() != bytes) {
+        black_.assign(bytes, 0);
+        black_serial_ = next_image_serial();
+    }
+    return BgraImage{black_.data(), 4 * size.width, size, black_serial_};
 }
 
 void CroppedSource::note_outside(PictureSize image)

@@ -5,6 +5,7 @@
 
 #include <common/screen_part.h>
 #include <memory>
+#include <vector>
 
 namespace zu3host {
 
@@ -19,11 +20,15 @@ public:
     {
     }
 
-    /** Nullopt, with a line in the log once, if the region lies outside of the image. */
+    /**
+     * With a line in the log once, black while the region lies outside of the image: a recording's
+     * time and sound go on. Nullopt if it was never inside.
+     */
     std::optional<BgraImage> grab(const GrabRequest& request) override;
     bool awaits_changes() const override { return whole_->awaits_changes(); }
 
 private:
+    std::optional<BgraImage> nothing_there();
     void note_outside(PictureSize image);
     void note_clipped(const common::ScreenRegion& inside);
 
@@ -32,6 +37,8 @@ private:
     PartList changed_;
     // of the last image, within the other source's
     common::ScreenRegion shown_{};
+    std::vector<uint8_t> black_;
+    uint64_t black_serial_ = 0;
     bool told_of_outside_ = false;
     bool told_of_clipped_ = false;
 };
