@@ -160,6 +160,10 @@ class SoundServerChanges(ShortEndToEndTest):
         self.wait_for_sound(True, "sound of a server that came later")
         server.process.send_signal(signal.SIGSTOP)
         self.wait_for_sound(False, "silence of a server that hangs")
+        late = self.client("pcm", "-o", "late.wav")
+        for recording, said in (self.raw, "The sound server went away (no"), (late, "No sound server answers (no"):
+            wait_until(lambda pcm=recording, word=said: word in pcm.errors(), said)
+        self.assert_stops(late)
         server.process.send_signal(signal.SIGCONT)
         self.wait_for_sound(True, "sound of a server that goes on")
         server.kill()
@@ -296,6 +300,15 @@ class SoundServers(ShortEndToEndTest):
         self.assertEqual(len(pipe.read_bytes()), 4 * 48000)
         self.assert_exit(late, 0)
         self.assertEqual(late.errors(), "")
+
+    def test_output_sleeps(self):
+        # Catches a server that counts as hung because its output sleeps.
+        self.start_sound()
+        recording = self.client("pcm", "-t", "5", "-o", "sleeps.wav")
+        wait_until(lambda: size_of(self.path("sleeps.wav")) > 4 * RATE, "the first second")
+        self.run_program("pactl", "suspend-sink", "test", "1")
+        self.assert_exit(recording, 0)
+        self.assertEqual(recording.errors(), "")
 
     def test_server_dies(self):
         server = self.start_sound()

@@ -172,6 +172,13 @@ void PulseConnection::ask_for_timing()
         ask_again_in(ask_later_us);
 }
 
+void PulseConnection::ask()
+{
+    // null while it is not connected
+    if (pa_operation* const asked = pa_context_get_server_info(context_, nullptr, nullptr))
+        pa_operation_unref(asked);
+}
+
 void PulseConnection::ask_again_in(pa_usec_t us)
 {
     const pa_usec_t then = pa_rtclock_now() + us;

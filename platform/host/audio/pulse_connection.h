@@ -27,6 +27,8 @@ public:
      * Why, in the server's words, which live as long as the process; null while it has not failed.
      */
     const char* failure() const { return failure_; }
+    /** Has the server send an answer, if it is connected. */
+    void ask();
 
 private:
     static void context_changed(pa_context* context, void* self);

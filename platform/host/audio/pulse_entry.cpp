@@ -29,6 +29,11 @@ public:
     }
     void disconnect() override { connection_.reset(); }
     const char* failure() const override { return connection_ ? connection_->failure() : nullptr; }
+    void ask() override
+    {
+        if (connection_)
+            connection_->ask();
+    }
     int prepare(int timeout_us) override { return pa_mainloop_prepare(loop_.get(), timeout_us); }
     int poll() override { return pa_mainloop_poll(loop_.get()); }
     int dispatch() override { return pa_mainloop_dispatch(loop_.get()); }

@@ -55,6 +55,9 @@ public:
      */
     virtual const char* failure() const = 0;
 
+    /** Has a connected server send an answer. */
+    virtual void ask() = 0;
+
     /** The three steps of one iteration, as pa_mainloop_prepare() and so on; negative = broken. */
     virtual int prepare(int timeout_us) = 0;
     virtual int poll() = 0;

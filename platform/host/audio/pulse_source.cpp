@@ -15,6 +15,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 #include <zu3_host/sound_sources.h>
 
 namespace zu3host {
@@ -37,6 +38,11 @@ constexpr int64_t greatest_backlog_us = 2'000'000;
 constexpr int64_t retry_us = 3'000'000;
 /** After a loss a server may be back at once, e.g. with another output. */
 constexpr int64_t first_retry_us = 250'000;
+
+/** A server that is quiet for this long is asked for an answer: a sleeping source sends nothing. */
+constexpr int64_t ask_us = 1'000'000;
+/** A server that is quiet for this long hangs; libpulse waits for an answer for 30 s. */
+constexpr int64_t hang_us = 3'000'000;
 
 constexpr char listening[] = "Listening to the sound server";
 
@@ -102,6 +108,7 @@ private:
     bool pass(int64_t us);
     bool iterate(int timeout_us);
     void note_look(int64_t begin_us, int events);
+    void look_for_hang();
     void set_live(bool live);
     void report(const char* failure);
 
@@ -118,6 +125,10 @@ private:
     bool was_connected_ = false;
     bool reported_ = false;
     bool absent_ = false;
+    bool hangs_ = false;
+    bool asked_ = false;
+    // waited for the server since its last message
+    int64_t quiet_us_ = 0;
     const std::unique_ptr<PulseLoop> loop_;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
@@ -143,9 +154,13 @@ bool PulseSource::listen()
         ~Disconnect() { loop.disconnect(); }
     } const at_the_end{*loop_};
     loop_->connect(*this, wanted_);
+    hangs_ = false;
+    quiet_us_ = 0;
     bool usable = true;
-    while (usable && !stopping() && !loop_->failure())
+    while (usable && !stopping() && !loop_->failure()) {
         usable = iterate(look_us);
+        look_for_hang();
+    }
     set_live(false);
     if (loop_->failure() && !stopping())
         report(loop_->failure());
@@ -186,11 +201,28 @@ void PulseSource::note_look(int64_t begin_us, int events)
 {
     constexpr int64_t at_once_us = 1000;
     const int64_t end_us = common::monotonic_us();
+    // a longer wait is one of a stopped process
+    quiet_us_ = events == 0 ? quiet_us_ + std::min(end_us - begin_us, look_us) : 0;
     const std::lock_guard lock(shared_.mutex);
     if (events == 0)
         nothing_came_until_us_ = end_us;
     else if (end_us - begin_us > at_once_us)
         nothing_came_until_us_ = begin_us;
+}
+
+/** A hung server keeps its connection. */
+void PulseSource::look_for_hang()
+{
+    if (!std::exchange(asked_, quiet_us_ >= ask_us) && asked_)
+        loop_->ask();
+    const bool hangs = quiet_us_ >= hang_us;
+    if (hangs && !hangs_)
+        report("no answer for 3 s");
+    if (hangs_ && !hangs) {
+        HOST_LOGI("The sound server answers again.");
+        reported_ = false;
+    }
+    hangs_ = hangs;
 }
 
 void PulseSource::set_live(bool live)

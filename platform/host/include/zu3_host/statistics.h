@@ -49,7 +49,7 @@ typedef struct {
     uint64_t audio_bytes_lost;
     /** 1 = a captured display went away */
     uint32_t display_lost;
-    /** 1 = a captured sound server went away */
+    /** 1 = a captured sound server went away, or hung for 3 s */
     uint32_t sound_lost;
     /** AAC frames multiplexed */
     uint64_t audio_frames_encoded;
