@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <memory>
 
 #include "commands/commands.h"
 #include "files/byte_sink.h"
@@ -21,6 +22,15 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
     const std::string extension = path.extension();
     path.replace_extension();
     return path.string() + format_text("-%03u", number) + extension;
+}
+
+/** A display that hangs holds the library for 5 s, longer than a stop may wait. */
+void capture(const std::shared_ptr<StillPictures>& pictures, StopSignals& signals)
+{
+    AttendedWork capturing([pictures] { pictures->capture(); });
+    if (!capturing.wait(signals, std::chrono::milliseconds(500)))
+        throw Failure("cannot take a screenshot: stopped before the display answered");
+    capturing.finish();
 }
 
 /**
@@ -69,16 +79,16 @@ ExitCode run(const ShotOptions& options, CommandContext& context)
     if (options.verbose)
         print_message(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
 
-    StillPictures pictures(size, options.format, options.osd);
+    const auto pictures = std::make_shared<StillPictures>(size, options.format, options.osd);
     const TimePoint start = Clock::now();
     for (uint32_t number = 1; number <= options.count; ++number) {
         if (context.signals.wait_until(start + options.interval * (number - 1)))
             return number > 1 ? ExitCode::ended_early : ExitCode::failed;
         const std::string path = shot_path(options, number);
         try {
-            pictures.capture();
-            save(ending_of(path) == "raw" ? pictures.raw_bytes()
-                                          : encode_png(size, pictures.bgr_bytes()),
+            capture(pictures, context.signals);
+            save(ending_of(path) == "raw" ? pictures->raw_bytes()
+                                          : encode_png(size, pictures->bgr_bytes()),
                  path, options.overwrite, context);
         } catch (const Failure& failure) {
             if (number > 1) // the earlier files are usable

@@ -333,8 +333,13 @@ class SessionFails(UnmeasuredEndToEndTest):
     def test_hangs(self):
         # Catches a hung compositor mistaken for a still or removed output, and a stop that waits for it.
         self.record()
+        shots = self.client("shot", "-n", "999", "--interval", "50", "-o", "shots.png")
+        wait_until(lambda: self.path("shots-002.png").exists(), "two pictures")
         self.session.process.send_signal(signal.SIGSTOP)
         wait_until(lambda: self.status()["display_answers"] is False, "word of it")
+        wait_until(lambda: "does not answer" in shots.errors(), "word of it")
+        self.assert_stops(shots, 3, seconds=2 * SOON)
+        self.assertIn("stopped before the display answered", shots.errors())
         before = self.status()["frames"]
         self.session.process.send_signal(signal.SIGCONT)
         wait_until(lambda: self.status()["display_answers"] and self.status()["frames"] > before, "further pictures")
