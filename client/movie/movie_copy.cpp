@@ -156,7 +156,9 @@ MovieCopy MovieCopy::into_container(int from, const std::string& to, bool overwr
         finisher_name, files,
         [from, &to, overwrite, container](const AttendedProcess::GoOn& go_on) {
             write_whole_file(from, to, overwrite, container, go_on);
+            return std::string();
         });
+    copy.work_->begin();
     return copy;
 }
 
@@ -168,7 +170,9 @@ MovieCopy MovieCopy::with_index_in_front(const OutputFile& file, const std::stri
     copy.work_ = std::make_unique<AttendedProcess>(
         finisher_name, files, [original = file.fd(), &path](const AttendedProcess::GoOn& go_on) {
             rewrite(original, path, go_on);
+            return std::string();
         });
+    copy.work_->begin();
     return copy;
 }
 

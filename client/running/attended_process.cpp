@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -40,39 +41,39 @@ void keep_only(std::vector<int> files)
     close_range(from, UINT_MAX, 0);
 }
 
-/** "" after success, otherwise the reason. */
-std::string result_of(const std::function<void()>& work)
+constexpr char success = '+', failure = '-';
+constexpr size_t longest_answer = 8192;
+
+/** What the process sends: `success` and the result, or `failure` and the reason. */
+std::string answer_of(const AttendedProcess::Work& work, const AttendedProcess::GoOn& go_on)
 {
     try {
-        work();
-        return {};
+        return success + work(go_on);
     } catch (const std::bad_alloc&) {
-        return "memory ran out";
-    } catch (const std::exception& failure) {
-        const std::string reason = failure.what();
-        return reason.empty() ? "unknown reason" : reason;
+        return failure + std::string("memory ran out");
+    } catch (const std::exception& thrown) {
+        return failure + std::string(thrown.what());
     } catch (...) {
-        return "unknown reason";
+        return failure + std::string("unknown reason");
     }
 }
 
 } // namespace
 
-AttendedProcess::AttendedProcess(const char* name, std::span<const int> files,
-                                 const std::function<void(const GoOn&)>& work)
+AttendedProcess::AttendedProcess(const char* name, std::span<const int> files, const Work& work)
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         throw Failure("cannot continue: " + error_text(errno));
-    result_ = common::Descriptor(ends[0]);
-    const common::Descriptor answer(ends[1]);
+    socket_ = common::Descriptor(ends[0]);
+    const common::Descriptor theirs(ends[1]);
     void* const memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         throw Failure("cannot continue: " + error_text(errno));
     shared_ = new (memory) Shared;
     std::vector<int> kept(files.begin(), files.end());
-    kept.push_back(answer.get());
+    kept.push_back(theirs.get());
     const pid_t parent = getpid();
     const common::SignalsBlocked guard;
     process_ = fork();
@@ -85,21 +86,27 @@ AttendedProcess::AttendedProcess(const char* name, std::span<const int> files,
         return;
     prctl(PR_SET_NAME, name);
     keep_only(std::move(kept));
-    const std::string result = result_of([&] {
-        work([this, parent](double part) {
-            shared_->part = part;
-            return !shared_->cancelled && getppid() == parent;
-        });
-    });
-    // At most PIPE_BUF, so it arrives as a whole.
-    const std::string line = "\n" + result.substr(0, PIPE_BUF - 1);
-    [[maybe_unused]] const ssize_t written = write(answer.get(), line.data(), line.size());
+    run(work, theirs.get(), parent);
+}
+
+void AttendedProcess::run(const Work& work, int socket, pid_t parent)
+{
+    const GoOn go_on = [this, parent](double part) {
+        shared_->part = part;
+        return !shared_->cancelled && getppid() == parent;
+    };
+    char order = 0;
+    while (read(socket, &order, sizeof order) > 0) {
+        const std::string answer = answer_of(work, go_on);
+        send(socket, answer.data(), std::min(answer.size(), longest_answer), MSG_NOSIGNAL);
+    }
     _exit(0);
 }
 
 AttendedProcess::~AttendedProcess()
 {
     cancel();
+    socket_ = {};
     munmap(shared_, sizeof(Shared));
     waitpid(process_, nullptr, WNOHANG);
 }
@@ -110,17 +117,27 @@ bool AttendedProcess::through() const
     return poll(&result, 1, 0) > 0;
 }
 
-void AttendedProcess::finish()
+void AttendedProcess::begin()
 {
-    std::array<char, PIPE_BUF> line;
+    shared_->part = 0;
+    constexpr char order = 0;
+    if (send(fd(), &order, sizeof order, MSG_NOSIGNAL | MSG_DONTWAIT) < 0)
+        throw Failure("its process was killed");
+}
+
+std::string AttendedProcess::finish()
+{
+    std::array<char, longest_answer> answer;
     ssize_t got = -1;
     do
-        got = read(fd(), line.data(), line.size());
+        got = recv(fd(), answer.data(), answer.size(), 0);
     while (got < 0 && errno == EINTR);
     if (got <= 0)
         throw Failure("its process was killed");
-    if (got > 1)
-        throw Failure(std::string(line.data() + 1, static_cast<size_t>(got) - 1));
+    const std::string text(answer.data() + 1, static_cast<size_t>(got) - 1);
+    if (answer[0] == failure)
+        throw Failure(text);
+    return text;
 }
 
 } // namespace client
