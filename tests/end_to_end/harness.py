@@ -3,6 +3,7 @@
 import contextlib
 import ctypes
 import fcntl
+import functools
 import os
 import pathlib
 import shutil
@@ -165,6 +166,22 @@ class EndToEndTest(unittest.TestCase):
     def assert_stops(self, running, code=0, number=signal.SIGTERM, seconds=PATIENCE):
         running.process.send_signal(number)
         self.assert_exit(running, code, seconds)
+
+    def frozen_disk(self, freeze=True):
+        """A folder on a disk that stands still, or can be made to, and the call that lets it move."""
+        disk = pathlib.Path(tempfile.mkdtemp(dir=self.folder, prefix="disk."))
+        image = disk.with_name(f"{disk.name}.image")
+        image.write_bytes(bytes(8 << 20))
+        for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk],
+                        *[["fsfreeze", "--freeze", disk]] * freeze):
+            if subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode != 0:
+                self.skipTest(f"{command[0]} is not allowed here")
+            if command[0] == "mount":
+                self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
+        thaw = functools.partial(subprocess.run, ["fsfreeze", "--unfreeze", disk], check=False,
+                                 stderr=subprocess.DEVNULL)
+        self.addCleanup(thaw)
+        return disk, thaw
 
     @classmethod
     def start_display(cls, size="1280x720", *options):

@@ -1,7 +1,6 @@
 """Recordings into MP4 and Matroska files and to standard output by the client's record command."""
 
 import contextlib
-import functools
 import json
 import math
 import os
@@ -11,7 +10,6 @@ import re
 import signal
 import statistics
 import subprocess
-import tempfile
 
 import held_up_test
 import judges
@@ -452,22 +450,6 @@ class Finishing(UnmeasuredEndToEndTest):
         parts = [each["finished_part"] for each in told if each["state"] == "finishing"]
         self.assertTrue(parts and 0 <= parts[0] <= 1, told)
         self.assert_stays_in_fragments(recording, path, "it was interrupted")
-
-    def frozen_disk(self, freeze=True):
-        """A folder on a disk that stands still, or can be made to, and the call that lets it move."""
-        disk = pathlib.Path(tempfile.mkdtemp(dir=self.folder, prefix="disk."))
-        image = disk.with_suffix(".image")
-        image.write_bytes(bytes(8 << 20))
-        for command in (["mkfs.ext4", "-q", image], ["mount", "-o", "loop", image, disk],
-                        *[["fsfreeze", "--freeze", disk]] * freeze):
-            if subprocess.run(command, stderr=subprocess.DEVNULL, check=False).returncode != 0:
-                self.skipTest(f"{command[0]} is not allowed here")
-            if command[0] == "mount":
-                self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
-        thaw = functools.partial(subprocess.run, ["fsfreeze", "--unfreeze", disk], check=False,
-                                 stderr=subprocess.DEVNULL)
-        self.addCleanup(thaw)
-        return disk, thaw
 
     def test_remux_to_a_disk_that_stands_still(self):
         # Catches a call to the disk by the client itself: the kernel keeps its process then.
