@@ -12,7 +12,7 @@ BlockMemory::BlockMemory(uint32_t blocks)
 {
     const size_t size = size_t{blocks} * block_bytes;
     void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED)
         throw Failure("cannot keep frames and sound: " + error_text(errno));
     begin_ = static_cast<uint8_t*>(memory);
@@ -27,7 +27,7 @@ BlockMemory::~BlockMemory()
 
 void BlockMemory::give_back(uint32_t number) const
 {
-    madvise(block(number).data(), block_bytes, MADV_DONTNEED);
+    madvise(block(number).data(), block_bytes, MADV_REMOVE);
 }
 
 } // namespace client::movie

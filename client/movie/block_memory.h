@@ -10,7 +10,8 @@ namespace client::movie {
 
 /**
  * Memory in blocks of one size, mapped once. Only blocks that were written and not given back use
- * memory of the system. Each block counts its readers, which can be on other threads.
+ * memory of the system. Each block counts its readers, which can be on other threads. A copy of
+ * this process shares the blocks, and counts for itself.
  */
 class BlockMemory {
 public:

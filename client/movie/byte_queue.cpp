@@ -29,6 +29,14 @@ void copy_out(const BlockMemory& memory, uint64_t at, std::span<uint8_t> bytes, 
 
 } // namespace
 
+SharedBytes::SharedBytes(std::shared_ptr<BlockMemory> memory, std::vector<uint32_t> blocks,
+                         uint64_t begin, uint64_t end)
+    : memory_(std::move(memory)), blocks_(std::move(blocks)), begin_(begin), end_(end)
+{
+    for (const uint32_t number : blocks_)
+        memory_->begin_to_read(number);
+}
+
 SharedBytes::SharedBytes(SharedBytes&& other) noexcept
     : memory_(std::move(other.memory_)), blocks_(std::exchange(other.blocks_, {})),
       dropped_(other.dropped_), begin_(other.begin_), end_(other.end_)
@@ -125,15 +133,10 @@ uint32_t ByteQueue::take_block()
 
 SharedBytes ByteQueue::share() const
 {
-    SharedBytes shared;
-    shared.memory_ = memory_;
-    shared.begin_ = begin_;
-    shared.end_ = end_;
+    std::vector<uint32_t> blocks;
     for (uint64_t block = begin_ / block_bytes; block < blocks_before(end_); ++block)
-        shared.blocks_.push_back(queued_[slot(block * block_bytes)]);
-    for (const uint32_t number : shared.blocks_)
-        memory_->begin_to_read(number);
-    return shared;
+        blocks.push_back(queued_[slot(block * block_bytes)]);
+    return {memory_, std::move(blocks), begin_, end_};
 }
 
 uint64_t ByteQueue::memory_in_use() const

@@ -15,23 +15,24 @@ namespace client::movie {
  */
 class SharedBytes {
 public:
-    SharedBytes() = default;
+    /** @param blocks those from `begin` to `end` */
+    SharedBytes(std::shared_ptr<BlockMemory> memory, std::vector<uint32_t> blocks, uint64_t begin,
+                uint64_t end);
     SharedBytes(SharedBytes&& other) noexcept;
     SharedBytes& operator=(SharedBytes&&) = delete;
     ~SharedBytes();
 
     uint64_t begin() const { return begin_; }
     uint64_t end() const { return end_; }
+    /** The numbers of the blocks from begin() to end(). */
+    const std::vector<uint32_t>& blocks() const { return blocks_; }
     /** Copies bytes; `at` counts from the first byte that was ever put into the queue. */
     void read(uint64_t at, std::span<uint8_t> bytes) const;
     /** Gives back the memory before `at`; bytes there cannot be read any more. */
     void drop_before(uint64_t at);
 
 private:
-    friend class ByteQueue;
-
     std::shared_ptr<BlockMemory> memory_;
-    /** the blocks from `begin_` to `end_` */
     std::vector<uint32_t> blocks_;
     /** of `blocks_`, those given back */
     size_t dropped_ = 0;
@@ -51,6 +52,7 @@ public:
 
     uint64_t begin() const { return begin_; }
     uint64_t end() const { return end_; }
+    const std::shared_ptr<BlockMemory>& memory() const { return memory_; }
     /** Bytes that can be put now. */
     uint64_t room();
     /** Appends bytes, at most room(). */

@@ -63,6 +63,18 @@ bool Snapshot::next(KeptPiece& piece)
     return false;
 }
 
+double Snapshot::part_read() const
+{
+    const auto all = static_cast<double>(bytes_.end() - bytes_.begin());
+    return all > 0 ? static_cast<double>(at_ - bytes_.begin()) / all : 1;
+}
+
+void Snapshot::give_back(double part)
+{
+    const auto all = static_cast<double>(bytes_.end() - bytes_.begin());
+    bytes_.drop_before(bytes_.begin() + static_cast<uint64_t>(part * all));
+}
+
 ReplayBuffer::ReplayBuffer(std::chrono::microseconds last, uint64_t memory_bytes)
     : last_us_(static_cast<uint64_t>(last.count())),
       queue_(static_cast<uint32_t>(memory_bytes / BlockMemory::block_bytes)),

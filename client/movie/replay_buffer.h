@@ -33,9 +33,14 @@ public:
      * at the end.
      */
     bool next(KeptPiece& piece);
+    /** The part that was read, 0 to 1. */
+    double part_read() const;
+    /** Gives back the memory of a part that another process has read. */
+    void give_back(double part);
 
 private:
     friend class ReplayBuffer;
+    friend class SnapshotHandover;
     Snapshot(SharedBytes bytes, uint64_t first_frame);
 
     SharedBytes bytes_;
@@ -69,6 +74,9 @@ public:
     std::chrono::microseconds length() const;
     /** Bytes of memory in use, in whole blocks; also those that a save still reads. */
     uint64_t bytes_in_memory() const { return queue_.memory_in_use(); }
+
+    /** Also of the snapshots. */
+    const std::shared_ptr<BlockMemory>& memory() const { return queue_.memory(); }
 
 private:
     /** A key frame and those that depend on it. */

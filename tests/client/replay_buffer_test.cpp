@@ -1,10 +1,13 @@
 // The frames and sound that a replay keeps in memory.
 #include "movie/replay_buffer.h"
+#include "movie/snapshot_handover.h"
+#include "running/attended_process.h"
 
 #include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
+#include <poll.h>
 #include <random>
 #include <thread>
 #include <unistd.h>
@@ -252,6 +255,44 @@ TEST(ReplayBuffer, LeavesASaveItsMemory)
     const uint64_t end_us = filled->now_us;
     filled.reset();
     expect_playable(read_all(kept), end_us);
+}
+
+/** Reads what is handed over; its result is the number of pieces, or 0 if one is not whole. */
+std::string read_elsewhere(const SnapshotHandover& handover)
+{
+    Snapshot snapshot = handover.get();
+    const std::vector<ReadPiece> pieces = read_all(snapshot);
+    const bool whole = std::ranges::all_of(pieces, &ReadPiece::whole);
+    return std::to_string(whole && snapshot.part_read() == 1 ? pieces.size() : 0);
+}
+
+// Catches a process that reads its own old copy of the data, or data that is overwritten meanwhile,
+// and memory that stays in use although the process has read it.
+TEST(ReplayBuffer, IsFilledWhileAnotherProcessReads)
+{
+    Filled filled(5s, 4 * mib);
+    SnapshotHandover handover(filled.buffer);
+    AttendedProcess reader("reader", {}, [&handover](const AttendedProcess::GoOn&) {
+        return read_elsewhere(handover);
+    });
+    for (int n = 0; n < 3; ++n) {
+        filled.pass(20, 12'000);
+        const uint64_t flat = filled.buffer.bytes_in_memory();
+        Snapshot kept = filled.buffer.snapshot();
+        Snapshot same = filled.buffer.snapshot();
+        handover.put(kept);
+        filled.pass(20, 12'000);
+        reader.begin();
+        pollfd done{reader.fd(), POLLIN, 0};
+        ASSERT_EQ(poll(&done, 1, 60'000), 1);
+        EXPECT_EQ(reader.finish(), std::to_string(read_all(same).size()));
+        kept.give_back(0.5);
+        filled.pass(1, 12'000);
+        EXPECT_LT(filled.buffer.bytes_in_memory(), flat * 7 / 4);
+        kept.give_back(1);
+        filled.pass(1, 12'000);
+        EXPECT_LE(filled.buffer.bytes_in_memory(), flat + 2 * BlockMemory::block_bytes);
+    }
 }
 
 // Catches frames before the first key frame, which no player shows, and sound that piles up.
