@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -27,8 +28,14 @@ using namespace movie;
 
 using std::chrono::milliseconds;
 
-/** Longest wait at the end for a file that is being written. */
-constexpr std::chrono::seconds patience_of_a_stop(10);
+/**
+ * Longest waits at the end for a file that is being written. A stop must end the program within
+ * three seconds even if the disk stands still; one that is slow gets more time.
+ */
+constexpr milliseconds patience_with_a_standstill(2000);
+constexpr std::chrono::seconds patience_with_a_slow_disk(10);
+/** The same for the last notification. */
+constexpr milliseconds patience_with_a_notice(500);
 
 /** The highest bit rate of the encoder, in bits per second. */
 uint32_t ceiling_of(const ReplayOptions& options, Size size)
@@ -107,9 +114,9 @@ public:
           size_(size_to_capture(attended_display_to_capture(context.signals), options.size)),
           most_bytes_(checked_memory(options, size_)), report_(options.json, options.status_file),
           kept_(std::chrono::duration_cast<std::chrono::microseconds>(options.last), most_bytes_),
-          control_(options.control), keys_(report_.on_terminal() && !options.control)
+          save_(kept_, format(), folder_), control_(options.control),
+          keys_(report_.on_terminal() && !options.control)
     {
-        movie_module(); // a missing module fails here, not at the first save
         if (options.time)
             end_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(*options.time);
     }
@@ -124,9 +131,10 @@ public:
                 "screen, %ux%u at %u fps, H.264, %s, at most %.1f MB", size_.width, size_.height,
                 options_.fps, stream_->aim().c_str(), static_cast<double>(most_bytes_) / 1e6));
         keep_until_the_end();
+        const TimePoint end = Clock::now();
         stream_.reset();
         sound_.reset();
-        const bool saved = finish_save();
+        const bool saved = finish_save(end);
         report_.finish(measure(), !problem_);
         if (problem_)
             print_message(*problem_);
@@ -171,8 +179,9 @@ private:
              }},
             {keys_.fd(), [this] { keys_.read_keys([this](char key) { obey_key(key); }); }},
             {socket_.fd(), [this] { serve_peers(); }},
-            {save_ ? save_->work().fd() : -1}};
+            {save_.fd()}};
         wait_for(awaited, next_check_beside_frames(event_));
+        save_.give_back();
         conclude_save();
         check_end();
         if (report_.due())
@@ -252,15 +261,15 @@ private:
     /** Starts a save; returns the reason if it cannot, or "". */
     std::string begin_save()
     {
-        if (save_)
+        if (save_.busy())
             return "the previous file is still being written";
         try {
             Snapshot snapshot = kept_.snapshot();
             if (snapshot.empty())
                 return "there is no picture yet";
-            save_.emplace(std::move(snapshot), format(), folder_);
+            save_.begin(std::move(snapshot));
             return "";
-        } catch (const std::exception& failure) { // without a descriptor, a thread or memory
+        } catch (const std::exception& failure) { // without memory or the process
             return failure.what();
         }
     }
@@ -278,17 +287,17 @@ private:
     /** False if a file could not be saved. */
     bool conclude_save()
     {
-        if (!save_ || !save_->work().through())
+        if (!save_.through())
             return true;
         bool saved = true;
         std::string answer;
         try {
-            const std::string path = save_->finish();
+            const ReplaySave::File file = save_.finish();
+            saved_bytes_ += file.bytes;
+            context_.output.print_path(file.path);
             std::error_code error;
-            saved_bytes_ += std::filesystem::file_size(path, error);
-            context_.output.print_path(path);
-            answer = "ok: " + std::filesystem::absolute(path, error).string();
-            tell("Saved", path);
+            answer = "ok: " + std::filesystem::absolute(file.path, error).string();
+            tell("Saved", file.path);
         } catch (const std::exception& failure) {
             saved = false;
             answer = std::string("error: cannot save into ") + (folder_.empty() ? "." : folder_) +
@@ -296,10 +305,14 @@ private:
             print_message(answer.substr(std::string("error: ").size()));
             tell("Not saved", failure.what());
         }
-        save_.reset();
+        answer_waiting_peer(answer);
+        return saved;
+    }
+
+    void answer_waiting_peer(const std::string& answer)
+    {
         if (waiting_peer_)
             socket_.answer(*std::exchange(waiting_peer_, std::nullopt), answer);
-        return saved;
     }
 
     void tell(const char* title, const std::string& text)
@@ -314,15 +327,37 @@ private:
     }
 
     /** False if the file that was being written is not saved. */
-    bool finish_save()
+    bool finish_save(TimePoint end)
     {
-        const bool through = !save_ || save_->work().wait(context_.signals, patience_of_a_stop);
-        if (!through)
-            print_message("the last file is not saved: its disk does not respond");
-        const bool saved = conclude_save() && through;
-        if (notice_)
-            notice_->wait(context_.signals, std::chrono::seconds(1));
+        await_save(end);
+        bool saved = conclude_save();
+        if (save_.busy()) {
+            save_.cancel();
+            const std::string problem = "the last file is not saved: its disk does not respond";
+            print_message(problem);
+            answer_waiting_peer("error: " + problem);
+            saved = false;
+        }
+        if (notice_) {
+            const Awaited shown[] = {{notice_->fd()}};
+            wait_for(shown, Clock::now() + patience_with_a_notice);
+        }
         return saved;
+    }
+
+    void await_save(TimePoint end)
+    {
+        double part = save_.part();
+        TimePoint standstill = end;
+        while (save_.busy() && !save_.through() &&
+               Clock::now() < std::min(end + patience_with_a_slow_disk,
+                                       standstill + patience_with_a_standstill)) {
+            const Awaited written[] = {{save_.fd()}};
+            wait_for(written, Clock::now() + milliseconds(100));
+            const double now = save_.part();
+            if (std::exchange(part, now) != now)
+                standstill = Clock::now();
+        }
     }
 
     const ReplayOptions& options_;
@@ -332,12 +367,12 @@ private:
     const uint64_t most_bytes_;
     StatusReport report_;
     ReplayBuffer kept_;
+    ReplaySave save_;
     ControlInput control_;
     TerminalKeys keys_;
     ControlSocket socket_{options_.verbose};
     std::optional<TimedSound> sound_;
     std::optional<EncodedStream> stream_;
-    std::optional<ReplaySave> save_;
     std::optional<AttendedWork> notice_;
     /** requested the save that is being written */
     std::optional<ControlSocket::Ticket> waiting_peer_;

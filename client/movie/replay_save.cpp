@@ -1,10 +1,13 @@
 #include "movie/replay_save.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <span>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "files/output_file.h"
 #include "movie/timeline.h"
@@ -27,7 +30,7 @@ public:
     {
         if (fd_)
             return;
-        static std::atomic<unsigned> number{0};
+        static unsigned number = 0;
         hidden_ = format_text(".screenrecord-%d-%u.part", getpid(), number++);
         fd_ = common::Descriptor(openat(folder, hidden_.c_str(),
                                         O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, 0600));
@@ -103,11 +106,14 @@ public:
     {
     }
 
-    void write(Snapshot& snapshot)
+    /** @param show called with the finished part, 0 to 1 */
+    void write(Snapshot& snapshot, const std::function<void(double)>& show)
     {
         KeptPiece piece;
-        while (snapshot.next(piece))
+        while (snapshot.next(piece)) {
             put(piece);
+            show(snapshot.part_read());
+        }
         frames_.flush();
         if (format_.sound) {
             pass_on_sound();
@@ -145,8 +151,39 @@ private:
     SoundLine sound_;
 };
 
-/** Returns the name of the file. */
-std::string save(Snapshot& snapshot, const MovieFormat& format, const std::string& folder)
+using GoOn = AttendedProcess::GoOn;
+
+/** The finished part of a save after each step. */
+constexpr double read_end = 0.5, copied_end = 0.75;
+
+void check_goes_on(const GoOn& go_on, double part)
+{
+    if (!go_on(part))
+        throw Failure("it was interrupted");
+}
+
+/** Waits until the disk has the file, in pieces that show that the disk moves. */
+void synchronize(int fd, const GoOn& go_on)
+{
+    constexpr off_t piece = 4 << 20;
+    struct stat file = {};
+    if (fstat(fd, &file) != 0)
+        fail_to_save(errno);
+    for (off_t at = 0; at < file.st_size; at += piece) {
+        check_goes_on(go_on, copied_end + (1 - copied_end) * static_cast<double>(at) /
+                                              static_cast<double>(file.st_size));
+        if (sync_file_range(fd, at, piece,
+                            SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                SYNC_FILE_RANGE_WAIT_AFTER) != 0)
+            fail_to_save(errno);
+    }
+    if (fsync(fd) != 0)
+        fail_to_save(errno);
+}
+
+/** Returns the size and the path of the file, with a space between. */
+std::string save(Snapshot snapshot, const MovieFormat& format, const std::string& folder,
+                 const GoOn& go_on)
 {
     const common::Descriptor place(
         open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -154,33 +191,58 @@ std::string save(Snapshot& snapshot, const MovieFormat& format, const std::strin
         fail_to_save(errno);
     const NamelessFile fragments(place.get());
     NamelessFile whole(place.get());
-    Joined(format, fragments.fd()).write(snapshot);
+    Joined(format, fragments.fd()).write(snapshot, [&go_on](double part) {
+        check_goes_on(go_on, part * read_end);
+    });
     movie_module().copy({.from = fragments.fd(),
                          .to = whole.fd(),
                          .container = Container::mp4,
                          .own = true,
-                         .go_on = [](double) { return true; }});
-    if (fsync(whole.fd()) != 0)
-        fail_to_save(errno);
-    return whole.appear(dated_name());
+                         .go_on = [&go_on](double part) {
+                             return go_on(read_end + part * (copied_end - read_end));
+                         }});
+    synchronize(whole.fd(), go_on);
+    struct stat file = {};
+    fstat(whole.fd(), &file);
+    check_goes_on(go_on, 1);
+    return std::to_string(file.st_size) + " " + (folder.empty() ? "" : folder + "/") +
+           whole.appear(dated_name());
 }
 
 } // namespace
 
-ReplaySave::ReplaySave(Snapshot snapshot, const MovieFormat& format, const std::string& folder)
+ReplaySave::ReplaySave(const ReplayBuffer& buffer, const MovieFormat& format,
+                       const std::string& folder)
+    : handover_(buffer)
 {
-    // Runs below the recorder's priority, since a save is not urgent.
-    work_ = std::make_unique<AttendedWork>(
-        [kept = std::make_shared<Snapshot>(std::move(snapshot)), format, folder, path = path_] {
-            setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
-            *path = (folder.empty() ? "" : folder + "/") + save(*kept, format, folder);
+    movie_module(); // a missing module fails here, not at the first save
+    process_ = std::make_unique<AttendedProcess>(
+        "replay saver", std::span<const int>(), [this, &format, &folder](const GoOn& go_on) {
+            // A save is not urgent.
+            setpriority(PRIO_PROCESS, 0, 10);
+            return save(handover_.get(), format, folder, go_on);
         });
 }
 
-std::string ReplaySave::finish()
+void ReplaySave::begin(Snapshot snapshot)
 {
-    work_->finish();
-    return *path_;
+    handover_.put(snapshot);
+    process_->begin();
+    snapshot_.emplace(std::move(snapshot));
+}
+
+void ReplaySave::give_back()
+{
+    if (snapshot_)
+        snapshot_->give_back(std::min(part() / read_end, 1.0));
+}
+
+ReplaySave::File ReplaySave::finish()
+{
+    snapshot_.reset();
+    const std::string text = process_->finish();
+    const size_t space = text.find(' ');
+    return {.path = text.substr(space + 1), .bytes = std::stoull(text.substr(0, space))};
 }
 
 } // namespace client::movie

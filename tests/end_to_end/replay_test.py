@@ -6,6 +6,7 @@ import errno
 import fcntl
 import json
 import os
+import pathlib
 import platform
 import pty
 import resource
@@ -15,6 +16,7 @@ import struct
 import subprocess
 import termios
 
+import held_up_test
 import judges
 from harness import PATIENCE, LongEndToEndTest, ShortEndToEndTest, pass_time, wait_until
 
@@ -153,16 +155,56 @@ class Replay(ShortEndToEndTest):
         self.assert_stops(replay)
 
     def test_save_without_a_descriptor(self):
-        # Catches a save that cannot begin and ends the replay, with all that it keeps.
+        # Catches a save that needs what a busy recorder may lack.
         replay = self.replay("few")
         most = resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE)
         resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE, (3, most[1]))
         replay.process.send_signal(signal.SIGUSR1)
-        wait_until(lambda: "cannot save now: " in replay.errors() or replay.process.poll() is not None, "a refusal")
-        self.assertIn("Too many open files", replay.errors())
+        self.wait_for_files("few", 1)
         resource.prlimit(replay.process.pid, resource.RLIMIT_NOFILE, most)
-        self.run_program("screenrecord", "control", "save")
         self.assert_stops(replay)
+
+    def test_killed_saver(self):
+        # Catches a save that cannot begin, or fails, and ends the replay or waits for ever.
+        replay = self.replay("killed")
+        saver = held_up_test.Disk.writer(self, replay, "replay saver")
+        os.kill(saver, signal.SIGSTOP)
+
+        def says(sentence):
+            replay.process.send_signal(signal.SIGUSR1)
+            return f"screenrecord: {sentence}\n" in replay.errors()
+
+        wait_until(lambda: says("cannot save now: the previous file is still being written"), "a save under way")
+        os.kill(saver, signal.SIGKILL)
+        wait_until(lambda: says("cannot save into killed: its process was killed"), "the failure")
+        refused = self.client("control", "save")
+        self.assert_exit(refused, 1)
+        self.assertIn("the recorder refused: its process was killed\n", refused.errors())
+        self.assert_stops(replay)
+
+    def test_disk_that_stands_still(self):
+        # Catches a save by the recorder itself, whose process the kernel keeps then, a file that it leaves behind, and
+        # a command without an answer.
+        ends = {"stop": lambda replay: self.run_program("screenrecord", "control", "stop"),
+                "terminate": lambda replay: replay.process.terminate(), "kill": lambda replay: replay.process.kill()}
+        for name, end in ends.items():
+            with self.subTest(name):
+                disk, thaw = self.frozen_disk(freeze=False)
+                replay = self.replay(disk)
+                subprocess.run(["fsfreeze", "--freeze", disk], check=True)
+                saver = held_up_test.Disk.writer(self, replay, "replay saver")
+                asked = self.client("control", "save")
+                wait_until(lambda: " D " in pathlib.Path(f"/proc/{saver}/stat").read_text("ascii"), "the save")
+                end(replay)
+                self.assert_exit(replay, -signal.SIGKILL if name == "kill" else 1, held_up_test.STOP)
+                self.assert_exit(asked, 1)
+                if name != "kill":
+                    sentence = "the last file is not saved: its disk does not respond\n"
+                    self.assertIn(f"screenrecord: {sentence}", replay.errors())
+                    self.assertEqual(f"screenrecord: the recorder refused: {sentence}", asked.errors())
+                thaw()
+                wait_until(lambda: not list(pathlib.Path(f"/proc/{saver}/fd").glob("*")), "the end of the process")
+                self.assertEqual(os.listdir(disk), ["lost+found"])
 
     def assert_loses_its_last_file(self):
         """Catches a success told of a file that was still being written at the end and is not there."""
