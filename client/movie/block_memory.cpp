@@ -30,4 +30,9 @@ void BlockMemory::give_back(uint32_t number) const
     madvise(block(number).data(), block_bytes, MADV_REMOVE);
 }
 
+void BlockMemory::let_go() const
+{
+    madvise(begin_, size_t{blocks_} * block_bytes, MADV_DONTNEED);
+}
+
 } // namespace client::movie

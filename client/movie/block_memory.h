@@ -30,6 +30,10 @@ public:
     }
     /** Returns the memory of a block, whose content is lost, to the system. */
     void give_back(uint32_t number) const;
+    /**
+     * No block counts as memory of this process any more until it is used again. Its content stays.
+     */
+    void let_go() const;
 
     void begin_to_read(uint32_t number)
     {

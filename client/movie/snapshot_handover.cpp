@@ -45,10 +45,11 @@ void SnapshotHandover::put(const Snapshot& snapshot)
 
 Snapshot SnapshotHandover::get() const
 {
+    const std::shared_ptr<BlockMemory> used(
+        memory_.get(), [owner = memory_](const BlockMemory* memory) { memory->let_go(); });
     const uint32_t* const numbers = shared_->numbers();
-    return {
-        SharedBytes(memory_, {numbers, numbers + shared_->blocks}, shared_->begin, shared_->end),
-        shared_->first_frame};
+    return {SharedBytes(used, {numbers, numbers + shared_->blocks}, shared_->begin, shared_->end),
+            shared_->first_frame};
 }
 
 } // namespace client::movie

@@ -17,7 +17,7 @@ public:
 
     /** Keep the snapshot until the other process has read it. */
     void put(const Snapshot& snapshot);
-    /** The snapshot that was put last, in the other process. */
+    /** The snapshot that was put last, for the other process, which lets go of it at its end. */
     Snapshot get() const;
 
 private:

@@ -190,7 +190,7 @@ class Replay(ShortEndToEndTest):
         for name, end in ends.items():
             with self.subTest(name):
                 disk, thaw = self.frozen_disk(freeze=False)
-                replay = self.replay(disk)
+                replay = self.replay(disk, **({} if name == "stop" else {"prepare": refuse_links}))
                 subprocess.run(["fsfreeze", "--freeze", disk], check=True)
                 saver = held_up_test.Disk.writer(self, replay, "replay saver")
                 asked = self.client("control", "save")
