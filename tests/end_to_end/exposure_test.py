@@ -106,6 +106,13 @@ class Names(ShortEndToEndTest):
             self.assertIn(r"\x1b[2J\xc2\x9b5m\xe2\x80\xae", said, words)
         self.assertEqual(evil.output(), f"{self.EVIL}.ts\n")
 
+    def test_empty_variables_are_unset(self):
+        # Catches a warning about a value that nobody gave.
+        empty = {f"ZU3_X264_{name}": "" for name in ("PRESET", "THREADS", "KEYINT")}
+        client = self.client("record", "-s", "64x64", "-t", "0.2", "-o", "c.ts", environment={**TEST_CARD, **empty})
+        self.assert_exit(client, 0)
+        self.assertEqual(client.errors(), "")
+
 
 class Descriptors(ShortEndToEndTest):
     def descriptors(self, client):

@@ -45,7 +45,7 @@ constexpr int smpte_170m = 6;
 const char* preset_from_environment()
 {
     const char* name = secure_getenv("ZU3_X264_PRESET");
-    if (!name)
+    if (!name || !*name)
         return nullptr;
     for (const char* const* known = x264_preset_names; *known; ++known)
         if (std::strcmp(*known, name) == 0)
@@ -75,7 +75,7 @@ void set_for_screens(x264_param_t& parameters)
 std::optional<int> number_from_environment(const char* name, int least, int most)
 {
     const char* text = secure_getenv(name);
-    if (!text)
+    if (!text || !*text)
         return std::nullopt;
     int value = 0;
     const char* end = text + std::strlen(text);
