@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 #include <string_view>
 
 namespace common {
@@ -66,6 +67,24 @@ void put_printable(std::string_view text, Put put, std::string_view own = {})
         }
         text.remove_prefix(length);
     }
+}
+
+/** `text`, or if it has more than `most` bytes, its begin and its end around "...". */
+inline std::string shortened(std::string text, size_t most)
+{
+    constexpr std::string_view dots = "...";
+    if (text.size() <= most)
+        return text;
+    const auto splits_character = [&text](size_t at) {
+        return (static_cast<uint8_t>(text[at]) & 0xC0) == 0x80;
+    };
+    const size_t kept = most - dots.size();
+    size_t head = kept / 2, tail = text.size() - (kept - head);
+    while (head > 0 && splits_character(head))
+        --head;
+    while (tail < text.size() && splits_character(tail))
+        ++tail;
+    return text.replace(head, tail - head, dots);
 }
 
 } // namespace common

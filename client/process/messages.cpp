@@ -31,6 +31,13 @@ std::string printable(const std::string& text)
     return made;
 }
 
+std::string printable_line(const std::string& text)
+{
+    // room for two paths of the greatest length
+    constexpr size_t longest = 12 * 1024;
+    return common::shortened(printable(text), longest);
+}
+
 void print_message(const std::string& sentence)
 {
     print_error_line("screenrecord: " + sentence);
@@ -38,7 +45,8 @@ void print_message(const std::string& sentence)
 
 void print_error_line(const std::string& line)
 {
-    standard_error().put((status_line_shown ? back_to_empty_line : "") + printable(line) + "\n");
+    standard_error().put((status_line_shown ? back_to_empty_line : "") + printable_line(line) +
+                         "\n");
     status_line_shown = false;
 }
 

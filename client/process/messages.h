@@ -41,6 +41,11 @@ private:
 std::string printable(const std::string& text);
 
 /**
+ * printable() as a line that always fits into a LineWriter: the middle of a longer text is left out.
+ */
+std::string printable_line(const std::string& text);
+
+/**
  * Prints "screenrecord: " and the sentence as a line on standard error, in place of a status line
  * shown there.
  */

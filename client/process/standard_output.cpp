@@ -39,7 +39,7 @@ ProgramOutput::~ProgramOutput()
 
 void ProgramOutput::print_line(const std::string& line)
 {
-    write_line(printable(line));
+    write_line(printable_line(line));
 }
 
 void ProgramOutput::print_path(const std::string& path)

@@ -106,6 +106,23 @@ class Names(ShortEndToEndTest):
             self.assertIn(r"\x1b[2J\xc2\x9b5m\xe2\x80\xae", said, words)
         self.assertEqual(evil.output(), f"{self.EVIL}.ts\n")
 
+    def test_long_ones_of_others_are_shortened(self):
+        # Catches a message that is dropped since it is too long, and an output line that waits for room for ever.
+        long = "\u00e9" * 50000
+        cases = [(1, ["shot", "-o", "b.png"], {"ZU3_DISPLAY": long}, "is not known"),
+                 (1, ["shot", "-o", "b.png"], {"DISPLAY": long}, "'screenrecord devices' lists the others"),
+                 (1, ["shot", "-o", "b.png", "--display", long], {}, "'screenrecord devices' lists the others"),
+                 (0, ["devices"], {"DISPLAY": long}, "cannot be reached"), (1, ["doctor"], {"DISPLAY": long}, "Xvfb"),
+                 (2, ["record", long], {}, "")]
+        for code, words, environment, remedy in cases:
+            with self.subTest(words=words[0], variables=list(environment)):
+                client = self.client(*words, environment=environment)
+                self.assert_exit(client, code)
+                said = client.errors() + client.output()
+                self.assertRegex(said, "\u00e9{1000}[.]{3}\u00e9*")
+                self.assertIn(remedy, said)
+                self.assertNotIn("\ufffd", said)
+
     def test_empty_variables_are_unset(self):
         # Catches a warning about a value that nobody gave.
         empty = {f"ZU3_X264_{name}": "" for name in ("PRESET", "THREADS", "KEYINT")}
