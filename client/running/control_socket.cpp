@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 
 #include "process/messages.h"
@@ -15,6 +16,8 @@ namespace {
 
 constexpr size_t most_peers = 8;
 constexpr auto peer_patience = std::chrono::seconds(2);
+constexpr itimerspec until_retry{.it_interval = {},
+                                 .it_value = {.tv_sec = 0, .tv_nsec = 250'000'000}};
 
 [[noreturn]] void fail_to_listen()
 {
@@ -59,7 +62,8 @@ void ControlSocket::listen()
     listener_ =
         common::Descriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     events_ = common::Descriptor(epoll_create1(EPOLL_CLOEXEC));
-    if (!listener_ || !events_ ||
+    retry_ = common::Descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!listener_ || !events_ || !retry_ || !poll_for(events_.get(), retry_.get()) ||
         bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         fail_to_listen();
     if (::listen(listener_.get(), most_peers) != 0 || !poll_for(events_.get(), listener_.get()) ||
@@ -78,11 +82,28 @@ void ControlSocket::serve(const Handle& handle)
     drop_silent();
 }
 
+// A connection that the system has no descriptor for would keep waking the poll.
+void ControlSocket::pause_accepting()
+{
+    epoll_ctl(events_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+    timerfd_settime(retry_.get(), 0, &until_retry, nullptr);
+}
+
+void ControlSocket::resume_accepting()
+{
+    uint64_t expirations = 0;
+    if (read(retry_.get(), &expirations, sizeof expirations) > 0)
+        poll_for(events_.get(), listener_.get());
+}
+
 void ControlSocket::accept_peers()
 {
+    resume_accepting();
     for (size_t accepted = 0; accepted < most_peers; ++accepted) {
         common::Descriptor socket(
             accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED)
+            pause_accepting();
         if (!socket)
             return;
         if (!peer_is_own_user(socket.get()) || !poll_for(events_.get(), socket.get()))

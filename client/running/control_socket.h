@@ -49,6 +49,8 @@ private:
     };
     void listen();
     void accept_peers();
+    void pause_accepting();
+    void resume_accepting();
     void make_room();
     void drop_silent();
     bool hear(Peer& peer, const Handle& handle);
@@ -56,6 +58,8 @@ private:
     std::optional<ControlFolder> folder_;
     common::Descriptor events_;
     common::Descriptor listener_;
+    // runs while connections cannot be accepted
+    common::Descriptor retry_;
     std::deque<Peer> peers_;
     Ticket last_ticket_ = 0;
 };

@@ -2,12 +2,14 @@
 
 import json
 import os
+import pathlib
+import resource
 import signal
 import socket
 import time
 
 import judges
-from harness import SOON, ShortEndToEndTest, pass_time, size_of, wait_until
+from harness import PATIENCE, SOON, ShortEndToEndTest, pass_time, size_of, wait_until
 
 
 class Control(ShortEndToEndTest):
@@ -110,6 +112,28 @@ class Control(ShortEndToEndTest):
         self.assertGreater(json.loads(self.control("status"))["frames"] - frames, 20)
         self.assert_stops(recording)
         self.assertGreater(len(judges.packets(self.path("hostile.mp4"))), 20)
+
+    def test_without_a_descriptor_for_a_peer(self):
+        # Catches a connection that cannot be accepted and makes the recorder spin, or that is never accepted.
+        recording = self.record("full.mp4")
+        task = pathlib.Path(f"/proc/{recording.process.pid}/task/{recording.process.pid}/stat")
+
+        def processor_seconds():
+            return sum(map(int, task.read_text("ascii").rpartition(")")[2].split()[11:13])) / os.sysconf("SC_CLK_TCK")
+
+        most = resource.prlimit(recording.process.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(recording.process.pid, resource.RLIMIT_NOFILE, (8, most[1]))  # all eight are in use
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as peer:
+            peer.connect(str(self.sockets / f"{recording.process.pid}.control"))
+            peer.settimeout(PATIENCE)
+            before = processor_seconds()
+            pass_time(2)
+            used = processor_seconds() - before
+            resource.prlimit(recording.process.pid, resource.RLIMIT_NOFILE, most)
+            peer.send(b"status")
+            self.assertIn(b"recording", peer.recv(4096))
+        self.assertLess(used, 0.5)
+        self.assert_stops(recording)
 
     def test_stopped_and_strange(self):
         recording = self.record("stopped.mp4")
