@@ -285,13 +285,15 @@ ExitCode record(const RecordOptions& options, CommandContext& context)
  */
 ExitCode record_under_new_name(RecordOptions& options, CommandContext& context)
 {
-    while (true) {
+    // other recorders of the same second; more of them have another reason
+    constexpr int most_attempts = 20;
+    for (int attempt = 1;; ++attempt) {
         options.output = new_movie_name();
         try {
             return record(options, context);
         } catch (const Failure& failure) {
             std::error_code error;
-            if (failure.code() != ExitCode::usage ||
+            if (failure.code() != ExitCode::usage || attempt == most_attempts ||
                 !std::filesystem::exists(options.output, error))
                 throw;
         }
