@@ -209,6 +209,8 @@ private:
         if (context_.signals.take_pause_request() == PauseRequest::pause)
             print_message(cannot_pause);
         check_file(output.problem(), watch);
+        if (watch.reader_gone())
+            return true;
         if (problem_ || !source_end_ || !source_end_->reached(file.size()))
             return problem_.has_value();
         problem_ = source_end_->problem();

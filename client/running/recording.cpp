@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
 #include <poll.h>
@@ -211,7 +212,7 @@ RecordingMonitor::RecordingMonitor(const OutputFile& file) : file_(file), last_g
 
 std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statistics_t& now) const
 {
-    if (now.write_failures == 0)
+    if (now.write_failures == 0 || reader_gone())
         return std::nullopt;
     return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
 }
@@ -220,6 +221,12 @@ std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statis
 std::optional<std::string> RecordingMonitor::growth_problem()
 {
     const uint64_t size = file_.size();
+bool RecordingMonitor::reader_gone() const
+{
+    const auto now = statistics_.read();
+    return now && file_.named_pipe() && now->write_failures > 0 && now->last_write_errno == EPIPE;
+}
+
     const bool room = !file_.regular() || free_bytes(file_.fd()) > writer_batch_bytes;
     if (size != last_size_ || room) {
         last_size_ = size;
@@ -233,7 +240,7 @@ std::optional<std::string> RecordingMonitor::growth_problem()
 std::optional<std::string> RecordingMonitor::shortfall() const
 {
     const auto now = statistics_.read();
-    if (!now)
+    if (!now || reader_gone())
         return std::nullopt;
     const auto pictures = static_cast<unsigned long long>(now->pictures_left_out_for_room);
     const auto bytes = static_cast<unsigned long long>(unwritten_bytes(*now));
@@ -245,7 +252,8 @@ std::optional<std::string> RecordingMonitor::shortfall() const
     if (missing.empty())
         return std::nullopt;
     return missing + (pictures > 0 || bytes > 1 ? " are" : " is") + " missing from " +
-           file_.path() + ": its disk did not accept them";
+           file_.path() + ": its " + (file_.named_pipe() ? "reader" : "disk") +
+           " did not accept them";
 }
 
 std::optional<std::string> RecordingMonitor::coarsened() const

@@ -73,8 +73,10 @@ public:
      */
     std::optional<std::string> problem();
     /**
-     * The pictures that found no room and the bytes that did not reach the file because the disk
-     * was too slow, as a sentence for a closed recording; nullopt if none.
+    /** Whether the reader of a named pipe has left, which ends the recording in order. */
+    bool reader_gone() const;
+     * The pictures that found no room and the bytes that did not reach the file because its disk or
+     * reader was too slow, as a sentence for a closed recording; nullopt if none.
      */
     std::optional<std::string> shortfall() const;
     /**

@@ -47,6 +47,20 @@ class Locked(ShortEndToEndTest):
             self.assert_exit(reader, 0)
         self.assertEqual(judges.faults(self.path("copy")), "")
 
+    def test_reader_of_a_pipe_leaves(self):
+        # Catches an end that depends on the format, and words about a disk.
+        cases = [[*RECORD, "-o", "p.ts"], ["record", "-o", "p.mp4"], ["record", "-o", "p.mkv"], [*STREAM, "-o", "p.h264"],
+                 ["pcm", "-o", "p.wav"]]
+        for words in cases:
+            os.mkfifo(self.path(words[-1]))
+        running = [(self.client(*words), words[-1]) for words in cases]
+        for client, name in running:
+            with open(self.path(name), "rb") as pipe:
+                pipe.read(60000)
+            with self.subTest(name):
+                self.assert_exit(client, 0)
+                self.assertNotRegex(client.errors(), "screenrecord:|disk")
+
     def test_name_as_long_as_names_can_be(self):
         name = "x" * 255
         self.run_program("screenrecord", *RECORD, "-t", "0.2", "-o", name, "--status-file", "y" * 255)
