@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """
 X servers that answer one request wrongly: fake_x_server.py MODE... listens as one for each mode and prints their display
-numbers in one line. A mode is TARGET-WAY, or "well"; without modes all are printed.
+numbers in one line. A mode is TARGET-WAY, or "well"; without modes all are printed. "silent-N" answers N connections,
+and no later ones.
 
 Other requests are answered as a server with a screen of 64x64 pixels would. A request is answered in order or not at
 all, but for what comes late.
@@ -178,8 +179,14 @@ def listen():
 
 
 def serve(server, mode):
+    answered = int(mode.removeprefix("silent-")) if mode.startswith("silent-") else sys.maxsize
+    silent = []
     while True:
         client, _ = server.accept()
+        answered -= 1
+        if answered < 0:
+            silent.append(client)
+            continue
         threading.Thread(target=Connection(client, mode).serve, daemon=True).start()
 
 

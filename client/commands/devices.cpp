@@ -2,6 +2,7 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include "running/attended_work.h"
 
 namespace client {
 namespace {
@@ -15,9 +16,12 @@ std::string display_line(const DisplayInfo& display)
     return display.problem.empty() ? line : line + "  cannot be captured: " + display.problem;
 }
 
-void print_display(const std::string& name, ProgramOutput& output)
+constexpr const char* stopped = "cannot list the devices: stopped before all had answered";
+
+void print_display(const std::string& name, CommandContext& context)
 {
-    const auto display = probe_display(name);
+    ProgramOutput& output = context.output;
+    const auto display = attended(context.signals, stopped, [name] { return probe_display(name); });
     if (!display)
         return output.print_line("display  " + name + "  cannot be reached");
     output.print_line(display_line(*display));
@@ -57,17 +61,17 @@ std::string source_line(const SoundSource& source)
 
 ExitCode run(const DevicesOptions&, CommandContext& context)
 {
-    const auto outputs = list_outputs();
+    const auto outputs = attended(context.signals, stopped, list_outputs);
     for (const HostOutput& output : outputs)
         context.output.print_line(output_line(output));
     if (outputs.size() > 1)
         print_message("a recording shows one output; --monitor NAME chooses it");
     for (const std::string& name : known_displays())
-        print_display(name, context.output);
+        print_display(name, context);
     if (outputs.empty() && known_displays().empty())
         print_message(
             "there is no Wayland session and no X display on this machine, and DISPLAY is not set");
-    const auto sources = list_sound_sources();
+    const auto sources = attended(context.signals, stopped, list_sound_sources);
     if (!sources)
         print_message("no sound server answers; recordings are silent");
     else

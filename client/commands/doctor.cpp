@@ -1,12 +1,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <sys/statvfs.h>
+#include <utility>
 #include <vector>
 
 #include "commands/commands.h"
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include "running/attended_work.h"
 #include <common/encoder_limits.h>
 #include <screenrecord/screenrecord.h>
 
@@ -150,16 +152,22 @@ const char* mark(Finding::Kind kind)
 ExitCode run(const DoctorOptions&, CommandContext& context)
 {
     std::vector<Finding> findings{examine_platform()};
-    std::vector<HostFinding> about_screen;
-    const uint32_t source = examine_screen(about_screen);
+    const auto answer_of = [&context](auto question) {
+        return attended(context.signals, "cannot finish the examination: stopped", question);
+    };
+    const auto [source, about_screen] = answer_of([] {
+        std::vector<HostFinding> about;
+        const uint32_t kind = examine_screen(about);
+        return std::pair(kind, std::move(about));
+    });
     for (const HostFinding& finding : about_screen)
         findings.push_back({kind_of(finding), finding.sentence});
-    if (source == ZU3_HOST_SCREEN_X11) {
-        findings.push_back(examine_display());
-        findings.push_back(examine_shared_memory());
-    }
-    for (const auto examine : {examine_sound, examine_disk, examine_encoder})
-        findings.push_back(examine());
+    if (source == ZU3_HOST_SCREEN_X11)
+        for (const auto examine : {examine_display, examine_shared_memory})
+            findings.push_back(answer_of(examine));
+    for (const auto examine : {examine_sound, examine_disk})
+        findings.push_back(answer_of(examine));
+    findings.push_back(examine_encoder());
     bool possible = true;
     for (const Finding& finding : findings) {
         context.output.print_line(mark(finding.kind) + finding.sentence);

@@ -161,7 +161,7 @@ private:
     {
         if (source_pictures_ > 0)
             source_end_.emplace(source_pictures_);
-        Recording recording(options_, file.path_to_reopen(), size_);
+        Recording recording(options_, file.path_to_reopen(), size_, context_.signals);
         const TimePoint end =
             options_.time
                 ? Clock::now() + std::chrono::duration_cast<Clock::duration>(*options_.time)

@@ -1,5 +1,5 @@
 #include <filesystem>
-#include <memory>
+#include <optional>
 
 #include "commands/commands.h"
 #include "files/byte_sink.h"
@@ -8,6 +8,7 @@
 #include "files/png_file.h"
 #include "machine/display.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/attended_work.h"
 #include "running/still_pictures.h"
 
@@ -22,15 +23,6 @@ std::string shot_path(const ShotOptions& options, uint32_t number)
     const std::string extension = path.extension();
     path.replace_extension();
     return path.string() + format_text("-%03u", number) + extension;
-}
-
-/** A display that hangs holds the library for 5 s, longer than a stop may wait. */
-void capture(const std::shared_ptr<StillPictures>& pictures, StopSignals& signals)
-{
-    AttendedWork capturing([pictures] { pictures->capture(); });
-    if (!capturing.wait(signals, std::chrono::milliseconds(500)))
-        throw Failure("cannot take a screenshot: stopped before the display answered");
-    capturing.finish();
 }
 
 /**
@@ -79,14 +71,15 @@ ExitCode run(const ShotOptions& options, CommandContext& context)
     if (options.verbose)
         print_message(format_text("%ux%u of %s", size.width, size.height, display.name.c_str()));
 
-    const auto pictures = std::make_shared<StillPictures>(size, options.format, options.osd);
+    std::optional<StillPictures> pictures;
+    attend_display(context.signals, [&] { pictures.emplace(size, options.format, options.osd); });
     const TimePoint start = Clock::now();
     for (uint32_t number = 1; number <= options.count; ++number) {
         if (context.signals.wait_until(start + options.interval * (number - 1)))
             return number > 1 ? ExitCode::ended_early : ExitCode::failed;
         const std::string path = shot_path(options, number);
         try {
-            capture(pictures, context.signals);
+            attend_display(context.signals, [&] { pictures->capture(); });
             save(ending_of(path) == "raw" ? pictures->raw_bytes()
                                           : encode_png(size, pictures->bgr_bytes()),
                  path, options.overwrite, context);

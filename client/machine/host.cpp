@@ -118,6 +118,14 @@ void give_up_writes()
         give_up();
 }
 
+void give_up_display()
+{
+    static const auto give_up =
+        find<decltype(zu3_host_give_up_display)>("zu3_host_give_up_display");
+    if (give_up)
+        give_up();
+}
+
 bool want_exact_size(uint32_t width, uint32_t height)
 {
     static const auto want = find<decltype(zu3_host_exact_size)>("zu3_host_exact_size");

@@ -12,6 +12,7 @@
 #include <zu3_host/quality.h>
 #include <zu3_host/screen.h>
 #include <zu3_host/slow_disk.h>
+#include <zu3_host/slow_display.h>
 #include <zu3_host/sound_time.h>
 #include <zu3_host/statistics.h>
 
@@ -47,6 +48,8 @@ int frame_event();
 
 /** Makes writes that wait for their disk fail from now on (slow_disk.h). */
 void give_up_writes();
+/** Ends the platform's current waits for the display, if it offers that. */
+void give_up_display();
 
 /**
  * Asks for a stream of exactly this size (exact_size.h).

@@ -22,7 +22,7 @@ void wait(const AttendedWork& opening, StopSignals& signals)
     TimePoint word = Clock::now() + worth_a_word;
     while (!opening.through()) {
         if (signals.raised())
-            throw Failure("cannot capture the screen: stopped while waiting for it");
+            throw Failure(stopped_before_the_screen);
         if (Clock::now() >= word) {
             print_message(
                 "waiting for the screen; if the desktop asks which one to share, answer its dialog");

@@ -4,8 +4,11 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "machine/display.h"
+#include "process/messages.h"
 #include "process/signals.h"
 
 namespace client {
@@ -42,6 +45,24 @@ private:
     };
     std::shared_ptr<Shared> shared_;
 };
+
+/**
+ * The answer to a question that may block, asked on a separate thread; after a stop request a
+ * Failure with `stopped`. The question must own everything that it uses: it can outlive the caller.
+ */
+template <typename Question>
+auto attended(StopSignals& signals, const char* stopped, Question question)
+{
+    const auto answer = std::make_shared<std::optional<decltype(question())>>();
+    AttendedWork asking([answer, question] { answer->emplace(question()); });
+    if (!asking.wait(signals, Clock::duration::zero()))
+        throw Failure(stopped);
+    asking.finish();
+    return std::move(**answer);
+}
+
+inline constexpr const char* stopped_before_the_screen =
+    "cannot capture the screen: stopped while waiting for it";
 
 /**
  * Calls display_to_capture(), which may wait minutes for the user to answer the desktop's dialog.

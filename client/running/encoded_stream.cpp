@@ -4,6 +4,7 @@
 
 #include "machine/host.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/library_log.h"
 #include <common/encoder_limits.h>
 #include <screenrecord/screenrecord.h>
@@ -81,20 +82,23 @@ EncodedStream::EncodedStream(const StreamOptions& options, Size size, StopSignal
                                 .level = options.level,
                                 .osd = options.osd};
     const bool exact = want_exact_size(size.width, size.height);
-    if (video_capenc_open(&params) != 0) {
-        video_capenc_close();
-        throw library_failure(
-            purpose_ +
-            ": the library refused to open capture and encoder with this size, rate, profile and level");
-    }
-    forget_library_log();
-    size_ = exact ? size : Size{params.width, params.height};
     try {
+        attend_display(signals, [&] { open(params); });
+        size_ = exact ? size : Size{params.width, params.height};
         start(options.watermark, signals);
     } catch (const Failure&) {
         video_capenc_close();
         throw;
     }
+}
+
+void EncodedStream::open(CapEnc_OpenParams& params) const
+{
+    if (video_capenc_open(&params) != 0)
+        throw library_failure(
+            purpose_ +
+            ": the library refused to open capture and encoder with this size, rate, profile and level");
+    forget_library_log();
 }
 
 void EncodedStream::start(const WatermarkOptions& watermark, StopSignals& signals)

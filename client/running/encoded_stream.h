@@ -10,6 +10,7 @@
 #include "files/png_file.h"
 #include "process/signals.h"
 #include "running/attended_work.h"
+#include <screenrecord/screenrecord.h>
 
 namespace client {
 
@@ -75,6 +76,7 @@ public:
     void stop();
 
 private:
+    void open(CapEnc_OpenParams& params) const;
     void start(const WatermarkOptions& watermark, StopSignals& signals);
 
     const std::string purpose_;

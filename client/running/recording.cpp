@@ -13,6 +13,7 @@
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
+#include "running/attended_display.h"
 #include "running/library_log.h"
 #include <screenrecord/screenrecord.h>
 
@@ -125,15 +126,18 @@ uint64_t free_bytes(int fd)
 
 } // namespace
 
-Recording::Recording(const RecordOptions& options, const std::string& file, Size size)
+Recording::Recording(const RecordOptions& options, const std::string& file, Size size,
+                     StopSignals& signals)
     : slot_(options.slot), one_call_(options.one_call)
 {
     ask_for_rate(options);
     try {
-        if (one_call_)
-            open_in_one_call(options, file, size);
-        else
-            open_step_by_step(options, file, size);
+        attend_display(signals, [&] {
+            if (one_call_)
+                open_in_one_call(options, file, size);
+            else
+                open_step_by_step(options, file, size);
+        });
         open_ = true;
     } catch (const Failure&) {
         close();
@@ -217,16 +221,16 @@ std::optional<std::string> RecordingMonitor::write_problem(const zu3_host_statis
     return "cannot write to " + file_.path() + " any more: " + error_text(now.last_write_errno);
 }
 
-// Used without statistics: detects a file that stops growing on a full disk.
-std::optional<std::string> RecordingMonitor::growth_problem()
-{
-    const uint64_t size = file_.size();
 bool RecordingMonitor::reader_gone() const
 {
     const auto now = statistics_.read();
     return now && file_.named_pipe() && now->write_failures > 0 && now->last_write_errno == EPIPE;
 }
 
+// Used without statistics: detects a file that stops growing on a full disk.
+std::optional<std::string> RecordingMonitor::growth_problem()
+{
+    const uint64_t size = file_.size();
     const bool room = !file_.regular() || free_bytes(file_.fd()) > writer_batch_bytes;
     if (size != last_size_ || room) {
         last_size_ = size;

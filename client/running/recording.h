@@ -26,11 +26,12 @@ public:
         patience_at_the_end{15'000};
 
     /**
-     * Opens and starts it; throws Failure.
+     * Opens and starts it; throws Failure. A stop request ends a wait for the display.
      * @param file the name for the library, instead of `options.output`
      * @param size of the pictures, instead of `options.size`
      */
-    Recording(const RecordOptions& options, const std::string& file, Size size);
+    Recording(const RecordOptions& options, const std::string& file, Size size,
+              StopSignals& signals);
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
     ~Recording();
@@ -72,9 +73,9 @@ public:
      * does not end it: the platform logs the loss and records silence.
      */
     std::optional<std::string> problem();
-    /**
     /** Whether the reader of a named pipe has left, which ends the recording in order. */
     bool reader_gone() const;
+    /**
      * The pictures that found no room and the bytes that did not reach the file because its disk or
      * reader was too slow, as a sentence for a closed recording; nullopt if none.
      */

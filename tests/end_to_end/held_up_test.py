@@ -14,7 +14,7 @@ import signal
 import subprocess
 
 import judges
-from harness import SANITIZED, TEST_CARD, ShortEndToEndTest, full_pipe, size_of, wait_until
+from harness import SANITIZED, SOURCE, TEST_CARD, ShortEndToEndTest, full_pipe, size_of, wait_until
 
 # Seconds for a stop while an output is blocked.
 STOP = 30 if SANITIZED else 3
@@ -155,6 +155,38 @@ class Readers(ShortEndToEndTest):
                                 environment={"ANDROID_LOG_TAGS": "*:V", "TERM": "dumb"})
         self.assert_exit(recording, 0)
         self.assertGreater(len(judges.packets(self.path("e.ts"))), 20 if SANITIZED else 60)
+
+
+class Display(ShortEndToEndTest):
+    """X servers that answer a client's first connection, or none, and leave the next without an answer."""
+
+    def test_stop_is_heard(self):
+        # Catches an opening that waits for the display's answer and does not look for signals, and a file it leaves.
+        waiting = "cannot capture the screen: stopped while waiting for it"
+        cases = [(1, ["record", "-o", "a.ts"], waiting), (1, ["record", "-o", "a.mkv"], waiting),
+                 (1, ["stream", "-o", "a.h264"], waiting), (1, ["shot", "-o", "a.png"], waiting),
+                 (1, ["replay", "-o", self.folder], waiting), (0, ["record", "-o", "b.ts"], waiting),
+                 (0, ["devices"], "cannot list the devices: stopped before all had answered"),
+                 (0, ["doctor"], "cannot finish the examination: stopped")]
+        servers = self.start("python3", SOURCE / "tools" / "fake_x_server.py", *(f"silent-{case[0]}" for case in cases))
+        running = [(self.client(*words, environment={"DISPLAY": f":{number}"}), sentence)
+                   for number, (_, words, sentence) in zip(servers.first_line().split(), cases)]
+        for (answered, words, _), (client, _) in zip(cases, running):
+            wait_until(lambda client=client, count=answered + 1: self.connections(client) >= count, words)
+        for client, _ in running:
+            client.process.send_signal(signal.SIGTERM)
+        for client, sentence in running:
+            with self.subTest(client.arguments):
+                self.assert_exit(client, 1, STOP)
+                self.assertIn(f"screenrecord: {sentence}\n", client.errors())
+        self.assertFalse([name for name in os.listdir(self.folder) if name.startswith(("a.", "b."))])
+
+    @staticmethod
+    def connections(client):
+        """The number of connections that the process has begun, which its threads show."""
+        names = [task.read_text("ascii").strip()
+                 for task in pathlib.Path(f"/proc/{client.process.pid}/task").glob("*/comm")]
+        return 2 if "zu3 display" in names else len(names) > 1
 
 
 class Limits(ShortEndToEndTest):

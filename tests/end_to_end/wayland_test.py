@@ -339,7 +339,7 @@ class SessionFails(UnmeasuredEndToEndTest):
         wait_until(lambda: self.status()["display_answers"] is False, "word of it")
         wait_until(lambda: "does not answer" in shots.errors(), "word of it")
         self.assert_stops(shots, 3, seconds=2 * SOON)
-        self.assertIn("stopped before the display answered", shots.errors())
+        self.assertIn("stopped while waiting for it", shots.errors())
         before = self.status()["frames"]
         self.session.process.send_signal(signal.SIGCONT)
         wait_until(lambda: self.status()["display_answers"] and self.status()["frames"] > before, "further pictures")

@@ -122,8 +122,9 @@ struct HeldSource : WaitingSource {
     bool ended = false;
 };
 
-// Catches a slow display taken for lost or asked twice, a stale picture, a stop that waits for it, a
-// still screen for which a thread wakes up, and a glance at a source that is in use.
+// Catches a slow display taken for lost or asked twice, a stale picture, a stop that waits for it or
+// a client that gives it up and still does, a still screen for which a thread wakes up, and a glance
+// at a source that is in use.
 TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
 {
     HeldSource* held = nullptr;
@@ -160,8 +161,14 @@ TEST(PatientSource, GivesUpInTimeButNotTheAnswer)
     EXPECT_EQ(counters().display_silent_ms, 0u);
     EXPECT_EQ(grab(true, 50ms), 0u);
     EXPECT_EQ(grab_and_give(false, 2), 4u) << "the picture that was asked for with the pointer";
+    auto given_up = std::async(std::launch::async, grab, true, 3600s);
+    EXPECT_TRUE(wait_until([&] {
+        give_up_displays();
+        return given_up.wait_for(0s) == std::future_status::ready;
+    }));
     stop.request_stop();
     EXPECT_EQ(grab(true, 3600s), 0u);
+    EXPECT_EQ(given_up.get(), 0u);
     EXPECT_FALSE(PatientSource::open("None", [] { return nullptr; }));
 }
 

@@ -4,6 +4,7 @@
 #include "base/threads.h"
 #include "statistics/counters.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -19,7 +20,23 @@ namespace {
 constexpr auto slice = std::chrono::milliseconds(50);
 constexpr uint32_t worth_a_word_ms = 1000;
 
+std::atomic<uint32_t> times_given_up{0};
+
+/** Whether displays were given up since the construction. */
+class GivenUp {
+public:
+    explicit operator bool() const { return times_given_up != before_; }
+
+private:
+    const uint32_t before_ = times_given_up;
+};
+
 } // namespace
+
+void give_up_displays()
+{
+    ++times_given_up;
+}
 
 /** The state shared by both threads. */
 struct PatientSource::Shared {
@@ -87,7 +104,8 @@ std::unique_ptr<PatientSource> PatientSource::open(const std::string& name, Open
         "zu3 display", [shared, open = std::move(open)] { Shared::serve(shared, open); });
     std::unique_lock lock(shared->mutex);
     bool answered = false;
-    for (auto left = limit / slice; left > 0 && !answered; --left)
+    const GivenUp given_up;
+    for (auto left = limit / slice; left > 0 && !answered && !given_up; --left)
         answered = shared->wait_a_slice(lock);
     if (shared->source)
         return std::unique_ptr<PatientSource>(
@@ -125,7 +143,9 @@ std::optional<BgraImage> PatientSource::grab(const GrabRequest& request)
             return image;
         shared_->hand_over(request);
     }
-    for (auto left = request.patience / slice; left > 0 && !request.stop.stop_requested();) {
+    const GivenUp given_up;
+    for (auto left = request.patience / slice;
+         left > 0 && !request.stop.stop_requested() && !given_up;) {
         if (!shared_->wait_a_slice(lock)) {
             --left;
             note_silence();

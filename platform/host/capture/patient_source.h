@@ -22,6 +22,9 @@ public:
     virtual void cut() = 0;
 };
 
+/** Ends the waits of all patient sources that are under way. Any thread. */
+void give_up_displays();
+
 /**
  * Grabs, on a separate thread, from a source whose grab may block without limit. If a glance is
  * enough, the caller's thread makes it, so no other wakes up. A grab here times out while the

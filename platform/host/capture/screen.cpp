@@ -2,12 +2,14 @@
 
 #include "base/border.h"
 #include "capture/cropped_source.h"
+#include "capture/patient_source.h"
 #include "capture/source_choice.h"
 
 #include <cmath>
 #include <mutex>
 #include <string>
 #include <utility>
+#include <zu3_host/slow_display.h>
 
 namespace zu3host {
 
@@ -155,4 +157,9 @@ HOST_EXPORT uint32_t zu3_host_examine_screen(zu3_host_finding_receiver_t receive
         return ZU3_HOST_SCREEN_UNKNOWN;
     return zu3host::at_border(__func__, uint32_t{ZU3_HOST_SCREEN_UNKNOWN},
                               [=] { return zu3host::tell_findings(receiver, user); });
+}
+
+HOST_EXPORT void zu3_host_give_up_display(void)
+{
+    zu3host::give_up_displays();
 }
