@@ -49,8 +49,8 @@ class Locked(ShortEndToEndTest):
 
     def test_reader_of_a_pipe_leaves(self):
         # Catches an end that depends on the format, and words about a disk.
-        cases = [[*RECORD, "-o", "p.ts"], ["record", "-o", "p.mp4"], ["record", "-o", "p.mkv"], [*STREAM, "-o", "p.h264"],
-                 ["pcm", "-o", "p.wav"]]
+        cases = [[*RECORD, "-o", "p.ts"], ["record", "-o", "p.mp4"], ["record", "-o", "p.mkv"],
+                 [*STREAM, "-o", "p.h264"], ["pcm", "-o", "p.wav"]]
         for words in cases:
             os.mkfifo(self.path(words[-1]))
         running = [(self.client(*words), words[-1]) for words in cases]
