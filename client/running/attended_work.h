@@ -49,15 +49,21 @@ private:
 /**
  * The answer to a question that may block, asked on a separate thread; after a stop request a
  * Failure with `stopped`. The question must own everything that it uses: it can outlive the caller.
+ * If the system lacks a descriptor or a thread, the question is asked on this one.
  */
 template <typename Question>
 auto attended(StopSignals& signals, const char* stopped, Question question)
 {
     const auto answer = std::make_shared<std::optional<decltype(question())>>();
-    AttendedWork asking([answer, question] { answer->emplace(question()); });
-    if (!asking.wait(signals, Clock::duration::zero()))
+    std::optional<AttendedWork> asking;
+    try {
+        asking.emplace([answer, question] { answer->emplace(question()); });
+    } catch (const Failure&) {
+        return question();
+    }
+    if (!asking->wait(signals, Clock::duration::zero()))
         throw Failure(stopped);
-    asking.finish();
+    asking->finish();
     return std::move(**answer);
 }
 
