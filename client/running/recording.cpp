@@ -3,18 +3,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
-#include <mutex>
 #include <poll.h>
 #include <sys/statvfs.h>
-#include <system_error>
-#include <thread>
 
 #include "machine/display.h"
 #include "machine/host.h"
 #include "process/messages.h"
 #include "running/attended_display.h"
 #include "running/library_log.h"
+#include "running/repeated_look.h"
 #include <screenrecord/screenrecord.h>
 
 namespace client {
@@ -28,42 +25,29 @@ using namespace std::chrono_literals;
  */
 class DiskPatience {
 public:
-    explicit DiskPatience(const StatisticsDelta& statistics) : statistics_(statistics)
-    {
-        try {
-            watch_ = std::jthread([this](const std::stop_token& ended) { watch(ended); });
-        } catch (const std::system_error&) {
-            // The system has no thread left, so a stalled disk gets all the time that it needs.
-        }
-    }
+    explicit DiskPatience(const StatisticsDelta& statistics) : statistics_(statistics) {}
 
     bool given_up() const { return given_up_; }
 
 private:
-    void watch(const std::stop_token& ended)
+    bool look()
     {
-        std::unique_lock lock(mutex_);
-        // Counts looks instead of time: after SIGSTOP and SIGCONT the disk still has all of it.
-        int looks = 0;
-        while (!wake_.wait_for(lock, ended, 50ms, [] { return false; }) &&
-               !ended.stop_requested()) {
-            const auto now = statistics_.read();
-            const bool waiting =
-                now && std::chrono::microseconds(now->write_waiting_us) >= 50ms * looks;
-            looks = waiting && now->write_waiting_us > 0 ? looks + 1 : 0;
-            if (looks < 20)
-                continue;
-            given_up_ = true;
-            return give_up_writes();
-        }
+        const auto now = statistics_.read();
+        const bool waiting = now && std::chrono::microseconds(now->write_waiting_us) >=
+                                        RepeatedLook::interval * looks_;
+        looks_ = waiting && now->write_waiting_us > 0 ? looks_ + 1 : 0;
+        if (looks_ < 20)
+            return true;
+        given_up_ = true;
+        give_up_writes();
+        return false;
     }
 
     const StatisticsDelta& statistics_;
     std::atomic<bool> given_up_{false};
-    std::mutex mutex_;
-    std::condition_variable_any wake_;
+    int looks_ = 0;
     // last member: it uses the others
-    std::jthread watch_;
+    RepeatedLook watch_{[this] { return look(); }};
 };
 
 constexpr auto writer_look = 10ms;
